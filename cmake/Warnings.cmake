@@ -1,0 +1,15 @@
+add_library(tarvo_options INTERFACE)
+target_compile_options(tarvo_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Woverloaded-virtual -Wcast-align
+  $<$<BOOL:${TARVO_WERROR}>:-Werror>
+  # Default arguments and member initialisers that are left out on purpose are not a fault.
+  -Wno-missing-field-initializers
+  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
+if(TARVO_SANITIZE)
+  target_compile_options(tarvo_options INTERFACE -fsanitize=${TARVO_SANITIZE} -fno-omit-frame-pointer
+    $<$<CXX_COMPILER_ID:GNU>:-Wno-tsan>)
+  if(TARVO_SANITIZE MATCHES "undefined")
+    target_compile_options(tarvo_options INTERFACE -fno-sanitize-recover=all)
+  endif()
+  target_link_options(tarvo_options INTERFACE -fsanitize=${TARVO_SANITIZE})
+endif()

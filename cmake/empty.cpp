@@ -1,0 +1,1 @@
+// A folder that has no source yet still makes a library.

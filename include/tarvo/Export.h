@@ -1,0 +1,4 @@
+#pragma once
+
+/// Marks what the shared library shows; everything else in it is hidden.
+#define TARVO_API __attribute__((visibility("default")))

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+
+#include <tarvo/Export.h>
+#include <tarvo/platform/Date.h>
+
+namespace tarvo::platform {
+
+/// Where all code reads the time: positions, ages, the upload channel and file names follow the installed clock.
+/// Only network time-outs run on the machine's own time.
+///
+/// Threads: any. A clock is installed before the first touch of the library and kept for good.
+class TARVO_API Clock {
+ public:
+  virtual ~Clock() = default;
+
+  /// Wall time.
+  virtual Date now() const = 0;
+  /// Time since an arbitrary start; never goes backwards.
+  virtual Seconds monotonic() const = 0;
+  /// Real seconds until this clock shows `date` by itself; absent when only a caller moves it.
+  virtual std::optional<Seconds> realTimeUntil(Date date) const = 0;
+
+  /// The installed clock; the machine's own until another is installed.
+  static std::shared_ptr<Clock> current();
+  static void install(std::shared_ptr<Clock> clock);
+};
+
+/// A clock that stands still until its owner moves it: tests and replays.
+///
+/// Threads: any. `advanceTo` returns after the timers that became due have been handed to their queues.
+class TARVO_API ManualClock final : public Clock {
+ public:
+  explicit ManualClock(Date start);
+  ~ManualClock() override;
+
+  Date now() const override;
+  Seconds monotonic() const override;
+  std::optional<Seconds> realTimeUntil(Date date) const override;
+
+  /// Moves forward to `date`; an earlier date changes nothing.
+  void advanceTo(Date date);
+  void advance(Seconds span);
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace tarvo::platform

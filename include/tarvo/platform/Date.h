@@ -1,0 +1,20 @@
+#pragma once
+
+#include <chrono>
+
+namespace tarvo::platform {
+
+/// Seconds as a double: spans of time are never rounded to whole milliseconds.
+using Seconds = std::chrono::duration<double>;
+
+/// A moment of wall time, UTC, counted from 1970-01-01 in unrounded seconds.
+using Date = std::chrono::time_point<std::chrono::system_clock, Seconds>;
+
+constexpr Date dateSince1970(double seconds) { return Date(Seconds(seconds)); }
+constexpr double secondsSince1970(Date date) { return date.time_since_epoch().count(); }
+
+/// 0001-01-01 and 4001-01-01: the bounds that stand for "no bound".
+constexpr Date distantPast() { return dateSince1970(-62135769600.0); }
+constexpr Date distantFuture() { return dateSince1970(64092211200.0); }
+
+}  // namespace tarvo::platform

@@ -1,0 +1,116 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <tarvo/Export.h>
+
+namespace tarvo::platform {
+
+/// The numbers are the contract.
+enum class UIApplicationState : std::int64_t { active = 0, inactive = 1, background = 2 };
+enum class UIDeviceBatteryState : std::int64_t { unknown = 0, unplugged = 1, charging = 2, full = 3 };
+
+/// One button of an alert; `handler` may be empty. Call it at most once, on any thread.
+struct AlertAction {
+  std::string title;
+  bool isCancel = false;
+  std::function<void()> handler;
+};
+
+struct Alert {
+  std::string title;
+  std::string message;
+  std::vector<AlertAction> actions;
+};
+
+/// What only the host can do for the library. Each operation has a default that does the least.
+///
+/// Threads: called on the main queue, with no lock held; never waited for.
+class TARVO_API HostApplication {
+ public:
+  virtual ~HostApplication();
+
+  /// Shows an alert; answering false says that there is nothing to show it on (the default).
+  virtual bool presentAlert(const Alert& alert);
+  /// Opens a URL, for instance the settings page.
+  virtual void openURL(const std::string& url);
+  /// Asks for push messages; a token comes back through the facade.
+  virtual void registerForRemoteNotifications();
+  /// The least number of seconds between two background fetches.
+  virtual void setMinimumBackgroundFetchInterval(double seconds);
+};
+
+/// Installs the host's answers; an empty pointer restores the defaults. Threads: any.
+TARVO_API void setHostApplication(std::shared_ptr<HostApplication> host);
+
+/// The application's state as the host tells it. Threads: any, readable without asking the main thread.
+class TARVO_API UIApplication {
+ public:
+  static UIApplication& shared();
+
+  /// active until the host says otherwise.
+  UIApplicationState applicationState() const;
+
+  /// Each sets the state (where it changes) and posts the notification of that name on the caller's thread, which
+  /// should be the main one; the library has seen it when the call returns.
+  void didFinishLaunching();
+  void didBecomeActive();
+  void willResignActive();
+  void didEnterBackground();
+
+  void present(Alert alert);
+  void openURL(std::string url);
+  void registerForRemoteNotifications();
+  void setMinimumBackgroundFetchInterval(double seconds);
+
+ private:
+  UIApplication() = default;
+};
+
+inline constexpr const char* UIApplicationOpenSettingsURLString = "app-settings:";
+inline constexpr const char* UIApplicationDidEnterBackgroundNotification = "UIApplicationDidEnterBackgroundNotification";
+inline constexpr const char* UIApplicationDidBecomeActiveNotification = "UIApplicationDidBecomeActiveNotification";
+inline constexpr const char* UIApplicationDidFinishLaunchingNotification =
+    "UIApplicationDidFinishLaunchingNotification";
+inline constexpr const char* UIDeviceBatteryStateDidChangeNotification = "UIDeviceBatteryStateDidChangeNotification";
+
+/// The device: battery, names, identifiers.
+///
+/// Battery: from /sys/class/power_supply until the host sets it. While monitoring is off the state is unknown and
+/// the level -1. Threads: any.
+class TARVO_API UIDevice {
+ public:
+  static UIDevice& current();
+
+  void setBatteryMonitoringEnabled(bool enabled);
+  UIDeviceBatteryState batteryState() const;
+  /// 0 to 1, or -1 when unknown.
+  double batteryLevel() const;
+  /// The host knows better: overrides the kernel and, on a change of state while monitoring, posts
+  /// UIDeviceBatteryStateDidChangeNotification on the caller's thread.
+  void setBattery(UIDeviceBatteryState state, double level);
+
+  /// Host name; name and version of the distribution (os-release).
+  std::string name() const;
+  std::string systemName() const;
+  std::string systemVersion() const;
+  /// The platform level that gates features: 10 unless a host or test sets another; not the kernel's number.
+  int platformLevel() const;
+  void setPlatformLevel(int level);
+
+  /// Upper-case UUID made from /etc/machine-id (hashed, never the id itself), kept in the home directory; absent
+  /// when neither can be read.
+  std::optional<std::string> identifierForVendor() const;
+  /// A host with an identifier of its own sets it; an empty text makes it absent.
+  void setIdentifierForVendor(std::optional<std::string> uuid);
+
+ private:
+  UIDevice() = default;
+};
+
+}  // namespace tarvo::platform

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <functional>
+#include <string_view>
+
+#include <tarvo/Export.h>
+
+namespace tarvo::platform {
+
+/// Receives every message verbatim, one call each. May be called from any thread, several at a time.
+using SystemLogSink = std::function<void(std::string_view message)>;
+
+/// Replaces the console (standard error) as the place where messages go; an empty sink restores it.
+/// Threads: any; set it before the library is used, a call in flight may still reach the old one.
+TARVO_API void setSystemLogSink(SystemLogSink sink);
+
+/// Writes one line to the console: local time, program, process and thread, then the message as it is.
+/// Threads: any; lines are never interleaved. Empty messages are dropped.
+TARVO_API void NSLog(std::string_view message);
+
+}  // namespace tarvo::platform

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <tarvo/Export.h>
+#include <tarvo/platform/Value.h>
+
+namespace tarvo::platform {
+
+/// Small settings that outlive the process, in `Library/Preferences/defaults.plist` of the home directory.
+///
+/// Typed reads convert as the platform documents: a missing key is 0, false or absent; "12abc" reads as 12;
+/// a Boolean reads as 1 or 0; 3.9 reads as 3. Own writes are seen at once.
+/// A write is durable when the call returns (temporary file, flush, rename; mode 0600). A file that cannot be
+/// read as a property list is left alone, reported once in the system log, and the settings start empty in memory.
+/// Threads: any. Errors: never throws; a failed write is reported in the system log and kept in memory.
+class TARVO_API UserDefaults {
+ public:
+  /// The process's settings; lives as long as the process.
+  static UserDefaults& standard();
+
+  std::int64_t integer(std::string_view key) const;
+  double number(std::string_view key) const;
+  bool boolean(std::string_view key) const;
+  std::optional<std::string> string(std::string_view key) const;
+  std::optional<Value> object(std::string_view key) const;
+
+  /// A null value removes the key.
+  void set(std::string_view key, Value value);
+  void remove(std::string_view key);
+
+ private:
+  UserDefaults();
+  ~UserDefaults() = delete;
+  struct State;
+  State* state_;
+};
+
+}  // namespace tarvo::platform

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include <tarvo/Export.h>
+
+namespace tarvo::platform {
+
+class Value;
+using Array = std::vector<Value>;
+using Dictionary = std::map<std::string, Value, std::less<>>;
+
+/// What JSON texts and property lists hold: null, Boolean, integer, double, text, array or dictionary.
+///
+/// A plain value: copies are independent. A Boolean is never a number and null is not "absent".
+/// Threads: as a std::string (concurrent reads only).
+class TARVO_API Value {
+ public:
+  Value() = default;
+  Value(std::nullptr_t) {}
+  Value(bool value) : data_(value) {}
+  Value(int value) : data_(std::int64_t{value}) {}
+  Value(std::int64_t value) : data_(value) {}
+  Value(double value) : data_(value) {}
+  Value(const char* value) : data_(std::string(value)) {}
+  Value(std::string value) : data_(std::move(value)) {}
+  Value(std::string_view value) : data_(std::string(value)) {}
+  Value(Array value) : data_(std::move(value)) {}
+  Value(Dictionary value) : data_(std::move(value)) {}
+
+  bool isNull() const { return std::holds_alternative<std::nullptr_t>(data_); }
+  bool isNumber() const;
+
+  /// The content when it is of just that type, else absent (or a null pointer).
+  std::optional<bool> asBool() const;
+  /// An integer, or a double with an integral value inside the range of 64 bits.
+  std::optional<std::int64_t> asInteger() const;
+  /// An integer or a double.
+  std::optional<double> asDouble() const;
+  const std::string* asString() const { return std::get_if<std::string>(&data_); }
+  const Array* asArray() const { return std::get_if<Array>(&data_); }
+  const Dictionary* asDictionary() const { return std::get_if<Dictionary>(&data_); }
+
+  bool operator==(const Value&) const = default;
+
+ private:
+  std::variant<std::nullptr_t, bool, std::int64_t, double, std::string, Array, Dictionary> data_ = nullptr;
+};
+
+/// The value under `key`, or a null pointer when the key is absent.
+TARVO_API const Value* find(const Dictionary& dictionary, std::string_view key);
+
+/// The text under `key`, absent when the key is absent or holds something else.
+TARVO_API std::optional<std::string> findString(const Dictionary& dictionary, std::string_view key);
+
+}  // namespace tarvo::platform

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <tarvo/platform/Date.h>
+
+namespace tarvo::platform {
+
+/// Counts everything that is queued, running or in flight in this process, so that one can wait until nothing is.
+///
+/// Each queued block, each transfer from its start to the end of its completion, and each due timer counts. What a
+/// block starts is counted before the block ends, so the count passes zero only when all work is done.
+/// Threads: any.
+class Activity {
+ public:
+  static void begin();
+  static void end();
+  static bool idle();
+
+  /// Waits until nothing is under way or `limit` of real time has passed; answers whether it is idle.
+  /// Runs the main queue's blocks while waiting when called on the main thread.
+  /// Must not be called from a block of a queue: the block itself would be waited for (fatal).
+  static bool waitUntilIdle(Seconds limit);
+};
+
+/// Counts for as long as it lives.
+class ActivityToken {
+ public:
+  ActivityToken() { Activity::begin(); }
+  ~ActivityToken() { Activity::end(); }
+  ActivityToken(const ActivityToken&) = delete;
+  ActivityToken& operator=(const ActivityToken&) = delete;
+};
+
+}  // namespace tarvo::platform

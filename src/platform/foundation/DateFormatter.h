@@ -1,0 +1,35 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <tarvo/platform/Date.h>
+
+namespace tarvo::platform {
+
+/// Formats and parses dates by a pattern of Unicode TR 35, locale en_US_POSIX, Gregorian calendar, strict.
+///
+/// "YYYY" is the week-based year: right around the New Year only when parsing. Fractions are cut, never rounded.
+/// Threads: any; each object guards its own formatter.
+class DateFormatter {
+ public:
+  /// Without a zone the device's own is used.
+  explicit DateFormatter(std::string_view pattern, std::optional<std::string_view> timeZone = std::nullopt);
+  ~DateFormatter();
+
+  void setTimeZone(std::optional<std::string_view> timeZone);
+  std::string string(Date date) const;
+  /// Absent when the text does not match to its end.
+  std::optional<Date> date(std::string_view text) const;
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+/// `4/1/09, 12:40:22 PM Coordinated Universal Time`: short date and full time in the device's locale and zone.
+std::string localizedShortDateFullTime(Date date);
+
+}  // namespace tarvo::platform

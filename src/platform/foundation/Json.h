@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include <tarvo/platform/Value.h>
+
+#include "platform/foundation/Error.h"
+
+namespace tarvo::platform {
+
+/// Parses a JSON text, bare values at the top included. Texts over 64 MiB or nested deeper than 512 are refused, so
+/// that no reply can exhaust the stack or the memory. Trailing text, comments and NaN are errors (Cocoa 3840).
+Result<Value> parseJson(std::string_view text);
+
+/// Whether `serializeJson` can write it: an array or dictionary at the top, finite numbers, valid UTF-8 texts.
+bool isValidJsonObject(const Value& value);
+
+/// Compact text, keys ascending, doubles in the fewest digits; an error for what is not a valid JSON object.
+Result<std::string> serializeJson(const Value& value);
+
+}  // namespace tarvo::platform

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <condition_variable>
+#include <mutex>
+
+// Clang checks these statically (-Wthread-safety); other compilers see nothing.
+#if defined(__clang__)
+#define TARVO_TSA(x) __attribute__((x))
+#else
+#define TARVO_TSA(x)
+#endif
+#define GUARDED_BY(m) TARVO_TSA(guarded_by(m))
+#define REQUIRES(...) TARVO_TSA(requires_capability(__VA_ARGS__))
+#define EXCLUDES(...) TARVO_TSA(locks_excluded(__VA_ARGS__))
+
+namespace tarvo::platform {
+
+/// std::mutex as a capability that clang's thread-safety analysis can follow.
+class TARVO_TSA(capability("mutex")) Mutex {
+ public:
+  void lock() TARVO_TSA(acquire_capability()) { mutex_.lock(); }
+  void unlock() TARVO_TSA(release_capability()) { mutex_.unlock(); }
+
+ private:
+  std::mutex mutex_;
+};
+
+/// Holds a Mutex for a scope.
+class TARVO_TSA(scoped_lockable) MutexLock {
+ public:
+  explicit MutexLock(Mutex& mutex) TARVO_TSA(acquire_capability(mutex)) : mutex_(mutex) { mutex_.lock(); }
+  ~MutexLock() TARVO_TSA(release_capability()) { mutex_.unlock(); }
+  MutexLock(const MutexLock&) = delete;
+  MutexLock& operator=(const MutexLock&) = delete;
+
+ private:
+  Mutex& mutex_;
+};
+
+/// A condition that is waited for with the Mutex held: `while (!ready) condition.wait(mutex);`
+using Condition = std::condition_variable_any;
+
+}  // namespace tarvo::platform

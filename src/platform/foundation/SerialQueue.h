@@ -1,0 +1,43 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace tarvo::platform {
+
+/// Runs blocks one at a time, in the order in which they were submitted.
+///
+/// Threads: any thread may submit. Blocks given to `async` run on a worker thread of the queue's own, which starts
+/// with the first of them and ends when the queue has been empty for a while; the block given to `sync` runs on the
+/// caller's thread once its turn has come.
+/// Blocks must not throw. Destruction waits for what was submitted.
+class SerialQueue {
+ public:
+  explicit SerialQueue(std::string label);
+  ~SerialQueue();
+  SerialQueue(const SerialQueue&) = delete;
+  SerialQueue& operator=(const SerialQueue&) = delete;
+
+  /// Returns at once, also from inside a block (the new one runs after it).
+  void async(std::function<void()> block);
+
+  /// Returns after the block, which waits for all submitted before. On the queue itself this can never end: fatal.
+  void sync(const std::function<void()>& block);
+
+  /// As `sync`, but from inside a block of this queue it runs at once, before what is queued.
+  void syncReentrant(const std::function<void()>& block);
+
+  /// Whether the calling thread stands in a block of this queue, however deep below others.
+  bool isCurrent() const;
+  /// Whether the calling thread stands in a block of any queue.
+  static bool onAnyQueue();
+
+  const std::string& label() const;
+
+ private:
+  struct State;
+  std::shared_ptr<State> state_;
+};
+
+}  // namespace tarvo::platform

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include <tarvo/platform/Date.h>
+
+namespace tarvo::platform {
+
+class SerialQueue;
+
+/// A block that is handed to a queue once the installed clock has reached a moment.
+///
+/// Dropping the last pointer or `cancel` ends it; a block already handed over still runs. With a clock that is moved
+/// by hand, due blocks have been handed over when the move returns. Threads: any.
+class Timer {
+ public:
+  /// `queue` outlives the timer.
+  static std::shared_ptr<Timer> at(Date due, SerialQueue& queue, std::function<void()> block);
+  virtual ~Timer() = default;
+  virtual void cancel() = 0;
+};
+
+/// Tells the timers that the installed clock was moved or replaced.
+void clockMoved();
+
+}  // namespace tarvo::platform

@@ -1,0 +1,101 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <tarvo/platform/CLLocation.h>
+#include <tarvo/platform/LocationService.h>
+
+#include "platform/foundation/Error.h"
+
+namespace tarvo::platform {
+
+class CLLocationManager;
+
+inline constexpr double kCLLocationAccuracyBest = -1;
+inline constexpr double kCLLocationAccuracyNearestTenMeters = 10;
+inline constexpr double kCLLocationAccuracyHundredMeters = 100;
+inline constexpr double kCLDistanceFilterNone = -1;
+inline constexpr double CLLocationDistanceMax = 1.7976931348623157e308;
+inline constexpr const char* kCLErrorDomain = "kCLErrorDomain";
+
+/// A disc on the ground. Two regions are the same when their identifiers are.
+struct CLCircularRegion {
+  std::string identifier;
+  CLLocationCoordinate2D center;
+  double radius = 0;  ///< metres
+  /// `CLCircularRegion (identifier:'X', center:<+48.13750000,+11.57550000>, radius:141.17m)`
+  std::string description() const;
+  bool operator==(const CLCircularRegion& other) const { return identifier == other.identifier; }
+};
+
+/// Told on the location service's delivery queue, one call at a time, with no lock held.
+class CLLocationManagerDelegate {
+ public:
+  virtual ~CLLocationManagerDelegate() = default;
+  virtual void didUpdateLocations(CLLocationManager&, const std::vector<CLLocation>& locations) = 0;
+  virtual void didFailWithError(CLLocationManager&, const Error& error) = 0;
+  virtual void didFinishDeferredUpdates(CLLocationManager&, const std::optional<Error>&) {}
+  virtual void didChangeAuthorization(CLLocationManager&, CLAuthorizationStatus) {}
+  virtual void didStartMonitoring(CLLocationManager&, const CLCircularRegion&) {}
+  virtual void monitoringDidFail(CLLocationManager&, const std::optional<CLCircularRegion>&, const Error&) {}
+  virtual void didEnterRegion(CLLocationManager&, const CLCircularRegion&) {}
+  virtual void didExitRegion(CLLocationManager&, const CLCircularRegion&) {}
+};
+
+/// A client of the process's location service.
+///
+/// Threads: any; every call returns at once, also while a delivery runs. The delegate must outlive the manager or be
+/// taken off first; once `setDelegate` has returned on the delivery queue, the old one is not called any more.
+class CLLocationManager {
+ public:
+  CLLocationManager();
+  ~CLLocationManager();
+  CLLocationManager(const CLLocationManager&) = delete;
+  CLLocationManager& operator=(const CLLocationManager&) = delete;
+
+  void setDelegate(CLLocationManagerDelegate* delegate);
+  /// A wish in metres, not a filter.
+  void setDesiredAccuracy(double metres);
+  /// Metres from the last delivered fix before the next is delivered; kCLDistanceFilterNone: every fix. At once.
+  void setDistanceFilter(double metres);
+  double desiredAccuracy() const;
+  double distanceFilter() const;
+  void setPausesLocationUpdatesAutomatically(bool pauses);
+  void setAllowsBackgroundLocationUpdates(bool allows);
+  bool allowsBackgroundLocationUpdates() const;
+
+  /// The first fix after a start is always delivered. A repeated start changes nothing.
+  void startUpdatingLocation();
+  void stopUpdatingLocation();
+  /// One fix, or an error when none comes within ten seconds of the installed clock.
+  void requestLocation();
+  void startMonitoringSignificantLocationChanges();
+  void stopMonitoringSignificantLocationChanges();
+  void startMonitoring(const CLCircularRegion& region);
+  void stopMonitoring(const CLCircularRegion& region);
+  /// The regions of the whole process, in the order in which they were added; a copy.
+  std::vector<CLCircularRegion> monitoredRegions() const;
+
+  /// The latest fix that the service knows, possibly old; absent before the first.
+  std::optional<CLLocation> location() const;
+
+  void requestWhenInUseAuthorization();
+  void requestAlwaysAuthorization();
+  static CLAuthorizationStatus authorizationStatus();
+  static bool locationServicesEnabled();
+  static bool significantLocationChangeMonitoringAvailable();
+  static bool headingAvailable();
+  static bool isRangingAvailable();
+  static bool deferredLocationUpdatesAvailable();
+  static bool isMonitoringAvailableForCircularRegions();
+
+ private:
+  struct State;
+  std::shared_ptr<State> state_;
+};
+
+}  // namespace tarvo::platform

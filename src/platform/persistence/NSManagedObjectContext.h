@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+#include "platform/foundation/Error.h"
+#include "platform/foundation/SerialQueue.h"
+#include "platform/persistence/NSFetchRequest.h"
+#include "platform/persistence/NSManagedObject.h"
+#include "platform/persistence/NSPersistentStoreCoordinator.h"
+
+namespace tarvo::platform {
+
+/// A working copy of the store with a private queue of its own.
+///
+/// Threads: `perform` and `performAndWait` from any; everything else only inside their blocks.
+/// An object is one object within the context for as long as somebody holds it or it has unsaved changes.
+/// Fetches and counts see unsaved inserts, changes and deletes; sort and limit come after they are merged in.
+class NSManagedObjectContext {
+ public:
+  explicit NSManagedObjectContext(std::shared_ptr<NSPersistentStoreCoordinator> coordinator);
+  ~NSManagedObjectContext();
+
+  /// Queues a block; returns at once.
+  void perform(std::function<void()> block);
+  /// Runs a block on the caller's thread, behind all that was queued before; from inside a block of this context at
+  /// once.
+  void performAndWait(const std::function<void()>& block);
+  bool isCurrent() const;
+
+  Result<std::vector<std::shared_ptr<NSManagedObject>>> fetch(const NSFetchRequest& request);
+  /// The number of objects that `fetch` would give. Without predicates it costs the same at every table size.
+  Result<std::size_t> count(const NSFetchRequest& request);
+
+  /// A new object with every attribute absent; a null pointer for an unknown entity.
+  std::shared_ptr<NSManagedObject> insertNewObject(std::string_view entity);
+  void deleteObject(const std::shared_ptr<NSManagedObject>& object);
+  /// The object of an id, read from the store if needed; an error (Cocoa 133000) when there is none.
+  Result<std::shared_ptr<NSManagedObject>> existingObject(const NSManagedObjectID& id);
+
+  bool hasChanges() const;
+  /// Writes all changes in one transaction. On failure everything stays pending and goes out with the next save.
+  std::optional<Error> save();
+
+  NSPersistentStoreCoordinator& coordinator() { return *coordinator_; }
+
+ private:
+  std::shared_ptr<NSPersistentStoreCoordinator> coordinator_;
+  SerialQueue queue_;
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace tarvo::platform

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/foundation/Bundle.h"
+
+namespace tarvo::platform {
+
+class NSManagedObject;
+struct NSEntityDescription;
+
+enum class NSAttributeType { string, integer64, floating, boolean, date };
+
+struct NSAttributeDescription {
+  std::string name;
+  NSAttributeType type;
+};
+
+/// An index of the entity's table: columns in order, and an optional condition ("unsent = 1 AND …").
+struct NSIndexDescription {
+  std::string name;
+  std::vector<std::string> attributes;
+  std::string condition;
+};
+
+using NSManagedObjectFactory = std::shared_ptr<NSManagedObject> (*)(const NSEntityDescription&);
+
+/// One kind of record. Every attribute is optional: absent until set.
+struct NSEntityDescription {
+  std::string name;
+  std::vector<NSAttributeDescription> attributes;
+  std::vector<NSIndexDescription> indexes;
+  NSManagedObjectFactory factory = nullptr;  ///< makes objects of the entity's class; null: plain objects
+
+  /// Position in `attributes`, or -1.
+  int attributeIndex(std::string_view attribute) const;
+};
+
+/// Entities and the named configurations that group them, as read from a model resource (docs/formats.md).
+///
+/// Immutable once a coordinator uses it.
+class NSManagedObjectModel {
+ public:
+  /// Absent when the resource is not a model.
+  static std::shared_ptr<NSManagedObjectModel> load(const ResourceURL& url);
+
+  /// Sets the class of an entity's objects; before a coordinator uses the model.
+  void setClass(std::string_view entity, NSManagedObjectFactory factory);
+
+  const NSEntityDescription* entity(std::string_view name) const;
+  /// The entities of a configuration, absent when there is none of that name.
+  std::optional<std::vector<const NSEntityDescription*>> configuration(std::string_view name) const;
+  /// Changes whenever an entity or attribute does; kept in each store file.
+  const std::string& versionHash() const { return versionHash_; }
+
+ private:
+  std::vector<std::unique_ptr<NSEntityDescription>> entities_;
+  std::map<std::string, std::vector<std::string>, std::less<>> configurations_;
+  std::string versionHash_;
+};
+
+}  // namespace tarvo::platform

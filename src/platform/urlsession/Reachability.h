@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+namespace tarvo::platform {
+
+/// Bits of the platform's reachability flags that this layer gives.
+inline constexpr std::uint32_t kSCNetworkReachabilityFlagsReachable = 0x2;
+inline constexpr std::uint32_t kSCNetworkReachabilityFlagsConnectionRequired = 0x4;
+inline constexpr std::uint32_t kSCNetworkReachabilityFlagsIsLocalAddress = 0x10000;
+inline constexpr std::uint32_t kSCNetworkReachabilityFlagsIsWWAN = 0x40000;
+
+/// Whether a packet can leave this device towards a host: the kernel's routes (a route and an interface that is up)
+/// and the resolver; not whether the peer answers. Loopback is always reachable.
+/// `name` is a host name, an address, or a URL (its host is taken). Absent when the name is empty or unusable.
+/// Blocks while the name is resolved. Threads: any.
+std::optional<std::uint32_t> SCNetworkReachabilityGetFlags(std::string_view name);
+
+}  // namespace tarvo::platform

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <tarvo/platform/Date.h>
+
+#include "platform/foundation/Error.h"
+
+namespace tarvo::platform {
+
+/// One HTTP request, complete. The URL is sent as it stands.
+struct URLRequest {
+  std::string url;
+  std::string httpMethod = "GET";
+  std::vector<std::pair<std::string, std::string>> headers;  ///< in order; names as given
+  std::optional<std::string> httpBody;
+  Seconds timeoutInterval{60};   ///< of silence, real time
+  int networkServiceType = 0;    ///< 3: background
+
+  void addValue(std::string name, std::string value) { headers.emplace_back(std::move(name), std::move(value)); }
+  /// The first header of that name, in any case; absent without.
+  std::optional<std::string> value(std::string_view name) const;
+  /// Its URL; never headers or body.
+  std::string description() const { return url; }
+};
+
+struct HTTPURLResponse {
+  std::string url;  ///< of the last hop
+  int statusCode = 0;
+  std::vector<std::pair<std::string, std::string>> headers;
+  /// `<NSHTTPURLResponse> { URL: U } { Status Code: 500, Headers {…} }`
+  std::string debugDescription() const;
+};
+
+/// NSURLErrorDomain.
+namespace urlError {
+inline constexpr int cancelled = -999;
+inline constexpr int badURL = -1000;
+inline constexpr int timedOut = -1001;
+inline constexpr int unsupportedURL = -1002;
+inline constexpr int cannotFindHost = -1003;
+inline constexpr int cannotConnectToHost = -1004;
+inline constexpr int networkConnectionLost = -1005;
+inline constexpr int tooManyRedirects = -1007;
+inline constexpr int notConnectedToInternet = -1009;
+inline constexpr int badServerResponse = -1011;
+inline constexpr int secureConnectionFailed = -1200;
+inline constexpr int serverCertificateUntrusted = -1202;
+inline constexpr int dataLengthExceedsMaximum = -1103;
+}  // namespace urlError
+
+/// Whether the text is an absolute http or https URL with a host and without blanks or control characters.
+bool isValidHttpUrl(std::string_view url);
+/// Host of a URL, or the text itself when it is a bare name; brackets of an IPv6 address removed.
+std::string hostOf(std::string_view urlOrName);
+/// localhost, *.localhost, 127.0.0.0/8, ::1.
+bool isLoopbackHost(std::string_view host);
+
+}  // namespace tarvo::platform

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/urlsession/URLRequest.h"
+
+namespace tarvo::platform {
+
+/// Data, response and error can be present together: a status that arrived before the transfer broke is delivered
+/// beside the error. An empty body is no data.
+using DataTaskCompletion = std::function<void(std::optional<std::string> data, std::optional<HTTPURLResponse> response,
+                                              std::optional<Error> error)>;
+
+/// One transfer. Suspended until `resume`; a second `resume` does nothing. Threads: any.
+class URLSessionDataTask {
+ public:
+  virtual ~URLSessionDataTask() = default;
+  virtual void resume() = 0;
+};
+
+/// The session that the whole process shares: no cache, no cookies, certificates verified, redirects followed (at
+/// most 20, Authorization dropped on every one; 301, 302 and 303 turn a POST into a GET), bodies of replies up to
+/// 32 MiB, proxies of the environment except for loopback.
+///
+/// Threads: any. One thread of its own drives the transfers; completions run one at a time on a serial queue, never
+/// inside the call that starts the task, exactly once for each resumed task. When the process ends, transfers in
+/// flight end without completion.
+class URLSession {
+ public:
+  static URLSession& shared();
+  std::shared_ptr<URLSessionDataTask> dataTask(URLRequest request, DataTaskCompletion completion);
+
+ private:
+  URLSession();
+  struct State;
+  State* state_;
+};
+
+}  // namespace tarvo::platform
