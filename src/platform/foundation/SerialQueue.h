@@ -9,9 +9,9 @@ namespace tarvo::platform {
 /// Runs blocks one at a time, in the order in which they were submitted.
 ///
 /// Threads: any thread may submit. Blocks given to `async` run on a worker thread of the queue's own, which starts
-/// with the first of them and ends when the queue has been empty for a while; the block given to `sync` runs on the
-/// caller's thread once its turn has come.
-/// Blocks must not throw. Destruction waits for what was submitted.
+/// with the first of them and lives as long as the queue; the block given to `sync` runs on the caller's thread once
+/// its turn has come. A queue that only ever sees `sync` has no thread.
+/// Blocks must not throw. Destruction, never from one of its own blocks, waits for what was submitted.
 class SerialQueue {
  public:
   explicit SerialQueue(std::string label);
@@ -37,7 +37,7 @@ class SerialQueue {
 
  private:
   struct State;
-  std::shared_ptr<State> state_;
+  std::unique_ptr<State> state_;
 };
 
 }  // namespace tarvo::platform

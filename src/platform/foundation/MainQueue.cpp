@@ -1,0 +1,81 @@
+#include <tarvo/platform/MainQueue.h>
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <deque>
+
+#include "platform/foundation/Activity.h"
+#include "platform/foundation/FatalError.h"
+#include "platform/foundation/Mutex.h"
+
+namespace tarvo::platform {
+
+struct MainQueue::State {
+  int descriptor = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+  Mutex mutex;
+  std::deque<std::function<void()>> blocks GUARDED_BY(mutex);
+};
+
+MainQueue::MainQueue() : state_(*new State) {
+  if (state_.descriptor < 0) fatalError("no event descriptor for the main queue");
+}
+
+MainQueue& MainQueue::main() {
+  static MainQueue* queue = new MainQueue;
+  return *queue;
+}
+
+void MainQueue::async(std::function<void()> block) {
+  // An empty block only wakes whoever polls; it is no work that anybody would wait for.
+  if (block) {
+    Activity::begin();
+    MutexLock lock(state_.mutex);
+    state_.blocks.push_back(std::move(block));
+  }
+  const std::uint64_t one = 1;
+  [[maybe_unused]] auto written = ::write(state_.descriptor, &one, sizeof one);
+}
+
+int MainQueue::fileDescriptor() const { return state_.descriptor; }
+
+std::size_t MainQueue::runPending() {
+  std::uint64_t wakeUps = 0;
+  [[maybe_unused]] auto got = ::read(state_.descriptor, &wakeUps, sizeof wakeUps);
+  std::deque<std::function<void()>> blocks;
+  {
+    MutexLock lock(state_.mutex);
+    blocks.swap(state_.blocks);
+  }
+  const std::size_t number = blocks.size();
+  while (!blocks.empty()) {
+    blocks.front()();
+    blocks.pop_front();
+    Activity::end();
+  }
+  return number;
+}
+
+void MainQueue::runFor(Seconds span) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::nanoseconds>(span);
+  while (true) {
+    runPending();
+    const auto left = deadline - std::chrono::steady_clock::now();
+    if (left <= left.zero()) return;
+    pollfd readable{state_.descriptor, POLLIN, 0};
+    // A day at most at once: poll takes an int of milliseconds.
+    const auto bounded = std::min<std::chrono::nanoseconds>(left, std::chrono::hours(24));
+    ::poll(&readable, 1, static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(bounded).count()));
+  }
+}
+
+bool isMainThread() {
+  // The first thread's id is the process's; a thread never changes its own. After a fork the child's only thread is
+  // its main thread, so the comparison is made anew there.
+  return ::syscall(SYS_gettid) == ::getpid();
+}
+
+}  // namespace tarvo::platform

@@ -1,0 +1,145 @@
+#include "platform/foundation/SerialQueue.h"
+
+#include <algorithm>
+#include <deque>
+#include <thread>
+#include <vector>
+
+#include "platform/foundation/Activity.h"
+#include "platform/foundation/FatalError.h"
+#include "platform/foundation/Mutex.h"
+
+namespace tarvo::platform {
+
+struct SerialQueue::State {
+  /// A caller that waits for its turn.
+  struct Turn {
+    Condition came;
+    bool given = false;
+  };
+  /// A block in line, or a waiting caller that brings its own.
+  struct Entry {
+    std::function<void()> block;
+    Turn* turn = nullptr;
+  };
+
+  explicit State(std::string name) : label(std::move(name)) {}
+
+  const std::string label;
+  Mutex mutex;
+  std::deque<Entry> line GUARDED_BY(mutex);
+  bool busy GUARDED_BY(mutex) = false;  ///< a block runs, or a waiting caller has been given its turn
+  bool ending GUARDED_BY(mutex) = false;
+  std::thread worker GUARDED_BY(mutex);
+  Condition work;     ///< the worker may run the first in line
+  Condition drained;  ///< nothing runs and nothing is in line
+
+  /// The queues in whose blocks this thread stands, outermost first.
+  static std::vector<const State*>& held() {
+    thread_local std::vector<const State*> queues;
+    return queues;
+  }
+
+  bool isHeld() const {
+    const auto& queues = held();
+    return std::find(queues.begin(), queues.end(), this) != queues.end();
+  }
+
+  void run(const std::function<void()>& block) noexcept {
+    held().push_back(this);
+    block();
+    held().pop_back();
+  }
+
+  /// Ends a turn: whoever is first in line is next.
+  void passOn() REQUIRES(mutex) {
+    busy = false;
+    if (line.empty()) {
+      drained.notify_all();
+    } else if (Turn* turn = line.front().turn) {
+      busy = true;
+      line.pop_front();
+      turn->given = true;
+      turn->came.notify_one();
+    } else {
+      work.notify_one();
+    }
+  }
+
+  void workUntilEnd() {
+    mutex.lock();
+    while (true) {
+      while (!ending && (busy || line.empty() || line.front().turn != nullptr)) work.wait(mutex);
+      if (ending) break;
+      busy = true;
+      {
+        Entry entry = std::move(line.front());
+        line.pop_front();
+        mutex.unlock();
+        run(entry.block);
+      }  // what the block held is gone before it counts as done
+      mutex.lock();
+      passOn();
+      mutex.unlock();
+      Activity::end();
+      mutex.lock();
+    }
+    mutex.unlock();
+  }
+};
+
+SerialQueue::SerialQueue(std::string label) : state_(std::make_unique<State>(std::move(label))) {}
+
+SerialQueue::~SerialQueue() {
+  State& state = *state_;
+  std::thread worker;
+  state.mutex.lock();
+  while (state.busy || !state.line.empty()) state.drained.wait(state.mutex);
+  state.ending = true;
+  worker = std::move(state.worker);
+  state.mutex.unlock();
+  state.work.notify_all();
+  if (worker.joinable()) worker.join();
+}
+
+void SerialQueue::async(std::function<void()> block) {
+  Activity::begin();
+  State& state = *state_;
+  MutexLock lock(state.mutex);
+  state.line.push_back({std::move(block), nullptr});
+  if (!state.worker.joinable())
+    state.worker = std::thread([&state] { state.workUntilEnd(); });
+  else if (!state.busy && state.line.size() == 1)
+    state.work.notify_one();
+}
+
+void SerialQueue::sync(const std::function<void()>& block) {
+  State& state = *state_;
+  if (state.isHeld()) fatalError("sync onto queue " + state.label + " from one of its own blocks can never end");
+  state.mutex.lock();
+  if (state.busy || !state.line.empty()) {
+    State::Turn turn;
+    state.line.push_back({{}, &turn});
+    while (!turn.given) turn.came.wait(state.mutex);
+  } else {
+    state.busy = true;
+  }
+  state.mutex.unlock();
+  state.run(block);
+  state.mutex.lock();
+  state.passOn();
+  state.mutex.unlock();
+}
+
+void SerialQueue::syncReentrant(const std::function<void()>& block) {
+  if (state_->isHeld())
+    block();
+  else
+    sync(block);
+}
+
+bool SerialQueue::isCurrent() const { return state_->isHeld(); }
+bool SerialQueue::onAnyQueue() { return !State::held().empty(); }
+const std::string& SerialQueue::label() const { return state_->label; }
+
+}  // namespace tarvo::platform

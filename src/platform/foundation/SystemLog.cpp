@@ -1,0 +1,67 @@
+#include <tarvo/platform/SystemLog.h>
+
+#include <errno.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <ctime>
+#include <memory>
+#include <string>
+
+#include "platform/foundation/Mutex.h"
+
+namespace tarvo::platform {
+namespace {
+
+struct SinkSlot {
+  Mutex mutex;
+  std::shared_ptr<const SystemLogSink> sink GUARDED_BY(mutex);
+};
+
+SinkSlot& slot() {
+  static SinkSlot* slot = new SinkSlot;
+  return *slot;
+}
+
+// The console shows the machine's own time, whatever clock is installed: it tells when the line was written.
+std::string consolePrefix() {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  tm local{};
+  localtime_r(&now.tv_sec, &local);
+  char stamp[32];
+  std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
+  char prefix[128];
+  std::snprintf(prefix, sizeof prefix, "%s.%03ld %s[%d:%ld] ", stamp, now.tv_nsec / 1000000,
+                program_invocation_short_name, static_cast<int>(getpid()), static_cast<long>(syscall(SYS_gettid)));
+  return prefix;
+}
+
+}  // namespace
+
+void setSystemLogSink(SystemLogSink sink) {
+  auto next = sink ? std::make_shared<const SystemLogSink>(std::move(sink)) : nullptr;
+  MutexLock lock(slot().mutex);
+  slot().sink = std::move(next);
+}
+
+void NSLog(std::string_view message) {
+  if (message.empty()) return;
+  std::shared_ptr<const SystemLogSink> sink;
+  {
+    MutexLock lock(slot().mutex);
+    sink = slot().sink;
+  }
+  if (sink) {
+    (*sink)(message);
+    return;
+  }
+  std::string line = consolePrefix();
+  line.append(message);
+  line.push_back('\n');
+  // One stdio call holds the stream's lock for the whole line.
+  std::fwrite(line.data(), 1, line.size(), stderr);
+}
+
+}  // namespace tarvo::platform

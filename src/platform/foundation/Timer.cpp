@@ -1,0 +1,138 @@
+#include "platform/foundation/Timer.h"
+
+#include <chrono>
+#include <thread>
+#include <vector>
+
+#include <tarvo/platform/Clock.h>
+
+#include "platform/foundation/Mutex.h"
+#include "platform/foundation/SerialQueue.h"
+
+namespace tarvo::platform {
+namespace {
+
+class PendingTimer;
+
+/// All timers of the process. Its thread starts with the first timer and sleeps until the earliest is due; while a
+/// clock is moved by hand it sleeps until told.
+class TimerTable {
+ public:
+  static TimerTable& shared() {
+    static TimerTable* table = new TimerTable;
+    return *table;
+  }
+
+  void add(const std::shared_ptr<PendingTimer>& timer) EXCLUDES(mutex_);
+  void handOverDue() EXCLUDES(mutex_);
+
+ private:
+  void run();
+  std::optional<Seconds> untilEarliest() REQUIRES(mutex_);
+
+  Mutex mutex_;
+  Condition changed_;
+  bool awake_ GUARDED_BY(mutex_) = false;
+  std::vector<std::weak_ptr<PendingTimer>> timers_ GUARDED_BY(mutex_);
+  std::thread thread_ GUARDED_BY(mutex_);
+};
+
+class PendingTimer final : public Timer {
+ public:
+  PendingTimer(Date moment, SerialQueue& queue, std::function<void()> block)
+      : due(moment), queue_(queue), block_(std::move(block)) {}
+
+  void cancel() override {
+    MutexLock lock(mutex_);
+    block_ = nullptr;
+  }
+
+  void handOver() {
+    std::function<void()> block;
+    {
+      MutexLock lock(mutex_);
+      block.swap(block_);
+    }
+    if (block) queue_.async(std::move(block));
+  }
+
+  const Date due;
+
+ private:
+  SerialQueue& queue_;
+  Mutex mutex_;
+  std::function<void()> block_ GUARDED_BY(mutex_);
+};
+
+void TimerTable::add(const std::shared_ptr<PendingTimer>& timer) {
+  {
+    MutexLock lock(mutex_);
+    timers_.push_back(timer);
+    awake_ = true;
+    if (!thread_.joinable()) thread_ = std::thread([this] { run(); });
+  }
+  changed_.notify_one();
+}
+
+void TimerTable::handOverDue() {
+  std::vector<std::shared_ptr<PendingTimer>> due;
+  const Date now = Clock::current()->now();
+  {
+    MutexLock lock(mutex_);
+    std::erase_if(timers_, [&](const std::weak_ptr<PendingTimer>& weak) {
+      auto timer = weak.lock();
+      if (timer && timer->due > now) return false;
+      if (timer) due.push_back(std::move(timer));
+      return true;
+    });
+    awake_ = true;
+  }
+  changed_.notify_one();
+  for (const auto& timer : due) timer->handOver();
+}
+
+std::optional<Seconds> TimerTable::untilEarliest() {
+  std::optional<Seconds> earliest;
+  const auto clock = Clock::current();
+  for (const auto& weak : timers_) {
+    auto timer = weak.lock();
+    if (!timer) continue;
+    auto left = clock->realTimeUntil(timer->due);
+    if (left && (!earliest || *left < *earliest)) earliest = left;
+  }
+  return earliest;
+}
+
+void TimerTable::run() {
+  while (true) {
+    mutex_.lock();
+    while (!awake_) {
+      const auto left = untilEarliest();
+      if (left && *left <= Seconds(0)) break;
+      if (!left) {
+        changed_.wait(mutex_);
+      } else {
+        // A wall clock that is set while this sleeps is noticed within a minute.
+        const auto bounded = std::min(*left, Seconds(60));
+        changed_.wait_for(mutex_, std::chrono::ceil<std::chrono::milliseconds>(bounded));
+        break;
+      }
+    }
+    awake_ = false;
+    const bool due = untilEarliest().value_or(Seconds(1)) <= Seconds(0);
+    mutex_.unlock();
+    if (due) handOverDue();
+  }
+}
+
+}  // namespace
+
+std::shared_ptr<Timer> Timer::at(Date due, SerialQueue& queue, std::function<void()> block) {
+  auto timer = std::make_shared<PendingTimer>(due, queue, std::move(block));
+  TimerTable::shared().add(timer);
+  return timer;
+}
+
+void clockMoved() { TimerTable::shared().handOverDue(); }
+
+}  // namespace tarvo::platform

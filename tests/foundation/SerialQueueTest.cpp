@@ -1,0 +1,116 @@
+#include "platform/foundation/SerialQueue.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <thread>
+#include <vector>
+
+#include <tarvo/platform/Clock.h>
+#include <tarvo/platform/MainQueue.h>
+
+#include "platform/foundation/Activity.h"
+#include "platform/foundation/Timer.h"
+
+namespace tarvo::platform {
+namespace {
+
+TEST(SerialQueue, RunsBlocksInOrderAndSyncOnTheCallersThread) {
+  SerialQueue queue("test.order");
+  std::vector<int> order;  // only blocks of the queue touch it
+  std::promise<void> gate;
+  queue.async([&, opened = gate.get_future().share()] {
+    opened.wait();
+    order.push_back(1);
+    queue.async([&] { order.push_back(4); });
+  });
+  queue.async([&] { order.push_back(2); });
+  std::thread opener([&] { gate.set_value(); });
+  std::thread::id ranOn;
+  queue.sync([&] {
+    order.push_back(3);
+    ranOn = std::this_thread::get_id();
+  });
+  opener.join();
+  queue.sync([] {});
+  EXPECT_EQ(ranOn, std::this_thread::get_id());
+  ASSERT_EQ(order.size(), 4u);
+  // What a block adds comes after what was already in line; the waiting caller may stand before or behind it.
+  EXPECT_EQ(order[0], 1);
+  EXPECT_EQ(order[1], 2);
+}
+
+TEST(SerialQueue, ExcludesBlocksOfManyThreads) {
+  SerialQueue queue("test.exclusion");
+  int unguarded = 0;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&] {
+      for (int i = 0; i < 500; ++i) {
+        queue.async([&] { ++unguarded; });
+        queue.sync([&] { ++unguarded; });
+      }
+    });
+  for (auto& thread : threads) thread.join();
+  ASSERT_TRUE(Activity::waitUntilIdle(Seconds(30)));
+  queue.sync([&] { EXPECT_EQ(unguarded, 4000); });
+}
+
+TEST(SerialQueue, KnowsTheQueuesItsCallerStandsInHoweverDeep) {
+  SerialQueue outer("test.outer");
+  SerialQueue inner("test.inner");
+  outer.sync([&] {
+    inner.sync([&] {
+      EXPECT_TRUE(outer.isCurrent());
+      EXPECT_TRUE(inner.isCurrent());
+      bool ran = false;
+      outer.syncReentrant([&] { ran = true; });
+      EXPECT_TRUE(ran);
+    });
+    EXPECT_FALSE(inner.isCurrent());
+  });
+  EXPECT_FALSE(SerialQueue::onAnyQueue());
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(outer.sync([&] { inner.sync([&] { outer.sync([] {}); }); }), "Fatal error: sync onto queue test.outer");
+}
+
+TEST(Activity, WaitsForWorkThatHopsBetweenQueuesAndTheMainQueue) {
+  SerialQueue a("test.a");
+  SerialQueue b("test.b");
+  std::atomic<int> hops{0};
+  std::function<void()> hop = [&] {
+    if (++hops < 300) (hops % 2 == 0 ? a : b).async(hop);
+    if (hops == 300) MainQueue::main().async([&] { ++hops; });
+  };
+  a.async(hop);
+  ASSERT_TRUE(Activity::waitUntilIdle(Seconds(30)));
+  EXPECT_EQ(hops.load(), 301);
+}
+
+TEST(Timer, IsHandedOverByTheTimeAMovedClockReturns) {
+  auto clock = std::make_shared<ManualClock>(dateSince1970(1000));
+  Clock::install(clock);
+  SerialQueue queue("test.timer");
+  std::vector<int> fired;
+  auto soon = Timer::at(dateSince1970(1010), queue, [&] { fired.push_back(10); });
+  auto later = Timer::at(dateSince1970(1020), queue, [&] { fired.push_back(20); });
+  auto never = Timer::at(dateSince1970(1005), queue, [&] { fired.push_back(5); });
+  never->cancel();
+  clock->advanceTo(dateSince1970(1010));
+  clock->advanceTo(dateSince1970(900));
+  queue.sync([&] { EXPECT_EQ(fired, std::vector<int>{10}); });
+  clock->advance(Seconds(3600));
+  queue.sync([&] { EXPECT_EQ(fired, (std::vector<int>{10, 20})); });
+  EXPECT_EQ(secondsSince1970(clock->now()), 4610);
+}
+
+TEST(Timer, FiresByItselfOnTheMachinesClock) {
+  SerialQueue queue("test.timer");
+  std::promise<void> fired;
+  auto timer = Timer::at(Clock::current()->now() + Seconds(0.02), queue, [&] { fired.set_value(); });
+  EXPECT_EQ(fired.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
+}
+
+}  // namespace
+}  // namespace tarvo::platform
