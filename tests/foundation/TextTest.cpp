@@ -2,19 +2,26 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <limits>
 
 namespace tarvo::platform {
 namespace {
 
 TEST(Text, PrintsDoublesFixedWithTheFewestDigitsThatReadBack) {
-  const std::pair<double, const char*> cases[] = {
-      {0.0001, "0.0001"}, {100000, "100000"},     {2.3522, "2.3522"}, {-0.5, "-0.5"},
-      {0.1 + 0.2, "0.30000000000000004"},         {1e21, "1000000000000000000000"},
-      {-1, "-1"},         {48.137154, "48.137154"}};
+  const std::pair<double, const char*> cases[] = {{0.0001, "0.0001"},
+                                                  {100000, "100000"},
+                                                  {2.3522, "2.3522"},
+                                                  {-0.5, "-0.5"},
+                                                  {0.1 + 0.2, "0.30000000000000004"},
+                                                  {1e21, "1000000000000000000000"},
+                                                  {-1, "-1"},
+                                                  {48.137154, "48.137154"}};
   for (const auto& [value, text] : cases) EXPECT_EQ(concat(value), text);
-  EXPECT_EQ(std::stod(concat(std::numeric_limits<double>::denorm_min())), std::numeric_limits<double>::denorm_min());
-  EXPECT_EQ(std::stod(concat(-std::numeric_limits<double>::max())), -std::numeric_limits<double>::max());
+  EXPECT_EQ(std::strtod(concat(std::numeric_limits<double>::denorm_min()).c_str(), nullptr),
+            std::numeric_limits<double>::denorm_min());
+  EXPECT_EQ(std::strtod(concat(-std::numeric_limits<double>::max()).c_str(), nullptr),
+            -std::numeric_limits<double>::max());
 }
 
 TEST(Text, PrintsDatesInUtcWithTheFractionCutDownwards) {

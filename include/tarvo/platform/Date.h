@@ -14,7 +14,7 @@ constexpr Date dateSince1970(double seconds) { return Date(Seconds(seconds)); }
 constexpr double secondsSince1970(Date date) { return date.time_since_epoch().count(); }
 
 /// 0001-01-01 and 4001-01-01: the bounds that stand for "no bound".
-constexpr Date distantPast() { return dateSince1970(-62135769600.0); }
+constexpr Date distantPast() { return dateSince1970(-62135596800.0); }
 constexpr Date distantFuture() { return dateSince1970(64092211200.0); }
 
 }  // namespace tarvo::platform
