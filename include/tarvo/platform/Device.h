@@ -75,14 +75,16 @@ class TARVO_API UIApplication {
 inline constexpr const char* UIApplicationOpenSettingsURLString = "app-settings:";
 inline constexpr const char* UIApplicationDidEnterBackgroundNotification = "UIApplicationDidEnterBackgroundNotification";
 inline constexpr const char* UIApplicationDidBecomeActiveNotification = "UIApplicationDidBecomeActiveNotification";
+inline constexpr const char* UIApplicationWillResignActiveNotification = "UIApplicationWillResignActiveNotification";
 inline constexpr const char* UIApplicationDidFinishLaunchingNotification =
     "UIApplicationDidFinishLaunchingNotification";
 inline constexpr const char* UIDeviceBatteryStateDidChangeNotification = "UIDeviceBatteryStateDidChangeNotification";
 
 /// The device: battery, names, identifiers.
 ///
-/// Battery: from /sys/class/power_supply until the host sets it. While monitoring is off the state is unknown and
-/// the level -1. Threads: any.
+/// Battery: from /sys/class/power_supply, read at each call, until the host sets it. While monitoring is off the
+/// state is unknown and the level -1.
+/// Threads: any; no lock is held while observers run. Errors: what cannot be read is unknown or absent.
 class TARVO_API UIDevice {
  public:
   static UIDevice& current();
@@ -103,10 +105,10 @@ class TARVO_API UIDevice {
   int platformLevel() const;
   void setPlatformLevel(int level);
 
-  /// Upper-case UUID made from /etc/machine-id (hashed, never the id itself), kept in the home directory; absent
-  /// when neither can be read.
+  /// Upper-case random UUID, made once and kept in `Library/identifierForVendor` of the home directory; absent when
+  /// that file can be neither read nor written.
   std::optional<std::string> identifierForVendor() const;
-  /// A host with an identifier of its own sets it; an empty text makes it absent.
+  /// A host with an identifier of its own sets it; an empty text makes it absent, no text restores the kept one.
   void setIdentifierForVendor(std::optional<std::string> uuid);
 
  private:

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <vector>
 
 #include <tarvo/Export.h>
@@ -26,13 +28,15 @@ enum class AuthorizationRequest { whenInUse, always };
 /// Threads: any thread may call; no call waits for a delivery. Fixes and status changes reach the managers'
 /// delegates one after the other on the service's own delivery queue, never inside the call.
 /// The status starts as authorizedAlways (a Linux host that links the library has decided) and is kept in the
-/// user defaults once set.
+/// user defaults once set. Standard updates and one-shot requests need either authorized status, significant changes
+/// and region crossings authorizedAlways.
+/// Errors: none; what cannot be used is refused with a line in the system log.
 class TARVO_API LocationService {
  public:
   static LocationService& shared();
 
   /// Takes fixes, oldest first. Each one that is not finite or out of range is refused with a line in the system
-  /// log; the others pass the distance filter of each manager that updates.
+  /// log; the others reach each manager that updates, through its distance filter.
   void deliver(const std::vector<CLLocation>& fixes);
 
   /// Reports a failure of the positioning itself (CLError locationUnknown 0, denied 1) to updating managers.
@@ -44,7 +48,7 @@ class TARVO_API LocationService {
   /// Called (posted to the main queue, never inside a library call) when permission is asked for.
   void setPrompt(std::function<void(AuthorizationRequest)> prompt);
 
-  /// What the device has: all true by default except heading, ranging and deferred updates.
+  /// What the device has. Without location services, updates fail as denied.
   struct Capabilities {
     bool locationServices = true;
     bool significantChange = true;
@@ -55,6 +59,20 @@ class TARVO_API LocationService {
   };
   Capabilities capabilities() const;
   void setCapabilities(Capabilities capabilities);
+
+  /// When a one-shot request gives up, and what counts as a significant change and as a crossing.
+  struct Rules {
+    Seconds requestTimeout{10};
+    double significantMetres = 500;
+    Seconds significantInterval{300};
+    std::size_t regionLimit = 20;
+    /// A crossing is told once the fixes lie this far past the border (at most half the radius) ...
+    double regionBorderMetres = 20;
+    /// ... and have stayed there this long.
+    Seconds regionStay{20};
+  };
+  Rules rules() const;
+  void setRules(Rules rules);
 
   struct State;
   State& state() { return *state_; }

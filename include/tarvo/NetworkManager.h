@@ -1,0 +1,107 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+
+#include <tarvo/Export.h>
+#include <tarvo/platform/Date.h>
+
+namespace tarvo {
+
+namespace platform {
+struct URLRequest;
+}
+class NetworkManager;
+
+/// Told of the log upload's replies and of session errors, on the background session's queue.
+class NetworkManagerDelegate {
+ public:
+  virtual ~NetworkManagerDelegate() = default;
+  virtual void networkManagerReceivedSomeData(NetworkManager& manager, const std::string& data) = 0;
+  virtual void networkManagerReceivedSessionError(NetworkManager& manager) = 0;
+};
+
+/// The SDK's only client of the backend: builds the authenticated requests, sends them and reads the answers.
+///
+/// Class-wide fields are shared by all clients of the process and guarded. Threads: any; every call returns once its
+/// request has been started, and answers are handled one at a time on the shared session's queue.
+/// Errors: never throws; failures are logged and the call is dropped. A base address that is no URL, and a user-bound
+/// request without identity, stop the process.
+/// Each client reads the user's secret from the user defaults when it is built, and opens (or joins) the background
+/// session of the process.
+class TARVO_API NetworkManager {
+ public:
+  /// Subscription name to notification value, waiting to be registered; copies.
+  static std::map<std::string, std::string> SUBSCRIPTION_LIST();
+  static void setSUBSCRIPTION_LIST(std::string name, std::string value);
+  /// Subscription names waiting to be unregistered; copies.
+  static std::set<std::string> UNSUBSCRIPTION_LIST();
+  static void addUNSUBSCRIPTION_LIST(std::string name);
+  /// The user-defaults key of the last points-of-interest version.
+  static constexpr const char* LAST_POI_VERSION = "poi_version";
+  static std::string apiKeySecret();
+  static void setApiKeySecret(std::string secret);
+  static std::optional<std::string> UUID_SECRET_KEY();
+  static void setUUID_SECRET_KEY(std::optional<std::string> secret);
+  /// True while a position batch is in flight.
+  static bool CANAL_LOCK();
+  static void setCANAL_LOCK(bool locked);
+  static platform::Date CANAL_TIME_LOCK();
+  static void setCANAL_TIME_LOCK(platform::Date date);
+  static std::int64_t LAST_TRIP_ID();
+  static void setLAST_TRIP_ID(std::int64_t id);
+
+  /// Whether a packet can leave towards the host of `url` (Wi-Fi or any network); may block on the resolver.
+  static bool isWebServerReachable(bool viaWiFi, std::string_view url);
+
+  NetworkManager();
+  ~NetworkManager();
+  NetworkManager(const NetworkManager&) = delete;
+  NetworkManager& operator=(const NetworkManager&) = delete;
+
+  /// Kept strongly.
+  void setDelegate(std::shared_ptr<NetworkManagerDelegate> delegate);
+  std::shared_ptr<NetworkManagerDelegate> delegate() const;
+  /// Name of the backend's environment, "prod" at first; goes into token, subscription and tag calls.
+  std::string envir() const;
+  void setEnvir(std::string name);
+
+  static constexpr const char* SECRET_KEY = "uuid_secret_key";
+
+  /// A complete request: `path` may carry a query. Registration ("users") authenticates with the API key, all else
+  /// with the user.
+  platform::URLRequest request(std::string_view method, std::string_view path,
+                               std::optional<std::string> body) const;
+
+  void sendDataInBatchToRemoteWebServer(const std::string& json, const std::string& first, const std::string& last);
+
+  void getNextTrip();
+  void getLocationHistoryEXTRAPOLATED();
+  void getPOI();
+
+  void sendUserToRemoteWebServer(const std::string& data);
+  void sendTokenremoteWebServer();
+  void userConfigremoteWebServer();
+  void subscriptionRegiter(const std::string& subscription, const std::string& notification);
+  void subscriptionUnRegister(const std::string& subscription);
+  void setTags(const std::string& name, const std::string& value);
+  void unsetTags(const std::string& name);
+  void resetBackend();
+  void resetGeoProfile();
+
+  void sendLogToRemoteWebServer();
+  void handleEventsForBackgroundURLSession(const std::string& identifier, std::function<void()> completionHandler);
+  void recreateBackgroundSession(const std::string& identifier);
+
+ private:
+  struct State;
+  std::shared_ptr<State> state_;
+};
+
+}  // namespace tarvo

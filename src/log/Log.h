@@ -1,0 +1,49 @@
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include <tarvo/platform/MainQueue.h>
+
+#include "platform/foundation/SerialQueue.h"
+#include "platform/foundation/Text.h"
+
+namespace tarvo {
+
+/// The one entry point of the SDK's log: every message reaches the console; while file logging is on and the user is
+/// known it also becomes a line of the daily file, which is the body of its own later upload (docs/formats.md).
+///
+/// Threads: any. The console line and the day's header are written on the caller's thread, lines are appended on
+/// `serialQueue`. Errors: never any; what cannot be written is dropped.
+class Log {
+ public:
+  static constexpr std::int64_t kVerbose = 2, kDebug = 3, kInfo = 4, kWarning = 5, kError = 6;
+  /// The value of LOGLEVEL that switches file logging off.
+  static constexpr std::int64_t kOff = 10;
+
+  /// Messages of all levels reach the console; those of levels 2 to 6 the file.
+  static void debugLog(std::int64_t level, std::string_view message);
+
+  /// The parts of a message one after the other, each in its printed form.
+  template <class... Parts>
+  static void debug(const Parts&... parts) {
+    debugLog(kDebug, platform::concat(parts...));
+  }
+  template <class... Parts>
+  static void error(const Parts&... parts) {
+    debugLog(kError, platform::concat(parts...));
+  }
+
+  /// 10 is off, everything else on: a switch, no threshold. The user default "tarvologlevel" replaces it at each
+  /// message unless that is 0.
+  static std::int64_t LOGLEVEL();
+  static void setLOGLEVEL(std::int64_t level);
+
+  /// Where the lines are appended; what must come behind them is queued here too.
+  static platform::SerialQueue& serialQueue();
+};
+
+/// For the end of most messages: "true" or "false".
+inline bool mainThread() { return platform::isMainThread(); }
+
+}  // namespace tarvo

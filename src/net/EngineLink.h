@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <tarvo/platform/Value.h>
+
+namespace tarvo {
+
+/// The questions that the backend client has for the engine. One answerer for the process: every client needs it,
+/// the facade's own included.
+///
+/// Threads: any unless said otherwise. Installed by the engine before its user check; lives as long as the process.
+class EngineLink {
+ public:
+  virtual ~EngineLink() = default;
+
+  static EngineLink& current();  ///< fatal before one was installed
+  static void install(EngineLink* link);
+
+  /// Acknowledges a batch inside a block of the store context; waits for it.
+  virtual void markLocationAsSentUntilIndex(const std::string& locationIndex, const std::string& firstLoc) = 0;
+  virtual void sendDataInBatchToRemoteWebServer() = 0;
+
+  /// Stores the user that the backend has just issued; waits for it.
+  virtual void addNewUserToDatabase(const std::string& uuid, const std::string& creationDate) = 0;
+  virtual bool alreadyReceivedUUID() const = 0;
+  virtual void setAlreadyReceivedUUID(bool received) = 0;
+
+  /// The newest stored past trip: absent when there is none; its identifier may be absent.
+  struct NewestTrip {
+    std::optional<std::int64_t> pasttripID;
+  };
+  virtual std::optional<NewestTrip> getLastPastTrip() = 0;
+  /// Queue the ingest on the queues of trips and places; return at once.
+  virtual void submitLastTrips(std::vector<platform::Dictionary> trips) = 0;
+  virtual void submitPOIs(std::vector<platform::Dictionary> pois) = 0;
+  /// A prediction has been stored; returns at once, the host is told on the queue of backend replies.
+  virtual void predictionStored() = 0;
+};
+
+}  // namespace tarvo

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <tarvo/Records.h>
+#include <tarvo/platform/CLLocation.h>
+
+#include "platform/persistence/NSManagedObjectContext.h"
+
+namespace tarvo {
+
+/// A stored position: one fix, the circumstances in which it was taken, and how far its upload has come.
+///
+/// State by the flags (unsent, sentWithoutACK): (true, false) new, (true, true) posted, (false, false) acknowledged.
+/// Threads: everything only inside a block of the given context. No operation saves; none throws: what fails is
+/// logged and gives nothing or an empty list.
+class Locations : public platform::NSManagedObject {
+ public:
+  static constexpr std::string_view kEntity = "Locations";
+  using List = std::vector<std::shared_ptr<Locations>>;
+  using Context = platform::NSManagedObjectContext;
+
+  using NSManagedObject::NSManagedObject;
+
+  /// Inserts a record with the next running index: the number of records besides itself.
+  static std::shared_ptr<Locations> addLocation(const platform::CLLocation& location, std::string_view activity,
+                                                std::string_view localisationMethod, Context& context,
+                                                std::string_view serviceAction);
+  /// The newest by fix time.
+  static std::shared_ptr<Locations> getLastLocation(Context& context);
+  /// The newest 1000, newest first.
+  static List getAllLocations(Context& context);
+  /// The oldest 1000 that were never posted.
+  static List getUnsentLocations(Context& context);
+  /// The oldest 1000 that await their acknowledgement.
+  static List getSentWithoutACKLocations(Context& context);
+  /// Those stored (not: fixed) between the two moments, both included, by ascending index.
+  static List getLocationHistory(Context& context, platform::Date since, platform::Date until);
+  static std::shared_ptr<Locations> getLocationByID(const platform::NSManagedObjectID& id, Context& context);
+
+  static void markLocationAsSentWithID(const platform::NSManagedObjectID& id, Context& context);
+  static void markLocationAsSentWithoutACKWithID(const platform::NSManagedObjectID& id, Context& context);
+  /// One record must have the index (else fatal); several are logged and left alone.
+  static void markLocationAsSentWithIndex(std::int64_t index, Context& context);
+  /// Acknowledges `firstLoc` to `locationIndex`, both decimal texts; frees the upload channel and starts the next
+  /// batch from inside, before the caller saves, if any record matched.
+  static void markLocationAsSentUntilIndex(std::string_view locationIndex, Context& context,
+                                           std::string_view firstLoc);
+  static void removeData(Context& context);
+
+  /// The upload body: a JSON array of flat objects, all values texts. An empty list is fatal.
+  static std::string convertToString(const List& locations, std::string_view uuid);
+  /// One position as serialised JSON.
+  static std::optional<std::string> convertLocationsToJSON(const Locations& location, std::string_view uuid);
+
+  /// What `markLocationAsSentUntilIndex` calls to start the next batch; installed once by the engine.
+  static void setNextBatchHook(std::function<void()> startNextBatch);
+
+  LocationRecord record() const;
+  std::optional<std::int64_t> index() const;
+  // The SDK-side attributes that the engine needs one by one.
+  std::optional<double> latitude() const;
+  std::optional<double> longitude() const;
+};
+
+}  // namespace tarvo

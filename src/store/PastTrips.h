@@ -1,0 +1,38 @@
+#pragma once
+
+#include <memory>
+#include <string_view>
+#include <vector>
+
+#include <tarvo/Records.h>
+#include <tarvo/platform/Value.h>
+
+#include "platform/persistence/NSManagedObjectContext.h"
+
+namespace tarvo {
+
+/// A past trip that the backend rebuilt from the uploaded positions; replaced when it comes again.
+///
+/// Threads: everything only inside a block of the given context. No operation saves or throws.
+class PastTrips : public platform::NSManagedObject {
+ public:
+  static constexpr std::string_view kEntity = "PastTrips";
+  using List = std::vector<std::shared_ptr<PastTrips>>;
+  using Context = platform::NSManagedObjectContext;
+
+  using NSManagedObject::NSManagedObject;
+
+  /// Missing coordinates become 0, unreadable times absent.
+  static std::shared_ptr<PastTrips> addLastTrip(const platform::Dictionary& trip, Context& context);
+  static void removeTripIfExist(Context& context, std::int64_t pasttripID);
+  /// The one with the highest identifier.
+  static std::shared_ptr<PastTrips> getLastPastTrip(Context& context);
+  /// Those that start between the two moments, both included, by ascending identifier.
+  static List getLocationHistoryExtraPolated(Context& context, platform::Date since, platform::Date until);
+  static void removeData(Context& context);
+
+  PastTripRecord record() const;
+  std::optional<std::int64_t> pasttripID() const;
+};
+
+}  // namespace tarvo
