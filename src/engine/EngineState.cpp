@@ -1,0 +1,41 @@
+#include "engine/EngineState.h"
+
+#include <random>
+
+#include <tarvo/platform/Clock.h>
+
+#include "platform/foundation/Text.h"
+#include "settings/Names.h"
+
+namespace tarvo {
+namespace {
+
+std::string label(std::string_view ending) { return platform::concat(names::kPrefix, ending); }
+
+std::uint32_t drawRandomID() {
+  std::random_device device;
+  return std::uniform_int_distribution<std::uint32_t>(0, 999999999)(device);
+}
+
+}  // namespace
+
+EngineQueues::EngineQueues()
+    : serialQueue(label(".Tarvo.ios.mainQueue")),
+      serialQueueLocation(label(".Tarvo.ios.Location")),
+      serialQueueLastTrips(label(".Tarvo.ios.LastTrips")),
+      serialQueuePOI(label(".Tarvo.ios.POI")),
+      serialNetworkQueue(label(".Tarvo.ios.networkQueue")),
+      serialNetworkDataQueue(label(".Tarvo.ios.networkDataQueue")) {}
+
+EngineState::EngineState()
+    : delegate({}),
+      networkTimer(nullptr),
+      currentLocalisationMethod(std::string(method::kUnknown)),
+      geofenceCenter(std::nullopt),
+      currentBatteryState(platform::UIDevice::current().batteryState()),
+      isBackgroundMode(std::nullopt),
+      randomID(drawRandomID()),
+      startTime(platform::Clock::current()->now()),
+      geofencingStartTime(platform::Clock::current()->now()) {}
+
+}  // namespace tarvo

@@ -1,0 +1,123 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <tarvo/LocationManager.h>
+#include <tarvo/platform/CLLocation.h>
+#include <tarvo/platform/Date.h>
+#include <tarvo/platform/Device.h>
+
+#include "platform/foundation/Mutex.h"
+#include "platform/foundation/SerialQueue.h"
+#include "platform/location/CLLocationManager.h"
+
+namespace tarvo {
+
+/// Labels of the localisation method stored with each position.
+namespace method {
+inline constexpr std::string_view kUnknown = "unknown";
+inline constexpr std::string_view kEvent = "event";
+inline constexpr std::string_view kPush = "push";
+inline constexpr std::string_view kStandard = "sls";
+inline constexpr std::string_view kRegions = "rms";
+inline constexpr std::string_view kSignificantChange = "scls";
+inline constexpr std::string_view kRegionsAndSignificantChange = "rms-scls";
+}  // namespace method
+
+/// Event words: the service action stored with each position.
+namespace action {
+inline constexpr std::string_view kStarting = "srv_starting";
+inline constexpr std::string_view kChanged = "loc_changed";
+inline constexpr std::string_view kEnabled = "loc_enabled";
+inline constexpr std::string_view kDisabled = "loc_disabled";
+inline constexpr std::string_view kRefresh = "loc_refresh";
+inline constexpr std::string_view kPowerPlug = "power_plug";
+inline constexpr std::string_view kPowerUnplug = "power_unplug";
+inline constexpr std::string_view kAppStarted = "app_started";
+inline constexpr std::string_view kAppResumed = "app_resumed";
+inline constexpr std::string_view kAppPaused = "app_paused";
+}  // namespace action
+
+/// The six queues of the engine. Waiting order: a location or main thread, then one of these, then the store's
+/// context; never back.
+struct EngineQueues {
+  EngineQueues();
+  platform::SerialQueue serialQueue;            ///< modes, start and stop, intake
+  platform::SerialQueue serialQueueLocation;    ///< position writes
+  platform::SerialQueue serialQueueLastTrips;   ///< ingest of past trips
+  platform::SerialQueue serialQueuePOI;         ///< ingest of places
+  platform::SerialQueue serialNetworkQueue;     ///< backend replies and session errors
+  platform::SerialQueue serialNetworkDataQueue; ///< upload passes, run synchronously
+};
+
+/// A value that several threads read and write, one at a time.
+template <class T>
+class Guarded {
+ public:
+  explicit Guarded(T value) : value_(std::move(value)) {}
+  T get() const {
+    platform::MutexLock lock(mutex_);
+    return value_;
+  }
+  void set(T value) { exchange(std::move(value)); }
+  T exchange(T value) {
+    platform::MutexLock lock(mutex_);
+    std::swap(value_, value);
+    return value;
+  }
+  /// Replaces `expected` by `value` in one step.
+  void replace(const T& expected, T value) {
+    platform::MutexLock lock(mutex_);
+    if (value_ == expected) value_ = std::move(value);
+  }
+
+ private:
+  mutable platform::Mutex mutex_;
+  T value_ GUARDED_BY(mutex_);
+};
+
+/// The engine's own fields. Threads: any; each read and write is one step.
+class EngineState {
+ public:
+  EngineState();
+
+  const double desiredAccuracyForeground = platform::kCLLocationAccuracyNearestTenMeters;
+  const double desiredAccuracyBackground = platform::kCLLocationAccuracyNearestTenMeters;
+  const double distanceFilterForeground = 20.0;
+  const double distanceFilterBackground = 100.0;
+
+  // Initial values that nothing reads or changes; they belong to the interface.
+  const double deferredDistance = platform::CLLocationDistanceMax;
+  const double deferredTimeInterval = 60.0;
+  const bool deferringUpdates = false;
+  const bool useSignificantChange = true;
+  const bool geofencing = true;
+  const bool activityMonitoringAvailable = false;
+  const std::int64_t dataSyncWithWSInterval = 120;
+  const std::optional<platform::Date> lastSyncDate;
+
+  Guarded<std::weak_ptr<LocationManagerDelegate>> delegate;
+  Guarded<std::shared_ptr<void>> networkTimer;
+  const std::string currentActivity = "unknown";
+  Guarded<std::string> currentLocalisationMethod;
+  std::atomic<bool> tarvoStarted{false};
+  std::atomic<bool> instantaneousLocationRequest{false};
+  std::atomic<bool> stopReceiveLocationUpdate{true};
+  std::atomic<bool> geofencingStarted{false};
+  Guarded<std::optional<platform::CLLocation>> geofenceCenter;
+  std::atomic<platform::UIDeviceBatteryState> currentBatteryState;
+  Guarded<std::optional<bool>> isBackgroundMode;
+  std::atomic<bool> standardServiceAvailable{false};
+  std::atomic<bool> significantChangeServiceAvailable{false};
+  std::atomic<bool> geofencingAvailable{false};
+  const std::uint32_t randomID;
+  Guarded<platform::Date> startTime;
+  Guarded<platform::Date> geofencingStartTime;
+};
+
+}  // namespace tarvo

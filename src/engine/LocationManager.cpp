@@ -1,0 +1,124 @@
+#include <tarvo/LocationManager.h>
+
+#include "engine/LocationManagerParts.h"
+#include "settings/Names.h"
+#include "settings/Settings.h"
+#include "store/Locations.h"
+
+namespace tarvo {
+
+using platform::Date;
+using platform::NSFetchRequest;
+using platform::NSPredicate;
+
+LocationManager& LocationManager::sharedInstance() {
+  static LocationManager* engine = new LocationManager;
+  return *engine;
+}
+
+LocationManager::LocationManager() : parts_(new Parts(*this)) { parts_->startUp(); }
+
+const std::string& LocationManager::terrameshDataVersion() {
+  static const auto* version = new std::string(names::kTerrameshDataVersion);
+  return *version;
+}
+
+const std::string& LocationManager::callFromServerNotificationKey() {
+  static const auto* key = new std::string(names::kCallFromServerNotification);
+  return *key;
+}
+
+const std::string& LocationManager::backgroundSessionID() {
+  static const auto* identifier = new std::string(names::kBackgroundSession);
+  return *identifier;
+}
+
+std::string LocationManager::remoteWebServerURL() { return Settings::shared().remoteWebServerURL(); }
+
+bool LocationManager::setRemoteWebServerURL(std::string_view url, bool allowPlainHttp) {
+  return Settings::shared().setRemoteWebServerURL(url, allowPlainHttp);
+}
+
+std::optional<std::string> LocationManager::userUUID() { return Settings::shared().userUUID(); }
+void LocationManager::setUserUUID(std::optional<std::string> uuid) { Settings::shared().setUserUUID(std::move(uuid)); }
+
+void LocationManager::setDelegate(const std::shared_ptr<LocationManagerDelegate>& delegate) {
+  parts_->state.delegate.set(delegate);
+}
+std::shared_ptr<LocationManagerDelegate> LocationManager::delegate() const { return parts_->state.delegate.get().lock(); }
+std::optional<std::string> LocationManager::apiKey() const { return parts_->syncState.apiKey(); }
+void LocationManager::setApiKey(std::optional<std::string> key) { parts_->syncState.setApiKey(std::move(key)); }
+bool LocationManager::tarvoStarted() const { return parts_->state.tarvoStarted; }
+void LocationManager::setTarvoStarted(bool started) { parts_->state.tarvoStarted = started; }
+bool LocationManager::alreadyReceivedUUID() const { return parts_->syncState.alreadyReceivedUUID; }
+void LocationManager::setAlreadyReceivedUUID(bool received) { parts_->syncState.alreadyReceivedUUID = received; }
+std::shared_ptr<void> LocationManager::networkTimer() const { return parts_->state.networkTimer.get(); }
+void LocationManager::setNetworkTimer(std::shared_ptr<void> timer) { parts_->state.networkTimer.set(std::move(timer)); }
+platform::UserDefaults& LocationManager::defaults() const { return platform::UserDefaults::standard(); }
+std::uint32_t LocationManager::randomID() const { return parts_->state.randomID; }
+
+void LocationManager::start() { parts_->control.start(); }
+void LocationManager::stop() { parts_->control.stop(); }
+void LocationManager::stopLocationUpdate() { parts_->control.stopLocationUpdate(); }
+void LocationManager::requestLocationUpdate() { parts_->control.requestLocationUpdate(); }
+platform::CLAuthorizationStatus LocationManager::checkAndRequestLocationAuthorization(std::int64_t status) {
+  return parts_->control.checkAndRequestLocationAuthorization(status);
+}
+void LocationManager::requestAgainLocationAuthorization() { parts_->control.requestAgainLocationAuthorization(); }
+std::optional<platform::CLLocation> LocationManager::getLastLocation() { return parts_->control.getLastLocation(); }
+void LocationManager::foregroundMode() { parts_->modes.foregroundMode(); }
+std::string LocationManager::getAppState() { return ServiceModes::getAppState(); }
+void LocationManager::refreshLoc() { parts_->intake.refreshLoc(); }
+
+void LocationManager::sendDataInBatchToRemoteWebServer() { parts_->pipeline.sendDataInBatchToRemoteWebServer(); }
+void LocationManager::sendAllUnsentDataToRemoteWebServer() { parts_->pipeline.sendAllUnsentDataToRemoteWebServer(); }
+void LocationManager::markLocationAsSentUntilIndex(const std::string& locationIndex, const std::string& firstLoc) {
+  parts_->pipeline.markLocationAsSentUntilIndex(locationIndex, firstLoc);
+}
+std::optional<std::string> LocationManager::checkAndRegisterUser() { return parts_->registration.checkAndRegisterUser(); }
+void LocationManager::registerUserToRemoteWebServer() { parts_->registration.registerUserToRemoteWebServer(); }
+void LocationManager::addNewUserToDatabase(const std::string& uuid, const std::string& creationDate) {
+  parts_->registration.addNewUserToDatabase(uuid, creationDate);
+}
+
+LocationsHistory LocationManager::getLocationhistory(std::optional<Date> since, std::optional<Date> until) {
+  return parts_->history.getLocationhistory(since, until);
+}
+LocationsHistory LocationManager::getLocationhistoryExtraPolated(std::optional<Date> since, std::optional<Date> until) {
+  return parts_->history.getLocationhistoryExtraPolated(since, until);
+}
+std::optional<PastTripRecord> LocationManager::getLastPastTrip() { return parts_->history.getLastPastTrip(); }
+std::vector<PointOfInterestRecord> LocationManager::getPointOfInterest() { return parts_->history.getPointOfInterest(); }
+void LocationManager::removeData() { parts_->history.removeData(); }
+void LocationManager::removePOIs() { parts_->history.removePOIs(); }
+void LocationManager::handleEventsForBackgroundURLSession(const std::string& identifier,
+                                                          std::function<void()> completionHandler) {
+  parts_->networkManager.handleEventsForBackgroundURLSession(identifier, std::move(completionHandler));
+}
+
+LocationManager::SyncStatus LocationManager::syncStatus() {
+  SyncStatus status;
+  auto& context = parts_->store.managedObjectContext();
+  context.performAndWait([&] {
+    status.storeAvailable = context.coordinator().hasStore();
+    const auto count = [&](std::vector<NSPredicate> predicates) -> std::int64_t {
+      auto counted = context.count({std::string(Locations::kEntity), std::move(predicates), {}, 0});
+      return counted ? static_cast<std::int64_t>(*counted) : 0;
+    };
+    const NSPredicate unsent{"unsent", NSPredicate::Operator::equal, true};
+    const NSPredicate notPosted{"sentWithoutACK", NSPredicate::Operator::equal, false};
+    const NSPredicate posted{"sentWithoutACK", NSPredicate::Operator::equal, true};
+    status.stored = count({});
+    status.unsent = count({unsent, notPosted});
+    status.awaiting = count({posted});
+    status.acknowledged = status.stored - status.unsent - status.awaiting;
+    auto newest = context.fetch({std::string(Locations::kEntity), {}, {{"index", false}}, 1});
+    if (newest && !newest->empty())
+      if (const auto* location = dynamic_cast<const Locations*>(newest->front().get())) status.lastIndex = location->index();
+  });
+  status.batchesPosted = parts_->pipeline.batchesPosted();
+  status.positionsPosted = parts_->pipeline.positionsPosted();
+  return status;
+}
+
+}  // namespace tarvo

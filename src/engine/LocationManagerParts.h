@@ -1,0 +1,80 @@
+#pragma once
+
+#include <memory>
+
+#include <tarvo/LocationManager.h>
+#include <tarvo/NetworkManager.h>
+
+#include "engine/EngineState.h"
+#include "engine/Geofencing.h"
+#include "engine/Intake.h"
+#include "engine/PositionWriter.h"
+#include "engine/ServiceControl.h"
+#include "engine/ServiceModes.h"
+#include "net/EngineLink.h"
+#include "platform/location/CLLocationManager.h"
+#include "store/ObjectStore.h"
+#include "sync/DeviceRegistration.h"
+#include "sync/History.h"
+#include "sync/ReplyHandler.h"
+#include "sync/SyncState.h"
+#include "sync/UploadPipeline.h"
+
+namespace tarvo {
+
+/// All parts of the engine, built and wired in the order in which they stand here.
+///
+/// Lives as long as the process. Threads: each part says its own.
+struct LocationManager::Parts final : platform::CLLocationManagerDelegate, EngineLink {
+  explicit Parts(LocationManager& engine);
+
+  /// What the engine does once it exists, in this order; returns after the first upload pass has been started.
+  void startUp();
+
+  LocationManager& engine;
+  platform::CLLocationManager locationManager;
+  NetworkManager networkManager;
+  EngineQueues queues;
+  EngineState state;
+  SyncState syncState;
+  ObjectStore store;
+  DeviceRegistration registration;
+  UploadPipeline pipeline;
+  History history;
+  ReplyHandler replies;
+  PositionWriter writer;
+  ServiceControl control;
+  Geofencing geofencing;
+  ServiceModes modes;
+  Intake intake;
+
+  // From the location service, on its delivery queue.
+  void didUpdateLocations(platform::CLLocationManager&, const std::vector<platform::CLLocation>& locations) override;
+  void didFailWithError(platform::CLLocationManager&, const platform::Error& error) override;
+  void didFinishDeferredUpdates(platform::CLLocationManager&, const std::optional<platform::Error>& error) override;
+  void didChangeAuthorization(platform::CLLocationManager&, platform::CLAuthorizationStatus status) override;
+  void didStartMonitoring(platform::CLLocationManager&, const platform::CLCircularRegion& region) override;
+  void monitoringDidFail(platform::CLLocationManager&, const std::optional<platform::CLCircularRegion>&,
+                         const platform::Error& error) override;
+  void didEnterRegion(platform::CLLocationManager&, const platform::CLCircularRegion& region) override;
+  void didExitRegion(platform::CLLocationManager&, const platform::CLCircularRegion& region) override;
+
+  // From the backend clients.
+  void markLocationAsSentUntilIndex(const std::string& locationIndex, const std::string& firstLoc) override;
+  void sendDataInBatchToRemoteWebServer() override;
+  void addNewUserToDatabase(const std::string& uuid, const std::string& creationDate) override;
+  bool alreadyReceivedUUID() const override;
+  void setAlreadyReceivedUUID(bool received) override;
+  std::optional<NewestTrip> getLastPastTrip() override;
+  void submitLastTrips(std::vector<platform::Dictionary> trips) override;
+  void submitPOIs(std::vector<platform::Dictionary> pois) override;
+  void predictionStored() override;
+
+ private:
+  void subscribeForNotifications();
+  void readStoredUser();
+  void configureLocationService();
+  void probeServices();
+};
+
+}  // namespace tarvo

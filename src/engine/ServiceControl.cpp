@@ -1,0 +1,141 @@
+#include "engine/ServiceControl.h"
+
+#include <tarvo/platform/Device.h>
+
+#include "log/Log.h"
+#include "settings/Settings.h"
+#include "store/Locations.h"
+
+namespace tarvo {
+
+using platform::CLAuthorizationStatus;
+using platform::CLLocation;
+
+namespace {
+
+constexpr std::int64_t kLocalForeground = 0;
+
+std::int64_t number(CLAuthorizationStatus status) { return static_cast<std::int64_t>(status); }
+
+/// Absent when the record lacks any of the values of a fix.
+std::optional<CLLocation> fixOf(const LocationRecord& record) {
+  if (!record.latitude || !record.longitude || !record.altitude || !record.horizontalAccuracy ||
+      !record.verticalAccuracy || !record.course || !record.speed || !record.locationTimestamp)
+    return std::nullopt;
+  CLLocation fix;
+  fix.coordinate = {*record.latitude, *record.longitude};
+  fix.altitude = *record.altitude;
+  fix.horizontalAccuracy = *record.horizontalAccuracy;
+  fix.verticalAccuracy = *record.verticalAccuracy;
+  fix.course = *record.course;
+  fix.speed = *record.speed;
+  fix.timestamp = *record.locationTimestamp;
+  return fix;
+}
+
+}  // namespace
+
+ServiceControl::ServiceControl(EngineState& state, EngineQueues& queues, platform::CLLocationManager& locationManager,
+                               ObjectStore& store, PositionWriter& writer)
+    : state_(state), queues_(queues), locationManager_(locationManager), store_(store), writer_(writer) {}
+
+void ServiceControl::start() {
+  if (Settings::shared().activateStatus() >= 0) {
+    locationManager_.startUpdatingLocation();
+    state_.tarvoStarted = true;
+    recordEvent(action::kStarting);
+  }
+  Log::debug("LocationManager:start [loc] [tarvo] mainThread:", mainThread());
+}
+
+void ServiceControl::stop() {
+  queues_.serialQueue.sync([this] {
+    locationManager_.stopUpdatingLocation();
+    state_.tarvoStarted = false;
+    Log::debug("LocationManager:stop [loc] [tarvo] mainThread:", mainThread());
+  });
+}
+
+void ServiceControl::stopLocationUpdate() {
+  setStopReceiveLocationUpdate(true, "LocationManager:stopLocationUpdate [loc] [tarvo] mainThread:");
+}
+
+void ServiceControl::requestLocationUpdate() {
+  setStopReceiveLocationUpdate(false, "LocationManager:requestLocationUpdate [loc] [tarvo] mainThread:");
+}
+
+void ServiceControl::setStopReceiveLocationUpdate(bool stopped, std::string_view message) {
+  queues_.serialQueue.sync([&] {
+    state_.stopReceiveLocationUpdate = stopped;
+    Log::debug(message, mainThread());
+  });
+}
+
+CLAuthorizationStatus ServiceControl::checkAndRequestLocationAuthorization(std::int64_t mode) {
+  const CLAuthorizationStatus current = platform::CLLocationManager::authorizationStatus();
+  Log::debug("LocationManager:checkAndRequestLocationAuthorization [loc] status:", number(current),
+             " mainThread:", mainThread());
+  if (mode == kLocalForeground) {
+    if (current != CLAuthorizationStatus::authorizedWhenInUse) locationManager_.requestWhenInUseAuthorization();
+  } else if (current != CLAuthorizationStatus::authorizedAlways) {
+    locationManager_.requestAlwaysAuthorization();
+  }
+  return current;
+}
+
+void ServiceControl::requestAgainLocationAuthorization() {
+  Log::debug("LocationManager:requestAgainLocationAuthorization -> mainThread:", mainThread());
+  platform::Alert alert;
+  alert.title = "Location authorization required";
+  alert.message =
+      "This application needs your authorization to use location service. Please enable it in Settings to continue.";
+  alert.actions.push_back({"Settings", /*isCancel=*/false, [] {
+                             platform::UIApplication::shared().openURL(platform::UIApplicationOpenSettingsURLString);
+                           }});
+  alert.actions.push_back({"Cancel", /*isCancel=*/true, {}});
+  platform::UIApplication::shared().present(std::move(alert));
+}
+
+std::optional<CLLocation> ServiceControl::getLastLocation() {
+  if (checkAndRequestLocationAuthorization(Settings::shared().activateStatus()) == CLAuthorizationStatus::denied)
+    requestAgainLocationAuthorization();
+  std::optional<CLLocation> last;
+  auto& context = store_.managedObjectContext();
+  context.performAndWait([&] {
+    const auto stored = Locations::getLastLocation(context);
+    if (stored) last = fixOf(stored->record());
+  });
+  if (last)
+    Log::debug("LocationManager:getLastLocation [loc] [tarvo] lastLoc:", last->description(),
+               " mainThread:", mainThread());
+  return last;
+}
+
+void ServiceControl::recordEvent(std::string_view serviceaction) {
+  if (const auto last = getLastLocation())
+    writer_.addNewLocationToDatabase({*last}, state_.currentActivity, method::kEvent, serviceaction);
+}
+
+void ServiceControl::didChangeAuthorization(CLAuthorizationStatus status) {
+  queues_.serialQueue.async([this, status] {
+    if (!state_.tarvoStarted) return;
+    std::string_view event;
+    switch (status) {
+      case CLAuthorizationStatus::authorizedAlways:
+      case CLAuthorizationStatus::authorizedWhenInUse:
+        event = action::kEnabled;
+        break;
+      case CLAuthorizationStatus::restricted:
+      case CLAuthorizationStatus::denied:
+        event = action::kDisabled;
+        break;
+      default:
+        Log::debug("LocationManager:didChangeAuthorization [loc] unknown status:", number(status));
+        return;
+    }
+    Log::debug("LocationManager:didChangeAuthorization [loc] status:", number(status));
+    recordEvent(event);
+  });
+}
+
+}  // namespace tarvo

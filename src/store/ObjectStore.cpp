@@ -1,0 +1,90 @@
+#include "store/ObjectStore.h"
+
+#include <tarvo/platform/Environment.h>
+
+#include "log/Log.h"
+#include "platform/foundation/Bundle.h"
+#include "settings/Names.h"
+#include "store/ObjectModel.h"
+
+namespace tarvo {
+
+using platform::Bundle;
+using platform::Error;
+using platform::fatalError;
+using platform::NSManagedObjectContext;
+using platform::NSManagedObjectModel;
+using platform::NSPersistentStoreCoordinator;
+
+namespace {
+
+constexpr const char* kModelName = "Marrowgate-Tarvo-db";
+constexpr const char* kModelExtension = "momd";
+constexpr const char* kStoreFile = "Marrowgate-Tarvo-db3.sqlite";
+constexpr const char* kConfiguration = "ConfigurationForLocationsAndUsers";
+
+}  // namespace
+
+const std::filesystem::path& ObjectStore::applicationDocumentsDirectory() {
+  std::call_once(directoryOnce_, [this] {
+    const auto directories = platform::documentDirectories();
+    if (directories.empty()) fatalError("there is no document directory for the object store");
+    directory_ = directories.back();
+  });
+  return directory_;
+}
+
+const std::shared_ptr<NSManagedObjectModel>& ObjectStore::managedObjectModel() {
+  std::call_once(modelOnce_, [this] {
+    registerModelResources();
+    const Bundle* bundle = Bundle::withIdentifier(names::kFrameworkBundle);
+    if (bundle == nullptr) fatalError(platform::concat("bundle ", names::kFrameworkBundle, " not found"));
+    const auto url = bundle->url(kModelName, kModelExtension);
+    if (!url) fatalError(platform::concat("object model ", kModelName, ".", kModelExtension, " not found"));
+    model_ = NSManagedObjectModel::load(*url);
+    if (!model_) fatalError(platform::concat("object model ", url->text, " cannot be loaded"));
+    setEntityClasses(*model_);
+  });
+  return model_;
+}
+
+const std::shared_ptr<NSPersistentStoreCoordinator>& ObjectStore::persistentStoreCoordinator() {
+  std::call_once(coordinatorOnce_, [this] {
+    coordinator_ = std::make_shared<NSPersistentStoreCoordinator>(managedObjectModel());
+    openStore();
+  });
+  return coordinator_;
+}
+
+void ObjectStore::openStore() {
+  const auto failure = coordinator_->addPersistentStore(platform::NSSQLiteStoreType, kConfiguration,
+                                                        applicationDocumentsDirectory() / kStoreFile);
+  if (!failure) return;
+  Error wrapped;
+  wrapped.domain = "YOUR_ERROR_DOMAIN";
+  wrapped.code = 9999;
+  wrapped.localizedDescription = "Failed to initialize the application's saved data";
+  wrapped.userInfo = {
+      {platform::NSLocalizedDescriptionKey, wrapped.localizedDescription},
+      {platform::NSLocalizedFailureReasonErrorKey,
+       "There was an error creating or loading the application's saved data."},
+      {platform::NSUnderlyingErrorKey, failure->description()},
+  };
+  // Deliberate: the coordinator is kept without a store, and opening is not tried again.
+  Log::error("Unresolved error ", platform::errorAndUserInfo(wrapped));
+}
+
+NSManagedObjectContext& ObjectStore::managedObjectContext() {
+  std::call_once(contextOnce_,
+                 [this] { context_ = std::make_unique<NSManagedObjectContext>(persistentStoreCoordinator()); });
+  return *context_;
+}
+
+void ObjectStore::saveContext() {
+  Log::debug("LocationManager:saveContext [coreData] mainThread:", mainThread());
+  NSManagedObjectContext& context = managedObjectContext();
+  if (!context.hasChanges()) return;
+  if (const auto error = context.save()) Log::error("Unresolved error ", platform::errorAndUserInfo(*error));
+}
+
+}  // namespace tarvo

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <mutex>
+
+#include "platform/persistence/NSManagedObjectContext.h"
+
+namespace tarvo {
+
+/// The process's object store: where it lies, its model, its coordinator and the one context, each built on first
+/// use and then kept.
+///
+/// Threads: any; building is guarded. Records are touched only inside blocks of the context.
+/// Errors: a missing model or an empty list of document directories stops the process. A store that cannot be opened
+/// is logged once; the coordinator then stays without one and every later fetch and save fails for its caller.
+class ObjectStore {
+ public:
+  /// The last of the document directories.
+  const std::filesystem::path& applicationDocumentsDirectory();
+  const std::shared_ptr<platform::NSManagedObjectModel>& managedObjectModel();
+  const std::shared_ptr<platform::NSPersistentStoreCoordinator>& persistentStoreCoordinator();
+  platform::NSManagedObjectContext& managedObjectContext();
+
+  /// Saves what is pending; only from inside a block of the context. A failure is logged and everything stays
+  /// pending for the next save.
+  void saveContext();
+
+ private:
+  void openStore();
+
+  std::once_flag directoryOnce_, modelOnce_, coordinatorOnce_, contextOnce_;
+  std::filesystem::path directory_;
+  std::shared_ptr<platform::NSManagedObjectModel> model_;
+  std::shared_ptr<platform::NSPersistentStoreCoordinator> coordinator_;
+  std::unique_ptr<platform::NSManagedObjectContext> context_;
+};
+
+}  // namespace tarvo

@@ -1,0 +1,85 @@
+#include "sync/DeviceRegistration.h"
+
+#include <tarvo/NetworkManager.h>
+#include <tarvo/platform/Device.h>
+
+#include "log/Log.h"
+#include "platform/foundation/Json.h"
+#include "settings/Settings.h"
+#include "store/Users.h"
+
+namespace tarvo {
+
+using platform::concat;
+using platform::UIDevice;
+
+namespace {
+
+platform::Dictionary deviceDescription() {
+  const UIDevice& device = UIDevice::current();
+  const std::string identifier = device.identifierForVendor().value_or("unknown");
+  return {
+      {"mobileos", "ios"},
+      {"mobileid", concat("{\"os\":\"ios\", \"iosid\":\"", identifier, "\"}")},
+      {"phone_description", concat("{", device.name(), " ", device.systemName(), " ", device.systemVersion(), " ", "}")},
+      {"sensors", "unknown"},
+  };
+}
+
+}  // namespace
+
+DeviceRegistration::DeviceRegistration(ObjectStore& store, NetworkManager& client, std::function<void()> startUpload)
+    : store_(store), client_(client), startUpload_(std::move(startUpload)) {}
+
+std::vector<std::optional<std::string>> DeviceRegistration::getUser() {
+  std::vector<std::optional<std::string>> identifiers;
+  auto& context = store_.managedObjectContext();
+  context.performAndWait([&] {
+    for (const auto& user : Users::getUsers(context)) identifiers.push_back(user->uuid());
+  });
+  return identifiers;
+}
+
+std::optional<std::string> DeviceRegistration::checkAndRegisterUser() {
+  const auto users = getUser();
+  Settings& settings = Settings::shared();
+  if (users.empty()) {
+    Log::debug("LocationManager:checkAndRegisterUser [loc] nbUsers:0 mainThread:", mainThread());
+    if (!settings.apiKeySecret().empty()) registerUserToRemoteWebServer();
+    return std::nullopt;
+  }
+  if (users.size() == 1) {
+    Log::debug("LocationManager:checkAndRegisterUser [loc] nbUsers:1 mainThread:", mainThread());
+    if (!settings.userSecret() && !settings.apiKeySecret().empty()) registerUserToRemoteWebServer();
+    return users.front();
+  }
+  Log::error("LocationManager:checkAndRegisterUser [loc] error nbUsers:", users.size(), " mainThread:", mainThread());
+  return std::nullopt;
+}
+
+void DeviceRegistration::registerUserToRemoteWebServer() {
+  const platform::Dictionary description = deviceDescription();
+  if (!platform::isValidJsonObject(description)) {
+    Log::error("LocationManager:registerUserToRemoteWebServer [loc] JSON conversion problem mainThread:", mainThread());
+    return;
+  }
+  auto body = platform::serializeJson(description);
+  if (!body) {
+    Log::error("Unresolved error ", platform::errorAndUserInfo(body.error()));
+    return;
+  }
+  Log::debug("LocationManager:registerUserToRemoteWebServer [loc] user:", description);
+  client_.sendUserToRemoteWebServer(*body);
+}
+
+void DeviceRegistration::addNewUserToDatabase(std::string_view uuid, std::string_view creationDate) {
+  auto& context = store_.managedObjectContext();
+  context.performAndWait([&] {
+    Users::addUser(uuid, creationDate, context);
+    store_.saveContext();
+  });
+  Settings::shared().adoptUserUUID(uuid);
+  startUpload_();
+}
+
+}  // namespace tarvo

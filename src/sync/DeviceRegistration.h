@@ -1,0 +1,43 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "store/ObjectStore.h"
+
+namespace tarvo {
+
+class NetworkManager;
+
+/// Decides from the stored users whether this device is known to the backend, and registers it when it is not.
+///
+/// Threads: any; store work runs in blocks of the context. Owns nothing. Errors: never throws; what fails is logged
+/// and the next check tries again.
+class DeviceRegistration {
+ public:
+  /// `startUpload` is called once a new user has been stored.
+  DeviceRegistration(ObjectStore& store, NetworkManager& client, std::function<void()> startUpload);
+
+  /// The identifier of the one stored user. Without a user, or when its secret was lost, the device is registered,
+  /// provided that the host has supplied an API secret. Several users are an error that is only logged.
+  std::optional<std::string> checkAndRegisterUser();
+
+  /// Sends the device's description; the answer comes back through `addNewUserToDatabase`.
+  void registerUserToRemoteWebServer();
+
+  /// Stores the user, makes its identifier known unless one is, and starts an upload.
+  void addNewUserToDatabase(std::string_view uuid, std::string_view creationDate);
+
+ private:
+  /// The identifiers of all stored users.
+  std::vector<std::optional<std::string>> getUser();
+
+  ObjectStore& store_;
+  NetworkManager& client_;
+  std::function<void()> startUpload_;
+};
+
+}  // namespace tarvo

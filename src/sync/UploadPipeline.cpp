@@ -1,0 +1,155 @@
+#include "sync/UploadPipeline.h"
+
+#include <memory>
+
+#include <tarvo/NetworkManager.h>
+#include <tarvo/platform/Clock.h>
+
+#include "log/Log.h"
+#include "settings/Settings.h"
+#include "sync/DeviceRegistration.h"
+
+namespace tarvo {
+
+using platform::concat;
+
+namespace {
+
+constexpr std::int64_t kLeastUploadMode = 8;
+
+/// What is needed of a batch once its records may change again.
+struct Batch {
+  std::string json;
+  std::int64_t first = 0;
+  std::int64_t last = 0;
+};
+
+/// Only inside a block of the context, so that the text and both ends are of one moment.
+Batch batchOf(const Locations::List& locations, std::string_view uuid) {
+  return {Locations::convertToString(locations, uuid), locations.front()->index().value_or(0),
+          locations.back()->index().value_or(0)};
+}
+
+}  // namespace
+
+UploadPipeline::UploadPipeline(ObjectStore& store, NetworkManager& client, DeviceRegistration& registration,
+                               SyncState& state)
+    : store_(store), client_(client), registration_(registration), state_(state) {}
+
+void UploadPipeline::sendDataInBatchToRemoteWebServer() {
+  Settings& settings = Settings::shared();
+  if (settings.activateStatus() < kLeastUploadMode) return;
+  const auto attempt = settings.uploadChannel().tryTake(platform::Clock::current()->now());
+  Log::debug("LocationManager:sendDataInBatchToRemoteWebServer [loc]=====CALLED======CANAL===", attempt.wasLocked,
+             "=====", attempt.elapsed.count(), "=======");
+  if (!attempt.taken) return;
+  if (state_.networkManagerReceivedSessionError.load()) {
+    settings.uploadChannel().release();
+    return;
+  }
+  const Locations::List awaiting = getSentWithoutACKLocations();
+  if (!awaiting.empty())
+    resendAllSentWithoutACKData(awaiting);
+  else
+    sendAllUnsentDataToRemoteWebServer();
+}
+
+std::optional<std::string> UploadPipeline::userOrRegistration() {
+  if (auto identity = Settings::shared().identity()) return std::move(identity->userUUID);
+  // The channel stays held: the first batch of a fresh device leaves once it is stale.
+  state_.setApiKey(registration_.checkAndRegisterUser());
+  return std::nullopt;
+}
+
+Locations::List UploadPipeline::getSentWithoutACKLocations() {
+  Locations::List locations;
+  auto& context = store_.managedObjectContext();
+  context.performAndWait([&] {
+    locations = Locations::getSentWithoutACKLocations(context);
+    if (locations.empty())
+      Log::debug("LocationManager:getSentWithoutACKLocations [net] [] mainThread:", mainThread());
+    else
+      Log::debug("LocationManager:getSentWithoutACKLocations [net] from:", locations.front()->index(),
+                 " to:", locations.back()->index(), " mainThread:", mainThread());
+  });
+  return locations;
+}
+
+Locations::List UploadPipeline::getUnsentLocations() {
+  Locations::List locations;
+  auto& context = store_.managedObjectContext();
+  context.performAndWait([&] {
+    locations = Locations::getUnsentLocations(context);
+    if (locations.empty())
+      Log::debug("LocationManager:getUnsentLocations [net] [] mainThread:", mainThread());
+    else
+      Log::debug("LocationManager:getUnsentLocations [net] from:", locations.front()->index(),
+                 " to:", locations.back()->index(), " mainThread:", mainThread());
+  });
+  return locations;
+}
+
+void UploadPipeline::sendAllUnsentDataToRemoteWebServer() {
+  const auto uuid = userOrRegistration();
+  if (!uuid) return;
+  auto& context = store_.managedObjectContext();
+  Batch batch;
+  // The marks hold the records, so that each finds its own without reading it again.
+  auto list = std::make_shared<Locations::List>();
+  std::vector<platform::NSManagedObjectID> identifiers;
+  context.performAndWait([&] {
+    *list = getUnsentLocations();
+    if (list->empty()) return;
+    Log::debug("LocationManager:sendAllUnsentDataToRemoteWebServer [net] from:", list->front()->index(),
+               " to:", list->back()->index(), " mainThread:", mainThread());
+    batch = batchOf(*list, *uuid);
+    for (const auto& location : *list) identifiers.push_back(location->objectID());
+  });
+  if (identifiers.empty()) {
+    Settings::shared().uploadChannel().release();
+    return;
+  }
+  const std::size_t positions = identifiers.size();
+  for (auto& identifier : identifiers)
+    context.perform([this, list, identifier = std::move(identifier)] { markLocationAsSentWithoutACKWithID(identifier); });
+  post(batch.json, batch.first, batch.last, positions);
+}
+
+void UploadPipeline::markLocationAsSentWithoutACKWithID(const platform::NSManagedObjectID& locationID) {
+  Log::debug("LocationManager:markLocationAsSentWithoutACKWithID [net] id:", locationID.description(),
+             " mainThread:", mainThread());
+  Locations::markLocationAsSentWithoutACKWithID(locationID, store_.managedObjectContext());
+  store_.saveContext();
+}
+
+void UploadPipeline::resendAllSentWithoutACKData(const Locations::List& locations) {
+  const auto uuid = userOrRegistration();
+  if (!uuid) return;
+  Log::debug("LocationManager:resendAllSentWithoutACKData :count = ", locations.size());
+  if (locations.empty()) return;
+  if (!NetworkManager::isWebServerReachable(/*viaWiFi=*/false, Settings::shared().remoteWebServerURL())) return;
+  Batch batch;
+  store_.managedObjectContext().performAndWait([&] {
+    Log::debug("LocationManager:resendAllSentWithoutACKData [net] from:", locations.front()->index(),
+               " to:", locations.back()->index(), " mainThread:", mainThread());
+    batch = batchOf(locations, *uuid);
+  });
+  post(batch.json, batch.first, batch.last, locations.size());
+}
+
+void UploadPipeline::post(const std::string& json, std::int64_t first, std::int64_t last, std::size_t positions) {
+  batchesPosted_.fetch_add(1);
+  positionsPosted_.fetch_add(positions);
+  client_.sendDataInBatchToRemoteWebServer(json, concat(first), concat(last));
+}
+
+void UploadPipeline::markLocationAsSentUntilIndex(std::string_view locationIndex, std::string_view firstLoc) {
+  auto& context = store_.managedObjectContext();
+  context.performAndWait([&] {
+    // Frees the channel and starts the next batch from inside, before this acknowledgement is saved.
+    Locations::markLocationAsSentUntilIndex(locationIndex, context, firstLoc);
+    store_.saveContext();
+  });
+}
+
+}  // namespace tarvo

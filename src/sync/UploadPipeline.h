@@ -1,0 +1,63 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "store/Locations.h"
+#include "store/ObjectStore.h"
+#include "sync/SyncState.h"
+
+namespace tarvo {
+
+class DeviceRegistration;
+class NetworkManager;
+
+/// Moves stored positions to the backend, at most 1000 in a batch, one batch in flight, those that await their
+/// acknowledgement before new ones.
+///
+/// Threads: any; store work runs in blocks of the context, and the pass that an acknowledgement starts runs inside
+/// its block. A pass never hops onto a queue of the engine and never waits for an answer.
+/// Owns nothing. Errors: never throws; a pass that cannot send leaves the upload channel free or held as each
+/// operation says, and the next event tries again.
+class UploadPipeline {
+ public:
+  UploadPipeline(ObjectStore& store, NetworkManager& client, DeviceRegistration& registration, SyncState& state);
+
+  /// One upload pass: takes the channel if it is free or stale (180 s) and posts what comes first.
+  void sendDataInBatchToRemoteWebServer();
+
+  /// Posts the oldest positions that were never posted and queues their marks. Frees the channel when there are none;
+  /// without an identity the device is registered instead and the channel stays held.
+  void sendAllUnsentDataToRemoteWebServer();
+
+  /// Posts these positions again, unless the backend is out of reach; the channel then stays held.
+  void resendAllSentWithoutACKData(const Locations::List& locations);
+
+  /// The acknowledgement of a batch, given as texts: its last index, then its first.
+  void markLocationAsSentUntilIndex(std::string_view locationIndex, std::string_view firstLoc);
+
+  std::uint64_t batchesPosted() const { return batchesPosted_.load(); }
+  std::uint64_t positionsPosted() const { return positionsPosted_.load(); }
+
+ private:
+  /// The user's identifier while uploads are possible; else checks the user.
+  std::optional<std::string> userOrRegistration();
+  Locations::List getSentWithoutACKLocations();
+  Locations::List getUnsentLocations();
+  void markLocationAsSentWithoutACKWithID(const platform::NSManagedObjectID& locationID);
+  void post(const std::string& json, std::int64_t first, std::int64_t last, std::size_t positions);
+
+  ObjectStore& store_;
+  NetworkManager& client_;
+  DeviceRegistration& registration_;
+  SyncState& state_;
+  std::atomic<std::uint64_t> batchesPosted_{0};
+  std::atomic<std::uint64_t> positionsPosted_{0};
+};
+
+}  // namespace tarvo
