@@ -11,8 +11,8 @@ namespace tarvo::platform {
 
 /// Where a resource lies: inside the library's own image.
 struct ResourceURL {
-  std::string text;         ///< "embedded:/<bundle>/<name>.<extension>"
-  std::string_view bytes;   ///< lives as long as the library
+  std::string text;        ///< "embedded:/<bundle>/<name>.<extension>"
+  std::string_view bytes;  ///< lives as long as the library
 };
 
 /// A file that was built into the library (cmake/EmbedResource.cmake writes one as a constant).
@@ -41,7 +41,6 @@ class Bundle {
   std::optional<ResourceURL> url(std::string_view resource, std::string_view extension) const;
 
  private:
-  std::string identifier_;
   Dictionary info_;
   std::vector<EmbeddedResource> resources_;
 };

@@ -16,6 +16,9 @@ Result<std::string> readFile(const std::filesystem::path& file);
 /// `durable`, renamed. Absent on success.
 std::optional<Error> writeFileAtomically(const std::filesystem::path& file, std::string_view bytes, bool durable);
 
+/// Makes the directory and those above it that are missing, for this user alone (mode 0700). Absent on success.
+std::optional<Error> createPrivateDirectories(const std::filesystem::path& directory);
+
 /// Whether `name` can stand for a file inside a directory: not empty, not "." or "..", no "/" and no NUL.
 bool isPlainFileName(std::string_view name);
 

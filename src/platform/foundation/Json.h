@@ -9,8 +9,9 @@
 
 namespace tarvo::platform {
 
-/// Parses a JSON text, bare values at the top included. Texts over 64 MiB or nested deeper than 512 are refused, so
-/// that no reply can exhaust the stack or the memory. Trailing text, comments and NaN are errors (Cocoa 3840).
+/// Parses a JSON text, bare values at the top included. Texts over 64 MiB, over 2 Mi values or deeper than 512 are
+/// refused, so that no reply can exhaust the stack or the memory. Of equal keys the last wins. Trailing text, comments
+/// and NaN are errors (Cocoa 3840).
 Result<Value> parseJson(std::string_view text);
 
 /// Whether `serializeJson` can write it: an array or dictionary at the top, finite numbers, valid UTF-8 texts.

@@ -1,0 +1,152 @@
+#include "platform/foundation/DateFormatter.h"
+
+#include <unicode/ucal.h>
+#include <unicode/udat.h>
+#include <unicode/ustring.h>
+
+#include <cmath>
+#include <utility>
+
+#include "platform/foundation/FatalError.h"
+#include "platform/foundation/Mutex.h"
+
+namespace tarvo::platform {
+namespace {
+
+constexpr const char* kLocale = "en_US_POSIX@calendar=gregorian";
+// Dates are short; what a backend sends is not worth more work than this.
+constexpr std::size_t kMaxParsedBytes = 1024;
+
+struct CloseFormat {
+  void operator()(UDateFormat* format) const { udat_close(format); }
+};
+using Format = std::unique_ptr<UDateFormat, CloseFormat>;
+
+struct CloseCalendar {
+  void operator()(UCalendar* calendar) const { ucal_close(calendar); }
+};
+using Calendar = std::unique_ptr<UCalendar, CloseCalendar>;
+
+std::u16string utf16(std::string_view text) {
+  // No text has more UTF-16 units than UTF-8 bytes.
+  std::u16string out(text.size(), u'\0');
+  int32_t length = 0;
+  UErrorCode status = U_ZERO_ERROR;
+  u_strFromUTF8WithSub(out.data(), static_cast<int32_t>(out.size()), &length, text.data(),
+                       static_cast<int32_t>(text.size()), 0xFFFD, nullptr, &status);
+  out.resize(static_cast<std::size_t>(length));
+  return out;
+}
+
+std::string utf8(std::u16string_view text) {
+  std::string out(3 * text.size(), '\0');
+  int32_t length = 0;
+  UErrorCode status = U_ZERO_ERROR;
+  u_strToUTF8WithSub(out.data(), static_cast<int32_t>(out.size()), &length, text.data(),
+                     static_cast<int32_t>(text.size()), 0xFFFD, nullptr, &status);
+  out.resize(static_cast<std::size_t>(length));
+  return out;
+}
+
+// ICU takes milliseconds as a double and cuts downwards. A date that came from whole milliseconds has lost the last
+// bits in its double of seconds and must not fall one millisecond short.
+UDate milliseconds(Date date) {
+  const double seconds = secondsSince1970(date);
+  const double whole = std::round(seconds * 1000);
+  return whole / 1000 == seconds ? whole : std::floor(seconds * 1000);
+}
+
+std::string format(const UDateFormat* formatter, Date date) {
+  if (!std::isfinite(secondsSince1970(date))) return {};
+  std::u16string out(128, u'\0');
+  for (;;) {
+    UErrorCode status = U_ZERO_ERROR;
+    const int32_t length =
+        udat_format(formatter, milliseconds(date), out.data(), static_cast<int32_t>(out.size()), nullptr, &status);
+    const bool tooShort = status == U_BUFFER_OVERFLOW_ERROR;
+    if (U_FAILURE(status) && !tooShort) return {};
+    out.resize(static_cast<std::size_t>(length));
+    if (!tooShort) return utf8(out);
+  }
+}
+
+Format open(std::u16string_view pattern, std::optional<std::string_view> timeZone) {
+  const std::u16string zone = utf16(timeZone.value_or(""));
+  UErrorCode status = U_ZERO_ERROR;
+  Format opened(udat_open(UDAT_PATTERN, UDAT_PATTERN, kLocale, timeZone ? zone.data() : nullptr,
+                          static_cast<int32_t>(zone.size()), pattern.data(), static_cast<int32_t>(pattern.size()),
+                          &status));
+  if (U_FAILURE(status)) fatalError(std::string("date formatter: ") + u_errorName(status));
+  udat_setLenient(opened.get(), false);
+  return opened;
+}
+
+}  // namespace
+
+struct DateFormatter::State {
+  explicit State(std::string_view text) : pattern(utf16(text)) {}
+
+  const std::u16string pattern;
+  Mutex mutex;
+  Format format GUARDED_BY(mutex);
+};
+
+DateFormatter::DateFormatter(std::string_view pattern, std::optional<std::string_view> timeZone)
+    : state_(std::make_unique<State>(pattern)) {
+  setTimeZone(timeZone);
+}
+
+DateFormatter::~DateFormatter() = default;
+
+void DateFormatter::setTimeZone(std::optional<std::string_view> timeZone) {
+  Format opened = open(state_->pattern, timeZone);
+  MutexLock lock(state_->mutex);
+  state_->format = std::move(opened);
+}
+
+std::string DateFormatter::string(Date date) const {
+  MutexLock lock(state_->mutex);
+  return format(state_->format.get(), date);
+}
+
+std::optional<Date> DateFormatter::date(std::string_view text) const {
+  if (text.size() > kMaxParsedBytes) return std::nullopt;
+  const std::u16string input = utf16(text);
+  MutexLock lock(state_->mutex);
+  UErrorCode status = U_ZERO_ERROR;
+  const Calendar calendar(ucal_clone(udat_getCalendar(state_->format.get()), &status));
+  if (U_FAILURE(status)) return std::nullopt;
+  // What the text leaves out is the first of January 2000, midnight. With no other field set, the order in which the
+  // text sets them makes "YYYY" before month and day mean the year as it is written.
+  ucal_clear(calendar.get());
+  ucal_set(calendar.get(), UCAL_YEAR, 2000);
+  int32_t position = 0;
+  udat_parseCalendar(state_->format.get(), calendar.get(), input.data(), static_cast<int32_t>(input.size()), &position,
+                     &status);
+  const UDate parsed = ucal_getMillis(calendar.get(), &status);
+  const std::size_t rest = input.find_first_not_of(u" \t\r\n", static_cast<std::size_t>(position));
+  if (U_FAILURE(status) || rest != std::u16string::npos) return std::nullopt;
+  return dateSince1970(parsed / 1000);
+}
+
+std::string localizedShortDateFullTime(Date date) {
+  struct Shared {
+    Mutex mutex;
+    Format format GUARDED_BY(mutex);
+  };
+  static Shared* shared = new Shared;
+  MutexLock lock(shared->mutex);
+  if (!shared->format) {
+    UErrorCode status = U_ZERO_ERROR;
+    shared->format.reset(udat_open(UDAT_FULL, UDAT_SHORT, nullptr, nullptr, 0, nullptr, 0, &status));
+    if (U_FAILURE(status)) return {};
+  }
+  std::string text = format(shared->format.get(), date);
+  // One form whatever the locale data's age: newer data has a narrow no-break blank before "PM".
+  constexpr std::string_view kNarrowBlank = "\u202F";
+  for (std::size_t at = text.find(kNarrowBlank); at != std::string::npos; at = text.find(kNarrowBlank, at))
+    text.replace(at, kNarrowBlank.size(), " ");
+  return text;
+}
+
+}  // namespace tarvo::platform

@@ -1,0 +1,114 @@
+#include <tarvo/platform/Environment.h>
+
+#include <tarvo/platform/SystemLog.h>
+
+#include <stdlib.h>
+
+#include <optional>
+#include <string>
+#include <system_error>
+#include <utility>
+
+#include "platform/foundation/Executable.h"
+#include "platform/foundation/Files.h"
+#include "platform/foundation/InfoPropertyList.h"
+#include "platform/foundation/Mutex.h"
+#include "platform/foundation/Text.h"
+
+namespace tarvo::platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Environment {
+  Mutex mutex;
+  std::optional<fs::path> home GUARDED_BY(mutex);
+  std::optional<fs::path> infoPropertyList GUARDED_BY(mutex);
+  std::optional<std::vector<fs::path>> documents GUARDED_BY(mutex);
+  bool reported GUARDED_BY(mutex) = false;
+};
+
+Environment& environment() {
+  static Environment* environment = new Environment;
+  return *environment;
+}
+
+// What is set stays in place when the program changes its working directory.
+fs::path anchored(const fs::path& path) {
+  std::error_code failure;
+  fs::path absolute = fs::absolute(path, failure);
+  return failure ? path : absolute.lexically_normal();
+}
+
+fs::path defaultHome() {
+  const char* data = ::getenv("XDG_DATA_HOME");
+  const bool usable = data != nullptr && *data == '/';
+  const fs::path base = usable ? fs::path(data) : userDirectory() / ".local" / "share";
+  const fs::path program = executableFile().filename();
+  return base / (program.empty() ? fs::path("program") : program);
+}
+
+std::vector<fs::path> chosenDocumentDirectories() {
+  {
+    MutexLock lock(environment().mutex);
+    if (environment().documents) return *environment().documents;
+  }
+  return {homeDirectory() / "Documents"};
+}
+
+// The directories are asked for at every log line, so a home that stays unwritable is told only once.
+bool reportsFirst() {
+  MutexLock lock(environment().mutex);
+  return !std::exchange(environment().reported, true);
+}
+
+}  // namespace
+
+void setHomeDirectory(const fs::path& home) {
+  fs::path absolute = anchored(home);
+  MutexLock lock(environment().mutex);
+  environment().home = std::move(absolute);
+}
+
+fs::path homeDirectory() {
+  {
+    MutexLock lock(environment().mutex);
+    if (environment().home) return *environment().home;
+  }
+  return defaultHome();
+}
+
+void setInfoPropertyList(const fs::path& file) {
+  fs::path absolute = anchored(file);
+  MutexLock lock(environment().mutex);
+  environment().infoPropertyList = std::move(absolute);
+}
+
+fs::path infoPropertyListFile() {
+  {
+    MutexLock lock(environment().mutex);
+    if (environment().infoPropertyList) return *environment().infoPropertyList;
+    if (environment().home) return *environment().home / "Info.plist";
+  }
+  std::error_code ignored;
+  fs::path beside = executableFile().parent_path() / "Info.plist";
+  return fs::is_regular_file(beside, ignored) ? beside : defaultHome() / "Info.plist";
+}
+
+std::vector<fs::path> documentDirectories() {
+  std::vector<fs::path> directories = chosenDocumentDirectories();
+  for (const fs::path& directory : directories) {
+    const auto error = createPrivateDirectories(directory);
+    if (error && reportsFirst())
+      NSLog(concat("The document directory cannot be created: ", error->localizedDescription));
+  }
+  return directories;
+}
+
+void setDocumentDirectories(std::vector<fs::path> directories) {
+  for (fs::path& directory : directories) directory = anchored(directory);
+  MutexLock lock(environment().mutex);
+  environment().documents = std::move(directories);
+}
+
+}  // namespace tarvo::platform

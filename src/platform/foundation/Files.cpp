@@ -1,0 +1,111 @@
+#include "platform/foundation/Files.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <system_error>
+#include <utility>
+
+#include "platform/foundation/Text.h"
+
+namespace tarvo::platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// Owns an open file; closes it at the latest when it goes.
+class Descriptor {
+ public:
+  explicit Descriptor(int fd) : fd_(fd) {}
+  ~Descriptor() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+
+  int get() const { return fd_; }
+  /// Some file systems report a failed write only here.
+  bool close() { return ::close(std::exchange(fd_, -1)) == 0; }
+
+ private:
+  int fd_;
+};
+
+bool writeAll(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = ::write(fd, bytes.data(), bytes.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return false;
+    bytes.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return true;
+}
+
+// A file system that cannot flush a directory (EINVAL) has nothing to flush there.
+bool flushDirectory(const fs::path& directory) {
+  Descriptor descriptor(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return descriptor.get() >= 0 && (::fsync(descriptor.get()) == 0 || errno == EINVAL);
+}
+
+fs::path directoryOf(const fs::path& file) { return file.has_parent_path() ? file.parent_path() : fs::path("."); }
+
+}  // namespace
+
+Error posixError(int code, std::string_view what) {
+  return Error{.domain = "NSPOSIXErrorDomain",
+               .code = code,
+               .localizedDescription = concat(what, ": ", std::generic_category().message(code))};
+}
+
+Result<std::string> readFile(const fs::path& file) {
+  const Descriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  if (descriptor.get() < 0) return posixError(errno, file.native());
+  std::string bytes;
+  struct stat status {};
+  if (::fstat(descriptor.get(), &status) == 0 && S_ISREG(status.st_mode))
+    bytes.reserve(static_cast<std::size_t>(status.st_size));
+  char buffer[16384];
+  for (;;) {
+    const ssize_t count = ::read(descriptor.get(), buffer, sizeof buffer);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return posixError(errno, file.native());
+    if (count == 0) return bytes;
+    bytes.append(buffer, static_cast<std::size_t>(count));
+  }
+}
+
+std::optional<Error> writeFileAtomically(const fs::path& file, std::string_view bytes, bool durable) {
+  std::string temporary = (directoryOf(file) / ".writing-XXXXXX").native();
+  Descriptor descriptor(::mkostemp(temporary.data(), O_CLOEXEC));
+  if (descriptor.get() < 0) return posixError(errno, file.native());
+  // The bytes must be on the disk before the name points to them, or a crash leaves an empty file.
+  const bool replaced = writeAll(descriptor.get(), bytes) && (!durable || ::fsync(descriptor.get()) == 0) &&
+                        descriptor.close() && ::rename(temporary.c_str(), file.c_str()) == 0;
+  if (!replaced) {
+    const int code = errno;
+    ::unlink(temporary.c_str());
+    return posixError(code, file.native());
+  }
+  if (durable && !flushDirectory(directoryOf(file))) return posixError(errno, file.native());
+  return std::nullopt;
+}
+
+std::optional<Error> createPrivateDirectories(const fs::path& directory) {
+  std::error_code ignored;
+  if (directory.empty() || fs::is_directory(directory, ignored)) return std::nullopt;
+  if (auto error = createPrivateDirectories(directory.parent_path())) return error;
+  // Another process may have been faster.
+  if (::mkdir(directory.c_str(), S_IRWXU) == 0 || fs::is_directory(directory, ignored)) return std::nullopt;
+  return posixError(errno, directory.native());
+}
+
+bool isPlainFileName(std::string_view name) {
+  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos &&
+         name.find('\0') == std::string_view::npos;
+}
+
+}  // namespace tarvo::platform

@@ -1,0 +1,125 @@
+#include "platform/foundation/Bundle.h"
+
+#include <gtest/gtest.h>
+#include <tarvo/platform/Environment.h>
+#include <tarvo/platform/SystemLog.h>
+
+#include "platform/foundation/Base64.h"
+#include "platform/foundation/Files.h"
+#include "support/TempDir.h"
+
+namespace tarvo::platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+class HostFolder : public testing::Test {
+ protected:
+  void SetUp() override {
+    setHomeDirectory(home_.path());
+    setSystemLogSink([this](std::string_view line) { log_.emplace_back(line); });
+  }
+  void TearDown() override { setSystemLogSink({}); }
+
+  const test::TempDir home_;
+  std::vector<std::string> log_;
+};
+
+using BundleOfTheHost = HostFolder;
+using EnvironmentOfTheHost = HostFolder;
+
+TEST_F(BundleOfTheHost, ReadsTheHostsPropertyListWithItsTypes) {
+  ASSERT_FALSE(writeFileAtomically(home_.path() / "Info.plist",
+                                   "<plist><dict><key>CFBundleIdentifier</key><string>org.example.app</string>"
+                                   "<key>N</key><string>5</string><key>I</key><integer>5</integer></dict></plist>",
+                                   false));
+  EXPECT_EQ(Bundle::main().bundleIdentifier(), "org.example.app");
+  EXPECT_EQ(find(Bundle::main().infoDictionary(), "N")->asInteger(), std::nullopt);
+  EXPECT_EQ(find(Bundle::main().infoDictionary(), "I")->asInteger(), 5);
+  EXPECT_TRUE(log_.empty());
+}
+
+TEST_F(BundleOfTheHost, IsEmptyAndSilentWithoutAPropertyList) {
+  EXPECT_TRUE(Bundle::main().infoDictionary().empty());
+  EXPECT_EQ(Bundle::main().bundleIdentifier(), std::nullopt);
+  EXPECT_TRUE(log_.empty());
+}
+
+TEST_F(BundleOfTheHost, ComplainsOnceOfAPropertyListThatIsBroken) {
+  const fs::path file = home_.path() / "other.plist";
+  ASSERT_FALSE(writeFileAtomically(file, "<plist><dict>", false));
+  setInfoPropertyList(file);
+  EXPECT_TRUE(Bundle::main().infoDictionary().empty());
+  EXPECT_TRUE(Bundle::main().infoDictionary().empty());
+  ASSERT_EQ(log_.size(), 1U);
+  EXPECT_NE(log_[0].find(file.native()), std::string::npos);
+}
+
+TEST_F(BundleOfTheHost, FindsResourcesUnderTheirIdentifier) {
+  Bundle::add("org.example.parts", {{"Model", "xml", "<model/>"}});
+  Bundle::add("org.example.parts", {});
+  const Bundle* bundle = Bundle::withIdentifier("org.example.parts");
+  ASSERT_NE(bundle, nullptr);
+  const auto url = bundle->url("Model", "xml");
+  ASSERT_TRUE(url);
+  EXPECT_EQ(url->text, "embedded:/org.example.parts/Model.xml");
+  EXPECT_EQ(url->bytes, "<model/>");
+  EXPECT_FALSE(bundle->url("Model", "json"));
+  EXPECT_EQ(Bundle::withIdentifier("org.example"), nullptr);
+}
+
+TEST_F(EnvironmentOfTheHost, MakesTheDocumentDirectoryForItsUserAlone) {
+  EXPECT_EQ(documentDirectories(), std::vector{home_.path() / "Documents"});
+  EXPECT_EQ(fs::status(home_.path() / "Documents").permissions(), fs::perms::owner_all);
+  setDocumentDirectories({home_.path() / "logs", home_.path() / "a" / "b"});
+  EXPECT_EQ(documentDirectories().back(), home_.path() / "a" / "b");
+  EXPECT_TRUE(fs::is_directory(home_.path() / "logs"));
+  EXPECT_TRUE(fs::is_directory(home_.path() / "a" / "b"));
+  EXPECT_TRUE(log_.empty());
+}
+
+TEST_F(EnvironmentOfTheHost, SurvivesAHomeThatCannotBeWritten) {
+  ASSERT_FALSE(writeFileAtomically(home_.path() / "file", "", false));
+  setHomeDirectory(home_.path() / "file");
+  EXPECT_EQ(documentDirectories(), std::vector{home_.path() / "file" / "Documents"});
+  EXPECT_EQ(documentDirectories(), std::vector{home_.path() / "file" / "Documents"});
+  EXPECT_EQ(log_.size(), 1U);
+}
+
+TEST(Environment, FollowsTheUsersDataDirectoryUntilAHomeIsSet) {
+  ::setenv("XDG_DATA_HOME", "/data", 1);
+  EXPECT_EQ(homeDirectory(), "/data/test_foundation");
+  ::setenv("XDG_DATA_HOME", "relative", 1);
+  ::setenv("HOME", "/users/u", 1);
+  EXPECT_EQ(homeDirectory(), "/users/u/.local/share/test_foundation");
+}
+
+TEST_F(EnvironmentOfTheHost, ReplacesFilesAsAWholeOrNotAtAll) {
+  const fs::path file = home_.path() / "file";
+  for (const char* bytes : {"first", "", "third"}) {
+    EXPECT_FALSE(writeFileAtomically(file, bytes, true));
+    EXPECT_EQ(readFile(file).value(), bytes);
+  }
+  const auto missing = readFile(home_.path() / "missing");
+  ASSERT_FALSE(missing);
+  EXPECT_EQ(missing.error().code, ENOENT);
+  // A directory cannot be replaced by a file; nothing is left behind.
+  fs::create_directory(home_.path() / "folder");
+  EXPECT_TRUE(writeFileAtomically(home_.path() / "folder", "x", true));
+  EXPECT_EQ(std::distance(fs::directory_iterator(home_.path()), fs::directory_iterator()), 2);
+}
+
+TEST(Files, TellPlainNamesFromPaths) {
+  for (std::string_view name : {"a", ".a", "a..b", "a b.txt"}) EXPECT_TRUE(isPlainFileName(name)) << name;
+  for (std::string_view name : {"", ".", "..", "/", "a/b", "../a"}) EXPECT_FALSE(isPlainFileName(name)) << name;
+  EXPECT_FALSE(isPlainFileName(std::string_view("a\0b", 3)));
+}
+
+TEST(Base64, EncodesWithPadding) {
+  const std::pair<std::string_view, const char*> cases[] = {
+      {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {"\xff\xfe\xfb", "//77"}};
+  for (const auto& [bytes, text] : cases) EXPECT_EQ(base64Encode(bytes), text);
+}
+
+}  // namespace
+}  // namespace tarvo::platform

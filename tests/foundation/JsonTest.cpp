@@ -1,0 +1,123 @@
+#include "platform/foundation/Json.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <vector>
+
+#include "platform/foundation/PropertyList.h"
+
+namespace tarvo::platform {
+namespace {
+
+TEST(Json, WritesWhatItHasReadInOneForm) {
+  const std::pair<const char*, const char*> cases[] = {
+      {R"( {"b": [1, -2, 0.1], "a": {"x": null, "t": true}} )", R"({"a":{"t":true,"x":null},"b":[1,-2,0.1]})"},
+      {R"([1.0, 2.50, 1e5, 0.00001, 123456789.125])", "[1,2.5,100000,0.00001,123456789.125]"},
+      {R"({"k": 1, "k": {"k": 2}})", R"({"k":{"k":2}})"},
+      {R"([[], {}, [{"a": [[]]}], ""])", R"([[],{},[{"a":[[]]}],""])"},
+      {R"(["\u00e9\/\"\\\n\u0001 \ud83d\ude00"])", "[\"é/\\\"\\\\\\n\\u0001 😀\"]"},
+      {"[9223372036854775807, -9223372036854775808]", "[9223372036854775807,-9223372036854775808]"},
+      {"\xef\xbb\xbf[]", "[]"},
+  };
+  for (const auto& [text, expected] : cases) {
+    auto value = parseJson(text);
+    ASSERT_TRUE(value) << text;
+    EXPECT_EQ(serializeJson(*value).value(), expected);
+  }
+}
+
+TEST(Json, KeepsIntegersDoublesBooleansAndBareValuesApart) {
+  const std::pair<const char*, Value> cases[] = {
+      {"1", 1},
+      {"1.0", 1.0},
+      {"true", true},
+      {"null", nullptr},
+      {"\"a\\u0000b\"", std::string("a\0b", 3)},
+      {"18446744073709551615", 18446744073709551615.0},
+  };
+  for (const auto& [text, expected] : cases) EXPECT_EQ(parseJson(text).value(), expected) << text;
+}
+
+TEST(Json, RefusesWhatIsBrokenOrHostile) {
+  auto nested = [](std::size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); };
+  std::string manyValues = "[0";
+  for (int i = 0; i < 2'100'000; ++i) manyValues += ",0";
+  std::string manyObjects;
+  for (int i = 0; i < 1'000'000; ++i) manyObjects += "{\"a\":";
+  const std::string refused[] = {"",
+                                 " ",
+                                 "[1,]",
+                                 "[1] x",
+                                 "{\"a\"}",
+                                 "[NaN]",
+                                 "[Infinity]",
+                                 "[1e999]",
+                                 "// c\n[]",
+                                 "{'a':1}",
+                                 "[\"\xff\"]",
+                                 "[\"\\ud800\"]",
+                                 "[01]",
+                                 "nul",
+                                 nested(513),
+                                 nested(3'000'000),
+                                 std::string(1'000'000, '['),
+                                 manyObjects,
+                                 manyValues + "]",
+                                 "[" + std::string(std::size_t{64} << 20, ' ') + "]"};
+  for (const std::string& text : refused) {
+    const auto result = parseJson(text);
+    ASSERT_FALSE(result) << text.substr(0, 20);
+    EXPECT_EQ(result.error().code, 3840);
+    EXPECT_EQ(result.error().domain, NSCocoaErrorDomain);
+    EXPECT_FALSE(result.error().userInfo.empty());
+  }
+  EXPECT_TRUE(parseJson(nested(512)));
+}
+
+TEST(Json, SaysWhatItCannotWrite) {
+  Value deep = Array{};
+  for (int i = 0; i < 600; ++i) deep = Array{deep};
+  const Value invalid[] = {nullptr,
+                           1,
+                           "text",
+                           Array{std::numeric_limits<double>::infinity()},
+                           Dictionary{{"a", Array{"\xc3("}}},
+                           Dictionary{{"\xff", 1}},
+                           deep};
+  for (const Value& value : invalid) {
+    EXPECT_FALSE(isValidJsonObject(value));
+    EXPECT_FALSE(serializeJson(value));
+  }
+  EXPECT_TRUE(isValidJsonObject(Dictionary{{"a", Array{1, 2.5, "x", nullptr, true}}}));
+}
+
+TEST(PropertyList, KeepsTypesAndEveryText) {
+  const Dictionary typed = {{"yes", true},
+                            {"negative", std::numeric_limits<std::int64_t>::min()},
+                            {"whole", 5.0},
+                            {"real", 0.1},
+                            {"", " <a & b> \"'\r\n\té "},
+                            {"k<&>", Array{Array{}, Dictionary{}, ""}}};
+  EXPECT_EQ(parsePropertyList(serializePropertyList(typed)).value(), Value(typed));
+  // What XML cannot carry must not cost the file.
+  const Dictionary unsafe = {{"nul", std::string("a\0\x01z", 4)}, {"bytes", "\xff"}, {"null", nullptr}};
+  EXPECT_EQ(parsePropertyList(serializePropertyList(unsafe)).value(),
+            Value(Dictionary{{"nul", "a\uFFFD\uFFFDz"}, {"bytes", "\uFFFD"}}));
+}
+
+TEST(PropertyList, ReadsForeignTypesAndRefusesHostileFiles) {
+  EXPECT_EQ(parsePropertyList("<plist><array><integer>18446744073709551615</integer><integer>-1</integer>"
+                              "<date>2017-03-02T08:15:30Z</date><data>AQID</data></array></plist>")
+                .value(),
+            Value(Array{18446744073709551615.0, -1, "2017-03-02T08:15:30Z", "AQID"}));
+  std::string deep = "<plist>";
+  for (int i = 0; i < 1'000'000; ++i) deep += "<array>";
+  for (int i = 0; i < 1'000'000; ++i) deep += "</array>";
+  for (const std::string& text : {std::string(), std::string("hello"), std::string("<plist/>"), deep + "</plist>",
+                                  "bplist00" + std::string(300'000, '\xa1')})
+    EXPECT_FALSE(parsePropertyList(text)) << text.substr(0, 20);
+}
+
+}  // namespace
+}  // namespace tarvo::platform
