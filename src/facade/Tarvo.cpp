@@ -1,0 +1,155 @@
+#include <tarvo/Tarvo.h>
+
+#include <tarvo/platform/Device.h>
+#include <tarvo/platform/UserDefaults.h>
+
+#include "facade/TarvoCore.h"
+#include "log/Log.h"
+#include "platform/foundation/Activity.h"
+#include "records/LatestPrediction.h"
+#include "settings/Names.h"
+#include "settings/Settings.h"
+#include "store/PastTrips.h"
+#include "store/PointOfInterest.h"
+
+namespace tarvo {
+
+using platform::CLAuthorizationStatus;
+using platform::UserDefaults;
+
+namespace {
+
+/// What "TARVO_ACTIVATE_STATUS" always holds, and what "ACTIVATE_STATUS_YES" must hold for it to be read back: the
+/// two keys are a paired marker, no store of the mode, so that a relaunch starts deactivated.
+constexpr std::int64_t kActivateMarker = 2;
+
+}  // namespace
+
+std::int64_t Tarvo::ACTIVATE_STATUS() { return Settings::shared().activateStatus(); }
+void Tarvo::setACTIVATE_STATUS(std::int64_t mode) { Settings::shared().setActivateStatus(mode); }
+std::string Tarvo::tarvoapiKey() { return Settings::shared().tarvoapiKey(); }
+std::string Tarvo::clientID() { return Settings::shared().clientID(); }
+std::string Tarvo::bundleID() { return Settings::shared().bundleID(); }
+std::string Tarvo::deviceToken() { return Settings::shared().deviceToken(); }
+bool Tarvo::tokenSent() { return Settings::shared().tokenSent(); }
+const std::string& Tarvo::backgroundSessionID() { return LocationManager::backgroundSessionID(); }
+std::map<std::string, std::string> Tarvo::SET_TAGS_LIST() { return Settings::shared().setTags(); }
+std::vector<std::string> Tarvo::UNSET_TAGS_LIST() { return Settings::shared().unsetTags(); }
+Trip Tarvo::LastPrediction() { return LatestPrediction::shared().value(); }
+
+Tarvo::Tarvo() : core_(std::make_shared<Core>()) {
+  Settings& settings = Settings::shared();
+  UserDefaults& defaults = UserDefaults::standard();
+  if (defaults.integer(names::kActivateMode) == kActivateMarker)
+    settings.setActivateStatus(defaults.integer(names::kActivateMarker));
+  core_->locationManager.setDelegate(core_);
+  if (const auto client = infoPropertyListText("TarvoClientID")) settings.setClientID(*client);
+}
+
+Tarvo::Tarvo(std::shared_ptr<Core> core) : core_(std::move(core)) {}
+
+LocationManager& Tarvo::locationManager() const { return core_->locationManager; }
+std::shared_ptr<TarvoDelegate> Tarvo::delegate() const { return core_->delegate.get(); }
+void Tarvo::setDelegate(std::shared_ptr<TarvoDelegate> delegate) { core_->delegate.set(std::move(delegate)); }
+
+void Tarvo::activate(std::int64_t service) {
+  LocationManager& engine = core_->locationManager;
+  Settings::shared().setActivateStatus(service);
+  UserDefaults::standard().set(names::kActivateMode, service);
+  UserDefaults::standard().set(names::kActivateMarker, kActivateMarker);
+  if (service == DEACTIVE_ALL) {
+    engine.stop();
+    return;
+  }
+  if (engine.checkAndRequestLocationAuthorization(service) == CLAuthorizationStatus::denied)
+    engine.requestAgainLocationAuthorization();
+  if (!engine.tarvoStarted()) engine.start();
+  engine.requestLocationUpdate();
+  if (service == BACKEND_BACKGROUND || service == BACKEND_GEOPROFILE) {
+    setApiKeySecret(NetworkManager::apiKeySecret());
+    platform::UIApplication::shared().registerForRemoteNotifications();
+  }
+}
+
+void Tarvo::serviceConnect() {
+  if (ACTIVATE_STATUS() >= 0) {
+    auto& parts = core_->parts();
+    parts.locationManager.startUpdatingLocation();
+    parts.state.tarvoStarted = true;
+    parts.control.recordEvent(action::kStarting);
+  }
+  Log::debug("LocationManager:start [loc] [tarvo] mainThread:", mainThread());
+}
+
+void Tarvo::requestLocationUpdate() {
+  if (ACTIVATE_STATUS() != DEACTIVE_ALL) core_->locationManager.requestLocationUpdate();
+}
+
+void Tarvo::stopLocationUpdate() { core_->locationManager.stopLocationUpdate(); }
+
+std::optional<platform::CLLocation> Tarvo::getCurrentLocation() {
+  const std::int64_t mode = ACTIVATE_STATUS();
+  if (mode == DEACTIVE_ALL) return std::nullopt;
+  LocationManager& engine = core_->locationManager;
+  if (engine.checkAndRequestLocationAuthorization(mode) == CLAuthorizationStatus::denied)
+    engine.requestAgainLocationAuthorization();
+  std::optional<platform::CLLocation> last;
+  core_->parts().store.managedObjectContext().performAndWait([&] { last = engine.getLastLocation(); });
+  return last;
+}
+
+std::optional<LocationsHistory> Tarvo::getLocationHistory(int format, std::optional<platform::Date> since,
+                                                          std::optional<platform::Date> until) {
+  LocationManager& engine = core_->locationManager;
+  if (format == TARVO_FORMAT_RAW && ACTIVATE_STATUS() >= LOCAL_BACKGROUND) {
+    auto history = engine.getLocationhistory(since, until);
+    if (!history.locations.empty()) return history;
+  } else if (format == TARVO_FORMAT_EXTRAPOLATED && ACTIVATE_STATUS() >= BACKEND_BACKGROUND) {
+    auto history = engine.getLocationhistoryExtraPolated(since, until);
+    if (!history.pasttrips.empty()) return history;
+  }
+  return std::nullopt;
+}
+
+std::optional<Trip> Tarvo::getNextTrip() {
+  if (ACTIVATE_STATUS() < BACKEND_GEOPROFILE) return std::nullopt;
+  return LastPrediction();
+}
+
+std::vector<std::string> Tarvo::getPointOfInterests() {
+  std::vector<std::string> zones;
+  for (auto& place : core_->locationManager.getPointOfInterest())
+    if (place.zone_geo_json) zones.push_back(std::move(*place.zone_geo_json));
+  return zones;
+}
+
+void Tarvo::resetLocalHistory() {
+  ObjectStore& store = core_->parts().store;
+  auto& context = store.managedObjectContext();
+  context.performAndWait([&] {
+    PastTrips::removeData(context);
+    PointOfInterest::removePOIs(context);
+    // A reset must survive a kill right after it.
+    store.saveContext();
+  });
+}
+
+void Tarvo::resetBackendHistory() {
+  core_->networkManager.resetBackend();
+  core_->networkManager.resetGeoProfile();
+}
+
+void Tarvo::resetGeoProfileHistory() { core_->networkManager.resetGeoProfile(); }
+
+bool Tarvo::waitUntilIdle(double seconds) {
+  const bool idle = platform::Activity::waitUntilIdle(platform::Seconds(seconds));
+  auto& context = LocationManager::sharedInstance().parts().store.managedObjectContext();
+  context.performAndWait([&] {
+    if (!context.coordinator().hasStore()) return;
+    if (const auto error = context.coordinator().checkpoint())
+      Log::error("Unresolved error ", platform::errorAndUserInfo(*error));
+  });
+  return idle;
+}
+
+}  // namespace tarvo
