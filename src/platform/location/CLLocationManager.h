@@ -1,6 +1,6 @@
 #pragma once
 
-#include <functional>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -14,6 +14,7 @@
 namespace tarvo::platform {
 
 class CLLocationManager;
+class LocationClient;
 
 inline constexpr double kCLLocationAccuracyBest = -1;
 inline constexpr double kCLLocationAccuracyNearestTenMeters = 10;
@@ -21,6 +22,13 @@ inline constexpr double kCLLocationAccuracyHundredMeters = 100;
 inline constexpr double kCLDistanceFilterNone = -1;
 inline constexpr double CLLocationDistanceMax = 1.7976931348623157e308;
 inline constexpr const char* kCLErrorDomain = "kCLErrorDomain";
+
+/// Codes of kCLErrorDomain.
+namespace clError {
+inline constexpr std::int64_t locationUnknown = 0;
+inline constexpr std::int64_t denied = 1;
+inline constexpr std::int64_t regionMonitoringFailure = 5;
+}  // namespace clError
 
 /// A disc on the ground. Two regions are the same when their identifiers are.
 struct CLCircularRegion {
@@ -49,7 +57,9 @@ class CLLocationManagerDelegate {
 /// A client of the process's location service.
 ///
 /// Threads: any; every call returns at once, also while a delivery runs. The delegate must outlive the manager or be
-/// taken off first; once `setDelegate` has returned on the delivery queue, the old one is not called any more.
+/// taken off first. Once `setDelegate` or the destructor has returned on the delivery queue, the old delegate is not
+/// called any more; on another thread, a call that is under way still ends.
+/// Errors: through the delegate, domain kCLErrorDomain.
 class CLLocationManager {
  public:
   CLLocationManager();
@@ -57,6 +67,7 @@ class CLLocationManager {
   CLLocationManager(const CLLocationManager&) = delete;
   CLLocationManager& operator=(const CLLocationManager&) = delete;
 
+  /// The first delegate is told the authorization status, soon and once; from then on each change of it.
   void setDelegate(CLLocationManagerDelegate* delegate);
   /// A wish in metres, not a filter.
   void setDesiredAccuracy(double metres);
@@ -64,17 +75,23 @@ class CLLocationManager {
   void setDistanceFilter(double metres);
   double desiredAccuracy() const;
   double distanceFilter() const;
+  /// Kept only: updates neither pause by themselves here nor stop in the background.
   void setPausesLocationUpdatesAutomatically(bool pauses);
+  bool pausesLocationUpdatesAutomatically() const;
   void setAllowsBackgroundLocationUpdates(bool allows);
   bool allowsBackgroundLocationUpdates() const;
 
-  /// The first fix after a start is always delivered. A repeated start changes nothing.
+  /// The first fix after a start is always delivered. A repeated start changes nothing. Both end a one-shot request.
   void startUpdatingLocation();
   void stopUpdatingLocation();
-  /// One fix, or an error when none comes within ten seconds of the installed clock.
+  /// One fix of the desired accuracy that comes after the call; when ten seconds of the installed clock have passed,
+  /// the latest worse one, or an error. A second request while one waits changes nothing.
   void requestLocation();
+  /// First the fix that is known (or the first to come), then one after each 500 m, at most every five minutes.
   void startMonitoringSignificantLocationChanges();
   void stopMonitoringSignificantLocationChanges();
+  /// Replaces a region of that identifier. The 21st region fails. All managers' delegates are told of crossings; a
+  /// region that one is inside of already gives none. Regions end with the process.
   void startMonitoring(const CLCircularRegion& region);
   void stopMonitoring(const CLCircularRegion& region);
   /// The regions of the whole process, in the order in which they were added; a copy.
@@ -94,8 +111,7 @@ class CLLocationManager {
   static bool isMonitoringAvailableForCircularRegions();
 
  private:
-  struct State;
-  std::shared_ptr<State> state_;
+  std::shared_ptr<LocationClient> client_;
 };
 
 }  // namespace tarvo::platform

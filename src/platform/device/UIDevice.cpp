@@ -1,0 +1,91 @@
+#include <atomic>
+
+#include <tarvo/platform/Device.h>
+#include <tarvo/platform/Environment.h>
+
+#include "platform/device/PowerSupply.h"
+#include "platform/device/SystemIdentity.h"
+#include "platform/foundation/Mutex.h"
+#include "platform/foundation/NotificationCenter.h"
+
+namespace tarvo::platform {
+namespace {
+
+struct Device {
+  std::atomic<int> platformLevel{10};
+  Mutex mutex;
+  bool monitoring GUARDED_BY(mutex) = false;
+  std::optional<BatteryReading> hostBattery GUARDED_BY(mutex);
+  std::optional<std::string> hostIdentifier GUARDED_BY(mutex);
+  std::optional<std::string> keptIdentifier GUARDED_BY(mutex);
+};
+
+Device& device() {
+  static Device* const device = new Device;
+  return *device;
+}
+
+BatteryReading battery() {
+  {
+    MutexLock lock(device().mutex);
+    if (!device().monitoring) return {};
+    if (device().hostBattery) return *device().hostBattery;
+  }
+  return readPowerSupplies(powerSupplyFolder());
+}
+
+}  // namespace
+
+UIDevice& UIDevice::current() {
+  static UIDevice* const current = new UIDevice;
+  return *current;
+}
+
+void UIDevice::setBatteryMonitoringEnabled(bool enabled) {
+  MutexLock lock(device().mutex);
+  device().monitoring = enabled;
+}
+
+UIDeviceBatteryState UIDevice::batteryState() const { return battery().state; }
+double UIDevice::batteryLevel() const { return battery().level; }
+
+void UIDevice::setBattery(UIDeviceBatteryState state, double level) {
+  const UIDeviceBatteryState before = batteryState();
+  bool changed = false;
+  {
+    MutexLock lock(device().mutex);
+    device().hostBattery = BatteryReading{state, level >= 0 && level <= 1 ? level : -1};
+    changed = device().monitoring && state != before;
+  }
+  if (changed) NotificationCenter::defaultCenter().post(UIDeviceBatteryStateDidChangeNotification);
+}
+
+std::string UIDevice::name() const { return hostName(); }
+
+std::string UIDevice::systemName() const {
+  const std::string name = systemReleaseValue("NAME");
+  return name.empty() ? "Linux" : name;
+}
+
+std::string UIDevice::systemVersion() const { return systemReleaseValue("VERSION_ID"); }
+
+int UIDevice::platformLevel() const { return device().platformLevel; }
+void UIDevice::setPlatformLevel(int level) { device().platformLevel = level; }
+
+std::optional<std::string> UIDevice::identifierForVendor() const {
+  MutexLock lock(device().mutex);
+  if (device().hostIdentifier) {
+    if (device().hostIdentifier->empty()) return std::nullopt;
+    return device().hostIdentifier;
+  }
+  // The lock is kept so that two first calls make one identifier.
+  if (!device().keptIdentifier) device().keptIdentifier = keptUuid(homeDirectory() / "Library" / "identifierForVendor");
+  return device().keptIdentifier;
+}
+
+void UIDevice::setIdentifierForVendor(std::optional<std::string> uuid) {
+  MutexLock lock(device().mutex);
+  device().hostIdentifier = std::move(uuid);
+}
+
+}  // namespace tarvo::platform

@@ -1,0 +1,72 @@
+#include <tarvo/platform/GpxSource.h>
+
+#include <algorithm>
+#include <chrono>
+
+#include <tarvo/platform/LocationService.h>
+#include <tarvo/platform/MainQueue.h>
+#include <tarvo/platform/SystemLog.h>
+
+#include "platform/foundation/Activity.h"
+#include "platform/foundation/Mutex.h"
+
+namespace tarvo::platform {
+namespace {
+
+using RealTime = std::chrono::steady_clock;
+
+/// Longer than the time-out of a silent transfer.
+constexpr Seconds longestWork{65};
+
+void waitUntilIdle() {
+  if (!Activity::waitUntilIdle(longestWork)) NSLog("replay: work is still under way after 65 s, going on");
+}
+
+/// Lets real time pass; the main thread runs its queue meanwhile.
+void waitUntil(RealTime::time_point due) {
+  if (isMainThread()) {
+    const Seconds left = due - RealTime::now();
+    if (left > Seconds(0)) MainQueue::main().runFor(left);
+    return;
+  }
+  Mutex mutex;
+  Condition never;
+  MutexLock lock(mutex);
+  while (RealTime::now() < due) never.wait_until(mutex, due);
+}
+
+/// A span that a time point can be moved by without overflow.
+RealTime::duration realSpan(Seconds trip, double speed) {
+  constexpr double aYear = 365 * 86400.0;
+  return std::chrono::duration_cast<RealTime::duration>(Seconds(std::clamp(trip.count() / speed, 0.0, aYear)));
+}
+
+}  // namespace
+
+GpxSource::GpxSource(GpxTrace trace, std::shared_ptr<ManualClock> clock)
+    : trace_(std::move(trace)), clock_(std::move(clock)) {}
+
+GpxSource::~GpxSource() = default;
+
+std::size_t GpxSource::play(std::optional<double> speed, const std::function<bool(std::size_t)>& progress) {
+  const bool paced = speed && *speed > 0;
+  RealTime::time_point due = RealTime::now();
+  std::size_t delivered = 0;
+  for (const CLLocation& fix : trace_.fixes) {
+    if (paced && delivered > 0) {
+      due += realSpan(fix.timestamp - clock_->now(), *speed);
+      waitUntil(due);
+    }
+    waitUntilIdle();
+    clock_->advanceTo(fix.timestamp);
+    // Timers that became due run before the fix arrives.
+    waitUntilIdle();
+    LocationService::shared().deliver({fix});
+    ++delivered;
+    waitUntilIdle();
+    if (progress && !progress(delivered)) break;
+  }
+  return delivered;
+}
+
+}  // namespace tarvo::platform

@@ -1,0 +1,87 @@
+#include <tarvo/platform/LocationService.h>
+
+#include <cmath>
+#include <string>
+
+#include <tarvo/platform/SystemLog.h>
+
+#include "platform/foundation/Text.h"
+#include "platform/location/LocationServiceState.h"
+
+namespace tarvo::platform {
+namespace {
+
+/// Why a fix cannot be used; empty when it can.
+std::string refusal(const CLLocation& fix) {
+  const struct {
+    const char* name;
+    double value;
+    double limit;
+  } quantities[] = {
+      {"latitude", fix.coordinate.latitude, 90},
+      {"longitude", fix.coordinate.longitude, 180},
+      {"altitude", fix.altitude, 0},
+      {"horizontal accuracy", fix.horizontalAccuracy, 0},
+      {"vertical accuracy", fix.verticalAccuracy, 0},
+      {"speed", fix.speed, 0},
+      {"course", fix.course, 0},
+      {"timestamp", secondsSince1970(fix.timestamp), 0},
+  };
+  for (const auto& [name, value, limit] : quantities) {
+    if (!std::isfinite(value)) return concat(name, " ", value, " is not finite");
+    if (limit > 0 && std::abs(value) > limit) return concat(name, " ", value, " is out of range");
+  }
+  return {};
+}
+
+}  // namespace
+
+LocationService& LocationService::shared() {
+  static LocationService* const service = new LocationService;
+  return *service;
+}
+
+LocationService::LocationService() : state_(new State) {}
+
+void LocationService::deliver(const std::vector<CLLocation>& fixes) {
+  std::vector<CLLocation> usable;
+  usable.reserve(fixes.size());
+  for (const CLLocation& fix : fixes) {
+    const std::string reason = refusal(fix);
+    if (reason.empty())
+      usable.push_back(fix);
+    else
+      NSLog(concat("location service: fix refused, ", reason));
+  }
+  if (!usable.empty()) state_->deliver(std::move(usable));
+}
+
+void LocationService::fail(std::int64_t code) { state_->postFailure(code); }
+
+CLAuthorizationStatus LocationService::authorizationStatus() const { return state_->permission().status; }
+
+void LocationService::setAuthorizationStatus(CLAuthorizationStatus status) { state_->setStatus(status); }
+
+void LocationService::setPrompt(std::function<void(AuthorizationRequest)> prompt) {
+  MutexLock lock(state_->mutex);
+  state_->prompt.swap(prompt);
+}
+
+LocationService::Rules LocationService::rules() const {
+  MutexLock lock(state_->mutex);
+  return state_->rules;
+}
+
+void LocationService::setRules(Rules rules) {
+  MutexLock lock(state_->mutex);
+  state_->rules = rules;
+}
+
+LocationService::Capabilities LocationService::capabilities() const { return state_->permission().capabilities; }
+
+void LocationService::setCapabilities(Capabilities capabilities) {
+  MutexLock lock(state_->mutex);
+  state_->capabilities = capabilities;
+}
+
+}  // namespace tarvo::platform

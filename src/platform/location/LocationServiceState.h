@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include <tarvo/platform/LocationService.h>
+
+#include "platform/foundation/Mutex.h"
+#include "platform/foundation/SerialQueue.h"
+#include "platform/location/LocationClient.h"
+#include "platform/location/RegionMonitor.h"
+
+namespace tarvo::platform {
+
+/// What the service and the managers of the process share.
+///
+/// Threads: any. What has to be told is posted to the delivery queue while the lock is held, so that it is told in the
+/// order in which it happened; the posted blocks take the lock only to read, never around a delegate call.
+struct LocationService::State {
+  State();
+
+  void add(const std::shared_ptr<LocationClient>& client);
+  std::optional<CLLocation> latest() const;
+  Permission permission() const;
+  std::vector<CLCircularRegion> regions() const;
+
+  void deliver(std::vector<CLLocation> fixes);
+  void setStatus(CLAuthorizationStatus status);
+  void postStatus(std::shared_ptr<LocationClient> client);
+  void postDenialIfRefused(std::shared_ptr<LocationClient> client);
+  void postKnownFix(std::shared_ptr<LocationClient> client);
+  void postFailure(std::int64_t code);
+  void startRequest(const std::shared_ptr<LocationClient>& client);
+  void startRegion(std::shared_ptr<LocationClient> client, const CLCircularRegion& region);
+  void stopRegion(const CLCircularRegion& region);
+  void ask(AuthorizationRequest request);
+
+  mutable Mutex mutex;
+  std::function<void(AuthorizationRequest)> prompt GUARDED_BY(mutex);
+  Capabilities capabilities GUARDED_BY(mutex);
+  Rules rules GUARDED_BY(mutex);
+
+ private:
+  std::vector<std::shared_ptr<LocationClient>> clients() const;
+  void process(const FixBatch& batch);
+
+  CLAuthorizationStatus status_ GUARDED_BY(mutex);
+  bool askedAlways_ GUARDED_BY(mutex);
+  std::optional<CLLocation> latest_ GUARDED_BY(mutex);
+  std::uint64_t batches_ GUARDED_BY(mutex) = 0;
+  std::vector<std::weak_ptr<LocationClient>> clients_ GUARDED_BY(mutex);
+  RegionMonitor regions_ GUARDED_BY(mutex);
+  Mutex persisting_;  ///< held while a status is set and stored; taken before `mutex`
+  SerialQueue deliveries_{"platform.location"};
+};
+
+}  // namespace tarvo::platform

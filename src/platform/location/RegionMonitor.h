@@ -1,0 +1,42 @@
+#pragma once
+
+#include <optional>
+#include <string_view>
+#include <vector>
+
+#include <tarvo/platform/CLLocation.h>
+#include <tarvo/platform/LocationService.h>
+
+#include "platform/location/CLLocationManager.h"
+
+namespace tarvo::platform {
+
+struct RegionCrossing {
+  CLCircularRegion region;
+  bool entered;
+};
+
+/// The regions of the process and, for each, on which side of its border the device is.
+///
+/// Threads: none of its own; the service guards it. Time is passed in.
+class RegionMonitor {
+ public:
+  /// Adds or replaces; false when there are too many. The side is that of `latest`, else of the first fix to come.
+  bool add(const CLCircularRegion& region, const std::optional<CLLocation>& latest,
+           const LocationService::Rules& rules);
+  void remove(std::string_view identifier);
+  std::vector<CLCircularRegion> regions() const;
+
+  /// The crossings that `fix` completes at `now`. A fix of negative accuracy tells nothing.
+  std::vector<RegionCrossing> evaluate(const CLLocation& fix, Date now, const LocationService::Rules& rules);
+
+ private:
+  struct Entry {
+    CLCircularRegion region;
+    std::optional<bool> inside;
+    std::optional<Date> pastBorderSince;  ///< clearly on the other side from then on
+  };
+  std::vector<Entry> entries_;
+};
+
+}  // namespace tarvo::platform

@@ -1,0 +1,85 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <tarvo/platform/Clock.h>
+#include <tarvo/platform/Environment.h>
+#include <tarvo/platform/LocationService.h>
+
+#include "platform/foundation/Activity.h"
+#include "platform/foundation/Mutex.h"
+#include "platform/foundation/Text.h"
+#include "platform/location/CLLocationManager.h"
+#include "support/TempDir.h"
+
+namespace tarvo::platform {
+
+/// Writes down all that it is told, one line each; fixes go by the millionth part of their longitude.
+class DiaryDelegate : public CLLocationManagerDelegate {
+ public:
+  std::function<void()> onUpdate;
+
+  void didUpdateLocations(CLLocationManager&, const std::vector<CLLocation>& locations) override {
+    std::string line = "fixes";
+    for (const CLLocation& fix : locations) line += concat(" ", std::int64_t(fix.coordinate.longitude * 1e6 + 0.5));
+    write(line);
+    if (onUpdate) onUpdate();
+  }
+  void didFailWithError(CLLocationManager&, const Error& error) override {
+    write(concat(error.domain, " ", error.code));
+  }
+  void didChangeAuthorization(CLLocationManager&, CLAuthorizationStatus status) override {
+    write(concat("status ", static_cast<std::int64_t>(status)));
+  }
+  void didStartMonitoring(CLLocationManager&, const CLCircularRegion& region) override {
+    write("watching " + region.identifier);
+  }
+  void monitoringDidFail(CLLocationManager&, const std::optional<CLCircularRegion>& region,
+                         const Error& error) override {
+    write(concat("not watching ", region->identifier, " ", error.code));
+  }
+  void didEnterRegion(CLLocationManager&, const CLCircularRegion& region) override { write("in " + region.identifier); }
+  void didExitRegion(CLLocationManager&, const CLCircularRegion& region) override { write("out " + region.identifier); }
+
+  /// What was written since the last look, after all deliveries.
+  std::vector<std::string> read() {
+    if (!Activity::waitUntilIdle(Seconds(10))) return {"still busy after 10 s"};
+    MutexLock lock(mutex_);
+    return std::exchange(lines_, {});
+  }
+
+ private:
+  void write(std::string line) {
+    MutexLock lock(mutex_);
+    lines_.push_back(std::move(line));
+  }
+
+  Mutex mutex_;
+  std::vector<std::string> lines_ GUARDED_BY(mutex_);
+};
+
+using Diary = std::vector<std::string>;
+
+/// A process with an empty home and a clock that is moved by hand.
+struct Process {
+  Process() {
+    setHomeDirectory(home.path());
+    Clock::install(clock);
+  }
+  test::TempDir home;
+  std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(dateSince1970(1'000'000));
+  LocationService& service() { return LocationService::shared(); }
+};
+
+/// A fix on the equator; one millionth of a degree is about 11 cm.
+inline CLLocation fixAt(int microDegreesEast, double accuracyMetres = 5) {
+  CLLocation fix;
+  fix.coordinate = {0, microDegreesEast * 1e-6};
+  fix.horizontalAccuracy = accuracyMetres;
+  fix.timestamp = Clock::current()->now();
+  return fix;
+}
+
+}  // namespace tarvo::platform

@@ -1,0 +1,147 @@
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include <tarvo/platform/Device.h>
+#include <tarvo/platform/Environment.h>
+
+#include "platform/device/PowerSupply.h"
+#include "platform/device/SystemIdentity.h"
+#include "platform/foundation/Activity.h"
+#include "platform/foundation/NotificationCenter.h"
+#include "support/TempDir.h"
+
+namespace tarvo::platform {
+namespace {
+
+namespace fs = std::filesystem;
+using enum UIDeviceBatteryState;
+
+void writeAttributes(const fs::path& supply, const std::vector<std::pair<const char*, const char*>>& attributes) {
+  fs::create_directories(supply);
+  for (const auto& [name, value] : attributes) std::ofstream(supply / name) << value << '\n';
+}
+
+TEST(Device, ReadsTheBatteriesThatFeedTheMachine) {
+  using Supply = std::vector<std::pair<const char*, const char*>>;
+  const Supply mains{{"type", "Mains"}, {"online", "1"}};
+  const struct {
+    const char* what;
+    std::vector<Supply> supplies;
+    UIDeviceBatteryState state;
+    double level;
+  } cases[] = {
+      {"desktop", {mains}, unknown, -1},
+      {"on battery", {{{"type", "Battery"}, {"capacity", "43"}, {"status", "Discharging"}}}, unplugged, 0.43},
+      {"charging", {mains, {{"type", "Battery"}, {"capacity", "80"}, {"status", "Charging"}}}, charging, 0.8},
+      {"held", {{{"type", "Battery"}, {"capacity", "60"}, {"status", "Not charging"}}}, charging, 0.6},
+      {"full", {{{"type", "Battery"}, {"capacity", "101"}, {"status", "Full"}}}, full, 1},
+      {"one of two full",
+       {{{"type", "Battery"}, {"capacity", "100"}, {"status", "Full"}},
+        {{"type", "Battery"}, {"capacity", "50"}, {"status", "Discharging"}}},
+       unplugged,
+       0.75},
+      {"no capacity",
+       {{{"type", "Battery"}, {"energy_now", "10"}, {"energy_full", "40"}, {"status", "Unknown"}}, mains},
+       charging,
+       0.25},
+      {"mouse", {{{"type", "Battery"}, {"scope", "Device"}, {"capacity", "9"}}}, unknown, -1},
+      {"empty bay", {{{"type", "Battery"}, {"present", "0"}, {"capacity", "0"}}}, unknown, -1},
+      {"unreadable", {{{"type", "Battery"}, {"capacity", "x"}, {"status", "?"}}}, unknown, -1},
+  };
+  UIDevice& device = UIDevice::current();
+  for (const auto& [what, supplies, state, level] : cases) {
+    SCOPED_TRACE(what);
+    test::TempDir folder;
+    for (std::size_t i = 0; i < supplies.size(); ++i) writeAttributes(folder.path() / std::to_string(i), supplies[i]);
+    setPowerSupplyFolder(folder.path());
+    device.setBatteryMonitoringEnabled(true);
+    EXPECT_EQ(device.batteryState(), state);
+    EXPECT_DOUBLE_EQ(device.batteryLevel(), level);
+    device.setBatteryMonitoringEnabled(false);
+    EXPECT_EQ(device.batteryState(), unknown);
+    EXPECT_EQ(device.batteryLevel(), -1);
+  }
+}
+
+TEST(Device, TellsOfTheHostsBatteryOnlyWhenItsStateChangesWhileMonitored) {
+  setPowerSupplyFolder("/nowhere");
+  UIDevice& device = UIDevice::current();
+  int told = 0;
+  NotificationCenter::defaultCenter().addObserver(UIDeviceBatteryStateDidChangeNotification,
+                                                  [&](const std::string&) { ++told; });
+  device.setBattery(charging, 0.5);
+  EXPECT_EQ(told, 0);
+  device.setBatteryMonitoringEnabled(true);
+  EXPECT_EQ(device.batteryState(), charging);
+  device.setBattery(charging, 0.6);
+  EXPECT_EQ(told, 0);
+  device.setBattery(unplugged, 1.5);
+  EXPECT_EQ(told, 1);
+  EXPECT_EQ(device.batteryLevel(), -1);
+}
+
+TEST(Device, KeepsOneIdentifierInTheHome) {
+  test::TempDir folder;
+  const fs::path file = folder.path() / "Library" / "identifierForVendor";
+  const auto made = keptUuid(file);
+  ASSERT_TRUE(made);
+  EXPECT_EQ(keptUuid(file), made);
+  EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+  std::ofstream(file) << "damaged";
+  const auto next = keptUuid(file);
+  ASSERT_TRUE(next);
+  EXPECT_NE(next, made);
+  EXPECT_EQ((*next)[14], '4');
+  EXPECT_EQ(keptUuid("/dev/null/Library/identifierForVendor"), std::nullopt);
+
+  setHomeDirectory(folder.path());
+  EXPECT_EQ(UIDevice::current().identifierForVendor(), next);
+  UIDevice::current().setIdentifierForVendor("");
+  EXPECT_EQ(UIDevice::current().identifierForVendor(), std::nullopt);
+  UIDevice::current().setIdentifierForVendor("HOST");
+  EXPECT_EQ(UIDevice::current().identifierForVendor(), "HOST");
+}
+
+TEST(Device, ReadsTheDistributionsNameAsTheShellWould) {
+  const std::string text = "# NAME=no\nVERSION_ID='12'\nPRETTY_NAME=\"A \\\"b\\\"\"\nNAME=Plain";
+  EXPECT_EQ(releaseValue(text, "NAME"), "Plain");
+  EXPECT_EQ(releaseValue(text, "VERSION_ID"), "12");
+  EXPECT_EQ(releaseValue(text, "PRETTY_NAME"), "A \"b\"");
+  EXPECT_EQ(releaseValue(text, "VERSION"), std::nullopt);
+}
+
+TEST(Application, TellsItsStateAndAsksTheHostOnTheMainQueue) {
+  struct Host : HostApplication {
+    bool presentAlert(const Alert& alert) override {
+      diary += alert.title + ";";
+      return true;
+    }
+    void openURL(const std::string& url) override { diary += url + ";"; }
+    std::string diary;
+  };
+  UIApplication& application = UIApplication::shared();
+  std::vector<UIApplicationState> states{application.applicationState()};
+  for (const char* name : {UIApplicationDidEnterBackgroundNotification, UIApplicationDidBecomeActiveNotification,
+                           UIApplicationDidFinishLaunchingNotification})
+    NotificationCenter::defaultCenter().addObserver(
+        name, [&](const std::string&) { states.push_back(application.applicationState()); });
+  application.didEnterBackground();
+  application.didFinishLaunching();
+  application.didBecomeActive();
+  application.willResignActive();
+  states.push_back(application.applicationState());
+  using enum UIApplicationState;
+  EXPECT_EQ(states, (std::vector{active, background, background, active, inactive}));
+
+  const auto host = std::make_shared<Host>();
+  setHostApplication(host);
+  application.present({"title", "text", {}});
+  application.openURL("app-settings:");
+  EXPECT_EQ(host->diary, "");
+  ASSERT_TRUE(Activity::waitUntilIdle(Seconds(10)));
+  EXPECT_EQ(host->diary, "title;app-settings:;");
+}
+
+}  // namespace
+}  // namespace tarvo::platform

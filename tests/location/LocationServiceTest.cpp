@@ -1,0 +1,326 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <thread>
+
+#include <tarvo/platform/MainQueue.h>
+#include <tarvo/platform/SystemLog.h>
+
+#include "location/Delivery.h"
+
+namespace tarvo::platform {
+namespace {
+
+using enum CLAuthorizationStatus;
+
+TEST(LocationManager, HandsOverWhatPassesTheDistanceFilterOldestFirst) {
+  Process process;
+  DiaryDelegate delegate;
+  CLLocationManager manager;
+  manager.setDelegate(&delegate);
+  EXPECT_EQ(delegate.read(), Diary{"status 3"});
+  // 20 m are 180 millionths of a degree.
+  const struct {
+    const char* step;
+    std::vector<int> fixes;
+    Diary told;
+  } steps[] = {
+      {"", {0}, {}},
+      {"start", {0, 100, 179}, {"fixes 0"}},
+      {"start", {178}, {}},
+      {"", {180, 200, 360, 540}, {"fixes 180 360 540"}},
+      {"all", {541}, {"fixes 541"}},
+      {"none", {5000}, {}},
+      {"20", {560}, {}},
+      {"20", {722}, {"fixes 722"}},
+      {"stop", {9000}, {}},
+      {"start", {723}, {"fixes 723"}},
+  };
+  manager.setDistanceFilter(20);
+  for (const auto& [step, fixes, told] : steps) {
+    SCOPED_TRACE(concat(step, " ", fixes.front()));
+    const std::string_view action = step;
+    if (action == "start") manager.startUpdatingLocation();
+    if (action == "stop") manager.stopUpdatingLocation();
+    if (action == "all") manager.setDistanceFilter(kCLDistanceFilterNone);
+    if (action == "none") manager.setDistanceFilter(CLLocationDistanceMax);
+    if (action == "20") manager.setDistanceFilter(20);
+    std::vector<CLLocation> batch;
+    for (const int place : fixes) batch.push_back(fixAt(place));
+    process.service().deliver(batch);
+    EXPECT_EQ(delegate.read(), told);
+    EXPECT_EQ(manager.location(), batch.back());
+  }
+}
+
+TEST(LocationService, RefusesFixesThatAreNotFiniteOrOutOfRange) {
+  Process process;
+  DiaryDelegate delegate;
+  CLLocationManager manager;
+  manager.setDelegate(&delegate);
+  manager.startUpdatingLocation();
+  std::vector<std::string> log;
+  setSystemLogSink([&](std::string_view line) { log.emplace_back(line); });
+
+  const double nan = std::nan("");
+  const double infinity = std::numeric_limits<double>::infinity();
+  std::vector<CLLocation> bad(10, fixAt(7));
+  bad[0].coordinate.latitude = nan;
+  bad[1].coordinate.latitude = -90.001;
+  bad[2].coordinate.longitude = 180.001;
+  bad[3].coordinate.longitude = -infinity;
+  bad[4].altitude = infinity;
+  bad[5].horizontalAccuracy = nan;
+  bad[6].verticalAccuracy = infinity;
+  bad[7].speed = nan;
+  bad[8].course = -infinity;
+  bad[9].timestamp = dateSince1970(nan);
+  bad.push_back(fixAt(9));
+  bad.back().coordinate = {-90, 180};
+  process.service().deliver(bad);
+  EXPECT_EQ(delegate.read(), (Diary{"status 3", "fixes 180000000"}));
+  setSystemLogSink({});
+  ASSERT_EQ(log.size(), 10u);
+  EXPECT_EQ(log[1], "location service: fix refused, latitude -90.001 is out of range");
+  EXPECT_EQ(log[9], "location service: fix refused, timestamp nan is not finite");
+}
+
+TEST(LocationService, TellsEachChangeOfPermissionAndDeliversOnlyWhileItAllows) {
+  Process process;
+  DiaryDelegate delegate;
+  CLLocationManager manager;
+  manager.setDelegate(&delegate);
+  manager.startUpdatingLocation();
+  const struct {
+    CLAuthorizationStatus status;
+    Diary told;
+  } steps[] = {
+      {authorizedAlways, {"status 3", "fixes 1"}},
+      {denied, {"status 2", "kCLErrorDomain 1"}},
+      {denied, {}},
+      {notDetermined, {"status 0"}},
+      {authorizedWhenInUse, {"status 4", "fixes 1"}},
+      {restricted, {"status 1", "kCLErrorDomain 1"}},
+  };
+  for (const auto& [status, told] : steps) {
+    SCOPED_TRACE(static_cast<std::int64_t>(status));
+    process.service().setAuthorizationStatus(status);
+    EXPECT_EQ(CLLocationManager::authorizationStatus(), status);
+    process.service().deliver({fixAt(1)});
+    EXPECT_EQ(delegate.read(), told);
+  }
+  manager.startUpdatingLocation();  // runs already
+  EXPECT_EQ(delegate.read(), Diary{});
+  manager.stopUpdatingLocation();
+  manager.startUpdatingLocation();
+  EXPECT_EQ(delegate.read(), Diary{"kCLErrorDomain 1"});
+  manager.requestLocation();
+  process.clock->advance(Seconds(11));
+  EXPECT_EQ(delegate.read(), Diary{"kCLErrorDomain 1"});
+  process.service().setAuthorizationStatus(authorizedAlways);
+  process.service().fail(clError::locationUnknown);
+  EXPECT_EQ(delegate.read(), (Diary{"status 3", "kCLErrorDomain 0"}));
+}
+
+TEST(LocationService, PromptsOnTheMainQueueOnlyWhereTheAnswerIsOpen) {
+  Process process;
+  std::string asked;
+  process.service().setPrompt([&](AuthorizationRequest request) {
+    EXPECT_TRUE(isMainThread());
+    asked += request == AuthorizationRequest::always ? 'A' : 'W';
+  });
+  CLLocationManager manager;
+  const struct {
+    CLAuthorizationStatus status;
+    const char* asked;  ///< by when-in-use, always and always again
+  } cases[] = {{authorizedAlways, ""},     {denied, ""},
+               {restricted, ""},           {notDetermined, "WAA"},
+               {authorizedWhenInUse, "A"}, {authorizedWhenInUse, ""},
+               {notDetermined, "WAA"}};
+  for (const auto& [status, expected] : cases) {
+    SCOPED_TRACE(static_cast<std::int64_t>(status));
+    process.service().setAuthorizationStatus(status);
+    asked.clear();
+    manager.requestWhenInUseAuthorization();
+    manager.requestAlwaysAuthorization();
+    manager.requestAlwaysAuthorization();
+    EXPECT_EQ(asked, "") << "inside the call";
+    EXPECT_TRUE(Activity::waitUntilIdle(Seconds(10)));
+    EXPECT_EQ(asked, expected);
+  }
+}
+
+TEST(LocationManager, AnswersARequestWithOneFixOrAnErrorAfterTenSeconds) {
+  Process process;
+  DiaryDelegate delegate;
+  CLLocationManager manager;
+  manager.setDelegate(&delegate);
+  manager.setDesiredAccuracy(kCLLocationAccuracyNearestTenMeters);
+  EXPECT_EQ(delegate.read(), Diary{"status 3"});
+  const struct {
+    const char* what;
+    std::vector<CLLocation> fixes;
+    const char* then;
+    Diary atOnce, later;
+  } cases[] = {
+      {"good enough", {fixAt(1), fixAt(2), fixAt(3, 11)}, "", {"fixes 2"}, {}},
+      {"worse", {fixAt(4, 50), fixAt(5, 40)}, "", {}, {"fixes 5"}},
+      {"invalid", {fixAt(6, -1)}, "", {}, {"kCLErrorDomain 0"}},
+      {"none", {}, "", {}, {"kCLErrorDomain 0"}},
+      {"stopped", {fixAt(7, 50)}, "stop", {}, {}},
+      {"started", {fixAt(8, 50)}, "start", {}, {}},
+  };
+  for (const auto& [what, fixes, then, atOnce, later] : cases) {
+    SCOPED_TRACE(what);
+    process.service().deliver({fixAt(99)});  // known before: no answer
+    manager.requestLocation();
+    process.service().deliver(fixes);
+    EXPECT_EQ(delegate.read(), atOnce);
+    if (std::string_view(then) == "stop") manager.stopUpdatingLocation();
+    if (std::string_view(then) == "start") manager.startUpdatingLocation();
+    process.clock->advance(Seconds(9.9));
+    EXPECT_EQ(delegate.read(), Diary{});
+    process.clock->advance(Seconds(0.2));
+    EXPECT_EQ(delegate.read(), later);
+  }
+}
+
+TEST(LocationManager, StopsFromItsCallbackWhileAnotherThreadStopsToo) {
+  Process process;
+  DiaryDelegate delegate;
+  CLLocationManager manager;
+  manager.setDelegate(&delegate);
+  delegate.onUpdate = [&] {
+    // The other thread must get through while this delivery is under way.
+    std::thread([&] {
+      manager.stopUpdatingLocation();
+      manager.startMonitoring({"a", {0, 0}, 100});
+      manager.requestLocation();
+      process.service().setAuthorizationStatus(denied);
+    }).join();
+    manager.stopUpdatingLocation();
+    EXPECT_EQ(manager.monitoredRegions().size(), 1u);
+  };
+  manager.startUpdatingLocation();
+  process.service().deliver({fixAt(1)});
+  process.service().deliver({fixAt(2)});
+  EXPECT_EQ(delegate.read(), (Diary{"status 3", "fixes 1", "watching a", "status 2"}));
+}
+
+TEST(LocationManager, CanGoInsideACallbackAndOnAnotherThread) {
+  Process process;
+  DiaryDelegate own;
+  auto manager = std::make_unique<CLLocationManager>();
+  manager->setDelegate(&own);
+  manager->startUpdatingLocation();
+  own.onUpdate = [&] { manager.reset(); };
+  process.service().deliver({fixAt(1)});
+  process.service().deliver({fixAt(2)});
+  EXPECT_EQ(own.read(), (Diary{"status 3", "fixes 1"}));
+
+  DiaryDelegate others;
+  std::thread coming([&] {
+    for (int round = 0; round < 50; ++round) {
+      CLLocationManager brief;
+      brief.setDelegate(&others);
+      brief.startUpdatingLocation();
+      brief.requestLocation();
+    }
+  });
+  for (int place = 0; place < 50; ++place) process.service().deliver({fixAt(place)});
+  coming.join();
+  others.read();
+  process.service().deliver({fixAt(1)});
+  EXPECT_EQ(others.read(), Diary{});
+}
+
+TEST(LocationService, TellsRegionCrossingsAfterTwentySecondsPastTheBorder) {
+  Process process;
+  DiaryDelegate delegate;
+  CLLocationManager manager;
+  manager.setDelegate(&delegate);
+  process.service().deliver({fixAt(0)});
+  manager.startMonitoring({"home", {0, 0}, 100});  // 100 m are 898 millionths; the border adds 180
+  manager.startMonitoring({"away", {0, 0.01}, 100});
+  EXPECT_EQ(delegate.read(), (Diary{"status 3", "watching home", "watching away"}));
+  const struct {
+    double secondsLater;
+    int place;
+    Diary told;
+  } steps[] = {
+      {1, 1070, {}},          {30, 1070, {}},                           // too near the border
+      {1, 1090, {}},          {19, 1090, {}}, {1, 1090, {"out home"}},  // 20 s outside
+      {1, 700, {}},           {10, 800, {}},  {10, 700, {}},            // the stay inside begins anew
+      {20, 700, {"in home"}}, {1, 10000, {}}, {25, 10000, {"out home", "in away"}},
+  };
+  for (const auto& [later, place, told] : steps) {
+    SCOPED_TRACE(place);
+    process.clock->advance(Seconds(later));
+    process.service().deliver({fixAt(place)});
+    EXPECT_EQ(delegate.read(), told);
+  }
+}
+
+TEST(LocationService, WatchesAtMostTwentyRegionsOfTheWholeProcess) {
+  Process process;
+  DiaryDelegate delegate;
+  CLLocationManager manager, other;
+  for (int i = 0; i < 20; ++i) manager.startMonitoring({concat("r", i), {0, 0}, 100});
+  other.setDelegate(&delegate);
+  other.startMonitoring({"extra", {0, 0}, 100});
+  other.startMonitoring({"r7", {1, 1}, 50});
+  EXPECT_EQ(delegate.read(), (Diary{"status 3", "not watching extra 5", "watching r7"}));
+  const auto regions = manager.monitoredRegions();
+  ASSERT_EQ(regions.size(), 20u);
+  EXPECT_EQ(regions[7].description(),
+            "CLCircularRegion (identifier:'r7', center:<+1.00000000,+1.00000000>, radius:50.00m)");
+  for (const auto& region : regions) other.stopMonitoring(region);
+  EXPECT_TRUE(manager.monitoredRegions().empty());
+}
+
+TEST(LocationService, TellsSignificantChangesEveryFiveMinutesAtMost) {
+  Process process;
+  DiaryDelegate delegate;
+  CLLocationManager manager;
+  manager.setDelegate(&delegate);
+  process.service().deliver({fixAt(7)});
+  EXPECT_EQ(delegate.read(), Diary{"status 3"});
+  manager.startMonitoringSignificantLocationChanges();
+  EXPECT_EQ(delegate.read(), Diary{"fixes 7"});
+  const struct {
+    double secondsLater;
+    int place;
+    Diary told;
+  } steps[] = {
+      {299, 9000, {}}, {1, 4490, {}}, {0, 4510, {"fixes 4510"}}, {299, 20000, {}}, {1, 20000, {"fixes 20000"}}};
+  for (const auto& [later, place, told] : steps) {
+    SCOPED_TRACE(place);
+    process.clock->advance(Seconds(later));
+    process.service().deliver({fixAt(place)});
+    EXPECT_EQ(delegate.read(), told);
+  }
+  manager.startMonitoringSignificantLocationChanges();
+  EXPECT_EQ(delegate.read(), Diary{});
+  process.service().setAuthorizationStatus(authorizedWhenInUse);
+  process.clock->advance(Seconds(300));
+  process.service().deliver({fixAt(40000)});
+  EXPECT_EQ(delegate.read(), Diary{"status 4"});
+}
+
+TEST(Location, PrintsItselfAndMeasuresAlongTheGeodesic) {
+  CLLocation fix;
+  fix.coordinate = {48.1375, -11.5755};
+  fix.horizontalAccuracy = 5;
+  fix.speed = 1.2;
+  fix.course = 90;
+  EXPECT_EQ(fix.description().substr(0, 76),
+            "<+48.13750000,-11.57550000> +/- 5.00m (speed 1.20 mps / course 90.00) @ 1/1/");
+  CLLocation east, west;
+  east.coordinate = {0, 179.5};
+  west.coordinate = {0, -179.5};
+  EXPECT_NEAR(east.distanceFrom(west), 111319.490793, 1e-5);  // one degree of the equator, across the date line
+}
+
+}  // namespace
+}  // namespace tarvo::platform
