@@ -12,6 +12,9 @@
 
 namespace tarvo::platform {
 
+class EntityObjects;
+class InternedText;
+
 /// Names an object of a store. Temporary until the object's first save; the object then also answers to the
 /// permanent one, and a temporary id taken before still finds it in its context.
 class NSManagedObjectID {
@@ -31,6 +34,8 @@ class NSManagedObjectID {
 ///
 /// Threads: only inside a block of its context. Texts that repeat are kept once in memory.
 /// Memory: one heap block of 8 bytes an attribute beside the object itself.
+/// Numbers that are not one (NaN) count as absent, and -0 is 0: a store could keep neither.
+/// Outlives its context readable, as a record of none.
 class NSManagedObject {
  public:
   explicit NSManagedObject(const NSEntityDescription& entity);
@@ -56,9 +61,31 @@ class NSManagedObject {
   void setDate(int attribute, std::optional<Date> value);
 
  private:
-  friend class NSManagedObjectContext;
-  // The implementer of the store adds slots, state and the change mask here.
+  friend class EntityObjects;  ///< keeps standing, key and owner
+  friend class RowCodec;       ///< moves slots from and to rows
+  friend class FetchPlan;      ///< compares slots
+
+  union Slot {
+    std::int64_t integer;  ///< integers and Booleans
+    double number;         ///< numbers and dates, the latter in seconds since 1970
+    const InternedText* text;
+  };
+  enum class Standing : std::uint8_t { unattached, inserted, clean, changed, deleted };
+
+  bool isPresent(int attribute) const { return (present_ >> attribute & 1U) != 0; }
+  void require(int attribute, NSAttributeType type) const;
+  /// Takes a text's reference over.
+  void assign(int attribute, std::optional<Slot> value);
+  void assignNumber(int attribute, std::optional<double> value);
+
   const NSEntityDescription* entity_;
+  EntityObjects* owner_ = nullptr;  ///< the context's objects of this entity, null outside a context
+  std::unique_ptr<Slot[]> slots_;
+  std::uint64_t present_ = 0;
+  std::uint64_t changed_ = 0;  ///< set since the last save; kept while it stands in a store
+  std::int64_t key_ = 0;       ///< of its row; while inserted the number of its insertion
+  Standing standing_ = Standing::unattached;
+  mutable bool temporaryIDTaken_ = false;
 };
 
 }  // namespace tarvo::platform

@@ -17,7 +17,8 @@ namespace tarvo::platform {
 
 /// A working copy of the store with a private queue of its own.
 ///
-/// Threads: `perform` and `performAndWait` from any; everything else only inside their blocks.
+/// Threads: `perform` and `performAndWait` from any; everything else only inside their blocks (fatal elsewhere).
+/// One context at a time for a coordinator.
 /// An object is one object within the context for as long as somebody holds it or it has unsaved changes.
 /// Fetches and counts see unsaved inserts, changes and deletes; sort and limit come after they are merged in.
 class NSManagedObjectContext {
@@ -49,10 +50,12 @@ class NSManagedObjectContext {
   NSPersistentStoreCoordinator& coordinator() { return *coordinator_; }
 
  private:
-  std::shared_ptr<NSPersistentStoreCoordinator> coordinator_;
-  SerialQueue queue_;
   struct State;
+  void requireCurrent() const;
+
+  std::shared_ptr<NSPersistentStoreCoordinator> coordinator_;
   std::unique_ptr<State> state_;
+  SerialQueue queue_;  ///< last: its end waits for blocks that use the rest
 };
 
 }  // namespace tarvo::platform

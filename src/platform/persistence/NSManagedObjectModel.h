@@ -47,7 +47,8 @@ struct NSEntityDescription {
 /// Immutable once a coordinator uses it.
 class NSManagedObjectModel {
  public:
-  /// Absent when the resource is not a model.
+  /// Absent when the resource is not a model: a JSON object of "entities" (a list of name, attributes and indexes)
+  /// and "configurations" (lists of entity names). An entity has at most 64 attributes.
   static std::shared_ptr<NSManagedObjectModel> load(const ResourceURL& url);
 
   /// Sets the class of an entity's objects; before a coordinator uses the model.
@@ -56,7 +57,7 @@ class NSManagedObjectModel {
   const NSEntityDescription* entity(std::string_view name) const;
   /// The entities of a configuration, absent when there is none of that name.
   std::optional<std::vector<const NSEntityDescription*>> configuration(std::string_view name) const;
-  /// Changes whenever an entity or attribute does; kept in each store file.
+  /// Changes whenever an entity, attribute or index does; kept in each store file.
   const std::string& versionHash() const { return versionHash_; }
 
  private:

@@ -1,0 +1,126 @@
+#include "platform/persistence/NSManagedObject.h"
+
+#include <bit>
+#include <cmath>
+
+#include "platform/foundation/FatalError.h"
+#include "platform/foundation/Text.h"
+#include "platform/persistence/EntityObjects.h"
+#include "platform/persistence/InternedText.h"
+
+namespace tarvo::platform {
+
+std::string NSManagedObjectID::description() const {
+  const std::string_view store = storeUUID ? std::string_view(*storeUUID) : "";
+  const std::string_view name = entity ? std::string_view(entity->name) : "";
+  return concat("<x-coredata://", store, "/", name, temporary_ ? "/t" : "/p", key, ">");
+}
+
+NSManagedObject::NSManagedObject(const NSEntityDescription& entity)
+    : entity_(&entity), slots_(std::make_unique<Slot[]>(entity.attributes.size())) {}
+
+NSManagedObject::~NSManagedObject() {
+  for (std::size_t i = 0; i < entity_->attributes.size(); ++i)
+    if (entity_->attributes[i].type == NSAttributeType::string && isPresent(static_cast<int>(i)))
+      InternedText::release(slots_[i].text);
+  EntityObjects::countDestroyed();
+}
+
+NSManagedObjectID NSManagedObject::objectID() const {
+  const bool temporary = standing_ == Standing::inserted;
+  if (temporary) temporaryIDTaken_ = true;
+  return {entity_, key_, temporary, owner_ && !temporary ? owner_->storeUUID() : nullptr};
+}
+
+void NSManagedObject::require(int attribute, NSAttributeType type) const {
+  const auto position = static_cast<std::size_t>(attribute);
+  if (attribute < 0 || position >= entity_->attributes.size() || entity_->attributes[position].type != type)
+    fatalError(concat("attribute ", attribute, " of ", entity_->name, " is not of the type asked for"));
+}
+
+std::optional<std::int64_t> NSManagedObject::integer(int attribute) const {
+  require(attribute, NSAttributeType::integer64);
+  if (!isPresent(attribute)) return std::nullopt;
+  return slots_[static_cast<std::size_t>(attribute)].integer;
+}
+
+std::optional<double> NSManagedObject::number(int attribute) const {
+  require(attribute, NSAttributeType::floating);
+  if (!isPresent(attribute)) return std::nullopt;
+  return slots_[static_cast<std::size_t>(attribute)].number;
+}
+
+std::optional<bool> NSManagedObject::boolean(int attribute) const {
+  require(attribute, NSAttributeType::boolean);
+  if (!isPresent(attribute)) return std::nullopt;
+  return slots_[static_cast<std::size_t>(attribute)].integer != 0;
+}
+
+std::optional<std::string_view> NSManagedObject::string(int attribute) const {
+  require(attribute, NSAttributeType::string);
+  if (!isPresent(attribute)) return std::nullopt;
+  return slots_[static_cast<std::size_t>(attribute)].text->view();
+}
+
+std::optional<Date> NSManagedObject::date(int attribute) const {
+  require(attribute, NSAttributeType::date);
+  if (!isPresent(attribute)) return std::nullopt;
+  return dateSince1970(slots_[static_cast<std::size_t>(attribute)].number);
+}
+
+void NSManagedObject::setInteger(int attribute, std::optional<std::int64_t> value) {
+  require(attribute, NSAttributeType::integer64);
+  assign(attribute, value ? std::optional(Slot{.integer = *value}) : std::nullopt);
+}
+
+void NSManagedObject::setNumber(int attribute, std::optional<double> value) {
+  require(attribute, NSAttributeType::floating);
+  assignNumber(attribute, value);
+}
+
+void NSManagedObject::setBoolean(int attribute, std::optional<bool> value) {
+  require(attribute, NSAttributeType::boolean);
+  assign(attribute, value ? std::optional(Slot{.integer = *value ? 1 : 0}) : std::nullopt);
+}
+
+void NSManagedObject::setString(int attribute, std::optional<std::string_view> value) {
+  require(attribute, NSAttributeType::string);
+  assign(attribute, value ? std::optional(Slot{.text = InternedText::acquire(*value)}) : std::nullopt);
+}
+
+void NSManagedObject::setDate(int attribute, std::optional<Date> value) {
+  require(attribute, NSAttributeType::date);
+  assignNumber(attribute, value ? std::optional(secondsSince1970(*value)) : std::nullopt);
+}
+
+void NSManagedObject::assignNumber(int attribute, std::optional<double> value) {
+  if (value && std::isnan(*value)) value.reset();
+  assign(attribute, value ? std::optional(Slot{.number = *value + 0.0}) : std::nullopt);  // -0 + 0 is 0
+}
+
+void NSManagedObject::assign(int attribute, std::optional<Slot> value) {
+  if (owner_) owner_->requireCurrent();
+  const auto position = static_cast<std::size_t>(attribute);
+  const bool isText = entity_->attributes[position].type == NSAttributeType::string;
+  const bool wasPresent = isPresent(attribute);
+  Slot& slot = slots_[position];
+  // Equal texts share an address, so all kinds of slots compare by their bits.
+  const bool same = wasPresent == value.has_value() &&
+                    (!value || std::bit_cast<std::uint64_t>(slot) == std::bit_cast<std::uint64_t>(*value));
+  if (same) {
+    if (isText && value) InternedText::release(value->text);
+    return;
+  }
+  if (isText && wasPresent) InternedText::release(slot.text);
+  const std::uint64_t bit = std::uint64_t{1} << attribute;
+  if (value) {
+    slot = *value;
+    present_ |= bit;
+  } else {
+    present_ &= ~bit;
+  }
+  if (standing_ == Standing::clean) owner_->noteChange(*this);
+  if (standing_ == Standing::changed) changed_ |= bit;
+}
+
+}  // namespace tarvo::platform

@@ -1,0 +1,210 @@
+#include "platform/persistence/NSManagedObjectContext.h"
+
+#include <algorithm>
+#include <iterator>
+#include <map>
+#include <utility>
+
+#include "platform/foundation/FatalError.h"
+#include "platform/foundation/Text.h"
+#include "platform/persistence/EntityObjects.h"
+#include "platform/persistence/RowCodec.h"
+#include "platform/persistence/Store.h"
+
+namespace tarvo::platform {
+
+using Objects = std::vector<std::shared_ptr<NSManagedObject>>;
+using Store = NSPersistentStoreCoordinator::Store;
+
+struct NSManagedObjectContext::State {
+  explicit State(NSManagedObjectContext& owner) : context(owner) {}
+
+  EntityObjects& objects(const NSEntityDescription& entity) {
+    return entities.try_emplace(&entity, entity, context).first->second;
+  }
+
+  NSManagedObjectContext& context;
+  std::map<const NSEntityDescription*, EntityObjects> entities;
+};
+
+namespace {
+
+/// The rows of a plan whose objects have no unsaved changes, in the file's order.
+Result<Objects> fetchRows(Store& store, EntityObjects& objects, const FetchPlan& plan, std::size_t limit) {
+  const NSEntityDescription& entity = objects.entity();
+  std::string sql = concat(store.selectText(entity), plan.whereClause(), plan.orderClause());
+  if (limit > 0) sql += " LIMIT ?";
+  Execution rows(store.database(), sql);
+  const int next = plan.bind(rows);
+  // Each object with unsaved changes or deletes drops at most one row of the answer.
+  if (limit > 0)
+    rows.bind(next, static_cast<std::int64_t>(limit + objects.changed().size() + objects.deleted().size()));
+
+  RowCodec codec(entity);
+  Objects found;
+  found.reserve(limit);
+  while ((limit == 0 || found.size() < limit) && rows.step()) {
+    const std::int64_t key = rows.integer(0);
+    auto object = objects.registered(key);
+    if (!object) {
+      object = objects.registerNew(key);
+      codec.read(rows, 1, *object);
+    } else if (EntityObjects::isPending(*object)) {
+      continue;
+    }
+    found.push_back(std::move(object));
+  }
+  if (rows.failed()) return rows.error(StoreErrorCode::operation, "The records could not be read");
+  return found;
+}
+
+/// Puts what is unsaved and matches into the sorted result.
+void mergePending(const EntityObjects& objects, const FetchPlan& plan, Objects& found) {
+  const auto precedes = [&](const auto& a, const auto& b) { return plan.precedes(*a, *b); };
+  if (!plan.rowsAreSorted() && !std::is_sorted(found.begin(), found.end(), precedes))
+    std::sort(found.begin(), found.end(), precedes);
+  const auto saved = std::ssize(found);
+  for (const EntityObjects::Pending* pending : {&objects.changed(), &objects.inserted()})
+    for (const auto& [key, object] : *pending)
+      if (plan.matches(*object)) found.push_back(object);
+  std::sort(found.begin() + saved, found.end(), precedes);
+  std::inplace_merge(found.begin(), found.begin() + saved, found.end(), precedes);
+}
+
+/// Rows that match as the file has them, corrected by what is unsaved.
+Result<std::int64_t> countMatches(Store& store, const EntityObjects& objects, const FetchPlan& plan) {
+  auto matches = store.matchingRows(objects.entity(), plan);
+  if (!matches) return matches;
+  std::int64_t count = *matches;
+  for (const EntityObjects::Pending* pending : {&objects.changed(), &objects.deleted()})
+    for (const auto& [key, object] : *pending) {
+      auto counted = store.rowMatches(objects.entity(), plan, key);
+      if (!counted) return counted.error();
+      if (*counted) --count;
+    }
+  for (const EntityObjects::Pending* pending : {&objects.changed(), &objects.inserted()})
+    count += std::count_if(pending->begin(), pending->end(), [&](const auto& p) { return plan.matches(*p.second); });
+  return count;
+}
+
+Error unknownEntity(std::string_view name) {
+  return storeError(StoreErrorCode::coreData, concat("The model has no entity ", name));
+}
+
+Error missingObject(const NSManagedObjectID& id) {
+  return storeError(StoreErrorCode::missingObject, concat("There is no object ", id.description()));
+}
+
+}  // namespace
+
+NSManagedObjectContext::NSManagedObjectContext(std::shared_ptr<NSPersistentStoreCoordinator> coordinator)
+    : coordinator_(std::move(coordinator)), state_(std::make_unique<State>(*this)), queue_("NSManagedObjectContext") {}
+
+NSManagedObjectContext::~NSManagedObjectContext() = default;
+
+void NSManagedObjectContext::perform(std::function<void()> block) { queue_.async(std::move(block)); }
+void NSManagedObjectContext::performAndWait(const std::function<void()>& block) { queue_.syncReentrant(block); }
+bool NSManagedObjectContext::isCurrent() const { return queue_.isCurrent(); }
+
+void NSManagedObjectContext::requireCurrent() const {
+  if (!isCurrent()) fatalError("a context was used outside its blocks");
+}
+
+Result<Objects> NSManagedObjectContext::fetch(const NSFetchRequest& request) {
+  requireCurrent();
+  const NSEntityDescription* entity = coordinator_->model().entity(request.entity);
+  if (!entity) return unknownEntity(request.entity);
+  Store* store = coordinator_->store();
+  if (!store) return noStoreError("fetch");
+  auto plan = FetchPlan::compile(*entity, request);
+  if (!plan) return plan.error();
+  if (plan->isEmpty()) return Objects{};
+
+  EntityObjects& objects = state_->objects(*entity);
+  auto found = fetchRows(*store, objects, *plan, request.fetchLimit);
+  if (!found) return found;
+  mergePending(objects, *plan, *found);
+  if (request.fetchLimit > 0 && found->size() > request.fetchLimit) found->resize(request.fetchLimit);
+  return found;
+}
+
+Result<std::size_t> NSManagedObjectContext::count(const NSFetchRequest& request) {
+  requireCurrent();
+  const NSEntityDescription* entity = coordinator_->model().entity(request.entity);
+  if (!entity) return unknownEntity(request.entity);
+  Store* store = coordinator_->store();
+  if (!store) return noStoreError("count");
+  auto plan = FetchPlan::compile(*entity, request);
+  if (!plan) return plan.error();
+  if (plan->isEmpty()) return std::size_t{0};
+
+  const EntityObjects& objects = state_->objects(*entity);
+  auto counted = plan->hasConditions() ? countMatches(*store, objects, *plan) : store->rowCount(*entity);
+  if (!counted) return counted.error();
+  if (!plan->hasConditions()) *counted += std::ssize(objects.inserted()) - std::ssize(objects.deleted());
+  const auto all = static_cast<std::size_t>(std::max<std::int64_t>(*counted, 0));
+  return request.fetchLimit > 0 ? std::min(all, request.fetchLimit) : all;
+}
+
+std::shared_ptr<NSManagedObject> NSManagedObjectContext::insertNewObject(std::string_view name) {
+  requireCurrent();
+  const NSEntityDescription* entity = coordinator_->model().entity(name);
+  return entity ? state_->objects(*entity).insert() : nullptr;
+}
+
+void NSManagedObjectContext::deleteObject(const std::shared_ptr<NSManagedObject>& object) {
+  requireCurrent();
+  if (object) state_->objects(object->entity()).remove(object);
+}
+
+Result<std::shared_ptr<NSManagedObject>> NSManagedObjectContext::existingObject(const NSManagedObjectID& id) {
+  requireCurrent();
+  if (!id.entity || coordinator_->model().entity(id.entity->name) != id.entity) return missingObject(id);
+  EntityObjects& objects = state_->objects(*id.entity);
+  std::int64_t key = 0;
+  if (auto object = objects.named(id, key)) return object;
+  Store* store = coordinator_->store();
+  if (!store) return noStoreError("fetch");
+  if (key == 0 || (id.storeUUID && *id.storeUUID != *store->uuid())) return missingObject(id);
+
+  Execution row(store->database(), concat(store->selectText(*id.entity), " WHERE \"_key\" = ?1"));
+  row.bind(1, key);
+  const bool exists = row.step();
+  if (row.failed()) return row.error(StoreErrorCode::operation, "The record could not be read");
+  if (!exists) return missingObject(id);
+  auto object = objects.registerNew(key);
+  RowCodec(*id.entity).read(row, 1, *object);
+  return object;
+}
+
+bool NSManagedObjectContext::hasChanges() const {
+  requireCurrent();
+  return std::any_of(state_->entities.begin(), state_->entities.end(),
+                     [](const auto& entry) { return entry.second.hasChanges(); });
+}
+
+std::optional<Error> NSManagedObjectContext::save() {
+  if (!hasChanges()) return std::nullopt;
+  Store* store = coordinator_->store();
+  if (!store) return noStoreError("save");
+
+  std::vector<std::pair<EntityObjects*, Store::Receipt>> written;
+  {
+    Transaction transaction(store->database());
+    if (auto error = transaction.begin()) return error;
+    for (auto& [entity, objects] : state_->entities) {
+      if (!objects.hasChanges()) continue;
+      auto& receipt = written.emplace_back(&objects, Store::Receipt{}).second;
+      if (auto error = store->write(objects, receipt)) return error;
+    }
+    if (auto error = transaction.commit()) return error;
+  }
+  // Certain only now: until the commit everything stayed pending, whatever became of the transaction.
+  for (auto& [objects, receipt] : written) {
+    store->didCommit(objects->entity(), receipt);
+    objects->didSave(receipt.insertedKeys);
+  }
+  return std::nullopt;
+}
+
+}  // namespace tarvo::platform

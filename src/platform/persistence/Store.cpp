@@ -1,0 +1,147 @@
+#include "platform/persistence/Store.h"
+
+#include <bit>
+
+#include "platform/foundation/Text.h"
+#include "platform/persistence/RowCodec.h"
+
+namespace tarvo::platform {
+namespace {
+
+std::string insertText(const NSEntityDescription& entity) {
+  std::string columns;
+  std::string parameters;
+  for (std::size_t i = 0; i < entity.attributes.size(); ++i) {
+    columns += concat(i > 0 ? ", \"" : "\"", entity.attributes[i].name, "\"");
+    parameters += concat(i > 0 ? ", ?" : "?", i + 1);
+  }
+  return concat("INSERT INTO \"", entity.name, "\" (", columns, ") VALUES (", parameters, ")");
+}
+
+/// Only the changed columns, so that SQLite leaves the indexes of the others alone.
+std::string updateText(const NSEntityDescription& entity, std::uint64_t changed) {
+  std::string sql = concat("UPDATE \"", entity.name, "\" SET ");
+  std::string_view separator = "\"";
+  for (std::uint64_t rest = changed; rest != 0; rest &= rest - 1) {
+    sql += concat(separator, entity.attributes[static_cast<std::size_t>(std::countr_zero(rest))].name, "\" = ?");
+    separator = ", \"";
+  }
+  return sql + " WHERE \"_key\" = ?";
+}
+
+Error unknownEntity(const NSEntityDescription& entity) {
+  return storeError(StoreErrorCode::coreData, concat("The store does not hold ", entity.name, " records"));
+}
+
+}  // namespace
+
+NSPersistentStoreCoordinator::Store::Store(std::unique_ptr<Database> database, std::string uuid,
+                                           const std::vector<const NSEntityDescription*>& entities)
+    : database_(std::move(database)), uuid_(std::make_shared<const std::string>(std::move(uuid))) {
+  for (const NSEntityDescription* entity : entities) {
+    std::string select = "SELECT \"_key\"";
+    for (const auto& attribute : entity->attributes) select += concat(", \"", attribute.name, "\"");
+    select += concat(" FROM \"", entity->name, "\"");
+    tables_.push_back({entity, std::move(select), insertText(*entity), std::nullopt});
+  }
+}
+
+NSPersistentStoreCoordinator::Store::Table* NSPersistentStoreCoordinator::Store::table(
+    const NSEntityDescription& entity) {
+  for (Table& table : tables_)
+    if (table.entity == &entity) return &table;
+  return nullptr;
+}
+
+std::string NSPersistentStoreCoordinator::Store::selectText(const NSEntityDescription& entity) const {
+  for (const Table& table : tables_)
+    if (table.entity == &entity) return table.select;
+  return {};
+}
+
+Result<std::int64_t> NSPersistentStoreCoordinator::Store::rowCount(const NSEntityDescription& entity) {
+  Table* known = table(entity);
+  if (!known) return unknownEntity(entity);
+  if (known->rows) return *known->rows;
+  Execution count(*database_, concat("SELECT count(*) FROM \"", entity.name, "\""));
+  if (!count.step()) return count.error(StoreErrorCode::operation, "The rows could not be counted");
+  known->rows = count.integer(0);
+  return *known->rows;
+}
+
+Result<std::int64_t> NSPersistentStoreCoordinator::Store::matchingRows(const NSEntityDescription& entity,
+                                                                       const FetchPlan& plan) {
+  if (!table(entity)) return unknownEntity(entity);
+  Execution count(*database_, concat("SELECT count(*) FROM \"", entity.name, "\"", plan.whereClause()));
+  plan.bind(count);
+  if (!count.step()) return count.error(StoreErrorCode::operation, "The rows could not be counted");
+  return count.integer(0);
+}
+
+Result<bool> NSPersistentStoreCoordinator::Store::rowMatches(const NSEntityDescription& entity, const FetchPlan& plan,
+                                                             std::int64_t key) {
+  Execution row(*database_, concat("SELECT 1 FROM \"", entity.name, "\"", plan.whereClause(), " AND \"_key\" = ?"));
+  row.bind(plan.bind(row), key);  // a bare "?" takes the number after the highest before it
+  const bool found = row.step();
+  if (row.failed()) return row.error(StoreErrorCode::operation, "A row could not be read");
+  return found;
+}
+
+std::optional<Error> NSPersistentStoreCoordinator::Store::write(const EntityObjects& objects, Receipt& receipt) {
+  const Table* known = table(objects.entity());
+  if (!known) return unknownEntity(objects.entity());
+  if (auto error = insertRows(*known, objects, receipt)) return error;
+  if (auto error = updateRows(*known, objects)) return error;
+  return deleteRows(*known, objects, receipt);
+}
+
+std::optional<Error> NSPersistentStoreCoordinator::Store::insertRows(const Table& table, const EntityObjects& objects,
+                                                                     Receipt& receipt) {
+  const int count = static_cast<int>(table.entity->attributes.size());
+  for (const auto& [number, object] : objects.inserted()) {
+    Execution insert(*database_, table.insert);
+    for (int i = 0; i < count; ++i) RowCodec::bind(insert, i + 1, *object, i);
+    insert.step();
+    if (insert.failed()) return insert.error(StoreErrorCode::save, "A record could not be inserted");
+    receipt.insertedKeys.push_back(database_->lastInsertedKey());
+    ++receipt.rowsAdded;
+  }
+  return std::nullopt;
+}
+
+std::optional<Error> NSPersistentStoreCoordinator::Store::updateRows(const Table& table, const EntityObjects& objects) {
+  std::string sql;
+  std::uint64_t sqlMask = 0;
+  for (const auto& [key, object] : objects.changed()) {
+    const std::uint64_t mask = EntityObjects::changeMask(*object);
+    if (mask != sqlMask) sql = updateText(*table.entity, mask);
+    sqlMask = mask;
+    Execution update(*database_, sql);
+    int parameter = 0;
+    for (std::uint64_t rest = mask; rest != 0; rest &= rest - 1)
+      RowCodec::bind(update, ++parameter, *object, std::countr_zero(rest));
+    update.bind(parameter + 1, key);
+    update.step();
+    if (update.failed()) return update.error(StoreErrorCode::save, "A record could not be updated");
+  }
+  return std::nullopt;
+}
+
+std::optional<Error> NSPersistentStoreCoordinator::Store::deleteRows(const Table& table, const EntityObjects& objects,
+                                                                     Receipt& receipt) {
+  const std::string sql = concat("DELETE FROM \"", table.entity->name, "\" WHERE \"_key\" = ?1");
+  for (const auto& [key, object] : objects.deleted()) {
+    Execution removal(*database_, sql);
+    removal.bind(1, key);
+    removal.step();
+    if (removal.failed()) return removal.error(StoreErrorCode::save, "A record could not be deleted");
+    receipt.rowsAdded -= database_->rowsChanged();
+  }
+  return std::nullopt;
+}
+
+void NSPersistentStoreCoordinator::Store::didCommit(const NSEntityDescription& entity, const Receipt& receipt) {
+  if (Table* known = table(entity); known && known->rows) *known->rows += receipt.rowsAdded;
+}
+
+}  // namespace tarvo::platform

@@ -1,0 +1,70 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/persistence/Database.h"
+#include "platform/persistence/EntityObjects.h"
+#include "platform/persistence/FetchPlan.h"
+#include "platform/persistence/NSPersistentStoreCoordinator.h"
+
+namespace tarvo::platform {
+
+/// The open store file: rows in, rows out, and the number of rows of each table.
+///
+/// Threads: only inside blocks of the one context.
+/// Writing: a Transaction around any number of `write`, each with a receipt of its own; once the commit has
+/// succeeded each receipt is given to `didCommit`. Nothing here changes before that, so a failed transaction needs no
+/// repair.
+struct NSPersistentStoreCoordinator::Store {
+ public:
+  /// What one `write` did, not yet certain.
+  struct Receipt {
+    std::vector<std::int64_t> insertedKeys;  ///< in the order of the insertions
+    std::int64_t rowsAdded = 0;              ///< negative when more were deleted
+  };
+
+  /// Opens or creates the file; refuses what is not a store of the model.
+  static Result<std::unique_ptr<Store>> open(const std::filesystem::path& file,
+                                             const std::vector<const NSEntityDescription*>& entities,
+                                             const std::string& modelHash);
+
+  Database& database() { return *database_; }
+  const std::shared_ptr<const std::string>& uuid() const { return uuid_; }
+
+  /// "SELECT _key, all attributes in order FROM table", to be completed by clauses.
+  std::string selectText(const NSEntityDescription& entity) const;
+  /// The number of rows; scans an index the first time, then costs nothing.
+  Result<std::int64_t> rowCount(const NSEntityDescription& entity);
+  /// The number of rows that match a plan with conditions.
+  Result<std::int64_t> matchingRows(const NSEntityDescription& entity, const FetchPlan& plan);
+  /// Whether the row, as the file has it, matches a plan with conditions.
+  Result<bool> rowMatches(const NSEntityDescription& entity, const FetchPlan& plan, std::int64_t key);
+
+  /// Writes everything pending of one entity; needs a transaction.
+  std::optional<Error> write(const EntityObjects& objects, Receipt& receipt);
+  void didCommit(const NSEntityDescription& entity, const Receipt& receipt);
+
+ private:
+  struct Table {
+    const NSEntityDescription* entity;
+    std::string select;
+    std::string insert;
+    std::optional<std::int64_t> rows;  ///< known once somebody has asked
+  };
+
+  Store(std::unique_ptr<Database> database, std::string uuid, const std::vector<const NSEntityDescription*>& entities);
+  Table* table(const NSEntityDescription& entity);
+  std::optional<Error> insertRows(const Table& table, const EntityObjects& objects, Receipt& receipt);
+  std::optional<Error> updateRows(const Table& table, const EntityObjects& objects);
+  std::optional<Error> deleteRows(const Table& table, const EntityObjects& objects, Receipt& receipt);
+
+  std::unique_ptr<Database> database_;
+  std::shared_ptr<const std::string> uuid_;
+  std::vector<Table> tables_;
+};
+
+}  // namespace tarvo::platform

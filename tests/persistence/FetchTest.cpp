@@ -1,0 +1,199 @@
+#include <cmath>
+#include <limits>
+
+#include "persistence/TestStore.h"
+#include "platform/persistence/FetchPlan.h"
+#include "platform/persistence/Store.h"
+#include "support/TempDir.h"
+
+namespace tarvo::platform {
+namespace {
+
+using Predicates = std::vector<NSPredicate>;
+using Sorts = std::vector<NSSortDescriptor>;
+
+struct Row {
+  const char* label;
+  std::optional<std::int64_t> index;
+  std::optional<double> speed;
+  std::optional<std::string_view> method;
+  std::optional<bool> unsent;
+  std::optional<double> event;
+};
+
+const double kMoment = 1489561200.1234567;
+const double kJustBefore = std::nextafter(kMoment, 0);
+const double kJustAfter = std::nextafter(kMoment, 1e18);
+
+const Row kRows[] = {
+    {"a", std::nullopt, std::nullopt, "gps", std::nullopt, kMoment},
+    {"b", 999, 0.5, std::nullopt, true, kJustBefore},
+    {"c", 1000, std::nullopt, "Wifi", false, kJustAfter},
+    {"d", 7, -1.0, "", true, std::nullopt},
+    {"e", -3, 2e10, "gps2", false, -1e9},
+};
+
+const struct {
+  Predicates predicates;
+  Sorts sorts;
+  const char* expected;
+  std::size_t limit = 0;
+} kRequests[] = {
+    {{}, {}, "abcde"},
+    {{}, {}, "ab", 2},
+    {{}, {{"index", true}}, "aedbc"},
+    {{}, {{"index", false}}, "cbdea"},
+    {{}, {{"index", false}}, "cb", 2},
+    {{}, {{"localisationMethod", true}}, "bdcae"},
+    {{}, {{"localisationMethod", false}}, "eacdb"},
+    {{}, {{"eventTimestamp", false}}, "cabed"},
+    {{}, {{"unsent", true}}, "acebd"},
+    {{}, {{"unsent", false}}, "dbeca"},
+    {{}, {{"unsent", false}, {"index", true}}, "dbeca"},
+    {{{"index", Op::atLeast, "999"}}, {{"index", true}}, "bc"},
+    {{{"index", Op::atMost, "1000"}, {"index", Op::atLeast, "7"}}, {}, "bcd"},
+    {{{"index", Op::equal, "999"}}, {}, "b"},
+    {{{"index", Op::equal, "999.0"}}, {}, "b"},
+    {{{"index", Op::equal, "nine"}}, {}, ""},
+    {{{"index", Op::equal, 999.5}}, {}, ""},
+    {{{"index", Op::atMost, 999.5}}, {}, "bde"},
+    {{{"index", Op::atLeast, 999.5}}, {}, "c"},
+    {{{"index", Op::atMost, 1e300}}, {}, "bcde"},
+    {{{"index", Op::atLeast, 1e300}}, {}, ""},
+    {{{"index", Op::atLeast, -1e300}}, {}, "bcde"},
+    {{{"index", Op::equal, std::numeric_limits<double>::quiet_NaN()}}, {}, ""},
+    {{{"speed", Op::atLeast, std::int64_t{0}}}, {}, "be"},
+    {{{"speed", Op::equal, "20000000000"}}, {}, "e"},
+    {{{"speed", Op::atMost, std::numeric_limits<double>::infinity()}}, {}, "bde"},
+    {{{"speed", Op::atMost, std::numeric_limits<double>::quiet_NaN()}}, {}, ""},
+    {{{"unsent", Op::equal, true}}, {}, "bd"},
+    {{{"unsent", Op::equal, false}}, {}, "ce"},
+    {{{"unsent", Op::atMost, true}}, {}, "bcde"},
+    {{{"unsent", Op::equal, std::int64_t{2}}}, {}, ""},
+    {{{"localisationMethod", Op::equal, ""}}, {}, "d"},
+    {{{"localisationMethod", Op::atLeast, "gps"}}, {}, "ae"},
+    {{{"localisationMethod", Op::equal, "x' OR '1'='1"}}, {}, ""},
+    {{{"eventTimestamp", Op::equal, dateSince1970(kMoment)}}, {}, "a"},
+    {{{"eventTimestamp", Op::atLeast, dateSince1970(kMoment)}}, {}, "ac"},
+    {{{"eventTimestamp", Op::atMost, dateSince1970(kMoment)}}, {}, "abe"},
+    {{{"eventTimestamp", Op::atLeast, distantPast()}, {"eventTimestamp", Op::atMost, distantFuture()}}, {}, "abce"},
+};
+
+void fill(TestStore& store) {
+  for (const Row& row : kRows) {
+    auto object = store.context->insertNewObject("Locations");
+    object->setString(store.at("appAction"), row.label);
+    object->setInteger(store.at("index"), row.index);
+    object->setNumber(store.at("speed"), row.speed);
+    object->setString(store.at("localisationMethod"), row.method);
+    object->setBoolean(store.at("unsent"), row.unsent);
+    object->setDate(store.at("eventTimestamp"), row.event ? std::optional(dateSince1970(*row.event)) : std::nullopt);
+  }
+}
+
+void expectAllRequests(TestStore& store, const char* where) {
+  for (const auto& [predicates, sorts, expected, limit] : kRequests) {
+    const NSFetchRequest request{"Locations", predicates, sorts, limit};
+    std::string labels;
+    for (const auto& object : store.fetch(request)) labels += *object->string(store.at("appAction"));
+    EXPECT_EQ(labels, expected) << where << ", request " << &expected - &kRequests[0].expected;
+    EXPECT_EQ(store.count(request), labels.size()) << where << ", expected " << expected;
+  }
+}
+
+TEST(Fetch, GivesTheSameFromTheFileAndFromMemory) {
+  test::TempDir dir;
+  TestStore store(dir.path() / "a.sqlite");
+  store.run([&] {
+    fill(store);
+    expectAllRequests(store, "inserted");
+    ASSERT_FALSE(store.context->save());
+    expectAllRequests(store, "saved");
+    for (const auto& object : store.fetch()) object->setNumber(store.at("altitude"), 1);
+    expectAllRequests(store, "changed");
+    for (const auto& object : store.fetch()) store.context->deleteObject(object);
+    fill(store);
+    expectAllRequests(store, "inserted over deleted rows");
+  });
+  TestStore again(store.file);
+  again.run([&] { expectAllRequests(again, "read from the file"); });
+}
+
+TEST(Fetch, LimitsAfterUnsavedChangesAreMergedIn) {
+  test::TempDir dir;
+  TestStore store(dir.path() / "a.sqlite");
+  store.run([&] {
+    std::vector<std::shared_ptr<NSManagedObject>> rows;
+    for (int i = 0; i < 8; ++i) rows.push_back(store.add(i * 10));
+    ASSERT_FALSE(store.context->save());
+    EXPECT_EQ(store.indexes(unsentRequest(3)), "0 10 20 ");
+    rows[0]->setBoolean(store.at("unsent"), false);
+    rows[1]->setBoolean(store.at("sentWithoutACK"), true);
+    store.context->deleteObject(rows[2]);
+    EXPECT_EQ(store.indexes(unsentRequest(3)), "30 40 50 ");
+    store.add(35);
+    store.add(36, false);
+    EXPECT_EQ(store.indexes(unsentRequest(3)), "30 35 40 ");
+    rows[7]->setInteger(store.at("index"), -5);
+    EXPECT_EQ(store.indexes(unsentRequest(3)), "-5 30 35 ");
+    EXPECT_EQ(store.count(unsentRequest(0)), 6U);
+    ASSERT_FALSE(store.context->save());
+    EXPECT_EQ(store.indexes(unsentRequest()), "-5 30 35 40 50 60 ");
+  });
+}
+
+TEST(Fetch, FailsForNamesAndValuesThatDoNotFit) {
+  test::TempDir dir;
+  TestStore store(dir.path() / "a.sqlite");
+  store.run([&] {
+    const NSFetchRequest requests[] = {
+        {"Nothing"},
+        {"Locations", {{"nothing", Op::equal, true}}},
+        {"Locations", {}, {{"nothing", true}}},
+        {"Locations", {{"eventTimestamp", Op::equal, 1.0}}},
+        {"Locations", {{"appName", Op::equal, true}}},
+        {"Locations", {{"index", Op::equal, Date{}}}},
+    };
+    for (const auto& request : requests) {
+      EXPECT_FALSE(store.context->fetch(request));
+      EXPECT_FALSE(store.context->count(request));
+    }
+    EXPECT_EQ(store.context->insertNewObject("Nothing"), nullptr);
+  });
+}
+
+TEST(Fetch, AnswersThePipelinesQueriesFromAnIndex) {
+  test::TempDir dir;
+  TestStore store(dir.path() / "a.sqlite");
+  const auto* entity = store.coordinator->model().entity("Locations");
+  const struct {
+    NSFetchRequest request;
+    const char* index;
+    bool sorts;  ///< whether sorting the matches is left to SQLite
+  } cases[] = {
+      {unsentRequest(), "Locations_unsent", false},
+      {{"Locations", {{"sentWithoutACK", Op::equal, true}}, {{"index", true}}, 1000}, "Locations_awaiting", false},
+      {{"Locations", {}, {{"locationTimestamp", false}}, 1}, "Locations_locationTimestamp", false},
+      {{"Locations", {}, {{"index", false}}, 1000}, "Locations_index", false},
+      {{"Locations", {{"index", Op::atMost, "9"}, {"index", Op::atLeast, "1"}}}, "Locations_index", false},
+      {{"Locations", {{"index", Op::equal, "9"}}}, "Locations_index", false},
+      {{"Locations",
+        {{"eventTimestamp", Op::atLeast, Date{}}, {"eventTimestamp", Op::atMost, Date{}}},
+        {{"index", true}}},
+       "Locations_eventTimestamp",
+       true},
+  };
+  for (const auto& [request, index, sorts] : cases) {
+    auto plan = FetchPlan::compile(*entity, request);
+    Execution explanation(store.coordinator->store()->database(), "EXPLAIN QUERY PLAN " +
+                                                                      store.coordinator->store()->selectText(*entity) +
+                                                                      plan->whereClause() + plan->orderClause());
+    std::string text;
+    while (explanation.step()) text += std::string(explanation.text(3)) + "\n";
+    EXPECT_NE(text.find(std::string("USING INDEX ") + index), std::string::npos) << text;
+    EXPECT_EQ(text.find("TEMP B-TREE") != std::string::npos, sorts) << text;
+  }
+}
+
+}  // namespace
+}  // namespace tarvo::platform

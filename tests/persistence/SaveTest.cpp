@@ -1,0 +1,163 @@
+#include <signal.h>
+#include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "persistence/FaultyDisk.h"
+#include "persistence/TestStore.h"
+#include "support/TempDir.h"
+
+namespace tarvo::platform {
+namespace {
+
+std::string integrityOf(const std::filesystem::path& file) {
+  sqlite3* database = nullptr;
+  sqlite3_stmt* check = nullptr;
+  std::string text = "not run";
+  sqlite3_open(file.c_str(), &database);
+  sqlite3_prepare_v2(database, "PRAGMA integrity_check", -1, &check, nullptr);
+  if (sqlite3_step(check) == SQLITE_ROW) text.assign(static_cast<const char*>(sqlite3_column_blob(check, 0)));
+  sqlite3_finalize(check);
+  sqlite3_close(database);
+  return text;
+}
+
+/// Saves a mixture of everything on a disk that fails as `fault` says, then heals it.
+/// Answers whether the first save went through.
+bool surviveFault(const std::function<void()>& fault) {
+  test::TempDir dir;
+  TestStore store(dir.path() / "a.sqlite");
+  bool savedAtOnce = false;
+  store.run([&] {
+    std::vector<std::shared_ptr<NSManagedObject>> rows;
+    for (int i = 0; i < 4; ++i) rows.push_back(store.add(i));
+    EXPECT_FALSE(store.context->save());
+    EXPECT_EQ(store.count(), 4U);
+
+    rows[0]->setBoolean(store.at("unsent"), false);
+    rows[1]->setNumber(store.at("altitude"), 12.5);
+    store.context->deleteObject(rows[2]);
+    auto unsaved = store.add(4);
+    unsaved->setString(store.at("appName"), std::string(20000, 'x'));  // pages enough to fail in their midst
+    const NSManagedObjectID early = unsaved->objectID();
+    const std::string unsent = "1 3 4 ";
+
+    fault();
+    const auto error = store.context->save();
+    savedAtOnce = !error;
+    if (error) {
+      EXPECT_GT(FaultyDisk::failures(), 0);
+      EXPECT_EQ(error->code, 134030) << error->description();
+      EXPECT_TRUE(find(error->userInfo, "NSSQLiteErrorDomain"));
+      EXPECT_TRUE(store.context->hasChanges());
+      EXPECT_TRUE(unsaved->objectID().isTemporary());
+    }
+    EXPECT_EQ(store.count(), 4U);
+    EXPECT_EQ(store.indexes(unsentRequest()), unsent);
+    FaultyDisk::heal();
+    const auto second = store.context->save();
+    EXPECT_FALSE(second) << second->description();
+    EXPECT_FALSE(store.context->hasChanges());
+    EXPECT_EQ(store.count(), 4U);
+    EXPECT_EQ(store.indexes(unsentRequest()), unsent);
+    EXPECT_EQ(store.context->existingObject(early).value(), unsaved);
+    EXPECT_FALSE(unsaved->objectID().isTemporary());
+    EXPECT_FALSE(store.context->existingObject(rows[2]->objectID()));
+  });
+  TestStore again(store.file);
+  again.run([&] {
+    EXPECT_EQ(again.count(), 4U);
+    EXPECT_EQ(again.indexes({"Locations", {}, {{"index", true}}}), "0 1 3 4 ");
+    EXPECT_EQ(again.indexes(unsentRequest()), "1 3 4 ");
+    EXPECT_EQ(again.indexes({"Locations", {{"altitude", Op::equal, 12.5}}}), "1 ");
+  });
+  EXPECT_EQ(integrityOf(store.file), "ok");
+  return savedAtOnce;
+}
+
+TEST(Save, KeepsEverythingPendingWhicheverDiskCallFails) {
+  FaultyDisk::install();
+  int failed = 0;
+  for (bool saved = false; !saved; ++failed) {
+    ASSERT_LT(failed, 200);
+    SCOPED_TRACE(failed);
+    saved = surviveFault([&] { FaultyDisk::failAfterCalls(failed); });
+  }
+  EXPECT_GT(failed, 10);
+}
+
+TEST(Save, KeepsEverythingPendingWhereverTheDiskGetsFull) {
+  FaultyDisk::install();
+  int failed = 0;
+  std::int64_t bytes = 0;
+  for (bool saved = false; !saved; bytes += 3001, ++failed) {
+    ASSERT_LT(failed, 200);
+    SCOPED_TRACE(bytes);
+    saved = surviveFault([&] { FaultyDisk::failAfterBytes(bytes); });
+  }
+  EXPECT_GT(failed, 10);
+}
+
+TEST(Save, LeavesAStoreThatCanBeCreatedLaterWhenCreationFails) {
+  FaultyDisk::install();
+  bool opened = false;
+  int failed = 0;
+  for (; !opened; ++failed) {
+    ASSERT_LT(failed, 200);
+    test::TempDir dir;
+    FaultyDisk::failAfterCalls(failed);
+    {
+      TestStore store(dir.path() / "a.sqlite");
+      opened = !store.failure;
+    }
+    FaultyDisk::heal();
+    TestStore again(dir.path() / "a.sqlite");
+    ASSERT_FALSE(again.failure) << failed << ": " << again.failure->description();
+  }
+  EXPECT_GT(failed, 5);
+}
+
+TEST(Save, SurvivesAKillRightAfterIt) {
+  test::TempDir dir;
+  const auto file = dir.path() / "a.sqlite";
+  const Date moment = dateSince1970(1489561200.1234567);
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    TestStore store(file);
+    store.run([&] {
+      for (int i = 0; i < 3; ++i) {
+        store.add(i)->setDate(store.at("eventTimestamp"), moment);
+        if (store.context->save()) ::_exit(1);
+      }
+      store.add(3);
+      ::raise(SIGKILL);
+    });
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFSIGNALED(status));
+  TestStore store(file);
+  store.run([&] {
+    EXPECT_EQ(store.count(), 3U);
+    EXPECT_EQ(store.indexes({"Locations", {{"eventTimestamp", Op::equal, moment}}}), "0 1 2 ");
+  });
+}
+
+TEST(Save, FailsWithoutAStoreAndKeepsTheChanges) {
+  test::TempDir dir;
+  TestStore store(dir.path());
+  ASSERT_FALSE(store.coordinator->hasStore());
+  EXPECT_FALSE(store.coordinator->checkpoint());
+  store.run([&] {
+    EXPECT_FALSE(store.context->save());
+    EXPECT_FALSE(store.context->fetch({"Locations"}));
+    EXPECT_FALSE(store.context->count({"Locations"}));
+    store.add(0);
+    EXPECT_EQ(store.context->save()->domain, NSCocoaErrorDomain);
+    EXPECT_TRUE(store.context->hasChanges());
+  });
+}
+
+}  // namespace
+}  // namespace tarvo::platform

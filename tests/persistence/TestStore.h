@@ -1,0 +1,79 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <string>
+
+#include "platform/persistence/NSManagedObjectContext.h"
+
+namespace tarvo::platform {
+
+inline std::string fileText(const std::filesystem::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+/// The model that the library carries.
+inline std::shared_ptr<NSManagedObjectModel> shippedModel() {
+  static const std::string text = fileText(std::filesystem::path(__FILE__).parent_path() / ".." / ".." / "src" /
+                                           "store" / "Marrowgate-Tarvo-db.momd");
+  return NSManagedObjectModel::load({"test", text});
+}
+
+/// A context over a store file; opening it again is a new one.
+struct TestStore {
+  explicit TestStore(const std::filesystem::path& path)
+      : file(path), coordinator(std::make_shared<NSPersistentStoreCoordinator>(shippedModel())) {
+    failure = coordinator->addPersistentStore(NSSQLiteStoreType, "ConfigurationForLocationsAndUsers", file);
+    context = std::make_unique<NSManagedObjectContext>(coordinator);
+  }
+
+  int at(std::string_view attribute, std::string_view entity = "Locations") const {
+    return coordinator->model().entity(entity)->attributeIndex(attribute);
+  }
+
+  /// A new position, not saved.
+  std::shared_ptr<NSManagedObject> add(std::int64_t index, bool unsent = true, bool awaiting = false) {
+    auto object = context->insertNewObject("Locations");
+    object->setInteger(at("index"), index);
+    object->setBoolean(at("unsent"), unsent);
+    object->setBoolean(at("sentWithoutACK"), awaiting);
+    return object;
+  }
+
+  /// The indexes of a result in its order, "!" for a failure.
+  std::string indexes(const NSFetchRequest& request) {
+    auto found = context->fetch(request);
+    if (!found) return "!";
+    std::string text;
+    for (const auto& object : *found) text += std::to_string(object->integer(at("index")).value_or(-1)) + " ";
+    return text;
+  }
+
+  /// By value: a loop over a part of the temporary result would outlive it.
+  std::vector<std::shared_ptr<NSManagedObject>> fetch(const NSFetchRequest& request = {"Locations"}) {
+    return std::move(context->fetch(request).value());
+  }
+
+  std::size_t count(const NSFetchRequest& request = {"Locations"}) { return context->count(request).value(); }
+
+  void run(const std::function<void()>& block) { context->performAndWait(block); }
+
+  std::filesystem::path file;
+  std::shared_ptr<NSPersistentStoreCoordinator> coordinator;
+  std::optional<Error> failure;
+  std::unique_ptr<NSManagedObjectContext> context;
+};
+
+using Op = NSPredicate::Operator;
+
+inline NSFetchRequest unsentRequest(std::size_t limit = 1000) {
+  return {"Locations", {{"unsent", Op::equal, true}, {"sentWithoutACK", Op::equal, false}}, {{"index", true}}, limit};
+}
+
+}  // namespace tarvo::platform
