@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -28,8 +29,8 @@ class Locations : public platform::NSManagedObject {
   using NSManagedObject::NSManagedObject;
 
   /// Inserts a record with the next running index: the number of records besides itself.
-  static std::shared_ptr<Locations> addLocation(const platform::CLLocation& location, std::string_view activity,
-                                                std::string_view localisationMethod, Context& context,
+  static std::shared_ptr<Locations> addLocation(const platform::CLLocation& location, std::string_view withActivity,
+                                                std::string_view withLocalisationMethod, Context& context,
                                                 std::string_view serviceAction);
   /// The newest by fix time.
   static std::shared_ptr<Locations> getLastLocation(Context& context);
@@ -49,8 +50,7 @@ class Locations : public platform::NSManagedObject {
   static void markLocationAsSentWithIndex(std::int64_t index, Context& context);
   /// Acknowledges `firstLoc` to `locationIndex`, both decimal texts; frees the upload channel and starts the next
   /// batch from inside, before the caller saves, if any record matched.
-  static void markLocationAsSentUntilIndex(std::string_view locationIndex, Context& context,
-                                           std::string_view firstLoc);
+  static void markLocationAsSentUntilIndex(std::string_view locationIndex, Context& context, std::string_view firstLoc);
   static void removeData(Context& context);
 
   /// The upload body: a JSON array of flat objects, all values texts. An empty list is fatal.
@@ -63,9 +63,10 @@ class Locations : public platform::NSManagedObject {
 
   LocationRecord record() const;
   std::optional<std::int64_t> index() const;
-  // The SDK-side attributes that the engine needs one by one.
   std::optional<double> latitude() const;
   std::optional<double> longitude() const;
+  /// One line for the log.
+  std::string description() const;
 };
 
 }  // namespace tarvo

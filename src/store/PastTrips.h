@@ -1,6 +1,9 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -33,6 +36,8 @@ class PastTrips : public platform::NSManagedObject {
 
   PastTripRecord record() const;
   std::optional<std::int64_t> pasttripID() const;
+  /// One line for the log, without the route's text.
+  std::string description() const;
 };
 
 }  // namespace tarvo

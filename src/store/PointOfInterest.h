@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -30,6 +31,8 @@ class PointOfInterest : public platform::NSManagedObject {
   static void removePOIs(Context& context);
 
   PointOfInterestRecord record() const;
+  /// One line for the log, without the GeoJSON texts.
+  std::string description() const;
   platform::UserDefaults& defaults() const { return platform::UserDefaults::standard(); }
 };
 

@@ -1,0 +1,165 @@
+#include "store/PastTrips.h"
+
+#include <utility>
+
+#include "log/Log.h"
+#include "log/Utf8.h"
+#include "platform/foundation/DateFormatter.h"
+#include "platform/foundation/Json.h"
+#include "platform/foundation/Text.h"
+#include "store/Attributes.h"
+#include "store/TypedFetch.h"
+
+namespace tarvo {
+
+namespace at = attribute::past_trips;
+using platform::Date;
+using platform::errorAndUserInfo;
+using Operator = platform::NSPredicate::Operator;
+
+namespace {
+
+struct Coordinate {
+  at::Position attribute;
+  std::string_view logText;
+};
+
+constexpr Coordinate kCoordinates[] = {
+    {at::arrival_lat, "PastTrips:addLastTrip:getLocationHistoryEXTRAPOLATED [net] [succes] arrival_lat:"},
+    {at::arrival_lon, "PastTrips:addLastTrip:getLocationHistoryEXTRAPOLATED [net] [succes] arrival_lon:"},
+    {at::departure_lat, "PastTrips:addLastTrip:getLocationHistoryEXTRAPOLATED [net] [succes] departure_lat:"},
+    {at::departure_lon, "PastTrips:addLastTrip:getLocationHistoryEXTRAPOLATED [net] [succes] departure_lon:"},
+};
+
+std::optional<std::int64_t> integerUnder(const platform::Dictionary& trip, std::string_view key) {
+  const platform::Value* value = platform::find(trip, key);
+  return value ? value->asInteger() : std::nullopt;
+}
+
+std::optional<double> numberUnder(const platform::Dictionary& trip, std::string_view key) {
+  const platform::Value* value = platform::find(trip, key);
+  return value ? value->asDouble() : std::nullopt;
+}
+
+/// The offset in the text decides, so the formatter's own zone does not matter.
+std::optional<Date> dateUnder(const platform::Dictionary& trip, std::string_view key) {
+  static const auto* formatter = new platform::DateFormatter("YYYY-MM-dd'T'HH:mm:ss.SSSZ");
+  const auto text = platform::findString(trip, key);
+  return text ? formatter->date(*text) : std::nullopt;
+}
+
+void setRoute(PastTrips& added, const platform::Dictionary& trip) {
+  const platform::Value* found = platform::find(trip, "route");
+  const platform::Value route = found ? *found : platform::Value();
+  auto text = platform::serializeJson(route);
+  if (!text) {
+    Log::error("PastTrips:addLastTrip Unresolved error ", errorAndUserInfo(text.error()));
+  } else if (!isValidUtf8(*text)) {
+    Log::debug("PastTrips:addLastTrip:Failed to load GEOJSON: ", route);
+  } else {
+    added.setString(at::route, *text);
+    Log::debug("PastTrips:addLastTrip:getLocationHistoryEXTRAPOLATED [net] [succes] route:", *text);
+  }
+}
+
+/// Deletes every trip of the request; without a store the error has `failureText`.
+void removeMatches(PastTrips::Context& context, const platform::NSFetchRequest& request, std::string_view failureText) {
+  auto trips = fetchAs<PastTrips>(context, request);
+  if (!trips) {
+    Log::error(failureText, errorAndUserInfo(trips.error()));
+    return;
+  }
+  for (const auto& trip : *trips) {
+    Log::debug("LastTrips removeData pasttrip_id ", trip->pasttripID());
+    context.deleteObject(trip);
+  }
+}
+
+}  // namespace
+
+std::shared_ptr<PastTrips> PastTrips::addLastTrip(const platform::Dictionary& trip, Context& context) {
+  const auto id = integerUnder(trip, "pasttrip_id");
+  if (id) removeTripIfExist(context, *id);
+  const auto added = insertAs<PastTrips>(context);
+  if (!added) return nullptr;
+  added->setInteger(at::pasttrip_id, id);
+  Log::debug("PastTrips:addLastTrip:getLocationHistoryEXTRAPOLATED [net] [succes] pasttrip_id:", id);
+  for (const auto& [attribute, logText] : kCoordinates) {
+    const double value = numberUnder(trip, at::kAll[attribute].name).value_or(0);
+    added->setNumber(attribute, value);
+    Log::debug(logText, value);
+  }
+  added->setDate(at::start_time, dateUnder(trip, "start_time"));
+  Log::debug("PastTrips:addLastTrip:getLocationHistoryEXTRAPOLATED [net] [succes] start_time:",
+             added->date(at::start_time));
+  added->setDate(at::arrival_time, dateUnder(trip, "arrival_time"));
+  Log::debug("PastTrips:addLastTrip:getLocationHistoryEXTRAPOLATED [net] [succes] arrival_time:",
+             added->date(at::arrival_time));
+  setRoute(*added, trip);
+  return added;
+}
+
+void PastTrips::removeTripIfExist(Context& context, std::int64_t pasttripID) {
+  removeMatches(context, {.entity = std::string(kEntity), .predicates = {{"pasttrip_id", Operator::equal, pasttripID}}},
+                "LastTrips removeTripIfExist Unresolved error ");
+}
+
+std::shared_ptr<PastTrips> PastTrips::getLastPastTrip(Context& context) {
+  Log::debug("LastTrips:getLastPastTrip [loc] [] mainThread:", mainThread());
+  auto trips = fetchAs<PastTrips>(
+      context, {.entity = std::string(kEntity), .sortDescriptors = {{"pasttrip_id", false}}, .fetchLimit = 1});
+  if (!trips) {
+    Log::error(" LastTrips Unresolved error ", errorAndUserInfo(trips.error()));
+    return nullptr;
+  }
+  if (trips->empty()) return nullptr;
+  Log::debug("LastTrips:getLastPastTrip [loc] pasttrip_ID:", trips->front()->pasttripID(),
+             " mainThread:", mainThread());
+  return trips->front();
+}
+
+PastTrips::List PastTrips::getLocationHistoryExtraPolated(Context& context, Date since, Date until) {
+  auto trips = fetchAs<PastTrips>(
+      context, {.entity = std::string(kEntity),
+                .predicates = {{"start_time", Operator::atLeast, since}, {"start_time", Operator::atMost, until}},
+                .sortDescriptors = {{"pasttrip_id", true}}});
+  if (!trips) {
+    Log::error("LastTrips:getLocationHistory Unresolved error ", errorAndUserInfo(trips.error()));
+    return {};
+  }
+  const auto printed = [&](bool first) {
+    if (trips->empty()) return std::string("nil");
+    const PastTrips& trip = first ? *trips->front() : *trips->back();
+    return platform::concat(trip.pasttripID(), trip.description());
+  };
+  Log::debug("LastTrips:getLocationHistory [loc] from:", printed(true), " to:", printed(false),
+             " count : ", trips->size(), " mainThread:", mainThread());
+  return std::move(*trips);
+}
+
+void PastTrips::removeData(Context& context) {
+  removeMatches(context, {.entity = std::string(kEntity)}, "LastTrips removeData Unresolved error ");
+}
+
+PastTripRecord PastTrips::record() const {
+  PastTripRecord record;
+  record.pasttrip_id = integer(at::pasttrip_id);
+  record.departure_lat = number(at::departure_lat);
+  record.departure_lon = number(at::departure_lon);
+  record.arrival_lat = number(at::arrival_lat);
+  record.arrival_lon = number(at::arrival_lon);
+  record.start_time = date(at::start_time);
+  record.arrival_time = date(at::arrival_time);
+  record.route = ownedText(string(at::route));
+  return record;
+}
+
+std::optional<std::int64_t> PastTrips::pasttripID() const { return integer(at::pasttrip_id); }
+
+std::string PastTrips::description() const {
+  return platform::concat("{departure:", number(at::departure_lat), ",", number(at::departure_lon),
+                          " arrival:", number(at::arrival_lat), ",", number(at::arrival_lon),
+                          " start_time:", date(at::start_time), " arrival_time:", date(at::arrival_time), "}");
+}
+
+}  // namespace tarvo

@@ -1,0 +1,290 @@
+#include "store/Locations.h"
+
+#include <fstream>
+#include <numeric>
+#include <tuple>
+
+#include <tarvo/platform/Device.h>
+
+#include "platform/foundation/Json.h"
+#include "platform/foundation/Text.h"
+#include "settings/Settings.h"
+#include "store/Attributes.h"
+#include "store/ObjectModel.h"
+#include "store/PastTrips.h"
+#include "store/PointOfInterest.h"
+#include "store/StoreFixture.h"
+#include "store/Users.h"
+
+namespace tarvo {
+namespace {
+
+namespace at = attribute::locations;
+using Context = platform::NSManagedObjectContext;
+using platform::Date;
+using platform::Seconds;
+
+class StoredPositions : public test::StoreTest {
+ protected:
+  using Flags = std::pair<bool, bool>;
+  static Flags flags(const Locations& location) {
+    const LocationRecord record = location.record();
+    return {record.unsent.value(), record.sentWithoutACK.value()};
+  }
+  static std::vector<std::int64_t> range(std::int64_t from, std::int64_t count) {
+    std::vector<std::int64_t> all(static_cast<std::size_t>(count));
+    std::iota(all.begin(), all.end(), from);
+    return all;
+  }
+};
+using UploadBody = StoredPositions;
+using Acknowledgement = StoredPositions;
+
+TEST_F(StoredPositions, AreNumberedByTheRecordsBesidesThemWhateverIsSaved) {
+  within([&](Context& context) {
+    for (std::int64_t i = 0; i < 3; ++i) EXPECT_EQ(add(context)->index(), i);
+    ASSERT_FALSE(context.save());
+    {
+      test::FullDisk full;
+      EXPECT_EQ(add(context)->index(), 3);
+      ASSERT_TRUE(context.save());
+    }
+    EXPECT_EQ(add(context)->index(), 4);
+    ASSERT_FALSE(context.save());
+    EXPECT_EQ(indexes(Locations::getAllLocations(context)), (std::vector<std::int64_t>{4, 3, 2, 1, 0}));
+    Locations::removeData(context);
+    EXPECT_EQ(add(context)->index(), 0);
+  });
+}
+
+TEST_F(StoredPositions, KeepTheWholeFixAndItsCircumstances) {
+  platform::UIDevice::current().setIdentifierForVendor("3F2504E0-4F89-41D3-9A0C-0305E82C3301");
+  within([&](Context& context) {
+    platform::CLLocation fix{{-33.5, 151.25}, 12.5, 5, 8, 90, -1, Date(Seconds(1488442529.5)), 0};
+    const LocationRecord record = Locations::addLocation(fix, "still", "sls", context, "app_paused")->record();
+    EXPECT_EQ(std::tie(record.latitude, record.longitude, record.altitude, record.horizontalAccuracy),
+              std::tuple(-33.5, 151.25, 12.5, 5.0));
+    EXPECT_EQ(std::tie(record.verticalAccuracy, record.course, record.speed), std::tuple(8.0, 90.0, -1.0));
+    EXPECT_EQ(record.floor, 0);
+    EXPECT_EQ(record.locationTimestamp, fix.timestamp);
+    EXPECT_EQ(record.eventTimestamp, clock->now());
+    EXPECT_EQ(std::tie(record.userAction, record.localisationMethod, record.serviceAction, record.appAction),
+              std::tuple("still", "sls", "app_paused", "unused"));
+    EXPECT_EQ(record.appName, "ios:");
+    EXPECT_EQ(record.identifierForVendor, "3F2504E0-4F89-41D3-9A0C-0305E82C3301");
+    EXPECT_EQ(std::tie(record.unsent, record.sentWithoutACK), std::tuple(true, false));
+  });
+  EXPECT_EQ(log.count("Locations:addLocation [loc] id:0 lon:151.25 lat:-33.5 tLoc:2017-03-02 08:15:29 +0000 "
+                      "tMob:2017-03-02 08:15:30 +0000 event:app_paused mainThread:true"),
+            1U);
+  within([&](Context& context) { EXPECT_EQ(add(context)->record().floor, std::nullopt); });
+}
+
+TEST_F(StoredPositions, LeaveTheStoreForUploadInBatchesOfThousandByIndex) {
+  within([&](Context& context) {
+    for (int i = 0; i < 1500; ++i) add(context);
+    ASSERT_FALSE(context.save());
+    EXPECT_EQ(indexes(Locations::getUnsentLocations(context)), range(0, 1000));
+    auto newest = indexes(Locations::getAllLocations(context));
+    std::reverse(newest.begin(), newest.end());
+    EXPECT_EQ(newest, range(500, 1000));
+
+    const auto oldest = Locations::getUnsentLocations(context);
+    for (std::size_t i = 0; i < 10; ++i) Locations::markLocationAsSentWithoutACKWithID(oldest[i]->objectID(), context);
+    Locations::markLocationAsSentWithID(oldest[3]->objectID(), context);
+    EXPECT_EQ(flags(*oldest[2]), Flags(true, true));
+    EXPECT_EQ(flags(*oldest[3]), Flags(false, true));
+    EXPECT_EQ(indexes(Locations::getUnsentLocations(context)), range(10, 1000));
+    EXPECT_EQ(indexes(Locations::getSentWithoutACKLocations(context)), range(0, 10));
+  });
+  EXPECT_EQ(log.count("getAllLocations lastindex = 1499 first = 500"), 1U);
+  EXPECT_EQ(log.count("Locations:getUnsentLocations [loc] from:10 to:1009 mainThread:"), 1U);
+  EXPECT_EQ(log.count("Locations:getSentWithoutACKLocations [loc] from:0 to:9 count : 10 mainThread:"), 1U);
+}
+
+TEST_F(StoredPositions, EmptyTableIsLoggedAsNil) {
+  within([&](Context& context) {
+    EXPECT_EQ(Locations::getLastLocation(context), nullptr);
+    EXPECT_TRUE(Locations::getAllLocations(context).empty());
+    EXPECT_TRUE(Locations::getUnsentLocations(context).empty());
+    EXPECT_TRUE(Locations::getSentWithoutACKLocations(context).empty());
+  });
+  for (const char* line :
+       {"Locations:getLastLocation [loc] [] mainThread:true", "getAllLocations lastindex = nil first = nil",
+        "Locations:getUnsentLocations [loc] [0] mainThread:true",
+        "Locations:getSentWithoutACKLocations [loc] lastindexACK:0",
+        "Locations:getSentWithoutACKLocations [loc] from:nil to:nil count : 0 mainThread:true"})
+    EXPECT_EQ(log.count(line), 1U) << line;
+}
+
+TEST_F(StoredPositions, LastIsTheNewestByFixTimeAndHistoryGoesByStorageTime) {
+  const Date start = clock->now();
+  within([&](Context& context) {
+    platform::CLLocation fix;
+    for (const double fixAge : {300.0, 5.0, 100.0, 200.0}) {
+      fix.timestamp = start - Seconds(fixAge);
+      Locations::addLocation(fix, "", "", context, "");
+      clock->advance(Seconds(0.25));
+    }
+    EXPECT_EQ(Locations::getLastLocation(context)->index(), 1);
+    const auto history = [&](double from, double to) {
+      return indexes(Locations::getLocationHistory(context, start + Seconds(from), start + Seconds(to)));
+    };
+    EXPECT_EQ(history(0.25, 0.5), range(1, 2));
+    EXPECT_EQ(history(0.2501, 0.4999), range(0, 0));
+    ASSERT_FALSE(context.save());
+    EXPECT_EQ(history(0.25, 0.5), range(1, 2));
+    EXPECT_EQ(indexes(Locations::getLocationHistory(context, platform::distantPast(), platform::distantFuture())),
+              range(0, 4));
+  });
+}
+
+TEST_F(StoredPositions, AreMarkedByIndexUnlessItIsSharedOrUnknown) {
+  within([&](Context& context) {
+    for (int i = 0; i < 3; ++i) add(context);
+    const auto all = Locations::getUnsentLocations(context);
+    all[0]->setInteger(at::index, 1);
+    Locations::markLocationAsSentWithIndex(1, context);
+    EXPECT_EQ(flags(*all[0]), Flags(true, false));
+    EXPECT_EQ(flags(*all[1]), Flags(true, false));
+    EXPECT_EQ(log.count("Locations:markLocationAsSentWithIndex [loc] 2 locs with same index! mainThread:"), 1U);
+    Locations::markLocationAsSentWithoutACKWithID(all[2]->objectID(), context);
+    Locations::markLocationAsSentWithIndex(2, context);
+    EXPECT_EQ(flags(*all[2]), Flags(false, false));
+    EXPECT_DEATH(Locations::markLocationAsSentWithIndex(7, context), "");
+  });
+}
+
+TEST_F(StoredPositions, MarksFindAnObjectByItsTemporaryIDAndReportOneThatHasGone) {
+  within([&](Context& context) {
+    const auto location = add(context);
+    const auto id = location->objectID();
+    ASSERT_FALSE(context.save());
+    Locations::markLocationAsSentWithoutACKWithID(id, context);
+    EXPECT_EQ(flags(*location), Flags(true, true));
+    EXPECT_EQ(Locations::getLocationByID(id, context), location);
+    Locations::removeData(context);
+    ASSERT_FALSE(context.save());
+    Locations::markLocationAsSentWithoutACKWithID(id, context);
+    Locations::markLocationAsSentWithID(id, context);
+    EXPECT_EQ(Locations::getLocationByID(id, context), nullptr);
+  });
+  for (const char* line : {"Locations:markLocationAsSentWithoutACKWithID Unresolved error Error Domain=",
+                           "Locations:markLocationAsSentWithID Unresolved error Error Domain=",
+                           "Locations:error:getLocationByID:Error Domain="})
+    EXPECT_EQ(log.count(line), 1U) << line;
+}
+
+TEST_F(Acknowledgement, ClearsItsRangeFreesTheChannelAndStartsTheNextBatchBeforeTheSave) {
+  UploadChannel& channel = Settings::shared().uploadChannel();
+  channel.setLocked(true);
+  within([&](Context& context) {
+    for (int i = 0; i < 12; ++i) add(context);
+    ASSERT_FALSE(context.save());
+    // The flags do not matter, only the range: 9 was never posted.
+    for (const auto& location : Locations::getUnsentLocations(context))
+      if (location->index() != 9) location->setBoolean(at::sentWithoutACK, true);
+    int batches = 0;
+    Locations::setNextBatchHook([&] {
+      ++batches;
+      EXPECT_TRUE(context.isCurrent());
+      EXPECT_FALSE(channel.locked());
+      EXPECT_TRUE(context.hasChanges());
+      EXPECT_EQ(indexes(Locations::getSentWithoutACKLocations(context)),
+                (std::vector<std::int64_t>{0, 1, 2, 3, 4, 5, 6, 7, 11}));
+      EXPECT_TRUE(Locations::getUnsentLocations(context).empty());
+    });
+    Locations::markLocationAsSentUntilIndex("10", context, "8");
+    EXPECT_EQ(batches, 1);
+
+    channel.setLocked(true);
+    Locations::markLocationAsSentUntilIndex("20", context, "12");
+    EXPECT_EQ(batches, 1);
+    EXPECT_TRUE(channel.locked());
+  });
+}
+
+TEST_F(UploadBody, HoldsFourteenTextsInAFixedOrder) {
+  const std::string first =
+      R"({"unique_position_id_for_app":"0","useruuid":"u-1","app_name":"ios:",)"
+      R"("date_localisation":"2017-03-02 08:15:29 +0000","date_mobile":"2017-03-02 08:15:30 +0000","lon":"2.3522",)"
+      R"("lat":"48.5","acc":"5","speed":"1.5","bearing":"90","alt":"35.25","provider":"sls",)"
+      R"("service_action":"loc_changed","terramesh_data_version":"1"})";
+  within([&](Context& context) {
+    for (int i = 0; i < 3; ++i) add(context);
+    auto all = Locations::getUnsentLocations(context);
+    EXPECT_EQ(Locations::convertToString({all[0]}, "u-1"), "[" + first + "]");
+    auto object = platform::parseJson(first);
+    const auto single = Locations::convertLocationsToJSON(*all[0], "u-1");
+    EXPECT_EQ(platform::parseJson(single.value()).value(), object.value());
+
+    all[1]->setNumber(at::speed, std::nullopt);
+    all[1]->setNumber(at::horizontalAccuracy, std::nullopt);
+    all[1]->setNumber(at::latitude, 0.0000125);
+    const std::string body = Locations::convertToString(all, "u-1");
+    EXPECT_TRUE(body.starts_with("[" + first + ",{")) << body;
+    EXPECT_NE(body.find(R"("lat":"0.0000125","acc":"","speed":"","bearing":"90")"), std::string::npos) << body;
+    EXPECT_EQ(platform::parseJson(body)->asArray()->size(), 3U);
+
+    EXPECT_DEATH(Locations::convertToString({}, "u-1"), "");
+    all[2]->setNumber(at::longitude, std::nullopt);
+    EXPECT_DEATH(Locations::convertToString(all, "u-1"), "");
+  });
+}
+
+TEST_F(StoredPositions, EveryOperationOfAStoreThatDidNotOpenLogsItsErrorAndGivesNothing) {
+  std::ofstream(folder.path() / "Marrowgate-Tarvo-db3.sqlite") << std::string(4096, 'x');
+  within([&](Context& context) {
+    const Date now = clock->now();
+    EXPECT_EQ(add(context), nullptr);
+    EXPECT_TRUE(context.hasChanges());
+    EXPECT_EQ(Locations::getLastLocation(context), nullptr);
+    EXPECT_TRUE(Locations::getAllLocations(context).empty());
+    EXPECT_TRUE(Locations::getUnsentLocations(context).empty());
+    EXPECT_TRUE(Locations::getSentWithoutACKLocations(context).empty());
+    EXPECT_TRUE(Locations::getLocationHistory(context, now, now).empty());
+    Locations::markLocationAsSentWithIndex(1, context);
+    Locations::markLocationAsSentUntilIndex("1", context, "0");
+    Locations::removeData(context);
+    PastTrips::removeTripIfExist(context, 1);
+    EXPECT_EQ(PastTrips::getLastPastTrip(context), nullptr);
+    EXPECT_TRUE(PastTrips::getLocationHistoryExtraPolated(context, now, now).empty());
+    PastTrips::removeData(context);
+    EXPECT_TRUE(PointOfInterest::getPOIs(context).empty());
+    PointOfInterest::removePOIs(context);
+    EXPECT_TRUE(Users::getUsers(context).empty());
+    EXPECT_EQ(Users::getUserUUID(context), std::nullopt);
+  });
+  const std::pair<const char*, std::size_t> lines[] = {
+      {" Locations:addLocation Unresolved error ", 1},
+      {"Unresolved error Error Domain=YOUR_ERROR_DOMAIN Code=9999 ", 1},
+      {"Unresolved error ", 4},
+      {"Locations:getSentWithoutACKLocations Unresolved error ", 1},
+      {"Locations:getLocationHistory Unresolved error ", 1},
+      {"Locations:markLocationAsSentWithIndex [loc] error:", 1},
+      {"Locations:markLocationAsSentUntilIndex [loc] error:", 1},
+      {" removeData Unresolved error ", 1},
+      {"LastTrips removeTripIfExist Unresolved error ", 1},
+      {" LastTrips Unresolved error ", 1},
+      {"LastTrips:getLocationHistory Unresolved error ", 1},
+      {"LastTrips removeData Unresolved error ", 2},
+      {"PointOfInterest:getPOIs Unresolved error ", 1},
+      {"Users:getUsers [loc] error:", 2},
+  };
+  for (const auto& [opening, count] : lines) EXPECT_EQ(log.count(opening), count) << opening;
+}
+
+TEST_F(StoredPositions, ModelInAnotherOrderThanTheClassesStopsTheProcess) {
+  registerModelResources();
+  const auto url = platform::Bundle::withIdentifier("org.tarvo.TarvoFramework")->url("Marrowgate-Tarvo-db", "momd");
+  std::string swapped(url->bytes);
+  const auto uuid = swapped.find("\"uuid\""), timestamp = swapped.find("\"timestamp\"");
+  ASSERT_NE(timestamp, std::string::npos);
+  swapped.replace(timestamp, 11, "\"uuid\"").replace(uuid, 6, "\"timestamp\"");
+  const auto model = platform::NSManagedObjectModel::load({"swapped", swapped});
+  ASSERT_NE(model, nullptr);
+  EXPECT_DEATH(setEntityClasses(*model), "");
+}
+
+}  // namespace
+}  // namespace tarvo

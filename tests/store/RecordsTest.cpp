@@ -1,0 +1,195 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include <tarvo/LocationsHistory.h>
+#include <tarvo/Trip.h>
+
+#include "platform/foundation/Json.h"
+#include "records/LatestPrediction.h"
+#include "store/StoreFixture.h"
+
+namespace tarvo {
+namespace {
+
+using platform::CLLocationCoordinate2D;
+using Coordinates = std::vector<CLLocationCoordinate2D>;
+
+LocationRecord position(double latitude, double longitude, std::optional<std::string> serviceAction = "loc_changed") {
+  LocationRecord record;
+  record.latitude = latitude;
+  record.longitude = longitude;
+  record.serviceAction = std::move(serviceAction);
+  record.locationTimestamp = platform::dateSince1970(1488442530.5);
+  return record;
+}
+
+PastTripRecord trip(std::optional<std::string> route) {
+  PastTripRecord record;
+  record.route = std::move(route);
+  return record;
+}
+
+std::string collection(const std::string& features) {
+  return R"({ "type":"FeatureCollection","features":[)" + features + "]}";
+}
+
+std::string feature(const std::string& coordinates, bool disabled) {
+  return R"({"type":"Feature","geometry":{"type":"LineString","coordinates":[)" + coordinates + R"(]},"properties":{)" +
+         (disabled ? R"("stroke":"#FF0000","strokeColor":"#FF0000","marker-color":"#000000"}})"
+                   : R"("stroke":"#009F00","strokeColor":"#009F00","marker-color":"#009F00"}})");
+}
+
+TEST(HistoryGeoJson, CutsFeaturesWhereCollectionIsSwitchedButNotBeforeTheLastPosition) {
+  const auto on = position(48.5, 2.25), off = position(1, -2, "loc_disabled"),
+             enabled = position(3, 0.0001, "loc_enabled");
+  const auto bare = position(48.5, 2.25, std::nullopt);
+  LocationRecord unfilled;
+  const struct {
+    std::vector<LocationRecord> positions;
+    std::string features;
+  } cases[] = {
+      {{on}, feature("[2.25,48.5]", false)},
+      {{off}, feature("[-2,1]", true)},
+      {{on, enabled, bare}, feature("[2.25,48.5],[0.0001,3],[2.25 ,48.5]", false)},
+      {{on, off}, feature("[2.25,48.5],[-2 ,1]", false)},
+      {{on, off, enabled}, feature("[2.25,48.5]", false) + "," + feature("[-2,1],[0.0001 ,3]", true)},
+      {{off, off, on, on, off, on},
+       feature("[-2,1],[-2,1]", true) + "," + feature("[2.25,48.5],[2.25,48.5]", false) + "," +
+           feature("[-2,1],[2.25 ,48.5]", true)},
+      {{unfilled, on, unfilled, off, unfilled}, feature("[2.25,48.5],[-2 ,1]", false)},
+  };
+  for (const auto& [positions, features] : cases) {
+    LocationsHistory history;
+    history.locations = positions;
+    const std::string text = history.toGeoJSON("LineString").value();
+    EXPECT_EQ(text, collection(features));
+    EXPECT_TRUE(platform::parseJson(text)) << text;
+    EXPECT_TRUE(text.ends_with("}}]}"));
+  }
+}
+
+TEST(HistoryGeoJson, NamesTheGeometryAskedForAndLogsTheWholeText) {
+  test::LogDiary log;
+  LocationsHistory history;
+  EXPECT_EQ(history.toGeoJSON("MultiPoint"), std::nullopt);
+  history.locations = {position(48.5, 2.25), position(1, -2)};
+  const std::string text = history.toGeoJSON("MultiPoint").value();
+  EXPECT_NE(text.find(R"("geometry":{"type":"MultiPoint","coordinates":[[2.25,48.5],[-2 ,1]]})"), std::string::npos);
+  EXPECT_EQ(log.count("Tarvo:LocationHistory:toGeoJSON [tarvo] GeoJSON = " + text), 1U);
+  history.pasttrips = {trip("a"), trip(std::nullopt), trip("b")};
+  EXPECT_EQ(history.toGeoJSON(), (std::vector<std::string>{"a", "b"}));
+}
+
+TEST(HistoryBoundingBox, HoldsAllTripsOrElseAllPositions) {
+  const std::string two = R"({"features":[{"geometry":{"type":"LineString","coordinates":[[2.35,48.85],[2.5,-48]]}},
+      {"geometry":{"type":"Point","coordinates":[-179.5,0.25]}},{"geometry":null},7]})";
+  const std::string one = R"({"features":[{"geometry":{"coordinates":[[2.35,48.85]]}}]})";
+  const struct {
+    std::vector<PastTripRecord> trips;
+    std::vector<LocationRecord> positions;
+    std::optional<Coordinates> corners;
+  } cases[] = {
+      {{}, {}, std::nullopt},
+      {{}, {position(48.5, 2.25), position(-10, 3), position(50, -4)}, Coordinates{{-10, -4}, {50, 3}}},
+      {{trip(one)}, {position(0, 0)}, Coordinates{{48.85, 2.35}, {48.85, 2.35}}},
+      {{trip("{"), trip(std::nullopt), trip("5"), trip(two), trip(one)}, {}, Coordinates{{-48, -179.5}, {48.85, 2.5}}},
+      {{trip("no JSON")}, {position(1, 1)}, Coordinates{{-200, -200}, {-200, -200}}},
+  };
+  test::LogDiary log;
+  for (const auto& [trips, positions, corners] : cases) {
+    LocationsHistory history;
+    history.pasttrips = trips;
+    history.locations = positions;
+    EXPECT_EQ(history.getBoundingBox(), corners);
+  }
+  EXPECT_EQ(log.count("Tarvo:LocationHistory getBoundingBox:[error] : Error Domain="), 2U);
+  EXPECT_EQ(
+      log.count("Tarvo: LocationHistory getBoundingBox ----------minlon = 2.35 -------maxlon :2.35--------------- "),
+      1U);
+}
+
+TEST(HistoryArray, HasAFixForEachPositionThatIsWhole) {
+  LocationsHistory history;
+  EXPECT_TRUE(history.toArray().empty());
+  history.locations = {position(48.5, 2.25), LocationRecord{}, position(1, -2)};
+  history.locations[2].speed = 3.5;
+  history.locations[2].altitude = 100.25;
+  const auto fixes = history.toArray();
+  ASSERT_EQ(fixes.size(), 2U);
+  EXPECT_EQ(fixes[0].coordinate, (CLLocationCoordinate2D{48.5, 2.25}));
+  EXPECT_EQ(fixes[0].timestamp, history.locations[0].locationTimestamp);
+  EXPECT_EQ(fixes[1].speed, 3.5);
+  EXPECT_EQ(fixes[1].altitude, 100.25);
+}
+
+TEST(PredictedTrip, ReadsTheFirstFeatureOfTheNextDestination) {
+  const Coordinates line{{48.85, 2.35}, {48.86, 2.36}};
+  const struct {
+    const char* nextDestination;
+    std::optional<Coordinates> coordinates;
+    std::optional<CLLocationCoordinate2D> start;
+  } cases[] = {
+      {R"({})", std::nullopt, std::nullopt},
+      {R"({"type":"x"})", std::nullopt, std::nullopt},
+      {R"({"features":[]})", std::nullopt, std::nullopt},
+      {R"({"features":{}})", std::nullopt, std::nullopt},
+      {R"({"features":[3,{"geometry":{"coordinates":[[1,2]]}}]})", std::nullopt, std::nullopt},
+      {R"({"features":[{"geometry":{"coordinates":[]}}]})", Coordinates{}, std::nullopt},
+      {R"({"features":[{"geometry":{"coordinates":[[2.35,48.85],["a",1]]}}]})", std::nullopt, line[0]},
+      {R"({"features":[{"geometry":{"coordinates":[[2.35,48.85],[2.36,48.86,12]]}},
+          {"geometry":{"coordinates":[[0,0]]}}]})",
+       line, line[0]},
+  };
+  for (const auto& [nextDestination, coordinates, start] : cases) {
+    SCOPED_TRACE(nextDestination);
+    Trip prediction;
+    prediction.next_destination = *platform::parseJson(nextDestination)->asDictionary();
+    EXPECT_EQ(prediction.toLocationCoordinate2D(), coordinates);
+    const auto locations = prediction.toLocations();
+    ASSERT_EQ(locations.has_value(), coordinates.has_value());
+    for (std::size_t i = 0; locations && i < locations->size(); ++i)
+      EXPECT_EQ((*locations)[i].coordinate, (*coordinates)[i]);
+    const auto first = prediction.getStartTrip();
+    EXPECT_EQ(first ? std::optional(first->coordinate) : std::nullopt, start);
+  }
+}
+
+TEST(PredictedTrip, TellsItsStartInTheZoneOfTheDevice) {
+  ::setenv("TZ", "Etc/GMT-1", 1);
+  const struct {
+    const char* startTime;
+    std::optional<std::string> local;
+  } cases[] = {
+      {"", std::nullopt},
+      {"soon", std::nullopt},
+      {"2017-03-02T08:15:30.123+0000", "2017-03-02T09:15:30.123+0100"},
+      {"2017-03-02T08:15:30.1239-0230", "2017-03-02T11:45:30.123+0100"},
+      // The week year goes ahead of the calendar's.
+      {"2024-12-30T23:30:00.000+0000", "2025-12-31T00:30:00.000+0100"},
+  };
+  for (const auto& [startTime, local] : cases) {
+    Trip prediction;
+    prediction.startTime = startTime;
+    EXPECT_EQ(prediction.getStartTime(), local) << startTime;
+  }
+}
+
+TEST(PredictedTrip, IsUnsetAtFirstAndCopiedOut) {
+  EXPECT_EQ(Trip().getNextDestination()->coordinate, (CLLocationCoordinate2D{-200, -200}));
+  EXPECT_EQ(Trip().getArrivalTime(), "");
+  EXPECT_EQ(Trip().getProbability(), 0);
+  EXPECT_EQ(LatestPrediction::shared().id(), 0);
+  Trip prediction;
+  prediction.id = 5;
+  prediction.arrival_name = "home";
+  LatestPrediction::shared().store(prediction);
+  const Trip held = LatestPrediction::shared().value();
+  LatestPrediction::shared().store(Trip());
+  EXPECT_EQ(held.id, 5);
+  EXPECT_EQ(held.getArrivalName(), "home");
+  EXPECT_EQ(LatestPrediction::shared().id(), 0);
+}
+
+}  // namespace
+}  // namespace tarvo

@@ -1,0 +1,103 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <csignal>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <tarvo/platform/Clock.h>
+#include <tarvo/platform/Environment.h>
+#include <tarvo/platform/SystemLog.h>
+
+#include "store/Locations.h"
+#include "store/ObjectStore.h"
+#include "support/TempDir.h"
+
+namespace tarvo::test {
+
+/// Keeps every log message.
+class LogDiary {
+ public:
+  LogDiary() {
+    platform::setSystemLogSink([this](std::string_view message) {
+      std::lock_guard lock(mutex_);
+      messages_.emplace_back(message);
+    });
+  }
+  ~LogDiary() { platform::setSystemLogSink({}); }
+
+  std::size_t count(std::string_view opening) const {
+    std::lock_guard lock(mutex_);
+    return static_cast<std::size_t>(std::count_if(
+        messages_.begin(), messages_.end(), [&](const std::string& message) { return message.starts_with(opening); }));
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::string> messages_;
+};
+
+/// While it lives no file can grow: the store's saves fail as on a full disk.
+class FullDisk {
+ public:
+  FullDisk() {
+    std::signal(SIGXFSZ, SIG_IGN);
+    ::getrlimit(RLIMIT_FSIZE, &before_);
+    rlimit full = before_;
+    full.rlim_cur = 0;
+    ::setrlimit(RLIMIT_FSIZE, &full);
+  }
+  ~FullDisk() { ::setrlimit(RLIMIT_FSIZE, &before_); }
+
+ private:
+  rlimit before_{};
+};
+
+/// The library's own store and model in a file of a temporary folder, with a clock that the test moves.
+class StoreTest : public ::testing::Test {
+ protected:
+  StoreTest() {
+    platform::setHomeDirectory(folder.path());
+    platform::setDocumentDirectories({folder.path()});
+    platform::Clock::install(clock);
+  }
+
+  /// Runs in a block of the store's context, as all store operations must.
+  void within(const std::function<void(platform::NSManagedObjectContext&)>& block) {
+    platform::NSManagedObjectContext& context = store.managedObjectContext();
+    context.performAndWait([&] { block(context); });
+  }
+
+  std::shared_ptr<Locations> add(platform::NSManagedObjectContext& context, double latitude = 48.5,
+                                 std::string_view serviceAction = "loc_changed") {
+    platform::CLLocation fix;
+    fix.coordinate = {latitude, 2.3522};
+    fix.altitude = 35.25;
+    fix.horizontalAccuracy = 5;
+    fix.verticalAccuracy = 8;
+    fix.speed = 1.5;
+    fix.course = 90;
+    fix.timestamp = clock->now() - platform::Seconds(1);
+    return Locations::addLocation(fix, "walking", "sls", context, serviceAction);
+  }
+
+  static std::vector<std::int64_t> indexes(const Locations::List& locations) {
+    std::vector<std::int64_t> all;
+    for (const auto& location : locations) all.push_back(location->index().value_or(-1));
+    return all;
+  }
+
+  TempDir folder;
+  LogDiary log;
+  std::shared_ptr<platform::ManualClock> clock =
+      std::make_shared<platform::ManualClock>(platform::dateSince1970(1488442530.987));
+  ObjectStore store;
+};
+
+}  // namespace tarvo::test
