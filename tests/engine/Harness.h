@@ -1,0 +1,117 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <tarvo/NetworkManager.h>
+#include <tarvo/Tarvo.h>
+#include <tarvo/platform/Clock.h>
+#include <tarvo/platform/Device.h>
+#include <tarvo/platform/Environment.h>
+#include <tarvo/platform/LocationService.h>
+#include <tarvo/platform/UserDefaults.h>
+
+#include "platform/foundation/Activity.h"
+#include "platform/foundation/Files.h"
+#include "sandbox/Backend.h"
+#include "support/LogDiary.h"
+#include "support/TempDir.h"
+
+namespace tarvo::test {
+
+/// The whole SDK in a home of its own, on a clock that stands still, beside a real backend on loopback.
+class WholeSdk : public testing::Test {
+ protected:
+  static constexpr double kStart = 1718445600;  // 2024-06-15 10:00:00 UTC
+
+  void SetUp() override {
+    diary.clear();
+    platform::setHomeDirectory(home.path());
+    platform::Clock::install(clock);
+    writeInfo("org.example.host", "key", "demo");
+  }
+
+  void writeInfo(const std::string& bundle, const std::string& key, const std::string& client) {
+    const std::string text =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict><key>CFBundleIdentifier</key><string>" +
+        bundle + "</string><key>TarvoApiKey</key><string>" + key + "</string><key>TarvoClientID</key><string>" + client +
+        "</string></dict></plist>";
+    ASSERT_FALSE(platform::writeFileAtomically(home.path() / "Info.plist", text, false));
+  }
+
+  /// Before the first touch of the SDK.
+  void startBackend() {
+    backend.start();
+    ASSERT_TRUE(LocationManager::setRemoteWebServerURL(backend.baseURL()));
+  }
+
+  static platform::CLLocation fixAt(double latitude, double seconds) {
+    platform::CLLocation fix;
+    fix.coordinate = {latitude, 11.5};
+    fix.altitude = 500;
+    fix.horizontalAccuracy = 10;
+    fix.verticalAccuracy = 10;
+    fix.course = 0;
+    fix.speed = 3;
+    fix.timestamp = platform::dateSince1970(seconds);
+    return fix;
+  }
+
+  /// One fix a second, each 111 m north of the one before; everything that it starts is done on return.
+  void drive(int fixes) {
+    for (int i = 0; i < fixes; ++i) {
+      clock->advance(platform::Seconds(1));
+      latitude_ += 0.001;
+      platform::LocationService::shared().deliver({fixAt(latitude_, platform::secondsSince1970(clock->now()))});
+      waitUntilIdle();
+    }
+  }
+
+  static void waitUntilIdle() { ASSERT_TRUE(platform::Activity::waitUntilIdle(platform::Seconds(60))); }
+
+  static LocationManager& engine() { return LocationManager::sharedInstance(); }
+
+  /// As a program does at its end: starts passes and lets the clock run on until nothing is left.
+  void settle() {
+    for (int pass = 0; pass < 20; ++pass) {
+      engine().sendDataInBatchToRemoteWebServer();
+      waitUntilIdle();
+      const auto status = engine().syncStatus();
+      if (status.unsent + status.awaiting == 0) return;
+      clock->advance(platform::Seconds(180));
+    }
+    FAIL() << "positions are left";
+  }
+
+  /// Activated, registered and past the first 180 seconds of a fresh device.
+  Tarvo registered(std::int64_t mode = Tarvo::BACKEND_BACKGROUND) {
+    Tarvo tarvo;
+    NetworkManager::setApiKeySecret("secret");
+    tarvo.activate(mode);
+    waitUntilIdle();
+    clock->advance(platform::Seconds(180));
+    return tarvo;
+  }
+
+  void expectEachIndexOnce(std::int64_t positions) {
+    const auto holdings = backend.holdings();
+    EXPECT_EQ(holdings.positions, positions);
+    EXPECT_EQ(holdings.missing, 0);
+    EXPECT_EQ(holdings.repeats, 0);
+  }
+
+  TempDir home;
+  LogDiary& diary = LogDiary::installed();
+  std::shared_ptr<platform::ManualClock> clock =
+      std::make_shared<platform::ManualClock>(platform::dateSince1970(kStart));
+  sandbox::Backend backend{{"demo", "key", "secret"}, home.path() / "sandbox.sqlite"};
+
+ private:
+  double latitude_ = 48;
+};
+
+}  // namespace tarvo::test

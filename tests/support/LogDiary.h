@@ -1,0 +1,55 @@
+#pragma once
+
+#include <algorithm>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <tarvo/platform/SystemLog.h>
+
+namespace tarvo::test {
+
+/// Keeps every message of the system log from its construction on; one for a process, never destroyed, since threads
+/// of the library may log until the end.
+class LogDiary {
+ public:
+  static LogDiary& installed() {
+    static auto* diary = new LogDiary;
+    return *diary;
+  }
+
+  std::vector<std::string> lines() const {
+    std::lock_guard lock(mutex_);
+    return lines_;
+  }
+  /// How many messages contain the text.
+  std::size_t count(std::string_view text) const {
+    const auto all = lines();
+    return static_cast<std::size_t>(
+        std::count_if(all.begin(), all.end(), [&](const std::string& line) { return line.find(text) != line.npos; }));
+  }
+  /// Position of the first message from `from` on that contains the text, or -1.
+  long find(std::string_view text, std::size_t from = 0) const {
+    const auto all = lines();
+    for (std::size_t i = from; i < all.size(); ++i)
+      if (all[i].find(text) != std::string::npos) return static_cast<long>(i);
+    return -1;
+  }
+  void clear() {
+    std::lock_guard lock(mutex_);
+    lines_.clear();
+  }
+
+ private:
+  LogDiary() {
+    platform::setSystemLogSink([this](std::string_view message) {
+      std::lock_guard lock(mutex_);
+      lines_.emplace_back(message);
+    });
+  }
+  mutable std::mutex mutex_;
+  std::vector<std::string> lines_;
+};
+
+}  // namespace tarvo::test
