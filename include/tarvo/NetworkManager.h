@@ -16,7 +16,8 @@ namespace tarvo {
 
 namespace platform {
 struct URLRequest;
-}
+class UserDefaults;
+}  // namespace platform
 class NetworkManager;
 
 /// Told of the log upload's replies and of session errors, on the background session's queue.
@@ -72,35 +73,54 @@ class TARVO_API NetworkManager {
   std::string envir() const;
   void setEnvir(std::string name);
 
+  /// The user-defaults key of the user's secret.
   static constexpr const char* SECRET_KEY = "uuid_secret_key";
+  /// The standard ones.
+  platform::UserDefaults& defaults() const;
 
   /// A complete request: `path` may carry a query. Registration ("users") authenticates with the API key, all else
   /// with the user.
-  platform::URLRequest request(std::string_view method, std::string_view path,
-                               std::optional<std::string> body) const;
+  platform::URLRequest request(std::string_view method, std::string_view path, std::optional<std::string> body) const;
 
+  /// Posts a batch. `first` and `last` are its indexes as texts, handed back to the engine with the acknowledgement;
+  /// the channel is the caller's to take. Only a status other than 200 frees it without one.
   void sendDataInBatchToRemoteWebServer(const std::string& json, const std::string& first, const std::string& last);
 
+  // Downloads. They need an identity; past trips are asked for only when the newest one held is not the one announced.
   void getNextTrip();
   void getLocationHistoryEXTRAPOLATED();
   void getPOI();
 
+  /// Registers the device; the first answer of a process makes the user known to the engine, every one its secret.
   void sendUserToRemoteWebServer(const std::string& data);
+
+  // These can come before the registration: without an identity they write a line and send nothing.
   void sendTokenremoteWebServer();
   void userConfigremoteWebServer();
+  /// Takes the name from SUBSCRIPTION_LIST once the backend has accepted it.
   void subscriptionRegiter(const std::string& subscription, const std::string& notification);
+  /// Takes the name from SUBSCRIPTION_LIST at once, from UNSUBSCRIPTION_LIST once the backend has accepted it.
   void subscriptionUnRegister(const std::string& subscription);
   void setTags(const std::string& name, const std::string& value);
   void unsetTags(const std::string& name);
   void resetBackend();
   void resetGeoProfile();
-
+  /// For now looks for the identity and sends nothing.
   void sendLogToRemoteWebServer();
+
+  /// Joins the session that the application was woken for. The handler is called once, on the main queue, when the
+  /// session's events are finished.
   void handleEventsForBackgroundURLSession(const std::string& identifier, std::function<void()> completionHandler);
+  /// Joins the session of that identifier if it is open, its transfers untouched, and opens it otherwise.
   void recreateBackgroundSession(const std::string& identifier);
 
  private:
   struct State;
+  struct Reset;
+  /// For an answer: its client again.
+  explicit NetworkManager(std::shared_ptr<State> state);
+  void reset(const Reset& reset);
+
   std::shared_ptr<State> state_;
 };
 

@@ -1,0 +1,97 @@
+#include <tarvo/NetworkManager.h>
+
+#include <tarvo/platform/UserDefaults.h>
+
+#include "log/Log.h"
+#include "net/ClientState.h"
+#include "net/Endpoints.h"
+#include "net/EngineLink.h"
+#include "platform/foundation/Json.h"
+#include "records/LatestPrediction.h"
+
+// Posting a batch of positions is also how the backend is polled: its answer carries the counters of what it holds.
+
+namespace tarvo {
+namespace {
+
+using platform::Value;
+
+/// Below it an answer is not read at all.
+constexpr std::int64_t kModeWithDownloads = 12;
+
+std::string printedByteCount(const std::optional<std::string>& data) {
+  return data ? platform::concat("Optional(", data->size(), " bytes)") : "nil";
+}
+
+/// Starts what the counters call for. Each is typed only when its turn has come, so a bad one stops the process after
+/// the downloads before it have started.
+void followCounters(NetworkManager& client, const Value& predictionID, const Value& tripID, const Value& poiID,
+                    std::int64_t poiVersionWhenSent) {
+  if (requireInteger(predictionID, "last_prediction_id") != LatestPrediction::shared().id()) client.getNextTrip();
+
+  // Set before the download has begun: the same counter again starts no second one.
+  if (Settings::shared().changeLastTripID(requireInteger(tripID, "last_pasttrip_id")))
+    client.getLocationHistoryEXTRAPOLATED();
+
+  // The version is kept at once. A failed download puts it back to 0, and cannot do so before this: its completion
+  // waits for the end of the one that is running here.
+  const std::int64_t poiVersion = requireInteger(poiID, "last_poi_id");
+  if (poiVersion != poiVersionWhenSent) {
+    client.getPOI();
+    client.defaults().set(NetworkManager::LAST_POI_VERSION, poiVersion);
+  }
+}
+
+/// Asks again for what is still pending; only the answers take entries from the lists.
+void replaySubscriptions(NetworkManager& client) {
+  for (const auto& [name, notification] : Settings::shared().subscriptions())
+    client.subscriptionRegiter(name, notification);
+  for (const auto& name : Settings::shared().unsubscriptions()) client.subscriptionUnRegister(name);
+}
+
+void readAnswer(NetworkManager& client, const std::optional<std::string>& data, std::int64_t poiVersionWhenSent) {
+  Log::debug("NetworkManager:sendDataInBatchToRemoteWebServer [net] [succes] Data:", printedByteCount(data));
+  if (!data) return;
+  auto json = platform::parseJson(*data);
+  if (!json) {
+    Log::error("NetworkManager:sendDataInBatchToRemoteWebServer :[error] : ", json.error().localizedDescription);
+    return;
+  }
+  const platform::Dictionary* answer = json->asDictionary();
+  if (answer == nullptr) return;
+  Log::debug("NetworkManager:sendDataInBatchToRemoteWebServer [net] [succes] jsonData:", *answer);
+  if (!isSuccess(*answer)) return;
+  const Value* predictionID = find(*answer, "last_prediction_id");
+  const Value* tripID = find(*answer, "last_pasttrip_id");
+  const Value* poiID = find(*answer, "last_poi_id");
+  if (predictionID == nullptr || tripID == nullptr || poiID == nullptr) return;
+  Log::debug("NetworkManager:sendDataInBatchToRemoteWebServer [net] [succes] last_prediction_id:", *predictionID,
+             " , last_trip_id:", *tripID, ", last_poi_id", *poiID);
+  followCounters(client, *predictionID, *tripID, *poiID, poiVersionWhenSent);
+  replaySubscriptions(client);
+}
+
+}  // namespace
+
+void NetworkManager::sendDataInBatchToRemoteWebServer(const std::string& json, const std::string& first,
+                                                      const std::string& last) {
+  const std::int64_t poiVersion = defaults().integer(LAST_POI_VERSION);
+  state_->start(request("POST", endpoints::positionsAPI, json), [poiVersion, locationIndex = last, firstLoc = first](
+                                                                    NetworkManager& self, const Reply& reply) {
+    if (reply.refused()) {
+      Log::debug(" NetworkManager:sendDataInBatchToRemoteWebServer : httpstatus : ", reply.response->statusCode,
+                 " :réponse = ", reply.response->debugDescription());
+      Settings::shared().uploadChannel().release();
+    } else {
+      // Without any response the line says 200 too, and the batch counts as acknowledged: intended, the pipeline
+      // moves on and does not hold the positions back.
+      Log::debug(" NetworkManager:sendDataInBatchToRemoteWebServer : httpstatus : ", "200");
+      if (Settings::shared().activateStatus() >= kModeWithDownloads) readAnswer(self, reply.data, poiVersion);
+      EngineLink::current().markLocationAsSentUntilIndex(locationIndex, firstLoc);
+    }
+    if (reply.error)
+      Log::error("NetworkManager:sendDataInBatchToRemoteWebServer :[error] :", printedDescription(*reply.error));
+  });
+}
+
+}  // namespace tarvo

@@ -1,0 +1,43 @@
+#include <utility>
+
+#include <tarvo/NetworkManager.h>
+
+#include "settings/Settings.h"
+
+// The class-wide fields are the process's settings under the names that hosts know.
+
+namespace tarvo {
+
+std::map<std::string, std::string> NetworkManager::SUBSCRIPTION_LIST() { return Settings::shared().subscriptions(); }
+
+void NetworkManager::setSUBSCRIPTION_LIST(std::string name, std::string value) {
+  Settings::shared().setSubscription(std::move(name), std::move(value));
+}
+
+std::set<std::string> NetworkManager::UNSUBSCRIPTION_LIST() { return Settings::shared().unsubscriptions(); }
+
+void NetworkManager::addUNSUBSCRIPTION_LIST(std::string name) { Settings::shared().addUnsubscription(std::move(name)); }
+
+std::string NetworkManager::apiKeySecret() { return Settings::shared().apiKeySecret(); }
+
+void NetworkManager::setApiKeySecret(std::string secret) { Settings::shared().setApiKeySecret(std::move(secret)); }
+
+std::optional<std::string> NetworkManager::UUID_SECRET_KEY() { return Settings::shared().userSecret(); }
+
+void NetworkManager::setUUID_SECRET_KEY(std::optional<std::string> secret) {
+  Settings::shared().setUserSecret(std::move(secret));
+}
+
+bool NetworkManager::CANAL_LOCK() { return Settings::shared().uploadChannel().locked(); }
+
+void NetworkManager::setCANAL_LOCK(bool locked) { Settings::shared().uploadChannel().setLocked(locked); }
+
+platform::Date NetworkManager::CANAL_TIME_LOCK() { return Settings::shared().uploadChannel().takenAt(); }
+
+void NetworkManager::setCANAL_TIME_LOCK(platform::Date date) { Settings::shared().uploadChannel().setTakenAt(date); }
+
+std::int64_t NetworkManager::LAST_TRIP_ID() { return Settings::shared().lastTripID(); }
+
+void NetworkManager::setLAST_TRIP_ID(std::int64_t id) { Settings::shared().setLastTripID(id); }
+
+}  // namespace tarvo

@@ -1,0 +1,139 @@
+#include <utility>
+
+#include <tarvo/NetworkManager.h>
+#include <tarvo/platform/UserDefaults.h>
+
+#include "log/Log.h"
+#include "net/ClientState.h"
+#include "net/Endpoints.h"
+#include "net/EngineLink.h"
+#include "platform/foundation/FatalError.h"
+#include "platform/foundation/Json.h"
+#include "records/LatestPrediction.h"
+
+namespace tarvo {
+namespace {
+
+using platform::Dictionary;
+using platform::Value;
+
+/// How the three downloads differ up to the point where an answer has been accepted.
+struct Download {
+  std::string_view status, error, parse, success;  ///< beginnings of the log lines
+  /// Forgets the version of the places on a bad status or a transport error, so that a later batch asks again.
+  bool resetsPoiVersion = false;
+};
+
+constexpr Download kPrediction{"NetworkManager:getNextTrip : httpStatus ",
+                               "NetworkManager:getNextTrip :[error] :", "NetworkManager:getNextTrip :[error] : ",
+                               "NetworkManager:getNextTrip [net] [succes] jsonData:"};
+constexpr Download kPastTrips{"NetworkManager:getLocationHistoryEXTRAPOLATED : httpStatus ",
+                              "NetworkManager:getLocationHistoryEXTRAPOLATED :[error] :",
+                              "NetworkManager:getLocationHistoryEXTRAPOLATED :[error] : ",
+                              "NetworkManager:getLocationHistoryEXTRAPOLATED [net] [succes] jsonData:"};
+constexpr Download kPlaces{"NetworkManager:getPOI : httpStatus ", "NetworkManager:getPOI :[error] :",
+                           "NetworkManager:getPOI :[error] : ", "NetworkManager:getPOI [net] [succes] jsonData:",
+                           /*resetsPoiVersion=*/true};
+
+/// The answer with "success" true, or absent. A bad status alone does not end it: its body still counts.
+std::optional<Dictionary> accept(const Download& download, NetworkManager& client, const Reply& reply) {
+  const auto resetPoiVersion = [&] {
+    if (download.resetsPoiVersion) client.defaults().set(NetworkManager::LAST_POI_VERSION, 0);
+  };
+  if (reply.refused()) {
+    Log::debug(download.status, reply.response->statusCode, " réponse = ", reply.response->debugDescription());
+    resetPoiVersion();
+  }
+  if (reply.error) {
+    Log::error(download.error, printedDescription(*reply.error));
+    resetPoiVersion();
+    return std::nullopt;
+  }
+  if (!reply.data) return std::nullopt;
+  auto json = platform::parseJson(*reply.data);
+  if (!json) {
+    Log::error(download.parse, json.error().localizedDescription);
+    return std::nullopt;
+  }
+  const Dictionary* answer = json->asDictionary();
+  if (answer == nullptr) return std::nullopt;
+  Log::debug(download.success, *answer);
+  if (!isSuccess(*answer)) return std::nullopt;
+  return *answer;
+}
+
+/// All eleven values or nothing; those of another type stop the process.
+void storePrediction(const Dictionary& answer) {
+  for (const char* key : {"prediction_id", "start_time", "arrival_time", "probability", "destination_lon",
+                          "destination_lat", "route", "destination_json", "start_name", "arrival_name", "duration"}) {
+    if (find(answer, key) == nullptr) return;
+  }
+  const auto value = [&answer](const char* key) -> const Value& { return *find(answer, key); };
+  Log::debug("NetworkManager:getNextTrip [net] [succes] prediction_id:", value("prediction_id"), " startTime ",
+             value("start_time"));
+  Trip trip;
+  trip.id = requireInteger(value("prediction_id"), "prediction_id");
+  trip.ArrivalTime = requireText(value("arrival_time"), "arrival_time");
+  trip.startTime = requireText(value("start_time"), "start_time");
+  trip.probability = requireNumber(value("probability"), "probability");
+  trip.destination_lat = requireNumber(value("destination_lat"), "destination_lat");
+  trip.destination_lon = requireNumber(value("destination_lon"), "destination_lon");
+  trip.next_destination = requireObject(value("destination_json"), "destination_json");
+  trip.route = requireObject(value("route"), "route");
+  trip.arrival_name = requireText(value("arrival_name"), "arrival_name");
+  trip.start_name = requireText(value("start_name"), "start_name");
+  trip.duration = requireNumber(value("duration"), "duration");
+  LatestPrediction::shared().store(trip);
+  // Level of errors although nothing is wrong: the readers of the log look for them there.
+  Log::error("NetworkManager:getNextTrip :[Tarvo.LastPrediction.start_name] : ", trip.start_name,
+             " [Tarvo.LastPrediction.arrival_name] : ", trip.arrival_name);
+  Log::error("NetworkManager:getNextTrip :[Tarvo.LastPrediction.duration] : ", trip.duration);
+  Log::error("NetworkManager:getNextTrip :[Tarvo.LastPrediction.route] : ", trip.route);
+  EngineLink::current().predictionStored();
+}
+
+/// The identifier that the past trips are asked from; absent when there is nothing to ask for.
+std::optional<std::int64_t> firstTripToAskFor(std::int64_t announced) {
+  std::int64_t first = 0;
+  if (const auto newest = EngineLink::current().getLastPastTrip()) {
+    if (!newest->pasttripID) platform::fatalError("the newest past trip has no identifier");
+    first = *newest->pasttripID;
+  }
+  if (first == announced) return std::nullopt;
+  return first;
+}
+
+}  // namespace
+
+void NetworkManager::getNextTrip() {
+  Log::error("NetworkManager:getNextTrip :[called]");
+  state_->start(request("GET", endpoints::tripAPI, std::nullopt), [](NetworkManager& self, const Reply& reply) {
+    if (const auto answer = accept(kPrediction, self, reply)) storePrediction(*answer);
+  });
+}
+
+void NetworkManager::getLocationHistoryEXTRAPOLATED() {
+  if (!Settings::shared().userUUID()) return;
+  const std::int64_t last = LAST_TRIP_ID();
+  const auto first = firstTripToAskFor(last);
+  if (!first) return;
+  const std::string path =
+      platform::concat(endpoints::locationHistoryAPI, "?first_pasttrip_id=", *first, "&last_pasttrip_id=", last);
+  Log::debug("NetworkManager:getLocationHistoryEXTRAPOLATED [api] ", path, " ");
+  state_->start(request("GET", path, std::nullopt), [](NetworkManager& self, const Reply& reply) {
+    const auto answer = accept(kPastTrips, self, reply);
+    const Value* trips = answer ? find(*answer, "trips") : nullptr;
+    if (trips != nullptr) EngineLink::current().submitLastTrips(requireObjects(*trips, "trips"));
+  });
+}
+
+void NetworkManager::getPOI() {
+  Log::debug("NetworkManager:getPOI : called");
+  state_->start(request("GET", endpoints::poiAPI, std::nullopt), [](NetworkManager& self, const Reply& reply) {
+    const auto answer = accept(kPlaces, self, reply);
+    const Value* pois = answer ? find(*answer, "pois") : nullptr;
+    if (pois != nullptr) EngineLink::current().submitPOIs(requireObjects(*pois, "pois"));
+  });
+}
+
+}  // namespace tarvo
