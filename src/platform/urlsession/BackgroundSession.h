@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -48,6 +49,7 @@ class BackgroundSession {
   static std::shared_ptr<BackgroundSession> open(const BackgroundSessionConfiguration& configuration,
                                                  BackgroundSessionDelegate& delegate);
   const std::string& identifier() const { return configuration_.identifier; }
+  BackgroundSessionDelegate& delegate() const { return delegate_; }
   /// `<BackgroundSession: identifier>`
   std::string description() const;
 

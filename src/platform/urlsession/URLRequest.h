@@ -18,8 +18,8 @@ struct URLRequest {
   std::string httpMethod = "GET";
   std::vector<std::pair<std::string, std::string>> headers;  ///< in order; names as given
   std::optional<std::string> httpBody;
-  Seconds timeoutInterval{60};   ///< of silence, real time
-  int networkServiceType = 0;    ///< 3: background
+  Seconds timeoutInterval{60};  ///< of silence, real time
+  int networkServiceType = 0;   ///< 3: background
 
   void addValue(std::string name, std::string value) { headers.emplace_back(std::move(name), std::move(value)); }
   /// The first header of that name, in any case; absent without.
@@ -38,6 +38,7 @@ struct HTTPURLResponse {
 
 /// NSURLErrorDomain.
 namespace urlError {
+inline constexpr int unknown = -1;
 inline constexpr int cancelled = -999;
 inline constexpr int badURL = -1000;
 inline constexpr int timedOut = -1001;
@@ -52,6 +53,9 @@ inline constexpr int secureConnectionFailed = -1200;
 inline constexpr int serverCertificateUntrusted = -1202;
 inline constexpr int dataLengthExceedsMaximum = -1103;
 }  // namespace urlError
+
+/// User information of an error: the URL that failed, of the last hop.
+inline constexpr const char* NSURLErrorFailingURLStringErrorKey = "NSErrorFailingURLStringKey";
 
 /// Whether the text is an absolute http or https URL with a host and without blanks or control characters.
 bool isValidHttpUrl(std::string_view url);

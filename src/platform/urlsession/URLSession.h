@@ -23,7 +23,11 @@ class URLSessionDataTask {
 
 /// The session that the whole process shares: no cache, no cookies, certificates verified, redirects followed (at
 /// most 20, Authorization dropped on every one; 301, 302 and 303 turn a POST into a GET), bodies of replies up to
-/// 32 MiB, proxies of the environment except for loopback.
+/// 32 MiB, proxies of the environment except for loopback. A file named by SSL_CERT_FILE takes the place of the
+/// system's certificates. Eight transfers run at once; others wait, and their time-out begins when they start.
+///
+/// A request whose kept connection turns out to be dead before the first byte of a reply is sent once more, as HTTP
+/// allows: the server may then see it twice while the caller is told once.
 ///
 /// Threads: any. One thread of its own drives the transfers; completions run one at a time on a serial queue, never
 /// inside the call that starts the task, exactly once for each resumed task. When the process ends, transfers in

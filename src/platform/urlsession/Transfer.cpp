@@ -1,0 +1,328 @@
+#include "platform/urlsession/Transfer.h"
+
+#include <errno.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <utility>
+
+namespace tarvo::platform {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr int kMostRedirects = 20;
+constexpr Seconds kDefaultTimeout{60};
+constexpr Seconds kResourceLimit = 24h * 7;
+/// What is known of replies fits many times over; a peer without end must not fill the memory.
+constexpr std::size_t kMostBodyBytes = std::size_t{32} << 20;
+constexpr std::size_t kMostHeaderBytes = std::size_t{1} << 20;
+/// curl accepts 16 KiB to 2 MiB. One write for the whole body costs less than half of many small ones.
+constexpr std::size_t kLeastUploadBuffer = std::size_t{16} << 10;
+constexpr std::size_t kMostUploadBuffer = std::size_t{2} << 20;
+
+bool isRedirect(int status) {
+  return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
+}
+
+std::string describe(int code) {
+  switch (code) {
+    case urlError::badURL:
+      return "bad URL";
+    case urlError::timedOut:
+      return "The request timed out.";
+    case urlError::unsupportedURL:
+      return "unsupported URL";
+    case urlError::cannotFindHost:
+      return "A server with the specified hostname could not be found.";
+    case urlError::cannotConnectToHost:
+      return "Could not connect to the server.";
+    case urlError::networkConnectionLost:
+      return "The network connection was lost.";
+    case urlError::tooManyRedirects:
+      return "too many HTTP redirects";
+    case urlError::notConnectedToInternet:
+      return "The Internet connection appears to be offline.";
+    case urlError::badServerResponse:
+      return "There was a bad response from the server.";
+    case urlError::dataLengthExceedsMaximum:
+      return "resource exceeds maximum size";
+    case urlError::secureConnectionFailed:
+      return "An SSL error has occurred and a secure connection to the server cannot be made.";
+    case urlError::serverCertificateUntrusted:
+      return "The certificate for this server is invalid.";
+    default:
+      return "unknown error";
+  }
+}
+
+int errorCodeOf(CURLcode result, long systemError) {
+  switch (result) {
+    case CURLE_URL_MALFORMAT:
+      return urlError::badURL;
+    case CURLE_COULDNT_RESOLVE_PROXY:
+    case CURLE_COULDNT_RESOLVE_HOST:
+      return urlError::cannotFindHost;
+    case CURLE_COULDNT_CONNECT:
+      return systemError == ENETUNREACH ? urlError::notConnectedToInternet : urlError::cannotConnectToHost;
+    case CURLE_OPERATION_TIMEDOUT:
+      return urlError::timedOut;
+    case CURLE_PARTIAL_FILE:
+    case CURLE_GOT_NOTHING:
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+      return urlError::networkConnectionLost;
+    case CURLE_PEER_FAILED_VERIFICATION:
+      return urlError::serverCertificateUntrusted;
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_SSL_CIPHER:
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_SSL_ISSUER_ERROR:
+    case CURLE_SSL_ENGINE_INITFAILED:
+      return urlError::secureConnectionFailed;
+    case CURLE_FILESIZE_EXCEEDED:
+      return urlError::dataLengthExceedsMaximum;
+    // The scheme was checked before, so this is a reply in a version that is not spoken.
+    case CURLE_UNSUPPORTED_PROTOCOL:
+    case CURLE_WEIRD_SERVER_REPLY:
+    case CURLE_BAD_CONTENT_ENCODING:
+      return urlError::badServerResponse;
+    default:
+      return urlError::unknown;
+  }
+}
+
+/// Whether a header would stay one header.
+bool isOneLine(std::string_view text) { return text.find_first_of(std::string_view("\r\n\0", 3)) == text.npos; }
+
+std::string_view trimmed(std::string_view text) {
+  const auto first = text.find_first_not_of(" \t\r\n");
+  if (first == text.npos) return {};
+  return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
+}
+
+/// Where a reply to `base` sends its client, without user and password. Absent when it cannot be understood.
+std::optional<std::string> resolve(const std::string& base, const std::string& location) {
+  const CurlURL url(curl_url());
+  constexpr unsigned flags = CURLU_URLENCODE | CURLU_ALLOW_SPACE | CURLU_NON_SUPPORT_SCHEME;
+  if (!url || curl_url_set(url.get(), CURLUPART_URL, base.c_str(), CURLU_PATH_AS_IS) != CURLUE_OK ||
+      curl_url_set(url.get(), CURLUPART_URL, location.c_str(), flags) != CURLUE_OK)
+    return std::nullopt;
+  curl_url_set(url.get(), CURLUPART_USER, nullptr, 0);
+  curl_url_set(url.get(), CURLUPART_PASSWORD, nullptr, 0);
+  return urlPart(url.get(), CURLUPART_URL);
+}
+
+}  // namespace
+
+Transfer::Transfer(URLRequest request, DataTaskCompletion completion)
+    : request_(std::move(request)), completion_(std::move(completion)) {
+  Seconds& timeout = request_.timeoutInterval;
+  if (!(timeout > Seconds::zero())) timeout = kDefaultTimeout;
+  timeout = std::min(timeout, kResourceLimit);
+}
+
+void Transfer::begin() {
+  activity_.emplace();
+  start_ = std::chrono::steady_clock::now();
+  touch();
+}
+
+void Transfer::touch() { lastProgress_ = std::chrono::steady_clock::now(); }
+
+Transfer::Instant Transfer::deadline() const {
+  using std::chrono::ceil;
+  return std::min(lastProgress_ + ceil<Instant::duration>(request_.timeoutInterval),
+                  start_ + ceil<Instant::duration>(kResourceLimit));
+}
+
+void Transfer::timeOut() { fail(urlError::timedOut); }
+
+void Transfer::fail(int code, std::string_view reason) {
+  const std::string text = describe(code);
+  error_ = Error{NSURLErrorDomain,
+                 code,
+                 text,
+                 {{NSLocalizedDescriptionKey, text}, {NSURLErrorFailingURLStringErrorKey, request_.url}}};
+  if (!reason.empty()) error_->userInfo[NSLocalizedFailureReasonErrorKey] = std::string(reason);
+}
+
+bool Transfer::prepare(CURL* handle, const std::optional<std::string>& certificateFile) {
+  response_.reset();
+  body_.clear();
+  headerBytes_ = 0;
+  bytesMoved_ = 0;
+  reason_.fill(0);
+  if (!isValidHttpUrl(request_.url)) {
+    const auto scheme = request_.url.find("://");
+    const bool isHttp = equalIgnoringCase(request_.url.substr(0, 4), "http");
+    fail(scheme == std::string::npos || isHttp ? urlError::badURL : urlError::unsupportedURL);
+    return false;
+  }
+
+  curl_easy_reset(handle);
+  curl_easy_setopt(handle, CURLOPT_URL, request_.url.c_str());
+  curl_easy_setopt(handle, CURLOPT_PATH_AS_IS, 1L);
+  curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_1_1});
+  curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+  // A look-up that hangs is left behind when its transfer times out, instead of holding up all others.
+  curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);
+  if (isLoopbackHost(hostOf(request_.url))) curl_easy_setopt(handle, CURLOPT_NOPROXY, "*");
+  // Without this the answer of a proxy to CONNECT would be taken for the server's.
+  curl_easy_setopt(handle, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+  if (certificateFile) curl_easy_setopt(handle, CURLOPT_CAINFO, certificateFile->c_str());
+  const auto timeout = std::chrono::ceil<std::chrono::milliseconds>(request_.timeoutInterval);
+  curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, long{timeout.count()});
+  curl_easy_setopt(handle, CURLOPT_MAXFILESIZE_LARGE, curl_off_t{kMostBodyBytes});
+
+  curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, reason_.data());
+  curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, &Transfer::onHeader);
+  curl_easy_setopt(handle, CURLOPT_HEADERDATA, this);
+  curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &Transfer::onBody);
+  curl_easy_setopt(handle, CURLOPT_WRITEDATA, this);
+  curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, &Transfer::onProgress);
+  curl_easy_setopt(handle, CURLOPT_XFERINFODATA, this);
+  curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
+
+  setBody(handle);
+  headers_ = headerList();
+  curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers_.get());
+  touch();
+  return true;
+}
+
+void Transfer::setBody(CURL* handle) {
+  const std::string& method = request_.httpMethod;
+  const std::size_t size = request_.httpBody ? request_.httpBody->size() : 0;
+  // Set in any case: a handle that was used before may hold a smaller buffer than its options say.
+  const std::size_t buffer = std::clamp(size, kLeastUploadBuffer, kMostUploadBuffer);
+  curl_easy_setopt(handle, CURLOPT_UPLOAD_BUFFERSIZE, static_cast<long>(buffer));
+  if (size > 0 || method == "POST" || method == "PUT" || method == "PATCH") {
+    curl_easy_setopt(handle, CURLOPT_POST, 1L);
+    curl_easy_setopt(handle, CURLOPT_POSTFIELDS, size > 0 ? request_.httpBody->data() : "");
+    curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(size));
+  } else if (method == "HEAD") {
+    curl_easy_setopt(handle, CURLOPT_NOBODY, 1L);
+  }
+  curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, method.c_str());
+}
+
+CurlList Transfer::headerList() const {
+  CurlList list;
+  const auto add = [&list](const std::string& line) {
+    if (curl_slist* longer = curl_slist_append(list.get(), line.c_str())) {
+      static_cast<void>(list.release());
+      list.reset(longer);
+    }
+  };
+  for (const auto& [name, value] : request_.headers) {
+    // The length is the body's own; and one header must not become two.
+    if (equalIgnoringCase(name, "Content-Length") || !isOneLine(name) || !isOneLine(value)) continue;
+    add(value.empty() ? name + ";" : name + ": " + value);
+  }
+  // "Name:" keeps curl from adding its own.
+  for (const char* name : {"Accept", "Content-Type", "Expect"})
+    if (!request_.value(name)) add(std::string(name) + ":");
+  return list;
+}
+
+bool Transfer::nextHopAfter(CURL* handle, CURLcode result) {
+  const std::string_view reason(reason_.data());
+  if (tooLarge_) {
+    fail(urlError::dataLengthExceedsMaximum);
+  } else if (result != CURLE_OK) {
+    long systemError = 0;
+    curl_easy_getinfo(handle, CURLINFO_OS_ERRNO, &systemError);
+    fail(errorCodeOf(result, systemError), reason.empty() ? curl_easy_strerror(result) : reason);
+  } else if (!response_) {
+    fail(urlError::badServerResponse);
+  } else if (isRedirect(response_->statusCode)) {
+    for (const auto& [name, value] : response_->headers)
+      if (equalIgnoringCase(name, "Location") && !value.empty()) return follow(value);
+  }
+  return false;
+}
+
+bool Transfer::follow(const std::string& location) {
+  if (++redirects_ > kMostRedirects) {
+    fail(urlError::tooManyRedirects);
+    return false;
+  }
+  const auto target = resolve(request_.url, location);
+  if (!target || !isValidHttpUrl(*target)) {
+    fail(target ? urlError::unsupportedURL : urlError::badServerResponse);
+    return false;
+  }
+  request_.url = *target;
+
+  const int status = response_->statusCode;
+  std::string& method = request_.httpMethod;
+  const bool becomesGet = (method == "POST" && status <= 303) || (status == 303 && method != "HEAD" && method != "GET");
+  if (becomesGet) {
+    method = "GET";
+    request_.httpBody.reset();
+  }
+  // Even for the same host: who answers behind a redirect is not whom the credentials were meant for.
+  std::erase_if(request_.headers, [becomesGet](const auto& header) {
+    return equalIgnoringCase(header.first, "Authorization") || equalIgnoringCase(header.first, "Host") ||
+           (becomesGet && equalIgnoringCase(header.first, "Content-Type"));
+  });
+  return true;
+}
+
+void Transfer::complete() {
+  if (!completion_) return;
+  std::optional<std::string> data;
+  if (!error_ && !body_.empty()) data = std::move(body_);
+  completion_(std::move(data), std::move(response_), std::move(error_));
+}
+
+bool Transfer::takeHeader(std::string_view line) {
+  touch();
+  headerBytes_ += line.size();
+  if (headerBytes_ > kMostHeaderBytes) {
+    tooLarge_ = true;
+    return false;
+  }
+  if (line.starts_with("HTTP/")) {
+    const auto blank = std::min(line.find(' '), line.size() - 1);
+    int status = 0;
+    std::from_chars(line.data() + blank + 1, line.data() + line.size(), status);
+    response_.reset();
+    // What is below 200 only announces the reply.
+    if (status >= 200) response_ = HTTPURLResponse{request_.url, status, {}};
+    return true;
+  }
+  const auto colon = line.find(':');
+  if (response_ && colon != line.npos && colon > 0)
+    response_->headers.emplace_back(trimmed(line.substr(0, colon)), trimmed(line.substr(colon + 1)));
+  return true;
+}
+
+bool Transfer::takeBody(std::string_view bytes) {
+  touch();
+  if (bytes.size() > kMostBodyBytes - body_.size()) {
+    tooLarge_ = true;
+    return false;
+  }
+  body_.append(bytes);
+  return true;
+}
+
+std::size_t Transfer::onHeader(char* bytes, std::size_t size, std::size_t count, void* self) {
+  return static_cast<Transfer*>(self)->takeHeader({bytes, size * count}) ? size * count : 0;
+}
+
+std::size_t Transfer::onBody(char* bytes, std::size_t size, std::size_t count, void* self) {
+  return static_cast<Transfer*>(self)->takeBody({bytes, size * count}) ? size * count : 0;
+}
+
+int Transfer::onProgress(void* self, curl_off_t, curl_off_t down, curl_off_t, curl_off_t up) {
+  auto& transfer = *static_cast<Transfer*>(self);
+  if (std::exchange(transfer.bytesMoved_, down + up) != down + up) transfer.touch();
+  return 0;
+}
+
+}  // namespace tarvo::platform

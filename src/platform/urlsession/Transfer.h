@@ -1,0 +1,79 @@
+#pragma once
+
+#include <curl/curl.h>
+
+#include <array>
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/foundation/Activity.h"
+#include "platform/urlsession/CurlText.h"
+#include "platform/urlsession/URLSession.h"
+
+namespace tarvo::platform {
+
+/// One request from its start to its completion: dresses a curl handle for each hop, collects the reply, decides
+/// about redirects.
+///
+/// Threads: one at a time. It is handed from the starting thread to the session's, and from there to the completion
+/// queue. Owns request, reply and completion; the handles belong to the session. Errors end up in the completion.
+class Transfer {
+ public:
+  using Instant = std::chrono::steady_clock::time_point;
+
+  Transfer(URLRequest request, DataTaskCompletion completion);
+  Transfer(const Transfer&) = delete;
+  Transfer& operator=(const Transfer&) = delete;
+
+  /// Counts as activity from here until the object is gone.
+  void begin();
+
+  /// Sets the handle up for the current hop; it must not be in use. Answers whether the hop can start: if not, the
+  /// outcome is decided.
+  bool prepare(CURL* handle, const std::optional<std::string>& certificateFile);
+
+  /// Takes a hop's end. Answers whether another hop follows, to be prepared; else the outcome is decided.
+  bool nextHopAfter(CURL* handle, CURLcode result);
+
+  /// When silence has lasted too long, or the whole transfer has.
+  Instant deadline() const;
+  void timeOut();
+
+  /// Hands the outcome over. Once only, on the completion queue.
+  void complete();
+
+ private:
+  bool follow(const std::string& location);
+  void setBody(CURL* handle);
+  CurlList headerList() const;
+  void fail(int code, std::string_view reason = {});
+  void touch();
+
+  bool takeHeader(std::string_view line);
+  bool takeBody(std::string_view bytes);
+  static std::size_t onHeader(char* bytes, std::size_t size, std::size_t count, void* self);
+  static std::size_t onBody(char* bytes, std::size_t size, std::size_t count, void* self);
+  static int onProgress(void* self, curl_off_t downTotal, curl_off_t down, curl_off_t upTotal, curl_off_t up);
+
+  std::optional<ActivityToken> activity_;  ///< first, so that it ends after all else is gone
+  URLRequest request_;                     ///< of the current hop
+  DataTaskCompletion completion_;
+
+  CurlList headers_;
+  std::array<char, CURL_ERROR_SIZE> reason_{};
+  Instant start_;
+  Instant lastProgress_;
+  curl_off_t bytesMoved_ = 0;
+  std::size_t headerBytes_ = 0;
+  bool tooLarge_ = false;
+  int redirects_ = 0;
+
+  std::string body_;
+  std::optional<HTTPURLResponse> response_;
+  std::optional<Error> error_;
+};
+
+}  // namespace tarvo::platform

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <functional>
+#include <string>
+#include <thread>
+
+namespace tarvo::test {
+
+/// A loopback server that speaks byte by byte what a test wants, one connection after the other.
+class RawServer {
+ public:
+  explicit RawServer(std::function<void(int connection)> serve) : socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    auto* generic = static_cast<sockaddr*>(static_cast<void*>(&address));
+    if (::bind(socket_, generic, size) != 0 || ::listen(socket_, 16) != 0) throw std::runtime_error("no server");
+    ::getsockname(socket_, generic, &size);
+    port_ = ntohs(address.sin_port);
+    thread_ = std::thread([this, serve = std::move(serve)] {
+      for (int connection; (connection = ::accept(socket_, nullptr, nullptr)) >= 0; ::close(connection))
+        serve(connection);
+    });
+  }
+  ~RawServer() {
+    ::shutdown(socket_, SHUT_RDWR);
+    thread_.join();
+    ::close(socket_);
+  }
+  RawServer(const RawServer&) = delete;
+  RawServer& operator=(const RawServer&) = delete;
+
+  std::string host() const { return "127.0.0.1:" + std::to_string(port_); }
+  std::string url(const std::string& path = "/") const { return "http://" + host() + path; }
+
+  /// The request up to the blank line; what there is when the peer leaves before.
+  static std::string readHead(int connection) {
+    std::string head;
+    for (char c; !head.ends_with("\r\n\r\n") && ::recv(connection, &c, 1, 0) == 1;) head.push_back(c);
+    return head;
+  }
+  /// Answers whether the peer still takes it.
+  static bool send(int connection, const std::string& bytes) {
+    return ::send(connection, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+  }
+  static void waitForPeerToLeave(int connection) {
+    for (char c; ::recv(connection, &c, 1, 0) == 1;) continue;
+  }
+  /// The close that follows resets the connection.
+  static void resetOnClose(int connection) {
+    const linger now{1, 0};
+    ::setsockopt(connection, SOL_SOCKET, SO_LINGER, &now, sizeof now);
+  }
+
+ private:
+  int socket_;
+  int port_ = 0;
+  std::thread thread_;
+};
+
+}  // namespace tarvo::test

@@ -1,0 +1,413 @@
+#include "platform/urlsession/URLSession.h"
+
+#include <httplib.h>
+#include <openssl/pem.h>
+#include <openssl/x509v3.h>
+
+#include <atomic>
+#include <fstream>
+#include <mutex>
+#include <set>
+
+#include "platform/foundation/Activity.h"
+#include "support/TempDir.h"
+#include "urlsession/Fetch.h"
+#include "urlsession/RawServer.h"
+
+namespace tarvo::platform {
+namespace {
+
+using test::fetch;
+using test::Outcome;
+using test::RawServer;
+
+/// A server on an ephemeral port that runs for as long as the object lives.
+template <class Server = httplib::Server>
+struct Running : Server {
+  template <class... Arguments>
+  explicit Running(Arguments... arguments) : Server(arguments...) {
+    this->new_task_queue = [] { return new httplib::ThreadPool(32); };
+    this->set_keep_alive_timeout(1);
+    port = this->bind_to_any_port("127.0.0.1");
+    thread = std::thread([this] { this->listen_after_bind(); });
+    while (!this->is_running()) std::this_thread::yield();
+  }
+  ~Running() override {
+    this->stop();
+    thread.join();
+  }
+  std::string url(const std::string& path) const { return "http://127.0.0.1:" + std::to_string(port) + path; }
+
+  int port;
+  std::thread thread;
+};
+
+TEST(URLSession, SendsWhatWasGivenAndNothingElse) {
+  std::string head;
+  RawServer server([&head](int connection) {
+    head = RawServer::readHead(connection);
+    RawServer::send(connection, "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n");
+  });
+  const std::string host = "\r\nHost: " + server.host() + "\r\n";
+  const std::string large(2'000'000, 'x');
+  struct Case {
+    URLRequest request;
+    std::string head;
+  };
+  const Case cases[] = {
+      {{server.url("/v1//a/../%2e?uuid=A b"), "GET", {}, {}}, ""},
+      {{server.url("/v1//a/../%2e?uuid=A%20b"), "GET", {}, {}},
+       "GET /v1//a/../%2e?uuid=A%20b HTTP/1.1" + host + "\r\n"},
+      {{server.url(), "GET", {{"Accept", "application/json"}, {"content-type", "application/json"}}, {}},
+       "GET / HTTP/1.1" + host + "Accept: application/json\r\ncontent-type: application/json\r\n\r\n"},
+      {{server.url(),
+        "POST",
+        {{"Content-Type", "application/json"}, {"Content-Length", "7"}, {"X", "a\r\nY: b"}},
+        "{}"},
+       "POST / HTTP/1.1" + host + "Content-Type: application/json\r\nContent-Length: 2\r\n\r\n"},
+      {{server.url(), "POST", {{"Empty", ""}}, {}}, "POST / HTTP/1.1" + host + "Empty:\r\nContent-Length: 0\r\n\r\n"},
+      {{server.url(), "DELETE", {}, {}}, "DELETE / HTTP/1.1" + host + "\r\n"},
+      {{server.url(), "PUT", {}, large}, "PUT / HTTP/1.1" + host + "Content-Length: 2000000\r\n\r\n"},
+  };
+  for (const Case& c : cases) {
+    head.clear();
+    fetch(c.request);
+    EXPECT_EQ(head, c.head) << c.request.description();
+  }
+}
+
+TEST(URLSession, HandsOverReplyAndStatus) {
+  Running server;
+  server.Post("/echo", [](const httplib::Request& request, httplib::Response& response) {
+    response.status = 404;
+    response.set_header("X-Kind", "echo");
+    response.set_content(request.body, "text/plain");
+  });
+  server.Get("/empty", [](const httplib::Request&, httplib::Response& response) { response.status = 204; });
+
+  std::string body(3'000'000, '\0');
+  for (std::size_t i = 0; i < body.size(); ++i) body[i] = static_cast<char>(i * 31 % 251);
+  const Outcome echo = fetch({server.url("/echo"), "POST", {}, body});
+  EXPECT_TRUE(echo.data == body);
+  EXPECT_EQ(echo.status(), 404);
+  EXPECT_FALSE(echo.error);
+  const HTTPURLResponse& response = echo.response.value();
+  EXPECT_EQ(response.url, server.url("/echo"));
+  EXPECT_NE(response.debugDescription().find("{ Status Code: 404, Headers {"), std::string::npos);
+  EXPECT_NE(response.debugDescription().find("X-Kind: echo"), std::string::npos);
+
+  const Outcome empty = fetch({server.url("/empty")});
+  EXPECT_FALSE(empty.data);
+  EXPECT_EQ(empty.status(), 204);
+}
+
+TEST(URLSession, FollowsRedirectsWithoutCredentials) {
+  Running server;
+  httplib::Request last;
+  const auto record = [&last](const httplib::Request& request, httplib::Response& response) {
+    last = request;
+    if (request.path.starts_with("/to")) {
+      response.status = std::stoi(request.path.substr(3));
+      response.set_header("Location", "sub/../end?x=1");
+    } else if (request.path.starts_with("/loop")) {
+      const int left = std::stoi(request.path.substr(5));
+      response.status = left > 0 ? 302 : 200;
+      response.set_header("Location", "/loop" + std::to_string(left - 1));
+    } else if (request.path == "/file") {
+      response.status = 302;
+      response.set_header("Location", "file:///etc/passwd");
+    } else {
+      response.set_content("arrived", "text/plain");
+    }
+  };
+  server.Get(".*", record).Post(".*", record).Put(".*", record);
+
+  struct Case {
+    int status;
+    std::string method, methodAfter;
+  };
+  const Case cases[] = {
+      {301, "POST", "GET"},  {302, "POST", "GET"}, {303, "POST", "GET"}, {307, "POST", "POST"},
+      {308, "POST", "POST"}, {301, "PUT", "PUT"},  {303, "PUT", "GET"},  {302, "GET", "GET"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::to_string(c.status) + " " + c.method);
+    URLRequest request{server.url("/to" + std::to_string(c.status)), c.method};
+    request.headers = {{"authorization", "Basic x"}, {"Content-Type", "application/json"}, {"X-Own", "1"}};
+    if (c.method != "GET") request.httpBody = "{}";
+    const Outcome outcome = fetch(request);
+    EXPECT_EQ(outcome.status(), 200);
+    EXPECT_EQ(outcome.data, "arrived");
+    EXPECT_EQ(outcome.response->url, server.url("/end?x=1"));
+    EXPECT_EQ(last.method, c.methodAfter);
+    const bool changed = c.method != c.methodAfter;
+    EXPECT_EQ(last.body, changed || c.method == "GET" ? "" : "{}");
+    EXPECT_EQ(last.has_header("Content-Type"), !changed);
+    EXPECT_EQ(last.has_header("Content-Length"), !changed && c.method != "GET");
+    EXPECT_FALSE(last.has_header("Authorization"));
+    EXPECT_EQ(last.get_header_value("X-Own"), "1");
+  }
+
+  EXPECT_EQ(fetch({server.url("/loop20")}).status(), 200);
+  const Outcome endless = fetch({server.url("/loop21")});
+  EXPECT_EQ(endless.code(), urlError::tooManyRedirects);
+  EXPECT_EQ(endless.status(), 302);
+  EXPECT_EQ(fetch({server.url("/file")}).code(), urlError::unsupportedURL);
+}
+
+TEST(URLSession, DeliversTheStatusOfABrokenTransferBesideItsError) {
+  struct Case {
+    std::string name, reply;
+    enum { reset, close, silence, repeat } then;
+    int status;
+    int code;
+  };
+  const std::string chunk = "10000\r\n" + std::string(0x10000, 'x') + "\r\n";
+  const std::string ok = "HTTP/1.1 200 OK\r\n";
+  const Case cases[] = {
+      {"reset in a body", "HTTP/1.1 500 Oops\r\nContent-Length: 9\r\n\r\nabc", Case::reset, 500,
+       urlError::networkConnectionLost},
+      {"reset in headers", "HTTP/1.1 503 Busy\r\nServer:", Case::reset, 503, urlError::networkConnectionLost},
+      {"cut body", ok + "Content-Length: 9\r\n\r\nabc", Case::close, 200, urlError::networkConnectionLost},
+      {"closed at once", "", Case::close, 0, urlError::networkConnectionLost},
+      {"announcement only", "HTTP/1.1 100 Continue\r\n\r\n", Case::close, 0, urlError::networkConnectionLost},
+      {"silence", "", Case::silence, 0, urlError::timedOut},
+      {"silence in a body", "HTTP/1.1 401 No\r\nContent-Length: 9\r\n\r\na", Case::silence, 401, urlError::timedOut},
+      {"announced too long", ok + "Content-Length: 33554433\r\n\r\n", Case::silence, 200,
+       urlError::dataLengthExceedsMaximum},
+      {"endless body", ok + "Transfer-Encoding: chunked\r\n\r\n" + chunk, Case::repeat, 200,
+       urlError::dataLengthExceedsMaximum},
+      {"not HTTP", "hello\r\n\r\n", Case::close, 0, urlError::badServerResponse},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    RawServer server([&c, &chunk](int connection) {
+      RawServer::readHead(connection);
+      RawServer::send(connection, c.reply);
+      if (c.then == Case::reset) RawServer::resetOnClose(connection);
+      if (c.then == Case::silence) RawServer::waitForPeerToLeave(connection);
+      while (c.then == Case::repeat && RawServer::send(connection, chunk)) continue;
+    });
+    URLRequest request{server.url()};
+    if (c.then == Case::silence) request.timeoutInterval = Seconds(0.3);
+    const Outcome outcome = fetch(request);
+    EXPECT_EQ(outcome.status(), c.status);
+    ASSERT_TRUE(outcome.error);
+    EXPECT_EQ(outcome.code(), c.code) << outcome.error->description();
+    EXPECT_EQ(outcome.error->domain, NSURLErrorDomain);
+    EXPECT_FALSE(outcome.error->localizedDescription.empty());
+    EXPECT_EQ(findString(outcome.error->userInfo, "NSErrorFailingURLStringKey"), server.url());
+    EXPECT_FALSE(outcome.data);
+  }
+}
+
+TEST(URLSession, TellsWhyNothingWasReached) {
+  std::string unused;
+  {
+    unused = RawServer([](int) {}).url();
+  }
+  EXPECT_EQ(fetch({unused}).code(), urlError::cannotConnectToHost);
+  EXPECT_EQ(fetch({"http://no..name/"}).code(), urlError::cannotFindHost);
+  EXPECT_EQ(fetch({"ftp://localhost/"}).code(), urlError::unsupportedURL);
+  EXPECT_EQ(fetch({"nonsense"}).code(), urlError::badURL);
+}
+
+TEST(URLSession, CountsTheTimeoutFromTheLastByte) {
+  RawServer server([](int connection) {
+    RawServer::readHead(connection);
+    RawServer::send(connection, "HTTP/1.1 200 OK\r\nContent-Length: 8\r\n\r\n");
+    // A peer that gives up ends the wait between two bytes.
+    const timeval pause{0, 100'000};
+    ::setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &pause, sizeof pause);
+    for (char c, i = 0; i < 8 && ::recv(connection, &c, 1, 0) < 0; ++i) RawServer::send(connection, "x");
+  });
+  URLRequest request{server.url()};
+  request.timeoutInterval = Seconds(0.5);
+  EXPECT_EQ(fetch(request).data, "xxxxxxxx");
+}
+
+TEST(URLSession, StartsTheTimeoutOfAWaitingTaskWithItsTurn) {
+  RawServer server(&RawServer::waitForPeerToLeave);
+  URLRequest request{server.url()};
+  request.timeoutInterval = Seconds(0.2);
+  const auto start = std::chrono::steady_clock::now();
+  std::vector<std::int64_t> codes;
+  for (int i = 0; i < 17; ++i)
+    URLSession::shared().dataTask(request, [&](auto, auto, auto error) { codes.push_back(error->code); })->resume();
+  EXPECT_TRUE(Activity::waitUntilIdle(Seconds(30)));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(600)) << "eight, eight and one";
+  EXPECT_EQ(codes, std::vector<std::int64_t>(17, urlError::timedOut));
+}
+
+TEST(URLSession, CompletesEachTaskOnceAndOneAtATime) {
+  Running server;
+  server.set_keep_alive_max_count(1);
+  server.Get("/(\\d+)", [](const httplib::Request& request, httplib::Response& response) {
+    response.set_content(request.matches[1].str(), "text/plain");
+  });
+  constexpr int kThreads = 4, kEach = 50;
+  std::vector<std::atomic<int>> completed(kThreads * kEach);
+  std::atomic<int> atOnce{0}, overlaps{0}, inside{0}, wrong{0};
+  static thread_local bool resuming = false;
+  const auto sendAll = [&](int from) {
+    for (int i = from; i < from + kEach; ++i) {
+      // Every fifth is decided without any network.
+      const bool fails = i % 5 == 0;
+      const auto task = URLSession::shared().dataTask({fails ? "nonsense" : server.url("/" + std::to_string(i))},
+                                                      [&, i, fails](auto data, auto, auto error) {
+                                                        if (atOnce.fetch_add(1) != 0) ++overlaps;
+                                                        if (resuming) ++inside;
+                                                        if (fails ? !error : data != std::to_string(i)) ++wrong;
+                                                        ++completed[static_cast<std::size_t>(i)];
+                                                        --atOnce;
+                                                      });
+      resuming = true;
+      task->resume();
+      task->resume();
+      resuming = false;
+    }
+  };
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) threads.emplace_back(sendAll, i * kEach);
+  for (auto& thread : threads) thread.join();
+  EXPECT_TRUE(Activity::waitUntilIdle(Seconds(60)));
+  for (const auto& count : completed) EXPECT_EQ(count, 1);
+  EXPECT_EQ(overlaps, 0);
+  EXPECT_EQ(inside, 0);
+  EXPECT_EQ(wrong, 0);
+}
+
+TEST(URLSession, CountsAsActivityFromResumeToTheEndOfItsCompletion) {
+  std::promise<void> release;
+  RawServer server([&release](int connection) {
+    RawServer::readHead(connection);
+    release.get_future().wait();
+    RawServer::send(connection, "HTTP/1.1 204 No Content\r\n\r\n");
+  });
+  bool busyInCompletion = false;
+  auto task = URLSession::shared().dataTask(
+      {server.url()}, [&busyInCompletion](auto, auto, auto) { busyInCompletion = !Activity::idle(); });
+  EXPECT_TRUE(Activity::idle());
+  task->resume();
+  EXPECT_FALSE(Activity::idle());
+  release.set_value();
+  EXPECT_TRUE(Activity::waitUntilIdle(Seconds(30)));
+  EXPECT_TRUE(busyInCompletion);
+}
+
+TEST(URLSession, LeavesLoopbackOutOfTheProxy) {
+  std::string seen;
+  RawServer proxy([&seen](int connection) {
+    seen = RawServer::readHead(connection);
+    RawServer::send(connection, "HTTP/1.1 203 Proxy\r\nConnection: close\r\n\r\n");
+  });
+  Running server;
+  ::setenv("http_proxy", proxy.url().c_str(), 1);
+  ::unsetenv("no_proxy");
+  EXPECT_EQ(fetch({server.url("/")}).status(), 404);
+  EXPECT_EQ(fetch({"http://backend.invalid/x"}).status(), 203);
+  EXPECT_TRUE(seen.starts_with("GET http://backend.invalid/x HTTP/1.1\r\n")) << seen;
+}
+
+/// A key and a certificate for 127.0.0.1 that signs itself.
+struct SelfSigned {
+  SelfSigned() : key(EVP_RSA_gen(2048)), certificate(X509_new()) {
+    X509_set_version(certificate, 2);
+    ASN1_INTEGER_set(X509_get_serialNumber(certificate), 1);
+    X509_gmtime_adj(X509_getm_notBefore(certificate), -3600);
+    X509_gmtime_adj(X509_getm_notAfter(certificate), 3600);
+    X509_NAME* subject = X509_get_subject_name(certificate);
+    const std::basic_string<unsigned char> common(9, 'x');
+    X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_ASC, common.data(), -1, -1, 0);
+    X509_set_issuer_name(certificate, subject);
+    X509_set_pubkey(certificate, key);
+    X509_EXTENSION* name = X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, "IP:127.0.0.1");
+    X509_add_ext(certificate, name, -1);
+    X509_EXTENSION_free(name);
+    X509_sign(certificate, key, EVP_sha256());
+  }
+  ~SelfSigned() {
+    X509_free(certificate);
+    EVP_PKEY_free(key);
+  }
+  std::string pem() const {
+    BIO* memory = BIO_new(BIO_s_mem());
+    PEM_write_bio_X509(memory, certificate);
+    char* text = nullptr;
+    const long size = BIO_get_mem_data(memory, &text);
+    std::string out(text, static_cast<std::size_t>(size));
+    BIO_free(memory);
+    return out;
+  }
+  EVP_PKEY* key;
+  X509* certificate;
+};
+
+struct Tls : SelfSigned, Running<httplib::SSLServer> {
+  Tls() : Running(certificate, key) {}
+  std::string url() const { return "https://127.0.0.1:" + std::to_string(port) + "/"; }
+};
+
+TEST(URLSession, RefusesACertificateThatNobodyVouchesFor) {
+  Tls server;
+  const Outcome outcome = fetch({server.url()});
+  EXPECT_EQ(outcome.code(), urlError::serverCertificateUntrusted) << outcome.error->description();
+  EXPECT_FALSE(outcome.response);
+}
+
+TEST(URLSession, KeepsConnections) {
+  Tls tls;
+  test::TempDir dir;
+  std::ofstream(dir.path() / "ca.pem") << tls.pem();
+  ::setenv("SSL_CERT_FILE", (dir.path() / "ca.pem").c_str(), 1);
+  Running plain;
+  std::set<int> ports;
+  const auto record = [&ports](const httplib::Request& request, httplib::Response&) {
+    ports.insert(request.remote_port);
+    return httplib::Server::HandlerResponse::Handled;
+  };
+  tls.set_pre_routing_handler(record);
+  plain.set_pre_routing_handler(record);
+  for (const std::string& url : {tls.url(), plain.url("/")}) {
+    ports.clear();
+    for (int i = 0; i < 3; ++i) {
+      const Outcome outcome = fetch({url});
+      EXPECT_FALSE(outcome.error) << outcome.error->description();
+      EXPECT_EQ(outcome.status(), 200);
+    }
+    EXPECT_EQ(ports.size(), 1U) << url;
+  }
+}
+
+TEST(URLSessionDeathTest, EndsQuietlyWithTransfersInFlight) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  // The process that ends runs this test again; the server stays here.
+  test::TempDir dir;
+  std::optional<Tls> server;
+  std::atomic<int> sent{0};
+  if (::getenv("ENDLESS_SERVER") == nullptr) {
+    server.emplace();
+    server->Get("/", [&sent](const httplib::Request&, httplib::Response& response) {
+      response.set_chunked_content_provider("text/plain", [&sent](std::size_t, httplib::DataSink& sink) {
+        ++sent;
+        sent.notify_all();
+        return sink.write("endless", 7);
+      });
+    });
+    server->Get("/flowing", [&sent](const httplib::Request&, httplib::Response&) {
+      for (int seen = 0; seen < 100; seen = sent) sent.wait(seen);
+    });
+    std::ofstream(dir.path() / "ca.pem") << server->pem();
+    ::setenv("SSL_CERT_FILE", (dir.path() / "ca.pem").c_str(), 1);
+    ::setenv("ENDLESS_SERVER", server->url().c_str(), 1);
+  }
+  const auto exitInTransfer = [] {
+    const std::string url = ::getenv("ENDLESS_SERVER");
+    for (int i = 0; i < 4; ++i) URLSession::shared().dataTask({url}, [](auto, auto, auto) { std::abort(); })->resume();
+    std::exit(fetch({url + "flowing"}).status() == 200 ? 0 : 1);
+  };
+  EXPECT_EXIT(exitInTransfer(), testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
+}  // namespace tarvo::platform
