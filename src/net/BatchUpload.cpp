@@ -85,7 +85,7 @@ void NetworkManager::sendDataInBatchToRemoteWebServer(const std::string& json, c
     } else {
       // Without any response the line says 200 too, and the batch counts as acknowledged: intended, the pipeline
       // moves on and does not hold the positions back.
-      Log::debug(" NetworkManager:sendDataInBatchToRemoteWebServer : httpstatus : ", "200");
+      Log::debug(" NetworkManager:sendDataInBatchToRemoteWebServer : httpstatus : 200");
       if (Settings::shared().activateStatus() >= kModeWithDownloads) readAnswer(self, reply.data, poiVersion);
       EngineLink::current().markLocationAsSentUntilIndex(locationIndex, firstLoc);
     }

@@ -1,0 +1,121 @@
+#include "ClientTest.h"
+
+namespace tarvo::test {
+namespace {
+
+struct Account : ClientTest {
+  void registerUser(const std::string& result) {
+    backend.answer("users", {200, R"({"success":true,"results":[)" + result + "]}"});
+    call(&NetworkManager::sendUserToRemoteWebServer, "{}");
+  }
+};
+
+TEST_F(Account, RegistersOnceAndTakesOnlyTheSecretFromLaterAnswers) {
+  settings.setDeviceToken("t0k");
+  LogDiary& log = LogDiary::installed();
+  registerUser(R"({"uuid":"u-1","creation_date":"now","secretkey":42})");
+  expectInOrder({"secretkey : 42", " NetworkManager:sendUserToRemoteWebServer [net] uuid:u-1 mainThread:false",
+                 "engine: user u-1 now", "engine: send", "engine: received true",
+                 "NetworkManager:sendTokenremoteWebServer [net] mainThread:false request:http://"});
+  EXPECT_EQ(defaults.string("uuid_secret_key"), "42");
+  EXPECT_EQ(backend.takeTargets(), "POST tokens, POST users");
+
+  log.clear();
+  registerUser(R"({"uuid":7,"creation_date":null,"secretkey":"new"})");
+  EXPECT_EQ(NetworkManager::UUID_SECRET_KEY(), "new");
+  EXPECT_EQ(log.count("engine: "), 0u);
+  EXPECT_EQ(backend.takeTargets(), "POST users");
+}
+
+TEST_F(Account, CountsTheTokenAsSentEvenWhenThereIsNone) {
+  registerUser(R"({"uuid":"u-1","creation_date":"now","secretkey":"k"})");
+  EXPECT_EQ(backend.takeTargets(), "POST users");
+  EXPECT_TRUE(settings.tokenSent());
+}
+
+TEST_F(Account, TakesNoUserFromAnAnswerOfAnotherShape) {
+  LogDiary& log = LogDiary::installed();
+  for (const char* result : {"", "7", R"({"uuid":"u","creation_date":"d"})", R"({"uuid":"u","secretkey":"k"})"}) {
+    registerUser(result);
+    EXPECT_EQ(NetworkManager::UUID_SECRET_KEY(), std::nullopt) << result;
+  }
+  for (const char* body :
+       {"", "7", "{", R"({"results":[]})", R"({"success":false})", R"({"success":true,"results":{}})"}) {
+    backend.answer("users", {403, body});
+    call(&NetworkManager::sendUserToRemoteWebServer, "{}");
+  }
+  registerUser(R"({"uuid":"../u","creation_date":"d","secretkey":"k"})");
+  EXPECT_EQ(log.count("uuid refused"), 1u);
+  EXPECT_EQ(log.count(" NetworkManager:sendUserToRemoteWebServer : httpstatus : 403 réponse = <NSHTTP"), 6u);
+  EXPECT_EQ(log.count("engine: "), 0u);
+}
+
+TEST_F(Account, StopsTheProcessOnAUserOfWrongTypes) {
+  EXPECT_DEATH(registerUser(R"({"uuid":7,"creation_date":"d","secretkey":"k"})"), "\"uuid\" is no text");
+  backend.answer("users", {200, R"({"success":"yes"})"});
+  EXPECT_DEATH(call(&NetworkManager::sendUserToRemoteWebServer, "{}"), "\"success\" is no Boolean");
+}
+
+TEST_F(Account, StoresTheConfiguredLogLevelInTheDefaultsAlone) {
+  identify();
+  LogDiary& log = LogDiary::installed();
+  const std::pair<const char*, std::int64_t> cases[] = {{R"({"success":false,"results":[{"log_level":3}]})", 0},
+                                                        {R"({"success":true,"results":[]})", 0},
+                                                        {R"({"success":true,"results":[{"log_level":true}]})", 0},
+                                                        {R"({"success":true,"results":[{"log_level":10}]})", 10}};
+  for (const auto& [body, level] : cases) {
+    backend.answer("userconf", {200, body});
+    call(&NetworkManager::userConfigremoteWebServer);
+    EXPECT_EQ(defaults.integer("tarvologlevel"), level) << body;
+  }
+  EXPECT_EQ(log.count("NetworkManager:userConfigremoteWebServer :logLeve = 10"), 1u);
+}
+
+TEST_F(Account, TakesASubscriptionFromItsListOnceTheBackendHasAcceptedIt) {
+  identify();
+  NetworkManager::setSUBSCRIPTION_LIST("s", "n");
+  NetworkManager::setSUBSCRIPTION_LIST("u", "n");
+  NetworkManager::addUNSUBSCRIPTION_LIST("u");
+  for (const int status : {204, 500, 200}) {
+    backend.answer("subscriptions/register", {status, ""});
+    backend.answer("subscriptions/unregister", {status, ""});
+    client().subscriptionRegiter("s", "n");
+    client().subscriptionUnRegister("u");
+    EXPECT_EQ(NetworkManager::SUBSCRIPTION_LIST().count("u"), 0u);
+    finish();
+    EXPECT_EQ(NetworkManager::SUBSCRIPTION_LIST().count("s"), status == 200 ? 0u : 1u) << status;
+    EXPECT_EQ(NetworkManager::UNSUBSCRIPTION_LIST().count("u"), status == 200 ? 0u : 1u) << status;
+  }
+}
+
+TEST_F(Account, WritesTheLinesOfTagsTokensAndResets) {
+  identify();
+  settings.setDeviceToken("t0k");
+  LogDiary& log = LogDiary::installed();
+  call(&NetworkManager::setTags, "a", "b");
+  call(&NetworkManager::resetBackend);
+  for (const char* path : {"tags/unset", "tokens", "resetgeoprofile"}) backend.answer(path, {503, ""});
+  call(&NetworkManager::unsetTags, "a");
+  call(&NetworkManager::sendTokenremoteWebServer);
+  call(&NetworkManager::resetGeoProfile);
+  backend.stop();
+  call(&NetworkManager::setTags, "a", "b");
+  call(&NetworkManager::userConfigremoteWebServer);
+  call(&NetworkManager::resetBackend);
+  call(&NetworkManager::setTags, "a", "\xff");
+  settings.setDeviceToken("\xff");
+  call(&NetworkManager::sendTokenremoteWebServer);
+  for (const char* text :
+       {"NetworkManager:setTags :[success] ", "NetworkManager:resetBackend : httpStatus 200",
+        " NetworkManager:unsetTags : httpstatus : 503", " NetworkManager:unsetTags :réponse = <NSHTTPURLResponse>",
+        " NetworkManager:sendTokenremoteWebServer : httpstatus : 503",
+        " NetworkManager:sendTokenremoteWebServer :réponse = <", "NetworkManager:resetGeoProfile : httpStatus 503",
+        "NetworkManager:setTags :[error] : ", "NetworkManager:sendDataInBatchToRemoteWebServer :[error] :Optional(",
+        "NetworkManager:resetBackend :[error] :Optional(",
+        "NetworkManager:subscriptionRegiter [loc] JSON conversion problem mainThread:true",
+        "NetworkManager:sendTokenremoteWebServer [loc] JSON conversion problem mainThread:true"})
+    EXPECT_EQ(log.count(text), 1u) << text;
+}
+
+}  // namespace
+}  // namespace tarvo::test

@@ -1,0 +1,105 @@
+#include "ClientTest.h"
+#include "records/LatestPrediction.h"
+
+namespace tarvo::test {
+namespace {
+
+struct Downloads : ClientTest {
+  Downloads() { identify(); }
+};
+
+TEST_F(Downloads, AskForTripsOnlyWhenTheNewestIsNotTheAnnouncedOne) {
+  struct Case {
+    std::optional<std::int64_t> newest;
+    std::int64_t announced;
+    const char* request;
+  };
+  const Case cases[] = {{{}, 0, ""},
+                        {7, 7, ""},
+                        {{}, 42, "GET pasttrips?first_pasttrip_id=0&last_pasttrip_id=42"},
+                        {7, 9, "GET pasttrips?first_pasttrip_id=7&last_pasttrip_id=9"},
+                        {9, 7, "GET pasttrips?first_pasttrip_id=9&last_pasttrip_id=7"}};
+  for (const Case& each : cases) {
+    engine.newest = each.newest ? std::optional(EngineLink::NewestTrip{each.newest}) : std::nullopt;
+    settings.setLastTripID(each.announced);
+    call(&NetworkManager::getLocationHistoryEXTRAPOLATED);
+    EXPECT_EQ(backend.takeTargets(), each.request) << each.announced;
+  }
+  engine.newest = EngineLink::NewestTrip{};
+  EXPECT_DEATH(client().getLocationHistoryEXTRAPOLATED(), "no identifier");
+  settings.setUserUUID(std::nullopt);
+  client().getLocationHistoryEXTRAPOLATED();
+  EXPECT_TRUE(platform::Activity::idle());
+}
+
+TEST_F(Downloads, HandPlacesOverWhateverTheStatusAndForgetTheirVersionOnFailure) {
+  struct Case {
+    Backend::Answer answer;
+    std::size_t handedOver;
+    std::int64_t versionAfter;
+  };
+  const std::string two = R"({"success":true,"pois":[{"id":1},{"id":2}]})";
+  const Case cases[] = {{{200, two}, 1, 5},
+                        {{500, two}, 1, 0},
+                        {{500, ""}, 0, 0},
+                        {{200, "", {}, /*broken=*/true}, 0, 0},
+                        {{200, "nonsense"}, 0, 5},
+                        {{200, R"({"success":false,"pois":[]})"}, 0, 5},
+                        {{200, R"({"success":true})"}, 0, 5}};
+  LogDiary& log = LogDiary::installed();
+  for (const Case& each : cases) {
+    log.clear();
+    defaults.set("poi_version", 5);
+    backend.answer("pois", each.answer);
+    call(&NetworkManager::getPOI);
+    EXPECT_EQ(log.count("engine: pois 2"), each.handedOver) << each.answer.status << each.answer.body;
+    EXPECT_EQ(defaults.integer("poi_version"), each.versionAfter) << each.answer.status << each.answer.body;
+  }
+}
+
+TEST_F(Downloads, HandTripsOverWhateverTheStatusAndStopOnAnotherShape) {
+  settings.setLastTripID(3);
+  backend.answer("pasttrips", {500, R"({"success":true,"trips":[]})"});
+  LogDiary::installed();
+  call(&NetworkManager::getLocationHistoryEXTRAPOLATED);
+  expectInOrder({"NetworkManager:getLocationHistoryEXTRAPOLATED : httpStatus 500 réponse = <NSHTTPURLResponse>",
+                 "EXTRAPOLATED [net] [succes] jsonData:[\"success\": true, \"trips\": []]", "engine: trips 0"});
+  platform::setSystemLogSink({});
+  for (const char* trips : {"null", "[1]"}) {
+    backend.answer("pasttrips", {200, platform::concat(R"({"success":true,"trips":)", trips, "}")});
+    EXPECT_DEATH(call(&NetworkManager::getLocationHistoryEXTRAPOLATED), "\"trips\" is no");
+  }
+}
+
+const char* const kPrediction =
+    R"({"success":true,"prediction_id":8,"start_time":"s","arrival_time":"a","probability":1,"destination_lon":2.5,)"
+    R"("destination_lat":48,"route":{"r":1},"destination_json":{"d":2},"start_name":"Home","arrival_name":"Work",)"
+    R"("duration":12.5)";
+
+TEST_F(Downloads, StoreAPredictionWholeOrNotAtAll) {
+  LogDiary& log = LogDiary::installed();
+  const std::string lacksOne = std::string(kPrediction).replace(std::string(kPrediction).find("duration"), 8, "other");
+  backend.answer("predictions", {200, lacksOne + "}"});
+  call(&NetworkManager::getNextTrip);
+  EXPECT_EQ(LatestPrediction::shared().id(), 0);
+  EXPECT_EQ(log.count("engine: prediction"), 0u);
+
+  backend.answer("predictions", {200, std::string(kPrediction) + "}"});
+  call(&NetworkManager::getNextTrip);
+  const Trip trip = LatestPrediction::shared().value();
+  EXPECT_EQ(platform::concat(trip.id, trip.startTime, trip.ArrivalTime, trip.probability, " ", trip.destination_lon,
+                             " ", trip.destination_lat, trip.route, trip.next_destination, trip.duration),
+            R"(8sa1 2.5 48["r": 1]["d": 2]12.5)");
+  expectInOrder({"getNextTrip [net] [succes] prediction_id:8 startTime s",
+                 "[Tarvo.LastPrediction.start_name] : Home [Tarvo.LastPrediction.arrival_name] : Work",
+                 "[Tarvo.LastPrediction.duration] : 12.5", "[Tarvo.LastPrediction.route] : [\"r\": 1]",
+                 "engine: prediction"});
+}
+
+TEST_F(Downloads, StopTheProcessOnAPredictionOfWrongTypes) {
+  backend.answer("predictions", {200, std::string(kPrediction) + R"(,"probability":true})"});
+  EXPECT_DEATH(call(&NetworkManager::getNextTrip), "\"probability\" is no number");
+}
+
+}  // namespace
+}  // namespace tarvo::test
