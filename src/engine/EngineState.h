@@ -47,12 +47,12 @@ inline constexpr std::string_view kAppPaused = "app_paused";
 /// context; never back.
 struct EngineQueues {
   EngineQueues();
-  platform::SerialQueue serialQueue;            ///< modes, start and stop, intake
-  platform::SerialQueue serialQueueLocation;    ///< position writes
-  platform::SerialQueue serialQueueLastTrips;   ///< ingest of past trips
-  platform::SerialQueue serialQueuePOI;         ///< ingest of places
-  platform::SerialQueue serialNetworkQueue;     ///< backend replies and session errors
-  platform::SerialQueue serialNetworkDataQueue; ///< upload passes, run synchronously
+  platform::SerialQueue serialQueue;             ///< modes, start and stop, intake
+  platform::SerialQueue serialQueueLocation;     ///< position writes
+  platform::SerialQueue serialQueueLastTrips;    ///< ingest of past trips
+  platform::SerialQueue serialQueuePOI;          ///< ingest of places
+  platform::SerialQueue serialNetworkQueue;      ///< backend replies and session errors
+  platform::SerialQueue serialNetworkDataQueue;  ///< upload passes, run synchronously
 };
 
 /// A value that several threads read and write, one at a time.

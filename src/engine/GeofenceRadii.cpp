@@ -8,8 +8,8 @@ bool isUsableSpeed(double metresPerSecond) { return metresPerSecond != -1.0 && m
 
 double assumedSpeed(double metresPerSecond) {
   // Upper bound of the band, inclusive, and the speed assumed in it.
-  static constexpr std::pair<double, double> kBands[] = {{1.388, 2.0},     {5.556, 6.0},     {13.889, 13.889},
-                                                         {25.0, 25.0},     {36.111, 36.111}, {83.333, 83.333}};
+  static constexpr std::pair<double, double> kBands[] = {{1.388, 2.0}, {5.556, 6.0},     {13.889, 13.889},
+                                                         {25.0, 25.0}, {36.111, 36.111}, {83.333, 83.333}};
   for (const auto& [bound, speed] : kBands)
     if (metresPerSecond <= bound) return speed;
   return 100.0;

@@ -45,7 +45,9 @@ void LocationManager::setUserUUID(std::optional<std::string> uuid) { Settings::s
 void LocationManager::setDelegate(const std::shared_ptr<LocationManagerDelegate>& delegate) {
   parts_->state.delegate.set(delegate);
 }
-std::shared_ptr<LocationManagerDelegate> LocationManager::delegate() const { return parts_->state.delegate.get().lock(); }
+std::shared_ptr<LocationManagerDelegate> LocationManager::delegate() const {
+  return parts_->state.delegate.get().lock();
+}
 std::optional<std::string> LocationManager::apiKey() const { return parts_->syncState.apiKey(); }
 void LocationManager::setApiKey(std::optional<std::string> key) { parts_->syncState.setApiKey(std::move(key)); }
 bool LocationManager::tarvoStarted() const { return parts_->state.tarvoStarted; }
@@ -75,7 +77,9 @@ void LocationManager::sendAllUnsentDataToRemoteWebServer() { parts_->pipeline.se
 void LocationManager::markLocationAsSentUntilIndex(const std::string& locationIndex, const std::string& firstLoc) {
   parts_->pipeline.markLocationAsSentUntilIndex(locationIndex, firstLoc);
 }
-std::optional<std::string> LocationManager::checkAndRegisterUser() { return parts_->registration.checkAndRegisterUser(); }
+std::optional<std::string> LocationManager::checkAndRegisterUser() {
+  return parts_->registration.checkAndRegisterUser();
+}
 void LocationManager::registerUserToRemoteWebServer() { parts_->registration.registerUserToRemoteWebServer(); }
 void LocationManager::addNewUserToDatabase(const std::string& uuid, const std::string& creationDate) {
   parts_->registration.addNewUserToDatabase(uuid, creationDate);
@@ -88,7 +92,9 @@ LocationsHistory LocationManager::getLocationhistoryExtraPolated(std::optional<D
   return parts_->history.getLocationhistoryExtraPolated(since, until);
 }
 std::optional<PastTripRecord> LocationManager::getLastPastTrip() { return parts_->history.getLastPastTrip(); }
-std::vector<PointOfInterestRecord> LocationManager::getPointOfInterest() { return parts_->history.getPointOfInterest(); }
+std::vector<PointOfInterestRecord> LocationManager::getPointOfInterest() {
+  return parts_->history.getPointOfInterest();
+}
 void LocationManager::removeData() { parts_->history.removeData(); }
 void LocationManager::removePOIs() { parts_->history.removePOIs(); }
 void LocationManager::handleEventsForBackgroundURLSession(const std::string& identifier,
@@ -114,7 +120,8 @@ LocationManager::SyncStatus LocationManager::syncStatus() {
     status.acknowledged = status.stored - status.unsent - status.awaiting;
     auto newest = context.fetch({std::string(Locations::kEntity), {}, {{"index", false}}, 1});
     if (newest && !newest->empty())
-      if (const auto* location = dynamic_cast<const Locations*>(newest->front().get())) status.lastIndex = location->index();
+      if (const auto* location = dynamic_cast<const Locations*>(newest->front().get()))
+        status.lastIndex = location->index();
   });
   status.batchesPosted = parts_->pipeline.batchesPosted();
   status.positionsPosted = parts_->pipeline.positionsPosted();

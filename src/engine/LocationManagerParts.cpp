@@ -106,7 +106,8 @@ void LocationManager::Parts::probeServices() {
   }
 }
 
-void LocationManager::Parts::didUpdateLocations(CLLocationManager&, const std::vector<platform::CLLocation>& locations) {
+void LocationManager::Parts::didUpdateLocations(CLLocationManager&,
+                                                const std::vector<platform::CLLocation>& locations) {
   intake.didUpdateLocations(locations);
 }
 void LocationManager::Parts::didFailWithError(CLLocationManager&, const platform::Error& error) {

@@ -59,8 +59,9 @@ void ServiceModes::switchToForeground() {
     if (active) geofencing_.cancelGeofencing();
     locationManager_.startUpdatingLocation();
   } else {
-    Log::debug(active ? "LocationManager.foregroundMode [loc] stop:significant-change start:standard-service mainThread:"
-                      : "LocationManager.foregroundMode [loc] start:standard-service mainThread:",
+    Log::debug(active
+                   ? "LocationManager.foregroundMode [loc] stop:significant-change start:standard-service mainThread:"
+                   : "LocationManager.foregroundMode [loc] start:standard-service mainThread:",
                mainThread());
     if (active) locationManager_.stopMonitoringSignificantLocationChanges();
     locationManager_.startUpdatingLocation();
@@ -143,9 +144,12 @@ void ServiceModes::handleNotification(const std::string& name) {
 
 std::string ServiceModes::getAppState() {
   switch (UIApplication::shared().applicationState()) {
-    case UIApplicationState::inactive: return "app_inactive";
-    case UIApplicationState::background: return "app_paused";
-    default: return "app_resumed";
+    case UIApplicationState::inactive:
+      return "app_inactive";
+    case UIApplicationState::background:
+      return "app_paused";
+    default:
+      return "app_resumed";
   }
 }
 

@@ -12,9 +12,9 @@
 #include <tarvo/platform/SystemLog.h>
 #include <tarvo/platform/UserDefaults.h>
 
+#include "log/Utf8.h"
 #include "platform/foundation/DateFormatter.h"
 #include "platform/foundation/Files.h"
-#include "log/Utf8.h"
 #include "settings/Names.h"
 #include "settings/Settings.h"
 
@@ -28,12 +28,18 @@ std::atomic<std::int64_t> logLevel{Log::kOff};
 /// The name of a level, empty for a level that has none and so writes no line.
 std::string_view levelName(std::int64_t level) {
   switch (level) {
-    case Log::kVerbose: return "VERBOSE";
-    case Log::kDebug: return "DEBUG";
-    case Log::kInfo: return "INFO";
-    case Log::kWarning: return "WARNING";
-    case Log::kError: return "ERROR";
-    default: return {};
+    case Log::kVerbose:
+      return "VERBOSE";
+    case Log::kDebug:
+      return "DEBUG";
+    case Log::kInfo:
+      return "INFO";
+    case Log::kWarning:
+      return "WARNING";
+    case Log::kError:
+      return "ERROR";
+    default:
+      return {};
   }
 }
 

@@ -85,7 +85,6 @@ class Settings {
  private:
   Settings() = default;
 
-
   struct Values {
     std::int64_t activateStatus = -4;
     std::string clientID, tarvoapiKey, bundleID, deviceToken, apiKeySecret;

@@ -21,7 +21,8 @@ platform::Dictionary deviceDescription() {
   return {
       {"mobileos", "ios"},
       {"mobileid", concat("{\"os\":\"ios\", \"iosid\":\"", identifier, "\"}")},
-      {"phone_description", concat("{", device.name(), " ", device.systemName(), " ", device.systemVersion(), " ", "}")},
+      {"phone_description",
+       concat("{", device.name(), " ", device.systemName(), " ", device.systemVersion(), " ", "}")},
       {"sensors", "unknown"},
   };
 }

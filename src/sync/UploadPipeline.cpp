@@ -111,7 +111,8 @@ void UploadPipeline::sendAllUnsentDataToRemoteWebServer() {
   }
   const std::size_t positions = identifiers.size();
   for (auto& identifier : identifiers)
-    context.perform([this, list, identifier = std::move(identifier)] { markLocationAsSentWithoutACKWithID(identifier); });
+    context.perform(
+        [this, list, identifier = std::move(identifier)] { markLocationAsSentWithoutACKWithID(identifier); });
   post(batch.json, batch.first, batch.last, positions);
 }
 

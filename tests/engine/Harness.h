@@ -15,6 +15,7 @@
 #include <tarvo/platform/LocationService.h>
 #include <tarvo/platform/UserDefaults.h>
 
+#include "engine/LocationManagerParts.h"
 #include "platform/foundation/Activity.h"
 #include "platform/foundation/Files.h"
 #include "sandbox/Backend.h"
@@ -38,8 +39,8 @@ class WholeSdk : public testing::Test {
   void writeInfo(const std::string& bundle, const std::string& key, const std::string& client) {
     const std::string text =
         "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict><key>CFBundleIdentifier</key><string>" +
-        bundle + "</string><key>TarvoApiKey</key><string>" + key + "</string><key>TarvoClientID</key><string>" + client +
-        "</string></dict></plist>";
+        bundle + "</string><key>TarvoApiKey</key><string>" + key + "</string><key>TarvoClientID</key><string>" +
+        client + "</string></dict></plist>";
     ASSERT_FALSE(platform::writeFileAtomically(home.path() / "Info.plist", text, false));
   }
 

@@ -1,0 +1,85 @@
+#include "engine/Harness.h"
+
+#include <thread>
+
+#include "engine/GeofenceRadii.h"
+
+namespace tarvo {
+namespace {
+
+using platform::LocationService;
+using platform::Seconds;
+
+class Engine : public test::WholeSdk {};
+
+TEST_F(Engine, IsBuiltOnceForAllThreadsAndProbesWhatTheDeviceHas) {
+  LocationService::Capabilities capabilities;
+  capabilities.significantChange = false;
+  capabilities.heading = true;
+  LocationService::shared().setCapabilities(capabilities);
+  platform::UIDevice::current().setPlatformLevel(8);
+  std::vector<LocationManager*> seen(4);
+  std::vector<std::thread> threads;
+  for (auto& slot : seen) threads.emplace_back([&slot] { slot = &LocationManager::sharedInstance(); });
+  for (auto& thread : threads) thread.join();
+  for (auto* engine : seen) EXPECT_EQ(engine, seen.front());
+  EXPECT_EQ(diary.count("LocationManager:init [loc] [init] mainThread:"), 1u);
+  EXPECT_EQ(diary.count("STANDARD-LOCATION-SERVICE:true"), 1u);
+  EXPECT_EQ(diary.count("SIGNIFICANT-LOCATION-CHANGE-SERVICE:true"), 0u);
+  EXPECT_EQ(diary.count("HEADING-INFORMATION-SERVICE:true"), 1u);
+  EXPECT_EQ(diary.count("REGION-MONITORING-SERVICE:true"), 1u);
+  auto& parts = engine().parts();
+  EXPECT_FALSE(parts.state.activityMonitoringAvailable);
+  EXPECT_FALSE(parts.locationManager.allowsBackgroundLocationUpdates()) << "switched on from platform level 9 only";
+  EXPECT_EQ(parts.locationManager.distanceFilter(), 20.0);
+  EXPECT_LT(engine().randomID(), 1000000000u);
+}
+
+TEST_F(Engine, StoresEveryDeliveredFixAndMeasuresGeofencesOnlyASecondApart) {
+  Tarvo tarvo;
+  drive(1);
+  EXPECT_EQ(engine().syncStatus().stored, 0) << "a fix before the start is lost";
+  tarvo.activate(Tarvo::LOCAL_BACKGROUND);
+  auto& parts = engine().parts();
+  drive(1);
+  parts.geofencing.startGeofencing();
+  waitUntilIdle();
+  EXPECT_EQ(parts.locationManager.monitoredRegions().size(), 5u);
+  diary.clear();
+  clock->advance(Seconds(0.999));
+  LocationService::shared().deliver({fixAt(49, kStart + 10)});
+  waitUntilIdle();
+  EXPECT_EQ(diary.count("[geofence]"), 0u);
+  clock->advance(Seconds(1.0));
+  LocationService::shared().deliver({fixAt(50, kStart + 11)});
+  waitUntilIdle();
+  EXPECT_EQ(diary.count("[geofence] geofenceAge:"), 1u);
+  EXPECT_EQ(diary.count("LocationManager.startGeofencing [loc] [geofence] region:"), 5u);
+  EXPECT_EQ(engine().syncStatus().stored, 3);
+  // Armed at this fix, so "rms-scls"; the next one is stored as "scls".
+  EXPECT_EQ(parts.state.currentLocalisationMethod.get(), "rms-scls");
+  drive(1);
+  const auto history = tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {});
+  ASSERT_TRUE(history);
+  EXPECT_EQ(history->locations.back().localisationMethod, "scls");
+  EXPECT_EQ(history->locations.front().localisationMethod, "unknown");
+  EXPECT_EQ(history->locations.front().appName, "ios:org.example.host");
+}
+
+TEST(GeofenceRadii, FollowSpeedBandsAgeAndAccuracy) {
+  const std::pair<double, double> bands[] = {{0.5, 2},         {1.388, 2},  {1.389, 6},       {5.556, 6},
+                                             {13.889, 13.889}, {13.89, 25}, {36.111, 36.111}, {83.333, 83.333},
+                                             {83.334, 100},    {-0.5, 2}};
+  for (const auto& [speed, assumed] : bands) EXPECT_EQ(assumedSpeed(speed), assumed) << speed;
+  const double walking[] = {15, 45, 75, 135, 195};
+  for (std::size_t i = 0; i < kLookAheadSeconds.size(); ++i)
+    EXPECT_EQ(ringRadius(10, kLookAheadSeconds[i], 0, assumedSpeed(3)), walking[i]);
+  const double fallback[] = {1, 2, 3, 5, 10, 20, 30, 40, 50};
+  for (std::size_t i = 0; i < kAccuracyFractions.size(); ++i)
+    EXPECT_DOUBLE_EQ(fallbackRadius(20, kAccuracyFractions[i]), fallback[i]);
+  EXPECT_FALSE(isUsableSpeed(-1) || isUsableSpeed(0));
+  EXPECT_TRUE(isUsableSpeed(-0.5));
+}
+
+}  // namespace
+}  // namespace tarvo

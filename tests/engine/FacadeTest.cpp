@@ -1,0 +1,241 @@
+#include "engine/Harness.h"
+
+namespace tarvo {
+namespace {
+
+using platform::CLAuthorizationStatus;
+using platform::LocationService;
+using platform::Seconds;
+using platform::UserDefaults;
+
+class Facade : public test::WholeSdk {};
+
+/// Writes down what it is told, and does what a test asks of it from inside.
+class DiaryDelegate : public TarvoDelegate {
+ public:
+  void tarvoDidReceiveNewLocations(Tarvo& tarvo, const std::vector<platform::CLLocation>& newLocations) override {
+    batches.push_back(newLocations.size());
+    if (inside) inside(tarvo);
+  }
+  void tarvoOnRouteMatched(Tarvo&, const LocationsHistory& history) override {
+    matched.push_back(history.pasttrips.at(0).pasttrip_id.value_or(-1));
+  }
+  void tarvoOnPredictionUpdate(Tarvo&, const Trip&) override { ++predictions; }
+
+  std::vector<std::size_t> batches;
+  std::vector<std::int64_t> matched;
+  int predictions = 0;
+  std::function<void(Tarvo&)> inside;
+};
+
+TEST_F(Facade, GatesReadsByTheMode) {
+  Tarvo tarvo;
+  EXPECT_EQ(Tarvo::ACTIVATE_STATUS(), Tarvo::DEACTIVE_ALL);
+  tarvo.requestLocationUpdate();
+  EXPECT_EQ(diary.count("LocationManager:requestLocationUpdate"), 0u);
+  tarvo.activate(Tarvo::LOCAL_BACKGROUND);
+  EXPECT_FALSE(tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {})) << "an empty history is absent";
+  drive(2);
+  engine().parts().history.addNewLastTrip({{{"pasttrip_id", 7}, {"start_time", "2024-06-15T10:00:00.000+0000"}}});
+  const struct {
+    std::int64_t mode;
+    bool raw, extrapolated, trip, position;
+  } cases[] = {{-4, false, false, false, false}, {-1, false, false, false, true}, {0, false, false, false, true},
+               {3, false, false, false, true},   {4, true, false, false, true},   {7, true, false, false, true},
+               {8, true, true, false, true},     {12, true, true, true, true}};
+  for (const auto& wanted : cases) {
+    Tarvo::setACTIVATE_STATUS(wanted.mode);
+    EXPECT_EQ(tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {}).has_value(), wanted.raw) << wanted.mode;
+    EXPECT_EQ(tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_EXTRAPOLATED, {}, {}).has_value(), wanted.extrapolated)
+        << wanted.mode;
+    EXPECT_FALSE(tarvo.getLocationHistory(3, {}, {}));
+    EXPECT_EQ(tarvo.getNextTrip().has_value(), wanted.trip) << wanted.mode;
+    EXPECT_EQ(tarvo.getCurrentLocation().has_value(), wanted.position) << wanted.mode;
+  }
+  Tarvo::setACTIVATE_STATUS(12);
+  tarvo.resetLocalHistory();
+  EXPECT_FALSE(tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_EXTRAPOLATED, {}, {}));
+  const auto raw = tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {});
+  ASSERT_TRUE(raw);
+  EXPECT_EQ(raw->locations.size(), 2u);
+  EXPECT_EQ(raw->firstLocation.latitude, raw->locations[0].latitude);
+}
+
+TEST_F(Facade, KeepsTheModeAsAPairedMarkerThatOnlyModeTwoSurvives) {
+  for (const std::int64_t mode : {std::int64_t{12}, std::int64_t{2}}) {
+    Tarvo().activate(mode);
+    EXPECT_EQ(UserDefaults::standard().integer("ACTIVATE_STATUS_YES"), mode);
+    EXPECT_EQ(UserDefaults::standard().integer("TARVO_ACTIVATE_STATUS"), 2);
+    Tarvo::setACTIVATE_STATUS(-4);  // as after a relaunch
+    Tarvo relaunched;
+    EXPECT_EQ(Tarvo::ACTIVATE_STATUS(), mode == 2 ? 2 : -4);
+  }
+  EXPECT_EQ(Tarvo::clientID(), "demo");
+}
+
+TEST_F(Facade, TellsTheNewestObjectOfWholeBatchesUntilToldToStop) {
+  Tarvo older;
+  auto olderHost = std::make_shared<DiaryDelegate>();
+  older.setDelegate(olderHost);
+  auto host = std::make_shared<DiaryDelegate>();
+  std::optional<Tarvo> newest = Tarvo();
+  newest->setDelegate(host);
+  newest->activate(Tarvo::LOCAL_BACKGROUND);
+  LocationService::shared().deliver({fixAt(48, kStart), fixAt(48.01, kStart + 1)});
+  waitUntilIdle();
+  EXPECT_EQ(host->batches, std::vector<std::size_t>{2});
+  newest->stopLocationUpdate();
+  drive(1);
+  newest->serviceConnect();
+  drive(1);
+  EXPECT_EQ(host->batches.size(), 1u) << "collection goes on, but the host is not told";
+  newest->requestLocationUpdate();
+  drive(1);
+  EXPECT_EQ(host->batches.size(), 2u);
+  newest.reset();
+  drive(1);
+  EXPECT_EQ(host->batches.size(), 2u);
+  EXPECT_TRUE(olderHost->batches.empty()) << "an older object does not take over";
+  // Five fixes, the two of the first batch counted singly, and the event of serviceConnect.
+  EXPECT_EQ(engine().syncStatus().stored, 7);
+}
+
+TEST_F(Facade, LetsTheHostStopEverythingFromInsideACallback) {
+  startBackend();
+  Tarvo tarvo = registered();
+  auto host = std::make_shared<DiaryDelegate>();
+  host->inside = [](Tarvo& self) {
+    self.stopLocationUpdate();
+    self.getCurrentLocation();
+    self.activate(Tarvo::DEACTIVE_ALL);
+  };
+  tarvo.setDelegate(host);
+  LocationService::shared().deliver({fixAt(48, kStart + 200)});
+  // Meanwhile this thread wants the queue that the callback wants.
+  engine().requestLocationUpdate();
+  waitUntilIdle();
+  EXPECT_EQ(host->batches.size(), 1u);
+  EXPECT_FALSE(engine().tarvoStarted());
+  drive(2);
+  EXPECT_EQ(host->batches.size(), 1u);
+}
+
+TEST_F(Facade, AsksForThePermissionThatTheModeNeedsAndAnswersTheStatusBefore) {
+  Tarvo tarvo;
+  const struct {
+    CLAuthorizationStatus status;
+    std::int64_t mode;
+    bool alerts;
+  } cases[] = {{CLAuthorizationStatus::authorizedAlways, 0, false},
+               {CLAuthorizationStatus::authorizedWhenInUse, 8, false},
+               {CLAuthorizationStatus::restricted, 8, false},
+               {CLAuthorizationStatus::denied, 4, true}};
+  for (const auto& wanted : cases) {
+    LocationService::shared().setAuthorizationStatus(wanted.status);
+    EXPECT_EQ(engine().checkAndRequestLocationAuthorization(wanted.mode), wanted.status);
+    diary.clear();
+    tarvo.activate(Tarvo::DEACTIVE_ALL);
+    tarvo.activate(wanted.mode);
+    // Once by the activation, once by the start that it causes.
+    EXPECT_EQ(diary.count("requestAgainLocationAuthorization"), wanted.alerts ? 2u : 0u);
+    waitUntilIdle();
+  }
+}
+
+TEST_F(Facade, RecordsChangesOfPermissionAtTheLastKnownPlaceWhileStarted) {
+  Tarvo tarvo;
+  LocationService::shared().setAuthorizationStatus(CLAuthorizationStatus::denied);
+  waitUntilIdle();
+  LocationService::shared().setAuthorizationStatus(CLAuthorizationStatus::authorizedAlways);
+  waitUntilIdle();
+  EXPECT_EQ(diary.count("didChangeAuthorization"), 0u);
+  tarvo.activate(Tarvo::LOCAL_BACKGROUND);
+  waitUntilIdle();
+  diary.clear();
+  for (const auto status : {CLAuthorizationStatus::denied, CLAuthorizationStatus::authorizedWhenInUse}) {
+    LocationService::shared().setAuthorizationStatus(status);
+    waitUntilIdle();
+  }
+  EXPECT_EQ(engine().syncStatus().stored, 0) << "without a last position there is nothing to record";
+  drive(1);
+  for (const auto status : {CLAuthorizationStatus::restricted, CLAuthorizationStatus::notDetermined,
+                            CLAuthorizationStatus::authorizedAlways}) {
+    LocationService::shared().setAuthorizationStatus(status);
+    waitUntilIdle();
+  }
+  EXPECT_EQ(diary.count("didChangeAuthorization [loc] unknown status:0"), 1u);
+  const auto history = tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {});
+  ASSERT_TRUE(history);
+  std::vector<std::string> words;
+  for (const auto& record : history->locations) words.push_back(record.serviceAction.value_or("?"));
+  EXPECT_EQ(words, (std::vector<std::string>{"loc_changed", "loc_disabled", "loc_enabled"}));
+  EXPECT_EQ(history->locations[1].localisationMethod, "event");
+}
+
+TEST_F(Facade, RefreshesForAPushByPermissionAndKeepsOtherSendersOut) {
+  startBackend();
+  Tarvo tarvo = registered();
+  drive(1);
+  EXPECT_FALSE(tarvo.didReceiveRemoteNotification({{"messageFrom", "someone"}}));
+  EXPECT_FALSE(tarvo.didReceiveRemoteNotification({{"messageFrom", 1}}));
+  const platform::Dictionary push{{"messageFrom", "tarvo"}};
+  EXPECT_TRUE(tarvo.didReceiveRemoteNotification(push));
+  EXPECT_TRUE(tarvo.didReceiveRemoteNotification(push));
+  LocationService::shared().setAuthorizationStatus(CLAuthorizationStatus::authorizedWhenInUse);
+  EXPECT_TRUE(tarvo.didReceiveRemoteNotification(push));
+  waitUntilIdle();
+  Tarvo::setACTIVATE_STATUS(4);
+  EXPECT_TRUE(tarvo.didReceiveRemoteNotification(push));
+  const auto history = tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {});
+  ASSERT_TRUE(history);
+  std::vector<std::string> pushed;
+  for (const auto& record : history->locations)
+    if (record.localisationMethod == "push") pushed.push_back(record.serviceAction.value_or("?"));
+  EXPECT_EQ(pushed, (std::vector<std::string>{"loc_enabled", "loc_refresh", "loc_disabled"}));
+}
+
+TEST_F(Facade, RunsOnWithoutAStoreAfterOneLineThatSaysSo) {
+  std::filesystem::create_directories(home.path() / "Documents");
+  const auto file = home.path() / "Documents" / "Marrowgate-Tarvo-db3.sqlite";
+  const std::string garbage(5000, 'x');
+  ASSERT_FALSE(platform::writeFileAtomically(file, garbage, false));
+  startBackend();
+  Tarvo tarvo = registered();
+  drive(2);
+  EXPECT_EQ(diary.count("YOUR_ERROR_DOMAIN"), 1u);
+  EXPECT_EQ(diary.count("Unresolved error Error Domain=YOUR_ERROR_DOMAIN Code=9999"), 1u);
+  EXPECT_FALSE(engine().syncStatus().storeAvailable);
+  EXPECT_FALSE(tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {}));
+  EXPECT_FALSE(tarvo.getCurrentLocation());
+  auto bytes = platform::readFile(file);
+  ASSERT_TRUE(bytes);
+  EXPECT_EQ(*bytes, garbage) << "what is not ours is left as it is";
+}
+
+TEST_F(Facade, StopsTheProcessOnlyWhenThereIsNowhereForTheStore) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        platform::setSystemLogSink({});
+        platform::setDocumentDirectories({});
+        Tarvo tarvo;
+      },
+      "Fatal error: there is no document directory");
+}
+
+TEST_F(Facade, PutsTheStoreIntoTheLastDocumentsDirectoryAndTheLogIntoTheFirst) {
+  const auto first = home.path() / "first";
+  const auto last = home.path() / "last";
+  for (const auto& directory : {first, last}) std::filesystem::create_directories(directory);
+  platform::setDocumentDirectories({first, last});
+  UserDefaults::standard().set("tarvologlevel", 6);
+  Tarvo tarvo;
+  LocationManager::setUserUUID("U");
+  tarvo.activate(4);
+  waitUntilIdle();
+  EXPECT_TRUE(std::filesystem::exists(last / "Marrowgate-Tarvo-db3.sqlite"));
+  EXPECT_TRUE(std::filesystem::exists(first / "TarvoLog_2024-06-15_U_IOS.txt"));
+}
+
+}  // namespace
+}  // namespace tarvo

@@ -1,0 +1,47 @@
+#!/usr/bin/env bash
+# Input that cannot serve gives a clear message and its exit status, never a crash. usage: bad-input.sh PROGRAM SOURCE
+set -uo pipefail
+program=$1 source=$2
+work=$(mktemp -d)
+trap 'chmod -R u+w "$work"; rm -rf "$work"' EXIT
+trip=$source/apps/demo/demo-trip.gpx
+failed=0
+# expect STATUS TEXT COMMAND...: the exit status, and a text somewhere in the output.
+expect() {
+  local status=$1 text=$2 output got
+  shift 2
+  output=$("$@" 2>&1)
+  got=$?
+  if [ $got -ne "$status" ] || ! grep -qiF -- "$text" <<<"$output"; then
+    echo "expected $status and '$text', got $got from: $*"
+    head -n 5 <<<"$output"
+    failed=1
+  fi
+}
+
+echo 'this is no XML' >"$work/text.gpx"
+echo '<?xml version="1.0"?><kml/>' >"$work/other.gpx"
+expect 2 'text.gpx' "$program" replay "$work/text.gpx" --sandbox --home "$work/a"
+expect 2 'other.gpx' "$program" replay "$work/other.gpx" --sandbox --home "$work/a"
+expect 2 'missing.gpx' "$program" replay "$work/missing.gpx" --sandbox --home "$work/a"
+expect 2 'mode' "$program" replay "$trip" --mode 5 --home "$work/a"
+expect 1 'store' "$program" status --home "$work/a"
+[ -e "$work/a" ] && { echo "reading or failing made a home"; failed=1; }
+
+mkdir -p "$work/corrupt/Documents"
+head -c 20000 /dev/urandom >"$work/corrupt/Documents/Marrowgate-Tarvo-db3.sqlite"
+cp "$work/corrupt/Documents/Marrowgate-Tarvo-db3.sqlite" "$work/kept"
+expect 3 'store' "$program" replay "$trip" --sandbox --home "$work/corrupt"
+cmp -s "$work/kept" "$work/corrupt/Documents/Marrowgate-Tarvo-db3.sqlite" || { echo "the corrupt store was touched"; failed=1; }
+
+# A file in the way of the home: nobody can write there, root neither.
+echo >"$work/file"
+expect 3 'home' "$program" replay "$trip" --sandbox --home "$work/file/home"
+
+# A property list without keys is used as it is, and the log says what is missing.
+mkdir -p "$work/keyless"
+echo '<?xml version="1.0"?><plist version="1.0"><dict/></plist>' >"$work/keyless/Info.plist"
+expect 1 'Failed to load Tarvo API KEY' "$program" replay "$trip" --backend http://127.0.0.1:9/api --home "$work/keyless" \
+  --log --deadline 2
+[ $failed = 0 ] && echo "bad input is refused clearly"
+exit $failed
