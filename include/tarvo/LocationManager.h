@@ -111,8 +111,8 @@ class TARVO_API LocationManager {
   /// How far the upload has come.
   struct SyncStatus {
     std::int64_t stored = 0;
-    std::int64_t unsent = 0;        ///< never posted
-    std::int64_t awaiting = 0;      ///< posted, not acknowledged
+    std::int64_t unsent = 0;    ///< never posted
+    std::int64_t awaiting = 0;  ///< posted, not acknowledged
     std::int64_t acknowledged = 0;
     std::optional<std::int64_t> lastIndex;
     std::uint64_t batchesPosted = 0;    ///< by this process

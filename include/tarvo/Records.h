@@ -13,15 +13,15 @@ namespace tarvo {
 
 /// A stored position as the host gets it: a copy that later uploads do not change. Every attribute can be absent.
 struct LocationRecord {
-  std::optional<double> latitude, longitude;           ///< degrees
-  std::optional<double> altitude;                      ///< metres
+  std::optional<double> latitude, longitude;                   ///< degrees
+  std::optional<double> altitude;                              ///< metres
   std::optional<double> horizontalAccuracy, verticalAccuracy;  ///< metres; negative: invalid
-  std::optional<double> course;                        ///< degrees from true north; negative: invalid
-  std::optional<double> speed;                         ///< metres per second; negative: invalid
+  std::optional<double> course;                                ///< degrees from true north; negative: invalid
+  std::optional<double> speed;                                 ///< metres per second; negative: invalid
   std::optional<std::int64_t> floor;
-  std::optional<platform::Date> locationTimestamp;     ///< when the fix was made
-  std::optional<platform::Date> eventTimestamp;        ///< when it was stored
-  std::optional<std::int64_t> index;                   ///< running number, its name towards the backend
+  std::optional<platform::Date> locationTimestamp;  ///< when the fix was made
+  std::optional<platform::Date> eventTimestamp;     ///< when it was stored
+  std::optional<std::int64_t> index;                ///< running number, its name towards the backend
   std::optional<std::string> serviceAction, localisationMethod, userAction, appName, appAction, identifierForVendor;
   std::optional<bool> unsent, sentWithoutACK;
 };
@@ -37,7 +37,7 @@ struct PastTripRecord {
 /// A place that the backend derived.
 struct PointOfInterestRecord {
   std::optional<std::int64_t> poi_id;
-  std::optional<double> latitude, longitude;           ///< degrees
+  std::optional<double> latitude, longitude;  ///< degrees
   std::optional<std::string> point_geo_json, zone_geo_json;
 };
 

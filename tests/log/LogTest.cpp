@@ -165,12 +165,18 @@ TEST(Settings, RefuseAddressesAndClientIdsThatCannotServe) {
     const char* url;
     bool allowPlain, accepted;
   } cases[] = {
-      {"https://backend.example/api", false, true},   {"http://127.0.0.1:8080/api", false, true},
-      {"http://[::1]:8080/api", false, true},         {"http://localhost/api", false, true},
-      {"http://backend.example/api", false, false},   {"http://backend.example/api", true, true},
-      {"http://127.0.0.1.evil.example/", false, false}, {"ftp://backend.example", true, false},
-      {"backend.example/api", true, false},           {"https://user:pw@backend.example", false, false},
-      {"https://backend.example/api?x=1", false, false}, {"", true, false},
+      {"https://backend.example/api", false, true},
+      {"http://127.0.0.1:8080/api", false, true},
+      {"http://[::1]:8080/api", false, true},
+      {"http://localhost/api", false, true},
+      {"http://backend.example/api", false, false},
+      {"http://backend.example/api", true, true},
+      {"http://127.0.0.1.evil.example/", false, false},
+      {"ftp://backend.example", true, false},
+      {"backend.example/api", true, false},
+      {"https://user:pw@backend.example", false, false},
+      {"https://backend.example/api?x=1", false, false},
+      {"", true, false},
       {"https://bad host/", true, false},
   };
   for (const auto& [url, allowPlain, accepted] : cases) {

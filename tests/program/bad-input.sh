@@ -25,7 +25,7 @@ expect 2 'text.gpx' "$program" replay "$work/text.gpx" --sandbox --home "$work/a
 expect 2 'other.gpx' "$program" replay "$work/other.gpx" --sandbox --home "$work/a"
 expect 2 'missing.gpx' "$program" replay "$work/missing.gpx" --sandbox --home "$work/a"
 expect 2 'mode' "$program" replay "$trip" --mode 5 --home "$work/a"
-expect 1 'store' "$program" status --home "$work/a"
+expect 1 'nothing was collected' "$program" status --home "$work/a"
 [ -e "$work/a" ] && { echo "reading or failing made a home"; failed=1; }
 
 mkdir -p "$work/corrupt/Documents"
