@@ -1,0 +1,20 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include <tarvo/platform/Date.h>
+
+namespace tarvo::cli {
+
+/// Seconds since 1970, or ISO 8601: a day, or a day and a time with or without seconds, fraction and zone; without a
+/// zone it is UTC. Absent when the text is neither.
+std::optional<platform::Date> parseDate(const std::string& text);
+
+/// A factor of real time; `factor` is absent for "max". Absent when the text is neither that nor above zero.
+struct Speed {
+  std::optional<double> factor;
+};
+std::optional<Speed> parseSpeed(const std::string& text);
+
+}  // namespace tarvo::cli

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <functional>
+
+namespace CLI {
+class App;
+}
+
+namespace tarvo::cli {
+
+/// Each adds one subcommand with its options; when the command line names it, `run` becomes what it does. The result
+/// of `run` is the exit status; it throws Failure.
+using Run = std::function<int()>;
+void addReplayCommand(CLI::App& app, Run& run);
+void addHistoryCommand(CLI::App& app, Run& run);
+void addStatusCommand(CLI::App& app, Run& run);
+
+}  // namespace tarvo::cli
