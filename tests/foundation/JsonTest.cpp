@@ -106,16 +106,35 @@ TEST(PropertyList, KeepsTypesAndEveryText) {
             Value(Dictionary{{"nul", "a\uFFFD\uFFFDz"}, {"bytes", "\uFFFD"}}));
 }
 
+/// A well-formed binary list of arrays in one another.
+std::string deepBinaryList(std::size_t depth) {
+  std::string list = "bplist00";
+  std::string offsets;
+  const auto bigEndian = [](std::string& out, std::size_t number, int bytes) {
+    while (bytes-- > 0) out.push_back(static_cast<char>(number >> (8 * bytes)));
+  };
+  for (std::size_t i = 0; i < depth; ++i) {
+    bigEndian(offsets, list.size(), 3);
+    list.push_back(i + 1 < depth ? '\xa1' : '\xa0');
+    if (i + 1 < depth) bigEndian(list, i + 1, 3);
+  }
+  const std::size_t table = list.size();
+  list += offsets + std::string(6, '\0') + "\3\3";
+  for (std::size_t number : {depth, std::size_t{0}, table}) bigEndian(list, number, 8);
+  return list;
+}
+
 TEST(PropertyList, ReadsForeignTypesAndRefusesHostileFiles) {
   EXPECT_EQ(parsePropertyList("<plist><array><integer>18446744073709551615</integer><integer>-1</integer>"
                               "<date>2017-03-02T08:15:30Z</date><data>AQID</data></array></plist>")
                 .value(),
             Value(Array{18446744073709551615.0, -1, "2017-03-02T08:15:30Z", "AQID"}));
+  EXPECT_EQ(parsePropertyList(deepBinaryList(2)).value(), Value(Array{Value(Array{})}));
   std::string deep = "<plist>";
   for (int i = 0; i < 1'000'000; ++i) deep += "<array>";
   for (int i = 0; i < 1'000'000; ++i) deep += "</array>";
-  for (const std::string& text : {std::string(), std::string("hello"), std::string("<plist/>"), deep + "</plist>",
-                                  "bplist00" + std::string(300'000, '\xa1')})
+  for (const std::string& text :
+       {std::string(), std::string("hello"), std::string("<plist/>"), deep + "</plist>", deepBinaryList(150'000)})
     EXPECT_FALSE(parsePropertyList(text)) << text.substr(0, 20);
 }
 

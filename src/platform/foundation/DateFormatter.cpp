@@ -48,8 +48,8 @@ std::string utf8(std::u16string_view text) {
   return out;
 }
 
-// ICU takes milliseconds as a double and cuts downwards. A date that came from whole milliseconds has lost the last
-// bits in its double of seconds and must not fall one millisecond short.
+// ICU takes milliseconds as a double and cuts downwards. Whole milliseconds that were divided by 1000 do not all come
+// back by multiplication (those of 2038 do not), and must not fall one short.
 UDate milliseconds(Date date) {
   const double seconds = secondsSince1970(date);
   const double whole = std::round(seconds * 1000);
