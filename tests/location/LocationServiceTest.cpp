@@ -151,6 +151,38 @@ TEST(LocationService, PromptsOnTheMainQueueOnlyWhereTheAnswerIsOpen) {
   }
 }
 
+TEST(LocationService, SwitchesItsSourceOnOnlyWhileSomebodyNeedsFixes) {
+  struct DiarySource final : LocationSource {
+    void start(double metres) override { lines += concat("start ", metres, "; "); }
+    void stop() override { lines += "stop; "; }
+    std::string lines;
+  };
+  const auto source = std::make_shared<DiarySource>();
+  const auto read = [&] {
+    EXPECT_TRUE(Activity::waitUntilIdle(Seconds(10)));
+    return std::exchange(source->lines, {});
+  };
+  CLLocationManager precise, coarse;
+  precise.setDesiredAccuracy(kCLLocationAccuracyNearestTenMeters);
+  coarse.setDesiredAccuracy(kCLLocationAccuracyHundredMeters);
+  LocationService::shared().setSource(source);
+  EXPECT_EQ(read(), "");
+  coarse.startUpdatingLocation();
+  EXPECT_EQ(read(), "start 100; ");
+  precise.requestLocation();
+  EXPECT_EQ(read(), "start 10; ");
+  CLLocation fix;
+  fix.horizontalAccuracy = 5;
+  LocationService::shared().deliver({fix});
+  EXPECT_EQ(read(), "start 100; ") << "the request is answered";
+  LocationService::shared().setAuthorizationStatus(CLAuthorizationStatus::denied);
+  EXPECT_EQ(read(), "stop; ");
+  LocationService::shared().setAuthorizationStatus(CLAuthorizationStatus::authorizedAlways);
+  EXPECT_EQ(read(), "start 100; ");
+  coarse.stopUpdatingLocation();
+  EXPECT_EQ(read(), "stop; ");
+}
+
 TEST(LocationManager, AnswersARequestWithOneFixOrAnErrorAfterTenSeconds) {
   Process process;
   DiaryDelegate delegate;

@@ -23,6 +23,18 @@ enum class CLAuthorizationStatus : std::int64_t {
 /// What a host asks its user; the answer comes back through `LocationService::setAuthorizationStatus`.
 enum class AuthorizationRequest { whenInUse, always };
 
+/// A receiver that the service switches on and off, so that it rests while nobody needs fixes. It hands its fixes to
+/// `LocationService::deliver`.
+///
+/// Threads: both calls come on the service's delivery queue, in turn, starting with `start`; they return soon.
+class TARVO_API LocationSource {
+ public:
+  virtual ~LocationSource() = default;
+  /// Somebody needs fixes; called again when the best accuracy that anybody wants has changed (metres, -1: best).
+  virtual void start(double desiredAccuracyMetres) = 0;
+  virtual void stop() = 0;
+};
+
 /// The host's side of location services: fixes and permission go in here; the managers of the process share it.
 ///
 /// Threads: any thread may call; no call waits for a delivery. Fixes and status changes reach the managers'
@@ -38,6 +50,9 @@ class TARVO_API LocationService {
   /// Takes fixes, oldest first. Each one that is not finite or out of range is refused with a line in the system
   /// log; the others reach each manager that updates, through its distance filter.
   void deliver(const std::vector<CLLocation>& fixes);
+
+  /// The receiver to switch; a host that pushes fixes by itself needs none. The one before is stopped if it runs.
+  void setSource(std::shared_ptr<LocationSource> source);
 
   /// Reports a failure of the positioning itself (CLError locationUnknown 0, denied 1) to updating managers.
   void fail(std::int64_t code);

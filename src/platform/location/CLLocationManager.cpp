@@ -19,7 +19,10 @@ std::string CLCircularRegion::description() const {
 
 CLLocationManager::CLLocationManager() : client_(std::make_shared<LocationClient>(*this)) { service().add(client_); }
 
-CLLocationManager::~CLLocationManager() { client_->detach(); }
+CLLocationManager::~CLLocationManager() {
+  client_->detach();
+  service().demandMayHaveChanged();
+}
 
 void CLLocationManager::setDelegate(CLLocationManagerDelegate* delegate) {
   if (client_->setDelegate(delegate)) service().postStatus(client_);
@@ -27,6 +30,7 @@ void CLLocationManager::setDelegate(CLLocationManagerDelegate* delegate) {
 
 void CLLocationManager::setDesiredAccuracy(double metres) {
   client_->changeWishes([=](auto& wishes) { wishes.desiredAccuracyMetres = metres; });
+  service().demandMayHaveChanged();
 }
 
 void CLLocationManager::setDistanceFilter(double metres) {
@@ -50,22 +54,40 @@ bool CLLocationManager::allowsBackgroundLocationUpdates() const { return client_
 
 void CLLocationManager::startUpdatingLocation() {
   if (client_->startUpdating()) service().postDenialIfRefused(client_);
+  service().demandMayHaveChanged();
 }
 
-void CLLocationManager::stopUpdatingLocation() { client_->stopUpdating(); }
+void CLLocationManager::stopUpdatingLocation() {
+  client_->stopUpdating();
+  service().demandMayHaveChanged();
+}
 
-void CLLocationManager::requestLocation() { service().startRequest(client_); }
+void CLLocationManager::requestLocation() {
+  service().startRequest(client_);
+  service().demandMayHaveChanged();
+}
 
 void CLLocationManager::startMonitoringSignificantLocationChanges() {
   if (!client_->startSignificantChanges()) return;
   service().postDenialIfRefused(client_);
   service().postKnownFix(client_);
+  service().demandMayHaveChanged();
 }
 
-void CLLocationManager::stopMonitoringSignificantLocationChanges() { client_->stopSignificantChanges(); }
+void CLLocationManager::stopMonitoringSignificantLocationChanges() {
+  client_->stopSignificantChanges();
+  service().demandMayHaveChanged();
+}
 
-void CLLocationManager::startMonitoring(const CLCircularRegion& region) { service().startRegion(client_, region); }
-void CLLocationManager::stopMonitoring(const CLCircularRegion& region) { service().stopRegion(region); }
+void CLLocationManager::startMonitoring(const CLCircularRegion& region) {
+  service().startRegion(client_, region);
+  service().demandMayHaveChanged();
+}
+
+void CLLocationManager::stopMonitoring(const CLCircularRegion& region) {
+  service().stopRegion(region);
+  service().demandMayHaveChanged();
+}
 std::vector<CLCircularRegion> CLLocationManager::monitoredRegions() const { return service().regions(); }
 
 std::optional<CLLocation> CLLocationManager::location() const { return service().latest(); }

@@ -6,6 +6,7 @@
 
 #include "platform/foundation/SerialQueue.h"
 #include "platform/foundation/Text.h"
+#include "platform/location/LocationServiceState.h"
 
 namespace tarvo::platform {
 namespace {
@@ -36,6 +37,13 @@ void LocationClient::detach() {
 LocationClient::Wishes LocationClient::wishes() const {
   MutexLock lock(mutex_);
   return wishes_;
+}
+
+std::optional<double> LocationClient::neededAccuracyMetres() const {
+  MutexLock lock(mutex_);
+  if (updating_ || request_) return wishes_.desiredAccuracyMetres;
+  if (significant_) return kCLLocationAccuracyHundredMeters;
+  return std::nullopt;
 }
 
 bool LocationClient::startUpdating() {
@@ -146,6 +154,7 @@ void LocationClient::requestTimedOut(std::uint64_t serial) {
     latest = request_->latest;
     request_.reset();
   }
+  LocationService::shared().state().demandMayHaveChanged();
   tell([&](auto& delegate, auto& owner) {
     if (latest)
       delegate.didUpdateLocations(owner, {*latest});

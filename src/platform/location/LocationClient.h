@@ -55,6 +55,8 @@ class LocationClient : public std::enable_shared_from_this<LocationClient> {
     bool allowsBackground = false;
   };
   Wishes wishes() const;
+  /// Absent while no service of this manager needs fixes.
+  std::optional<double> neededAccuracyMetres() const;
   template <class Change>
   void changeWishes(Change change) {
     MutexLock lock(mutex_);

@@ -56,6 +56,8 @@ void LocationService::deliver(const std::vector<CLLocation>& fixes) {
   if (!usable.empty()) state_->deliver(std::move(usable));
 }
 
+void LocationService::setSource(std::shared_ptr<LocationSource> source) { state_->setSource(std::move(source)); }
+
 void LocationService::fail(std::int64_t code) { state_->postFailure(code); }
 
 CLAuthorizationStatus LocationService::authorizationStatus() const { return state_->permission().status; }

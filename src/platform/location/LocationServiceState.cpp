@@ -1,5 +1,7 @@
 #include "platform/location/LocationServiceState.h"
 
+#include <algorithm>
+
 #include <tarvo/platform/Clock.h>
 #include <tarvo/platform/MainQueue.h>
 #include <tarvo/platform/UserDefaults.h>
@@ -60,6 +62,11 @@ void LocationService::State::deliver(std::vector<CLLocation> fixes) {
 void LocationService::State::process(const FixBatch& batch) {
   const Permission allowed = permission();
   if (!allowed.allowsFixes()) return;
+  hand(batch, allowed);
+  followDemand();  // a request may have been answered
+}
+
+void LocationService::State::hand(const FixBatch& batch, const Permission& allowed) {
   const Rules current = shared().rules();
   for (const auto& client : clients()) client->receive(batch, allowed, current);
 
@@ -87,6 +94,7 @@ void LocationService::State::setStatus(CLAuthorizationStatus status) {
           client->authorizationChanged(status);
           if (refuses) client->fail(clError::denied);
         }
+        followDemand();
       });
     }
   }
@@ -139,6 +147,46 @@ void LocationService::State::startRegion(std::shared_ptr<LocationClient> client,
 void LocationService::State::stopRegion(const CLCircularRegion& region) {
   MutexLock lock(mutex);
   regions_.remove(region.identifier);
+}
+
+void LocationService::State::setSource(std::shared_ptr<LocationSource> source) {
+  MutexLock lock(mutex);
+  source_ = std::move(source);
+  deliveries_.async([this] { followDemand(); });
+}
+
+void LocationService::State::demandMayHaveChanged() {
+  MutexLock lock(mutex);
+  if (source_) deliveries_.async([this] { followDemand(); });
+}
+
+std::optional<double> LocationService::State::demand() const {
+  if (!permission().allowsFixes()) return std::nullopt;
+  std::optional<double> best;
+  const auto need = [&](double metres) { best = best ? std::min(*best, metres) : metres; };
+  for (const auto& client : clients())
+    if (const auto metres = client->neededAccuracyMetres()) need(*metres);
+  if (!regions().empty()) need(kCLLocationAccuracyHundredMeters);
+  return best;
+}
+
+void LocationService::State::followDemand() {
+  std::shared_ptr<LocationSource> wanted;
+  {
+    MutexLock lock(mutex);
+    wanted = source_;
+  }
+  if (!wanted && !running_) return;
+  const std::optional<double> accuracy = wanted ? demand() : std::nullopt;
+  if (running_ && (running_ != wanted || !accuracy)) {
+    running_->stop();
+    running_ = nullptr;
+  }
+  if (wanted && accuracy && (!running_ || accuracy != runningAccuracy_)) {
+    running_ = wanted;
+    running_->start(*accuracy);
+  }
+  runningAccuracy_ = accuracy;
 }
 
 void LocationService::State::ask(AuthorizationRequest request) {

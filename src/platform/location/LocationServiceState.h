@@ -37,6 +37,9 @@ struct LocationService::State {
   void startRegion(std::shared_ptr<LocationClient> client, const CLCircularRegion& region);
   void stopRegion(const CLCircularRegion& region);
   void ask(AuthorizationRequest request);
+  void setSource(std::shared_ptr<LocationSource> source);
+  /// After any call that may change who needs fixes.
+  void demandMayHaveChanged();
 
   mutable Mutex mutex;
   std::function<void(AuthorizationRequest)> prompt GUARDED_BY(mutex);
@@ -46,6 +49,11 @@ struct LocationService::State {
  private:
   std::vector<std::shared_ptr<LocationClient>> clients() const;
   void process(const FixBatch& batch);
+  void hand(const FixBatch& batch, const Permission& allowed);
+  /// On the delivery queue: switches the source by what is needed now.
+  void followDemand();
+  /// The best accuracy that anybody needs; absent when nobody needs fixes.
+  std::optional<double> demand() const;
 
   CLAuthorizationStatus status_ GUARDED_BY(mutex);
   bool askedAlways_ GUARDED_BY(mutex);
@@ -53,6 +61,9 @@ struct LocationService::State {
   std::uint64_t batches_ GUARDED_BY(mutex) = 0;
   std::vector<std::weak_ptr<LocationClient>> clients_ GUARDED_BY(mutex);
   RegionMonitor regions_ GUARDED_BY(mutex);
+  std::shared_ptr<LocationSource> source_ GUARDED_BY(mutex);
+  std::shared_ptr<LocationSource> running_;  ///< delivery queue only, as is the next
+  std::optional<double> runningAccuracy_;
   Mutex persisting_;  ///< held while a status is set and stored; taken before `mutex`
   SerialQueue deliveries_{"platform.location"};
 };
