@@ -81,13 +81,13 @@ std::optional<Error> FetchPlan::add(const NSPredicate& predicate) {
       if (const auto* date = std::get_if<Date>(&predicate.value)) {
         const double seconds = secondsSince1970(*date);
         never_ = never_ || std::isnan(seconds);
-        conditions_.push_back({attribute, predicate.op, seconds});
+        conditions_.emplace_back(attribute, predicate.op, seconds);
         comparable = true;
       }
       break;
     case NSAttributeType::string:
       if (const auto* text = std::get_if<std::string>(&predicate.value)) {
-        conditions_.push_back({attribute, predicate.op, *text});
+        conditions_.emplace_back(attribute, predicate.op, *text);
         comparable = true;
       }
       break;
@@ -100,14 +100,14 @@ std::optional<Error> FetchPlan::add(const NSPredicate& predicate) {
 /// Against integers and Booleans. A bound between two integers is moved to the one that gives the same matches.
 bool FetchPlan::addWhole(int attribute, Operator op, const NSPredicate::Constant& constant) {
   if (const auto* flag = std::get_if<bool>(&constant)) {
-    conditions_.push_back({attribute, op, std::int64_t{*flag}});
+    conditions_.emplace_back(attribute, op, std::int64_t{*flag ? 1 : 0});
   } else if (const auto* integer = std::get_if<std::int64_t>(&constant)) {
-    conditions_.push_back({attribute, op, *integer});
+    conditions_.emplace_back(attribute, op, *integer);
   } else if (const auto* number = std::get_if<double>(&constant)) {
     addWholeBound(attribute, op, *number);
   } else if (const auto* text = std::get_if<std::string>(&constant)) {
     if (const auto whole = spelled<std::int64_t>(*text)) {
-      conditions_.push_back({attribute, op, *whole});
+      conditions_.emplace_back(attribute, op, *whole);
     } else {
       addWholeBound(attribute, op, spelled<double>(*text).value_or(std::nan("")));
     }
@@ -128,7 +128,7 @@ void FetchPlan::addWholeBound(int attribute, Operator op, double bound) {
     return;
   }
   const std::int64_t whole = isAbove ? INT64_MAX : (isBelow ? INT64_MIN : static_cast<std::int64_t>(rounded));
-  conditions_.push_back({attribute, op, whole});
+  conditions_.emplace_back(attribute, op, whole);
 }
 
 bool FetchPlan::addNumber(int attribute, Operator op, const NSPredicate::Constant& constant) {
@@ -145,7 +145,7 @@ bool FetchPlan::addNumber(int attribute, Operator op, const NSPredicate::Constan
     return false;
   }
   never_ = never_ || std::isnan(value);
-  conditions_.push_back({attribute, op, value});
+  conditions_.emplace_back(attribute, op, value);
   return true;
 }
 

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -46,6 +47,10 @@ class FetchPlan {
  private:
   using Operator = NSPredicate::Operator;
   struct Condition {
+    template <class Constant>
+    Condition(int position, Operator comparison, Constant constant)
+        : attribute(position), op(comparison), value(std::move(constant)) {}
+
     int attribute;
     Operator op;
     std::variant<std::int64_t, double, std::string> value;
