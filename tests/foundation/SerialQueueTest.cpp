@@ -80,8 +80,9 @@ TEST(Activity, WaitsForWorkThatHopsBetweenQueuesAndTheMainQueue) {
   SerialQueue b("test.b");
   std::atomic<int> hops{0};
   std::function<void()> hop = [&] {
-    if (++hops < 300) (hops % 2 == 0 ? a : b).async(hop);
-    if (hops == 300) MainQueue::main().async([&] { ++hops; });
+    const int hopped = ++hops;
+    if (hopped < 300) (hopped % 2 == 0 ? a : b).async(hop);
+    if (hopped == 300) MainQueue::main().async([&] { ++hops; });
   };
   a.async(hop);
   ASSERT_TRUE(Activity::waitUntilIdle(Seconds(30)));
