@@ -7,20 +7,18 @@ fail() { echo "$*"; failed=1; }
 
 # Floors, lowest first; a file may include its own folder and those before it. Folders of the platform stand side by
 # side on the foundation.
-floors=(platform/foundation platform/device platform/location platform/persistence platform/urlsession
-        settings log store records net sync engine facade)
-rank() { local i; for i in "${!floors[@]}"; do [ "${floors[$i]}" = "$1" ] && { echo "$i"; return; }; done; echo -1; }
-folder_of() { local path=$1; case $path in platform/*) echo "${path%/*}" | cut -d/ -f1,2 ;; *) echo "${path%%/*}" ;; esac; }
-while IFS=: read -r file _ include; do
-  own=$(folder_of "${file#src/}")
-  other=$(folder_of "$(sed -E 's/.*"([^"]+)".*/\1/' <<<"$include")")
-  [ "$(rank "$other")" -ge 0 ] || fail "$file: \"$other\" is no floor: $include"
-  [ "$(rank "$other")" -le "$(rank "$own")" ] || fail "$file: includes from a higher floor: $include"
-  case $own:$other in
-    platform/*:platform/foundation | platform/*:"$own") ;;
-    platform/*:*) fail "$file: the platform's folders do not know each other: $include" ;;
-  esac
-done < <(grep -rnE '^#include "' src | grep -v '/resources/' | grep -vE '#include "marrowgate')
+floors='platform/foundation platform/device platform/location platform/persistence platform/urlsession
+        settings log store records net sync engine facade'
+upward=$(grep -rnE '^#include "' src | grep -v '#include "marrowgate' | awk -v floors="$floors" '
+  function folder(path) { return match(path, "^platform/[a-z]+") || match(path, "^[a-z]+") ? substr(path, 1, RLENGTH) : "" }
+  BEGIN { n = split(floors, names); for (i = 1; i <= n; i++) rank[names[i]] = i }
+  {
+    split($0, parts, "\""); own = folder(substr($0, 5)); other = folder(parts[2])
+    if (!(other in rank)) print "no floor: " $0
+    else if (rank[other] > rank[own]) print "from a higher floor: " $0
+    else if (own ~ /^platform/ && other != own && other != "platform/foundation") print "the platform folders do not know each other: " $0
+  }')
+[ -z "$upward" ] || fail "$upward"
 
 # Headers of the public platform layer include nothing of the SDK above it.
 grep -rnE '#include <tarvo/' include/tarvo/platform src/platform | grep -vE '<tarvo/(platform/|Export\.h)' &&
