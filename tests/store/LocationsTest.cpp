@@ -20,6 +20,7 @@ namespace tarvo {
 namespace {
 
 namespace at = attribute::locations;
+using test::logged;
 using Context = platform::NSManagedObjectContext;
 using platform::Date;
 using platform::Seconds;
@@ -61,23 +62,20 @@ TEST_F(StoredPositions, KeepTheWholeFixAndItsCircumstances) {
   platform::UIDevice::current().setIdentifierForVendor("3F2504E0-4F89-41D3-9A0C-0305E82C3301");
   within([&](Context& context) {
     platform::CLLocation fix{{-33.5, 151.25}, 12.5, 5, 8, 90, -1, Date(Seconds(1488442529.5)), 0};
-    const LocationRecord record = Locations::addLocation(fix, "still", "sls", context, "app_paused")->record();
-    EXPECT_EQ(std::tie(record.latitude, record.longitude, record.altitude, record.horizontalAccuracy),
-              std::tuple(-33.5, 151.25, 12.5, 5.0));
-    EXPECT_EQ(std::tie(record.verticalAccuracy, record.course, record.speed), std::tuple(8.0, 90.0, -1.0));
-    EXPECT_EQ(record.floor, 0);
-    EXPECT_EQ(record.locationTimestamp, fix.timestamp);
-    EXPECT_EQ(record.eventTimestamp, clock->now());
-    EXPECT_EQ(std::tie(record.userAction, record.localisationMethod, record.serviceAction, record.appAction),
-              std::tuple("still", "sls", "app_paused", "unused"));
-    EXPECT_EQ(record.appName, "ios:");
-    EXPECT_EQ(record.identifierForVendor, "3F2504E0-4F89-41D3-9A0C-0305E82C3301");
-    EXPECT_EQ(std::tie(record.unsent, record.sentWithoutACK), std::tuple(true, false));
+    const LocationRecord kept = Locations::addLocation(fix, "still", "sls", context, "app_paused")->record();
+    EXPECT_EQ(std::tie(kept.latitude, kept.longitude, kept.altitude, kept.horizontalAccuracy, kept.verticalAccuracy,
+                       kept.course, kept.speed, kept.floor),
+              std::tuple(-33.5, 151.25, 12.5, 5.0, 8.0, 90.0, -1.0, 0));
+    EXPECT_EQ(std::tie(kept.userAction, kept.localisationMethod, kept.serviceAction, kept.appAction, kept.appName,
+                       kept.identifierForVendor),
+              std::tuple("still", "sls", "app_paused", "unused", "ios:", "3F2504E0-4F89-41D3-9A0C-0305E82C3301"));
+    EXPECT_EQ(std::tie(kept.locationTimestamp, kept.eventTimestamp, kept.unsent, kept.sentWithoutACK),
+              std::tuple(fix.timestamp, clock->now(), true, false));
+    EXPECT_EQ(add(context)->record().floor, std::nullopt);
   });
-  EXPECT_EQ(log.count("Locations:addLocation [loc] id:0 lon:151.25 lat:-33.5 tLoc:2017-03-02 08:15:29 +0000 "
-                      "tMob:2017-03-02 08:15:30 +0000 event:app_paused mainThread:true"),
+  EXPECT_EQ(logged("Locations:addLocation [loc] id:0 lon:151.25 lat:-33.5 tLoc:2017-03-02 08:15:29 +0000 "
+                   "tMob:2017-03-02 08:15:30 +0000 event:app_paused mainThread:true"),
             1U);
-  within([&](Context& context) { EXPECT_EQ(add(context)->record().floor, std::nullopt); });
 }
 
 TEST_F(StoredPositions, LeaveTheStoreForUploadInBatchesOfThousandByIndex) {
@@ -97,9 +95,9 @@ TEST_F(StoredPositions, LeaveTheStoreForUploadInBatchesOfThousandByIndex) {
     EXPECT_EQ(indexes(Locations::getUnsentLocations(context)), range(10, 1000));
     EXPECT_EQ(indexes(Locations::getSentWithoutACKLocations(context)), range(0, 10));
   });
-  EXPECT_EQ(log.count("getAllLocations lastindex = 1499 first = 500"), 1U);
-  EXPECT_EQ(log.count("Locations:getUnsentLocations [loc] from:10 to:1009 mainThread:"), 1U);
-  EXPECT_EQ(log.count("Locations:getSentWithoutACKLocations [loc] from:0 to:9 count : 10 mainThread:"), 1U);
+  EXPECT_EQ(logged("getAllLocations lastindex = 1499 first = 500"), 1U);
+  EXPECT_EQ(logged("Locations:getUnsentLocations [loc] from:10 to:1009 mainThread:"), 1U);
+  EXPECT_EQ(logged("Locations:getSentWithoutACKLocations [loc] from:0 to:9 count : 10 mainThread:"), 1U);
 }
 
 TEST_F(StoredPositions, EmptyTableIsLoggedAsNil) {
@@ -114,7 +112,7 @@ TEST_F(StoredPositions, EmptyTableIsLoggedAsNil) {
         "Locations:getUnsentLocations [loc] [0] mainThread:true",
         "Locations:getSentWithoutACKLocations [loc] lastindexACK:0",
         "Locations:getSentWithoutACKLocations [loc] from:nil to:nil count : 0 mainThread:true"})
-    EXPECT_EQ(log.count(line), 1U) << line;
+    EXPECT_EQ(logged(line), 1U) << line;
 }
 
 TEST_F(StoredPositions, LastIsTheNewestByFixTimeAndHistoryGoesByStorageTime) {
@@ -147,7 +145,7 @@ TEST_F(StoredPositions, AreMarkedByIndexUnlessItIsSharedOrUnknown) {
     Locations::markLocationAsSentWithIndex(1, context);
     EXPECT_EQ(flags(*all[0]), Flags(true, false));
     EXPECT_EQ(flags(*all[1]), Flags(true, false));
-    EXPECT_EQ(log.count("Locations:markLocationAsSentWithIndex [loc] 2 locs with same index! mainThread:"), 1U);
+    EXPECT_EQ(logged("Locations:markLocationAsSentWithIndex [loc] 2 locs with same index! mainThread:"), 1U);
     Locations::markLocationAsSentWithoutACKWithID(all[2]->objectID(), context);
     Locations::markLocationAsSentWithIndex(2, context);
     EXPECT_EQ(flags(*all[2]), Flags(false, false));
@@ -172,7 +170,7 @@ TEST_F(StoredPositions, MarksFindAnObjectByItsTemporaryIDAndReportOneThatHasGone
   for (const char* line : {"Locations:markLocationAsSentWithoutACKWithID Unresolved error Error Domain=",
                            "Locations:markLocationAsSentWithID Unresolved error Error Domain=",
                            "Locations:error:getLocationByID:Error Domain="})
-    EXPECT_EQ(log.count(line), 1U) << line;
+    EXPECT_EQ(logged(line), 1U) << line;
 }
 
 TEST_F(Acknowledgement, ClearsItsRangeFreesTheChannelAndStartsTheNextBatchBeforeTheSave) {
@@ -271,7 +269,7 @@ TEST_F(StoredPositions, EveryOperationOfAStoreThatDidNotOpenLogsItsErrorAndGives
       {"PointOfInterest:getPOIs Unresolved error ", 1},
       {"Users:getUsers [loc] error:", 2},
   };
-  for (const auto& [opening, count] : lines) EXPECT_EQ(log.count(opening), count) << opening;
+  for (const auto& [opening, count] : lines) EXPECT_EQ(logged(opening), count) << opening;
 }
 
 TEST_F(StoredPositions, ModelInAnotherOrderThanTheClassesStopsTheProcess) {

@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 
 #include <tarvo/LocationsHistory.h>
@@ -70,13 +68,13 @@ TEST(HistoryGeoJson, CutsFeaturesWhereCollectionIsSwitchedButNotBeforeTheLastPos
 }
 
 TEST(HistoryGeoJson, NamesTheGeometryAskedForAndLogsTheWholeText) {
-  test::LogDiary log;
+  test::LogDiary::installed();
   LocationsHistory history;
   EXPECT_EQ(history.toGeoJSON("MultiPoint"), std::nullopt);
   history.locations = {position(48.5, 2.25), position(1, -2)};
   const std::string text = history.toGeoJSON("MultiPoint").value();
   EXPECT_NE(text.find(R"("geometry":{"type":"MultiPoint","coordinates":[[2.25,48.5],[-2 ,1]]})"), std::string::npos);
-  EXPECT_EQ(log.count("Tarvo:LocationHistory:toGeoJSON [tarvo] GeoJSON = " + text), 1U);
+  EXPECT_EQ(test::logged("Tarvo:LocationHistory:toGeoJSON [tarvo] GeoJSON = " + text), 1U);
   history.pasttrips = {trip("a"), trip(std::nullopt), trip("b")};
   EXPECT_EQ(history.toGeoJSON(), (std::vector<std::string>{"a", "b"}));
 }
@@ -96,16 +94,16 @@ TEST(HistoryBoundingBox, HoldsAllTripsOrElseAllPositions) {
       {{trip("{"), trip(std::nullopt), trip("5"), trip(two), trip(one)}, {}, Coordinates{{-48, -179.5}, {48.85, 2.5}}},
       {{trip("no JSON")}, {position(1, 1)}, Coordinates{{-200, -200}, {-200, -200}}},
   };
-  test::LogDiary log;
+  test::LogDiary::installed();
   for (const auto& [trips, positions, corners] : cases) {
     LocationsHistory history;
     history.pasttrips = trips;
     history.locations = positions;
     EXPECT_EQ(history.getBoundingBox(), corners);
   }
-  EXPECT_EQ(log.count("Tarvo:LocationHistory getBoundingBox:[error] : Error Domain="), 2U);
+  EXPECT_EQ(test::logged("Tarvo:LocationHistory getBoundingBox:[error] : Error Domain="), 2U);
   EXPECT_EQ(
-      log.count("Tarvo: LocationHistory getBoundingBox ----------minlon = 2.35 -------maxlon :2.35--------------- "),
+      test::logged("Tarvo: LocationHistory getBoundingBox ----------minlon = 2.35 -------maxlon :2.35--------------- "),
       1U);
 }
 

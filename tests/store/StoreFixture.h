@@ -3,45 +3,29 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <algorithm>
 #include <csignal>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include <tarvo/platform/Clock.h>
 #include <tarvo/platform/Environment.h>
-#include <tarvo/platform/SystemLog.h>
 
 #include "store/Locations.h"
 #include "store/ObjectStore.h"
+#include "support/LogDiary.h"
 #include "support/TempDir.h"
 
 namespace tarvo::test {
 
-/// Keeps every log message.
-class LogDiary {
- public:
-  LogDiary() {
-    platform::setSystemLogSink([this](std::string_view message) {
-      std::lock_guard lock(mutex_);
-      messages_.emplace_back(message);
-    });
-  }
-  ~LogDiary() { platform::setSystemLogSink({}); }
-
-  std::size_t count(std::string_view opening) const {
-    std::lock_guard lock(mutex_);
-    return static_cast<std::size_t>(std::count_if(
-        messages_.begin(), messages_.end(), [&](const std::string& message) { return message.starts_with(opening); }));
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> messages_;
-};
+/// How many messages of the system log begin so.
+inline std::size_t logged(std::string_view opening) {
+  std::size_t count = 0;
+  for (const std::string& line : LogDiary::installed().lines())
+    if (line.starts_with(opening)) ++count;
+  return count;
+}
 
 /// While it lives no file can grow: the store's saves fail as on a full disk.
 class FullDisk {
@@ -63,6 +47,7 @@ class FullDisk {
 class StoreTest : public ::testing::Test {
  protected:
   StoreTest() {
+    LogDiary::installed();
     platform::setHomeDirectory(folder.path());
     platform::setDocumentDirectories({folder.path()});
     platform::Clock::install(clock);
@@ -94,7 +79,6 @@ class StoreTest : public ::testing::Test {
   }
 
   TempDir folder;
-  LogDiary log;
   std::shared_ptr<platform::ManualClock> clock =
       std::make_shared<platform::ManualClock>(platform::dateSince1970(1488442530.987));
   ObjectStore store;

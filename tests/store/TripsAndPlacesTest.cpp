@@ -7,6 +7,7 @@
 namespace tarvo {
 namespace {
 
+using test::logged;
 using Context = platform::NSManagedObjectContext;
 using platform::Date;
 
@@ -35,7 +36,7 @@ TEST_F(StoredTrips, AreReplacedById) {
     EXPECT_EQ(trip.start_time, std::nullopt);
     EXPECT_EQ(trip.route, R"({"a":null,"b":[1,2.5]})");
   });
-  EXPECT_EQ(log.count("LastTrips removeData pasttrip_id 7"), 3U);
+  EXPECT_EQ(logged("LastTrips removeData pasttrip_id 7"), 3U);
 }
 
 TEST_F(StoredTrips, ReadWhatTheyCanOfAnOddAnswer) {
@@ -53,7 +54,7 @@ TEST_F(StoredTrips, ReadWhatTheyCanOfAnOddAnswer) {
     EXPECT_TRUE(
         PastTrips::getLocationHistoryExtraPolated(context, platform::distantPast(), platform::distantFuture()).empty());
   });
-  EXPECT_EQ(log.count("PastTrips:addLastTrip Unresolved error Error Domain="), 1U);
+  EXPECT_EQ(logged("PastTrips:addLastTrip Unresolved error Error Domain="), 1U);
 }
 
 TEST_F(StoredTrips, AreFoundByTheirStartInIdentifierOrder) {
@@ -107,9 +108,9 @@ TEST_F(StoredPlaces, AreNeverReplacedAndComeHighestIdentifierFirst) {
     PointOfInterest::removePOIs(context);
     EXPECT_TRUE(PointOfInterest::getPOIs(context).empty());
   });
-  EXPECT_EQ(log.count("PointOfInterest:addPOI:Failed to load GEOJSON: "), 3U);
-  EXPECT_EQ(log.count("PointOfInterest:addPOI Unresolved error "), 2U);
-  EXPECT_EQ(log.count("removePOIs removeData pasttrip_id 11"), 2U);
+  EXPECT_EQ(logged("PointOfInterest:addPOI:Failed to load GEOJSON: "), 3U);
+  EXPECT_EQ(logged("PointOfInterest:addPOI Unresolved error "), 2U);
+  EXPECT_EQ(logged("removePOIs removeData pasttrip_id 11"), 2U);
 }
 
 TEST_F(StoredUsers, FirstOneGivesTheIdentifierAndTheDeviceDescription) {
