@@ -45,8 +45,8 @@ class TARVO_API GpxSource {
   GpxSource& operator=(const GpxSource&) = delete;
 
   /// `speed` 1 is real time, 60 an hour in a minute, absent (or not above zero) as fast as possible.
-  /// `progress` is called after each fix with the number delivered so far; answering false ends the play.
-  /// Returns the number of fixes handed to the service.
+  /// `progress` is called after each fix, and now and then during a long wait, with the number delivered so far;
+  /// answering false ends the play. Returns the number of fixes handed to the service.
   std::size_t play(std::optional<double> speed, const std::function<bool(std::size_t)>& progress);
 
  private:

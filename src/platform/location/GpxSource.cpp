@@ -22,6 +22,9 @@ void waitUntilIdle() {
   if (!Activity::waitUntilIdle(longestWork)) NSLog("replay: work is still under way after 65 s, going on");
 }
 
+/// A caller can end the play this often while it waits for the next fix.
+constexpr std::chrono::milliseconds longestSilence{200};
+
 /// Lets real time pass; the main thread runs its queue meanwhile.
 void waitUntil(RealTime::time_point due) {
   if (isMainThread()) {
@@ -55,7 +58,10 @@ std::size_t GpxSource::play(std::optional<double> speed, const std::function<boo
   for (const CLLocation& fix : trace_.fixes) {
     if (paced && delivered > 0) {
       due += realSpan(fix.timestamp - clock_->now(), *speed);
-      waitUntil(due);
+      for (auto now = RealTime::now(); now < due; now = RealTime::now()) {
+        waitUntil(std::min<RealTime::time_point>(due, now + longestSilence));
+        if (progress && !progress(delivered)) return delivered;
+      }
     }
     waitUntilIdle();
     clock_->advanceTo(fix.timestamp);
