@@ -73,6 +73,8 @@ void Home::create() const {
 
 void Home::writeKeys(const HostKeys& keys) const {
   Node dictionary = readDictionary(propertyList());
+  if (!dictionary && hasPropertyList())
+    throw Failure{kUnusable, propertyList().string() + " is no property list; it is left as it is"};
   if (!dictionary) dictionary.reset(plist_new_dict());
   if (!textUnder(dictionary, kBundleKey)) set(dictionary, kBundleKey, "org.tarvo.replay");
   set(dictionary, kApiKey, keys.apiKey);

@@ -98,6 +98,8 @@ class Session {
   void activate() {
     if (!engine().syncStatus().storeAvailable)
       throw Failure{kUnusable, "the store " + home_.store().string() + " cannot be used; nothing was collected"};
+    if (const auto client = home_.readKeys().clientID; client && *client != Tarvo::clientID())
+      throw Failure{kUsage, "the client id '" + *client + "' cannot stand in a URL"};
     tarvo_.setDelegate(listener_);
     const bool registered = LocationManager::userUUID().has_value();
     if (uploads() && !home_.readKeys().complete()) {
@@ -199,6 +201,8 @@ class Session {
         pause = std::min(2 * pause, kLongestPause);
       }
       before = left;
+      // Time must not pass over a transfer in flight.
+      if (secondsLeft() <= 0 || interrupted()) return;
       clock_->advance(kChannelHeld);
     }
   }
@@ -238,7 +242,11 @@ int replay(const ReplayOptions& options) {
   Session session(options, home, clock);
   session.activate();
   session.play(std::move(trace));
-  return session.summarize(sandbox.get());
+  const int status = session.summarize(sandbox.get());
+  // With work in flight the backend must outlast it: refused transfers would count as answers. It ends with the
+  // process.
+  if (status != kDone) static_cast<void>(sandbox.release());
+  return status;
 }
 
 }  // namespace tarvo::cli

@@ -102,7 +102,8 @@ class TARVO_API Tarvo {
   void resetGeoProfileHistory();
 
   void didRegisterForRemoteNotificationsWithDeviceToken(const std::string& token);
-  /// True when the message was for this SDK, also when the mode left nothing to do.
+  /// True when the message was for this SDK, also when the mode left nothing to do. In a backend mode, before any
+  /// position is known, it stops the process.
   bool didReceiveRemoteNotification(const platform::Dictionary& userInfo);
   /// Gives the secret of the host's API key; in modes from 8 the key and client id are read from the property list,
   /// and the device is registered unless it already is.
@@ -120,7 +121,8 @@ class TARVO_API Tarvo {
 
   /// For hosts without an event loop and at the end of a program: waits until all queued work and all transfers are
   /// done, or the (real) time is up, then moves what the store's log holds into its file. Runs the main queue's
-  /// blocks when called on the main thread; never call it from a callback. Answers whether all was done.
+  /// blocks when called on the main thread (elsewhere somebody must pump it); never call it from a callback. Answers
+  /// whether all was done.
   static bool waitUntilIdle(double seconds);
 
  private:

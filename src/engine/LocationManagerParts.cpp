@@ -1,5 +1,8 @@
 #include "engine/LocationManagerParts.h"
 
+#include <cctype>
+#include <string_view>
+
 #include <tarvo/platform/Device.h>
 
 #include "log/Log.h"
@@ -15,6 +18,22 @@ using platform::UIApplication;
 using platform::UIDevice;
 
 namespace {
+
+/// The printed form of a folder's URL: what cannot stand in a URL as it is becomes %XX.
+std::string fileURL(const std::filesystem::path& folder) {
+  std::string url = "file://";
+  for (const char c : folder.string() + "/") {
+    const auto byte = static_cast<unsigned char>(c);
+    if (std::isalnum(byte) != 0 || std::string_view("/-._~!$&'()*+,;=:@").find(c) != std::string_view::npos) {
+      url.push_back(c);
+    } else {
+      url.push_back('%');
+      url.push_back("0123456789ABCDEF"[byte >> 4]);
+      url.push_back("0123456789ABCDEF"[byte & 15]);
+    }
+  }
+  return url;
+}
 
 /// Hands the background session's traffic to the queue of backend replies.
 class ReplyReceiver final : public NetworkManagerDelegate {
@@ -56,8 +75,7 @@ void LocationManager::Parts::startUp() {
   configureLocationService();
   Log::debug("LocationManager:init [loc] [init] mainThread:", mainThread());
   probeServices();
-  Log::debug("LocationManager:init [loc] [init] docPath:", "file://", store.applicationDocumentsDirectory().string(),
-             "/");
+  Log::debug("LocationManager:init [loc] [init] docPath:", fileURL(store.applicationDocumentsDirectory()));
   UIDevice::current().setBatteryMonitoringEnabled(true);
   state.currentBatteryState = UIDevice::current().batteryState();
   UIApplication::shared().setMinimumBackgroundFetchInterval(10.0);

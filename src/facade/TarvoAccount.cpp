@@ -56,8 +56,7 @@ void Tarvo::setApiKeySecret(const std::string& secret) {
   } else {
     NSLog("Tarvo : Failed to load Tarvo API KEY");
   }
-  if (const auto client = infoPropertyListText("TarvoClientID")) {
-    settings.setClientID(*client);
+  if (const auto client = infoPropertyListText("TarvoClientID"); client && settings.setClientID(*client)) {
     NSLog(concat("Tarvo  : Tarvo ClientID ", *client));
   } else {
     NSLog("Tarvo : Failed to load Tarvo clientID");

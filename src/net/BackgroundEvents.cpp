@@ -82,7 +82,8 @@ void NetworkManager::handleEventsForBackgroundURLSession(const std::string& iden
                                                          std::function<void()> completionHandler) {
   {
     MutexLock lock(state_->mutex);
-    state_->backgroundTransferCompletionHandler = std::move(completionHandler);
+    // The one before goes after the lock is free: it may hold the host's objects.
+    state_->backgroundTransferCompletionHandler.swap(completionHandler);
   }
   const auto session = state_->openSession(identifier);
   Log::debug("NetworkManager:handleEventsForBackgroundURLSession [net] id:", identifier,

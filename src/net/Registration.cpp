@@ -7,6 +7,7 @@
 #include "net/EngineLink.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/Json.h"
+#include "settings/BackendAddress.h"
 
 namespace tarvo {
 namespace {
@@ -17,8 +18,9 @@ using platform::Value;
 void adoptUser(NetworkManager& client, const Value& uuid, const Value& creationDate) {
   EngineLink& engine = EngineLink::current();
   if (engine.alreadyReceivedUUID()) return;
-  // The identifier becomes part of file names; one that could lead elsewhere is none.
-  if (uuid.asString() != nullptr && !platform::isPlainFileName(*uuid.asString())) {
+  // The identifier becomes part of file names and URLs; one that could lead elsewhere is none.
+  if (uuid.asString() != nullptr &&
+      !(platform::isPlainFileName(*uuid.asString()) && isUsableClientID(*uuid.asString()))) {
     Log::error("NetworkManager:sendUserToRemoteWebServer [net] uuid refused: not a plain name");
     return;
   }

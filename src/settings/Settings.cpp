@@ -134,15 +134,16 @@ void Settings::adoptUserUUID(std::string_view uuid) {
 }
 
 void Settings::storeUserSecret(std::string secret) {
-  MutexLock lock(mutex_);
+  MutexLock order(secretMutex_);
   UserDefaults::standard().set(names::kUserSecret, secret);
-  values_.userSecret = std::move(secret);
+  setUserSecret(std::move(secret));
 }
 
 std::optional<std::string> Settings::reloadUserSecret() {
-  MutexLock lock(mutex_);
-  values_.userSecret = UserDefaults::standard().string(names::kUserSecret);
-  return values_.userSecret;
+  MutexLock order(secretMutex_);
+  auto secret = UserDefaults::standard().string(names::kUserSecret);
+  setUserSecret(secret);
+  return secret;
 }
 
 std::optional<Identity> Settings::identity() const {

@@ -96,6 +96,8 @@ class Settings {
     std::set<std::string> unsubscriptions;
     std::vector<std::string> unsetTags;
   };
+  /// Held while the secret goes to or comes from the disk; taken before `mutex_`, which never waits for a file.
+  platform::Mutex secretMutex_;
   mutable platform::Mutex mutex_;
   Values values_ GUARDED_BY(mutex_);
   UploadChannel channel_;

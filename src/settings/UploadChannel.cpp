@@ -6,11 +6,9 @@ namespace tarvo {
 
 using platform::MutexLock;
 
-UploadChannel::UploadChannel() : takenAt_(platform::Clock::current()->now()) {}
-
 UploadChannel::Attempt UploadChannel::tryTake(platform::Date now) {
   MutexLock lock(mutex_);
-  const platform::Seconds elapsed = now - takenAt_;
+  const platform::Seconds elapsed = now - takenAt_.value_or(now);
   const bool take = !locked_ || elapsed >= kExpiry;
   const Attempt attempt{locked_, elapsed, take};
   if (take) {
@@ -31,8 +29,10 @@ void UploadChannel::setLocked(bool locked) {
 }
 
 platform::Date UploadChannel::takenAt() const {
+  const platform::Date now = platform::Clock::current()->now();
   MutexLock lock(mutex_);
-  return takenAt_;
+  if (!takenAt_) takenAt_ = now;
+  return *takenAt_;
 }
 
 void UploadChannel::setTakenAt(platform::Date date) {

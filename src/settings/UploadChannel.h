@@ -1,5 +1,7 @@
 #pragma once
 
+#include <optional>
+
 #include <tarvo/platform/Date.h>
 
 #include "platform/foundation/Mutex.h"
@@ -15,8 +17,6 @@ class UploadChannel {
  public:
   static constexpr platform::Seconds kExpiry{180};
 
-  UploadChannel();
-
   struct Attempt {
     bool wasLocked;
     platform::Seconds elapsed;  ///< since it was last taken, by the installed clock; negative after a set back
@@ -28,13 +28,14 @@ class UploadChannel {
 
   bool locked() const;
   void setLocked(bool locked);
+  /// The moment of the first access until it is taken.
   platform::Date takenAt() const;
   void setTakenAt(platform::Date date);
 
  private:
   mutable platform::Mutex mutex_;
   bool locked_ GUARDED_BY(mutex_) = false;
-  platform::Date takenAt_ GUARDED_BY(mutex_);
+  mutable std::optional<platform::Date> takenAt_ GUARDED_BY(mutex_);
 };
 
 }  // namespace tarvo

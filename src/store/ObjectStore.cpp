@@ -20,7 +20,6 @@ namespace {
 
 constexpr const char* kModelName = "Marrowgate-Tarvo-db";
 constexpr const char* kModelExtension = "momd";
-constexpr const char* kStoreFile = "Marrowgate-Tarvo-db3.sqlite";
 constexpr const char* kConfiguration = "ConfigurationForLocationsAndUsers";
 
 }  // namespace
@@ -58,7 +57,7 @@ const std::shared_ptr<NSPersistentStoreCoordinator>& ObjectStore::persistentStor
 
 void ObjectStore::openStore() {
   const auto failure = coordinator_->addPersistentStore(platform::NSSQLiteStoreType, kConfiguration,
-                                                        applicationDocumentsDirectory() / kStoreFile);
+                                                        applicationDocumentsDirectory() / kFileName);
   if (!failure) return;
   Error wrapped;
   wrapped.domain = "YOUR_ERROR_DOMAIN";

@@ -16,6 +16,8 @@ namespace tarvo {
 /// is logged once; the coordinator then stays without one and every later fetch and save fails for its caller.
 class ObjectStore {
  public:
+  static constexpr const char* kFileName = "Marrowgate-Tarvo-db3.sqlite";
+
   /// The last of the document directories.
   const std::filesystem::path& applicationDocumentsDirectory();
   const std::shared_ptr<platform::NSManagedObjectModel>& managedObjectModel();

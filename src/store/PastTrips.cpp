@@ -62,7 +62,7 @@ void setRoute(PastTrips& added, const platform::Dictionary& trip) {
   }
 }
 
-/// Deletes every trip of the request; without a store the error has `failureText`.
+/// Deletes every trip of the request; a fetch that fails is logged behind `failureText`.
 void removeMatches(PastTrips::Context& context, const platform::NSFetchRequest& request, std::string_view failureText) {
   auto trips = fetchAs<PastTrips>(context, request);
   if (!trips) {

@@ -8,6 +8,7 @@
 
 namespace tarvo {
 
+using platform::concat;
 using platform::Date;
 
 LocationsHistory History::getLocationhistory(std::optional<Date> since, std::optional<Date> until) {
@@ -52,7 +53,7 @@ std::optional<PastTripRecord> History::getLastPastTrip() {
   context.performAndWait([&] {
     if (const auto last = PastTrips::getLastPastTrip(context)) trip = last->record();
   });
-  Log::debug("LocationManager:getLastPastTrip [loc] loc:", trip ? trip->pasttrip_id : std::nullopt);
+  Log::debug("LocationManager:getLastPastTrip [loc] loc:", trip && trip->pasttrip_id ? concat(*trip->pasttrip_id) : "");
   return trip;
 }
 

@@ -29,7 +29,6 @@ TEST_F(Engine, IsBuiltOnceForAllThreadsAndProbesWhatTheDeviceHas) {
   EXPECT_EQ(diary.count("HEADING-INFORMATION-SERVICE:true"), 1u);
   EXPECT_EQ(diary.count("REGION-MONITORING-SERVICE:true"), 1u);
   auto& parts = engine().parts();
-  EXPECT_FALSE(parts.state.activityMonitoringAvailable);
   EXPECT_FALSE(parts.locationManager.allowsBackgroundLocationUpdates()) << "switched on from platform level 9 only";
   EXPECT_EQ(parts.locationManager.distanceFilter(), 20.0);
   EXPECT_LT(engine().randomID(), 1000000000u);

@@ -122,6 +122,16 @@ TEST_F(Facade, LetsTheHostStopEverythingFromInsideACallback) {
 
 TEST_F(Facade, AsksForThePermissionThatTheModeNeedsAndAnswersTheStatusBefore) {
   Tarvo tarvo;
+  std::string asked;
+  LocationService::shared().setPrompt([&](platform::AuthorizationRequest request) {
+    asked += request == platform::AuthorizationRequest::always ? "always " : "whenInUse ";
+  });
+  for (const std::int64_t mode : {0, 4, -1}) {
+    LocationService::shared().setAuthorizationStatus(CLAuthorizationStatus::notDetermined);
+    EXPECT_EQ(engine().checkAndRequestLocationAuthorization(mode), CLAuthorizationStatus::notDetermined);
+    waitUntilIdle();
+  }
+  EXPECT_EQ(asked, "whenInUse always always ");
   const struct {
     CLAuthorizationStatus status;
     std::int64_t mode;
@@ -186,6 +196,7 @@ TEST_F(Facade, RefreshesForAPushByPermissionAndKeepsOtherSendersOut) {
   waitUntilIdle();
   Tarvo::setACTIVATE_STATUS(4);
   EXPECT_TRUE(tarvo.didReceiveRemoteNotification(push));
+  waitUntilIdle();
   const auto history = tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {});
   ASSERT_TRUE(history);
   std::vector<std::string> pushed;

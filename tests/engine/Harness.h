@@ -72,6 +72,14 @@ class WholeSdk : public testing::Test {
     }
   }
 
+  /// Stores fixes while nothing is uploaded, so that no pass of their own may or may not find them already stored.
+  void collect(int fixes) {
+    const std::int64_t mode = Tarvo::ACTIVATE_STATUS();
+    Tarvo::setACTIVATE_STATUS(Tarvo::LOCAL_BACKGROUND);
+    drive(fixes);
+    Tarvo::setACTIVATE_STATUS(mode);
+  }
+
   static void waitUntilIdle() { ASSERT_TRUE(platform::Activity::waitUntilIdle(platform::Seconds(60))); }
 
   static LocationManager& engine() { return LocationManager::sharedInstance(); }

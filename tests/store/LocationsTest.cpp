@@ -5,6 +5,7 @@
 #include <tuple>
 
 #include <tarvo/platform/Device.h>
+#include <tarvo/platform/SystemLog.h>
 
 #include "platform/foundation/Json.h"
 #include "platform/foundation/Text.h"
@@ -149,7 +150,8 @@ TEST_F(StoredPositions, AreMarkedByIndexUnlessItIsSharedOrUnknown) {
     Locations::markLocationAsSentWithoutACKWithID(all[2]->objectID(), context);
     Locations::markLocationAsSentWithIndex(2, context);
     EXPECT_EQ(flags(*all[2]), Flags(false, false));
-    EXPECT_DEATH(Locations::markLocationAsSentWithIndex(7, context), "");
+    EXPECT_DEATH((platform::setSystemLogSink({}), Locations::markLocationAsSentWithIndex(7, context)),
+                 "no position has the index 7");
   });
 }
 
@@ -162,6 +164,8 @@ TEST_F(StoredPositions, MarksFindAnObjectByItsTemporaryIDAndReportOneThatHasGone
     EXPECT_EQ(flags(*location), Flags(true, true));
     EXPECT_EQ(Locations::getLocationByID(id, context), location);
     Locations::removeData(context);
+    ASSERT_FALSE(context.save());
+    const auto later = add(context);  // must not be taken for the one that has gone
     ASSERT_FALSE(context.save());
     Locations::markLocationAsSentWithoutACKWithID(id, context);
     Locations::markLocationAsSentWithID(id, context);
@@ -224,9 +228,11 @@ TEST_F(UploadBody, HoldsFourteenTextsInAFixedOrder) {
     EXPECT_NE(body.find(R"("lat":"0.0000125","acc":"","speed":"","bearing":"90")"), std::string::npos) << body;
     EXPECT_EQ(platform::parseJson(body)->asArray()->size(), 3U);
 
-    EXPECT_DEATH(Locations::convertToString({}, "u-1"), "");
+    EXPECT_DEATH((platform::setSystemLogSink({}), Locations::convertToString({}, "u-1")),
+                 "an upload needs at least one position");
     all[2]->setNumber(at::longitude, std::nullopt);
-    EXPECT_DEATH(Locations::convertToString(all, "u-1"), "");
+    EXPECT_DEATH((platform::setSystemLogSink({}), Locations::convertToString(all, "u-1")),
+                 "a position to be sent has no longitude");
   });
 }
 
@@ -281,7 +287,7 @@ TEST_F(StoredPositions, ModelInAnotherOrderThanTheClassesStopsTheProcess) {
   swapped.replace(timestamp, 11, "\"uuid\"").replace(uuid, 6, "\"timestamp\"");
   const auto model = platform::NSManagedObjectModel::load({"swapped", swapped});
   ASSERT_NE(model, nullptr);
-  EXPECT_DEATH(setEntityClasses(*model), "");
+  EXPECT_DEATH((platform::setSystemLogSink({}), setEntityClasses(*model)), "the class Users do not agree");
 }
 
 }  // namespace

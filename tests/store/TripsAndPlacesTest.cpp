@@ -1,3 +1,5 @@
+#include <tarvo/platform/Device.h>
+
 #include "platform/foundation/Json.h"
 #include "store/PastTrips.h"
 #include "store/PointOfInterest.h"
@@ -128,8 +130,9 @@ TEST_F(StoredUsers, FirstOneGivesTheIdentifierAndTheDeviceDescription) {
     EXPECT_EQ(device.size(), 5U);
     for (const auto& [key, value] : {std::pair{"mobileos", "ios"}, {"uuid", "u-1"}, {"mobileid", ""}, {"sensors", ""}})
       EXPECT_EQ(platform::findString(device, key), value) << key;
-    const std::string phone = platform::findString(device, "phone_description").value();
-    EXPECT_TRUE(phone.starts_with("{ ") && phone.ends_with(" }")) << phone;
+    const auto& self = platform::UIDevice::current();
+    EXPECT_EQ(platform::findString(device, "phone_description"),
+              "{ " + self.name() + " " + self.systemName() + " " + self.systemVersion() + " }");
 
     users[0]->setString(0, std::nullopt);
     EXPECT_EQ(Users::convertUsersToJSON(*users[0]), std::nullopt);

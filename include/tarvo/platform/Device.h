@@ -73,7 +73,8 @@ class TARVO_API UIApplication {
 };
 
 inline constexpr const char* UIApplicationOpenSettingsURLString = "app-settings:";
-inline constexpr const char* UIApplicationDidEnterBackgroundNotification = "UIApplicationDidEnterBackgroundNotification";
+inline constexpr const char* UIApplicationDidEnterBackgroundNotification =
+    "UIApplicationDidEnterBackgroundNotification";
 inline constexpr const char* UIApplicationDidBecomeActiveNotification = "UIApplicationDidBecomeActiveNotification";
 inline constexpr const char* UIApplicationWillResignActiveNotification = "UIApplicationWillResignActiveNotification";
 inline constexpr const char* UIApplicationDidFinishLaunchingNotification =

@@ -9,6 +9,7 @@
 
 #include "platform/foundation/FatalError.h"
 #include "platform/foundation/Mutex.h"
+#include "platform/foundation/RealTime.h"
 #include "platform/foundation/SerialQueue.h"
 
 namespace tarvo::platform {
@@ -45,7 +46,7 @@ bool Activity::idle() { return count().value.load() == 0; }
 bool Activity::waitUntilIdle(Seconds limit) {
   if (SerialQueue::onAnyQueue()) fatalError("waiting for idle inside a block of a queue, which would wait for itself");
   Count& state = count();
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::nanoseconds>(limit);
+  const auto deadline = std::chrono::steady_clock::now() + boundedRealTime(limit);
   const bool onMain = isMainThread();
   struct Waiting {
     explicit Waiting(std::atomic<int>& counter) : waiters(counter) { waiters.fetch_add(1); }

@@ -43,7 +43,9 @@ class Result {
     if (!*this) fatalError("value of a failed result: " + error().description());
     return std::get<0>(data_);
   }
-  T& operator*() { return value(); }
+  T& operator*() & { return value(); }
+  /// Of a temporary the value itself, so that nothing refers into it.
+  T operator*() && { return std::move(value()); }
   T* operator->() { return &value(); }
   const Error& error() const { return std::get<1>(data_); }
 

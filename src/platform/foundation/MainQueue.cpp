@@ -11,6 +11,7 @@
 #include "platform/foundation/Activity.h"
 #include "platform/foundation/FatalError.h"
 #include "platform/foundation/Mutex.h"
+#include "platform/foundation/RealTime.h"
 
 namespace tarvo::platform {
 
@@ -60,7 +61,7 @@ std::size_t MainQueue::runPending() {
 }
 
 void MainQueue::runFor(Seconds span) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::nanoseconds>(span);
+  const auto deadline = std::chrono::steady_clock::now() + boundedRealTime(span);
   while (true) {
     runPending();
     const auto left = deadline - std::chrono::steady_clock::now();

@@ -32,9 +32,8 @@ void append(std::string& out, const Dictionary& value);
 void append(std::string& out, const Error& value);
 
 template <class T>
-  requires(std::integral<T> && !std::same_as<T, bool> && !std::same_as<T, std::int64_t> &&
-           !std::same_as<T, std::uint64_t> && !std::same_as<T, char>)
-void append(std::string& out, T value) {
+requires(std::integral<T> && !std::same_as<T, bool> && !std::same_as<T, std::int64_t> &&
+         !std::same_as<T, std::uint64_t> && !std::same_as<T, char>) void append(std::string& out, T value) {
   if constexpr (std::signed_integral<T>)
     append(out, static_cast<std::int64_t>(value));
   else

@@ -78,8 +78,12 @@ void LocationService::State::hand(const FixBatch& batch, const Permission& allow
     for (const CLLocation& fix : batch.fixes)
       for (RegionCrossing& crossing : regions_.evaluate(fix, now, current)) crossings.push_back(std::move(crossing));
   }
-  for (const RegionCrossing& crossing : crossings)
+  for (const RegionCrossing& crossing : crossings) {
+    // A delegate that was told of one crossing may have stopped watching the others.
+    const auto watched = regions();
+    if (std::find(watched.begin(), watched.end(), crossing.region) == watched.end()) continue;
     for (const auto& client : clients()) client->crossed(crossing.region, crossing.entered);
+  }
 }
 
 void LocationService::State::setStatus(CLAuthorizationStatus status) {

@@ -21,8 +21,12 @@ Result<std::unique_ptr<Database>> Database::open(const std::filesystem::path& fi
   if (sqlite3_open_v2(file.c_str(), &database->handle_, flags, nullptr) != SQLITE_OK)
     return database->error(StoreErrorCode::open, "The store file could not be opened");
   sqlite3_busy_timeout(database->handle_, kBusyTimeoutMilliseconds);
+  // Until it is known to be ours, closing it must not move a write-ahead log into it.
+  sqlite3_db_config(database->handle_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
   return database;
 }
+
+void Database::adopt() { sqlite3_db_config(handle_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr); }
 
 Database::~Database() {
   finalizeStatements();
@@ -61,7 +65,6 @@ std::optional<Error> Database::checkpoint() {
 
 bool Database::isReadOnly() const { return sqlite3_db_readonly(handle_, "main") != 0; }
 bool Database::inTransaction() const { return sqlite3_get_autocommit(handle_) == 0; }
-std::int64_t Database::lastInsertedKey() const { return sqlite3_last_insert_rowid(handle_); }
 std::int64_t Database::rowsChanged() const { return sqlite3_changes64(handle_); }
 
 Error Database::error(StoreErrorCode code, std::string_view what) const {

@@ -31,6 +31,8 @@ class Database {
   Database(const Database&) = delete;
   Database& operator=(const Database&) = delete;
 
+  /// The file is ours: its last connection may tidy up when it closes.
+  void adopt();
   /// Runs a statement that gives no rows or whose rows do not matter.
   std::optional<Error> run(std::string_view sql, StoreErrorCode code);
   /// Moves the write-ahead log into the file and empties it.
@@ -38,7 +40,6 @@ class Database {
 
   bool isReadOnly() const;
   bool inTransaction() const;
-  std::int64_t lastInsertedKey() const;
   std::int64_t rowsChanged() const;  ///< by the latest insert, update or delete
   /// The failure of the latest call.
   Error error(StoreErrorCode code, std::string_view what) const;

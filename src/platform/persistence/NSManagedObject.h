@@ -35,7 +35,7 @@ class NSManagedObjectID {
 /// Threads: only inside a block of its context. Texts that repeat are kept once in memory.
 /// Memory: one heap block of 8 bytes an attribute beside the object itself.
 /// Numbers that are not one (NaN) count as absent, and -0 is 0: a store could keep neither.
-/// Outlives its context readable, as a record of none.
+/// Outlives its context readable, as a record of none, while its model lives.
 class NSManagedObject {
  public:
   explicit NSManagedObject(const NSEntityDescription& entity);

@@ -15,7 +15,7 @@ std::string insertText(const NSEntityDescription& entity) {
     columns += concat(i > 0 ? ", \"" : "\"", entity.attributes[i].name, "\"");
     parameters += concat(i > 0 ? ", ?" : "?", i + 1);
   }
-  return concat("INSERT INTO \"", entity.name, "\" (", columns, ") VALUES (", parameters, ")");
+  return concat("INSERT INTO \"", entity.name, "\" (", columns, ", \"_key\") VALUES (", parameters, ", ?)");
 }
 
 /// Only the changed columns, so that SQLite leaves the indexes of the others alone.
@@ -42,7 +42,7 @@ NSPersistentStoreCoordinator::Store::Store(std::unique_ptr<Database> database, s
     std::string select = "SELECT \"_key\"";
     for (const auto& attribute : entity->attributes) select += concat(", \"", attribute.name, "\"");
     select += concat(" FROM \"", entity->name, "\"");
-    tables_.push_back({entity, std::move(select), insertText(*entity), std::nullopt});
+    tables_.push_back({entity, std::move(select), insertText(*entity), std::nullopt, std::nullopt});
   }
 }
 
@@ -88,22 +88,29 @@ Result<bool> NSPersistentStoreCoordinator::Store::rowMatches(const NSEntityDescr
 }
 
 std::optional<Error> NSPersistentStoreCoordinator::Store::write(const EntityObjects& objects, Receipt& receipt) {
-  const Table* known = table(objects.entity());
+  Table* known = table(objects.entity());
   if (!known) return unknownEntity(objects.entity());
   if (auto error = insertRows(*known, objects, receipt)) return error;
   if (auto error = updateRows(*known, objects)) return error;
   return deleteRows(*known, objects, receipt);
 }
 
-std::optional<Error> NSPersistentStoreCoordinator::Store::insertRows(const Table& table, const EntityObjects& objects,
+std::optional<Error> NSPersistentStoreCoordinator::Store::insertRows(Table& table, const EntityObjects& objects,
                                                                      Receipt& receipt) {
   const int count = static_cast<int>(table.entity->attributes.size());
+  if (!objects.inserted().empty() && !table.lastKey) {
+    Execution highest(*database_, concat("SELECT max(\"_key\") FROM \"", table.entity->name, "\""));
+    if (!highest.step()) return highest.error(StoreErrorCode::save, "The keys could not be read");
+    table.lastKey = highest.integer(0);
+  }
   for (const auto& [number, object] : objects.inserted()) {
     Execution insert(*database_, table.insert);
     for (int i = 0; i < count; ++i) RowCodec::bind(insert, i + 1, *object, i);
+    // A key is used once in a process, also when its row has gone: an id taken before must not name another record.
+    insert.bind(count + 1, ++*table.lastKey);
     insert.step();
     if (insert.failed()) return insert.error(StoreErrorCode::save, "A record could not be inserted");
-    receipt.insertedKeys.push_back(database_->lastInsertedKey());
+    receipt.insertedKeys.push_back(*table.lastKey);
     ++receipt.rowsAdded;
   }
   return std::nullopt;

@@ -53,12 +53,13 @@ struct NSPersistentStoreCoordinator::Store {
     const NSEntityDescription* entity;
     std::string select;
     std::string insert;
-    std::optional<std::int64_t> rows;  ///< known once somebody has asked
+    std::optional<std::int64_t> rows;     ///< known once somebody has asked
+    std::optional<std::int64_t> lastKey;  ///< highest ever given out; known from the first insert on
   };
 
   Store(std::unique_ptr<Database> database, std::string uuid, const std::vector<const NSEntityDescription*>& entities);
   Table* table(const NSEntityDescription& entity);
-  std::optional<Error> insertRows(const Table& table, const EntityObjects& objects, Receipt& receipt);
+  std::optional<Error> insertRows(Table& table, const EntityObjects& objects, Receipt& receipt);
   std::optional<Error> updateRows(const Table& table, const EntityObjects& objects);
   std::optional<Error> deleteRows(const Table& table, const EntityObjects& objects, Receipt& receipt);
 

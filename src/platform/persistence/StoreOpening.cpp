@@ -62,12 +62,13 @@ Result<std::unique_ptr<NSPersistentStoreCoordinator::Store>> NSPersistentStoreCo
     const std::string& modelHash) {
   if (auto error = ensureFile(file)) return *error;
   if (auto error = StoreSchema::checkHeader(file)) return *error;
-  ::chmod(file.c_str(), kOwnerOnly);  // before SQLite makes its side files
   auto opened = Database::open(file);
   if (!opened) return opened.error();
   Database& database = **opened;
   auto uuid = StoreSchema(entities, modelHash).prepare(database);
   if (!uuid) return uuid.error();
+  database.adopt();
+  ::chmod(file.c_str(), kOwnerOnly);  // before SQLite makes its side files
   if (auto error = useWriteAheadLog(database)) return *error;
   if (auto error = checkWritable(database)) return *error;
   return std::unique_ptr<Store>(new Store(std::move(*opened), std::move(*uuid), entities));

@@ -10,6 +10,8 @@
 namespace tarvo::platform {
 namespace {
 
+bool isSecure(std::string_view url) { return equalIgnoringCase(url.substr(0, 6), "https:"); }
+
 using namespace std::chrono_literals;
 
 constexpr int kMostRedirects = 20;
@@ -172,7 +174,10 @@ bool Transfer::prepare(CURL* handle, const std::optional<std::string>& certifica
   if (isLoopbackHost(hostOf(request_.url))) curl_easy_setopt(handle, CURLOPT_NOPROXY, "*");
   // Without this the answer of a proxy to CONNECT would be taken for the server's.
   curl_easy_setopt(handle, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
-  if (certificateFile) curl_easy_setopt(handle, CURLOPT_CAINFO, certificateFile->c_str());
+  if (certificateFile) {
+    curl_easy_setopt(handle, CURLOPT_CAINFO, certificateFile->c_str());
+    curl_easy_setopt(handle, CURLOPT_CAPATH, nullptr);
+  }
   const auto timeout = std::chrono::ceil<std::chrono::milliseconds>(request_.timeoutInterval);
   curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, long{timeout.count()});
   curl_easy_setopt(handle, CURLOPT_MAXFILESIZE_LARGE, curl_off_t{kMostBodyBytes});
@@ -253,6 +258,11 @@ bool Transfer::follow(const std::string& location) {
   const auto target = resolve(request_.url, location);
   if (!target || !isValidHttpUrl(*target)) {
     fail(target ? urlError::unsupportedURL : urlError::badServerResponse);
+    return false;
+  }
+  // What was asked for over a secured connection is not sent again readable.
+  if (isSecure(request_.url) && !isSecure(*target) && !isLoopbackHost(hostOf(*target))) {
+    fail(urlError::secureConnectionFailed, "The redirect leads from https to plain http");
     return false;
   }
   request_.url = *target;
