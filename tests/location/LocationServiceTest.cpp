@@ -294,6 +294,27 @@ TEST(LocationService, TellsRegionCrossingsAfterTwentySecondsPastTheBorder) {
   }
 }
 
+TEST(LocationService, TellsNoCrossingOfARegionThatTheDelegateHasJustDropped) {
+  struct Dropping final : DiaryDelegate {
+    void didExitRegion(CLLocationManager& manager, const CLCircularRegion& region) override {
+      DiaryDelegate::didExitRegion(manager, region);
+      for (const auto& watched : manager.monitoredRegions()) manager.stopMonitoring(watched);
+    }
+  };
+  Process process;
+  Dropping delegate;
+  CLLocationManager manager;
+  manager.setDelegate(&delegate);
+  process.service().deliver({fixAt(0)});
+  for (const double radius : {100, 200, 300}) manager.startMonitoring({concat(radius), {0, 0}, radius});
+  delegate.read();
+  for (int moment = 0; moment < 2; ++moment) {
+    process.clock->advance(Seconds(25));
+    process.service().deliver({fixAt(50000)});
+  }
+  EXPECT_EQ(delegate.read(), Diary{"out 100"}) << "one jump out of a whole ring ends it once";
+}
+
 TEST(LocationService, WatchesAtMostTwentyRegionsOfTheWholeProcess) {
   Process process;
   DiaryDelegate delegate;
