@@ -1,29 +1,24 @@
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "sandbox/Bodies.h"
-
-struct sqlite3;
-struct sqlite3_stmt;
+#include "sandbox/Identity.h"
 
 namespace tarvo::sandbox {
-
-struct Identity {
-  std::string uuid, secret, creationDate;
-};
 
 /// How much was received; a repeat is a position that came again under a number that was known.
 struct Holdings {
   std::int64_t users = 0, positions = 0, repeats = 0, batches = 0;
   /// Numbers between 0 and the highest of each user that never came.
   std::int64_t missing = 0;
+  std::int64_t logs = 0;
 };
 
 /// What the backend keeps, in a SQLite file that people and tests may read while it is open.
@@ -37,6 +32,18 @@ struct Holdings {
 ///     first arrival's data stay, `received` counts the arrivals.
 ///   batches(n INTEGER PRIMARY KEY, useruuid, first, last, count)
 ///     One row for each accepted upload: the numbers of its first and last position and how many it held.
+///   tokens(n INTEGER PRIMARY KEY, useruuid, token, envir, app_id, tokenusage)
+///   tags(n INTEGER PRIMARY KEY, useruuid, call, name, value, envir, app_id)
+///   subscriptions(n INTEGER PRIMARY KEY, useruuid, call, subscription, envir, app_id, notification)
+///     One row for each accepted call, in their order, with the texts as they came; repeats too. `call` is "set" or
+///     "unset", "register" or "unregister"; what a call does not carry is NULL.
+///   resets(n INTEGER PRIMARY KEY, useruuid, call)
+///     `call` is "resetbackend" or "resetgeoprofile".
+///   logs(file PRIMARY KEY, useruuid, bytes, received)
+///     One row for each log file: who sent it last, its size, and how often it came.
+///   requests(n INTEGER PRIMARY KEY, method, path, status)
+///     One row for each request that was answered, in the order of the answers. `path` is the target as it came, with
+///     its query.
 ///
 /// A batch is stored as a whole or not at all.
 /// Threads: any, one at a time inside. Errors: std::runtime_error with SQLite's text.
@@ -50,20 +57,20 @@ class Archive {
   /// The identity of the device, made at its first call.
   Identity identify(const Device& device);
   void store(const std::string& user, const std::vector<Position>& batch);
+  /// `texts` are those of the form's keys, in their order.
+  void storeCall(const std::string& user, const Form& form, const std::vector<std::string>& texts);
+  void storeReset(const std::string& user, std::string_view call);
+  void storeLog(const std::string& user, std::string_view file, std::size_t bytes);
+  void storeRequest(std::string_view method, std::string_view path, int status);
 
   bool knows(const Credentials& user);
   Holdings holdings();
 
  private:
-  using Statement = std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)>;
-
-  void run(const char* sql);
-  Statement prepare(const std::string& sql);
-  bool step(sqlite3_stmt* statement);
+  struct Open;
 
   std::mutex mutex_;
-  std::unique_ptr<sqlite3, int (*)(sqlite3*)> database_;
-  Statement addPosition_, addBatch_, findUser_;
+  std::unique_ptr<Open> open_;
 };
 
 }  // namespace tarvo::sandbox

@@ -1,125 +1,153 @@
 #include "sandbox/Backend.h"
 
 #include <httplib.h>
+#include <sys/socket.h>
 
 #include <limits>
-#include <nlohmann/json.hpp>
-#include <optional>
 #include <stdexcept>
 #include <thread>
 #include <utility>
 
-#include "sandbox/Bodies.h"
+#include "sandbox/Service.h"
 
 namespace tarvo::sandbox {
 namespace {
 
-using Json = nlohmann::json;
-
 constexpr const char* kHost = "127.0.0.1";
-/// A batch is at most 1000 positions, well below 1 MiB; this leaves room for odd clients without inviting a flood.
+/// A batch is at most 1000 positions, well below 1 MiB, a log of a day a few MiB; this leaves room for odd clients
+/// without inviting a flood.
 constexpr std::size_t kLargestBody = 64 << 20;
 /// An idle connection occupies a thread that `stop` waits for.
 constexpr time_t kKeepAliveSeconds = 1;
 constexpr time_t kReadSeconds = 30;
 
-void answer(httplib::Response& response, int status, const Json& body) {
-  response.status = status;
-  response.set_content(body.dump(-1, ' ', false, Json::error_handler_t::replace), "application/json");
+/// Asked once by `start`, and no part of a run.
+constexpr const char* kProbe = "/";
+
+/// In front of the content type of a multipart body: the server would take such a body apart by itself, and refuse one
+/// that goes on after its end.
+constexpr const char* kRaw = "raw ";
+
+httplib::Server::HandlerResponse leaveMultipartRaw(const httplib::Request& request, httplib::Response&) {
+  if (request.is_multipart_form_data()) {
+    // The request belongs to the server, which hands it out as constant but reads the body only after this.
+    auto& headers = const_cast<httplib::Request&>(request).headers;
+    headers.lower_bound("Content-Type")->second.insert(0, kRaw);
+  }
+  return httplib::Server::HandlerResponse::Unhandled;
 }
 
-void refuse(httplib::Response& response, int status, const std::string& why) {
-  if (status == 401) response.set_header("WWW-Authenticate", "Basic realm=\"sandbox\"");
-  answer(response, status, {{"success", false}, {"error", why}});
+std::string contentType(const httplib::Request& request) {
+  std::string type = request.get_header_value("Content-Type");
+  if (type.starts_with(kRaw)) type.erase(0, std::char_traits<char>::length(kRaw));
+  return type;
+}
+
+void send(Reply reply, httplib::Response& response) {
+  response.status = reply.status;
+  if (reply.status == 401) response.set_header("WWW-Authenticate", "Basic realm=\"sandbox\"");
+  response.set_content(std::move(reply.body), "application/json");
+}
+
+void sendFailure(const httplib::Request&, httplib::Response& response, std::exception_ptr failure) {
+  try {
+    std::rethrow_exception(std::move(failure));
+  } catch (const std::exception& error) {
+    send(refuse(500, error.what()), response);
+  } catch (...) {
+    send(refuse(500, "unknown failure"), response);
+  }
+}
+
+/// Only this one: the server's own choice would let two backends share a port unnoticed.
+void reuseAddress(int socket) {
+  const int yes = 1;
+  setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+}
+
+std::filesystem::path besideArchive(std::filesystem::path archive) {
+  const std::string name = archive.stem().string() + "-logs";
+  return archive.replace_filename(name);
 }
 
 }  // namespace
 
 struct Backend::State {
-  State(Account customer, const std::filesystem::path& file) : account(std::move(customer)), archive(file) {}
+  State(Account account, const std::filesystem::path& archive, const std::filesystem::path& logs)
+      : service(std::move(account), archive, logs) {}
 
-  void handlePost(const httplib::Request& request, httplib::Response& response) {
-    const std::string base = "/api/v1/" + account.clientID + "/";
-    if (request.path == base + "users") return handleUsers(request, response);
-    if (request.path == base + "positions") return handlePositions(request, response);
-    refuse(response, 404, "no such path");
+  void handle(const httplib::Request& request, httplib::Response& response) {
+    const std::string authorization = request.get_header_value("Authorization"), type = contentType(request);
+    send(service.answer({request.method, request.path, authorization, type, request.body, request.params}), response);
   }
 
-  void handleUsers(const httplib::Request& request, httplib::Response& response) {
-    if (readBasicCredentials(request.get_header_value("Authorization")) !=
-        Credentials{account.apiKey, account.apiSecret})
-      return refuse(response, 401, "wrong API key or secret");
-    std::string why;
-    const auto device = readDevice(request.body, why);
-    if (!device) return refuse(response, 400, why);
-    const Identity user = archive.identify(*device);
-    const Json result = {{"uuid", user.uuid}, {"creation_date", user.creationDate}, {"secretkey", user.secret}};
-    answer(response, 200, {{"success", true}, {"results", Json::array({result})}});
+  void record(const httplib::Request& request, const httplib::Response& response) {
+    if (request.target == kProbe) return;
+    try {
+      service.archive.storeRequest(request.method, request.target, response.status);
+    } catch (const std::exception&) {  // the answer matters more than its row
+    }
   }
 
-  void handlePositions(const httplib::Request& request, httplib::Response& response) {
-    if (const int status = faults.meet()) return refuse(response, status, "planned fault");
-    const auto user = readBasicCredentials(request.get_header_value("Authorization"));
-    if (!user || !archive.knows(*user)) return refuse(response, 401, "unknown user");
-    std::string why;
-    const auto batch = readPositions(request.body, user->name, why);
-    if (!batch) return refuse(response, 400, why);
-    archive.store(user->name, *batch);
-    answer(response, 200, {{"success", true}, {"last_prediction_id", 0}, {"last_pasttrip_id", 0}, {"last_poi_id", 0}});
-  }
-
-  const Account account;
-  Archive archive;
-  Faults faults;
+  Service service;
   httplib::Server server;
   std::thread listener;
   std::string baseURL;
+  int port = 0;
 };
 
-Backend::Backend(Account account, const std::filesystem::path& archive)
-    : state_(std::make_unique<State>(std::move(account), archive)) {
+Backend::Backend(Account account, const std::filesystem::path& archive, std::filesystem::path logs)
+    : state_(std::make_unique<State>(std::move(account), archive, logs.empty() ? besideArchive(archive) : logs)) {
   httplib::Server& server = state_->server;
   server.set_payload_max_length(kLargestBody);
   server.set_keep_alive_max_count(std::numeric_limits<std::size_t>::max());
   server.set_keep_alive_timeout(kKeepAliveSeconds);
   server.set_read_timeout(kReadSeconds);
   server.set_tcp_nodelay(true);
-  server.Post(".*", [state = state_.get()](const httplib::Request& request, httplib::Response& response) {
-    state->handlePost(request, response);
-  });
-  server.set_exception_handler([](const httplib::Request&, httplib::Response& response, std::exception_ptr failure) {
-    try {
-      std::rethrow_exception(failure);
-    } catch (const std::exception& error) {
-      refuse(response, 500, error.what());
-    } catch (...) {
-      refuse(response, 500, "unknown failure");
-    }
+  server.set_socket_options(reuseAddress);
+  server.set_pre_routing_handler(leaveMultipartRaw);
+  const auto handle = [state = state_.get()](const httplib::Request& request, httplib::Response& response) {
+    state->handle(request, response);
+  };
+  server.Get(".*", handle);
+  server.Post(".*", handle);
+  server.set_exception_handler(sendFailure);
+  server.set_post_routing_handler([state = state_.get()](const httplib::Request& request, httplib::Response& response) {
+    state->record(request, response);
   });
 }
 
 Backend::~Backend() { stop(); }
 
-void Backend::start() {
-  const int port = state_->server.bind_to_any_port(kHost);
-  if (port < 0) throw std::runtime_error("no free port on 127.0.0.1");
-  state_->baseURL = std::string("http://") + kHost + ":" + std::to_string(port) + "/api";
+void Backend::start(int port) {
+  httplib::Server& server = state_->server;
+  state_->port = port == 0 ? server.bind_to_any_port(kHost) : server.bind_to_port(kHost, port) ? port : -1;
+  if (state_->port < 0)
+    throw std::runtime_error(port == 0 ? "no free port on 127.0.0.1"
+                                       : "port " + std::to_string(port) + " of 127.0.0.1 is not free");
+  state_->baseURL = std::string("http://") + kHost + ":" + std::to_string(state_->port) + "/api";
   state_->listener = std::thread([this] { state_->server.listen_after_bind(); });
   // The first answer shows that the server has come up; stopping it earlier would have no effect.
-  httplib::Client(kHost, port).Get("/");
+  httplib::Client(kHost, state_->port).Get(kProbe);
 }
 
 void Backend::stop() {
   if (!state_->listener.joinable()) return;
-  state_->faults.close();
+  state_->service.faults.close();
   state_->server.stop();
   state_->listener.join();
 }
 
+void Backend::serve(const Canned& canned) { state_->service.derived.serve(canned); }
+
 const std::string& Backend::baseURL() const { return state_->baseURL; }
 
-Holdings Backend::holdings() { return state_->archive.holdings(); }
+int Backend::port() const { return state_->port; }
 
-Faults& Backend::faults() { return state_->faults; }
+const std::filesystem::path& Backend::logs() const { return state_->service.logs.path(); }
+
+Holdings Backend::holdings() { return state_->service.archive.holdings(); }
+
+Faults& Backend::faults() { return state_->service.faults; }
 
 }  // namespace tarvo::sandbox

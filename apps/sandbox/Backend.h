@@ -4,40 +4,58 @@
 #include <memory>
 #include <string>
 
+#include "sandbox/Account.h"
 #include "sandbox/Archive.h"
+#include "sandbox/Canned.h"
 #include "sandbox/Faults.h"
 
 namespace tarvo::sandbox {
 
-/// The one customer that the backend serves.
-struct Account {
-  std::string clientID, apiKey, apiSecret;
-};
-
-/// A small backend on a free loopback port: takes registrations and position batches over HTTP and keeps them.
+/// A small backend on a loopback port: takes registrations, position batches, logs and account calls over HTTP and
+/// keeps them; answers predictions, past trips and places from canned data.
 ///
-///   POST /api/v1/CLIENT/users      Basic API key and secret; a device gets the same identity every time.
-///   POST /api/v1/CLIENT/positions  Basic user and user secret; a batch of positions.
-/// Wrong credentials are answered with 401, a body that is malformed with 400, one above 64 MiB with 413, all other
-/// paths and methods with 404.
+/// Below /api/v1/CLIENT/, with API key and API secret:
+///   POST users                  a device gets the same identity every time
+/// and with user and user secret:
+///   POST positions              a batch; answered with the counters of what `serve` was given
+///   POST uplog                  a log file, kept in the log folder in place of one of the same name
+///   POST tokens, tags/set, tags/unset, subscriptions/register, subscriptions/unregister
+///                               kept in the archive, without any effect
+///   GET userconf?uuid=USER      "log_level", when there is one
+///   GET predictions, pois, pasttrips?first_pasttrip_id=A&last_pasttrip_id=B
+///                               canned data; trips with A < id <= B, by id; "success" false without a prediction
+///   GET resetbackend            this user has no past trips until the next `serve`
+///   GET resetgeoprofile         this user has neither prediction nor places until the next `serve`
+/// A reset leaves what was received as it is: the archive is the record of a run.
+///
+/// Wrong credentials are answered with 401, what is malformed with 400, a body above 64 MiB with 413, all other paths
+/// and methods with 404.
 ///
 /// Threads: any; requests are served on threads of its own, which `stop` and the destructor wait for (up to about a
-/// second while a client keeps a connection open). Errors: std::runtime_error from the constructor and `start`.
+/// second while a client keeps a connection open). Errors: std::runtime_error from the constructor, `start` and
+/// `serve`.
 class Backend {
  public:
-  /// Opens or creates the archive; nothing is served yet.
-  Backend(Account account, const std::filesystem::path& archive);
+  /// Opens or creates the archive; nothing is served yet. Logs go to `logs`; without, to a folder beside the archive,
+  /// named like it with "-logs" in place of its extension.
+  Backend(Account account, const std::filesystem::path& archive, std::filesystem::path logs = {});
   ~Backend();
   Backend(const Backend&) = delete;
   Backend& operator=(const Backend&) = delete;
 
-  /// Serves when it returns; at most once.
-  void start();
-  /// Posts that hang are answered with 503. A second call does nothing.
+  /// Serves when it returns; at most once. Port 0 is any free one; another must not be in use, but may have been a
+  /// moment ago.
+  void start(int port = 0);
+  /// Requests that hang are answered with 503. A second call does nothing.
   void stop();
+
+  /// Replaces the canned data, at any time; at first there are none.
+  void serve(const Canned& canned);
 
   /// `http://127.0.0.1:PORT/api`; once started.
   const std::string& baseURL() const;
+  int port() const;
+  const std::filesystem::path& logs() const;
   Holdings holdings();
   Faults& faults();
 

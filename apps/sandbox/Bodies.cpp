@@ -10,16 +10,8 @@ namespace {
 
 using Json = nlohmann::json;
 
-/// A registration is a few hundred bytes; more is nobody's device description.
-constexpr std::size_t kLargestDeviceBody = 64 * 1024;
-
-std::optional<std::int64_t> canonicalNumber(const std::string& text) {
-  std::int64_t number = 0;
-  const char* end = text.data() + text.size();
-  const auto [rest, error] = std::from_chars(text.data(), end, number);
-  if (error != std::errc() || rest != end || number < 0 || std::to_string(number) != text) return std::nullopt;
-  return number;
-}
+/// A registration or an account call is a few hundred bytes; more is nobody's device description or tag.
+constexpr std::size_t kLargestSmallBody = 64 * 1024;
 
 /// Takes the parser's events and refuses the first that has no place in an upload.
 class PositionsReader final : public nlohmann::json_sax<Json> {
@@ -61,8 +53,8 @@ class PositionsReader final : public nlohmann::json_sax<Json> {
     Position& position = positions.back();
     for (std::size_t i = 0; i < kPositionKeys.size(); ++i)
       if (!seen_.test(i)) return refuse(std::string("missing key ") + kPositionKeys[i]);
-    const auto id = canonicalNumber(position.values[0]);
-    if (!id) return refuse("not a running number: " + position.values[0]);
+    const auto id = readNumber(position.values[0]);
+    if (!id || *id < 0) return refuse("not a running number: " + position.values[0]);
     position.id = *id;
     if (position.values[1] != user_) return refuse("useruuid is not the user that sends");
     return true;
@@ -91,6 +83,28 @@ class PositionsReader final : public nlohmann::json_sax<Json> {
   std::size_t key_ = 0;
   std::bitset<kPositionKeys.size()> seen_;
 };
+
+/// A JSON object of at most 64 KiB.
+std::optional<Json> readObject(std::string_view body, std::string& refusal) {
+  if (body.size() > kLargestSmallBody) {
+    refusal = "longer than 64 KiB";
+    return std::nullopt;
+  }
+  Json json = Json::parse(body, nullptr, /*allow_exceptions=*/false);
+  if (json.is_object()) return json;
+  refusal = "expected an object";
+  return std::nullopt;
+}
+
+bool takeText(Json& object, const char* key, std::string& text, std::string& refusal) {
+  const auto found = object.find(key);
+  if (found != object.end() && found->is_string()) {
+    text = std::move(found->get_ref<std::string&>());
+    return true;
+  }
+  refusal = std::string("no text under ") + key;
+  return false;
+}
 
 std::optional<std::string> decodeBase64(std::string_view text) {
   static constexpr std::string_view alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
@@ -123,30 +137,51 @@ std::optional<std::vector<Position>> readPositions(std::string_view body, std::s
 }
 
 std::optional<Device> readDevice(std::string_view body, std::string& refusal) {
-  if (body.size() > kLargestDeviceBody) {
-    refusal = "too large for a device";
-    return std::nullopt;
-  }
-  const Json json = Json::parse(body, nullptr, /*allow_exceptions=*/false);
-  if (!json.is_object()) {
-    refusal = "expected an object";
-    return std::nullopt;
-  }
+  auto json = readObject(body, refusal);
+  if (!json) return std::nullopt;
   Device device;
   for (const auto& [key, field] : {std::pair{"mobileos", &device.mobileos},
                                    {"mobileid", &device.mobileid},
                                    {"phone_description", &device.phone_description},
-                                   {"sensors", &device.sensors}}) {
-    const auto found = json.find(key);
-    if (found == json.end() || !found->is_string()) {
-      refusal = std::string("no text under ") + key;
-      return std::nullopt;
-    }
-    *field = found->get<std::string>();
-  }
+                                   {"sensors", &device.sensors}})
+    if (!takeText(*json, key, *field, refusal)) return std::nullopt;
   if (!device.mobileid.empty()) return device;
   refusal = "mobileid is empty";
   return std::nullopt;
+}
+
+const std::vector<Form>& forms() {
+  static const auto* const all = new std::vector<Form>{
+      {"tokens", "tokens", nullptr, {"token", "envir", "app_id", "tokenusage"}},
+      {"tags/set", "tags", "set", {"name", "value", "envir", "app_id"}},
+      {"tags/unset", "tags", "unset", {"name", "envir", "app_id"}},
+      {"subscriptions/register", "subscriptions", "register", {"subscription", "envir", "app_id", "notification"}},
+      {"subscriptions/unregister", "subscriptions", "unregister", {"subscription", "envir", "app_id"}},
+  };
+  return *all;
+}
+
+std::optional<std::vector<std::string>> readForm(std::string_view body, const Form& form, std::string& refusal) {
+  auto json = readObject(body, refusal);
+  if (!json) return std::nullopt;
+  std::vector<std::string> texts(form.keys.size());
+  for (std::size_t i = 0; i < texts.size(); ++i)
+    if (!takeText(*json, form.keys[i], texts[i], refusal)) return std::nullopt;
+  if (json->size() != texts.size())
+    refusal = "more keys than the call has";
+  else if (texts.front().empty())
+    refusal = std::string("empty text under ") + form.keys.front();
+  else
+    return texts;
+  return std::nullopt;
+}
+
+std::optional<std::int64_t> readNumber(const std::string& text) {
+  std::int64_t number = 0;
+  const char* end = text.data() + text.size();
+  const auto [rest, error] = std::from_chars(text.data(), end, number);
+  if (error != std::errc() || rest != end || std::to_string(number) != text) return std::nullopt;
+  return number;
 }
 
 std::optional<Credentials> readBasicCredentials(std::string_view header) {

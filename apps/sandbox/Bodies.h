@@ -43,6 +43,25 @@ std::optional<std::vector<Position>> readPositions(std::string_view body, std::s
 /// The device of a registration body: a JSON object whose four keys hold texts, with a `mobileid` that is not empty.
 std::optional<Device> readDevice(std::string_view body, std::string& refusal);
 
+/// A call that is kept as it came: its path, the archive's table, what stands there under `call` (none: no such
+/// column), and the keys of its body, which are columns too.
+struct Form {
+  const char* path;
+  const char* table;
+  const char* call;
+  std::vector<const char*> keys;
+};
+
+/// Of the calls for the push token, tags and subscriptions.
+const std::vector<Form>& forms();
+
+/// The texts of a call's body in the order of the form's keys: a JSON object with just these keys and texts under
+/// them, the first not empty. Absent when the body is anything else.
+std::optional<std::vector<std::string>> readForm(std::string_view body, const Form& form, std::string& refusal);
+
+/// A decimal number that is written as to_string would; absent otherwise.
+std::optional<std::int64_t> readNumber(const std::string& text);
+
 struct Credentials {
   std::string name, secret;
   bool operator==(const Credentials&) const = default;

@@ -1,38 +1,44 @@
 #include "sandbox/Faults.h"
 
+#include <utility>
+
 namespace tarvo::sandbox {
 
-void Faults::answerNext(std::size_t posts, int status) {
+void Faults::answerNext(const std::string& path, std::size_t requests, int status, std::string body) {
   const std::lock_guard lock(mutex_);
-  planned_.insert(planned_.end(), posts, status);
+  auto& planned = planned_[path];
+  planned.insert(planned.end(), requests, Planned{status, std::move(body)});
 }
 
-void Faults::hangNext(std::size_t posts) { answerNext(posts, kHang); }
+void Faults::hangNext(const std::string& path, std::size_t requests) { answerNext(path, requests, kHang); }
 
 void Faults::release() {
   const std::lock_guard lock(mutex_);
-  std::erase(planned_, kHang);
+  for (auto& [path, planned] : planned_)
+    std::erase_if(planned, [](const Planned& fault) { return fault.status == kHang; });
   ++releases_;
   changed_.notify_all();
 }
 
-bool Faults::waitUntilHanging(std::size_t posts, std::chrono::milliseconds longest) {
+bool Faults::waitUntilHanging(std::size_t requests, std::chrono::milliseconds longest) {
   std::unique_lock lock(mutex_);
-  return changed_.wait_for(lock, longest, [&] { return hanging_ >= posts; });
+  return changed_.wait_for(lock, longest, [&] { return hanging_ >= requests; });
 }
 
-int Faults::meet() {
+std::optional<Faults::Planned> Faults::meet(const std::string& path) {
   std::unique_lock lock(mutex_);
-  if (planned_.empty()) return 0;
-  const int fault = planned_.front();
-  planned_.pop_front();
-  if (fault != kHang) return fault;
+  const auto found = planned_.find(path);
+  if (found == planned_.end() || found->second.empty()) return std::nullopt;
+  Planned fault = std::move(found->second.front());
+  found->second.pop_front();
+  if (fault.status != kHang) return fault;
   ++hanging_;
   changed_.notify_all();
   const std::size_t arrival = releases_;
   changed_.wait(lock, [&] { return closed_ || releases_ != arrival; });
   --hanging_;
-  return closed_ ? 503 : 0;
+  if (closed_) return Planned{503, {}};
+  return std::nullopt;
 }
 
 void Faults::close() {

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tarvo::sandbox {
+
+/// What the backend pretends to have derived from the positions, the same for every user. Objects are JSON texts,
+/// passed on with their values as they are, whatever keys they hold.
+struct Canned {
+  std::optional<std::string> prediction;  ///< goes out with "success" true, unless it has a "success" of its own
+  std::vector<std::string> trips;         ///< those without a whole number as "pasttrip_id" belong to every range
+  std::vector<std::string> pois;
+  std::optional<std::int64_t> logLevel;
+
+  /// The counters in the answer to a batch; those not given are the prediction's "prediction_id", the highest
+  /// "pasttrip_id" and the number of places, each 0 without.
+  std::optional<std::int64_t> lastPredictionID, lastPasttripID, poiVersion;
+};
+
+/// From a JSON object {"prediction":{...}, "trips":[{...}], "pois":[{...}], "poi_version":N, "log_level":N}, each key
+/// optional and no other allowed. Errors: std::runtime_error that says what is wrong.
+Canned parseCanned(std::string_view text);
+
+/// The same from a file; errors name it.
+Canned readCanned(const std::filesystem::path& file);
+
+}  // namespace tarvo::sandbox

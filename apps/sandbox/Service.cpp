@@ -1,0 +1,148 @@
+#include "sandbox/Service.h"
+
+#include <algorithm>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <utility>
+
+#include "sandbox/Bodies.h"
+
+namespace tarvo::sandbox {
+namespace {
+
+using Json = nlohmann::json;
+
+Reply reply(int status, const Json& body) {
+  return {status, body.dump(-1, ' ', false, Json::error_handler_t::replace)};
+}
+
+Reply success() { return reply(200, {{"success", true}}); }
+
+std::optional<std::string> queryValue(const Call& call, const char* key) {
+  const auto [first, end] = call.query.equal_range(key);
+  if (first == end || std::next(first) != end) return std::nullopt;
+  return first->second;
+}
+
+}  // namespace
+
+Reply refuse(int status, const std::string& why) { return reply(status, {{"success", false}, {"error", why}}); }
+
+struct Service::Route {
+  std::string_view method, path;
+  Reply (Service::*handle)(const Call&, const std::string& user);
+};
+
+const Service::Route Service::kRoutes[] = {
+    {"POST", "users", &Service::users},
+    {"POST", "positions", &Service::positions},
+    {"POST", "uplog", &Service::uplog},
+    {"POST", "tokens", &Service::form},
+    {"POST", "tags/set", &Service::form},
+    {"POST", "tags/unset", &Service::form},
+    {"POST", "subscriptions/register", &Service::form},
+    {"POST", "subscriptions/unregister", &Service::form},
+    {"GET", "userconf", &Service::userconf},
+    {"GET", "predictions", &Service::predictions},
+    {"GET", "pasttrips", &Service::pasttrips},
+    {"GET", "pois", &Service::pois},
+    {"GET", "resetbackend", &Service::resetbackend},
+    {"GET", "resetgeoprofile", &Service::resetgeoprofile},
+};
+
+Service::Service(Account account, const std::filesystem::path& archiveFile, const std::filesystem::path& logFolder)
+    : archive(archiveFile),
+      logs(logFolder),
+      account_(std::move(account)),
+      base_("/api/v1/" + account_.clientID + "/") {}
+
+const Service::Route* Service::find(const Call& call) const {
+  if (!call.path.starts_with(base_)) return nullptr;
+  const std::string_view path = call.path.substr(base_.size());
+  const auto found = std::find_if(std::begin(kRoutes), std::end(kRoutes), [&](const Route& route) {
+    return route.path == path && route.method == call.method;
+  });
+  return found == std::end(kRoutes) ? nullptr : found;
+}
+
+Reply Service::answer(const Call& call) {
+  const Route* route = find(call);
+  if (route == nullptr) return refuse(404, "no such path");
+  if (auto fault = faults.meet(std::string(route->path)))
+    return fault->body.empty() ? refuse(fault->status, "planned fault") : Reply{fault->status, std::move(fault->body)};
+  const auto credentials = readBasicCredentials(call.authorization);
+  if (route->handle == &Service::users) {
+    if (credentials != Credentials{account_.apiKey, account_.apiSecret}) return refuse(401, "wrong API key or secret");
+  } else if (!credentials || !archive.knows(*credentials)) {
+    return refuse(401, "unknown user");
+  }
+  return (this->*route->handle)(call, credentials->name);
+}
+
+Reply Service::users(const Call& call, const std::string&) {
+  std::string why;
+  const auto device = readDevice(call.body, why);
+  if (!device) return refuse(400, why);
+  const Identity user = archive.identify(*device);
+  const Json result = {{"uuid", user.uuid}, {"creation_date", user.creationDate}, {"secretkey", user.secret}};
+  return reply(200, {{"success", true}, {"results", Json::array({result})}});
+}
+
+Reply Service::positions(const Call& call, const std::string& user) {
+  std::string why;
+  const auto batch = readPositions(call.body, user, why);
+  if (!batch) return refuse(400, why);
+  archive.store(user, *batch);
+  return {200, derived.counters(user)};
+}
+
+Reply Service::uplog(const Call& call, const std::string& user) {
+  if (call.contentType != kLogContentType) return refuse(400, "expected " + std::string(kLogContentType));
+  std::string why;
+  const auto log = readLogUpload(call.body, why);
+  if (!log) return refuse(400, why);
+  logs.keep(*log);
+  archive.storeLog(user, log->file, log->content.size());
+  return reply(200, {{"success", true}, {"results", "uploaded"}, {"file", log->file}});
+}
+
+Reply Service::form(const Call& call, const std::string& user) {
+  const std::string_view path = call.path.substr(base_.size());
+  const auto form = std::find_if(forms().begin(), forms().end(), [&](const Form& one) { return one.path == path; });
+  std::string why;
+  const auto texts = readForm(call.body, *form, why);
+  if (!texts) return refuse(400, why);
+  archive.storeCall(user, *form, *texts);
+  return success();
+}
+
+Reply Service::userconf(const Call& call, const std::string& user) {
+  if (queryValue(call, "uuid") != user) return refuse(400, "uuid is not the user that asks");
+  return {200, derived.configuration()};
+}
+
+Reply Service::predictions(const Call&, const std::string& user) { return {200, derived.prediction(user)}; }
+
+Reply Service::pasttrips(const Call& call, const std::string& user) {
+  const auto first = readNumber(queryValue(call, "first_pasttrip_id").value_or(""));
+  const auto last = readNumber(queryValue(call, "last_pasttrip_id").value_or(""));
+  if (!first || !last) return refuse(400, "no range of trips");
+  return {200, derived.pastTrips(user, *first, *last)};
+}
+
+Reply Service::pois(const Call&, const std::string& user) { return {200, derived.places(user)}; }
+
+Reply Service::resetbackend(const Call&, const std::string& user) {
+  archive.storeReset(user, "resetbackend");
+  derived.forgetHistory(user);
+  return success();
+}
+
+Reply Service::resetgeoprofile(const Call&, const std::string& user) {
+  archive.storeReset(user, "resetgeoprofile");
+  derived.forgetGeoProfile(user);
+  return success();
+}
+
+}  // namespace tarvo::sandbox
