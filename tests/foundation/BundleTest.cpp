@@ -115,10 +115,15 @@ TEST(Files, TellPlainNamesFromPaths) {
   EXPECT_FALSE(isPlainFileName(std::string_view("a\0b", 3)));
 }
 
-TEST(Base64, EncodesWithPadding) {
+TEST(Base64, EncodesWithPaddingAndReadsItBack) {
   const std::pair<std::string_view, const char*> cases[] = {
       {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {"\xff\xfe\xfb", "//77"}};
-  for (const auto& [bytes, text] : cases) EXPECT_EQ(base64Encode(bytes), text);
+  for (const auto& [bytes, text] : cases) {
+    EXPECT_EQ(base64Encode(bytes), text);
+    EXPECT_EQ(base64Decode(text), bytes);
+  }
+  for (const char* text : {"Z", "Zg=", "Zg", "Z===", "Zg==Zg==", "Zm9v\n", "Zm9-", "===="})
+    EXPECT_EQ(base64Decode(text), std::nullopt) << text;
 }
 
 }  // namespace

@@ -7,9 +7,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <tarvo/platform/SystemLog.h>
-
-#include "platform/urlsession/BackgroundSession.h"
 #include "platform/urlsession/Reachability.h"
 
 namespace tarvo::platform {
@@ -81,28 +78,6 @@ TEST(Reachability, FollowsTheKernelsRoutes) {
   EXPECT_EQ(SCNetworkReachabilityGetFlags("255.255.255.255"), 0U) << "no host";
   const Flags outside = SCNetworkReachabilityGetFlags("https://192.0.2.1/");
   EXPECT_EQ(outside.value() & kSCNetworkReachabilityFlagsReachable, canConnectDatagrams("192.0.2.1") ? 2U : 0U);
-}
-
-struct SilentDelegate : BackgroundSessionDelegate {
-  void didReceiveData(BackgroundSession&, const std::string&) override {}
-  void didComplete(BackgroundSession&, const URLSessionUploadTask&, std::optional<int>, std::optional<Error>) override {
-  }
-  void didFinishEvents(BackgroundSession&) override {}
-};
-
-TEST(BackgroundSession, IsOneForEachIdentifierWithItsFirstDelegate) {
-  std::string log;
-  setSystemLogSink([&log](std::string_view line) { log += line; });
-  SilentDelegate first, second;
-  const auto session = BackgroundSession::open({"logs"}, first);
-  const auto other = BackgroundSession::open({"other"}, second);
-  EXPECT_EQ(log, "");
-  EXPECT_EQ(BackgroundSession::open({"logs"}, second), session);
-  EXPECT_EQ(log, "A background URLSession with identifier logs already exists!");
-  EXPECT_EQ(&session->delegate(), &first);
-  EXPECT_NE(other, session);
-  EXPECT_EQ(session->description(), "<BackgroundSession: logs>");
-  setSystemLogSink({});
 }
 
 }  // namespace

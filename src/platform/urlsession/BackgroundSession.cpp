@@ -1,14 +1,28 @@
 #include "platform/urlsession/BackgroundSession.h"
 
+#include <deque>
 #include <map>
+#include <set>
+#include <system_error>
+#include <utility>
 
+#include <tarvo/platform/Environment.h>
 #include <tarvo/platform/SystemLog.h>
 
+#include "platform/foundation/Activity.h"
 #include "platform/foundation/Mutex.h"
+#include "platform/foundation/SerialQueue.h"
 #include "platform/foundation/Text.h"
+#include "platform/urlsession/TransferJournal.h"
+#include "platform/urlsession/TransferRecord.h"
+#include "platform/urlsession/URLSession.h"
 
 namespace tarvo::platform {
 namespace {
+
+/// Uploads at once. Fewer than the transfers that the process has at once, so that files which go nowhere never hold up
+/// everything else.
+constexpr int kMostAtOnce = 4;
 
 /// The sessions of this process by identifier. They are never closed.
 struct Registry {
@@ -22,6 +36,29 @@ Registry& registry() {
 }
 
 }  // namespace
+
+/// An upload that is to run, counted as activity until its delegate calls are over.
+struct BackgroundSession::Job {
+  URLSessionUploadTask task;
+  std::shared_ptr<ActivityToken> activity = std::make_shared<ActivityToken>();
+};
+
+struct BackgroundSession::State {
+  explicit State(const std::string& identifier)
+      : queue(concat("tarvo.backgroundsession.", identifier)),
+        journal(homeDirectory() / "Library" / "Transfers", identifier) {}
+
+  SerialQueue queue;
+  TransferJournal journal;
+
+  Mutex mutex;
+  std::map<std::int64_t, URLSessionUploadTask> tasks GUARDED_BY(mutex);  ///< resumed and not ended, restored ones too
+  std::vector<TransferRecord> restored GUARDED_BY(mutex);                ///< until `deliverEvents`
+  std::set<std::int64_t> suspended GUARDED_BY(mutex);
+  std::int64_t lastIdentifier GUARDED_BY(mutex) = 0;
+  std::deque<Job> waiting GUARDED_BY(mutex);
+  int running GUARDED_BY(mutex) = 0;
+};
 
 std::shared_ptr<BackgroundSession> BackgroundSession::open(const BackgroundSessionConfiguration& configuration,
                                                            BackgroundSessionDelegate& delegate) {
@@ -41,6 +78,122 @@ std::string BackgroundSession::description() const {
 }
 
 BackgroundSession::BackgroundSession(BackgroundSessionConfiguration configuration, BackgroundSessionDelegate& delegate)
-    : configuration_(std::move(configuration)), delegate_(delegate) {}
+    : configuration_(std::move(configuration)),
+      delegate_(delegate),
+      state_(std::make_unique<State>(configuration_.identifier)) {
+  MutexLock lock(state_->mutex);
+  state_->restored = state_->journal.takeRestored();
+  for (const TransferRecord& record : state_->restored) state_->tasks.emplace(record.task.taskIdentifier, record.task);
+}
+
+BackgroundSession::~BackgroundSession() = default;
+
+void BackgroundSession::deliverEvents() {
+  std::vector<TransferRecord> records;
+  {
+    MutexLock lock(state_->mutex);
+    records.swap(state_->restored);
+  }
+  for (TransferRecord& record : records) {
+    if (record.outcome)
+      state_->queue.async(
+          [self = shared_from_this(), record = std::move(record)] { self->deliver(record.task, *record.outcome); });
+    else
+      start({std::move(record.task)});
+  }
+}
+
+URLSessionUploadTask BackgroundSession::uploadTask(URLRequest request, std::filesystem::path file) {
+  request.httpBody.reset();
+  // The process that takes it up may stand in another directory.
+  std::error_code error;
+  if (auto absolute = std::filesystem::absolute(file, error); !error) file = std::move(absolute);
+  MutexLock lock(state_->mutex);
+  do {
+    ++state_->lastIdentifier;
+  } while (state_->tasks.contains(state_->lastIdentifier));
+  state_->suspended.insert(state_->lastIdentifier);
+  return {state_->lastIdentifier, std::move(request), std::move(file)};
+}
+
+void BackgroundSession::resume(const URLSessionUploadTask& task) {
+  Job job{task};
+  {
+    MutexLock lock(state_->mutex);
+    if (state_->suspended.erase(task.taskIdentifier) == 0) return;
+    state_->tasks.emplace(task.taskIdentifier, task);
+  }
+  state_->journal.put({task, {}});
+  start(std::move(job));
+}
+
+void BackgroundSession::getAllTasks(std::function<void(std::vector<URLSessionUploadTask>)> completion) {
+  state_->queue.async([self = shared_from_this(), completion = std::move(completion)] {
+    std::vector<URLSessionUploadTask> tasks;
+    {
+      MutexLock lock(self->state_->mutex);
+      for (const auto& [identifier, task] : self->state_->tasks) tasks.push_back(task);
+    }
+    completion(std::move(tasks));
+  });
+}
+
+void BackgroundSession::finishEvents() {
+  {
+    MutexLock lock(state_->mutex);
+    if (!state_->tasks.empty()) return;
+  }
+  state_->queue.async([self = shared_from_this()] { self->delegate_.didFinishEvents(*self); });
+}
+
+void BackgroundSession::start(Job job) {
+  {
+    MutexLock lock(state_->mutex);
+    state_->waiting.push_back(std::move(job));
+  }
+  startWaiting();
+}
+
+void BackgroundSession::startWaiting() {
+  while (true) {
+    std::optional<Job> job;
+    {
+      MutexLock lock(state_->mutex);
+      if (state_->waiting.empty() || state_->running == kMostAtOnce) return;
+      ++state_->running;
+      job = std::move(state_->waiting.front());
+      state_->waiting.pop_front();
+    }
+    const URLSessionUploadTask& task = job->task;
+    auto ended = [self = shared_from_this(), job = *job](std::optional<std::string> data,
+                                                         std::optional<HTTPURLResponse> response,
+                                                         std::optional<Error> error) {
+      TransferRecord record{job.task, TransferOutcome{{}, std::move(data), std::move(error)}};
+      if (response) record.outcome->statusCode = response->statusCode;
+      // First, so that a reply which the delegate may have seen is never asked for again.
+      self->state_->journal.put(record);
+      {
+        MutexLock lock(self->state_->mutex);
+        --self->state_->running;
+      }
+      self->startWaiting();
+      self->deliver(record.task, *record.outcome);
+    };
+    URLSession::shared().uploadTask(task.originalRequest, task.file, state_->queue, std::move(ended))->resume();
+  }
+}
+
+void BackgroundSession::deliver(const URLSessionUploadTask& task, const TransferOutcome& outcome) {
+  if (outcome.data) delegate_.didReceiveData(*this, *outcome.data);
+  delegate_.didComplete(*this, task, outcome.statusCode, outcome.error);
+  state_->journal.remove(task.taskIdentifier);
+  bool wasLast = false;
+  {
+    MutexLock lock(state_->mutex);
+    state_->tasks.erase(task.taskIdentifier);
+    wasLast = state_->tasks.empty();
+  }
+  if (wasLast) delegate_.didFinishEvents(*this);
+}
 
 }  // namespace tarvo::platform

@@ -14,10 +14,11 @@
 namespace tarvo::platform {
 
 class BackgroundSession;
+struct TransferOutcome;
 
-/// An upload from a file that outlives the process.
+/// An upload from a file. Made by `BackgroundSession::uploadTask`.
 struct URLSessionUploadTask {
-  std::int64_t taskIdentifier = 0;
+  std::int64_t taskIdentifier = 0;  ///< unique among the tasks that a session's journal holds
   URLRequest originalRequest;
   std::filesystem::path file;
 };
@@ -40,23 +41,55 @@ struct BackgroundSessionConfiguration {
   bool shouldUseExtendedBackgroundIdleMode = false;
 };
 
-/// Transfers that go on while the application is suspended or gone. One session for each identifier in a process:
-/// opening a second one gives the first, with its first delegate.
+/// Uploads that outlive the process: those that have been resumed are journalled in the home directory and taken up
+/// again by the next process that opens a session of the same identifier. One session for each identifier in a
+/// process: opening a second one gives the first, with its first delegate.
 ///
-/// Threads: any. The delegate outlives the process's use of the session.
-class BackgroundSession {
+/// Threads: any; the delegate is called on the session's own serial queue, with no lock held, and outlives the
+/// process's use of the session.
+class BackgroundSession : public std::enable_shared_from_this<BackgroundSession> {
  public:
+  ~BackgroundSession();
+  BackgroundSession(const BackgroundSession&) = delete;
+  BackgroundSession& operator=(const BackgroundSession&) = delete;
+
+  /// Reads the journal; what it holds rests until `deliverEvents`.
   static std::shared_ptr<BackgroundSession> open(const BackgroundSessionConfiguration& configuration,
                                                  BackgroundSessionDelegate& delegate);
+
+  /// The delegate is ready: transfers and outcomes from the journal go on. A second call does nothing.
+  /// Until then the events are not finished if the journal held any.
+  void deliverEvents();
+
+  /// A suspended upload, whose body is the file alone. Nothing of it is kept before `resume`.
+  URLSessionUploadTask uploadTask(URLRequest request, std::filesystem::path file);
+  /// Journals the task and starts it. The file is opened, and its length taken, when the transfer begins; a file that
+  /// cannot be read ends the task with an error, as does a failed transfer; none is repeated. Resuming a task twice
+  /// does nothing. Waits for the disk.
+  void resume(const URLSessionUploadTask& task);
+
+  /// Hands over the tasks that have not ended, on the session's queue.
+  void getAllTasks(std::function<void(std::vector<URLSessionUploadTask>)> completion);
+  /// Has the delegate told that the events are finished also when no task is left; otherwise the end of the last
+  /// one tells it, as always.
+  void finishEvents();
+
   const std::string& identifier() const { return configuration_.identifier; }
   BackgroundSessionDelegate& delegate() const { return delegate_; }
   /// `<BackgroundSession: identifier>`
   std::string description() const;
 
  private:
+  struct State;
+  struct Job;
   BackgroundSession(BackgroundSessionConfiguration configuration, BackgroundSessionDelegate& delegate);
-  BackgroundSessionConfiguration configuration_;
+  void start(Job job);
+  void startWaiting();
+  void deliver(const URLSessionUploadTask& task, const TransferOutcome& outcome);
+
+  const BackgroundSessionConfiguration configuration_;
   BackgroundSessionDelegate& delegate_;
+  std::unique_ptr<State> state_;
 };
 
 }  // namespace tarvo::platform

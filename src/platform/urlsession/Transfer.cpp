@@ -1,11 +1,13 @@
 #include "platform/urlsession/Transfer.h"
 
-#include <errno.h>
-
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstdio>
+#include <system_error>
 #include <utility>
+
+#include "platform/urlsession/TransferError.h"
 
 namespace tarvo::platform {
 namespace {
@@ -23,76 +25,11 @@ constexpr std::size_t kMostHeaderBytes = std::size_t{1} << 20;
 /// curl accepts 16 KiB to 2 MiB. One write for the whole body costs less than half of many small ones.
 constexpr std::size_t kLeastUploadBuffer = std::size_t{16} << 10;
 constexpr std::size_t kMostUploadBuffer = std::size_t{2} << 20;
+/// Most of a file that is in memory at once.
+constexpr std::size_t kFileBuffer = std::size_t{64} << 10;
 
 bool isRedirect(int status) {
   return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
-}
-
-std::string describe(int code) {
-  switch (code) {
-    case urlError::badURL:
-      return "bad URL";
-    case urlError::timedOut:
-      return "The request timed out.";
-    case urlError::unsupportedURL:
-      return "unsupported URL";
-    case urlError::cannotFindHost:
-      return "A server with the specified hostname could not be found.";
-    case urlError::cannotConnectToHost:
-      return "Could not connect to the server.";
-    case urlError::networkConnectionLost:
-      return "The network connection was lost.";
-    case urlError::tooManyRedirects:
-      return "too many HTTP redirects";
-    case urlError::notConnectedToInternet:
-      return "The Internet connection appears to be offline.";
-    case urlError::badServerResponse:
-      return "There was a bad response from the server.";
-    case urlError::dataLengthExceedsMaximum:
-      return "resource exceeds maximum size";
-    case urlError::secureConnectionFailed:
-      return "An SSL error has occurred and a secure connection to the server cannot be made.";
-    case urlError::serverCertificateUntrusted:
-      return "The certificate for this server is invalid.";
-    default:
-      return "unknown error";
-  }
-}
-
-int errorCodeOf(CURLcode result, long systemError) {
-  switch (result) {
-    case CURLE_URL_MALFORMAT:
-      return urlError::badURL;
-    case CURLE_COULDNT_RESOLVE_PROXY:
-    case CURLE_COULDNT_RESOLVE_HOST:
-      return urlError::cannotFindHost;
-    case CURLE_COULDNT_CONNECT:
-      return systemError == ENETUNREACH ? urlError::notConnectedToInternet : urlError::cannotConnectToHost;
-    case CURLE_OPERATION_TIMEDOUT:
-      return urlError::timedOut;
-    case CURLE_PARTIAL_FILE:
-    case CURLE_GOT_NOTHING:
-    case CURLE_SEND_ERROR:
-    case CURLE_RECV_ERROR:
-      return urlError::networkConnectionLost;
-    case CURLE_PEER_FAILED_VERIFICATION:
-      return urlError::serverCertificateUntrusted;
-    case CURLE_SSL_CONNECT_ERROR:
-    case CURLE_SSL_CIPHER:
-    case CURLE_SSL_CACERT_BADFILE:
-    case CURLE_SSL_ISSUER_ERROR:
-    case CURLE_SSL_ENGINE_INITFAILED:
-      return urlError::secureConnectionFailed;
-    case CURLE_FILESIZE_EXCEEDED:
-      return urlError::dataLengthExceedsMaximum;
-    // The scheme was checked before, so this is a reply in a version that is not spoken.
-    case CURLE_UNSUPPORTED_PROTOCOL:
-    case CURLE_WEIRD_SERVER_REPLY:
-    case CURLE_BAD_CONTENT_ENCODING:
-      return urlError::badServerResponse;
-    default:
-      return urlError::unknown;
-  }
 }
 
 /// Whether a header would stay one header.
@@ -118,8 +55,10 @@ std::optional<std::string> resolve(const std::string& base, const std::string& l
 
 }  // namespace
 
-Transfer::Transfer(URLRequest request, DataTaskCompletion completion)
-    : request_(std::move(request)), completion_(std::move(completion)) {
+Transfer::Transfer(URLRequest request, std::optional<std::filesystem::path> bodyFile, SerialQueue& completions,
+                   DataTaskCompletion completion)
+    : request_(std::move(request)), completions_(completions), completion_(std::move(completion)) {
+  if (bodyFile) bodyFile_ = std::make_unique<UploadFile>(std::move(*bodyFile));
   Seconds& timeout = request_.timeoutInterval;
   if (!(timeout > Seconds::zero())) timeout = kDefaultTimeout;
   timeout = std::min(timeout, kResourceLimit);
@@ -141,14 +80,7 @@ Transfer::Instant Transfer::deadline() const {
 
 void Transfer::timeOut() { fail(urlError::timedOut); }
 
-void Transfer::fail(int code, std::string_view reason) {
-  const std::string text = describe(code);
-  error_ = Error{NSURLErrorDomain,
-                 code,
-                 text,
-                 {{NSLocalizedDescriptionKey, text}, {NSURLErrorFailingURLStringErrorKey, request_.url}}};
-  if (!reason.empty()) error_->userInfo[NSLocalizedFailureReasonErrorKey] = std::string(reason);
-}
+void Transfer::fail(int code, std::string_view reason) { error_ = transferError(code, request_.url, reason); }
 
 bool Transfer::prepare(CURL* handle, const std::optional<std::string>& certificateFile) {
   response_.reset();
@@ -160,6 +92,10 @@ bool Transfer::prepare(CURL* handle, const std::optional<std::string>& certifica
     const auto scheme = request_.url.find("://");
     const bool isHttp = equalIgnoringCase(request_.url.substr(0, 4), "http");
     fail(scheme == std::string::npos || isHttp ? urlError::badURL : urlError::unsupportedURL);
+    return false;
+  }
+  if (const int failure = bodyFile_ ? bodyFile_->rewind() : 0; failure != 0) {
+    fail(urlErrorOfFile(failure), std::generic_category().message(failure));
     return false;
   }
 
@@ -200,11 +136,18 @@ bool Transfer::prepare(CURL* handle, const std::optional<std::string>& certifica
 
 void Transfer::setBody(CURL* handle) {
   const std::string& method = request_.httpMethod;
-  const std::size_t size = request_.httpBody ? request_.httpBody->size() : 0;
+  const std::uint64_t size = bodyFile_ ? bodyFile_->length() : request_.httpBody ? request_.httpBody->size() : 0;
   // Set in any case: a handle that was used before may hold a smaller buffer than its options say.
-  const std::size_t buffer = std::clamp(size, kLeastUploadBuffer, kMostUploadBuffer);
+  const auto buffer = std::clamp<std::uint64_t>(size, kLeastUploadBuffer, bodyFile_ ? kFileBuffer : kMostUploadBuffer);
   curl_easy_setopt(handle, CURLOPT_UPLOAD_BUFFERSIZE, static_cast<long>(buffer));
-  if (size > 0 || method == "POST" || method == "PUT" || method == "PATCH") {
+  if (bodyFile_ && size > 0) {
+    curl_easy_setopt(handle, CURLOPT_POST, 1L);
+    curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(size));
+    curl_easy_setopt(handle, CURLOPT_READFUNCTION, &Transfer::onRead);
+    curl_easy_setopt(handle, CURLOPT_READDATA, this);
+    curl_easy_setopt(handle, CURLOPT_SEEKFUNCTION, &Transfer::onSeek);
+    curl_easy_setopt(handle, CURLOPT_SEEKDATA, this);
+  } else if (size > 0 || method == "POST" || method == "PUT" || method == "PATCH") {
     curl_easy_setopt(handle, CURLOPT_POST, 1L);
     curl_easy_setopt(handle, CURLOPT_POSTFIELDS, size > 0 ? request_.httpBody->data() : "");
     curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(size));
@@ -235,12 +178,12 @@ CurlList Transfer::headerList() const {
 
 bool Transfer::nextHopAfter(CURL* handle, CURLcode result) {
   const std::string_view reason(reason_.data());
-  if (tooLarge_) {
-    fail(urlError::dataLengthExceedsMaximum);
+  if (abortedWith_) {
+    fail(*abortedWith_);
   } else if (result != CURLE_OK) {
     long systemError = 0;
     curl_easy_getinfo(handle, CURLINFO_OS_ERRNO, &systemError);
-    fail(errorCodeOf(result, systemError), reason.empty() ? curl_easy_strerror(result) : reason);
+    fail(urlErrorOf(result, systemError), reason.empty() ? curl_easy_strerror(result) : reason);
   } else if (!response_) {
     fail(urlError::badServerResponse);
   } else if (isRedirect(response_->statusCode)) {
@@ -273,6 +216,7 @@ bool Transfer::follow(const std::string& location) {
   if (becomesGet) {
     method = "GET";
     request_.httpBody.reset();
+    bodyFile_.reset();
   }
   // Even for the same host: who answers behind a redirect is not whom the credentials were meant for.
   std::erase_if(request_.headers, [becomesGet](const auto& header) {
@@ -293,7 +237,7 @@ bool Transfer::takeHeader(std::string_view line) {
   touch();
   headerBytes_ += line.size();
   if (headerBytes_ > kMostHeaderBytes) {
-    tooLarge_ = true;
+    abortedWith_ = urlError::dataLengthExceedsMaximum;
     return false;
   }
   if (line.starts_with("HTTP/")) {
@@ -314,7 +258,7 @@ bool Transfer::takeHeader(std::string_view line) {
 bool Transfer::takeBody(std::string_view bytes) {
   touch();
   if (bytes.size() > kMostBodyBytes - body_.size()) {
-    tooLarge_ = true;
+    abortedWith_ = urlError::dataLengthExceedsMaximum;
     return false;
   }
   body_.append(bytes);
@@ -327,6 +271,20 @@ std::size_t Transfer::onHeader(char* bytes, std::size_t size, std::size_t count,
 
 std::size_t Transfer::onBody(char* bytes, std::size_t size, std::size_t count, void* self) {
   return static_cast<Transfer*>(self)->takeBody({bytes, size * count}) ? size * count : 0;
+}
+
+std::size_t Transfer::onRead(char* buffer, std::size_t size, std::size_t count, void* self) {
+  auto& transfer = *static_cast<Transfer*>(self);
+  const auto read = transfer.bodyFile_->read(buffer, size * count);
+  // The length has been announced: a body that ends before it would leave the server waiting.
+  if (!read) transfer.abortedWith_ = urlError::requestBodyStreamExhausted;
+  return read.value_or(CURL_READFUNC_ABORT);
+}
+
+int Transfer::onSeek(void* self, curl_off_t offset, int origin) {
+  if (origin != SEEK_SET || offset < 0) return CURL_SEEKFUNC_CANTSEEK;
+  static_cast<Transfer*>(self)->bodyFile_->seek(static_cast<std::uint64_t>(offset));
+  return CURL_SEEKFUNC_OK;
 }
 
 int Transfer::onProgress(void* self, curl_off_t, curl_off_t down, curl_off_t, curl_off_t up) {

@@ -4,14 +4,17 @@
 
 #include <array>
 #include <chrono>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "platform/foundation/Activity.h"
+#include "platform/foundation/SerialQueue.h"
 #include "platform/urlsession/CurlText.h"
 #include "platform/urlsession/URLSession.h"
+#include "platform/urlsession/UploadFile.h"
 
 namespace tarvo::platform {
 
@@ -19,12 +22,15 @@ namespace tarvo::platform {
 /// about redirects.
 ///
 /// Threads: one at a time. It is handed from the starting thread to the session's, and from there to the completion
-/// queue. Owns request, reply and completion; the handles belong to the session. Errors end up in the completion.
+/// queue. Owns request, reply and completion; the handles belong to the session, the queue outlives it. Errors end up
+/// in the completion.
 class Transfer {
  public:
   using Instant = std::chrono::steady_clock::time_point;
 
-  Transfer(URLRequest request, DataTaskCompletion completion);
+  /// With a body file the body of the request does not count.
+  Transfer(URLRequest request, std::optional<std::filesystem::path> bodyFile, SerialQueue& completions,
+           DataTaskCompletion completion);
   Transfer(const Transfer&) = delete;
   Transfer& operator=(const Transfer&) = delete;
 
@@ -42,6 +48,7 @@ class Transfer {
   Instant deadline() const;
   void timeOut();
 
+  SerialQueue& completions() const { return completions_; }
   /// Hands the outcome over. Once only, on the completion queue.
   void complete();
 
@@ -56,10 +63,14 @@ class Transfer {
   bool takeBody(std::string_view bytes);
   static std::size_t onHeader(char* bytes, std::size_t size, std::size_t count, void* self);
   static std::size_t onBody(char* bytes, std::size_t size, std::size_t count, void* self);
+  static std::size_t onRead(char* buffer, std::size_t size, std::size_t count, void* self);
+  static int onSeek(void* self, curl_off_t offset, int origin);
   static int onProgress(void* self, curl_off_t downTotal, curl_off_t down, curl_off_t upTotal, curl_off_t up);
 
   std::optional<ActivityToken> activity_;  ///< first, so that it ends after all else is gone
   URLRequest request_;                     ///< of the current hop
+  std::unique_ptr<UploadFile> bodyFile_;   ///< in place of the request's body
+  SerialQueue& completions_;
   DataTaskCompletion completion_;
 
   CurlList headers_;
@@ -68,7 +79,7 @@ class Transfer {
   Instant lastProgress_;
   curl_off_t bytesMoved_ = 0;
   std::size_t headerBytes_ = 0;
-  bool tooLarge_ = false;
+  std::optional<int> abortedWith_;  ///< code of what one of the callbacks met
   int redirects_ = 0;
 
   std::string body_;

@@ -51,7 +51,12 @@ inline constexpr int notConnectedToInternet = -1009;
 inline constexpr int badServerResponse = -1011;
 inline constexpr int secureConnectionFailed = -1200;
 inline constexpr int serverCertificateUntrusted = -1202;
+inline constexpr int requestBodyStreamExhausted = -1021;
+inline constexpr int fileDoesNotExist = -1100;
+inline constexpr int fileIsDirectory = -1101;
+inline constexpr int noPermissionsToReadFile = -1102;
 inline constexpr int dataLengthExceedsMaximum = -1103;
+inline constexpr int cannotOpenFile = -3001;
 }  // namespace urlError
 
 /// User information of an error: the URL that failed, of the last hop.

@@ -221,7 +221,8 @@ void URLSession::State::putBack(CURL* handle) {
 }
 
 void URLSession::State::finish(std::shared_ptr<Transfer> transfer) {
-  completions.async([transfer = std::move(transfer)] { transfer->complete(); });
+  SerialQueue& queue = transfer->completions();
+  queue.async([transfer = std::move(transfer)] { transfer->complete(); });
 }
 
 URLSession& URLSession::shared() {
@@ -236,7 +237,14 @@ URLSession::URLSession() : state_(new State) {
 }
 
 std::shared_ptr<URLSessionDataTask> URLSession::dataTask(URLRequest request, DataTaskCompletion completion) {
-  return std::make_shared<State::Task>(*state_, std::make_shared<Transfer>(std::move(request), std::move(completion)));
+  return std::make_shared<State::Task>(*state_, std::make_shared<Transfer>(std::move(request), std::nullopt,
+                                                                           state_->completions, std::move(completion)));
+}
+
+std::shared_ptr<URLSessionDataTask> URLSession::uploadTask(URLRequest request, std::filesystem::path file,
+                                                           SerialQueue& completions, DataTaskCompletion completion) {
+  return std::make_shared<State::Task>(
+      *state_, std::make_shared<Transfer>(std::move(request), std::move(file), completions, std::move(completion)));
 }
 
 }  // namespace tarvo::platform

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -8,6 +9,8 @@
 #include "platform/urlsession/URLRequest.h"
 
 namespace tarvo::platform {
+
+class SerialQueue;
 
 /// Data, response and error can be present together: a status that arrived before the transfer broke is delivered
 /// beside the error. An empty body is no data.
@@ -29,13 +32,17 @@ class URLSessionDataTask {
 /// A request whose kept connection turns out to be dead before the first byte of a reply is sent once more, as HTTP
 /// allows: the server may then see it twice while the caller is told once.
 ///
-/// Threads: any. One thread of its own drives the transfers; completions run one at a time on a serial queue, never
-/// inside the call that starts the task, exactly once for each resumed task. When the process ends, transfers in
-/// flight end without completion.
+/// Threads: any. One thread of its own drives the transfers; completions run one at a time on a serial queue (of the
+/// session, or of the upload), never inside the call that starts the task, exactly once for each resumed task. When the
+/// process ends, transfers in flight end without completion.
 class URLSession {
  public:
   static URLSession& shared();
   std::shared_ptr<URLSessionDataTask> dataTask(URLRequest request, DataTaskCompletion completion);
+  /// The body is the file, streamed: opened, and its length taken, when the transfer begins. One that cannot be read
+  /// or shrinks meanwhile ends the task with an error. The queue outlives the task.
+  std::shared_ptr<URLSessionDataTask> uploadTask(URLRequest request, std::filesystem::path file,
+                                                 SerialQueue& completions, DataTaskCompletion completion);
 
  private:
   URLSession();

@@ -1,0 +1,46 @@
+#include "platform/urlsession/UploadFile.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+namespace tarvo::platform {
+
+UploadFile::~UploadFile() {
+  if (descriptor_ >= 0) ::close(descriptor_);
+}
+
+int UploadFile::rewind() {
+  offset_ = 0;
+  if (descriptor_ >= 0) return 0;
+  // Without waiting: opening a pipe would hold up all transfers until somebody writes to it.
+  const int opened = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (opened < 0) return errno;
+  struct stat status {};
+  int error = ::fstat(opened, &status) == 0 ? 0 : errno;
+  if (error == 0 && !S_ISREG(status.st_mode)) error = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+  if (error != 0) {
+    ::close(opened);
+    return error;
+  }
+  descriptor_ = opened;
+  length_ = static_cast<std::uint64_t>(status.st_size);
+  return 0;
+}
+
+std::optional<std::size_t> UploadFile::read(char* buffer, std::size_t size) {
+  const std::size_t wanted = std::min<std::uint64_t>(size, length_ - std::min(offset_, length_));
+  if (wanted == 0) return 0;
+  ssize_t count;
+  do {
+    count = ::pread(descriptor_, buffer, wanted, static_cast<off_t>(offset_));
+  } while (count < 0 && errno == EINTR);
+  if (count <= 0) return std::nullopt;
+  offset_ += static_cast<std::size_t>(count);
+  return static_cast<std::size_t>(count);
+}
+
+}  // namespace tarvo::platform

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+
+namespace tarvo::platform {
+
+/// A file as the body of a request: opened and measured once, then read, and read again when a request is repeated.
+/// What is appended later is not part of it.
+///
+/// Threads: one at a time. Owns the open file. Errors: as told by each operation.
+class UploadFile {
+ public:
+  explicit UploadFile(std::filesystem::path path) : path_(std::move(path)) {}
+  ~UploadFile();
+  UploadFile(const UploadFile&) = delete;
+  UploadFile& operator=(const UploadFile&) = delete;
+
+  /// Goes to the beginning, of a regular file only. The first call opens the file and takes its length. Answers 0 or
+  /// the errno.
+  int rewind();
+  std::uint64_t length() const { return length_; }
+
+  void seek(std::uint64_t offset) { offset_ = offset; }
+  /// Fills the buffer as far as the length goes: 0 at its end. Absent when the file holds less or cannot be read.
+  std::optional<std::size_t> read(char* buffer, std::size_t size);
+
+ private:
+  std::filesystem::path path_;
+  int descriptor_ = -1;
+  std::uint64_t length_ = 0;
+  std::uint64_t offset_ = 0;
+};
+
+}  // namespace tarvo::platform
