@@ -1,83 +1,10 @@
-#include "sandbox/Backend.h"
-
-#include <gtest/gtest.h>
-#include <httplib.h>
-#include <sqlite3.h>
+#include "sandbox/Session.h"
 
 #include <future>
-#include <nlohmann/json.hpp>
 #include <string>
-
-#include "support/TempDir.h"
 
 namespace tarvo::sandbox {
 namespace {
-
-using Json = nlohmann::json;
-using test::TempDir;
-
-const Account kAccount{"acme", "key", "se:cret"};
-const Json kDevice = {{"mobileos", "ios"},
-                      {"mobileid", R"({"os":"ios", "iosid":"A-1"})"},
-                      {"phone_description", "{phone Linux 12 }"},
-                      {"sensors", "unknown"}};
-
-struct Answer {
-  int status = 0;
-  Json body;
-};
-
-/// A started backend and what a device says to it.
-struct Session {
-  explicit Session(const TempDir& dir) : backend(kAccount, dir.path() / "sandbox.sqlite") { backend.start(); }
-
-  Answer post(const std::string& path, const std::string& body, const std::string& name, const std::string& secret) {
-    const std::string base = backend.baseURL();
-    httplib::Client client(base.substr(0, base.size() - 4));
-    if (!name.empty()) client.set_basic_auth(name, secret);
-    const auto result = client.Post(base.substr(base.size() - 4) + "/v1/" + path, body, "application/json");
-    if (!result) return {};
-    return {result->status, Json::parse(result->body, nullptr, false)};
-  }
-  Answer registerDevice(const Json& device = kDevice) {
-    const Answer answer = post("acme/users", device.dump(), kAccount.apiKey, kAccount.apiSecret);
-    if (answer.status == 200) user = answer.body.at("results").at(0);
-    return answer;
-  }
-  Answer send(const std::string& body) { return post("acme/positions", body, uuid(), user.at("secretkey")); }
-  std::string uuid() const { return user.at("uuid"); }
-
-  Json position(int id) const {
-    Json position;
-    for (const char* key : kPositionKeys) position[key] = std::string("some ") + key;
-    position["unique_position_id_for_app"] = std::to_string(id);
-    position["useruuid"] = uuid();
-    return position;
-  }
-  std::string batch(int first, int last) const {
-    Json positions = Json::array();
-    for (int id = first; id <= last; ++id) positions.push_back(position(id));
-    return positions.dump();
-  }
-
-  Backend backend;
-  Json user;
-};
-
-/// The rows of a query, "|" between values and a blank between rows.
-std::string query(const TempDir& dir, const std::string& sql) {
-  sqlite3* database = nullptr;
-  std::string rows;
-  sqlite3_open((dir.path() / "sandbox.sqlite").c_str(), &database);
-  const auto append = [](void* text, int columns, char** values, char**) {
-    std::string& all = *static_cast<std::string*>(text);
-    for (int i = 0; i < columns; ++i) all += std::string(i > 0 ? "|" : all.empty() ? "" : " ") + values[i];
-    return 0;
-  };
-  EXPECT_EQ(sqlite3_exec(database, sql.c_str(), append, &rows, nullptr), SQLITE_OK) << sqlite3_errmsg(database);
-  sqlite3_close(database);
-  return rows;
-}
 
 TEST(Sandbox, GivesOneDeviceOneIdentityAcrossRestarts) {
   TempDir dir;
