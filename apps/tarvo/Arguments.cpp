@@ -3,6 +3,7 @@
 #include <charconv>
 #include <chrono>
 #include <cmath>
+#include <ctime>
 #include <regex>
 
 namespace tarvo::cli {
@@ -44,6 +45,14 @@ std::optional<platform::Date> parseDate(const std::string& text) {
   if (!day.ok() || hour > 23 || minute > 59 || second >= 60 || !zone) return std::nullopt;
   const auto days = std::chrono::sys_days(day).time_since_epoch().count();
   return platform::dateSince1970(static_cast<double>(days) * 86400 + hour * 3600 + minute * 60 + second - *zone);
+}
+
+std::string isoDate(platform::Date date) {
+  const auto moment = static_cast<std::time_t>(std::floor(platform::secondsSince1970(date)));
+  std::tm parts = {};
+  char text[32] = "";
+  if (::gmtime_r(&moment, &parts) != nullptr) std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
+  return text;
 }
 
 std::optional<Speed> parseSpeed(const std::string& text) {

@@ -11,6 +11,9 @@ namespace tarvo::cli {
 /// zone it is UTC. Absent when the text is neither.
 std::optional<platform::Date> parseDate(const std::string& text);
 
+/// "2024-06-15T10:11:12Z", the fraction cut.
+std::string isoDate(platform::Date date);
+
 /// A factor of real time; `factor` is absent for "max". Absent when the text is neither that nor above zero.
 struct Speed {
   std::optional<double> factor;

@@ -8,11 +8,12 @@ class App;
 
 namespace tarvo::cli {
 
-/// Each adds one subcommand with its options; when the command line names it, `run` becomes what it does. The result
+/// Each adds subcommands with their options; when the command line names it, `run` becomes what it does. The result
 /// of `run` is the exit status; it throws Failure.
 using Run = std::function<int()>;
 void addReplayCommand(CLI::App& app, Run& run);
 void addHistoryCommand(CLI::App& app, Run& run);
+void addListCommands(CLI::App& app, Run& run);  ///< trips and pois
 void addStatusCommand(CLI::App& app, Run& run);
 
 }  // namespace tarvo::cli

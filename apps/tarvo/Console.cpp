@@ -4,8 +4,8 @@
 
 #include <atomic>
 #include <cstdio>
-#include <string>
-#include <string_view>
+#include <iostream>
+#include <utility>
 
 #include <tarvo/platform/SystemLog.h>
 
@@ -19,13 +19,16 @@ void remember(int) { signalled = true; }
 
 }  // namespace
 
-void installConsole(bool shown) {
-  platform::setSystemLogSink([shown](std::string_view message) {
+void installConsole(bool shown, std::function<void(std::string_view)> watcher) {
+  platform::setSystemLogSink([shown, watcher = std::move(watcher)](std::string_view message) {
+    if (watcher) watcher(message);
     if (!shown && !message.starts_with("Fatal error: ")) return;
     const std::string line = std::string(message) + "\n";
     std::fwrite(line.data(), 1, line.size(), stderr);
   });
 }
+
+void note(const std::string& text) { std::cerr << "tarvo: " + text + "\n"; }
 
 void watchInterrupts() {
   struct sigaction action = {};

@@ -1,43 +1,49 @@
 #include <CLI/CLI.hpp>
-#include <iostream>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
 #include <tarvo/Tarvo.h>
-#include <tarvo/platform/Environment.h>
 
 #include "Arguments.h"
 #include "Commands.h"
-#include "Console.h"
 #include "Failure.h"
-#include "Home.h"
+#include "Reading.h"
 
 namespace tarvo::cli {
 namespace {
 
-struct Options {
-  std::string home;
+struct Options : ReadingOptions {
+  std::string format = "raw";
   std::optional<platform::Date> since, until;
   std::string geometry = Tarvo::GEOJSON_LINESTRING;
-  bool log = false;
 };
 
+/// The features of all routes in one collection; a route that is no collection is left out.
+std::string joined(const std::vector<std::string>& routes) {
+  nlohmann::ordered_json features = nlohmann::ordered_json::array();
+  for (const std::string& route : routes) {
+    const auto collection = nlohmann::ordered_json::parse(route, nullptr, false);
+    if (!collection.is_object() || !collection.contains("features") || !collection["features"].is_array()) continue;
+    for (const auto& feature : collection["features"]) features.push_back(feature);
+  }
+  return nlohmann::ordered_json{{"type", "FeatureCollection"}, {"features", std::move(features)}}.dump(
+      -1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}
+
 int printHistory(const Options& options) {
-  const Home home(options.home);
-  home.requireStore();
-  installConsole(options.log);
-  platform::setHomeDirectory(home.directory());
-  Tarvo tarvo;
-  if (!tarvo.locationManager().syncStatus().storeAvailable)
-    throw Failure{kUnusable, "the store " + home.store().string() + " cannot be used"};
-  // Reading needs the mode, not an activation: that would store a position.
-  Tarvo::setACTIVATE_STATUS(Tarvo::BACKEND_GEOPROFILE);
+  Tarvo tarvo = openForReading(options);
+  if (options.format == "trips") {
+    const auto history = tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_EXTRAPOLATED, options.since, options.until);
+    if (!history) throw Failure{kLeft, "no past trips in that span of time"};
+    print(joined(history->toGeoJSON()));
+    return kDone;
+  }
   const auto history = tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, options.since, options.until);
   const auto text = history ? history->toGeoJSON(options.geometry) : std::nullopt;
   if (!text) throw Failure{kLeft, "no positions in that span of time"};
-  std::cout << *text << std::endl;
-  if (!std::cout) throw Failure{kUnusable, "standard output cannot be written"};
+  print(*text);
   return kDone;
 }
 
@@ -58,17 +64,20 @@ void addDate(CLI::App& command, const std::string& name, std::optional<platform:
 
 void addHistoryCommand(CLI::App& app, Run& run) {
   const auto options = std::make_shared<Options>();
-  CLI::App* command = app.add_subcommand("history", "Prints the positions that a home holds, as GeoJSON");
+  CLI::App* command = app.add_subcommand("history", "Prints the positions or past trips that a home holds, as GeoJSON");
   command->footer(
-      "TIME is ISO 8601 (2024-06-15, 2024-06-15T10:11:12Z; UTC unless it has a zone) or seconds since 1970.\n"
+      "TIME is ISO 8601 (2024-06-15, 2024-06-15T10:11:12Z; UTC unless it has a zone) or seconds since 1970; positions\n"
+      "are chosen by the time of their storage, trips by start and arrival.\n"
       "Exit status: 0 printed; 1 nothing there; 2 wrong usage; 3 the store cannot be used.");
-  command->add_option("--home", options->home, "The folder of the run")->required()->type_name("DIR");
-  addDate(*command, "--since", options->since, "Only positions stored at this time or later");
-  addDate(*command, "--until", options->until, "Only positions stored at this time or earlier");
-  command->add_option("--geometry", options->geometry, "Geometry of the features")
+  addReadingOptions(*command, *options);
+  command->add_option("--format", options->format, "raw: the positions; trips: the routes of the past trips")
+      ->check(CLI::IsMember({"raw", "trips"}))
+      ->capture_default_str();
+  addDate(*command, "--since", options->since, "Nothing from before");
+  addDate(*command, "--until", options->until, "Nothing from after");
+  command->add_option("--geometry", options->geometry, "Geometry of the features of positions")
       ->check(CLI::IsMember({Tarvo::GEOJSON_LINESTRING, Tarvo::GEOJSON_MULTIPOINT}))
       ->capture_default_str();
-  command->add_flag("--log", options->log, "Show the SDK's messages on standard error");
   command->callback([options, &run] { run = [options] { return printHistory(*options); }; });
 }
 

@@ -23,6 +23,15 @@ void addReplayCommand(CLI::App& app, Run& run) {
   command->add_option("--sandbox-db", options->sandboxArchive, "What the sandbox keeps [sandbox.sqlite in the home]")
       ->needs(sandbox)
       ->type_name("FILE");
+  command
+      ->add_option("--sandbox-data", options->sandboxData,
+                   "Prediction, past trips and places that the sandbox answers with (JSON)")
+      ->needs(sandbox)
+      ->type_name("FILE");
+  command
+      ->add_option("--script", options->script,
+                   "What happens to the phone meanwhile, one JSON object a line: docs/replay.md")
+      ->type_name("FILE");
   command->add_option("--home", options->home, "Holds everything of the run [a new temporary folder]")
       ->type_name("DIR");
   command->add_option("--mode", options->mode, "Activation mode: 0 and 4 keep positions here, 8 and 12 upload them")
@@ -48,6 +57,8 @@ void addReplayCommand(CLI::App& app, Run& run) {
       ->check(CLI::NonNegativeNumber)
       ->capture_default_str();
   command->add_flag("--json", options->json, "Print the summary as one JSON object");
+  command->add_flag("--verbose", options->verbose,
+                    "Show on standard error what happens: the script, modes, regions, stored events");
   command->add_flag("--log", options->log, "Show the SDK's messages on standard error");
   command->callback([options, &run] {
     if (options->mode >= 8 && !options->sandbox && !options->backend)

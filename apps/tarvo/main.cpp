@@ -13,6 +13,7 @@ int main(int argc, char** argv) {
   Run run;
   addReplayCommand(app, run);
   addHistoryCommand(app, run);
+  addListCommands(app, run);
   addStatusCommand(app, run);
   try {
     app.parse(argc, argv);

@@ -66,7 +66,7 @@ class TARVO_API NetworkManager {
   NetworkManager(const NetworkManager&) = delete;
   NetworkManager& operator=(const NetworkManager&) = delete;
 
-  /// Kept strongly.
+  /// Kept strongly. From the first one on, transfers of an earlier process go on.
   void setDelegate(std::shared_ptr<NetworkManagerDelegate> delegate);
   std::shared_ptr<NetworkManagerDelegate> delegate() const;
   /// Name of the backend's environment, "prod" at first; goes into token, subscription and tag calls.
@@ -105,11 +105,11 @@ class TARVO_API NetworkManager {
   void unsetTags(const std::string& name);
   void resetBackend();
   void resetGeoProfile();
-  /// For now looks for the identity and sends nothing.
+  /// Uploads every log file but those of today, and closes each file's multipart body before.
   void sendLogToRemoteWebServer();
 
   /// Joins the session that the application was woken for. The handler is called once, on the main queue, when the
-  /// session's events are finished.
+  /// session's events are finished; at once when no transfer is left.
   void handleEventsForBackgroundURLSession(const std::string& identifier, std::function<void()> completionHandler);
   /// Joins the session of that identifier if it is open, its transfers untouched, and opens it otherwise.
   void recreateBackgroundSession(const std::string& identifier);

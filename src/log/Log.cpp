@@ -6,6 +6,7 @@
 #include <atomic>
 #include <filesystem>
 #include <string>
+#include <utility>
 
 #include <tarvo/platform/Clock.h>
 #include <tarvo/platform/Environment.h>
@@ -82,6 +83,14 @@ platform::SerialQueue& Log::serialQueue() {
   return *queue;
 }
 
+void Log::append(const std::filesystem::path& file, std::string text) {
+  serialQueue().async([file, text = std::move(text)] { appendTo(file, text); });
+}
+
+std::string Log::todaysFilePrefix() {
+  return platform::concat(kFilePrefix, "_", dayFormatter().string(platform::Clock::current()->now()));
+}
+
 void Log::debugLog(std::int64_t level, std::string_view message) {
   if (const auto configured = platform::UserDefaults::standard().integer(names::kLogLevel); configured != 0)
     logLevel.store(configured);
@@ -91,7 +100,8 @@ void Log::debugLog(std::int64_t level, std::string_view message) {
   if (!user) return;
 
   const platform::Date now = platform::Clock::current()->now();
-  const std::string name = platform::concat("TarvoLog_", dayFormatter().string(now), "_", *user, "_IOS.txt");
+  const std::string name =
+      platform::concat(kFilePrefix, "_", dayFormatter().string(now), "_", *user, "_IOS", kFileExtension);
   const auto directories = platform::documentDirectories();
   // The identifier comes from the backend; it names a file only if it is a plain name.
   if (directories.empty() || !platform::isPlainFileName(name)) return;
@@ -105,7 +115,7 @@ void Log::debugLog(std::int64_t level, std::string_view message) {
   if (const std::string_view label = levelName(level); !label.empty())
     line = platform::concat("[[", lineFormatter().string(now), "]]:[", label, "]:", message, "\n");
   if (line.empty() || !isValidUtf8(line)) return;
-  serialQueue().async([file, line = std::move(line)] { appendTo(file, line); });
+  append(file, std::move(line));
 }
 
 }  // namespace tarvo

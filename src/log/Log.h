@@ -1,6 +1,8 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
+#include <string>
 #include <string_view>
 
 #include <tarvo/platform/MainQueue.h>
@@ -39,8 +41,15 @@ class Log {
   static std::int64_t LOGLEVEL();
   static void setLOGLEVEL(std::int64_t level);
 
+  /// What the names of all log files of a day begin with; the year is the week-based one.
+  static std::string todaysFilePrefix();
+  /// Log files of all days: what their names begin with, and their extension.
+  static constexpr std::string_view kFilePrefix = "TarvoLog", kFileExtension = ".txt";
+
   /// Where the lines are appended; what must come behind them is queued here too.
   static platform::SerialQueue& serialQueue();
+  /// Queues an append to a log file. One that does not exist by then is not created.
+  static void append(const std::filesystem::path& file, std::string text);
 };
 
 /// For the end of most messages: "true" or "false".

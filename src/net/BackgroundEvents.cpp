@@ -1,14 +1,21 @@
+#include <algorithm>
+#include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
+#include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
 #include <tarvo/NetworkManager.h>
 #include <tarvo/platform/Device.h>
+#include <tarvo/platform/Environment.h>
 #include <tarvo/platform/MainQueue.h>
 
 #include "log/Log.h"
 #include "net/ClientState.h"
+#include "net/RequestBuilder.h"
 
 namespace tarvo {
 namespace {
@@ -28,6 +35,24 @@ void keepForGood(std::shared_ptr<platform::BackgroundSessionDelegate> delegate) 
   static Kept* kept = new Kept;
   MutexLock lock(kept->mutex);
   kept->delegates.push_back(std::move(delegate));
+}
+
+/// The log files of all days but today, whoever's they are, by name.
+std::vector<std::filesystem::path> finishedLogFiles() {
+  std::vector<std::filesystem::path> files;
+  const auto directories = platform::documentDirectories();
+  if (directories.empty()) return files;
+  const std::string today = Log::todaysFilePrefix();
+  std::error_code error;
+  for (std::filesystem::directory_iterator entry(directories.front(), error), end; !error && entry != end;
+       entry.increment(error)) {
+    const std::string name = entry->path().filename().string();
+    if (entry->path().extension() == Log::kFileExtension && name.starts_with(Log::kFilePrefix) &&
+        !name.starts_with(today))
+      files.push_back(entry->path());
+  }
+  std::sort(files.begin(), files.end());
+  return files;
 }
 
 }  // namespace
@@ -67,12 +92,12 @@ void NetworkManager::State::didFinishEvents(BackgroundSession& session) {
   Log::debug("NetworkManager:urlSessionDidFinishEvents:beforeCompletionHandler [net] session:", name,
              " mainThread:", mainThread());
   platform::MainQueue::main().async([state = shared_from_this(), name] {
-    std::function<void()> handler;
+    std::vector<std::function<void()>> handlers;
     {
       MutexLock lock(state->mutex);
-      handler = std::exchange(state->backgroundTransferCompletionHandler, nullptr);
+      handlers.swap(state->backgroundTransferCompletionHandlers);
     }
-    if (handler) handler();
+    for (const auto& handler : handlers) handler();
     Log::debug("NetworkManager:urlSessionDidFinishEvents:afterCompletionHandler [net] session:", name,
                " mainThread:", mainThread());
   });
@@ -80,16 +105,15 @@ void NetworkManager::State::didFinishEvents(BackgroundSession& session) {
 
 void NetworkManager::handleEventsForBackgroundURLSession(const std::string& identifier,
                                                          std::function<void()> completionHandler) {
-  {
+  if (completionHandler) {
     MutexLock lock(state_->mutex);
-    // The one before goes after the lock is free: it may hold the host's objects.
-    state_->backgroundTransferCompletionHandler.swap(completionHandler);
+    state_->backgroundTransferCompletionHandlers.push_back(std::move(completionHandler));
   }
   const auto session = state_->openSession(identifier);
   Log::debug("NetworkManager:handleEventsForBackgroundURLSession [net] id:", identifier,
              " rejointSession:", session->description());
-  // Sessions carry no transfers yet, so nothing is left whose end would finish the events.
-  state_->didFinishEvents(*session);
+  session->getAllTasks([](const auto&) {});
+  session->finishEvents();
 }
 
 void NetworkManager::recreateBackgroundSession(const std::string& identifier) {
@@ -101,7 +125,29 @@ void NetworkManager::recreateBackgroundSession(const std::string& identifier) {
 }
 
 void NetworkManager::sendLogToRemoteWebServer() {
-  if (!identityFor("sendLogToRemoteWebServer")) return;
+  const auto identity = identityFor("sendLogToRemoteWebServer");
+  if (!identity) return;
+  std::shared_ptr<BackgroundSession> session;
+  {
+    MutexLock lock(state_->mutex);
+    session = state_->backgroundSession;
+  }
+  for (const auto& file : finishedLogFiles()) {
+    std::error_code error;
+    const bool exists = std::filesystem::exists(file, error);
+    if (exists) Log::append(file, "\r\n--boundary--\r\n");
+    Log::debug("NetworkManager:sendLogToRemoteWebServer [net] logFile: ", file.string(),
+               exists ? "" : " does not exist");
+    auto task = session->uploadTask(buildLogUpload(state_->remoteServerURL, Settings::shared().clientID(),
+                                                   {identity->userUUID, identity->userSecret}),
+                                    file);
+    {
+      MutexLock lock(state_->mutex);
+      state_->httpPOSTTask = task;
+    }
+    // Behind the boundary, or the body could be sent without its end.
+    Log::serialQueue().async([session, task = std::move(task)] { session->resume(task); });
+  }
 }
 
 }  // namespace tarvo

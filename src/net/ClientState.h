@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <tarvo/NetworkManager.h>
 
@@ -44,7 +45,10 @@ struct NetworkManager::State final : platform::BackgroundSessionDelegate, std::e
   std::shared_ptr<NetworkManagerDelegate> delegate GUARDED_BY(mutex);
   std::string envir GUARDED_BY(mutex) = "prod";
   std::shared_ptr<platform::BackgroundSession> backgroundSession GUARDED_BY(mutex);
-  std::function<void()> backgroundTransferCompletionHandler GUARDED_BY(mutex);
+  /// The running upload of a log file, or the last one.
+  std::optional<platform::URLSessionUploadTask> httpPOSTTask GUARDED_BY(mutex);
+  /// One for each time that the application was woken and the events are not finished yet.
+  std::vector<std::function<void()>> backgroundTransferCompletionHandlers GUARDED_BY(mutex);
 };
 
 /// Who this device is, for a call that may come before the registration: absent, with a line that names the call,

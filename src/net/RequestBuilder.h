@@ -21,4 +21,8 @@ platform::URLRequest buildRequest(std::string_view versionedBase, std::string_vi
                                   std::string_view path, const Credentials& credentials,
                                   std::optional<std::string> body);
 
+/// The upload of a log file, which is the whole multipart body itself: without the headers of the JSON calls.
+platform::URLRequest buildLogUpload(std::string_view versionedBase, std::string_view clientID,
+                                    const Credentials& credentials);
+
 }  // namespace tarvo

@@ -145,13 +145,15 @@ TEST(GpxSource, PlaysTheSameEachTimeAndNeverMovesTheClockBack) {
   std::vector<double> ages;
   delegate.onUpdate = [&] { ages.push_back(secondsSince1970(Clock::current()->now()) - 1'000'000); };
   GpxSource source(trace, process.clock);
+  EXPECT_EQ(source.play(std::nullopt, {}, dateSince1970(1'000'100.5)), 1u);
+  EXPECT_EQ(process.clock->now(), dateSince1970(1'000'100.5));
   EXPECT_EQ(source.play(std::nullopt, {}), 4u);
   EXPECT_EQ(ages, (std::vector<double>{100, 101, 101, 103}));
   const Diary first = delegate.read();
   EXPECT_EQ(first, (Diary{"fixes 0", "fixes 1", "fixes 2", "fixes 3"}));
-  std::thread([&] { EXPECT_EQ(source.play(1e6, {}), 4u); }).join();
+  std::thread([&] { EXPECT_EQ(GpxSource(trace, process.clock).play(1e6, {}), 4u); }).join();
   EXPECT_EQ(delegate.read(), first);
-  EXPECT_EQ(source.play(std::nullopt, [](std::size_t number) { return number < 2; }), 2u);
+  EXPECT_EQ(GpxSource(trace, process.clock).play(std::nullopt, [](std::size_t number) { return number < 2; }), 2u);
 }
 
 TEST(GpxSource, KeepsToTheSpeedThatIsAskedFor) {

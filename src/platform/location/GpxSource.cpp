@@ -51,28 +51,37 @@ GpxSource::GpxSource(GpxTrace trace, std::shared_ptr<ManualClock> clock)
 
 GpxSource::~GpxSource() = default;
 
-std::size_t GpxSource::play(std::optional<double> speed, const std::function<bool(std::size_t)>& progress) {
+std::size_t GpxSource::play(std::optional<double> speed, const std::function<bool(std::size_t)>& progress,
+                            std::optional<Date> until) {
   const bool paced = speed && *speed > 0;
   RealTime::time_point due = RealTime::now();
-  std::size_t delivered = 0;
-  for (const CLLocation& fix : trace_.fixes) {
-    if (paced && delivered > 0) {
-      due += realSpan(fix.timestamp - clock_->now(), *speed);
+  const auto goOn = [&] { return !progress || progress(delivered_); };
+  const auto reach = [&](Date moment) {
+    if (paced) {
+      due += realSpan(moment - clock_->now(), *speed);
       for (auto now = RealTime::now(); now < due; now = RealTime::now()) {
         waitUntil(std::min<RealTime::time_point>(due, now + longestSilence));
-        if (progress && !progress(delivered)) return delivered;
+        if (!goOn()) return false;
       }
     }
     waitUntilIdle();
-    clock_->advanceTo(fix.timestamp);
-    // Timers that became due run before the fix arrives.
+    clock_->advanceTo(moment);
+    // Timers that became due run before anything else happens.
     waitUntilIdle();
+    return true;
+  };
+  while (delivered_ < trace_.fixes.size()) {
+    const CLLocation& fix = trace_.fixes[delivered_];
+    if (until && fix.timestamp > *until) break;
+    if (delivered_ == 0) clock_->advanceTo(fix.timestamp);  // nothing to wait for yet
+    if (!reach(fix.timestamp)) return delivered_;
     LocationService::shared().deliver({fix});
-    ++delivered;
+    ++delivered_;
     waitUntilIdle();
-    if (progress && !progress(delivered)) break;
+    if (!goOn()) return delivered_;
   }
-  return delivered;
+  if (until) reach(*until);
+  return delivered_;
 }
 
 }  // namespace tarvo::platform

@@ -1,0 +1,229 @@
+#include "Session.h"
+
+#include <algorithm>
+#include <atomic>
+#include <iomanip>
+#include <iostream>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <utility>
+
+#include <tarvo/NetworkManager.h>
+#include <tarvo/platform/Device.h>
+#include <tarvo/platform/MainQueue.h>
+
+#include "Arguments.h"
+#include "Console.h"
+#include "Failure.h"
+#include "sandbox/Backend.h"
+
+namespace tarvo::cli {
+namespace {
+
+using platform::Seconds;
+using platform::UIDevice;
+
+/// An upload that was given up holds its channel this long, in trip time.
+constexpr Seconds kChannelHeld{180};
+/// Retries against a backend that refuses come this often at most, in real time.
+constexpr Seconds kFirstPause{0.05}, kLongestPause{1};
+/// How long an interrupted play waits for what is under way.
+constexpr double kLastSeconds = 5;
+/// Longer than the time-out of a silent transfer.
+constexpr double kLongestWork = 65;
+
+}  // namespace
+
+/// Counts the fixes that the host is told of, and shows what the backend has derived.
+class Session::Listener final : public TarvoDelegate {
+ public:
+  void tarvoDidReceiveNewLocations(Tarvo&, const std::vector<platform::CLLocation>& newLocations) override {
+    delivered += newLocations.size();
+  }
+  void tarvoOnRouteMatched(Tarvo&, const LocationsHistory& history) override {
+    for (const PastTripRecord& trip : history.pasttrips) {
+      std::ostringstream text;
+      text << "past trip " << trip.pasttrip_id.value_or(0);
+      if (trip.start_time && trip.arrival_time)
+        text << ": " << isoDate(*trip.start_time) << " to " << isoDate(*trip.arrival_time);
+      note(text.str());
+    }
+  }
+  void tarvoOnPredictionUpdate(Tarvo&, const Trip& trip) override {
+    std::ostringstream text;
+    text << "prediction " << trip.id << ": " << trip.getStartName() << " to " << trip.getArrivalName() << ", start "
+         << trip.getStartTime().value_or("unknown") << ", probability " << trip.getProbability() << ", duration "
+         << trip.getDuration();
+    note(text.str());
+  }
+
+  std::atomic<std::uint64_t> delivered = 0;
+};
+
+Session::Session(const ReplayOptions& options, const Home& home, std::shared_ptr<platform::ManualClock> clock,
+                 Watch* watch, const std::optional<Relaunch>& before)
+    : options_(options),
+      home_(home),
+      clock_(std::move(clock)),
+      watch_(watch),
+      before_(before),
+      listener_(std::make_shared<Listener>()) {}
+
+void Session::activate() {
+  if (!engine().syncStatus().storeAvailable)
+    throw Failure{kUnusable, "the store " + home_.store().string() + " cannot be used; nothing was collected"};
+  if (const auto client = home_.readKeys().clientID; client && *client != Tarvo::clientID())
+    throw Failure{kUsage, "the client id '" + *client + "' cannot stand in a URL"};
+  tarvo_.setDelegate(listener_);
+  const bool registered = LocationManager::userUUID().has_value();
+  if (uploads() && !home_.readKeys().complete()) {
+    note(home_.propertyList().string() + " lacks TarvoApiKey or TarvoClientID; give --api-key and --client-id" +
+         (registered ? "" : ", or no position can be sent"));
+    identifiable_ = registered;
+  }
+  const std::string secret = options_.apiSecret.value_or(options_.sandbox ? kDefaultSecret : "");
+  if (uploads() && secret.empty() && !registered) {
+    note("without --api-secret this new device cannot register, and no position can be sent");
+    identifiable_ = false;
+  }
+  // Only now: known earlier, it would make the engine register before the key has been read.
+  NetworkManager::setApiKeySecret(secret);
+  tarvo_.activate(options_.mode);
+  if (options_.mode >= Tarvo::BACKEND_GEOPROFILE) {
+    tarvo_.requestRouteMatch();
+    tarvo_.requestPredictionUpdate();
+  }
+}
+
+bool Session::play(platform::GpxTrace trace, const std::vector<ScriptEvent>& script) {
+  const std::size_t total = trace.fixes.size();
+  if (before_)
+    trace.fixes.erase(trace.fixes.begin(),
+                      trace.fixes.begin() + static_cast<std::ptrdiff_t>(std::min(before_->fixes, total)));
+  Progress progress(engine(), total, !options_.log && !options_.verbose);
+  platform::GpxSource source(std::move(trace), clock_);
+  if (relaunches(source, script, progress)) return true;
+  if (interrupted()) {
+    Tarvo::waitUntilIdle(kLastSeconds);
+  } else {
+    sendTheRest(progress);
+  }
+  progress.show();
+  count(progress);
+  return false;
+}
+
+/// Plays the trace with the events in between. Answers whether the process has to end for a relaunch.
+bool Session::relaunches(platform::GpxSource& source, const std::vector<ScriptEvent>& script, Progress& progress) {
+  const std::size_t earlierFixes = before_ ? before_->fixes : 0;
+  const auto play = [&](std::optional<platform::Date> until) {
+    source.play(
+        options_.speed.factor,
+        [&](std::size_t fixes) {
+          done_.fixes = earlierFixes + fixes;
+          progress.update(done_.fixes);
+          if (watch_ != nullptr) watch_->stored(engine());
+          return !interrupted();
+        },
+        until);
+    return !interrupted();
+  };
+  done_.fixes = earlierFixes;
+  progress.update(earlierFixes);
+  for (done_.events = before_ ? before_->events : 0; done_.events < script.size(); ++done_.events) {
+    const ScriptEvent& event = script[done_.events];
+    if (event.at > clock_->now() && !play(event.at)) return false;
+    if (watch_ != nullptr) watch_->show(event.text);
+    if (!event.happens) {
+      ++done_.events;
+      count(progress);
+      return true;
+    }
+    event.happens(tarvo_);
+    // A process that ends at the same moment ends with this work under way.
+    const bool endsHere = done_.events + 1 < script.size() && script[done_.events + 1].at <= clock_->now() &&
+                          !script[done_.events + 1].happens;
+    if (!endsHere) Tarvo::waitUntilIdle(kLongestWork);
+    if (watch_ != nullptr) watch_->stored(engine());
+  }
+  play(std::nullopt);
+  return false;
+}
+
+void Session::count(const Progress& progress) {
+  done_.delivered = listener_->delivered + (before_ ? before_->delivered : 0);
+  done_.batches = engine().syncStatus().batchesPosted + (before_ ? before_->batches : 0);
+  done_.battery = static_cast<int>(UIDevice::current().batteryState());
+  done_.batteryLevel = UIDevice::current().batteryLevel();
+  done_.seconds = progress.seconds() + (before_ ? before_->seconds : 0);
+}
+
+/// The pipeline acts on events alone, and after the last fix none comes: so it is started here until all is
+/// acknowledged, with the trip's clock running on where the channel is held.
+void Session::sendTheRest(Progress& progress) {
+  const double end = progress.seconds() + options_.deadlineSeconds;
+  const auto secondsLeft = [&] { return end - progress.seconds(); };
+  const auto settle = [&] {
+    while (!Tarvo::waitUntilIdle(std::clamp(secondsLeft(), 0.0, 1.0)) && secondsLeft() > 0 && !interrupted()) {
+    }
+  };
+  settle();
+  std::int64_t before = std::numeric_limits<std::int64_t>::max();
+  Seconds pause = kFirstPause;
+  while (uploads() && secondsLeft() > 0 && !interrupted()) {
+    engine().sendDataInBatchToRemoteWebServer();
+    settle();
+    const LocationManager::SyncStatus sync = engine().syncStatus();
+    const std::int64_t left = sync.unsent + sync.awaiting;
+    if (left == 0 || !identifiable_) return;
+    if (left < before) {
+      pause = kFirstPause;
+    } else {
+      platform::MainQueue::main().runFor(std::min(pause, Seconds(std::max(secondsLeft(), 0.0))));
+      pause = std::min(2 * pause, kLongestPause);
+    }
+    before = left;
+    // Time must not pass over a transfer in flight.
+    if (secondsLeft() <= 0 || interrupted()) return;
+    clock_->advance(kChannelHeld);
+  }
+}
+
+int Session::summarize(sandbox::Backend* sandbox) const {
+  const LocationManager::SyncStatus sync = engine().syncStatus();
+  const std::optional<std::string> user = LocationManager::userUUID();
+  const std::int64_t left = sync.unsent + sync.awaiting;
+  if (options_.json) {
+    const nlohmann::ordered_json summary = {
+        {"fixes", done_.fixes},      {"delivered", done_.delivered},
+        {"stored", sync.stored},     {"unsent", sync.unsent},
+        {"awaiting", sync.awaiting}, {"acknowledged", sync.acknowledged},
+        {"batches", done_.batches},  {"uuid", user ? nlohmann::ordered_json(*user) : nlohmann::ordered_json(nullptr)},
+        {"seconds", done_.seconds},
+    };
+    std::cout << summary.dump() << std::endl;
+  } else {
+    std::cout << std::fixed << std::setprecision(1) << "fixes         " << done_.fixes << " in " << done_.seconds
+              << " s\n"
+              << "delivered     " << done_.delivered << "\n"
+              << "stored        " << sync.stored << "\n"
+              << "unsent        " << sync.unsent << "\n"
+              << "awaiting      " << sync.awaiting << "\n"
+              << "acknowledged  " << sync.acknowledged << "\n"
+              << "batches       " << done_.batches << "\n"
+              << "user          " << user.value_or("not registered") << "\n";
+    if (sandbox != nullptr) {
+      const sandbox::Holdings held = sandbox->holdings();
+      std::cout << "sandbox       " << held.positions << " positions, " << held.missing << " missing, " << held.repeats
+                << " repeats\n";
+    }
+    std::cout << "home          " << home_.directory().string() << std::endl;
+  }
+  if (interrupted()) return kInterrupted;
+  if (!uploads() || left == 0) return kDone;
+  note(std::to_string(left) + " positions are not acknowledged; the next run on this home sends them");
+  return kLeft;
+}
+
+}  // namespace tarvo::cli

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include <tarvo/Tarvo.h>
+#include <tarvo/platform/Clock.h>
+#include <tarvo/platform/GpxSource.h>
+
+#include "Home.h"
+#include "Progress.h"
+#include "Relaunch.h"
+#include "Replay.h"
+#include "Script.h"
+#include "Watch.h"
+
+namespace tarvo::sandbox {
+class Backend;
+}
+
+namespace tarvo::cli {
+
+/// The host application of a replay in one process: activates the SDK, plays trace and script, waits for the rest.
+///
+/// Threads: the main thread alone; clock and home directory are installed before. Errors: Failure.
+class Session {
+ public:
+  /// `watch` may be absent; `before` is what an earlier process of this replay has left.
+  Session(const ReplayOptions& options, const Home& home, std::shared_ptr<platform::ManualClock> clock, Watch* watch,
+          const std::optional<Relaunch>& before);
+
+  void activate();
+  /// Ends early at a relaunch: true, and `done` tells where.
+  bool play(platform::GpxTrace trace, const std::vector<ScriptEvent>& script);
+  const Relaunch& done() const { return done_; }
+
+  /// Prints how things stand. Returns the exit status.
+  int summarize(sandbox::Backend* sandbox) const;
+
+ private:
+  class Listener;
+
+  LocationManager& engine() const { return tarvo_.locationManager(); }
+  bool uploads() const { return options_.mode >= Tarvo::BACKEND_BACKGROUND; }
+  bool relaunches(platform::GpxSource& source, const std::vector<ScriptEvent>& script, Progress& progress);
+  void sendTheRest(Progress& progress);
+  void count(const Progress& progress);
+
+  const ReplayOptions& options_;
+  const Home& home_;
+  const std::shared_ptr<platform::ManualClock> clock_;
+  Watch* const watch_;
+  const std::optional<Relaunch> before_;
+  const std::shared_ptr<Listener> listener_;
+  Tarvo tarvo_;
+  bool identifiable_ = true;
+  Relaunch done_;
+};
+
+}  // namespace tarvo::cli

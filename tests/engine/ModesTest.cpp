@@ -1,0 +1,155 @@
+#include "engine/Harness.h"
+
+#include <set>
+
+#include "engine/GeofenceRadii.h"
+
+namespace tarvo {
+namespace {
+
+using platform::LocationService;
+using platform::Seconds;
+using platform::UIApplication;
+using platform::UIDevice;
+using platform::UIDeviceBatteryState;
+
+/// A started engine with one stored position, in a device on its battery.
+class Modes : public test::WholeSdk {
+ protected:
+  void SetUp() override {
+    WholeSdk::SetUp();
+    UIDevice::current().setBattery(UIDeviceBatteryState::unplugged, 0.5);
+  }
+
+  void begin(std::int64_t mode = Tarvo::LOCAL_BACKGROUND) {
+    tarvo.emplace();
+    tarvo->activate(mode);
+    drive(1);
+  }
+
+  /// What an event of the device did, in one line: the records that it stored, then how the services stand.
+  std::string after(const std::string& event) {
+    const std::int64_t before = engine().syncStatus().stored;
+    diary.clear();
+    auto& application = UIApplication::shared();
+    if (event == "launch") application.didFinishLaunching();
+    if (event == "background") application.didEnterBackground();
+    if (event == "foreground") application.didBecomeActive();
+    if (event == "inactive") application.willResignActive();
+    if (event == "plug") UIDevice::current().setBattery(UIDeviceBatteryState::charging, 0.5);
+    if (event == "full") UIDevice::current().setBattery(UIDeviceBatteryState::full, 1);
+    if (event == "unplug") UIDevice::current().setBattery(UIDeviceBatteryState::unplugged, 0.9);
+    if (event == "unknown") UIDevice::current().setBattery(UIDeviceBatteryState::unknown, -1);
+    waitUntilIdle();
+    const auto records = engine().getLocationhistory({}, {}).locations;
+    // A fix of the significant-change service may be stored before or after the event.
+    std::set<std::string> stored;
+    for (auto i = static_cast<std::size_t>(before); i < records.size(); ++i)
+      stored.insert(*records[i].localisationMethod + "/" + *records[i].serviceAction + " ");
+    std::string line;
+    for (const std::string& record : stored) line += record;
+    auto& parts = engine().parts();
+    const auto background = parts.state.isBackgroundMode.get();
+    return line + (background ? (*background ? "background " : "foreground ") : "neither ") +
+           parts.state.currentLocalisationMethod.get() + " " +
+           std::to_string(parts.locationManager.monitoredRegions().size());
+  }
+
+  std::optional<Tarvo> tarvo;
+};
+
+TEST_F(Modes, FollowTheApplicationAndTheCharger) {
+  tarvo.emplace();
+  EXPECT_EQ(after("launch"), "neither unknown 0") << "nothing has an effect before the start";
+  begin();
+  const std::pair<const char*, const char*> day[] = {
+      {"launch", "event/app_started scls/loc_changed background scls 5"},
+      {"background", "event/app_paused background scls 5"},
+      // Charging in the background: the standard service runs beside the regions.
+      {"plug", "event/power_plug foreground scls 5"},
+      {"background", "event/app_paused foreground scls 5"},
+      {"unplug", "event/power_unplug background scls 5"},
+      {"unknown", "background scls 5"},
+      {"foreground", "event/app_resumed foreground scls 0"},
+      {"unplug", "event/power_unplug foreground scls 0"},
+      {"full", "event/power_plug foreground scls 0"},
+      {"inactive", "foreground scls 0"},
+      {"unplug", "event/power_unplug foreground scls 0"},
+      // Armed once in this process, regions come back with the next fix only.
+      {"background", "event/app_paused background scls 0"},
+  };
+  for (const auto& [event, result] : day) EXPECT_EQ(after(event), result) << event;
+  EXPECT_EQ(engine().parts().locationManager.distanceFilter(), 100.0);
+  EXPECT_EQ(engine().parts().state.currentBatteryState, UIDeviceBatteryState::unplugged);
+}
+
+TEST_F(Modes, FirstForegroundIsTheStandardServiceAndAnEmptyStoreArmsNothing) {
+  tarvo.emplace();
+  tarvo->activate(Tarvo::LOCAL_BACKGROUND);
+  EXPECT_EQ(after("foreground"), "foreground sls 0");
+  EXPECT_EQ(diary.count("recreateBackgroundSession"), 1u);
+  EXPECT_EQ(after("background"), "background rms-scls 0") << "no position, no event";
+  drive(1);
+  EXPECT_EQ(after("foreground"), "event/app_resumed foreground sls 0");
+}
+
+TEST_F(Modes, TheForegroundModeStopsOffTheScreenAndStaysStopped) {
+  begin(Tarvo::LOCAL_FOREGROUND);
+  EXPECT_EQ(after("launch"), "event/app_started event/srv_starting scls/loc_changed background scls 5");
+  EXPECT_EQ(after("background"), "event/app_paused background scls 5");
+  EXPECT_FALSE(engine().tarvoStarted());
+  EXPECT_EQ(after("foreground"), "background scls 5");
+  tarvo->activate(Tarvo::LOCAL_FOREGROUND);
+  waitUntilIdle();
+  EXPECT_EQ(after("foreground"), "event/app_resumed foreground scls 0");
+}
+
+TEST_F(Modes, ALeftRegionArmsANewRingByTheMeasuredSpeed) {
+  begin();
+  UIApplication::shared().didEnterBackground();
+  waitUntilIdle();
+  auto& parts = engine().parts();
+  diary.clear();
+  // Out of all regions, for longer than a crossing has to last; too early for a significant change.
+  for (int i = 0; i < 2; ++i) {
+    clock->advance(Seconds(25));
+    LocationService::shared().deliver({fixAt(48.01, kStart + 26 + 25 * i)});
+    waitUntilIdle();
+  }
+  EXPECT_EQ(diary.count("LocationManager:didExitRegion [loc] [geofence] CLCircularRegion"), 1u);
+  EXPECT_EQ(parts.state.currentLocalisationMethod.get(), "rms");
+  EXPECT_TRUE(parts.locationManager.monitoredRegions().empty());
+  EXPECT_TRUE(parts.state.geofencingStarted);
+
+  clock->advance(Seconds(5));
+  LocationService::shared().deliver({fixAt(48.02, kStart + 56)});  // the answer to the one request
+  waitUntilIdle();
+  const platform::CLLocation center = fixAt(48.001, 0);
+  const double speed = fixAt(48.02, 0).distanceFrom(center) / 55;  // since the ring was confirmed
+  const auto ring = parts.locationManager.monitoredRegions();
+  ASSERT_EQ(ring.size(), 5u);
+  EXPECT_EQ(diary.count("LocationManager:startGeofencingWithSpeed [loc] [geofence] region:"), 5u);
+  for (std::size_t i = 0; i < ring.size(); ++i) {
+    EXPECT_NEAR(ring[i].radius, 15 + (kLookAheadSeconds[i] + 55) * speed, 1e-6)
+        << "the newest stored position is 55 s old";
+    EXPECT_EQ(ring[i].center, center.coordinate);
+  }
+}
+
+TEST_F(Modes, AnOldPlatformAsksForNoFixAfterARegion) {
+  UIDevice::current().setPlatformLevel(8);
+  begin();
+  UIApplication::shared().didEnterBackground();
+  waitUntilIdle();
+  auto& parts = engine().parts();
+  const auto regions = parts.locationManager.monitoredRegions();
+  ASSERT_EQ(regions.size(), 5u);
+  parts.geofencing.didExitRegion(regions[0]);
+  EXPECT_EQ(parts.state.currentLocalisationMethod.get(), "rms");
+  clock->advance(Seconds(11));
+  waitUntilIdle();
+  EXPECT_EQ(diary.count("didFailwithError"), 0u) << "a request without a fix would have failed by now";
+}
+
+}  // namespace
+}  // namespace tarvo
