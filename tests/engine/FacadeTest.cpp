@@ -7,26 +7,9 @@ using platform::CLAuthorizationStatus;
 using platform::LocationService;
 using platform::Seconds;
 using platform::UserDefaults;
+using test::DiaryDelegate;
 
 class Facade : public test::WholeSdk {};
-
-/// Writes down what it is told, and does what a test asks of it from inside.
-class DiaryDelegate : public TarvoDelegate {
- public:
-  void tarvoDidReceiveNewLocations(Tarvo& tarvo, const std::vector<platform::CLLocation>& newLocations) override {
-    batches.push_back(newLocations.size());
-    if (inside) inside(tarvo);
-  }
-  void tarvoOnRouteMatched(Tarvo&, const LocationsHistory& history) override {
-    matched.push_back(history.pasttrips.at(0).pasttrip_id.value_or(-1));
-  }
-  void tarvoOnPredictionUpdate(Tarvo&, const Trip&) override { ++predictions; }
-
-  std::vector<std::size_t> batches;
-  std::vector<std::int64_t> matched;
-  int predictions = 0;
-  std::function<void(Tarvo&)> inside;
-};
 
 TEST_F(Facade, GatesReadsByTheMode) {
   Tarvo tarvo;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -23,6 +24,24 @@
 #include "support/TempDir.h"
 
 namespace tarvo::test {
+
+/// Writes down what it is told, and does what a test asks of it from inside.
+class DiaryDelegate : public TarvoDelegate {
+ public:
+  void tarvoDidReceiveNewLocations(Tarvo& tarvo, const std::vector<platform::CLLocation>& newLocations) override {
+    batches.push_back(newLocations.size());
+    if (inside) inside(tarvo);
+  }
+  void tarvoOnRouteMatched(Tarvo&, const LocationsHistory& history) override {
+    matched.push_back(history.pasttrips.at(0).pasttrip_id.value_or(-1));
+  }
+  void tarvoOnPredictionUpdate(Tarvo&, const Trip&) override { ++predictions; }
+
+  std::vector<std::size_t> batches;
+  std::vector<std::int64_t> matched;
+  int predictions = 0;
+  std::function<void(Tarvo&)> inside;
+};
 
 /// The whole SDK in a home of its own, on a clock that stands still, beside a real backend on loopback.
 class WholeSdk : public testing::Test {

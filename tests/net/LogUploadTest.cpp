@@ -1,0 +1,95 @@
+#include <fstream>
+
+#include <tarvo/platform/Clock.h>
+
+#include "ClientTest.h"
+#include "platform/foundation/Base64.h"
+#include "platform/foundation/Files.h"
+
+namespace tarvo::test {
+namespace {
+
+/// A client on a day whose week belongs to the next year.
+struct LogUpload : ClientTest {
+  LogUpload() {
+    platform::Clock::install(
+        std::make_shared<platform::ManualClock>(platform::dateSince1970(1735516800)));  // 2024-12-30
+    for (const char* name :
+         {"TarvoLog_2025-12-30_user-1_IOS.txt", "TarvoLog_2025-12-30_other_IOS.txt",
+          "TarvoLog_2024-12-28_user-1_IOS.txt", "TarvoLog_2024-12-30_user-1_IOS.txt",
+          "TarvoLog_2031-01-01_other_IOS.txt", "TarvoLog.txt", "TarvoLog_2024-12-28.log", "notes.txt"})
+      write(name, platform::concat("--boundary\r\nContent-Disposition: form-data; name=\"file\"; filename=\"", name,
+                                   "\"\r\nContent-Type: application/octet-stream\r\n\r\nline"));
+  }
+  std::filesystem::path path(const std::string& name) const { return platform::documentDirectories().front() / name; }
+  void write(const std::string& name, const std::string& text) const { std::ofstream(path(name)) << text; }
+  std::string read(const std::string& name) const { return platform::readFile(path(name)).value(); }
+
+  LogDiary& log = LogDiary::installed();
+};
+
+TEST_F(LogUpload, SendsEveryFileButTodaysByNameAloneAndClosesItEachTime) {
+  call(&NetworkManager::sendLogToRemoteWebServer);
+  EXPECT_EQ(backend.takeTargets(), "") << "nobody to send for";
+  EXPECT_EQ(log.count("sendLogToRemoteWebServer [net] no user"), 1u);
+
+  identify();
+  call(&NetworkManager::sendLogToRemoteWebServer);
+  std::set<std::string> sent;
+  for (const auto& request : backend.take()) {
+    EXPECT_EQ(request.method + " " + request.target, "POST /api/v1/acme/uplog");
+    ASSERT_EQ(request.files.size(), 1u);
+    EXPECT_EQ(request.files.begin()->second.content, "line");
+    sent.insert(request.files.begin()->second.filename);
+    const std::pair<const char*, std::string> headers[] = {
+        {"Content-Type", "multipart/form-data;boundary=boundary"},
+        {"Connection", "Keep-Alive"},
+        {"ENCTYPE", "multipart/form-data"},
+        {"uploaded_file", "log"},
+        {"Authorization", "Basic " + platform::base64Encode("user-1:s3cret")},
+    };
+    for (const auto& [name, value] : headers) {
+      EXPECT_EQ(request.get_header_value_count(name), 1u) << name;
+      EXPECT_EQ(request.get_header_value(name), value);
+    }
+    EXPECT_FALSE(request.has_header("Accept"));
+    EXPECT_FALSE(request.has_header("Expect"));
+  }
+  EXPECT_EQ(sent, (std::set<std::string>{"TarvoLog.txt", "TarvoLog_2024-12-28_user-1_IOS.txt",
+                                         "TarvoLog_2024-12-30_user-1_IOS.txt", "TarvoLog_2031-01-01_other_IOS.txt"}));
+  EXPECT_EQ(log.count("NetworkManager:sendLogToRemoteWebServer [net] logFile: " + path("TarvoLog.txt").string()), 1u);
+  EXPECT_EQ(log.count("NetworkManager:URLSession:didCompleteWithError [net] statusCode:200"), 4u);
+  EXPECT_EQ(log.count("NetworkManager:urlSessionDidFinishEvents:beforeCompletionHandler [net] session:"), 1u);
+
+  call(&NetworkManager::sendLogToRemoteWebServer);
+  EXPECT_TRUE(read("TarvoLog.txt").ends_with("line\r\n--boundary--\r\n\r\n--boundary--\r\n"));
+  EXPECT_TRUE(read("TarvoLog_2025-12-30_user-1_IOS.txt").ends_with("line"));
+}
+
+TEST_F(LogUpload, OnlyWritesALineWhenTheBackendIsAway) {
+  identify();
+  backend.stop();
+  call(&NetworkManager::sendLogToRemoteWebServer);
+  EXPECT_EQ(log.count("NetworkManager:URLSession [net] error:"), 4u);
+  EXPECT_EQ(log.count("> currentRequest:nil"), 4u);
+  EXPECT_EQ(log.count("statusCode"), 0u);
+}
+
+TEST_F(LogUpload, CallsEveryHandlerOnceWhenTheEventsAreFinished) {
+  identify();
+  int calls = 0;
+  const auto wake = [&](std::function<void()> handler) {
+    client().handleEventsForBackgroundURLSession("org.example.session", std::move(handler));
+  };
+  wake([&] { ++calls; });
+  wake([&] { calls += 10; });
+  finish();
+  EXPECT_EQ(calls, 11);
+  wake(nullptr);
+  finish();
+  EXPECT_EQ(calls, 11);
+  EXPECT_GE(log.count("NetworkManager:urlSessionDidFinishEvents:afterCompletionHandler [net] session:"), 2u);
+}
+
+}  // namespace
+}  // namespace tarvo::test
