@@ -13,8 +13,8 @@ constexpr std::size_t kFixesPerLine = 1000;
 
 }  // namespace
 
-Progress::Progress(LocationManager& engine, std::size_t total, bool inPlace)
-    : engine_(engine), total_(total), inPlace_(inPlace && ::isatty(STDERR_FILENO) == 1) {}
+Progress::Progress(LocationManager& engine, std::size_t earlier, std::size_t total, bool inPlace)
+    : engine_(engine), earlier_(earlier), total_(total), inPlace_(inPlace && ::isatty(STDERR_FILENO) == 1) {}
 
 Progress::~Progress() {
   if (inPlace_) std::fputs("\n", stderr);
@@ -28,7 +28,7 @@ void Progress::update(std::size_t fixes) {
 
 void Progress::show() {
   const LocationManager::SyncStatus sync = engine_.syncStatus();
-  const double rate = playSeconds_ > 0 ? static_cast<double>(fixes_) / playSeconds_ : 0;
+  const double rate = playSeconds_ > 0 ? static_cast<double>(fixes_ - earlier_) / playSeconds_ : 0;
   const std::string line = std::to_string(fixes_) + "/" + std::to_string(total_) + " fixes  " +
                            std::to_string(sync.stored) + " stored  " + std::to_string(sync.positionsPosted) +
                            " posted  " + std::to_string(sync.acknowledged) + " acknowledged  " +

@@ -10,8 +10,9 @@ namespace tarvo::cli {
 /// The progress line on standard error: rewritten in place on a terminal, one line per 1000 fixes elsewhere.
 class Progress {
  public:
-  /// `inPlace` false also on a terminal that shows other lines in between.
-  Progress(LocationManager& engine, std::size_t total, bool inPlace);
+  /// `earlier` of the fixes were played by another process. `inPlace` is false also on a terminal that shows other
+  /// lines in between.
+  Progress(LocationManager& engine, std::size_t earlier, std::size_t total, bool inPlace);
   ~Progress();
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
@@ -28,12 +29,13 @@ class Progress {
   using RealTime = std::chrono::steady_clock;
 
   LocationManager& engine_;
+  const std::size_t earlier_;
   const std::size_t total_;
   const bool inPlace_;
   const RealTime::time_point start_ = RealTime::now();
   RealTime::time_point shown_ = start_;
   double playSeconds_ = 0;
-  std::size_t fixes_ = 0;
+  std::size_t fixes_ = earlier_;
 };
 
 }  // namespace tarvo::cli

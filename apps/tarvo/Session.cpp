@@ -89,6 +89,8 @@ void Session::activate() {
   }
   // Only now: known earlier, it would make the engine register before the key has been read.
   NetworkManager::setApiKeySecret(secret);
+  // The location service tells its permission first, so that a run repeats.
+  Tarvo::waitUntilIdle(kLongestWork);
   tarvo_.activate(options_.mode);
   if (options_.mode >= Tarvo::BACKEND_GEOPROFILE) {
     tarvo_.requestRouteMatch();
@@ -101,7 +103,7 @@ bool Session::play(platform::GpxTrace trace, const std::vector<ScriptEvent>& scr
   if (before_)
     trace.fixes.erase(trace.fixes.begin(),
                       trace.fixes.begin() + static_cast<std::ptrdiff_t>(std::min(before_->fixes, total)));
-  Progress progress(engine(), total, !options_.log && !options_.verbose);
+  Progress progress(engine(), before_ ? before_->fixes : 0, total, !options_.log && !options_.verbose);
   platform::GpxSource source(std::move(trace), clock_);
   if (relaunches(source, script, progress)) return true;
   if (interrupted()) {
@@ -130,7 +132,6 @@ bool Session::relaunches(platform::GpxSource& source, const std::vector<ScriptEv
     return !interrupted();
   };
   done_.fixes = earlierFixes;
-  progress.update(earlierFixes);
   for (done_.events = before_ ? before_->events : 0; done_.events < script.size(); ++done_.events) {
     const ScriptEvent& event = script[done_.events];
     if (event.at > clock_->now() && !play(event.at)) return false;

@@ -5,7 +5,7 @@ set -euo pipefail
 program=$1 source=$2
 home=$(mktemp -d)
 trap 'rm -rf "$home"' EXIT
-fail() { echo "$1"; tail -n 40 "$home/day.txt"; exit 1; }
+fail() { echo "$1"; grep -v armed "$home/day.txt" | tail -n 40; exit 1; }
 sed 's/^ *//' >"$home/day.jsonl" <<'SCRIPT'
   # the first fix comes after what happens at 0
   {"at": 0, "event": "permission", "status": "always"}
