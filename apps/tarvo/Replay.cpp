@@ -1,5 +1,6 @@
 #include "Replay.h"
 
+#include <algorithm>
 #include <exception>
 #include <memory>
 #include <optional>
@@ -89,8 +90,9 @@ int replay(const ReplayOptions& options) {
     LocationManager::setRemoteWebServerURL(sandbox->baseURL());
   }
 
-  const auto clock = std::make_shared<ManualClock>(
-      before && before->events > 0 && before->events <= script.size() ? script[before->events - 1].at : firstFix);
+  const auto clock = std::make_shared<ManualClock>(before && before->events > 0 && before->events <= script.size()
+                                                       ? std::max(script[before->events - 1].at, firstFix)
+                                                       : firstFix);
   platform::Clock::install(clock);
   platform::setHomeDirectory(home.directory());
   // A device on its battery, whatever this machine runs on, until the script says otherwise.

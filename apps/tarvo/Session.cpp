@@ -133,6 +133,7 @@ bool Session::relaunches(platform::GpxSource& source, const std::vector<ScriptEv
   };
   done_.fixes = earlierFixes;
   for (done_.events = before_ ? before_->events : 0; done_.events < script.size(); ++done_.events) {
+    if (interrupted()) return false;
     const ScriptEvent& event = script[done_.events];
     if (event.at > clock_->now() && !play(event.at)) return false;
     if (watch_ != nullptr) watch_->show(event.text);

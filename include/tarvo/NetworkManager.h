@@ -66,7 +66,7 @@ class TARVO_API NetworkManager {
   NetworkManager(const NetworkManager&) = delete;
   NetworkManager& operator=(const NetworkManager&) = delete;
 
-  /// Kept strongly. From the first one on, transfers of an earlier process go on.
+  /// Kept strongly.
   void setDelegate(std::shared_ptr<NetworkManagerDelegate> delegate);
   std::shared_ptr<NetworkManagerDelegate> delegate() const;
   /// Name of the backend's environment, "prod" at first; goes into token, subscription and tag calls.
@@ -111,6 +111,9 @@ class TARVO_API NetworkManager {
   /// Joins the session that the application was woken for. The handler is called once, on the main queue, when the
   /// session's events are finished; at once when no transfer is left.
   void handleEventsForBackgroundURLSession(const std::string& identifier, std::function<void()> completionHandler);
+  /// Goes on with the log uploads that an earlier process has left. Their replies go to the delegate of the client
+  /// that opened the session first.
+  void takeUpTransfers();
   /// Joins the session of that identifier if it is open, its transfers untouched, and opens it otherwise.
   void recreateBackgroundSession(const std::string& identifier);
 

@@ -59,7 +59,10 @@ void LocationManager::setNetworkTimer(std::shared_ptr<void> timer) { parts_->sta
 platform::UserDefaults& LocationManager::defaults() const { return platform::UserDefaults::standard(); }
 std::uint32_t LocationManager::randomID() const { return parts_->state.randomID; }
 
-void LocationManager::start() { parts_->control.start(); }
+void LocationManager::start() {
+  parts_->control.start();
+  if (parts_->state.tarvoStarted) parts_->networkManager.takeUpTransfers();
+}
 void LocationManager::stop() { parts_->control.stop(); }
 void LocationManager::stopLocationUpdate() { parts_->control.stopLocationUpdate(); }
 void LocationManager::requestLocationUpdate() { parts_->control.requestLocationUpdate(); }

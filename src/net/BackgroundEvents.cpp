@@ -3,6 +3,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -30,11 +31,11 @@ constexpr int kLevelWithExtendedIdle = 9;
 void keepForGood(std::shared_ptr<platform::BackgroundSessionDelegate> delegate) {
   struct Kept {
     platform::Mutex mutex;
-    std::vector<std::shared_ptr<platform::BackgroundSessionDelegate>> delegates GUARDED_BY(mutex);
+    std::set<std::shared_ptr<platform::BackgroundSessionDelegate>> delegates GUARDED_BY(mutex);
   };
   static Kept* kept = new Kept;
   MutexLock lock(kept->mutex);
-  kept->delegates.push_back(std::move(delegate));
+  kept->delegates.insert(std::move(delegate));
 }
 
 /// The log files of all days but today, whoever's they are, by name.
@@ -105,15 +106,27 @@ void NetworkManager::State::didFinishEvents(BackgroundSession& session) {
 
 void NetworkManager::handleEventsForBackgroundURLSession(const std::string& identifier,
                                                          std::function<void()> completionHandler) {
-  if (completionHandler) {
-    MutexLock lock(state_->mutex);
-    state_->backgroundTransferCompletionHandlers.push_back(std::move(completionHandler));
-  }
   const auto session = state_->openSession(identifier);
+  // The session tells the client that opened it first, whichever this one is.
+  auto& told = static_cast<State&>(session->delegate());
+  if (completionHandler) {
+    MutexLock lock(told.mutex);
+    told.backgroundTransferCompletionHandlers.push_back(std::move(completionHandler));
+  }
   Log::debug("NetworkManager:handleEventsForBackgroundURLSession [net] id:", identifier,
              " rejointSession:", session->description());
   session->getAllTasks([](const auto&) {});
+  session->deliverEvents();
   session->finishEvents();
+}
+
+void NetworkManager::takeUpTransfers() {
+  std::shared_ptr<BackgroundSession> session;
+  {
+    MutexLock lock(state_->mutex);
+    session = state_->backgroundSession;
+  }
+  session->deliverEvents();
 }
 
 void NetworkManager::recreateBackgroundSession(const std::string& identifier) {

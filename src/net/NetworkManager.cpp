@@ -58,15 +58,9 @@ NetworkManager::NetworkManager(std::shared_ptr<State> state) : state_(std::move(
 NetworkManager::~NetworkManager() = default;
 
 void NetworkManager::setDelegate(std::shared_ptr<NetworkManagerDelegate> delegate) {
-  std::shared_ptr<platform::BackgroundSession> session;
-  {
-    // The one replaced may be the last of its kind: it goes after the lock.
-    MutexLock lock(state_->mutex);
-    state_->delegate.swap(delegate);
-    if (state_->delegate) session = state_->backgroundSession;
-  }
-  // Replies to what an earlier process sent would be lost on a client that has nobody to tell.
-  if (session && &session->delegate() == state_.get()) session->deliverEvents();
+  // The one replaced may be the last of its kind: it goes after the lock.
+  MutexLock lock(state_->mutex);
+  state_->delegate.swap(delegate);
 }
 
 std::shared_ptr<NetworkManagerDelegate> NetworkManager::delegate() const {

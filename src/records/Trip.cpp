@@ -23,6 +23,12 @@ CLLocation locationAt(CLLocationCoordinate2D coordinate) {
   return location;
 }
 
+/// A prediction's positions are pairs and nothing else.
+std::optional<CLLocationCoordinate2D> pairOf(const Value& position) {
+  const Array* numbers = position.asArray();
+  return numbers && numbers->size() == 2 ? coordinateOf(position) : std::nullopt;
+}
+
 }  // namespace
 
 std::optional<Array> Trip::tripToArray() const {
@@ -48,7 +54,7 @@ std::optional<std::vector<CLLocationCoordinate2D>> Trip::toLocationCoordinate2D(
   std::vector<CLLocationCoordinate2D> coordinates;
   coordinates.reserve(positions->size());
   for (const Value& position : *positions) {
-    const auto coordinate = coordinateOf(position);
+    const auto coordinate = pairOf(position);
     if (!coordinate) return std::nullopt;
     coordinates.push_back(*coordinate);
   }
@@ -66,7 +72,7 @@ std::optional<std::vector<CLLocation>> Trip::toLocations() const {
 
 std::optional<CLLocation> Trip::getStartTrip() const {
   const auto positions = tripToArray();
-  const auto coordinate = positions && !positions->empty() ? coordinateOf(positions->front()) : std::nullopt;
+  const auto coordinate = positions && !positions->empty() ? pairOf(positions->front()) : std::nullopt;
   if (!coordinate) return std::nullopt;
   return locationAt(*coordinate);
 }

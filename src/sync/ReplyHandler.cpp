@@ -21,7 +21,8 @@ void deleteConfirmedFile(const std::string& name) {
   const std::filesystem::path file = directories.front() / name;
   Log::debug("LocationManager:networkManagerReceivedSomeData [net] file:", file.string());
   std::error_code error;
-  if (std::filesystem::remove(file, error)) {
+  if (std::filesystem::is_regular_file(std::filesystem::symlink_status(file, error)) &&
+      std::filesystem::remove(file, error)) {
     Log::debug(file.string(), ": is deleted");
   } else {
     const int code = error ? error.value() : ENOENT;

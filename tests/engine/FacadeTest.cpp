@@ -1,5 +1,7 @@
 #include "engine/Harness.h"
 
+#include "net/EngineLink.h"
+
 namespace tarvo {
 namespace {
 
@@ -186,6 +188,51 @@ TEST_F(Facade, RefreshesForAPushByPermissionAndKeepsOtherSendersOut) {
   for (const auto& record : history->locations)
     if (record.localisationMethod == "push") pushed.push_back(record.serviceAction.value_or("?"));
   EXPECT_EQ(pushed, (std::vector<std::string>{"loc_enabled", "loc_refresh", "loc_disabled"}));
+}
+
+TEST_F(Facade, KeepsAccountCallsBelowModeEightAndReplaysTagsOnAPush) {
+  startBackend();
+  Tarvo tarvo = registered(Tarvo::LOCAL_BACKGROUND);
+  drive(1);
+  const auto host = std::make_shared<DiaryDelegate>();
+  tarvo.setDelegate(host);
+  const auto callAll = [&] {
+    tarvo.setTags("colour", "red");
+    tarvo.unsetTags("old");
+    tarvo.setSubscription("news", "n");
+    tarvo.setUnSubscription("ads");
+    tarvo.requestRouteMatch();
+    tarvo.requestPredictionUpdate();
+    tarvo.didRegisterForRemoteNotificationsWithDeviceToken("t0k");
+    waitUntilIdle();
+  };
+  diary.clear();
+  callAll();
+  EXPECT_EQ(diary.count("NetworkManager:"), 0u) << "nothing leaves the device";
+  EXPECT_EQ(NetworkManager::SUBSCRIPTION_LIST().size(), 3u);
+  EXPECT_EQ(NetworkManager::UNSUBSCRIPTION_LIST(), std::set<std::string>{"ads"});
+  EXPECT_EQ(Tarvo::SET_TAGS_LIST().at("colour"), "red");
+  EXPECT_EQ(Tarvo::UNSET_TAGS_LIST(), std::vector<std::string>{"old"});
+  EXPECT_EQ(diary.count("UNSUBSCRIPTION_LIST : : : []"), 1u);
+  EXPECT_EQ(diary.count("Tarvo : token t0k"), 1u);
+  EngineLink::current().submitLastTrips({{{"pasttrip_id", 7}}});
+  waitUntilIdle();
+  EXPECT_EQ(host->matched, std::vector<std::int64_t>{7});
+
+  tarvo.activate(Tarvo::BACKEND_BACKGROUND);
+  waitUntilIdle();
+  EXPECT_EQ(diary.count("Tarvo : Tarvo bundleID : org.example.host"), 1u);
+  EXPECT_EQ(diary.count("Tarvo  : Tarvo API_KEY key"), 1u);
+  EXPECT_EQ(diary.count("NetworkManager:sendTokenremoteWebServer [net] mainThread:"), 1u) << "with the registration";
+  diary.clear();
+  EXPECT_TRUE(tarvo.didReceiveRemoteNotification({{"messageFrom", "tarvo"}, {"name", "anything"}}));
+  waitUntilIdle();
+  EXPECT_GT(diary.find("NetworkManager:setTags :[success]"), diary.find("LocationManager:refreshLoc [loc]: "));
+  EXPECT_EQ(diary.count("NetworkManager:unsetTags :[success]"), 1u);
+  callAll();
+  EXPECT_EQ(diary.count("NetworkManager:setTags :[success]"), 2u);
+  EXPECT_TRUE(NetworkManager::SUBSCRIPTION_LIST().empty());
+  EXPECT_TRUE(NetworkManager::UNSUBSCRIPTION_LIST().empty());
 }
 
 TEST_F(Facade, RunsOnWithoutAStoreAfterOneLineThatSaysSo) {

@@ -55,7 +55,19 @@ class Modes : public test::WholeSdk {
            std::to_string(parts.locationManager.monitoredRegions().size());
   }
 
+  /// Whether a fix reaches the engine now, beyond the distance filter but too near and too early for anything else.
+  bool updates() {
+    const auto stored = engine().syncStatus().stored;
+    north_ += 0.0011;
+    LocationService::shared().deliver({fixAt(48.001 + (north_ > 0.003 ? north_ = 0 : north_), kStart + 1)});
+    waitUntilIdle();
+    return engine().syncStatus().stored > stored;
+  }
+
   std::optional<Tarvo> tarvo;
+
+ private:
+  double north_ = 0;
 };
 
 TEST_F(Modes, FollowTheApplicationAndTheCharger) {
@@ -78,9 +90,69 @@ TEST_F(Modes, FollowTheApplicationAndTheCharger) {
       // Armed once in this process, regions come back with the next fix only.
       {"background", "event/app_paused background scls 0"},
   };
-  for (const auto& [event, result] : day) EXPECT_EQ(after(event), result) << event;
-  EXPECT_EQ(engine().parts().locationManager.distanceFilter(), 100.0);
-  EXPECT_EQ(engine().parts().state.currentBatteryState, UIDeviceBatteryState::unplugged);
+  for (const auto& [event, result] : day) {
+    const std::string state = after(event);
+    EXPECT_EQ(state, result) << event;
+    const bool foreground = state.find("foreground") != state.npos;
+    EXPECT_EQ(engine().parts().locationManager.distanceFilter(), foreground ? 20.0 : 100.0) << event;
+    EXPECT_EQ(updates(), foreground) << event;
+    EXPECT_EQ(engine().parts().state.currentBatteryState, UIDevice::current().batteryState()) << event;
+  }
+}
+
+TEST_F(Modes, TellEachSwitchInTheLog) {
+  begin();
+  const std::pair<const char*, const char*> day[] = {
+      {"background", "LocationManager:backgroundMode [loc] stop:standard-service start:significant-change mainThread:"},
+      {"background", "LocationManager:handleNotification [event] BACKGROUND mainThread:true"},
+      {"foreground", "LocationManager.foregroundMode [loc] stop:geofencing start:standard-service mainThread:"},
+      {"foreground", "LocationManager:handleNotification [event] ACTIVE mainThread:true"},
+      {"plug", "LocationManager:handleNotification [event] [battery] BATTERY-STATE-CHANGED:2 mainThread:true"},
+      {"launch", "LocationManager:handleNotification [event] STARTED mainThread:true"},
+  };
+  for (const auto& [event, text] : day) {
+    after(event);
+    EXPECT_EQ(diary.count(text), 1u) << text;
+    after(event);
+    EXPECT_EQ(diary.count("Mode [loc]"), 0u) << "the second switch does nothing: " << event;
+  }
+  EXPECT_EQ(LocationManager::getAppState(), "app_resumed");
+  UIApplication::shared().willResignActive();
+  EXPECT_EQ(LocationManager::getAppState(), "app_inactive");
+  UIApplication::shared().didEnterBackground();
+  EXPECT_EQ(LocationManager::getAppState(), "app_paused");
+}
+
+TEST_F(Modes, AFixInTheBackgroundTellsOfAChargerThatNobodyReported) {
+  begin();
+  after("background");
+  auto& state = engine().parts().state;
+  const std::pair<UIDeviceBatteryState, const char*> before[] = {
+      {UIDeviceBatteryState::unplugged, ""},
+      {UIDeviceBatteryState::unknown, "power_unplug"},
+      {UIDeviceBatteryState::full, "power_unplug"},
+  };
+  for (const auto& [known, event] : before) {
+    state.currentBatteryState = known;
+    clock->advance(Seconds(300));
+    drive(5);  // far enough for the significant-change service to tell
+    std::string events;
+    for (const auto& record : engine().getLocationhistory(clock->now() - Seconds(10), {}).locations)
+      if (record.localisationMethod == "event") events += *record.serviceAction;
+    EXPECT_EQ(events, event);
+  }
+}
+
+TEST_F(Modes, AStandingDeviceGetsNineRegionsByItsAccuracy) {
+  begin();
+  platform::CLLocation fix = fixAt(48, kStart + 2);
+  fix.speed = 0;
+  fix.horizontalAccuracy = 20;
+  clock->advance(Seconds(1));
+  LocationService::shared().deliver({fix});
+  waitUntilIdle();
+  EXPECT_EQ(after("background").back(), '9');
+  EXPECT_EQ(diary.count("radius:50.00m) lastSpeed:-1"), 1u);
 }
 
 TEST_F(Modes, FirstForegroundIsTheStandardServiceAndAnEmptyStoreArmsNothing) {

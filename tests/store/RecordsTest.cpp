@@ -135,7 +135,8 @@ TEST(PredictedTrip, ReadsTheFirstFeatureOfTheNextDestination) {
       {R"({"features":[3,{"geometry":{"coordinates":[[1,2]]}}]})", std::nullopt, std::nullopt},
       {R"({"features":[{"geometry":{"coordinates":[]}}]})", Coordinates{}, std::nullopt},
       {R"({"features":[{"geometry":{"coordinates":[[2.35,48.85],["a",1]]}}]})", std::nullopt, line[0]},
-      {R"({"features":[{"geometry":{"coordinates":[[2.35,48.85],[2.36,48.86,12]]}},
+      {R"({"features":[{"geometry":{"coordinates":[[2.35,48.85],[2.36,48.86,12]]}}]})", std::nullopt, line[0]},
+      {R"({"features":[{"geometry":{"coordinates":[[2.35,48.85],[2.36,48.86]]}},
           {"geometry":{"coordinates":[[0,0]]}}]})",
        line, line[0]},
   };

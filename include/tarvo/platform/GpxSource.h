@@ -33,6 +33,7 @@ struct TARVO_API GpxTrace {
 
 /// Plays a trace into the location service and moves the clock with it.
 ///
+/// The trip begins where the clock stands when it is played, before the first fix or at it.
 /// The clock moves only forward and only while all queued work and all transfers are done, so a run repeats.
 /// Threads: `play` blocks its caller, which must not be a queue of the library; it pumps the main queue when
 /// called from the main thread. Errors: work that does not end is waited for 65 s of real time at each fix, then the

@@ -50,10 +50,12 @@ UIDeviceBatteryState UIDevice::batteryState() const { return battery().state; }
 double UIDevice::batteryLevel() const { return battery().level; }
 
 void UIDevice::setBattery(UIDeviceBatteryState state, double level) {
-  const UIDeviceBatteryState before = batteryState();
+  // Before the lock: it reads files.
+  const UIDeviceBatteryState ofKernel = readPowerSupplies(powerSupplyFolder()).state;
   bool changed = false;
   {
     MutexLock lock(device().mutex);
+    const auto before = device().hostBattery ? device().hostBattery->state : ofKernel;
     device().hostBattery = BatteryReading{state, level >= 0 && level <= 1 ? level : -1};
     changed = device().monitoring && state != before;
   }

@@ -73,7 +73,6 @@ std::size_t GpxSource::play(std::optional<double> speed, const std::function<boo
   while (delivered_ < trace_.fixes.size()) {
     const CLLocation& fix = trace_.fixes[delivered_];
     if (until && fix.timestamp > *until) break;
-    if (delivered_ == 0) clock_->advanceTo(fix.timestamp);  // nothing to wait for yet
     if (!reach(fix.timestamp)) return delivered_;
     LocationService::shared().deliver({fix});
     ++delivered_;

@@ -45,7 +45,7 @@ std::vector<RegionCrossing> RegionMonitor::evaluate(const CLLocation& fix, Date 
       entry.inside = metres <= radius;
       continue;
     }
-    const bool past = *entry.inside ? metres >= radius + border : metres <= radius - border;
+    const bool past = *entry.inside ? metres > radius + border : metres <= radius - border;
     if (!past) {
       entry.pastBorderSince.reset();
     } else if (!entry.pastBorderSince) {

@@ -44,12 +44,10 @@ struct BackgroundSession::Job {
 };
 
 struct BackgroundSession::State {
-  explicit State(const std::string& identifier)
-      : queue(concat("tarvo.backgroundsession.", identifier)),
-        journal(homeDirectory() / "Library" / "Transfers", identifier) {}
+  explicit State(const std::string& identifier) : queue(concat("tarvo.backgroundsession.", identifier)) {}
 
   SerialQueue queue;
-  TransferJournal journal;
+  std::optional<TransferJournal> journal;  ///< set once, by `openJournal`
 
   Mutex mutex;
   std::map<std::int64_t, URLSessionUploadTask> tasks GUARDED_BY(mutex);  ///< resumed and not ended, restored ones too
@@ -80,15 +78,20 @@ std::string BackgroundSession::description() const {
 BackgroundSession::BackgroundSession(BackgroundSessionConfiguration configuration, BackgroundSessionDelegate& delegate)
     : configuration_(std::move(configuration)),
       delegate_(delegate),
-      state_(std::make_unique<State>(configuration_.identifier)) {
-  MutexLock lock(state_->mutex);
-  state_->restored = state_->journal.takeRestored();
-  for (const TransferRecord& record : state_->restored) state_->tasks.emplace(record.task.taskIdentifier, record.task);
-}
+      state_(std::make_unique<State>(configuration_.identifier)) {}
 
 BackgroundSession::~BackgroundSession() = default;
 
+void BackgroundSession::openJournal() {
+  MutexLock lock(state_->mutex);
+  if (state_->journal) return;
+  state_->journal.emplace(homeDirectory() / "Library" / "Transfers", configuration_.identifier);
+  state_->restored = state_->journal->takeRestored();
+  for (const TransferRecord& record : state_->restored) state_->tasks.emplace(record.task.taskIdentifier, record.task);
+}
+
 void BackgroundSession::deliverEvents() {
+  openJournal();
   std::vector<TransferRecord> records;
   {
     MutexLock lock(state_->mutex);
@@ -108,6 +111,7 @@ URLSessionUploadTask BackgroundSession::uploadTask(URLRequest request, std::file
   // The process that takes it up may stand in another directory.
   std::error_code error;
   if (auto absolute = std::filesystem::absolute(file, error); !error) file = std::move(absolute);
+  openJournal();  // which names are taken
   MutexLock lock(state_->mutex);
   do {
     ++state_->lastIdentifier;
@@ -123,11 +127,12 @@ void BackgroundSession::resume(const URLSessionUploadTask& task) {
     if (state_->suspended.erase(task.taskIdentifier) == 0) return;
     state_->tasks.emplace(task.taskIdentifier, task);
   }
-  state_->journal.put({task, {}});
+  state_->journal->put({task, {}});
   start(std::move(job));
 }
 
 void BackgroundSession::getAllTasks(std::function<void(std::vector<URLSessionUploadTask>)> completion) {
+  openJournal();
   state_->queue.async([self = shared_from_this(), completion = std::move(completion)] {
     std::vector<URLSessionUploadTask> tasks;
     {
@@ -139,6 +144,7 @@ void BackgroundSession::getAllTasks(std::function<void(std::vector<URLSessionUpl
 }
 
 void BackgroundSession::finishEvents() {
+  openJournal();
   {
     MutexLock lock(state_->mutex);
     if (!state_->tasks.empty()) return;
@@ -171,7 +177,7 @@ void BackgroundSession::startWaiting() {
       TransferRecord record{job.task, TransferOutcome{{}, std::move(data), std::move(error)}};
       if (response) record.outcome->statusCode = response->statusCode;
       // First, so that a reply which the delegate may have seen is never asked for again.
-      self->state_->journal.put(record);
+      self->state_->journal->put(record);
       {
         MutexLock lock(self->state_->mutex);
         --self->state_->running;
@@ -186,7 +192,7 @@ void BackgroundSession::startWaiting() {
 void BackgroundSession::deliver(const URLSessionUploadTask& task, const TransferOutcome& outcome) {
   if (outcome.data) delegate_.didReceiveData(*this, *outcome.data);
   delegate_.didComplete(*this, task, outcome.statusCode, outcome.error);
-  state_->journal.remove(task.taskIdentifier);
+  state_->journal->remove(task.taskIdentifier);
   bool wasLast = false;
   {
     MutexLock lock(state_->mutex);

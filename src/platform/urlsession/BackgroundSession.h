@@ -53,12 +53,12 @@ class BackgroundSession : public std::enable_shared_from_this<BackgroundSession>
   BackgroundSession(const BackgroundSession&) = delete;
   BackgroundSession& operator=(const BackgroundSession&) = delete;
 
-  /// Reads the journal; what it holds rests until `deliverEvents`.
+  /// Touches no file: a process that only looks leaves the journal to the one that owns the transfers.
   static std::shared_ptr<BackgroundSession> open(const BackgroundSessionConfiguration& configuration,
                                                  BackgroundSessionDelegate& delegate);
 
-  /// The delegate is ready: transfers and outcomes from the journal go on. A second call does nothing.
-  /// Until then the events are not finished if the journal held any.
+  /// The delegate is ready: transfers and outcomes from the journal go on. A second call does nothing. What the
+  /// journal holds rests until then, also when an upload has been made before.
   void deliverEvents();
 
   /// A suspended upload, whose body is the file alone. Nothing of it is kept before `resume`.
@@ -83,6 +83,7 @@ class BackgroundSession : public std::enable_shared_from_this<BackgroundSession>
   struct State;
   struct Job;
   BackgroundSession(BackgroundSessionConfiguration configuration, BackgroundSessionDelegate& delegate);
+  void openJournal();
   void start(Job job);
   void startWaiting();
   void deliver(const URLSessionUploadTask& task, const TransferOutcome& outcome);
