@@ -100,8 +100,7 @@ void Log::debugLog(std::int64_t level, std::string_view message) {
   if (!user) return;
 
   const platform::Date now = platform::Clock::current()->now();
-  const std::string name =
-      platform::concat(kFilePrefix, "_", dayFormatter().string(now), "_", *user, "_IOS", kFileExtension);
+  const std::string name = platform::concat(kFilePrefix, "_", dayFormatter().string(now), "_", *user, "_IOS.txt");
   const auto directories = platform::documentDirectories();
   // The identifier comes from the backend; it names a file only if it is a plain name.
   if (directories.empty() || !platform::isPlainFileName(name)) return;

@@ -69,15 +69,15 @@ std::shared_ptr<BackgroundSession> NetworkManager::State::openSession(const std:
   return session;
 }
 
-void NetworkManager::State::didReceiveData(BackgroundSession&, const std::string& data) {
+void NetworkManager::State::didReceive(BackgroundSession&, const std::string& data) {
   // Two blanks before "mainThread".
   Log::debug("NetworkManager:URLSession:didReceiveData [net] ", " mainThread:", mainThread());
   NetworkManager self(shared_from_this());
   if (const auto receiver = self.delegate()) receiver->networkManagerReceivedSomeData(self, data);
 }
 
-void NetworkManager::State::didComplete(BackgroundSession&, const platform::URLSessionUploadTask& task,
-                                        std::optional<int> statusCode, std::optional<platform::Error> error) {
+void NetworkManager::State::didCompleteWithError(BackgroundSession&, const platform::URLSessionUploadTask& task,
+                                                 std::optional<int> statusCode, std::optional<platform::Error> error) {
   // An error ends here: telling the engine would stop its uploads of positions until the next launch.
   if (error) {
     Log::error("NetworkManager:URLSession [net] error:", error->localizedDescription,
@@ -88,7 +88,7 @@ void NetworkManager::State::didComplete(BackgroundSession&, const platform::URLS
   }
 }
 
-void NetworkManager::State::didFinishEvents(BackgroundSession& session) {
+void NetworkManager::State::urlSessionDidFinishEvents(BackgroundSession& session) {
   const std::string name = session.description();
   Log::debug("NetworkManager:urlSessionDidFinishEvents:beforeCompletionHandler [net] session:", name,
              " mainThread:", mainThread());
@@ -96,7 +96,7 @@ void NetworkManager::State::didFinishEvents(BackgroundSession& session) {
     std::vector<std::function<void()>> handlers;
     {
       MutexLock lock(state->mutex);
-      handlers.swap(state->backgroundTransferCompletionHandlers);
+      handlers.swap(state->backgroundTransferCompletionHandler);
     }
     for (const auto& handler : handlers) handler();
     Log::debug("NetworkManager:urlSessionDidFinishEvents:afterCompletionHandler [net] session:", name,
@@ -111,7 +111,7 @@ void NetworkManager::handleEventsForBackgroundURLSession(const std::string& iden
   auto& told = static_cast<State&>(session->delegate());
   if (completionHandler) {
     MutexLock lock(told.mutex);
-    told.backgroundTransferCompletionHandlers.push_back(std::move(completionHandler));
+    told.backgroundTransferCompletionHandler.push_back(std::move(completionHandler));
   }
   Log::debug("NetworkManager:handleEventsForBackgroundURLSession [net] id:", identifier,
              " rejointSession:", session->description());

@@ -34,10 +34,10 @@ struct NetworkManager::State final : platform::BackgroundSessionDelegate, std::e
 
   std::shared_ptr<platform::BackgroundSession> openSession(const std::string& identifier);
 
-  void didReceiveData(platform::BackgroundSession& session, const std::string& data) override;
-  void didComplete(platform::BackgroundSession& session, const platform::URLSessionUploadTask& task,
-                   std::optional<int> statusCode, std::optional<platform::Error> error) override;
-  void didFinishEvents(platform::BackgroundSession& session) override;
+  void didReceive(platform::BackgroundSession& session, const std::string& data) override;
+  void didCompleteWithError(platform::BackgroundSession& session, const platform::URLSessionUploadTask& task,
+                            std::optional<int> statusCode, std::optional<platform::Error> error) override;
+  void urlSessionDidFinishEvents(platform::BackgroundSession& session) override;
 
   const std::string remoteServerURL;
 
@@ -48,7 +48,7 @@ struct NetworkManager::State final : platform::BackgroundSessionDelegate, std::e
   /// The running upload of a log file, or the last one.
   std::optional<platform::URLSessionUploadTask> httpPOSTTask GUARDED_BY(mutex);
   /// One for each time that the application was woken and the events are not finished yet.
-  std::vector<std::function<void()>> backgroundTransferCompletionHandlers GUARDED_BY(mutex);
+  std::vector<std::function<void()>> backgroundTransferCompletionHandler GUARDED_BY(mutex);
 };
 
 /// Who this device is, for a call that may come before the registration: absent, with a line that names the call,

@@ -32,12 +32,12 @@ using Lines = std::vector<std::string>;
 /// Writes down what it is told; ends the process when it is told `fatal`.
 struct Diary : BackgroundSessionDelegate {
   explicit Diary(std::string deadly = "none") : fatal(std::move(deadly)) {}
-  void didReceiveData(BackgroundSession&, const std::string& data) override { tell("data " + data); }
-  void didComplete(BackgroundSession&, const URLSessionUploadTask& task, std::optional<int> status,
-                   std::optional<Error> error) override {
+  void didReceive(BackgroundSession&, const std::string& data) override { tell("data " + data); }
+  void didCompleteWithError(BackgroundSession&, const URLSessionUploadTask& task, std::optional<int> status,
+                            std::optional<Error> error) override {
     tell(concat(task.file.filename().native(), " ", status, " ", error ? error->code : 0));
   }
-  void didFinishEvents(BackgroundSession&) override { tell("finished"); }
+  void urlSessionDidFinishEvents(BackgroundSession&) override { tell("finished"); }
   void tell(const std::string& line) {
     if (line == fatal) ::kill(::getpid(), SIGKILL);
     std::lock_guard lock(mutex);

@@ -149,7 +149,7 @@ void BackgroundSession::finishEvents() {
     MutexLock lock(state_->mutex);
     if (!state_->tasks.empty()) return;
   }
-  state_->queue.async([self = shared_from_this()] { self->delegate_.didFinishEvents(*self); });
+  state_->queue.async([self = shared_from_this()] { self->delegate_.urlSessionDidFinishEvents(*self); });
 }
 
 void BackgroundSession::start(Job job) {
@@ -190,8 +190,8 @@ void BackgroundSession::startWaiting() {
 }
 
 void BackgroundSession::deliver(const URLSessionUploadTask& task, const TransferOutcome& outcome) {
-  if (outcome.data) delegate_.didReceiveData(*this, *outcome.data);
-  delegate_.didComplete(*this, task, outcome.statusCode, outcome.error);
+  if (outcome.data) delegate_.didReceive(*this, *outcome.data);
+  delegate_.didCompleteWithError(*this, task, outcome.statusCode, outcome.error);
   state_->journal->remove(task.taskIdentifier);
   bool wasLast = false;
   {
@@ -199,7 +199,7 @@ void BackgroundSession::deliver(const URLSessionUploadTask& task, const Transfer
     state_->tasks.erase(task.taskIdentifier);
     wasLast = state_->tasks.empty();
   }
-  if (wasLast) delegate_.didFinishEvents(*this);
+  if (wasLast) delegate_.urlSessionDidFinishEvents(*this);
 }
 
 }  // namespace tarvo::platform

@@ -28,10 +28,10 @@ struct URLSessionUploadTask {
 class BackgroundSessionDelegate {
  public:
   virtual ~BackgroundSessionDelegate() = default;
-  virtual void didReceiveData(BackgroundSession& session, const std::string& data) = 0;
-  virtual void didComplete(BackgroundSession& session, const URLSessionUploadTask& task, std::optional<int> statusCode,
-                           std::optional<Error> error) = 0;
-  virtual void didFinishEvents(BackgroundSession& session) = 0;
+  virtual void didReceive(BackgroundSession& session, const std::string& data) = 0;
+  virtual void didCompleteWithError(BackgroundSession& session, const URLSessionUploadTask& task,
+                                    std::optional<int> statusCode, std::optional<Error> error) = 0;
+  virtual void urlSessionDidFinishEvents(BackgroundSession& session) = 0;
 };
 
 /// How a background session is made.
