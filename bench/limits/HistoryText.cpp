@@ -33,21 +33,19 @@ std::string_view historyText(RawStore& store, TextBuffer& text) {
   text.add(R"({ "type":"FeatureCollection","features":[{)");
   text.add(kFeature);
   bool disabled = false;
-  bool first = true;
-  bool lastFollowsComma = false;
-  std::size_t lastBytes = 0;
+  bool disabledBefore = false;  ///< the last position
+  std::size_t bytesBefore = 0;
+  std::int64_t positions = 0;
   Point point;
-  while (select.step()) {
+  for (; select.step(); ++positions) {
     point = {select.real(0), select.real(1)};
     const bool isDisabled = select.text(2) == "loc_disabled";
-    const std::size_t before = text.view().size();
-    lastFollowsComma = false;
-    if (first) {
+    disabledBefore = disabled;
+    bytesBefore = text.view().size();
+    if (positions == 0) {
       disabled = isDisabled;
-      first = false;
     } else if (isDisabled == disabled) {
       text.add(",");
-      lastFollowsComma = true;
     } else {
       text.add("]},");
       text.add(disabled ? kDisabled : kCollected);
@@ -56,11 +54,12 @@ std::string_view historyText(RawStore& store, TextBuffer& text) {
       disabled = isDisabled;
     }
     addPoint(text, point, ",");
-    lastBytes = text.view().size() - before;
   }
-  // The last position never opens a feature, and has its blank.
-  if (lastFollowsComma) {
-    text.takeBack(lastBytes - 1);
+  // The last position opens no feature, and has its blank.
+  if (positions > 1) {
+    text.takeBack(text.view().size() - bytesBefore);
+    disabled = disabledBefore;
+    text.add(",");
     addPoint(text, point, " ,");
   }
   text.add("]},");

@@ -91,6 +91,10 @@ std::string Log::todaysFilePrefix() {
   return platform::concat(kFilePrefix, "_", dayFormatter().string(platform::Clock::current()->now()));
 }
 
+void Log::debugLog(std::int64_t level, std::initializer_list<platform::Piece> parts) {
+  debugLog(level, platform::concatenated(parts));
+}
+
 void Log::debugLog(std::int64_t level, std::string_view message) {
   if (const auto configured = platform::UserDefaults::standard().integer(names::kLogLevel); configured != 0)
     logLevel.store(configured);

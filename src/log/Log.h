@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 
@@ -26,14 +27,16 @@ class Log {
   /// Messages of all levels reach the console; those of levels 2 to 6 the file.
   static void debugLog(std::int64_t level, std::string_view message);
 
+  static void debugLog(std::int64_t level, std::initializer_list<platform::Piece> parts);
+
   /// The parts of a message one after the other, each in its printed form.
   template <class... Parts>
   static void debug(const Parts&... parts) {
-    debugLog(kDebug, platform::concat(parts...));
+    debugLog(kDebug, {platform::Piece(parts)...});
   }
   template <class... Parts>
   static void error(const Parts&... parts) {
-    debugLog(kError, platform::concat(parts...));
+    debugLog(kError, {platform::Piece(parts)...});
   }
 
   /// 10 is off, everything else on: a switch, no threshold. The user default "tarvologlevel" replaces it at each

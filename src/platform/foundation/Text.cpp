@@ -118,6 +118,12 @@ void append(std::string& out, const Dictionary& value) {
 
 void append(std::string& out, const Error& value) { out.append(value.description()); }
 
+std::string concatenated(std::initializer_list<Piece> pieces) {
+  std::string out;
+  for (const Piece& piece : pieces) piece.appendTo(out);
+  return out;
+}
+
 std::string printedOptional(const std::optional<std::string>& text) {
   return text ? "Optional(\"" + *text + "\")" : "nil";
 }

@@ -2,9 +2,11 @@
 
 #include <concepts>
 #include <cstdint>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include <tarvo/platform/Date.h>
 #include <tarvo/platform/Value.h>
@@ -49,12 +51,32 @@ void append(std::string& out, const std::optional<T>& value) {
     out.append("nil");
 }
 
+/// A value that is about to be printed, whatever its type: refers to it, and knows how it is printed. So one function
+/// serves every combination of parts.
+class Piece {
+ public:
+  Piece(const char* characters) : value_(characters), append_(&text) {}
+  template <class T>
+  requires(!std::is_array_v<T>) Piece(const T& value) : value_(&value), append_(&typed<T>) {}
+
+  void appendTo(std::string& out) const { append_(out, value_); }
+
+ private:
+  static void text(std::string& out, const void* value) { out.append(static_cast<const char*>(value)); }
+  template <class T>
+  static void typed(std::string& out, const void* value) {
+    append(out, *static_cast<const T*>(value));
+  }
+
+  const void* value_;
+  void (*append_)(std::string& out, const void* value);
+};
+
 /// The printed forms one after the other, nothing between them.
+std::string concatenated(std::initializer_list<Piece> pieces);
 template <class... Parts>
 std::string concat(const Parts&... parts) {
-  std::string out;
-  (append(out, parts), ...);
-  return out;
+  return concatenated({Piece(parts)...});
 }
 
 /// The printed form of an optional text: `nil` or `Optional("text")`.

@@ -120,7 +120,12 @@ std::optional<URLRequest> decodeRequest(const Dictionary& fields) {
 std::string encode(const TransferRecord& record) {
   const URLRequest& request = record.task.originalRequest;
   Array headers;
-  for (const auto& [name, value] : request.headers) headers.push_back(Array{portable(name), portable(value)});
+  for (const auto& [name, value] : request.headers) {
+    Array pair;
+    pair.push_back(portable(name));
+    pair.push_back(portable(value));
+    headers.push_back(std::move(pair));
+  }
   const double timeout = request.timeoutInterval.count();
   Dictionary fields{{"identifier", record.task.taskIdentifier},
                     {"file", portable(record.task.file.native())},
