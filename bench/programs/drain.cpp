@@ -36,16 +36,21 @@ int main(int argc, char** argv) {
 
   Settings::shared().setActivateStatus(Tarvo::BACKEND_BACKGROUND);
   const double start = bench::seconds();
+  const double cpuStart = bench::cpuSeconds();
   LocationManager::sharedInstance().sendDataInBatchToRemoteWebServer();
   if (batches > 0)
     sink.waitForAnnouncement();
   else
     bench::waitUntilIdle();
   const double seconds = bench::seconds() - start;
+  const double cpu = bench::cpuSeconds() - cpuStart;
   const double peak = bench::peakKiB();
   // Of the last batches the marks and the acknowledgement may be under way.
   check(home, batches > 0 ? (batches - 2) * 1000 : stored);
-  if (batches == 0) bench::report("drain" + suffix, static_cast<double>(stored) / seconds);
+  if (batches == 0) {
+    bench::report("drain" + suffix, static_cast<double>(stored) / seconds);
+    bench::report("drain" + suffix + ".cpu", cpu * 1e6 / static_cast<double>(stored));
+  }
   bench::report("memory" + suffix, peak / 1024);
   std::_Exit(0);
 }

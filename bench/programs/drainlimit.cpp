@@ -56,6 +56,7 @@ int main(int argc, char** argv) {
   std::vector<std::int64_t> keys;
   std::int64_t drained = 0;
   const double start = seconds();
+  const double cpuStart = cpuSeconds();
   while (true) {
     keys.clear();
     text.clear();
@@ -80,6 +81,8 @@ int main(int argc, char** argv) {
     acknowledge.runOnce();
     drained += static_cast<std::int64_t>(keys.size());
   }
-  report(together ? "drain.limit" : "drain.each", static_cast<double>(drained) / (seconds() - start));
+  const std::string name = together ? "drain.limit" : "drain.each";
+  report(name, static_cast<double>(drained) / (seconds() - start));
+  report(name + ".cpu", (cpuSeconds() - cpuStart) * 1e6 / static_cast<double>(drained));
   report("memory.limit", peakKiB() / 1024);
 }

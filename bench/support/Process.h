@@ -23,6 +23,8 @@ inline double peakKiB() { return static_cast<double>(statusNumber("self", "VmHWM
 
 /// Seconds of a clock that never goes back.
 double seconds();
+/// CPU time of all threads of this process so far.
+double cpuSeconds();
 
 /// Starts this program's executable or a neighbour of it (`name`, from the same folder) with standard output in a pipe.
 /// Ends it (SIGTERM) when it goes out of scope.

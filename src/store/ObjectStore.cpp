@@ -22,6 +22,8 @@ constexpr const char* kModelName = "Marrowgate-Tarvo-db";
 constexpr const char* kModelExtension = "momd";
 constexpr const char* kConfiguration = "ConfigurationForLocationsAndUsers";
 
+void tellUnresolved(const Error& error) { Log::error("Unresolved error ", platform::errorAndUserInfo(error)); }
+
 }  // namespace
 
 const std::filesystem::path& ObjectStore::applicationDocumentsDirectory() {
@@ -74,8 +76,10 @@ void ObjectStore::openStore() {
 }
 
 NSManagedObjectContext& ObjectStore::managedObjectContext() {
-  std::call_once(contextOnce_,
-                 [this] { context_ = std::make_unique<NSManagedObjectContext>(persistentStoreCoordinator()); });
+  std::call_once(contextOnce_, [this] {
+    context_ = std::make_unique<NSManagedObjectContext>(persistentStoreCoordinator());
+    context_->setLateSaveFailure(tellUnresolved);
+  });
   return *context_;
 }
 
@@ -83,7 +87,7 @@ void ObjectStore::saveContext() {
   Log::debug("LocationManager:saveContext [coreData] mainThread:", mainThread());
   NSManagedObjectContext& context = managedObjectContext();
   if (!context.hasChanges()) return;
-  if (const auto error = context.save()) Log::error("Unresolved error ", platform::errorAndUserInfo(*error));
+  if (const auto error = context.save()) tellUnresolved(*error);
 }
 
 }  // namespace tarvo

@@ -159,5 +159,50 @@ TEST(Save, FailsWithoutAStoreAndKeepsTheChanges) {
   });
 }
 
+TEST(Save, InQueuedBlocksIsOneTransactionBeforeTheNextBlockThatIsWaitedFor) {
+  FaultyDisk::install();
+  test::TempDir dir;
+  TestStore store(dir.path() / "a.sqlite");
+  std::vector<std::string> late;
+  store.context->setLateSaveFailure([&](const Error& error) { late.push_back(std::to_string(error.code)); });
+  const auto onDisk = [&] {
+    sqlite3* database = nullptr;
+    sqlite3_stmt* count = nullptr;
+    sqlite3_open(store.file.c_str(), &database);
+    sqlite3_prepare_v2(database, "SELECT count(*) FROM Locations", -1, &count, nullptr);
+    const int rows = sqlite3_step(count) == SQLITE_ROW ? sqlite3_column_int(count, 0) : -1;
+    sqlite3_finalize(count);
+    sqlite3_close(database);
+    return rows;
+  };
+  const auto addAndSave = [&](int index) {
+    store.add(index);
+    EXPECT_FALSE(store.context->save());
+  };
+  std::vector<int> seen;
+  store.run([&] {
+    for (int i = 0; i < 3; ++i)
+      store.context->perform([&, i] {
+        addAndSave(i);
+        seen.push_back(onDisk());
+        if (i == 1) store.run([&] { addAndSave(10); });  // waited for: written at once, with what was put off
+      });
+  });
+  store.run([&] {
+    EXPECT_EQ(seen, (std::vector<int>{0, 0, 3}));
+    EXPECT_EQ(onDisk(), 4) << "before anything that follows";
+    FaultyDisk::failAfterCalls(0);
+    store.context->perform([&] { addAndSave(20); });
+  });
+  store.run([&] {
+    EXPECT_EQ(late, std::vector<std::string>{"134030"});
+    EXPECT_TRUE(store.context->hasChanges()) << "all of it stays pending";
+    EXPECT_EQ(store.count(), 5U);
+    FaultyDisk::heal();
+    addAndSave(21);
+    EXPECT_EQ(onDisk(), 6);
+  });
+}
+
 }  // namespace
 }  // namespace tarvo::platform

@@ -24,6 +24,8 @@ struct NSManagedObjectContext::State {
   }
 
   NSManagedObjectContext& context;
+  bool putsOff = false;   ///< in a block given to `perform`
+  bool isPutOff = false;  ///< a save waits to be written
   std::map<const NSEntityDescription*, EntityObjects> entities;
 };
 
@@ -102,8 +104,25 @@ NSManagedObjectContext::NSManagedObjectContext(std::shared_ptr<NSPersistentStore
 
 NSManagedObjectContext::~NSManagedObjectContext() = default;
 
-void NSManagedObjectContext::perform(std::function<void()> block) { queue_.async(std::move(block)); }
-void NSManagedObjectContext::performAndWait(const std::function<void()>& block) { queue_.syncReentrant(block); }
+void NSManagedObjectContext::perform(std::function<void()> block) {
+  performing_.fetch_add(1);
+  queue_.async([this, block = std::move(block)] {
+    state_->putsOff = true;
+    block();
+    state_->putsOff = false;
+    if (performing_.fetch_sub(1) == 1) writeWhatWasPutOff();
+  });
+}
+
+void NSManagedObjectContext::performAndWait(const std::function<void()>& block) {
+  queue_.syncReentrant([&] {
+    const bool insideQueuedBlock = std::exchange(state_->putsOff, false);
+    if (!insideQueuedBlock) writeWhatWasPutOff();
+    block();
+    state_->putsOff = insideQueuedBlock;
+  });
+}
+
 bool NSManagedObjectContext::isCurrent() const { return queue_.isCurrent(); }
 
 void NSManagedObjectContext::requireCurrent() const {
@@ -185,8 +204,20 @@ bool NSManagedObjectContext::hasChanges() const {
 
 std::optional<Error> NSManagedObjectContext::save() {
   if (!hasChanges()) return std::nullopt;
+  if (!coordinator_->store()) return noStoreError("save");
+  if (!state_->putsOff) return write();
+  state_->isPutOff = true;
+  return std::nullopt;
+}
+
+void NSManagedObjectContext::writeWhatWasPutOff() {
+  if (!state_->isPutOff) return;
+  if (const auto error = write(); error && lateSaveFailure_) lateSaveFailure_(*error);
+}
+
+std::optional<Error> NSManagedObjectContext::write() {
+  state_->isPutOff = false;
   Store* store = coordinator_->store();
-  if (!store) return noStoreError("save");
 
   std::vector<std::pair<EntityObjects*, Store::Receipt>> written;
   {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -45,17 +46,27 @@ class NSManagedObjectContext {
 
   bool hasChanges() const;
   /// Writes all changes in one transaction. On failure everything stays pending and goes out with the next save.
+  ///
+  /// Inside a block given to `perform` the write is put off: it comes when no such block waits any more, and before the
+  /// next `performAndWait` from outside runs, so that a thousand small saves share one transaction. What a later block
+  /// changes without saving goes out with them. A failure is then told to `setLateSaveFailure`'s receiver.
   std::optional<Error> save();
+  /// Called inside a block of the context. Before the first `perform`.
+  void setLateSaveFailure(std::function<void(const Error&)> receiver) { lateSaveFailure_ = std::move(receiver); }
 
   NSPersistentStoreCoordinator& coordinator() { return *coordinator_; }
 
  private:
   struct State;
   void requireCurrent() const;
+  std::optional<Error> write();
+  void writeWhatWasPutOff();
 
   std::shared_ptr<NSPersistentStoreCoordinator> coordinator_;
   std::unique_ptr<State> state_;
-  SerialQueue queue_;  ///< last: its end waits for blocks that use the rest
+  std::function<void(const Error&)> lateSaveFailure_;
+  std::atomic<std::size_t> performing_ = 0;  ///< blocks given to `perform` that have not ended
+  SerialQueue queue_;                        ///< last: its end waits for blocks that use the rest
 };
 
 }  // namespace tarvo::platform
