@@ -12,6 +12,7 @@
 
 namespace {
 
+// All forms are replaced: those of the library need not call each other through these.
 std::atomic<std::int64_t> live{0};
 
 /// What malloc takes for a block: its usable size and the word before it.
@@ -25,11 +26,14 @@ void* operator new(std::size_t size) {
   live.fetch_add(cost(block));
   return block;
 }
+void* operator new[](std::size_t size) { return operator new(size); }
 void operator delete(void* block) noexcept {
   if (block != nullptr) live.fetch_sub(cost(block));
   std::free(block);
 }
 void operator delete(void* block, std::size_t) noexcept { operator delete(block); }
+void operator delete[](void* block) noexcept { operator delete(block); }
+void operator delete[](void* block, std::size_t) noexcept { operator delete(block); }
 
 int main(int argc, char** argv) {
   using namespace tarvo;
