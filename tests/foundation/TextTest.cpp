@@ -27,7 +27,9 @@ TEST(Text, PrintsDoublesFixedWithTheFewestDigitsThatReadBack) {
 TEST(Text, PrintsDatesInUtcWithTheFractionCutDownwards) {
   const std::pair<double, const char*> cases[] = {{1735601400.999, "2024-12-30 23:30:00 +0000"},
                                                   {-0.001, "1969-12-31 23:59:59 +0000"},
-                                                  {1488442530.123, "2017-03-02 08:15:30 +0000"}};
+                                                  {1488442530.123, "2017-03-02 08:15:30 +0000"},
+                                                  {-1e300, "-1199-02-15 14:13:20 +0000"},
+                                                  {1e300, "9892-03-08 12:26:40 +0000"}};
   for (const auto& [seconds, text] : cases) EXPECT_EQ(concat(dateSince1970(seconds)), text);
   EXPECT_EQ(concat(distantPast(), " ", distantFuture()), "0001-01-01 00:00:00 +0000 4001-01-01 00:00:00 +0000");
 }

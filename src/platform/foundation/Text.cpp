@@ -3,23 +3,30 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstdlib>
+#include <cstring>
 
 namespace tarvo::platform {
 namespace {
 
-template <class Number, class... Format>
-void appendChars(std::string& out, Number value, Format... format) {
-  // The longest fixed double is the smallest denormal: 1 + 2 + 1074 digits.
-  char buffer[1100];
-  auto end = std::to_chars(buffer, buffer + sizeof buffer, value, format...).ptr;
-  out.append(buffer, end);
+/// One allocation for most messages.
+constexpr std::size_t kTypicalLine = 120;
+
+template <class T>
+void appendPrinted(std::string& out, T value) {
+  char buffer[kLongestPrinted];
+  out.append(buffer, print(buffer, value));
 }
 
-void appendPadded(std::string& out, unsigned value, int width) {
-  char buffer[16];
-  auto end = std::to_chars(buffer, buffer + sizeof buffer, value).ptr;
-  for (auto digits = end - buffer; digits < width; ++digits) out.push_back('0');
-  out.append(buffer, end);
+char* printText(char* out, std::string_view text) {
+  std::memcpy(out, text.data(), text.size());
+  return out + text.size();
+}
+
+char* printTwoDigits(char* out, unsigned value) {
+  out[0] = static_cast<char>('0' + value / 10);
+  out[1] = static_cast<char>('0' + value % 10);
+  return out + 2;
 }
 
 void appendNested(std::string& out, const Value& value) {
@@ -43,41 +50,47 @@ void append(std::string& out, const Array& array) {
 
 }  // namespace
 
-void append(std::string& out, double value) {
-  if (std::isnan(value)) {
-    out.append("nan");
-  } else if (std::isinf(value)) {
-    out.append(value < 0 ? "-inf" : "inf");
-  } else {
-    appendChars(out, value, std::chars_format::fixed);
-  }
+char* print(char* out, double value) {
+  if (std::isnan(value)) return printText(out, "nan");
+  if (std::isinf(value)) return printText(out, value < 0 ? "-inf" : "inf");
+  return std::to_chars(out, out + kLongestPrinted, value, std::chars_format::fixed).ptr;
 }
 
-void append(std::string& out, std::int64_t value) { appendChars(out, value); }
-void append(std::string& out, std::uint64_t value) { appendChars(out, value); }
+char* print(char* out, std::int64_t value) { return std::to_chars(out, out + kLongestPrinted, value).ptr; }
 
-void append(std::string& out, Date value) {
+char* print(char* out, Date value) {
   using namespace std::chrono;
-  // Far beyond any calendar the conversion would overflow; a clamped date still prints.
-  const Date bounded = std::clamp(value, dateSince1970(-1e11), dateSince1970(2.5e11));
-  const auto second = floor<seconds>(bounded);
+  // Far beyond any calendar the conversion would overflow; a clamped date still prints, and its year has four digits.
+  const double given = secondsSince1970(value);
+  const double bounded = given > -1e11 ? std::min(given, 2.5e11) : -1e11;
+  const auto second = sys_seconds(seconds(static_cast<std::int64_t>(std::floor(bounded))));
   const auto day = floor<days>(second);
   const year_month_day date{day};
-  const hh_mm_ss time{second - day};
+  const auto secondOfDay = static_cast<unsigned>((second - day).count());
   const int year = static_cast<int>(date.year());
-  if (year < 0) out.push_back('-');
-  appendPadded(out, static_cast<unsigned>(std::abs(year)), 4);
-  out.push_back('-');
-  appendPadded(out, static_cast<unsigned>(date.month()), 2);
-  out.push_back('-');
-  appendPadded(out, static_cast<unsigned>(date.day()), 2);
-  out.push_back(' ');
-  appendPadded(out, static_cast<unsigned>(time.hours().count()), 2);
-  out.push_back(':');
-  appendPadded(out, static_cast<unsigned>(time.minutes().count()), 2);
-  out.push_back(':');
-  appendPadded(out, static_cast<unsigned>(time.seconds().count()), 2);
-  out.append(" +0000");
+  if (year < 0) *out++ = '-';
+  out = printTwoDigits(out, static_cast<unsigned>(std::abs(year)) / 100);
+  out = printTwoDigits(out, static_cast<unsigned>(std::abs(year)) % 100);
+  *out++ = '-';
+  out = printTwoDigits(out, static_cast<unsigned>(date.month()));
+  *out++ = '-';
+  out = printTwoDigits(out, static_cast<unsigned>(date.day()));
+  *out++ = ' ';
+  out = printTwoDigits(out, secondOfDay / 3600);
+  *out++ = ':';
+  out = printTwoDigits(out, secondOfDay / 60 % 60);
+  *out++ = ':';
+  out = printTwoDigits(out, secondOfDay % 60);
+  return printText(out, " +0000");
+}
+
+void append(std::string& out, double value) { appendPrinted(out, value); }
+void append(std::string& out, std::int64_t value) { appendPrinted(out, value); }
+void append(std::string& out, Date value) { appendPrinted(out, value); }
+
+void append(std::string& out, std::uint64_t value) {
+  char buffer[20];
+  out.append(buffer, std::to_chars(buffer, buffer + sizeof buffer, value).ptr);
 }
 
 void append(std::string& out, const Value& value) {
@@ -120,6 +133,7 @@ void append(std::string& out, const Error& value) { out.append(value.description
 
 std::string concatenated(std::initializer_list<Piece> pieces) {
   std::string out;
+  out.reserve(kTypicalLine);
   for (const Piece& piece : pieces) piece.appendTo(out);
   return out;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <concepts>
+#include <cstddef>
 #include <cstdint>
 #include <initializer_list>
 #include <optional>
@@ -21,6 +22,14 @@ namespace tarvo::platform {
 void append(std::string& out, double value);
 void append(std::string& out, std::int64_t value);
 void append(std::string& out, std::uint64_t value);
+
+/// The same straight into memory that has room for `kLongestPrinted` characters; answers where they end.
+char* print(char* out, double value);
+char* print(char* out, std::int64_t value);
+char* print(char* out, Date value);
+/// The longest is the smallest denormal double: sign, "0." and 1074 digits.
+inline constexpr std::size_t kLongestPrinted = 1077;
+
 inline void append(std::string& out, std::string_view value) { out.append(value); }
 inline void append(std::string& out, const char* value) { out.append(value); }
 inline void append(std::string& out, const std::string& value) { out.append(value); }
