@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <filesystem>
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -16,13 +16,12 @@
 #include "log/Utf8.h"
 #include "platform/foundation/DateFormatter.h"
 #include "platform/foundation/Files.h"
+#include "platform/foundation/Mutex.h"
 #include "settings/Names.h"
 #include "settings/Settings.h"
 
 namespace tarvo {
 namespace {
-
-using platform::DateFormatter;
 
 std::atomic<std::int64_t> logLevel{Log::kOff};
 
@@ -44,16 +43,14 @@ std::string_view levelName(std::int64_t level) {
   }
 }
 
-// "YYYY" is the week-based year, as the backend expects it: the last days of December can carry the next year.
-const DateFormatter& dayFormatter() {
-  static const DateFormatter* formatter = new DateFormatter("YYYY-MM-dd", "UTC");
-  return *formatter;
+/// When a line is written; it begins with the day that names its file.
+/// "YYYY" is the week-based year, as the backend expects it: the last days of December can carry the next year.
+std::string currentStamp() {
+  static const auto* formatter = new platform::DateFormatter("YYYY-MM-dd'T'HH:mm:ss.SSS'Z'", "UTC");
+  return formatter->string(platform::Clock::current()->now());
 }
 
-const DateFormatter& lineFormatter() {
-  static const DateFormatter* formatter = new DateFormatter("YYYY-MM-dd'T'HH:mm:ss.SSS'Z'", "UTC");
-  return *formatter;
-}
+std::string_view dayOf(std::string_view stamp) { return stamp.substr(0, stamp.find('T')); }
 
 /// The opening of the multipart body that the file will be uploaded as.
 std::string multipartHeader(std::string_view fileName) {
@@ -61,8 +58,52 @@ std::string multipartHeader(std::string_view fileName) {
                           "\"\r\n", "Content-Type: application/octet-stream\r\n\r\n");
 }
 
+using FileName = std::shared_ptr<const std::string>;
+
+bool exists(const std::string& file) { return ::access(file.c_str(), F_OK) == 0; }
+
+/// Where the latest line went: most lines go to the file of the one before. Threads: any.
+class LatestFile {
+ public:
+  static LatestFile& shared() {
+    static auto* latest = new LatestFile;
+    return *latest;
+  }
+
+  /// The file of that name, which exists; absent when there is none to write to, or only now, with its header.
+  FileName openFor(std::string_view name) {
+    FileName file = known(name);
+    return file && exists(*file) ? file : found(name);
+  }
+
+ private:
+  FileName known(std::string_view name) {
+    platform::MutexLock lock(mutex_);
+    return name == name_ ? file_ : nullptr;
+  }
+
+  FileName found(std::string_view name) {
+    const auto directories = platform::documentDirectories();
+    // The identifier comes from the backend; it names a file only if it is a plain name.
+    if (directories.empty() || !platform::isPlainFileName(name)) return nullptr;
+    auto file = std::make_shared<const std::string>((directories.front() / name).native());
+    if (!exists(*file)) {
+      (void)platform::writeFileAtomically(*file, multipartHeader(name), /*durable=*/false);
+      return nullptr;
+    }
+    platform::MutexLock lock(mutex_);
+    name_ = name;
+    file_ = file;
+    return file;
+  }
+
+  platform::Mutex mutex_;
+  std::string name_ GUARDED_BY(mutex_);
+  FileName file_ GUARDED_BY(mutex_);
+};
+
 /// Opened anew for each line, and never created: a file that was deleted meanwhile does not come back headless.
-void appendTo(const std::filesystem::path& file, std::string_view text) {
+void appendTo(const std::string& file, std::string_view text) {
   const int descriptor = ::open(file.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
   if (descriptor < 0) return;
   while (!text.empty()) {
@@ -83,13 +124,11 @@ platform::SerialQueue& Log::serialQueue() {
   return *queue;
 }
 
-void Log::append(const std::filesystem::path& file, std::string text) {
-  serialQueue().async([file, text = std::move(text)] { appendTo(file, text); });
+void Log::append(std::shared_ptr<const std::string> file, std::string text) {
+  serialQueue().async([file = std::move(file), text = std::move(text)] { appendTo(*file, text); });
 }
 
-std::string Log::todaysFilePrefix() {
-  return platform::concat(kFilePrefix, "_", dayFormatter().string(platform::Clock::current()->now()));
-}
+std::string Log::todaysFilePrefix() { return platform::concat(kFilePrefix, "_", dayOf(currentStamp())); }
 
 void Log::debugLog(std::int64_t level, std::initializer_list<platform::Piece> parts) {
   debugLog(level, platform::concatenated(parts));
@@ -103,22 +142,13 @@ void Log::debugLog(std::int64_t level, std::string_view message) {
   const auto user = Settings::shared().userUUID();
   if (!user) return;
 
-  const platform::Date now = platform::Clock::current()->now();
-  const std::string name = platform::concat(kFilePrefix, "_", dayFormatter().string(now), "_", *user, "_IOS.txt");
-  const auto directories = platform::documentDirectories();
-  // The identifier comes from the backend; it names a file only if it is a plain name.
-  if (directories.empty() || !platform::isPlainFileName(name)) return;
-  const std::filesystem::path file = directories.front() / name;
-  if (std::error_code error; !std::filesystem::exists(file, error)) {
-    // The message that opens a day's file is not in it: only the header is.
-    (void)platform::writeFileAtomically(file, multipartHeader(name), /*durable=*/false);
-    return;
-  }
-  std::string line;
-  if (const std::string_view label = levelName(level); !label.empty())
-    line = platform::concat("[[", lineFormatter().string(now), "]]:[", label, "]:", message, "\n");
-  if (line.empty() || !isValidUtf8(line)) return;
-  append(file, std::move(line));
+  const std::string stamp = currentStamp();
+  // The message that opens a day's file is not in it: only the header is.
+  auto file = LatestFile::shared().openFor(platform::concat(kFilePrefix, "_", dayOf(stamp), "_", *user, "_IOS.txt"));
+  const std::string_view label = levelName(level);
+  if (!file || label.empty()) return;
+  std::string line = platform::concat("[[", stamp, "]]:[", label, "]:", message, "\n");
+  if (isValidUtf8(line)) append(std::move(file), std::move(line));
 }
 
 }  // namespace tarvo

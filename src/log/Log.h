@@ -1,8 +1,8 @@
 #pragma once
 
 #include <cstdint>
-#include <filesystem>
 #include <initializer_list>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -52,7 +52,7 @@ class Log {
   /// Where the lines are appended; what must come behind them is queued here too.
   static platform::SerialQueue& serialQueue();
   /// Queues an append to a log file. One that does not exist by then is not created.
-  static void append(const std::filesystem::path& file, std::string text);
+  static void append(std::shared_ptr<const std::string> file, std::string text);
 };
 
 /// For the end of most messages: "true" or "false".

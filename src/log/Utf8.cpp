@@ -1,10 +1,21 @@
 #include "log/Utf8.h"
 
+#include <cstdint>
+#include <cstring>
+
 namespace tarvo {
 
 bool isValidUtf8(std::string_view bytes) {
   std::size_t i = 0;
   while (i < bytes.size()) {
+    // Most text is ASCII: eight bytes at once.
+    if (std::uint64_t eight = 0; bytes.size() - i >= sizeof eight) {
+      std::memcpy(&eight, bytes.data() + i, sizeof eight);
+      if ((eight & 0x8080808080808080) == 0) {
+        i += sizeof eight;
+        continue;
+      }
+    }
     const auto lead = static_cast<unsigned char>(bytes[i++]);
     if (lead < 0x80) continue;
     int more = 0;

@@ -148,7 +148,7 @@ void NetworkManager::sendLogToRemoteWebServer() {
   for (const auto& file : finishedLogFiles()) {
     std::error_code error;
     const bool exists = std::filesystem::exists(file, error);
-    if (exists) Log::append(file, "\r\n--boundary--\r\n");
+    if (exists) Log::append(std::make_shared<const std::string>(file.native()), "\r\n--boundary--\r\n");
     Log::debug("NetworkManager:sendLogToRemoteWebServer [net] logFile: ", file.string(),
                exists ? "" : " does not exist");
     auto task = session->uploadTask(buildLogUpload(state_->remoteServerURL, Settings::shared().clientID(),

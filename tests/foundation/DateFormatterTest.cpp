@@ -32,6 +32,10 @@ TEST(DateFormatter, FormatsTheWeekYearAndCutsFractions) {
   };
   for (const Case& c : cases)
     EXPECT_EQ(DateFormatter(c.pattern, c.zone).string(dateSince1970(c.seconds)), c.expected) << c.pattern;
+  DateFormatter moved("HH:mm", "UTC");
+  EXPECT_EQ(moved.string(dateSince1970(0)), "00:00");
+  moved.setTimeZone("Europe/Paris");
+  EXPECT_EQ(moved.string(dateSince1970(0)), "01:00");
 }
 
 TEST(DateFormatter, ParsesTheWrittenYearAndNothingElseThanThePattern) {

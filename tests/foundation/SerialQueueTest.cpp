@@ -1,6 +1,8 @@
 #include "platform/foundation/SerialQueue.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <future>
@@ -73,6 +75,18 @@ TEST(SerialQueue, KnowsTheQueuesItsCallerStandsInHoweverDeep) {
   EXPECT_FALSE(SerialQueue::onAnyQueue());
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(outer.sync([&] { inner.sync([&] { outer.sync([] {}); }); }), "Fatal error: sync onto queue test.outer");
+}
+
+TEST(MainThread, IsTheFirstOfItsProcessAlsoAfterAForkOfAnother) {
+  EXPECT_TRUE(isMainThread());
+  std::thread([] {
+    EXPECT_FALSE(isMainThread());
+    const pid_t child = ::fork();
+    if (child == 0) ::_exit(isMainThread() ? 0 : 1);
+    int status = -1;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+  }).join();
 }
 
 TEST(Activity, WaitsForWorkThatHopsBetweenQueuesAndTheMainQueue) {

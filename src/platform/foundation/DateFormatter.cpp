@@ -56,13 +56,13 @@ UDate milliseconds(Date date) {
   return whole / 1000 == seconds ? whole : std::floor(seconds * 1000);
 }
 
-std::string format(const UDateFormat* formatter, Date date) {
-  if (!std::isfinite(secondsSince1970(date))) return {};
+std::string format(const UDateFormat* formatter, UDate instant) {
+  if (!std::isfinite(instant)) return {};
   std::u16string out(128, u'\0');
   for (;;) {
     UErrorCode status = U_ZERO_ERROR;
     const int32_t length =
-        udat_format(formatter, milliseconds(date), out.data(), static_cast<int32_t>(out.size()), nullptr, &status);
+        udat_format(formatter, instant, out.data(), static_cast<int32_t>(out.size()), nullptr, &status);
     const bool tooShort = status == U_BUFFER_OVERFLOW_ERROR;
     if (U_FAILURE(status) && !tooShort) return {};
     out.resize(static_cast<std::size_t>(length));
@@ -84,11 +84,14 @@ Format open(std::u16string_view pattern, std::optional<std::string_view> timeZon
 }  // namespace
 
 struct DateFormatter::State {
-  explicit State(std::string_view text) : pattern(utf16(text)) {}
+  explicit State(std::string_view unicodePattern) : pattern(utf16(unicodePattern)) {}
 
   const std::u16string pattern;
   Mutex mutex;
   Format format GUARDED_BY(mutex);
+  // The latest text: what is told at the same instant, as many log lines are, is not formatted again.
+  UDate instant GUARDED_BY(mutex) = std::nan("");
+  std::string text GUARDED_BY(mutex);
 };
 
 DateFormatter::DateFormatter(std::string_view pattern, std::optional<std::string_view> timeZone)
@@ -102,11 +105,17 @@ void DateFormatter::setTimeZone(std::optional<std::string_view> timeZone) {
   Format opened = open(state_->pattern, timeZone);
   MutexLock lock(state_->mutex);
   state_->format = std::move(opened);
+  state_->instant = std::nan("");
 }
 
 std::string DateFormatter::string(Date date) const {
+  const UDate instant = milliseconds(date);
   MutexLock lock(state_->mutex);
-  return format(state_->format.get(), date);
+  if (instant != state_->instant) {
+    state_->text = format(state_->format.get(), instant);
+    state_->instant = instant;
+  }
+  return state_->text;
 }
 
 std::optional<Date> DateFormatter::date(std::string_view text) const {
@@ -141,7 +150,7 @@ std::string localizedShortDateFullTime(Date date) {
     shared->format.reset(udat_open(UDAT_FULL, UDAT_SHORT, nullptr, nullptr, 0, nullptr, 0, &status));
     if (U_FAILURE(status)) return {};
   }
-  std::string text = format(shared->format.get(), date);
+  std::string text = format(shared->format.get(), milliseconds(date));
   // One form whatever the locale data's age: newer data has a narrow no-break blank before "PM".
   constexpr std::string_view kNarrowBlank = "\u202F";
   for (std::size_t at = text.find(kNarrowBlank); at != std::string::npos; at = text.find(kNarrowBlank, at))

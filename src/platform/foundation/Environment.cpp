@@ -56,7 +56,8 @@ std::vector<fs::path> chosenDocumentDirectories() {
   return {homeDirectory() / "Documents"};
 }
 
-// The directories are asked for at every log line, so a home that stays unwritable is told only once.
+// The directories are asked for at every log line while there is no file to write to, so a home that stays unwritable
+// is told only once.
 bool reportsFirst() {
   MutexLock lock(environment().mutex);
   return !std::exchange(environment().reported, true);

@@ -1,6 +1,7 @@
 #include <tarvo/platform/MainQueue.h>
 
 #include <poll.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -74,9 +75,13 @@ void MainQueue::runFor(Seconds span) {
 }
 
 bool isMainThread() {
-  // The first thread's id is the process's; a thread never changes its own. After a fork the child's only thread is
-  // its main thread, so the comparison is made anew there.
-  return ::syscall(SYS_gettid) == ::getpid();
+  // The first thread's id is the process's. Neither changes until a fork, whose child has one thread: its main thread.
+  enum class Answer : char { unknown, no, yes };
+  thread_local Answer answer = Answer::unknown;
+  static const bool toldOfForks = ::pthread_atfork(nullptr, nullptr, [] { answer = Answer::yes; }) == 0;
+  if (answer == Answer::unknown || !toldOfForks)
+    answer = ::syscall(SYS_gettid) == ::getpid() ? Answer::yes : Answer::no;
+  return answer == Answer::yes;
 }
 
 }  // namespace tarvo::platform
