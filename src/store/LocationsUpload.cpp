@@ -1,9 +1,10 @@
-#include <array>
+#include <concepts>
 
 #include "log/Log.h"
 #include "platform/foundation/FatalError.h"
 #include "platform/foundation/Json.h"
 #include "platform/foundation/Text.h"
+#include "platform/foundation/TextBuilder.h"
 #include "settings/Names.h"
 #include "store/Attributes.h"
 #include "store/Locations.h"
@@ -11,61 +12,42 @@
 namespace tarvo {
 
 namespace at = attribute::locations;
-using platform::append;
 
 namespace {
 
 /// Every record that was filled has these; one that has not must not reach an upload.
 template <class T>
-void appendMandatory(std::string& out, const std::optional<T>& value, std::string_view attribute) {
+T mandatory(const std::optional<T>& value, std::string_view attribute) {
   if (!value) platform::fatalError(platform::concat("a position to be sent has no ", attribute));
-  append(out, *value);
+  return *value;
 }
 
-/// An absent reading leaves its text empty.
-void appendReading(std::string& out, std::optional<double> value) {
-  if (value) append(out, *value);
+/// The members of a position's object in the order of the wire. `visit(opening, value)` gets what stands before the
+/// value's text, the end of the member before included, and the value; an absent reading leaves its text empty.
+template <class Visit>
+void visitMembers(const Locations& row, std::string_view uuid, const Visit& visit) {
+  visit(R"({"unique_position_id_for_app":")", mandatory(row.index(), "index"));
+  visit(R"(","useruuid":")", uuid);
+  visit(R"(","app_name":")", mandatory(row.string(at::appName), "appName"));
+  visit(R"(","date_localisation":")", mandatory(row.date(at::locationTimestamp), "locationTimestamp"));
+  visit(R"(","date_mobile":")", mandatory(row.date(at::eventTimestamp), "eventTimestamp"));
+  visit(R"(","lon":")", mandatory(row.longitude(), "longitude"));
+  visit(R"(","lat":")", mandatory(row.latitude(), "latitude"));
+  visit(R"(","acc":")", row.number(at::horizontalAccuracy));
+  visit(R"(","speed":")", row.number(at::speed));
+  visit(R"(","bearing":")", row.number(at::course));
+  visit(R"(","alt":")", row.number(at::altitude));
+  visit(R"(","provider":")", mandatory(row.string(at::localisationMethod), "localisationMethod"));
+  visit(R"(","service_action":")", mandatory(row.string(at::serviceAction), "serviceAction"));
+  visit(R"(","terramesh_data_version":")", names::kTerrameshDataVersion);
 }
-
-/// One member of a position's object: what stands before the value's text (the end of the member before included),
-/// and the value.
-struct Member {
-  std::string_view opening;
-  void (*appendValue)(std::string& out, const Locations& location, std::string_view uuid);
-
-  constexpr std::string_view key() const {
-    const std::string_view upToKey = opening.substr(0, opening.size() - 3);
-    return upToKey.substr(upToKey.rfind('"') + 1);
-  }
-};
-
-using Text = std::string;
-using Row = const Locations&;
-using User = std::string_view;
-
-// The order is the wire's.
-constexpr std::array<Member, 14> kMembers{{
-    {R"({"unique_position_id_for_app":")",
-     [](Text& out, Row row, User) { appendMandatory(out, row.integer(at::index), "index"); }},
-    {R"(","useruuid":")", [](Text& out, Row, User uuid) { append(out, uuid); }},
-    {R"(","app_name":")", [](Text& out, Row row, User) { appendMandatory(out, row.string(at::appName), "appName"); }},
-    {R"(","date_localisation":")",
-     [](Text& out, Row row, User) { appendMandatory(out, row.date(at::locationTimestamp), "locationTimestamp"); }},
-    {R"(","date_mobile":")",
-     [](Text& out, Row row, User) { appendMandatory(out, row.date(at::eventTimestamp), "eventTimestamp"); }},
-    {R"(","lon":")", [](Text& out, Row row, User) { appendMandatory(out, row.number(at::longitude), "longitude"); }},
-    {R"(","lat":")", [](Text& out, Row row, User) { appendMandatory(out, row.number(at::latitude), "latitude"); }},
-    {R"(","acc":")", [](Text& out, Row row, User) { appendReading(out, row.number(at::horizontalAccuracy)); }},
-    {R"(","speed":")", [](Text& out, Row row, User) { appendReading(out, row.number(at::speed)); }},
-    {R"(","bearing":")", [](Text& out, Row row, User) { appendReading(out, row.number(at::course)); }},
-    {R"(","alt":")", [](Text& out, Row row, User) { appendReading(out, row.number(at::altitude)); }},
-    {R"(","provider":")",
-     [](Text& out, Row row, User) { appendMandatory(out, row.string(at::localisationMethod), "localisationMethod"); }},
-    {R"(","service_action":")",
-     [](Text& out, Row row, User) { appendMandatory(out, row.string(at::serviceAction), "serviceAction"); }},
-    {R"(","terramesh_data_version":")", [](Text& out, Row, User) { append(out, names::kTerrameshDataVersion); }},
-}};
 constexpr std::string_view kClosing = R"("})";
+
+/// The key in what opens a member.
+std::string_view keyIn(std::string_view opening) {
+  const std::string_view upToKey = opening.substr(0, opening.size() - std::string_view(R"(":")").size());
+  return upToKey.substr(upToKey.rfind('"') + 1);
+}
 
 // A typical object with its user identifier.
 constexpr std::size_t kTypicalBytes = 420;
@@ -76,29 +58,33 @@ std::string Locations::convertToString(const List& locations, std::string_view u
   if (locations.empty()) platform::fatalError("an upload needs at least one position");
   Log::debug("Locations:convertToJSON [loc] from:", locations.front()->index(), " to:", locations.back()->index(),
              " mainThread:", mainThread());
-  std::string out;
-  out.reserve(locations.size() * kTypicalBytes);
-  char separator = '[';
+  platform::TextBuilder text(locations.size() * kTypicalBytes);
+  std::string_view separator = "[";
   for (const auto& location : locations) {
-    out.push_back(separator);
-    separator = ',';
-    for (const Member& member : kMembers) {
-      out.append(member.opening);
-      member.appendValue(out, *location, uuid);
-    }
-    out.append(kClosing);
+    text.add(separator);
+    separator = ",";
+    visitMembers(*location, uuid, [&text]<class T>(std::string_view opening, const T& value) {
+      text.add(opening);
+      if constexpr (std::same_as<T, std::optional<double>>) {
+        if (value) text.add(*value);
+      } else {
+        text.add(value);
+      }
+    });
+    text.add(kClosing);
   }
-  out.push_back(']');
-  return out;
+  text.add("]");
+  return text.finished();
 }
 
 std::optional<std::string> Locations::convertLocationsToJSON(const Locations& location, std::string_view uuid) {
   platform::Dictionary members;
-  for (const Member& member : kMembers) {
-    std::string value;
-    member.appendValue(value, location, uuid);
-    members.emplace(member.key(), std::move(value));
-  }
+  visitMembers(location, uuid, [&members]<class T>(std::string_view opening, const T& value) {
+    if constexpr (std::same_as<T, std::optional<double>>)
+      members.emplace(keyIn(opening), value ? platform::concat(*value) : "");
+    else
+      members.emplace(keyIn(opening), platform::concat(value));
+  });
   const platform::Value object(std::move(members));
   if (!platform::isValidJsonObject(object)) return std::nullopt;
   auto text = platform::serializeJson(object);

@@ -29,6 +29,28 @@ char* printTwoDigits(char* out, unsigned value) {
   return out + 2;
 }
 
+/// Readings mostly have few decimals. Then nine of them, written as an integer, lead back to the very same value, and
+/// are the only ones that do: below 2^51 such quotients lie more than one double apart. Without trailing zeros these
+/// are the fewest digits, found in a fraction of the time of the general way. Null for all other values.
+char* printFewDecimals(char* out, double value) {
+  constexpr double kScale = 1e9;
+  const double magnitude = std::fabs(value);
+  if (!(magnitude < 2.0e6)) return nullptr;
+  const auto scaled = static_cast<std::int64_t>(magnitude * kScale + 0.5);
+  if (static_cast<double>(scaled) / kScale != magnitude) return nullptr;
+  if (std::signbit(value)) *out++ = '-';
+  const auto whole = static_cast<std::uint32_t>(scaled / 1'000'000'000);
+  auto fraction = static_cast<std::uint32_t>(scaled % 1'000'000'000);
+  out = std::to_chars(out, out + 10, whole).ptr;
+  if (fraction == 0) return out;
+  *out++ = '.';
+  for (std::uint32_t unit = 100'000'000; fraction != 0; unit /= 10) {
+    *out++ = static_cast<char>('0' + fraction / unit);
+    fraction %= unit;
+  }
+  return out;
+}
+
 void appendNested(std::string& out, const Value& value) {
   if (const std::string* text = value.asString()) {
     out.push_back('"');
@@ -51,6 +73,7 @@ void append(std::string& out, const Array& array) {
 }  // namespace
 
 char* print(char* out, double value) {
+  if (char* end = printFewDecimals(out, value)) return end;
   if (std::isnan(value)) return printText(out, "nan");
   if (std::isinf(value)) return printText(out, value < 0 ? "-inf" : "inf");
   return std::to_chars(out, out + kLongestPrinted, value, std::chars_format::fixed).ptr;
