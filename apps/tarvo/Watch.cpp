@@ -33,7 +33,7 @@ void Watch::message(std::string_view text) {
 void Watch::stored(LocationManager& engine) {
   if (engine.syncStatus().lastIndex.value_or(-1) < nextIndex_) return;
   const platform::Date now = clock_->now();
-  for (const LocationRecord& record : engine.getLocationhistory(now, now).locations) {
+  for (const LocationRecord& record : engine.getLocationhistory(now, now).locations.toVector()) {
     const std::int64_t index = record.index.value_or(-1);
     if (index < nextIndex_) continue;
     nextIndex_ = index + 1;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <tarvo/Export.h>
+#include <tarvo/LocationRecords.h>
 #include <tarvo/Records.h>
 #include <tarvo/platform/CLLocation.h>
 
@@ -16,7 +17,7 @@ namespace tarvo {
 /// Threads: as a std::vector. Errors: never throws; a route that is no JSON is logged and skipped.
 class TARVO_API LocationsHistory {
  public:
-  std::vector<LocationRecord> locations;  ///< by ascending index
+  LocationRecords locations;              ///< by ascending index
   std::vector<PastTripRecord> pasttrips;  ///< by ascending identifier
   platform::CLLocationCoordinate2D firstLocation;
 

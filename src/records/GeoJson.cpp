@@ -1,6 +1,10 @@
 #include "records/GeoJson.h"
 
+#include <algorithm>
+#include <array>
+
 #include "platform/foundation/Text.h"
+#include "store/PositionSource.h"
 
 namespace tarvo {
 
@@ -15,25 +19,73 @@ constexpr std::string_view kDisabledStyle =
 
 std::string_view styleOf(bool disabled) { return disabled ? kDisabledStyle : kCollectedStyle; }
 
-void openFeature(std::string& out, std::string_view geometry) {
-  append(out, R"("type":"Feature",)");
-  append(out, R"("geometry":{)");
-  append(out, R"("type":")");
-  append(out, geometry);
-  append(out, R"(",)");
-  append(out, R"("coordinates":[)");
-}
+/// Writes positions as they come, one behind: the last one looks different.
+class FeatureWriter {
+ public:
+  FeatureWriter(std::string& out, std::string_view geometry) : out_(out), geometry_(geometry) {}
 
-void appendPosition(std::string& out, const LocationRecord& position, std::string_view separator) {
-  append(out, "[");
-  append(out, *position.longitude);
-  append(out, separator);
-  append(out, *position.latitude);
-  append(out, "]");
-}
+  void add(const RoutePoint& position) {
+    if (latest_) write(*latest_);
+    latest_ = position;
+  }
 
-bool hasCoordinates(const LocationRecord& position) { return position.longitude && position.latitude; }
-bool isDisabled(const LocationRecord& position) { return position.serviceAction == "loc_disabled"; }
+  /// False when there were no positions: nothing has been written then.
+  bool finish() {
+    if (!latest_) return false;
+    if (featureIsOpen_) {
+      append(out_, ",");
+      // The blank before the comma sets the last position apart; readers of the text rely on it.
+      write(*latest_, " ,");
+    } else {
+      write(*latest_);
+    }
+    append(out_, "]},");
+    append(out_, styleOf(disabled_));
+    append(out_, "}}]}");
+    return true;
+  }
+
+ private:
+  void write(const RoutePoint& position) {
+    if (!featureIsOpen_) {
+      append(out_, R"({ "type":"FeatureCollection","features":[{)");
+      openFeature(position);
+    } else if (position.isDisabled == disabled_) {
+      append(out_, ",");
+    } else {
+      append(out_, "]},");
+      append(out_, styleOf(disabled_));
+      append(out_, "}},{");
+      openFeature(position);
+    }
+    write(position, ",");
+  }
+
+  void write(const RoutePoint& position, std::string_view separator) {
+    std::array<char, 2 * platform::kLongestPrinted + 8> text;
+    char* end = text.data();
+    *end++ = '[';
+    end = platform::print(end, position.longitude);
+    end = std::copy(separator.begin(), separator.end(), end);
+    end = platform::print(end, position.latitude);
+    *end++ = ']';
+    out_.append(text.data(), end);
+  }
+
+  void openFeature(const RoutePoint& first) {
+    append(out_, R"("type":"Feature","geometry":{"type":")");
+    append(out_, geometry_);
+    append(out_, R"(","coordinates":[)");
+    featureIsOpen_ = true;
+    disabled_ = first.isDisabled;
+  }
+
+  std::string& out_;
+  std::string_view geometry_;
+  std::optional<RoutePoint> latest_;
+  bool featureIsOpen_ = false;
+  bool disabled_ = false;  ///< the state of the open feature
+};
 
 }  // namespace
 
@@ -61,43 +113,10 @@ std::optional<platform::CLLocationCoordinate2D> coordinateOf(const platform::Val
   return platform::CLLocationCoordinate2D{*latitude, *longitude};
 }
 
-bool appendFeatureCollection(std::string& out, const std::vector<LocationRecord>& positions,
-                             std::string_view geometry) {
-  const LocationRecord* last = nullptr;
-  for (const LocationRecord& position : positions)
-    if (hasCoordinates(position)) last = &position;
-  if (last == nullptr) return false;
-
-  append(out, R"({ "type":"FeatureCollection","features":[{)");
-  bool disabled = false;
-  bool featureIsOpen = false;
-  for (const LocationRecord& position : positions) {
-    if (!hasCoordinates(position)) continue;
-    if (!featureIsOpen) {
-      openFeature(out, geometry);
-      appendPosition(out, position, ",");
-      disabled = isDisabled(position);
-      featureIsOpen = true;
-    } else if (&position == last) {
-      // The blank before the comma sets the last position apart; readers of the text rely on it.
-      append(out, ",");
-      appendPosition(out, position, " ,");
-    } else if (isDisabled(position) == disabled) {
-      append(out, ",");
-      appendPosition(out, position, ",");
-    } else {
-      append(out, "]},");
-      append(out, styleOf(disabled));
-      append(out, "}},{");
-      openFeature(out, geometry);
-      appendPosition(out, position, ",");
-      disabled = !disabled;
-    }
-  }
-  append(out, "]},");
-  append(out, styleOf(disabled));
-  append(out, "}}]}");
-  return true;
+bool appendFeatureCollection(std::string& out, const LocationRecords::Source& positions, std::string_view geometry) {
+  FeatureWriter writer(out, geometry);
+  positions.forEachPoint([&writer](const RoutePoint& position) { writer.add(position); });
+  return writer.finish();
 }
 
 }  // namespace tarvo

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include <tarvo/Records.h>
+#include <tarvo/LocationRecords.h>
 #include <tarvo/platform/CLLocation.h>
 #include <tarvo/platform/Value.h>
 
@@ -24,6 +24,6 @@ std::optional<platform::CLLocationCoordinate2D> coordinateOf(const platform::Val
 /// Appends a FeatureCollection of the positions that have coordinates, and answers whether there were any.
 ///
 /// A new feature begins where the service action turns to or from "loc_disabled"; the last position never begins one.
-bool appendFeatureCollection(std::string& out, const std::vector<LocationRecord>& positions, std::string_view geometry);
+bool appendFeatureCollection(std::string& out, const LocationRecords::Source& positions, std::string_view geometry);
 
 }  // namespace tarvo

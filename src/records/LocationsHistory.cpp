@@ -5,6 +5,7 @@
 #include "platform/foundation/Text.h"
 #include "records/BoundingBox.h"
 #include "records/GeoJson.h"
+#include "store/PositionSource.h"
 
 namespace tarvo {
 
@@ -48,8 +49,8 @@ void addRoute(BoundingBox& box, const std::string& route) {
 std::vector<CLLocation> LocationsHistory::toArray() const {
   std::vector<CLLocation> fixes;
   fixes.reserve(locations.size());
-  for (const LocationRecord& record : locations) {
-    if (!record.latitude || !record.longitude || !record.locationTimestamp) continue;
+  locations.source().forEach([&fixes](const LocationRecord& record) {
+    if (!record.latitude || !record.longitude || !record.locationTimestamp) return true;
     CLLocation fix;
     fix.coordinate = {*record.latitude, *record.longitude};
     fix.altitude = record.altitude.value_or(0);
@@ -59,7 +60,8 @@ std::vector<CLLocation> LocationsHistory::toArray() const {
     fix.speed = record.speed.value_or(-1);
     fix.timestamp = *record.locationTimestamp;
     fixes.push_back(fix);
-  }
+    return true;
+  });
   Log::debug("Tarvo:LocationHistory:toArray [tarvo] lastLoc:", fixes.empty() ? "nil" : fixes.back().description(),
              " mainThread:", mainThread());
   return fixes;
@@ -70,8 +72,7 @@ std::optional<std::vector<CLLocationCoordinate2D>> LocationsHistory::getBounding
   BoundingBox box;
   // Trips alone count once there are any, even if none of them can be read.
   if (pasttrips.empty()) {
-    for (const LocationRecord& record : locations)
-      if (record.latitude && record.longitude) box.add({*record.latitude, *record.longitude});
+    locations.source().forEachPoint([&box](const RoutePoint& point) { box.add({point.latitude, point.longitude}); });
   } else {
     for (const PastTripRecord& trip : pasttrips)
       if (trip.route) addRoute(box, *trip.route);
@@ -90,7 +91,7 @@ std::optional<std::string> LocationsHistory::toGeoJSON(std::string_view geometry
   std::string text;
   text.reserve(kOpening.size() + 256 + locations.size() * kTypicalBytesPerPosition);
   text.append(kOpening);
-  if (!appendFeatureCollection(text, locations, geometry)) return std::nullopt;
+  if (!appendFeatureCollection(text, locations.source(), geometry)) return std::nullopt;
   Log::debugLog(Log::kDebug, text);
   text.erase(0, kOpening.size());
   return text;

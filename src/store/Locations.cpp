@@ -7,6 +7,7 @@
 #include "platform/foundation/Bundle.h"
 #include "platform/foundation/Text.h"
 #include "store/Attributes.h"
+#include "store/RecordOf.h"
 #include "store/TypedFetch.h"
 
 namespace tarvo {
@@ -66,29 +67,7 @@ void Locations::removeData(Context& context) {
   for (const auto& object : *all) context.deleteObject(object);
 }
 
-LocationRecord Locations::record() const {
-  LocationRecord record;
-  record.latitude = number(at::latitude);
-  record.longitude = number(at::longitude);
-  record.altitude = number(at::altitude);
-  record.horizontalAccuracy = number(at::horizontalAccuracy);
-  record.verticalAccuracy = number(at::verticalAccuracy);
-  record.course = number(at::course);
-  record.speed = number(at::speed);
-  record.floor = integer(at::floor);
-  record.locationTimestamp = date(at::locationTimestamp);
-  record.eventTimestamp = date(at::eventTimestamp);
-  record.index = integer(at::index);
-  record.serviceAction = ownedText(string(at::serviceAction));
-  record.localisationMethod = ownedText(string(at::localisationMethod));
-  record.userAction = ownedText(string(at::userAction));
-  record.appName = ownedText(string(at::appName));
-  record.appAction = ownedText(string(at::appAction));
-  record.identifierForVendor = ownedText(string(at::identifierForVendor));
-  record.unsent = boolean(at::unsent);
-  record.sentWithoutACK = boolean(at::sentWithoutACK);
-  return record;
-}
+LocationRecord Locations::record() const { return recordOf(*this); }
 
 std::optional<std::int64_t> Locations::index() const { return integer(at::index); }
 std::optional<double> Locations::latitude() const { return number(at::latitude); }

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include <tarvo/LocationRecords.h>
 #include <tarvo/Records.h>
 #include <tarvo/platform/CLLocation.h>
 
@@ -41,7 +42,7 @@ class Locations : public platform::NSManagedObject {
   /// The oldest 1000 that await their acknowledgement.
   static List getSentWithoutACKLocations(Context& context);
   /// Those stored (not: fixed) between the two moments, both included, by ascending index.
-  static List getLocationHistory(Context& context, platform::Date since, platform::Date until);
+  static LocationRecords getLocationHistory(Context& context, platform::Date since, platform::Date until);
   static std::shared_ptr<Locations> getLocationByID(const platform::NSManagedObjectID& id, Context& context);
 
   static void markLocationAsSentWithID(const platform::NSManagedObjectID& id, Context& context);

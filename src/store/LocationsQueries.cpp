@@ -4,6 +4,7 @@
 #include "platform/foundation/Text.h"
 #include "settings/Names.h"
 #include "store/Locations.h"
+#include "store/PositionSource.h"
 #include "store/TypedFetch.h"
 
 namespace tarvo {
@@ -92,18 +93,18 @@ Locations::List Locations::getSentWithoutACKLocations(Context& context) {
   return std::move(*rows);
 }
 
-Locations::List Locations::getLocationHistory(Context& context, Date since, Date until) {
-  auto rows = fetchAs<Locations>(context, {.entity = std::string(kEntity),
-                                           .predicates = {{"eventTimestamp", Operator::atLeast, since},
-                                                          {"eventTimestamp", Operator::atMost, until}},
-                                           .sortDescriptors = {{"index", true}}});
+LocationRecords Locations::getLocationHistory(Context& context, Date since, Date until) {
+  auto rows = context.rows(
+      {.entity = std::string(kEntity),
+       .predicates = {{"eventTimestamp", Operator::atLeast, since}, {"eventTimestamp", Operator::atMost, until}},
+       .sortDescriptors = {{"index", true}}});
   if (!rows) {
     Log::error("Locations:getLocationHistory Unresolved error ", errorAndUserInfo(rows.error()));
     return {};
   }
-  Log::debug("Locations:getLocationHistory [loc] from:", since, " to:", until, " count : ", rows->size(),
+  Log::debug("Locations:getLocationHistory [loc] from:", since, " to:", until, " count : ", rows->count(),
              " mainThread:", mainThread());
-  return std::move(*rows);
+  return storedPositions(std::move(*rows));
 }
 
 std::shared_ptr<Locations> Locations::getLocationByID(const platform::NSManagedObjectID& id, Context& context) {

@@ -5,6 +5,7 @@
 #include "store/Locations.h"
 #include "store/PastTrips.h"
 #include "store/PointOfInterest.h"
+#include "store/PositionSource.h"
 
 namespace tarvo {
 
@@ -15,15 +16,13 @@ LocationsHistory History::getLocationhistory(std::optional<Date> since, std::opt
   LocationsHistory history;
   auto& context = store_.managedObjectContext();
   context.performAndWait([&] {
-    const auto locations = Locations::getLocationHistory(context, since.value_or(platform::distantPast()),
-                                                         until.value_or(platform::distantFuture()));
-    history.locations.reserve(locations.size());
-    for (const auto& location : locations) history.locations.push_back(location->record());
+    history.locations = Locations::getLocationHistory(context, since.value_or(platform::distantPast()),
+                                                      until.value_or(platform::distantFuture()));
+    history.locations.source().forEach([&](const LocationRecord& first) {
+      history.firstLocation = {first.latitude.value_or(0), first.longitude.value_or(0)};
+      return false;
+    });
   });
-  if (!history.locations.empty()) {
-    const LocationRecord& first = history.locations.front();
-    history.firstLocation = {first.latitude.value_or(0), first.longitude.value_or(0)};
-  }
   return history;
 }
 

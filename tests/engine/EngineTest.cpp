@@ -60,9 +60,10 @@ TEST_F(Engine, StoresEveryDeliveredFixAndMeasuresGeofencesOnlyASecondApart) {
   drive(1);
   const auto history = tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {});
   ASSERT_TRUE(history);
-  EXPECT_EQ(history->locations.back().localisationMethod, "scls");
-  EXPECT_EQ(history->locations.front().localisationMethod, "unknown");
-  EXPECT_EQ(history->locations.front().appName, "ios:org.example.host");
+  const auto stored = history->locations.toVector();
+  EXPECT_EQ(stored.back().localisationMethod, "scls");
+  EXPECT_EQ(stored.front().localisationMethod, "unknown");
+  EXPECT_EQ(stored.front().appName, "ios:org.example.host");
 }
 
 TEST(GeofenceRadii, FollowSpeedBandsAgeAndAccuracy) {

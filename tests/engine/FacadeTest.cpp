@@ -43,7 +43,7 @@ TEST_F(Facade, GatesReadsByTheMode) {
   const auto raw = tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {});
   ASSERT_TRUE(raw);
   EXPECT_EQ(raw->locations.size(), 2u);
-  EXPECT_EQ(raw->firstLocation.latitude, raw->locations[0].latitude);
+  EXPECT_EQ(raw->firstLocation.latitude, raw->locations.toVector()[0].latitude);
 }
 
 TEST_F(Facade, KeepsTheModeAsAPairedMarkerThatOnlyModeTwoSurvives) {
@@ -162,9 +162,9 @@ TEST_F(Facade, RecordsChangesOfPermissionAtTheLastKnownPlaceWhileStarted) {
   const auto history = tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {});
   ASSERT_TRUE(history);
   std::vector<std::string> words;
-  for (const auto& record : history->locations) words.push_back(record.serviceAction.value_or("?"));
+  for (const auto& record : history->locations.toVector()) words.push_back(record.serviceAction.value_or("?"));
   EXPECT_EQ(words, (std::vector<std::string>{"loc_changed", "loc_disabled", "loc_enabled"}));
-  EXPECT_EQ(history->locations[1].localisationMethod, "event");
+  EXPECT_EQ(history->locations.toVector()[1].localisationMethod, "event");
 }
 
 TEST_F(Facade, RefreshesForAPushByPermissionAndKeepsOtherSendersOut) {
@@ -185,7 +185,7 @@ TEST_F(Facade, RefreshesForAPushByPermissionAndKeepsOtherSendersOut) {
   const auto history = tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {});
   ASSERT_TRUE(history);
   std::vector<std::string> pushed;
-  for (const auto& record : history->locations)
+  for (const auto& record : history->locations.toVector())
     if (record.localisationMethod == "push") pushed.push_back(record.serviceAction.value_or("?"));
   EXPECT_EQ(pushed, (std::vector<std::string>{"loc_enabled", "loc_refresh", "loc_disabled"}));
 }

@@ -41,7 +41,7 @@ class Modes : public test::WholeSdk {
     if (event == "unplug") UIDevice::current().setBattery(UIDeviceBatteryState::unplugged, 0.9);
     if (event == "unknown") UIDevice::current().setBattery(UIDeviceBatteryState::unknown, -1);
     waitUntilIdle();
-    const auto records = engine().getLocationhistory({}, {}).locations;
+    const auto records = engine().getLocationhistory({}, {}).locations.toVector();
     // A fix of the significant-change service may be stored before or after the event.
     std::set<std::string> stored;
     for (auto i = static_cast<std::size_t>(before); i < records.size(); ++i)
@@ -137,7 +137,7 @@ TEST_F(Modes, AFixInTheBackgroundTellsOfAChargerThatNobodyReported) {
     clock->advance(Seconds(300));
     drive(5);  // far enough for the significant-change service to tell
     std::string events;
-    for (const auto& record : engine().getLocationhistory(clock->now() - Seconds(10), {}).locations)
+    for (const auto& record : engine().getLocationhistory(clock->now() - Seconds(10), {}).locations.toVector())
       if (record.localisationMethod == "event") events += *record.serviceAction;
     EXPECT_EQ(events, event);
   }

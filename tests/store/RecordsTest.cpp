@@ -71,7 +71,7 @@ TEST(HistoryGeoJson, NamesTheGeometryAskedForAndLogsTheWholeText) {
   test::LogDiary::installed();
   LocationsHistory history;
   EXPECT_EQ(history.toGeoJSON("MultiPoint"), std::nullopt);
-  history.locations = {position(48.5, 2.25), position(1, -2)};
+  history.locations = std::vector{position(48.5, 2.25), position(1, -2)};
   const std::string text = history.toGeoJSON("MultiPoint").value();
   EXPECT_NE(text.find(R"("geometry":{"type":"MultiPoint","coordinates":[[2.25,48.5],[-2 ,1]]})"), std::string::npos);
   EXPECT_EQ(test::logged("Tarvo:LocationHistory:toGeoJSON [tarvo] GeoJSON = " + text), 1U);
@@ -110,13 +110,14 @@ TEST(HistoryBoundingBox, HoldsAllTripsOrElseAllPositions) {
 TEST(HistoryArray, HasAFixForEachPositionThatIsWhole) {
   LocationsHistory history;
   EXPECT_TRUE(history.toArray().empty());
-  history.locations = {position(48.5, 2.25), LocationRecord{}, position(1, -2)};
-  history.locations[2].speed = 3.5;
-  history.locations[2].altitude = 100.25;
+  std::vector<LocationRecord> positions{position(48.5, 2.25), LocationRecord{}, position(1, -2)};
+  positions[2].speed = 3.5;
+  positions[2].altitude = 100.25;
+  history.locations = positions;
   const auto fixes = history.toArray();
   ASSERT_EQ(fixes.size(), 2U);
   EXPECT_EQ(fixes[0].coordinate, (CLLocationCoordinate2D{48.5, 2.25}));
-  EXPECT_EQ(fixes[0].timestamp, history.locations[0].locationTimestamp);
+  EXPECT_EQ(fixes[0].timestamp, positions[0].locationTimestamp);
   EXPECT_EQ(fixes[1].speed, 3.5);
   EXPECT_EQ(fixes[1].altitude, 100.25);
 }

@@ -36,7 +36,7 @@ bool satisfies(NSPredicate::Operator op, int order) {
   return false;
 }
 
-std::string_view sign(NSPredicate::Operator op) {
+std::string_view comparison(NSPredicate::Operator op) {
   switch (op) {
     case NSPredicate::Operator::equal:
       return " = ";
@@ -204,11 +204,12 @@ bool FetchPlan::isLiteral(const Condition& condition) const {
          entity_->attributes[static_cast<std::size_t>(condition.attribute)].type == NSAttributeType::boolean;
 }
 
-std::string FetchPlan::whereClause() const {
+std::string FetchPlan::whereClause(std::string_view sign) const {
   std::string sql;
   int parameter = 0;
   for (const Condition& condition : conditions_) {
-    sql += concat(sql.empty() ? " WHERE \"" : " AND \"", column(condition.attribute), "\"", sign(condition.op));
+    sql += concat(sql.empty() ? " WHERE " : " AND ", sign, "\"", column(condition.attribute), "\"",
+                  comparison(condition.op));
     if (isLiteral(condition))
       sql += std::get<std::int64_t>(condition.value) != 0 ? "1" : "0";
     else

@@ -37,10 +37,13 @@ class FetchPlan {
   bool rowsAreSorted() const { return !sorts_.empty() || limited_; }
 
   /// " WHERE …" or nothing. Boolean constants stand in it as 1 or 0, since a parameter would keep SQLite from the
-  /// partial indexes; everything else is a parameter.
-  std::string whereClause() const;
+  /// partial indexes; everything else is a parameter. `sign` stands before each column: "+" keeps SQLite from all
+  /// indexes of it.
+  std::string whereClause(std::string_view sign = "") const;
   /// " ORDER BY …" or nothing.
   std::string orderClause() const;
+  const NSEntityDescription& entity() const { return *entity_; }
+  const std::string& column(int attribute) const;
   /// Binds the parameters of `whereClause`; answers the first one left over. The plan must outlive the execution.
   int bind(Execution& execution) const;
 
@@ -67,7 +70,6 @@ class FetchPlan {
   bool addNumber(int attribute, Operator op, const NSPredicate::Constant& constant);
   void addWholeBound(int attribute, Operator op, double bound);
   bool isLiteral(const Condition& condition) const;
-  const std::string& column(int attribute) const;
   int compare(const NSManagedObject& a, const NSManagedObject& b, int attribute) const;
   bool holds(const Condition& condition, const NSManagedObject& object) const;
 

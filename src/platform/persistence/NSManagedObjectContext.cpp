@@ -29,6 +29,13 @@ struct NSManagedObjectContext::State {
   std::map<const NSEntityDescription*, EntityObjects> entities;
 };
 
+/// A request with what it is about.
+struct NSManagedObjectContext::Request {
+  const NSEntityDescription& entity;
+  Store& store;
+  FetchPlan plan;
+};
+
 namespace {
 
 /// The rows of a plan whose objects have no unsaved changes, in the file's order.
@@ -129,40 +136,64 @@ void NSManagedObjectContext::requireCurrent() const {
   if (!isCurrent()) fatalError("a context was used outside its blocks");
 }
 
-Result<Objects> NSManagedObjectContext::fetch(const NSFetchRequest& request) {
+Result<NSManagedObjectContext::Request> NSManagedObjectContext::compiled(const NSFetchRequest& request,
+                                                                         std::string_view operation) {
   requireCurrent();
   const NSEntityDescription* entity = coordinator_->model().entity(request.entity);
   if (!entity) return unknownEntity(request.entity);
   Store* store = coordinator_->store();
-  if (!store) return noStoreError("fetch");
+  if (!store) return noStoreError(operation);
   auto plan = FetchPlan::compile(*entity, request);
   if (!plan) return plan.error();
-  if (plan->isEmpty()) return Objects{};
+  return Request{*entity, *store, std::move(*plan)};
+}
 
-  EntityObjects& objects = state_->objects(*entity);
-  auto found = fetchRows(*store, objects, *plan, request.fetchLimit);
+Result<Objects> NSManagedObjectContext::fetch(const NSFetchRequest& request) {
+  auto compiledRequest = compiled(request, "fetch");
+  if (!compiledRequest) return compiledRequest.error();
+  auto& [entity, store, plan] = *compiledRequest;
+  if (plan.isEmpty()) return Objects{};
+
+  EntityObjects& objects = state_->objects(entity);
+  auto found = fetchRows(store, objects, plan, request.fetchLimit);
   if (!found) return found;
-  mergePending(objects, *plan, *found);
+  mergePending(objects, plan, *found);
   if (request.fetchLimit > 0 && found->size() > request.fetchLimit) found->resize(request.fetchLimit);
   return found;
 }
 
 Result<std::size_t> NSManagedObjectContext::count(const NSFetchRequest& request) {
-  requireCurrent();
-  const NSEntityDescription* entity = coordinator_->model().entity(request.entity);
-  if (!entity) return unknownEntity(request.entity);
-  Store* store = coordinator_->store();
-  if (!store) return noStoreError("count");
-  auto plan = FetchPlan::compile(*entity, request);
-  if (!plan) return plan.error();
-  if (plan->isEmpty()) return std::size_t{0};
+  auto compiledRequest = compiled(request, "count");
+  if (!compiledRequest) return compiledRequest.error();
+  auto& [entity, store, plan] = *compiledRequest;
+  if (plan.isEmpty()) return std::size_t{0};
 
-  const EntityObjects& objects = state_->objects(*entity);
-  auto counted = plan->hasConditions() ? countMatches(*store, objects, *plan) : store->rowCount(*entity);
+  const EntityObjects& objects = state_->objects(entity);
+  auto counted = plan.hasConditions() ? countMatches(store, objects, plan) : store.rowCount(entity);
   if (!counted) return counted.error();
-  if (!plan->hasConditions()) *counted += std::ssize(objects.inserted()) - std::ssize(objects.deleted());
+  if (!plan.hasConditions()) *counted += std::ssize(objects.inserted()) - std::ssize(objects.deleted());
   const auto all = static_cast<std::size_t>(std::max<std::int64_t>(*counted, 0));
   return request.fetchLimit > 0 ? std::min(all, request.fetchLimit) : all;
+}
+
+Result<StoredRows> NSManagedObjectContext::rows(const NSFetchRequest& request) {
+  auto compiledRequest = compiled(request, "fetch");
+  if (!compiledRequest) return compiledRequest.error();
+  auto& [entity, store, plan] = *compiledRequest;
+  writeWhatWasPutOff();
+  StoredRows rows(*this, std::move(plan));
+  if (rows.plan_.isEmpty()) return rows;
+  auto all = store.rowCount(entity);
+  if (!all) return all.error();
+  auto matching = rows.plan_.hasConditions() ? store.matchingRows(entity, rows.plan_) : all;
+  if (!matching) return matching.error();
+  Execution last(store.database(), concat("SELECT max(\"_key\") FROM \"", entity.name, "\""));
+  if (!last.step()) return last.error(StoreErrorCode::operation, "The keys could not be read");
+  rows.lastKey_ = last.integer(0);
+  rows.count_ = static_cast<std::size_t>(*matching);
+  // Finding many rows by an index and sorting them costs more than going through all in order, above all memory.
+  if (*matching > *all / 4) rows.way_ = *matching == *all ? StoredRows::Way::all : StoredRows::Way::inOrder;
+  return rows;
 }
 
 std::shared_ptr<NSManagedObject> NSManagedObjectContext::insertNewObject(std::string_view name) {

@@ -13,6 +13,7 @@
 #include "platform/persistence/NSFetchRequest.h"
 #include "platform/persistence/NSManagedObject.h"
 #include "platform/persistence/NSPersistentStoreCoordinator.h"
+#include "platform/persistence/StoredRows.h"
 
 namespace tarvo::platform {
 
@@ -37,6 +38,8 @@ class NSManagedObjectContext {
   Result<std::vector<std::shared_ptr<NSManagedObject>>> fetch(const NSFetchRequest& request);
   /// The number of objects that `fetch` would give. Without predicates it costs the same at every table size.
   Result<std::size_t> count(const NSFetchRequest& request);
+  /// The rows that match now, without limit, to be gone through later without making objects of them.
+  Result<StoredRows> rows(const NSFetchRequest& request);
 
   /// A new object with every attribute absent; a null pointer for an unknown entity.
   std::shared_ptr<NSManagedObject> insertNewObject(std::string_view entity);
@@ -58,7 +61,9 @@ class NSManagedObjectContext {
 
  private:
   struct State;
+  struct Request;
   void requireCurrent() const;
+  Result<Request> compiled(const NSFetchRequest& request, std::string_view operation);
   std::optional<Error> write();
   void writeWhatWasPutOff();
 

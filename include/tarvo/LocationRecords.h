@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <vector>
+
+#include <tarvo/Export.h>
+#include <tarvo/Records.h>
+
+namespace tarvo {
+
+/// The positions of a history, in its order. Those of the SDK stay in its store until they are asked for, so that a
+/// year of them takes no memory; which ones they are is fixed when the history is made.
+///
+/// A plain value. Threads: any; reading waits for the store's other work. Errors: never throws; a failed read is
+/// logged and ends early.
+class TARVO_API LocationRecords {
+ public:
+  /// No positions.
+  LocationRecords() = default;
+  /// These positions, without a store.
+  LocationRecords(std::vector<LocationRecord> records);
+
+  std::size_t size() const;
+  bool empty() const { return size() == 0; }
+  /// All of them in memory, some 600 bytes each; `LocationsHistory::toGeoJSON` needs far less.
+  std::vector<LocationRecord> toVector() const;
+
+  /// Where the SDK reads them.
+  class Source;
+  explicit LocationRecords(std::shared_ptr<const Source> source);
+  const Source& source() const;
+
+ private:
+  std::shared_ptr<const Source> source_;
+};
+
+}  // namespace tarvo

@@ -1,0 +1,55 @@
+#include "platform/persistence/StoredRows.h"
+
+#include "platform/foundation/Text.h"
+#include "platform/persistence/NSManagedObjectContext.h"
+#include "platform/persistence/Store.h"
+
+namespace tarvo::platform {
+std::optional<double> StoredRow::number(int column) const {
+  if (row_.isNull(column)) return std::nullopt;
+  return row_.number(column);
+}
+
+std::optional<std::int64_t> StoredRow::integer(int column) const {
+  if (row_.isNull(column)) return std::nullopt;
+  return row_.integer(column);
+}
+
+std::optional<bool> StoredRow::boolean(int column) const {
+  if (row_.isNull(column)) return std::nullopt;
+  return row_.integer(column) != 0;
+}
+
+std::optional<Date> StoredRow::date(int column) const {
+  if (row_.isNull(column)) return std::nullopt;
+  return dateSince1970(row_.number(column));
+}
+
+std::optional<std::string_view> StoredRow::string(int column) const {
+  if (row_.isNull(column)) return std::nullopt;
+  return row_.text(column);
+}
+
+std::optional<Error> StoredRows::forEach(const std::vector<int>& attributes,
+                                         const std::function<bool(const StoredRow&)>& visit) const {
+  std::optional<Error> failure;
+  if (count_ == 0) return failure;
+  std::string sql = "SELECT ";
+  for (const int attribute : attributes)
+    sql += concat(attribute == attributes.front() ? "\"" : ", \"", plan_.column(attribute), "\"");
+  const std::string where = way_ == Way::all ? "" : plan_.whereClause(way_ == Way::inOrder ? "+" : "");
+  sql += concat(" FROM \"", plan_.entity().name, "\"", where, where.empty() ? " WHERE " : " AND ", "\"_key\" <= ?",
+                plan_.orderClause());
+  context_->performAndWait([&] {
+    auto* store = context_->coordinator().store();
+    Execution rows(store->database(), sql);
+    rows.bind(where.empty() ? 1 : plan_.bind(rows), lastKey_);  // a bare "?" takes the next number
+    const StoredRow row(rows);
+    while (rows.step())
+      if (!visit(row)) return;
+    if (rows.failed()) failure = rows.error(StoreErrorCode::operation, "The records could not be read");
+  });
+  return failure;
+}
+
+}  // namespace tarvo::platform

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <tarvo/platform/Date.h>
+
+#include "platform/foundation/Error.h"
+#include "platform/persistence/Database.h"
+#include "platform/persistence/FetchPlan.h"
+
+namespace tarvo::platform {
+
+class NSManagedObjectContext;
+
+/// The row that a pass has come to; columns count from 0 in the order in which the attributes were asked for.
+class StoredRow {
+ public:
+  explicit StoredRow(const Execution& row) : row_(row) {}
+
+  std::optional<double> number(int column) const;
+  std::optional<std::int64_t> integer(int column) const;
+  std::optional<bool> boolean(int column) const;
+  std::optional<Date> date(int column) const;
+  std::optional<std::string_view> string(int column) const;  ///< until the visitor returns
+
+ private:
+  const Execution& row_;
+};
+
+/// The rows that a request matched when it was made, read from the store anew at each pass: a million of them take no
+/// memory. What has changed since shows, what was added since does not; unsaved objects are not seen.
+///
+/// Threads: any; a pass is a block of the context, which the caller waits for. Must not outlive the context.
+class StoredRows {
+ public:
+  std::size_t count() const { return count_; }
+
+  /// Calls `visit` for each row in the request's order until it answers false. A visitor makes no pass of its own.
+  std::optional<Error> forEach(const std::vector<int>& attributes,
+                               const std::function<bool(const StoredRow&)>& visit) const;
+
+ private:
+  friend class NSManagedObjectContext;
+  StoredRows(NSManagedObjectContext& context, FetchPlan plan) : context_(&context), plan_(std::move(plan)) {}
+
+  NSManagedObjectContext* context_;
+  FetchPlan plan_;
+  /// How the rows are found: by an index and then sorted, by going through all in order, or they are all.
+  enum class Way { byIndex, inOrder, all } way_ = Way::byIndex;
+  std::int64_t lastKey_ = 0;  ///< of the rows that existed then
+  std::size_t count_ = 0;
+};
+
+}  // namespace tarvo::platform

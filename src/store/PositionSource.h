@@ -1,0 +1,31 @@
+#pragma once
+
+#include <functional>
+
+#include <tarvo/LocationRecords.h>
+
+#include "platform/persistence/StoredRows.h"
+
+namespace tarvo {
+
+/// What a map needs of a position.
+struct RoutePoint {
+  double latitude = 0, longitude = 0;  ///< degrees
+  bool isDisabled = false;             ///< collection was off
+};
+
+/// Positions in order, gone through one at a time. Visitors do not go through any themselves.
+class LocationRecords::Source {
+ public:
+  virtual ~Source() = default;
+  virtual std::size_t size() const = 0;
+  /// Until the visitor answers false.
+  virtual void forEach(const std::function<bool(LocationRecord&&)>& visit) const = 0;
+  /// Those that have coordinates.
+  virtual void forEachPoint(const std::function<void(const RoutePoint&)>& visit) const = 0;
+};
+
+/// Positions in the store.
+LocationRecords storedPositions(platform::StoredRows rows);
+
+}  // namespace tarvo
