@@ -54,7 +54,7 @@ void Locations::markLocationAsSentWithID(const NSManagedObjectID& id, Context& c
   }
   const auto location = std::dynamic_pointer_cast<Locations>(*object);
   if (!location) return;
-  Log::debug("Locations:markLocationAsSentWithID [loc] ", id.description(), " mainThread:", mainThread());
+  Log::debug("Locations:markLocationAsSentWithID [loc] ", id, " mainThread:", mainThread());
   location->setBoolean(at::unsent, false);
 }
 
@@ -66,7 +66,7 @@ void Locations::markLocationAsSentWithoutACKWithID(const NSManagedObjectID& id, 
   }
   const auto location = std::dynamic_pointer_cast<Locations>(*object);
   if (!location) return;
-  Log::debug("Locations:markLocationAsSentWithoutACKWithID [loc] ", id.description(), " mainThread:", mainThread());
+  Log::debug("Locations:markLocationAsSentWithoutACKWithID [loc] ", id, " mainThread:", mainThread());
   location->setBoolean(at::sentWithoutACK, true);
 }
 

@@ -1,6 +1,6 @@
 #include "sync/UploadPipeline.h"
 
-#include <memory>
+#include <utility>
 
 #include <tarvo/NetworkManager.h>
 #include <tarvo/platform/Clock.h>
@@ -94,16 +94,15 @@ void UploadPipeline::sendAllUnsentDataToRemoteWebServer() {
   if (!uuid) return;
   auto& context = store_.managedObjectContext();
   Batch batch;
-  // The marks hold the records, so that each finds its own without reading it again.
-  auto list = std::make_shared<Locations::List>();
   std::vector<platform::NSManagedObjectID> identifiers;
   context.performAndWait([&] {
-    *list = getUnsentLocations();
-    if (list->empty()) return;
-    Log::debug("LocationManager:sendAllUnsentDataToRemoteWebServer [net] from:", list->front()->index(),
-               " to:", list->back()->index(), " mainThread:", mainThread());
-    batch = batchOf(*list, *uuid);
-    for (const auto& location : *list) identifiers.push_back(location->objectID());
+    posted_ = getUnsentLocations();
+    if (posted_.empty()) return;
+    Log::debug("LocationManager:sendAllUnsentDataToRemoteWebServer [net] from:", posted_.front()->index(),
+               " to:", posted_.back()->index(), " mainThread:", mainThread());
+    batch = batchOf(posted_, *uuid);
+    identifiers.reserve(posted_.size());
+    for (const auto& location : posted_) identifiers.push_back(location->objectID());
   });
   if (identifiers.empty()) {
     Settings::shared().uploadChannel().release();
@@ -111,14 +110,12 @@ void UploadPipeline::sendAllUnsentDataToRemoteWebServer() {
   }
   const std::size_t positions = identifiers.size();
   for (auto& identifier : identifiers)
-    context.perform(
-        [this, list, identifier = std::move(identifier)] { markLocationAsSentWithoutACKWithID(identifier); });
-  post(batch.json, batch.first, batch.last, positions);
+    context.perform([this, identifier = std::move(identifier)] { markLocationAsSentWithoutACKWithID(identifier); });
+  post(std::move(batch.json), batch.first, batch.last, positions);
 }
 
 void UploadPipeline::markLocationAsSentWithoutACKWithID(const platform::NSManagedObjectID& locationID) {
-  Log::debug("LocationManager:markLocationAsSentWithoutACKWithID [net] id:", locationID.description(),
-             " mainThread:", mainThread());
+  Log::debug("LocationManager:markLocationAsSentWithoutACKWithID [net] id:", locationID, " mainThread:", mainThread());
   Locations::markLocationAsSentWithoutACKWithID(locationID, store_.managedObjectContext());
   store_.saveContext();
 }
@@ -135,18 +132,19 @@ void UploadPipeline::resendAllSentWithoutACKData(const Locations::List& location
                " to:", locations.back()->index(), " mainThread:", mainThread());
     batch = batchOf(locations, *uuid);
   });
-  post(batch.json, batch.first, batch.last, locations.size());
+  post(std::move(batch.json), batch.first, batch.last, locations.size());
 }
 
-void UploadPipeline::post(const std::string& json, std::int64_t first, std::int64_t last, std::size_t positions) {
+void UploadPipeline::post(std::string json, std::int64_t first, std::int64_t last, std::size_t positions) {
   batchesPosted_.fetch_add(1);
   positionsPosted_.fetch_add(positions);
-  client_.sendDataInBatchToRemoteWebServer(json, concat(first), concat(last));
+  client_.sendDataInBatchToRemoteWebServer(std::move(json), concat(first), concat(last));
 }
 
 void UploadPipeline::markLocationAsSentUntilIndex(std::string_view locationIndex, std::string_view firstLoc) {
   auto& context = store_.managedObjectContext();
   context.performAndWait([&] {
+    const Locations::List acknowledged = std::exchange(posted_, {});  // in use until it is saved
     // Frees the channel and starts the next batch from inside, before this acknowledgement is saved.
     Locations::markLocationAsSentUntilIndex(locationIndex, context, firstLoc);
     store_.saveContext();

@@ -50,12 +50,15 @@ class UploadPipeline {
   Locations::List getSentWithoutACKLocations();
   Locations::List getUnsentLocations();
   void markLocationAsSentWithoutACKWithID(const platform::NSManagedObjectID& locationID);
-  void post(const std::string& json, std::int64_t first, std::int64_t last, std::size_t positions);
+  void post(std::string json, std::int64_t first, std::int64_t last, std::size_t positions);
 
   ObjectStore& store_;
   NetworkManager& client_;
   DeviceRegistration& registration_;
   SyncState& state_;
+  /// The batch that was posted last: its marks and its acknowledgement find the records in use and need not read them
+  /// again. Touched only inside blocks of the context.
+  Locations::List posted_;
   std::atomic<std::uint64_t> batchesPosted_{0};
   std::atomic<std::uint64_t> positionsPosted_{0};
 };

@@ -185,12 +185,12 @@ TEST(Fetch, AnswersThePipelinesQueriesFromAnIndex) {
   };
   for (const auto& [request, index, sorts] : cases) {
     auto plan = FetchPlan::compile(*entity, request);
-    Execution explanation(store.coordinator->store()->database(), "EXPLAIN QUERY PLAN " +
-                                                                      store.coordinator->store()->selectText(*entity) +
-                                                                      plan->whereClause() + plan->orderClause());
+    Execution explanation(
+        store.coordinator->store()->database(),
+        "EXPLAIN QUERY PLAN SELECT \"_key\" FROM \"Locations\"" + plan->whereClause() + plan->orderClause());
     std::string text;
     while (explanation.step()) text += std::string(explanation.text(3)) + "\n";
-    EXPECT_NE(text.find(std::string("USING INDEX ") + index), std::string::npos) << text;
+    EXPECT_NE(text.find(std::string(" INDEX ") + index), std::string::npos) << text;
     EXPECT_EQ(text.find("TEMP B-TREE") != std::string::npos, sorts) << text;
   }
 }

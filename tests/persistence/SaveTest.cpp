@@ -159,6 +159,36 @@ TEST(Save, FailsWithoutAStoreAndKeepsTheChanges) {
   });
 }
 
+TEST(Save, WritesToEachRowItsOwnChangesThoughNeighboursShareAStatement) {
+  test::TempDir dir;
+  TestStore store(dir.path() / "a.sqlite");
+  const auto printed = [](TestStore& from) {
+    std::string text;
+    for (const auto& row : from.fetch({"Locations", {}, {{"index", true}}}))
+      text += concat(row->integer(from.at("index")), *row->boolean(from.at("unsent")) ? "u" : "-",
+                     *row->boolean(from.at("sentWithoutACK")) ? "w" : "-", row->number(from.at("altitude")),
+                     row->string(from.at("appName")), " ");
+    return text;
+  };
+  const std::string expected =
+      "0-wnilnil 1-wnilnil 2-wnilnil 3u-nilnil 4--nilnil 5u-1nil 6u-1nil 7u-2nil 8u-nila 9u-nila 10u-nilb 11--2a ";
+  store.run([&] {
+    std::vector<std::shared_ptr<NSManagedObject>> rows;
+    for (int i = 0; i < 13; ++i) rows.push_back(store.add(i));
+    rows[11]->setNumber(store.at("altitude"), 2);
+    ASSERT_FALSE(store.context->save());
+    for (const int i : {0, 1, 2, 4, 11}) rows[i]->setBoolean(store.at("unsent"), false);
+    for (const int i : {0, 1, 2}) rows[i]->setBoolean(store.at("sentWithoutACK"), true);
+    for (const int i : {5, 6, 7}) rows[i]->setNumber(store.at("altitude"), i == 7 ? 2 : 1);
+    for (const int i : {8, 9, 10, 11}) rows[i]->setString(store.at("appName"), i == 10 ? "b" : "a");
+    store.context->deleteObject(rows[12]);
+    EXPECT_EQ(printed(store), expected);
+    ASSERT_FALSE(store.context->save());
+  });
+  TestStore again(store.file);
+  again.run([&] { EXPECT_EQ(printed(again), expected); });
+}
+
 TEST(Save, InQueuedBlocksIsOneTransactionBeforeTheNextBlockThatIsWaitedFor) {
   FaultyDisk::install();
   test::TempDir dir;

@@ -91,6 +91,8 @@ class Execution {
   std::string_view text(int column) const;  ///< until the next step
 
  private:
+  friend class RowCodec;  ///< reads whole rows, each value with one look
+
   void check(int status);
 
   Database& database_;

@@ -68,7 +68,7 @@ void EntityObjects::remove(const std::shared_ptr<NSManagedObject>& object) {
 
 void EntityObjects::noteChange(NSManagedObject& object) {
   object.standing_ = NSManagedObject::Standing::changed;
-  changed_.emplace(object.key_, registered(object.key_));
+  changed_.emplace_hint(changed_.end(), object.key_, registered(object.key_));  // mostly in ascending order
 }
 
 std::shared_ptr<NSManagedObject> EntityObjects::registered(std::int64_t key) const {

@@ -33,11 +33,6 @@ const InternedText* InternedText::acquire(std::string_view text) {
   return result;
 }
 
-const InternedText* InternedText::retain(const InternedText* text) {
-  text->references_.fetch_add(1, std::memory_order_relaxed);
-  return text;
-}
-
 void InternedText::release(const InternedText* text) {
   // The last reference goes only under the lock, so `acquire` can never find a text that is being freed.
   std::uint32_t references = text->references_.load(std::memory_order_relaxed);

@@ -16,7 +16,10 @@ namespace tarvo::platform {
 class InternedText {
  public:
   static const InternedText* acquire(std::string_view text);
-  static const InternedText* retain(const InternedText* text);
+  static const InternedText* retain(const InternedText* text) {
+    text->references_.fetch_add(1, std::memory_order_relaxed);
+    return text;
+  }
   static void release(const InternedText* text);
   /// The number of different texts that are held.
   static std::size_t poolSize();

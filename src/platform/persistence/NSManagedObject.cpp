@@ -10,19 +10,22 @@
 
 namespace tarvo::platform {
 
-std::string NSManagedObjectID::description() const {
-  const std::string_view store = storeUUID ? std::string_view(*storeUUID) : "";
-  const std::string_view name = entity ? std::string_view(entity->name) : "";
-  return concat("<x-coredata://", store, "/", name, temporary_ ? "/t" : "/p", key, ">");
+void append(std::string& out, const NSManagedObjectID& id) {
+  out.append("<x-coredata://");
+  if (id.storeUUID) out.append(*id.storeUUID);
+  out.push_back('/');
+  if (id.entity) out.append(id.entity->name);
+  out.append(id.isTemporary() ? "/t" : "/p");
+  append(out, id.key);
+  out.push_back('>');
 }
 
 NSManagedObject::NSManagedObject(const NSEntityDescription& entity)
     : entity_(&entity), slots_(std::make_unique<Slot[]>(entity.attributes.size())) {}
 
 NSManagedObject::~NSManagedObject() {
-  for (std::size_t i = 0; i < entity_->attributes.size(); ++i)
-    if (entity_->attributes[i].type == NSAttributeType::string && isPresent(static_cast<int>(i)))
-      InternedText::release(slots_[i].text);
+  for (std::uint64_t rest = present_ & entity_->texts; rest != 0; rest &= rest - 1)
+    InternedText::release(slots_[static_cast<std::size_t>(std::countr_zero(rest))].text);
   EntityObjects::countDestroyed();
 }
 
@@ -32,40 +35,8 @@ NSManagedObjectID NSManagedObject::objectID() const {
   return {entity_, key_, temporary, owner_ && !temporary ? owner_->storeUUID() : nullptr};
 }
 
-void NSManagedObject::require(int attribute, NSAttributeType type) const {
-  const auto position = static_cast<std::size_t>(attribute);
-  if (attribute < 0 || position >= entity_->attributes.size() || entity_->attributes[position].type != type)
-    fatalError(concat("attribute ", attribute, " of ", entity_->name, " is not of the type asked for"));
-}
-
-std::optional<std::int64_t> NSManagedObject::integer(int attribute) const {
-  require(attribute, NSAttributeType::integer64);
-  if (!isPresent(attribute)) return std::nullopt;
-  return slots_[static_cast<std::size_t>(attribute)].integer;
-}
-
-std::optional<double> NSManagedObject::number(int attribute) const {
-  require(attribute, NSAttributeType::floating);
-  if (!isPresent(attribute)) return std::nullopt;
-  return slots_[static_cast<std::size_t>(attribute)].number;
-}
-
-std::optional<bool> NSManagedObject::boolean(int attribute) const {
-  require(attribute, NSAttributeType::boolean);
-  if (!isPresent(attribute)) return std::nullopt;
-  return slots_[static_cast<std::size_t>(attribute)].integer != 0;
-}
-
-std::optional<std::string_view> NSManagedObject::string(int attribute) const {
-  require(attribute, NSAttributeType::string);
-  if (!isPresent(attribute)) return std::nullopt;
-  return slots_[static_cast<std::size_t>(attribute)].text->view();
-}
-
-std::optional<Date> NSManagedObject::date(int attribute) const {
-  require(attribute, NSAttributeType::date);
-  if (!isPresent(attribute)) return std::nullopt;
-  return dateSince1970(slots_[static_cast<std::size_t>(attribute)].number);
+void NSManagedObject::refuse(int attribute) const {
+  fatalError(concat("attribute ", attribute, " of ", entity_->name, " is not of the type asked for"));
 }
 
 void NSManagedObject::setInteger(int attribute, std::optional<std::int64_t> value) {

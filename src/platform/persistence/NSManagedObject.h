@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -8,19 +9,23 @@
 
 #include <tarvo/platform/Date.h>
 
+#include "platform/foundation/Text.h"
+#include "platform/persistence/InternedText.h"
 #include "platform/persistence/NSManagedObjectModel.h"
 
 namespace tarvo::platform {
 
 class EntityObjects;
-class InternedText;
+
+class NSManagedObjectID;
+/// `<x-coredata://STORE/Entity/p12>`, temporary `<x-coredata:///Entity/t7>`.
+void append(std::string& out, const NSManagedObjectID& id);
 
 /// Names an object of a store. Temporary until the object's first save; the object then also answers to the
 /// permanent one, and a temporary id taken before still finds it in its context.
 class NSManagedObjectID {
  public:
-  /// `<x-coredata://STORE/Entity/p12>`, temporary `<x-coredata:///Entity/t7>`.
-  std::string description() const;
+  std::string description() const { return concat(*this); }
   bool isTemporary() const { return temporary_; }
   bool operator==(const NSManagedObjectID&) const = default;
 
@@ -47,11 +52,27 @@ class NSManagedObject {
   NSManagedObjectID objectID() const;
 
   /// Absent when unset. Asking for another type than the attribute's is a programming error (fatal).
-  std::optional<std::int64_t> integer(int attribute) const;
-  std::optional<double> number(int attribute) const;
-  std::optional<bool> boolean(int attribute) const;
-  std::optional<std::string_view> string(int attribute) const;  ///< valid until the attribute changes
-  std::optional<Date> date(int attribute) const;
+  std::optional<std::int64_t> integer(int attribute) const {
+    const Slot* value = slot(attribute, NSAttributeType::integer64);
+    return value ? std::optional(value->integer) : std::nullopt;
+  }
+  std::optional<double> number(int attribute) const {
+    const Slot* value = slot(attribute, NSAttributeType::floating);
+    return value ? std::optional(value->number) : std::nullopt;
+  }
+  std::optional<bool> boolean(int attribute) const {
+    const Slot* value = slot(attribute, NSAttributeType::boolean);
+    return value ? std::optional(value->integer != 0) : std::nullopt;
+  }
+  /// Valid until the attribute changes.
+  std::optional<std::string_view> string(int attribute) const {
+    const Slot* value = slot(attribute, NSAttributeType::string);
+    return value ? std::optional(value->text->view()) : std::nullopt;
+  }
+  std::optional<Date> date(int attribute) const {
+    const Slot* value = slot(attribute, NSAttributeType::date);
+    return value ? std::optional(dateSince1970(value->number)) : std::nullopt;
+  }
 
   /// Absent values unset. A set that changes nothing is no change.
   void setInteger(int attribute, std::optional<std::int64_t> value);
@@ -73,7 +94,16 @@ class NSManagedObject {
   enum class Standing : std::uint8_t { unattached, inserted, clean, changed, deleted };
 
   bool isPresent(int attribute) const { return (present_ >> attribute & 1U) != 0; }
-  void require(int attribute, NSAttributeType type) const;
+  void require(int attribute, NSAttributeType type) const {
+    const auto position = static_cast<std::size_t>(attribute);
+    if (position >= entity_->attributes.size() || entity_->attributes[position].type != type) refuse(attribute);
+  }
+  [[noreturn]] void refuse(int attribute) const;
+  /// Null when absent.
+  const Slot* slot(int attribute, NSAttributeType type) const {
+    require(attribute, type);
+    return isPresent(attribute) ? &slots_[static_cast<std::size_t>(attribute)] : nullptr;
+  }
   /// Takes a text's reference over.
   void assign(int attribute, std::optional<Slot> value);
   void assignNumber(int attribute, std::optional<double> value);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -35,6 +36,7 @@ using NSManagedObjectFactory = std::shared_ptr<NSManagedObject> (*)(const NSEnti
 struct NSEntityDescription {
   std::string name;
   std::vector<NSAttributeDescription> attributes;
+  std::uint64_t texts = 0;  ///< bit i: attribute i is a text
   std::vector<NSIndexDescription> indexes;
   NSManagedObjectFactory factory = nullptr;  ///< makes objects of the entity's class; null: plain objects
 

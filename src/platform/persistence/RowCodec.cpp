@@ -1,5 +1,8 @@
 #include "platform/persistence/RowCodec.h"
 
+#include <sqlite3.h>
+
+#include <bit>
 #include <cstddef>
 
 #include "platform/persistence/InternedText.h"
@@ -14,34 +17,55 @@ RowCodec::~RowCodec() {
 }
 
 void RowCodec::read(const Execution& row, int firstColumn, NSManagedObject& object) {
-  const std::size_t count = entity_.attributes.size();
-  for (std::size_t i = 0; i < count; ++i) {
-    const int column = firstColumn + static_cast<int>(i);
-    if (row.isNull(column)) continue;
-    NSManagedObject::Slot& slot = object.slots_[i];
-    switch (entity_.attributes[i].type) {
+  NSManagedObject::Slot* const slots = object.slots_.get();
+  const InternedText** const latest = latest_.data();
+  std::uint64_t present = 0;
+  std::size_t i = 0;
+  for (const NSAttributeDescription& attribute : entity_.attributes) {
+    const std::size_t position = i++;
+    // Allowed without a copy: the connection is used by one thread at a time.
+    sqlite3_value* value = sqlite3_column_value(row.statement_, firstColumn + static_cast<int>(position));
+    if (sqlite3_value_type(value) == SQLITE_NULL) continue;
+    NSManagedObject::Slot& slot = slots[position];
+    switch (attribute.type) {
       case NSAttributeType::integer64:
-        slot.integer = row.integer(column);
+        slot.integer = sqlite3_value_int64(value);
         break;
       case NSAttributeType::boolean:
-        slot.integer = row.integer(column) != 0 ? 1 : 0;
+        slot.integer = sqlite3_value_int64(value) != 0 ? 1 : 0;
         break;
       case NSAttributeType::floating:
       case NSAttributeType::date:
-        slot.number = row.number(column);
+        slot.number = sqlite3_value_double(value);
         break;
       case NSAttributeType::string: {
-        const std::string_view text = row.text(column);
-        if (!latest_[i] || latest_[i]->view() != text) {
-          if (latest_[i]) InternedText::release(latest_[i]);
-          latest_[i] = InternedText::acquire(text);
+        const void* bytes = sqlite3_value_text(value);
+        const std::string_view text(bytes ? static_cast<const char*>(bytes) : "",
+                                    static_cast<std::size_t>(sqlite3_value_bytes(value)));
+        const InternedText*& before = latest[position];
+        if (!before || before->view() != text) {
+          if (before) InternedText::release(before);
+          before = InternedText::acquire(text);
         }
-        slot.text = InternedText::retain(latest_[i]);
+        slot.text = InternedText::retain(before);
         break;
       }
     }
-    object.present_ |= std::uint64_t{1} << i;
+    present |= std::uint64_t{1} << position;
   }
+  object.present_ = present;
+}
+
+bool RowCodec::changesEqually(const NSManagedObject& a, const NSManagedObject& b) {
+  const std::uint64_t mask = a.changed_;
+  if (b.changed_ != mask || ((a.present_ ^ b.present_) & mask) != 0) return false;
+  for (std::uint64_t rest = mask & a.present_; rest != 0; rest &= rest - 1) {
+    const auto position = static_cast<std::size_t>(std::countr_zero(rest));
+    // Equal texts share an address, so all kinds of slots compare by their bits.
+    if (std::bit_cast<std::uint64_t>(a.slots_[position]) != std::bit_cast<std::uint64_t>(b.slots_[position]))
+      return false;
+  }
+  return true;
 }
 
 void RowCodec::bind(Execution& execution, int parameter, const NSManagedObject& object, int attribute) {

@@ -20,6 +20,8 @@ class RowCodec {
 
   /// Fills an object without values from a row that has all attributes in order, the first at `firstColumn`.
   void read(const Execution& row, int firstColumn, NSManagedObject& object);
+  /// Whether both objects have changed in the same attributes, and to the same values.
+  static bool changesEqually(const NSManagedObject& a, const NSManagedObject& b);
   static void bind(Execution& execution, int parameter, const NSManagedObject& object, int attribute);
 
  private:

@@ -1,6 +1,7 @@
 #include "platform/persistence/Store.h"
 
 #include <bit>
+#include <iterator>
 
 #include "platform/foundation/Text.h"
 #include "platform/persistence/RowCodec.h"
@@ -19,14 +20,24 @@ std::string insertText(const NSEntityDescription& entity) {
 }
 
 /// Only the changed columns, so that SQLite leaves the indexes of the others alone.
-std::string updateText(const NSEntityDescription& entity, std::uint64_t changed) {
+std::string updateText(const NSEntityDescription& entity, std::uint64_t changed, bool isRange) {
   std::string sql = concat("UPDATE \"", entity.name, "\" SET ");
   std::string_view separator = "\"";
   for (std::uint64_t rest = changed; rest != 0; rest &= rest - 1) {
     sql += concat(separator, entity.attributes[static_cast<std::size_t>(std::countr_zero(rest))].name, "\" = ?");
     separator = ", \"";
   }
-  return sql + " WHERE \"_key\" = ?";
+  return sql + (isRange ? " WHERE \"_key\" BETWEEN ? AND ?" : " WHERE \"_key\" = ?");
+}
+
+using Changed = EntityObjects::Pending::const_iterator;
+
+/// Ends the run of rows from `first` on whose keys follow each other without a gap and that get the same values.
+Changed endOfRun(Changed first, Changed end) {
+  std::int64_t key = first->first;
+  Changed next = std::next(first);
+  while (next != end && next->first == ++key && RowCodec::changesEqually(*next->second, *first->second)) ++next;
+  return next;
 }
 
 Error unknownEntity(const NSEntityDescription& entity) {
@@ -116,20 +127,23 @@ std::optional<Error> NSPersistentStoreCoordinator::Store::insertRows(Table& tabl
   return std::nullopt;
 }
 
+/// A thousand marks are one statement: SQLite then goes through the rows at half the cost of finding each.
 std::optional<Error> NSPersistentStoreCoordinator::Store::updateRows(const Table& table, const EntityObjects& objects) {
-  std::string sql;
-  std::uint64_t sqlMask = 0;
-  for (const auto& [key, object] : objects.changed()) {
+  const auto end = objects.changed().end();
+  for (auto first = objects.changed().begin(); first != end;) {
+    const auto next = endOfRun(first, end);
+    const auto& [firstKey, object] = *first;
+    const std::int64_t lastKey = std::prev(next)->first;
     const std::uint64_t mask = EntityObjects::changeMask(*object);
-    if (mask != sqlMask) sql = updateText(*table.entity, mask);
-    sqlMask = mask;
-    Execution update(*database_, sql);
+    Execution update(*database_, updateText(*table.entity, mask, lastKey != firstKey));
     int parameter = 0;
     for (std::uint64_t rest = mask; rest != 0; rest &= rest - 1)
       RowCodec::bind(update, ++parameter, *object, std::countr_zero(rest));
-    update.bind(parameter + 1, key);
+    update.bind(++parameter, firstKey);
+    if (lastKey != firstKey) update.bind(++parameter, lastKey);
     update.step();
     if (update.failed()) return update.error(StoreErrorCode::save, "A record could not be updated");
+    first = next;
   }
   return std::nullopt;
 }

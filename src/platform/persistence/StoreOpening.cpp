@@ -43,6 +43,9 @@ std::optional<Error> useWriteAheadLog(Database& database) {
     if (mode.failed()) return mode.error(StoreErrorCode::open, "Write-ahead logging could not be switched on");
     if (!set) return storeError(StoreErrorCode::open, "The store cannot use a write-ahead log", database.file());
   }
+  // Pages that are asked for again: those of one batch of uploads and their indexes. The system keeps the others
+  // anyway.
+  if (auto error = database.run("PRAGMA cache_size = -1000", StoreErrorCode::open)) return error;
   // A commit survives the end of the process; the latest ones may be lost with the power, never the file.
   return database.run("PRAGMA synchronous = NORMAL", StoreErrorCode::open);
 }
