@@ -84,7 +84,7 @@ class TARVO_API NetworkManager {
 
   /// Posts a batch. `first` and `last` are its indexes as texts, handed back to the engine with the acknowledgement;
   /// the channel is the caller's to take. Only a status other than 200 frees it without one.
-  void sendDataInBatchToRemoteWebServer(const std::string& json, const std::string& first, const std::string& last);
+  void sendDataInBatchToRemoteWebServer(std::string json, const std::string& first, const std::string& last);
 
   // Downloads. They need an identity; past trips are asked for only when the newest one held is not the one announced.
   void getNextTrip();

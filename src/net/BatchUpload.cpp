@@ -1,5 +1,7 @@
 #include <tarvo/NetworkManager.h>
 
+#include <utility>
+
 #include <tarvo/platform/UserDefaults.h>
 
 #include "log/Log.h"
@@ -73,25 +75,26 @@ void readAnswer(NetworkManager& client, const std::optional<std::string>& data, 
 
 }  // namespace
 
-void NetworkManager::sendDataInBatchToRemoteWebServer(const std::string& json, const std::string& first,
+void NetworkManager::sendDataInBatchToRemoteWebServer(std::string json, const std::string& first,
                                                       const std::string& last) {
   const std::int64_t poiVersion = defaults().integer(LAST_POI_VERSION);
-  state_->start(request("POST", endpoints::positionsAPI, json), [poiVersion, locationIndex = last, firstLoc = first](
-                                                                    NetworkManager& self, const Reply& reply) {
-    if (reply.refused()) {
-      Log::debug(" NetworkManager:sendDataInBatchToRemoteWebServer : httpstatus : ", reply.response->statusCode,
-                 " :réponse = ", reply.response->debugDescription());
-      Settings::shared().uploadChannel().release();
-    } else {
-      // Without any response the line says 200 too, and the batch counts as acknowledged: intended, the pipeline
-      // moves on and does not hold the positions back.
-      Log::debug(" NetworkManager:sendDataInBatchToRemoteWebServer : httpstatus : 200");
-      if (Settings::shared().activateStatus() >= kModeWithDownloads) readAnswer(self, reply.data, poiVersion);
-      EngineLink::current().markLocationAsSentUntilIndex(locationIndex, firstLoc);
-    }
-    if (reply.error)
-      Log::error("NetworkManager:sendDataInBatchToRemoteWebServer :[error] :", printedDescription(*reply.error));
-  });
+  state_->start(
+      request("POST", endpoints::positionsAPI, std::move(json)),
+      [poiVersion, locationIndex = last, firstLoc = first](NetworkManager& self, const Reply& reply) {
+        if (reply.refused()) {
+          Log::debug(" NetworkManager:sendDataInBatchToRemoteWebServer : httpstatus : ", reply.response->statusCode,
+                     " :réponse = ", reply.response->debugDescription());
+          Settings::shared().uploadChannel().release();
+        } else {
+          // Without any response the line says 200 too, and the batch counts as acknowledged: intended, the pipeline
+          // moves on and does not hold the positions back.
+          Log::debug(" NetworkManager:sendDataInBatchToRemoteWebServer : httpstatus : 200");
+          if (Settings::shared().activateStatus() >= kModeWithDownloads) readAnswer(self, reply.data, poiVersion);
+          EngineLink::current().markLocationAsSentUntilIndex(locationIndex, firstLoc);
+        }
+        if (reply.error)
+          Log::error("NetworkManager:sendDataInBatchToRemoteWebServer :[error] :", printedDescription(*reply.error));
+      });
 }
 
 }  // namespace tarvo

@@ -228,6 +228,7 @@ bool Transfer::follow(const std::string& location) {
 
 void Transfer::complete() {
   if (!completion_) return;
+  request_.httpBody.reset();  // large, and answering takes long: what comes next may send as much
   std::optional<std::string> data;
   if (!error_ && !body_.empty()) data = std::move(body_);
   completion_(std::move(data), std::move(response_), std::move(error_));
