@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -50,7 +51,11 @@ class Database {
   friend class Execution;
   struct TextHash {
     using is_transparent = void;
-    std::size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
+    /// Texts of one table begin alike and are long; lengths and ends tell them apart.
+    std::size_t operator()(std::string_view text) const {
+      return text.size() ^
+             std::hash<std::string_view>{}(text.substr(text.size() - std::min<std::size_t>(text.size(), 32)));
+    }
   };
 
   explicit Database(std::filesystem::path file) : file_(std::move(file)) {}

@@ -5,6 +5,7 @@
 
 #include "platform/foundation/FatalError.h"
 #include "platform/foundation/Text.h"
+#include "platform/persistence/InternedText.h"
 #include "platform/persistence/NSManagedObjectContext.h"
 #include "platform/persistence/Store.h"
 
@@ -16,15 +17,20 @@ std::atomic<std::uint64_t> destroyedObjects{0};
 
 constexpr std::uint64_t kLeastSweep = 1024;
 
+/// Longer texts, a trip's route for instance, do not repeat and are not worth keeping.
+constexpr std::size_t kLongestKeptText = 64;
+
 }  // namespace
 
 EntityObjects::EntityObjects(const NSEntityDescription& entity, NSManagedObjectContext& context)
-    : entity_(entity), context_(context) {}
+    : entity_(entity), context_(context), latestTexts_(entity.attributes.size()) {}
 
 EntityObjects::~EntityObjects() {
   for (auto& [key, object] : inserted_) detach(*object);
   for (auto& [key, held] : registry_)
     if (auto object = held.lock()) detach(*object);
+  for (const InternedText* text : latestTexts_)
+    if (text) InternedText::release(text);
 }
 
 std::shared_ptr<NSManagedObject> EntityObjects::make(NSManagedObject::Standing standing, std::int64_t key) {
@@ -99,14 +105,13 @@ std::shared_ptr<NSManagedObject> EntityObjects::named(const NSManagedObjectID& i
   return nullptr;
 }
 
-void EntityObjects::didSave(const std::vector<std::int64_t>& keys) {
+void EntityObjects::didSave(std::int64_t firstKey) {
   forgetDestroyed();
-  auto key = keys.begin();
   for (auto& [number, object] : inserted_) {
-    object->key_ = *key++;
+    object->key_ = firstKey++;
     object->standing_ = NSManagedObject::Standing::clean;
     if (object->temporaryIDTaken_) keysOfTemporaryIDs_.emplace(number, object->key_);
-    registry_.insert_or_assign(object->key_, object);
+    if (object.use_count() > 1) registry_.insert_or_assign(object->key_, object);
   }
   for (auto& [row, object] : changed_) {
     object->standing_ = NSManagedObject::Standing::clean;
@@ -119,6 +124,16 @@ void EntityObjects::didSave(const std::vector<std::int64_t>& keys) {
   inserted_.clear();
   changed_.clear();
   deleted_.clear();
+}
+
+const InternedText* EntityObjects::text(int attribute, std::string_view value) {
+  if (value.size() > kLongestKeptText) return InternedText::acquire(value);
+  const InternedText*& latest = latestTexts_[static_cast<std::size_t>(attribute)];
+  if (!latest || latest->view() != value) {
+    if (latest) InternedText::release(latest);
+    latest = InternedText::acquire(value);
+  }
+  return InternedText::retain(latest);
 }
 
 std::shared_ptr<const std::string> EntityObjects::storeUUID() const {

@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -49,8 +50,11 @@ class EntityObjects {
   static bool isPending(const NSManagedObject& object) { return object.standing_ != NSManagedObject::Standing::clean; }
   static std::uint64_t changeMask(const NSManagedObject& object) { return object.changed_; }
 
-  /// Everything pending is in the store now; `keys` are the rows of the inserted objects, in their order.
-  void didSave(const std::vector<std::int64_t>& keys);
+  /// Everything pending is in the store now, the inserted objects in their order in the rows from `firstKey` on.
+  void didSave(std::int64_t firstKey);
+
+  /// A reference to a text for an attribute; one that repeats from record to record is not looked up again.
+  const InternedText* text(int attribute, std::string_view value);
 
   const NSEntityDescription& entity() const { return entity_; }
   std::shared_ptr<const std::string> storeUUID() const;
@@ -71,6 +75,7 @@ class EntityObjects {
   Pending changed_;
   Pending deleted_;
   std::int64_t insertions_ = 0;
+  std::vector<const InternedText*> latestTexts_;  ///< last set, for each attribute; null for none and for a long one
   /// Row keys of saved objects whose temporary id somebody may have kept.
   std::unordered_map<std::int64_t, std::int64_t> keysOfTemporaryIDs_;
 };

@@ -56,7 +56,9 @@ void NSManagedObject::setBoolean(int attribute, std::optional<bool> value) {
 
 void NSManagedObject::setString(int attribute, std::optional<std::string_view> value) {
   require(attribute, NSAttributeType::string);
-  assign(attribute, value ? std::optional(Slot{.text = InternedText::acquire(*value)}) : std::nullopt);
+  if (!value) return assign(attribute, std::nullopt);
+  if (owner_) owner_->requireCurrent();
+  assign(attribute, Slot{.text = owner_ ? owner_->text(attribute, *value) : InternedText::acquire(*value)});
 }
 
 void NSManagedObject::setDate(int attribute, std::optional<Date> value) {

@@ -23,6 +23,13 @@ struct NSManagedObjectContext::State {
     return entities.try_emplace(&entity, entity, context).first->second;
   }
 
+  std::size_t pendingRows() const {
+    std::size_t rows = 0;
+    for (const auto& [entity, objects] : entities)
+      rows += objects.inserted().size() + objects.changed().size() + objects.deleted().size();
+    return rows;
+  }
+
   NSManagedObjectContext& context;
   bool putsOff = false;   ///< in a block given to `perform`
   bool isPutOff = false;  ///< a save waits to be written
@@ -281,18 +288,22 @@ std::optional<Error> NSManagedObjectContext::write() {
   std::vector<std::pair<EntityObjects*, Store::Receipt>> written;
   {
     Transaction transaction(store->database());
-    if (auto error = transaction.begin()) return error;
+    // A single row is a transaction by itself.
+    const bool isSingle = state_->pendingRows() == 1;
+    if (!isSingle)
+      if (auto error = transaction.begin()) return error;
     for (auto& [entity, objects] : state_->entities) {
       if (!objects.hasChanges()) continue;
       auto& receipt = written.emplace_back(&objects, Store::Receipt{}).second;
       if (auto error = store->write(objects, receipt)) return error;
     }
-    if (auto error = transaction.commit()) return error;
+    if (!isSingle)
+      if (auto error = transaction.commit()) return error;
   }
   // Certain only now: until the commit everything stayed pending, whatever became of the transaction.
   for (auto& [objects, receipt] : written) {
     store->didCommit(objects->entity(), receipt);
-    objects->didSave(receipt.insertedKeys);
+    objects->didSave(receipt.firstKey);
   }
   return std::nullopt;
 }

@@ -114,6 +114,7 @@ std::optional<Error> NSPersistentStoreCoordinator::Store::insertRows(Table& tabl
     if (!highest.step()) return highest.error(StoreErrorCode::save, "The keys could not be read");
     table.lastKey = highest.integer(0);
   }
+  receipt.firstKey = table.lastKey.value_or(0) + 1;
   for (const auto& [number, object] : objects.inserted()) {
     Execution insert(*database_, table.insert);
     for (int i = 0; i < count; ++i) RowCodec::bind(insert, i + 1, *object, i);
@@ -121,7 +122,6 @@ std::optional<Error> NSPersistentStoreCoordinator::Store::insertRows(Table& tabl
     insert.bind(count + 1, ++*table.lastKey);
     insert.step();
     if (insert.failed()) return insert.error(StoreErrorCode::save, "A record could not be inserted");
-    receipt.insertedKeys.push_back(*table.lastKey);
     ++receipt.rowsAdded;
   }
   return std::nullopt;
@@ -150,6 +150,7 @@ std::optional<Error> NSPersistentStoreCoordinator::Store::updateRows(const Table
 
 std::optional<Error> NSPersistentStoreCoordinator::Store::deleteRows(const Table& table, const EntityObjects& objects,
                                                                      Receipt& receipt) {
+  if (objects.deleted().empty()) return std::nullopt;
   const std::string sql = concat("DELETE FROM \"", table.entity->name, "\" WHERE \"_key\" = ?1");
   for (const auto& [key, object] : objects.deleted()) {
     Execution removal(*database_, sql);

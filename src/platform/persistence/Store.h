@@ -16,15 +16,15 @@ namespace tarvo::platform {
 /// The open store file: rows in, rows out, and the number of rows of each table.
 ///
 /// Threads: only inside blocks of the one context.
-/// Writing: a Transaction around any number of `write`, each with a receipt of its own; once the commit has
-/// succeeded each receipt is given to `didCommit`. Nothing here changes before that, so a failed transaction needs no
-/// repair.
+/// Writing: a Transaction around any number of `write`, each with a receipt of its own (a single row needs none); once
+/// the commit has succeeded each receipt is given to `didCommit`. Nothing here changes before that, so a failed
+/// transaction needs no repair.
 struct NSPersistentStoreCoordinator::Store {
  public:
   /// What one `write` did, not yet certain.
   struct Receipt {
-    std::vector<std::int64_t> insertedKeys;  ///< in the order of the insertions
-    std::int64_t rowsAdded = 0;              ///< negative when more were deleted
+    std::int64_t firstKey = 0;   ///< of the inserted rows, whose keys follow each other in the order of the insertions
+    std::int64_t rowsAdded = 0;  ///< negative when more were deleted
   };
 
   /// Opens or creates the file; refuses what is not a store of the model.
@@ -44,7 +44,7 @@ struct NSPersistentStoreCoordinator::Store {
   /// Whether the row, as the file has it, matches a plan with conditions.
   Result<bool> rowMatches(const NSEntityDescription& entity, const FetchPlan& plan, std::int64_t key);
 
-  /// Writes everything pending of one entity; needs a transaction.
+  /// Writes everything pending of one entity; more than one row needs a transaction.
   std::optional<Error> write(const EntityObjects& objects, Receipt& receipt);
   void didCommit(const NSEntityDescription& entity, const Receipt& receipt);
 
