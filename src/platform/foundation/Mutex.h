@@ -22,6 +22,7 @@ class TARVO_TSA(capability("mutex")) Mutex {
   void unlock() TARVO_TSA(release_capability()) { mutex_.unlock(); }
 
  private:
+  friend class Condition;
   std::mutex mutex_;
 };
 
@@ -38,6 +39,34 @@ class TARVO_TSA(scoped_lockable) MutexLock {
 };
 
 /// A condition that is waited for with the Mutex held: `while (!ready) condition.wait(mutex);`
-using Condition = std::condition_variable_any;
+class Condition {
+ public:
+  void wait(Mutex& mutex) REQUIRES(mutex) {
+    Held held(mutex);
+    condition_.wait(held.lock);
+  }
+  template <class Time>
+  void wait_until(Mutex& mutex, const Time& deadline) REQUIRES(mutex) {
+    Held held(mutex);
+    condition_.wait_until(held.lock, deadline);
+  }
+  template <class Span>
+  void wait_for(Mutex& mutex, const Span& span) REQUIRES(mutex) {
+    Held held(mutex);
+    condition_.wait_for(held.lock, span);
+  }
+  void notify_one() { condition_.notify_one(); }
+  void notify_all() { condition_.notify_all(); }
+
+ private:
+  /// The caller's lock in the form that std::condition_variable takes.
+  struct Held {
+    explicit Held(Mutex& mutex) : lock(mutex.mutex_, std::adopt_lock) {}
+    ~Held() { lock.release(); }
+    std::unique_lock<std::mutex> lock;
+  };
+
+  std::condition_variable condition_;
+};
 
 }  // namespace tarvo::platform

@@ -1,15 +1,20 @@
 #include "platform/foundation/SerialQueue.h"
 
-#include <algorithm>
+#include <atomic>
 #include <deque>
 #include <thread>
-#include <vector>
 
 #include "platform/foundation/Activity.h"
 #include "platform/foundation/FatalError.h"
 #include "platform/foundation/Mutex.h"
 
 namespace tarvo::platform {
+namespace {
+
+/// In the blocks of how many queues this thread stands.
+thread_local int queuesHeld = 0;
+
+}  // namespace
 
 struct SerialQueue::State {
   /// A caller that waits for its turn.
@@ -26,6 +31,8 @@ struct SerialQueue::State {
   explicit State(std::string name) : label(std::move(name)) {}
 
   const std::string label;
+  /// The thread whose block runs; each thread only has to recognise itself.
+  std::atomic<std::thread::id> holder;
   Mutex mutex;
   std::deque<Entry> line GUARDED_BY(mutex);
   bool busy GUARDED_BY(mutex) = false;  ///< a block runs, or a waiting caller has been given its turn
@@ -34,21 +41,14 @@ struct SerialQueue::State {
   Condition work;     ///< the worker may run the first in line
   Condition drained;  ///< nothing runs and nothing is in line
 
-  /// The queues in whose blocks this thread stands, outermost first.
-  static std::vector<const State*>& held() {
-    thread_local std::vector<const State*> queues;
-    return queues;
-  }
-
-  bool isHeld() const {
-    const auto& queues = held();
-    return std::find(queues.begin(), queues.end(), this) != queues.end();
-  }
+  bool isHeld() const { return holder.load(std::memory_order_relaxed) == std::this_thread::get_id(); }
 
   void run(const std::function<void()>& block) noexcept {
-    held().push_back(this);
+    holder.store(std::this_thread::get_id(), std::memory_order_relaxed);
+    ++queuesHeld;
     block();
-    held().pop_back();
+    --queuesHeld;
+    holder.store({}, std::memory_order_relaxed);
   }
 
   /// Ends a turn: whoever is first in line is next.
@@ -139,7 +139,7 @@ void SerialQueue::syncReentrant(const std::function<void()>& block) {
 }
 
 bool SerialQueue::isCurrent() const { return state_->isHeld(); }
-bool SerialQueue::onAnyQueue() { return !State::held().empty(); }
+bool SerialQueue::onAnyQueue() { return queuesHeld > 0; }
 const std::string& SerialQueue::label() const { return state_->label; }
 
 }  // namespace tarvo::platform
