@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdlib>
 #include <limits>
 #include <thread>
 
@@ -8,6 +9,7 @@
 #include <tarvo/platform/SystemLog.h>
 
 #include "location/Delivery.h"
+#include "platform/foundation/DateFormatter.h"
 
 namespace tarvo::platform {
 namespace {
@@ -373,6 +375,17 @@ TEST(Location, PrintsItselfAndMeasuresAlongTheGeodesic) {
   east.coordinate = {0, 179.5};
   west.coordinate = {0, -179.5};
   EXPECT_NEAR(east.distanceFrom(west), 111319.490793, 1e-5);  // one degree of the equator, across the date line
+}
+
+TEST(Location, PrintsItsDateInTheZoneOfTheDeviceWhateverTheMinuteBefore) {
+  // Monrovia was 44 and a half minutes from UTC until 1972, so its minutes begin with our 30th second.
+  ::setenv("TZ", "Africa/Monrovia", 1);
+  CLLocation fix;
+  for (const double time : {0.0, 29.0, 30.0, 59.5, -0.5, -61.0, 1718445600.0, 1718445609.999, 1718445659.0,
+                            1718445661.0, 1718445600.0, 1e300, std::nan("")}) {
+    fix.timestamp = dateSince1970(time);
+    EXPECT_TRUE(fix.description().ends_with(localizedShortDateFullTime(fix.timestamp))) << time << fix.description();
+  }
 }
 
 }  // namespace

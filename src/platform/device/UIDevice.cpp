@@ -1,5 +1,6 @@
 #include <atomic>
 
+#include <tarvo/platform/Clock.h>
 #include <tarvo/platform/Device.h>
 #include <tarvo/platform/Environment.h>
 
@@ -11,11 +12,16 @@
 namespace tarvo::platform {
 namespace {
 
+/// Each look at the kernel's files costs a dozen system calls, and a charge changes by the minute.
+constexpr Seconds kRecent{10};
+
 struct Device {
   std::atomic<int> platformLevel{10};
   Mutex mutex;
   bool monitoring GUARDED_BY(mutex) = false;
   std::optional<BatteryReading> hostBattery GUARDED_BY(mutex);
+  BatteryReading kernelBattery GUARDED_BY(mutex);
+  std::optional<Seconds> kernelBatteryReadAt GUARDED_BY(mutex);  ///< by the installed clock
   std::optional<std::string> hostIdentifier GUARDED_BY(mutex);
   std::optional<std::string> keptIdentifier GUARDED_BY(mutex);
 };
@@ -26,12 +32,21 @@ Device& device() {
 }
 
 BatteryReading battery() {
+  Device& known = device();
+  const Seconds now = Clock::current()->monotonic();
   {
-    MutexLock lock(device().mutex);
-    if (!device().monitoring) return {};
-    if (device().hostBattery) return *device().hostBattery;
+    MutexLock lock(known.mutex);
+    if (!known.monitoring) return {};
+    if (known.hostBattery) return *known.hostBattery;
+    // A clock installed since may show less.
+    const auto& readAt = known.kernelBatteryReadAt;
+    if (readAt && *readAt <= now && now - *readAt < kRecent) return known.kernelBattery;
   }
-  return readPowerSupplies(powerSupplyFolder());
+  const BatteryReading reading = readPowerSupplies(powerSupplyFolder());
+  MutexLock lock(known.mutex);
+  known.kernelBattery = reading;
+  known.kernelBatteryReadAt = now;
+  return reading;
 }
 
 }  // namespace
@@ -44,6 +59,7 @@ UIDevice& UIDevice::current() {
 void UIDevice::setBatteryMonitoringEnabled(bool enabled) {
   MutexLock lock(device().mutex);
   device().monitoring = enabled;
+  device().kernelBatteryReadAt.reset();
 }
 
 UIDeviceBatteryState UIDevice::batteryState() const { return battery().state; }

@@ -13,8 +13,8 @@ LocationService::State& service() { return LocationService::shared().state(); }
 }  // namespace
 
 std::string CLCircularRegion::description() const {
-  return concat("CLCircularRegion (identifier:'", identifier, "', center:<", coordinateText(center),
-                ">, radius:", fixedText(radius, 2), "m)");
+  return concat("CLCircularRegion (identifier:'", identifier, "', center:<", center, ">, radius:", Fixed{radius, 2},
+                "m)");
 }
 
 CLLocationManager::CLLocationManager() : client_(std::make_shared<LocationClient>(*this)) { service().add(client_); }

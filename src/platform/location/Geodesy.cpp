@@ -21,16 +21,19 @@ GeodesicWay geodesicWay(const CLLocationCoordinate2D& from, const CLLocationCoor
   return {metres, endAzimuth};
 }
 
-std::string fixedText(double value, int decimals, bool plusSign) {
+void append(std::string& out, const Fixed& number) {
   std::array<char, 400> digits;  // the largest double has 309 digits before the point
+  char* begin = digits.data();
+  if (number.plusSign && !std::signbit(number.value)) *begin++ = '+';
   const auto end =
-      std::to_chars(digits.data(), digits.data() + digits.size(), value, std::chars_format::fixed, decimals).ptr;
-  std::string text(plusSign && !std::signbit(value) ? "+" : "");
-  return text.append(digits.data(), end);
+      std::to_chars(begin, digits.data() + digits.size(), number.value, std::chars_format::fixed, number.decimals).ptr;
+  out.append(digits.data(), static_cast<std::size_t>(end - digits.data()));
 }
 
-std::string coordinateText(const CLLocationCoordinate2D& coordinate) {
-  return concat(fixedText(coordinate.latitude, 8, true), ",", fixedText(coordinate.longitude, 8, true));
+void append(std::string& out, const CLLocationCoordinate2D& coordinate) {
+  append(out, Fixed{coordinate.latitude, 8, true});
+  out.push_back(',');
+  append(out, Fixed{coordinate.longitude, 8, true});
 }
 
 }  // namespace tarvo::platform

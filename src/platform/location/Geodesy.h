@@ -14,10 +14,15 @@ struct GeodesicWay {
 
 GeodesicWay geodesicWay(const CLLocationCoordinate2D& from, const CLLocationCoordinate2D& to);
 
-/// `value` with that many decimals, whatever the C locale; a plus sign before what is not negative if asked for.
-std::string fixedText(double value, int decimals, bool plusSign = false);
+/// A number to be printed with that many decimals, and a plus sign before what is not negative if asked for.
+struct Fixed {
+  double value;
+  int decimals;
+  bool plusSign = false;
+};
+void append(std::string& out, const Fixed& number);
 
-/// `<+48.13750000,+11.57550000>` without the brackets.
-std::string coordinateText(const CLLocationCoordinate2D& coordinate);
+/// `+48.13750000,+11.57550000`
+void append(std::string& out, const CLLocationCoordinate2D& coordinate);
 
 }  // namespace tarvo::platform
