@@ -1,5 +1,7 @@
 #include "engine/Intake.h"
 
+#include <utility>
+
 #include <tarvo/platform/Clock.h>
 #include <tarvo/platform/Device.h>
 #include <tarvo/platform/UserDefaults.h>
@@ -38,7 +40,7 @@ Intake::Intake(LocationManager& engine, EngineState& state, EngineQueues& queues
 void Intake::didUpdateLocations(const std::vector<CLLocation>& locations) {
   if (!state_.tarvoStarted) return;
   if (locations.empty()) platform::fatalError("the location service delivered an empty batch");
-  queues_.serialQueue.async([this, locations] { intakeStep(locations); });
+  queues_.serialQueue.async([this, batch = locations]() mutable { intakeStep(std::move(batch)); });
   // Not ordered against the intake step: a batch that is not stored yet goes out with the next pass.
   uploadPass();
   checkBattery();
@@ -69,8 +71,8 @@ void Intake::checkBattery() {
   }
 }
 
-void Intake::intakeStep(const std::vector<CLLocation>& locations) {
-  const CLLocation& first = locations.front();
+void Intake::intakeStep(std::vector<CLLocation> locations) {
+  const CLLocation first = locations.front();
   // One step: a region exit that sets "rms" meanwhile must not be lost.
   state_.currentLocalisationMethod.replace(std::string(method::kRegionsAndSignificantChange),
                                            std::string(method::kSignificantChange));
@@ -84,7 +86,7 @@ void Intake::intakeStep(const std::vector<CLLocation>& locations) {
              " lastUpdateAge:", lastUpdateAge.count(),
              " currentBatteryStatus:", static_cast<std::int64_t>(device.batteryState()),
              " batteryLevel:", device.batteryLevel(), " mainThread:", mainThread());
-  writer_.addNewLocationToDatabase(locations, state_.currentActivity, localisationMethod, action::kChanged);
+  writer_.addNewLocationToDatabase(std::move(locations), state_.currentActivity, localisationMethod, action::kChanged);
   followGeofence(first, lastUpdateAge);
 }
 

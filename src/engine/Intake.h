@@ -36,7 +36,7 @@ class Intake {
   void refreshLoc();
 
  private:
-  void intakeStep(const std::vector<platform::CLLocation>& locations);
+  void intakeStep(std::vector<platform::CLLocation> locations);
   void followGeofence(const platform::CLLocation& first, platform::Seconds lastUpdateAge);
   void checkBattery();
   void uploadPass();

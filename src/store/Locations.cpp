@@ -21,7 +21,7 @@ std::shared_ptr<Locations> Locations::addLocation(const platform::CLLocation& lo
                                                   std::string_view serviceAction) {
   const auto added = insertAs<Locations>(context);
   if (!added) return nullptr;
-  const std::string appName = "ios:" + platform::Bundle::main().bundleIdentifier().value_or("");
+  static const auto& appName = *new std::string("ios:" + platform::Bundle::main().bundleIdentifier().value_or(""));
   auto count = context.count(NSFetchRequest{.entity = std::string(kEntity)});
   if (!count) {
     // The new object stays, unfilled: the next save takes it along, and it owns a number.

@@ -10,12 +10,12 @@ namespace tarvo::platform {
 namespace {
 
 /// One allocation for most messages.
-constexpr std::size_t kTypicalLine = 120;
+constexpr std::size_t kTypicalMessage = 200, kTypicalPiece = 16;
 
 template <class T>
 void appendPrinted(std::string& out, T value) {
   char buffer[kLongestPrinted];
-  out.append(buffer, print(buffer, value));
+  out.append(buffer, static_cast<std::size_t>(print(buffer, value) - buffer));
 }
 
 char* printText(char* out, std::string_view text) {
@@ -156,7 +156,7 @@ void append(std::string& out, const Error& value) { out.append(value.description
 
 std::string concatenated(std::initializer_list<Piece> pieces) {
   std::string out;
-  out.reserve(kTypicalLine);
+  out.reserve(std::max(kTypicalMessage, kTypicalPiece * pieces.size()));
   for (const Piece& piece : pieces) piece.appendTo(out);
   return out;
 }
