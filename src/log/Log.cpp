@@ -147,7 +147,9 @@ void Log::debugLog(std::int64_t level, std::string_view message) {
   auto file = LatestFile::shared().openFor(platform::concat(kFilePrefix, "_", dayOf(stamp), "_", *user, "_IOS.txt"));
   const std::string_view label = levelName(level);
   if (!file || label.empty()) return;
-  std::string line = platform::concat("[[", stamp, "]]:[", label, "]:", message, "\n");
+  std::string line;
+  line.reserve(stamp.size() + label.size() + message.size() + 16);
+  line.append("[[").append(stamp).append("]]:[").append(label).append("]:").append(message).push_back('\n');
   if (isValidUtf8(line)) append(std::move(file), std::move(line));
 }
 

@@ -31,9 +31,9 @@ Count& count() {
 
 void Activity::begin() { count().value.fetch_add(1); }
 
-void Activity::end() {
+void Activity::end(std::int64_t number) {
   Count& state = count();
-  if (state.value.fetch_sub(1) != 1 || state.waiters.load() == 0) return;
+  if (state.value.fetch_sub(number) != number || state.waiters.load() == 0) return;
   // Passing through the lock keeps the waiter from missing this between its test and its wait.
   { MutexLock lock(state.mutex); }
   state.becameIdle.notify_all();

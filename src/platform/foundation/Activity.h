@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+
 #include <tarvo/platform/Date.h>
 
 namespace tarvo::platform {
@@ -12,7 +14,7 @@ namespace tarvo::platform {
 class Activity {
  public:
   static void begin();
-  static void end();
+  static void end(std::int64_t number = 1);
   static bool idle();
 
   /// Waits until nothing is under way or `limit` of real time has passed; answers whether it is idle.

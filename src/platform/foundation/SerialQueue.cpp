@@ -35,6 +35,7 @@ struct SerialQueue::State {
   std::atomic<std::thread::id> holder;
   Mutex mutex;
   std::deque<Entry> line GUARDED_BY(mutex);
+  std::size_t turnsInLine GUARDED_BY(mutex) = 0;
   bool busy GUARDED_BY(mutex) = false;  ///< a block runs, or a waiting caller has been given its turn
   bool ending GUARDED_BY(mutex) = false;
   std::thread worker GUARDED_BY(mutex);
@@ -59,6 +60,7 @@ struct SerialQueue::State {
     } else if (Turn* turn = line.front().turn) {
       busy = true;
       line.pop_front();
+      --turnsInLine;
       turn->given = true;
       turn->came.notify_one();
     } else {
@@ -66,22 +68,28 @@ struct SerialQueue::State {
     }
   }
 
+  /// Moves out the blocks that stand in line before the first waiting caller: nearly always the whole line.
+  void takeBlocks(std::deque<Entry>& blocks) REQUIRES(mutex) {
+    if (turnsInLine == 0) return line.swap(blocks);
+    for (; line.front().turn == nullptr; line.pop_front()) blocks.push_back(std::move(line.front()));
+  }
+
   void workUntilEnd() {
+    std::deque<Entry> blocks;
     mutex.lock();
     while (true) {
       while (!ending && (busy || line.empty() || line.front().turn != nullptr)) work.wait(mutex);
       if (ending) break;
       busy = true;
-      {
-        Entry entry = std::move(line.front());
-        line.pop_front();
-        mutex.unlock();
-        run(entry.block);
-      }  // what the block held is gone before it counts as done
+      takeBlocks(blocks);
+      mutex.unlock();
+      const auto number = static_cast<std::int64_t>(blocks.size());
+      // What a block held is gone before the next one runs.
+      for (; !blocks.empty(); blocks.pop_front()) run(blocks.front().block);
       mutex.lock();
       passOn();
       mutex.unlock();
-      Activity::end();
+      Activity::end(number);
       mutex.lock();
     }
     mutex.unlock();
@@ -120,6 +128,7 @@ void SerialQueue::sync(const std::function<void()>& block) {
   if (state.busy || !state.line.empty()) {
     State::Turn turn;
     state.line.push_back({{}, &turn});
+    ++state.turnsInLine;
     while (!turn.given) turn.came.wait(state.mutex);
   } else {
     state.busy = true;
