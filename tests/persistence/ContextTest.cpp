@@ -93,6 +93,32 @@ TEST(Context, CountsRowsPlusInsertsMinusDeletes) {
   }
 }
 
+TEST(Context, CountsALargeTableFromWhatWasKeptUntilARowIsDeleted) {
+  test::TempDir dir;
+  const auto file = dir.path() / "a.sqlite";
+  const auto countAfterOpening = [&] {
+    TestStore store(file);
+    std::size_t rows = 0;
+    store.run([&] { rows = store.count(); });
+    return rows;
+  };
+  EXPECT_EQ(countAfterOpening(), 0U);
+  auto other = Database::open(file);
+  const auto runElsewhere = [&](std::string_view sql) {
+    EXPECT_FALSE((*other)->run(sql, StoreErrorCode::operation)) << sql;
+  };
+  runElsewhere(
+      "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 20000) "
+      "INSERT INTO Locations (_key) SELECT i FROM n");
+  EXPECT_EQ(countAfterOpening(), 20000U);
+  runElsewhere("INSERT INTO Locations (\"index\") VALUES (1)");
+  EXPECT_EQ(countAfterOpening(), 20001U);
+  runElsewhere("UPDATE _metadata SET value = '7 20000' WHERE name = 'Locations.rows'");
+  EXPECT_EQ(countAfterOpening(), 8U) << "what was kept is believed";
+  runElsewhere("DELETE FROM Locations WHERE _key = 5");
+  EXPECT_EQ(countAfterOpening(), 20000U);
+}
+
 TEST(Context, HandsOutOneObjectForARowWhileItIsUsedOrChanged) {
   test::TempDir dir;
   TestStore store(dir.path() / "a.sqlite");

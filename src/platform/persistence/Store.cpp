@@ -5,6 +5,7 @@
 
 #include "platform/foundation/Text.h"
 #include "platform/persistence/RowCodec.h"
+#include "platform/persistence/RowCount.h"
 
 namespace tarvo::platform {
 namespace {
@@ -74,10 +75,9 @@ Result<std::int64_t> NSPersistentStoreCoordinator::Store::rowCount(const NSEntit
   Table* known = table(entity);
   if (!known) return unknownEntity(entity);
   if (known->rows) return *known->rows;
-  Execution count(*database_, concat("SELECT count(*) FROM \"", entity.name, "\""));
-  if (!count.step()) return count.error(StoreErrorCode::operation, "The rows could not be counted");
-  known->rows = count.integer(0);
-  return *known->rows;
+  auto counted = countRows(*database_, entity.name);
+  if (counted) known->rows = *counted;
+  return counted;
 }
 
 Result<std::int64_t> NSPersistentStoreCoordinator::Store::matchingRows(const NSEntityDescription& entity,

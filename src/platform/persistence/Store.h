@@ -37,7 +37,7 @@ struct NSPersistentStoreCoordinator::Store {
 
   /// "SELECT _key, all attributes in order FROM table", to be completed by clauses.
   std::string selectText(const NSEntityDescription& entity) const;
-  /// The number of rows; scans an index the first time, then costs nothing.
+  /// The number of rows; costs nothing once it is known.
   Result<std::int64_t> rowCount(const NSEntityDescription& entity);
   /// The number of rows that match a plan with conditions.
   Result<std::int64_t> matchingRows(const NSEntityDescription& entity, const FetchPlan& plan);

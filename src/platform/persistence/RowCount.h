@@ -1,0 +1,17 @@
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "platform/persistence/Database.h"
+
+namespace tarvo::platform {
+
+/// The number of rows of a table, at a cost that does not grow with it: `_metadata` keeps how many there were up to
+/// some key, and those behind it are counted. A trigger forgets that as soon as any row is deleted, by whomever; then,
+/// and when too many rows have come since, all are counted and the number is kept anew.
+///
+/// Inside a transaction, which may yet be rolled back, nothing is kept.
+Result<std::int64_t> countRows(Database& database, std::string_view table);
+
+}  // namespace tarvo::platform
