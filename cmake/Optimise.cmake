@@ -1,7 +1,10 @@
 # Optimised builds of the library are small: it shares the memory and the disk of someone else's program. The files that
 # every position or row passes are compiled for speed. Debug builds and sanitizers are left as they are.
 option(TARVO_SMALL "Optimise the library for size" ON)
-set(tarvo_small_config "$<AND:$<BOOL:${TARVO_SMALL}>,$<NOT:$<CONFIG:Debug>>,$<NOT:$<BOOL:${TARVO_SANITIZE}>>>")
+set(tarvo_small_config 0)
+if(TARVO_SMALL AND NOT TARVO_SANITIZE)
+  set(tarvo_small_config $<NOT:$<CONFIG:Debug>>)
+endif()
 # Objects for both forms of the library: the shared one is optimised as a whole, the static one needs no such linker.
 set(tarvo_small_lto "$<AND:${tarvo_small_config},$<CXX_COMPILER_ID:GNU>>")
 
