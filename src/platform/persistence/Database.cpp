@@ -113,14 +113,17 @@ bool Execution::step() {
   return status == SQLITE_ROW;
 }
 
-bool Execution::isNull(int column) const { return sqlite3_column_type(statement_, column) == SQLITE_NULL; }
-std::int64_t Execution::integer(int column) const { return sqlite3_column_int64(statement_, column); }
-double Execution::number(int column) const { return sqlite3_column_double(statement_, column); }
+// One look-up of the column serves its type and its value. Nobody else uses the connection meanwhile.
+Cell Execution::cell(int column) const { return Cell(sqlite3_column_value(statement_, column)); }
 
-std::string_view Execution::text(int column) const {
-  const void* bytes = sqlite3_column_text(statement_, column);
+bool Cell::isNull() const { return sqlite3_value_type(value_) == SQLITE_NULL; }
+std::int64_t Cell::integer() const { return sqlite3_value_int64(value_); }
+double Cell::number() const { return sqlite3_value_double(value_); }
+
+std::string_view Cell::text() const {
+  const void* bytes = sqlite3_value_text(value_);
   if (!bytes) return {};
-  return {static_cast<const char*>(bytes), static_cast<std::size_t>(sqlite3_column_bytes(statement_, column))};
+  return {static_cast<const char*>(bytes), static_cast<std::size_t>(sqlite3_value_bytes(value_))};
 }
 
 Transaction::~Transaction() {

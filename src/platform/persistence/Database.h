@@ -16,6 +16,7 @@
 
 struct sqlite3;
 struct sqlite3_stmt;
+struct sqlite3_value;
 
 namespace tarvo::platform {
 
@@ -67,6 +68,20 @@ class Database {
   std::unordered_map<std::string, sqlite3_stmt*, TextHash, std::equal_to<>> statements_;
 };
 
+/// A column of the row that a statement stands on; valid until its next step.
+class Cell {
+ public:
+  bool isNull() const;
+  std::int64_t integer() const;
+  double number() const;
+  std::string_view text() const;
+
+ private:
+  friend class Execution;
+  explicit Cell(sqlite3_value* value) : value_(value) {}
+  sqlite3_value* value_;
+};
+
 /// One run of a prepared statement: bind, then step. Its end resets the statement and drops every binding.
 ///
 /// Bound texts must outlive it. One run of the same text at a time.
@@ -90,10 +105,9 @@ class Execution {
   Error error(StoreErrorCode code, std::string_view what) const { return database_.error(code, what); }
 
   /// Columns count from 0.
-  bool isNull(int column) const;
-  std::int64_t integer(int column) const;
-  double number(int column) const;
-  std::string_view text(int column) const;  ///< until the next step
+  Cell cell(int column) const;
+  std::int64_t integer(int column) const { return cell(column).integer(); }
+  std::string_view text(int column) const { return cell(column).text(); }
 
  private:
   friend class RowCodec;  ///< reads whole rows, each value with one look

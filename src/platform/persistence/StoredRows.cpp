@@ -6,28 +6,33 @@
 
 namespace tarvo::platform {
 std::optional<double> StoredRow::number(int column) const {
-  if (row_.isNull(column)) return std::nullopt;
-  return row_.number(column);
+  const Cell cell = row_.cell(column);
+  if (cell.isNull()) return std::nullopt;
+  return cell.number();
 }
 
 std::optional<std::int64_t> StoredRow::integer(int column) const {
-  if (row_.isNull(column)) return std::nullopt;
-  return row_.integer(column);
+  const Cell cell = row_.cell(column);
+  if (cell.isNull()) return std::nullopt;
+  return cell.integer();
 }
 
 std::optional<bool> StoredRow::boolean(int column) const {
-  if (row_.isNull(column)) return std::nullopt;
-  return row_.integer(column) != 0;
+  const Cell cell = row_.cell(column);
+  if (cell.isNull()) return std::nullopt;
+  return cell.integer() != 0;
 }
 
 std::optional<Date> StoredRow::date(int column) const {
-  if (row_.isNull(column)) return std::nullopt;
-  return dateSince1970(row_.number(column));
+  const Cell cell = row_.cell(column);
+  if (cell.isNull()) return std::nullopt;
+  return dateSince1970(cell.number());
 }
 
 std::optional<std::string_view> StoredRow::string(int column) const {
-  if (row_.isNull(column)) return std::nullopt;
-  return row_.text(column);
+  const Cell cell = row_.cell(column);
+  if (cell.isNull()) return std::nullopt;
+  return cell.text();
 }
 
 std::optional<Error> StoredRows::forEach(const std::vector<int>& attributes,
