@@ -12,8 +12,8 @@ namespace tarvo {
 /// The positions of a history, in its order. Those of the SDK stay in its store until they are asked for, so that a
 /// year of them takes no memory; which ones they are is fixed when the history is made.
 ///
-/// A plain value. Threads: any; reading waits for the store's other work. Errors: never throws; a failed read is
-/// logged and ends early.
+/// A plain value. Threads: any, one at a time for each object; reading waits for the store's other work.
+/// Errors: never throws; a failed read is logged and ends early.
 class TARVO_API LocationRecords {
  public:
   /// No positions.
@@ -23,7 +23,7 @@ class TARVO_API LocationRecords {
 
   std::size_t size() const;
   bool empty() const { return size() == 0; }
-  /// All of them in memory, some 600 bytes each; `LocationsHistory::toGeoJSON` needs far less.
+  /// All of them in memory, some 500 bytes each; `LocationsHistory::toGeoJSON` needs far less.
   std::vector<LocationRecord> toVector() const;
 
   /// Where the SDK reads them.

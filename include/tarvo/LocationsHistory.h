@@ -14,7 +14,8 @@ namespace tarvo {
 
 /// Positions or past trips of a span of time, and their forms for a map. A plain value.
 ///
-/// Threads: as a std::vector. Errors: never throws; a route that is no JSON is logged and skipped.
+/// Threads: any, one at a time for each object; forms of stored positions wait for the store's other work.
+/// Errors: never throws; a route that is no JSON is logged and skipped, a failed read is logged and ends early.
 class TARVO_API LocationsHistory {
  public:
   LocationRecords locations;              ///< by ascending index
