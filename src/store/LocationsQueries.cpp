@@ -20,6 +20,23 @@ namespace {
 /// What one upload batch may hold at most.
 constexpr std::size_t kBatchLimit = 1000;
 
+/// What the text of an upload is made of.
+const std::vector<std::string>& uploadedAttributes() {
+  static const auto* names = new std::vector<std::string>{"appName",
+                                                          "locationTimestamp",
+                                                          "eventTimestamp",
+                                                          "longitude",
+                                                          "latitude",
+                                                          "horizontalAccuracy",
+                                                          "speed",
+                                                          "course",
+                                                          "altitude",
+                                                          "index",
+                                                          "localisationMethod",
+                                                          "serviceAction"};
+  return *names;
+}
+
 /// "nil" stands for the index of an empty list's first and last record.
 std::optional<std::int64_t> firstIndex(const Locations::List& rows) {
   return rows.empty() ? std::nullopt : rows.front()->index();
@@ -63,7 +80,8 @@ Locations::List Locations::getUnsentLocations(Context& context) {
       context, {.entity = std::string(kEntity),
                 .predicates = {{"unsent", Operator::equal, true}, {"sentWithoutACK", Operator::equal, false}},
                 .sortDescriptors = {{"index", true}},
-                .fetchLimit = kBatchLimit});
+                .fetchLimit = kBatchLimit,
+                .propertiesToFetch = uploadedAttributes()});
   if (!rows) {
     Log::error("Unresolved error ", errorAndUserInfo(rows.error()));
     return {};
@@ -83,7 +101,8 @@ Locations::List Locations::getSentWithoutACKLocations(Context& context) {
   auto rows = fetchAs<Locations>(context, {.entity = std::string(kEntity),
                                            .predicates = {{"sentWithoutACK", Operator::equal, true}},
                                            .sortDescriptors = {{"index", true}},
-                                           .fetchLimit = kBatchLimit});
+                                           .fetchLimit = kBatchLimit,
+                                           .propertiesToFetch = uploadedAttributes()});
   if (!rows) {
     Log::error("Locations:getSentWithoutACKLocations Unresolved error ", errorAndUserInfo(rows.error()));
     return {};

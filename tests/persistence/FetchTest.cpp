@@ -91,9 +91,9 @@ void fill(TestStore& store) {
   }
 }
 
-void expectAllRequests(TestStore& store, const char* where) {
+void expectAllRequests(TestStore& store, const char* where, const std::vector<std::string>& properties = {}) {
   for (const auto& [predicates, sorts, expected, limit] : kRequests) {
-    const NSFetchRequest request{"Locations", predicates, sorts, limit};
+    const NSFetchRequest request{"Locations", predicates, sorts, limit, properties};
     std::string labels;
     for (const auto& object : store.fetch(request)) labels += *object->string(store.at("appAction"));
     EXPECT_EQ(labels, expected) << where << ", request " << &expected - &kRequests[0].expected;
@@ -116,7 +116,49 @@ TEST(Fetch, GivesTheSameFromTheFileAndFromMemory) {
     expectAllRequests(store, "inserted over deleted rows");
   });
   TestStore again(store.file);
-  again.run([&] { expectAllRequests(again, "read from the file"); });
+  again.run([&] {
+    expectAllRequests(again, "read from the file");
+    expectAllRequests(again, "labels read on demand", {"floor"});
+  });
+}
+
+TEST(Fetch, ReadsWhatItLeftOutWhenThatIsAskedForOrSet) {
+  test::TempDir dir;
+  {
+    TestStore store(dir.path() / "a.sqlite");
+    store.run([&] {
+      fill(store);
+      ASSERT_FALSE(store.context->save());
+    });
+  }
+  TestStore store(dir.path() / "a.sqlite");
+  const NSFetchRequest request{"Locations", {}, {{"index", false}}, 3, {"speed"}};
+  std::shared_ptr<NSManagedObject> unread;
+  store.run([&] {
+    auto rows = store.fetch(request);  // c, b, d
+    rows[0]->setString(store.at("localisationMethod"), "Wifi");
+    EXPECT_FALSE(store.context->hasChanges());
+    rows[1]->setString(store.at("localisationMethod"), "gps");
+    rows[1]->setBoolean(store.at("unsent"), std::nullopt);
+    ASSERT_FALSE(store.context->save());
+    EXPECT_EQ(rows[1]->string(store.at("appAction")), "b");
+    EXPECT_EQ(rows[1]->date(store.at("eventTimestamp")), dateSince1970(kJustBefore));
+    Execution(store.coordinator->store()->database(), "DELETE FROM Locations WHERE \"index\" = 7").step();
+    EXPECT_EQ(rows[2]->number(store.at("speed")), -1.0);
+    EXPECT_EQ(rows[2]->string(store.at("appAction")), std::nullopt);
+    rows.clear();
+    unread = store.fetch(request)[1];
+  });
+  TestStore other(dir.path() / "a.sqlite");
+  other.run([&] {
+    const auto row = other.fetch(request)[1];
+    EXPECT_EQ(row->string(other.at("localisationMethod")), "gps");
+    EXPECT_EQ(row->boolean(other.at("unsent")), std::nullopt);
+    EXPECT_EQ(row->integer(other.at("index")), 999);
+  });
+  store.context.reset();
+  EXPECT_EQ(unread->integer(store.at("index")), 999);
+  EXPECT_EQ(unread->string(store.at("appAction")), std::nullopt);
 }
 
 TEST(Fetch, LimitsAfterUnsavedChangesAreMergedIn) {
@@ -153,6 +195,7 @@ TEST(Fetch, FailsForNamesAndValuesThatDoNotFit) {
         {"Locations", {{"eventTimestamp", Op::equal, 1.0}}},
         {"Locations", {{"appName", Op::equal, true}}},
         {"Locations", {{"index", Op::equal, Date{}}}},
+        {"Locations", {}, {}, 0, {"nothing"}},
     };
     for (const auto& request : requests) {
       EXPECT_FALSE(store.context->fetch(request));

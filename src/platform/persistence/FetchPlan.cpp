@@ -36,6 +36,12 @@ bool satisfies(NSPredicate::Operator op, int order) {
   return false;
 }
 
+Result<int> positionOf(std::string_view attribute, const NSEntityDescription& entity) {
+  const int position = entity.attributeIndex(attribute);
+  if (position >= 0) return position;
+  return storeError(StoreErrorCode::coreData, concat(entity.name, " has no attribute ", attribute));
+}
+
 std::string_view comparison(NSPredicate::Operator op) {
   switch (op) {
     case NSPredicate::Operator::equal:
@@ -56,18 +62,18 @@ Result<FetchPlan> FetchPlan::compile(const NSEntityDescription& entity, const NS
   for (const NSPredicate& predicate : request.predicates)
     if (auto error = plan.add(predicate)) return *error;
   for (const NSSortDescriptor& sort : request.sortDescriptors) {
-    const int attribute = entity.attributeIndex(sort.attribute);
-    if (attribute < 0)
-      return storeError(StoreErrorCode::coreData, concat(entity.name, " has no attribute ", sort.attribute));
-    plan.sorts_.push_back({attribute, sort.ascending});
+    auto attribute = positionOf(sort.attribute, entity);
+    if (!attribute) return attribute.error();
+    plan.sorts_.push_back({*attribute, sort.ascending});
   }
+  if (auto error = plan.choose(request.propertiesToFetch)) return *error;
   return plan;
 }
 
 std::optional<Error> FetchPlan::add(const NSPredicate& predicate) {
-  const int attribute = entity_->attributeIndex(predicate.attribute);
-  if (attribute < 0)
-    return storeError(StoreErrorCode::coreData, concat(entity_->name, " has no attribute ", predicate.attribute));
+  auto position = positionOf(predicate.attribute, *entity_);
+  if (!position) return position.error();
+  const int attribute = *position;
   bool comparable = false;
   switch (entity_->attributes[static_cast<std::size_t>(attribute)].type) {
     case NSAttributeType::integer64:
@@ -95,6 +101,19 @@ std::optional<Error> FetchPlan::add(const NSPredicate& predicate) {
   if (comparable) return std::nullopt;
   return storeError(StoreErrorCode::coreData,
                     concat(entity_->name, ".", predicate.attribute, " cannot be compared with such a value"));
+}
+
+std::optional<Error> FetchPlan::choose(const std::vector<std::string>& properties) {
+  if (properties.empty()) attributes_ = entity_->allAttributes();
+  for (const std::string& property : properties) {
+    auto attribute = positionOf(property, *entity_);
+    if (!attribute) return attribute.error();
+    attributes_ |= std::uint64_t{1} << *attribute;
+  }
+  // Asked of each object as soon as others are unsaved.
+  for (const Condition& condition : conditions_) attributes_ |= std::uint64_t{1} << condition.attribute;
+  for (const Sort& sort : sorts_) attributes_ |= std::uint64_t{1} << sort.attribute;
+  return std::nullopt;
 }
 
 /// Against integers and Booleans. A bound between two integers is moved to the one that gives the same matches.

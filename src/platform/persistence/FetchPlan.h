@@ -43,6 +43,8 @@ class FetchPlan {
   /// " ORDER BY …" or nothing.
   std::string orderClause() const;
   const NSEntityDescription& entity() const { return *entity_; }
+  /// What to read of each row, a bit for each attribute.
+  std::uint64_t attributes() const { return attributes_; }
   const std::string& column(int attribute) const;
   /// Binds the parameters of `whereClause`; answers the first one left over. The plan must outlive the execution.
   int bind(Execution& execution) const;
@@ -66,6 +68,7 @@ class FetchPlan {
   explicit FetchPlan(const NSEntityDescription& entity) : entity_(&entity) {}
   /// Absent on success.
   std::optional<Error> add(const NSPredicate& predicate);
+  std::optional<Error> choose(const std::vector<std::string>& properties);
   bool addWhole(int attribute, Operator op, const NSPredicate::Constant& constant);
   bool addNumber(int attribute, Operator op, const NSPredicate::Constant& constant);
   void addWholeBound(int attribute, Operator op, double bound);
@@ -76,6 +79,7 @@ class FetchPlan {
   const NSEntityDescription* entity_;
   std::vector<Condition> conditions_;
   std::vector<Sort> sorts_;
+  std::uint64_t attributes_ = 0;
   bool limited_ = false;
   bool never_ = false;
 };

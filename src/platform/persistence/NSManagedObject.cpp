@@ -24,7 +24,8 @@ NSManagedObject::NSManagedObject(const NSEntityDescription& entity)
     : entity_(&entity), slots_(std::make_unique<Slot[]>(entity.attributes.size())) {}
 
 NSManagedObject::~NSManagedObject() {
-  for (std::uint64_t rest = present_ & entity_->texts; rest != 0; rest &= rest - 1)
+  const std::uint64_t texts = entity_->ofType[static_cast<std::size_t>(NSAttributeType::string)];
+  for (std::uint64_t rest = present_ & texts; rest != 0; rest &= rest - 1)
     InternedText::release(slots_[static_cast<std::size_t>(std::countr_zero(rest))].text);
   EntityObjects::countDestroyed();
 }
@@ -33,6 +34,11 @@ NSManagedObjectID NSManagedObject::objectID() const {
   const bool temporary = standing_ == Standing::inserted;
   if (temporary) temporaryIDTaken_ = true;
   return {entity_, key_, temporary, owner_ && !temporary ? owner_->storeUUID() : nullptr};
+}
+
+void NSManagedObject::readRest() const {
+  if (owner_) owner_->readRest(*this);
+  unread_ = 0;
 }
 
 void NSManagedObject::refuse(int attribute) const {
@@ -74,7 +80,7 @@ void NSManagedObject::assignNumber(int attribute, std::optional<double> value) {
 void NSManagedObject::assign(int attribute, std::optional<Slot> value) {
   if (owner_) owner_->requireCurrent();
   const auto position = static_cast<std::size_t>(attribute);
-  const bool isText = entity_->attributes[position].type == NSAttributeType::string;
+  const bool isText = entity_->isOfType(attribute, NSAttributeType::string);
   const bool wasPresent = isPresent(attribute);
   Slot& slot = slots_[position];
   // Equal texts share an address, so all kinds of slots compare by their bits.

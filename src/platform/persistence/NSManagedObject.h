@@ -40,7 +40,9 @@ class NSManagedObjectID {
 /// Threads: only inside a block of its context. Texts that repeat are kept once in memory.
 /// Memory: one heap block of 8 bytes an attribute beside the object itself.
 /// Numbers that are not one (NaN) count as absent, and -0 is 0: a store could keep neither.
-/// Outlives its context readable, as a record of none, while its model lives.
+/// Attributes that its fetch left out are read from the store when one of them is asked for or set; what cannot be read
+/// then is absent, with a line in the log.
+/// Outlives its context readable, as a record of none with what has been read, while its model lives.
 class NSManagedObject {
  public:
   explicit NSManagedObject(const NSEntityDescription& entity);
@@ -93,10 +95,14 @@ class NSManagedObject {
   };
   enum class Standing : std::uint8_t { unattached, inserted, clean, changed, deleted };
 
-  bool isPresent(int attribute) const { return (present_ >> attribute & 1U) != 0; }
+  bool isPresent(int attribute) const {
+    if ((unread_ >> attribute & 1U) != 0) [[unlikely]]
+      readRest();
+    return (present_ >> attribute & 1U) != 0;
+  }
+  void readRest() const;
   void require(int attribute, NSAttributeType type) const {
-    const auto position = static_cast<std::size_t>(attribute);
-    if (position >= entity_->attributes.size() || entity_->attributes[position].type != type) refuse(attribute);
+    if (!entity_->isOfType(attribute, type)) refuse(attribute);
   }
   [[noreturn]] void refuse(int attribute) const;
   /// Null when absent.
@@ -111,9 +117,10 @@ class NSManagedObject {
   const NSEntityDescription* entity_;
   EntityObjects* owner_ = nullptr;  ///< the context's objects of this entity, null outside a context
   std::unique_ptr<Slot[]> slots_;
-  std::uint64_t present_ = 0;
-  std::uint64_t changed_ = 0;  ///< set since the last save; kept while it stands in a store
-  std::int64_t key_ = 0;       ///< of its row; while inserted the number of its insertion
+  mutable std::uint64_t present_ = 0;
+  mutable std::uint64_t unread_ = 0;  ///< left out by the fetch
+  std::uint64_t changed_ = 0;         ///< set since the last save; kept while it stands in a store
+  std::int64_t key_ = 0;              ///< of its row; while inserted the number of its insertion
   Standing standing_ = Standing::unattached;
   mutable bool temporaryIDTaken_ = false;
 };

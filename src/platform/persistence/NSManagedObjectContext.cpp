@@ -195,13 +195,14 @@ Result<std::shared_ptr<NSManagedObject>> NSManagedObjectContext::existingObject(
   if (!store) return noStoreError("fetch");
   if (key == 0 || (id.storeUUID && *id.storeUUID != *store->uuid())) return missingObject(id);
 
-  Execution row(store->database(), concat(store->selectText(*id.entity), " WHERE \"_key\" = ?1"));
+  RowCodec codec(*id.entity, id.entity->allAttributes());
+  Execution row(store->database(), concat(codec.selectText(), " WHERE \"_key\" = ?1"));
   row.bind(1, key);
   const bool exists = row.step();
   if (row.failed()) return row.error(StoreErrorCode::operation, "The record could not be read");
   if (!exists) return missingObject(id);
-  auto object = objects.registerNew(key);
-  RowCodec(*id.entity).read(row, 1, *object);
+  auto object = objects.registerNew(key, id.entity->allAttributes());
+  codec.read(row, *object);
   return object;
 }
 

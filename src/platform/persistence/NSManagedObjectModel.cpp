@@ -61,7 +61,7 @@ bool readAttributes(const Dictionary& description, NSEntityDescription& entity) 
     auto name = nameIn(*attribute);
     auto type = typeNamed(findString(*attribute, "type").value_or(""));
     if (!name || !type || entity.attributeIndex(*name) >= 0) return false;
-    if (*type == NSAttributeType::string) entity.texts |= std::uint64_t{1} << entity.attributes.size();
+    entity.ofType[static_cast<std::size_t>(*type)] |= std::uint64_t{1} << entity.attributes.size();
     entity.attributes.push_back({*name, *type});
   }
   return true;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -36,10 +38,15 @@ using NSManagedObjectFactory = std::shared_ptr<NSManagedObject> (*)(const NSEnti
 struct NSEntityDescription {
   std::string name;
   std::vector<NSAttributeDescription> attributes;
-  std::uint64_t texts = 0;  ///< bit i: attribute i is a text
+  std::array<std::uint64_t, 5> ofType{};  ///< for each type, bit i: attribute i is of it
   std::vector<NSIndexDescription> indexes;
   NSManagedObjectFactory factory = nullptr;  ///< makes objects of the entity's class; null: plain objects
 
+  /// One bit for each attribute.
+  std::uint64_t allAttributes() const { return attributes.empty() ? 0 : ~std::uint64_t{0} >> (64 - attributes.size()); }
+  bool isOfType(int attribute, NSAttributeType type) const {
+    return static_cast<unsigned>(attribute) < 64 && (ofType[static_cast<std::size_t>(type)] >> attribute & 1U) != 0;
+  }
   /// Position in `attributes`, or -1.
   int attributeIndex(std::string_view attribute) const;
 };

@@ -5,29 +5,38 @@
 #include <bit>
 #include <cstddef>
 
+#include "platform/foundation/Text.h"
 #include "platform/persistence/InternedText.h"
 
 namespace tarvo::platform {
 
-RowCodec::RowCodec(const NSEntityDescription& entity) : entity_(entity), latest_(entity.attributes.size()) {}
+RowCodec::RowCodec(const NSEntityDescription& entity, std::uint64_t attributes)
+    : entity_(entity), attributes_(attributes), latest_(entity.attributes.size()) {}
 
 RowCodec::~RowCodec() {
   for (const InternedText* text : latest_)
     if (text) InternedText::release(text);
 }
 
-void RowCodec::read(const Execution& row, int firstColumn, NSManagedObject& object) {
+std::string RowCodec::selectText() const {
+  std::string sql = "SELECT \"_key\"";
+  for (std::uint64_t rest = attributes_; rest != 0; rest &= rest - 1)
+    sql += concat(", \"", entity_.attributes[static_cast<std::size_t>(std::countr_zero(rest))].name, "\"");
+  return sql + concat(" FROM \"", entity_.name, "\"");
+}
+
+void RowCodec::read(const Execution& row, const NSManagedObject& object) {
   NSManagedObject::Slot* const slots = object.slots_.get();
   const InternedText** const latest = latest_.data();
   std::uint64_t present = 0;
-  std::size_t i = 0;
-  for (const NSAttributeDescription& attribute : entity_.attributes) {
-    const std::size_t position = i++;
+  int column = 0;
+  for (std::uint64_t rest = attributes_; rest != 0; rest &= rest - 1) {
+    const auto position = static_cast<std::size_t>(std::countr_zero(rest));
     // Allowed without a copy: the connection is used by one thread at a time.
-    sqlite3_value* value = sqlite3_column_value(row.statement_, firstColumn + static_cast<int>(position));
+    sqlite3_value* value = sqlite3_column_value(row.statement_, ++column);
     if (sqlite3_value_type(value) == SQLITE_NULL) continue;
     NSManagedObject::Slot& slot = slots[position];
-    switch (attribute.type) {
+    switch (entity_.attributes[position].type) {
       case NSAttributeType::integer64:
         slot.integer = sqlite3_value_int64(value);
         break;
@@ -53,7 +62,7 @@ void RowCodec::read(const Execution& row, int firstColumn, NSManagedObject& obje
     }
     present |= std::uint64_t{1} << position;
   }
-  object.present_ = present;
+  object.present_ |= present;
 }
 
 bool RowCodec::changesEqually(const NSManagedObject& a, const NSManagedObject& b) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <string>
 #include <vector>
 
 #include "platform/persistence/Database.h"
@@ -13,19 +15,23 @@ namespace tarvo::platform {
 /// again.
 class RowCodec {
  public:
-  explicit RowCodec(const NSEntityDescription& entity);
+  /// Bit i of `attributes`: attribute i is to be read.
+  RowCodec(const NSEntityDescription& entity, std::uint64_t attributes);
   ~RowCodec();
   RowCodec(const RowCodec&) = delete;
   RowCodec& operator=(const RowCodec&) = delete;
 
-  /// Fills an object without values from a row that has all attributes in order, the first at `firstColumn`.
-  void read(const Execution& row, int firstColumn, NSManagedObject& object);
+  /// "SELECT _key, the attributes FROM table", to be completed by clauses.
+  std::string selectText() const;
+  /// Fills the attributes, which have no values yet, from a row of such a query.
+  void read(const Execution& row, const NSManagedObject& object);
   /// Whether both objects have changed in the same attributes, and to the same values.
   static bool changesEqually(const NSManagedObject& a, const NSManagedObject& b);
   static void bind(Execution& execution, int parameter, const NSManagedObject& object, int attribute);
 
  private:
   const NSEntityDescription& entity_;
+  const std::uint64_t attributes_;
   std::vector<const InternedText*> latest_;  ///< text of the row before, for each attribute
 };
 

@@ -14,24 +14,24 @@ using Store = NSPersistentStoreCoordinator::Store;
 namespace {
 
 /// Fills what `found` lacks: the objects of rows that nobody uses, each at the place of its key.
-std::optional<Error> readMissing(Store& store, EntityObjects& objects, const std::vector<std::int64_t>& keys,
-                                 Objects& found) {
+std::optional<Error> readMissing(Store& store, EntityObjects& objects, const FetchPlan& plan,
+                                 const std::vector<std::int64_t>& keys, Objects& found) {
   std::string sql;
-  RowCodec codec(objects.entity());
+  RowCodec codec(plan.entity(), plan.attributes());
   for (std::size_t first = 0; first < keys.size(); ++first) {
     if (found[first]) continue;
     // Rows mostly stand in the file in the order of the answer: a run of neighbours is one pass, upwards or downwards.
     std::size_t last = first;
     const std::int64_t step = first + 1 < keys.size() && keys[first + 1] < keys[first] ? -1 : 1;
     while (last + 1 < keys.size() && !found[last + 1] && keys[last + 1] == keys[last] + step) ++last;
-    if (sql.empty()) sql = concat(store.selectText(objects.entity()), " WHERE \"_key\" BETWEEN ?1 AND ?2");
+    if (sql.empty()) sql = concat(codec.selectText(), " WHERE \"_key\" BETWEEN ?1 AND ?2");
     Execution rows(store.database(), sql);
     rows.bind(1, std::min(keys[first], keys[last]));
     rows.bind(2, std::max(keys[first], keys[last]));
     while (rows.step()) {
       const std::int64_t key = rows.integer(0);
-      auto object = objects.registerNew(key);
-      codec.read(rows, 1, *object);
+      auto object = objects.registerNew(key, plan.attributes());
+      codec.read(rows, *object);
       found[first + static_cast<std::size_t>((key - keys[first]) * step)] = std::move(object);
     }
     if (rows.failed()) return rows.error(StoreErrorCode::operation, "The records could not be read");
@@ -66,7 +66,7 @@ Result<Objects> fetchRows(Store& store, EntityObjects& objects, const FetchPlan&
     }
     if (rows.failed()) return rows.error(StoreErrorCode::operation, "The records could not be read");
   }
-  if (auto error = readMissing(store, objects, keys, found)) return *error;
+  if (auto error = readMissing(store, objects, plan, keys, found)) return *error;
   return found;
 }
 

@@ -50,12 +50,8 @@ Error unknownEntity(const NSEntityDescription& entity) {
 NSPersistentStoreCoordinator::Store::Store(std::unique_ptr<Database> database, std::string uuid,
                                            const std::vector<const NSEntityDescription*>& entities)
     : database_(std::move(database)), uuid_(std::make_shared<const std::string>(std::move(uuid))) {
-  for (const NSEntityDescription* entity : entities) {
-    std::string select = "SELECT \"_key\"";
-    for (const auto& attribute : entity->attributes) select += concat(", \"", attribute.name, "\"");
-    select += concat(" FROM \"", entity->name, "\"");
-    tables_.push_back({entity, std::move(select), insertText(*entity), std::nullopt, std::nullopt});
-  }
+  for (const NSEntityDescription* entity : entities)
+    tables_.push_back({entity, insertText(*entity), std::nullopt, std::nullopt});
 }
 
 NSPersistentStoreCoordinator::Store::Table* NSPersistentStoreCoordinator::Store::table(
@@ -63,12 +59,6 @@ NSPersistentStoreCoordinator::Store::Table* NSPersistentStoreCoordinator::Store:
   for (Table& table : tables_)
     if (table.entity == &entity) return &table;
   return nullptr;
-}
-
-std::string NSPersistentStoreCoordinator::Store::selectText(const NSEntityDescription& entity) const {
-  for (const Table& table : tables_)
-    if (table.entity == &entity) return table.select;
-  return {};
 }
 
 Result<std::int64_t> NSPersistentStoreCoordinator::Store::rowCount(const NSEntityDescription& entity) {

@@ -35,8 +35,6 @@ struct NSPersistentStoreCoordinator::Store {
   Database& database() { return *database_; }
   const std::shared_ptr<const std::string>& uuid() const { return uuid_; }
 
-  /// "SELECT _key, all attributes in order FROM table", to be completed by clauses.
-  std::string selectText(const NSEntityDescription& entity) const;
   /// The number of rows; costs nothing once it is known.
   Result<std::int64_t> rowCount(const NSEntityDescription& entity);
   /// The number of rows that match a plan with conditions.
@@ -51,7 +49,6 @@ struct NSPersistentStoreCoordinator::Store {
  private:
   struct Table {
     const NSEntityDescription* entity;
-    std::string select;
     std::string insert;
     std::optional<std::int64_t> rows;     ///< known once somebody has asked
     std::optional<std::int64_t> lastKey;  ///< highest ever given out; known from the first insert on
