@@ -1,6 +1,7 @@
 #include "engine/PositionWriter.h"
 
 #include "log/Log.h"
+#include "platform/location/Geodesy.h"
 #include "settings/Settings.h"
 #include "store/Locations.h"
 
@@ -15,8 +16,7 @@ void PositionWriter::addNewLocationToDatabase(std::vector<platform::CLLocation> 
     auto& context = store_.managedObjectContext();
     context.performAndWait([&] {
       for (const auto& location : locations) {
-        Log::debug("LocationManager:addNewLocationToDatabase [loc] loc:", location.description(),
-                   " mainThread:", mainThread());
+        Log::debug("LocationManager:addNewLocationToDatabase [loc] loc:", location, " mainThread:", mainThread());
         if (Locations::addLocation(location, activity, method, context, serviceaction)) store_.saveContext();
       }
     });

@@ -25,6 +25,23 @@ namespace {
 
 std::atomic<std::int64_t> logLevel{Log::kOff};
 
+/// The level in the user defaults, 0 for none: looked up when any of them has changed.
+std::int64_t configuredLevel() {
+  struct Latest {
+    platform::Mutex mutex;
+    std::uint64_t changes GUARDED_BY(mutex) = 0;
+    std::int64_t level GUARDED_BY(mutex) = 0;
+  };
+  static auto* latest = new Latest;
+  const platform::UserDefaults& defaults = platform::UserDefaults::standard();
+  platform::MutexLock lock(latest->mutex);
+  if (const auto changes = defaults.changes(); changes != latest->changes) {
+    latest->changes = changes;
+    latest->level = defaults.integer(names::kLogLevel);
+  }
+  return latest->level;
+}
+
 /// The name of a level, empty for a level that has none and so writes no line.
 std::string_view levelName(std::int64_t level) {
   switch (level) {
@@ -131,12 +148,13 @@ void Log::append(std::shared_ptr<const std::string> file, std::string text) {
 std::string Log::todaysFilePrefix() { return platform::concat(kFilePrefix, "_", dayOf(currentStamp())); }
 
 void Log::debugLog(std::int64_t level, std::initializer_list<platform::Piece> parts) {
-  debugLog(level, platform::concatenated(parts));
+  platform::TextBuilder message;
+  platform::appendPieces(message, parts);
+  debugLog(level, message.view());
 }
 
 void Log::debugLog(std::int64_t level, std::string_view message) {
-  if (const auto configured = platform::UserDefaults::standard().integer(names::kLogLevel); configured != 0)
-    logLevel.store(configured);
+  if (const auto configured = configuredLevel(); configured != 0) logLevel.store(configured);
   platform::NSLog(message);
   if (logLevel.load() == kOff) return;
   const auto user = Settings::shared().userUUID();

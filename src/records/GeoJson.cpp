@@ -33,29 +33,29 @@ class FeatureWriter {
   bool finish() {
     if (!latest_) return false;
     if (featureIsOpen_) {
-      append(out_, ",");
+      out_ += ",";
       // The blank before the comma sets the last position apart; readers of the text rely on it.
       write(*latest_, " ,");
     } else {
       write(*latest_);
     }
-    append(out_, "]},");
-    append(out_, styleOf(disabled_));
-    append(out_, "}}]}");
+    out_ += "]},";
+    out_ += styleOf(disabled_);
+    out_ += "}}]}";
     return true;
   }
 
  private:
   void write(const RoutePoint& position) {
     if (!featureIsOpen_) {
-      append(out_, R"({ "type":"FeatureCollection","features":[{)");
+      out_ += R"({ "type":"FeatureCollection","features":[{)";
       openFeature(position);
     } else if (position.isDisabled == disabled_) {
-      append(out_, ",");
+      out_ += ",";
     } else {
-      append(out_, "]},");
-      append(out_, styleOf(disabled_));
-      append(out_, "}},{");
+      out_ += "]},";
+      out_ += styleOf(disabled_);
+      out_ += "}},{";
       openFeature(position);
     }
     write(position, ",");
@@ -73,9 +73,9 @@ class FeatureWriter {
   }
 
   void openFeature(const RoutePoint& first) {
-    append(out_, R"("type":"Feature","geometry":{"type":")");
-    append(out_, geometry_);
-    append(out_, R"(","coordinates":[)");
+    out_ += R"("type":"Feature","geometry":{"type":")";
+    out_ += geometry_;
+    out_ += R"(","coordinates":[)";
     featureIsOpen_ = true;
     disabled_ = first.isDisabled;
   }

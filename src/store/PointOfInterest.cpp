@@ -56,7 +56,7 @@ PointOfInterest::List PointOfInterest::getPOIs(Context& context) {
     return {};
   }
   std::string list = "[";
-  for (const auto& poi : *pois) platform::append(list, (list.size() > 1 ? ", " : "") + poi->description());
+  for (const auto& poi : *pois) list += platform::concat(list.size() > 1 ? ", " : "", poi->description());
   Log::debug("PointOfInterest:getPOIs pois ", pois->size(), ": ", list, "]");
   return std::move(*pois);
 }

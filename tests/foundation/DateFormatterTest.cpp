@@ -3,6 +3,10 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <cmath>
+
+#include "platform/foundation/Text.h"
+
 namespace tarvo::platform {
 namespace {
 
@@ -96,10 +100,22 @@ TEST(DateFormatter, KeepsItsLocaleAndFollowsTheDevicesZone) {
   EXPECT_EQ(formatter.string(dateSince1970(1488442530)), "Thu 2 Mar 2017 08:15 +0000");
 }
 
-TEST(DateFormatter, WritesTheShortDateAndFullTimeOfTheDevice) {
+TEST(LocalizedTime, IsTheShortDateAndFullTimeOfTheDevice) {
   ::setenv("LC_ALL", "en_US.UTF-8", 1);
   ::setenv("TZ", "UTC", 1);
-  EXPECT_EQ(localizedShortDateFullTime(dateSince1970(1238589622)), "4/1/09, 12:40:22 PM Coordinated Universal Time");
+  EXPECT_EQ(concat(LocalizedTime{dateSince1970(1238589622)}), "4/1/09, 12:40:22 PM Coordinated Universal Time");
+}
+
+TEST(LocalizedTime, IsTheSameWhateverTheMinuteBefore) {
+  // Monrovia was 44 and a half minutes from UTC until 1972, so its minutes begin with our 30th second.
+  ::setenv("LC_ALL", "en_US.UTF-8", 1);
+  ::setenv("TZ", "Africa/Monrovia", 1);
+  const DateFormatter whole("M/d/yy, h:mm:ss a zzzz");
+  for (const double time : {0.0, 29.0, 30.0, 59.5, -0.5, -61.0, 1718445600.0, 1718445609.999, 1718445659.0,
+                            1718445661.0, 1718445600.0, std::nan("")}) {
+    const Date date = dateSince1970(time);
+    EXPECT_EQ(concat(LocalizedTime{date}), whole.string(date)) << time;
+  }
 }
 
 }  // namespace

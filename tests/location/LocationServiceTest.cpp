@@ -9,7 +9,8 @@
 #include <tarvo/platform/SystemLog.h>
 
 #include "location/Delivery.h"
-#include "platform/foundation/DateFormatter.h"
+#include "platform/foundation/Text.h"
+#include "platform/location/Geodesy.h"
 
 namespace tarvo::platform {
 namespace {
@@ -377,15 +378,22 @@ TEST(Location, PrintsItselfAndMeasuresAlongTheGeodesic) {
   EXPECT_NEAR(east.distanceFrom(west), 111319.490793, 1e-5);  // one degree of the equator, across the date line
 }
 
-TEST(Location, PrintsItsDateInTheZoneOfTheDeviceWhateverTheMinuteBefore) {
-  // Monrovia was 44 and a half minutes from UTC until 1972, so its minutes begin with our 30th second.
-  ::setenv("TZ", "Africa/Monrovia", 1);
-  CLLocation fix;
-  for (const double time : {0.0, 29.0, 30.0, 59.5, -0.5, -61.0, 1718445600.0, 1718445609.999, 1718445659.0,
-                            1718445661.0, 1718445600.0, 1e300, std::nan("")}) {
-    fix.timestamp = dateSince1970(time);
-    EXPECT_TRUE(fix.description().ends_with(localizedShortDateFullTime(fix.timestamp))) << time << fix.description();
-  }
+TEST(Location, RoundsDecimalsAsTheNumberStandsInMemory) {
+  const struct {
+    Fixed number;
+    const char* text;
+  } cases[] = {{{0.125, 2}, "0.12"},
+               {{0.375, 2}, "0.38"},
+               {{2.675, 2}, "2.67"},
+               {{-0.001, 2, true}, "-0.00"},
+               {{0, 2, true}, "+0.00"},
+               {{999999.999, 2}, "1000000.00"},
+               {{179.999999996, 8}, "180.00000000"},
+               {{-1, 2}, "-1.00"},
+               {{1e9 + 0.5, 0}, "1000000000"},
+               {{1e22, 2}, "10000000000000000000000.00"},
+               {{std::nan(""), 2, true}, "+nan"}};
+  for (const auto& [number, text] : cases) EXPECT_EQ(concat(number), text);
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <utility>
+#include <vector>
 
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/Timer.h"
@@ -16,9 +18,18 @@ class SystemClock final : public Clock {
   std::optional<Seconds> realTimeUntil(Date date) const override { return date - now(); }
 };
 
+/// Each clock is kept for good: somebody may just be reading it.
 struct Installed {
+  std::atomic<Clock*> latest;
   Mutex mutex;
-  std::shared_ptr<Clock> clock GUARDED_BY(mutex) = std::make_shared<SystemClock>();
+  std::vector<std::shared_ptr<Clock>> all GUARDED_BY(mutex);
+
+  Installed() { add(std::make_shared<SystemClock>()); }
+  void add(std::shared_ptr<Clock> clock) {
+    MutexLock lock(mutex);
+    latest = clock.get();
+    all.push_back(std::move(clock));
+  }
 };
 
 Installed& installed() {
@@ -28,17 +39,10 @@ Installed& installed() {
 
 }  // namespace
 
-std::shared_ptr<Clock> Clock::current() {
-  MutexLock lock(installed().mutex);
-  return installed().clock;
-}
+std::shared_ptr<Clock> Clock::current() { return {std::shared_ptr<Clock>(), installed().latest.load()}; }
 
 void Clock::install(std::shared_ptr<Clock> clock) {
-  if (!clock) clock = std::make_shared<SystemClock>();
-  {
-    MutexLock lock(installed().mutex);
-    installed().clock = std::move(clock);
-  }
+  installed().add(clock ? std::move(clock) : std::make_shared<SystemClock>());
   clockMoved();
 }
 

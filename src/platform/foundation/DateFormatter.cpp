@@ -4,6 +4,7 @@
 #include <unicode/udat.h>
 #include <unicode/ustring.h>
 
+#include <algorithm>
 #include <cmath>
 #include <utility>
 
@@ -56,17 +57,18 @@ UDate milliseconds(Date date) {
   return whole / 1000 == seconds ? whole : std::floor(seconds * 1000);
 }
 
-std::string format(const UDateFormat* formatter, UDate instant) {
+/// Empty for what is no instant. `field`: which field to look for, and where it was found.
+std::u16string format(const UDateFormat* formatter, UDate instant, UFieldPosition* field = nullptr) {
   if (!std::isfinite(instant)) return {};
   std::u16string out(128, u'\0');
   for (;;) {
     UErrorCode status = U_ZERO_ERROR;
     const int32_t length =
-        udat_format(formatter, instant, out.data(), static_cast<int32_t>(out.size()), nullptr, &status);
+        udat_format(formatter, instant, out.data(), static_cast<int32_t>(out.size()), field, &status);
     const bool tooShort = status == U_BUFFER_OVERFLOW_ERROR;
     if (U_FAILURE(status) && !tooShort) return {};
     out.resize(static_cast<std::size_t>(length));
-    if (!tooShort) return utf8(out);
+    if (!tooShort) return out;
   }
 }
 
@@ -112,7 +114,7 @@ std::string DateFormatter::string(Date date) const {
   const UDate instant = milliseconds(date);
   MutexLock lock(state_->mutex);
   if (instant != state_->instant) {
-    state_->text = format(state_->format.get(), instant);
+    state_->text = utf8(format(state_->format.get(), instant));
     state_->instant = instant;
   }
   return state_->text;
@@ -138,24 +140,63 @@ std::optional<Date> DateFormatter::date(std::string_view text) const {
   return dateSince1970(parsed / 1000);
 }
 
-std::string localizedShortDateFullTime(Date date) {
-  struct Shared {
-    Mutex mutex;
-    Format format GUARDED_BY(mutex);
-  };
-  static Shared* shared = new Shared;
-  MutexLock lock(shared->mutex);
-  if (!shared->format) {
-    UErrorCode status = U_ZERO_ERROR;
-    shared->format.reset(udat_open(UDAT_FULL, UDAT_SHORT, nullptr, nullptr, 0, nullptr, 0, &status));
-    if (U_FAILURE(status)) return {};
+namespace {
+
+/// Fixes follow each other by the second, and within a minute only the two digits of the seconds differ.
+class LocalizedFormat {
+ public:
+  void append(TextBuilder& out, Date date) {
+    const double second = std::floor(secondsSince1970(date));
+    const double minute = std::floor(second / 60) * 60;
+    MutexLock lock(mutex_);
+    if (!isOpen()) return;
+    if (minute != minute_) keep(minute);
+    if (!hasSeconds_) return out.add(text(format(format_.get(), milliseconds(date))));
+    const auto digits = static_cast<int>(second - minute);
+    out.add(beforeSeconds_);
+    out.add(static_cast<char>('0' + digits / 10));
+    out.add(static_cast<char>('0' + digits % 10));
+    out.add(afterSeconds_);
   }
-  std::string text = format(shared->format.get(), milliseconds(date));
-  // One form whatever the locale data's age: newer data has a narrow no-break blank before "PM".
-  constexpr std::string_view kNarrowBlank = "\u202F";
-  for (std::size_t at = text.find(kNarrowBlank); at != std::string::npos; at = text.find(kNarrowBlank, at))
-    text.replace(at, kNarrowBlank.size(), " ");
-  return text;
+
+ private:
+  bool isOpen() REQUIRES(mutex_) {
+    UErrorCode status = U_ZERO_ERROR;
+    if (!format_) format_.reset(udat_open(UDAT_FULL, UDAT_SHORT, nullptr, nullptr, 0, nullptr, 0, &status));
+    return U_SUCCESS(status);
+  }
+
+  /// There are no such digits in a locale with others than ours, and in a zone that is not whole minutes from UTC.
+  void keep(double minute) REQUIRES(mutex_) {
+    UFieldPosition seconds{UDAT_SECOND_FIELD, 0, 0};
+    const std::u16string whole = format(format_.get(), milliseconds(dateSince1970(minute)), &seconds);
+    const auto begin = static_cast<std::size_t>(seconds.beginIndex);
+    minute_ = minute;
+    hasSeconds_ = seconds.endIndex - seconds.beginIndex == 2 && whole.compare(begin, 2, u"00") == 0;
+    if (!hasSeconds_) return;
+    beforeSeconds_ = text(whole.substr(0, begin));
+    afterSeconds_ = text(whole.substr(begin + 2));
+  }
+
+  /// One form whatever the locale data's age: newer data has a narrow no-break blank before "PM".
+  static std::string text(std::u16string formatted) {
+    std::replace(formatted.begin(), formatted.end(), u'\u202F', u' ');
+    return utf8(formatted);
+  }
+
+  Mutex mutex_;
+  Format format_ GUARDED_BY(mutex_);
+  double minute_ GUARDED_BY(mutex_) = std::nan("");
+  bool hasSeconds_ GUARDED_BY(mutex_) = false;
+  std::string beforeSeconds_ GUARDED_BY(mutex_);
+  std::string afterSeconds_ GUARDED_BY(mutex_);
+};
+
+}  // namespace
+
+void append(TextBuilder& out, const LocalizedTime& time) {
+  static auto* const shared = new LocalizedFormat;
+  shared->append(out, time.date);
 }
 
 }  // namespace tarvo::platform

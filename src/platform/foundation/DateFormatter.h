@@ -7,6 +7,8 @@
 
 #include <tarvo/platform/Date.h>
 
+#include "platform/foundation/TextBuilder.h"
+
 namespace tarvo::platform {
 
 /// Formats and parses dates by a pattern of Unicode TR 35, locale en_US_POSIX, Gregorian calendar, strict.
@@ -29,7 +31,11 @@ class DateFormatter {
   std::unique_ptr<State> state_;
 };
 
-/// `4/1/09, 12:40:22 PM Coordinated Universal Time`: short date and full time in the device's locale and zone.
-std::string localizedShortDateFullTime(Date date);
+/// A date to be printed as `4/1/09, 12:40:22 PM Coordinated Universal Time`: short date and full time in the device's
+/// locale and zone. Dates of one minute cost little more than their characters. Threads: any.
+struct LocalizedTime {
+  Date date;
+};
+void append(TextBuilder& out, const LocalizedTime& time);
 
 }  // namespace tarvo::platform

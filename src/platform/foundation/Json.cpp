@@ -139,7 +139,7 @@ bool write(std::string& out, const Value& value, std::size_t depth) {
   } else {
     const auto number = value.asDouble();
     if (number && !std::isfinite(*number)) return false;
-    append(out, value);
+    out += concat(value);
   }
   return true;
 }

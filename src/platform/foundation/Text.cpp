@@ -9,15 +9,6 @@
 namespace tarvo::platform {
 namespace {
 
-/// One allocation for most messages.
-constexpr std::size_t kTypicalMessage = 200, kTypicalPiece = 16;
-
-template <class T>
-void appendPrinted(std::string& out, T value) {
-  char buffer[kLongestPrinted];
-  out.append(buffer, static_cast<std::size_t>(print(buffer, value) - buffer));
-}
-
 char* printText(char* out, std::string_view text) {
   std::memcpy(out, text.data(), text.size());
   return out + text.size();
@@ -51,25 +42,6 @@ char* printFewDecimals(char* out, double value) {
   return out;
 }
 
-void appendNested(std::string& out, const Value& value) {
-  if (const std::string* text = value.asString()) {
-    out.push_back('"');
-    out.append(*text);
-    out.push_back('"');
-  } else {
-    append(out, value);
-  }
-}
-
-void append(std::string& out, const Array& array) {
-  out.push_back('[');
-  for (std::size_t i = 0; i < array.size(); ++i) {
-    if (i > 0) out.append(", ");
-    appendNested(out, array[i]);
-  }
-  out.push_back(']');
-}
-
 }  // namespace
 
 char* print(char* out, double value) {
@@ -80,6 +52,7 @@ char* print(char* out, double value) {
 }
 
 char* print(char* out, std::int64_t value) { return std::to_chars(out, out + kLongestPrinted, value).ptr; }
+char* print(char* out, std::uint64_t value) { return std::to_chars(out, out + kLongestPrinted, value).ptr; }
 
 char* print(char* out, Date value) {
   using namespace std::chrono;
@@ -107,81 +80,29 @@ char* print(char* out, Date value) {
   return printText(out, " +0000");
 }
 
-void append(std::string& out, double value) { appendPrinted(out, value); }
-void append(std::string& out, std::int64_t value) { appendPrinted(out, value); }
-void append(std::string& out, Date value) { appendPrinted(out, value); }
-
-void append(std::string& out, std::uint64_t value) {
-  char buffer[20];
-  out.append(buffer, std::to_chars(buffer, buffer + sizeof buffer, value).ptr);
+void TextBuilder::makeRoom() {
+  text_.append(buffer_.data(), next_);
+  next_ = buffer_.data();
 }
 
-void append(std::string& out, const Value& value) {
-  if (value.isNull()) {
-    out.append("<null>");
-  } else if (auto boolean = value.asBool()) {
-    append(out, *boolean);
-  } else if (auto integer = value.asInteger()) {
-    append(out, *integer);
-  } else if (auto number = value.asDouble()) {
-    append(out, *number);
-  } else if (const std::string* text = value.asString()) {
-    out.append(*text);
-  } else if (const Array* array = value.asArray()) {
-    append(out, *array);
-  } else {
-    append(out, *value.asDictionary());
-  }
+void TextBuilder::addToText(std::string_view piece) {
+  makeRoom();
+  text_.append(piece);
 }
 
-void append(std::string& out, const Dictionary& value) {
-  if (value.empty()) {
-    out.append("[:]");
-    return;
-  }
-  out.push_back('[');
-  bool first = true;
-  for (const auto& [key, entry] : value) {
-    if (!first) out.append(", ");
-    first = false;
-    out.push_back('"');
-    out.append(key);
-    out.append("\": ");
-    appendNested(out, entry);
-  }
-  out.push_back(']');
+std::string TextBuilder::finished() {
+  makeRoom();
+  return std::move(text_);
 }
 
-void append(std::string& out, const Error& value) { out.append(value.description()); }
+void appendPieces(TextBuilder& out, std::initializer_list<Piece> pieces) {
+  for (const Piece& piece : pieces) piece.appendTo(out);
+}
 
 std::string concatenated(std::initializer_list<Piece> pieces) {
-  std::string out;
-  out.reserve(std::max(kTypicalMessage, kTypicalPiece * pieces.size()));
-  for (const Piece& piece : pieces) piece.appendTo(out);
-  return out;
-}
-
-std::string printedOptional(const std::optional<std::string>& text) {
-  return text ? "Optional(\"" + *text + "\")" : "nil";
-}
-
-std::string errorAndUserInfo(const Error& error) { return concat(error, ", ", error.userInfo); }
-
-std::string Error::description() const {
-  std::string out = concat("Error Domain=", domain, " Code=", code, " \"",
-                           localizedDescription.empty() ? "(null)" : localizedDescription, "\"");
-  if (userInfo.empty()) return out;
-  out.append(" UserInfo={");
-  bool first = true;
-  for (const auto& [key, entry] : userInfo) {
-    if (!first) out.append(", ");
-    first = false;
-    tarvo::platform::append(out, std::string_view(key));
-    out.push_back('=');
-    tarvo::platform::append(out, entry);
-  }
-  out.push_back('}');
-  return out;
+  TextBuilder out;
+  appendPieces(out, pieces);
+  return out.finished();
 }
 
 }  // namespace tarvo::platform

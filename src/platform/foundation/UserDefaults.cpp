@@ -29,6 +29,7 @@ struct UserDefaults::State {
   bool keptInMemory = false;
   std::atomic<bool> complained = false;
 
+  std::atomic<std::uint64_t> changes = 1;  ///< grows under `mutex`, behind what has changed
   Mutex writing;
   bool written GUARDED_BY(writing) = true;
   Mutex mutex;
@@ -61,6 +62,7 @@ std::string UserDefaults::State::change(std::string_view key, std::optional<Valu
     if (same && written) return {};
     if (!value && found != values.end()) values.erase(found);
     if (value) values.insert_or_assign(std::string(key), std::move(*value));
+    changes.fetch_add(1, std::memory_order_release);
     if (keptInMemory) return {};
     snapshot = values;
   }
@@ -81,6 +83,8 @@ UserDefaults& UserDefaults::standard() {
 UserDefaults::UserDefaults() : state_(new State(homeDirectory() / "Library" / "Preferences" / "defaults.plist")) {
   state_->load();
 }
+
+std::uint64_t UserDefaults::changes() const { return state_->changes.load(std::memory_order_acquire); }
 
 std::int64_t UserDefaults::integer(std::string_view key) const {
   MutexLock lock(state_->mutex);

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <string>
-
 #include <tarvo/platform/CLLocation.h>
+
+#include "platform/foundation/TextBuilder.h"
 
 namespace tarvo::platform {
 
@@ -14,15 +14,18 @@ struct GeodesicWay {
 
 GeodesicWay geodesicWay(const CLLocationCoordinate2D& from, const CLLocationCoordinate2D& to);
 
-/// A number to be printed with that many decimals, and a plus sign before what is not negative if asked for.
+/// A number to be printed with that many decimals, rounded as it stands in memory, and a plus sign before what is not
+/// negative if asked for.
 struct Fixed {
   double value;
   int decimals;
   bool plusSign = false;
 };
-void append(std::string& out, const Fixed& number);
+void append(TextBuilder& out, const Fixed& number);
 
 /// `+48.13750000,+11.57550000`
-void append(std::string& out, const CLLocationCoordinate2D& coordinate);
+void append(TextBuilder& out, const CLLocationCoordinate2D& coordinate);
+/// As `CLLocation::description`.
+void append(TextBuilder& out, const CLLocation& fix);
 
 }  // namespace tarvo::platform

@@ -10,14 +10,9 @@
 
 namespace tarvo::platform {
 
-void append(std::string& out, const NSManagedObjectID& id) {
-  out.append("<x-coredata://");
-  if (id.storeUUID) out.append(*id.storeUUID);
-  out.push_back('/');
-  if (id.entity) out.append(id.entity->name);
-  out.append(id.isTemporary() ? "/t" : "/p");
-  append(out, id.key);
-  out.push_back('>');
+void append(TextBuilder& out, const NSManagedObjectID& id) {
+  appendAll(out, "<x-coredata://", id.storeUUID ? std::string_view(*id.storeUUID) : "", "/",
+            id.entity ? std::string_view(id.entity->name) : "", id.isTemporary() ? "/t" : "/p", id.key, ">");
 }
 
 NSManagedObject::NSManagedObject(const NSEntityDescription& entity)
@@ -41,34 +36,43 @@ void NSManagedObject::readRest() const {
   unread_ = 0;
 }
 
+const NSManagedObject::Slot* NSManagedObject::otherSlot(int attribute, NSAttributeType type) const {
+  require(attribute, type);
+  return isPresent(attribute) ? &slots_[static_cast<std::size_t>(attribute)] : nullptr;
+}
+
 void NSManagedObject::refuse(int attribute) const {
   fatalError(concat("attribute ", attribute, " of ", entity_->name, " is not of the type asked for"));
 }
 
+void NSManagedObject::requireSettable(int attribute, NSAttributeType type) const {
+  require(attribute, type);
+  if (owner_) owner_->requireCurrent();
+}
+
 void NSManagedObject::setInteger(int attribute, std::optional<std::int64_t> value) {
-  require(attribute, NSAttributeType::integer64);
+  requireSettable(attribute, NSAttributeType::integer64);
   assign(attribute, value ? std::optional(Slot{.integer = *value}) : std::nullopt);
 }
 
 void NSManagedObject::setNumber(int attribute, std::optional<double> value) {
-  require(attribute, NSAttributeType::floating);
+  requireSettable(attribute, NSAttributeType::floating);
   assignNumber(attribute, value);
 }
 
 void NSManagedObject::setBoolean(int attribute, std::optional<bool> value) {
-  require(attribute, NSAttributeType::boolean);
+  requireSettable(attribute, NSAttributeType::boolean);
   assign(attribute, value ? std::optional(Slot{.integer = *value ? 1 : 0}) : std::nullopt);
 }
 
 void NSManagedObject::setString(int attribute, std::optional<std::string_view> value) {
-  require(attribute, NSAttributeType::string);
+  requireSettable(attribute, NSAttributeType::string);
   if (!value) return assign(attribute, std::nullopt);
-  if (owner_) owner_->requireCurrent();
   assign(attribute, Slot{.text = owner_ ? owner_->text(attribute, *value) : InternedText::acquire(*value)});
 }
 
 void NSManagedObject::setDate(int attribute, std::optional<Date> value) {
-  require(attribute, NSAttributeType::date);
+  requireSettable(attribute, NSAttributeType::date);
   assignNumber(attribute, value ? std::optional(secondsSince1970(*value)) : std::nullopt);
 }
 
@@ -78,7 +82,6 @@ void NSManagedObject::assignNumber(int attribute, std::optional<double> value) {
 }
 
 void NSManagedObject::assign(int attribute, std::optional<Slot> value) {
-  if (owner_) owner_->requireCurrent();
   const auto position = static_cast<std::size_t>(attribute);
   const bool isText = entity_->isOfType(attribute, NSAttributeType::string);
   const bool wasPresent = isPresent(attribute);

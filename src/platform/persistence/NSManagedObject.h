@@ -19,7 +19,7 @@ class EntityObjects;
 
 class NSManagedObjectID;
 /// `<x-coredata://STORE/Entity/p12>`, temporary `<x-coredata:///Entity/t7>`.
-void append(std::string& out, const NSManagedObjectID& id);
+void append(TextBuilder& out, const NSManagedObjectID& id);
 
 /// Names an object of a store. Temporary until the object's first save; the object then also answers to the
 /// permanent one, and a temporary id taken before still finds it in its context.
@@ -104,12 +104,17 @@ class NSManagedObject {
   void require(int attribute, NSAttributeType type) const {
     if (!entity_->isOfType(attribute, type)) refuse(attribute);
   }
+  /// Before each change.
+  void requireSettable(int attribute, NSAttributeType type) const;
   [[noreturn]] void refuse(int attribute) const;
   /// Null when absent.
   const Slot* slot(int attribute, NSAttributeType type) const {
-    require(attribute, type);
-    return isPresent(attribute) ? &slots_[static_cast<std::size_t>(attribute)] : nullptr;
+    if (entity_->isOfType(attribute, type) && (present_ >> attribute & 1U) != 0) [[likely]]
+      return &slots_[static_cast<std::size_t>(attribute)];
+    return otherSlot(attribute, type);
   }
+  /// Of what is absent, not read yet or of another type.
+  const Slot* otherSlot(int attribute, NSAttributeType type) const;
   /// Takes a text's reference over.
   void assign(int attribute, std::optional<Slot> value);
   void assignNumber(int attribute, std::optional<double> value);
