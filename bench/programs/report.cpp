@@ -1,5 +1,6 @@
 // Makes the table of a run and its JSON. usage: bench_report VALUES JSON NAME...
-// VALUES holds lines "key value"; the median of a key counts. NAMEs are groups of figures, as bench/run takes them.
+// VALUES holds lines "key value". Of a key's values the one counts that a quarter of them is better than: whatever else
+// runs on the machine makes a work slower, never faster. NAMEs are groups of figures, as bench/run takes them.
 // Ends with 1 where a goal is missed or a figure has no value.
 #include <algorithm>
 #include <cstdio>
@@ -25,17 +26,20 @@ struct Line {
   bool met = false;
 };
 
-std::optional<double> median(const Samples& samples, const char* key) {
+bool moreIsBetter(const Figure& figure) { return std::string_view(figure.unit).ends_with("/s"); }
+
+std::optional<double> betterQuartile(const Samples& samples, const char* key, bool moreIsBetter) {
   const auto found = key != nullptr ? samples.find(key) : samples.end();
   if (found == samples.end()) return std::nullopt;
   std::vector<double> values = found->second;
   std::sort(values.begin(), values.end());
-  const std::size_t middle = values.size() / 2;
-  return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+  if (moreIsBetter) std::reverse(values.begin(), values.end());
+  return values[values.size() / 4];
 }
 
 Line judge(const Figure& figure, const Samples& samples) {
-  Line line{figure, median(samples, figure.measured), median(samples, figure.limit)};
+  const bool more = moreIsBetter(figure);
+  Line line{figure, betterQuartile(samples, figure.measured, more), betterQuartile(samples, figure.limit, more)};
   if (line.measured && line.limit && *line.limit != 0) line.ratio = *line.measured / *line.limit;
   if (!line.measured || (figure.limit != nullptr && !line.limit)) return line;
   switch (figure.kind) {

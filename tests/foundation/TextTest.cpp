@@ -16,6 +16,13 @@ TEST(Text, PrintsDoublesFixedWithTheFewestDigitsThatReadBack) {
                                                   {0.1 + 0.2, "0.30000000000000004"},
                                                   {1e21, "1000000000000000000000"},
                                                   {-1, "-1"},
+                                                  {0, "0"},
+                                                  {0.0078125, "0.0078125"},
+                                                  {0.007, "0.007"},
+                                                  {9.999999999999998, "9.999999999999998"},
+                                                  {-179.99999999999997, "-179.99999999999997"},
+                                                  {1048577.00048828125, "1048577.0004882812"},
+                                                  {1048577.00146484375, "1048577.0014648438"},
                                                   {48.137154, "48.137154"}};
   for (const auto& [value, text] : cases) EXPECT_EQ(concat(value), text);
   EXPECT_EQ(std::strtod(concat(std::numeric_limits<double>::denorm_min()).c_str(), nullptr),

@@ -1,6 +1,7 @@
 #include "platform/foundation/Text.h"
 
 #include <algorithm>
+#include <bit>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
@@ -20,32 +21,45 @@ char* printTwoDigits(char* out, unsigned value) {
   return out + 2;
 }
 
-/// Readings mostly have few decimals. Then nine of them, written as an integer, lead back to the very same value, and
-/// are the only ones that do: below 2^51 such quotients lie more than one double apart. Without trailing zeros these
-/// are the fewest digits, found in a fraction of the time of the general way. Null for all other values.
-char* printFewDecimals(char* out, double value) {
-  constexpr double kScale = 1e9;
-  const double magnitude = std::fabs(value);
-  if (!(magnitude < 2.0e6)) return nullptr;
-  const auto scaled = static_cast<std::int64_t>(magnitude * kScale + 0.5);
-  if (static_cast<double>(scaled) / kScale != magnitude) return nullptr;
-  if (std::signbit(value)) *out++ = '-';
-  const auto whole = static_cast<std::uint32_t>(scaled / 1'000'000'000);
-  auto fraction = static_cast<std::uint32_t>(scaled % 1'000'000'000);
-  out = std::to_chars(out, out + 10, whole).ptr;
-  if (fraction == 0) return out;
+/// The free-format algorithm of Steele and White (1990), in whole numbers: digits of the fraction, until what is left
+/// of it, or lacks to the next digit, is less than half the way to the neighbouring doubles. Magnitudes of readings fit
+/// into 64 bits, 2^-7 to below 2^21; null for all others.
+char* printReading(char* out, double value) {
+  constexpr int kMantissaBits = 52;
+  constexpr std::uint64_t kHiddenBit = std::uint64_t{1} << kMantissaBits;
+  const auto bits = std::bit_cast<std::uint64_t>(value);
+  const int exponent = static_cast<int>(bits >> kMantissaBits & 0x7FF) - 1023;
+  if (exponent < -7 || exponent > 20) return nullptr;
+  const std::uint64_t significand = (bits & (kHiddenBit - 1)) | kHiddenBit;
+  const int fractionBits = kMantissaBits - exponent;
+  // In units of half the way, which grows like the rest from digit to digit.
+  const int unitBits = fractionBits + 1;
+  const std::uint64_t one = std::uint64_t{1} << unitBits;
+  std::uint64_t rest = significand << 1 & (one - 1);
+  if (value < 0) *out++ = '-';
+  out = std::to_chars(out, out + 7, static_cast<std::uint32_t>(significand >> fractionBits)).ptr;
+  if (rest == 0) return out;
   *out++ = '.';
-  for (std::uint32_t unit = 100'000'000; fraction != 0; unit /= 10) {
-    *out++ = static_cast<char>('0' + fraction / unit);
-    fraction %= unit;
+  for (std::uint64_t half = 10;; half *= 10) {
+    rest *= 10;
+    const std::uint64_t digit = rest >> unitBits;
+    rest &= one - 1;
+    const bool endsBelow = rest < half;
+    const bool endsAbove = rest + half > one;
+    if (endsBelow || endsAbove) {
+      // The nearer of the two; halfway the even one.
+      const bool isNearerAbove = endsAbove && (!endsBelow || 2 * rest + (digit & 1U) > one);
+      *out++ = static_cast<char>('0' + digit + (isNearerAbove ? 1 : 0));
+      return out;
+    }
+    *out++ = static_cast<char>('0' + digit);
   }
-  return out;
 }
 
 }  // namespace
 
 char* print(char* out, double value) {
-  if (char* end = printFewDecimals(out, value)) return end;
+  if (char* end = printReading(out, value)) return end;
   if (std::isnan(value)) return printText(out, "nan");
   if (std::isinf(value)) return printText(out, value < 0 ? "-inf" : "inf");
   return std::to_chars(out, out + kLongestPrinted, value, std::chars_format::fixed).ptr;
