@@ -10,10 +10,11 @@
 namespace tarvo {
 
 /// The positions of a history, in its order. Those of the SDK stay in its store until they are asked for, so that a
-/// year of them takes no memory; which ones they are is fixed when the history is made.
+/// year of them takes no memory; which ones they are is fixed when the history is made, their upload flags are those of
+/// the moment of reading.
 ///
-/// A plain value. Threads: any, one at a time for each object; reading waits for the store's other work.
-/// Errors: never throws; a failed read is logged and ends early.
+/// Threads: any, one at a time for each object; reading waits for the store's other work.
+/// Errors: never throws; when they cannot all be read that is logged, and there are none.
 class TARVO_API LocationRecords {
  public:
   /// No positions.

@@ -26,9 +26,10 @@ class TARVO_API LocationsHistory {
   std::vector<platform::CLLocation> toArray() const;
   platform::CLLocationCoordinate2D getFirstLocation() const { return firstLocation; }
   /// South-west, then north-east corner; of the trips if there are any, else of the positions; absent when there is
-  /// neither.
+  /// neither, and when the positions cannot be read.
   std::optional<std::vector<platform::CLLocationCoordinate2D>> getBoundingBox() const;
-  /// A FeatureCollection of the positions, cut where collection was switched off or on; absent without positions.
+  /// A FeatureCollection of the positions, cut where collection was switched off or on; absent without positions, and
+  /// when they cannot be read.
   /// `geometry`: Tarvo::GEOJSON_LINESTRING or Tarvo::GEOJSON_MULTIPOINT.
   std::optional<std::string> toGeoJSON(std::string_view geometry) const;
   /// The routes of the past trips that have one.

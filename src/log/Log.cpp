@@ -17,6 +17,7 @@
 #include "platform/foundation/DateFormatter.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/Mutex.h"
+#include "platform/foundation/UserDefaultsChanges.h"
 #include "settings/Names.h"
 #include "settings/Settings.h"
 
@@ -33,11 +34,10 @@ std::int64_t configuredLevel() {
     std::int64_t level GUARDED_BY(mutex) = 0;
   };
   static auto* latest = new Latest;
-  const platform::UserDefaults& defaults = platform::UserDefaults::standard();
   platform::MutexLock lock(latest->mutex);
-  if (const auto changes = defaults.changes(); changes != latest->changes) {
+  if (const auto changes = platform::userDefaultsChanges(); changes != latest->changes) {
     latest->changes = changes;
-    latest->level = defaults.integer(names::kLogLevel);
+    latest->level = platform::UserDefaults::standard().integer(names::kLogLevel);
   }
   return latest->level;
 }

@@ -8,8 +8,6 @@
 
 namespace tarvo {
 
-using platform::append;
-
 namespace {
 
 constexpr std::string_view kCollectedStyle =
@@ -115,8 +113,7 @@ std::optional<platform::CLLocationCoordinate2D> coordinateOf(const platform::Val
 
 bool appendFeatureCollection(std::string& out, const LocationRecords::Source& positions, std::string_view geometry) {
   FeatureWriter writer(out, geometry);
-  positions.forEachPoint([&writer](const RoutePoint& position) { writer.add(position); });
-  return writer.finish();
+  return positions.forEachPoint([&writer](const RoutePoint& position) { writer.add(position); }) && writer.finish();
 }
 
 }  // namespace tarvo

@@ -49,7 +49,7 @@ void addRoute(BoundingBox& box, const std::string& route) {
 std::vector<CLLocation> LocationsHistory::toArray() const {
   std::vector<CLLocation> fixes;
   fixes.reserve(locations.size());
-  locations.source().forEach([&fixes](const LocationRecord& record) {
+  const bool isWhole = locations.source().forEach([&fixes](const LocationRecord& record) {
     if (!record.latitude || !record.longitude || !record.locationTimestamp) return true;
     CLLocation fix;
     fix.coordinate = {*record.latitude, *record.longitude};
@@ -62,6 +62,7 @@ std::vector<CLLocation> LocationsHistory::toArray() const {
     fixes.push_back(fix);
     return true;
   });
+  if (!isWhole) fixes.clear();
   Log::debug("Tarvo:LocationHistory:toArray [tarvo] lastLoc:", fixes.empty() ? "nil" : fixes.back().description(),
              " mainThread:", mainThread());
   return fixes;
@@ -72,7 +73,8 @@ std::optional<std::vector<CLLocationCoordinate2D>> LocationsHistory::getBounding
   BoundingBox box;
   // Trips alone count once there are any, even if none of them can be read.
   if (pasttrips.empty()) {
-    locations.source().forEachPoint([&box](const RoutePoint& point) { box.add({point.latitude, point.longitude}); });
+    if (!locations.source().forEachPoint([&box](const RoutePoint& at) { box.add({at.latitude, at.longitude}); }))
+      return std::nullopt;
   } else {
     for (const PastTripRecord& trip : pasttrips)
       if (trip.route) addRoute(box, *trip.route);

@@ -18,15 +18,17 @@ class HeldPositions : public LocationRecords::Source {
 
   std::size_t size() const override { return records_.size(); }
 
-  void forEach(const std::function<bool(LocationRecord&&)>& visit) const override {
+  bool forEach(const std::function<bool(LocationRecord&&)>& visit) const override {
     for (const LocationRecord& record : records_)
-      if (!visit(LocationRecord(record))) return;
+      if (!visit(LocationRecord(record))) break;
+    return true;
   }
 
-  void forEachPoint(const std::function<void(const RoutePoint&)>& visit) const override {
+  bool forEachPoint(const std::function<void(const RoutePoint&)>& visit) const override {
     for (const LocationRecord& record : records_)
       if (record.latitude && record.longitude)
         visit({*record.latitude, *record.longitude, record.serviceAction == kDisabled});
+    return true;
   }
 
  private:
@@ -39,15 +41,15 @@ class StoredPositions : public LocationRecords::Source {
 
   std::size_t size() const override { return rows_.count(); }
 
-  void forEach(const std::function<bool(LocationRecord&&)>& visit) const override {
+  bool forEach(const std::function<bool(LocationRecord&&)>& visit) const override {
     std::vector<int> all(attribute::locations::kAll.size());
     std::iota(all.begin(), all.end(), 0);
-    pass(all, [&](const platform::StoredRow& row) { return visit(recordOf(row)); });
+    return pass(all, [&](const platform::StoredRow& row) { return visit(recordOf(row)); });
   }
 
-  void forEachPoint(const std::function<void(const RoutePoint&)>& visit) const override {
+  bool forEachPoint(const std::function<void(const RoutePoint&)>& visit) const override {
     namespace at = attribute::locations;
-    pass({at::latitude, at::longitude, at::serviceAction}, [&](const platform::StoredRow& row) {
+    return pass({at::latitude, at::longitude, at::serviceAction}, [&](const platform::StoredRow& row) {
       const auto latitude = row.number(0);
       const auto longitude = row.number(1);
       if (latitude && longitude) visit({*latitude, *longitude, row.string(2) == kDisabled});
@@ -56,9 +58,10 @@ class StoredPositions : public LocationRecords::Source {
   }
 
  private:
-  void pass(const std::vector<int>& attributes, const std::function<bool(const platform::StoredRow&)>& visit) const {
-    if (const auto error = rows_.forEach(attributes, visit))
-      Log::error("Locations:getLocationHistory Unresolved error ", platform::errorAndUserInfo(*error));
+  bool pass(const std::vector<int>& attributes, const std::function<bool(const platform::StoredRow&)>& visit) const {
+    const auto error = rows_.forEach(attributes, visit);
+    if (error) Log::error("Locations:getLocationHistory Unresolved error ", platform::errorAndUserInfo(*error));
+    return !error;
   }
 
   platform::StoredRows rows_;
@@ -85,10 +88,11 @@ const LocationRecords::Source& LocationRecords::source() const {
 std::vector<LocationRecord> LocationRecords::toVector() const {
   std::vector<LocationRecord> records;
   records.reserve(size());
-  source().forEach([&records](LocationRecord&& record) {
+  const bool isWhole = source().forEach([&records](LocationRecord&& record) {
     records.push_back(std::move(record));
     return true;
   });
+  if (!isWhole) records.clear();
   return records;
 }
 

@@ -37,9 +37,9 @@ class Locations : public platform::NSManagedObject {
   static std::shared_ptr<Locations> getLastLocation(Context& context);
   /// The newest 1000, newest first.
   static List getAllLocations(Context& context);
-  /// The oldest 1000 that were never posted.
+  /// The oldest 1000 that were never posted, read as far as an upload needs them.
   static List getUnsentLocations(Context& context);
-  /// The oldest 1000 that await their acknowledgement.
+  /// The oldest 1000 that await their acknowledgement, read as far as an upload needs them.
   static List getSentWithoutACKLocations(Context& context);
   /// Those stored (not: fixed) between the two moments, both included, by ascending index.
   static LocationRecords getLocationHistory(Context& context, platform::Date since, platform::Date until);
@@ -54,6 +54,8 @@ class Locations : public platform::NSManagedObject {
   static void markLocationAsSentUntilIndex(std::string_view locationIndex, Context& context, std::string_view firstLoc);
   static void removeData(Context& context);
 
+  /// What `convertToString` asks of a position, one bit for each attribute.
+  static const std::uint64_t kUploadedAttributes;
   /// The upload body: a JSON array of flat objects, all values texts. An empty list is fatal.
   static std::string convertToString(const List& locations, std::string_view uuid);
   /// One position as serialised JSON.

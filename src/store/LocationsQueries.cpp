@@ -20,29 +20,27 @@ namespace {
 /// What one upload batch may hold at most.
 constexpr std::size_t kBatchLimit = 1000;
 
-/// What the text of an upload is made of.
-const std::vector<std::string>& uploadedAttributes() {
-  static const auto* names = new std::vector<std::string>{"appName",
-                                                          "locationTimestamp",
-                                                          "eventTimestamp",
-                                                          "longitude",
-                                                          "latitude",
-                                                          "horizontalAccuracy",
-                                                          "speed",
-                                                          "course",
-                                                          "altitude",
-                                                          "index",
-                                                          "localisationMethod",
-                                                          "serviceAction"};
-  return *names;
-}
-
 /// "nil" stands for the index of an empty list's first and last record.
 std::optional<std::int64_t> firstIndex(const Locations::List& rows) {
   return rows.empty() ? std::nullopt : rows.front()->index();
 }
 std::optional<std::int64_t> lastIndex(const Locations::List& rows) {
   return rows.empty() ? std::nullopt : rows.back()->index();
+}
+
+/// While something could not be saved the file does not tell all.
+platform::Result<LocationRecords> historyRecords(platform::NSManagedObjectContext& context,
+                                                 const NSFetchRequest& request) {
+  if (!context.hasChanges()) {
+    auto rows = context.rows(request);
+    if (!rows) return rows.error();
+    return storedPositions(std::move(*rows));
+  }
+  auto found = fetchAs<Locations>(context, request);
+  if (!found) return found.error();
+  std::vector<LocationRecord> records;
+  for (const auto& location : *found) records.push_back(location->record());
+  return LocationRecords(std::move(records));
 }
 
 }  // namespace
@@ -81,7 +79,7 @@ Locations::List Locations::getUnsentLocations(Context& context) {
                 .predicates = {{"unsent", Operator::equal, true}, {"sentWithoutACK", Operator::equal, false}},
                 .sortDescriptors = {{"index", true}},
                 .fetchLimit = kBatchLimit,
-                .propertiesToFetch = uploadedAttributes()});
+                .propertiesToFetch = kUploadedAttributes});
   if (!rows) {
     Log::error("Unresolved error ", errorAndUserInfo(rows.error()));
     return {};
@@ -102,7 +100,7 @@ Locations::List Locations::getSentWithoutACKLocations(Context& context) {
                                            .predicates = {{"sentWithoutACK", Operator::equal, true}},
                                            .sortDescriptors = {{"index", true}},
                                            .fetchLimit = kBatchLimit,
-                                           .propertiesToFetch = uploadedAttributes()});
+                                           .propertiesToFetch = kUploadedAttributes});
   if (!rows) {
     Log::error("Locations:getSentWithoutACKLocations Unresolved error ", errorAndUserInfo(rows.error()));
     return {};
@@ -113,17 +111,17 @@ Locations::List Locations::getSentWithoutACKLocations(Context& context) {
 }
 
 LocationRecords Locations::getLocationHistory(Context& context, Date since, Date until) {
-  auto rows = context.rows(
-      {.entity = std::string(kEntity),
-       .predicates = {{"eventTimestamp", Operator::atLeast, since}, {"eventTimestamp", Operator::atMost, until}},
-       .sortDescriptors = {{"index", true}}});
-  if (!rows) {
-    Log::error("Locations:getLocationHistory Unresolved error ", errorAndUserInfo(rows.error()));
+  auto records = historyRecords(context, {.entity = std::string(kEntity),
+                                          .predicates = {{"eventTimestamp", Operator::atLeast, since},
+                                                         {"eventTimestamp", Operator::atMost, until}},
+                                          .sortDescriptors = {{"index", true}}});
+  if (!records) {
+    Log::error("Locations:getLocationHistory Unresolved error ", errorAndUserInfo(records.error()));
     return {};
   }
-  Log::debug("Locations:getLocationHistory [loc] from:", since, " to:", until, " count : ", rows->count(),
+  Log::debug("Locations:getLocationHistory [loc] from:", since, " to:", until, " count : ", records->size(),
              " mainThread:", mainThread());
-  return storedPositions(std::move(*rows));
+  return std::move(*records);
 }
 
 std::shared_ptr<Locations> Locations::getLocationByID(const platform::NSManagedObjectID& id, Context& context) {

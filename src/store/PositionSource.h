@@ -14,15 +14,16 @@ struct RoutePoint {
   bool isDisabled = false;             ///< collection was off
 };
 
-/// Positions in order, gone through one at a time. Visitors do not go through any themselves.
+/// Positions in order, gone through one at a time. Visitors do not go through any themselves. A pass answers false when
+/// it could not be made to its end, which the log tells.
 class LocationRecords::Source {
  public:
   virtual ~Source() = default;
   virtual std::size_t size() const = 0;
   /// Until the visitor answers false.
-  virtual void forEach(const std::function<bool(LocationRecord&&)>& visit) const = 0;
+  virtual bool forEach(const std::function<bool(LocationRecord&&)>& visit) const = 0;
   /// Those that have coordinates.
-  virtual void forEachPoint(const std::function<void(const RoutePoint&)>& visit) const = 0;
+  virtual bool forEachPoint(const std::function<void(const RoutePoint&)>& visit) const = 0;
 };
 
 /// Positions in the store.

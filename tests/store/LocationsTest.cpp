@@ -4,11 +4,13 @@
 #include <numeric>
 #include <tuple>
 
+#include <tarvo/LocationsHistory.h>
 #include <tarvo/platform/Device.h>
 #include <tarvo/platform/SystemLog.h>
 
 #include "platform/foundation/Json.h"
 #include "platform/foundation/Text.h"
+#include "platform/persistence/Store.h"
 #include "settings/Settings.h"
 #include "store/Attributes.h"
 #include "store/ObjectModel.h"
@@ -126,7 +128,6 @@ TEST_F(StoredPositions, LastIsTheNewestByFixTimeAndHistoryGoesByStorageTime) {
       clock->advance(Seconds(0.25));
     }
     EXPECT_EQ(Locations::getLastLocation(context)->index(), 1);
-    ASSERT_FALSE(context.save());
     const auto history = [&](double from, double to) {
       std::vector<std::int64_t> found;
       for (const auto& record :
@@ -136,12 +137,51 @@ TEST_F(StoredPositions, LastIsTheNewestByFixTimeAndHistoryGoesByStorageTime) {
     };
     EXPECT_EQ(history(0.25, 0.5), range(1, 2));
     EXPECT_EQ(history(0.2501, 0.4999), range(0, 0));
+    EXPECT_EQ(history(-1e9, 1e9), range(0, 4)) << "though nothing is saved yet";
+    ASSERT_FALSE(context.save());
+    EXPECT_EQ(history(0.25, 0.5), range(1, 2));
 
     const auto all = Locations::getLocationHistory(context, platform::distantPast(), platform::distantFuture());
     Locations::addLocation(fix, "", "", context, "later");
     ASSERT_FALSE(context.save());
     EXPECT_EQ(all.size(), 4U);
     EXPECT_EQ(all.toVector().back().index, 3) << "what is stored later is not part of a history";
+  });
+}
+
+void rename(Context& context, const char* from, const char* to) {
+  platform::Execution(context.coordinator().store()->database(),
+                      platform::concat("ALTER TABLE ", from, " RENAME TO ", to))
+      .step();
+}
+
+TEST_F(StoredPositions, NeedNoFurtherReadingForAnUpload) {
+  within([&](Context& context) {
+    add(context);
+    ASSERT_FALSE(context.save());
+    const std::string whole = Locations::convertToString(Locations::getAllLocations(context), "u");
+    const auto fetched = Locations::getUnsentLocations(context);
+    rename(context, "Locations", "Hidden");
+    EXPECT_EQ(Locations::convertToString(fetched, "u"), whole);
+    EXPECT_EQ(logged("The rest of"), 0U);
+  });
+}
+
+TEST_F(StoredPositions, OfAHistoryThatCannotBeReadAreNone) {
+  LocationsHistory history;
+  within([&](Context& context) {
+    add(context, 48.5);
+    add(context, 48.6);
+    ASSERT_FALSE(context.save());
+    history.locations = Locations::getLocationHistory(context, platform::distantPast(), platform::distantFuture());
+    rename(context, "Locations", "Hidden");
+    EXPECT_TRUE(history.locations.toVector().empty());
+    EXPECT_TRUE(history.toArray().empty());
+    EXPECT_EQ(history.getBoundingBox(), std::nullopt);
+    EXPECT_EQ(history.toGeoJSON("LineString"), std::nullopt);
+    EXPECT_EQ(logged("Locations:getLocationHistory Unresolved error "), 4U);
+    rename(context, "Hidden", "Locations");
+    EXPECT_EQ(history.toArray().size(), 2U);
   });
 }
 

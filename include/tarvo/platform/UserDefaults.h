@@ -29,9 +29,6 @@ class TARVO_API UserDefaults {
   std::optional<std::string> string(std::string_view key) const;
   std::optional<Value> object(std::string_view key) const;
 
-  /// At least 1, and more after each change: what was read before one of the same number is still true.
-  std::uint64_t changes() const;
-
   /// A null value removes the key.
   void set(std::string_view key, Value value);
   void remove(std::string_view key);

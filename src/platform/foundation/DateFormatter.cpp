@@ -151,8 +151,9 @@ class LocalizedFormat {
     MutexLock lock(mutex_);
     if (!isOpen()) return;
     if (minute != minute_) keep(minute);
-    if (!hasSeconds_) return out.add(text(format(format_.get(), milliseconds(date))));
     const auto digits = static_cast<int>(second - minute);
+    // Some locales name noon and midnight, which are exact.
+    if (!hasSeconds_ || digits == 0) return out.add(text(format(format_.get(), milliseconds(date))));
     out.add(beforeSeconds_);
     out.add(static_cast<char>('0' + digits / 10));
     out.add(static_cast<char>('0' + digits % 10));
@@ -169,10 +170,10 @@ class LocalizedFormat {
   /// There are no such digits in a locale with others than ours, and in a zone that is not whole minutes from UTC.
   void keep(double minute) REQUIRES(mutex_) {
     UFieldPosition seconds{UDAT_SECOND_FIELD, 0, 0};
-    const std::u16string whole = format(format_.get(), milliseconds(dateSince1970(minute)), &seconds);
+    const std::u16string whole = format(format_.get(), milliseconds(dateSince1970(minute + 1)), &seconds);
     const auto begin = static_cast<std::size_t>(seconds.beginIndex);
     minute_ = minute;
-    hasSeconds_ = seconds.endIndex - seconds.beginIndex == 2 && whole.compare(begin, 2, u"00") == 0;
+    hasSeconds_ = seconds.endIndex - seconds.beginIndex == 2 && whole.compare(begin, 2, u"01") == 0;
     if (!hasSeconds_) return;
     beforeSeconds_ = text(whole.substr(0, begin));
     afterSeconds_ = text(whole.substr(begin + 2));

@@ -12,8 +12,17 @@
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/PropertyList.h"
 #include "platform/foundation/Text.h"
+#include "platform/foundation/UserDefaultsChanges.h"
 
 namespace tarvo::platform {
+
+namespace {
+
+std::atomic<std::uint64_t> changes{1};
+
+}  // namespace
+
+std::uint64_t userDefaultsChanges() { return changes.load(std::memory_order_acquire); }
 
 // Readers take `mutex` alone and for a look-up only: they never wait for the disk. Writers take `writing` first.
 struct UserDefaults::State {
@@ -29,7 +38,6 @@ struct UserDefaults::State {
   bool keptInMemory = false;
   std::atomic<bool> complained = false;
 
-  std::atomic<std::uint64_t> changes = 1;  ///< grows under `mutex`, behind what has changed
   Mutex writing;
   bool written GUARDED_BY(writing) = true;
   Mutex mutex;
@@ -62,7 +70,7 @@ std::string UserDefaults::State::change(std::string_view key, std::optional<Valu
     if (same && written) return {};
     if (!value && found != values.end()) values.erase(found);
     if (value) values.insert_or_assign(std::string(key), std::move(*value));
-    changes.fetch_add(1, std::memory_order_release);
+    changes.fetch_add(1, std::memory_order_release);  // behind what has changed
     if (keptInMemory) return {};
     snapshot = values;
   }
@@ -83,8 +91,6 @@ UserDefaults& UserDefaults::standard() {
 UserDefaults::UserDefaults() : state_(new State(homeDirectory() / "Library" / "Preferences" / "defaults.plist")) {
   state_->load();
 }
-
-std::uint64_t UserDefaults::changes() const { return state_->changes.load(std::memory_order_acquire); }
 
 std::int64_t UserDefaults::integer(std::string_view key) const {
   MutexLock lock(state_->mutex);

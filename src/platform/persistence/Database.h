@@ -110,8 +110,6 @@ class Execution {
   std::string_view text(int column) const { return cell(column).text(); }
 
  private:
-  friend class RowCodec;  ///< reads whole rows, each value with one look
-
   void check(int status);
 
   Database& database_;

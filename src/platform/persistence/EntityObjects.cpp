@@ -7,7 +7,6 @@
 
 #include "platform/foundation/FatalError.h"
 #include "platform/foundation/Text.h"
-#include "platform/persistence/InternedText.h"
 #include "platform/persistence/NSManagedObjectContext.h"
 #include "platform/persistence/RowCodec.h"
 #include "platform/persistence/Store.h"
@@ -20,20 +19,15 @@ std::atomic<std::uint64_t> destroyedObjects{0};
 
 constexpr std::uint64_t kLeastSweep = 1024;
 
-/// Longer texts, a trip's route for instance, do not repeat and are not worth keeping.
-constexpr std::size_t kLongestKeptText = 64;
-
 }  // namespace
 
 EntityObjects::EntityObjects(const NSEntityDescription& entity, NSManagedObjectContext& context)
-    : entity_(entity), context_(context), latestTexts_(entity.attributes.size()) {}
+    : entity_(entity), context_(context), texts_(entity.attributes.size()) {}
 
 EntityObjects::~EntityObjects() {
   for (auto& [key, object] : inserted_) detach(*object);
   for (auto& [key, held] : registry_)
     if (auto object = held.lock()) detach(*object);
-  for (const InternedText* text : latestTexts_)
-    if (text) InternedText::release(text);
 }
 
 std::shared_ptr<NSManagedObject> EntityObjects::make(NSManagedObject::Standing standing, std::int64_t key) {
@@ -100,11 +94,13 @@ void EntityObjects::readRest(const NSManagedObject& object) const {
   RowCodec codec(entity_, object.unread_);
   Execution row(store->database(), concat(codec.selectText(), " WHERE \"_key\" = ?1"));
   row.bind(1, object.key_);
-  if (row.step())
+  if (row.step()) {
     codec.read(row, object);
-  else
-    NSLog(concat("The rest of ", object.objectID(), " could not be read",
-                 row.failed() ? concat(": ", row.error(StoreErrorCode::operation, "the query failed")) : ""));
+    object.unread_ = 0;
+    return;
+  }
+  NSLog(concat("The rest of ", object.objectID(), " could not be read",
+               row.failed() ? concat(": ", row.error(StoreErrorCode::operation, "the query failed")) : ""));
 }
 
 std::shared_ptr<NSManagedObject> EntityObjects::named(const NSManagedObjectID& id, std::int64_t& key) const {
@@ -142,16 +138,6 @@ void EntityObjects::didSave(std::int64_t firstKey) {
   inserted_.clear();
   changed_.clear();
   deleted_.clear();
-}
-
-const InternedText* EntityObjects::text(int attribute, std::string_view value) {
-  if (value.size() > kLongestKeptText) return InternedText::acquire(value);
-  const InternedText*& latest = latestTexts_[static_cast<std::size_t>(attribute)];
-  if (!latest || latest->view() != value) {
-    if (latest) InternedText::release(latest);
-    latest = InternedText::acquire(value);
-  }
-  return InternedText::retain(latest);
 }
 
 std::shared_ptr<const std::string> EntityObjects::storeUUID() const {

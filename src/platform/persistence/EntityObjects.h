@@ -7,7 +7,6 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <vector>
 
 #include "platform/persistence/NSManagedObject.h"
 
@@ -55,8 +54,7 @@ class EntityObjects {
   /// Everything pending is in the store now, the inserted objects in their order in the rows from `firstKey` on.
   void didSave(std::int64_t firstKey);
 
-  /// A reference to a text for an attribute; one that repeats from record to record is not looked up again.
-  const InternedText* text(int attribute, std::string_view value);
+  LatestTexts& texts() { return texts_; }
 
   const NSEntityDescription& entity() const { return entity_; }
   std::shared_ptr<const std::string> storeUUID() const;
@@ -77,7 +75,7 @@ class EntityObjects {
   Pending changed_;
   Pending deleted_;
   std::int64_t insertions_ = 0;
-  std::vector<const InternedText*> latestTexts_;  ///< last set, for each attribute; null for none and for a long one
+  LatestTexts texts_;
   /// Row keys of saved objects whose temporary id somebody may have kept.
   std::unordered_map<std::int64_t, std::int64_t> keysOfTemporaryIDs_;
 };

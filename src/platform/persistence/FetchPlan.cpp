@@ -66,7 +66,10 @@ Result<FetchPlan> FetchPlan::compile(const NSEntityDescription& entity, const NS
     if (!attribute) return attribute.error();
     plan.sorts_.push_back({*attribute, sort.ascending});
   }
-  if (auto error = plan.choose(request.propertiesToFetch)) return *error;
+  plan.attributes_ = request.propertiesToFetch != 0 ? request.propertiesToFetch : entity.allAttributes();
+  // Asked of each object as soon as others are unsaved.
+  for (const Condition& condition : plan.conditions_) plan.attributes_ |= std::uint64_t{1} << condition.attribute;
+  for (const Sort& sort : plan.sorts_) plan.attributes_ |= std::uint64_t{1} << sort.attribute;
   return plan;
 }
 
@@ -101,19 +104,6 @@ std::optional<Error> FetchPlan::add(const NSPredicate& predicate) {
   if (comparable) return std::nullopt;
   return storeError(StoreErrorCode::coreData,
                     concat(entity_->name, ".", predicate.attribute, " cannot be compared with such a value"));
-}
-
-std::optional<Error> FetchPlan::choose(const std::vector<std::string>& properties) {
-  if (properties.empty()) attributes_ = entity_->allAttributes();
-  for (const std::string& property : properties) {
-    auto attribute = positionOf(property, *entity_);
-    if (!attribute) return attribute.error();
-    attributes_ |= std::uint64_t{1} << *attribute;
-  }
-  // Asked of each object as soon as others are unsaved.
-  for (const Condition& condition : conditions_) attributes_ |= std::uint64_t{1} << condition.attribute;
-  for (const Sort& sort : sorts_) attributes_ |= std::uint64_t{1} << sort.attribute;
-  return std::nullopt;
 }
 
 /// Against integers and Booleans. A bound between two integers is moved to the one that gives the same matches.
@@ -233,6 +223,18 @@ std::string FetchPlan::whereClause(std::string_view sign) const {
       sql += std::get<std::int64_t>(condition.value) != 0 ? "1" : "0";
     else
       sql += concat("?", ++parameter);
+  }
+  return sql;
+}
+
+std::string FetchPlan::outsideClause() const {
+  std::string sql;
+  int parameter = 0;
+  for (const Condition& condition : conditions_) {
+    if (condition.op == Operator::equal) return {};
+    const std::string_view opposite = condition.op == Operator::atMost ? "\" > ?" : "\" < ?";
+    const std::string& name = column(condition.attribute);
+    sql += concat(sql.empty() ? " WHERE \"" : " OR \"", name, opposite, ++parameter, " OR \"", name, "\" IS NULL");
   }
   return sql;
 }

@@ -40,6 +40,9 @@ class FetchPlan {
   /// partial indexes; everything else is a parameter. `sign` stands before each column: "+" keeps SQLite from all
   /// indexes of it.
   std::string whereClause(std::string_view sign = "") const;
+  /// The rows that `whereClause` leaves out, with the same parameters; nothing where a condition is not a bound, since
+  /// no index would find them.
+  std::string outsideClause() const;
   /// " ORDER BY …" or nothing.
   std::string orderClause() const;
   const NSEntityDescription& entity() const { return *entity_; }
@@ -68,7 +71,6 @@ class FetchPlan {
   explicit FetchPlan(const NSEntityDescription& entity) : entity_(&entity) {}
   /// Absent on success.
   std::optional<Error> add(const NSPredicate& predicate);
-  std::optional<Error> choose(const std::vector<std::string>& properties);
   bool addWhole(int attribute, Operator op, const NSPredicate::Constant& constant);
   bool addNumber(int attribute, Operator op, const NSPredicate::Constant& constant);
   void addWholeBound(int attribute, Operator op, double bound);

@@ -6,6 +6,12 @@
 #include "platform/foundation/Mutex.h"
 
 namespace tarvo::platform {
+namespace {
+
+/// Longer texts, a trip's route for instance, do not repeat and are not worth keeping.
+constexpr std::size_t kLongestKept = 64;
+
+}  // namespace
 
 struct InternedTextPool {
   Mutex mutex;
@@ -44,6 +50,21 @@ void InternedText::release(const InternedText* text) {
   InternedTextPool& pool = InternedTextPool::shared();
   MutexLock lock(pool.mutex);
   if (text->references_.fetch_sub(1, std::memory_order_acq_rel) == 1) pool.texts.erase(pool.texts.find(text->view()));
+}
+
+LatestTexts::~LatestTexts() {
+  for (const InternedText* text : texts_)
+    if (text) InternedText::release(text);
+}
+
+const InternedText* LatestTexts::acquire(std::size_t attribute, std::string_view text) {
+  if (text.size() > kLongestKept) return InternedText::acquire(text);
+  const InternedText*& latest = texts_[attribute];
+  if (!latest || latest->view() != text) {
+    if (latest) InternedText::release(latest);
+    latest = InternedText::acquire(text);
+  }
+  return InternedText::retain(latest);
 }
 
 std::size_t InternedText::poolSize() {

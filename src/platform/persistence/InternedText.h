@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <utility>
+#include <vector>
 
 namespace tarvo::platform {
 
@@ -32,6 +32,23 @@ class InternedText {
 
   const std::string text_;
   mutable std::atomic<std::uint32_t> references_{1};
+};
+
+/// The latest text of each attribute: one that repeats from record to record is not looked up again.
+///
+/// Threads: one at a time.
+class LatestTexts {
+ public:
+  explicit LatestTexts(std::size_t attributes) : texts_(attributes) {}
+  ~LatestTexts();
+  LatestTexts(const LatestTexts&) = delete;
+  LatestTexts& operator=(const LatestTexts&) = delete;
+
+  /// A reference to the text for an attribute, to be released.
+  const InternedText* acquire(std::size_t attribute, std::string_view text);
+
+ private:
+  std::vector<const InternedText*> texts_;  ///< null for none
 };
 
 }  // namespace tarvo::platform

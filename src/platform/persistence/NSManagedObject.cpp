@@ -33,7 +33,6 @@ NSManagedObjectID NSManagedObject::objectID() const {
 
 void NSManagedObject::readRest() const {
   if (owner_) owner_->readRest(*this);
-  unread_ = 0;
 }
 
 const NSManagedObject::Slot* NSManagedObject::otherSlot(int attribute, NSAttributeType type) const {
@@ -68,7 +67,8 @@ void NSManagedObject::setBoolean(int attribute, std::optional<bool> value) {
 void NSManagedObject::setString(int attribute, std::optional<std::string_view> value) {
   requireSettable(attribute, NSAttributeType::string);
   if (!value) return assign(attribute, std::nullopt);
-  assign(attribute, Slot{.text = owner_ ? owner_->text(attribute, *value) : InternedText::acquire(*value)});
+  assign(attribute, Slot{.text = owner_ ? owner_->texts().acquire(static_cast<std::size_t>(attribute), *value)
+                                        : InternedText::acquire(*value)});
 }
 
 void NSManagedObject::setDate(int attribute, std::optional<Date> value) {
@@ -95,6 +95,7 @@ void NSManagedObject::assign(int attribute, std::optional<Slot> value) {
   }
   if (isText && wasPresent) InternedText::release(slot.text);
   const std::uint64_t bit = std::uint64_t{1} << attribute;
+  unread_ &= ~bit;  // a later read must not undo this
   if (value) {
     slot = *value;
     present_ |= bit;

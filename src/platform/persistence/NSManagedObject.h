@@ -40,9 +40,9 @@ class NSManagedObjectID {
 /// Threads: only inside a block of its context. Texts that repeat are kept once in memory.
 /// Memory: one heap block of 8 bytes an attribute beside the object itself.
 /// Numbers that are not one (NaN) count as absent, and -0 is 0: a store could keep neither.
-/// Attributes that its fetch left out are read from the store when one of them is asked for or set; what cannot be read
-/// then is absent, with a line in the log.
-/// Outlives its context readable, as a record of none with what has been read, while its model lives.
+/// Attributes that its fetch left out are read from the store when one of them is asked for or set; while they cannot
+/// be read they are absent, with a line in the log. Outlives its context readable, as a record of none with what has
+/// been read, while its model lives.
 class NSManagedObject {
  public:
   explicit NSManagedObject(const NSEntityDescription& entity);

@@ -1,7 +1,5 @@
 #include "platform/persistence/RowCodec.h"
 
-#include <sqlite3.h>
-
 #include <bit>
 #include <cstddef>
 
@@ -11,12 +9,7 @@
 namespace tarvo::platform {
 
 RowCodec::RowCodec(const NSEntityDescription& entity, std::uint64_t attributes)
-    : entity_(entity), attributes_(attributes), latest_(entity.attributes.size()) {}
-
-RowCodec::~RowCodec() {
-  for (const InternedText* text : latest_)
-    if (text) InternedText::release(text);
-}
+    : entity_(entity), attributes_(attributes), texts_(entity.attributes.size()) {}
 
 std::string RowCodec::selectText() const {
   std::string sql = "SELECT \"_key\"";
@@ -27,38 +20,27 @@ std::string RowCodec::selectText() const {
 
 void RowCodec::read(const Execution& row, const NSManagedObject& object) {
   NSManagedObject::Slot* const slots = object.slots_.get();
-  const InternedText** const latest = latest_.data();
   std::uint64_t present = 0;
   int column = 0;
   for (std::uint64_t rest = attributes_; rest != 0; rest &= rest - 1) {
     const auto position = static_cast<std::size_t>(std::countr_zero(rest));
-    // Allowed without a copy: the connection is used by one thread at a time.
-    sqlite3_value* value = sqlite3_column_value(row.statement_, ++column);
-    if (sqlite3_value_type(value) == SQLITE_NULL) continue;
+    const Cell cell = row.cell(++column);
+    if (cell.isNull()) continue;
     NSManagedObject::Slot& slot = slots[position];
     switch (entity_.attributes[position].type) {
       case NSAttributeType::integer64:
-        slot.integer = sqlite3_value_int64(value);
+        slot.integer = cell.integer();
         break;
       case NSAttributeType::boolean:
-        slot.integer = sqlite3_value_int64(value) != 0 ? 1 : 0;
+        slot.integer = cell.integer() != 0 ? 1 : 0;
         break;
       case NSAttributeType::floating:
       case NSAttributeType::date:
-        slot.number = sqlite3_value_double(value);
+        slot.number = cell.number();
         break;
-      case NSAttributeType::string: {
-        const void* bytes = sqlite3_value_text(value);
-        const std::string_view text(bytes ? static_cast<const char*>(bytes) : "",
-                                    static_cast<std::size_t>(sqlite3_value_bytes(value)));
-        const InternedText*& before = latest[position];
-        if (!before || before->view() != text) {
-          if (before) InternedText::release(before);
-          before = InternedText::acquire(text);
-        }
-        slot.text = InternedText::retain(before);
+      case NSAttributeType::string:
+        slot.text = texts_.acquire(position, cell.text());
         break;
-      }
     }
     present |= std::uint64_t{1} << position;
   }

@@ -2,9 +2,9 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
 #include "platform/persistence/Database.h"
+#include "platform/persistence/InternedText.h"
 #include "platform/persistence/NSManagedObject.h"
 
 namespace tarvo::platform {
@@ -17,10 +17,6 @@ class RowCodec {
  public:
   /// Bit i of `attributes`: attribute i is to be read.
   RowCodec(const NSEntityDescription& entity, std::uint64_t attributes);
-  ~RowCodec();
-  RowCodec(const RowCodec&) = delete;
-  RowCodec& operator=(const RowCodec&) = delete;
-
   /// "SELECT _key, the attributes FROM table", to be completed by clauses.
   std::string selectText() const;
   /// Fills the attributes, which have no values yet, from a row of such a query.
@@ -32,7 +28,7 @@ class RowCodec {
  private:
   const NSEntityDescription& entity_;
   const std::uint64_t attributes_;
-  std::vector<const InternedText*> latest_;  ///< text of the row before, for each attribute
+  LatestTexts texts_;
 };
 
 }  // namespace tarvo::platform

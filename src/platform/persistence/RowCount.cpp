@@ -1,5 +1,8 @@
 #include "platform/persistence/RowCount.h"
 
+#include <optional>
+#include <string>
+
 #include "platform/foundation/Text.h"
 
 namespace tarvo::platform {
@@ -33,14 +36,18 @@ void keep(Database& database, std::string_view table, const Kept& now) {
   const std::string name = keptName(table);
   const std::string trigger = concat("CREATE TRIGGER IF NOT EXISTS \"", table, "_deleted\" AFTER DELETE ON \"", table,
                                      "\" BEGIN DELETE FROM \"_metadata\" WHERE name = '", name, "'; END");
-  const std::string row =
-      concat("REPLACE INTO \"_metadata\" VALUES ('", name, "', '", now.rows, " ", now.lastKey, "')");
-  if (database.run(trigger, StoreErrorCode::save) || database.run(row, StoreErrorCode::save)) return;
-  (void)database.run("COMMIT", StoreErrorCode::save);
+  if (database.run(trigger, StoreErrorCode::save)) return;
+  const std::string value = concat(now.rows, " ", now.lastKey);
+  Execution row(database, "REPLACE INTO \"_metadata\" VALUES (?1, ?2)");
+  row.bind(1, name);
+  row.bind(2, value);
+  row.step();
+  if (!row.failed()) (void)database.run("COMMIT", StoreErrorCode::save);
 }
 
-Result<std::int64_t> number(Database& database, const std::string& sql) {
+Result<std::int64_t> number(Database& database, const std::string& sql, std::optional<std::int64_t> parameter = {}) {
   Execution query(database, sql);
+  if (parameter) query.bind(1, *parameter);
   if (!query.step()) return query.error(StoreErrorCode::operation, "The rows could not be counted");
   return query.integer(0);
 }
@@ -48,11 +55,9 @@ Result<std::int64_t> number(Database& database, const std::string& sql) {
 }  // namespace
 
 Result<std::int64_t> countRows(Database& database, std::string_view table) {
-  const bool mayKeep = !database.inTransaction();
   // What is counted and what is kept are one view of the file: if another process writes in between, keeping fails.
+  if (auto error = database.run("BEGIN", StoreErrorCode::operation)) return *error;
   Transaction view(database);
-  if (mayKeep)
-    if (auto error = database.run("BEGIN", StoreErrorCode::operation)) return *error;
 
   const Kept known = kept(database, table);
   auto lastKey = number(database, concat("SELECT max(\"_key\") FROM \"", table, "\""));
@@ -60,10 +65,10 @@ Result<std::int64_t> countRows(Database& database, std::string_view table) {
   const std::int64_t since = *lastKey - known.lastKey;
   const bool isKept = known.lastKey > 0 && since <= kMostCounted;
   const std::string all = concat("SELECT count(*) FROM \"", table, "\"");
-  auto counted = number(database, isKept ? concat(all, " WHERE \"_key\" > ", known.lastKey) : all);
+  auto counted = isKept ? number(database, all + " WHERE \"_key\" > ?1", known.lastKey) : number(database, all);
   if (!counted) return counted;
   const std::int64_t rows = *counted + (isKept ? known.rows : 0);
-  if (mayKeep && since > kWorthKeeping) keep(database, table, {rows, *lastKey});
+  if (since > kWorthKeeping) keep(database, table, {rows, *lastKey});
   return rows;
 }
 

@@ -11,7 +11,7 @@ namespace tarvo::platform {
 /// some key, and those behind it are counted. A trigger forgets that as soon as any row is deleted, by whomever; then,
 /// and when too many rows have come since, all are counted and the number is kept anew.
 ///
-/// Inside a transaction, which may yet be rolled back, nothing is kept.
+/// Not inside a transaction (an error).
 Result<std::int64_t> countRows(Database& database, std::string_view table);
 
 }  // namespace tarvo::platform
