@@ -13,8 +13,8 @@ namespace tarvo::platform {
 
 using Objects = std::vector<std::shared_ptr<NSManagedObject>>;
 
-/// The rows of a plan whose objects have no unsaved changes, in the file's order. First their keys, from an index
-/// alone: what is in use need not be read, and SQLite sorts keys rather than records.
+/// The rows of a plan whose objects have no unsaved changes, in the file's order. First their keys, for most
+/// queries from an index alone: what is in use need not be read, and SQLite sorts keys rather than records.
 Result<Objects> fetchRows(NSPersistentStoreCoordinator::Store& store, EntityObjects& objects, const FetchPlan& plan,
                           std::size_t limit);
 
