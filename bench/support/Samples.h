@@ -7,8 +7,8 @@
 
 namespace tarvo::bench {
 
-// The positions that all stores hold and all figures add: number `i` is the same everywhere. Readings have all their
-// digits, as a receiver's have, because the length of a number decides what writing it costs.
+// The positions that all stores hold and all figures add: number `i` is the same everywhere. Coordinates have all
+// their digits, the most that a receiver can give, because the length of a number decides what writing it costs.
 
 inline constexpr double kStart = 1718445600;  // 2024-06-15 10:00:00 UTC
 

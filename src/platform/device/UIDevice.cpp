@@ -39,7 +39,7 @@ BatteryReading battery() {
     if (!known.monitoring) return {};
     if (known.hostBattery) return *known.hostBattery;
     // A clock installed since may show less.
-    const auto& readAt = known.kernelBatteryReadAt;
+    const std::optional<Seconds> readAt = known.kernelBatteryReadAt;
     if (readAt && *readAt <= now && now - *readAt < kRecent) return known.kernelBattery;
   }
   const BatteryReading reading = readPowerSupplies(powerSupplyFolder());
