@@ -4,9 +4,11 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <tarvo/platform/Clock.h>
 #include <tarvo/platform/Environment.h>
@@ -131,6 +133,55 @@ void appendTo(const std::string& file, std::string_view text) {
   ::close(descriptor);
 }
 
+/// Lines on their way to their files, in order. They share one buffer and one block of the log's queue, so that a line
+/// costs little more than its characters. Threads: any.
+class WaitingLines {
+ public:
+  static WaitingLines& shared() {
+    static auto* waiting = new WaitingLines;
+    return *waiting;
+  }
+
+  void add(FileName file, std::initializer_list<std::string_view> parts) {
+    platform::MutexLock lock(mutex_);
+    for (const std::string_view part : parts) next_.text.append(part);
+    next_.lines.push_back({std::move(file), next_.text.size()});
+    // Under the lock: what the caller queues behind its line must find it written.
+    if (next_.lines.size() == 1) Log::serialQueue().async([this] { write(); });
+  }
+
+ private:
+  struct Line {
+    FileName file;
+    std::size_t end;  ///< in the text
+  };
+  struct Batch {
+    std::string text;
+    std::vector<Line> lines;
+  };
+  /// More is given back after a burst.
+  static constexpr std::size_t kMostKeptBytes = 64 * 1024;
+
+  void write() {
+    {
+      platform::MutexLock lock(mutex_);
+      std::swap(next_, written_);
+    }
+    std::size_t begin = 0;
+    for (const Line& line : written_.lines) {
+      appendTo(*line.file, std::string_view(written_.text).substr(begin, line.end - begin));
+      begin = line.end;
+    }
+    if (written_.text.capacity() > kMostKeptBytes) written_ = {};
+    written_.text.clear();
+    written_.lines.clear();
+  }
+
+  platform::Mutex mutex_;
+  Batch next_ GUARDED_BY(mutex_);
+  Batch written_;  ///< the queue's alone
+};
+
 }  // namespace
 
 std::int64_t Log::LOGLEVEL() { return logLevel.load(); }
@@ -141,8 +192,8 @@ platform::SerialQueue& Log::serialQueue() {
   return *queue;
 }
 
-void Log::append(std::shared_ptr<const std::string> file, std::string text) {
-  serialQueue().async([file = std::move(file), text = std::move(text)] { appendTo(*file, text); });
+void Log::append(std::shared_ptr<const std::string> file, std::string_view text) {
+  WaitingLines::shared().add(std::move(file), {text});
 }
 
 std::string Log::todaysFilePrefix() { return platform::concat(kFilePrefix, "_", dayOf(currentStamp())); }
@@ -164,11 +215,8 @@ void Log::debugLog(std::int64_t level, std::string_view message) {
   // The message that opens a day's file is not in it: only the header is.
   auto file = LatestFile::shared().openFor(platform::concat(kFilePrefix, "_", dayOf(stamp), "_", *user, "_IOS.txt"));
   const std::string_view label = levelName(level);
-  if (!file || label.empty()) return;
-  std::string line;
-  line.reserve(stamp.size() + label.size() + message.size() + 16);
-  line.append("[[").append(stamp).append("]]:[").append(label).append("]:").append(message).push_back('\n');
-  if (isValidUtf8(line)) append(std::move(file), std::move(line));
+  if (file && !label.empty() && isValidUtf8(message))
+    WaitingLines::shared().add(std::move(file), {"[[", stamp, "]]:[", label, "]:", message, "\n"});
 }
 
 }  // namespace tarvo
