@@ -36,10 +36,12 @@ std::int64_t configuredLevel() {
     std::int64_t level GUARDED_BY(mutex) = 0;
   };
   static auto* latest = new Latest;
+  // Before the lock: the first use may have something to tell the host's console.
+  const platform::UserDefaults& defaults = platform::UserDefaults::standard();
   platform::MutexLock lock(latest->mutex);
   if (const auto changes = platform::userDefaultsChanges(); changes != latest->changes) {
     latest->changes = changes;
-    latest->level = platform::UserDefaults::standard().integer(names::kLogLevel);
+    latest->level = defaults.integer(names::kLogLevel);
   }
   return latest->level;
 }
