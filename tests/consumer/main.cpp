@@ -1,8 +1,9 @@
-// A host: activates the SDK in a home of its own, feeds it fixes and reads them back as a history.
+// A host: activates the SDK in a home of its own, feeds it fixes, uploads into the void and reads them back as a history.
 
 #include <cstdio>
 #include <filesystem>
 
+#include <tarvo/NetworkManager.h>
 #include <tarvo/Tarvo.h>
 #include <tarvo/platform/Clock.h>
 #include <tarvo/platform/Environment.h>
@@ -14,8 +15,10 @@ int main(int argc, char** argv) {
   using namespace tarvo;
   platform::setHomeDirectory(argv[1]);
   platform::setSystemLogSink([](std::string_view) {});
+  LocationManager::setRemoteWebServerURL("http://127.0.0.1:9/api");  // nobody listens there
   Tarvo tarvo;
-  tarvo.activate(Tarvo::LOCAL_BACKGROUND);
+  NetworkManager::setApiKeySecret("secret");
+  tarvo.activate(Tarvo::BACKEND_BACKGROUND);
   for (int i = 0; i < 3; ++i) {
     platform::CLLocation fix;
     fix.coordinate = {48.0 + 0.001 * i, 11.0};
