@@ -1,9 +1,9 @@
 #include "sandbox/Canned.h"
 
-#include <fstream>
-#include <iterator>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
+
+#include "sandbox/BoundedJson.h"
 
 namespace tarvo::sandbox {
 namespace {
@@ -31,7 +31,7 @@ std::int64_t wholeNumber(const Json& json, const std::string& key) {
 }  // namespace
 
 Canned parseCanned(std::string_view text) {
-  const Json json = Json::parse(text, nullptr, /*allow_exceptions=*/false);
+  const Json json = parseBoundedJson<Json>(text);
   if (!json.is_object()) throw std::runtime_error("expected a JSON object");
   Canned canned;
   for (const auto& [key, value] : json.items()) {
@@ -52,11 +52,10 @@ Canned parseCanned(std::string_view text) {
 }
 
 Canned readCanned(const std::filesystem::path& file) {
-  std::ifstream stream(file, std::ios::binary);
-  const std::string text{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-  if (!stream.is_open() || stream.bad()) throw std::runtime_error(file.string() + ": cannot be read");
+  const auto text = readRegularFile(file);
+  if (!text) throw std::runtime_error(file.string() + ": cannot be read");
   try {
-    return parseCanned(text);
+    return parseCanned(*text);
   } catch (const std::runtime_error& error) {
     throw std::runtime_error(file.string() + ": " + error.what());
   }

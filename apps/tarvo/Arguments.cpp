@@ -9,14 +9,6 @@
 namespace tarvo::cli {
 namespace {
 
-std::optional<double> parseNumber(const std::string& text) {
-  double number = 0;
-  const char* end = text.data() + text.size();
-  const auto [rest, error] = std::from_chars(text.data(), end, number);
-  if (error != std::errc() || rest != end || !std::isfinite(number)) return std::nullopt;
-  return number;
-}
-
 int integer(const std::ssub_match& digits) { return digits.matched ? std::stoi(digits) : 0; }
 
 /// Seconds east of Greenwich of "Z", "+01:00", "-0530" or nothing; absent when no place on earth has it.
@@ -29,6 +21,14 @@ std::optional<int> parseZone(std::string zone) {
 }
 
 }  // namespace
+
+std::optional<double> parseNumber(const std::string& text) {
+  double number = 0;
+  const char* end = text.data() + text.size();
+  const auto [rest, error] = std::from_chars(text.data(), end, number);
+  if (error != std::errc() || rest != end || !std::isfinite(number)) return std::nullopt;
+  return number;
+}
 
 std::optional<platform::Date> parseDate(const std::string& text) {
   if (const auto seconds = parseNumber(text)) return platform::dateSince1970(*seconds);

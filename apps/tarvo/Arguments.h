@@ -7,6 +7,9 @@
 
 namespace tarvo::cli {
 
+/// A finite number, all of the text.
+std::optional<double> parseNumber(const std::string& text);
+
 /// Seconds since 1970, or ISO 8601: a day, or a day and a time with or without seconds, fraction and zone; without a
 /// zone it is UTC. Absent when the text is neither.
 std::optional<platform::Date> parseDate(const std::string& text);

@@ -2,6 +2,7 @@
 #include <memory>
 #include <string>
 
+#include "Arguments.h"
 #include "Commands.h"
 #include "Replay.h"
 
@@ -54,7 +55,10 @@ void addReplayCommand(CLI::App& app, Run& run) {
   command
       ->add_option("--deadline", options->deadlineSeconds,
                    "Real seconds after the last fix to wait for acknowledgements")
-      ->check(CLI::NonNegativeNumber)
+      ->check([](const std::string& text) {
+        const auto seconds = parseNumber(text);
+        return seconds && *seconds >= 0 ? std::string() : "neither 0 nor a number above: " + text;
+      })
       ->capture_default_str();
   command->add_flag("--json", options->json, "Print the summary as one JSON object");
   command->add_flag("--verbose", options->verbose,

@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <fstream>
 #include <iostream>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <sstream>
 #include <stdexcept>
 #include <utility>
 
@@ -15,6 +15,7 @@
 
 #include "Arguments.h"
 #include "Failure.h"
+#include "sandbox/BoundedJson.h"
 
 namespace tarvo::cli {
 namespace {
@@ -130,7 +131,7 @@ const std::map<std::string, Kind>& kinds() {
 }
 
 ScriptEvent readEvent(const std::string& line, platform::Date firstFix) {
-  const Json json = Json::parse(line);
+  const Json json = parseBoundedJson(line);
   if (!json.is_object()) throw std::invalid_argument("no JSON object");
   const auto kind = kinds().find(json.at("event").get<std::string>());
   if (kind == kinds().end()) throw std::invalid_argument("unknown event " + json.at("event").dump());
@@ -153,8 +154,9 @@ ScriptEvent readEvent(const std::string& line, platform::Date firstFix) {
 }  // namespace
 
 std::vector<ScriptEvent> readScript(const std::string& file, platform::Date firstFix) {
-  std::ifstream input(file);
-  if (!input) throw Failure{kUsage, "the script " + file + " cannot be read"};
+  const auto text = readRegularFile(file);
+  if (!text) throw Failure{kUsage, "the script " + file + " cannot be read"};
+  std::istringstream input(*text);
   std::vector<ScriptEvent> events;
   std::string line;
   for (int number = 1; std::getline(input, line); ++number) {

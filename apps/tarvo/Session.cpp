@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <iomanip>
 #include <iostream>
 #include <limits>
@@ -28,10 +29,18 @@ using platform::UIDevice;
 constexpr Seconds kChannelHeld{180};
 /// Retries against a backend that refuses come this often at most, in real time.
 constexpr Seconds kFirstPause{0.05}, kLongestPause{1};
-/// How long an interrupted play waits for what is under way.
-constexpr double kLastSeconds = 5;
+/// How long an interrupted play waits for what is under way, and how soon any wait hears of an interrupt.
+constexpr double kLastSeconds = 1, kOneWait = 0.2;
 /// Longer than the time-out of a silent transfer.
 constexpr double kLongestWork = 65;
+
+/// Waits until all work is done, at most that long; an interrupt ends the wait.
+void settle(double seconds) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  const auto left = [&] { return std::chrono::duration<double>(end - std::chrono::steady_clock::now()).count(); };
+  while (!interrupted() && !Tarvo::waitUntilIdle(std::clamp(left(), 0.0, kOneWait)) && left() > 0) {
+  }
+}
 
 }  // namespace
 
@@ -146,7 +155,7 @@ bool Session::relaunches(platform::GpxSource& source, const std::vector<ScriptEv
     // A process that ends at the same moment ends with this work under way.
     const bool endsHere = done_.events + 1 < script.size() && script[done_.events + 1].at <= clock_->now() &&
                           !script[done_.events + 1].happens;
-    if (!endsHere) Tarvo::waitUntilIdle(kLongestWork);
+    if (!endsHere) settle(kLongestWork);
     if (watch_ != nullptr) watch_->stored(engine());
   }
   play(std::nullopt);
@@ -166,16 +175,12 @@ void Session::count(const Progress& progress) {
 void Session::sendTheRest(Progress& progress) {
   const double end = progress.seconds() + options_.deadlineSeconds;
   const auto secondsLeft = [&] { return end - progress.seconds(); };
-  const auto settle = [&] {
-    while (!Tarvo::waitUntilIdle(std::clamp(secondsLeft(), 0.0, 1.0)) && secondsLeft() > 0 && !interrupted()) {
-    }
-  };
-  settle();
+  settle(secondsLeft());
   std::int64_t before = std::numeric_limits<std::int64_t>::max();
   Seconds pause = kFirstPause;
   while (uploads() && secondsLeft() > 0 && !interrupted()) {
     engine().sendDataInBatchToRemoteWebServer();
-    settle();
+    settle(secondsLeft());
     const LocationManager::SyncStatus sync = engine().syncStatus();
     const std::int64_t left = sync.unsent + sync.awaiting;
     if (left == 0 || !identifiable_) return;

@@ -1,3 +1,6 @@
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <exception>
 #include <iostream>
@@ -5,8 +8,27 @@
 #include "Commands.h"
 #include "Failure.h"
 
+namespace {
+
+/// A file or connection opened later must not take the number of a standard stream that is closed: what is printed
+/// would go there. Answers whether standard output is open.
+bool holdStandardStreams() {
+  const bool printable = ::fcntl(STDOUT_FILENO, F_GETFD) >= 0;
+  int descriptor = 0;
+  do descriptor = ::open("/dev/null", O_RDWR);
+  while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+  if (descriptor > STDERR_FILENO) ::close(descriptor);
+  return printable;
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
   using namespace tarvo::cli;
+  if (!holdStandardStreams()) {
+    std::cerr << "tarvo: standard output is closed" << std::endl;
+    return kUnusable;
+  }
   CLI::App app("Runs recorded trips through the SDK and reads what it holds.", "tarvo");
   app.set_version_flag("--version", "tarvo " TARVO_VERSION);
   app.require_subcommand(1);
@@ -21,7 +43,9 @@ int main(int argc, char** argv) {
     return app.exit(error) == 0 ? kDone : kUsage;
   }
   try {
-    return run();
+    const int status = run();
+    if (!std::cout.flush()) throw Failure{kUnusable, "standard output cannot be written"};
+    return status;
   } catch (const Failure& failure) {
     std::cerr << "tarvo: " << failure.message << std::endl;
     return failure.status;

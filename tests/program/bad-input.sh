@@ -43,5 +43,37 @@ mkdir -p "$work/keyless"
 echo '<?xml version="1.0"?><plist version="1.0"><dict/></plist>' >"$work/keyless/Info.plist"
 expect 1 'Failed to load Tarvo API KEY' "$program" replay "$trip" --backend http://127.0.0.1:9/api --home "$work/keyless" \
   --log --deadline 2
+# Deep nesting is refused, not followed; what is no file is not waited for.
+deep() { printf '%s' "$1"; head -c 200000 /dev/zero | tr '\0' '['; }
+deep '{"at":0,"event":"push","payload":' >"$work/deep.jsonl"
+deep '{"prediction":' >"$work/deep.json"
+mkfifo "$work/fifo"
+expect 3 'nested deeper' "$program" replay "$trip" --sandbox --home "$work/b" --sandbox-data "$work/deep.json"
+expect 3 'cannot be read' timeout 20 "$program" replay "$trip" --sandbox --home "$work/b" --sandbox-data "$work/fifo"
+expect 2 'cannot be read' timeout 20 "$program" replay "$trip" --sandbox --home "$work/b" --script "$work/fifo"
+expect 2 'nested deeper' "$program" replay "$trip" --sandbox --home "$work/b" --script "$work/deep.jsonl"
+expect 2 'fifo' timeout 20 "$program" replay "$work/fifo" --sandbox --home "$work/b"
+expect 2 'deadline' "$program" replay "$trip" --sandbox --home "$work/b" --deadline nan
+# Output that nobody gets is no success.
+expect 3 'standard output' bash -c '"$1" status --home "$2" >&-' - "$program" "$work/keyless"
+expect 3 'standard output' bash -c '"$1" status --home "$2" >/dev/full' - "$program" "$work/keyless"
+
+# One signal ends a replay whose backend has stopped answering; the time-out of a silent transfer is 60 s.
+perl -MIO::Socket::INET -e '$| = 1; $server = IO::Socket::INET->new(Listen => 9, LocalAddr => "127.0.0.1");
+  print $server->sockport, "\n"; push @kept, $server->accept and print "connected\n" while 1' >"$work/silent" &
+trap 'kill %1; chmod -R u+w "$work"; rm -rf "$work"' EXIT
+waitFor() { for _ in {1..200}; do [ "$(wc -l <"$work/silent")" -ge "$1" ] && return; perl -e 'select undef, undef, undef, 0.1'; done; }
+waitFor 1
+"$program" replay "$trip" --backend "http://127.0.0.1:$(head -n 1 "$work/silent")/api" --api-key k --api-secret s \
+  --home "$work/silence" >"$work/silence.txt" 2>&1 &
+replay=$!
+waitFor 2
+before=$SECONDS
+kill -TERM $replay
+wait $replay
+status=$?
+[ $status = 130 ] && [ $((SECONDS - before)) -le 20 ] ||
+  { echo "interrupted: status $status after $((SECONDS - before)) s"; cat "$work/silence.txt"; failed=1; }
+
 [ $failed = 0 ] && echo "bad input is refused clearly"
 exit $failed

@@ -16,14 +16,23 @@ namespace {
 using RealTime = std::chrono::steady_clock;
 
 /// Longer than the time-out of a silent transfer.
-constexpr Seconds longestWork{65};
+constexpr std::chrono::seconds longestWork{65};
 
-void waitUntilIdle() {
-  if (!Activity::waitUntilIdle(longestWork)) NSLog("replay: work is still under way after 65 s, going on");
-}
-
-/// A caller can end the play this often while it waits for the next fix.
+/// A caller can end the play this often while it waits for the next fix, or for work under way.
 constexpr std::chrono::milliseconds longestSilence{200};
+
+/// False when `goOn` has ended the wait.
+template <class GoOn>
+bool waitUntilIdle(const GoOn& goOn) {
+  const RealTime::time_point end = RealTime::now() + longestWork;
+  while (!Activity::waitUntilIdle(longestSilence)) {
+    if (!goOn()) return false;
+    if (RealTime::now() < end) continue;
+    NSLog("replay: work is still under way after 65 s, going on");
+    break;
+  }
+  return true;
+}
 
 /// Lets real time pass; the main thread runs its queue meanwhile.
 void waitUntil(RealTime::time_point due) {
@@ -64,11 +73,10 @@ std::size_t GpxSource::play(std::optional<double> speed, const std::function<boo
         if (!goOn()) return false;
       }
     }
-    waitUntilIdle();
+    if (!waitUntilIdle(goOn)) return false;
     clock_->advanceTo(moment);
     // Timers that became due run before anything else happens.
-    waitUntilIdle();
-    return true;
+    return waitUntilIdle(goOn);
   };
   while (delivered_ < trace_.fixes.size()) {
     const CLLocation& fix = trace_.fixes[delivered_];
@@ -76,8 +84,7 @@ std::size_t GpxSource::play(std::optional<double> speed, const std::function<boo
     if (!reach(fix.timestamp)) return delivered_;
     LocationService::shared().deliver({fix});
     ++delivered_;
-    waitUntilIdle();
-    if (!goOn()) return delivered_;
+    if (!waitUntilIdle(goOn) || !goOn()) return delivered_;
   }
   if (until) reach(*until);
   return delivered_;
