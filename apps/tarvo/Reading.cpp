@@ -27,8 +27,6 @@ Tarvo openForReading(const ReadingOptions& options) {
   return tarvo;
 }
 
-void print(const std::string& text) {
-  std::cout << text << std::endl;
-}
+void print(const std::string& text) { std::cout << text << std::endl; }
 
 }  // namespace tarvo::cli

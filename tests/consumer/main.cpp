@@ -1,4 +1,5 @@
-// A host: activates the SDK in a home of its own, feeds it fixes, uploads into the void and reads them back as a history.
+// A host: activates the SDK in a home of its own, feeds it fixes, uploads into the void and reads them back as a
+// history.
 
 #include <cstdio>
 #include <filesystem>
