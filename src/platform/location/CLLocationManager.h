@@ -56,10 +56,10 @@ class CLLocationManagerDelegate {
 
 /// A client of the process's location service.
 ///
-/// Threads: any; every call returns at once, also while a delivery runs. The delegate must outlive the manager or be
-/// taken off first. Once `setDelegate` or the destructor has returned on the delivery queue, the old delegate is not
-/// called any more; on another thread, a call that is under way still ends.
-/// Errors: through the delegate, domain kCLErrorDomain.
+/// Threads: any; every call but `waitUntilTold` returns at once, also while a delivery runs. The delegate must outlive
+/// the manager or be taken off first. Once `setDelegate` or the destructor has returned on the delivery queue, the old
+/// delegate is not called any more; on another thread, a call that is under way still ends. Errors: through the
+/// delegate, domain kCLErrorDomain.
 class CLLocationManager {
  public:
   CLLocationManager();
@@ -69,6 +69,9 @@ class CLLocationManager {
 
   /// The first delegate is told the authorization status, soon and once; from then on each change of it.
   void setDelegate(CLLocationManagerDelegate* delegate);
+  /// Returns once the delegates have been told what there was to tell before the call; on the delivery queue at once.
+  /// Never while holding what a delegate may wait for.
+  void waitUntilTold();
   /// A wish in metres, not a filter.
   void setDesiredAccuracy(double metres);
   /// Metres from the last delivered fix before the next is delivered; kCLDistanceFilterNone: every fix. At once.

@@ -33,6 +33,10 @@ struct LocationService::State {
   void postDenialIfRefused(std::shared_ptr<LocationClient> client);
   void postKnownFix(std::shared_ptr<LocationClient> client);
   void postFailure(std::int64_t code);
+  /// Waits for what was posted before; without the lock.
+  void waitForDeliveries() {
+    deliveries_.syncReentrant([] {});
+  }
   void startRequest(const std::shared_ptr<LocationClient>& client);
   void startRegion(std::shared_ptr<LocationClient> client, const CLCircularRegion& region);
   void stopRegion(const CLCircularRegion& region);
