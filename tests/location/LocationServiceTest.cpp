@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
@@ -358,6 +359,55 @@ TEST(LocationService, TellsSignificantChangesEveryFiveMinutesAtMost) {
   }
   manager.startMonitoringSignificantLocationChanges();
   EXPECT_EQ(delegate.read(), Diary{});
+/// A machine whose wall clock somebody sets; the time that passes is that of the other clock.
+class SetClock final : public Clock {
+ public:
+  explicit SetClock(std::shared_ptr<Clock> running) : running_(std::move(running)) {}
+  Date now() const override { return running_->now() + Seconds(offset.load()); }
+  Seconds monotonic() const override { return running_->monotonic(); }
+  std::optional<Seconds> realTimeUntil(Date) const override { return std::nullopt; }
+
+  std::atomic<double> offset = 0;
+
+ private:
+  const std::shared_ptr<Clock> running_;
+};
+
+TEST(LocationService, GoesOnTellingWhileTheWallClockIsSetBackAndForth) {
+  Process process;
+  const auto wall = std::make_shared<SetClock>(process.clock);
+  Clock::install(wall);
+  DiaryDelegate delegate;
+  CLLocationManager manager;
+  manager.setDelegate(&delegate);
+  process.service().deliver({fixAt(0)});
+  EXPECT_EQ(delegate.read(), Diary{"status 3"});
+  manager.startMonitoring({"home", {0, 0}, 100});
+  manager.startMonitoringSignificantLocationChanges();
+  manager.requestLocation();
+  EXPECT_EQ(delegate.read(), (Diary{"watching home", "fixes 0"}));
+  const struct {
+    double offset, secondsLater;
+    int place;  ///< none: 0
+    Diary told;
+  } steps[] = {
+      {7200, 9, 0, {}},
+      {3600, 1, 0, {"kCLErrorDomain 0"}},  // the request ends after ten seconds
+      {3600, 90, 50000, {}},
+      {86400, 19, 50000, {}},
+      {-3600, 1, 50000, {"out home"}},
+      {86400, 179, 50000, {}},
+      {-86400, 1, 50000, {"fixes 50000"}},  // 300 s after the first
+  };
+  for (const auto& [offset, later, place, told] : steps) {
+    SCOPED_TRACE(offset);
+    wall->offset = offset;
+    process.clock->advance(Seconds(later));
+    if (place != 0) process.service().deliver({fixAt(place)});
+    EXPECT_EQ(delegate.read(), told);
+  }
+}
+
   process.service().setAuthorizationStatus(authorizedWhenInUse);
   process.clock->advance(Seconds(300));
   process.service().deliver({fixAt(40000)});

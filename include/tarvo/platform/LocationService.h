@@ -75,7 +75,8 @@ class TARVO_API LocationService {
   Capabilities capabilities() const;
   void setCapabilities(Capabilities capabilities);
 
-  /// When a one-shot request gives up, and what counts as a significant change and as a crossing.
+  /// When a one-shot request gives up, and what counts as a significant change and as a crossing. Spans are the
+  /// installed clock's monotonic time: setting the wall clock neither shortens nor lengthens them.
   struct Rules {
     Seconds requestTimeout{10};
     double significantMetres = 500;

@@ -71,7 +71,7 @@ void LocationService::State::hand(const FixBatch& batch, const Permission& allow
   for (const auto& client : clients()) client->receive(batch, allowed, current);
 
   if (!allowed.always() || !allowed.capabilities.circularRegions) return;
-  const Date now = Clock::current()->now();
+  const Seconds now = Clock::current()->monotonic();
   std::vector<RegionCrossing> crossings;
   {
     MutexLock lock(mutex);

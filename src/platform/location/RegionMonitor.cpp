@@ -33,7 +33,7 @@ std::vector<CLCircularRegion> RegionMonitor::regions() const {
   return regions;
 }
 
-std::vector<RegionCrossing> RegionMonitor::evaluate(const CLLocation& fix, Date now,
+std::vector<RegionCrossing> RegionMonitor::evaluate(const CLLocation& fix, Seconds now,
                                                     const LocationService::Rules& rules) {
   std::vector<RegionCrossing> crossings;
   if (fix.horizontalAccuracy < 0) return crossings;

@@ -27,14 +27,14 @@ class RegionMonitor {
   void remove(std::string_view identifier);
   std::vector<CLCircularRegion> regions() const;
 
-  /// The crossings that `fix` completes at `now`. A fix of negative accuracy tells nothing.
-  std::vector<RegionCrossing> evaluate(const CLLocation& fix, Date now, const LocationService::Rules& rules);
+  /// The crossings that `fix` completes at `now`, in monotonic time. A fix of negative accuracy tells nothing.
+  std::vector<RegionCrossing> evaluate(const CLLocation& fix, Seconds now, const LocationService::Rules& rules);
 
  private:
   struct Entry {
     CLCircularRegion region;
     std::optional<bool> inside;
-    std::optional<Date> pastBorderSince;  ///< clearly on the other side from then on
+    std::optional<Seconds> pastBorderSince;  ///< clearly on the other side from then on
   };
   std::vector<Entry> entries_;
 };
