@@ -82,12 +82,18 @@ TEST(LocationService, RefusesFixesThatAreNotFiniteOrOutOfRange) {
   bad[9].timestamp = dateSince1970(nan);
   bad.push_back(fixAt(9));
   bad.back().coordinate = {-90, 180};
+  // The years 1970 to 9999.
+  for (const double time : {0.0, 253402300799.0, -0.001, 253402300800.0, 1e18}) {
+    bad.push_back(fixAt(8));
+    bad.back().timestamp = dateSince1970(time);
+  }
   process.service().deliver(bad);
-  EXPECT_EQ(delegate.read(), (Diary{"status 3", "fixes 180000000"}));
+  EXPECT_EQ(delegate.read(), (Diary{"status 3", "fixes 180000000 8 8"}));
   setSystemLogSink({});
-  ASSERT_EQ(log.size(), 10u);
+  ASSERT_EQ(log.size(), 13u);
   EXPECT_EQ(log[1], "location service: fix refused, latitude -90.001 is out of range");
   EXPECT_EQ(log[9], "location service: fix refused, timestamp nan is not finite");
+  EXPECT_EQ(log[11], "location service: fix refused, timestamp 253402300800 is out of range");
 }
 
 TEST(LocationService, TellsEachChangeOfPermissionAndDeliversOnlyWhileItAllows) {
@@ -336,29 +342,24 @@ TEST(LocationService, WatchesAtMostTwentyRegionsOfTheWholeProcess) {
   EXPECT_TRUE(manager.monitoredRegions().empty());
 }
 
-TEST(LocationService, TellsSignificantChangesEveryFiveMinutesAtMost) {
+TEST(LocationService, WatchesNoRegionWithoutAPossibleRadius) {
   Process process;
   DiaryDelegate delegate;
   CLLocationManager manager;
   manager.setDelegate(&delegate);
-  process.service().deliver({fixAt(7)});
-  EXPECT_EQ(delegate.read(), Diary{"status 3"});
-  manager.startMonitoringSignificantLocationChanges();
-  EXPECT_EQ(delegate.read(), Diary{"fixes 7"});
-  const struct {
-    double secondsLater;
-    int place;
-    Diary told;
-  } steps[] = {
-      {299, 9000, {}}, {1, 4490, {}}, {0, 4510, {"fixes 4510"}}, {299, 20000, {}}, {1, 20000, {"fixes 20000"}}};
-  for (const auto& [later, place, told] : steps) {
-    SCOPED_TRACE(place);
-    process.clock->advance(Seconds(later));
-    process.service().deliver({fixAt(place)});
-    EXPECT_EQ(delegate.read(), told);
-  }
-  manager.startMonitoringSignificantLocationChanges();
-  EXPECT_EQ(delegate.read(), Diary{});
+  manager.startMonitoring({"home", {0, 0}, 100});
+  EXPECT_EQ(delegate.read(), (Diary{"status 3", "watching home"}));
+  const double infinity = std::numeric_limits<double>::infinity();
+  for (const double radius : {-0.001, -infinity, infinity, std::nan(""), 1'000'000.5})
+    manager.startMonitoring({"home", {1, 1}, radius});
+  manager.startMonitoring({"largest", {0, 0}, 1'000'000});
+  const std::string failed = "not watching home 5";
+  EXPECT_EQ(delegate.read(), (Diary{failed, failed, failed, failed, failed, "watching largest"}));
+  const auto regions = manager.monitoredRegions();
+  ASSERT_EQ(regions.size(), 2u);
+  EXPECT_EQ(regions[0].radius, 100) << "a failure changes nothing";
+}
+
 /// A machine whose wall clock somebody sets; the time that passes is that of the other clock.
 class SetClock final : public Clock {
  public:
@@ -408,6 +409,29 @@ TEST(LocationService, GoesOnTellingWhileTheWallClockIsSetBackAndForth) {
   }
 }
 
+TEST(LocationService, TellsSignificantChangesEveryFiveMinutesAtMost) {
+  Process process;
+  DiaryDelegate delegate;
+  CLLocationManager manager;
+  manager.setDelegate(&delegate);
+  process.service().deliver({fixAt(7)});
+  EXPECT_EQ(delegate.read(), Diary{"status 3"});
+  manager.startMonitoringSignificantLocationChanges();
+  EXPECT_EQ(delegate.read(), Diary{"fixes 7"});
+  const struct {
+    double secondsLater;
+    int place;
+    Diary told;
+  } steps[] = {
+      {299, 9000, {}}, {1, 4490, {}}, {0, 4510, {"fixes 4510"}}, {299, 20000, {}}, {1, 20000, {"fixes 20000"}}};
+  for (const auto& [later, place, told] : steps) {
+    SCOPED_TRACE(place);
+    process.clock->advance(Seconds(later));
+    process.service().deliver({fixAt(place)});
+    EXPECT_EQ(delegate.read(), told);
+  }
+  manager.startMonitoringSignificantLocationChanges();
+  EXPECT_EQ(delegate.read(), Diary{});
   process.service().setAuthorizationStatus(authorizedWhenInUse);
   process.clock->advance(Seconds(300));
   process.service().deliver({fixAt(40000)});

@@ -47,8 +47,9 @@ class TARVO_API LocationService {
  public:
   static LocationService& shared();
 
-  /// Takes fixes, oldest first. Each one that is not finite or out of range is refused with a line in the system
-  /// log; the others reach each manager that updates, through its distance filter.
+  /// Takes fixes, oldest first. Each one that is not finite or out of range (degrees of the globe, a time in the years
+  /// 1970 to 9999) is refused with a line in the system log; the others reach each manager that updates, through its
+  /// distance filter.
   void deliver(const std::vector<CLLocation>& fixes);
 
   /// The receiver to switch; a host that pushes fixes by itself needs none. The one before is stopped if it runs.
@@ -85,6 +86,8 @@ class TARVO_API LocationService {
     /// A crossing is told once the fixes lie this far past the border (at most half the radius) ...
     double regionBorderMetres = 20;
     /// ... and have stayed there this long.
+    /// A larger region fails: nothing that moves on the ground would leave it.
+    double maximumRegionMonitoringMetres = 1'000'000;
     Seconds regionStay{20};
   };
   Rules rules() const;

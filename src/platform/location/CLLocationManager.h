@@ -93,8 +93,9 @@ class CLLocationManager {
   /// First the fix that is known (or the first to come), then one after each 500 m, at most every five minutes.
   void startMonitoringSignificantLocationChanges();
   void stopMonitoringSignificantLocationChanges();
-  /// Replaces a region of that identifier. The 21st region fails. All managers' delegates are told of crossings; a
-  /// region that one is inside of already gives none. Regions end with the process.
+  /// Replaces a region of that identifier. The 21st region fails, and one of a radius that is negative, not finite or
+  /// above 1000 km; what fails changes nothing. All managers' delegates are told of crossings; a region that one is
+  /// inside of already gives none. Regions end with the process.
   void startMonitoring(const CLCircularRegion& region);
   void stopMonitoring(const CLCircularRegion& region);
   /// The regions of the whole process, in the order in which they were added; a copy.

@@ -21,7 +21,8 @@ struct RegionCrossing {
 /// Threads: none of its own; the service guards it. Time is passed in.
 class RegionMonitor {
  public:
-  /// Adds or replaces; false when there are too many. The side is that of `latest`, else of the first fix to come.
+  /// Adds or replaces; false, and nothing changes, when there are too many or the radius is negative, not finite or
+  /// too large. The side is that of `latest`, else of the first fix to come.
   bool add(const CLCircularRegion& region, const std::optional<CLLocation>& latest,
            const LocationService::Rules& rules);
   void remove(std::string_view identifier);
