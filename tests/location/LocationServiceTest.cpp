@@ -133,7 +133,7 @@ TEST(LocationService, TellsEachChangeOfPermissionAndDeliversOnlyWhileItAllows) {
   EXPECT_EQ(delegate.read(), (Diary{"status 3", "kCLErrorDomain 0"}));
 }
 
-TEST(LocationService, PromptsOnTheMainQueueOnlyWhereTheAnswerIsOpen) {
+TEST(LocationService, AsksOneQuestionAtATimeOnTheMainQueueAndTheUpgradeAfterTheAnswer) {
   Process process;
   std::string asked;
   process.service().setPrompt([&](AuthorizationRequest request) {
@@ -141,24 +141,41 @@ TEST(LocationService, PromptsOnTheMainQueueOnlyWhereTheAnswerIsOpen) {
     asked += request == AuthorizationRequest::always ? 'A' : 'W';
   });
   CLLocationManager manager;
-  const struct {
-    CLAuthorizationStatus status;
-    const char* asked;  ///< by when-in-use, always and always again
-  } cases[] = {{authorizedAlways, ""},     {denied, ""},
-               {restricted, ""},           {notDetermined, "WAA"},
-               {authorizedWhenInUse, "A"}, {authorizedWhenInUse, ""},
-               {notDetermined, "WAA"}};
-  for (const auto& [status, expected] : cases) {
-    SCOPED_TRACE(static_cast<std::int64_t>(status));
-    process.service().setAuthorizationStatus(status);
+  const auto request = [&](const char* which) {
     asked.clear();
-    manager.requestWhenInUseAuthorization();
-    manager.requestAlwaysAuthorization();
-    manager.requestAlwaysAuthorization();
+    for (; *which != '\0'; ++which)
+      *which == 'A' ? manager.requestAlwaysAuthorization() : manager.requestWhenInUseAuthorization();
     EXPECT_EQ(asked, "") << "inside the call";
     EXPECT_TRUE(Activity::waitUntilIdle(Seconds(10)));
-    EXPECT_EQ(asked, expected);
+    return std::exchange(asked, {});
+  };
+  const struct {
+    CLAuthorizationStatus status;
+    const char *requests, *asked;
+    CLAuthorizationStatus answer;
+    const char* then;
+  } cases[] = {{authorizedAlways, "WAA", "", authorizedAlways, ""},
+               {denied, "WAA", "", denied, ""},
+               {restricted, "WAA", "", restricted, ""},
+               {notDetermined, "WWA", "W", authorizedAlways, ""},
+               {notDetermined, "WA", "W", denied, ""},
+               {notDetermined, "WA", "W", notDetermined, ""},  // put off: the next request asks again
+               {notDetermined, "WAW", "W", authorizedWhenInUse, ""},
+               {notDetermined, "AWA", "A", authorizedWhenInUse, ""},
+               {notDetermined, "WAA", "W", authorizedWhenInUse, "A"},
+               {authorizedWhenInUse, "AA", "", authorizedWhenInUse, ""},  // the upgrade is asked for once
+               {notDetermined, "WA", "W", authorizedWhenInUse, ""}};
+  for (const auto& wanted : cases) {
+    SCOPED_TRACE(concat(static_cast<std::int64_t>(wanted.status), wanted.requests));
+    process.service().setAuthorizationStatus(wanted.status);
+    EXPECT_EQ(request(wanted.requests), wanted.asked);
+    process.service().setAuthorizationStatus(wanted.answer);
+    EXPECT_EQ(request(""), wanted.then);
   }
+  process.service().setAuthorizationStatus(notDetermined);
+  manager.requestAlwaysAuthorization();
+  process.service().setAuthorizationStatus(authorizedAlways);
+  EXPECT_EQ(request(""), "") << "answered before it was asked";
 }
 
 TEST(LocationService, SwitchesItsSourceOnOnlyWhileSomebodyNeedsFixes) {

@@ -59,9 +59,12 @@ class TARVO_API LocationService {
   void fail(std::int64_t code);
 
   CLAuthorizationStatus authorizationStatus() const;
+  /// What the host's user has decided; also the answer to a question of the prompt.
   void setAuthorizationStatus(CLAuthorizationStatus status);
 
-  /// Called (posted to the main queue, never inside a library call) when permission is asked for.
+  /// Called (posted to the main queue, never inside a library call) when permission is asked for. One question at a
+  /// time: until `setAuthorizationStatus` brings its answer (notDetermined: put off), or another prompt is set, further
+  /// requests add none; a wish for "always" that came while "when in use" was asked for follows an answer of that kind.
   void setPrompt(std::function<void(AuthorizationRequest)> prompt);
 
   /// What the device has. Without location services, updates fail as denied.
@@ -83,11 +86,11 @@ class TARVO_API LocationService {
     double significantMetres = 500;
     Seconds significantInterval{300};
     std::size_t regionLimit = 20;
+    /// A larger region fails: nothing that moves on the ground would leave it.
+    double maximumRegionMonitoringMetres = 1'000'000;
     /// A crossing is told once the fixes lie this far past the border (at most half the radius) ...
     double regionBorderMetres = 20;
     /// ... and have stayed there this long.
-    /// A larger region fails: nothing that moves on the ground would leave it.
-    double maximumRegionMonitoringMetres = 1'000'000;
     Seconds regionStay{20};
   };
   Rules rules() const;

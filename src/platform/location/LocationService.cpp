@@ -69,8 +69,7 @@ CLAuthorizationStatus LocationService::authorizationStatus() const { return stat
 void LocationService::setAuthorizationStatus(CLAuthorizationStatus status) { state_->setStatus(status); }
 
 void LocationService::setPrompt(std::function<void(AuthorizationRequest)> prompt) {
-  MutexLock lock(state_->mutex);
-  state_->prompt.swap(prompt);
+  state_->setPrompt(std::move(prompt));
 }
 
 LocationService::Rules LocationService::rules() const {
