@@ -58,8 +58,8 @@ class CLLocationManagerDelegate {
 ///
 /// Threads: any; every call but `waitUntilTold` returns at once, also while a delivery runs. The delegate must outlive
 /// the manager or be taken off first. Once `setDelegate` or the destructor has returned on the delivery queue, the old
-/// delegate is not called any more; on another thread, a call that is under way still ends. Errors: through the
-/// delegate, domain kCLErrorDomain.
+/// delegate is not called any more; on another thread, a call that is under way still ends.
+/// Errors: through the delegate, domain kCLErrorDomain.
 class CLLocationManager {
  public:
   CLLocationManager();
