@@ -98,8 +98,6 @@ void Session::activate() {
   }
   // Only now: known earlier, it would make the engine register before the key has been read.
   NetworkManager::setApiKeySecret(secret);
-  // The location service tells its permission first, so that a run repeats.
-  Tarvo::waitUntilIdle(kLongestWork);
   tarvo_.activate(options_.mode);
   if (options_.mode >= Tarvo::BACKEND_GEOPROFILE) {
     tarvo_.requestRouteMatch();

@@ -80,6 +80,9 @@ void LocationManager::Parts::startUp() {
   state.currentBatteryState = UIDevice::current().batteryState();
   UIApplication::shared().setMinimumBackgroundFetchInterval(10.0);
   queues.serialNetworkDataQueue.sync([this] { pipeline.sendDataInBatchToRemoteWebServer(); });
+  // The first report of the permission is no change: it is dealt with before anybody can start the service.
+  locationManager.waitUntilTold();
+  queues.serialQueue.sync([] {});
 }
 
 void LocationManager::Parts::subscribeForNotifications() {

@@ -28,7 +28,8 @@ namespace tarvo {
 struct LocationManager::Parts final : platform::CLLocationManagerDelegate, EngineLink {
   explicit Parts(LocationManager& engine);
 
-  /// What the engine does once it exists, in this order; returns after the first upload pass has been started.
+  /// What the engine does once it exists, in this order; returns after the first upload pass has been started and the
+  /// location service's first report of the permission has been handled.
   void startUp();
 
   LocationManager& engine;

@@ -8,7 +8,8 @@ using platform::MutexLock;
 
 UploadChannel::Attempt UploadChannel::tryTake(platform::Date now) {
   MutexLock lock(mutex_);
-  const platform::Seconds elapsed = now - takenAt_.value_or(now);
+  if (!takenAt_) takenAt_ = now;
+  const platform::Seconds elapsed = now - *takenAt_;
   const bool take = !locked_ || elapsed >= kExpiry;
   const Attempt attempt{locked_, elapsed, take};
   if (take) {

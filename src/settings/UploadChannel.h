@@ -28,7 +28,7 @@ class UploadChannel {
 
   bool locked() const;
   void setLocked(bool locked);
-  /// The moment of the first access until it is taken.
+  /// The moment of the first access, of an attempt or of this call, until it is taken.
   platform::Date takenAt() const;
   void setTakenAt(platform::Date date);
 

@@ -1,5 +1,6 @@
 #include "store/PastTrips.h"
 
+#include <limits>
 #include <utility>
 
 #include "log/Log.h"
@@ -116,6 +117,13 @@ std::shared_ptr<PastTrips> PastTrips::getLastPastTrip(Context& context) {
   Log::debug("LastTrips:getLastPastTrip [loc] pasttrip_ID:", trips->front()->pasttripID(),
              " mainThread:", mainThread());
   return trips->front();
+}
+
+bool PastTrips::lackIdentifiers(Context& context) {
+  auto identified =
+      context.count({.entity = std::string(kEntity),
+                     .predicates = {{"pasttrip_id", Operator::atLeast, std::numeric_limits<std::int64_t>::min()}}});
+  return identified && *identified == 0;
 }
 
 PastTrips::List PastTrips::getLocationHistoryExtraPolated(Context& context, Date since, Date until) {

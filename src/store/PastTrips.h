@@ -30,6 +30,8 @@ class PastTrips : public platform::NSManagedObject {
   static void removeTripIfExist(Context& context, std::int64_t pasttripID);
   /// The one with the highest identifier.
   static std::shared_ptr<PastTrips> getLastPastTrip(Context& context);
+  /// Whether there is a store, and no trip in it that has an identifier. Writes nothing to the log.
+  static bool lackIdentifiers(Context& context);
   /// Those that start between the two moments, both included, by ascending identifier.
   static List getLocationHistoryExtraPolated(Context& context, platform::Date since, platform::Date until);
   static void removeData(Context& context);

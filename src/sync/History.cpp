@@ -1,6 +1,8 @@
 #include "sync/History.h"
 
 #include "log/Log.h"
+#include "net/Reply.h"
+#include "platform/foundation/FatalError.h"
 #include "settings/Settings.h"
 #include "store/Locations.h"
 #include "store/PastTrips.h"
@@ -11,6 +13,23 @@ namespace tarvo {
 
 using platform::concat;
 using platform::Date;
+
+namespace {
+
+/// Stops the process unless the newest trip will have an integer identifier. Found out once a trip had been saved,
+/// each later process would stop at it as well.
+void requireIdentifiers(const std::vector<platform::Dictionary>& trips, PastTrips::Context& context) {
+  bool isIdentified = trips.empty();
+  for (const auto& trip : trips) {
+    const platform::Value* id = platform::find(trip, "pasttrip_id");
+    if (id == nullptr) continue;
+    requireInteger(*id, "pasttrip_id");
+    isIdentified = true;
+  }
+  if (!isIdentified && PastTrips::lackIdentifiers(context)) platform::fatalError("no past trip has an identifier");
+}
+
+}  // namespace
 
 LocationsHistory History::getLocationhistory(std::optional<Date> since, std::optional<Date> until) {
   LocationsHistory history;
@@ -62,6 +81,7 @@ std::optional<LocationsHistory> History::addNewLastTrip(const std::vector<platfo
   auto& context = store_.managedObjectContext();
   context.performAndWait([&] {
     Log::debug("LocationManager:addNewLastTripToDatabase [loc] lasttrips:[Count] ", trips.size());
+    requireIdentifiers(trips, context);
     for (const auto& trip : trips) {
       const platform::Value* id = platform::find(trip, "pasttrip_id");
       Log::debug("LocationManager:addNewLastTripToDatabase [loc] loc:", id ? platform::concat(*id) : "nil",

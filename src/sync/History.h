@@ -25,7 +25,8 @@ class History {
   std::vector<PointOfInterestRecord> getPointOfInterest();
   std::optional<PastTripRecord> getLastPastTrip();
 
-  /// Stores each trip with a save of its own, then makes the newest stored one's identifier the last trip id.
+  /// Stores each trip with a save of its own, then makes the newest stored one's identifier the last trip id. A
+  /// "pasttrip_id" that is no integer, and a newest trip without one, stop the process before anything is stored.
   /// Returns what the host is to be told: the newest trip alone, absent when none is stored.
   std::optional<LocationsHistory> addNewLastTrip(const std::vector<platform::Dictionary>& trips);
   /// Stores each place with a save of its own; nothing is touched for an empty list.

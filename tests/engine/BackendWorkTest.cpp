@@ -158,5 +158,31 @@ TEST_F(BackendWork, AnUploadOfAKilledProcessIsCompletedByTheNext) {
   EXPECT_EQ(diary.count("sendLogToRemoteWebServer"), 0u) << "nothing new was sent";
 }
 
+TEST_F(BackendWork, StopsBeforeItStoresTripsWhoseIdentifiersItCannotTake) {
+  using Trips = std::vector<platform::Dictionary>;
+  const auto trip = [](platform::Value id) { return platform::Dictionary{{"pasttrip_id", std::move(id)}}; };
+  const platform::Dictionary without{{"arrival_lat", 48.5}};
+  const Trips bad[] = {{trip(7), trip(7.5)},     {trip(7), trip(9223372036854775808.0)},
+                       {trip(7), trip("8")},     {trip(7), trip(true)},
+                       {trip(nullptr), trip(7)}, {without}};
+  for (const Trips& trips : bad) {
+    const pid_t child = ::fork();  // no thread runs yet
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      ObjectStore store;
+      History(store).addNewLastTrip(trips);
+      ::_exit(0);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << &trips - bad;
+  }
+  ObjectStore store;
+  History history(store);
+  EXPECT_FALSE(history.getLastPastTrip()) << "the next launch starts clean";
+  EXPECT_EQ(history.addNewLastTrip({trip(7.0), without})->pasttrips.front().pasttrip_id, 7);
+  EXPECT_EQ(history.addNewLastTrip({without})->pasttrips.front().pasttrip_id, 7);
+}
+
 }  // namespace
 }  // namespace tarvo

@@ -1,5 +1,8 @@
 #include "engine/Harness.h"
 
+#include <chrono>
+#include <future>
+
 #include "net/EngineLink.h"
 
 namespace tarvo {
@@ -135,6 +138,29 @@ TEST_F(Facade, AsksForThePermissionThatTheModeNeedsAndAnswersTheStatusBefore) {
     EXPECT_EQ(diary.count("requestAgainLocationAuthorization"), wanted.alerts ? 2u : 0u);
     waitUntilIdle();
   }
+}
+
+TEST_F(Facade, TakesThePermissionThatItFindsForNoChange) {
+  /// Holds the service's reports up until an engine that does not wait for its own would have been activated.
+  struct Slow final : platform::CLLocationManagerDelegate {
+    void didUpdateLocations(platform::CLLocationManager&, const std::vector<platform::CLLocation>&) override {}
+    void didFailWithError(platform::CLLocationManager&, const platform::Error&) override {}
+    void didChangeAuthorization(platform::CLLocationManager&, CLAuthorizationStatus) override {
+      activated.get_future().wait_for(std::chrono::milliseconds(200));
+    }
+    std::promise<void> activated;
+  } slow;
+  platform::CLLocationManager another;
+  another.setDelegate(&slow);
+  Tarvo tarvo;
+  tarvo.activate(Tarvo::LOCAL_BACKGROUND);
+  slow.activated.set_value();
+  another.setDelegate(nullptr);
+  waitUntilIdle();
+  EXPECT_EQ(diary.count("didChangeAuthorization"), 0u);
+  LocationService::shared().setAuthorizationStatus(CLAuthorizationStatus::authorizedWhenInUse);
+  waitUntilIdle();
+  EXPECT_EQ(diary.count("didChangeAuthorization [loc] status:4"), 1u);
 }
 
 TEST_F(Facade, RecordsChangesOfPermissionAtTheLastKnownPlaceWhileStarted) {

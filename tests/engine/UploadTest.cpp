@@ -1,5 +1,7 @@
 #include "engine/Harness.h"
 
+#include "platform/foundation/Text.h"
+
 namespace tarvo {
 namespace {
 
@@ -100,6 +102,18 @@ TEST_F(Upload, TakesOverAChannelHeldFor180SecondsAndResendsWhatAwaitsFirst) {
   EXPECT_EQ(holdings.positions, 1);
   EXPECT_EQ(holdings.repeats, 1) << "the answer was lost, not the batch";
   EXPECT_EQ(engine().syncStatus().acknowledged, 1);
+}
+
+TEST_F(Upload, AgesAChannelThatTheHostHeldBeforeTheFirstPass) {
+  Tarvo tarvo;
+  NetworkManager::setCANAL_LOCK(true);
+  Tarvo::setACTIVATE_STATUS(Tarvo::BACKEND_BACKGROUND);
+  for (const int seconds : {0, 179, 1}) {
+    clock->advance(Seconds(seconds));
+    engine().sendDataInBatchToRemoteWebServer();
+  }
+  for (const char* elapsed : {"0", "179", "180"})
+    EXPECT_EQ(diary.count(platform::concat("CANAL===true=====", elapsed, "=======")), 1u) << elapsed;
 }
 
 TEST_F(Upload, AcknowledgesOnATransportErrorAsOnAnAnswer) {

@@ -108,9 +108,9 @@ TEST(Timer, IsHandedOverByTheTimeAMovedClockReturns) {
   Clock::install(clock);
   SerialQueue queue("test.timer");
   std::vector<int> fired;
-  auto soon = Timer::at(dateSince1970(1010), queue, [&] { fired.push_back(10); });
-  auto later = Timer::at(dateSince1970(1020), queue, [&] { fired.push_back(20); });
-  auto never = Timer::at(dateSince1970(1005), queue, [&] { fired.push_back(5); });
+  auto soon = Timer::after(Seconds(10), queue, [&] { fired.push_back(10); });
+  auto later = Timer::after(Seconds(20), queue, [&] { fired.push_back(20); });
+  auto never = Timer::after(Seconds(5), queue, [&] { fired.push_back(5); });
   never->cancel();
   clock->advanceTo(dateSince1970(1010));
   clock->advanceTo(dateSince1970(900));
@@ -123,7 +123,7 @@ TEST(Timer, IsHandedOverByTheTimeAMovedClockReturns) {
 TEST(Timer, FiresByItselfOnTheMachinesClock) {
   SerialQueue queue("test.timer");
   std::promise<void> fired;
-  auto timer = Timer::at(Clock::current()->now() + Seconds(0.02), queue, [&] { fired.set_value(); });
+  auto timer = Timer::after(Seconds(0.02), queue, [&] { fired.set_value(); });
   EXPECT_EQ(fired.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
 }
 

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
@@ -81,12 +82,18 @@ TEST(LocationService, RefusesFixesThatAreNotFiniteOrOutOfRange) {
   bad[9].timestamp = dateSince1970(nan);
   bad.push_back(fixAt(9));
   bad.back().coordinate = {-90, 180};
+  // The years 1970 to 9999.
+  for (const double time : {0.0, 253402300799.0, -0.001, 253402300800.0, 1e18}) {
+    bad.push_back(fixAt(8));
+    bad.back().timestamp = dateSince1970(time);
+  }
   process.service().deliver(bad);
-  EXPECT_EQ(delegate.read(), (Diary{"status 3", "fixes 180000000"}));
+  EXPECT_EQ(delegate.read(), (Diary{"status 3", "fixes 180000000 8 8"}));
   setSystemLogSink({});
-  ASSERT_EQ(log.size(), 10u);
+  ASSERT_EQ(log.size(), 13u);
   EXPECT_EQ(log[1], "location service: fix refused, latitude -90.001 is out of range");
   EXPECT_EQ(log[9], "location service: fix refused, timestamp nan is not finite");
+  EXPECT_EQ(log[11], "location service: fix refused, timestamp 253402300800 is out of range");
 }
 
 TEST(LocationService, TellsEachChangeOfPermissionAndDeliversOnlyWhileItAllows) {
@@ -126,7 +133,7 @@ TEST(LocationService, TellsEachChangeOfPermissionAndDeliversOnlyWhileItAllows) {
   EXPECT_EQ(delegate.read(), (Diary{"status 3", "kCLErrorDomain 0"}));
 }
 
-TEST(LocationService, PromptsOnTheMainQueueOnlyWhereTheAnswerIsOpen) {
+TEST(LocationService, AsksOneQuestionAtATimeOnTheMainQueueAndTheUpgradeAfterTheAnswer) {
   Process process;
   std::string asked;
   process.service().setPrompt([&](AuthorizationRequest request) {
@@ -134,24 +141,41 @@ TEST(LocationService, PromptsOnTheMainQueueOnlyWhereTheAnswerIsOpen) {
     asked += request == AuthorizationRequest::always ? 'A' : 'W';
   });
   CLLocationManager manager;
-  const struct {
-    CLAuthorizationStatus status;
-    const char* asked;  ///< by when-in-use, always and always again
-  } cases[] = {{authorizedAlways, ""},     {denied, ""},
-               {restricted, ""},           {notDetermined, "WAA"},
-               {authorizedWhenInUse, "A"}, {authorizedWhenInUse, ""},
-               {notDetermined, "WAA"}};
-  for (const auto& [status, expected] : cases) {
-    SCOPED_TRACE(static_cast<std::int64_t>(status));
-    process.service().setAuthorizationStatus(status);
+  const auto request = [&](const char* which) {
     asked.clear();
-    manager.requestWhenInUseAuthorization();
-    manager.requestAlwaysAuthorization();
-    manager.requestAlwaysAuthorization();
+    for (; *which != '\0'; ++which)
+      *which == 'A' ? manager.requestAlwaysAuthorization() : manager.requestWhenInUseAuthorization();
     EXPECT_EQ(asked, "") << "inside the call";
     EXPECT_TRUE(Activity::waitUntilIdle(Seconds(10)));
-    EXPECT_EQ(asked, expected);
+    return std::exchange(asked, {});
+  };
+  const struct {
+    CLAuthorizationStatus status;
+    const char *requests, *asked;
+    CLAuthorizationStatus answer;
+    const char* then;
+  } cases[] = {{authorizedAlways, "WAA", "", authorizedAlways, ""},
+               {denied, "WAA", "", denied, ""},
+               {restricted, "WAA", "", restricted, ""},
+               {notDetermined, "WWA", "W", authorizedAlways, ""},
+               {notDetermined, "WA", "W", denied, ""},
+               {notDetermined, "WA", "W", notDetermined, ""},  // put off: the next request asks again
+               {notDetermined, "WAW", "W", authorizedWhenInUse, ""},
+               {notDetermined, "AWA", "A", authorizedWhenInUse, ""},
+               {notDetermined, "WAA", "W", authorizedWhenInUse, "A"},
+               {authorizedWhenInUse, "AA", "", authorizedWhenInUse, ""},  // the upgrade is asked for once
+               {notDetermined, "WA", "W", authorizedWhenInUse, ""}};
+  for (const auto& wanted : cases) {
+    SCOPED_TRACE(concat(static_cast<std::int64_t>(wanted.status), wanted.requests));
+    process.service().setAuthorizationStatus(wanted.status);
+    EXPECT_EQ(request(wanted.requests), wanted.asked);
+    process.service().setAuthorizationStatus(wanted.answer);
+    EXPECT_EQ(request(""), wanted.then);
   }
+  process.service().setAuthorizationStatus(notDetermined);
+  manager.requestAlwaysAuthorization();
+  process.service().setAuthorizationStatus(authorizedAlways);
+  EXPECT_EQ(request(""), "") << "answered before it was asked";
 }
 
 TEST(LocationService, SwitchesItsSourceOnOnlyWhileSomebodyNeedsFixes) {
@@ -333,6 +357,73 @@ TEST(LocationService, WatchesAtMostTwentyRegionsOfTheWholeProcess) {
             "CLCircularRegion (identifier:'r7', center:<+1.00000000,+1.00000000>, radius:50.00m)");
   for (const auto& region : regions) other.stopMonitoring(region);
   EXPECT_TRUE(manager.monitoredRegions().empty());
+}
+
+TEST(LocationService, WatchesNoRegionWithoutAPossibleRadius) {
+  Process process;
+  DiaryDelegate delegate;
+  CLLocationManager manager;
+  manager.setDelegate(&delegate);
+  manager.startMonitoring({"home", {0, 0}, 100});
+  EXPECT_EQ(delegate.read(), (Diary{"status 3", "watching home"}));
+  const double infinity = std::numeric_limits<double>::infinity();
+  for (const double radius : {-0.001, -infinity, infinity, std::nan(""), 1'000'000.5})
+    manager.startMonitoring({"home", {1, 1}, radius});
+  manager.startMonitoring({"largest", {0, 0}, 1'000'000});
+  const std::string failed = "not watching home 5";
+  EXPECT_EQ(delegate.read(), (Diary{failed, failed, failed, failed, failed, "watching largest"}));
+  const auto regions = manager.monitoredRegions();
+  ASSERT_EQ(regions.size(), 2u);
+  EXPECT_EQ(regions[0].radius, 100) << "a failure changes nothing";
+}
+
+/// A machine whose wall clock somebody sets; the time that passes is that of the other clock.
+class SetClock final : public Clock {
+ public:
+  explicit SetClock(std::shared_ptr<Clock> running) : running_(std::move(running)) {}
+  Date now() const override { return running_->now() + Seconds(offset.load()); }
+  Seconds monotonic() const override { return running_->monotonic(); }
+  std::optional<Seconds> realTimeUntil(Date) const override { return std::nullopt; }
+
+  std::atomic<double> offset = 0;
+
+ private:
+  const std::shared_ptr<Clock> running_;
+};
+
+TEST(LocationService, GoesOnTellingWhileTheWallClockIsSetBackAndForth) {
+  Process process;
+  const auto wall = std::make_shared<SetClock>(process.clock);
+  Clock::install(wall);
+  DiaryDelegate delegate;
+  CLLocationManager manager;
+  manager.setDelegate(&delegate);
+  process.service().deliver({fixAt(0)});
+  EXPECT_EQ(delegate.read(), Diary{"status 3"});
+  manager.startMonitoring({"home", {0, 0}, 100});
+  manager.startMonitoringSignificantLocationChanges();
+  manager.requestLocation();
+  EXPECT_EQ(delegate.read(), (Diary{"watching home", "fixes 0"}));
+  const struct {
+    double offset, secondsLater;
+    int place;  ///< none: 0
+    Diary told;
+  } steps[] = {
+      {7200, 9, 0, {}},
+      {3600, 1, 0, {"kCLErrorDomain 0"}},  // the request ends after ten seconds
+      {3600, 90, 50000, {}},
+      {86400, 19, 50000, {}},
+      {-3600, 1, 50000, {"out home"}},
+      {86400, 179, 50000, {}},
+      {-86400, 1, 50000, {"fixes 50000"}},  // 300 s after the first
+  };
+  for (const auto& [offset, later, place, told] : steps) {
+    SCOPED_TRACE(offset);
+    wall->offset = offset;
+    process.clock->advance(Seconds(later));
+    if (place != 0) process.service().deliver({fixAt(place)});
+    EXPECT_EQ(delegate.read(), told);
+  }
 }
 
 TEST(LocationService, TellsSignificantChangesEveryFiveMinutesAtMost) {

@@ -8,8 +8,9 @@
 
 namespace tarvo::platform {
 
-/// Where all code reads the time: positions, ages, the upload channel and file names follow the installed clock.
-/// Only network time-outs run on the machine's own time.
+/// Where all code reads the time: positions, ages, the upload channel and file names follow the installed clock's wall
+/// time, spans that the location service measures its monotonic time. Only network time-outs run on the machine's own
+/// time.
 ///
 /// Threads: any. A clock is installed before the first touch of the library and kept for good.
 class TARVO_API Clock {
@@ -18,7 +19,8 @@ class TARVO_API Clock {
 
   /// Wall time.
   virtual Date now() const = 0;
-  /// Time since an arbitrary start; never goes backwards.
+  /// Time since an arbitrary start; never goes backwards, and is not touched when the wall clock is set. The machine's
+  /// own counts on while it is suspended.
   virtual Seconds monotonic() const = 0;
   /// Real seconds until this clock shows `date` by itself; absent when only a caller moves it.
   virtual std::optional<Seconds> realTimeUntil(Date date) const = 0;

@@ -47,8 +47,9 @@ class TARVO_API LocationService {
  public:
   static LocationService& shared();
 
-  /// Takes fixes, oldest first. Each one that is not finite or out of range is refused with a line in the system
-  /// log; the others reach each manager that updates, through its distance filter.
+  /// Takes fixes, oldest first. Each one that is not finite or out of range (degrees of the globe, a time in the years
+  /// 1970 to 9999) is refused with a line in the system log; the others reach each manager that updates, through its
+  /// distance filter.
   void deliver(const std::vector<CLLocation>& fixes);
 
   /// The receiver to switch; a host that pushes fixes by itself needs none. The one before is stopped if it runs.
@@ -58,9 +59,12 @@ class TARVO_API LocationService {
   void fail(std::int64_t code);
 
   CLAuthorizationStatus authorizationStatus() const;
+  /// What the host's user has decided; also the answer to a question of the prompt.
   void setAuthorizationStatus(CLAuthorizationStatus status);
 
-  /// Called (posted to the main queue, never inside a library call) when permission is asked for.
+  /// Called (posted to the main queue, never inside a library call) when permission is asked for. One question at a
+  /// time: until `setAuthorizationStatus` brings its answer (notDetermined: put off), or another prompt is set, further
+  /// requests add none; a wish for "always" that came while "when in use" was asked for follows an answer of that kind.
   void setPrompt(std::function<void(AuthorizationRequest)> prompt);
 
   /// What the device has. Without location services, updates fail as denied.
@@ -75,12 +79,15 @@ class TARVO_API LocationService {
   Capabilities capabilities() const;
   void setCapabilities(Capabilities capabilities);
 
-  /// When a one-shot request gives up, and what counts as a significant change and as a crossing.
+  /// When a one-shot request gives up, and what counts as a significant change and as a crossing. Spans are the
+  /// installed clock's monotonic time: setting the wall clock neither shortens nor lengthens them.
   struct Rules {
     Seconds requestTimeout{10};
     double significantMetres = 500;
     Seconds significantInterval{300};
     std::size_t regionLimit = 20;
+    /// A larger region fails: nothing that moves on the ground would leave it.
+    double maximumRegionMonitoringMetres = 1'000'000;
     /// A crossing is told once the fixes lie this far past the border (at most half the radius) ...
     double regionBorderMetres = 20;
     /// ... and have stayed there this long.

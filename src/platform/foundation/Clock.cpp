@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/foundation/BootTime.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/Timer.h"
 
@@ -14,7 +15,7 @@ namespace {
 class SystemClock final : public Clock {
  public:
   Date now() const override { return std::chrono::system_clock::now(); }
-  Seconds monotonic() const override { return std::chrono::steady_clock::now().time_since_epoch(); }
+  Seconds monotonic() const override { return sinceBoot(); }
   std::optional<Seconds> realTimeUntil(Date date) const override { return date - now(); }
 };
 

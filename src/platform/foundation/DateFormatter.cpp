@@ -151,9 +151,11 @@ class LocalizedFormat {
     MutexLock lock(mutex_);
     if (!isOpen()) return;
     if (minute != minute_) keep(minute);
-    const auto digits = static_cast<int>(second - minute);
-    // Some locales name noon and midnight, which are exact.
-    if (!hasSeconds_ || digits == 0) return out.add(text(format(format_.get(), milliseconds(date))));
+    const double seconds = second - minute;
+    // Some locales name noon and midnight, which are exact. Beyond 2^53 there are no single seconds.
+    if (!hasSeconds_ || !(seconds >= 1 && seconds < 60))
+      return out.add(text(format(format_.get(), milliseconds(date))));
+    const auto digits = static_cast<int>(seconds);
     out.add(beforeSeconds_);
     out.add(static_cast<char>('0' + digits / 10));
     out.add(static_cast<char>('0' + digits % 10));

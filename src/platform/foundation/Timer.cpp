@@ -39,7 +39,7 @@ class TimerTable {
 
 class PendingTimer final : public Timer {
  public:
-  PendingTimer(Date moment, SerialQueue& queue, std::function<void()> block)
+  PendingTimer(Seconds moment, SerialQueue& queue, std::function<void()> block)
       : due(moment), queue_(queue), block_(std::move(block)) {}
 
   void cancel() override {
@@ -56,7 +56,7 @@ class PendingTimer final : public Timer {
     if (block) queue_.async(std::move(block));
   }
 
-  const Date due;
+  const Seconds due;  ///< of the clock's monotonic time
 
  private:
   SerialQueue& queue_;
@@ -76,7 +76,7 @@ void TimerTable::add(const std::shared_ptr<PendingTimer>& timer) {
 
 void TimerTable::handOverDue() {
   std::vector<std::shared_ptr<PendingTimer>> due;
-  const Date now = Clock::current()->now();
+  const Seconds now = Clock::current()->monotonic();
   {
     MutexLock lock(mutex_);
     std::erase_if(timers_, [&](const std::weak_ptr<PendingTimer>& weak) {
@@ -93,14 +93,13 @@ void TimerTable::handOverDue() {
 
 std::optional<Seconds> TimerTable::untilEarliest() {
   std::optional<Seconds> earliest;
-  const auto clock = Clock::current();
   for (const auto& weak : timers_) {
-    auto timer = weak.lock();
-    if (!timer) continue;
-    auto left = clock->realTimeUntil(timer->due);
-    if (left && (!earliest || *left < *earliest)) earliest = left;
+    const auto timer = weak.lock();
+    if (timer && (!earliest || timer->due < *earliest)) earliest = timer->due;
   }
-  return earliest;
+  if (!earliest) return std::nullopt;
+  const auto clock = Clock::current();
+  return clock->realTimeUntil(clock->now() + (*earliest - clock->monotonic()));
 }
 
 void TimerTable::run() {
@@ -112,7 +111,7 @@ void TimerTable::run() {
       if (!left) {
         changed_.wait(mutex_);
       } else {
-        // A wall clock that is set while this sleeps is noticed within a minute.
+        // A machine that was suspended meanwhile is noticed within a minute.
         const auto bounded = std::min(*left, Seconds(60));
         changed_.wait_for(mutex_, std::chrono::ceil<std::chrono::milliseconds>(bounded));
         break;
@@ -127,8 +126,8 @@ void TimerTable::run() {
 
 }  // namespace
 
-std::shared_ptr<Timer> Timer::at(Date due, SerialQueue& queue, std::function<void()> block) {
-  auto timer = std::make_shared<PendingTimer>(due, queue, std::move(block));
+std::shared_ptr<Timer> Timer::after(Seconds span, SerialQueue& queue, std::function<void()> block) {
+  auto timer = std::make_shared<PendingTimer>(Clock::current()->monotonic() + span, queue, std::move(block));
   TimerTable::shared().add(timer);
   return timer;
 }

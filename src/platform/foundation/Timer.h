@@ -9,14 +9,15 @@ namespace tarvo::platform {
 
 class SerialQueue;
 
-/// A block that is handed to a queue once the installed clock has reached a moment.
+/// A block that is handed to a queue once a span of the installed clock has passed; setting the wall clock changes
+/// nothing about it.
 ///
 /// Dropping the last pointer or `cancel` ends it; a block already handed over still runs. With a clock that is moved
 /// by hand, due blocks have been handed over when the move returns. Threads: any.
 class Timer {
  public:
   /// `queue` outlives the timer.
-  static std::shared_ptr<Timer> at(Date due, SerialQueue& queue, std::function<void()> block);
+  static std::shared_ptr<Timer> after(Seconds span, SerialQueue& queue, std::function<void()> block);
   virtual ~Timer() = default;
   virtual void cancel() = 0;
 };

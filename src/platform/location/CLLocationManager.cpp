@@ -28,6 +28,8 @@ void CLLocationManager::setDelegate(CLLocationManagerDelegate* delegate) {
   if (client_->setDelegate(delegate)) service().postStatus(client_);
 }
 
+void CLLocationManager::waitUntilTold() { service().waitForDeliveries(); }
+
 void CLLocationManager::setDesiredAccuracy(double metres) {
   client_->changeWishes([=](auto& wishes) { wishes.desiredAccuracyMetres = metres; });
   service().demandMayHaveChanged();

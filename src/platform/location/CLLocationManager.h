@@ -56,9 +56,9 @@ class CLLocationManagerDelegate {
 
 /// A client of the process's location service.
 ///
-/// Threads: any; every call returns at once, also while a delivery runs. The delegate must outlive the manager or be
-/// taken off first. Once `setDelegate` or the destructor has returned on the delivery queue, the old delegate is not
-/// called any more; on another thread, a call that is under way still ends.
+/// Threads: any; every call but `waitUntilTold` returns at once, also while a delivery runs. The delegate must outlive
+/// the manager or be taken off first. Once `setDelegate` or the destructor has returned on the delivery queue, the old
+/// delegate is not called any more; on another thread, a call that is under way still ends.
 /// Errors: through the delegate, domain kCLErrorDomain.
 class CLLocationManager {
  public:
@@ -69,6 +69,9 @@ class CLLocationManager {
 
   /// The first delegate is told the authorization status, soon and once; from then on each change of it.
   void setDelegate(CLLocationManagerDelegate* delegate);
+  /// Returns once the delegates have been told what there was to tell before the call; on the delivery queue at once.
+  /// Never while holding what a delegate may wait for.
+  void waitUntilTold();
   /// A wish in metres, not a filter.
   void setDesiredAccuracy(double metres);
   /// Metres from the last delivered fix before the next is delivered; kCLDistanceFilterNone: every fix. At once.
@@ -90,8 +93,9 @@ class CLLocationManager {
   /// First the fix that is known (or the first to come), then one after each 500 m, at most every five minutes.
   void startMonitoringSignificantLocationChanges();
   void stopMonitoringSignificantLocationChanges();
-  /// Replaces a region of that identifier. The 21st region fails. All managers' delegates are told of crossings; a
-  /// region that one is inside of already gives none. Regions end with the process.
+  /// Replaces a region of that identifier. The 21st region fails, and one of a radius that is negative, not finite or
+  /// above 1000 km; what fails changes nothing. All managers' delegates are told of crossings; a region that one is
+  /// inside of already gives none. Regions end with the process.
   void startMonitoring(const CLCircularRegion& region);
   void stopMonitoring(const CLCircularRegion& region);
   /// The regions of the whole process, in the order in which they were added; a copy.

@@ -66,7 +66,7 @@ bool LocationClient::request(std::uint64_t after, Seconds timeout, SerialQueue& 
   if (request_) return false;
   const std::uint64_t serial = ++requestSerial_;
   request_ = Request{after, std::nullopt, nullptr};
-  request_->timer = Timer::at(Clock::current()->now() + timeout, queue, [weak = weak_from_this(), serial] {
+  request_->timer = Timer::after(timeout, queue, [weak = weak_from_this(), serial] {
     if (const auto self = weak.lock()) self->requestTimedOut(serial);
   });
   return true;
@@ -90,7 +90,7 @@ bool LocationClient::passesFilter(const CLLocation& fix) const {
   return !lastDelivered_ || !(filter > 0) || fix.distanceFrom(*lastDelivered_) >= filter;
 }
 
-bool LocationClient::passesSignificant(const CLLocation& fix, Date now, const LocationService::Rules& rules) {
+bool LocationClient::passesSignificant(const CLLocation& fix, Seconds now, const LocationService::Rules& rules) {
   if (!significant_ || fix.horizontalAccuracy < 0) return false;
   SignificantChanges& changes = *significant_;
   if (changes.reference && (now - changes.told < rules.significantInterval ||
@@ -120,7 +120,7 @@ std::size_t LocationClient::answerIndex(const FixBatch& batch) {
 void LocationClient::receive(const FixBatch& batch, const Permission& permission, const LocationService::Rules& rules) {
   std::vector<CLLocation> passed;
   {
-    const Date now = Clock::current()->now();
+    const Seconds now = Clock::current()->monotonic();
     MutexLock lock(mutex_);
     const std::size_t answer = answerIndex(batch);
     if (answer < batch.fixes.size()) request_.reset();
@@ -141,7 +141,7 @@ void LocationClient::receiveKnown(const CLLocation& fix) {
     MutexLock lock(mutex_);
     if (!significant_ || significant_->reference) return;
     significant_->reference = fix;
-    significant_->told = Clock::current()->now();
+    significant_->told = Clock::current()->monotonic();
   }
   tell([&](auto& delegate, auto& owner) { delegate.didUpdateLocations(owner, {fix}); });
 }

@@ -93,11 +93,11 @@ class LocationClient : public std::enable_shared_from_this<LocationClient> {
   };
   struct SignificantChanges {
     std::optional<CLLocation> reference;
-    Date told;
+    Seconds told;  ///< when, in monotonic time
   };
 
   bool passesFilter(const CLLocation& fix) const REQUIRES(mutex_);
-  bool passesSignificant(const CLLocation& fix, Date now, const LocationService::Rules& rules) REQUIRES(mutex_);
+  bool passesSignificant(const CLLocation& fix, Seconds now, const LocationService::Rules& rules) REQUIRES(mutex_);
   /// The index of the fix that answers the request; `fixes.size()` when none does.
   std::size_t answerIndex(const FixBatch& batch) REQUIRES(mutex_);
   void requestTimedOut(std::uint64_t serial);

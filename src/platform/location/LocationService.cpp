@@ -11,25 +11,29 @@
 namespace tarvo::platform {
 namespace {
 
+/// 9999-12-31 24:00:00 UTC, where years of four digits end.
+constexpr double kEndOfYears = 253402300800;
+
 /// Why a fix cannot be used; empty when it can.
 std::string refusal(const CLLocation& fix) {
+  const double time = secondsSince1970(fix.timestamp);
   const struct {
     const char* name;
     double value;
-    double limit;
+    bool inRange = true;
   } quantities[] = {
-      {"latitude", fix.coordinate.latitude, 90},
-      {"longitude", fix.coordinate.longitude, 180},
-      {"altitude", fix.altitude, 0},
-      {"horizontal accuracy", fix.horizontalAccuracy, 0},
-      {"vertical accuracy", fix.verticalAccuracy, 0},
-      {"speed", fix.speed, 0},
-      {"course", fix.course, 0},
-      {"timestamp", secondsSince1970(fix.timestamp), 0},
+      {"latitude", fix.coordinate.latitude, std::abs(fix.coordinate.latitude) <= 90},
+      {"longitude", fix.coordinate.longitude, std::abs(fix.coordinate.longitude) <= 180},
+      {"altitude", fix.altitude},
+      {"horizontal accuracy", fix.horizontalAccuracy},
+      {"vertical accuracy", fix.verticalAccuracy},
+      {"speed", fix.speed},
+      {"course", fix.course},
+      {"timestamp", time, time >= 0 && time < kEndOfYears},
   };
-  for (const auto& [name, value, limit] : quantities) {
+  for (const auto& [name, value, inRange] : quantities) {
     if (!std::isfinite(value)) return concat(name, " ", value, " is not finite");
-    if (limit > 0 && std::abs(value) > limit) return concat(name, " ", value, " is out of range");
+    if (!inRange) return concat(name, " ", value, " is out of range");
   }
   return {};
 }
@@ -65,8 +69,7 @@ CLAuthorizationStatus LocationService::authorizationStatus() const { return stat
 void LocationService::setAuthorizationStatus(CLAuthorizationStatus status) { state_->setStatus(status); }
 
 void LocationService::setPrompt(std::function<void(AuthorizationRequest)> prompt) {
-  MutexLock lock(state_->mutex);
-  state_->prompt.swap(prompt);
+  state_->setPrompt(std::move(prompt));
 }
 
 LocationService::Rules LocationService::rules() const {

@@ -71,7 +71,7 @@ void LocationService::State::hand(const FixBatch& batch, const Permission& allow
   for (const auto& client : clients()) client->receive(batch, allowed, current);
 
   if (!allowed.always() || !allowed.capabilities.circularRegions) return;
-  const Date now = Clock::current()->now();
+  const Seconds now = Clock::current()->monotonic();
   std::vector<RegionCrossing> crossings;
   {
     MutexLock lock(mutex);
@@ -87,22 +87,29 @@ void LocationService::State::hand(const FixBatch& batch, const Permission& allow
 }
 
 void LocationService::State::setStatus(CLAuthorizationStatus status) {
-  MutexLock order(persisting_);
+  bool asksForUpgrade = false;
   {
-    MutexLock lock(mutex);
-    if (status_ != status) {
-      status_ = status;
-      const bool refuses = Permission{status, capabilities}.refuses();
-      deliveries_.async([this, status, refuses] {
-        for (const auto& client : clients()) {
-          client->authorizationChanged(status);
-          if (refuses) client->fail(clError::denied);
-        }
-        followDemand();
-      });
+    MutexLock order(persisting_);
+    {
+      MutexLock lock(mutex);
+      asksForUpgrade = status == CLAuthorizationStatus::authorizedWhenInUse && question_ &&
+                       question_->asked != question_->wanted && question_->wanted == AuthorizationRequest::always;
+      question_.reset();
+      if (status_ != status) {
+        status_ = status;
+        const bool refuses = Permission{status, capabilities}.refuses();
+        deliveries_.async([this, status, refuses] {
+          for (const auto& client : clients()) {
+            client->authorizationChanged(status);
+            if (refuses) client->fail(clError::denied);
+          }
+          followDemand();
+        });
+      }
     }
+    UserDefaults::standard().set(statusKey, static_cast<std::int64_t>(status));
   }
-  UserDefaults::standard().set(statusKey, static_cast<std::int64_t>(status));
+  if (asksForUpgrade) ask(AuthorizationRequest::always);
 }
 
 void LocationService::State::postStatus(std::shared_ptr<LocationClient> client) {
@@ -193,24 +200,36 @@ void LocationService::State::followDemand() {
   runningAccuracy_ = accuracy;
 }
 
+void LocationService::State::setPrompt(std::function<void(AuthorizationRequest)> prompt) {
+  MutexLock lock(mutex);
+  prompt_.swap(prompt);
+  question_.reset();
+}
+
 void LocationService::State::ask(AuthorizationRequest request) {
   bool upgrade = false;
   {
     MutexLock lock(mutex);
+    if (question_) question_->wanted = request;
     upgrade = status_ == CLAuthorizationStatus::authorizedWhenInUse && request == AuthorizationRequest::always &&
               !askedAlways_;
-    if (!prompt || (status_ != CLAuthorizationStatus::notDetermined && !upgrade)) return;
+    if (!prompt_ || question_ || (status_ != CLAuthorizationStatus::notDetermined && !upgrade)) return;
+    question_ = Question{request, request};
     askedAlways_ = askedAlways_ || upgrade;
   }
   if (upgrade) UserDefaults::standard().set(askedAlwaysKey, true);
-  MainQueue::main().async([this, request] {
-    std::function<void(AuthorizationRequest)> current;
-    {
-      MutexLock lock(mutex);
-      current = prompt;
-    }
-    if (current) current(request);
-  });
+  MainQueue::main().async([this, request] { pose(request); });
+}
+
+void LocationService::State::pose(AuthorizationRequest request) {
+  std::function<void(AuthorizationRequest)> current;
+  {
+    MutexLock lock(mutex);
+    if (!question_ || question_->isPosed || question_->asked != request) return;
+    question_->isPosed = true;
+    current = prompt_;
+  }
+  current(request);
 }
 
 }  // namespace tarvo::platform

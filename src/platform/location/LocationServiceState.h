@@ -33,29 +33,45 @@ struct LocationService::State {
   void postDenialIfRefused(std::shared_ptr<LocationClient> client);
   void postKnownFix(std::shared_ptr<LocationClient> client);
   void postFailure(std::int64_t code);
+  /// Waits for what was posted before; without the lock.
+  void waitForDeliveries() {
+    deliveries_.syncReentrant([] {});
+  }
   void startRequest(const std::shared_ptr<LocationClient>& client);
   void startRegion(std::shared_ptr<LocationClient> client, const CLCircularRegion& region);
   void stopRegion(const CLCircularRegion& region);
+  /// Has the host ask its user where the answer is open, one question at a time.
   void ask(AuthorizationRequest request);
+  void setPrompt(std::function<void(AuthorizationRequest)> prompt);
   void setSource(std::shared_ptr<LocationSource> source);
   /// After any call that may change who needs fixes.
   void demandMayHaveChanged();
 
   mutable Mutex mutex;
-  std::function<void(AuthorizationRequest)> prompt GUARDED_BY(mutex);
   Capabilities capabilities GUARDED_BY(mutex);
   Rules rules GUARDED_BY(mutex);
 
  private:
+  /// From the request until `setStatus` brings an answer.
+  struct Question {
+    AuthorizationRequest asked;
+    AuthorizationRequest wanted;  ///< the latest request
+    bool isPosed = false;         ///< the prompt has been called
+  };
+
   std::vector<std::shared_ptr<LocationClient>> clients() const;
   void process(const FixBatch& batch);
   void hand(const FixBatch& batch, const Permission& allowed);
   /// On the delivery queue: switches the source by what is needed now.
   void followDemand();
+  /// On the main queue: calls the prompt, unless the question has been answered meanwhile.
+  void pose(AuthorizationRequest request);
   /// The best accuracy that anybody needs; absent when nobody needs fixes.
   std::optional<double> demand() const;
 
   CLAuthorizationStatus status_ GUARDED_BY(mutex);
+  std::function<void(AuthorizationRequest)> prompt_ GUARDED_BY(mutex);
+  std::optional<Question> question_ GUARDED_BY(mutex);
   bool askedAlways_ GUARDED_BY(mutex);
   std::optional<CLLocation> latest_ GUARDED_BY(mutex);
   std::uint64_t batches_ GUARDED_BY(mutex) = 0;

@@ -1,6 +1,7 @@
 #include "platform/location/RegionMonitor.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include "platform/location/Geodesy.h"
 
@@ -8,6 +9,8 @@ namespace tarvo::platform {
 
 bool RegionMonitor::add(const CLCircularRegion& region, const std::optional<CLLocation>& latest,
                         const LocationService::Rules& rules) {
+  if (!std::isfinite(region.radius) || region.radius < 0 || region.radius > rules.maximumRegionMonitoringMetres)
+    return false;
   Entry entry{region, std::nullopt, std::nullopt};
   if (latest && latest->horizontalAccuracy >= 0)
     entry.inside = geodesicWay(region.center, latest->coordinate).metres <= region.radius;
@@ -33,7 +36,7 @@ std::vector<CLCircularRegion> RegionMonitor::regions() const {
   return regions;
 }
 
-std::vector<RegionCrossing> RegionMonitor::evaluate(const CLLocation& fix, Date now,
+std::vector<RegionCrossing> RegionMonitor::evaluate(const CLLocation& fix, Seconds now,
                                                     const LocationService::Rules& rules) {
   std::vector<RegionCrossing> crossings;
   if (fix.horizontalAccuracy < 0) return crossings;

@@ -21,20 +21,21 @@ struct RegionCrossing {
 /// Threads: none of its own; the service guards it. Time is passed in.
 class RegionMonitor {
  public:
-  /// Adds or replaces; false when there are too many. The side is that of `latest`, else of the first fix to come.
+  /// Adds or replaces; false, and nothing changes, when there are too many or the radius is negative, not finite or
+  /// too large. The side is that of `latest`, else of the first fix to come.
   bool add(const CLCircularRegion& region, const std::optional<CLLocation>& latest,
            const LocationService::Rules& rules);
   void remove(std::string_view identifier);
   std::vector<CLCircularRegion> regions() const;
 
-  /// The crossings that `fix` completes at `now`. A fix of negative accuracy tells nothing.
-  std::vector<RegionCrossing> evaluate(const CLLocation& fix, Date now, const LocationService::Rules& rules);
+  /// The crossings that `fix` completes at `now`, in monotonic time. A fix of negative accuracy tells nothing.
+  std::vector<RegionCrossing> evaluate(const CLLocation& fix, Seconds now, const LocationService::Rules& rules);
 
  private:
   struct Entry {
     CLCircularRegion region;
     std::optional<bool> inside;
-    std::optional<Date> pastBorderSince;  ///< clearly on the other side from then on
+    std::optional<Seconds> pastBorderSince;  ///< clearly on the other side from then on
   };
   std::vector<Entry> entries_;
 };
