@@ -2,10 +2,14 @@
 
 #include <httplib.h>
 #include <openssl/pem.h>
+#include <openssl/ssl.h>
 #include <openssl/x509v3.h>
 
+#include <functional>
 #include <string>
 #include <thread>
+
+#include "urlsession/RawServer.h"
 
 namespace tarvo::test {
 
@@ -64,6 +68,25 @@ struct SelfSigned {
   EVP_PKEY* key;
   X509* certificate;
 };
+
+/// Answers one request that comes over TLS of that version at most.
+inline void answerOverTls(int connection, const SelfSigned& own, int newestVersion,
+                          const std::function<std::string(const std::string& request)>& answer) {
+  SSL_CTX* context = SSL_CTX_new(TLS_server_method());
+  SSL_CTX_set_security_level(context, 0);
+  SSL_CTX_set_min_proto_version(context, TLS1_VERSION);
+  SSL_CTX_set_max_proto_version(context, newestVersion);
+  SSL_CTX_use_certificate(context, own.certificate);
+  SSL_CTX_use_PrivateKey(context, own.key);
+  SSL* tls = SSL_new(context);
+  SSL_set_fd(tls, connection);
+  if (SSL_accept(tls) == 1) {
+    const std::string reply = answer(RawServer::readRequest([tls](char& c) { return SSL_read(tls, &c, 1) == 1; }));
+    SSL_write(tls, reply.data(), static_cast<int>(reply.size()));
+  }
+  SSL_free(tls);
+  SSL_CTX_free(context);
+}
 
 struct Tls : SelfSigned, Running<httplib::SSLServer> {
   Tls() : Running(certificate, key) {}
