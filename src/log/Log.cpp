@@ -146,10 +146,12 @@ class WaitingLines {
 
   void add(FileName file, std::initializer_list<std::string_view> parts) {
     platform::MutexLock lock(mutex_);
+    if (!hasThread_) hasThread_ = Log::serialQueue().start();
+    if (!hasThread_ && next_.text.size() >= kMostWithoutThread) return;
     for (const std::string_view part : parts) next_.text.append(part);
     next_.lines.push_back({std::move(file), next_.text.size()});
     // Under the lock: what the caller queues behind its line must find it written.
-    if (next_.lines.size() == 1) Log::serialQueue().async([this] { write(); });
+    if (next_.lines.size() == 1) hasThread_ = Log::serialQueue().async([this] { write(); });
   }
 
  private:
@@ -163,6 +165,8 @@ class WaitingLines {
   };
   /// More is given back after a burst.
   static constexpr std::size_t kMostKeptBytes = 64 * 1024;
+  /// Lines beyond it are dropped while the queue has no thread to write them.
+  static constexpr std::size_t kMostWithoutThread = 256 * 1024;
 
   void write() {
     {
@@ -181,7 +185,8 @@ class WaitingLines {
 
   platform::Mutex mutex_;
   Batch next_ GUARDED_BY(mutex_);
-  Batch written_;  ///< the queue's alone
+  bool hasThread_ GUARDED_BY(mutex_) = true;  ///< the queue, as far as is known
+  Batch written_;                             ///< the queue's alone
 };
 
 }  // namespace

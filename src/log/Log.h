@@ -17,7 +17,8 @@ namespace tarvo {
 /// known it also becomes a line of the daily file, which is the body of its own later upload (docs/formats.md).
 ///
 /// Threads: any. The console line and the day's header are written on the caller's thread, lines are appended on
-/// `serialQueue`. Errors: never any; what cannot be written is dropped.
+/// `serialQueue`. Errors: never any; what cannot be written is dropped, as are lines beyond 256 KiB that wait for the
+/// queue's thread while the system has none to give.
 class Log {
  public:
   static constexpr std::int64_t kVerbose = 2, kDebug = 3, kInfo = 4, kWarning = 5, kError = 6;

@@ -78,9 +78,11 @@ void readAnswer(NetworkManager& client, const std::optional<std::string>& data, 
 void NetworkManager::sendDataInBatchToRemoteWebServer(std::string json, const std::string& first,
                                                       const std::string& last) {
   const std::int64_t poiVersion = defaults().integer(LAST_POI_VERSION);
+  auto batch = request("POST", endpoints::positionsAPI, std::move(json));
+  // Whoever posts while another batch is under way repeats it: the channel was stale.
+  batch.replacesOlder = true;
   state_->start(
-      request("POST", endpoints::positionsAPI, std::move(json)),
-      [poiVersion, locationIndex = last, firstLoc = first](NetworkManager& self, const Reply& reply) {
+      std::move(batch), [poiVersion, locationIndex = last, firstLoc = first](NetworkManager& self, const Reply& reply) {
         if (reply.refused()) {
           Log::debug(" NetworkManager:sendDataInBatchToRemoteWebServer : httpstatus : ", reply.response->statusCode,
                      " :réponse = ", reply.response->debugDescription());

@@ -66,6 +66,7 @@ void readRegistration(NetworkManager& client, const Reply& reply) {
 
 void NetworkManager::sendUserToRemoteWebServer(const std::string& data) {
   auto userRequest = request("POST", endpoints::usersAPI, data);
+  userRequest.replacesOlder = true;
   const std::string description = userRequest.description();
   state_->start(std::move(userRequest), readRegistration);
   Log::debug("NetworkManager:sendUserToRemoteWebServer [net] mainThread:", mainThread(), " request:", description);

@@ -1,6 +1,7 @@
 #include "platform/foundation/SerialQueue.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,6 +15,8 @@
 
 #include "platform/foundation/Activity.h"
 #include "platform/foundation/Timer.h"
+#include "support/LogDiary.h"
+#include "support/NoThreads.h"
 
 namespace tarvo::platform {
 namespace {
@@ -75,6 +78,51 @@ TEST(SerialQueue, KnowsTheQueuesItsCallerStandsInHoweverDeep) {
   EXPECT_FALSE(SerialQueue::onAnyQueue());
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(outer.sync([&] { inner.sync([&] { outer.sync([] {}); }); }), "Fatal error: sync onto queue test.outer");
+}
+
+TEST(SerialQueue, KeepsItsBlocksInOrderWhileNoThreadCanBeMade) {
+  auto& diary = test::LogDiary::installed();
+  std::vector<int> order;  // only blocks of the queue touch it
+  std::promise<void> entered;
+  std::promise<void> timed;
+  std::shared_ptr<Timer> timer;
+  auto queue = std::make_unique<SerialQueue>("test.starved");
+  SerialQueue other("test.other");
+  std::thread waiting([&, inBlock = entered.get_future().share()] {
+    inBlock.wait();
+    queue->sync([&] { order.push_back(5); });
+  });
+  {
+    const test::NoThreads none;
+    EXPECT_FALSE(queue->async([&] { order.push_back(1); }));
+    EXPECT_FALSE(queue->async([&] { order.push_back(2); }));
+    queue->sync([&] {
+      order.push_back(3);
+      queue->async([&] { order.push_back(4); });
+      entered.set_value();
+    });
+    waiting.join();
+    queue->async([&] { order.push_back(6); });
+    queue.reset();
+    EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4, 5, 6}));
+    EXPECT_FALSE(other.async([&] { order.push_back(7); }));
+    timer = Timer::at(Clock::current()->now(), other, [&] { timed.set_value(); });
+  }
+  ASSERT_TRUE(Activity::waitUntilIdle(Seconds(30)));
+  EXPECT_EQ(order.back(), 7);
+  EXPECT_EQ(timed.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  EXPECT_EQ(diary.count("No thread can be made: "), 1u);
+}
+
+TEST(SerialQueue, KeepsTheHostsSignalsFromItsThreads) {
+  SerialQueue queue("test.signals");
+  sigset_t blocked{};
+  queue.async([&] { ::pthread_sigmask(SIG_BLOCK, nullptr, &blocked); });
+  ASSERT_TRUE(Activity::waitUntilIdle(Seconds(30)));
+  for (const int signal : {SIGTERM, SIGINT, SIGUSR1, SIGCHLD, SIGPROF, SIGALRM, SIGPIPE, SIGRTMIN, SIGRTMAX})
+    EXPECT_EQ(::sigismember(&blocked, signal), 1) << signal;
+  ::pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+  EXPECT_EQ(::sigismember(&blocked, SIGTERM), 0) << "of the caller";
 }
 
 TEST(MainThread, IsTheFirstOfItsProcessAlsoAfterAForkOfAnother) {

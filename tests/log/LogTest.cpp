@@ -12,6 +12,7 @@
 #include "platform/foundation/Files.h"
 #include "settings/Settings.h"
 #include "support/LogDiary.h"
+#include "support/NoThreads.h"
 #include "support/TempDir.h"
 
 namespace tarvo {
@@ -132,6 +133,21 @@ TEST_F(Logging, KeepsTheOrderOfEachThreadsLines) {
       ASSERT_NE(at, std::string::npos) << "thread " << t << " line " << i;
     }
   }
+}
+
+TEST_F(Logging, GoesOnAfterATimeWithoutThreads) {
+  logInto("U-1", 6);
+  Log::debug("header");
+  {
+    const test::NoThreads none;
+    for (int i = 0; i < 5'000; ++i) Log::debug("line ", i, std::string(200, '.'));
+  }
+  Log::debug("afterwards");
+  const std::string text = file("2024-06-15").value_or("");
+  EXPECT_NE(text.find("]:line 0.."), std::string::npos);
+  EXPECT_LT(text.size(), 300'000U) << "a million characters waited";
+  EXPECT_TRUE(text.ends_with("]:afterwards\n")) << text.substr(text.size() - 100);
+  EXPECT_EQ(diary.count("line "), 5'000U);
 }
 
 TEST(UploadChannel, IsFreeWhenReleasedOrHeldForExactly180Seconds) {

@@ -1,3 +1,5 @@
+#include <future>
+
 #include "ClientTest.h"
 
 namespace tarvo::test {
@@ -113,6 +115,24 @@ TEST_F(BatchUpload, ComparesThePoiVersionAsItWasWhenTheBatchLeft) {
   sendBatch();
   EXPECT_EQ(backend.takeTargets(), "GET pois, POST positions");
   EXPECT_EQ(defaults.integer("poi_version"), 5);
+}
+
+TEST_F(BatchUpload, WaitsForTwoCopiesAtMostAndIgnoresOlderOnes) {
+  LogDiary& log = LogDiary::installed();
+  std::promise<void> release;
+  std::atomic<int> arrived{0};
+  backend.answer("positions", {200, "", [&, released = release.get_future().share()] {
+                                 ++arrived;
+                                 arrived.notify_all();
+                                 released.wait();
+                               }});
+  for (int i = 0; i < 4; ++i) {
+    client().sendDataInBatchToRemoteWebServer("[]", platform::concat(i), "9");
+    for (int seen; (seen = arrived) <= i;) arrived.wait(seen);
+  }
+  release.set_value();
+  finish();
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(log.count(platform::concat("engine: mark ", i, "-9")), i < 2 ? 0u : 1u) << i;
 }
 
 TEST_F(BatchUpload, StopsTheProcessOnWrongTypes) {

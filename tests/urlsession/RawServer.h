@@ -45,6 +45,24 @@ class RawServer {
     for (char c; !head.ends_with("\r\n\r\n") && ::recv(connection, &c, 1, 0) == 1;) head.push_back(c);
     return head;
   }
+  /// The same from wherever `read` takes a byte, with the body, so that a close does not reset the connection.
+  static std::string readRequest(const std::function<bool(char&)>& read) {
+    std::string request;
+    std::size_t left = std::string::npos;
+    for (char c; left > 0 && read(c);) {
+      request.push_back(c);
+      if (left != std::string::npos) {
+        --left;
+      } else if (request.ends_with("\r\n\r\n")) {
+        const auto length = request.find("Content-Length: ");
+        left = length == std::string::npos ? 0 : std::stoul(request.substr(length + 16));
+      }
+    }
+    return request;
+  }
+  static std::string readRequest(int connection) {
+    return readRequest([connection](char& c) { return ::recv(connection, &c, 1, 0) == 1; });
+  }
   /// Answers whether the peer still takes it.
   static bool send(int connection, const std::string& bytes) {
     return ::send(connection, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());

@@ -1,18 +1,16 @@
 #include "platform/urlsession/URLSession.h"
 
-#include <httplib.h>
-#include <openssl/pem.h>
-#include <openssl/x509v3.h>
+#include <gtest/gtest.h>
 
 #include <atomic>
 #include <fstream>
-#include <mutex>
 #include <set>
 
 #include "platform/foundation/Activity.h"
 #include "support/TempDir.h"
 #include "urlsession/Fetch.h"
 #include "urlsession/RawServer.h"
+#include "urlsession/Servers.h"
 
 namespace tarvo::platform {
 namespace {
@@ -20,27 +18,8 @@ namespace {
 using test::fetch;
 using test::Outcome;
 using test::RawServer;
-
-/// A server on an ephemeral port that runs for as long as the object lives.
-template <class Server = httplib::Server>
-struct Running : Server {
-  template <class... Arguments>
-  explicit Running(Arguments... arguments) : Server(arguments...) {
-    this->new_task_queue = [] { return new httplib::ThreadPool(32); };
-    this->set_keep_alive_timeout(1);
-    port = this->bind_to_any_port("127.0.0.1");
-    thread = std::thread([this] { this->listen_after_bind(); });
-    while (!this->is_running()) std::this_thread::yield();
-  }
-  ~Running() override {
-    this->stop();
-    thread.join();
-  }
-  std::string url(const std::string& path) const { return "http://127.0.0.1:" + std::to_string(port) + path; }
-
-  int port;
-  std::thread thread;
-};
+using test::Running;
+using test::Tls;
 
 TEST(URLSession, SendsWhatWasGivenAndNothingElse) {
   std::string head;
@@ -308,45 +287,6 @@ TEST(URLSession, LeavesLoopbackOutOfTheProxy) {
   EXPECT_EQ(fetch({"http://backend.invalid/x"}).status(), 203);
   EXPECT_TRUE(seen.starts_with("GET http://backend.invalid/x HTTP/1.1\r\n")) << seen;
 }
-
-/// A key and a certificate for 127.0.0.1 that signs itself.
-struct SelfSigned {
-  SelfSigned() : key(EVP_RSA_gen(2048)), certificate(X509_new()) {
-    X509_set_version(certificate, 2);
-    ASN1_INTEGER_set(X509_get_serialNumber(certificate), 1);
-    X509_gmtime_adj(X509_getm_notBefore(certificate), -3600);
-    X509_gmtime_adj(X509_getm_notAfter(certificate), 3600);
-    X509_NAME* subject = X509_get_subject_name(certificate);
-    const std::basic_string<unsigned char> common(9, 'x');
-    X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_ASC, common.data(), -1, -1, 0);
-    X509_set_issuer_name(certificate, subject);
-    X509_set_pubkey(certificate, key);
-    X509_EXTENSION* name = X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, "IP:127.0.0.1");
-    X509_add_ext(certificate, name, -1);
-    X509_EXTENSION_free(name);
-    X509_sign(certificate, key, EVP_sha256());
-  }
-  ~SelfSigned() {
-    X509_free(certificate);
-    EVP_PKEY_free(key);
-  }
-  std::string pem() const {
-    BIO* memory = BIO_new(BIO_s_mem());
-    PEM_write_bio_X509(memory, certificate);
-    char* text = nullptr;
-    const long size = BIO_get_mem_data(memory, &text);
-    std::string out(text, static_cast<std::size_t>(size));
-    BIO_free(memory);
-    return out;
-  }
-  EVP_PKEY* key;
-  X509* certificate;
-};
-
-struct Tls : SelfSigned, Running<httplib::SSLServer> {
-  Tls() : Running(certificate, key) {}
-  std::string url() const { return "https://127.0.0.1:" + std::to_string(port) + "/"; }
-};
 
 TEST(URLSession, RefusesACertificateThatNobodyVouchesFor) {
   Tls server;

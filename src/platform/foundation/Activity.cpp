@@ -8,6 +8,7 @@
 #include <tarvo/platform/MainQueue.h>
 
 #include "platform/foundation/FatalError.h"
+#include "platform/foundation/LazyThread.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/RealTime.h"
 #include "platform/foundation/SerialQueue.h"
@@ -59,13 +60,14 @@ bool Activity::waitUntilIdle(Seconds limit) {
     if (idle()) return true;
     const auto now = std::chrono::steady_clock::now();
     if (now >= deadline) return false;
+    LazyThread::startMissing();
     if (onMain) {
       pollfd readable{MainQueue::main().fileDescriptor(), POLLIN, 0};
       const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - now).count();
       if (!idle()) ::poll(&readable, 1, static_cast<int>(std::min<std::int64_t>(left, 1000)));
     } else {
       state.mutex.lock();
-      if (!idle()) state.becameIdle.wait_until(state.mutex, deadline);
+      if (!idle()) state.becameIdle.wait_until(state.mutex, std::min(deadline, now + std::chrono::seconds(1)));
       state.mutex.unlock();
     }
   }

@@ -1,11 +1,13 @@
 #include "platform/foundation/SerialQueue.h"
 
+#include <algorithm>
 #include <atomic>
 #include <deque>
 #include <thread>
 
 #include "platform/foundation/Activity.h"
 #include "platform/foundation/FatalError.h"
+#include "platform/foundation/LazyThread.h"
 #include "platform/foundation/Mutex.h"
 
 namespace tarvo::platform {
@@ -38,9 +40,9 @@ struct SerialQueue::State {
   std::size_t turnsInLine GUARDED_BY(mutex) = 0;
   bool busy GUARDED_BY(mutex) = false;  ///< a block runs, or a waiting caller has been given its turn
   bool ending GUARDED_BY(mutex) = false;
-  std::thread worker GUARDED_BY(mutex);
   Condition work;     ///< the worker may run the first in line
   Condition drained;  ///< nothing runs and nothing is in line
+  LazyThread worker{label, [this] { workUntilEnd(); }};
 
   bool isHeld() const { return holder.load(std::memory_order_relaxed) == std::this_thread::get_id(); }
 
@@ -63,9 +65,17 @@ struct SerialQueue::State {
       --turnsInLine;
       turn->given = true;
       turn->came.notify_one();
-    } else {
+    } else if (worker.start()) {
       work.notify_one();
+    } else if (turnsInLine > 0) {
+      // Without a worker a caller that waits behind the blocks runs them.
+      std::find_if(line.begin(), line.end(), [](const Entry& entry) { return entry.turn; })->turn->came.notify_one();
     }
+  }
+
+  /// Whether nobody runs what is first in line unless the caller does.
+  bool isLeftToCaller() REQUIRES(mutex) {
+    return !busy && !line.empty() && line.front().turn == nullptr && !worker.start();
   }
 
   /// Moves out the blocks that stand in line before the first waiting caller: nearly always the whole line.
@@ -74,23 +84,28 @@ struct SerialQueue::State {
     for (; line.front().turn == nullptr; line.pop_front()) blocks.push_back(std::move(line.front()));
   }
 
+  /// Runs them, with the mutex given away meanwhile. `blocks` is empty before and after.
+  void runBlocks(std::deque<Entry>& blocks) REQUIRES(mutex) {
+    busy = true;
+    takeBlocks(blocks);
+    mutex.unlock();
+    const auto number = static_cast<std::int64_t>(blocks.size());
+    // What a block held is gone before the next one runs.
+    for (; !blocks.empty(); blocks.pop_front()) run(blocks.front().block);
+    mutex.lock();
+    passOn();
+    mutex.unlock();
+    Activity::end(number);
+    mutex.lock();
+  }
+
   void workUntilEnd() {
     std::deque<Entry> blocks;
     mutex.lock();
     while (true) {
       while (!ending && (busy || line.empty() || line.front().turn != nullptr)) work.wait(mutex);
       if (ending) break;
-      busy = true;
-      takeBlocks(blocks);
-      mutex.unlock();
-      const auto number = static_cast<std::int64_t>(blocks.size());
-      // What a block held is gone before the next one runs.
-      for (; !blocks.empty(); blocks.pop_front()) run(blocks.front().block);
-      mutex.lock();
-      passOn();
-      mutex.unlock();
-      Activity::end(number);
-      mutex.lock();
+      runBlocks(blocks);
     }
     mutex.unlock();
   }
@@ -100,26 +115,34 @@ SerialQueue::SerialQueue(std::string label) : state_(std::make_unique<State>(std
 
 SerialQueue::~SerialQueue() {
   State& state = *state_;
-  std::thread worker;
+  std::deque<State::Entry> blocks;
   state.mutex.lock();
-  while (state.busy || !state.line.empty()) state.drained.wait(state.mutex);
+  while (state.busy || !state.line.empty()) {
+    if (state.isLeftToCaller())
+      state.runBlocks(blocks);
+    else
+      state.drained.wait(state.mutex);
+  }
   state.ending = true;
-  worker = std::move(state.worker);
   state.mutex.unlock();
   state.work.notify_all();
-  if (worker.joinable()) worker.join();
 }
 
-void SerialQueue::async(std::function<void()> block) {
+bool SerialQueue::async(std::function<void()> block) {
   Activity::begin();
   State& state = *state_;
-  MutexLock lock(state.mutex);
-  state.line.push_back({std::move(block), nullptr});
-  if (!state.worker.joinable())
-    state.worker = std::thread([&state] { state.workUntilEnd(); });
-  else if (!state.busy && state.line.size() == 1)
-    state.work.notify_one();
+  bool hasThread;
+  {
+    MutexLock lock(state.mutex);
+    state.line.push_back({std::move(block), nullptr});
+    hasThread = state.worker.start();
+    if (!state.busy && state.line.size() == 1) state.work.notify_one();
+  }
+  LazyThread::startMissing();
+  return hasThread;
 }
+
+bool SerialQueue::start() { return state_->worker.start(); }
 
 void SerialQueue::sync(const std::function<void()>& block) {
   State& state = *state_;
@@ -129,7 +152,13 @@ void SerialQueue::sync(const std::function<void()>& block) {
     State::Turn turn;
     state.line.push_back({{}, &turn});
     ++state.turnsInLine;
-    while (!turn.given) turn.came.wait(state.mutex);
+    std::deque<State::Entry> blocks;
+    while (!turn.given) {
+      if (state.isLeftToCaller())
+        state.runBlocks(blocks);
+      else
+        turn.came.wait(state.mutex);
+    }
   } else {
     state.busy = true;
   }

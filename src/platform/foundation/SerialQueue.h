@@ -10,7 +10,9 @@ namespace tarvo::platform {
 ///
 /// Threads: any thread may submit. Blocks given to `async` run on a worker thread of the queue's own, which starts
 /// with the first of them and lives as long as the queue; the block given to `sync` runs on the caller's thread once
-/// its turn has come. A queue that only ever sees `sync` has no thread.
+/// its turn has come. A queue that only ever sees `sync` has no thread. While the system has no thread to give, blocks
+/// stay in line, in their order: until there is one (see LazyThread), or until a caller of `sync` runs those before its
+/// own.
 /// Blocks must not throw. Destruction, never from one of its own blocks, waits for what was submitted.
 class SerialQueue {
  public:
@@ -19,8 +21,10 @@ class SerialQueue {
   SerialQueue(const SerialQueue&) = delete;
   SerialQueue& operator=(const SerialQueue&) = delete;
 
-  /// Returns at once, also from inside a block (the new one runs after it).
-  void async(std::function<void()> block);
+  /// Returns at once, also from inside a block (the new one runs after it). Answers whether the queue has its thread.
+  bool async(std::function<void()> block);
+  /// Makes the queue's thread if it can; answers whether it is there.
+  bool start();
 
   /// Returns after the block, which waits for all submitted before. On the queue itself this can never end: fatal.
   void sync(const std::function<void()>& block);

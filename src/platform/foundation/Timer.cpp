@@ -1,11 +1,11 @@
 #include "platform/foundation/Timer.h"
 
 #include <chrono>
-#include <thread>
 #include <vector>
 
 #include <tarvo/platform/Clock.h>
 
+#include "platform/foundation/LazyThread.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/SerialQueue.h"
 
@@ -34,7 +34,7 @@ class TimerTable {
   Condition changed_;
   bool awake_ GUARDED_BY(mutex_) = false;
   std::vector<std::weak_ptr<PendingTimer>> timers_ GUARDED_BY(mutex_);
-  std::thread thread_ GUARDED_BY(mutex_);
+  LazyThread thread_{"timer", [this] { run(); }};
 };
 
 class PendingTimer final : public Timer {
@@ -69,8 +69,8 @@ void TimerTable::add(const std::shared_ptr<PendingTimer>& timer) {
     MutexLock lock(mutex_);
     timers_.push_back(timer);
     awake_ = true;
-    if (!thread_.joinable()) thread_ = std::thread([this] { run(); });
   }
+  thread_.start();
   changed_.notify_one();
 }
 

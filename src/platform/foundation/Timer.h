@@ -13,7 +13,8 @@ class SerialQueue;
 /// nothing about it.
 ///
 /// Dropping the last pointer or `cancel` ends it; a block already handed over still runs. With a clock that is moved
-/// by hand, due blocks have been handed over when the move returns. Threads: any.
+/// by hand, due blocks have been handed over when the move returns. While the system has no thread to give, they are
+/// handed over late: once there is one, or the clock is moved. Threads: any.
 class Timer {
  public:
   /// `queue` outlives the timer.

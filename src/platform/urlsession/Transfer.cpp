@@ -1,6 +1,9 @@
 #include "platform/urlsession/Transfer.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -53,11 +56,16 @@ std::optional<std::string> resolve(const std::string& base, const std::string& l
   return urlPart(url.get(), CURLUPART_URL);
 }
 
+std::atomic<bool> keptOut{false};
+
 }  // namespace
 
 Transfer::Transfer(URLRequest request, std::optional<std::filesystem::path> bodyFile, SerialQueue& completions,
                    DataTaskCompletion completion)
-    : request_(std::move(request)), completions_(completions), completion_(std::move(completion)) {
+    : request_(std::move(request)),
+      originalURL_(request_.url),
+      completions_(completions),
+      completion_(std::move(completion)) {
   if (bodyFile) bodyFile_ = std::make_unique<UploadFile>(std::move(*bodyFile));
   Seconds& timeout = request_.timeoutInterval;
   if (!(timeout > Seconds::zero())) timeout = kDefaultTimeout;
@@ -68,6 +76,14 @@ void Transfer::begin() {
   activity_.emplace();
   start_ = std::chrono::steady_clock::now();
   touch();
+}
+
+void Transfer::beginTurn() { turn_ = std::chrono::steady_clock::now(); }
+
+void Transfer::keepOut() { keptOut = true; }
+
+void Transfer::stayOutIfKeptOut() {
+  while (keptOut.load(std::memory_order_relaxed)) ::pause();
 }
 
 void Transfer::touch() { lastProgress_ = std::chrono::steady_clock::now(); }
@@ -87,6 +103,8 @@ bool Transfer::prepare(CURL* handle, const std::optional<std::string>& certifica
   body_.clear();
   headerBytes_ = 0;
   bytesMoved_ = 0;
+  handle_ = handle;
+  connectionsAtSend_.reset();
   reason_.fill(0);
   if (!isValidHttpUrl(request_.url)) {
     const auto scheme = request_.url.find("://");
@@ -110,6 +128,7 @@ bool Transfer::prepare(CURL* handle, const std::optional<std::string>& certifica
   if (isLoopbackHost(hostOf(request_.url))) curl_easy_setopt(handle, CURLOPT_NOPROXY, "*");
   // Without this the answer of a proxy to CONNECT would be taken for the server's.
   curl_easy_setopt(handle, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+  curl_easy_setopt(handle, CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2});  // at least
   if (certificateFile) {
     curl_easy_setopt(handle, CURLOPT_CAINFO, certificateFile->c_str());
     curl_easy_setopt(handle, CURLOPT_CAPATH, nullptr);
@@ -119,6 +138,9 @@ bool Transfer::prepare(CURL* handle, const std::optional<std::string>& certifica
   curl_easy_setopt(handle, CURLOPT_MAXFILESIZE_LARGE, curl_off_t{kMostBodyBytes});
 
   curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, reason_.data());
+  curl_easy_setopt(handle, CURLOPT_FRESH_CONNECT, long{sentAgain_});
+  curl_easy_setopt(handle, CURLOPT_PREREQFUNCTION, &Transfer::onRequest);
+  curl_easy_setopt(handle, CURLOPT_PREREQDATA, this);
   curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, &Transfer::onHeader);
   curl_easy_setopt(handle, CURLOPT_HEADERDATA, this);
   curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &Transfer::onBody);
@@ -176,7 +198,26 @@ CurlList Transfer::headerList() const {
   return list;
 }
 
+bool Transfer::maySend() {
+  // Called again for one hop when a kept connection died under its request. curl goes on from one kept connection to
+  // the next, and gives up after the fifth; a fresh one would have told whether the server is there.
+  long connections = 0;
+  curl_easy_getinfo(handle_, CURLINFO_NUM_CONNECTS, &connections);
+  if (!connectionsAtSend_) {
+    connectionsAtSend_ = connections;
+    return true;
+  }
+  const bool isFresh = connections > *connectionsAtSend_;
+  if (isFresh && !std::exchange(sentAgain_, true)) return true;
+  sendAgain_ = !sentAgain_;
+  return false;
+}
+
 bool Transfer::nextHopAfter(CURL* handle, CURLcode result) {
+  if (std::exchange(sendAgain_, false)) {
+    sentAgain_ = true;
+    return true;
+  }
   const std::string_view reason(reason_.data());
   if (abortedWith_) {
     fail(*abortedWith_);
@@ -203,16 +244,21 @@ bool Transfer::follow(const std::string& location) {
     fail(target ? urlError::unsupportedURL : urlError::badServerResponse);
     return false;
   }
-  // What was asked for over a secured connection is not sent again readable.
-  if (isSecure(request_.url) && !isSecure(*target) && !isLoopbackHost(hostOf(*target))) {
+  const std::string from = hostOf(request_.url);
+  const std::string to = hostOf(*target);
+  // What was asked for over a secured connection is not sent again readable; nor does another host reach what listens
+  // on this machine.
+  if (isSecure(request_.url) && !isSecure(*target) && !(isLoopbackHost(from) && isLoopbackHost(to))) {
     fail(urlError::secureConnectionFailed, "The redirect leads from https to plain http");
     return false;
   }
-  request_.url = *target;
-
   const int status = response_->statusCode;
   std::string& method = request_.httpMethod;
   const bool becomesGet = (method == "POST" && status <= 303) || (status == 303 && method != "HEAD" && method != "GET");
+  // A body is for the host that it was sent to: another gets none, and the redirect stands as the answer.
+  const bool hasBody = bodyFile_ || (request_.httpBody && !request_.httpBody->empty());
+  if (hasBody && !becomesGet && !equalIgnoringCase(from, to)) return false;
+  request_.url = *target;
   if (becomesGet) {
     method = "GET";
     request_.httpBody.reset();
@@ -235,6 +281,7 @@ void Transfer::complete() {
 }
 
 bool Transfer::takeHeader(std::string_view line) {
+  stayOutIfKeptOut();
   touch();
   headerBytes_ += line.size();
   if (headerBytes_ > kMostHeaderBytes) {
@@ -257,6 +304,7 @@ bool Transfer::takeHeader(std::string_view line) {
 }
 
 bool Transfer::takeBody(std::string_view bytes) {
+  stayOutIfKeptOut();
   touch();
   if (bytes.size() > kMostBodyBytes - body_.size()) {
     abortedWith_ = urlError::dataLengthExceedsMaximum;
@@ -277,9 +325,15 @@ std::size_t Transfer::onBody(char* bytes, std::size_t size, std::size_t count, v
 std::size_t Transfer::onRead(char* buffer, std::size_t size, std::size_t count, void* self) {
   auto& transfer = *static_cast<Transfer*>(self);
   const auto read = transfer.bodyFile_->read(buffer, size * count);
+  stayOutIfKeptOut();  // a file system that hangs has kept it
   // The length has been announced: a body that ends before it would leave the server waiting.
   if (!read) transfer.abortedWith_ = urlError::requestBodyStreamExhausted;
   return read.value_or(CURL_READFUNC_ABORT);
+}
+
+int Transfer::onRequest(void* self, char*, char*, int, int) {
+  stayOutIfKeptOut();
+  return static_cast<Transfer*>(self)->maySend() ? CURL_PREREQFUNC_OK : CURL_PREREQFUNC_ABORT;
 }
 
 int Transfer::onSeek(void* self, curl_off_t offset, int origin) {
@@ -289,6 +343,7 @@ int Transfer::onSeek(void* self, curl_off_t offset, int origin) {
 }
 
 int Transfer::onProgress(void* self, curl_off_t, curl_off_t down, curl_off_t, curl_off_t up) {
+  stayOutIfKeptOut();
   auto& transfer = *static_cast<Transfer*>(self);
   if (std::exchange(transfer.bytesMoved_, down + up) != down + up) transfer.touch();
   return 0;

@@ -36,6 +36,13 @@ class Transfer {
 
   /// Counts as activity from here until the object is gone.
   void begin();
+  Instant began() const { return start_; }
+  /// Its turn has come: hops follow.
+  void beginTurn();
+  Instant turnBegan() const { return turn_; }
+
+  bool replacesOlder() const { return request_.replacesOlder; }
+  const std::string& originalURL() const { return originalURL_; }
 
   /// Sets the handle up for the current hop; it must not be in use. Answers whether the hop can start: if not, the
   /// outcome is decided.
@@ -48,6 +55,12 @@ class Transfer {
   Instant deadline() const;
   void timeOut();
 
+  /// The process ends and waits no longer for the thread that drives transfers: from here on that thread never goes on
+  /// inside the transfer library, whose TLS is being torn down. Any thread.
+  static void keepOut();
+  /// Does not return to a thread that is kept out.
+  static void stayOutIfKeptOut();
+
   SerialQueue& completions() const { return completions_; }
   /// Hands the outcome over. Once only, on the completion queue.
   void complete();
@@ -58,29 +71,38 @@ class Transfer {
   CurlList headerList() const;
   void fail(int code, std::string_view reason = {});
   void touch();
+  /// Whether the request may go out over the connection that has been found for it.
+  bool maySend();
 
   bool takeHeader(std::string_view line);
   bool takeBody(std::string_view bytes);
   static std::size_t onHeader(char* bytes, std::size_t size, std::size_t count, void* self);
   static std::size_t onBody(char* bytes, std::size_t size, std::size_t count, void* self);
   static std::size_t onRead(char* buffer, std::size_t size, std::size_t count, void* self);
+  static int onRequest(void* self, char* peer, char* own, int peerPort, int ownPort);
   static int onSeek(void* self, curl_off_t offset, int origin);
   static int onProgress(void* self, curl_off_t downTotal, curl_off_t down, curl_off_t upTotal, curl_off_t up);
 
   std::optional<ActivityToken> activity_;  ///< first, so that it ends after all else is gone
   URLRequest request_;                     ///< of the current hop
-  std::unique_ptr<UploadFile> bodyFile_;   ///< in place of the request's body
+  const std::string originalURL_;
+  std::unique_ptr<UploadFile> bodyFile_;  ///< in place of the request's body
   SerialQueue& completions_;
   DataTaskCompletion completion_;
 
   CurlList headers_;
   std::array<char, CURL_ERROR_SIZE> reason_{};
   Instant start_;
+  Instant turn_;
   Instant lastProgress_;
   curl_off_t bytesMoved_ = 0;
   std::size_t headerBytes_ = 0;
   std::optional<int> abortedWith_;  ///< code of what one of the callbacks met
   int redirects_ = 0;
+  CURL* handle_ = nullptr;                 ///< of the current hop
+  std::optional<long> connectionsAtSend_;  ///< connections made for this hop when its request went out
+  bool sendAgain_ = false;                 ///< asked for by `maySend`
+  bool sentAgain_ = false;                 ///< no request goes out a third time
 
   std::string body_;
   std::optional<HTTPURLResponse> response_;

@@ -1,45 +1,41 @@
 #include "platform/urlsession/URLSession.h"
 
-#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <deque>
-#include <iterator>
-#include <thread>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "platform/foundation/FatalError.h"
+#include "platform/foundation/LazyThread.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/SerialQueue.h"
 #include "platform/urlsession/Transfer.h"
+#include "platform/urlsession/WakeUp.h"
 
 namespace tarvo::platform {
 namespace {
 
+using namespace std::chrono_literals;
+
 /// Transfers at once, and so handles and connections that are kept. A burst of requests must not become a burst of
 /// connections, which small servers drop.
 constexpr std::size_t kMostAtOnce = 8;
-
-/// Signals belong to the host's threads; and a peer that closes a TLS connection must not end the process.
-class SignalsBlocked {
- public:
-  SignalsBlocked() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before_);
-  }
-  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-  SignalsBlocked(const SignalsBlocked&) = delete;
-  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-
- private:
-  sigset_t before_;
-};
+/// One that takes longer is no part of a burst: it goes on without a turn, so that others get theirs.
+constexpr auto kTurn = 3s;
+/// With those. Beyond it the one that has lasted longest is ended, as if it had timed out: a server that answers
+/// byte by byte would otherwise hold up, or pile up, everything else.
+constexpr std::size_t kMostConnections = 32;
+/// Of requests that replace each other.
+constexpr std::size_t kMostCopies = 2;
+/// A sleep from which nothing could wake the session's thread.
+constexpr auto kDeafSleep = 200ms;
+/// How long the end of the process waits for the session's thread. It needs a moment, unless a file system hangs.
+constexpr Seconds kMostExitWait{4};
 
 }  // namespace
 
@@ -54,11 +50,17 @@ struct URLSession::State {
 
   // On the session's own thread.
   void run();
+  void takeIncoming();
+  void endOldestCopy(const std::string& url);
+  void endLongestLasting();
   void startWaiting();
+  std::size_t turnsTaken(Transfer::Instant now) const;
   void startHop(CURL* handle, std::shared_ptr<Transfer> transfer);
   void hopEnded(CURL* handle, CURLcode result);
   void timeOutSilent();
-  int millisecondsToNextDeadline() const;
+  void sleep(int wakeUpDescriptor);
+  std::chrono::milliseconds untilNextDeadline() const;
+  void release(CURL* handle);
   void putBack(CURL* handle);
   void finish(std::shared_ptr<Transfer> transfer);
 
@@ -70,7 +72,9 @@ struct URLSession::State {
   Mutex mutex;
   std::vector<std::shared_ptr<Transfer>> incoming GUARDED_BY(mutex);
   bool stopping GUARDED_BY(mutex) = false;
-  std::thread thread GUARDED_BY(mutex);
+  Condition changed;  ///< for a thread that cannot sleep otherwise
+  WakeUp wakeUp;
+  LazyThread thread{"transfers", [this] { run(); }};
 
   // Of the session's own thread.
   std::deque<std::shared_ptr<Transfer>> waiting;
@@ -105,7 +109,7 @@ URLSession::State::State()
         return made;
       }()) {
   curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, long{kMostAtOnce});
-  if (const char* file = std::getenv("SSL_CERT_FILE"); file != nullptr && *file != '\0') certificateFile = file;
+  if (const char* file = ::secure_getenv("SSL_CERT_FILE"); file != nullptr && *file != '\0') certificateFile = file;
 }
 
 void URLSession::State::submit(std::shared_ptr<Transfer> transfer) {
@@ -113,35 +117,32 @@ void URLSession::State::submit(std::shared_ptr<Transfer> transfer) {
   {
     MutexLock lock(mutex);
     incoming.push_back(std::move(transfer));
-    if (!thread.joinable() && !stopping) {
-      const SignalsBlocked blocked;
-      thread = std::thread([this] { run(); });
-    }
+    if (!stopping) thread.start();
   }
-  curl_multi_wakeup(multi);
+  changed.notify_one();
+  wakeUp.signal();
+  LazyThread::startMissing();
 }
 
 void URLSession::State::stop() {
   if (getpid() != process) return;  // a forked child has no such thread
-  std::thread ending;
   {
     MutexLock lock(mutex);
     stopping = true;
-    ending.swap(thread);
   }
-  if (!ending.joinable()) return;
-  curl_multi_wakeup(multi);
-  ending.join();
+  changed.notify_one();
+  wakeUp.signal();
+  if (!thread.join(kMostExitWait)) Transfer::keepOut();
 }
 
 void URLSession::State::run() {
   while (true) {
+    const int wakeUpDescriptor = wakeUp.descriptor();  // before the look at what has come
     {
       MutexLock lock(mutex);
-      if (stopping) return;
-      std::move(incoming.begin(), incoming.end(), std::back_inserter(waiting));
-      incoming.clear();
+      if (stopping) break;
     }
+    takeIncoming();
     int running = 0;
     curl_multi_perform(multi, &running);
     int left = 0;
@@ -149,20 +150,86 @@ void URLSession::State::run() {
       if (message->msg == CURLMSG_DONE) hopEnded(message->easy_handle, message->data.result);
     timeOutSilent();
     startWaiting();
-    curl_multi_poll(multi, nullptr, 0, millisecondsToNextDeadline(), nullptr);
+    sleep(wakeUpDescriptor);
+  }
+  Transfer::stayOutIfKeptOut();
+}
+
+void URLSession::State::takeIncoming() {
+  std::vector<std::shared_ptr<Transfer>> arrived;
+  {
+    MutexLock lock(mutex);
+    arrived.swap(incoming);
+  }
+  for (auto& transfer : arrived) {
+    if (transfer->replacesOlder()) endOldestCopy(transfer->originalURL());
+    waiting.push_back(std::move(transfer));
   }
 }
 
+void URLSession::State::endOldestCopy(const std::string& url) {
+  const auto isCopy = [&url](const Transfer& other) { return other.replacesOlder() && other.originalURL() == url; };
+  std::size_t copies = 0;
+  CURL* oldest = nullptr;
+  for (const auto& [handle, transfer] : inFlight) {
+    if (!isCopy(*transfer)) continue;
+    ++copies;
+    if (oldest == nullptr || transfer->began() < inFlight[oldest]->began()) oldest = handle;
+  }
+  auto firstWaiting = waiting.end();
+  for (auto it = waiting.begin(); it != waiting.end(); ++it) {
+    if (!isCopy(**it)) continue;
+    ++copies;
+    if (firstWaiting == waiting.end()) firstWaiting = it;
+  }
+  if (copies < kMostCopies) return;
+
+  std::shared_ptr<Transfer> ended;
+  if (oldest != nullptr) {
+    ended = std::move(inFlight[oldest]);
+    release(oldest);
+  } else {
+    ended = std::move(*firstWaiting);
+    waiting.erase(firstWaiting);
+  }
+  // Untold, but gone where it would have been told.
+  SerialQueue& queue = ended->completions();
+  queue.async([ended = std::move(ended)] {});
+}
+
+std::size_t URLSession::State::turnsTaken(Transfer::Instant now) const {
+  return static_cast<std::size_t>(std::count_if(
+      inFlight.begin(), inFlight.end(), [now](const auto& entry) { return entry.second->turnBegan() + kTurn > now; }));
+}
+
 void URLSession::State::startWaiting() {
-  while (!waiting.empty() && inFlight.size() < kMostAtOnce) {
+  if (waiting.empty()) return;
+  const auto now = std::chrono::steady_clock::now();
+  while (!waiting.empty() && turnsTaken(now) < kMostAtOnce) {
+    if (inFlight.size() >= kMostConnections) endLongestLasting();
     if (idleHandles.empty()) idleHandles.push_back(curl_easy_init());
     CURL* handle = idleHandles.back();
     if (handle == nullptr) fatalError("out of memory for a transfer");
     idleHandles.pop_back();
     std::shared_ptr<Transfer> transfer = std::move(waiting.front());
     waiting.pop_front();
+    transfer->beginTurn();
     startHop(handle, std::move(transfer));
   }
+}
+
+void URLSession::State::endLongestLasting() {
+  auto longest = inFlight.end();
+  for (auto it = inFlight.begin(); it != inFlight.end(); ++it) {
+    // Of those that replace each other there are few, and an error would be an answer.
+    if (it->second->replacesOlder()) continue;
+    if (longest == inFlight.end() || it->second->turnBegan() < longest->second->turnBegan()) longest = it;
+  }
+  if (longest == inFlight.end()) return;
+  std::shared_ptr<Transfer> transfer = longest->second;
+  transfer->timeOut();
+  release(longest->first);
+  finish(std::move(transfer));
 }
 
 void URLSession::State::startHop(CURL* handle, std::shared_ptr<Transfer> transfer) {
@@ -192,28 +259,48 @@ void URLSession::State::hopEnded(CURL* handle, CURLcode result) {
 void URLSession::State::timeOutSilent() {
   const auto now = std::chrono::steady_clock::now();
   for (auto it = inFlight.begin(); it != inFlight.end();) {
-    const auto [handle, transfer] = *it;
-    if (transfer->deadline() > now) {
-      ++it;
-      continue;
-    }
-    it = inFlight.erase(it);
+    const auto [handle, transfer] = *it++;
+    if (transfer->deadline() > now) continue;
     transfer->timeOut();
-    curl_multi_remove_handle(multi, handle);
-    putBack(handle);
+    release(handle);
     finish(transfer);
   }
 }
 
-int URLSession::State::millisecondsToNextDeadline() const {
+void URLSession::State::sleep(int wakeUpDescriptor) {
+  const bool deaf = wakeUpDescriptor < 0;
+  auto span = untilNextDeadline();
+  if (deaf) span = std::min<std::chrono::milliseconds>(span, kDeafSleep);
+  curl_waitfd wakeUpCall{wakeUpDescriptor, CURL_WAIT_POLLIN, 0};
+  const int milliseconds = static_cast<int>(std::clamp<std::int64_t>(span.count(), 0, INT_MAX));
+  if (curl_multi_poll(multi, deaf ? nullptr : &wakeUpCall, deaf ? 0 : 1, milliseconds, nullptr) != CURLM_OK) {
+    MutexLock lock(mutex);
+    if (incoming.empty() && !stopping) changed.wait_for(mutex, kDeafSleep);
+  }
+  if (wakeUpCall.revents != 0) wakeUp.clear();
+}
+
+std::chrono::milliseconds URLSession::State::untilNextDeadline() const {
+  const auto now = std::chrono::steady_clock::now();
   auto next = Transfer::Instant::max();
-  for (const auto& [handle, transfer] : inFlight) next = std::min(next, transfer->deadline());
-  if (next == Transfer::Instant::max()) return INT_MAX;
-  const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - std::chrono::steady_clock::now()).count();
-  return static_cast<int>(std::clamp<std::int64_t>(left, 0, INT_MAX));
+  for (const auto& [handle, transfer] : inFlight) {
+    next = std::min(next, transfer->deadline());
+    if (const auto turnEnds = transfer->turnBegan() + kTurn; !waiting.empty() && turnEnds > now)
+      next = std::min(next, turnEnds);
+  }
+  if (next == Transfer::Instant::max()) return std::chrono::milliseconds::max();
+  return std::chrono::ceil<std::chrono::milliseconds>(next - now);
+}
+
+/// Takes a transfer off before its end.
+void URLSession::State::release(CURL* handle) {
+  inFlight.erase(handle);
+  curl_multi_remove_handle(multi, handle);
+  putBack(handle);
 }
 
 void URLSession::State::putBack(CURL* handle) {
+  if (idleHandles.size() >= kMostAtOnce) return curl_easy_cleanup(handle);
   // Nothing of the last request stays behind, neither pointers to it nor its large buffer.
   curl_easy_reset(handle);
   curl_easy_setopt(handle, CURLOPT_UPLOAD_BUFFERSIZE, long{16384});

@@ -24,17 +24,27 @@ class URLSessionDataTask {
   virtual void resume() = 0;
 };
 
-/// The session that the whole process shares: no cache, no cookies, certificates verified, redirects followed (at
-/// most 20, Authorization dropped on every one; 301, 302 and 303 turn a POST into a GET), bodies of replies up to
-/// 32 MiB, proxies of the environment except for loopback. A file named by SSL_CERT_FILE takes the place of the
-/// system's certificates. Eight transfers run at once; others wait, and their time-out begins when they start.
+/// The session that the whole process shares: no cache, no cookies, certificates verified, TLS 1.2 at least, bodies of
+/// replies up to 32 MiB, proxies of the environment except for loopback. A file named by SSL_CERT_FILE takes the place
+/// of the system's certificates.
 ///
-/// A request whose kept connection turns out to be dead before the first byte of a reply is sent once more, as HTTP
-/// allows: the server may then see it twice while the caller is told once.
+/// Redirects are followed, at most 20, and Authorization is dropped on every one; 301, 302 and 303 turn a POST into a
+/// GET. None leads from https to plain http, but on this machine; and one that would take a body to another host is not
+/// followed: its own status is the answer.
+///
+/// A request whose kept connection dies before the first byte of a reply is sent once more, as HTTP allows, over a
+/// connection made for it: the server may then see it twice while the caller is told once. It is never sent a third
+/// time.
+///
+/// Eight transfers run at once; others wait, and their time-out begins when they start. One that has lasted three
+/// seconds no longer keeps others waiting; there are 32 at most, and with one more the longest of them has timed out.
 ///
 /// Threads: any. One thread of its own drives the transfers; completions run one at a time on a serial queue (of the
-/// session, or of the upload), never inside the call that starts the task, exactly once for each resumed task. When the
-/// process ends, transfers in flight end without completion.
+/// session, or of the upload), never inside the call that starts the task, exactly once for each resumed task, but for
+/// one that was replaced (see URLRequest). While the system has no thread or no descriptor to give, transfers wait, or
+/// start late.
+/// When the process ends, transfers in flight end without completion. That takes a moment; four seconds if the thread
+/// hangs, in a file system that does not answer.
 class URLSession {
  public:
   static URLSession& shared();

@@ -1,0 +1,282 @@
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <condition_variable>
+#include <fstream>
+#include <mutex>
+#include <set>
+#include <vector>
+
+#include "platform/foundation/Activity.h"
+#include "platform/urlsession/URLSession.h"
+#include "support/NoThreads.h"
+#include "support/TempDir.h"
+#include "urlsession/Fetch.h"
+#include "urlsession/RawServer.h"
+#include "urlsession/Servers.h"
+
+namespace tarvo::platform {
+namespace {
+
+using namespace std::chrono_literals;
+using test::fetch;
+using test::Outcome;
+using test::RawServer;
+
+/// Serves each connection on a thread of its own; what is still open is shut down at the end.
+class Crowd {
+ public:
+  explicit Crowd(std::function<void(int connection)> serve)
+      : server_([this, serve = std::move(serve)](int accepted) {
+          const std::lock_guard lock(mutex_);
+          connections_.push_back(::dup(accepted));
+          threads_.emplace_back(serve, connections_.back());
+        }) {}
+  ~Crowd() {
+    {
+      const std::lock_guard lock(mutex_);
+      for (const int connection : connections_) ::shutdown(connection, SHUT_RDWR);
+    }
+    for (auto& thread : threads_) thread.join();
+    for (const int connection : connections_) ::close(connection);
+  }
+  std::string url(const std::string& path) const { return server_.url(path); }
+
+ private:
+  std::mutex mutex_;
+  std::vector<int> connections_;
+  std::vector<std::thread> threads_;
+  RawServer server_;
+};
+
+/// What threads tell a test that waits for it.
+template <class Value>
+class Told {
+ public:
+  void add(Value value) {
+    const std::lock_guard lock(mutex_);
+    values_.insert(std::move(value));
+    changed_.notify_all();
+  }
+  bool waitFor(const std::set<Value>& wanted) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(
+        lock, 30s, [&] { return std::includes(values_.begin(), values_.end(), wanted.begin(), wanted.end()); });
+  }
+  std::set<Value> all() {
+    const std::lock_guard lock(mutex_);
+    return values_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::set<Value> values_;
+};
+
+TEST(HostileServer, GetsABatchTwiceWhenItDropsKeptConnectionsAndTheSecondTimeOnAFreshOne) {
+  for (const int warm : {0, 1, 3, 8}) {
+    SCOPED_TRACE(warm);
+    std::atomic<int> open{0}, copies{0}, onFresh{0};
+    Crowd server([&, warm](int connection) {
+      bool kept = false;
+      for (std::string head; !(head = RawServer::readHead(connection)).empty(); kept = true) {
+        if (head.starts_with("POST")) {
+          ++copies;
+          if (kept) {
+            ::shutdown(connection, SHUT_RDWR);
+            return;
+          }
+          ++onFresh;
+        } else {
+          ++open;
+          open.notify_all();
+          for (int now; (now = open) < warm;) open.wait(now);  // all side by side
+        }
+        RawServer::send(connection, "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+      }
+    });
+    for (int i = 0; i < warm; ++i) URLSession::shared().dataTask({server.url("/warm")}, {})->resume();
+    ASSERT_TRUE(Activity::waitUntilIdle(Seconds(30)));
+    const Outcome outcome = fetch({server.url("/batch"), "POST", {}, "x"});
+    EXPECT_EQ(outcome.status(), 200);
+    EXPECT_EQ(outcome.code(), 0);
+    EXPECT_EQ(copies, warm == 0 ? 1 : 2);
+    EXPECT_EQ(onFresh, 1);
+  }
+}
+
+TEST(HostileServer, HoldsTwoCopiesOfARequestAndTheNewestDecide) {
+  Told<char> arrived, left, completed;
+  std::map<char, int> connections;
+  std::mutex mutex;
+  Crowd server([&](int connection) {
+    RawServer::readHead(connection);
+    char copy = 0;
+    ::recv(connection, &copy, 1, 0);
+    RawServer::send(connection, "HTTP/1.1 200 OK\r\nContent-Length: 9\r\nConnection: close\r\n\r\nanswer: ");
+    {
+      const std::lock_guard lock(mutex);
+      connections[copy] = connection;
+    }
+    arrived.add(copy);
+    RawServer::waitForPeerToLeave(connection);
+    left.add(copy);
+  });
+  for (const char copy : {'a', 'b', 'c', 'd', 'e'}) {
+    URLRequest request{server.url("/batch"), "POST", {}, std::string(1, copy)};
+    request.replacesOlder = true;
+    auto task = URLSession::shared().dataTask(std::move(request),
+                                              [&](auto data, auto, auto) { completed.add(data ? data->back() : '?'); });
+    task->resume();
+    ASSERT_TRUE(arrived.waitFor({copy}));
+  }
+  EXPECT_TRUE(left.waitFor({'a', 'b', 'c'}));
+  for (const char copy : {'d', 'e'}) RawServer::send(connections[copy], std::string(1, copy));
+  EXPECT_TRUE(Activity::waitUntilIdle(Seconds(30)));
+  EXPECT_EQ(completed.all(), (std::set<char>{'d', 'e'}));
+}
+
+TEST(HostileServer, LetsOthersHaveTheirTurnWhenItAnswersWithoutEnd) {
+  Told<std::pair<int, std::int64_t>> ended;
+  auto server = std::make_unique<Crowd>([](int connection) {
+    const bool hangs = RawServer::readHead(connection).starts_with("GET /hang");
+    RawServer::send(connection, "HTTP/1.1 200 OK\r\nContent-Length: 2\r\nConnection: close\r\n\r\nx");
+    if (!hangs) RawServer::send(connection, "x");
+    RawServer::waitForPeerToLeave(connection);
+  });
+  for (int i = 0; i <= 32; ++i)
+    URLSession::shared()
+        .dataTask({server->url("/hang")},
+                  [&ended, i](auto, auto, auto e) {
+                    ended.add({i, e ? e->code : 0});
+                  })
+        ->resume();
+  EXPECT_EQ(fetch({server->url("/quick")}).data, "xx");
+  // As many connections as there may be, and of the first that hung two have given way.
+  const auto gaveWay = ended.all();
+  EXPECT_EQ(gaveWay.size(), 2U);
+  for (const auto& [number, code] : gaveWay) {
+    EXPECT_LT(number, 8);
+    EXPECT_EQ(code, urlError::timedOut);
+  }
+  server.reset();
+  EXPECT_TRUE(Activity::waitUntilIdle(Seconds(30)));
+}
+
+/// The process ends within the five seconds, and this tells whether it did. Registered before the session is made, so
+/// that it comes after the session's own end.
+std::chrono::steady_clock::time_point exitBegan;
+void exitInTime(bool good) {
+  exitBegan = std::chrono::steady_clock::now();
+  std::exit(good ? 0 : 1);
+}
+void watchExit() {
+  std::atexit([] {
+    if (std::chrono::steady_clock::now() - exitBegan > 5s) ::_exit(2);
+  });
+}
+
+class Ending : public testing::Test {
+ protected:
+  void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+TEST_F(Ending, WorksAndEndsInTimeAfterAStartWithoutDescriptors) {
+  const auto startWithout = [] {
+    watchExit();
+    test::Running server;
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    const rlim_t before = limit.rlim_cur;
+    const int next = ::dup(0);
+    ::close(next);
+    limit.rlim_cur = static_cast<rlim_t>(next);
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    const bool failed = fetch({server.url("/")}).error.has_value();
+    limit.rlim_cur = before;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    bool answered = true;
+    for (int i = 0; i < 3; ++i) answered = answered && fetch({server.url("/")}).status() == 404;
+    exitInTime(failed && answered);
+  };
+  EXPECT_EXIT(startWithout(), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(Ending, ComesInTimeWhenTheSessionsThreadHangs) {
+  const auto hang = [] {
+    watchExit();
+    test::TempDir dir;
+    ::mkfifo((dir.path() / "ca.pem").c_str(), 0600);  // nobody ever writes to it
+    ::setenv("SSL_CERT_FILE", (dir.path() / "ca.pem").c_str(), 1);
+    std::promise<void> connected;
+    RawServer server([&](int connection) {
+      connected.set_value();
+      RawServer::waitForPeerToLeave(connection);
+    });
+    URLSession::shared().dataTask({"https://" + server.host()}, {})->resume();
+    connected.get_future().wait();
+    exitInTime(!Activity::waitUntilIdle(Seconds(0.3)));
+  };
+  EXPECT_EXIT(hang(), testing::ExitedWithCode(0), "");
+}
+
+TEST(Session, SendsWhatHasWaitedForItsThread) {
+  test::Running server;
+  std::atomic<int> completed{0};
+  const auto task = [&] {
+    URLSession::shared().dataTask({server.url("/")}, [&](auto, auto, auto) { ++completed; })->resume();
+  };
+  {
+    const test::NoThreads none;
+    task();
+  }
+  task();
+  EXPECT_TRUE(Activity::waitUntilIdle(Seconds(30)));
+  EXPECT_EQ(completed, 2);
+}
+
+TEST(Session, DoesNotSpinWhenTheSystemRefusesToPoll) {
+  std::promise<void> asked, limited;
+  RawServer server([&](int connection) {
+    RawServer::readHead(connection);
+    asked.set_value();
+    limited.get_future().wait();
+    // A peer that gives up ends the wait.
+    const timeval pause{0, 500'000};
+    ::setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &pause, sizeof pause);
+    char c;
+    ::recv(connection, &c, 1, 0);
+    RawServer::send(connection, "HTTP/1.1 204 No Content\r\n\r\n");
+  });
+  std::promise<std::pair<int, std::int64_t>> ended;
+  URLSession::shared()
+      .dataTask({server.url()},
+                [&](auto, auto response, auto error) {
+                  ended.set_value({response ? response->statusCode : 0, error ? error->code : 0});
+                })
+      ->resume();
+  asked.get_future().wait();
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  const rlim_t before = std::exchange(limit.rlim_cur, 2);  // fewer than it polls
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+  const auto cpu = [] {
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return std::chrono::seconds(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           std::chrono::microseconds(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
+  };
+  const auto cpuBefore = cpu();
+  limited.set_value();
+  auto outcome = ended.get_future();
+  ASSERT_EQ(outcome.wait_for(30s), std::future_status::ready);
+  EXPECT_LT(cpu() - cpuBefore, 100ms) << "of half a second";
+  EXPECT_EQ(outcome.get(), (std::pair<int, std::int64_t>{204, 0}));
+  limit.rlim_cur = before;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+}  // namespace
+}  // namespace tarvo::platform
