@@ -12,9 +12,14 @@ namespace tarvo::platform {
 /// The file's bytes, or why they cannot be read.
 Result<std::string> readFile(const std::filesystem::path& file);
 
-/// Replaces the file as a whole: temporary file beside it (mode 0600, a name that begins with a dot), flushed when
-/// `durable`, renamed. Absent on success.
+/// Replaces the file as a whole: temporary file beside it (mode 0600, `.writing-` and six characters, locked while it
+/// is written), flushed when `durable`, renamed. Absent on success. The first write of a process into a directory
+/// clears it as `removeAbandonedWrites` does.
 std::optional<Error> writeFileAtomically(const std::filesystem::path& file, std::string_view bytes, bool durable);
+
+/// Removes the temporary files of writes that a kill has cut short; those of a write that goes on, in whatever process,
+/// stay. Threads: any. Errors: none; what cannot be removed stays.
+void removeAbandonedWrites(const std::filesystem::path& directory);
 
 /// Makes the directory and those above it that are missing, for this user alone (mode 0700). Absent on success.
 std::optional<Error> createPrivateDirectories(const std::filesystem::path& directory);
