@@ -15,11 +15,11 @@
 #include <tarvo/platform/SystemLog.h>
 #include <tarvo/platform/UserDefaults.h>
 
-#include "log/Utf8.h"
 #include "platform/foundation/DateFormatter.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/UserDefaultsChanges.h"
+#include "platform/foundation/Utf8.h"
 #include "settings/Names.h"
 #include "settings/Settings.h"
 
@@ -217,7 +217,7 @@ void Log::debugLog(std::int64_t level, std::string_view message) {
   // The message that opens a day's file is not in it: only the header is.
   auto file = LatestFile::shared().openFor(platform::concat(kFilePrefix, "_", dayOf(stamp), "_", *user, "_IOS.txt"));
   const std::string_view label = levelName(level);
-  if (file && !label.empty() && isValidUtf8(message))
+  if (file && !label.empty() && platform::isValidUtf8(message))
     WaitingLines::shared().add(std::move(file), {"[[", stamp, "]]:[", label, "]:", message, "\n"});
 }
 
