@@ -146,6 +146,7 @@ void NetworkManager::sendLogToRemoteWebServer() {
     session = state_->backgroundSession;
   }
   for (const auto& file : finishedLogFiles()) {
+    if (session->hasTaskFor(file)) continue;  // its upload waits or goes on: a second one would carry the same
     std::error_code error;
     const bool exists = std::filesystem::exists(file, error);
     if (exists) Log::append(std::make_shared<const std::string>(file.native()), "\r\n--boundary--\r\n");

@@ -131,6 +131,27 @@ std::optional<Error> writeFileAtomically(const fs::path& file, std::string_view 
   return std::nullopt;
 }
 
+Result<std::uint64_t> appendToFile(const fs::path& file, std::string_view bytes) {
+  const int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+  const Descriptor descriptor(::open(file.c_str(), flags, S_IRUSR | S_IWUSR));
+  struct stat before {};
+  if (descriptor.get() < 0 || ::fstat(descriptor.get(), &before) != 0) return posixError(errno, file.native());
+  if (!S_ISREG(before.st_mode)) return posixError(EINVAL, file.native());
+  if (!writeAll(descriptor.get(), bytes)) {
+    const int code = errno;
+    if (::ftruncate(descriptor.get(), before.st_size) != 0) return posixError(errno, file.native());
+    return posixError(code, file.native());
+  }
+  return static_cast<std::uint64_t>(before.st_size) + bytes.size();
+}
+
+std::optional<Error> flushFile(const fs::path& file) {
+  const Descriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  if (descriptor.get() < 0 || ::fsync(descriptor.get()) != 0 || !flushDirectory(directoryOf(file)))
+    return posixError(errno, file.native());
+  return std::nullopt;
+}
+
 std::optional<Error> createPrivateDirectories(const fs::path& directory) {
   std::error_code ignored;
   if (directory.empty() || fs::is_directory(directory, ignored)) return std::nullopt;
