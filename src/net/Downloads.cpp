@@ -55,20 +55,30 @@ std::optional<Dictionary> accept(const Download& download, NetworkManager& clien
     Log::error(download.parse, json.error().localizedDescription);
     return std::nullopt;
   }
-  const Dictionary* answer = json->asDictionary();
+  Dictionary* answer = json->asDictionary();
   if (answer == nullptr) return std::nullopt;
   Log::debug(download.success, *answer);
   if (!isSuccess(*answer)) return std::nullopt;
-  return *answer;
+  return std::move(*answer);
+}
+
+/// The list under the key of an accepted answer, or absent.
+std::optional<std::vector<Dictionary>> accepted(const Download& download, NetworkManager& client, const Reply& reply,
+                                                std::string_view key) {
+  auto answer = accept(download, client, reply);
+  if (!answer) return std::nullopt;
+  const auto list = answer->find(key);
+  if (list == answer->end()) return std::nullopt;
+  return requireObjects(std::move(list->second), key);
 }
 
 /// All eleven values or nothing; those of another type stop the process.
-void storePrediction(const Dictionary& answer) {
+void storePrediction(Dictionary answer) {
   for (const char* key : {"prediction_id", "start_time", "arrival_time", "probability", "destination_lon",
                           "destination_lat", "route", "destination_json", "start_name", "arrival_name", "duration"}) {
     if (find(answer, key) == nullptr) return;
   }
-  const auto value = [&answer](const char* key) -> const Value& { return *find(answer, key); };
+  const auto value = [&answer](const char* key) -> Value& { return answer.find(key)->second; };
   Log::debug("NetworkManager:getNextTrip [net] [succes] prediction_id:", value("prediction_id"), " startTime ",
              value("start_time"));
   Trip trip;
@@ -78,17 +88,19 @@ void storePrediction(const Dictionary& answer) {
   trip.probability = requireNumber(value("probability"), "probability");
   trip.destination_lat = requireNumber(value("destination_lat"), "destination_lat");
   trip.destination_lon = requireNumber(value("destination_lon"), "destination_lon");
-  trip.next_destination = requireObject(value("destination_json"), "destination_json");
-  trip.route = requireObject(value("route"), "route");
+  trip.next_destination = requireObject(std::move(value("destination_json")), "destination_json");
+  trip.route = requireObject(std::move(value("route")), "route");
   trip.arrival_name = requireText(value("arrival_name"), "arrival_name");
   trip.start_name = requireText(value("start_name"), "start_name");
   trip.duration = requireNumber(value("duration"), "duration");
-  LatestPrediction::shared().store(trip);
+  const std::string lines[] = {
+      platform::concat("NetworkManager:getNextTrip :[Tarvo.LastPrediction.start_name] : ", trip.start_name,
+                       " [Tarvo.LastPrediction.arrival_name] : ", trip.arrival_name),
+      platform::concat("NetworkManager:getNextTrip :[Tarvo.LastPrediction.duration] : ", trip.duration),
+      platform::concat("NetworkManager:getNextTrip :[Tarvo.LastPrediction.route] : ", trip.route)};
+  LatestPrediction::shared().store(std::move(trip));
   // Level of errors although nothing is wrong: the readers of the log look for them there.
-  Log::error("NetworkManager:getNextTrip :[Tarvo.LastPrediction.start_name] : ", trip.start_name,
-             " [Tarvo.LastPrediction.arrival_name] : ", trip.arrival_name);
-  Log::error("NetworkManager:getNextTrip :[Tarvo.LastPrediction.duration] : ", trip.duration);
-  Log::error("NetworkManager:getNextTrip :[Tarvo.LastPrediction.route] : ", trip.route);
+  for (const std::string& line : lines) Log::error(line);
   EngineLink::current().predictionStored();
 }
 
@@ -108,7 +120,7 @@ std::optional<std::int64_t> firstTripToAskFor(std::int64_t announced) {
 void NetworkManager::getNextTrip() {
   Log::error("NetworkManager:getNextTrip :[called]");
   state_->start(request("GET", endpoints::tripAPI, std::nullopt), [](NetworkManager& self, const Reply& reply) {
-    if (const auto answer = accept(kPrediction, self, reply)) storePrediction(*answer);
+    if (auto answer = accept(kPrediction, self, reply)) storePrediction(std::move(*answer));
   });
 }
 
@@ -121,18 +133,15 @@ void NetworkManager::getLocationHistoryEXTRAPOLATED() {
       platform::concat(endpoints::locationHistoryAPI, "?first_pasttrip_id=", *first, "&last_pasttrip_id=", last);
   Log::debug("NetworkManager:getLocationHistoryEXTRAPOLATED [api] ", path, " ");
   state_->start(request("GET", path, std::nullopt), [](NetworkManager& self, const Reply& reply) {
-    const auto answer = accept(kPastTrips, self, reply);
-    const Value* trips = answer ? find(*answer, "trips") : nullptr;
-    if (trips != nullptr) EngineLink::current().submitLastTrips(requireObjects(*trips, "trips"));
+    if (auto trips = accepted(kPastTrips, self, reply, "trips"))
+      EngineLink::current().submitLastTrips(std::move(*trips));
   });
 }
 
 void NetworkManager::getPOI() {
   Log::debug("NetworkManager:getPOI : called");
   state_->start(request("GET", endpoints::poiAPI, std::nullopt), [](NetworkManager& self, const Reply& reply) {
-    const auto answer = accept(kPlaces, self, reply);
-    const Value* pois = answer ? find(*answer, "pois") : nullptr;
-    if (pois != nullptr) EngineLink::current().submitPOIs(requireObjects(*pois, "pois"));
+    if (auto pois = accepted(kPlaces, self, reply, "pois")) EngineLink::current().submitPOIs(std::move(*pois));
   });
 }
 

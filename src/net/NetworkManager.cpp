@@ -8,8 +8,8 @@
 #include "net/ClientState.h"
 #include "net/Endpoints.h"
 #include "net/RequestBuilder.h"
+#include "net/ServerProbe.h"
 #include "platform/foundation/FatalError.h"
-#include "platform/urlsession/Reachability.h"
 #include "platform/urlsession/URLSession.h"
 #include "settings/Names.h"
 
@@ -92,21 +92,7 @@ platform::URLRequest NetworkManager::request(std::string_view method, std::strin
 }
 
 bool NetworkManager::isWebServerReachable(bool viaWiFi, std::string_view url) {
-  using namespace platform;
-  const auto flags = SCNetworkReachabilityGetFlags(url);
-  const bool connected = flags && (*flags & kSCNetworkReachabilityFlagsReachable) != 0 &&
-                         (*flags & kSCNetworkReachabilityFlagsConnectionRequired) == 0;
-  if (connected && !viaWiFi) {
-    Log::debug("NetworkManager:isWebServerReachable [net] true mainThread:", mainThread());
-    return true;
-  }
-  if (connected && (*flags & kSCNetworkReachabilityFlagsIsWWAN) == 0) {
-    // Says cellular although the way is not; readers of the log know it so.
-    Log::debug("NetworkManager:isWebServerReachable [net] viaCellular:true mainThread:", mainThread());
-    return true;
-  }
-  Log::debug("NetworkManager:isWebServerReachable [net] false mainThread:", mainThread());
-  return false;
+  return isServerReachable(viaWiFi, url, platform::NameLookup::ask);
 }
 
 }  // namespace tarvo

@@ -1,5 +1,7 @@
 #include "net/Reply.h"
 
+#include <utility>
+
 #include "platform/foundation/FatalError.h"
 #include "platform/foundation/Text.h"
 
@@ -39,17 +41,17 @@ std::string requireText(const Value& value, std::string_view key) {
   wrongType(key, "text");
 }
 
-Dictionary requireObject(const Value& value, std::string_view key) {
-  if (const Dictionary* object = value.asDictionary()) return *object;
+Dictionary requireObject(Value&& value, std::string_view key) {
+  if (Dictionary* object = value.asDictionary()) return std::move(*object);
   wrongType(key, "object");
 }
 
-std::vector<Dictionary> requireObjects(const Value& value, std::string_view key) {
-  const platform::Array* elements = value.asArray();
+std::vector<Dictionary> requireObjects(Value&& value, std::string_view key) {
+  platform::Array* elements = value.asArray();
   if (elements == nullptr) wrongType(key, "array");
   std::vector<Dictionary> objects;
   objects.reserve(elements->size());
-  for (const Value& element : *elements) objects.push_back(requireObject(element, key));
+  for (Value& element : *elements) objects.push_back(requireObject(std::move(element), key));
   return objects;
 }
 

@@ -33,8 +33,9 @@ bool requireBool(const platform::Value& value, std::string_view key);
 std::int64_t requireInteger(const platform::Value& value, std::string_view key);
 double requireNumber(const platform::Value& value, std::string_view key);
 std::string requireText(const platform::Value& value, std::string_view key);
-platform::Dictionary requireObject(const platform::Value& value, std::string_view key);
-std::vector<platform::Dictionary> requireObjects(const platform::Value& value, std::string_view key);
+// These take the objects out of the value: an answer can be large, and is not needed twice.
+platform::Dictionary requireObject(platform::Value&& value, std::string_view key);
+std::vector<platform::Dictionary> requireObjects(platform::Value&& value, std::string_view key);
 
 /// Whether the answer's "success" is there and true; one of another type stops the process.
 bool isSuccess(const platform::Dictionary& answer);

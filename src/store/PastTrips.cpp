@@ -4,10 +4,10 @@
 #include <utility>
 
 #include "log/Log.h"
-#include "log/Utf8.h"
 #include "platform/foundation/DateFormatter.h"
 #include "platform/foundation/Json.h"
 #include "platform/foundation/Text.h"
+#include "platform/foundation/Utf8.h"
 #include "store/Attributes.h"
 #include "store/TypedFetch.h"
 
@@ -51,11 +51,12 @@ std::optional<Date> dateUnder(const platform::Dictionary& trip, std::string_view
 
 void setRoute(PastTrips& added, const platform::Dictionary& trip) {
   const platform::Value* found = platform::find(trip, "route");
-  const platform::Value route = found ? *found : platform::Value();
+  static const platform::Value none;
+  const platform::Value& route = found ? *found : none;
   auto text = platform::serializeJson(route);
   if (!text) {
     Log::error("PastTrips:addLastTrip Unresolved error ", errorAndUserInfo(text.error()));
-  } else if (!isValidUtf8(*text)) {
+  } else if (!platform::isValidUtf8(*text)) {
     Log::debug("PastTrips:addLastTrip:Failed to load GEOJSON: ", route);
   } else {
     added.setString(at::route, *text);

@@ -20,7 +20,8 @@ namespace {
 std::optional<platform::Error> setGeoJson(PointOfInterest& added, const platform::Dictionary& poi,
                                           at::Position attribute) {
   const Value* found = platform::find(poi, at::kAll[attribute].name);
-  const Value geoJson = found ? *found : Value();
+  static const Value none;
+  const Value& geoJson = found ? *found : none;
   auto text = platform::serializeJson(geoJson);
   if (!text) {
     Log::debug("PointOfInterest:addPOI:Failed to load GEOJSON: ", text.error().localizedDescription);

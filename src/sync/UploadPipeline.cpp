@@ -6,6 +6,7 @@
 #include <tarvo/platform/Clock.h>
 
 #include "log/Log.h"
+#include "net/ServerProbe.h"
 #include "settings/Settings.h"
 #include "sync/DeviceRegistration.h"
 
@@ -125,7 +126,10 @@ void UploadPipeline::resendAllSentWithoutACKData(const Locations::List& location
   if (!uuid) return;
   Log::debug("LocationManager:resendAllSentWithoutACKData :count = ", locations.size());
   if (locations.empty()) return;
-  if (!NetworkManager::isWebServerReachable(/*viaWiFi=*/false, Settings::shared().remoteWebServerURL())) return;
+  // The pass of an acknowledgement runs inside a block; it follows one outside, which has asked for the name.
+  const auto lookup =
+      store_.managedObjectContext().isCurrent() ? platform::NameLookup::known : platform::NameLookup::ask;
+  if (!isServerReachable(/*viaWiFi=*/false, Settings::shared().remoteWebServerURL(), lookup)) return;
   Batch batch;
   store_.managedObjectContext().performAndWait([&] {
     Log::debug("LocationManager:resendAllSentWithoutACKData [net] from:", locations.front()->index(),

@@ -1,6 +1,22 @@
+#include <dlfcn.h>
+#include <netdb.h>
+
+#include <atomic>
+
 #include "engine/Harness.h"
 
 #include "platform/foundation/Text.h"
+
+static std::atomic<int> askedForNames{0};
+
+/// Takes the place of the system's for the whole program: a name of the tests has no address.
+extern "C" int getaddrinfo(const char* name, const char* service, const addrinfo* hints, addrinfo** found) {
+  static const auto original = reinterpret_cast<decltype(&getaddrinfo)>(::dlsym(RTLD_NEXT, "getaddrinfo"));
+  if (name == nullptr || !std::string_view(name).ends_with(".test") || (hints->ai_flags & AI_NUMERICHOST) != 0)
+    return original(name, service, hints, found);
+  ++askedForNames;
+  return EAI_NONAME;
+}
 
 namespace tarvo {
 namespace {
@@ -75,6 +91,30 @@ TEST_F(Upload, FreesTheChannelAtOnceOnAnotherStatusAndSendsTheSameBatchAgain) {
   settle();
   expectEachIndexOnce(2);
   EXPECT_EQ(diary.count("httpstatus : 500"), 2u);
+}
+
+TEST_F(Upload, NeverAsksTheResolverInsideABlockOfTheStore) {
+  startBackend();
+  Tarvo tarvo = registered();
+  backend.faults().answerNext(1, 500);
+  collect(1);
+  engine().sendDataInBatchToRemoteWebServer();
+  waitUntilIdle();
+  EXPECT_EQ(engine().syncStatus().awaiting, 1);
+  ASSERT_TRUE(LocationManager::setRemoteWebServerURL("https://backend.test/api"));
+  auto& context = engine().parts().store.managedObjectContext();
+  // Unknown at first; then known from a pass outside.
+  for (const int asked : {0, 1, 1}) {
+    diary.clear();
+    if (asked == askedForNames) {
+      context.performAndWait([] { engine().sendDataInBatchToRemoteWebServer(); });  // as an acknowledgement does
+    } else {
+      engine().sendDataInBatchToRemoteWebServer();
+    }
+    EXPECT_EQ(diary.count("isWebServerReachable [net] false"), 1u);
+    EXPECT_EQ(askedForNames, asked);
+    clock->advance(Seconds(180));
+  }
 }
 
 TEST_F(Upload, TakesOverAChannelHeldFor180SecondsAndResendsWhatAwaitsFirst) {

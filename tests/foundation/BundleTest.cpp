@@ -1,8 +1,16 @@
 #include "platform/foundation/Bundle.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <tarvo/platform/Environment.h>
 #include <tarvo/platform/SystemLog.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <set>
+#include <thread>
 
 #include "platform/foundation/Base64.h"
 #include "platform/foundation/Files.h"
@@ -107,6 +115,34 @@ TEST_F(EnvironmentOfTheHost, ReplacesFilesAsAWholeOrNotAtAll) {
   fs::create_directory(home_.path() / "folder");
   EXPECT_TRUE(writeFileAtomically(home_.path() / "folder", "x", true));
   EXPECT_EQ(std::distance(fs::directory_iterator(home_.path()), fs::directory_iterator()), 2);
+}
+
+TEST_F(EnvironmentOfTheHost, ClearsWhatKilledWritesHaveLeftAndNothingElse) {
+  const auto make = [&](const char* name) { return ::open((home_.path() / name).c_str(), O_CREAT | O_RDWR, 0600); };
+  ::close(make(".writing-killed"));
+  ::close(make("writing-of-the-host"));
+  const int live = make(".writing-lively");
+  ASSERT_EQ(::flock(live, LOCK_EX), 0);
+  ASSERT_EQ(::mkfifo((home_.path() / ".writing-a-pipe").c_str(), 0600), 0);
+  EXPECT_FALSE(writeFileAtomically(home_.path() / "file", "x", false));
+  std::set<std::string> left;
+  for (const auto& entry : fs::directory_iterator(home_.path())) left.insert(entry.path().filename());
+  EXPECT_EQ(left, (std::set<std::string>{".writing-a-pipe", ".writing-lively", "file", "writing-of-the-host"}));
+  ::close(live);
+
+  // Whoever clears never takes a file from under a write that goes on.
+  std::atomic<bool> writing = true;
+  std::thread clearing([&] {
+    while (writing) removeAbandonedWrites(home_.path());
+  });
+  for (int i = 0; i < 2000; ++i) ASSERT_FALSE(writeFileAtomically(home_.path() / "file", "x", false)) << i;
+  writing = false;
+  clearing.join();
+}
+
+TEST_F(EnvironmentOfTheHost, TellsWhyAFolderCannotBeMade) {
+  fs::create_symlink("absent", home_.path() / "link");
+  EXPECT_EQ(createPrivateDirectories(home_.path() / "link")->code, EEXIST) << "and not what was asked afterwards";
 }
 
 TEST(Files, TellPlainNamesFromPaths) {

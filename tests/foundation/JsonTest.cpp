@@ -70,24 +70,37 @@ TEST(Json, RefusesWhatIsBrokenOrHostile) {
     ASSERT_FALSE(result) << text.substr(0, 20);
     EXPECT_EQ(result.error().code, 3840);
     EXPECT_EQ(result.error().domain, NSCocoaErrorDomain);
-    EXPECT_FALSE(result.error().userInfo.empty());
+    const auto details = findString(result.error().userInfo, "NSDebugDescription").value_or("");
+    EXPECT_FALSE(details.empty() || details.find("exception") != details.npos) << details;
   }
+  const std::pair<const char*, const char*> details[] = {{"[1,]", "no valid JSON, at byte 3"},
+                                                         {"[1,1e999]", "a number out of range, before byte 8"}};
+  for (const auto& [text, expected] : details)
+    EXPECT_EQ(findString(parseJson(text).error().userInfo, "NSDebugDescription"), expected);
   EXPECT_TRUE(parseJson(nested(512)));
 }
 
 TEST(Json, SaysWhatItCannotWrite) {
   Value deep = Array{};
   for (int i = 0; i < 600; ++i) deep = Array{deep};
-  const Value invalid[] = {nullptr,
-                           1,
-                           "text",
-                           Array{std::numeric_limits<double>::infinity()},
-                           Dictionary{{"a", Array{"\xc3("}}},
-                           Dictionary{{"\xff", 1}},
-                           deep};
-  for (const Value& value : invalid) {
-    EXPECT_FALSE(isValidJsonObject(value));
-    EXPECT_FALSE(serializeJson(value));
+  const struct {
+    Value value;
+    bool isValid;
+    const char* why;
+  } cases[] = {{nullptr, false, "no array or dictionary at the top"},
+               {1, false, "no array or dictionary at the top"},
+               {"text", false, "no array or dictionary at the top"},
+               {Array{1, std::numeric_limits<double>::infinity()}, false, "a number that is not finite"},
+               {Dictionary{{"a", Array{"\xc3("}}}, false, "a text that is not UTF-8"},
+               {Array{"\xed\xa0\x80"}, false, "a text that is not UTF-8"},
+               {Dictionary{{"\xff", 1}}, false, "a key that is not UTF-8"},
+               {deep, false, "nested too deep"},
+               {Array{"x", std::string((64U << 20) - 3, 'x')}, true, "too large"}};
+  for (const auto& [value, isValid, why] : cases) {
+    EXPECT_EQ(isValidJsonObject(value), isValid) << why;
+    const auto text = serializeJson(value);
+    ASSERT_FALSE(text) << why;
+    EXPECT_EQ(findString(text.error().userInfo, "NSDebugDescription"), why);
   }
   EXPECT_TRUE(isValidJsonObject(Dictionary{{"a", Array{1, 2.5, "x", nullptr, true}}}));
 }

@@ -105,6 +105,10 @@ TEST_F(Account, WritesTheLinesOfTagsTokensAndResets) {
   call(&NetworkManager::setTags, "a", "\xff");
   settings.setDeviceToken("\xff");
   call(&NetworkManager::sendTokenremoteWebServer);
+  const std::string tooLong(std::size_t{65} << 20, 'x');
+  call(&NetworkManager::setTags, "a", tooLong);
+  settings.setDeviceToken(tooLong);
+  call(&NetworkManager::sendTokenremoteWebServer);
   for (const char* text :
        {"NetworkManager:setTags :[success] ", "NetworkManager:resetBackend : httpStatus 200",
         " NetworkManager:unsetTags : httpstatus : 503", " NetworkManager:unsetTags :réponse = <NSHTTPURLResponse>",
@@ -113,8 +117,10 @@ TEST_F(Account, WritesTheLinesOfTagsTokensAndResets) {
         "NetworkManager:setTags :[error] : ", "NetworkManager:sendDataInBatchToRemoteWebServer :[error] :Optional(",
         "NetworkManager:resetBackend :[error] :Optional(",
         "NetworkManager:subscriptionRegiter [loc] JSON conversion problem mainThread:true",
-        "NetworkManager:sendTokenremoteWebServer [loc] JSON conversion problem mainThread:true"})
+        "NetworkManager:sendTokenremoteWebServer [loc] JSON conversion problem mainThread:true",
+        "NetworkManager:subscriptionRegiter Unresolved error Error Domain=NSCocoaErrorDomain Code=3851"})
     EXPECT_EQ(log.count(text), 1u) << text;
+  EXPECT_EQ(log.count("Unresolved error Error Domain=NSCocoaErrorDomain"), 2u) << "of tags and of the token";
 }
 
 }  // namespace

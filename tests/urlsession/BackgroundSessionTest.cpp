@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -234,6 +235,7 @@ TEST(BackgroundSession, GoesOnWhereAKilledProcessStopped) {
     session->finishEvents();
     EXPECT_EQ(diary.take(), Lines{}) << "it rests";
     EXPECT_EQ(tasks, 1U);
+    EXPECT_TRUE(session->hasTaskFor(home.path() / "log"));
     session->deliverEvents();
     session->deliverEvents();
     EXPECT_EQ(diary.take(), (Lines{"data \xff", "log 200 0", "finished"}));
@@ -244,6 +246,7 @@ TEST(BackgroundSession, GoesOnWhereAKilledProcessStopped) {
     session->getAllTasks(count);
     diary.take();
     EXPECT_EQ(tasks, 0U);
+    EXPECT_FALSE(session->hasTaskFor(home.path() / "log"));
   }
 }
 
@@ -254,9 +257,10 @@ TEST(TransferJournal, TakesUpWholeLinesOfADamagedFile) {
   constexpr auto most = std::numeric_limits<std::int64_t>::max();
   {
     TransferJournal journal(folder.path(), name);
-    journal.put({{1, {"http://a/\xff", "POST", {{"a", "\xff"}}}, "/f\xff"}, {}});
+    journal.putResumed({1, {"http://a/\xff", "POST", {{"a", "\xff"}}}, "/f\xff"});
+    journal.putResumed({most, {"http://b/"}, "/g"});
     const Error error{NSURLErrorDomain, -1005, "lost", {{"k", "v"}}};
-    journal.put({{most, {"http://b/"}, "/g"}, TransferOutcome{200, std::string("\0\xff", 2), error}});
+    journal.putEnded(most, TransferOutcome{200, std::string("\0\xff", 2), error});
   }
   const std::string whole = readFile(file).value();
   const auto reopened = [&](const std::string& bytes) {
@@ -265,14 +269,15 @@ TEST(TransferJournal, TakesUpWholeLinesOfADamagedFile) {
     return journal.takeRestored();
   };
   auto& log = LogDiary::installed();
-  const std::size_t firstEnd = whole.find('\n') + 1;
+  const std::size_t firstEnd = whole.find('\n') + 1, secondEnd = whole.find('\n', firstEnd) + 1;
   for (std::size_t cut = 0; cut <= whole.size(); ++cut) {
     log.clear();
     const auto restored = reopened(whole.substr(0, cut));
-    ASSERT_EQ(restored.size(), cut == whole.size() ? 2U : cut >= firstEnd ? 1U : 0U) << cut;
-    const bool damaged = cut != 0 && cut != firstEnd && cut != whole.size();
+    ASSERT_EQ(restored.size(), cut >= secondEnd ? 2U : cut >= firstEnd ? 1U : 0U) << cut;
+    const bool damaged = cut != 0 && whole[cut - 1] != '\n';
     ASSERT_EQ(log.count("damaged lines of its journal are dropped"), damaged ? 1U : 0U) << cut;
     if (restored.empty()) continue;
+    ASSERT_EQ(restored.back().outcome.has_value(), cut == whole.size()) << cut;
     ASSERT_EQ(restored[0].task.originalRequest.url, "http://a/\xff");
     ASSERT_EQ(restored[0].task.originalRequest.value("A"), "\xff");
     ASSERT_EQ(restored[0].task.file, "/f\xff");
@@ -294,7 +299,9 @@ TEST(TransferJournal, TakesUpWholeLinesOfADamagedFile) {
                          with(line, "\"POST\"", "{\"base64\":\"A\"}"),
                          with(line, "\"headers\":[", "\"headers\":[[1,2],"),
                          with(line, "\"identifier\"", "\"outcome\":{\"status\":1},\"identifier\""),
-                         with(line, "\"identifier\"", "\"outcome\":{\"error\":[]},\"identifier\"")};
+                         with(line, "\"identifier\"", "\"outcome\":{\"error\":[]},\"identifier\""),
+                         "{\"identifier\":5,\"outcome\":{\"status\":204}}\n",
+                         "{\"identifier\":5,\"over\":1}\n"};
   for (const std::string& bad : hostile) {
     EXPECT_EQ(reopened(bad).size(), 0U) << bad.substr(0, 300);
     EXPECT_EQ(reopened(bad + whole).size(), 2U) << bad.substr(0, 300);
@@ -306,27 +313,89 @@ TEST(TransferJournal, TakesUpWholeLinesOfADamagedFile) {
     ASSERT_EQ(restored.size(), 1U);
     EXPECT_TRUE(restored[0].outcome) << "it would be sent again";
   }
+  const std::string over = "{\"identifier\":1,\"over\":true}\n";
+  EXPECT_EQ(reopened(over + whole + over).size(), 1U);
+  EXPECT_EQ(readFile(file).value(), whole.substr(firstEnd)) << "written anew without what is over";
+  EXPECT_EQ(reopened(line + over + line).size(), 1U) << "a number that is used again";
+  EXPECT_EQ(reopened(line + over).size(), 0U);
+  EXPECT_FALSE(std::filesystem::exists(file));
+}
+
+/// All that this process has handed to `write` so far.
+std::uint64_t bytesWritten() {
+  const std::string counters = readFile("/proc/self/io").value();
+  return std::stoull(counters.substr(counters.find("wchar: ") + 7));
+}
+
+TEST(TransferJournal, CostsTheSameForEachUploadHoweverManyWait) {
+  const TempDir folder;
+  constexpr std::int64_t uploads = 1600;
+  write(folder.path() / ".writing-killed", "credentials");
+  TransferJournal journal(folder.path(), "x");
+  EXPECT_FALSE(std::filesystem::exists(folder.path() / ".writing-killed"));
+  const auto before = bytesWritten();
+  const auto file = folder.path() / "x.jsonl";
+  const URLRequest request{"http://a/", "POST", {{"Authorization", std::string(200, 'x')}}};
+  for (std::int64_t i = 1; i <= uploads; ++i) journal.putResumed({i, request, concat("/log/", i)});
+  const auto waiting = std::filesystem::file_size(file);
+  for (std::int64_t i = 1; i <= uploads; ++i) {
+    journal.putEnded(i, TransferOutcome{200, "ok", {}});
+    journal.remove(i);
+    if (i + 5 != uploads) continue;
+    EXPECT_LT(std::filesystem::file_size(file), 70'000U) << "what is over goes";
+  }
+  EXPECT_FALSE(std::filesystem::exists(file));
+  EXPECT_LT(bytesWritten() - before, 4 * waiting);
+}
+
+TEST(TransferJournal, IsWholeAgainOnceThereIsRoom) {
+  const TempDir folder;
+  const auto file = folder.path() / "x.jsonl";
+  auto& log = LogDiary::installed();
+  ::signal(SIGXFSZ, SIG_IGN);
+  rlimit none{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &none), 0);
+  {
+    TransferJournal journal(folder.path(), "x");
+    journal.putResumed({1, {"http://a/"}, "/1"});
+    const auto size = std::filesystem::file_size(file);
+    const rlimit little{size + 20, none.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &little), 0);
+    journal.putResumed({2, {"http://a/"}, "/2"});
+    journal.putResumed({3, {"http://a/"}, "/3"});
+    EXPECT_EQ(std::filesystem::file_size(file), size) << "no half line";
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &none), 0);
+    EXPECT_EQ(log.count("transfers are not journalled: "), 1U);
+    journal.putEnded(2, TransferOutcome{200, {}, {}});
+    EXPECT_NE(readFile(file).value().find("/3"), std::string::npos) << "what could not be written before";
+    std::filesystem::remove(file);
+    journal.remove(3);
+  }
+  const auto restored = TransferJournal(folder.path(), "x").takeRestored();
+  ASSERT_EQ(restored.size(), 2U);
+  EXPECT_FALSE(restored[0].outcome);
+  EXPECT_TRUE(restored[1].outcome);
 }
 
 TEST(TransferJournal, BelongsToTheFirstThatOpensItAndTellsWhatItCannotWrite) {
   const TempDir folder;
   auto& log = LogDiary::installed();
-  const TransferRecord record{{1, {"http://a/"}, "/f"}, {}};
+  const URLSessionUploadTask task{1, {"http://a/"}, "/f"};
   {
     TransferJournal first(folder.path() / "in", "x"), second(folder.path() / "in", "x");
     EXPECT_EQ(log.count("Background session x: transfers are not journalled: another process has the session"), 1U);
-    second.put(record);
+    second.putResumed(task);
     EXPECT_FALSE(std::filesystem::exists(folder.path() / "in" / "x.jsonl"));
     std::filesystem::remove_all(folder.path() / "in");
     log.clear();
-    first.put(record);
-    first.put(record);
+    first.putResumed(task);
+    first.putResumed(task);
     EXPECT_EQ(log.count("Background session x: transfers are not journalled: "), 1U);
   }
   write(folder.path() / "file", "");
   std::filesystem::create_directory(folder.path() / "d.jsonl");
-  TransferJournal(folder.path() / "file", "f").put(record);
-  TransferJournal(folder.path(), "d").put(record);
+  TransferJournal(folder.path() / "file", "f").putResumed(task);
+  TransferJournal(folder.path(), "d").putResumed(task);
   EXPECT_EQ(log.count("transfers are not journalled: "), 3U);
 }
 

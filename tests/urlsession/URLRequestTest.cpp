@@ -3,9 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <netinet/in.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
+
+#include <vector>
 
 #include "platform/urlsession/Reachability.h"
 
@@ -78,6 +84,28 @@ TEST(Reachability, FollowsTheKernelsRoutes) {
   EXPECT_EQ(SCNetworkReachabilityGetFlags("255.255.255.255"), 0U) << "no host";
   const Flags outside = SCNetworkReachabilityGetFlags("https://192.0.2.1/");
   EXPECT_EQ(outside.value() & kSCNetworkReachabilityFlagsReachable, canConnectDatagrams("192.0.2.1") ? 2U : 0U);
+  EXPECT_EQ(SCNetworkReachabilityGetFlags("https://192.0.2.1/", NameLookup::known), outside);
+}
+
+/// What a service manager does that allows a service the families of the Internet alone.
+bool refuseNetlink() {
+  sock_filter rules[] = {
+      {BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},      {BPF_JMP | BPF_JEQ | BPF_K, 0, 3, SYS_socket},
+      {BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, args[0])}, {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, AF_NETLINK},
+      {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | EAFNOSUPPORT},         {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW}};
+  const sock_fprog program{std::size(rules), rules};
+  return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+TEST(Reachability, NeedsNoNetlink) {
+  const char* const names[] = {
+      "0.0.0.0", "255.255.255.255", "https://192.0.2.1/", "[2001:db8::1]", "127.0.0.1", "localhost", "::1", "no..name"};
+  std::vector<std::optional<std::uint32_t>> asked, found;
+  for (const char* name : names) asked.push_back(SCNetworkReachabilityGetFlags(name));
+  if (!refuseNetlink()) GTEST_SKIP() << "no filter of system calls here";
+  ASSERT_EQ(::socket(AF_NETLINK, SOCK_RAW, 0), -1);
+  for (const char* name : names) found.push_back(SCNetworkReachabilityGetFlags(name));
+  EXPECT_EQ(found, asked);
 }
 
 }  // namespace

@@ -47,6 +47,9 @@ class TARVO_API Value {
   const std::string* asString() const { return std::get_if<std::string>(&data_); }
   const Array* asArray() const { return std::get_if<Array>(&data_); }
   const Dictionary* asDictionary() const { return std::get_if<Dictionary>(&data_); }
+  /// To take the content out of a value that is not needed any more.
+  Array* asArray() { return std::get_if<Array>(&data_); }
+  Dictionary* asDictionary() { return std::get_if<Dictionary>(&data_); }
 
   bool operator==(const Value&) const = default;
 

@@ -3,13 +3,16 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <set>
 #include <system_error>
 #include <utility>
 
+#include "platform/foundation/Mutex.h"
 #include "platform/foundation/Text.h"
 
 namespace tarvo::platform {
@@ -24,8 +27,7 @@ class Descriptor {
   ~Descriptor() {
     if (fd_ >= 0) ::close(fd_);
   }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
+  Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
 
   int get() const { return fd_; }
   /// Some file systems report a failed write only here.
@@ -53,6 +55,38 @@ bool flushDirectory(const fs::path& directory) {
 
 fs::path directoryOf(const fs::path& file) { return file.has_parent_path() ? file.parent_path() : fs::path("."); }
 
+constexpr std::string_view kTemporaryPrefix = ".writing-";
+
+/// A new temporary file, locked for as long as it is open: what is not locked belongs to nobody any more.
+/// `name` is the path with six X at its end, which are replaced.
+Descriptor createTemporary(std::string& name) {
+  const std::string pattern = name;
+  for (;;) {
+    name = pattern;
+    Descriptor created(::mkostemp(name.data(), O_CLOEXEC));
+    if (created.get() < 0) return created;
+    // Somebody who clears the directory may have been faster than the lock; then another name is taken. A file system
+    // without locks has nobody who clears.
+    struct stat status {};
+    if (::flock(created.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) continue;
+    if (::fstat(created.get(), &status) != 0 || status.st_nlink > 0) return created;
+  }
+}
+
+/// A process clears each directory once, when it first writes there.
+void clearOnce(const fs::path& directory) {
+  struct Cleared {
+    Mutex mutex;
+    std::set<fs::path> directories GUARDED_BY(mutex);
+  };
+  static auto* cleared = new Cleared;
+  {
+    MutexLock lock(cleared->mutex);
+    if (!cleared->directories.insert(directory).second) return;
+  }
+  removeAbandonedWrites(directory);
+}
+
 }  // namespace
 
 Error posixError(int code, std::string_view what) {
@@ -79,9 +113,12 @@ Result<std::string> readFile(const fs::path& file) {
 }
 
 std::optional<Error> writeFileAtomically(const fs::path& file, std::string_view bytes, bool durable) {
-  std::string temporary = (directoryOf(file) / ".writing-XXXXXX").native();
-  Descriptor descriptor(::mkostemp(temporary.data(), O_CLOEXEC));
+  clearOnce(directoryOf(file));
+  std::string temporary = (directoryOf(file) / concat(kTemporaryPrefix, "XXXXXX")).native();
+  Descriptor descriptor = createTemporary(temporary);
   if (descriptor.get() < 0) return posixError(errno, file.native());
+  // The lock stays until the name is the final one, though the file is closed before.
+  const Descriptor lock(::fcntl(descriptor.get(), F_DUPFD_CLOEXEC, 0));
   // The bytes must be on the disk before the name points to them, or a crash leaves an empty file.
   const bool replaced = writeAll(descriptor.get(), bytes) && (!durable || ::fsync(descriptor.get()) == 0) &&
                         descriptor.close() && ::rename(temporary.c_str(), file.c_str()) == 0;
@@ -94,13 +131,48 @@ std::optional<Error> writeFileAtomically(const fs::path& file, std::string_view 
   return std::nullopt;
 }
 
+Result<std::uint64_t> appendToFile(const fs::path& file, std::string_view bytes) {
+  const int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+  const Descriptor descriptor(::open(file.c_str(), flags, S_IRUSR | S_IWUSR));
+  struct stat before {};
+  if (descriptor.get() < 0 || ::fstat(descriptor.get(), &before) != 0) return posixError(errno, file.native());
+  if (!S_ISREG(before.st_mode)) return posixError(EINVAL, file.native());
+  if (!writeAll(descriptor.get(), bytes)) {
+    const int code = errno;
+    if (::ftruncate(descriptor.get(), before.st_size) != 0) return posixError(errno, file.native());
+    return posixError(code, file.native());
+  }
+  return static_cast<std::uint64_t>(before.st_size) + bytes.size();
+}
+
+std::optional<Error> flushFile(const fs::path& file) {
+  const Descriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  if (descriptor.get() < 0 || ::fsync(descriptor.get()) != 0 || !flushDirectory(directoryOf(file)))
+    return posixError(errno, file.native());
+  return std::nullopt;
+}
+
 std::optional<Error> createPrivateDirectories(const fs::path& directory) {
   std::error_code ignored;
   if (directory.empty() || fs::is_directory(directory, ignored)) return std::nullopt;
   if (auto error = createPrivateDirectories(directory.parent_path())) return error;
+  if (::mkdir(directory.c_str(), S_IRWXU) == 0) return std::nullopt;
+  const int code = errno;
   // Another process may have been faster.
-  if (::mkdir(directory.c_str(), S_IRWXU) == 0 || fs::is_directory(directory, ignored)) return std::nullopt;
-  return posixError(errno, directory.native());
+  if (fs::is_directory(directory, ignored)) return std::nullopt;
+  return posixError(code, directory.native());
+}
+
+void removeAbandonedWrites(const fs::path& directory) {
+  std::error_code error;
+  for (fs::directory_iterator entry(directory, error), end; !error && entry != end; entry.increment(error)) {
+    if (!entry->path().filename().native().starts_with(kTemporaryPrefix)) continue;
+    const Descriptor left(::open(entry->path().c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    struct stat status {};
+    if (left.get() >= 0 && ::fstat(left.get(), &status) == 0 && S_ISREG(status.st_mode) &&
+        ::flock(left.get(), LOCK_EX | LOCK_NB) == 0)
+      ::unlink(entry->path().c_str());
+  }
 }
 
 bool isPlainFileName(std::string_view name) {

@@ -1,11 +1,13 @@
 #include "platform/foundation/Json.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <utility>
 
 #include "platform/foundation/Text.h"
+#include "platform/foundation/Utf8.h"
 
 namespace tarvo::platform {
 namespace {
@@ -50,8 +52,10 @@ class Builder final : public nlohmann::json_sax<nlohmann::json> {
   bool start_array(std::size_t) override { return open(true); }
   bool end_object() override { return put(close().dictionary); }
   bool end_array() override { return put(close().array); }
-  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception& error) override {
-    return refuse(error.what());
+  bool parse_error(std::size_t read, const std::string&, const nlohmann::detail::exception& error) override {
+    const bool outOfRange = dynamic_cast<const nlohmann::json::out_of_range*>(&error) != nullptr;
+    return refuse(concat(outOfRange ? "a number out of range, before byte " : "no valid JSON, at byte ",
+                         outOfRange ? read : read - std::min<std::size_t>(read, 1)));
   }
 
  private:
@@ -100,48 +104,69 @@ class Builder final : public nlohmann::json_sax<nlohmann::json> {
   std::size_t count_ = 0;
 };
 
-/// Appends compact text; throws nlohmann's exception for malformed UTF-8 and answers false for what JSON cannot hold.
-bool write(std::string& out, const Value& value, std::size_t depth);
+/// Why the value cannot stand inside a JSON text, or a null pointer.
+const char* flawOf(const Value& value, std::size_t depth) {
+  if (const std::string* text = value.asString()) return isValidUtf8(*text) ? nullptr : "a text that is not UTF-8";
+  if (value.asArray() == nullptr && value.asDictionary() == nullptr) {
+    const auto number = value.asDouble();
+    return number && !std::isfinite(*number) ? "a number that is not finite" : nullptr;
+  }
+  if (depth == kMaxDepth) return "nested too deep";
+  if (const Array* array = value.asArray()) {
+    for (const Value& item : *array)
+      if (const char* flaw = flawOf(item, depth + 1)) return flaw;
+    return nullptr;
+  }
+  for (const auto& [key, item] : *value.asDictionary()) {
+    if (!isValidUtf8(key)) return "a key that is not UTF-8";
+    if (const char* flaw = flawOf(item, depth + 1)) return flaw;
+  }
+  return nullptr;
+}
 
-void writeText(std::string& out, const std::string& text) { out.append(nlohmann::json(text).dump()); }
+/// Appends compact text of a value without flaw; false once it would be longer than what is read.
+bool write(std::string& out, const Value& value);
 
-bool writeArray(std::string& out, const Array& array, std::size_t depth) {
+bool writeText(std::string& out, const std::string& text) {
+  if (text.size() > kMaxBytes - std::min(out.size(), kMaxBytes)) return false;
+  out.append(nlohmann::json(text).dump());
+  return true;
+}
+
+bool writeArray(std::string& out, const Array& array) {
   char separator = '[';
   for (const Value& item : array) {
     out.push_back(std::exchange(separator, ','));
-    if (!write(out, item, depth)) return false;
+    if (!write(out, item)) return false;
   }
   out.append(array.empty() ? "[]" : "]");
   return true;
 }
 
-bool writeDictionary(std::string& out, const Dictionary& dictionary, std::size_t depth) {
+bool writeDictionary(std::string& out, const Dictionary& dictionary) {
   char separator = '{';
   for (const auto& [key, item] : dictionary) {
     out.push_back(std::exchange(separator, ','));
-    writeText(out, key);
+    if (!writeText(out, key)) return false;
     out.push_back(':');
-    if (!write(out, item, depth)) return false;
+    if (!write(out, item)) return false;
   }
   out.append(dictionary.empty() ? "{}" : "}");
   return true;
 }
 
-bool write(std::string& out, const Value& value, std::size_t depth) {
-  if (const std::string* text = value.asString()) {
-    writeText(out, *text);
-  } else if (const Array* array = value.asArray()) {
-    return depth < kMaxDepth && writeArray(out, *array, depth + 1);
-  } else if (const Dictionary* dictionary = value.asDictionary()) {
-    return depth < kMaxDepth && writeDictionary(out, *dictionary, depth + 1);
-  } else if (value.isNull()) {
-    out.append("null");
-  } else {
-    const auto number = value.asDouble();
-    if (number && !std::isfinite(*number)) return false;
-    out += concat(value);
-  }
-  return true;
+bool write(std::string& out, const Value& value) {
+  if (const std::string* text = value.asString()) return writeText(out, *text);
+  if (const Array* array = value.asArray()) return writeArray(out, *array);
+  if (const Dictionary* dictionary = value.asDictionary()) return writeDictionary(out, *dictionary);
+  out += value.isNull() ? "null" : concat(value);
+  return out.size() <= kMaxBytes;
+}
+
+/// Why the value is no JSON object, or a null pointer.
+const char* flawAtTop(const Value& value) {
+  return value.asArray() == nullptr && value.asDictionary() == nullptr ? "no array or dictionary at the top"
+                                                                       : flawOf(value, 0);
 }
 
 }  // namespace
@@ -153,17 +178,16 @@ Result<Value> parseJson(std::string_view text) {
   return builder.take();
 }
 
-bool isValidJsonObject(const Value& value) { return static_cast<bool>(serializeJson(value)); }
+bool isValidJsonObject(const Value& value) { return flawAtTop(value) == nullptr; }
 
 Result<std::string> serializeJson(const Value& value) {
-  std::string why = "no array or dictionary at the top, a number that is not finite, or nested too deep";
-  try {
+  const char* flaw = flawAtTop(value);
+  if (flaw == nullptr) {
     std::string out;
-    if ((value.asArray() || value.asDictionary()) && write(out, value, 0)) return out;
-  } catch (const nlohmann::json::exception& error) {
-    why = error.what();
+    if (write(out, value) && out.size() <= kMaxBytes) return out;
+    flaw = "too large";
   }
-  return cocoaError(3851, "The data couldn’t be written because it isn’t in the correct format.", why);
+  return cocoaError(3851, "The data couldn’t be written because it isn’t in the correct format.", flaw);
 }
 
 }  // namespace tarvo::platform

@@ -14,10 +14,12 @@ namespace tarvo::platform {
 /// and NaN are errors (Cocoa 3840).
 Result<Value> parseJson(std::string_view text);
 
-/// Whether `serializeJson` can write it: an array or dictionary at the top, finite numbers, valid UTF-8 texts.
+/// An array or dictionary at the top, finite numbers, UTF-8 texts, at most 512 deep. Looks at the value alone: no text
+/// is made of it.
 bool isValidJsonObject(const Value& value);
 
-/// Compact text, keys ascending, doubles in the fewest digits; an error for what is not a valid JSON object.
+/// Compact text, keys ascending, doubles in the fewest digits; an error (Cocoa 3851) for what is not a valid JSON
+/// object or longer than what `parseJson` takes.
 Result<std::string> serializeJson(const Value& value);
 
 }  // namespace tarvo::platform

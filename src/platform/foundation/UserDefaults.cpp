@@ -40,6 +40,7 @@ struct UserDefaults::State {
 
   Mutex writing;
   bool written GUARDED_BY(writing) = true;
+  bool cleared GUARDED_BY(writing) = false;
   Mutex mutex;
   Dictionary values GUARDED_BY(mutex);
 };
@@ -62,6 +63,8 @@ void UserDefaults::State::load() {
 
 std::string UserDefaults::State::change(std::string_view key, std::optional<Value> value) {
   MutexLock writeLock(writing);
+  // They hold credentials. By the first change, for a process that only reads removes nothing.
+  if (!std::exchange(cleared, true)) removeAbandonedWrites(file.parent_path());
   Dictionary snapshot;
   {
     MutexLock lock(mutex);

@@ -1,5 +1,6 @@
 #include "platform/urlsession/BackgroundSession.h"
 
+#include <atomic>
 #include <deque>
 #include <map>
 #include <set>
@@ -35,6 +36,13 @@ Registry& registry() {
   return *registry;
 }
 
+/// The process that takes a task up may stand in another directory.
+std::filesystem::path absolutePath(std::filesystem::path file) {
+  std::error_code error;
+  auto absolute = std::filesystem::absolute(file, error);
+  return error ? file : absolute;
+}
+
 }  // namespace
 
 /// An upload that is to run, counted as activity until its delegate calls are over.
@@ -53,9 +61,12 @@ struct BackgroundSession::State {
   std::map<std::int64_t, URLSessionUploadTask> tasks GUARDED_BY(mutex);  ///< resumed and not ended, restored ones too
   std::vector<TransferRecord> restored GUARDED_BY(mutex);                ///< until `deliverEvents`
   std::set<std::int64_t> suspended GUARDED_BY(mutex);
+  std::multiset<std::filesystem::path> files GUARDED_BY(mutex);  ///< of the tasks above, resumed or not
   std::int64_t lastIdentifier GUARDED_BY(mutex) = 0;
   std::deque<Job> waiting GUARDED_BY(mutex);
   int running GUARDED_BY(mutex) = 0;
+
+  std::atomic<bool> isToBeFlushed = false;  ///< a block that flushes the journal waits
 };
 
 std::shared_ptr<BackgroundSession> BackgroundSession::open(const BackgroundSessionConfiguration& configuration,
@@ -87,7 +98,10 @@ void BackgroundSession::openJournal() {
   if (state_->journal) return;
   state_->journal.emplace(homeDirectory() / "Library" / "Transfers", configuration_.identifier);
   state_->restored = state_->journal->takeRestored();
-  for (const TransferRecord& record : state_->restored) state_->tasks.emplace(record.task.taskIdentifier, record.task);
+  for (const TransferRecord& record : state_->restored) {
+    state_->tasks.emplace(record.task.taskIdentifier, record.task);
+    state_->files.insert(record.task.file);
+  }
 }
 
 void BackgroundSession::deliverEvents() {
@@ -108,15 +122,14 @@ void BackgroundSession::deliverEvents() {
 
 URLSessionUploadTask BackgroundSession::uploadTask(URLRequest request, std::filesystem::path file) {
   request.httpBody.reset();
-  // The process that takes it up may stand in another directory.
-  std::error_code error;
-  if (auto absolute = std::filesystem::absolute(file, error); !error) file = std::move(absolute);
+  file = absolutePath(std::move(file));
   openJournal();  // which names are taken
   MutexLock lock(state_->mutex);
   do {
     ++state_->lastIdentifier;
   } while (state_->tasks.contains(state_->lastIdentifier));
   state_->suspended.insert(state_->lastIdentifier);
+  state_->files.insert(file);
   return {state_->lastIdentifier, std::move(request), std::move(file)};
 }
 
@@ -127,8 +140,20 @@ void BackgroundSession::resume(const URLSessionUploadTask& task) {
     if (state_->suspended.erase(task.taskIdentifier) == 0) return;
     state_->tasks.emplace(task.taskIdentifier, task);
   }
-  state_->journal->put({task, {}});
+  state_->journal->putResumed(task);
+  if (!state_->isToBeFlushed.exchange(true)) {
+    state_->queue.async([self = shared_from_this()] {
+      self->state_->isToBeFlushed = false;
+      self->state_->journal->flush();
+    });
+  }
   start(std::move(job));
+}
+
+bool BackgroundSession::hasTaskFor(const std::filesystem::path& file) {
+  openJournal();
+  MutexLock lock(state_->mutex);
+  return state_->files.contains(absolutePath(file));
 }
 
 void BackgroundSession::getAllTasks(std::function<void(std::vector<URLSessionUploadTask>)> completion) {
@@ -177,7 +202,7 @@ void BackgroundSession::startWaiting() {
       TransferRecord record{job.task, TransferOutcome{{}, std::move(data), std::move(error)}};
       if (response) record.outcome->statusCode = response->statusCode;
       // First, so that a reply which the delegate may have seen is never asked for again.
-      self->state_->journal->put(record);
+      self->state_->journal->putEnded(record.task.taskIdentifier, *record.outcome);
       {
         MutexLock lock(self->state_->mutex);
         --self->state_->running;
@@ -197,6 +222,7 @@ void BackgroundSession::deliver(const URLSessionUploadTask& task, const Transfer
   {
     MutexLock lock(state_->mutex);
     state_->tasks.erase(task.taskIdentifier);
+    if (const auto file = state_->files.find(task.file); file != state_->files.end()) state_->files.erase(file);
     wasLast = state_->tasks.empty();
   }
   if (wasLast) delegate_.urlSessionDidFinishEvents(*this);

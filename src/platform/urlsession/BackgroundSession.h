@@ -63,9 +63,11 @@ class BackgroundSession : public std::enable_shared_from_this<BackgroundSession>
 
   /// A suspended upload, whose body is the file alone. Nothing of it is kept before `resume`.
   URLSessionUploadTask uploadTask(URLRequest request, std::filesystem::path file);
+  /// Whether there is a task for the file, of this process or an earlier one, that has not ended.
+  bool hasTaskFor(const std::filesystem::path& file);
   /// Journals the task and starts it. The file is opened, and its length taken, when the transfer begins; a file that
   /// cannot be read ends the task with an error, as does a failed transfer; none is repeated. Resuming a task twice
-  /// does nothing. Waits for the disk.
+  /// does nothing. A task survives a kill of the process from here on, and a power cut moments later.
   void resume(const URLSessionUploadTask& task);
 
   /// Hands over the tasks that have not ended, on the session's queue.

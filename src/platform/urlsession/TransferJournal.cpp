@@ -23,6 +23,8 @@ namespace fs = std::filesystem;
 /// Room for several of the largest replies; a file without end must not fill the memory.
 constexpr std::uintmax_t kMostBytes = std::uintmax_t{256} << 20;
 constexpr std::size_t kMostTasks = 10'000;
+/// Lines of what is over that may lie in the file besides as many as are needed.
+constexpr std::size_t kMostIdleBytes = 64 * 1024;
 
 }  // namespace
 
@@ -48,6 +50,7 @@ TransferJournal::TransferJournal(const fs::path& directory, std::string identifi
     return;
   }
   if (!lockFile(directory / (fileNameOf(identifier_) + ".lock"))) return;
+  removeAbandonedWrites(directory);
   MutexLock lock(mutex_);
   read();
 }
@@ -94,53 +97,122 @@ void TransferJournal::read() {
     bytes = std::move(*content);
   }
 
-  std::map<std::int64_t, TransferRecord> records;
   std::string_view rest = bytes;
-  for (std::size_t end; (end = rest.find('\n')) != rest.npos; rest.remove_prefix(end + 1)) {
-    const std::string_view line = rest.substr(0, end);
-    auto record = records.size() < kMostTasks ? decode(line) : std::nullopt;
-    const std::int64_t identifier = record ? record->task.taskIdentifier : 0;
-    const bool isFirst = record && !records.contains(identifier);
-    dropped |= !isFirst;
-    // Of two for the same task the one that has ended counts, or it would be sent again.
-    if (!isFirst && !(record && record->outcome && !records.at(identifier).outcome)) continue;
-    records.insert_or_assign(identifier, std::move(*record));
-    lines_.insert_or_assign(identifier, std::string(line));
-  }
-  for (auto& [identifier, record] : records) restored_.push_back(std::move(record));
-  if (!dropped && rest.empty()) return;
-  NSLog(concat("Background session ", identifier_, ": damaged lines of its journal are dropped: ", file_.native()));
-  write();
+  for (std::size_t end; (end = rest.find('\n')) != rest.npos; rest.remove_prefix(end + 1))
+    dropped |= !apply(rest.substr(0, end));
+  dropped |= !rest.empty();
+  if (dropped)
+    NSLog(concat("Background session ", identifier_, ": damaged lines of its journal are dropped: ", file_.native()));
+  fileBytes_ = bytes.size();
+  if (dropped || fileBytes_ != liveBytes_) rewrite();
 }
 
-void TransferJournal::write() {
+bool TransferJournal::apply(std::string_view line) {
+  auto note = decode(line);
+  if (!note) return false;
+  const std::int64_t identifier = note->taskIdentifier;
+  const auto known = restored_.find(identifier);
+  const bool isKnown = known != restored_.end();
+  if (!note->task && !note->outcome) {
+    forget(identifier);
+    restored_.erase(identifier);
+    return true;
+  }
+  if (!note->task) {
+    if (!isKnown || known->second.outcome) return false;
+    known->second.outcome = std::move(note->outcome);
+    lines_[identifier].ended = line;
+    liveBytes_ += line.size() + 1;
+    return true;
+  }
+  // Of two for the same task the one that has ended counts, or it would be sent again.
+  const bool counts = isKnown ? note->outcome && !known->second.outcome : restored_.size() < kMostTasks;
+  if (!counts) return false;
+  forget(identifier);
+  restored_.insert_or_assign(identifier, TransferRecord{std::move(*note->task), std::move(note->outcome)});
+  lines_[identifier].resumed = line;
+  liveBytes_ += line.size() + 1;
+  return !isKnown;
+}
+
+void TransferJournal::forget(std::int64_t taskIdentifier) {
+  const auto found = lines_.find(taskIdentifier);
+  if (found == lines_.end()) return;
+  const Lines& lines = found->second;
+  liveBytes_ -= lines.resumed.size() + 1 + (lines.ended.empty() ? 0 : lines.ended.size() + 1);
+  lines_.erase(found);
+}
+
+void TransferJournal::rewrite() {
   std::optional<Error> error;
   if (lines_.empty()) {
     if (::unlink(file_.c_str()) != 0 && errno != ENOENT) error = posixError(errno, file_.native());
   } else {
     std::string bytes;
-    for (const auto& [identifier, line] : lines_) bytes.append(line).push_back('\n');
+    bytes.reserve(liveBytes_);
+    for (const auto& [identifier, lines] : lines_) {
+      bytes.append(lines.resumed).push_back('\n');
+      if (!lines.ended.empty()) bytes.append(lines.ended).push_back('\n');
+    }
     error = writeFileAtomically(file_, bytes, true);
   }
+  if (!error) fileBytes_ = liveBytes_;
+  noteWriting(error);
+}
+
+void TransferJournal::add(std::string_view line) {
+  auto size = appendToFile(file_, concat(line, "\n"));
+  if (!size) return noteWriting(size.error());
+  fileBytes_ += line.size() + 1;
+  // What could not be written before is missing, and so is everything when somebody has removed the file.
+  if (failing_ || *size != fileBytes_ || fileBytes_ > 2 * liveBytes_ + kMostIdleBytes) rewrite();
+}
+
+void TransferJournal::noteWriting(const std::optional<Error>& error) {
   if (std::exchange(failing_, error.has_value()) || !error) return;
   tell(error->localizedDescription);
 }
 
-void TransferJournal::put(const TransferRecord& record) {
+void TransferJournal::putResumed(const URLSessionUploadTask& task) {
   MutexLock lock(mutex_);
   if (lock_ < 0) return;
-  lines_.insert_or_assign(record.task.taskIdentifier, encode(record));
-  write();
+  forget(task.taskIdentifier);
+  std::string& line = lines_[task.taskIdentifier].resumed = encodeResumed(task);
+  liveBytes_ += line.size() + 1;
+  add(line);
+}
+
+void TransferJournal::putEnded(std::int64_t taskIdentifier, const TransferOutcome& outcome) {
+  MutexLock lock(mutex_);
+  const auto found = lines_.find(taskIdentifier);
+  if (found == lines_.end() || !found->second.ended.empty()) return;
+  std::string& line = found->second.ended = encodeEnded(taskIdentifier, outcome);
+  liveBytes_ += line.size() + 1;
+  add(line);
 }
 
 void TransferJournal::remove(std::int64_t taskIdentifier) {
   MutexLock lock(mutex_);
-  if (lock_ >= 0 && lines_.erase(taskIdentifier) > 0) write();
+  if (!lines_.contains(taskIdentifier)) return;
+  forget(taskIdentifier);
+  if (lines_.empty()) return rewrite();
+  add(encodeOver(taskIdentifier));
+}
+
+void TransferJournal::flush() {
+  if (lock_ < 0) return;
+  const auto error = flushFile(file_);
+  // Without a file nothing is under way any more.
+  if (!error || error->code == ENOENT) return;
+  MutexLock lock(mutex_);
+  noteWriting(error);
 }
 
 std::vector<TransferRecord> TransferJournal::takeRestored() {
   MutexLock lock(mutex_);
-  return std::exchange(restored_, {});
+  std::vector<TransferRecord> records;
+  for (auto& [identifier, record] : std::exchange(restored_, {})) records.push_back(std::move(record));
+  return records;
 }
 
 }  // namespace tarvo::platform

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,9 +13,10 @@
 
 namespace tarvo::platform {
 
-/// The unfinished uploads of one background session on disk: `<identifier>.jsonl`, a line for each, replaced as a
-/// whole. `<identifier>.lock` is held for as long as the object lives: of several processes only the first has the
-/// journal, the others go without.
+/// The unfinished uploads of one background session on disk: `<identifier>.jsonl`, to which a line is added for each
+/// change; it is written anew without what is over when that is most of it, and removed when nothing is left.
+/// `<identifier>.lock` is held for as long as the object lives: of several processes only the first has the journal,
+/// the others go without.
 ///
 /// Threads: any. Errors: what cannot be read or written is told in the system log, and the session goes on.
 class TransferJournal {
@@ -27,14 +29,31 @@ class TransferJournal {
   /// What an earlier process left, by task identifier. The first call takes it, later ones find nothing.
   std::vector<TransferRecord> takeRestored();
 
-  /// On disk when it returns. Replaces the record of the same task.
-  void put(const TransferRecord& record);
+  // Each survives a kill of the process when it returns. What a power cut takes, unless `flush` came after it, is an
+  // upload that was resumed, or the knowledge that one has ended: then it is sent again.
+
+  void putResumed(const URLSessionUploadTask& task);
+  void putEnded(std::int64_t taskIdentifier, const TransferOutcome& outcome);
   void remove(std::int64_t taskIdentifier);
 
+  /// Waits until all that was put is on the disk.
+  void flush();
+
  private:
+  /// The lines that say all of one task.
+  struct Lines {
+    std::string resumed;
+    std::string ended;  ///< empty until then, and when the first says it too
+  };
+
   bool lockFile(const std::filesystem::path& file);
   void read() REQUIRES(mutex_);
-  void write() REQUIRES(mutex_);
+  /// Takes in what a line says; false if it says nothing that counts.
+  bool apply(std::string_view line) REQUIRES(mutex_);
+  void forget(std::int64_t taskIdentifier) REQUIRES(mutex_);
+  void add(std::string_view line) REQUIRES(mutex_);
+  void rewrite() REQUIRES(mutex_);
+  void noteWriting(const std::optional<Error>& error) REQUIRES(mutex_);
   void tell(std::string_view what) const;
 
   const std::string identifier_;
@@ -42,8 +61,10 @@ class TransferJournal {
   int lock_ = -1;  ///< held while the journal is in use, else -1
 
   Mutex mutex_;
-  std::map<std::int64_t, std::string> lines_ GUARDED_BY(mutex_);
-  std::vector<TransferRecord> restored_ GUARDED_BY(mutex_);
+  std::map<std::int64_t, Lines> lines_ GUARDED_BY(mutex_);
+  std::size_t liveBytes_ GUARDED_BY(mutex_) = 0;  ///< of all lines_, their ends included
+  std::size_t fileBytes_ GUARDED_BY(mutex_) = 0;
+  std::map<std::int64_t, TransferRecord> restored_ GUARDED_BY(mutex_);
   bool failing_ GUARDED_BY(mutex_) = false;  ///< the last write failed, and that has been told
 };
 

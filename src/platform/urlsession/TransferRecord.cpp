@@ -6,6 +6,7 @@
 
 #include "platform/foundation/Base64.h"
 #include "platform/foundation/Json.h"
+#include "platform/foundation/Utf8.h"
 
 namespace tarvo::platform {
 namespace {
@@ -15,7 +16,7 @@ constexpr double kLongestTimeout = 7 * 86400;
 
 /// A text as JSON can hold it: itself, or what stands for its bytes.
 Value portable(const std::string& text) {
-  if (isValidJsonObject(Array{text})) return text;
+  if (isValidUtf8(text)) return text;
   return Dictionary{{"base64", base64Encode(text)}};
 }
 
@@ -117,8 +118,8 @@ std::optional<URLRequest> decodeRequest(const Dictionary& fields) {
 
 }  // namespace
 
-std::string encode(const TransferRecord& record) {
-  const URLRequest& request = record.task.originalRequest;
+std::string encodeResumed(const URLSessionUploadTask& task) {
+  const URLRequest& request = task.originalRequest;
   Array headers;
   for (const auto& [name, value] : request.headers) {
     Array pair;
@@ -127,31 +128,40 @@ std::string encode(const TransferRecord& record) {
     headers.push_back(std::move(pair));
   }
   const double timeout = request.timeoutInterval.count();
-  Dictionary fields{{"identifier", record.task.taskIdentifier},
-                    {"file", portable(record.task.file.native())},
-                    {"url", portable(request.url)},
-                    {"method", portable(request.httpMethod)},
-                    {"headers", std::move(headers)},
-                    {"timeout", timeout > 0 ? std::min(timeout, kLongestTimeout) : 0.0},
-                    {"service", request.networkServiceType}};
-  if (record.outcome) fields["outcome"] = encodeOutcome(*record.outcome);
+  Dictionary fields{
+      {"identifier", task.taskIdentifier},    {"file", portable(task.file.native())},
+      {"url", portable(request.url)},         {"method", portable(request.httpMethod)},
+      {"headers", std::move(headers)},        {"timeout", timeout > 0 ? std::min(timeout, kLongestTimeout) : 0.0},
+      {"service", request.networkServiceType}};
   return serializeJson(std::move(fields)).value();
 }
 
-std::optional<TransferRecord> decode(std::string_view line) {
+std::string encodeEnded(std::int64_t taskIdentifier, const TransferOutcome& outcome) {
+  return serializeJson(Dictionary{{"identifier", taskIdentifier}, {"outcome", encodeOutcome(outcome)}}).value();
+}
+
+std::string encodeOver(std::int64_t taskIdentifier) {
+  return serializeJson(Dictionary{{"identifier", taskIdentifier}, {"over", true}}).value();
+}
+
+std::optional<TransferNote> decode(std::string_view line) {
   auto parsed = parseJson(line);
   const Dictionary* fields = parsed ? parsed->asDictionary() : nullptr;
-  if (!fields) return std::nullopt;
-  const auto identifier = integerUnder(*fields, "identifier");
+  const auto identifier = fields ? integerUnder(*fields, "identifier") : std::nullopt;
+  if (!identifier) return std::nullopt;
+  TransferNote note{*identifier, {}, {}};
+  if (const Value* over = find(*fields, "over")) return over->asBool() == true ? std::optional(note) : std::nullopt;
+  const Value* outcome = find(*fields, "outcome");
+  if (outcome != nullptr) {
+    note.outcome = decodeOutcome(*outcome);
+    if (!note.outcome) return std::nullopt;
+  }
+  if (outcome != nullptr && find(*fields, "file") == nullptr) return note;
   auto file = textUnder(*fields, "file");
   auto request = decodeRequest(*fields);
-  if (!identifier || !file || !request) return std::nullopt;
-  TransferRecord record{{*identifier, std::move(*request), std::move(*file)}, {}};
-  if (const Value* outcome = find(*fields, "outcome")) {
-    record.outcome = decodeOutcome(*outcome);
-    if (!record.outcome) return std::nullopt;
-  }
-  return record;
+  if (!file || !request) return std::nullopt;
+  note.task = URLSessionUploadTask{*identifier, std::move(*request), std::move(*file)};
+  return note;
 }
 
 }  // namespace tarvo::platform

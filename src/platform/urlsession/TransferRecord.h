@@ -21,9 +21,20 @@ struct TransferRecord {
   std::optional<TransferOutcome> outcome;
 };
 
-/// One line of JSON, without its end. Texts that are not UTF-8 survive.
-std::string encode(const TransferRecord& record);
-/// The record of such a line; absent when anything in it is missing or of a wrong type.
-std::optional<TransferRecord> decode(std::string_view line);
+/// What a line of a journal says of one task: that it was resumed (the task, perhaps with its outcome), how it has
+/// ended (the outcome alone), or that all is over (neither).
+struct TransferNote {
+  std::int64_t taskIdentifier = 0;
+  std::optional<URLSessionUploadTask> task;
+  std::optional<TransferOutcome> outcome;
+};
+
+// One line of JSON each, without its end. Texts that are not UTF-8 survive.
+
+std::string encodeResumed(const URLSessionUploadTask& task);
+std::string encodeEnded(std::int64_t taskIdentifier, const TransferOutcome& outcome);
+std::string encodeOver(std::int64_t taskIdentifier);
+/// What such a line says; absent when anything in it is missing or of a wrong type.
+std::optional<TransferNote> decode(std::string_view line);
 
 }  // namespace tarvo::platform

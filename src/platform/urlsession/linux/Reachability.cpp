@@ -11,9 +11,11 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <memory>
+#include <map>
 #include <string>
+#include <vector>
 
+#include "platform/foundation/Mutex.h"
 #include "platform/urlsession/URLRequest.h"
 
 namespace tarvo::platform {
@@ -33,28 +35,81 @@ class Socket {
   int fd_;
 };
 
-struct Route {
-  unsigned char type = RTN_UNREACHABLE;
-  int interface = 0;
+/// An IPv4 or IPv6 address in the form that the system's calls take.
+class Address {
+ public:
+  Address() = default;
+  explicit Address(const sockaddr& address) {
+    std::memcpy(&bytes_, &address, address.sa_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in));
+  }
+
+  sockaddr* get() { return static_cast<sockaddr*>(static_cast<void*>(&bytes_)); }
+  const sockaddr* get() const { return static_cast<const sockaddr*>(static_cast<const void*>(&bytes_)); }
+  bool isV6() const { return bytes_.ss_family == AF_INET6; }
+  socklen_t length() const { return isV6() ? sizeof(sockaddr_in6) : sizeof(sockaddr_in); }
+  void setPort(std::uint16_t port) {
+    const auto inNetworkOrder = htons(port);
+    static_assert(offsetof(sockaddr_in, sin_port) == offsetof(sockaddr_in6, sin6_port));
+    std::memcpy(static_cast<char*>(static_cast<void*>(&bytes_)) + offsetof(sockaddr_in, sin_port), &inNetworkOrder,
+                sizeof inNetworkOrder);
+  }
+  /// The address alone, without family and port: 4 or 16 bytes.
+  std::string_view number() const {
+    const auto* const bytes = static_cast<const char*>(static_cast<const void*>(&bytes_));
+    return isV6() ? std::string_view(bytes + offsetof(sockaddr_in6, sin6_addr), sizeof(in6_addr))
+                  : std::string_view(bytes + offsetof(sockaddr_in, sin_addr), sizeof(in_addr));
+  }
+
+ private:
+  sockaddr_storage bytes_{};
 };
 
-/// Asks the kernel which way a packet to `address` would take; unreachable when there is none or no answer.
-Route routeTo(const sockaddr& address) {
+struct Route {
+  unsigned char type = RTN_UNREACHABLE;
+  int interface = 0;  ///< 0: not known
+};
+
+/// The interface that has an IPv4 address; 0 when none is found. Without netlink nobody tells those of IPv6 ones.
+int interfaceOf(int socket, const Address& local) {
+  std::array<ifreq, 64> interfaces{};
+  ifconf list{};
+  list.ifc_len = static_cast<int>(sizeof interfaces);
+  list.ifc_req = interfaces.data();
+  if (local.isV6() || ::ioctl(socket, SIOCGIFCONF, &list) != 0) return 0;
+  for (std::size_t i = 0; i < static_cast<std::size_t>(list.ifc_len) / sizeof(ifreq); ++i)
+    if (interfaces[i].ifr_addr.sa_family == AF_INET && Address(interfaces[i].ifr_addr).number() == local.number())
+      return static_cast<int>(if_nametoindex(interfaces[i].ifr_name));
+  return 0;
+}
+
+/// The way as a datagram socket finds it, where a sandbox refuses to be asked about routes: connecting one looks for
+/// the route, and sends nothing.
+Route routeOfDatagramsTo(const Address& address) {
+  const Socket datagrams(address.get()->sa_family, SOCK_DGRAM, 0);
+  Address local, peer = address;
+  peer.setPort(9);
+  if (::connect(datagrams.fd(), peer.get(), peer.length()) != 0) return {};
+  socklen_t localLength = sizeof(sockaddr_storage), peerLength = localLength;
+  if (::getsockname(datagrams.fd(), local.get(), &localLength) != 0 ||
+      ::getpeername(datagrams.fd(), peer.get(), &peerLength) != 0)
+    return {};
+  if (local.number() == peer.number()) return {RTN_LOCAL, 0};
+  return {RTN_UNICAST, interfaceOf(datagrams.fd(), local)};
+}
+
+/// Asks the kernel which way a packet to `address` would take; unreachable when there is none.
+Route routeTo(const Address& address) {
   struct {
     nlmsghdr header;
     rtmsg message;
     rtattr attribute;
     std::array<unsigned char, sizeof(in6_addr)> destination;
   } request{};
-  const bool v6 = address.sa_family == AF_INET6;
-  const std::size_t size = v6 ? sizeof(in6_addr) : sizeof(in_addr);
-  std::array<unsigned char, sizeof(sockaddr_in6)> raw{};
-  std::memcpy(raw.data(), &address, v6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in));
-  std::memcpy(request.destination.data(),
-              raw.data() + (v6 ? offsetof(sockaddr_in6, sin6_addr) : offsetof(sockaddr_in, sin_addr)), size);
+  const std::size_t size = address.number().size();
+  std::memcpy(request.destination.data(), address.number().data(), size);
   request.attribute.rta_type = RTA_DST;
   request.attribute.rta_len = static_cast<unsigned short>(RTA_LENGTH(size));
-  request.message.rtm_family = static_cast<unsigned char>(address.sa_family);
+  request.message.rtm_family = static_cast<unsigned char>(address.get()->sa_family);
   request.message.rtm_dst_len = static_cast<unsigned char>(size * 8);
   request.header.nlmsg_type = RTM_GETROUTE;
   request.header.nlmsg_flags = NLM_F_REQUEST;
@@ -62,9 +117,9 @@ Route routeTo(const sockaddr& address) {
 
   const Socket netlink(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE);
   alignas(nlmsghdr) std::array<char, 8192> buffer;
-  if (::send(netlink.fd(), &request, request.header.nlmsg_len, 0) < 0) return {};
+  if (::send(netlink.fd(), &request, request.header.nlmsg_len, 0) < 0) return routeOfDatagramsTo(address);
   const ssize_t length = ::recv(netlink.fd(), buffer.data(), buffer.size(), 0);
-  if (length < static_cast<ssize_t>(NLMSG_LENGTH(sizeof(rtmsg)))) return {};
+  if (length < static_cast<ssize_t>(NLMSG_LENGTH(sizeof(rtmsg)))) return routeOfDatagramsTo(address);
   nlmsghdr header;
   std::memcpy(&header, buffer.data(), sizeof header);
   if (header.nlmsg_type != RTM_NEWROUTE) return {};
@@ -91,6 +146,7 @@ bool isCellular(std::string_view interface) {
 std::uint32_t flagsOf(const Route& route) {
   if (route.type == RTN_LOCAL) return kSCNetworkReachabilityFlagsReachable | kSCNetworkReachabilityFlagsIsLocalAddress;
   if (route.type != RTN_UNICAST) return 0;
+  if (route.interface == 0) return kSCNetworkReachabilityFlagsReachable;
   ifreq query{};
   if (if_indextoname(static_cast<unsigned>(route.interface), query.ifr_name) == nullptr) return 0;
   const Socket any(AF_INET, SOCK_DGRAM, 0);
@@ -99,23 +155,57 @@ std::uint32_t flagsOf(const Route& route) {
   return kSCNetworkReachabilityFlagsReachable | (isCellular(query.ifr_name) ? kSCNetworkReachabilityFlagsIsWWAN : 0);
 }
 
+using Addresses = std::vector<Address>;
+
+/// A program asks for a few names at most.
+constexpr std::size_t kMostNames = 64;
+
+/// What the resolver has said of each name, the latest answer only.
+struct Answers {
+  Mutex mutex;
+  std::map<std::string, Addresses, std::less<>> byName GUARDED_BY(mutex);
+};
+
+Answers& answers() {
+  static auto* answers = new Answers;
+  return *answers;
+}
+
+Addresses lookUp(const std::string& host, int flags) {
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = flags;
+  addrinfo* found = nullptr;
+  if (::getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0) found = nullptr;
+  Addresses addresses;
+  for (const addrinfo* each = found; each != nullptr; each = each->ai_next)
+    if (each->ai_family == AF_INET || each->ai_family == AF_INET6) addresses.emplace_back(*each->ai_addr);
+  if (found != nullptr) ::freeaddrinfo(found);
+  return addresses;
+}
+
+Addresses addressesOf(const std::string& host, NameLookup lookup) {
+  if (auto written = lookUp(host, AI_NUMERICHOST); !written.empty()) return written;
+  std::optional<Addresses> asked;
+  if (lookup == NameLookup::ask) asked = lookUp(host, 0);
+  MutexLock lock(answers().mutex);
+  auto& byName = answers().byName;
+  if (asked && byName.size() == kMostNames) byName.clear();
+  if (asked) byName[host] = *asked;
+  const auto found = byName.find(host);
+  return found == byName.end() ? Addresses() : found->second;
+}
+
 }  // namespace
 
-std::optional<std::uint32_t> SCNetworkReachabilityGetFlags(std::string_view name) {
+std::optional<std::uint32_t> SCNetworkReachabilityGetFlags(std::string_view name, NameLookup lookup) {
   const std::string host = hostOf(name);
   const auto isUnusable = [](unsigned char c) { return c <= ' ' || c == 0x7f; };
   if (host.empty() || std::any_of(host.begin(), host.end(), isUnusable)) return std::nullopt;
   if (isLoopbackHost(host)) return kSCNetworkReachabilityFlagsReachable | kSCNetworkReachabilityFlagsIsLocalAddress;
 
-  addrinfo hints{};
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* found = nullptr;
-  if (::getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0) return 0;
-  const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> addresses(found, &::freeaddrinfo);
-  for (const addrinfo* address = found; address != nullptr; address = address->ai_next) {
-    if (address->ai_family != AF_INET && address->ai_family != AF_INET6) continue;
-    if (const auto flags = flagsOf(routeTo(*address->ai_addr)); flags != 0) return flags;
-  }
+  for (const Address& address : addressesOf(host, lookup))
+    if (const auto flags = flagsOf(routeTo(address)); flags != 0) return flags;
   return 0;
 }
 

@@ -1,9 +1,9 @@
-#include "log/Utf8.h"
+#include "platform/foundation/Utf8.h"
 
 #include <cstdint>
 #include <cstring>
 
-namespace tarvo {
+namespace tarvo::platform {
 
 bool isValidUtf8(std::string_view bytes) {
   std::size_t i = 0;
@@ -45,4 +45,4 @@ bool isValidUtf8(std::string_view bytes) {
   return true;
 }
 
-}  // namespace tarvo
+}  // namespace tarvo::platform
