@@ -38,9 +38,9 @@ std::optional<Relaunch> Relaunch::take() {
   const char* const home = std::getenv(kHomeVariable);
   ::unsetenv(kVariable);
   try {
-    return Relaunch{json.at("events"),     json.at("fixes"),   json.at("delivered"),    json.at("batches"),
-                    json.at("seconds"),    json.at("battery"), json.at("batteryLevel"), home != nullptr ? home : "",
-                    json.at("sandboxPort")};
+    return Relaunch{json.at("events"),           json.at("fixes"),      json.at("delivered"), json.at("batches"),
+                    json.at("unsaved"),          json.at("seconds"),    json.at("battery"),   json.at("batteryLevel"),
+                    home != nullptr ? home : "", json.at("sandboxPort")};
   } catch (const nlohmann::json::exception&) {
     throw Failure{kUsage, std::string(kVariable) + " is set by the program alone"};
   }
@@ -48,8 +48,9 @@ std::optional<Relaunch> Relaunch::take() {
 
 void Relaunch::launch() const {
   const nlohmann::json json = {
-      {"events", events},   {"fixes", fixes},     {"delivered", delivered},       {"batches", batches},
-      {"seconds", seconds}, {"battery", battery}, {"batteryLevel", batteryLevel}, {"sandboxPort", sandboxPort}};
+      {"events", events},          {"fixes", fixes},     {"delivered", delivered}, {"batches", batches},
+      {"unsaved", unsaved},        {"seconds", seconds}, {"battery", battery},     {"batteryLevel", batteryLevel},
+      {"sandboxPort", sandboxPort}};
   std::vector<std::string> arguments = commandLine();
   // Not through setenv: other threads may be reading the environment.
   std::vector<std::string> variables = {concatenated(kVariable, json.dump()), concatenated(kHomeVariable, home)};

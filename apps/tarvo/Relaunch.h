@@ -12,8 +12,9 @@ struct Relaunch {
   std::size_t events = 0;  ///< of the script, that have happened
   std::size_t fixes = 0;   ///< of the trace, that were played
   std::uint64_t delivered = 0, batches = 0;
-  double seconds = 0;  ///< real time so far
-  int battery = 1;     ///< state and level
+  std::int64_t unsaved = 0;  ///< positions that were lost with earlier processes
+  double seconds = 0;        ///< real time so far
+  int battery = 1;           ///< state and level
   double batteryLevel = 1;
   std::string home;
   int sandboxPort = 0;  ///< 0: no sandbox

@@ -162,7 +162,9 @@ bool Session::relaunches(platform::GpxSource& source, const std::vector<ScriptEv
 
 void Session::count(const Progress& progress) {
   done_.delivered = listener_->delivered + (before_ ? before_->delivered : 0);
-  done_.batches = engine().syncStatus().batchesPosted + (before_ ? before_->batches : 0);
+  const LocationManager::SyncStatus sync = engine().syncStatus();
+  done_.batches = sync.batchesPosted + (before_ ? before_->batches : 0);
+  done_.unsaved = sync.unsaved + (before_ ? before_->unsaved : 0);
   done_.battery = static_cast<int>(UIDevice::current().batteryState());
   done_.batteryLevel = UIDevice::current().batteryLevel();
   done_.seconds = progress.seconds() + (before_ ? before_->seconds : 0);
@@ -201,10 +203,15 @@ int Session::summarize(sandbox::Backend* sandbox) const {
   const std::int64_t left = sync.unsent + sync.awaiting;
   if (options_.json) {
     const nlohmann::ordered_json summary = {
-        {"fixes", done_.fixes},      {"delivered", done_.delivered},
-        {"stored", sync.stored},     {"unsent", sync.unsent},
-        {"awaiting", sync.awaiting}, {"acknowledged", sync.acknowledged},
-        {"batches", done_.batches},  {"uuid", user ? nlohmann::ordered_json(*user) : nlohmann::ordered_json(nullptr)},
+        {"fixes", done_.fixes},
+        {"delivered", done_.delivered},
+        {"stored", sync.stored},
+        {"unsent", sync.unsent},
+        {"awaiting", sync.awaiting},
+        {"acknowledged", sync.acknowledged},
+        {"unsaved", done_.unsaved},
+        {"batches", done_.batches},
+        {"uuid", user ? nlohmann::ordered_json(*user) : nlohmann::ordered_json(nullptr)},
         {"seconds", done_.seconds},
     };
     std::cout << summary.dump() << std::endl;
@@ -216,6 +223,7 @@ int Session::summarize(sandbox::Backend* sandbox) const {
               << "unsent        " << sync.unsent << "\n"
               << "awaiting      " << sync.awaiting << "\n"
               << "acknowledged  " << sync.acknowledged << "\n"
+              << "unsaved       " << done_.unsaved << "\n"
               << "batches       " << done_.batches << "\n"
               << "user          " << user.value_or("not registered") << "\n";
     if (sandbox != nullptr) {
@@ -224,6 +232,11 @@ int Session::summarize(sandbox::Backend* sandbox) const {
                 << " repeats\n";
     }
     std::cout << "home          " << home_.directory().string() << std::endl;
+  }
+  if (done_.unsaved > 0) {
+    note(std::to_string(done_.unsaved) + " positions could not be saved in " + home_.store().string() +
+         " and are lost");
+    return kUnusable;
   }
   if (interrupted()) return kInterrupted;
   if (!uploads() || left == 0) return kDone;

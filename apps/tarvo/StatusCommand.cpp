@@ -65,6 +65,7 @@ int printStatus(const Options& options) {
         {"unsent", sync.unsent},
         {"awaiting", sync.awaiting},
         {"acknowledged", sync.acknowledged},
+        {"unsaved", sync.unsaved},
         {"last_index", orNull(sync.lastIndex)},
         {"store_bytes", home.storeSize()},
         {"log_bytes", home.logSize()},
@@ -79,6 +80,7 @@ int printStatus(const Options& options) {
             << "unsent        " << sync.unsent << "\n"
             << "awaiting      " << sync.awaiting << "\n"
             << "acknowledged  " << sync.acknowledged << "\n"
+            << "unsaved       " << sync.unsaved << "\n"
             << "last index    " << (sync.lastIndex ? std::to_string(*sync.lastIndex) : "none") << "\n"
             << "store         " << home.storeSize() << " bytes\n"
             << "logs          " << home.logSize() << " bytes" << std::endl;
@@ -91,7 +93,7 @@ void addStatusCommand(CLI::App& app, Run& run) {
   const auto options = std::make_shared<Options>();
   CLI::App* command = app.add_subcommand("status", "Tells mode, user, counts and sizes of a home");
   command->footer(
-      "unsent: never posted; awaiting: posted, not acknowledged.\n"
+      "unsent: never posted; awaiting: posted, not acknowledged; unsaved: in memory alone.\n"
       "Exit status: 0 told; 1 nothing there; 2 wrong usage; 3 the store cannot be used.");
   command->add_option("--home", options->home, "The folder of the run")->required()->type_name("DIR");
   command->add_flag("--json", options->json, "Print one JSON object");

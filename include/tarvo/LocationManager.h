@@ -110,13 +110,14 @@ class TARVO_API LocationManager {
 
   /// How far the upload has come.
   struct SyncStatus {
-    std::int64_t stored = 0;
+    std::int64_t stored = 0;    ///< positions in the store's file; the next three counts are of these
     std::int64_t unsent = 0;    ///< never posted
     std::int64_t awaiting = 0;  ///< posted, not acknowledged
     std::int64_t acknowledged = 0;
-    std::optional<std::int64_t> lastIndex;
-    std::uint64_t batchesPosted = 0;    ///< by this process
-    std::uint64_t positionsPosted = 0;  ///< by this process, repeats included
+    std::int64_t unsaved = 0;  ///< in memory alone, since saving failed: not uploaded, lost with the process
+    std::optional<std::int64_t> lastIndex;  ///< of all, also unsaved
+    std::uint64_t batchesPosted = 0;        ///< by this process
+    std::uint64_t positionsPosted = 0;      ///< by this process, repeats included
     bool storeAvailable = false;
   };
   SyncStatus syncStatus();

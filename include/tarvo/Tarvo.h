@@ -120,7 +120,8 @@ class TARVO_API Tarvo {
   bool handleEventsForBackgroundURLSession(const std::string& identifier, std::function<void()> completionHandler);
 
   /// For hosts without an event loop and at the end of a program: waits until all queued work and all transfers are
-  /// done, or the (real) time is up, then moves what the store's log holds into its file. Runs the main queue's
+  /// done, or the (real) time is up, then writes what could not be saved before, if there is room again, and moves what
+  /// the store's log holds into its file. Runs the main queue's
   /// blocks when called on the main thread (elsewhere somebody must pump it); never call it from a callback. Answers
   /// whether all was done.
   static bool waitUntilIdle(double seconds);

@@ -1,5 +1,7 @@
 #include <tarvo/LocationManager.h>
 
+#include <algorithm>
+
 #include "engine/LocationManagerParts.h"
 #include "settings/Names.h"
 #include "settings/Settings.h"
@@ -111,7 +113,9 @@ LocationManager::SyncStatus LocationManager::syncStatus() {
   context.performAndWait([&] {
     status.storeAvailable = context.coordinator().hasStore();
     const auto count = [&](std::vector<NSPredicate> predicates) -> std::int64_t {
-      auto counted = context.count({std::string(Locations::kEntity), std::move(predicates), {}, 0});
+      auto counted = context.count({.entity = std::string(Locations::kEntity),
+                                    .predicates = std::move(predicates),
+                                    .includesPendingInsertions = false});
       return counted ? static_cast<std::int64_t>(*counted) : 0;
     };
     const NSPredicate unsent{"unsent", NSPredicate::Operator::equal, true};
@@ -120,7 +124,8 @@ LocationManager::SyncStatus LocationManager::syncStatus() {
     status.stored = count({});
     status.unsent = count({unsent, notPosted});
     status.awaiting = count({posted});
-    status.acknowledged = status.stored - status.unsent - status.awaiting;
+    status.acknowledged = std::max<std::int64_t>(status.stored - status.unsent - status.awaiting, 0);
+    status.unsaved = static_cast<std::int64_t>(context.pendingInsertions(Locations::kEntity));
     auto newest = context.fetch({std::string(Locations::kEntity), {}, {{"index", false}}, 1});
     if (newest && !newest->empty())
       if (const auto* location = dynamic_cast<const Locations*>(newest->front().get()))

@@ -143,9 +143,12 @@ void Tarvo::resetGeoProfileHistory() { core_->networkManager.resetGeoProfile(); 
 
 bool Tarvo::waitUntilIdle(double seconds) {
   const bool idle = platform::Activity::waitUntilIdle(platform::Seconds(seconds));
-  auto& context = LocationManager::sharedInstance().parts().store.managedObjectContext();
+  UserDefaults::standard().synchronize();
+  ObjectStore& store = LocationManager::sharedInstance().parts().store;
+  auto& context = store.managedObjectContext();
   context.performAndWait([&] {
     if (!context.coordinator().hasStore()) return;
+    store.saveAfterFailure();
     if (const auto error = context.coordinator().checkpoint())
       Log::error("Unresolved error ", platform::errorAndUserInfo(*error));
   });

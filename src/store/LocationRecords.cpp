@@ -24,6 +24,12 @@ class HeldPositions : public LocationRecords::Source {
     return true;
   }
 
+  std::optional<platform::CLLocationCoordinate2D> firstCoordinate() const override {
+    if (records_.empty()) return std::nullopt;
+    return platform::CLLocationCoordinate2D{records_.front().latitude.value_or(0),
+                                            records_.front().longitude.value_or(0)};
+  }
+
   bool forEachPoint(const std::function<void(const RoutePoint&)>& visit) const override {
     for (const LocationRecord& record : records_)
       if (record.latitude && record.longitude)
@@ -47,6 +53,17 @@ class StoredPositions : public LocationRecords::Source {
     return pass(all, [&](const platform::StoredRow& row) { return visit(recordOf(row)); });
   }
 
+  std::optional<platform::CLLocationCoordinate2D> firstCoordinate() const override {
+    namespace at = attribute::locations;
+    std::optional<platform::CLLocationCoordinate2D> first;
+    const auto take = [&](const platform::StoredRow& row) {
+      first = {row.number(0).value_or(0), row.number(1).value_or(0)};
+      return true;
+    };
+    pass({at::latitude, at::longitude}, take, 1);
+    return first;
+  }
+
   bool forEachPoint(const std::function<void(const RoutePoint&)>& visit) const override {
     namespace at = attribute::locations;
     return pass({at::latitude, at::longitude, at::serviceAction}, [&](const platform::StoredRow& row) {
@@ -58,8 +75,9 @@ class StoredPositions : public LocationRecords::Source {
   }
 
  private:
-  bool pass(const std::vector<int>& attributes, const std::function<bool(const platform::StoredRow&)>& visit) const {
-    const auto error = rows_.forEach(attributes, visit);
+  bool pass(const std::vector<int>& attributes, const std::function<bool(const platform::StoredRow&)>& visit,
+            std::size_t limit = 0) const {
+    const auto error = rows_.forEach(attributes, visit, limit);
     if (error) Log::error("Locations:getLocationHistory Unresolved error ", platform::errorAndUserInfo(*error));
     return !error;
   }

@@ -37,10 +37,13 @@ class Locations : public platform::NSManagedObject {
   static std::shared_ptr<Locations> getLastLocation(Context& context);
   /// The newest 1000, newest first.
   static List getAllLocations(Context& context);
+  /// Those in memory alone, which no save has written yet, included or not. They are no part of an upload: a process
+  /// that ends without them gives their numbers to other positions.
+  enum class Unsaved { included, leftOut };
   /// The oldest 1000 that were never posted, read as far as an upload needs them.
-  static List getUnsentLocations(Context& context);
+  static List getUnsentLocations(Context& context, Unsaved unsaved = Unsaved::included);
   /// The oldest 1000 that await their acknowledgement, read as far as an upload needs them.
-  static List getSentWithoutACKLocations(Context& context);
+  static List getSentWithoutACKLocations(Context& context, Unsaved unsaved = Unsaved::included);
   /// Those stored (not: fixed) between the two moments, both included, by ascending index.
   static LocationRecords getLocationHistory(Context& context, platform::Date since, platform::Date until);
   static std::shared_ptr<Locations> getLocationByID(const platform::NSManagedObjectID& id, Context& context);

@@ -31,7 +31,7 @@ std::optional<std::int64_t> lastIndex(const Locations::List& rows) {
 /// While something could not be saved the file does not tell all.
 platform::Result<LocationRecords> historyRecords(platform::NSManagedObjectContext& context,
                                                  const NSFetchRequest& request) {
-  if (!context.hasChanges()) {
+  if (!context.hasChanges(request.entity)) {
     auto rows = context.rows(request);
     if (!rows) return rows.error();
     return storedPositions(std::move(*rows));
@@ -71,7 +71,7 @@ Locations::List Locations::getAllLocations(Context& context) {
   return std::move(*rows);
 }
 
-Locations::List Locations::getUnsentLocations(Context& context) {
+Locations::List Locations::getUnsentLocations(Context& context, Unsaved unsaved) {
   // Read and dropped: the marker does not narrow the query.
   (void)UserDefaults::standard().integer(names::kUnsentLocation);
   auto rows = fetchAs<Locations>(
@@ -79,7 +79,8 @@ Locations::List Locations::getUnsentLocations(Context& context) {
                 .predicates = {{"unsent", Operator::equal, true}, {"sentWithoutACK", Operator::equal, false}},
                 .sortDescriptors = {{"index", true}},
                 .fetchLimit = kBatchLimit,
-                .propertiesToFetch = kUploadedAttributes});
+                .propertiesToFetch = kUploadedAttributes,
+                .includesPendingInsertions = unsaved == Unsaved::included});
   if (!rows) {
     Log::error("Unresolved error ", errorAndUserInfo(rows.error()));
     return {};
@@ -92,7 +93,7 @@ Locations::List Locations::getUnsentLocations(Context& context) {
   return std::move(*rows);
 }
 
-Locations::List Locations::getSentWithoutACKLocations(Context& context) {
+Locations::List Locations::getSentWithoutACKLocations(Context& context, Unsaved unsaved) {
   Log::debug("Locations:getSentWithoutACKLocations [loc] lastindexACK:",
              UserDefaults::standard().integer(names::kSentWithoutACK));
   // Whatever `unsent` says: a row that only lost its first flag is sent again too.
@@ -100,7 +101,8 @@ Locations::List Locations::getSentWithoutACKLocations(Context& context) {
                                            .predicates = {{"sentWithoutACK", Operator::equal, true}},
                                            .sortDescriptors = {{"index", true}},
                                            .fetchLimit = kBatchLimit,
-                                           .propertiesToFetch = kUploadedAttributes});
+                                           .propertiesToFetch = kUploadedAttributes,
+                                           .includesPendingInsertions = unsaved == Unsaved::included});
   if (!rows) {
     Log::error("Locations:getSentWithoutACKLocations Unresolved error ", errorAndUserInfo(rows.error()));
     return {};

@@ -1,6 +1,7 @@
 #include "store/ObjectStore.h"
 
 #include <tarvo/platform/Environment.h>
+#include <tarvo/platform/UserDefaults.h>
 
 #include "log/Log.h"
 #include "platform/foundation/Bundle.h"
@@ -78,7 +79,7 @@ void ObjectStore::openStore() {
 NSManagedObjectContext& ObjectStore::managedObjectContext() {
   std::call_once(contextOnce_, [this] {
     context_ = std::make_unique<NSManagedObjectContext>(persistentStoreCoordinator());
-    context_->setLateSaveFailure(tellUnresolved);
+    context_->setLateFailure(tellUnresolved);
   });
   return *context_;
 }
@@ -87,7 +88,14 @@ void ObjectStore::saveContext() {
   Log::debug("LocationManager:saveContext [coreData] mainThread:", mainThread());
   NSManagedObjectContext& context = managedObjectContext();
   if (!context.hasChanges()) return;
-  if (const auto error = context.save()) tellUnresolved(*error);
+  if (const auto error = context.save())
+    tellUnresolved(*error);
+  else
+    platform::UserDefaults::standard().synchronize();  // there may be room again
+}
+
+void ObjectStore::saveAfterFailure() {
+  if (const auto error = managedObjectContext().saveAfterFailure()) tellUnresolved(*error);
 }
 
 }  // namespace tarvo

@@ -27,6 +27,8 @@ class ObjectStore {
   /// Saves what is pending; only from inside a block of the context. A failure is logged and everything stays
   /// pending for the next save.
   void saveContext();
+  /// Saves what the last save could not write, if that is so; only from inside a block of the context.
+  void saveAfterFailure();
 
  private:
   void openStore();

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 
 #include <tarvo/LocationRecords.h>
+#include <tarvo/platform/CLLocation.h>
 
 #include "platform/persistence/StoredRows.h"
 
@@ -22,6 +24,8 @@ class LocationRecords::Source {
   virtual std::size_t size() const = 0;
   /// Until the visitor answers false.
   virtual bool forEach(const std::function<bool(LocationRecord&&)>& visit) const = 0;
+  /// Of the first position, 0 where it has none; absent without positions, and when it cannot be read.
+  virtual std::optional<platform::CLLocationCoordinate2D> firstCoordinate() const = 0;
   /// Those that have coordinates.
   virtual bool forEachPoint(const std::function<void(const RoutePoint&)>& visit) const = 0;
 };

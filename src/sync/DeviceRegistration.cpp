@@ -1,7 +1,10 @@
 #include "sync/DeviceRegistration.h"
 
+#include <set>
+
 #include <tarvo/NetworkManager.h>
 #include <tarvo/platform/Device.h>
+#include <tarvo/platform/UserDefaults.h>
 
 #include "log/Log.h"
 #include "platform/foundation/Json.h"
@@ -41,8 +44,21 @@ std::vector<std::optional<std::string>> DeviceRegistration::getUser() {
   return identifiers;
 }
 
+void DeviceRegistration::removeRepeatedUsers() {
+  auto& context = store_.managedObjectContext();
+  context.performAndWait([&] {
+    std::set<std::string> kept;
+    for (const auto& user : Users::getUsers(context))
+      if (const auto uuid = user->uuid(); uuid && !kept.insert(*uuid).second) context.deleteObject(user);
+  });
+}
+
 std::optional<std::string> DeviceRegistration::checkAndRegisterUser() {
-  const auto users = getUser();
+  auto users = getUser();
+  if (users.size() > 1) {
+    removeRepeatedUsers();
+    users = getUser();
+  }
   Settings& settings = Settings::shared();
   if (users.empty()) {
     Log::debug("LocationManager:checkAndRegisterUser [loc] nbUsers:0 mainThread:", mainThread());
@@ -75,10 +91,16 @@ void DeviceRegistration::registerUserToRemoteWebServer() {
 
 void DeviceRegistration::addNewUserToDatabase(std::string_view uuid, std::string_view creationDate) {
   auto& context = store_.managedObjectContext();
-  context.performAndWait([&] {
+  const auto store = [this, &context, uuid = std::string(uuid), creationDate = std::string(creationDate)] {
     Users::addUser(uuid, creationDate, context);
     store_.saveContext();
-  });
+  };
+  // The record never gets to the disk before the secret: a device that finds one without the other registers again.
+  auto& defaults = platform::UserDefaults::standard();
+  if (defaults.synchronize())
+    context.performAndWait(store);
+  else
+    defaults.whenSynchronized([&context, store] { context.perform(store); });
   Settings::shared().adoptUserUUID(uuid);
   startUpload_();
 }

@@ -22,18 +22,22 @@ class DeviceRegistration {
   DeviceRegistration(ObjectStore& store, NetworkManager& client, std::function<void()> startUpload);
 
   /// The identifier of the one stored user. Without a user, or when its secret was lost, the device is registered,
-  /// provided that the host has supplied an API secret. Several users are an error that is only logged.
+  /// provided that the host has supplied an API secret. Several users are an error that is only logged, unless they are
+  /// the same one.
   std::optional<std::string> checkAndRegisterUser();
 
   /// Sends the device's description; the answer comes back through `addNewUserToDatabase`.
   void registerUserToRemoteWebServer();
 
-  /// Stores the user, makes its identifier known unless one is, and starts an upload.
+  /// Stores the user, makes its identifier known unless one is, and starts an upload. While the settings, and with
+  /// them the user's secret, cannot be written, the record waits until they are.
   void addNewUserToDatabase(std::string_view uuid, std::string_view creationDate);
 
  private:
   /// The identifiers of all stored users.
   std::vector<std::optional<std::string>> getUser();
+  /// Leaves one record of each identity. Not saved here: a process that only reads must not write.
+  void removeRepeatedUsers();
 
   ObjectStore& store_;
   NetworkManager& client_;

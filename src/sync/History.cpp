@@ -37,11 +37,10 @@ LocationsHistory History::getLocationhistory(std::optional<Date> since, std::opt
   context.performAndWait([&] {
     history.locations = Locations::getLocationHistory(context, since.value_or(platform::distantPast()),
                                                       until.value_or(platform::distantFuture()));
-    const bool isReadable = history.locations.source().forEach([&](const LocationRecord& first) {
-      history.firstLocation = {first.latitude.value_or(0), first.longitude.value_or(0)};
-      return false;
-    });
-    if (!isReadable) history.locations = {};
+    if (const auto first = history.locations.source().firstCoordinate())
+      history.firstLocation = *first;
+    else
+      history.locations = {};
   });
   return history;
 }

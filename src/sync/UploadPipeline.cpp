@@ -66,7 +66,7 @@ Locations::List UploadPipeline::getSentWithoutACKLocations() {
   Locations::List locations;
   auto& context = store_.managedObjectContext();
   context.performAndWait([&] {
-    locations = Locations::getSentWithoutACKLocations(context);
+    locations = Locations::getSentWithoutACKLocations(context, Locations::Unsaved::leftOut);
     if (locations.empty())
       Log::debug("LocationManager:getSentWithoutACKLocations [net] [] mainThread:", mainThread());
     else
@@ -80,7 +80,7 @@ Locations::List UploadPipeline::getUnsentLocations() {
   Locations::List locations;
   auto& context = store_.managedObjectContext();
   context.performAndWait([&] {
-    locations = Locations::getUnsentLocations(context);
+    locations = Locations::getUnsentLocations(context, Locations::Unsaved::leftOut);
     if (locations.empty())
       Log::debug("LocationManager:getUnsentLocations [net] [] mainThread:", mainThread());
     else

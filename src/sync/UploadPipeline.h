@@ -18,7 +18,8 @@ class DeviceRegistration;
 class NetworkManager;
 
 /// Moves stored positions to the backend, at most 1000 in a batch, one batch in flight, those that await their
-/// acknowledgement before new ones.
+/// acknowledgement before new ones. Only what is in the store's file is sent: a number that the backend knows must not
+/// go to another position after a restart.
 ///
 /// Threads: any; store work runs in blocks of the context, and the pass that an acknowledgement starts runs inside
 /// its block. A pass never hops onto a queue of the engine and never waits for an answer.

@@ -1,9 +1,11 @@
 #include <dlfcn.h>
 #include <netdb.h>
+#include <sqlite3.h>
 
 #include <atomic>
 
 #include "engine/Harness.h"
+#include "store/Users.h"
 
 #include "platform/foundation/Text.h"
 
@@ -26,6 +28,20 @@ using platform::Seconds;
 class Upload : public test::WholeSdk {
  protected:
   static constexpr const char* kCalled = "sendDataInBatchToRemoteWebServer [loc]=====CALLED======CANAL===";
+
+  /// Runs a statement on the store as another process could. Answers the number that it gives.
+  int onStore(const char* sql) const {
+    sqlite3* database = nullptr;
+    sqlite3_stmt* statement = nullptr;
+    sqlite3_open((home.path() / "Documents" / ObjectStore::kFileName).c_str(), &database);
+    sqlite3_prepare_v2(database, sql, -1, &statement, nullptr);
+    const int status = sqlite3_step(statement);
+    EXPECT_TRUE(status == SQLITE_ROW || status == SQLITE_DONE) << sql << ": " << sqlite3_errmsg(database);
+    const int number = status == SQLITE_ROW ? sqlite3_column_int(statement, 0) : 0;
+    sqlite3_finalize(statement);
+    sqlite3_close(database);
+    return number;
+  }
 };
 
 TEST_F(Upload, TakesAFreshDeviceFromItsFirstFixToAnEmptyQueue) {
@@ -207,6 +223,75 @@ TEST_F(Upload, GoesOnAfterASecondTarvoAndNeverLosesTheSecret) {
   expectEachIndexOnce(2);
   EXPECT_EQ(diary.count("Unresolved error"), 0u);
   EXPECT_EQ(diary.count("error nbUsers"), 0u);
+}
+
+TEST_F(Upload, SendsOnlyWhatIsInTheFileAndTellsTheRestApart) {
+  startBackend();
+  Tarvo tarvo = registered();
+  collect(2);
+  // From now on no position can be inserted, though all else can be written.
+  onStore("CREATE TRIGGER full BEFORE INSERT ON Locations BEGIN SELECT RAISE(FAIL, 'full'); END");
+  collect(3);
+  const auto counts = [] {
+    const auto status = engine().syncStatus();
+    return std::vector<std::int64_t>{status.stored, status.unsent, status.awaiting, status.acknowledged,
+                                     status.unsaved};
+  };
+  EXPECT_EQ(counts(), (std::vector<std::int64_t>{2, 2, 0, 0, 3}));
+  engine().sendDataInBatchToRemoteWebServer();
+  waitUntilIdle();
+  // The flags of what was sent are unsaved too, and count: nothing is sent again.
+  EXPECT_EQ(counts(), (std::vector<std::int64_t>{2, 0, 0, 2, 3}));
+  EXPECT_EQ(backend.holdings().positions, 2);
+  EXPECT_FALSE(NetworkManager::CANAL_LOCK());
+  EXPECT_EQ(tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {})->locations.size(), 5u);
+  onStore("DROP TRIGGER full");
+  ASSERT_TRUE(Tarvo::waitUntilIdle(60));
+  EXPECT_EQ(counts(), (std::vector<std::int64_t>{5, 3, 0, 2, 0}));
+  settle();
+  expectEachIndexOnce(5);
+}
+
+TEST_F(Upload, StoresTheUserOnlyBehindTheSecret) {
+  startBackend();
+  const auto rows = [this] { return onStore("SELECT count(*) FROM Users"); };
+  // A file in the way of the settings' folder.
+  ASSERT_FALSE(platform::writeFileAtomically(home.path() / "Library", "", false));
+  Tarvo tarvo = registered();
+  collect(1);
+  settle();
+  expectEachIndexOnce(1);
+  EXPECT_TRUE(LocationManager::userUUID() && NetworkManager::UUID_SECRET_KEY());
+  EXPECT_EQ(rows(), 0) << "a process that found the user alone would register again";
+  std::filesystem::remove(home.path() / "Library");
+  collect(1);
+  EXPECT_EQ(rows(), 1);
+  EXPECT_TRUE(platform::readFile(home.path() / "Library/Preferences/defaults.plist")
+                  .value()
+                  .find(NetworkManager::UUID_SECRET_KEY().value()) != std::string::npos);
+  EXPECT_EQ(backend.holdings().users, 1);
+}
+
+TEST_F(Upload, TakesAUserStoredTwiceForOneAndTwoUsersForAnError) {
+  {
+    ObjectStore store;
+    auto& context = store.managedObjectContext();
+    context.performAndWait([&] {
+      for (const char* moment : {"2024", "2025"}) Users::addUser("u-1", moment, context);
+      store.saveContext();
+    });
+  }
+  platform::UserDefaults::standard().set("uuid_secret_key", "s");
+  Tarvo tarvo;
+  EXPECT_EQ(engine().apiKey(), "u-1");
+  EXPECT_EQ(onStore("SELECT count(*) FROM Users"), 2) << "a process that only reads does not write";
+  tarvo.activate(Tarvo::LOCAL_BACKGROUND);
+  collect(1);
+  EXPECT_EQ(onStore("SELECT count(*) FROM Users"), 1);
+  EXPECT_EQ(diary.count("error nbUsers"), 0u);
+  onStore("INSERT INTO Users (_key, uuid) VALUES (7, 'u-2')");
+  EXPECT_EQ(engine().checkAndRegisterUser(), std::nullopt);
+  EXPECT_EQ(diary.count("checkAndRegisterUser [loc] error nbUsers:2 mainThread:true"), 1u);
 }
 
 }  // namespace

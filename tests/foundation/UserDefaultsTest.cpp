@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <tarvo/platform/Clock.h>
 #include <tarvo/platform/Environment.h>
 #include <tarvo/platform/SystemLog.h>
 #include <tarvo/platform/UserDefaults.h>
@@ -10,7 +11,9 @@
 #include <limits>
 #include <thread>
 
+#include "platform/foundation/Activity.h"
 #include "platform/foundation/Files.h"
+#include "platform/foundation/Text.h"
 #include "support/TempDir.h"
 
 namespace tarvo::platform {
@@ -133,20 +136,54 @@ TEST(UserDefaults, LeaveAFileThatWasCutAloneAndSaySoOnce) {
   }
 }
 
-TEST(UserDefaults, KeepInMemoryWhatCannotBeWritten) {
+TEST(UserDefaults, KeepInMemoryWhatCannotBeWrittenUntilTheNextChance) {
+  const auto clock = std::make_shared<ManualClock>(dateSince1970(0));
+  Clock::install(clock);
   const test::TempDir home;
   ASSERT_FALSE(writeFileAtomically(home.path() / "file", "", false));
   setHomeDirectory(home.path() / "file");
   std::vector<std::string> log;
   setSystemLogSink([&](std::string_view line) { log.emplace_back(line); });
-  UserDefaults::standard().set("key", 5);
-  EXPECT_EQ(UserDefaults::standard().integer("key"), 5);
-  ASSERT_EQ(log.size(), 1U);
-  EXPECT_NE(log[0].find("cannot be written"), std::string::npos);
-  // The next change writes everything once the cause is gone.
-  fs::remove(home.path() / "file");
-  UserDefaults::standard().set("key", 5);
-  EXPECT_NE(readFile(defaultsFile(home.path() / "file")).value().find("<integer>5</integer>"), std::string::npos);
+  UserDefaults& defaults = UserDefaults::standard();
+  EXPECT_TRUE(defaults.synchronize());
+  const struct {
+    const char* name;
+    std::function<void(int)> chance;  ///< is given what was set last
+  } cases[] = {
+      {"a change", [&](int last) { defaults.set("key", last); }},
+      {"asked", [&](int) { EXPECT_TRUE(defaults.synchronize()); }},
+      {"the first timer", [&](int) { clock->advance(Seconds(1)); }},
+      {"a later timer",
+       [&](int) { clock->advance(Seconds(600)); }},  // the pause has grown, but not beyond some minutes
+  };
+  int value = 5;
+  for (const auto& [name, chance] : cases) {
+    SCOPED_TRACE(name);
+    fs::remove_all(home.path() / "file");
+    ASSERT_FALSE(writeFileAtomically(home.path() / "file", "", false));
+    log.clear();
+    bool told = false;
+    defaults.set("key", ++value);
+    defaults.whenSynchronized([&] { told = true; });
+    EXPECT_EQ(defaults.integer("key"), value);
+    ASSERT_EQ(log.size(), 1U);
+    EXPECT_NE(log[0].find("cannot be written"), std::string::npos);
+    EXPECT_FALSE(defaults.synchronize());
+    if (name == std::string("a later timer"))
+      for (int second = 0; second < 1000; ++second) {
+        clock->advance(Seconds(1));
+        ASSERT_TRUE(Activity::waitUntilIdle(Seconds(60)));
+      }
+    EXPECT_FALSE(told);
+    // Everything is written once the cause is gone.
+    fs::remove(home.path() / "file");
+    chance(value);
+    ASSERT_TRUE(Activity::waitUntilIdle(Seconds(60)));
+    EXPECT_TRUE(told);
+    EXPECT_EQ(log.size(), 1U);
+    EXPECT_NE(readFile(defaultsFile(home.path() / "file")).value().find(concat("<integer>", value, "</integer>")),
+              std::string::npos);
+  }
 }
 
 TEST(UserDefaults, SeeEveryWriteWhenThreadsReadAndWriteTogether) {

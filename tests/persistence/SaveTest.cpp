@@ -98,6 +98,71 @@ TEST(Save, KeepsEverythingPendingWhereverTheDiskGetsFull) {
   EXPECT_GT(failed, 10);
 }
 
+/// Rows that the statements of later connections have inserted, changed or deleted, whatever became of it.
+int rowsTouched = 0;
+
+TEST(Save, CostsTheSameOnAFullDiskWhateverIsPendingAndWritesAllOfItOnceThereIsRoom) {
+  FaultyDisk::install();
+  const auto watch = [](sqlite3* database, char**, const void*) {
+    sqlite3_update_hook(
+        database, [](void*, int, const char*, const char*, sqlite3_int64) { ++rowsTouched; }, nullptr);
+    return SQLITE_OK;
+  };
+  sqlite3_auto_extension(reinterpret_cast<void (*)()>(+watch));
+  test::TempDir dir;
+  TestStore store(dir.path() / "a.sqlite");
+  int next = 0;
+  const auto fillAndCount = [&](int pending) {
+    for (; next < pending; ++next) store.add(next);
+    EXPECT_TRUE(store.context->save());  // the first failure may take them all
+    int most = 0;
+    for (int fix = 0; fix < 3; ++fix) {
+      store.add(next++);
+      rowsTouched = 0;
+      const auto error = store.context->save();
+      EXPECT_EQ(error ? error->code : 0, 134030) << "each save tells";
+      most = std::max(most, rowsTouched);
+    }
+    return most;
+  };
+  store.run([&] {
+    FaultyDisk::failAfterBytes(0);
+    const int few = fillAndCount(10);
+    const int many = fillAndCount(3000);
+    EXPECT_EQ(few, many);
+    EXPECT_LE(many, 2);
+
+    // Room for a part: no more is tried in vain than was written, and what was written counts.
+    FaultyDisk::failAfterBytes(300000);
+    rowsTouched = 0;
+    EXPECT_TRUE(store.context->save());
+    const auto written = next - static_cast<int>(store.context->pendingInsertions("Locations"));
+    EXPECT_GT(written, 10);
+    EXPECT_LE(rowsTouched, 2 * written + 1);
+    EXPECT_EQ(store.count(), static_cast<std::size_t>(next));
+
+    FaultyDisk::heal();
+    store.fetch({"Locations", {{"index", Op::equal, std::int64_t{0}}}})[0]->setBoolean(store.at("unsent"), false);
+    EXPECT_FALSE(store.context->saveAfterFailure());
+    EXPECT_FALSE(store.context->hasChanges());
+    store.add(next++);
+    EXPECT_FALSE(store.context->saveAfterFailure());
+    EXPECT_TRUE(store.context->hasChanges()) << "the last save did not fail";
+    EXPECT_FALSE(store.context->save());
+  });
+  TestStore again(store.file);
+  again.run([&] {
+    int index = 0;
+    for (const auto& row : again.fetch({"Locations", {}, {{"index", true}}})) {
+      EXPECT_EQ(row->integer(again.at("index")), index);
+      ++index;
+    }
+    EXPECT_EQ(index, next);
+    EXPECT_EQ(again.count(unsentRequest(0)), static_cast<std::size_t>(next - 1));
+  });
+  EXPECT_EQ(integrityOf(store.file), "ok");
+}
+
 TEST(Save, LeavesAStoreThatCanBeCreatedLaterWhenCreationFails) {
   FaultyDisk::install();
   bool opened = false;
@@ -194,7 +259,7 @@ TEST(Save, InQueuedBlocksIsOneTransactionBeforeTheNextBlockThatIsWaitedFor) {
   test::TempDir dir;
   TestStore store(dir.path() / "a.sqlite");
   std::vector<std::string> late;
-  store.context->setLateSaveFailure([&](const Error& error) { late.push_back(std::to_string(error.code)); });
+  store.context->setLateFailure([&](const Error& error) { late.push_back(std::to_string(error.code)); });
   const auto onDisk = [&] {
     sqlite3* database = nullptr;
     sqlite3_stmt* count = nullptr;

@@ -75,5 +75,13 @@ status=$?
 [ $status = 130 ] && [ $((SECONDS - before)) -le 20 ] ||
   { echo "interrupted: status $status after $((SECONDS - before)) s"; cat "$work/silence.txt"; failed=1; }
 
+# A disk that gets full: what did not get into the file is told apart and is no success.
+full() (trap '' XFSZ; ulimit -f 300; exec "$program" replay "$trip" --mode 4 --home "$work/full" --json)
+expect 3 'positions could not be saved' full
+counted=$(full 2>/dev/null | sed -E 's/.*"stored":([0-9]+).*"unsaved":([0-9]+).*/\1 \2/')
+read -r stored unsaved <<<"$counted"
+[ "$unsaved" -gt 0 ] && [ "$stored" = "$(sqlite3 "$work/full/Documents/Marrowgate-Tarvo-db3.sqlite" 'SELECT count(*) FROM Locations')" ] ||
+  { echo "other counts than in the file: $counted"; failed=1; }
+
 [ $failed = 0 ] && echo "bad input is refused clearly"
 exit $failed

@@ -1,5 +1,7 @@
 #include "store/Locations.h"
 
+#include <sqlite3.h>
+
 #include <fstream>
 #include <numeric>
 #include <tuple>
@@ -16,6 +18,7 @@
 #include "store/ObjectModel.h"
 #include "store/PastTrips.h"
 #include "store/PointOfInterest.h"
+#include "store/PositionSource.h"
 #include "store/StoreFixture.h"
 #include "store/Users.h"
 
@@ -97,6 +100,17 @@ TEST_F(StoredPositions, LeaveTheStoreForUploadInBatchesOfThousandByIndex) {
     EXPECT_EQ(flags(*oldest[3]), Flags(false, true));
     EXPECT_EQ(indexes(Locations::getUnsentLocations(context)), range(10, 1000));
     EXPECT_EQ(indexes(Locations::getSentWithoutACKLocations(context)), range(0, 10));
+
+    // What only memory holds is no part of a batch; marks that only memory holds count.
+    const auto unsaved = add(context);
+    for (std::size_t i = 10; i < 1000; ++i)
+      Locations::markLocationAsSentWithoutACKWithID(oldest[i]->objectID(), context);
+    EXPECT_EQ(indexes(Locations::getUnsentLocations(context)), range(1000, 501));
+    EXPECT_EQ(indexes(Locations::getUnsentLocations(context, Locations::Unsaved::leftOut)), range(1000, 500));
+    unsaved->setBoolean(at::sentWithoutACK, true);
+    unsaved->setInteger(at::index, -1);
+    EXPECT_EQ(indexes(Locations::getSentWithoutACKLocations(context, Locations::Unsaved::leftOut)), range(0, 1000))
+        << "the limit comes after leaving it out";
   });
   EXPECT_EQ(logged("getAllLocations lastindex = 1499 first = 500"), 1U);
   EXPECT_EQ(logged("Locations:getUnsentLocations [loc] from:10 to:1009 mainThread:"), 1U);
@@ -155,6 +169,44 @@ void rename(Context& context, const char* from, const char* to) {
       .step();
 }
 
+TEST_F(StoredPositions, FirstOfAHistoryIsFoundWithoutSortingTheRest) {
+  within([&](Context& context) {
+    for (int i = 0; i < 9000; ++i) {
+      clock->advance(Seconds(1));
+      add(context, 48 + i * 0.001);
+    }
+    ASSERT_FALSE(context.save());
+    const auto history = Locations::getLocationHistory(context, clock->now() - Seconds(1999), clock->now());
+    ASSERT_EQ(history.size(), 2000U);
+    // By the index of the storage time, so that a pass over all of them is sorted in memory.
+    const auto needed = [&](const std::function<void()>& read) {
+      sqlite3_memory_highwater(1);
+      const auto before = sqlite3_memory_used();
+      read();
+      return sqlite3_memory_highwater(0) - before;
+    };
+    std::optional<platform::CLLocationCoordinate2D> first;
+    history.source().firstCoordinate();  // statements and pages are there then
+    const auto one = needed([&] { first = history.source().firstCoordinate(); });
+    const auto all = needed([&] { EXPECT_EQ(history.toVector().size(), 2000U); });
+    EXPECT_EQ(first, (platform::CLLocationCoordinate2D{48 + 7000 * 0.001, 2.3522}));
+    EXPECT_LT(one, all / 2);
+  });
+}
+
+TEST_F(StoredPositions, StayInTheStoreForAHistoryWhileOtherRecordsAreUnsaved) {
+  within([&](Context& context) {
+    const auto position = add(context);
+    Users::addUser("u", "t", context);
+    ASSERT_FALSE(context.save());
+    context.deleteObject(Users::getUsers(context).front());
+    const auto history = Locations::getLocationHistory(context, platform::distantPast(), platform::distantFuture());
+    position->setBoolean(at::unsent, false);
+    ASSERT_FALSE(context.save());
+    EXPECT_EQ(history.toVector().front().unsent, false) << "a copy would be of an earlier moment";
+  });
+}
+
 TEST_F(StoredPositions, NeedNoFurtherReadingForAnUpload) {
   within([&](Context& context) {
     add(context);
@@ -163,7 +215,10 @@ TEST_F(StoredPositions, NeedNoFurtherReadingForAnUpload) {
     const auto fetched = Locations::getUnsentLocations(context);
     rename(context, "Locations", "Hidden");
     EXPECT_EQ(Locations::convertToString(fetched, "u"), whole);
-    EXPECT_EQ(logged("The rest of"), 0U);
+    EXPECT_EQ(logged("Unresolved error "), 0U);
+    // What else is asked of them and cannot be read is absent, and an error like all others.
+    EXPECT_EQ(fetched.front()->record().verticalAccuracy, std::nullopt);
+    EXPECT_GT(logged("Unresolved error Error Domain=NSCocoaErrorDomain Code=134070 \"The rest of <x-coredata://"), 0U);
   });
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -17,7 +18,9 @@ namespace tarvo::platform {
 /// a Boolean reads as 1 or 0; 3.9 reads as 3. Own writes are seen at once.
 /// A write is durable when the call returns (temporary file, flush, rename; mode 0600). A file that cannot be
 /// read as a property list is left alone, reported once in the system log, and the settings start empty in memory.
-/// Threads: any. Errors: never throws; a failed write is reported in the system log and kept in memory.
+/// Threads: any. Errors: never throws; a failed write is reported in the system log and kept in memory. It is made up
+/// for by the next change, by `synchronize` (the SDK calls it after each save of its store) and by a timer whose pause
+/// grows from a second to five minutes.
 class TARVO_API UserDefaults {
  public:
   /// The process's settings; lives as long as the process.
@@ -32,6 +35,12 @@ class TARVO_API UserDefaults {
   /// A null value removes the key.
   void set(std::string_view key, Value value);
   void remove(std::string_view key);
+
+  /// Whether everything is in the file; what could not be written before is tried again first.
+  bool synchronize();
+  /// Runs the block once everything is in the file: at once if it is, else on the thread whose later write succeeds,
+  /// with no lock held. The block must not wait for other work.
+  void whenSynchronized(std::function<void()> block);
 
  private:
   UserDefaults();

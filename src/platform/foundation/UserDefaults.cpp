@@ -3,15 +3,19 @@
 #include <tarvo/platform/Environment.h>
 #include <tarvo/platform/SystemLog.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <utility>
+#include <vector>
 
 #include "platform/foundation/DefaultsConversion.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/PropertyList.h"
+#include "platform/foundation/SerialQueue.h"
 #include "platform/foundation/Text.h"
+#include "platform/foundation/Timer.h"
 #include "platform/foundation/UserDefaultsChanges.h"
 
 namespace tarvo::platform {
@@ -19,6 +23,8 @@ namespace tarvo::platform {
 namespace {
 
 std::atomic<std::uint64_t> changes{1};
+
+constexpr Seconds kFirstPause{1}, kLongestPause{300};
 
 }  // namespace
 
@@ -29,18 +35,32 @@ struct UserDefaults::State {
   explicit State(std::filesystem::path path) : file(std::move(path)) {}
 
   void load() EXCLUDES(mutex);
-  /// Makes one change and writes the file; the line for the system log if that failed, else an empty text.
-  std::string change(std::string_view key, std::optional<Value> value) EXCLUDES(writing, mutex);
+  void change(std::string_view key, std::optional<Value> value) EXCLUDES(writing, mutex);
+  bool synchronize() EXCLUDES(writing, mutex);
+  void whenSynchronized(std::function<void()> block) EXCLUDES(writing, mutex);
 
   const std::filesystem::path file;
   // Both constant once loaded.
   std::string complaint;
   bool keptInMemory = false;
   std::atomic<bool> complained = false;
+  /// Follows `written`, to be read without waiting for a write.
+  std::atomic<bool> isWritten = true;
+
+ private:
+  using Blocks = std::vector<std::function<void()>>;
+  /// Writes the file; what waits for that is to be run once no lock is held.
+  std::optional<Error> write(Blocks& ready) REQUIRES(writing) EXCLUDES(mutex);
+  void tryLater() REQUIRES(writing);
 
   Mutex writing;
   bool written GUARDED_BY(writing) = true;
   bool cleared GUARDED_BY(writing) = false;
+  Blocks waiting GUARDED_BY(writing);
+  std::shared_ptr<Timer> retry GUARDED_BY(writing);
+  Seconds pause GUARDED_BY(writing) = kFirstPause;
+
+ public:
   Mutex mutex;
   Dictionary values GUARDED_BY(mutex);
 };
@@ -61,26 +81,85 @@ void UserDefaults::State::load() {
                      file.native(), value ? " (not a dictionary)" : " (" + value.error().localizedDescription + ")");
 }
 
-std::string UserDefaults::State::change(std::string_view key, std::optional<Value> value) {
-  MutexLock writeLock(writing);
-  // They hold credentials. By the first change, for a process that only reads removes nothing.
-  if (!std::exchange(cleared, true)) removeAbandonedWrites(file.parent_path());
+void UserDefaults::State::change(std::string_view key, std::optional<Value> value) {
+  Blocks ready;
+  std::optional<Error> error;
+  {
+    MutexLock writeLock(writing);
+    // They hold credentials. By the first change, for a process that only reads removes nothing.
+    if (!std::exchange(cleared, true)) removeAbandonedWrites(file.parent_path());
+    {
+      MutexLock lock(mutex);
+      auto found = values.find(key);
+      const bool same = found == values.end() ? !value : value && found->second == *value;
+      if (same && written) return;
+      if (!value && found != values.end()) values.erase(found);
+      if (value) values.insert_or_assign(std::string(key), std::move(*value));
+      changes.fetch_add(1, std::memory_order_release);  // behind what has changed
+    }
+    if (keptInMemory) return;
+    error = write(ready);
+  }
+  // With no lock held: sink and blocks belong to others.
+  if (error) NSLog("The user defaults cannot be written: " + error->localizedDescription);
+  for (const auto& block : ready) block();
+}
+
+std::optional<Error> UserDefaults::State::write(Blocks& ready) {
   Dictionary snapshot;
   {
     MutexLock lock(mutex);
-    auto found = values.find(key);
-    const bool same = found == values.end() ? !value : value && found->second == *value;
-    if (same && written) return {};
-    if (!value && found != values.end()) values.erase(found);
-    if (value) values.insert_or_assign(std::string(key), std::move(*value));
-    changes.fetch_add(1, std::memory_order_release);  // behind what has changed
-    if (keptInMemory) return {};
     snapshot = values;
   }
   std::optional<Error> error = createPrivateDirectories(file.parent_path());
   if (!error) error = writeFileAtomically(file, serializePropertyList(snapshot), true);
   written = !error;
-  return error ? "The user defaults cannot be written: " + error->localizedDescription : std::string();
+  isWritten = written;
+  if (written) {
+    retry = nullptr;
+    pause = kFirstPause;
+    ready.swap(waiting);
+  } else {
+    tryLater();
+  }
+  return error;
+}
+
+void UserDefaults::State::tryLater() {
+  if (retry) return;
+  static auto& queue = *new SerialQueue("UserDefaults");
+  retry = Timer::after(pause, queue, [this] {
+    {
+      MutexLock lock(writing);
+      retry = nullptr;
+    }
+    synchronize();
+  });
+  pause = std::min(2 * pause, kLongestPause);
+}
+
+bool UserDefaults::State::synchronize() {
+  if (keptInMemory) return false;
+  if (isWritten) return true;
+  Blocks ready;
+  bool done = false;
+  {
+    MutexLock lock(writing);
+    done = written || !write(ready);
+  }
+  for (const auto& block : ready) block();
+  return done;
+}
+
+void UserDefaults::State::whenSynchronized(std::function<void()> block) {
+  {
+    MutexLock lock(writing);
+    if (keptInMemory || !written) {
+      waiting.push_back(std::move(block));
+      return;
+    }
+  }
+  block();
 }
 
 UserDefaults& UserDefaults::standard() {
@@ -126,10 +205,11 @@ std::optional<Value> UserDefaults::object(std::string_view key) const {
 }
 
 void UserDefaults::set(std::string_view key, Value value) {
-  // The line is written with no lock held: the sink is the host's.
-  NSLog(state_->change(key, value.isNull() ? std::nullopt : std::optional<Value>(std::move(value))));
+  state_->change(key, value.isNull() ? std::nullopt : std::optional<Value>(std::move(value)));
 }
 
-void UserDefaults::remove(std::string_view key) { NSLog(state_->change(key, std::nullopt)); }
+void UserDefaults::remove(std::string_view key) { state_->change(key, std::nullopt); }
+bool UserDefaults::synchronize() { return state_->synchronize(); }
+void UserDefaults::whenSynchronized(std::function<void()> block) { state_->whenSynchronized(std::move(block)); }
 
 }  // namespace tarvo::platform

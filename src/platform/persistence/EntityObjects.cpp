@@ -2,8 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
-
-#include <tarvo/platform/SystemLog.h>
+#include <iterator>
 
 #include "platform/foundation/FatalError.h"
 #include "platform/foundation/Text.h"
@@ -99,8 +98,9 @@ void EntityObjects::readRest(const NSManagedObject& object) const {
     object.unread_ = 0;
     return;
   }
-  NSLog(concat("The rest of ", object.objectID(), " could not be read",
-               row.failed() ? concat(": ", row.error(StoreErrorCode::operation, "the query failed")) : ""));
+  const std::string what = concat("The rest of ", object.objectID(), " could not be read");
+  context_.tellLateFailure(row.failed() ? row.error(StoreErrorCode::operation, what)
+                                        : storeError(StoreErrorCode::missingObject, what));
 }
 
 std::shared_ptr<NSManagedObject> EntityObjects::named(const NSManagedObjectID& id, std::int64_t& key) const {
@@ -119,24 +119,34 @@ std::shared_ptr<NSManagedObject> EntityObjects::named(const NSManagedObjectID& i
   return nullptr;
 }
 
-void EntityObjects::didSave(std::int64_t firstKey) {
+EntityObjects::Portion EntityObjects::portion(std::size_t rows) const {
+  if (!deleted_.empty()) return {inserted_.size(), changed_.size(), deleted_.size()};
+  const std::size_t inserted = std::min(rows, inserted_.size());
+  return {inserted, std::min(rows - inserted, changed_.size()), 0};
+}
+
+void EntityObjects::didSave(const Portion& portion, std::int64_t firstKey) {
   forgetDestroyed();
-  for (auto& [number, object] : inserted_) {
+  const auto insertedEnd = std::next(inserted_.begin(), static_cast<std::ptrdiff_t>(portion.inserted));
+  for (auto next = inserted_.begin(); next != insertedEnd; ++next) {
+    const auto& [number, object] = *next;
     object->key_ = firstKey++;
     object->standing_ = NSManagedObject::Standing::clean;
     if (object->temporaryIDTaken_) keysOfTemporaryIDs_.emplace(number, object->key_);
     if (object.use_count() > 1) registry_.insert_or_assign(object->key_, object);
   }
-  for (auto& [row, object] : changed_) {
-    object->standing_ = NSManagedObject::Standing::clean;
-    object->changed_ = 0;
+  inserted_.erase(inserted_.begin(), insertedEnd);
+  const auto changedEnd = std::next(changed_.begin(), static_cast<std::ptrdiff_t>(portion.changed));
+  for (auto next = changed_.begin(); next != changedEnd; ++next) {
+    next->second->standing_ = NSManagedObject::Standing::clean;
+    next->second->changed_ = 0;
   }
+  changed_.erase(changed_.begin(), changedEnd);
+  if (portion.deleted == 0) return;
   for (auto& [row, object] : deleted_) {
     detach(*object);
     registry_.erase(row);
   }
-  inserted_.clear();
-  changed_.clear();
   deleted_.clear();
 }
 

@@ -24,6 +24,14 @@ class EntityObjects {
   /// In the order of their insertion, else by row key.
   using Pending = std::map<std::int64_t, std::shared_ptr<NSManagedObject>>;
 
+  /// What one transaction takes of all that is pending.
+  struct Portion {
+    std::size_t inserted = 0;  ///< the oldest so many
+    std::size_t changed = 0;   ///< so many by row key
+    std::size_t deleted = 0;   ///< all or none
+    std::size_t size() const { return inserted + changed + deleted; }
+  };
+
   EntityObjects(const NSEntityDescription& entity, NSManagedObjectContext& context);
   ~EntityObjects();
   EntityObjects(const EntityObjects&) = delete;
@@ -38,7 +46,7 @@ class EntityObjects {
   std::shared_ptr<NSManagedObject> registered(std::int64_t key) const;
   /// A clean object without values for a row that has none yet, of which these attributes will be read at once.
   std::shared_ptr<NSManagedObject> registerNew(std::int64_t key, std::uint64_t attributes);
-  /// Reads what the fetch of an object left out.
+  /// Reads what the fetch of an object left out; a failure is told to the context's receiver of late ones.
   void readRest(const NSManagedObject& object) const;
   /// The object that an id names, deleted ones left out. Answers a null pointer and, when the object only has to be
   /// read, its row key in `key`.
@@ -51,8 +59,11 @@ class EntityObjects {
   static bool isPending(const NSManagedObject& object) { return object.standing_ != NSManagedObject::Standing::clean; }
   static std::uint64_t changeMask(const NSManagedObject& object) { return object.changed_; }
 
-  /// Everything pending is in the store now, the inserted objects in their order in the rows from `firstKey` on.
-  void didSave(std::int64_t firstKey);
+  /// At most `rows` of what is pending; more only where something is deleted, since an insertion may replace it and
+  /// neither must be saved without the other.
+  Portion portion(std::size_t rows) const;
+  /// The portion is in the store now, its inserted objects in their order in the rows from `firstKey` on.
+  void didSave(const Portion& portion, std::int64_t firstKey);
 
   LatestTexts& texts() { return texts_; }
 

@@ -35,6 +35,9 @@ struct NSFetchRequest {
   /// What to read of each row beside what the request selects and sorts by, one bit for each attribute; 0: everything.
   /// The rest of an object is read when somebody asks for any of it.
   std::uint64_t propertiesToFetch = 0;
+  /// False leaves out the objects whose insertion is not saved. Changes and deletes that are not saved show all the
+  /// same.
+  bool includesPendingInsertions = true;
 };
 
 }  // namespace tarvo::platform

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <limits>
 #include <map>
 #include <utility>
 
@@ -16,6 +17,12 @@ namespace tarvo::platform {
 
 using Store = NSPersistentStoreCoordinator::Store;
 
+namespace {
+
+constexpr std::size_t kAllRows = std::numeric_limits<std::size_t>::max();
+
+}  // namespace
+
 struct NSManagedObjectContext::State {
   explicit State(NSManagedObjectContext& owner) : context(owner) {}
 
@@ -23,16 +30,10 @@ struct NSManagedObjectContext::State {
     return entities.try_emplace(&entity, entity, context).first->second;
   }
 
-  std::size_t pendingRows() const {
-    std::size_t rows = 0;
-    for (const auto& [entity, objects] : entities)
-      rows += objects.inserted().size() + objects.changed().size() + objects.deleted().size();
-    return rows;
-  }
-
   NSManagedObjectContext& context;
-  bool putsOff = false;   ///< in a block given to `perform`
-  bool isPutOff = false;  ///< a save waits to be written
+  bool putsOff = false;               ///< in a block given to `perform`
+  bool isPutOff = false;              ///< a save waits to be written
+  std::size_t rowsAtOnce = kAllRows;  ///< how much the next transaction may try; all unless the one before failed
   std::map<const NSEntityDescription*, EntityObjects> entities;
 };
 
@@ -45,21 +46,34 @@ struct NSManagedObjectContext::Request {
 
 namespace {
 
+/// The objects that exist only here, as far as a request may find them.
+const EntityObjects::Pending& insertedFor(const NSFetchRequest& request, const EntityObjects& objects) {
+  static const auto& none = *new EntityObjects::Pending;
+  return request.includesPendingInsertions ? objects.inserted() : none;
+}
+
 /// Puts what is unsaved and matches into the sorted result.
-void mergePending(const EntityObjects& objects, const FetchPlan& plan, Objects& found) {
+void mergePending(const EntityObjects& objects, const FetchPlan& plan, const NSFetchRequest& request, Objects& found) {
   const auto precedes = [&](const auto& a, const auto& b) { return plan.precedes(*a, *b); };
   if (!plan.rowsAreSorted() && !std::is_sorted(found.begin(), found.end(), precedes))
     std::sort(found.begin(), found.end(), precedes);
   const auto saved = std::ssize(found);
-  for (const EntityObjects::Pending* pending : {&objects.changed(), &objects.inserted()})
+  for (const EntityObjects::Pending* pending : {&objects.changed(), &insertedFor(request, objects)})
     for (const auto& [key, object] : *pending)
       if (plan.matches(*object)) found.push_back(object);
+  // However much is pending, only what can be part of the answer is sorted.
+  const auto limit = static_cast<std::ptrdiff_t>(request.fetchLimit);
+  if (limit > 0 && std::ssize(found) - saved > limit) {
+    std::nth_element(found.begin() + saved, found.begin() + saved + limit, found.end(), precedes);
+    found.resize(static_cast<std::size_t>(saved + limit));
+  }
   std::sort(found.begin() + saved, found.end(), precedes);
   std::inplace_merge(found.begin(), found.begin() + saved, found.end(), precedes);
 }
 
 /// Rows that match as the file has them, corrected by what is unsaved.
-Result<std::int64_t> countMatches(Store& store, const EntityObjects& objects, const FetchPlan& plan) {
+Result<std::int64_t> countMatches(Store& store, const EntityObjects& objects, const FetchPlan& plan,
+                                  const NSFetchRequest& request) {
   auto matches = store.matchingRows(objects.entity(), plan);
   if (!matches) return matches;
   std::int64_t count = *matches;
@@ -69,7 +83,7 @@ Result<std::int64_t> countMatches(Store& store, const EntityObjects& objects, co
       if (!counted) return counted.error();
       if (*counted) --count;
     }
-  for (const EntityObjects::Pending* pending : {&objects.changed(), &objects.inserted()})
+  for (const EntityObjects::Pending* pending : {&objects.changed(), &insertedFor(request, objects)})
     count += std::count_if(pending->begin(), pending->end(), [&](const auto& p) { return plan.matches(*p.second); });
   return count;
 }
@@ -135,7 +149,7 @@ Result<Objects> NSManagedObjectContext::fetch(const NSFetchRequest& request) {
   EntityObjects& objects = state_->objects(entity);
   auto found = fetchRows(store, objects, plan, request.fetchLimit);
   if (!found) return found;
-  mergePending(objects, plan, *found);
+  mergePending(objects, plan, request, *found);
   if (request.fetchLimit > 0 && found->size() > request.fetchLimit) found->resize(request.fetchLimit);
   return found;
 }
@@ -147,9 +161,11 @@ Result<std::size_t> NSManagedObjectContext::count(const NSFetchRequest& request)
   if (plan.isEmpty()) return std::size_t{0};
 
   const EntityObjects& objects = state_->objects(entity);
-  auto counted = plan.hasConditions() ? countMatches(store, objects, plan) : store.rowCount(entity);
+  auto counted = plan.hasConditions() ? countMatches(store, objects, plan, request) : store.rowCount(entity);
   if (!counted) return counted.error();
-  if (!plan.hasConditions()) *counted += std::ssize(objects.inserted()) - std::ssize(objects.deleted());
+  if (!plan.hasConditions())
+    *counted +=
+        (request.includesPendingInsertions ? std::ssize(objects.inserted()) : 0) - std::ssize(objects.deleted());
   const auto all = static_cast<std::size_t>(std::max<std::int64_t>(*counted, 0));
   return request.fetchLimit > 0 ? std::min(all, request.fetchLimit) : all;
 }
@@ -221,6 +237,26 @@ bool NSManagedObjectContext::hasChanges() const {
                      [](const auto& entry) { return entry.second.hasChanges(); });
 }
 
+const EntityObjects* NSManagedObjectContext::objectsOf(std::string_view name) const {
+  requireCurrent();
+  const auto found = state_->entities.find(coordinator_->model().entity(name));
+  return found == state_->entities.end() ? nullptr : &found->second;
+}
+
+bool NSManagedObjectContext::hasChanges(std::string_view entity) const {
+  const EntityObjects* objects = objectsOf(entity);
+  return objects && objects->hasChanges();
+}
+
+std::size_t NSManagedObjectContext::pendingInsertions(std::string_view entity) const {
+  const EntityObjects* objects = objectsOf(entity);
+  return objects ? objects->inserted().size() : 0;
+}
+
+std::optional<Error> NSManagedObjectContext::saveAfterFailure() {
+  return state_->rowsAtOnce == kAllRows ? std::nullopt : save();
+}
+
 std::optional<Error> NSManagedObjectContext::save() {
   if (!hasChanges()) return std::nullopt;
   if (!coordinator_->store()) return noStoreError("save");
@@ -231,32 +267,53 @@ std::optional<Error> NSManagedObjectContext::save() {
 
 void NSManagedObjectContext::writeWhatWasPutOff() {
   if (!state_->isPutOff) return;
-  if (const auto error = write(); error && lateSaveFailure_) lateSaveFailure_(*error);
+  if (const auto error = write(); error) tellLateFailure(*error);
 }
 
 std::optional<Error> NSManagedObjectContext::write() {
   state_->isPutOff = false;
-  Store* store = coordinator_->store();
+  std::size_t& rows = state_->rowsAtOnce;
+  while (true) {
+    if (auto error = writeAtMost(rows)) {
+      rows = 1;
+      return error;
+    }
+    if (!hasChanges()) break;
+    // A try that fails is at most as large as all that went well before it.
+    rows *= 2;
+  }
+  rows = kAllRows;
+  return std::nullopt;
+}
 
-  std::vector<std::pair<EntityObjects*, Store::Receipt>> written;
+std::optional<Error> NSManagedObjectContext::writeAtMost(std::size_t rows) {
+  struct Part {
+    EntityObjects& objects;
+    EntityObjects::Portion portion;
+    Store::Receipt receipt;
+  };
+  std::vector<Part> parts;
+  for (auto& [entity, objects] : state_->entities) {
+    const EntityObjects::Portion portion = rows > 0 ? objects.portion(rows) : EntityObjects::Portion{};
+    if (portion.size() > 0) parts.push_back({objects, portion, {}});
+    rows -= std::min(rows, portion.size());
+  }
+  Store* store = coordinator_->store();
   {
     Transaction transaction(store->database());
     // A single row is a transaction by itself.
-    const bool isSingle = state_->pendingRows() == 1;
+    const bool isSingle = parts.size() == 1 && parts.front().portion.size() == 1;
     if (!isSingle)
       if (auto error = transaction.begin()) return error;
-    for (auto& [entity, objects] : state_->entities) {
-      if (!objects.hasChanges()) continue;
-      auto& receipt = written.emplace_back(&objects, Store::Receipt{}).second;
-      if (auto error = store->write(objects, receipt)) return error;
-    }
+    for (Part& part : parts)
+      if (auto error = store->write(part.objects, part.portion, part.receipt)) return error;
     if (!isSingle)
       if (auto error = transaction.commit()) return error;
   }
   // Certain only now: until the commit everything stayed pending, whatever became of the transaction.
-  for (auto& [objects, receipt] : written) {
-    store->didCommit(objects->entity(), receipt);
-    objects->didSave(receipt.firstKey);
+  for (Part& part : parts) {
+    store->didCommit(part.objects.entity(), part.receipt);
+    part.objects.didSave(part.portion, part.receipt.firstKey);
   }
   return std::nullopt;
 }

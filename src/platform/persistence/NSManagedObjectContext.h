@@ -48,14 +48,29 @@ class NSManagedObjectContext {
   Result<std::shared_ptr<NSManagedObject>> existingObject(const NSManagedObjectID& id);
 
   bool hasChanges() const;
+  /// Of one entity; false for an unknown one.
+  bool hasChanges(std::string_view entity) const;
+  /// How many objects of an entity exist only here, also without a store; costs nothing.
+  std::size_t pendingInsertions(std::string_view entity) const;
   /// Writes all changes in one transaction. On failure everything stays pending and goes out with the next save.
+  ///
+  /// The save after a failed one writes in transactions that begin with a single row, the oldest, and double, so that a
+  /// disk that stays full costs the same however much is pending. The first that fails ends it: what was written until
+  /// then is saved, the rest stays pending.
   ///
   /// Inside a block given to `perform` the write is put off: it comes when no such block waits any more, and before the
   /// next `performAndWait` from outside runs, so that a thousand small saves share one transaction. What a later block
-  /// changes without saving goes out with them. A failure is then told to `setLateSaveFailure`'s receiver.
+  /// changes without saving goes out with them. A failure is then told to `setLateFailure`'s receiver.
   std::optional<Error> save();
+  /// Saves if the last save failed and its changes are still pending.
+  std::optional<Error> saveAfterFailure();
+  /// Who is told of what fails where no caller can be: saves that were put off, and reads of what a fetch left out.
   /// Called inside a block of the context. Before the first `perform`.
-  void setLateSaveFailure(std::function<void(const Error&)> receiver) { lateSaveFailure_ = std::move(receiver); }
+  void setLateFailure(std::function<void(const Error&)> receiver) { lateFailure_ = std::move(receiver); }
+  /// Inside a block; for what belongs to the context.
+  void tellLateFailure(const Error& error) const {
+    if (lateFailure_) lateFailure_(error);
+  }
 
   NSPersistentStoreCoordinator& coordinator() { return *coordinator_; }
 
@@ -64,12 +79,14 @@ class NSManagedObjectContext {
   struct Request;
   void requireCurrent() const;
   Result<Request> compiled(const NSFetchRequest& request, std::string_view operation);
+  const EntityObjects* objectsOf(std::string_view entity) const;
   std::optional<Error> write();
+  std::optional<Error> writeAtMost(std::size_t rows);
   void writeWhatWasPutOff();
 
   std::shared_ptr<NSPersistentStoreCoordinator> coordinator_;
   std::unique_ptr<State> state_;
-  std::function<void(const Error&)> lateSaveFailure_;
+  std::function<void(const Error&)> lateFailure_;
   std::atomic<std::size_t> performing_ = 0;  ///< blocks given to `perform` that have not ended
   SerialQueue queue_;                        ///< last: its end waits for blocks that use the rest
 };

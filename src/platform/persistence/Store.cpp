@@ -98,26 +98,28 @@ Result<bool> NSPersistentStoreCoordinator::Store::rowMatches(const NSEntityDescr
   return found;
 }
 
-std::optional<Error> NSPersistentStoreCoordinator::Store::write(const EntityObjects& objects, Receipt& receipt) {
+std::optional<Error> NSPersistentStoreCoordinator::Store::write(const EntityObjects& objects,
+                                                                const EntityObjects::Portion& portion,
+                                                                Receipt& receipt) {
   Table* known = table(objects.entity());
   if (!known) return unknownEntity(objects.entity());
-  if (auto error = insertRows(*known, objects, receipt)) return error;
-  if (auto error = updateRows(*known, objects)) return error;
-  return deleteRows(*known, objects, receipt);
+  if (auto error = insertRows(*known, objects, portion.inserted, receipt)) return error;
+  if (auto error = updateRows(*known, objects, portion.changed)) return error;
+  return portion.deleted > 0 ? deleteRows(*known, objects, receipt) : std::nullopt;
 }
 
 std::optional<Error> NSPersistentStoreCoordinator::Store::insertRows(Table& table, const EntityObjects& objects,
-                                                                     Receipt& receipt) {
+                                                                     std::size_t rows, Receipt& receipt) {
   const int count = static_cast<int>(table.entity->attributes.size());
-  if (!objects.inserted().empty() && !table.lastKey) {
+  if (rows > 0 && !table.lastKey) {
     Execution highest(*database_, concat("SELECT max(\"_key\") FROM \"", table.entity->name, "\""));
     if (!highest.step()) return highest.error(StoreErrorCode::save, "The keys could not be read");
     table.lastKey = highest.integer(0);
   }
   receipt.firstKey = table.lastKey.value_or(0) + 1;
-  for (const auto& [number, object] : objects.inserted()) {
+  for (auto next = objects.inserted().begin(); rows > 0; --rows, ++next) {
     Execution insert(*database_, table.insert);
-    for (int i = 0; i < count; ++i) RowCodec::bind(insert, i + 1, *object, i);
+    for (int i = 0; i < count; ++i) RowCodec::bind(insert, i + 1, *next->second, i);
     // A key is used once in a process, also when its row has gone: an id taken before must not name another record.
     insert.bind(count + 1, ++*table.lastKey);
     insert.step();
@@ -128,8 +130,9 @@ std::optional<Error> NSPersistentStoreCoordinator::Store::insertRows(Table& tabl
 }
 
 /// A thousand marks are one statement: SQLite then goes through the rows at half the cost of finding each.
-std::optional<Error> NSPersistentStoreCoordinator::Store::updateRows(const Table& table, const EntityObjects& objects) {
-  const auto end = objects.changed().end();
+std::optional<Error> NSPersistentStoreCoordinator::Store::updateRows(const Table& table, const EntityObjects& objects,
+                                                                     std::size_t rows) {
+  const auto end = std::next(objects.changed().begin(), static_cast<std::ptrdiff_t>(rows));
   for (auto first = objects.changed().begin(); first != end;) {
     const auto next = endOfRun(first, end);
     const auto& [firstKey, object] = *first;
@@ -150,7 +153,6 @@ std::optional<Error> NSPersistentStoreCoordinator::Store::updateRows(const Table
 
 std::optional<Error> NSPersistentStoreCoordinator::Store::deleteRows(const Table& table, const EntityObjects& objects,
                                                                      Receipt& receipt) {
-  if (objects.deleted().empty()) return std::nullopt;
   const std::string sql = concat("DELETE FROM \"", table.entity->name, "\" WHERE \"_key\" = ?1");
   for (const auto& [key, object] : objects.deleted()) {
     Execution removal(*database_, sql);

@@ -44,8 +44,8 @@ struct NSPersistentStoreCoordinator::Store {
   /// Whether the row, as the file has it, matches a plan with conditions.
   Result<bool> rowMatches(const NSEntityDescription& entity, const FetchPlan& plan, std::int64_t key);
 
-  /// Writes everything pending of one entity; more than one row needs a transaction.
-  std::optional<Error> write(const EntityObjects& objects, Receipt& receipt);
+  /// Writes a portion of what is pending of one entity; more than one row needs a transaction.
+  std::optional<Error> write(const EntityObjects& objects, const EntityObjects::Portion& portion, Receipt& receipt);
   void didCommit(const NSEntityDescription& entity, const Receipt& receipt);
 
  private:
@@ -58,8 +58,8 @@ struct NSPersistentStoreCoordinator::Store {
 
   Store(std::unique_ptr<Database> database, std::string uuid, const std::vector<const NSEntityDescription*>& entities);
   Table* table(const NSEntityDescription& entity);
-  std::optional<Error> insertRows(Table& table, const EntityObjects& objects, Receipt& receipt);
-  std::optional<Error> updateRows(const Table& table, const EntityObjects& objects);
+  std::optional<Error> insertRows(Table& table, const EntityObjects& objects, std::size_t rows, Receipt& receipt);
+  std::optional<Error> updateRows(const Table& table, const EntityObjects& objects, std::size_t rows);
   std::optional<Error> deleteRows(const Table& table, const EntityObjects& objects, Receipt& receipt);
 
   std::unique_ptr<Database> database_;

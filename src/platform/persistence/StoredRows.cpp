@@ -36,7 +36,7 @@ std::optional<std::string_view> StoredRow::string(int column) const {
 }
 
 std::optional<Error> StoredRows::forEach(const std::vector<int>& attributes,
-                                         const std::function<bool(const StoredRow&)>& visit) const {
+                                         const std::function<bool(const StoredRow&)>& visit, std::size_t limit) const {
   std::optional<Error> failure;
   if (count_ == 0) return failure;
   std::string sql = "SELECT ";
@@ -44,11 +44,13 @@ std::optional<Error> StoredRows::forEach(const std::vector<int>& attributes,
     sql += concat(attribute == attributes.front() ? "\"" : ", \"", plan_.column(attribute), "\"");
   const std::string where = way_ == Way::all ? "" : plan_.whereClause(way_ == Way::inOrder ? "+" : "");
   sql += concat(" FROM \"", plan_.entity().name, "\"", where, where.empty() ? " WHERE " : " AND ", "\"_key\" <= ?",
-                plan_.orderClause());
+                plan_.orderClause(), limit > 0 ? " LIMIT ?" : "");
   context_->performAndWait([&] {
     auto* store = context_->coordinator().store();
     Execution rows(store->database(), sql);
-    rows.bind(where.empty() ? 1 : plan_.bind(rows), lastKey_);  // a bare "?" takes the next number
+    const int next = where.empty() ? 1 : plan_.bind(rows);  // a bare "?" takes the next number
+    rows.bind(next, lastKey_);
+    if (limit > 0) rows.bind(next + 1, static_cast<std::int64_t>(limit));
     const StoredRow row(rows);
     while (rows.step())
       if (!visit(row)) return;
