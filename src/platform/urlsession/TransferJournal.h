@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/foundation/FileLock.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/urlsession/TransferRecord.h"
 
@@ -20,7 +21,6 @@ namespace tarvo::platform {
 class TransferJournal {
  public:
   TransferJournal(const std::filesystem::path& directory, std::string identifier);
-  ~TransferJournal();
   TransferJournal(const TransferJournal&) = delete;
   TransferJournal& operator=(const TransferJournal&) = delete;
 
@@ -32,14 +32,13 @@ class TransferJournal {
   void remove(std::int64_t taskIdentifier);
 
  private:
-  bool lockFile(const std::filesystem::path& file);
   void read() REQUIRES(mutex_);
   void write() REQUIRES(mutex_);
   void tell(std::string_view what) const;
 
   const std::string identifier_;
   const std::filesystem::path file_;
-  int lock_ = -1;  ///< held while the journal is in use, else -1
+  FileLock lock_;  ///< held while the journal is in use
 
   Mutex mutex_;
   std::map<std::int64_t, std::string> lines_ GUARDED_BY(mutex_);
