@@ -47,6 +47,10 @@ std::optional<Error> StoredRows::forEach(const std::vector<int>& attributes,
                 plan_.orderClause());
   context_->performAndWait([&] {
     auto* store = context_->coordinator().store();
+    if (!store) {
+      failure = context_->coordinator().whyNoStore("fetch");
+      return;
+    }
     Execution rows(store->database(), sql);
     rows.bind(where.empty() ? 1 : plan_.bind(rows), lastKey_);  // a bare "?" takes the next number
     const StoredRow row(rows);
