@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <iomanip>
 #include <iostream>
 #include <limits>
@@ -30,6 +31,8 @@ constexpr Seconds kChannelHeld{180};
 constexpr Seconds kFirstPause{0.05}, kLongestPause{1};
 /// How long an interrupted play waits for what is under way.
 constexpr double kLastSeconds = 5;
+constexpr std::chrono::seconds kOtherProcess{10};
+constexpr double kBetweenInterrupts = 0.25;
 /// Longer than the time-out of a silent transfer.
 constexpr double kLongestWork = 65;
 
@@ -73,6 +76,7 @@ Session::Session(const ReplayOptions& options, const Home& home, std::shared_ptr
 void Session::activate() {
   if (!engine().syncStatus().storeAvailable)
     throw Failure{kUnusable, "the store " + home_.store().string() + " cannot be used; nothing was collected"};
+  claimStore();
   if (const auto client = home_.readKeys().clientID; client && *client != Tarvo::clientID())
     throw Failure{kUsage, "the client id '" + *client + "' cannot stand in a URL"};
   tarvo_.setDelegate(listener_);
@@ -95,6 +99,16 @@ void Session::activate() {
   if (options_.mode >= Tarvo::BACKEND_GEOPROFILE) {
     tarvo_.requestRouteMatch();
     tarvo_.requestPredictionUpdate();
+  }
+}
+
+/// Another process on this home may be about to end, as at the restart of a service.
+void Session::claimStore() {
+  const auto end = std::chrono::steady_clock::now() + kOtherProcess;
+  while (const auto reason = engine().claimStore(kBetweenInterrupts)) {
+    if (interrupted()) throw Failure{kInterrupted, "interrupted; nothing was collected"};
+    if (std::chrono::steady_clock::now() >= end)
+      throw Failure{kUnusable, home_.directory().string() + ": " + *reason + "; nothing was collected"};
   }
 }
 

@@ -65,6 +65,7 @@ Locations::List UploadPipeline::getSentWithoutACKLocations() {
   Locations::List locations;
   auto& context = store_.managedObjectContext();
   context.performAndWait([&] {
+    (void)context.claim();  // what is posted gets marks: another process that writes posts by itself
     locations = Locations::getSentWithoutACKLocations(context);
     if (locations.empty())
       Log::debug("LocationManager:getSentWithoutACKLocations [net] [] mainThread:", mainThread());
@@ -79,6 +80,7 @@ Locations::List UploadPipeline::getUnsentLocations() {
   Locations::List locations;
   auto& context = store_.managedObjectContext();
   context.performAndWait([&] {
+    (void)context.claim();
     locations = Locations::getUnsentLocations(context);
     if (locations.empty())
       Log::debug("LocationManager:getUnsentLocations [net] [] mainThread:", mainThread());
