@@ -81,7 +81,9 @@ TEST(OneWriter, IsNoReader) {
   }
   runSql(file, "INSERT INTO Locations (\"index\") SELECT \"index\" FROM Locations");
   fs::remove(WriteRight::lockFileOf(file));
-  const auto state = [&] { return std::pair(fileText(file), fs::last_write_time(file)); };
+  const auto state = [&] {
+    return std::pair(fileText(file) + fileText(file.string() + "-wal"), fs::last_write_time(file));
+  };
   const auto before = state();
   {
     TestStore store(file);

@@ -103,9 +103,7 @@ std::optional<Error> NSPersistentStoreCoordinator::Store::beginWriting() {
   ::chmod(database_->file().c_str(), kOwnerOnly);
   if (auto error = useWriteAheadLog(*database_)) return error;
   if (auto error = database_->adopt()) return error;
-  // Others may have written until now.
-  for (Table& table : tables_) table.rows = table.lastKey = std::nullopt;
-  writes_ = true;
+  writes_ = true;  // no count or key is known yet: others may have written until now
   return std::nullopt;
 }
 
