@@ -31,6 +31,7 @@ constexpr Seconds kChannelHeld{180};
 constexpr Seconds kFirstPause{0.05}, kLongestPause{1};
 /// How long an interrupted play waits for what is under way, and how soon any wait hears of an interrupt.
 constexpr double kLastSeconds = 1, kOneWait = 0.2;
+constexpr std::chrono::seconds kOtherProcess{10};
 /// Longer than the time-out of a silent transfer.
 constexpr double kLongestWork = 65;
 
@@ -82,6 +83,7 @@ Session::Session(const ReplayOptions& options, const Home& home, std::shared_ptr
 void Session::activate() {
   if (!engine().syncStatus().storeAvailable)
     throw Failure{kUnusable, "the store " + home_.store().string() + " cannot be used; nothing was collected"};
+  claimStore();
   if (const auto client = home_.readKeys().clientID; client && *client != Tarvo::clientID())
     throw Failure{kUsage, "the client id '" + *client + "' cannot stand in a URL"};
   tarvo_.setDelegate(listener_);
@@ -102,6 +104,16 @@ void Session::activate() {
   if (options_.mode >= Tarvo::BACKEND_GEOPROFILE) {
     tarvo_.requestRouteMatch();
     tarvo_.requestPredictionUpdate();
+  }
+}
+
+/// Another process on this home may be about to end, as at the restart of a service.
+void Session::claimStore() {
+  const auto end = std::chrono::steady_clock::now() + kOtherProcess;
+  while (const auto reason = engine().claimStore(kOneWait)) {
+    if (interrupted()) throw Failure{kInterrupted, "interrupted; nothing was collected"};
+    if (std::chrono::steady_clock::now() >= end)
+      throw Failure{kUnusable, home_.directory().string() + ": " + *reason + "; nothing was collected"};
   }
 }
 

@@ -45,6 +45,7 @@ class Session {
 
   LocationManager& engine() const { return tarvo_.locationManager(); }
   bool uploads() const { return options_.mode >= Tarvo::BACKEND_BACKGROUND; }
+  void claimStore();
   bool relaunches(platform::GpxSource& source, const std::vector<ScriptEvent>& script, Progress& progress);
   void sendTheRest(Progress& progress);
   void count(const Progress& progress);

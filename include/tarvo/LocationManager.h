@@ -118,9 +118,14 @@ class TARVO_API LocationManager {
     std::optional<std::int64_t> lastIndex;  ///< of all, also unsaved
     std::uint64_t batchesPosted = 0;        ///< by this process
     std::uint64_t positionsPosted = 0;      ///< by this process, repeats included
-    bool storeAvailable = false;
+    bool storeAvailable = false;            ///< false also while another process writes and this one wants to
   };
   SyncStatus syncStatus();
+
+  /// One process at a time writes to a home: takes that right now instead of with the first position, and keeps it to
+  /// the end of the process. Waits up to `seconds` of real time while another process has it, as does whoever needs the
+  /// store meanwhile. Absent on success, else the reason in words. A program that only reads does without.
+  std::optional<std::string> claimStore(double seconds);
 
   struct Parts;
   /// For the facade.

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "engine/LocationManagerParts.h"
+#include "platform/foundation/RealTime.h"
 #include "settings/Names.h"
 #include "settings/Settings.h"
 #include "store/Locations.h"
@@ -12,6 +13,7 @@ namespace tarvo {
 using platform::Date;
 using platform::NSFetchRequest;
 using platform::NSPredicate;
+using platform::Seconds;
 
 LocationManager& LocationManager::sharedInstance() {
   static LocationManager* engine = new LocationManager;
@@ -134,6 +136,16 @@ LocationManager::SyncStatus LocationManager::syncStatus() {
   status.batchesPosted = parts_->pipeline.batchesPosted();
   status.positionsPosted = parts_->pipeline.positionsPosted();
   return status;
+}
+
+std::optional<std::string> LocationManager::claimStore(double seconds) {
+  std::optional<std::string> reason;
+  const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(platform::boundedRealTime(Seconds(seconds)));
+  auto& context = parts_->store.managedObjectContext();
+  context.performAndWait([&] {
+    if (auto error = context.claim(wait)) reason = std::move(error->localizedDescription);
+  });
+  return reason;
 }
 
 }  // namespace tarvo

@@ -52,7 +52,7 @@ const std::shared_ptr<NSManagedObjectModel>& ObjectStore::managedObjectModel() {
 
 const std::shared_ptr<NSPersistentStoreCoordinator>& ObjectStore::persistentStoreCoordinator() {
   std::call_once(coordinatorOnce_, [this] {
-    coordinator_ = std::make_shared<NSPersistentStoreCoordinator>(managedObjectModel());
+    coordinator_ = std::make_shared<NSPersistentStoreCoordinator>(managedObjectModel(), patience_);
     openStore();
   });
   return coordinator_;

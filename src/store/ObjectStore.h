@@ -13,9 +13,12 @@ namespace tarvo {
 ///
 /// Threads: any; building is guarded. Records are touched only inside blocks of the context.
 /// Errors: a missing model or an empty list of document directories stops the process. A store that cannot be opened
-/// is logged once; the coordinator then stays without one and every later fetch and save fails for its caller.
+/// is logged once; the coordinator then stays without one and every later fetch and save fails for its caller. So it
+/// does while another process has the right to write and this one wants it.
 class ObjectStore {
  public:
+  explicit ObjectStore(platform::WriteRight::Patience patience = {}) : patience_(patience) {}
+
   static constexpr const char* kFileName = "Marrowgate-Tarvo-db3.sqlite";
 
   /// The last of the document directories.
@@ -33,6 +36,7 @@ class ObjectStore {
  private:
   void openStore();
 
+  const platform::WriteRight::Patience patience_;
   std::once_flag directoryOnce_, modelOnce_, coordinatorOnce_, contextOnce_;
   std::filesystem::path directory_;
   std::shared_ptr<platform::NSManagedObjectModel> model_;

@@ -66,6 +66,7 @@ Locations::List UploadPipeline::getSentWithoutACKLocations() {
   Locations::List locations;
   auto& context = store_.managedObjectContext();
   context.performAndWait([&] {
+    (void)context.claim();  // what is posted gets marks: another process that writes posts by itself
     locations = Locations::getSentWithoutACKLocations(context, Locations::Unsaved::leftOut);
     if (locations.empty())
       Log::debug("LocationManager:getSentWithoutACKLocations [net] [] mainThread:", mainThread());
@@ -80,6 +81,7 @@ Locations::List UploadPipeline::getUnsentLocations() {
   Locations::List locations;
   auto& context = store_.managedObjectContext();
   context.performAndWait([&] {
+    (void)context.claim();
     locations = Locations::getUnsentLocations(context, Locations::Unsaved::leftOut);
     if (locations.empty())
       Log::debug("LocationManager:getUnsentLocations [net] [] mainThread:", mainThread());

@@ -5,9 +5,9 @@
 #include <atomic>
 
 #include "engine/Harness.h"
-#include "store/Users.h"
-
+#include "platform/foundation/FileLock.h"
 #include "platform/foundation/Text.h"
+#include "store/Users.h"
 
 static std::atomic<int> askedForNames{0};
 
@@ -63,6 +63,23 @@ TEST_F(Upload, TakesAFreshDeviceFromItsFirstFixToAnEmptyQueue) {
   EXPECT_EQ(status.acknowledged, 4);
   EXPECT_EQ(status.lastIndex, 3);
   EXPECT_EQ(backend.holdings().users, 1);
+}
+
+TEST_F(Upload, TakesTheHomeWhichReadersLeaveAlone) {
+  startBackend();
+  platform::FileLock other(home.path() / "Documents" / (std::string(ObjectStore::kFileName) + ".lock"));
+  Tarvo tarvo;
+  waitUntilIdle();
+  Tarvo::setACTIVATE_STATUS(Tarvo::BACKEND_GEOPROFILE);
+  EXPECT_FALSE(tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {}));
+  tarvo.getPointOfInterests();
+  EXPECT_TRUE(Tarvo::waitUntilIdle(60));
+  EXPECT_TRUE(engine().syncStatus().storeAvailable);
+  EXPECT_TRUE(other.tryLock().value());
+  other.unlock();
+  clock->advance(Seconds(200));
+  engine().sendDataInBatchToRemoteWebServer();  // fetches only what it may mark
+  EXPECT_FALSE(other.tryLock().value());
 }
 
 TEST_F(Upload, SendsABacklogInBatchesOfAThousandOnePerAcknowledgement) {

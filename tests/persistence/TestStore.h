@@ -27,8 +27,8 @@ inline std::shared_ptr<NSManagedObjectModel> shippedModel() {
 
 /// A context over a store file; opening it again is a new one.
 struct TestStore {
-  explicit TestStore(const std::filesystem::path& path)
-      : file(path), coordinator(std::make_shared<NSPersistentStoreCoordinator>(shippedModel())) {
+  explicit TestStore(const std::filesystem::path& path, WriteRight::Patience patience = {})
+      : file(path), coordinator(std::make_shared<NSPersistentStoreCoordinator>(shippedModel(), patience)) {
     failure = coordinator->addPersistentStore(NSSQLiteStoreType, "ConfigurationForLocationsAndUsers", file);
     context = std::make_unique<NSManagedObjectContext>(coordinator);
   }

@@ -10,6 +10,7 @@
 #include <tarvo/platform/Device.h>
 #include <tarvo/platform/SystemLog.h>
 
+#include "platform/foundation/FileLock.h"
 #include "platform/foundation/Json.h"
 #include "platform/foundation/Text.h"
 #include "platform/persistence/Store.h"
@@ -252,6 +253,7 @@ TEST_F(StoredPositions, AreMarkedByIndexUnlessItIsSharedOrUnknown) {
     Locations::markLocationAsSentWithoutACKWithID(all[2]->objectID(), context);
     Locations::markLocationAsSentWithIndex(2, context);
     EXPECT_EQ(flags(*all[2]), Flags(false, false));
+    GTEST_FLAG_SET(death_test_style, "threadsafe");  // a forked child would have no store
     EXPECT_DEATH((platform::setSystemLogSink({}), Locations::markLocationAsSentWithIndex(7, context)),
                  "no position has the index 7");
   });
@@ -378,6 +380,28 @@ TEST_F(StoredPositions, EveryOperationOfAStoreThatDidNotOpenLogsItsErrorAndGives
       {"Users:getUsers [loc] error:", 2},
   };
   for (const auto& [opening, count] : lines) EXPECT_EQ(logged(opening), count) << opening;
+}
+
+TEST_F(StoredPositions, OfAProcessThatIsKeptOutTellOnceWhoWritesAndAreStoredAgainWhenItHasGone) {
+  within([](Context&) {});  // makes the store
+  platform::FileLock other(folder.path() / (std::string(ObjectStore::kFileName) + ".lock"));
+  ASSERT_TRUE(other.tryLock().value());
+  ObjectStore second({std::chrono::milliseconds(0), std::chrono::milliseconds(0)});
+  auto& context = second.managedObjectContext();
+  const auto deliver = [&] {
+    context.performAndWait([&] {
+      if (add(context)) second.saveContext();
+    });
+  };
+  for (int i = 0; i < 3; ++i) deliver();
+  EXPECT_EQ(logged(" Locations:addLocation Unresolved error "), 3U);
+  EXPECT_EQ(test::LogDiary::installed().count("is being written by test_store (process "), 1U);
+  other.unlock();
+  deliver();
+  context.performAndWait([&] {
+    EXPECT_FALSE(context.hasChanges());
+    EXPECT_EQ(Locations::getLastLocation(context)->index(), 3);
+  });
 }
 
 TEST_F(StoredPositions, ModelInAnotherOrderThanTheClassesStopsTheProcess) {

@@ -9,8 +9,8 @@
 namespace tarvo::platform {
 
 /// Where all code reads the time: positions, ages, the upload channel and file names follow the installed clock's wall
-/// time, spans that the location service measures its monotonic time. Only network time-outs run on the machine's own
-/// time.
+/// time, spans that the location service measures its monotonic time. Only network time-outs and the wait for another
+/// process run on the machine's own time.
 ///
 /// Threads: any. A clock is installed before the first touch of the library and kept for good.
 class TARVO_API Clock {

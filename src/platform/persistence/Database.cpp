@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include "platform/foundation/FileLock.h"
 #include "platform/foundation/Text.h"
 
 namespace tarvo::platform {
@@ -13,7 +14,15 @@ constexpr int kBusyTimeoutMilliseconds = 5000;
 /// Each query and each set of changed columns has a text of its own; a system has a few dozen of them.
 constexpr std::size_t kMostStatements = 128;
 
+/// The write-ahead log as SQLite's file format has it, and after how many of its frames SQLite would move it into the
+/// file by itself.
+constexpr std::uint64_t kLogHeaderBytes = 32;
+constexpr std::uint64_t kFrameHeaderBytes = 24;
+constexpr int kFramesWorthMoving = 1000;
+
 }  // namespace
+
+Database::Database(std::filesystem::path file) : file_(std::move(file)), forks_(FileLock::forks()), files_(file_) {}
 
 Result<std::unique_ptr<Database>> Database::open(const std::filesystem::path& file) {
   std::unique_ptr<Database> database(new Database(file));
@@ -21,45 +30,105 @@ Result<std::unique_ptr<Database>> Database::open(const std::filesystem::path& fi
   if (sqlite3_open_v2(file.c_str(), &database->handle_, flags, nullptr) != SQLITE_OK)
     return database->error(StoreErrorCode::open, "The store file could not be opened");
   sqlite3_busy_timeout(database->handle_, kBusyTimeoutMilliseconds);
-  // Until it is known to be ours, closing it must not move a write-ahead log into it.
+  // Until this process has the right to write, closing it must not move a write-ahead log into it.
   sqlite3_db_config(database->handle_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
   return database;
 }
 
-void Database::adopt() { sqlite3_db_config(handle_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr); }
+std::optional<Error> Database::adopt() {
+  {
+    Execution size(*this, "PRAGMA page_size", Execution::Statement::once);
+    if (!size.step()) return size.error(StoreErrorCode::open, "The store's page size cannot be read");
+    pageSize_ = static_cast<std::uint64_t>(size.integer(0));
+  }
+  sqlite3_busy_timeout(handle_, 0);
+  const auto failure = runOnce("BEGIN IMMEDIATE", StoreErrorCode::open);
+  const int status = sqlite3_errcode(handle_) & 0xff;
+  if (!failure) (void)run("ROLLBACK", StoreErrorCode::open);
+  sqlite3_busy_timeout(handle_, kBusyTimeoutMilliseconds);
+  if (failure && status != SQLITE_BUSY) return failure;
+  files_.remember();
+  logSize_ = 0;
+  if (!files_.areNamed(logSize_)) logSize_ = 0;
+  sqlite3_wal_hook(handle_, didCommit, this);
+  sqlite3_db_config(handle_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
+  return std::nullopt;
+}
 
 Database::~Database() {
-  finalizeStatements();
+  if (forks_ != FileLock::forks()) return;  // closing it would touch what is the parent's
+  for (auto& [sql, prepared] : statements_) sqlite3_finalize(prepared.statement);
+  if (handle_ && !isUsable(true)) sqlite3_db_config(handle_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
   sqlite3_close_v2(handle_);
 }
 
-void Database::finalizeStatements() {
-  for (auto& [sql, statement] : statements_) sqlite3_finalize(statement);
-  statements_.clear();
+/// Stands in for SQLite's own hook, which moves the log into the file as well.
+int Database::didCommit(void* database, sqlite3* handle, const char* name, int frames) {
+  auto& self = *static_cast<Database*>(database);
+  self.logSize_ = kLogHeaderBytes + static_cast<std::uint64_t>(frames) * (kFrameHeaderBytes + self.pageSize_);
+  if (frames >= kFramesWorthMoving) sqlite3_wal_checkpoint(handle, name);
+  return SQLITE_OK;
 }
 
-sqlite3_stmt* Database::prepared(std::string_view sql) {
-  if (auto found = statements_.find(sql); found != statements_.end()) return found->second;
-  if (statements_.size() >= kMostStatements) finalizeStatements();
+bool Database::isUsable(bool toWrite) {
+  if (isLost_ || inTransaction()) return !isLost_;
+  std::uint64_t logSize = 0;
+  isLost_ = !files_.hasIndex() || (toWrite && !(files_.areNamed(logSize) && isLogWhole(logSize)));
+  return !isLost_;
+}
+
+/// Another program may have moved the whole log into the file and emptied it, as it is free to do.
+bool Database::isLogWhole(std::uint64_t size) {
+  if (size >= logSize_) return true;
+  int frames = 0;
+  // With frames still to be moved this fails at the first one, since there is none to be read.
+  if (size != 0 ||
+      sqlite3_wal_checkpoint_v2(handle_, nullptr, SQLITE_CHECKPOINT_PASSIVE, &frames, nullptr) != SQLITE_OK)
+    return false;
+  logSize_ = 0;
+  return frames == 0;
+}
+
+sqlite3_stmt* Database::prepare(std::string_view sql, bool toKeep) {
   sqlite3_stmt* statement = nullptr;
-  if (sqlite3_prepare_v3(handle_, sql.data(), static_cast<int>(sql.size()), SQLITE_PREPARE_PERSISTENT, &statement,
-                         nullptr) != SQLITE_OK)
-    return nullptr;
-  statements_.emplace(sql, statement);
+  const unsigned flags = toKeep ? SQLITE_PREPARE_PERSISTENT : 0;
+  sqlite3_prepare_v3(handle_, sql.data(), static_cast<int>(sql.size()), flags, &statement, nullptr);
   return statement;
+}
+
+Database::Prepared* Database::kept(std::string_view sql) {
+  auto found = statements_.find(sql);
+  if (found == statements_.end()) {
+    if (statements_.size() >= kMostStatements)
+      std::erase_if(statements_, [](const auto& entry) {
+        if (!entry.second.isInUse) sqlite3_finalize(entry.second.statement);
+        return !entry.second.isInUse;
+      });
+    sqlite3_stmt* statement = prepare(sql, true);
+    if (!statement) return nullptr;
+    found = statements_.emplace(sql, Prepared{statement, false}).first;
+  }
+  if (found->second.isInUse) return nullptr;
+  found->second.isInUse = true;
+  return &found->second;
 }
 
 std::optional<Error> Database::run(std::string_view sql, StoreErrorCode code) {
   Execution execution(*this, sql);
-  while (execution.step()) {
-  }
-  if (execution.failed()) return execution.error(code, concat(sql, " failed"));
-  return std::nullopt;
+  return execution.runToEnd(code, sql);
+}
+
+std::optional<Error> Database::runOnce(std::string_view sql, StoreErrorCode code) {
+  Execution execution(*this, sql, Execution::Statement::once);
+  return execution.runToEnd(code, sql);
 }
 
 std::optional<Error> Database::checkpoint() {
-  if (sqlite3_wal_checkpoint_v2(handle_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr) == SQLITE_OK)
+  if (isUsable(true) &&
+      sqlite3_wal_checkpoint_v2(handle_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr) == SQLITE_OK) {
+    logSize_ = 0;
     return std::nullopt;
+  }
   return error(StoreErrorCode::operation, "The write-ahead log could not be moved into the store file");
 }
 
@@ -68,6 +137,10 @@ bool Database::inTransaction() const { return sqlite3_get_autocommit(handle_) ==
 std::int64_t Database::rowsChanged() const { return sqlite3_changes64(handle_); }
 
 Error Database::error(StoreErrorCode code, std::string_view what) const {
+  if (isLost_) {
+    isLossTold_ = true;
+    return storeError(code, concat(what, ": the store was removed, replaced or cut short while it was open"), file_);
+  }
   const int status = handle_ ? sqlite3_extended_errcode(handle_) : SQLITE_NOMEM;
   const char* text = handle_ ? sqlite3_errmsg(handle_) : sqlite3_errstr(status);
   Error error = storeError(code, concat(what, ": ", text), file_);
@@ -75,13 +148,27 @@ Error Database::error(StoreErrorCode code, std::string_view what) const {
   return error;
 }
 
-Execution::Execution(Database& database, std::string_view sql)
-    : database_(database), statement_(database.prepared(sql)), failed_(statement_ == nullptr) {}
+Execution::Execution(Database& database, std::string_view sql, Statement use)
+    : database_(database),
+      kept_(use == Statement::kept ? database.kept(sql) : nullptr),
+      statement_(kept_ ? kept_->statement : database.prepare(sql, false)),
+      failed_(!statement_ || !database.isUsable(sqlite3_stmt_readonly(statement_) == 0)) {}
 
 Execution::~Execution() {
-  if (!statement_) return;
+  if (!kept_) {
+    sqlite3_finalize(statement_);
+    return;
+  }
   sqlite3_reset(statement_);
   sqlite3_clear_bindings(statement_);
+  kept_->isInUse = false;
+}
+
+std::optional<Error> Execution::runToEnd(StoreErrorCode code, std::string_view sql) {
+  while (step()) {
+  }
+  if (failed_) return error(code, concat(sql, " failed"));
+  return std::nullopt;
 }
 
 void Execution::check(int status) {

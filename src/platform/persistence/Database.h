@@ -13,6 +13,7 @@
 
 #include "platform/foundation/Error.h"
 #include "platform/persistence/StoreError.h"
+#include "platform/persistence/StoreFiles.h"
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -23,8 +24,10 @@ namespace tarvo::platform {
 /// A connection to one SQLite file, with its prepared statements.
 ///
 /// Threads: one at a time; the connection itself locks nothing.
-/// Ownership: statements are prepared once for each text and live as long as the connection.
-/// Errors: never throws; carry SQLite's extended code under "NSSQLiteErrorDomain", its text and the file's path.
+/// Ownership: statements are prepared once for each text and kept for the next run of it.
+/// Forks: a child must not touch a connection of its parent; its object is dropped there without closing.
+/// Errors: never throws; carry SQLite's extended code under "NSSQLiteErrorDomain", its text and the file's path. Once
+/// the file has turned out to be lost (removed, replaced, cut) every call fails without touching it.
 class Database {
  public:
   /// Opens an existing file for reading and writing.
@@ -33,16 +36,29 @@ class Database {
   Database(const Database&) = delete;
   Database& operator=(const Database&) = delete;
 
-  /// The file is ours: its last connection may tidy up when it closes.
-  void adopt();
+  /// What lies at the file's path now is what is open; from here on it is watched.
+  void watchFiles() { files_.remember(); }
+  /// This process has the right to write: its connection may tidy up when it closes, and answers whether the file can
+  /// be written. Somebody who holds SQLite's own lock for the moment does not count.
+  std::optional<Error> adopt();
   /// Runs a statement that gives no rows or whose rows do not matter.
   std::optional<Error> run(std::string_view sql, StoreErrorCode code);
+  /// The same for a text that does not come again: its statement is not kept.
+  std::optional<Error> runOnce(std::string_view sql, StoreErrorCode code);
   /// Moves the write-ahead log into the file and empties it.
   std::optional<Error> checkpoint();
+
+  /// Whether the open file can still be used: it is there under its name, with all that SQLite has written. Looks only
+  /// outside of transactions. A file that was lost stays lost.
+  bool isUsable(bool toWrite);
+  bool isLost() const { return isLost_; }
+  /// Lost, and no error has told it yet.
+  bool hasUntoldLoss() const { return isLost_ && !isLossTold_; }
 
   bool isReadOnly() const;
   bool inTransaction() const;
   std::int64_t rowsChanged() const;  ///< by the latest insert, update or delete
+  std::size_t keptStatements() const { return statements_.size(); }
   /// The failure of the latest call.
   Error error(StoreErrorCode code, std::string_view what) const;
 
@@ -59,13 +75,26 @@ class Database {
     }
   };
 
-  explicit Database(std::filesystem::path file) : file_(std::move(file)) {}
-  sqlite3_stmt* prepared(std::string_view sql);  ///< null when it cannot be
-  void finalizeStatements();
+  struct Prepared {
+    sqlite3_stmt* statement;
+    bool isInUse;
+  };
+
+  explicit Database(std::filesystem::path file);
+  sqlite3_stmt* prepare(std::string_view sql, bool toKeep);  ///< null when it cannot be
+  Prepared* kept(std::string_view sql);                      ///< null when it cannot be, or is in use
+  bool isLogWhole(std::uint64_t size);
+  static int didCommit(void* database, sqlite3* handle, const char* name, int frames);
 
   std::filesystem::path file_;
+  const unsigned forks_;  ///< that led to the process that opened it
   sqlite3* handle_ = nullptr;
-  std::unordered_map<std::string, sqlite3_stmt*, TextHash, std::equal_to<>> statements_;
+  StoreFiles files_;
+  std::uint64_t pageSize_ = 0;
+  std::uint64_t logSize_ = 0;  ///< of the write-ahead log at the least, after our latest commit
+  bool isLost_ = false;
+  mutable bool isLossTold_ = false;
+  std::unordered_map<std::string, Prepared, TextHash, std::equal_to<>> statements_;
 };
 
 /// A column of the row that a statement stands on; valid until its next step.
@@ -84,10 +113,12 @@ class Cell {
 
 /// One run of a prepared statement: bind, then step. Its end resets the statement and drops every binding.
 ///
-/// Bound texts must outlive it. One run of the same text at a time.
+/// Bound texts must outlive it. Runs of the same text may overlap; the inner one is then prepared for itself.
 class Execution {
  public:
-  Execution(Database& database, std::string_view sql);
+  enum class Statement { kept, once };
+
+  Execution(Database& database, std::string_view sql, Statement use = Statement::kept);
   ~Execution();
   Execution(const Execution&) = delete;
   Execution& operator=(const Execution&) = delete;
@@ -101,6 +132,8 @@ class Execution {
   /// True for each row; false at the end and on failure.
   bool step();
   bool failed() const { return failed_; }
+  /// Steps over all rows; `sql` is named in the error.
+  std::optional<Error> runToEnd(StoreErrorCode code, std::string_view sql);
   /// What made it fail; to be asked before another call to the database.
   Error error(StoreErrorCode code, std::string_view what) const { return database_.error(code, what); }
 
@@ -113,6 +146,7 @@ class Execution {
   void check(int status);
 
   Database& database_;
+  Database::Prepared* kept_;  ///< null for a statement of its own
   sqlite3_stmt* statement_;
   bool failed_;
 };

@@ -134,7 +134,7 @@ Result<NSManagedObjectContext::Request> NSManagedObjectContext::compiled(const N
   const NSEntityDescription* entity = coordinator_->model().entity(request.entity);
   if (!entity) return unknownEntity(request.entity);
   Store* store = coordinator_->store();
-  if (!store) return noStoreError(operation);
+  if (!store) return coordinator_->whyNoStore(operation);
   auto plan = FetchPlan::compile(*entity, request);
   if (!plan) return plan.error();
   return Request{*entity, *store, std::move(*plan)};
@@ -199,14 +199,19 @@ Result<StoredRows> NSManagedObjectContext::rows(const NSFetchRequest& request) {
   return rows;
 }
 
-std::shared_ptr<NSManagedObject> NSManagedObjectContext::insertNewObject(std::string_view name) {
+std::optional<Error> NSManagedObjectContext::claim(std::optional<WriteRight::Span> wait) {
   requireCurrent();
+  return coordinator_->claim(wait);
+}
+
+std::shared_ptr<NSManagedObject> NSManagedObjectContext::insertNewObject(std::string_view name) {
+  (void)claim();
   const NSEntityDescription* entity = coordinator_->model().entity(name);
   return entity ? state_->objects(*entity).insert() : nullptr;
 }
 
 void NSManagedObjectContext::deleteObject(const std::shared_ptr<NSManagedObject>& object) {
-  requireCurrent();
+  (void)claim();
   if (object) state_->objects(object->entity()).remove(object);
 }
 
@@ -217,7 +222,7 @@ Result<std::shared_ptr<NSManagedObject>> NSManagedObjectContext::existingObject(
   std::int64_t key = 0;
   if (auto object = objects.named(id, key)) return object;
   Store* store = coordinator_->store();
-  if (!store) return noStoreError("fetch");
+  if (!store) return coordinator_->whyNoStore("fetch");
   if (key == 0 || (id.storeUUID && *id.storeUUID != *store->uuid())) return missingObject(id);
 
   RowCodec codec(*id.entity, id.entity->allAttributes());
@@ -259,7 +264,7 @@ std::optional<Error> NSManagedObjectContext::saveAfterFailure() {
 
 std::optional<Error> NSManagedObjectContext::save() {
   if (!hasChanges()) return std::nullopt;
-  if (!coordinator_->store()) return noStoreError("save");
+  if (claim()) return coordinator_->whyNoStore("save");
   if (!state_->putsOff) return write();
   state_->isPutOff = true;
   return std::nullopt;
@@ -272,6 +277,7 @@ void NSManagedObjectContext::writeWhatWasPutOff() {
 
 std::optional<Error> NSManagedObjectContext::write() {
   state_->isPutOff = false;
+  if (!coordinator_->store()) return coordinator_->whyNoStore("save");
   std::size_t& rows = state_->rowsAtOnce;
   while (true) {
     if (auto error = writeAtMost(rows)) {

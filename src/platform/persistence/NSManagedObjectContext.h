@@ -41,6 +41,9 @@ class NSManagedObjectContext {
   /// The rows that match now, without limit, to be gone through later without making objects of them.
   Result<StoredRows> rows(const NSFetchRequest& request);
 
+  /// Takes the right to write to the store (see NSPersistentStoreCoordinator) before something is read in order to be
+  /// changed. `insertNewObject`, `deleteObject` and `save` do it by themselves. Absent on success.
+  std::optional<Error> claim(std::optional<WriteRight::Span> wait = {});
   /// A new object with every attribute absent; a null pointer for an unknown entity.
   std::shared_ptr<NSManagedObject> insertNewObject(std::string_view entity);
   void deleteObject(const std::shared_ptr<NSManagedObject>& object);

@@ -1,12 +1,16 @@
 #include "platform/persistence/NSPersistentStoreCoordinator.h"
 
+#include <utility>
+
+#include "platform/foundation/FileLock.h"
 #include "platform/foundation/Text.h"
 #include "platform/persistence/Store.h"
 
 namespace tarvo::platform {
 
-NSPersistentStoreCoordinator::NSPersistentStoreCoordinator(std::shared_ptr<NSManagedObjectModel> model)
-    : model_(std::move(model)) {}
+NSPersistentStoreCoordinator::NSPersistentStoreCoordinator(std::shared_ptr<NSManagedObjectModel> model,
+                                                           WriteRight::Patience patience)
+    : model_(std::move(model)), patience_(patience), forks_(FileLock::forks()) {}
 
 NSPersistentStoreCoordinator::~NSPersistentStoreCoordinator() = default;
 
@@ -22,13 +26,40 @@ std::optional<Error> NSPersistentStoreCoordinator::addPersistentStore(std::strin
   auto store = Store::open(url, *entities, model_->versionHash());
   if (!store) return store.error();
   store_ = std::move(*store);
+  right_ = std::make_unique<WriteRight>(url, patience_);
   return std::nullopt;
 }
 
-bool NSPersistentStoreCoordinator::hasStore() const { return store_ != nullptr; }
+NSPersistentStoreCoordinator::Store* NSPersistentStoreCoordinator::store() {
+  const bool isUsable = store_ && standing_ != Standing::keptOut && forks_ == FileLock::forks();
+  return isUsable && !store_->database().isLost() ? store_.get() : nullptr;
+}
+
+bool NSPersistentStoreCoordinator::hasStore() { return store() && store_->database().isUsable(/*toWrite=*/true); }
+
+std::optional<Error> NSPersistentStoreCoordinator::claim(std::optional<WriteRight::Span> wait) {
+  if (!store_ || forks_ != FileLock::forks() || store_->database().isLost()) return noStoreError("save");
+  if (standing_ == Standing::writes) return std::nullopt;
+  auto refusal = right_->take(wait);
+  if (!refusal && (refusal = store_->beginWriting())) right_->giveBack();
+  if (!refusal) {
+    untold_.reset();
+  } else if (standing_ == Standing::reads) {
+    untold_ = refusal;
+  }
+  standing_ = refusal ? Standing::keptOut : Standing::writes;
+  return refusal;
+}
+
+Error NSPersistentStoreCoordinator::whyNoStore(std::string_view operation) {
+  if (store_ && store_->database().hasUntoldLoss())
+    return store_->database().error(StoreErrorCode::operation, concat("It cannot perform a ", operation, " operation"));
+  if (untold_) return *std::exchange(untold_, std::nullopt);
+  return noStoreError(operation);
+}
 
 std::optional<Error> NSPersistentStoreCoordinator::checkpoint() {
-  return store_ ? store_->database().checkpoint() : std::nullopt;
+  return store() && standing_ == Standing::writes ? store_->database().checkpoint() : std::nullopt;
 }
 
 }  // namespace tarvo::platform

@@ -36,7 +36,7 @@ void keep(Database& database, std::string_view table, const Kept& now) {
   const std::string name = keptName(table);
   const std::string trigger = concat("CREATE TRIGGER IF NOT EXISTS \"", table, "_deleted\" AFTER DELETE ON \"", table,
                                      "\" BEGIN DELETE FROM \"_metadata\" WHERE name = '", name, "'; END");
-  if (database.run(trigger, StoreErrorCode::save)) return;
+  if (database.runOnce(trigger, StoreErrorCode::save)) return;
   const std::string value = concat(now.rows, " ", now.lastKey);
   Execution row(database, "REPLACE INTO \"_metadata\" VALUES (?1, ?2)");
   row.bind(1, name);
@@ -54,7 +54,7 @@ Result<std::int64_t> number(Database& database, const std::string& sql, std::opt
 
 }  // namespace
 
-Result<std::int64_t> countRows(Database& database, std::string_view table) {
+Result<std::int64_t> countRows(Database& database, std::string_view table, bool mayWrite) {
   // What is counted and what is kept are one view of the file: if another process writes in between, keeping fails.
   if (auto error = database.run("BEGIN", StoreErrorCode::operation)) return *error;
   Transaction view(database);
@@ -63,12 +63,12 @@ Result<std::int64_t> countRows(Database& database, std::string_view table) {
   auto lastKey = number(database, concat("SELECT max(\"_key\") FROM \"", table, "\""));
   if (!lastKey) return lastKey;
   const std::int64_t since = *lastKey - known.lastKey;
-  const bool isKept = known.lastKey > 0 && since <= kMostCounted;
+  const bool isKept = known.lastKey > 0 && since >= 0 && since <= kMostCounted;
   const std::string all = concat("SELECT count(*) FROM \"", table, "\"");
   auto counted = isKept ? number(database, all + " WHERE \"_key\" > ?1", known.lastKey) : number(database, all);
   if (!counted) return counted;
   const std::int64_t rows = *counted + (isKept ? known.rows : 0);
-  if (since > kWorthKeeping) keep(database, table, {rows, *lastKey});
+  if (mayWrite && since > kWorthKeeping) keep(database, table, {rows, *lastKey});
   return rows;
 }
 

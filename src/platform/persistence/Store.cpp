@@ -65,8 +65,8 @@ Result<std::int64_t> NSPersistentStoreCoordinator::Store::rowCount(const NSEntit
   Table* known = table(entity);
   if (!known) return unknownEntity(entity);
   if (known->rows) return *known->rows;
-  auto counted = countRows(*database_, entity.name);
-  if (counted) known->rows = *counted;
+  auto counted = countRows(*database_, entity.name, writes_);
+  if (counted && writes_) known->rows = *counted;
   return counted;
 }
 

@@ -27,15 +27,18 @@ struct NSPersistentStoreCoordinator::Store {
     std::int64_t rowsAdded = 0;  ///< negative when more were deleted
   };
 
-  /// Opens or creates the file; refuses what is not a store of the model.
+  /// Opens or creates the file; refuses what is not a store of the model. What is there already is not changed.
   static Result<std::unique_ptr<Store>> open(const std::filesystem::path& file,
                                              const std::vector<const NSEntityDescription*>& entities,
                                              const std::string& modelHash);
 
+  /// From here on this process is the only one that writes: counts are trusted. On failure nothing has begun.
+  std::optional<Error> beginWriting();
+
   Database& database() { return *database_; }
   const std::shared_ptr<const std::string>& uuid() const { return uuid_; }
 
-  /// The number of rows; costs nothing once it is known.
+  /// The number of rows; costs nothing once it is known, which only the process that writes can rely on.
   Result<std::int64_t> rowCount(const NSEntityDescription& entity);
   /// Whether rows may exist that a plan with conditions leaves out; false only where that costs little to find.
   Result<bool> leavesRowsOut(const NSEntityDescription& entity, const FetchPlan& plan);
@@ -65,6 +68,7 @@ struct NSPersistentStoreCoordinator::Store {
   std::unique_ptr<Database> database_;
   std::shared_ptr<const std::string> uuid_;
   std::vector<Table> tables_;
+  bool writes_ = false;
 };
 
 }  // namespace tarvo::platform

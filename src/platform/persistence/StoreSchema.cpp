@@ -14,6 +14,7 @@ namespace {
 /// "Tarv"
 constexpr std::uint32_t kApplicationID = 0x54617276;
 constexpr std::string_view kMagic{"SQLite format 3\0", 16};
+constexpr std::string_view kJournalMagic{"\xd9\xd5\x05\xf9\x20\xa1\x63\xd7", 8};
 constexpr std::size_t kHeaderSize = 100;
 constexpr std::size_t kApplicationIDOffset = 68;
 
@@ -63,7 +64,7 @@ std::string newUUID() {
 }
 
 Result<bool> hasNoObjects(Database& database) {
-  Execution count(database, "SELECT count(*) FROM sqlite_schema");
+  Execution count(database, "SELECT count(*) FROM sqlite_schema", Execution::Statement::once);
   if (!count.step()) return count.error(StoreErrorCode::open, "The store's schema cannot be read");
   return count.integer(0) == 0;
 }
@@ -95,6 +96,18 @@ std::optional<Error> StoreSchema::checkHeader(const std::filesystem::path& file)
   return storeError(StoreErrorCode::incompatibleSchema, "The file is the database of another application", file);
 }
 
+bool StoreSchema::isHalfMade(const std::filesystem::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  const int first = in.get();
+  if (!in || first == kMagic.front()) return false;
+  // The journal's own header: magic, number of records, nonce, and how many pages the file had before.
+  std::array<char, kJournalMagic.size() + 12> journal{};
+  std::ifstream beside(file.native() + "-journal", std::ios::binary);
+  if (!beside.read(journal.data(), journal.size())) return false;
+  const std::string_view header(journal.data(), journal.size());
+  return header.starts_with(kJournalMagic) && header.ends_with(std::string_view("\0\0\0\0", 4));
+}
+
 Result<std::string> StoreSchema::prepare(Database& database) const {
   auto isEmpty = hasNoObjects(database);
   if (!isEmpty) return isEmpty.error();
@@ -114,14 +127,14 @@ std::optional<Error> StoreSchema::create(Database& database) const {
   if (!isEmpty) return isEmpty.error();
   if (!*isEmpty) return std::nullopt;  // another process was faster
   const std::string header = concat("PRAGMA application_id = ", kApplicationID);
-  if (auto error = database.run(header, StoreErrorCode::open)) return error;
+  if (auto error = database.runOnce(header, StoreErrorCode::open)) return error;
   for (const auto& [name, sql] : objects_)
-    if (auto error = database.run(sql, StoreErrorCode::open)) return error;
+    if (auto error = database.runOnce(sql, StoreErrorCode::open)) return error;
   const std::string uuid = newUUID();
   const std::array<std::pair<std::string_view, std::string_view>, 3> metadata{
       {{"uuid", uuid}, {"modelHash", modelHash_}, {"entities", entityNames_}}};
   for (const auto& [name, value] : metadata) {
-    Execution insert(database, "INSERT INTO \"_metadata\" VALUES (?1, ?2)");
+    Execution insert(database, "INSERT INTO \"_metadata\" VALUES (?1, ?2)", Execution::Statement::once);
     insert.bind(1, name);
     insert.bind(2, value);
     insert.step();
@@ -132,7 +145,7 @@ std::optional<Error> StoreSchema::create(Database& database) const {
 
 std::optional<Error> StoreSchema::checkMetadata(Database& database, std::string& uuid) const {
   std::map<std::string, std::string, std::less<>> metadata;
-  Execution rows(database, "SELECT \"name\", \"value\" FROM \"_metadata\"");
+  Execution rows(database, "SELECT \"name\", \"value\" FROM \"_metadata\"", Execution::Statement::once);
   while (rows.step()) metadata.emplace(rows.text(0), rows.text(1));
   if (rows.failed()) return rows.error(StoreErrorCode::incompatibleSchema, "The store's metadata cannot be read");
   uuid = metadata["uuid"];
@@ -147,7 +160,7 @@ std::optional<Error> StoreSchema::checkMetadata(Database& database, std::string&
 
 std::optional<Error> StoreSchema::checkTables(Database& database) const {
   std::map<std::string, std::string, std::less<>> found;
-  Execution rows(database, "SELECT name, sql FROM sqlite_schema WHERE sql IS NOT NULL");
+  Execution rows(database, "SELECT name, sql FROM sqlite_schema WHERE sql IS NOT NULL", Execution::Statement::once);
   while (rows.step()) found.emplace(rows.text(0), rows.text(1));
   if (rows.failed()) return rows.error(StoreErrorCode::open, "The store's schema cannot be read");
   for (const auto& [name, sql] : objects_)

@@ -24,6 +24,9 @@ class StoreSchema {
   /// file of somebody else's is not even opened by SQLite.
   static std::optional<Error> checkHeader(const std::filesystem::path& file);
 
+  /// A power cut has left the file without its header, and beside it the journal that empties it. Reads plain bytes.
+  static bool isHalfMade(const std::filesystem::path& file);
+
   /// Makes the schema in an empty file, in one transaction, unless it is there; then checks it.
   /// Answers the store's UUID.
   Result<std::string> prepare(Database& database) const;

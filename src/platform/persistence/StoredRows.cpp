@@ -47,6 +47,10 @@ std::optional<Error> StoredRows::forEach(const std::vector<int>& attributes,
                 plan_.orderClause(), limit > 0 ? " LIMIT ?" : "");
   context_->performAndWait([&] {
     auto* store = context_->coordinator().store();
+    if (!store) {
+      failure = context_->coordinator().whyNoStore("fetch");
+      return;
+    }
     Execution rows(store->database(), sql);
     const int next = where.empty() ? 1 : plan_.bind(rows);  // a bare "?" takes the next number
     rows.bind(next, lastKey_);

@@ -1,9 +1,6 @@
 #include "platform/urlsession/TransferJournal.h"
 
 #include <errno.h>
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string_view>
@@ -44,40 +41,25 @@ std::string fileNameOf(std::string_view text) {
 }
 
 TransferJournal::TransferJournal(const fs::path& directory, std::string identifier)
-    : identifier_(std::move(identifier)), file_(directory / (fileNameOf(identifier_) + ".jsonl")) {
+    : identifier_(std::move(identifier)),
+      file_(directory / (fileNameOf(identifier_) + ".jsonl")),
+      lock_(directory / (fileNameOf(identifier_) + ".lock")) {
   if (const auto error = createPrivateDirectories(directory)) {
     tell(error->localizedDescription);
     return;
   }
-  if (!lockFile(directory / (fileNameOf(identifier_) + ".lock"))) return;
+  const auto locked = lock_.tryLock();
+  if (!lock_.isHeld()) {
+    tell(locked ? "another process has the session" : locked.error().localizedDescription);
+    return;
+  }
   removeAbandonedWrites(directory);
   MutexLock lock(mutex_);
   read();
 }
 
-TransferJournal::~TransferJournal() {
-  if (lock_ >= 0) ::close(lock_);
-}
-
 void TransferJournal::tell(std::string_view what) const {
   NSLog(concat("Background session ", identifier_, ": transfers are not journalled: ", what));
-}
-
-bool TransferJournal::lockFile(const fs::path& file) {
-  const int opened = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, S_IRUSR | S_IWUSR);
-  if (opened < 0) {
-    tell(posixError(errno, file.native()).localizedDescription);
-    return false;
-  }
-  if (::flock(opened, LOCK_EX | LOCK_NB) != 0) {
-    const int error = errno;
-    ::close(opened);
-    tell(error == EWOULDBLOCK ? "another process has the session"
-                              : posixError(error, file.native()).localizedDescription);
-    return false;
-  }
-  lock_ = opened;
-  return true;
 }
 
 void TransferJournal::read() {
@@ -91,7 +73,7 @@ void TransferJournal::read() {
     if (!content) {
       // It may hold transfers, so it is not replaced.
       tell(content.error().localizedDescription);
-      ::close(std::exchange(lock_, -1));
+      lock_.unlock();
       return;
     }
     bytes = std::move(*content);
@@ -175,7 +157,7 @@ void TransferJournal::noteWriting(const std::optional<Error>& error) {
 
 void TransferJournal::putResumed(const URLSessionUploadTask& task) {
   MutexLock lock(mutex_);
-  if (lock_ < 0) return;
+  if (!lock_.isHeld()) return;
   forget(task.taskIdentifier);
   std::string& line = lines_[task.taskIdentifier].resumed = encodeResumed(task);
   liveBytes_ += line.size() + 1;
@@ -200,7 +182,7 @@ void TransferJournal::remove(std::int64_t taskIdentifier) {
 }
 
 void TransferJournal::flush() {
-  if (lock_ < 0) return;
+  if (!lock_.isHeld()) return;
   const auto error = flushFile(file_);
   // Without a file nothing is under way any more.
   if (!error || error->code == ENOENT) return;

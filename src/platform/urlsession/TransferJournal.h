@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/foundation/FileLock.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/urlsession/TransferRecord.h"
 
@@ -22,7 +23,6 @@ namespace tarvo::platform {
 class TransferJournal {
  public:
   TransferJournal(const std::filesystem::path& directory, std::string identifier);
-  ~TransferJournal();
   TransferJournal(const TransferJournal&) = delete;
   TransferJournal& operator=(const TransferJournal&) = delete;
 
@@ -46,7 +46,6 @@ class TransferJournal {
     std::string ended;  ///< empty until then, and when the first says it too
   };
 
-  bool lockFile(const std::filesystem::path& file);
   void read() REQUIRES(mutex_);
   /// Takes in what a line says; false if it says nothing that counts.
   bool apply(std::string_view line) REQUIRES(mutex_);
@@ -58,7 +57,7 @@ class TransferJournal {
 
   const std::string identifier_;
   const std::filesystem::path file_;
-  int lock_ = -1;  ///< held while the journal is in use, else -1
+  FileLock lock_;  ///< held while the journal is in use
 
   Mutex mutex_;
   std::map<std::int64_t, Lines> lines_ GUARDED_BY(mutex_);

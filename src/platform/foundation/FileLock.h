@@ -1,0 +1,49 @@
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <string>
+
+#include "platform/foundation/Error.h"
+
+namespace tarvo::platform {
+
+/// The right of one process to something, as a lock on a file beside it.
+///
+/// The kernel ends it with the process, however that ends; a reboot leaves nothing of it, and a forked child has no
+/// share in it. The file stays for good, because a name that goes could be locked twice. It holds the holder's process
+/// id and name, for people: they decide nothing.
+/// Threads: one at a time; a fork may come on any thread at any moment.
+class FileLock {
+ public:
+  explicit FileLock(std::filesystem::path file) : file_(std::move(file)) {}
+  ~FileLock() { unlock(); }
+  FileLock(const FileLock&) = delete;
+  FileLock& operator=(const FileLock&) = delete;
+
+  /// Makes the file (mode 0600) where there is none. False while another holds it; an error when the file cannot be
+  /// made or locked. True when it is held already.
+  Result<bool> tryLock();
+  /// Asks again for up to `patience` of the machine's own time, or until `giveUp` says so.
+  Result<bool> lock(std::chrono::milliseconds patience, const std::function<bool()>& giveUp = {});
+  void unlock();
+  bool isHeld() const { return descriptor_ >= 0; }
+
+  /// "NAME (process N)" of who wrote itself down last, "another process" when nobody can be read.
+  std::string holder() const;
+
+  /// How many forks led from the process that was started to this one. What was opened at another number belongs to a
+  /// parent.
+  static unsigned forks();
+
+ private:
+  struct Registry;
+  static Registry& registry();
+  void writeHolder() const;
+
+  const std::filesystem::path file_;
+  int descriptor_ = -1;  ///< while it is held
+};
+
+}  // namespace tarvo::platform

@@ -1,0 +1,268 @@
+#include <signal.h>
+#include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <optional>
+
+#include "persistence/TestStore.h"
+#include "platform/foundation/FileLock.h"
+#include "platform/persistence/Store.h"
+#include "support/TempDir.h"
+
+namespace tarvo::platform {
+namespace {
+
+using std::chrono::hours;
+using std::chrono::milliseconds;
+namespace fs = std::filesystem;
+
+constexpr WriteRight::Patience kNone{milliseconds(0), milliseconds(0)};
+
+void runSql(const fs::path& file, const char* sql) {
+  sqlite3* database = nullptr;
+  ASSERT_EQ(sqlite3_open(file.c_str(), &database), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(database, sql, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(database);
+  sqlite3_close(database);
+}
+
+std::string textOf(const std::optional<Error>& error) { return error ? error->localizedDescription : "done"; }
+
+void save(TestStore& store, int index) {
+  store.run([&] {
+    store.add(index);
+    EXPECT_EQ(textOf(store.context->save()), "done");
+  });
+}
+
+TEST(OneWriter, KeepsTheOthersOutUntilItHasGone) {
+  test::TempDir dir;
+  const auto file = dir.path() / "a.sqlite";
+  std::optional<TestStore> first(file);
+  save(*first, 0);
+  TestStore second(file, kNone);
+  TestStore patient(file, {milliseconds(0), hours(1)});
+  second.run([&] { EXPECT_EQ(second.count(), 1U); });
+  save(*first, 1);
+  for (TestStore* other : {&second, &patient})
+    other->run([&] {
+      EXPECT_EQ(other->count(), 2U) << "a reader believes no count of its own";
+      EXPECT_TRUE(other->add(9));
+      EXPECT_FALSE(other->coordinator->hasStore());
+      const auto told = other->context->count({"Locations"}).error();
+      EXPECT_NE(told.localizedDescription.find("(process " + std::to_string(::getpid()) + ")"), std::string::npos)
+          << told.description();
+      EXPECT_EQ(textOf(other->context->fetch({"Locations"}).error()), noStoreError("fetch").localizedDescription);
+      EXPECT_EQ(textOf(other->context->save()), noStoreError("save").localizedDescription);
+      EXPECT_TRUE(other->context->hasChanges());
+      EXPECT_FALSE(other->coordinator->checkpoint());
+    });
+  save(*first, 2);
+  first.reset();
+  patient.run([&] { EXPECT_TRUE(patient.context->save()) << "it is too early for another look"; });
+  second.run([&] {
+    second.add(3);
+    EXPECT_TRUE(second.coordinator->hasStore());
+    EXPECT_EQ(textOf(second.context->save()), "done");
+    EXPECT_EQ(second.indexes({"Locations", {}, {{"index", true}}}), "0 1 2 3 9 ");
+    EXPECT_EQ(second.count(), 5U);
+  });
+}
+
+TEST(OneWriter, IsNoReader) {
+  test::TempDir dir;
+  const auto file = dir.path() / "a.sqlite";
+  {
+    TestStore store(file);
+    store.run([&] {
+      for (int i = 0; i < 6000; ++i) store.add(i);
+      EXPECT_FALSE(store.context->save());
+    });
+  }
+  runSql(file, "INSERT INTO Locations (\"index\") SELECT \"index\" FROM Locations");
+  fs::remove(WriteRight::lockFileOf(file));
+  const auto state = [&] {
+    return std::pair(fileText(file) + fileText(file.string() + "-wal"), fs::last_write_time(file));
+  };
+  const auto before = state();
+  {
+    TestStore store(file);
+    store.run([&] {
+      EXPECT_EQ(store.count(), 12000U);
+      EXPECT_EQ(store.fetch(unsentRequest(3)).size(), 3U);
+      std::size_t seen = 0;
+      auto rows = std::move(store.context->rows({"Locations"}).value());
+      EXPECT_FALSE(rows.forEach({store.at("index")}, [&](const StoredRow&) { return ++seen > 0; }));
+      EXPECT_EQ(seen, 12000U);
+      EXPECT_FALSE(store.context->save());
+      EXPECT_FALSE(store.coordinator->checkpoint());
+    });
+  }
+  EXPECT_TRUE(state() == before);
+  EXPECT_FALSE(fs::exists(WriteRight::lockFileOf(file)));
+}
+
+TEST(OneWriter, IsNoForkedChildAndNeedsNoneToEnd) {
+  test::TempDir dir;
+  const auto file = dir.path() / "a.sqlite";
+  int ready[2], go[2];
+  ASSERT_EQ(::pipe(ready) + ::pipe(go), 0);
+  char byte = 0;
+  const pid_t parent = ::fork();
+  if (parent == 0) {
+    TestStore store(file);
+    save(store, 0);
+    if (::fork() == 0) {
+      store.run([&] {
+        store.add(1);
+        byte =
+            !store.context->count({"Locations"}) && store.context->save() && !store.coordinator->hasStore() ? 'y' : 'n';
+      });
+      (void)!::write(ready[1], &byte, 1);
+      ::close(go[1]);
+      (void)!::read(go[0], &byte, 1);  // until the test lets go
+      ::_exit(0);
+    }
+    ::pause();
+  }
+  ::close(go[0]);
+  ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+  EXPECT_EQ(byte, 'y');
+  TestStore next(file, kNone);
+  next.run([&] { EXPECT_TRUE(next.context->claim()); });
+  ::kill(parent, SIGKILL);
+  ::waitpid(parent, nullptr, 0);
+  next.run([&] {
+    EXPECT_EQ(textOf(next.context->claim()), "done") << "the grandchild lives on";
+    EXPECT_EQ(next.count(), 1U);
+  });
+  ::close(go[1]);
+}
+
+TEST(Creation, LeavesEachOfSeveralProcessesWithAStore) {
+  for (int round = 0; round < 25; ++round) {
+    test::TempDir dir;
+    int go[2];
+    ASSERT_EQ(::pipe(go), 0);
+    std::vector<pid_t> children(4);
+    for (pid_t& child : children) {
+      child = ::fork();
+      if (child != 0) continue;
+      char byte = 0;
+      ::close(go[1]);
+      (void)!::read(go[0], &byte, 1);
+      TestStore store(dir.path() / "a.sqlite");
+      ::_exit(store.failure ? 1 : 0);
+    }
+    ::close(go[0]);
+    ::close(go[1]);  // all at once
+    for (const pid_t child : children) {
+      int status = 0;
+      ::waitpid(child, &status, 0);
+      EXPECT_EQ(status, 0) << round;
+    }
+  }
+}
+
+TEST(Creation, IsTakenUpAfterAPowerCutAndDoesNotMindWhoWritesNow) {
+  test::TempDir dir;
+  const auto file = dir.path() / "a.sqlite";
+  // Page 1 never reached the disk; the journal says that the file was empty.
+  std::ofstream(file) << std::string(8192, '\0');
+  const std::string journal("\xd9\xd5\x05\xf9\x20\xa1\x63\xd7\0\0\0\0\x12\x34\x56\x78\0\0\0\0\0\0\x02\0\0\0\x10\0", 28);
+  std::ofstream(file.string() + "-journal") << journal << std::string(512 - journal.size(), '\0');
+  { TestStore store(file); }
+  sqlite3* elsewhere = nullptr;
+  ASSERT_EQ(sqlite3_open(file.c_str(), &elsewhere), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(elsewhere, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+  TestStore store(file);
+  EXPECT_EQ(textOf(store.failure), "done");
+  store.run([&] {
+    EXPECT_EQ(textOf(store.context->claim()), "done");
+    store.add(0);
+    sqlite3_close(elsewhere);
+    EXPECT_EQ(textOf(store.context->save()), "done");
+  });
+}
+
+TEST(LostStore, IsNoticedByTheNextSaveAndToldOnce) {
+  const auto cut = [](std::string_view side, double part) {
+    return [=](const fs::path& file) {
+      const fs::path path = file.string() + std::string(side);
+      fs::resize_file(path, static_cast<std::uintmax_t>(static_cast<double>(fs::file_size(path)) * part));
+    };
+  };
+  const auto removed = [](std::string_view side) {
+    return [=](const fs::path& file) { fs::remove(file.string() + std::string(side)); };
+  };
+  const struct {
+    const char* name;
+    std::function<void(const fs::path&)> happens;
+    bool isLost = true;
+  } cases[] = {
+      {"home deleted", [](const fs::path& file) { fs::remove_all(file.parent_path()); }},
+      {"store removed", removed("")},
+      {"store replaced",
+       [](const fs::path& file) {
+         fs::copy(file, file.string() + ".new");
+         fs::rename(file.string() + ".new", file);
+       }},
+      {"log removed", removed("-wal")},
+      {"log emptied", cut("-wal", 0)},
+      {"log cut", cut("-wal", 0.5)},
+      {"index removed", removed("-shm")},
+      {"index emptied", cut("-shm", 0)},
+      {"tidied by another program",
+       [](const fs::path& file) {
+         runSql(file, "PRAGMA wal_checkpoint(TRUNCATE); VACUUM; PRAGMA wal_checkpoint(TRUNCATE)");
+       },
+       false},
+  };
+  for (const auto& [name, happens, isLost] : cases) {
+    SCOPED_TRACE(name);
+    test::TempDir dir;
+    fs::create_directory(dir.path() / "home");
+    TestStore store(dir.path() / "home" / "a.sqlite");
+    for (int i = 0; i < 3; ++i) save(store, i);
+    happens(store.file);
+    store.run([&] {
+      store.add(3);
+      const std::string first = textOf(store.context->save());
+      EXPECT_EQ(first.find("removed, replaced or cut short") != first.npos, isLost) << first;
+      EXPECT_EQ(store.coordinator->hasStore(), !isLost);
+      EXPECT_EQ(static_cast<bool>(store.context->count({"Locations"})), !isLost);
+      EXPECT_EQ(store.context->hasChanges(), isLost);
+      if (isLost) {
+        EXPECT_EQ(textOf(store.context->save()), noStoreError("save").localizedDescription);
+      } else {
+        EXPECT_EQ(first, "done");
+        store.add(4);
+        EXPECT_EQ(textOf(store.context->save()), "done");
+      }
+    });
+  }
+}
+
+TEST(Statements, InUseOutliveAnyNumberOfOthers) {
+  test::TempDir dir;
+  { TestStore made(dir.path() / "a.sqlite"); }
+  TestStore store(dir.path() / "a.sqlite");
+  auto& database = store.coordinator->store()->database();
+  EXPECT_EQ(database.keptStatements(), 0U) << "what makes or opens a store does not come again";
+  const std::string sql =
+      "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 300) SELECT i FROM n";
+  Execution rows(database, sql);
+  for (std::int64_t i = 1; i <= 300; ++i) {
+    ASSERT_TRUE(rows.step());
+    EXPECT_EQ(rows.integer(0), i);
+    Execution inner(database, i % 2 == 0 ? sql : concat("SELECT ", i));
+    ASSERT_TRUE(inner.step());
+    EXPECT_EQ(inner.integer(0), i % 2 == 0 ? 1 : i);
+  }
+  EXPECT_LE(database.keptStatements(), 128U);
+  EXPECT_FALSE(rows.step());
+  EXPECT_FALSE(rows.failed());
+}
+
+}  // namespace
+}  // namespace tarvo::platform
