@@ -40,9 +40,11 @@ class TARVO_API NetworkManager {
  public:
   /// Subscription name to notification value, waiting to be registered; copies.
   static std::map<std::string, std::string> SUBSCRIPTION_LIST();
+  static void setSUBSCRIPTION_LIST(std::map<std::string, std::string> list);
   static void setSUBSCRIPTION_LIST(std::string name, std::string value);
   /// Subscription names waiting to be unregistered; copies.
   static std::set<std::string> UNSUBSCRIPTION_LIST();
+  static void setUNSUBSCRIPTION_LIST(std::set<std::string> names);
   static void addUNSUBSCRIPTION_LIST(std::string name);
   /// The user-defaults key of the last points-of-interest version.
   static constexpr const char* LAST_POI_VERSION = "poi_version";

@@ -77,6 +77,9 @@ void LocationManager::refreshLoc() { parts_->intake.refreshLoc(); }
 
 void LocationManager::sendDataInBatchToRemoteWebServer() { parts_->pipeline.sendDataInBatchToRemoteWebServer(); }
 void LocationManager::sendAllUnsentDataToRemoteWebServer() { parts_->pipeline.sendAllUnsentDataToRemoteWebServer(); }
+void LocationManager::resendAllSentWithoutACKData(const std::vector<LocationRecord>& locations) {
+  parts_->pipeline.resendAllSentWithoutACKData(locations);
+}
 void LocationManager::markLocationAsSentUntilIndex(const std::string& locationIndex, const std::string& firstLoc) {
   parts_->pipeline.markLocationAsSentUntilIndex(locationIndex, firstLoc);
 }
@@ -87,6 +90,7 @@ void LocationManager::registerUserToRemoteWebServer() { parts_->registration.reg
 void LocationManager::addNewUserToDatabase(const std::string& uuid, const std::string& creationDate) {
   parts_->registration.addNewUserToDatabase(uuid, creationDate);
 }
+std::vector<UserRecord> LocationManager::getUser() { return parts_->registration.getUser(); }
 
 LocationsHistory LocationManager::getLocationhistory(std::optional<Date> since, std::optional<Date> until) {
   return parts_->history.getLocationhistory(since, until);
@@ -98,6 +102,10 @@ std::optional<PastTripRecord> LocationManager::getLastPastTrip() { return parts_
 std::vector<PointOfInterestRecord> LocationManager::getPointOfInterest() {
   return parts_->history.getPointOfInterest();
 }
+void LocationManager::addNewLastTrip(std::vector<platform::Dictionary> trips) {
+  parts_->submitLastTrips(std::move(trips));
+}
+void LocationManager::addNewPOI(std::vector<platform::Dictionary> pois) { parts_->submitPOIs(std::move(pois)); }
 void LocationManager::removeData() { parts_->history.removeData(); }
 void LocationManager::removePOIs() { parts_->history.removePOIs(); }
 void LocationManager::handleEventsForBackgroundURLSession(const std::string& identifier,

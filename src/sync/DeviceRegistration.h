@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include <tarvo/Records.h>
+
 #include "store/ObjectStore.h"
 
 namespace tarvo {
@@ -31,10 +33,10 @@ class DeviceRegistration {
   /// Stores the user, makes its identifier known unless one is, and starts an upload.
   void addNewUserToDatabase(std::string_view uuid, std::string_view creationDate);
 
- private:
-  /// The identifiers of all stored users.
-  std::vector<std::optional<std::string>> getUser();
+  /// All stored users.
+  std::vector<UserRecord> getUser();
 
+ private:
   ObjectStore& store_;
   NetworkManager& client_;
   std::function<void()> startUpload_;

@@ -21,7 +21,10 @@ TEST_F(Facade, GatesReadsByTheMode) {
   tarvo.activate(Tarvo::LOCAL_BACKGROUND);
   EXPECT_FALSE(tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {})) << "an empty history is absent";
   drive(2);
-  engine().parts().history.addNewLastTrip({{{"pasttrip_id", 7}, {"start_time", "2024-06-15T10:00:00.000+0000"}}});
+  engine().addNewLastTrip({{{"pasttrip_id", 7}, {"start_time", "2024-06-15T10:00:00.000+0000"}}});
+  engine().addNewPOI({{{"poi_id", 1}, {"zone_geo_json", platform::Dictionary{}}}});
+  waitUntilIdle();
+  EXPECT_EQ(tarvo.getPointOfInterests(), std::vector<std::string>{"{}"});
   const struct {
     std::int64_t mode;
     bool raw, extrapolated, trip, position;
@@ -65,6 +68,9 @@ TEST_F(Facade, TellsTheNewestObjectOfWholeBatchesUntilToldToStop) {
   auto host = std::make_shared<DiaryDelegate>();
   std::optional<Tarvo> newest = Tarvo();
   newest->setDelegate(host);
+  host->inside = [&](Tarvo& self) { EXPECT_TRUE(self == *newest && self != older); };
+  const Tarvo moved = std::move(older);
+  EXPECT_TRUE(older == moved && older.delegate() == olderHost) << "a handle that was moved from is as good as before";
   newest->activate(Tarvo::LOCAL_BACKGROUND);
   LocationService::shared().deliver({fixAt(48, kStart), fixAt(48.01, kStart + 1)});
   waitUntilIdle();
@@ -215,7 +221,7 @@ TEST_F(Facade, KeepsAccountCallsBelowModeEightAndReplaysTagsOnAPush) {
   EXPECT_EQ(Tarvo::UNSET_TAGS_LIST(), std::vector<std::string>{"old"});
   EXPECT_EQ(diary.count("UNSUBSCRIPTION_LIST : : : []"), 1u);
   EXPECT_EQ(diary.count("Tarvo : token t0k"), 1u);
-  EngineLink::current().submitLastTrips({{{"pasttrip_id", 7}}});
+  engine().addNewLastTrip({{{"pasttrip_id", 7}}});
   waitUntilIdle();
   EXPECT_EQ(host->matched, std::vector<std::int64_t>{7});
 
@@ -233,6 +239,35 @@ TEST_F(Facade, KeepsAccountCallsBelowModeEightAndReplaysTagsOnAPush) {
   EXPECT_EQ(diary.count("NetworkManager:setTags :[success]"), 2u);
   EXPECT_TRUE(NetworkManager::SUBSCRIPTION_LIST().empty());
   EXPECT_TRUE(NetworkManager::UNSUBSCRIPTION_LIST().empty());
+}
+
+TEST_F(Facade, LetsTheHostReadAndSetTheProcessWideValuesWhole) {
+  startBackend();
+  Tarvo tarvo = registered();
+  drive(1);
+  Tarvo::setSET_TAGS_LIST({{"colour", "red"}, {"size", "l"}});
+  Tarvo::setUNSET_TAGS_LIST({"old"});
+  tarvo.didReceiveRemoteNotification({{"messageFrom", "tarvo"}});
+  waitUntilIdle();
+  EXPECT_EQ(diary.count("NetworkManager:setTags :[success]"), 2u);
+  EXPECT_EQ(diary.count("NetworkManager:unsetTags :[success]"), 1u);
+  Tarvo::setSET_TAGS_LIST({});
+  Tarvo::setUNSET_TAGS_LIST({});
+  EXPECT_TRUE(Tarvo::SET_TAGS_LIST().empty() && Tarvo::UNSET_TAGS_LIST().empty());
+  NetworkManager::setSUBSCRIPTION_LIST({{"news", "n"}});
+  NetworkManager::setUNSUBSCRIPTION_LIST({"ads", "spam"});
+  EXPECT_EQ(NetworkManager::SUBSCRIPTION_LIST().at("news"), "n");
+  EXPECT_EQ(NetworkManager::UNSUBSCRIPTION_LIST().size(), 2u);
+  Trip trip;
+  trip.id = 5;
+  Tarvo::setLastPrediction(trip);
+  Tarvo::setACTIVATE_STATUS(Tarvo::BACKEND_GEOPROFILE);
+  EXPECT_EQ(tarvo.getNextTrip()->id, 5);
+  EXPECT_EQ(tarvo.defaults().integer("ACTIVATE_STATUS_YES"), Tarvo::BACKEND_BACKGROUND);
+  const auto users = engine().getUser();
+  ASSERT_EQ(users.size(), 1u);
+  EXPECT_EQ(users[0].uuid, LocationManager::userUUID());
+  EXPECT_TRUE(users[0].timestamp);
 }
 
 TEST_F(Facade, RunsOnWithoutAStoreAfterOneLineThatSaysSo) {
