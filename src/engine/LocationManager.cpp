@@ -16,6 +16,8 @@ LocationManager& LocationManager::sharedInstance() {
   return *engine;
 }
 
+void EngineLink::build() { LocationManager::sharedInstance(); }
+
 LocationManager::LocationManager() : parts_(new Parts(*this)) { parts_->startUp(); }
 
 const std::string& LocationManager::terrameshDataVersion() {
@@ -59,10 +61,7 @@ void LocationManager::setNetworkTimer(std::shared_ptr<void> timer) { parts_->sta
 platform::UserDefaults& LocationManager::defaults() const { return platform::UserDefaults::standard(); }
 std::uint32_t LocationManager::randomID() const { return parts_->state.randomID; }
 
-void LocationManager::start() {
-  parts_->control.start();
-  if (parts_->state.tarvoStarted) parts_->networkManager.takeUpTransfers();
-}
+void LocationManager::start() { parts_->control.start(); }
 void LocationManager::stop() { parts_->control.stop(); }
 void LocationManager::stopLocationUpdate() { parts_->control.stopLocationUpdate(); }
 void LocationManager::requestLocationUpdate() { parts_->control.requestLocationUpdate(); }

@@ -59,7 +59,7 @@ LocationManager::Parts::Parts(LocationManager& owner)
       pipeline(store, networkManager, registration, syncState),
       history(store),
       writer(queues, store),
-      control(state, queues, locationManager, store, writer),
+      control(state, queues, locationManager, store, writer, networkManager),
       geofencing(state, locationManager, control),
       modes(state, queues, locationManager, control, geofencing, networkManager),
       intake(owner, state, queues, control, writer, modes, geofencing, pipeline) {}

@@ -76,7 +76,10 @@ void Tarvo::activate(std::int64_t service) {
   }
   if (engine.checkAndRequestLocationAuthorization(service) == CLAuthorizationStatus::denied)
     engine.requestAgainLocationAuthorization();
-  if (!engine.tarvoStarted()) engine.start();
+  if (!engine.tarvoStarted())
+    engine.start();
+  else
+    core_->parts().control.takeUpTransfers();  // as if it were started in this mode
   engine.requestLocationUpdate();
   if (service == BACKEND_BACKGROUND || service == BACKEND_GEOPROFILE) {
     setApiKeySecret(NetworkManager::apiKeySecret());
@@ -84,15 +87,7 @@ void Tarvo::activate(std::int64_t service) {
   }
 }
 
-void Tarvo::serviceConnect() {
-  if (ACTIVATE_STATUS() >= 0) {
-    auto& parts = core_->parts();
-    parts.locationManager.startUpdatingLocation();
-    parts.state.tarvoStarted = true;
-    parts.control.recordEvent(action::kStarting);
-  }
-  Log::debug("LocationManager:start [loc] [tarvo] mainThread:", mainThread());
-}
+void Tarvo::serviceConnect() { core_->locationManager.start(); }
 
 void Tarvo::requestLocationUpdate() {
   if (ACTIVATE_STATUS() != DEACTIVE_ALL) core_->locationManager.requestLocationUpdate();

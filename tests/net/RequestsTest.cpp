@@ -1,7 +1,14 @@
 #include <tarvo/platform/MainQueue.h>
 
 #include "ClientTest.h"
+#include "platform/foundation/FatalError.h"
 #include "platform/urlsession/URLRequest.h"
+
+namespace tarvo {
+
+void EngineLink::build() { platform::fatalError("each test has its engine"); }
+
+}  // namespace tarvo
 
 namespace tarvo::test {
 namespace {
@@ -93,7 +100,6 @@ TEST_F(Requests, AreLeftOutBeforeTheRegistrationAndPendingListsStay) {
 
 TEST_F(Requests, AreAnsweredAfterTheirClientIsGone) {
   identify();
-  NetworkManager engineClient;  // the background session keeps the first client's parts, not those of later ones
   backend.answer("positions", {200, "", [this] { dropClient(); }});
   LogDiary& log = LogDiary::installed();
   sendBatch();
