@@ -55,7 +55,8 @@ class TARVO_API LocationManager {
   static bool setRemoteWebServerURL(std::string_view url, bool allowPlainHttp = false);
 
   static std::optional<std::string> userUUID();
-  static void setUserUUID(std::optional<std::string> uuid);
+  /// Refused (false, with a line in the system log) unless it can stand in a URL and in a file's name as it is.
+  static bool setUserUUID(std::optional<std::string> uuid);
 
   LocationManager(const LocationManager&) = delete;
   LocationManager& operator=(const LocationManager&) = delete;

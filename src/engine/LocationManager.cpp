@@ -1,6 +1,9 @@
 #include <tarvo/LocationManager.h>
 
+#include <tarvo/platform/SystemLog.h>
+
 #include "engine/LocationManagerParts.h"
+#include "settings/BackendAddress.h"
 #include "settings/Names.h"
 #include "settings/Settings.h"
 #include "store/Locations.h"
@@ -10,6 +13,17 @@ namespace tarvo {
 using platform::Date;
 using platform::NSFetchRequest;
 using platform::NSPredicate;
+
+namespace {
+
+/// Of what a host gives; it would stop the process at the next request.
+bool acceptsUserUUID(std::string_view uuid) {
+  if (isUsableUserUUID(uuid)) return true;
+  platform::NSLog("Tarvo : user UUID refused: it would not make a valid URL");
+  return false;
+}
+
+}  // namespace
 
 LocationManager& LocationManager::sharedInstance() {
   static LocationManager* engine = new LocationManager;
@@ -42,7 +56,11 @@ bool LocationManager::setRemoteWebServerURL(std::string_view url, bool allowPlai
 }
 
 std::optional<std::string> LocationManager::userUUID() { return Settings::shared().userUUID(); }
-void LocationManager::setUserUUID(std::optional<std::string> uuid) { Settings::shared().setUserUUID(std::move(uuid)); }
+bool LocationManager::setUserUUID(std::optional<std::string> uuid) {
+  if (uuid && !acceptsUserUUID(*uuid)) return false;
+  Settings::shared().setUserUUID(std::move(uuid));
+  return true;
+}
 
 void LocationManager::setDelegate(const std::shared_ptr<LocationManagerDelegate>& delegate) {
   parts_->state.delegate.set(delegate);
@@ -87,6 +105,7 @@ std::optional<std::string> LocationManager::checkAndRegisterUser() {
 }
 void LocationManager::registerUserToRemoteWebServer() { parts_->registration.registerUserToRemoteWebServer(); }
 void LocationManager::addNewUserToDatabase(const std::string& uuid, const std::string& creationDate) {
+  if (!acceptsUserUUID(uuid)) return;
   parts_->registration.addNewUserToDatabase(uuid, creationDate);
 }
 std::vector<UserRecord> LocationManager::getUser() { return parts_->registration.getUser(); }

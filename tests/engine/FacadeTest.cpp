@@ -306,7 +306,9 @@ TEST_F(Facade, PutsTheStoreIntoTheLastDocumentsDirectoryAndTheLogIntoTheFirst) {
   platform::setDocumentDirectories({first, last});
   UserDefaults::standard().set("tarvologlevel", 6);
   Tarvo tarvo;
-  LocationManager::setUserUUID("U");
+  EXPECT_TRUE(LocationManager::setUserUUID("U"));
+  for (const char* none : {"", "two words", "a/b", "..", "50%", "a?b"})
+    EXPECT_FALSE(LocationManager::setUserUUID(none)) << none;
   tarvo.activate(4);
   waitUntilIdle();
   EXPECT_TRUE(std::filesystem::exists(last / "Marrowgate-Tarvo-db3.sqlite"));
