@@ -20,7 +20,8 @@ namespace tarvo {
 
 class LocationManager;
 
-/// Whom the engine tells. Called on whatever thread the event arose, with no lock held and outside the store.
+/// Whom the engine tells. Called on whatever thread the event arose, with no lock held and outside the store. An
+/// exception that leaves an operation ends the process.
 class LocationManagerDelegate {
  public:
   virtual ~LocationManagerDelegate() = default;

@@ -24,6 +24,12 @@ class Tarvo;
 
 /// What the host is told. Called on whatever thread the event arose, one call at a time for each kind, with no lock
 /// held; the host may call the SDK from here.
+///
+/// `tarvo` is a handle for the call: copy it or compare it with `==`, but do not keep its address.
+///
+/// An exception that leaves a callback, of this or any other kind that a host gives the SDK, ends the process with the
+/// callback's name in the system log. The store stays whole, but what waits to be stored is lost: the fixes that
+/// `tarvoDidReceiveNewLocations` is told of may be among it.
 class TarvoDelegate {
  public:
   virtual ~TarvoDelegate() = default;

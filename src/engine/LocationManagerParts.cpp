@@ -6,6 +6,7 @@
 #include <tarvo/platform/Device.h>
 
 #include "log/Log.h"
+#include "platform/foundation/HostCall.h"
 #include "platform/foundation/NotificationCenter.h"
 #include "settings/Settings.h"
 #include "store/Locations.h"
@@ -178,7 +179,9 @@ void LocationManager::Parts::submitLastTrips(std::vector<platform::Dictionary> t
     // The store's block has ended: the host may do in its callback what it likes.
     if (!matched) return;
     Log::debug("LocationManager: locationManagerOnRouteMatched count : ", matched->pasttrips.size());
-    if (const auto delegate = state.delegate.get().lock()) delegate->locationManagerOnRouteMatched(engine, *matched);
+    if (const auto delegate = state.delegate.get().lock())
+      platform::callHost("locationManagerOnRouteMatched",
+                         [&] { delegate->locationManagerOnRouteMatched(engine, *matched); });
   });
 }
 
@@ -188,7 +191,8 @@ void LocationManager::Parts::submitPOIs(std::vector<platform::Dictionary> pois) 
 
 void LocationManager::Parts::predictionStored() {
   queues.serialNetworkQueue.async([this] {
-    if (const auto delegate = state.delegate.get().lock()) delegate->onPredictionUpdateDelegate();
+    if (const auto delegate = state.delegate.get().lock())
+      platform::callHost("onPredictionUpdateDelegate", [&] { delegate->onPredictionUpdateDelegate(); });
   });
 }
 

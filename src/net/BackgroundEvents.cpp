@@ -17,6 +17,7 @@
 #include "net/ClientState.h"
 #include "net/EngineLink.h"
 #include "net/RequestBuilder.h"
+#include "platform/foundation/HostCall.h"
 
 namespace tarvo {
 namespace {
@@ -101,13 +102,9 @@ void SessionEvents::urlSessionDidFinishEvents(BackgroundSession& session) {
   const std::string name = session.description();
   Log::debug("NetworkManager:urlSessionDidFinishEvents:beforeCompletionHandler [net] session:", name,
              " mainThread:", mainThread());
-  platform::MainQueue::main().async([state = shared_from_this(), name] {
-    std::vector<std::function<void()>> handlers;
-    {
-      MutexLock lock(state->mutex);
-      handlers.swap(state->backgroundTransferCompletionHandler);
-    }
-    for (const auto& handler : handlers) handler();
+  platform::MainQueue::main().async([this, name] {
+    for (const auto& handler : takeCompletionHandlers())
+      platform::callHost("the completion handler of background events", handler);
     Log::debug("NetworkManager:urlSessionDidFinishEvents:afterCompletionHandler [net] session:", name,
                " mainThread:", mainThread());
   });

@@ -1,5 +1,9 @@
 #include "engine/Harness.h"
 
+#include <stdexcept>
+
+#include <tarvo/platform/MainQueue.h>
+
 #include "net/EngineLink.h"
 
 namespace tarvo {
@@ -286,6 +290,64 @@ TEST_F(Facade, RunsOnWithoutAStoreAfterOneLineThatSaysSo) {
   auto bytes = platform::readFile(file);
   ASSERT_TRUE(bytes);
   EXPECT_EQ(*bytes, garbage) << "what is not ours is left as it is";
+}
+
+/// A host that throws wherever it is called.
+struct Thrower : TarvoDelegate, platform::LocationSource, platform::HostApplication {
+  static void fail() { throw std::runtime_error("mine"); }
+  void tarvoDidReceiveNewLocations(Tarvo&, const std::vector<platform::CLLocation>&) override { fail(); }
+  void tarvoOnRouteMatched(Tarvo&, const LocationsHistory&) override { fail(); }
+  void tarvoOnPredictionUpdate(Tarvo&, const Trip&) override { fail(); }
+  void start(double) override { fail(); }
+  void stop() override {}
+  void registerForRemoteNotifications() override { fail(); }
+};
+
+TEST_F(Facade, EndsTheProcessWithTheNameOfACallbackThatThrows) {
+  const auto host = std::make_shared<Thrower>();
+  const std::pair<const char*, std::function<void(Tarvo&)>> cases[] = {
+      {"tarvoDidReceiveNewLocations threw an exception: mine", [&](Tarvo&) { drive(1); }},
+      {"tarvoOnRouteMatched threw",
+       [](Tarvo&) {
+         engine().addNewLastTrip({{{"pasttrip_id", 7}}});
+       }},
+      {"tarvoOnPredictionUpdate threw", [](Tarvo&) { EngineLink::current().predictionStored(); }},
+      {"the completion handler of background events threw",
+       [](Tarvo& tarvo) { tarvo.handleEventsForBackgroundURLSession(Tarvo::backgroundSessionID(), Thrower::fail); }},
+      {"registerForRemoteNotifications threw",
+       [&](Tarvo&) {
+         platform::setHostApplication(host);
+         platform::UIApplication::shared().registerForRemoteNotifications();
+       }},
+      {"LocationSource::start threw", [&](Tarvo&) { LocationService::shared().setSource(host); }},
+      {"a block of the main queue threw an exception\n",
+       [](Tarvo&) { platform::MainQueue::main().async([] { throw 7; }); }},
+      {"the system log's sink threw",
+       [](Tarvo& tarvo) {
+         platform::setSystemLogSink([](std::string_view) { Thrower::fail(); });
+         tarvo.stopLocationUpdate();
+       }},
+      // Last: the permission is kept in the home.
+      {"the permission prompt threw",
+       [](Tarvo& tarvo) {
+         LocationService::shared().setPrompt([](auto) { Thrower::fail(); });
+         LocationService::shared().setAuthorizationStatus(CLAuthorizationStatus::notDetermined);
+         tarvo.getCurrentLocation();
+       }},
+  };
+  for (const auto& [message, provoke] : cases) {
+    const auto inChild = [&provoke = provoke, this, host] {
+      platform::setSystemLogSink({});
+      Tarvo tarvo;
+      tarvo.setDelegate(host);
+      tarvo.activate(Tarvo::LOCAL_BACKGROUND);
+      tarvo.requestRouteMatch();
+      tarvo.requestPredictionUpdate();
+      provoke(tarvo);
+      waitUntilIdle();
+    };
+    EXPECT_DEATH(inChild(), std::string("Fatal error: ") + message) << message;
+  }
 }
 
 TEST_F(Facade, StopsTheProcessOnlyWhenThereIsNowhereForTheStore) {

@@ -11,7 +11,8 @@ namespace tarvo::platform {
 /// Where all code reads the time: positions, ages, the upload channel and file names follow the installed clock.
 /// Only network time-outs run on the machine's own time.
 ///
-/// Threads: any. A clock is installed before the first touch of the library and kept for good.
+/// Threads: any. A clock is installed before the first touch of the library and kept for good. It is read in the midst
+/// of the library's work, so its operations neither call back nor throw.
 class TARVO_API Clock {
  public:
   virtual ~Clock() = default;

@@ -30,7 +30,8 @@ struct Alert {
 
 /// What only the host can do for the library. Each operation has a default that does the least.
 ///
-/// Threads: called on the main queue, with no lock held; never waited for.
+/// Threads: called on the main queue, with no lock held; never waited for. Errors: an exception that leaves an
+/// operation ends the process.
 class TARVO_API HostApplication {
  public:
   virtual ~HostApplication();

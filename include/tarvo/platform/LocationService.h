@@ -26,7 +26,8 @@ enum class AuthorizationRequest { whenInUse, always };
 /// A receiver that the service switches on and off, so that it rests while nobody needs fixes. It hands its fixes to
 /// `LocationService::deliver`.
 ///
-/// Threads: both calls come on the service's delivery queue, in turn, starting with `start`; they return soon.
+/// Threads: both calls come on the service's delivery queue, in turn, starting with `start`; they return soon. Errors:
+/// an exception that leaves one ends the process.
 class TARVO_API LocationSource {
  public:
   virtual ~LocationSource() = default;
@@ -60,7 +61,8 @@ class TARVO_API LocationService {
   CLAuthorizationStatus authorizationStatus() const;
   void setAuthorizationStatus(CLAuthorizationStatus status);
 
-  /// Called (posted to the main queue, never inside a library call) when permission is asked for.
+  /// Called (posted to the main queue, never inside a library call) when permission is asked for. An exception that
+  /// leaves it ends the process.
   void setPrompt(std::function<void(AuthorizationRequest)> prompt);
 
   /// What the device has. Without location services, updates fail as denied.

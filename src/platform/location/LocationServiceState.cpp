@@ -6,6 +6,8 @@
 #include <tarvo/platform/MainQueue.h>
 #include <tarvo/platform/UserDefaults.h>
 
+#include "platform/foundation/HostCall.h"
+
 namespace tarvo::platform {
 namespace {
 
@@ -183,12 +185,12 @@ void LocationService::State::followDemand() {
   if (!wanted && !running_) return;
   const std::optional<double> accuracy = wanted ? demand() : std::nullopt;
   if (running_ && (running_ != wanted || !accuracy)) {
-    running_->stop();
+    callHost("LocationSource::stop", [&] { running_->stop(); });
     running_ = nullptr;
   }
   if (wanted && accuracy && (!running_ || accuracy != runningAccuracy_)) {
     running_ = wanted;
-    running_->start(*accuracy);
+    callHost("LocationSource::start", [&] { running_->start(*accuracy); });
   }
   runningAccuracy_ = accuracy;
 }
@@ -209,7 +211,7 @@ void LocationService::State::ask(AuthorizationRequest request) {
       MutexLock lock(mutex);
       current = prompt;
     }
-    if (current) current(request);
+    if (current) callHost("the permission prompt", [&] { current(request); });
   });
 }
 
