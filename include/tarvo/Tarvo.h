@@ -43,9 +43,9 @@ class TarvoDelegate {
 
 /// The SDK's one class for the host: activation, histories, predictions, places, push messages and tags.
 ///
-/// A handle: copies are the same object, which lives while any of them does, and a move is a copy. The object created
-/// last is the one that events reach. The engine behind it is built with the first object and lives as long as the
-/// process.
+/// A handle: copies are the same object, which lives while any of them does, and a move is a copy. Events reach one
+/// object: the one that was created last or, if that was later, given a delegate last; once it is gone they reach none.
+/// The engine behind it is built with the first object and lives as long as the process.
 /// Threads: any. `activate`, `requestLocationUpdate` and `stopLocationUpdate` wait for the engine's main queue, reads
 /// wait for the object store. Errors: never throws; what cannot be done is logged, what must not be read is absent.
 class TARVO_API Tarvo {
@@ -99,7 +99,7 @@ class TARVO_API Tarvo {
   /// The standard ones.
   platform::UserDefaults& defaults() const;
   std::shared_ptr<TarvoDelegate> delegate() const;
-  /// Kept strongly.
+  /// Kept strongly. Events reach this object from now on, unless the pointer is empty.
   void setDelegate(std::shared_ptr<TarvoDelegate> delegate);
 
   /// Sets the mode and starts what it needs; -4 stops the location services. Other integers are stored as they are.

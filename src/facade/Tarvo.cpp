@@ -63,7 +63,11 @@ Tarvo::Tarvo(std::shared_ptr<Core> core) : core_(std::move(core)) {}
 LocationManager& Tarvo::locationManager() const { return core_->locationManager; }
 UserDefaults& Tarvo::defaults() const { return UserDefaults::standard(); }
 std::shared_ptr<TarvoDelegate> Tarvo::delegate() const { return core_->delegate.get(); }
-void Tarvo::setDelegate(std::shared_ptr<TarvoDelegate> delegate) { core_->delegate.set(std::move(delegate)); }
+void Tarvo::setDelegate(std::shared_ptr<TarvoDelegate> delegate) {
+  const bool hears = delegate != nullptr;
+  core_->delegate.set(std::move(delegate));
+  if (hears) core_->locationManager.setDelegate(core_);
+}
 
 void Tarvo::activate(std::int64_t service) {
   LocationManager& engine = core_->locationManager;

@@ -91,8 +91,11 @@ TEST_F(Facade, TellsTheNewestObjectOfWholeBatchesUntilToldToStop) {
   drive(1);
   EXPECT_EQ(host->batches.size(), 2u);
   EXPECT_TRUE(olderHost->batches.empty()) << "an older object does not take over";
-  // Five fixes, the two of the first batch counted singly, and the event of serviceConnect.
-  EXPECT_EQ(engine().syncStatus().stored, 7);
+  older.setDelegate(olderHost);
+  drive(1);
+  EXPECT_EQ(olderHost->batches.size(), 1u) << "unless it is given a delegate";
+  // Six fixes, the two of the first batch counted singly, and the event of serviceConnect.
+  EXPECT_EQ(engine().syncStatus().stored, 8);
 }
 
 TEST_F(Facade, LetsTheHostStopEverythingFromInsideACallback) {
