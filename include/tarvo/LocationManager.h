@@ -14,12 +14,14 @@
 #include <tarvo/platform/CLLocation.h>
 #include <tarvo/platform/LocationService.h>
 #include <tarvo/platform/UserDefaults.h>
+#include <tarvo/platform/Value.h>
 
 namespace tarvo {
 
 class LocationManager;
 
-/// Whom the engine tells. Called on whatever thread the event arose, with no lock held and outside the store.
+/// Whom the engine tells. Called on whatever thread the event arose, with no lock held and outside the store. An
+/// exception that leaves an operation ends the process.
 class LocationManagerDelegate {
  public:
   virtual ~LocationManagerDelegate() = default;
@@ -54,7 +56,8 @@ class TARVO_API LocationManager {
   static bool setRemoteWebServerURL(std::string_view url, bool allowPlainHttp = false);
 
   static std::optional<std::string> userUUID();
-  static void setUserUUID(std::optional<std::string> uuid);
+  /// Refused (false, with a line in the system log) unless it can stand in a URL and in a file's name as it is.
+  static bool setUserUUID(std::optional<std::string> uuid);
 
   LocationManager(const LocationManager&) = delete;
   LocationManager& operator=(const LocationManager&) = delete;
@@ -92,10 +95,17 @@ class TARVO_API LocationManager {
 
   void sendDataInBatchToRemoteWebServer();
   void sendAllUnsentDataToRemoteWebServer();
+  /// Posts those of these positions again, by `index`, that are among the 1000 oldest which await their
+  /// acknowledgement, whoever holds the channel; nothing while the backend is out of reach. The answer acknowledges
+  /// all from the first to the last of them: leave none out in between.
+  void resendAllSentWithoutACKData(const std::vector<LocationRecord>& locations);
   void markLocationAsSentUntilIndex(const std::string& locationIndex, const std::string& firstLoc);
   std::optional<std::string> checkAndRegisterUser();
   void registerUserToRemoteWebServer();
+  /// Refused as by `setUserUUID`.
   void addNewUserToDatabase(const std::string& uuid, const std::string& creationDate);
+  /// All stored identities; more than one is an error that nothing repairs.
+  std::vector<UserRecord> getUser();
 
   /// Absent bounds are open; by the time of storage. Empty histories are objects too.
   LocationsHistory getLocationhistory(std::optional<platform::Date> since, std::optional<platform::Date> until);
@@ -103,6 +113,12 @@ class TARVO_API LocationManager {
                                                   std::optional<platform::Date> until);
   std::optional<PastTripRecord> getLastPastTrip();
   std::vector<PointOfInterestRecord> getPointOfInterest();
+  // Store past trips and places in the form in which the backend sends them, each with a save of its own, and return
+  // at once; then the newest trip is told to the delegate, as after a download. A trip has the keys of PastTripRecord
+  // (times as in Trip::startTime, the route an object), a place "poi_id", "lat", "lon" and the objects "point_geo_json"
+  // and "zone_geo_json". As in an answer, a "pasttrip_id" that is no integer can stop the process.
+  void addNewLastTrip(std::vector<platform::Dictionary> trips);
+  void addNewPOI(std::vector<platform::Dictionary> pois);
   /// Past trips; positions stay.
   void removeData();
   void removePOIs();

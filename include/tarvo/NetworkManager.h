@@ -20,7 +20,10 @@ class UserDefaults;
 }  // namespace platform
 class NetworkManager;
 
-/// Told of the log upload's replies and of session errors, on the background session's queue.
+/// Told of the log upload's replies and of session errors, on the background session's queue. The session belongs to
+/// the engine's client, so it is that one's delegate, the engine, who hears of them, not those of a host's own clients.
+///
+/// `manager` is a handle for the call: do not keep its address.
 class NetworkManagerDelegate {
  public:
   virtual ~NetworkManagerDelegate() = default;
@@ -35,14 +38,16 @@ class NetworkManagerDelegate {
 /// Errors: never throws; failures are logged and the call is dropped. A base address that is no URL, and a user-bound
 /// request without identity, stop the process.
 /// Each client reads the user's secret from the user defaults when it is built, and opens (or joins) the background
-/// session of the process.
+/// session of the process. What an answer or the session tells the engine builds it if there is none yet.
 class TARVO_API NetworkManager {
  public:
-  /// Subscription name to notification value, waiting to be registered; copies.
+  /// Subscription name to notification value, waiting to be registered: a copy, the whole list, one entry.
   static std::map<std::string, std::string> SUBSCRIPTION_LIST();
+  static void setSUBSCRIPTION_LIST(std::map<std::string, std::string> list);
   static void setSUBSCRIPTION_LIST(std::string name, std::string value);
-  /// Subscription names waiting to be unregistered; copies.
+  /// Subscription names waiting to be unregistered: a copy, the whole set, one name.
   static std::set<std::string> UNSUBSCRIPTION_LIST();
+  static void setUNSUBSCRIPTION_LIST(std::set<std::string> names);
   static void addUNSUBSCRIPTION_LIST(std::string name);
   /// The user-defaults key of the last points-of-interest version.
   static constexpr const char* LAST_POI_VERSION = "poi_version";
@@ -108,12 +113,10 @@ class TARVO_API NetworkManager {
   /// Uploads every log file but those of today, and closes each file's multipart body before.
   void sendLogToRemoteWebServer();
 
-  /// Joins the session that the application was woken for. The handler is called once, on the main queue, when the
-  /// session's events are finished; at once when no transfer is left.
+  /// Joins the session that the application was woken for and goes on with the uploads that an earlier process has
+  /// left. The handler is called once, on the main queue, when the session's events are finished; at once when no
+  /// transfer is left, and in modes from 0 to 7, in which the uploads rest.
   void handleEventsForBackgroundURLSession(const std::string& identifier, std::function<void()> completionHandler);
-  /// Goes on with the log uploads that an earlier process has left. Their replies go to the delegate of the client
-  /// that opened the session first.
-  void takeUpTransfers();
   /// Joins the session of that identifier if it is open, its transfers untouched, and opens it otherwise.
   void recreateBackgroundSession(const std::string& identifier);
 
@@ -123,6 +126,9 @@ class TARVO_API NetworkManager {
   /// For an answer: its client again.
   explicit NetworkManager(std::shared_ptr<State> state);
   void reset(const Reset& reset);
+  /// Goes on with the log uploads that an earlier process has left.
+  void takeUpTransfers();
+  friend class ServiceControl;  ///< knows when
 
   std::shared_ptr<State> state_;
 };

@@ -41,4 +41,10 @@ struct PointOfInterestRecord {
   std::optional<std::string> point_geo_json, zone_geo_json;
 };
 
+/// The identity that the backend gave this device.
+struct UserRecord {
+  std::optional<std::string> uuid;
+  std::optional<std::string> timestamp;  ///< when the backend made it, as it was sent
+};
+
 }  // namespace tarvo

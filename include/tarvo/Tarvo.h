@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <tarvo/Export.h>
@@ -14,6 +15,7 @@
 #include <tarvo/Trip.h>
 #include <tarvo/platform/CLLocation.h>
 #include <tarvo/platform/Date.h>
+#include <tarvo/platform/UserDefaults.h>
 #include <tarvo/platform/Value.h>
 
 namespace tarvo {
@@ -22,6 +24,12 @@ class Tarvo;
 
 /// What the host is told. Called on whatever thread the event arose, one call at a time for each kind, with no lock
 /// held; the host may call the SDK from here.
+///
+/// `tarvo` is a handle for the call: copy it or compare it with `==`, but do not keep its address.
+///
+/// An exception that leaves a callback, of this or any other kind that a host gives the SDK, ends the process with the
+/// callback's name in the system log. The store stays whole, but what waits to be stored is lost: the fixes that
+/// `tarvoDidReceiveNewLocations` is told of may be among it.
 class TarvoDelegate {
  public:
   virtual ~TarvoDelegate() = default;
@@ -35,8 +43,9 @@ class TarvoDelegate {
 
 /// The SDK's one class for the host: activation, histories, predictions, places, push messages and tags.
 ///
-/// A handle: copies are the same object, which lives while any of them does. The object created last is the one that
-/// events reach. The engine behind it is built with the first object and lives as long as the process.
+/// A handle: copies are the same object, which lives while any of them does, and a move is a copy. Events reach one
+/// object: the one that was created last or, if that was later, given a delegate last; once it is gone they reach none.
+/// The engine behind it is built with the first object and lives as long as the process.
 /// Threads: any. `activate`, `requestLocationUpdate` and `stopLocationUpdate` wait for the engine's main queue, reads
 /// wait for the object store. Errors: never throws; what cannot be done is logged, what must not be read is absent.
 class TARVO_API Tarvo {
@@ -60,21 +69,37 @@ class TARVO_API Tarvo {
   static std::int64_t ACTIVATE_STATUS();
   static void setACTIVATE_STATUS(std::int64_t mode);
   static std::string tarvoapiKey();
+  static void setTarvoapiKey(std::string key);
   static std::string clientID();
+  /// Refused (false, with a line in the system log) unless it can stand in a URL's path as it is; "%XX" can.
+  static bool setClientID(std::string_view identifier);
   static std::string bundleID();
+  static void setBundleID(std::string identifier);
   static std::string deviceToken();
+  static void setDeviceToken(std::string token);
   static bool tokenSent();
+  static void setTokenSent(bool sent);
   static const std::string& backgroundSessionID();
+  /// Tags that each push message sends to the backend again, name to value, and names that it removes again.
   static std::map<std::string, std::string> SET_TAGS_LIST();
+  static void setSET_TAGS_LIST(std::map<std::string, std::string> tags);
   static std::vector<std::string> UNSET_TAGS_LIST();
+  static void setUNSET_TAGS_LIST(std::vector<std::string> names);
   static Trip LastPrediction();
+  static void setLastPrediction(Trip prediction);
 
   Tarvo();
+  Tarvo(const Tarvo&) = default;
+  Tarvo& operator=(const Tarvo&) = default;
+  /// Whether both are handles of the same object.
+  bool operator==(const Tarvo&) const = default;
 
   /// The engine.
   LocationManager& locationManager() const;
+  /// The standard ones.
+  platform::UserDefaults& defaults() const;
   std::shared_ptr<TarvoDelegate> delegate() const;
-  /// Kept strongly.
+  /// Kept strongly. Events reach this object from now on, unless the pointer is empty.
   void setDelegate(std::shared_ptr<TarvoDelegate> delegate);
 
   /// Sets the mode and starts what it needs; -4 stops the location services. Other integers are stored as they are.

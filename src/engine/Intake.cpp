@@ -8,6 +8,7 @@
 
 #include "engine/GeofenceRadii.h"
 #include "log/Log.h"
+#include "platform/foundation/HostCall.h"
 #include "settings/Names.h"
 
 namespace tarvo {
@@ -46,7 +47,8 @@ void Intake::didUpdateLocations(const std::vector<CLLocation>& locations) {
   checkBattery();
   if (state_.stopReceiveLocationUpdate) return;
   if (const auto delegate = state_.delegate.get().lock())
-    delegate->locationManagerDidReceiveNewLocations(engine_, locations);
+    platform::callHost("locationManagerDidReceiveNewLocations",
+                       [&] { delegate->locationManagerDidReceiveNewLocations(engine_, locations); });
 }
 
 void Intake::uploadPass() {

@@ -1,9 +1,12 @@
 #include <tarvo/LocationManager.h>
 
+#include <tarvo/platform/SystemLog.h>
+
 #include <algorithm>
 
 #include "engine/LocationManagerParts.h"
 #include "platform/foundation/RealTime.h"
+#include "settings/BackendAddress.h"
 #include "settings/Names.h"
 #include "settings/Settings.h"
 #include "store/Locations.h"
@@ -15,10 +18,23 @@ using platform::NSFetchRequest;
 using platform::NSPredicate;
 using platform::Seconds;
 
+namespace {
+
+/// Of what a host gives; it would stop the process at the next request.
+bool acceptsUserUUID(std::string_view uuid) {
+  if (isUsableUserUUID(uuid)) return true;
+  platform::NSLog("Tarvo : user UUID refused: it would not make a valid URL");
+  return false;
+}
+
+}  // namespace
+
 LocationManager& LocationManager::sharedInstance() {
   static LocationManager* engine = new LocationManager;
   return *engine;
 }
+
+void EngineLink::build() { LocationManager::sharedInstance(); }
 
 LocationManager::LocationManager() : parts_(new Parts(*this)) { parts_->startUp(); }
 
@@ -44,7 +60,11 @@ bool LocationManager::setRemoteWebServerURL(std::string_view url, bool allowPlai
 }
 
 std::optional<std::string> LocationManager::userUUID() { return Settings::shared().userUUID(); }
-void LocationManager::setUserUUID(std::optional<std::string> uuid) { Settings::shared().setUserUUID(std::move(uuid)); }
+bool LocationManager::setUserUUID(std::optional<std::string> uuid) {
+  if (uuid && !acceptsUserUUID(*uuid)) return false;
+  Settings::shared().setUserUUID(std::move(uuid));
+  return true;
+}
 
 void LocationManager::setDelegate(const std::shared_ptr<LocationManagerDelegate>& delegate) {
   parts_->state.delegate.set(delegate);
@@ -63,10 +83,7 @@ void LocationManager::setNetworkTimer(std::shared_ptr<void> timer) { parts_->sta
 platform::UserDefaults& LocationManager::defaults() const { return platform::UserDefaults::standard(); }
 std::uint32_t LocationManager::randomID() const { return parts_->state.randomID; }
 
-void LocationManager::start() {
-  parts_->control.start();
-  if (parts_->state.tarvoStarted) parts_->networkManager.takeUpTransfers();
-}
+void LocationManager::start() { parts_->control.start(); }
 void LocationManager::stop() { parts_->control.stop(); }
 void LocationManager::stopLocationUpdate() { parts_->control.stopLocationUpdate(); }
 void LocationManager::requestLocationUpdate() { parts_->control.requestLocationUpdate(); }
@@ -81,6 +98,9 @@ void LocationManager::refreshLoc() { parts_->intake.refreshLoc(); }
 
 void LocationManager::sendDataInBatchToRemoteWebServer() { parts_->pipeline.sendDataInBatchToRemoteWebServer(); }
 void LocationManager::sendAllUnsentDataToRemoteWebServer() { parts_->pipeline.sendAllUnsentDataToRemoteWebServer(); }
+void LocationManager::resendAllSentWithoutACKData(const std::vector<LocationRecord>& locations) {
+  parts_->pipeline.resendAllSentWithoutACKData(locations);
+}
 void LocationManager::markLocationAsSentUntilIndex(const std::string& locationIndex, const std::string& firstLoc) {
   parts_->pipeline.markLocationAsSentUntilIndex(locationIndex, firstLoc);
 }
@@ -89,8 +109,10 @@ std::optional<std::string> LocationManager::checkAndRegisterUser() {
 }
 void LocationManager::registerUserToRemoteWebServer() { parts_->registration.registerUserToRemoteWebServer(); }
 void LocationManager::addNewUserToDatabase(const std::string& uuid, const std::string& creationDate) {
+  if (!acceptsUserUUID(uuid)) return;
   parts_->registration.addNewUserToDatabase(uuid, creationDate);
 }
+std::vector<UserRecord> LocationManager::getUser() { return parts_->registration.getUser(); }
 
 LocationsHistory LocationManager::getLocationhistory(std::optional<Date> since, std::optional<Date> until) {
   return parts_->history.getLocationhistory(since, until);
@@ -102,6 +124,10 @@ std::optional<PastTripRecord> LocationManager::getLastPastTrip() { return parts_
 std::vector<PointOfInterestRecord> LocationManager::getPointOfInterest() {
   return parts_->history.getPointOfInterest();
 }
+void LocationManager::addNewLastTrip(std::vector<platform::Dictionary> trips) {
+  parts_->submitLastTrips(std::move(trips));
+}
+void LocationManager::addNewPOI(std::vector<platform::Dictionary> pois) { parts_->submitPOIs(std::move(pois)); }
 void LocationManager::removeData() { parts_->history.removeData(); }
 void LocationManager::removePOIs() { parts_->history.removePOIs(); }
 void LocationManager::handleEventsForBackgroundURLSession(const std::string& identifier,

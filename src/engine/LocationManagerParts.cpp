@@ -6,6 +6,7 @@
 #include <tarvo/platform/Device.h>
 
 #include "log/Log.h"
+#include "platform/foundation/HostCall.h"
 #include "platform/foundation/NotificationCenter.h"
 #include "settings/Settings.h"
 #include "store/Locations.h"
@@ -59,7 +60,7 @@ LocationManager::Parts::Parts(LocationManager& owner)
       pipeline(store, networkManager, registration, syncState),
       history(store),
       writer(queues, store),
-      control(state, queues, locationManager, store, writer),
+      control(state, queues, locationManager, store, writer, networkManager),
       geofencing(state, locationManager, control),
       modes(state, queues, locationManager, control, geofencing, networkManager),
       intake(owner, state, queues, control, writer, modes, geofencing, pipeline) {}
@@ -181,7 +182,9 @@ void LocationManager::Parts::submitLastTrips(std::vector<platform::Dictionary> t
     // The store's block has ended: the host may do in its callback what it likes.
     if (!matched) return;
     Log::debug("LocationManager: locationManagerOnRouteMatched count : ", matched->pasttrips.size());
-    if (const auto delegate = state.delegate.get().lock()) delegate->locationManagerOnRouteMatched(engine, *matched);
+    if (const auto delegate = state.delegate.get().lock())
+      platform::callHost("locationManagerOnRouteMatched",
+                         [&] { delegate->locationManagerOnRouteMatched(engine, *matched); });
   });
 }
 
@@ -191,7 +194,8 @@ void LocationManager::Parts::submitPOIs(std::vector<platform::Dictionary> pois) 
 
 void LocationManager::Parts::predictionStored() {
   queues.serialNetworkQueue.async([this] {
-    if (const auto delegate = state.delegate.get().lock()) delegate->onPredictionUpdateDelegate();
+    if (const auto delegate = state.delegate.get().lock())
+      platform::callHost("onPredictionUpdateDelegate", [&] { delegate->onPredictionUpdateDelegate(); });
   });
 }
 

@@ -61,6 +61,7 @@ struct LocationManager::Parts final : platform::CLLocationManagerDelegate, Engin
   void didExitRegion(platform::CLLocationManager&, const platform::CLCircularRegion& region) override;
 
   // From the backend clients.
+  NetworkManager& client() override { return networkManager; }
   void markLocationAsSentUntilIndex(const std::string& locationIndex, const std::string& firstLoc) override;
   void sendDataInBatchToRemoteWebServer() override;
   void addNewUserToDatabase(const std::string& uuid, const std::string& creationDate) override;

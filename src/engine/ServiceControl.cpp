@@ -14,6 +14,7 @@ using platform::CLLocation;
 namespace {
 
 constexpr std::int64_t kLocalForeground = 0;
+constexpr std::int64_t kBackendBackground = 8;
 
 std::int64_t number(CLAuthorizationStatus status) { return static_cast<std::int64_t>(status); }
 
@@ -36,8 +37,13 @@ std::optional<CLLocation> fixOf(const LocationRecord& record) {
 }  // namespace
 
 ServiceControl::ServiceControl(EngineState& state, EngineQueues& queues, platform::CLLocationManager& locationManager,
-                               ObjectStore& store, PositionWriter& writer)
-    : state_(state), queues_(queues), locationManager_(locationManager), store_(store), writer_(writer) {}
+                               ObjectStore& store, PositionWriter& writer, NetworkManager& networkManager)
+    : state_(state),
+      queues_(queues),
+      locationManager_(locationManager),
+      store_(store),
+      writer_(writer),
+      networkManager_(networkManager) {}
 
 void ServiceControl::start() {
   if (Settings::shared().activateStatus() >= 0) {
@@ -46,6 +52,11 @@ void ServiceControl::start() {
     recordEvent(action::kStarting);
   }
   Log::debug("LocationManager:start [loc] [tarvo] mainThread:", mainThread());
+  takeUpTransfers();
+}
+
+void ServiceControl::takeUpTransfers() {
+  if (Settings::shared().activateStatus() >= kBackendBackground) networkManager_.takeUpTransfers();
 }
 
 void ServiceControl::stop() {

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string_view>
 
+#include <tarvo/NetworkManager.h>
 #include <tarvo/platform/CLLocation.h>
 #include <tarvo/platform/LocationService.h>
 
@@ -22,9 +23,12 @@ namespace tarvo {
 class ServiceControl {
  public:
   ServiceControl(EngineState& state, EngineQueues& queues, platform::CLLocationManager& locationManager,
-                 ObjectStore& store, PositionWriter& writer);
+                 ObjectStore& store, PositionWriter& writer, NetworkManager& networkManager);
 
+  /// In modes from 0; takes up transfers too.
   void start();
+  /// In modes from 8, goes on with the uploads that an earlier process has left. A second call does nothing.
+  void takeUpTransfers();
   void stop();
   void stopLocationUpdate();
   void requestLocationUpdate();
@@ -47,6 +51,7 @@ class ServiceControl {
   platform::CLLocationManager& locationManager_;
   ObjectStore& store_;
   PositionWriter& writer_;
+  NetworkManager& networkManager_;
 };
 
 }  // namespace tarvo

@@ -28,14 +28,26 @@ constexpr std::int64_t kActivateMarker = 2;
 std::int64_t Tarvo::ACTIVATE_STATUS() { return Settings::shared().activateStatus(); }
 void Tarvo::setACTIVATE_STATUS(std::int64_t mode) { Settings::shared().setActivateStatus(mode); }
 std::string Tarvo::tarvoapiKey() { return Settings::shared().tarvoapiKey(); }
+void Tarvo::setTarvoapiKey(std::string key) { Settings::shared().setTarvoapiKey(std::move(key)); }
 std::string Tarvo::clientID() { return Settings::shared().clientID(); }
+bool Tarvo::setClientID(std::string_view identifier) { return Settings::shared().setClientID(identifier); }
 std::string Tarvo::bundleID() { return Settings::shared().bundleID(); }
+void Tarvo::setBundleID(std::string identifier) { Settings::shared().setBundleID(std::move(identifier)); }
 std::string Tarvo::deviceToken() { return Settings::shared().deviceToken(); }
+void Tarvo::setDeviceToken(std::string token) { Settings::shared().setDeviceToken(std::move(token)); }
 bool Tarvo::tokenSent() { return Settings::shared().tokenSent(); }
+void Tarvo::setTokenSent(bool sent) { Settings::shared().setTokenSent(sent); }
 const std::string& Tarvo::backgroundSessionID() { return LocationManager::backgroundSessionID(); }
 std::map<std::string, std::string> Tarvo::SET_TAGS_LIST() { return Settings::shared().setTags(); }
+void Tarvo::setSET_TAGS_LIST(std::map<std::string, std::string> tags) {
+  Settings::shared().replaceSetTags(std::move(tags));
+}
 std::vector<std::string> Tarvo::UNSET_TAGS_LIST() { return Settings::shared().unsetTags(); }
+void Tarvo::setUNSET_TAGS_LIST(std::vector<std::string> names) {
+  Settings::shared().replaceUnsetTags(std::move(names));
+}
 Trip Tarvo::LastPrediction() { return LatestPrediction::shared().value(); }
+void Tarvo::setLastPrediction(Trip prediction) { LatestPrediction::shared().store(std::move(prediction)); }
 
 Tarvo::Tarvo() : core_(std::make_shared<Core>()) {
   Settings& settings = Settings::shared();
@@ -49,8 +61,13 @@ Tarvo::Tarvo() : core_(std::make_shared<Core>()) {
 Tarvo::Tarvo(std::shared_ptr<Core> core) : core_(std::move(core)) {}
 
 LocationManager& Tarvo::locationManager() const { return core_->locationManager; }
+UserDefaults& Tarvo::defaults() const { return UserDefaults::standard(); }
 std::shared_ptr<TarvoDelegate> Tarvo::delegate() const { return core_->delegate.get(); }
-void Tarvo::setDelegate(std::shared_ptr<TarvoDelegate> delegate) { core_->delegate.set(std::move(delegate)); }
+void Tarvo::setDelegate(std::shared_ptr<TarvoDelegate> delegate) {
+  const bool hears = delegate != nullptr;
+  core_->delegate.set(std::move(delegate));
+  if (hears) core_->locationManager.setDelegate(core_);
+}
 
 void Tarvo::activate(std::int64_t service) {
   LocationManager& engine = core_->locationManager;
@@ -63,7 +80,10 @@ void Tarvo::activate(std::int64_t service) {
   }
   if (engine.checkAndRequestLocationAuthorization(service) == CLAuthorizationStatus::denied)
     engine.requestAgainLocationAuthorization();
-  if (!engine.tarvoStarted()) engine.start();
+  if (!engine.tarvoStarted())
+    engine.start();
+  else
+    core_->parts().control.takeUpTransfers();  // as if it were started in this mode
   engine.requestLocationUpdate();
   if (service == BACKEND_BACKGROUND || service == BACKEND_GEOPROFILE) {
     setApiKeySecret(NetworkManager::apiKeySecret());
@@ -71,15 +91,7 @@ void Tarvo::activate(std::int64_t service) {
   }
 }
 
-void Tarvo::serviceConnect() {
-  if (ACTIVATE_STATUS() >= 0) {
-    auto& parts = core_->parts();
-    parts.locationManager.startUpdatingLocation();
-    parts.state.tarvoStarted = true;
-    parts.control.recordEvent(action::kStarting);
-  }
-  Log::debug("LocationManager:start [loc] [tarvo] mainThread:", mainThread());
-}
+void Tarvo::serviceConnect() { core_->locationManager.start(); }
 
 void Tarvo::requestLocationUpdate() {
   if (ACTIVATE_STATUS() != DEACTIVE_ALL) core_->locationManager.requestLocationUpdate();

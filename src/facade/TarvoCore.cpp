@@ -2,6 +2,7 @@
 
 #include "log/Log.h"
 #include "platform/foundation/Bundle.h"
+#include "platform/foundation/HostCall.h"
 #include "records/LatestPrediction.h"
 
 namespace tarvo {
@@ -12,7 +13,7 @@ void Tarvo::Core::locationManagerDidReceiveNewLocations(LocationManager&,
                                                         const std::vector<platform::CLLocation>& newLocations) {
   if (const auto host = delegate.get()) {
     Tarvo self(shared_from_this());
-    host->tarvoDidReceiveNewLocations(self, newLocations);
+    platform::callHost("tarvoDidReceiveNewLocations", [&] { host->tarvoDidReceiveNewLocations(self, newLocations); });
   }
 }
 
@@ -21,7 +22,7 @@ void Tarvo::Core::locationManagerOnRouteMatched(LocationManager&, const Location
   Log::debug("Tarvo locationManagerOnRouteMatched count : ", locationsHistory.pasttrips.size());
   if (const auto host = delegate.get()) {
     Tarvo self(shared_from_this());
-    host->tarvoOnRouteMatched(self, locationsHistory);
+    platform::callHost("tarvoOnRouteMatched", [&] { host->tarvoOnRouteMatched(self, locationsHistory); });
   }
 }
 
@@ -29,7 +30,8 @@ void Tarvo::Core::onPredictionUpdateDelegate() {
   if (stop_prediction_update) return;
   if (const auto host = delegate.get()) {
     Tarvo self(shared_from_this());
-    host->tarvoOnPredictionUpdate(self, LatestPrediction::shared().value());
+    const Trip trip = LatestPrediction::shared().value();
+    platform::callHost("tarvoOnPredictionUpdate", [&] { host->tarvoOnPredictionUpdate(self, trip); });
   }
 }
 

@@ -28,7 +28,7 @@ class Tarvo::Core final : public LocationManagerDelegate, public std::enable_sha
   void locationManagerOnRouteMatched(LocationManager& engine, const LocationsHistory& locationsHistory) override;
   void onPredictionUpdateDelegate() override;
 
-  LocationManager& locationManager;  ///< before the client: the engine's own client must open the session first
+  LocationManager& locationManager;
   NetworkManager networkManager;
   Guarded<std::shared_ptr<TarvoDelegate>> delegate;
   std::atomic<bool> stop_route_match{true};

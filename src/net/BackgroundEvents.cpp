@@ -3,7 +3,6 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -16,7 +15,9 @@
 
 #include "log/Log.h"
 #include "net/ClientState.h"
+#include "net/EngineLink.h"
 #include "net/RequestBuilder.h"
+#include "platform/foundation/HostCall.h"
 
 namespace tarvo {
 namespace {
@@ -27,16 +28,38 @@ using platform::MutexLock;
 /// From here on sessions know the extended idle mode.
 constexpr int kLevelWithExtendedIdle = 9;
 
-/// A session keeps its first delegate as long as the process lives, and delegates must outlive their sessions.
-void keepForGood(std::shared_ptr<platform::BackgroundSessionDelegate> delegate) {
-  struct Kept {
-    platform::Mutex mutex;
-    std::set<std::shared_ptr<platform::BackgroundSessionDelegate>> delegates GUARDED_BY(mutex);
-  };
-  static Kept* kept = new Kept;
-  MutexLock lock(kept->mutex);
-  kept->delegates.insert(std::move(delegate));
-}
+/// Modes from here on contact the backend.
+constexpr std::int64_t kLeastBackendMode = 8;
+
+/// The delegate of every background session. Its delegate knows what the replies mean, so the engine's client is told,
+/// whichever client has opened the session. Lives as long as the process.
+class SessionEvents final : public platform::BackgroundSessionDelegate {
+ public:
+  static SessionEvents& shared() {
+    static SessionEvents* events = new SessionEvents;
+    return *events;
+  }
+
+  void addCompletionHandler(std::function<void()> handler) {
+    MutexLock lock(mutex_);
+    completionHandlers_.push_back(std::move(handler));
+  }
+
+  void didReceive(BackgroundSession& session, const std::string& data) override;
+  void didCompleteWithError(BackgroundSession& session, const platform::URLSessionUploadTask& task,
+                            std::optional<int> statusCode, std::optional<platform::Error> error) override;
+  void urlSessionDidFinishEvents(BackgroundSession& session) override;
+
+ private:
+  std::vector<std::function<void()>> takeCompletionHandlers() {
+    MutexLock lock(mutex_);
+    return std::exchange(completionHandlers_, {});
+  }
+
+  platform::Mutex mutex_;
+  /// One for each time that the application was woken and the events are not finished yet.
+  std::vector<std::function<void()>> completionHandlers_ GUARDED_BY(mutex_);
+};
 
 /// The log files of all days but today, whoever's they are, by name. A link or a pipe of such a name is none.
 std::vector<std::filesystem::path> finishedLogFiles() {
@@ -57,28 +80,15 @@ std::vector<std::filesystem::path> finishedLogFiles() {
   return files;
 }
 
-}  // namespace
-
-std::shared_ptr<BackgroundSession> NetworkManager::State::openSession(const std::string& identifier) {
-  platform::BackgroundSessionConfiguration configuration;
-  configuration.identifier = identifier;
-  configuration.discretionary = false;
-  configuration.shouldUseExtendedBackgroundIdleMode =
-      platform::UIDevice::current().platformLevel() >= kLevelWithExtendedIdle;
-  auto session = BackgroundSession::open(configuration, *this);
-  if (&session->delegate() == this) keepForGood(shared_from_this());
-  return session;
-}
-
-void NetworkManager::State::didReceive(BackgroundSession&, const std::string& data) {
+void SessionEvents::didReceive(BackgroundSession&, const std::string& data) {
   // Two blanks before "mainThread".
   Log::debug("NetworkManager:URLSession:didReceiveData [net] ", " mainThread:", mainThread());
-  NetworkManager self(shared_from_this());
-  if (const auto receiver = self.delegate()) receiver->networkManagerReceivedSomeData(self, data);
+  NetworkManager& client = EngineLink::current().client();
+  if (const auto receiver = client.delegate()) receiver->networkManagerReceivedSomeData(client, data);
 }
 
-void NetworkManager::State::didCompleteWithError(BackgroundSession&, const platform::URLSessionUploadTask& task,
-                                                 std::optional<int> statusCode, std::optional<platform::Error> error) {
+void SessionEvents::didCompleteWithError(BackgroundSession&, const platform::URLSessionUploadTask& task,
+                                         std::optional<int> statusCode, std::optional<platform::Error> error) {
   // An error ends here: telling the engine would stop its uploads of positions until the next launch.
   if (error) {
     Log::error("NetworkManager:URLSession [net] error:", error->localizedDescription,
@@ -89,34 +99,43 @@ void NetworkManager::State::didCompleteWithError(BackgroundSession&, const platf
   }
 }
 
-void NetworkManager::State::urlSessionDidFinishEvents(BackgroundSession& session) {
+void SessionEvents::urlSessionDidFinishEvents(BackgroundSession& session) {
   const std::string name = session.description();
   Log::debug("NetworkManager:urlSessionDidFinishEvents:beforeCompletionHandler [net] session:", name,
              " mainThread:", mainThread());
-  platform::MainQueue::main().async([state = shared_from_this(), name] {
-    std::vector<std::function<void()>> handlers;
-    {
-      MutexLock lock(state->mutex);
-      handlers.swap(state->backgroundTransferCompletionHandler);
-    }
-    for (const auto& handler : handlers) handler();
+  platform::MainQueue::main().async([this, name] {
+    for (const auto& handler : takeCompletionHandlers())
+      platform::callHost("the completion handler of background events", handler);
     Log::debug("NetworkManager:urlSessionDidFinishEvents:afterCompletionHandler [net] session:", name,
                " mainThread:", mainThread());
   });
 }
 
+/// In these modes nothing that an earlier process has left goes to the backend.
+bool staysOnDevice(std::int64_t mode) { return mode >= 0 && mode < kLeastBackendMode; }
+
+}  // namespace
+
+std::shared_ptr<BackgroundSession> openBackgroundSession(const std::string& identifier) {
+  platform::BackgroundSessionConfiguration configuration;
+  configuration.identifier = identifier;
+  configuration.discretionary = false;
+  configuration.shouldUseExtendedBackgroundIdleMode =
+      platform::UIDevice::current().platformLevel() >= kLevelWithExtendedIdle;
+  return BackgroundSession::open(configuration, SessionEvents::shared());
+}
+
 void NetworkManager::handleEventsForBackgroundURLSession(const std::string& identifier,
                                                          std::function<void()> completionHandler) {
-  const auto session = state_->openSession(identifier);
-  // The session tells the client that opened it first, whichever this one is.
-  auto& told = static_cast<State&>(session->delegate());
-  if (completionHandler) {
-    MutexLock lock(told.mutex);
-    told.backgroundTransferCompletionHandler.push_back(std::move(completionHandler));
-  }
+  const auto session = openBackgroundSession(identifier);
+  if (completionHandler) SessionEvents::shared().addCompletionHandler(std::move(completionHandler));
   Log::debug("NetworkManager:handleEventsForBackgroundURLSession [net] id:", identifier,
              " rejointSession:", session->description());
   session->getAllTasks([](const auto&) {});
+  if (staysOnDevice(Settings::shared().activateStatus())) {
+    SessionEvents::shared().urlSessionDidFinishEvents(*session);
+    return;
+  }
   session->deliverEvents();
   session->finishEvents();
 }
@@ -131,7 +150,7 @@ void NetworkManager::takeUpTransfers() {
 }
 
 void NetworkManager::recreateBackgroundSession(const std::string& identifier) {
-  auto session = state_->openSession(identifier);
+  auto session = openBackgroundSession(identifier);
   Log::debug("NetworkManager:recreateBackgroundSession [net] id:", identifier,
              " createSession:", session->description());
   MutexLock lock(state_->mutex);

@@ -10,11 +10,19 @@ namespace tarvo {
 
 std::map<std::string, std::string> NetworkManager::SUBSCRIPTION_LIST() { return Settings::shared().subscriptions(); }
 
+void NetworkManager::setSUBSCRIPTION_LIST(std::map<std::string, std::string> list) {
+  Settings::shared().replaceSubscriptions(std::move(list));
+}
+
 void NetworkManager::setSUBSCRIPTION_LIST(std::string name, std::string value) {
   Settings::shared().setSubscription(std::move(name), std::move(value));
 }
 
 std::set<std::string> NetworkManager::UNSUBSCRIPTION_LIST() { return Settings::shared().unsubscriptions(); }
+
+void NetworkManager::setUNSUBSCRIPTION_LIST(std::set<std::string> names) {
+  Settings::shared().replaceUnsubscriptions(std::move(names));
+}
 
 void NetworkManager::addUNSUBSCRIPTION_LIST(std::string name) { Settings::shared().addUnsubscription(std::move(name)); }
 

@@ -5,7 +5,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include <tarvo/NetworkManager.h>
 
@@ -18,10 +17,8 @@
 namespace tarvo {
 
 /// What a client consists of, shared with its requests in flight: an answer that comes after the client is gone still
-/// finds everything. The first client to open a background session is that session's delegate and stays for good.
-///
-/// Threads: any; host code is called with no lock held.
-struct NetworkManager::State final : platform::BackgroundSessionDelegate, std::enable_shared_from_this<State> {
+/// finds everything. Threads: any.
+struct NetworkManager::State final : std::enable_shared_from_this<State> {
   using Completion = std::function<void(NetworkManager& self, const Reply& reply)>;
 
   explicit State(std::string versionedBase);
@@ -32,13 +29,6 @@ struct NetworkManager::State final : platform::BackgroundSessionDelegate, std::e
   /// Starts a data task of the shared session.
   void start(platform::URLRequest request, Completion completion);
 
-  std::shared_ptr<platform::BackgroundSession> openSession(const std::string& identifier);
-
-  void didReceive(platform::BackgroundSession& session, const std::string& data) override;
-  void didCompleteWithError(platform::BackgroundSession& session, const platform::URLSessionUploadTask& task,
-                            std::optional<int> statusCode, std::optional<platform::Error> error) override;
-  void urlSessionDidFinishEvents(platform::BackgroundSession& session) override;
-
   const std::string remoteServerURL;
 
   platform::Mutex mutex;
@@ -47,9 +37,11 @@ struct NetworkManager::State final : platform::BackgroundSessionDelegate, std::e
   std::shared_ptr<platform::BackgroundSession> backgroundSession GUARDED_BY(mutex);
   /// The running upload of a log file, or the last one.
   std::optional<platform::URLSessionUploadTask> httpPOSTTask GUARDED_BY(mutex);
-  /// One for each time that the application was woken and the events are not finished yet.
-  std::vector<std::function<void()>> backgroundTransferCompletionHandler GUARDED_BY(mutex);
 };
+
+/// The background session of that identifier: opened, or the one that is open. What it tells goes to the engine's
+/// client.
+std::shared_ptr<platform::BackgroundSession> openBackgroundSession(const std::string& identifier);
 
 /// Who this device is, for a call that may come before the registration: absent, with a line that names the call,
 /// when it has to be dropped.

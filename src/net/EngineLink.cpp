@@ -2,8 +2,6 @@
 
 #include <atomic>
 
-#include "platform/foundation/FatalError.h"
-
 namespace tarvo {
 namespace {
 
@@ -12,9 +10,9 @@ std::atomic<EngineLink*> installed{nullptr};
 }  // namespace
 
 EngineLink& EngineLink::current() {
-  EngineLink* link = installed.load();
-  if (link == nullptr) platform::fatalError("the backend client has no engine yet");
-  return *link;
+  if (EngineLink* link = installed.load()) return *link;
+  build();
+  return *installed.load();
 }
 
 void EngineLink::install(EngineLink* link) { installed.store(link); }

@@ -9,6 +9,8 @@
 
 namespace tarvo {
 
+class NetworkManager;
+
 /// The questions that the backend client has for the engine. One answerer for the process: every client needs it,
 /// the facade's own included.
 ///
@@ -17,8 +19,12 @@ class EngineLink {
  public:
   virtual ~EngineLink() = default;
 
-  static EngineLink& current();  ///< fatal before one was installed
+  /// The engine. Without one this builds it, so never ask inside a block of the store's context.
+  static EngineLink& current();
   static void install(EngineLink* link);
+
+  /// The engine's own client: what background sessions tell goes to it, whichever client has opened them.
+  virtual NetworkManager& client() = 0;
 
   /// Acknowledges a batch inside a block of the store context; waits for it.
   virtual void markLocationAsSentUntilIndex(const std::string& locationIndex, const std::string& firstLoc) = 0;
@@ -39,6 +45,10 @@ class EngineLink {
   virtual void submitPOIs(std::vector<platform::Dictionary> pois) = 0;
   /// A prediction has been stored; returns at once, the host is told on the queue of backend replies.
   virtual void predictionStored() = 0;
+
+ private:
+  /// Builds the engine, which installs itself. Defined on the engine's floor.
+  static void build();
 };
 
 }  // namespace tarvo

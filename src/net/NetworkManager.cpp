@@ -47,7 +47,7 @@ std::optional<Identity> identityFor(std::string_view call) {
 NetworkManager::NetworkManager()
     : state_(std::make_shared<State>(concat(Settings::shared().remoteWebServerURL(), endpoints::kVersion))) {
   Settings::shared().reloadUserSecret();
-  auto session = state_->openSession(names::kBackgroundSession);
+  auto session = openBackgroundSession(names::kBackgroundSession);
   Log::debug("NetworkManager:init [net] newBackgroundSession:", session->description());
   MutexLock lock(state_->mutex);
   state_->backgroundSession = std::move(session);

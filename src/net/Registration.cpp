@@ -5,7 +5,6 @@
 #include "net/ClientState.h"
 #include "net/Endpoints.h"
 #include "net/EngineLink.h"
-#include "platform/foundation/Files.h"
 #include "platform/foundation/Json.h"
 #include "settings/BackendAddress.h"
 
@@ -19,8 +18,7 @@ void adoptUser(NetworkManager& client, const Value& uuid, const Value& creationD
   EngineLink& engine = EngineLink::current();
   if (engine.alreadyReceivedUUID()) return;
   // The identifier becomes part of file names and URLs; one that could lead elsewhere is none.
-  if (uuid.asString() != nullptr &&
-      !(platform::isPlainFileName(*uuid.asString()) && isUsableClientID(*uuid.asString()))) {
+  if (uuid.asString() != nullptr && !isUsableUserUUID(*uuid.asString())) {
     Log::error("NetworkManager:sendUserToRemoteWebServer [net] uuid refused: not a plain name");
     return;
   }

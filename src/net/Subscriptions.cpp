@@ -78,9 +78,10 @@ void NetworkManager::subscriptionRegiter(const std::string& subscription, const 
 }
 
 void NetworkManager::subscriptionUnRegister(const std::string& subscription) {
+  // Before the identity is looked for: an unregistered device must not ask for both once it is registered.
+  Settings::shared().removeSubscription(subscription);
   const auto identity = identityFor("subscriptionUnRegister");
   if (!identity) return;
-  Settings::shared().removeSubscription(subscription);
   Log::debug("NetworkManager:subscriptionRegiter :[UNSUBSCRIPTION_LIST] : ", unsubscriptionList(), "---- ");
   auto body =
       callBody(kBody, {{"subscription", subscription}, {"envir", envir()}, {"app_id", Settings::shared().bundleID()}});

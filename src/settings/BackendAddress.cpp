@@ -2,9 +2,21 @@
 
 #include <algorithm>
 
+#include "platform/foundation/Files.h"
 #include "platform/urlsession/URLRequest.h"
 
 namespace tarvo {
+namespace {
+
+bool isHexDigit(char c) { return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F') || (c >= 'a' && c <= 'f'); }
+
+/// A character of a path's segment that needs no escape.
+bool standsInPath(char c) {
+  const bool alphanumeric = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
+  return alphanumeric || std::string_view("-._~!$&'()*+,;=:@").find(c) != std::string_view::npos;
+}
+
+}  // namespace
 
 std::optional<std::string> refusalOfBackendAddress(std::string_view url, bool allowPlainHttp) {
   if (!platform::isValidHttpUrl(url)) return "not an absolute http or https URL";
@@ -16,10 +28,25 @@ std::optional<std::string> refusalOfBackendAddress(std::string_view url, bool al
 }
 
 bool isUsableClientID(std::string_view clientID) {
-  return std::all_of(clientID.begin(), clientID.end(), [](char c) {
-    const bool alphanumeric = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
-    return alphanumeric || std::string_view("-._~!$&'()*+,;=:@").find(c) != std::string_view::npos;
-  });
+  std::string plain;  // with "%2E" as the dot that it means
+  while (!clientID.empty()) {
+    std::size_t length = 1;
+    char c = clientID.front();
+    if (c == '%') {
+      length = 3;
+      if (clientID.size() < length || !isHexDigit(clientID[1]) || !isHexDigit(clientID[2])) return false;
+      if (clientID[1] == '2' && (clientID[2] == 'E' || clientID[2] == 'e')) c = '.';
+    } else if (!standsInPath(c)) {
+      return false;
+    }
+    plain += c;
+    clientID.remove_prefix(length);
+  }
+  return plain != "." && plain != "..";
+}
+
+bool isUsableUserUUID(std::string_view uuid) {
+  return platform::isPlainFileName(uuid) && std::all_of(uuid.begin(), uuid.end(), standsInPath);
 }
 
 }  // namespace tarvo

@@ -187,6 +187,11 @@ void Settings::removeSubscription(std::string_view name) {
   values_.subscriptions.erase(std::string(name));
 }
 
+void Settings::replaceSubscriptions(std::map<std::string, std::string> list) {
+  MutexLock lock(mutex_);
+  values_.subscriptions.swap(list);
+}
+
 std::set<std::string> Settings::unsubscriptions() const {
   MutexLock lock(mutex_);
   return values_.unsubscriptions;
@@ -202,6 +207,11 @@ void Settings::removeUnsubscription(std::string_view name) {
   values_.unsubscriptions.erase(std::string(name));
 }
 
+void Settings::replaceUnsubscriptions(std::set<std::string> names) {
+  MutexLock lock(mutex_);
+  values_.unsubscriptions.swap(names);
+}
+
 std::map<std::string, std::string> Settings::setTags() const {
   MutexLock lock(mutex_);
   return values_.setTags;
@@ -212,6 +222,11 @@ void Settings::addSetTag(std::string name, std::string value) {
   values_.setTags.insert_or_assign(std::move(name), std::move(value));
 }
 
+void Settings::replaceSetTags(std::map<std::string, std::string> tags) {
+  MutexLock lock(mutex_);
+  values_.setTags.swap(tags);
+}
+
 std::vector<std::string> Settings::unsetTags() const {
   MutexLock lock(mutex_);
   return values_.unsetTags;
@@ -220,6 +235,11 @@ std::vector<std::string> Settings::unsetTags() const {
 void Settings::addUnsetTag(std::string name) {
   MutexLock lock(mutex_);
   values_.unsetTags.push_back(std::move(name));
+}
+
+void Settings::replaceUnsetTags(std::vector<std::string> names) {
+  MutexLock lock(mutex_);
+  values_.unsetTags.swap(names);
 }
 
 }  // namespace tarvo

@@ -74,13 +74,17 @@ class Settings {
   std::map<std::string, std::string> subscriptions() const;
   void setSubscription(std::string name, std::string value);
   void removeSubscription(std::string_view name);
+  void replaceSubscriptions(std::map<std::string, std::string> list);
   std::set<std::string> unsubscriptions() const;
   void addUnsubscription(std::string name);
   void removeUnsubscription(std::string_view name);
+  void replaceUnsubscriptions(std::set<std::string> names);
   std::map<std::string, std::string> setTags() const;
   void addSetTag(std::string name, std::string value);
+  void replaceSetTags(std::map<std::string, std::string> tags);
   std::vector<std::string> unsetTags() const;
   void addUnsetTag(std::string name);
+  void replaceUnsetTags(std::vector<std::string> names);
 
  private:
   Settings() = default;

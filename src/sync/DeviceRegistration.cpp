@@ -35,13 +35,13 @@ platform::Dictionary deviceDescription() {
 DeviceRegistration::DeviceRegistration(ObjectStore& store, NetworkManager& client, std::function<void()> startUpload)
     : store_(store), client_(client), startUpload_(std::move(startUpload)) {}
 
-std::vector<std::optional<std::string>> DeviceRegistration::getUser() {
-  std::vector<std::optional<std::string>> identifiers;
+std::vector<UserRecord> DeviceRegistration::getUser() {
+  std::vector<UserRecord> users;
   auto& context = store_.managedObjectContext();
   context.performAndWait([&] {
-    for (const auto& user : Users::getUsers(context)) identifiers.push_back(user->uuid());
+    for (const auto& user : Users::getUsers(context)) users.push_back({user->uuid(), user->timestamp()});
   });
-  return identifiers;
+  return users;
 }
 
 void DeviceRegistration::removeRepeatedUsers() {
@@ -68,7 +68,7 @@ std::optional<std::string> DeviceRegistration::checkAndRegisterUser() {
   if (users.size() == 1) {
     Log::debug("LocationManager:checkAndRegisterUser [loc] nbUsers:1 mainThread:", mainThread());
     if (!settings.userSecret() && !settings.apiKeySecret().empty()) registerUserToRemoteWebServer();
-    return users.front();
+    return users.front().uuid;
   }
   Log::error("LocationManager:checkAndRegisterUser [loc] error nbUsers:", users.size(), " mainThread:", mainThread());
   return std::nullopt;

@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include <tarvo/Records.h>
+
 #include "store/ObjectStore.h"
 
 namespace tarvo {
@@ -33,9 +35,10 @@ class DeviceRegistration {
   /// them the user's secret, cannot be written, the record waits until they are.
   void addNewUserToDatabase(std::string_view uuid, std::string_view creationDate);
 
+  /// All stored users.
+  std::vector<UserRecord> getUser();
+
  private:
-  /// The identifiers of all stored users.
-  std::vector<std::optional<std::string>> getUser();
   /// Leaves one record of each identity. Not saved here: a process that only reads must not write.
   void removeRepeatedUsers();
 

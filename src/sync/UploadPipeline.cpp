@@ -1,5 +1,6 @@
 #include "sync/UploadPipeline.h"
 
+#include <set>
 #include <utility>
 
 #include <tarvo/NetworkManager.h>
@@ -139,6 +140,18 @@ void UploadPipeline::resendAllSentWithoutACKData(const Locations::List& location
     batch = batchOf(locations, *uuid);
   });
   post(std::move(batch.json), batch.first, batch.last, locations.size());
+}
+
+void UploadPipeline::resendAllSentWithoutACKData(const std::vector<LocationRecord>& locations) {
+  std::set<std::optional<std::int64_t>> indexes;
+  for (const LocationRecord& location : locations) indexes.insert(location.index);
+  Locations::List awaiting;
+  auto& context = store_.managedObjectContext();
+  context.performAndWait([&] {
+    awaiting = Locations::getSentWithoutACKLocations(context);
+    std::erase_if(awaiting, [&](const auto& location) { return !indexes.contains(location->index()); });
+  });
+  resendAllSentWithoutACKData(awaiting);
 }
 
 void UploadPipeline::post(std::string json, std::int64_t first, std::int64_t last, std::size_t positions) {

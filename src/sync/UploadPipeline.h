@@ -38,6 +38,8 @@ class UploadPipeline {
 
   /// Posts these positions again, unless the backend is out of reach; the channel then stays held.
   void resendAllSentWithoutACKData(const Locations::List& locations);
+  /// The same with copies: those that are, by index, among the 1000 oldest which still await.
+  void resendAllSentWithoutACKData(const std::vector<LocationRecord>& locations);
 
   /// The acknowledgement of a batch, given as texts: its last index, then its first.
   void markLocationAsSentUntilIndex(std::string_view locationIndex, std::string_view firstLoc);

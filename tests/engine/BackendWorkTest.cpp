@@ -122,34 +122,60 @@ TEST_F(BackendWork, ALogFileGoesOnTheNextDayAndIsDeletedWhenTheBackendHoldsIt) {
   EXPECT_EQ(kept->find("--boundary"), std::string::npos);
 }
 
-TEST_F(BackendWork, AnUploadOfAKilledProcessIsCompletedByTheNext) {
-  int ports[2];
-  ASSERT_EQ(::pipe(ports), 0);
-  const pid_t child = ::fork();  // no thread runs yet
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    sandbox::Backend first({"demo", "key", "secret"}, home.path() / "sandbox.sqlite");
-    first.start();
-    LocationManager::setRemoteWebServerURL(first.baseURL());
-    UserDefaults::standard().set("tarvologlevel", 3);
-    Tarvo tarvo = registered();
-    drive(2);
-    clock->advance(Seconds(86400));
-    first.faults().hangNext("uplog", 1);
-    tarvo.didReceiveRemoteNotification(push);
-    const int port = first.faults().waitUntilHanging(1, std::chrono::seconds(30)) ? first.port() : 0;
-    if (::write(ports[1], &port, sizeof port) == sizeof port) ::raise(SIGKILL);
-    ::_exit(1);
-  }
-  int port = 0, status = 0;
-  ASSERT_EQ(::read(ports[0], &port, sizeof port), static_cast<ssize_t>(sizeof port));
-  ::waitpid(child, &status, 0);
-  ASSERT_TRUE(WIFSIGNALED(status));
-  ASSERT_GT(port, 0);
+/// A home whose last process was killed while it uploaded a log file, and the backend that waits for that file.
+class AfterAKill : public BackendWork {
+ protected:
+  void SetUp() override {
+    BackendWork::SetUp();
+    int ports[2];
+    ASSERT_EQ(::pipe(ports), 0);
+    const pid_t child = ::fork();  // no thread runs yet
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      sandbox::Backend first({"demo", "key", "secret"}, home.path() / "sandbox.sqlite");
+      first.start();
+      LocationManager::setRemoteWebServerURL(first.baseURL());
+      UserDefaults::standard().set("tarvologlevel", 3);
+      Tarvo tarvo = registered();
+      drive(2);
+      clock->advance(Seconds(86400));
+      first.faults().hangNext("uplog", 1);
+      tarvo.didReceiveRemoteNotification(push);
+      const int port = first.faults().waitUntilHanging(1, std::chrono::seconds(30)) ? first.port() : 0;
+      if (::write(ports[1], &port, sizeof port) == sizeof port) ::raise(SIGKILL);
+      ::_exit(1);
+    }
+    int port = 0, status = 0;
+    ASSERT_EQ(::read(ports[0], &port, sizeof port), static_cast<ssize_t>(sizeof port));
+    ::waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    ASSERT_GT(port, 0);
 
-  clock->advance(Seconds(86600));
-  backend.start(port);
-  ASSERT_TRUE(LocationManager::setRemoteWebServerURL(backend.baseURL()));
+    clock->advance(Seconds(86600));
+    backend.start(port);
+    ASSERT_TRUE(LocationManager::setRemoteWebServerURL(backend.baseURL()));
+  }
+
+  /// The upload rests in local modes and goes on with `start`, in a backend mode.
+  void restsUntil(void (*start)(Tarvo& tarvo)) {
+    Tarvo tarvo;
+    tarvo.activate(Tarvo::LOCAL_FOREGROUND);
+    platform::UIApplication::shared().didFinishLaunching();
+    tarvo.activate(Tarvo::LOCAL_BACKGROUND);
+    tarvo.serviceConnect();
+    int finished = 0;
+    EXPECT_TRUE(tarvo.handleEventsForBackgroundURLSession(Tarvo::backgroundSessionID(), [&] { ++finished; }));
+    waitUntilIdle();
+    EXPECT_EQ(backend.holdings().logs, 0);
+    EXPECT_EQ(finished, 1) << "nothing is waited for";
+    start(tarvo);
+    waitUntilIdle();
+    EXPECT_EQ(backend.holdings().logs, 1);
+    EXPECT_FALSE(exists(logOf("2024-06-15")));
+  }
+};
+
+TEST_F(AfterAKill, TheUploadGoesOnWhenTheHostIsWoken) {
   Tarvo tarvo;
   int finished = 0;
   EXPECT_FALSE(tarvo.handleEventsForBackgroundURLSession("another", [&] { finished += 100; }));
@@ -185,6 +211,41 @@ TEST_F(BackendWork, StopsBeforeItStoresTripsWhoseIdentifiersItCannotTake) {
   EXPECT_FALSE(history.getLastPastTrip()) << "the next launch starts clean";
   EXPECT_EQ(history.addNewLastTrip({trip(7.0), without})->pasttrips.front().pasttrip_id, 7);
   EXPECT_EQ(history.addNewLastTrip({without})->pasttrips.front().pasttrip_id, 7);
+}
+
+TEST_F(AfterAKill, TheUploadRestsInLocalModesAndGoesOnWithAnActivation) {
+  restsUntil([](Tarvo& tarvo) { tarvo.activate(Tarvo::BACKEND_BACKGROUND); });
+}
+
+TEST_F(AfterAKill, TheUploadRestsInLocalModesAndGoesOnWithAServiceConnect) {
+  restsUntil([](Tarvo& tarvo) {
+    Tarvo::setACTIVATE_STATUS(Tarvo::BACKEND_BACKGROUND);
+    tarvo.serviceConnect();
+  });
+}
+
+TEST_F(BackendWork, AClientBeforeTheFirstTarvoBuildsTheEngineWhichItsSessionTells) {
+  startBackend();
+  Tarvo::setClientID("demo");
+  Tarvo::setTarvoapiKey("key");
+  NetworkManager::setApiKeySecret("secret");
+  NetworkManager client;
+  EXPECT_EQ(diary.count("LocationManager:init"), 0u);
+  // As the engine itself describes this device, and once more when it is built.
+  platform::UIDevice::current().setIdentifierForVendor("");
+  client.sendUserToRemoteWebServer(
+      R"({"mobileid":"{\"os\":\"ios\", \"iosid\":\"unknown\"}","mobileos":"ios","phone_description":"","sensors":""})");
+  waitUntilIdle();
+  EXPECT_EQ(diary.count("LocationManager:init [loc] [init] mainThread:"), 1u);
+  ASSERT_TRUE(LocationManager::userUUID());
+
+  UserDefaults::standard().set("tarvologlevel", 3);
+  Tarvo().serviceConnect();  // writes the day's first line
+  clock->advance(Seconds(86400));
+  client.sendLogToRemoteWebServer();
+  waitUntilIdle();
+  EXPECT_EQ(backend.holdings().logs, 1);
+  EXPECT_FALSE(exists(logOf("2024-06-15"))) << "the engine has read the reply";
 }
 
 }  // namespace

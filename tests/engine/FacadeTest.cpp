@@ -2,6 +2,9 @@
 
 #include <chrono>
 #include <future>
+#include <stdexcept>
+
+#include <tarvo/platform/MainQueue.h>
 
 #include "net/EngineLink.h"
 
@@ -24,7 +27,10 @@ TEST_F(Facade, GatesReadsByTheMode) {
   tarvo.activate(Tarvo::LOCAL_BACKGROUND);
   EXPECT_FALSE(tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {})) << "an empty history is absent";
   drive(2);
-  engine().parts().history.addNewLastTrip({{{"pasttrip_id", 7}, {"start_time", "2024-06-15T10:00:00.000+0000"}}});
+  engine().addNewLastTrip({{{"pasttrip_id", 7}, {"start_time", "2024-06-15T10:00:00.000+0000"}}});
+  engine().addNewPOI({{{"poi_id", 1}, {"zone_geo_json", platform::Dictionary{}}}});
+  waitUntilIdle();
+  EXPECT_EQ(tarvo.getPointOfInterests(), std::vector<std::string>{"{}"});
   const struct {
     std::int64_t mode;
     bool raw, extrapolated, trip, position;
@@ -68,6 +74,9 @@ TEST_F(Facade, TellsTheNewestObjectOfWholeBatchesUntilToldToStop) {
   auto host = std::make_shared<DiaryDelegate>();
   std::optional<Tarvo> newest = Tarvo();
   newest->setDelegate(host);
+  host->inside = [&](Tarvo& self) { EXPECT_TRUE(self == *newest && self != older); };
+  const Tarvo moved = std::move(older);
+  EXPECT_TRUE(older == moved && older.delegate() == olderHost) << "a handle that was moved from is as good as before";
   newest->activate(Tarvo::LOCAL_BACKGROUND);
   LocationService::shared().deliver({fixAt(48, kStart), fixAt(48.01, kStart + 1)});
   waitUntilIdle();
@@ -84,8 +93,11 @@ TEST_F(Facade, TellsTheNewestObjectOfWholeBatchesUntilToldToStop) {
   drive(1);
   EXPECT_EQ(host->batches.size(), 2u);
   EXPECT_TRUE(olderHost->batches.empty()) << "an older object does not take over";
-  // Five fixes, the two of the first batch counted singly, and the event of serviceConnect.
-  EXPECT_EQ(engine().syncStatus().stored, 7);
+  older.setDelegate(olderHost);
+  drive(1);
+  EXPECT_EQ(olderHost->batches.size(), 1u) << "unless it is given a delegate";
+  // Six fixes, the two of the first batch counted singly, and the event of serviceConnect.
+  EXPECT_EQ(engine().syncStatus().stored, 8);
 }
 
 TEST_F(Facade, LetsTheHostStopEverythingFromInsideACallback) {
@@ -241,7 +253,7 @@ TEST_F(Facade, KeepsAccountCallsBelowModeEightAndReplaysTagsOnAPush) {
   EXPECT_EQ(Tarvo::UNSET_TAGS_LIST(), std::vector<std::string>{"old"});
   EXPECT_EQ(diary.count("UNSUBSCRIPTION_LIST : : : []"), 1u);
   EXPECT_EQ(diary.count("Tarvo : token t0k"), 1u);
-  EngineLink::current().submitLastTrips({{{"pasttrip_id", 7}}});
+  engine().addNewLastTrip({{{"pasttrip_id", 7}}});
   waitUntilIdle();
   EXPECT_EQ(host->matched, std::vector<std::int64_t>{7});
 
@@ -259,6 +271,35 @@ TEST_F(Facade, KeepsAccountCallsBelowModeEightAndReplaysTagsOnAPush) {
   EXPECT_EQ(diary.count("NetworkManager:setTags :[success]"), 2u);
   EXPECT_TRUE(NetworkManager::SUBSCRIPTION_LIST().empty());
   EXPECT_TRUE(NetworkManager::UNSUBSCRIPTION_LIST().empty());
+}
+
+TEST_F(Facade, LetsTheHostReadAndSetTheProcessWideValuesWhole) {
+  startBackend();
+  Tarvo tarvo = registered();
+  drive(1);
+  Tarvo::setSET_TAGS_LIST({{"colour", "red"}, {"size", "l"}});
+  Tarvo::setUNSET_TAGS_LIST({"old"});
+  tarvo.didReceiveRemoteNotification({{"messageFrom", "tarvo"}});
+  waitUntilIdle();
+  EXPECT_EQ(diary.count("NetworkManager:setTags :[success]"), 2u);
+  EXPECT_EQ(diary.count("NetworkManager:unsetTags :[success]"), 1u);
+  Tarvo::setSET_TAGS_LIST({});
+  Tarvo::setUNSET_TAGS_LIST({});
+  EXPECT_TRUE(Tarvo::SET_TAGS_LIST().empty() && Tarvo::UNSET_TAGS_LIST().empty());
+  NetworkManager::setSUBSCRIPTION_LIST({{"news", "n"}});
+  NetworkManager::setUNSUBSCRIPTION_LIST({"ads", "spam"});
+  EXPECT_EQ(NetworkManager::SUBSCRIPTION_LIST().at("news"), "n");
+  EXPECT_EQ(NetworkManager::UNSUBSCRIPTION_LIST().size(), 2u);
+  Trip trip;
+  trip.id = 5;
+  Tarvo::setLastPrediction(trip);
+  Tarvo::setACTIVATE_STATUS(Tarvo::BACKEND_GEOPROFILE);
+  EXPECT_EQ(tarvo.getNextTrip()->id, 5);
+  EXPECT_EQ(tarvo.defaults().integer("ACTIVATE_STATUS_YES"), Tarvo::BACKEND_BACKGROUND);
+  const auto users = engine().getUser();
+  ASSERT_EQ(users.size(), 1u);
+  EXPECT_EQ(users[0].uuid, LocationManager::userUUID());
+  EXPECT_TRUE(users[0].timestamp);
 }
 
 TEST_F(Facade, RunsOnWithoutAStoreAfterOneLineThatSaysSo) {
@@ -279,6 +320,64 @@ TEST_F(Facade, RunsOnWithoutAStoreAfterOneLineThatSaysSo) {
   EXPECT_EQ(*bytes, garbage) << "what is not ours is left as it is";
 }
 
+/// A host that throws wherever it is called.
+struct Thrower : TarvoDelegate, platform::LocationSource, platform::HostApplication {
+  static void fail() { throw std::runtime_error("mine"); }
+  void tarvoDidReceiveNewLocations(Tarvo&, const std::vector<platform::CLLocation>&) override { fail(); }
+  void tarvoOnRouteMatched(Tarvo&, const LocationsHistory&) override { fail(); }
+  void tarvoOnPredictionUpdate(Tarvo&, const Trip&) override { fail(); }
+  void start(double) override { fail(); }
+  void stop() override {}
+  void registerForRemoteNotifications() override { fail(); }
+};
+
+TEST_F(Facade, EndsTheProcessWithTheNameOfACallbackThatThrows) {
+  const auto host = std::make_shared<Thrower>();
+  const std::pair<const char*, std::function<void(Tarvo&)>> cases[] = {
+      {"tarvoDidReceiveNewLocations threw an exception: mine", [&](Tarvo&) { drive(1); }},
+      {"tarvoOnRouteMatched threw",
+       [](Tarvo&) {
+         engine().addNewLastTrip({{{"pasttrip_id", 7}}});
+       }},
+      {"tarvoOnPredictionUpdate threw", [](Tarvo&) { EngineLink::current().predictionStored(); }},
+      {"the completion handler of background events threw",
+       [](Tarvo& tarvo) { tarvo.handleEventsForBackgroundURLSession(Tarvo::backgroundSessionID(), Thrower::fail); }},
+      {"registerForRemoteNotifications threw",
+       [&](Tarvo&) {
+         platform::setHostApplication(host);
+         platform::UIApplication::shared().registerForRemoteNotifications();
+       }},
+      {"LocationSource::start threw", [&](Tarvo&) { LocationService::shared().setSource(host); }},
+      {"a block of the main queue threw an exception\n",
+       [](Tarvo&) { platform::MainQueue::main().async([] { throw 7; }); }},
+      {"the system log's sink threw",
+       [](Tarvo& tarvo) {
+         platform::setSystemLogSink([](std::string_view) { Thrower::fail(); });
+         tarvo.stopLocationUpdate();
+       }},
+      // Last: the permission is kept in the home.
+      {"the permission prompt threw",
+       [](Tarvo& tarvo) {
+         LocationService::shared().setPrompt([](auto) { Thrower::fail(); });
+         LocationService::shared().setAuthorizationStatus(CLAuthorizationStatus::notDetermined);
+         tarvo.getCurrentLocation();
+       }},
+  };
+  for (const auto& [message, provoke] : cases) {
+    const auto inChild = [&provoke = provoke, this, host] {
+      platform::setSystemLogSink({});
+      Tarvo tarvo;
+      tarvo.setDelegate(host);
+      tarvo.activate(Tarvo::LOCAL_BACKGROUND);
+      tarvo.requestRouteMatch();
+      tarvo.requestPredictionUpdate();
+      provoke(tarvo);
+      waitUntilIdle();
+    };
+    EXPECT_DEATH(inChild(), std::string("Fatal error: ") + message) << message;
+  }
+}
+
 TEST_F(Facade, StopsTheProcessOnlyWhenThereIsNowhereForTheStore) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(
@@ -297,7 +396,9 @@ TEST_F(Facade, PutsTheStoreIntoTheLastDocumentsDirectoryAndTheLogIntoTheFirst) {
   platform::setDocumentDirectories({first, last});
   UserDefaults::standard().set("tarvologlevel", 6);
   Tarvo tarvo;
-  LocationManager::setUserUUID("U");
+  EXPECT_TRUE(LocationManager::setUserUUID("U"));
+  for (const char* none : {"", "two words", "a/b", "..", "50%", "a?b"})
+    EXPECT_FALSE(LocationManager::setUserUUID(none)) << none;
   tarvo.activate(4);
   waitUntilIdle();
   EXPECT_TRUE(std::filesystem::exists(last / "Marrowgate-Tarvo-db3.sqlite"));

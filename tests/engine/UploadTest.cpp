@@ -109,7 +109,7 @@ TEST_F(Upload, SendsABacklogInBatchesOfAThousandOnePerAcknowledgement) {
 TEST_F(Upload, FreesTheChannelAtOnceOnAnotherStatusAndSendsTheSameBatchAgain) {
   startBackend();
   Tarvo tarvo = registered();
-  backend.faults().answerNext(2, 500);
+  backend.faults().answerNext(3, 500);
   collect(1);
   engine().sendDataInBatchToRemoteWebServer();
   waitUntilIdle();
@@ -121,9 +121,13 @@ TEST_F(Upload, FreesTheChannelAtOnceOnAnotherStatusAndSendsTheSameBatchAgain) {
   waitUntilIdle();
   EXPECT_EQ(diary.count("resendAllSentWithoutACKData [net] from:0 to:0 "), 1u);
   EXPECT_EQ(backend.holdings().positions, 0);
+  // A host may ask for it too; only what awaits goes.
+  engine().resendAllSentWithoutACKData(engine().getLocationhistory({}, {}).locations.toVector());
+  waitUntilIdle();
+  EXPECT_EQ(diary.count("resendAllSentWithoutACKData [net] from:0 to:0 "), 2u);
   settle();
   expectEachIndexOnce(2);
-  EXPECT_EQ(diary.count("httpstatus : 500"), 2u);
+  EXPECT_EQ(diary.count("httpstatus : 500"), 3u);
 }
 
 TEST_F(Upload, NeverAsksTheResolverInsideABlockOfTheStore) {

@@ -97,10 +97,14 @@ TEST(Device, KeepsOneIdentifierInTheHome) {
 
   setHomeDirectory(folder.path());
   EXPECT_EQ(UIDevice::current().identifierForVendor(), next);
-  UIDevice::current().setIdentifierForVendor("");
+  EXPECT_TRUE(UIDevice::current().setIdentifierForVendor(""));
   EXPECT_EQ(UIDevice::current().identifierForVendor(), std::nullopt);
-  UIDevice::current().setIdentifierForVendor("HOST");
-  EXPECT_EQ(UIDevice::current().identifierForVendor(), "HOST");
+  const std::string host = "3F2504E0-4F89-41D3-9A0C-0305E82C3301";
+  EXPECT_TRUE(UIDevice::current().setIdentifierForVendor("3f2504e0-4F89-41d3-9a0c-0305e82c3301"));
+  for (const char* none : {"HOST", "3F2504E04F8941D39A0C0305E82C3301", "3F2504E0-4F89-41D3-9A0C-0305E82C330g",
+                           "3F2504E0-4F89-41D3-9A0C-0305E82C3301\n"})
+    EXPECT_FALSE(UIDevice::current().setIdentifierForVendor(none)) << none;
+  EXPECT_EQ(UIDevice::current().identifierForVendor(), host) << "in upper case, and kept";
 }
 
 TEST(Device, ReadsTheDistributionsNameAsTheShellWould) {

@@ -258,10 +258,10 @@ TEST(Settings, RefuseAddressesAndClientIdsThatCannotServe) {
     EXPECT_EQ(settings.setRemoteWebServerURL(url, allowPlain), accepted) << url;
     EXPECT_EQ(diary.count("backend address refused"), accepted ? 0u : 1u) << url;
   }
-  EXPECT_TRUE(settings.setClientID("client-1_A.b"));
-  EXPECT_FALSE(settings.setClientID("two words"));
-  EXPECT_FALSE(settings.setClientID("../users"));
-  EXPECT_EQ(settings.clientID(), "client-1_A.b");
+  for (const char* usable : {"client-1_A.b", "my%20app", "%c3%A9", "..."}) EXPECT_TRUE(settings.setClientID(usable));
+  for (const char* none : {"two words", "../users", ".", "..", ".%2e", "%2E%2e", "100%", "%2", "%g0", "a?b"})
+    EXPECT_FALSE(settings.setClientID(none)) << none;
+  EXPECT_EQ(settings.clientID(), "...");
 }
 
 }  // namespace

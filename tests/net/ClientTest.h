@@ -24,6 +24,11 @@ class DiaryEngine final : public EngineLink {
   std::optional<NewestTrip> newest;
   std::atomic<bool> received{false};
 
+  NetworkManager& client() override {
+    static auto* own = new NetworkManager;
+    return *own;
+  }
+
   void markLocationAsSentUntilIndex(const std::string& locationIndex, const std::string& firstLoc) override {
     note("mark ", firstLoc, "-", locationIndex);
   }

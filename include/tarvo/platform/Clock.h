@@ -12,7 +12,8 @@ namespace tarvo::platform {
 /// time, spans that the location service measures its monotonic time. Only network time-outs and the wait for another
 /// process run on the machine's own time.
 ///
-/// Threads: any. A clock is installed before the first touch of the library and kept for good.
+/// Threads: any. A clock is installed before the first touch of the library and kept for good. It is read in the midst
+/// of the library's work, so its operations neither call back nor throw.
 class TARVO_API Clock {
  public:
   virtual ~Clock() = default;

@@ -30,7 +30,8 @@ struct Alert {
 
 /// What only the host can do for the library. Each operation has a default that does the least.
 ///
-/// Threads: called on the main queue, with no lock held; never waited for.
+/// Threads: called on the main queue, with no lock held; never waited for. Errors: an exception that leaves an
+/// operation ends the process.
 class TARVO_API HostApplication {
  public:
   virtual ~HostApplication();
@@ -109,8 +110,9 @@ class TARVO_API UIDevice {
   /// Upper-case random UUID, made once and kept in `Library/identifierForVendor` of the home directory; absent when
   /// that file can be neither read nor written.
   std::optional<std::string> identifierForVendor() const;
-  /// A host with an identifier of its own sets it; an empty text makes it absent, no text restores the kept one.
-  void setIdentifierForVendor(std::optional<std::string> uuid);
+  /// A host with an identifier of its own sets it: a UUID, kept in upper case; what is none is refused (false, with a
+  /// line in the system log) and changes nothing. An empty text makes it absent, no text restores the kept one.
+  bool setIdentifierForVendor(std::optional<std::string> uuid);
 
  private:
   UIDevice() = default;

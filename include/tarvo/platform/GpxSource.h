@@ -47,8 +47,9 @@ class TARVO_API GpxSource {
 
   /// `speed` 1 is real time, 60 an hour in a minute, absent (or not above zero) as fast as possible.
   /// `progress` is called after each fix, and now and then during a long wait, with the number delivered so far;
-  /// answering false ends the play. With `until` only what is due by then is played, and the time passes until then;
-  /// the next call goes on. Returns the number of fixes handed to the service so far.
+  /// answering false ends the play, and so does an exception, which goes on to the caller. With `until` only what is
+  /// due by then is played, and the time passes until then; the next call goes on. Returns the number of fixes handed
+  /// to the service so far.
   std::size_t play(std::optional<double> speed, const std::function<bool(std::size_t)>& progress,
                    std::optional<Date> until = std::nullopt);
 

@@ -26,7 +26,8 @@ enum class AuthorizationRequest { whenInUse, always };
 /// A receiver that the service switches on and off, so that it rests while nobody needs fixes. It hands its fixes to
 /// `LocationService::deliver`.
 ///
-/// Threads: both calls come on the service's delivery queue, in turn, starting with `start`; they return soon.
+/// Threads: both calls come on the service's delivery queue, in turn, starting with `start`; they return soon. Errors:
+/// an exception that leaves one ends the process.
 class TARVO_API LocationSource {
  public:
   virtual ~LocationSource() = default;
@@ -65,6 +66,7 @@ class TARVO_API LocationService {
   /// Called (posted to the main queue, never inside a library call) when permission is asked for. One question at a
   /// time: until `setAuthorizationStatus` brings its answer (notDetermined: put off), or another prompt is set, further
   /// requests add none; a wish for "always" that came while "when in use" was asked for follows an answer of that kind.
+  /// An exception that leaves it ends the process.
   void setPrompt(std::function<void(AuthorizationRequest)> prompt);
 
   /// What the device has. Without location services, updates fail as denied.

@@ -11,7 +11,8 @@ namespace tarvo::platform {
 /// The queue of the process's first thread. A host that has an event loop polls `fileDescriptor` and calls
 /// `runPending`; one that has none calls `runFor`.
 ///
-/// Threads: `async` from any; the others only from the main thread.
+/// Threads: `async` from any; the others only from the main thread. Errors: an exception that leaves a block ends the
+/// process.
 class TARVO_API MainQueue {
  public:
   static MainQueue& main();

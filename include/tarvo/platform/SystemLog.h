@@ -8,7 +8,8 @@
 namespace tarvo::platform {
 
 /// Receives every message verbatim, one call each. May be called from any thread, several at a time, and
-/// from the midst of the library's work: it must not call back into the library.
+/// from the midst of the library's work: it must not call back into the library. An exception that leaves it ends the
+/// process.
 using SystemLogSink = std::function<void(std::string_view message)>;
 
 /// Replaces the console (standard error) as the place where messages go; an empty sink restores it.

@@ -16,6 +16,9 @@ std::optional<std::string> releaseValue(std::string_view osRelease, std::string_
 /// That value of this machine; empty without.
 std::string systemReleaseValue(std::string_view key);
 
+/// That UUID in upper case; absent when the text is none.
+std::optional<std::string> upperCaseUuid(std::string_view text);
+
 /// The upper-case UUID in that file; a new random one is put there when it holds none. Absent when that fails.
 std::optional<std::string> keptUuid(const std::filesystem::path& file);
 

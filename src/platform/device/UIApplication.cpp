@@ -3,6 +3,7 @@
 #include <tarvo/platform/Device.h>
 #include <tarvo/platform/MainQueue.h>
 
+#include "platform/foundation/HostCall.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/NotificationCenter.h"
 
@@ -21,14 +22,14 @@ Application& application() {
 }
 
 /// Calls the host on the main queue, with the answers that are installed by then.
-void postToHost(std::function<void(HostApplication&)> call) {
-  MainQueue::main().async([call = std::move(call)] {
+void postToHost(const char* callback, std::function<void(HostApplication&)> call) {
+  MainQueue::main().async([callback, call = std::move(call)] {
     std::shared_ptr<HostApplication> host;
     {
       MutexLock lock(application().mutex);
       host = application().host;
     }
-    call(*host);
+    callHost(callback, [&] { call(*host); });
   });
 }
 
@@ -73,19 +74,20 @@ void UIApplication::didEnterBackground() {
 }
 
 void UIApplication::present(Alert alert) {
-  postToHost([alert = std::move(alert)](HostApplication& host) { host.presentAlert(alert); });
+  postToHost("presentAlert", [alert = std::move(alert)](HostApplication& host) { host.presentAlert(alert); });
 }
 
 void UIApplication::openURL(std::string url) {
-  postToHost([url = std::move(url)](HostApplication& host) { host.openURL(url); });
+  postToHost("openURL", [url = std::move(url)](HostApplication& host) { host.openURL(url); });
 }
 
 void UIApplication::registerForRemoteNotifications() {
-  postToHost([](HostApplication& host) { host.registerForRemoteNotifications(); });
+  postToHost("registerForRemoteNotifications", [](HostApplication& host) { host.registerForRemoteNotifications(); });
 }
 
 void UIApplication::setMinimumBackgroundFetchInterval(double seconds) {
-  postToHost([seconds](HostApplication& host) { host.setMinimumBackgroundFetchInterval(seconds); });
+  postToHost("setMinimumBackgroundFetchInterval",
+             [seconds](HostApplication& host) { host.setMinimumBackgroundFetchInterval(seconds); });
 }
 
 }  // namespace tarvo::platform

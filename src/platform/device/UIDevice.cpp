@@ -3,6 +3,7 @@
 #include <tarvo/platform/Clock.h>
 #include <tarvo/platform/Device.h>
 #include <tarvo/platform/Environment.h>
+#include <tarvo/platform/SystemLog.h>
 
 #include "platform/device/PowerSupply.h"
 #include "platform/device/SystemIdentity.h"
@@ -101,9 +102,17 @@ std::optional<std::string> UIDevice::identifierForVendor() const {
   return device().keptIdentifier;
 }
 
-void UIDevice::setIdentifierForVendor(std::optional<std::string> uuid) {
+bool UIDevice::setIdentifierForVendor(std::optional<std::string> uuid) {
+  if (uuid && !uuid->empty()) {
+    uuid = upperCaseUuid(*uuid);
+    if (!uuid) {
+      NSLog("device identifier refused: it is no UUID");
+      return false;
+    }
+  }
   MutexLock lock(device().mutex);
   device().hostIdentifier = std::move(uuid);
+  return true;
 }
 
 }  // namespace tarvo::platform

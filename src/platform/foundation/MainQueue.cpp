@@ -11,6 +11,7 @@
 
 #include "platform/foundation/Activity.h"
 #include "platform/foundation/FatalError.h"
+#include "platform/foundation/HostCall.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/RealTime.h"
 
@@ -54,7 +55,7 @@ std::size_t MainQueue::runPending() {
   }
   const std::size_t number = blocks.size();
   while (!blocks.empty()) {
-    blocks.front()();
+    callHost("a block of the main queue", blocks.front());
     blocks.pop_front();
     Activity::end();
   }

@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "platform/foundation/HostCall.h"
 #include "platform/foundation/Mutex.h"
 
 namespace tarvo::platform {
@@ -54,7 +55,12 @@ void NSLog(std::string_view message) {
     sink = slot().sink;
   }
   if (sink) {
-    (*sink)(message);
+    try {
+      (*sink)(message);
+    } catch (...) {
+      setSystemLogSink({});  // or it would be asked to write of its own fault
+      hostThrew("the system log's sink");
+    }
     return;
   }
   std::string line = consolePrefix();

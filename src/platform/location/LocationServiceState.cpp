@@ -6,6 +6,8 @@
 #include <tarvo/platform/MainQueue.h>
 #include <tarvo/platform/UserDefaults.h>
 
+#include "platform/foundation/HostCall.h"
+
 namespace tarvo::platform {
 namespace {
 
@@ -190,12 +192,12 @@ void LocationService::State::followDemand() {
   if (!wanted && !running_) return;
   const std::optional<double> accuracy = wanted ? demand() : std::nullopt;
   if (running_ && (running_ != wanted || !accuracy)) {
-    running_->stop();
+    callHost("LocationSource::stop", [&] { running_->stop(); });
     running_ = nullptr;
   }
   if (wanted && accuracy && (!running_ || accuracy != runningAccuracy_)) {
     running_ = wanted;
-    running_->start(*accuracy);
+    callHost("LocationSource::start", [&] { running_->start(*accuracy); });
   }
   runningAccuracy_ = accuracy;
 }
@@ -229,7 +231,7 @@ void LocationService::State::pose(AuthorizationRequest request) {
     question_->isPosed = true;
     current = prompt_;
   }
-  current(request);
+  callHost("the permission prompt", [&] { current(request); });
 }
 
 }  // namespace tarvo::platform

@@ -211,7 +211,7 @@ std::shared_ptr<NSManagedObject> NSManagedObjectContext::insertNewObject(std::st
 }
 
 void NSManagedObjectContext::deleteObject(const std::shared_ptr<NSManagedObject>& object) {
-  (void)claim();
+  requireCurrent();
   if (object) state_->objects(object->entity()).remove(object);
 }
 

@@ -17,15 +17,6 @@ namespace {
 
 constexpr std::string_view hexDigits = "0123456789ABCDEF";
 
-bool isUpperCaseUuid(std::string_view text) {
-  if (text.size() != 36) return false;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
-    if (dash ? text[i] != '-' : hexDigits.find(text[i]) == std::string_view::npos) return false;
-  }
-  return true;
-}
-
 /// Version 4, RFC 4122.
 std::optional<std::string> randomUuid() {
   std::array<std::uint8_t, 16> bytes{};
@@ -74,8 +65,19 @@ std::string systemReleaseValue(std::string_view key) {
   return {};
 }
 
+std::optional<std::string> upperCaseUuid(std::string_view text) {
+  if (text.size() != 36) return std::nullopt;
+  std::string upper;
+  for (const char c : text) {
+    const bool dash = upper.size() == 8 || upper.size() == 13 || upper.size() == 18 || upper.size() == 23;
+    upper += c >= 'a' && c <= 'f' ? static_cast<char>(c - 'a' + 'A') : c;
+    if (dash ? c != '-' : hexDigits.find(upper.back()) == std::string_view::npos) return std::nullopt;
+  }
+  return upper;
+}
+
 std::optional<std::string> keptUuid(const std::filesystem::path& file) {
-  if (auto kept = readFile(file); kept && isUpperCaseUuid(*kept)) return *kept;
+  if (auto kept = readFile(file); kept && upperCaseUuid(*kept) == *kept) return *kept;
   const std::optional<std::string> made = randomUuid();
   if (!made) return std::nullopt;
   auto failed = createPrivateDirectories(file.parent_path());
