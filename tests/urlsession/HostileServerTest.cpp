@@ -223,10 +223,15 @@ TEST_F(Ending, ComesInTimeWhenTheSessionsThreadHangs) {
 }
 
 TEST(Session, SendsWhatHasWaitedForItsThread) {
-  test::Running server;
+  RawServer server([](int connection) {
+    RawServer::readHead(connection);
+    RawServer::send(connection, "HTTP/1.1 204 No Content\r\nConnection: close\r\n\r\n");
+  });
   std::atomic<int> completed{0};
   const auto task = [&] {
-    URLSession::shared().dataTask({server.url("/")}, [&](auto, auto, auto) { ++completed; })->resume();
+    URLSession::shared()
+        .dataTask({server.url()}, [&](auto, auto response, auto) { completed += response.has_value(); })
+        ->resume();
   };
   {
     const test::NoThreads none;
