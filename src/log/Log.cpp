@@ -1,6 +1,7 @@
 #include "log/Log.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -81,7 +82,14 @@ std::string multipartHeader(std::string_view fileName) {
 
 using FileName = std::shared_ptr<const std::string>;
 
-bool exists(const std::string& file) { return ::access(file.c_str(), F_OK) == 0; }
+enum class Found { nothing, file, somethingElse };
+
+/// Pipes and links that bear the name of a log are nobody's log: they are neither followed nor replaced.
+Found lookAt(const std::string& file) {
+  struct stat status {};
+  if (::lstat(file.c_str(), &status) != 0) return Found::nothing;
+  return S_ISREG(status.st_mode) ? Found::file : Found::somethingElse;
+}
 
 /// Where the latest line went: most lines go to the file of the one before. Threads: any.
 class LatestFile {
@@ -94,7 +102,7 @@ class LatestFile {
   /// The file of that name, which exists; absent when there is none to write to, or only now, with its header.
   FileName openFor(std::string_view name) {
     FileName file = known(name);
-    return file && exists(*file) ? file : found(name);
+    return file && lookAt(*file) == Found::file ? file : found(name);
   }
 
  private:
@@ -108,9 +116,13 @@ class LatestFile {
     // The identifier comes from the backend; it names a file only if it is a plain name.
     if (directories.empty() || !platform::isPlainFileName(name)) return nullptr;
     auto file = std::make_shared<const std::string>((directories.front() / name).native());
-    if (!exists(*file)) {
-      (void)platform::writeFileAtomically(*file, multipartHeader(name), /*durable=*/false);
-      return nullptr;
+    {
+      // One at a time: the header takes the place of the file, and must not take away another thread's first line.
+      platform::MutexLock lock(creating_);
+      const Found there = lookAt(*file);
+      // On the disk before lines follow, or a power cut leaves lines without their header, which no backend takes.
+      if (there == Found::nothing) (void)platform::writeFileAtomically(*file, multipartHeader(name), /*durable=*/true);
+      if (there != Found::file) return nullptr;
     }
     platform::MutexLock lock(mutex_);
     name_ = name;
@@ -118,14 +130,16 @@ class LatestFile {
     return file;
   }
 
+  platform::Mutex creating_;
   platform::Mutex mutex_;
   std::string name_ GUARDED_BY(mutex_);
   FileName file_ GUARDED_BY(mutex_);
 };
 
-/// Opened anew for each line, and never created: a file that was deleted meanwhile does not come back headless.
+/// Opened anew for each line, and never created: a file that was deleted meanwhile does not come back headless. Neither
+/// a link nor a pipe that has taken its place is followed or waited for.
 void appendTo(const std::string& file, std::string_view text) {
-  const int descriptor = ::open(file.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+  const int descriptor = ::open(file.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
   if (descriptor < 0) return;
   while (!text.empty()) {
     const ssize_t written = ::write(descriptor, text.data(), text.size());
@@ -196,6 +210,10 @@ platform::SerialQueue& Log::serialQueue() {
 
 void Log::append(std::shared_ptr<const std::string> file, std::string_view text) {
   WaitingLines::shared().add(std::move(file), {text});
+}
+
+bool Log::isFileName(std::string_view name) {
+  return platform::isPlainFileName(name) && name.starts_with(kFilePrefix) && name.ends_with(kFileExtension);
 }
 
 std::string Log::todaysFilePrefix() { return platform::concat(kFilePrefix, "_", dayOf(currentStamp())); }

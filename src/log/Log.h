@@ -48,6 +48,8 @@ class Log {
   static std::string todaysFilePrefix();
   /// Log files of all days: what their names begin with, and their extension.
   static constexpr std::string_view kFilePrefix = "TarvoLog", kFileExtension = ".txt";
+  /// Whether a log file could be called so.
+  static bool isFileName(std::string_view name);
 
   /// Where the lines are appended; what must come behind them is queued here too.
   static platform::SerialQueue& serialQueue();

@@ -38,7 +38,7 @@ void keepForGood(std::shared_ptr<platform::BackgroundSessionDelegate> delegate) 
   kept->delegates.insert(std::move(delegate));
 }
 
-/// The log files of all days but today, whoever's they are, by name.
+/// The log files of all days but today, whoever's they are, by name. A link or a pipe of such a name is none.
 std::vector<std::filesystem::path> finishedLogFiles() {
   std::vector<std::filesystem::path> files;
   const auto directories = platform::documentDirectories();
@@ -48,8 +48,9 @@ std::vector<std::filesystem::path> finishedLogFiles() {
   for (std::filesystem::directory_iterator entry(directories.front(), error), end; !error && entry != end;
        entry.increment(error)) {
     const std::string name = entry->path().filename().string();
-    if (entry->path().extension() == Log::kFileExtension && name.starts_with(Log::kFilePrefix) &&
-        !name.starts_with(today))
+    std::error_code unknown;
+    if (Log::isFileName(name) && !name.starts_with(today) &&
+        std::filesystem::is_regular_file(entry->symlink_status(unknown)))
       files.push_back(entry->path());
   }
   std::sort(files.begin(), files.end());

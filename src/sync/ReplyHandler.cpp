@@ -8,16 +8,14 @@
 #include "log/Log.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/Json.h"
-#include "store/ObjectStore.h"
 
 namespace tarvo {
 namespace {
 
-/// The name comes from the backend: it counts only as the plain name of a file beside the logs, where the store lies
-/// too.
+/// The name comes from the backend: it counts only as that of a log file. The store and the host's files lie there too.
 void deleteConfirmedFile(const std::string& name) {
   const auto directories = platform::documentDirectories();
-  if (directories.empty() || !platform::isPlainFileName(name) || name.starts_with(ObjectStore::kFileName)) return;
+  if (directories.empty() || !Log::isFileName(name)) return;
   const std::filesystem::path file = directories.front() / name;
   Log::debug("LocationManager:networkManagerReceivedSomeData [net] file:", file.string());
   std::error_code error;

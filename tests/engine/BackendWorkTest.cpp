@@ -101,12 +101,15 @@ TEST_F(BackendWork, ALogFileGoesOnTheNextDayAndIsDeletedWhenTheBackendHoldsIt) {
   EXPECT_EQ(backend.holdings().logs, 0) << "never today's";
 
   clock->advanceTo(platform::dateSince1970(1718496000));  // midnight
-  const char* refusals[] = {"{\"success\":false}", "{\"success\":true,\"results\":\"seen\"}", "Files is not uploaded"};
+  const auto host = first.parent_path() / "host.txt";
+  ASSERT_FALSE(platform::writeFileAtomically(host, "the host's own", false));
+  const char* refusals[] = {"{\"success\":false}", "{\"success\":true,\"results\":\"seen\"}", "Files is not uploaded",
+                            "{\"success\":true,\"results\":\"uploaded\",\"file\":\"host.txt\"}"};
   for (const char* refusal : refusals) {
     backend.faults().answerNext("uplog", 1, 200, refusal);
     tarvo.didReceiveRemoteNotification(push);
     waitUntilIdle();
-    EXPECT_TRUE(exists(first)) << refusal;
+    EXPECT_TRUE(exists(first) && exists(host)) << refusal;
   }
   tarvo.didReceiveRemoteNotification(push);
   waitUntilIdle();

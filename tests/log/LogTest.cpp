@@ -1,6 +1,9 @@
 #include "log/Log.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <thread>
 
@@ -13,6 +16,18 @@
 #include "settings/Settings.h"
 #include "support/LogDiary.h"
 #include "support/TempDir.h"
+
+/// The paths of what was flushed, in order.
+static std::vector<std::string>& flushed() {
+  static auto* paths = new std::vector<std::string>;
+  return *paths;
+}
+
+/// Takes the place of the system's for the whole program.
+extern "C" int fsync(int descriptor) {
+  flushed().push_back(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor)).string());
+  return static_cast<int>(::syscall(SYS_fsync, descriptor));
+}
 
 namespace tarvo {
 namespace {
@@ -113,6 +128,49 @@ TEST_F(Logging, NeverBringsBackADeletedFileHeadlessAndKeepsBadTextAndNamesOut) {
   logInto("../escaped", 6);
   Log::debug("a user that is no plain name");
   EXPECT_FALSE(std::filesystem::exists(home.path() / "escaped_IOS.txt"));
+}
+
+TEST_F(Logging, TakesOnlyARegularFileForALog) {
+  logInto("U-1", 6);
+  const auto path = home.path() / "Documents" / "TarvoLog_2024-06-15_U-1_IOS.txt";
+  std::filesystem::create_directories(path.parent_path());
+  const auto other = home.path() / "other";
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  Log::debug("a pipe without a reader");
+  ASSERT_TRUE(platform::Activity::waitUntilIdle(platform::Seconds(10)));
+  EXPECT_TRUE(std::filesystem::is_fifo(path));
+  for (const bool dangles : {true, false}) {
+    std::filesystem::remove(path);
+    std::filesystem::create_symlink(other, path);
+    ASSERT_TRUE(dangles || !platform::writeFileAtomically(other, "the host's", false));
+    Log::debug("header");
+    Log::debug("line");
+    ASSERT_TRUE(platform::Activity::waitUntilIdle(platform::Seconds(10)));
+    EXPECT_TRUE(std::filesystem::is_symlink(path));
+  }
+  EXPECT_EQ(platform::readFile(other).value(), "the host's");
+  // One that takes the file's place between the message and its line.
+  std::filesystem::remove(path);
+  Log::debug("header");
+  Log::serialQueue().async([&] {
+    std::filesystem::remove(path);
+    std::filesystem::create_symlink(other, path);
+  });
+  Log::debug("not into the host's file");
+  ASSERT_TRUE(platform::Activity::waitUntilIdle(platform::Seconds(10)));
+  EXPECT_EQ(platform::readFile(other).value(), "the host's");
+}
+
+TEST_F(Logging, FlushesTheHeaderAndItsNameBeforeLinesFollow) {
+  logInto("U-1", 6);
+  flushed().clear();
+  Log::debug("header");
+  ASSERT_EQ(flushed().size(), 2u);
+  EXPECT_NE(flushed()[0].find("Documents/.writing-"), std::string::npos);
+  EXPECT_TRUE(flushed()[1].ends_with("/Documents"));
+  Log::debug("line");
+  EXPECT_TRUE(file("2024-06-15")->ends_with("line\n"));
+  EXPECT_EQ(flushed().size(), 2u) << "no line waits for the disk";
 }
 
 TEST_F(Logging, KeepsTheOrderOfEachThreadsLines) {

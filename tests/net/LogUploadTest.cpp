@@ -1,4 +1,7 @@
+#include <sys/stat.h>
+
 #include <fstream>
+#include <future>
 
 #include <tarvo/platform/Clock.h>
 
@@ -20,6 +23,9 @@ struct LogUpload : ClientTest {
           "TarvoLog_2031-01-01_other_IOS.txt", "TarvoLog.txt", "TarvoLog_2024-12-28.log", "notes.txt"})
       write(name, platform::concat("--boundary\r\nContent-Disposition: form-data; name=\"file\"; filename=\"", name,
                                    "\"\r\nContent-Type: application/octet-stream\r\n\r\nline"));
+    // Neither is a log, whatever it is called.
+    std::filesystem::create_symlink("notes.txt", path("TarvoLog_link.txt"));
+    EXPECT_EQ(::mkfifo(path("TarvoLog_pipe.txt").c_str(), 0600), 0);
   }
   std::filesystem::path path(const std::string& name) const { return platform::documentDirectories().front() / name; }
   void write(const std::string& name, const std::string& text) const { std::ofstream(path(name)) << text; }
@@ -59,26 +65,44 @@ TEST_F(LogUpload, SendsEveryFileButTodaysByNameAloneAndClosesItEachTime) {
                                          "TarvoLog_2024-12-30_user-1_IOS.txt", "TarvoLog_2031-01-01_other_IOS.txt"}));
   EXPECT_EQ(log.count("NetworkManager:sendLogToRemoteWebServer [net] logFile: " + path("TarvoLog.txt").string()), 1u);
   EXPECT_EQ(log.count("NetworkManager:URLSession:didCompleteWithError [net] statusCode:200"), 4u);
+  EXPECT_EQ(log.count("NetworkManager:URLSession [net] error:"), 0u) << "what is no log was not tried";
   EXPECT_GE(log.count("NetworkManager:urlSessionDidFinishEvents:beforeCompletionHandler [net] session:"), 1u);
   EXPECT_EQ(log.count("NetworkManager:URLSession:didReceiveData"), 0u) << "no answer had a body";
 
   call(&NetworkManager::sendLogToRemoteWebServer);
   EXPECT_TRUE(read("TarvoLog.txt").ends_with("line\r\n--boundary--\r\n\r\n--boundary--\r\n"));
   EXPECT_TRUE(read("TarvoLog_2025-12-30_user-1_IOS.txt").ends_with("line"));
+  EXPECT_TRUE(read("notes.txt").ends_with("line"));
+}
+
+TEST_F(LogUpload, DoesNotQueueAFileWhoseUploadIsUnderWay) {
+  identify();
+  std::promise<void> released;
+  backend.answer("uplog", {200, "", [held = released.get_future().share()] { held.wait(); }});
+  for (int push = 0; push < 3; ++push) client().sendLogToRemoteWebServer();
+  released.set_value();
+  finish();
+  EXPECT_EQ(backend.take().size(), 4u);
+  EXPECT_TRUE(read("TarvoLog.txt").ends_with("line\r\n--boundary--\r\n"));
+  call(&NetworkManager::sendLogToRemoteWebServer);
+  EXPECT_EQ(backend.take().size(), 4u) << "those that have ended go again";
 }
 
 TEST_F(LogUpload, OnlyWritesALineWhenAFileOrTheBackendIsAway) {
   identify();
   for (const auto& file : std::filesystem::directory_iterator(path("").parent_path()))
     if (file.path().extension() == ".txt") std::filesystem::remove(file);
-  std::filesystem::create_symlink("nowhere", path("TarvoLog_gone.txt"));
-  write("TarvoLog_there.txt", "x");
+  write("TarvoLog_1.txt", "x");
+  write("TarvoLog_2.txt", "x");
   backend.answer("uplog", {200, "seen"});
+  // The second goes when the first is told.
+  log.onMessage([second = path("TarvoLog_2.txt")](std::string_view message) {
+    if (message.ends_with("TarvoLog_1.txt")) std::filesystem::remove(second);
+  });
   call(&NetworkManager::sendLogToRemoteWebServer);
-  EXPECT_EQ(log.count("[net] logFile: " + path("TarvoLog_gone.txt").string() + " does not exist"), 1u);
+  EXPECT_EQ(log.count("[net] logFile: " + path("TarvoLog_2.txt").string() + " does not exist"), 1u);
   EXPECT_EQ(log.count("NetworkManager:URLSession [net] error:"), 1u);
 
-  std::filesystem::remove(path("TarvoLog_gone.txt"));
   backend.stop();
   log.clear();
   call(&NetworkManager::sendLogToRemoteWebServer);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -36,6 +37,11 @@ class LogDiary {
       if (all[i].find(text) != std::string::npos) return static_cast<long>(i);
     return -1;
   }
+  /// Is told each message from now on, on the thread that logs it.
+  void onMessage(std::function<void(std::string_view)> listener) {
+    std::lock_guard lock(mutex_);
+    listener_ = std::move(listener);
+  }
   void clear() {
     std::lock_guard lock(mutex_);
     lines_.clear();
@@ -46,10 +52,12 @@ class LogDiary {
     platform::setSystemLogSink([this](std::string_view message) {
       std::lock_guard lock(mutex_);
       lines_.emplace_back(message);
+      if (listener_) listener_(message);
     });
   }
   mutable std::mutex mutex_;
   std::vector<std::string> lines_;
+  std::function<void(std::string_view)> listener_;
 };
 
 }  // namespace tarvo::test

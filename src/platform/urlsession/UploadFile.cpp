@@ -17,7 +17,7 @@ int UploadFile::rewind() {
   offset_ = 0;
   if (descriptor_ >= 0) return 0;
   // Without waiting: opening a pipe would hold up all transfers until somebody writes to it.
-  const int opened = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  const int opened = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
   if (opened < 0) return errno;
   struct stat status {};
   int error = ::fstat(opened, &status) == 0 ? 0 : errno;
