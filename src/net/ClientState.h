@@ -22,7 +22,8 @@ namespace tarvo {
 ///
 /// Threads: any; host code is called with no lock held.
 struct NetworkManager::State final : platform::BackgroundSessionDelegate, std::enable_shared_from_this<State> {
-  using Completion = std::function<void(NetworkManager& self, const Reply& reply)>;
+  /// May take out of the reply what it needs.
+  using Completion = std::function<void(NetworkManager& self, Reply& reply)>;
 
   explicit State(std::string versionedBase);
 
