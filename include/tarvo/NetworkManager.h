@@ -110,7 +110,8 @@ class TARVO_API NetworkManager {
   void unsetTags(const std::string& name);
   void resetBackend();
   void resetGeoProfile();
-  /// Uploads every log file but those of today, and closes each file's multipart body before.
+  /// Uploads every log file but those of today and those whose upload is under way, and closes each file's multipart
+  /// body before.
   void sendLogToRemoteWebServer();
 
   /// Joins the session that the application was woken for and goes on with the uploads that an earlier process has

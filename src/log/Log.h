@@ -16,9 +16,9 @@ namespace tarvo {
 /// The one entry point of the SDK's log: every message reaches the console; while file logging is on and the user is
 /// known it also becomes a line of the daily file, which is the body of its own later upload (docs/formats.md).
 ///
-/// Threads: any. The console line and the day's header are written on the caller's thread, lines are appended on
-/// `serialQueue`. Errors: never any; what cannot be written is dropped, as are lines beyond 256 KiB that wait for the
-/// queue's thread while the system has none to give.
+/// Threads: any. The console line and the day's header are written on the caller's thread, which waits for the disk
+/// once a day; lines are appended on `serialQueue`. Only regular files are logs. Errors: never any; what cannot be
+/// written is dropped, as are lines beyond 256 KiB that wait for the queue's thread while the system has none to give.
 class Log {
  public:
   static constexpr std::int64_t kVerbose = 2, kDebug = 3, kInfo = 4, kWarning = 5, kError = 6;

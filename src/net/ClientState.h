@@ -19,7 +19,8 @@ namespace tarvo {
 /// What a client consists of, shared with its requests in flight: an answer that comes after the client is gone still
 /// finds everything. Threads: any.
 struct NetworkManager::State final : std::enable_shared_from_this<State> {
-  using Completion = std::function<void(NetworkManager& self, const Reply& reply)>;
+  /// May take out of the reply what it needs.
+  using Completion = std::function<void(NetworkManager& self, Reply& reply)>;
 
   explicit State(std::string versionedBase);
 

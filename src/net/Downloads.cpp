@@ -36,7 +36,7 @@ constexpr Download kPlaces{"NetworkManager:getPOI : httpStatus ", "NetworkManage
                            /*resetsPoiVersion=*/true};
 
 /// The answer with "success" true, or absent. A bad status alone does not end it: its body still counts.
-std::optional<Dictionary> accept(const Download& download, NetworkManager& client, const Reply& reply) {
+std::optional<Dictionary> accept(const Download& download, NetworkManager& client, Reply& reply) {
   const auto resetPoiVersion = [&] {
     if (download.resetsPoiVersion) client.defaults().set(NetworkManager::LAST_POI_VERSION, 0);
   };
@@ -51,6 +51,7 @@ std::optional<Dictionary> accept(const Download& download, NetworkManager& clien
   }
   if (!reply.data) return std::nullopt;
   auto json = platform::parseJson(*reply.data);
+  reply.data.reset();  // it can be large
   if (!json) {
     Log::error(download.parse, json.error().localizedDescription);
     return std::nullopt;
@@ -63,7 +64,7 @@ std::optional<Dictionary> accept(const Download& download, NetworkManager& clien
 }
 
 /// The list under the key of an accepted answer, or absent.
-std::optional<std::vector<Dictionary>> accepted(const Download& download, NetworkManager& client, const Reply& reply,
+std::optional<std::vector<Dictionary>> accepted(const Download& download, NetworkManager& client, Reply& reply,
                                                 std::string_view key) {
   auto answer = accept(download, client, reply);
   if (!answer) return std::nullopt;
@@ -119,7 +120,7 @@ std::optional<std::int64_t> firstTripToAskFor(std::int64_t announced) {
 
 void NetworkManager::getNextTrip() {
   Log::error("NetworkManager:getNextTrip :[called]");
-  state_->start(request("GET", endpoints::tripAPI, std::nullopt), [](NetworkManager& self, const Reply& reply) {
+  state_->start(request("GET", endpoints::tripAPI, std::nullopt), [](NetworkManager& self, Reply& reply) {
     if (auto answer = accept(kPrediction, self, reply)) storePrediction(std::move(*answer));
   });
 }
@@ -132,7 +133,7 @@ void NetworkManager::getLocationHistoryEXTRAPOLATED() {
   const std::string path =
       platform::concat(endpoints::locationHistoryAPI, "?first_pasttrip_id=", *first, "&last_pasttrip_id=", last);
   Log::debug("NetworkManager:getLocationHistoryEXTRAPOLATED [api] ", path, " ");
-  state_->start(request("GET", path, std::nullopt), [](NetworkManager& self, const Reply& reply) {
+  state_->start(request("GET", path, std::nullopt), [](NetworkManager& self, Reply& reply) {
     if (auto trips = accepted(kPastTrips, self, reply, "trips"))
       EngineLink::current().submitLastTrips(std::move(*trips));
   });
@@ -140,7 +141,7 @@ void NetworkManager::getLocationHistoryEXTRAPOLATED() {
 
 void NetworkManager::getPOI() {
   Log::debug("NetworkManager:getPOI : called");
-  state_->start(request("GET", endpoints::poiAPI, std::nullopt), [](NetworkManager& self, const Reply& reply) {
+  state_->start(request("GET", endpoints::poiAPI, std::nullopt), [](NetworkManager& self, Reply& reply) {
     if (auto pois = accepted(kPlaces, self, reply, "pois")) EngineLink::current().submitPOIs(std::move(*pois));
   });
 }

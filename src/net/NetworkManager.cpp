@@ -33,7 +33,8 @@ void NetworkManager::State::start(platform::URLRequest request, Completion compl
       .dataTask(std::move(request),
                 [state = shared_from_this(), completion = std::move(completion)](auto data, auto response, auto error) {
                   NetworkManager self(state);
-                  completion(self, Reply{std::move(data), std::move(response), std::move(error)});
+                  Reply reply{std::move(data), std::move(response), std::move(error)};
+                  completion(self, reply);
                 })
       ->resume();
 }

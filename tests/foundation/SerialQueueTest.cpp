@@ -106,7 +106,7 @@ TEST(SerialQueue, KeepsItsBlocksInOrderWhileNoThreadCanBeMade) {
     queue.reset();
     EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4, 5, 6}));
     EXPECT_FALSE(other.async([&] { order.push_back(7); }));
-    timer = Timer::at(Clock::current()->now(), other, [&] { timed.set_value(); });
+    timer = Timer::after(Seconds(0), other, [&] { timed.set_value(); });
   }
   ASSERT_TRUE(Activity::waitUntilIdle(Seconds(30)));
   EXPECT_EQ(order.back(), 7);

@@ -65,6 +65,7 @@ TEST_F(LogUpload, SendsEveryFileButTodaysByNameAloneAndClosesItEachTime) {
                                          "TarvoLog_2024-12-30_user-1_IOS.txt", "TarvoLog_2031-01-01_other_IOS.txt"}));
   EXPECT_EQ(log.count("NetworkManager:sendLogToRemoteWebServer [net] logFile: " + path("TarvoLog.txt").string()), 1u);
   EXPECT_EQ(log.count("NetworkManager:URLSession:didCompleteWithError [net] statusCode:200"), 4u);
+  EXPECT_EQ(log.count("NetworkManager:URLSession [net] error:"), 0u) << "what is no log was not tried";
   EXPECT_GE(log.count("NetworkManager:urlSessionDidFinishEvents:beforeCompletionHandler [net] session:"), 1u);
   EXPECT_EQ(log.count("NetworkManager:URLSession:didReceiveData"), 0u) << "no answer had a body";
 
