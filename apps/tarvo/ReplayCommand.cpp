@@ -15,7 +15,8 @@ void addReplayCommand(CLI::App& app, Run& run) {
       "The SDK's clock follows the trip. After the last fix the command waits until every stored position is\n"
       "acknowledged. An interrupt ends the play with a summary, a second one ends the process.\n"
       "Exit status: 0 all sent (or nothing to send in this mode); 1 positions are left; 2 wrong usage or trace;\n"
-      "3 the home or its store cannot be used, or positions could not be saved; 130 interrupted.");
+      "3 the home or its store cannot be used, another process writes to it, or positions could not be saved;\n"
+      "130 interrupted.");
   command->add_option("TRACE", options->trace, "The trip: a GPX file, 1.0 or 1.1")->required()->type_name("");
   auto* backend = command->add_option("--backend", options->backend, "Base address of the backend, ending in /api")
                       ->type_name("URL");

@@ -20,6 +20,9 @@ constexpr std::uint64_t kLogHeaderBytes = 32;
 constexpr std::uint64_t kFrameHeaderBytes = 24;
 constexpr int kFramesWorthMoving = 1000;
 
+/// A batch is read by many small statements; a look before each would cost as much as some of them.
+constexpr std::chrono::milliseconds kBetweenLooks{1};
+
 }  // namespace
 
 Database::Database(std::filesystem::path file) : file_(std::move(file)), forks_(FileLock::forks()), files_(file_) {}
@@ -47,9 +50,8 @@ std::optional<Error> Database::adopt() {
   if (!failure) (void)run("ROLLBACK", StoreErrorCode::open);
   sqlite3_busy_timeout(handle_, kBusyTimeoutMilliseconds);
   if (failure && status != SQLITE_BUSY) return failure;
-  files_.remember();
-  logSize_ = 0;
-  if (!files_.areNamed(logSize_)) logSize_ = 0;
+  files_.watch();
+  logSize_ = files_.logSize();
   sqlite3_wal_hook(handle_, didCommit, this);
   sqlite3_db_config(handle_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
   return std::nullopt;
@@ -72,17 +74,21 @@ int Database::didCommit(void* database, sqlite3* handle, const char* name, int f
 
 bool Database::isUsable(bool toWrite) {
   if (isLost_ || inTransaction()) return !isLost_;
-  std::uint64_t logSize = 0;
-  isLost_ = !files_.hasIndex() || (toWrite && !(files_.areNamed(logSize) && isLogWhole(logSize)));
+  if (!toWrite) {
+    const auto now = std::chrono::steady_clock::now();
+    if (now < nextLook_) return true;
+    nextLook_ = now + kBetweenLooks;
+  }
+  isLost_ = !files_.hasIndex() || (toWrite && !(files_.areNamed() && isLogWhole()));
   return !isLost_;
 }
 
 /// Another program may have moved the whole log into the file and emptied it, as it is free to do.
-bool Database::isLogWhole(std::uint64_t size) {
-  if (size >= logSize_) return true;
+bool Database::isLogWhole() {
+  if (files_.logSize() >= logSize_) return true;
   int frames = 0;
   // With frames still to be moved this fails at the first one, since there is none to be read.
-  if (size != 0 ||
+  if (files_.logSize() != 0 ||
       sqlite3_wal_checkpoint_v2(handle_, nullptr, SQLITE_CHECKPOINT_PASSIVE, &frames, nullptr) != SQLITE_OK)
     return false;
   logSize_ = 0;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -37,7 +38,7 @@ class Database {
   Database& operator=(const Database&) = delete;
 
   /// What lies at the file's path now is what is open; from here on it is watched.
-  void watchFiles() { files_.remember(); }
+  void watchFiles() { files_.watch(); }
   /// This process has the right to write: its connection may tidy up when it closes, and answers whether the file can
   /// be written. Somebody who holds SQLite's own lock for the moment does not count.
   std::optional<Error> adopt();
@@ -49,7 +50,7 @@ class Database {
   std::optional<Error> checkpoint();
 
   /// Whether the open file can still be used: it is there under its name, with all that SQLite has written. Looks only
-  /// outside of transactions. A file that was lost stays lost.
+  /// outside of transactions, and for reading once a millisecond at most. A file that was lost stays lost.
   bool isUsable(bool toWrite);
   bool isLost() const { return isLost_; }
   /// Lost, and no error has told it yet.
@@ -83,7 +84,7 @@ class Database {
   explicit Database(std::filesystem::path file);
   sqlite3_stmt* prepare(std::string_view sql, bool toKeep);  ///< null when it cannot be
   Prepared* kept(std::string_view sql);                      ///< null when it cannot be, or is in use
-  bool isLogWhole(std::uint64_t size);
+  bool isLogWhole();
   static int didCommit(void* database, sqlite3* handle, const char* name, int frames);
 
   std::filesystem::path file_;
@@ -91,7 +92,8 @@ class Database {
   sqlite3* handle_ = nullptr;
   StoreFiles files_;
   std::uint64_t pageSize_ = 0;
-  std::uint64_t logSize_ = 0;  ///< of the write-ahead log at the least, after our latest commit
+  std::uint64_t logSize_ = 0;                       ///< of the write-ahead log at the least, after our latest commit
+  std::chrono::steady_clock::time_point nextLook_;  ///< for reading
   bool isLost_ = false;
   mutable bool isLossTold_ = false;
   std::unordered_map<std::string, Prepared, TextHash, std::equal_to<>> statements_;

@@ -5,7 +5,7 @@
 
 namespace tarvo::platform {
 
-/// The files that a connection has open, by their paths: finds out that one was removed, replaced or cut short.
+/// The files that a connection has open: finds out that one was removed, replaced or cut short.
 ///
 /// SQLite itself would go on: it writes to a file that nobody finds again, and since it maps the index of the
 /// write-ahead log into memory, a cut index ends the process (SIGBUS). A look before each transaction leaves the moment
@@ -14,27 +14,27 @@ namespace tarvo::platform {
 class StoreFiles {
  public:
   explicit StoreFiles(const std::filesystem::path& store);
+  ~StoreFiles();
+  StoreFiles(const StoreFiles&) = delete;
+  StoreFiles& operator=(const StoreFiles&) = delete;
 
-  /// What lies there now is what the connection has open. A file that is absent is not watched.
-  void remember();
-  /// Whether the index of the write-ahead log can be touched; one system call.
+  /// What lies there now, and was not there before, is what the connection has open. An absent file is not watched.
+  void watch();
+  /// Whether the index of the write-ahead log can be touched; one cheap system call.
   bool hasIndex();
-  /// Whether what is written now would be found again; two system calls. `logSize` gets the length of the write-ahead
-  /// log in bytes, 0 without one.
-  bool areNamed(std::uint64_t& logSize) const;
+  /// Whether what is written now would be found again; a look at the path, and one cheap system call.
+  bool areNamed() const;
+  /// The length of the write-ahead log in bytes when it was looked at last, 0 without one.
+  std::uint64_t logSize() const { return logSize_; }
 
  private:
-  struct File {
-    std::filesystem::path path;
-    bool isWatched = false;
-    std::uint64_t device = 0;
-    std::uint64_t node = 0;
-    std::uint64_t size = 0;
-  };
-  static File statusOf(const std::filesystem::path& path);
-  static bool isSame(const File& now, const File& known);
-
-  File store_, log_, index_;
+  const std::filesystem::path path_;
+  std::uint64_t device_ = 0;  ///< of the store
+  std::uint64_t node_ = 0;    ///< of the store; 0 while it is not watched
+  int log_ = -1;
+  int index_ = -1;
+  std::uint64_t indexSize_ = 0;
+  mutable std::uint64_t logSize_ = 0;
 };
 
 }  // namespace tarvo::platform
