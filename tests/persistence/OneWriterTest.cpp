@@ -19,13 +19,6 @@ namespace fs = std::filesystem;
 
 constexpr WriteRight::Patience kNone{milliseconds(0), milliseconds(0)};
 
-void runSql(const fs::path& file, const char* sql) {
-  sqlite3* database = nullptr;
-  ASSERT_EQ(sqlite3_open(file.c_str(), &database), SQLITE_OK);
-  EXPECT_EQ(sqlite3_exec(database, sql, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(database);
-  sqlite3_close(database);
-}
-
 std::string textOf(const std::optional<Error>& error) { return error ? error->localizedDescription : "done"; }
 
 void save(TestStore& store, int index) {

@@ -1,4 +1,3 @@
-#include <sqlite3.h>
 #include <sys/stat.h>
 
 #include "persistence/TestStore.h"
@@ -6,13 +5,6 @@
 
 namespace tarvo::platform {
 namespace {
-
-void runSql(const std::filesystem::path& file, const char* sql) {
-  sqlite3* database = nullptr;
-  ASSERT_EQ(sqlite3_open(file.c_str(), &database), SQLITE_OK);
-  ASSERT_EQ(sqlite3_exec(database, sql, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(database);
-  sqlite3_close(database);
-}
 
 std::shared_ptr<NSManagedObjectModel> modelOf(const std::string& text) {
   return NSManagedObjectModel::load({"test", text});
