@@ -191,7 +191,7 @@ TEST(Sandbox, SaysWhatIsWrongWithCannedData) {
   TempDir dir;
   const auto file = dir.path() / "canned.json";
   for (const auto& [text, what] : {std::pair{"[]", "object"},
-                                   {"{", "object"},
+                                   {"{", "no JSON"},
                                    {R"({"prediction":[]})", "prediction"},
                                    {R"({"trips":[{},1]})", "trips[1]"},
                                    {R"({"pois":null})", "pois"},
