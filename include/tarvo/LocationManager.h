@@ -104,7 +104,7 @@ class TARVO_API LocationManager {
   void registerUserToRemoteWebServer();
   /// Refused as by `setUserUUID`.
   void addNewUserToDatabase(const std::string& uuid, const std::string& creationDate);
-  /// All stored identities; more than one is an error that nothing repairs.
+  /// All stored identities; more than one is an error that is only logged (one stored twice is made one).
   std::vector<UserRecord> getUser();
 
   /// Absent bounds are open; by the time of storage. Empty histories are objects too.
