@@ -250,6 +250,10 @@ int Session::summarize(sandbox::Backend* sandbox) const {
          " and are lost");
     return kUnusable;
   }
+  if (!sync.storeAvailable) {
+    note("the store " + home_.store().string() + " was lost during the run");
+    return kUnusable;
+  }
   if (interrupted()) return kInterrupted;
   if (!uploads() || left == 0) return kDone;
   note(std::to_string(left) + " positions are not acknowledged; the next run on this home sends them");

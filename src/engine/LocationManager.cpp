@@ -140,6 +140,9 @@ LocationManager::SyncStatus LocationManager::syncStatus() {
   auto& context = parts_->store.managedObjectContext();
   context.performAndWait([&] {
     status.storeAvailable = context.coordinator().hasStore();
+    status.unsaved = static_cast<std::int64_t>(context.pendingInsertions(Locations::kEntity));
+    // The first count would get the one error that tells why, and nobody would hear of it.
+    if (!status.storeAvailable) return;
     const auto count = [&](std::vector<NSPredicate> predicates) -> std::int64_t {
       auto counted = context.count({.entity = std::string(Locations::kEntity),
                                     .predicates = std::move(predicates),
@@ -153,7 +156,6 @@ LocationManager::SyncStatus LocationManager::syncStatus() {
     status.unsent = count({unsent, notPosted});
     status.awaiting = count({posted});
     status.acknowledged = std::max<std::int64_t>(status.stored - status.unsent - status.awaiting, 0);
-    status.unsaved = static_cast<std::int64_t>(context.pendingInsertions(Locations::kEntity));
     auto newest = context.fetch({std::string(Locations::kEntity), {}, {{"index", false}}, 1});
     if (newest && !newest->empty())
       if (const auto* location = dynamic_cast<const Locations*>(newest->front().get()))

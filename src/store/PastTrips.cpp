@@ -121,6 +121,7 @@ std::shared_ptr<PastTrips> PastTrips::getLastPastTrip(Context& context) {
 }
 
 bool PastTrips::lackIdentifiers(Context& context) {
+  if (!context.coordinator().hasStore()) return false;  // why, is for an operation that logs it
   auto identified =
       context.count({.entity = std::string(kEntity),
                      .predicates = {{"pasttrip_id", Operator::atLeast, std::numeric_limits<std::int64_t>::min()}}});

@@ -8,6 +8,7 @@
 
 #include "log/Log.h"
 #include "platform/foundation/Json.h"
+#include "platform/foundation/UserDefaultsChanges.h"
 #include "settings/Settings.h"
 #include "store/Users.h"
 
@@ -96,11 +97,10 @@ void DeviceRegistration::addNewUserToDatabase(std::string_view uuid, std::string
     store_.saveContext();
   };
   // The record never gets to the disk before the secret: a device that finds one without the other registers again.
-  auto& defaults = platform::UserDefaults::standard();
-  if (defaults.synchronize())
+  if (platform::UserDefaults::standard().synchronize())
     context.performAndWait(store);
   else
-    defaults.whenSynchronized([&context, store] { context.perform(store); });
+    platform::whenUserDefaultsAreWritten([&context, store] { context.perform(store); });
   Settings::shared().adoptUserUUID(uuid);
   startUpload_();
 }

@@ -148,7 +148,8 @@ void UploadPipeline::resendAllSentWithoutACKData(const std::vector<LocationRecor
   Locations::List awaiting;
   auto& context = store_.managedObjectContext();
   context.performAndWait([&] {
-    awaiting = Locations::getSentWithoutACKLocations(context);
+    (void)context.claim();
+    awaiting = Locations::getSentWithoutACKLocations(context, Locations::Unsaved::leftOut);
     std::erase_if(awaiting, [&](const auto& location) { return !indexes.contains(location->index()); });
   });
   resendAllSentWithoutACKData(awaiting);

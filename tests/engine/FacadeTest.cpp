@@ -320,6 +320,22 @@ TEST_F(Facade, RunsOnWithoutAStoreAfterOneLineThatSaysSo) {
   EXPECT_EQ(*bytes, garbage) << "what is not ours is left as it is";
 }
 
+TEST_F(Facade, TellsOnceThatItsStoreWasRemovedWhoeverAsksForCountsInBetween) {
+  Tarvo tarvo;
+  tarvo.activate(Tarvo::LOCAL_BACKGROUND);
+  drive(2);
+  std::filesystem::remove(home.path() / "Documents" / ObjectStore::kFileName);
+  for (const int unsaved : {0, 2}) {
+    EXPECT_EQ(diary.count("was removed, replaced or cut short"), unsaved == 0 ? 0u : 1u);
+    const auto status = engine().syncStatus();
+    EXPECT_FALSE(status.storeAvailable);
+    EXPECT_EQ(status.stored, 0);
+    EXPECT_EQ(status.unsaved, unsaved);
+    drive(2);
+  }
+  EXPECT_EQ(diary.count("was removed, replaced or cut short"), 1u);
+}
+
 /// A host that throws wherever it is called.
 struct Thrower : TarvoDelegate, platform::LocationSource, platform::HostApplication {
   static void fail() { throw std::runtime_error("mine"); }

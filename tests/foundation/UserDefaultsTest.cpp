@@ -14,6 +14,7 @@
 #include "platform/foundation/Activity.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/Text.h"
+#include "platform/foundation/UserDefaultsChanges.h"
 #include "support/TempDir.h"
 
 namespace tarvo::platform {
@@ -164,7 +165,7 @@ TEST(UserDefaults, KeepInMemoryWhatCannotBeWrittenUntilTheNextChance) {
     log.clear();
     bool told = false;
     defaults.set("key", ++value);
-    defaults.whenSynchronized([&] { told = true; });
+    whenUserDefaultsAreWritten([&] { told = true; });
     EXPECT_EQ(defaults.integer("key"), value);
     ASSERT_EQ(log.size(), 1U);
     EXPECT_NE(log[0].find("cannot be written"), std::string::npos);

@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <signal.h>
 #include <sqlite3.h>
 #include <sys/wait.h>
@@ -208,6 +209,17 @@ TEST(LostStore, IsNoticedByTheNextSaveAndToldOnce) {
       {"tidied by another program",
        [](const fs::path& file) {
          runSql(file, "PRAGMA wal_checkpoint(TRUNCATE); VACUUM; PRAGMA wal_checkpoint(TRUNCATE)");
+       },
+       false},
+      {"still being tidied",
+       [](const fs::path& file) {
+         runSql(file, "PRAGMA wal_checkpoint(TRUNCATE)");
+         // As by the checkpoint of another program; open to the end, for closing it would drop SQLite's own locks.
+         struct flock checkpoint {};
+         checkpoint.l_type = F_WRLCK;
+         checkpoint.l_start = 121;
+         checkpoint.l_len = 1;
+         ASSERT_EQ(::fcntl(::open((file.string() + "-shm").c_str(), O_RDWR), F_OFD_SETLK, &checkpoint), 0);
        },
        false},
   };

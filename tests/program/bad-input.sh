@@ -75,6 +75,23 @@ status=$?
 [ $status = 130 ] && [ $((SECONDS - before)) -le 20 ] ||
   { echo "interrupted: status $status after $((SECONDS - before)) s"; cat "$work/silence.txt"; failed=1; }
 
+# A home that goes while its positions wait for a backend that refuses: nothing of it is told as done.
+perl -MIO::Socket::INET -e '$| = 1; $server = IO::Socket::INET->new(Listen => 9, LocalAddr => "127.0.0.1");
+  print $server->sockport, "\n"; while ($peer = $server->accept) { sysread $peer, $request, 65536;
+  print $peer "HTTP/1.1 500 no\r\nContent-Length: 0\r\nConnection: close\r\n\r\n"; close $peer }' >"$work/refusing" &
+refusing=$!
+removeOnceStored() {
+  for _ in {1..200}; do
+    [ "$(sqlite3 "$work/gone"/Documents/*.sqlite 'SELECT count(*) FROM Locations' 2>/dev/null)" = 514 ] && break
+    perl -e 'select undef, undef, undef, 0.1'
+  done
+  rm -rf "$work/gone"
+}
+removeOnceStored &
+expect 3 'was lost during the run' "$program" replay "$trip" --home "$work/gone" --api-key k --api-secret s --deadline 10 \
+  --backend "http://127.0.0.1:$(perl -e 'select undef, undef, undef, 0.1 until -s $ARGV[0]; print <>' "$work/refusing")/api"
+kill $refusing
+
 # A disk that gets full: what did not get into the file is told apart and is no success.
 full() (trap '' XFSZ; ulimit -f 300; exec "$program" replay "$trip" --mode 4 --home "$work/full" --json)
 expect 3 'positions could not be saved' full

@@ -38,11 +38,9 @@ class TARVO_API UserDefaults {
 
   /// Whether everything is in the file; what could not be written before is tried again first.
   bool synchronize();
-  /// Runs the block once everything is in the file: at once if it is, else on the thread whose later write succeeds,
-  /// with no lock held. The block must not wait for other work.
-  void whenSynchronized(std::function<void()> block);
 
  private:
+  friend void whenUserDefaultsAreWritten(std::function<void()> block);
   UserDefaults();
   ~UserDefaults() = delete;
   struct State;

@@ -210,6 +210,9 @@ void UserDefaults::set(std::string_view key, Value value) {
 
 void UserDefaults::remove(std::string_view key) { state_->change(key, std::nullopt); }
 bool UserDefaults::synchronize() { return state_->synchronize(); }
-void UserDefaults::whenSynchronized(std::function<void()> block) { state_->whenSynchronized(std::move(block)); }
+
+void whenUserDefaultsAreWritten(std::function<void()> block) {
+  UserDefaults::standard().state_->whenSynchronized(std::move(block));
+}
 
 }  // namespace tarvo::platform

@@ -86,11 +86,12 @@ bool Database::isUsable(bool toWrite) {
 /// Another program may have moved the whole log into the file and emptied it, as it is free to do.
 bool Database::isLogWhole() {
   if (files_.logSize() >= logSize_) return true;
+  if (files_.logSize() != 0) return false;
   int frames = 0;
   // With frames still to be moved this fails at the first one, since there is none to be read.
-  if (files_.logSize() != 0 ||
-      sqlite3_wal_checkpoint_v2(handle_, nullptr, SQLITE_CHECKPOINT_PASSIVE, &frames, nullptr) != SQLITE_OK)
-    return false;
+  const int status = sqlite3_wal_checkpoint_v2(handle_, nullptr, SQLITE_CHECKPOINT_PASSIVE, &frames, nullptr);
+  if ((status & 0xff) == SQLITE_BUSY) return true;  // the other is still at it; the next look finds out
+  if (status != SQLITE_OK) return false;
   logSize_ = 0;
   return frames == 0;
 }

@@ -42,7 +42,8 @@ class NSManagedObjectContext {
   Result<StoredRows> rows(const NSFetchRequest& request);
 
   /// Takes the right to write to the store (see NSPersistentStoreCoordinator) before something is read in order to be
-  /// changed. `insertNewObject`, `deleteObject` and `save` do it by themselves. Absent on success.
+  /// changed. `insertNewObject` and `save` do it by themselves; a change or a deletion alone does not, so that who only
+  /// reads may leave some unsaved. Absent on success.
   std::optional<Error> claim(std::optional<WriteRight::Span> wait = {});
   /// A new object with every attribute absent; a null pointer for an unknown entity.
   std::shared_ptr<NSManagedObject> insertNewObject(std::string_view entity);

@@ -5,7 +5,8 @@
 
 namespace tarvo::platform {
 
-/// The files that a connection has open: finds out that one was removed, replaced or cut short.
+/// The files that a connection has open: finds out that one was removed or replaced, or that the write-ahead log or its
+/// index was cut short. A shorter store is none of it: whoever compacts the file cuts it as well.
 ///
 /// SQLite itself would go on: it writes to a file that nobody finds again, and since it maps the index of the
 /// write-ahead log into memory, a cut index ends the process (SIGBUS). A look before each transaction leaves the moment
