@@ -14,6 +14,7 @@
 #include <tarvo/platform/MainQueue.h>
 
 #include "platform/foundation/Activity.h"
+#include "platform/foundation/Files.h"
 #include "platform/foundation/Timer.h"
 #include "support/LogDiary.h"
 #include "support/NoThreads.h"
@@ -80,6 +81,11 @@ TEST(SerialQueue, KnowsTheQueuesItsCallerStandsInHoweverDeep) {
   EXPECT_DEATH(outer.sync([&] { inner.sync([&] { outer.sync([] {}); }); }), "Fatal error: sync onto queue test.outer");
 }
 
+bool sleeps(pid_t thread) {
+  const auto status = readFile("/proc/self/task/" + std::to_string(thread) + "/status").value();
+  return status.find("State:\tS") != status.npos;
+}
+
 TEST(SerialQueue, KeepsItsBlocksInOrderWhileNoThreadCanBeMade) {
   auto& diary = test::LogDiary::installed();
   std::vector<int> order;  // only blocks of the queue touch it
@@ -88,9 +94,15 @@ TEST(SerialQueue, KeepsItsBlocksInOrderWhileNoThreadCanBeMade) {
   std::shared_ptr<Timer> timer;
   auto queue = std::make_unique<SerialQueue>("test.starved");
   SerialQueue other("test.other");
-  std::thread waiting([&, inBlock = entered.get_future().share()] {
+  std::atomic<bool> held{false};
+  std::thread waiting([&, inBlock = entered.get_future().share(), ending = ::gettid()] {
     inBlock.wait();
     queue->sync([&] { order.push_back(5); });
+    queue->sync([&] {
+      queue->async([&] { order.push_back(6); });
+      held = true;
+      while (!sleeps(ending)) std::this_thread::yield();
+    });
   });
   {
     const test::NoThreads none;
@@ -101,9 +113,9 @@ TEST(SerialQueue, KeepsItsBlocksInOrderWhileNoThreadCanBeMade) {
       queue->async([&] { order.push_back(4); });
       entered.set_value();
     });
-    waiting.join();
-    queue->async([&] { order.push_back(6); });
+    while (!held) std::this_thread::yield();
     queue.reset();
+    waiting.join();
     EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4, 5, 6}));
     EXPECT_FALSE(other.async([&] { order.push_back(7); }));
     timer = Timer::after(Seconds(0), other, [&] { timed.set_value(); });

@@ -56,6 +56,12 @@ bool flushDirectory(const fs::path& directory) {
 fs::path directoryOf(const fs::path& file) { return file.has_parent_path() ? file.parent_path() : fs::path("."); }
 
 constexpr std::string_view kTemporaryPrefix = ".writing-";
+constexpr std::string_view kTemporaryEnd = "XXXXXX";  ///< for `mkostemp`
+
+/// Whether a write could have made the name. The host's files lie in the same folders.
+bool isTemporary(std::string_view name) {
+  return name.starts_with(kTemporaryPrefix) && name.size() == kTemporaryPrefix.size() + kTemporaryEnd.size();
+}
 
 /// A new temporary file, locked for as long as it is open: what is not locked belongs to nobody any more.
 /// `name` is the path with six X at its end, which are replaced.
@@ -114,7 +120,7 @@ Result<std::string> readFile(const fs::path& file) {
 
 std::optional<Error> writeFileAtomically(const fs::path& file, std::string_view bytes, bool durable) {
   clearOnce(directoryOf(file));
-  std::string temporary = (directoryOf(file) / concat(kTemporaryPrefix, "XXXXXX")).native();
+  std::string temporary = (directoryOf(file) / concat(kTemporaryPrefix, kTemporaryEnd)).native();
   Descriptor descriptor = createTemporary(temporary);
   if (descriptor.get() < 0) return posixError(errno, file.native());
   // The lock stays until the name is the final one, though the file is closed before.
@@ -166,7 +172,7 @@ std::optional<Error> createPrivateDirectories(const fs::path& directory) {
 void removeAbandonedWrites(const fs::path& directory) {
   std::error_code error;
   for (fs::directory_iterator entry(directory, error), end; !error && entry != end; entry.increment(error)) {
-    if (!entry->path().filename().native().starts_with(kTemporaryPrefix)) continue;
+    if (!isTemporary(entry->path().filename().native())) continue;
     const Descriptor left(::open(entry->path().c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     struct stat status {};
     if (left.get() >= 0 && ::fstat(left.get(), &status) == 0 && S_ISREG(status.st_mode) &&

@@ -41,7 +41,7 @@ struct SerialQueue::State {
   bool busy GUARDED_BY(mutex) = false;  ///< a block runs, or a waiting caller has been given its turn
   bool ending GUARDED_BY(mutex) = false;
   Condition work;     ///< the worker may run the first in line
-  Condition drained;  ///< nothing runs and nothing is in line
+  Condition drained;  ///< nothing runs, and nothing is in line unless no worker is there for it
   LazyThread worker{label, [this] { workUntilEnd(); }};
 
   bool isHeld() const { return holder.load(std::memory_order_relaxed) == std::this_thread::get_id(); }
@@ -70,6 +70,8 @@ struct SerialQueue::State {
     } else if (turnsInLine > 0) {
       // Without a worker a caller that waits behind the blocks runs them.
       std::find_if(line.begin(), line.end(), [](const Entry& entry) { return entry.turn; })->turn->came.notify_one();
+    } else {
+      drained.notify_all();  // or whoever waits for the end of the queue
     }
   }
 

@@ -80,6 +80,15 @@ void Transfer::begin() {
 
 void Transfer::beginTurn() { turn_ = std::chrono::steady_clock::now(); }
 
+Transfer::Instant Transfer::patienceEnds() const {
+  return turn_ + std::chrono::ceil<Instant::duration>(request_.timeoutInterval);
+}
+
+bool Transfer::replaces(const Transfer& other, Instant now) const {
+  return replacesOlder() && other.replacesOlder() && originalURL_ == other.originalURL_ &&
+         (request_.httpBody == other.request_.httpBody || (other.turn_ != Instant() && other.patienceEnds() <= now));
+}
+
 void Transfer::keepOut() { keptOut = true; }
 
 void Transfer::stayOutIfKeptOut() {
@@ -128,7 +137,8 @@ bool Transfer::prepare(CURL* handle, const std::optional<std::string>& certifica
   if (isLoopbackHost(hostOf(request_.url))) curl_easy_setopt(handle, CURLOPT_NOPROXY, "*");
   // Without this the answer of a proxy to CONNECT would be taken for the server's.
   curl_easy_setopt(handle, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
-  curl_easy_setopt(handle, CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2});  // at least
+  for (const CURLoption version : {CURLOPT_SSLVERSION, CURLOPT_PROXY_SSLVERSION})
+    curl_easy_setopt(handle, version, long{CURL_SSLVERSION_TLSv1_2});  // at least
   if (certificateFile) {
     curl_easy_setopt(handle, CURLOPT_CAINFO, certificateFile->c_str());
     curl_easy_setopt(handle, CURLOPT_CAPATH, nullptr);
@@ -246,8 +256,8 @@ bool Transfer::follow(const std::string& location) {
   }
   const std::string from = hostOf(request_.url);
   const std::string to = hostOf(*target);
-  // What was asked for over a secured connection is not sent again readable; nor does another host reach what listens
-  // on this machine.
+  // What was asked for over a secured connection is not sent again readable, not even to this machine when another host
+  // asks for it.
   if (isSecure(request_.url) && !isSecure(*target) && !(isLoopbackHost(from) && isLoopbackHost(to))) {
     fail(urlError::secureConnectionFailed, "The redirect leads from https to plain http");
     return false;

@@ -40,9 +40,12 @@ class Transfer {
   /// Its turn has come: hops follow.
   void beginTurn();
   Instant turnBegan() const { return turn_; }
+  /// Only a reply that comes drop by drop lasts longer.
+  Instant patienceEnds() const;
 
   bool replacesOlder() const { return request_.replacesOlder; }
-  const std::string& originalURL() const { return originalURL_; }
+  /// Whether `other` is an older copy of this one: it asks the same of the same URL, or has lasted too long.
+  bool replaces(const Transfer& other, Instant now) const;
 
   /// Sets the handle up for the current hop; it must not be in use. Answers whether the hop can start: if not, the
   /// outcome is decided.

@@ -20,8 +20,8 @@ struct URLRequest {
   std::optional<std::string> httpBody;
   Seconds timeoutInterval{60};  ///< of silence, real time
   int networkServiceType = 0;   ///< 3: background
-  /// A repeat of what the last request to the same URL asked for, if that has no answer yet: at most two such are under
-  /// way, and one more ends the oldest without a completion.
+  /// With the same URL and body as another without an answer, a repeat of it: at most two such are under way, and one
+  /// more ends the oldest without a completion. One of another body counts as well once it has outlasted its time-out.
   bool replacesOlder = false;
 
   void addValue(std::string name, std::string value) { headers.emplace_back(std::move(name), std::move(value)); }

@@ -27,8 +27,8 @@ using namespace std::chrono_literals;
 constexpr std::size_t kMostAtOnce = 8;
 /// One that takes longer is no part of a burst: it goes on without a turn, so that others get theirs.
 constexpr auto kTurn = 3s;
-/// With those. Beyond it the one that has lasted longest is ended, as if it had timed out: a server that answers
-/// byte by byte would otherwise hold up, or pile up, everything else.
+/// With those. Beyond it the longest of those that have outlasted their time-out is ended, as if they had been silent:
+/// a server that answers byte by byte would otherwise hold up, or pile up, everything else.
 constexpr std::size_t kMostConnections = 32;
 /// Of requests that replace each other.
 constexpr std::size_t kMostCopies = 2;
@@ -51,8 +51,9 @@ struct URLSession::State {
   // On the session's own thread.
   void run();
   void takeIncoming();
-  void endOldestCopy(const std::string& url);
-  void endLongestLasting();
+  void endOldestCopy(const Transfer& newest);
+  /// Makes room; false while none has lasted too long.
+  bool endLongestLasting(Transfer::Instant now);
   void startWaiting();
   std::size_t turnsTaken(Transfer::Instant now) const;
   void startHop(CURL* handle, std::shared_ptr<Transfer> transfer);
@@ -162,13 +163,15 @@ void URLSession::State::takeIncoming() {
     arrived.swap(incoming);
   }
   for (auto& transfer : arrived) {
-    if (transfer->replacesOlder()) endOldestCopy(transfer->originalURL());
+    if (transfer->replacesOlder()) endOldestCopy(*transfer);
     waiting.push_back(std::move(transfer));
   }
 }
 
-void URLSession::State::endOldestCopy(const std::string& url) {
-  const auto isCopy = [&url](const Transfer& other) { return other.replacesOlder() && other.originalURL() == url; };
+void URLSession::State::endOldestCopy(const Transfer& newest) {
+  const auto isCopy = [&newest, now = std::chrono::steady_clock::now()](const Transfer& other) {
+    return newest.replaces(other, now);
+  };
   std::size_t copies = 0;
   CURL* oldest = nullptr;
   for (const auto& [handle, transfer] : inFlight) {
@@ -206,7 +209,7 @@ void URLSession::State::startWaiting() {
   if (waiting.empty()) return;
   const auto now = std::chrono::steady_clock::now();
   while (!waiting.empty() && turnsTaken(now) < kMostAtOnce) {
-    if (inFlight.size() >= kMostConnections) endLongestLasting();
+    if (inFlight.size() >= kMostConnections && !endLongestLasting(now)) return;
     if (idleHandles.empty()) idleHandles.push_back(curl_easy_init());
     CURL* handle = idleHandles.back();
     if (handle == nullptr) fatalError("out of memory for a transfer");
@@ -218,18 +221,19 @@ void URLSession::State::startWaiting() {
   }
 }
 
-void URLSession::State::endLongestLasting() {
+bool URLSession::State::endLongestLasting(Transfer::Instant now) {
   auto longest = inFlight.end();
   for (auto it = inFlight.begin(); it != inFlight.end(); ++it) {
     // Of those that replace each other there are few, and an error would be an answer.
-    if (it->second->replacesOlder()) continue;
+    if (it->second->replacesOlder() || it->second->patienceEnds() > now) continue;
     if (longest == inFlight.end() || it->second->turnBegan() < longest->second->turnBegan()) longest = it;
   }
-  if (longest == inFlight.end()) return;
+  if (longest == inFlight.end()) return false;
   std::shared_ptr<Transfer> transfer = longest->second;
   transfer->timeOut();
   release(longest->first);
   finish(std::move(transfer));
+  return true;
 }
 
 void URLSession::State::startHop(CURL* handle, std::shared_ptr<Transfer> transfer) {
@@ -285,8 +289,9 @@ std::chrono::milliseconds URLSession::State::untilNextDeadline() const {
   auto next = Transfer::Instant::max();
   for (const auto& [handle, transfer] : inFlight) {
     next = std::min(next, transfer->deadline());
-    if (const auto turnEnds = transfer->turnBegan() + kTurn; !waiting.empty() && turnEnds > now)
-      next = std::min(next, turnEnds);
+    if (waiting.empty()) continue;
+    for (const auto givesWay : {transfer->turnBegan() + kTurn, transfer->patienceEnds()})
+      if (givesWay > now) next = std::min(next, givesWay);
   }
   if (next == Transfer::Instant::max()) return std::chrono::milliseconds::max();
   return std::chrono::ceil<std::chrono::milliseconds>(next - now);

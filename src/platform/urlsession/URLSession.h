@@ -37,7 +37,8 @@ class URLSessionDataTask {
 /// time.
 ///
 /// Eight transfers run at once; others wait, and their time-out begins when they start. One that has lasted three
-/// seconds no longer keeps others waiting; there are 32 at most, and with one more the longest of them has timed out.
+/// seconds no longer keeps others waiting. There are 32 at most: for one more, the longest of those that have lasted
+/// more than their time-out has timed out, though it was never silent.
 ///
 /// Threads: any. One thread of its own drives the transfers; completions run one at a time on a serial queue (of the
 /// session, or of the upload), never inside the call that starts the task, exactly once for each resumed task, but for

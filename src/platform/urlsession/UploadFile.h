@@ -18,8 +18,8 @@ class UploadFile {
   UploadFile(const UploadFile&) = delete;
   UploadFile& operator=(const UploadFile&) = delete;
 
-  /// Goes to the beginning, of a regular file only; a symbolic link is none. The first call opens the file and takes its length. Answers 0 or
-  /// the errno.
+  /// Goes to the beginning, of a regular file only; a symbolic link is none. The first call opens the file and takes
+  /// its length. Answers 0 or the errno.
   int rewind();
   std::uint64_t length() const { return length_; }
 
