@@ -13,6 +13,7 @@
 
 #include "platform/foundation/Activity.h"
 #include "platform/foundation/Files.h"
+#include "platform/foundation/PropertyList.h"
 #include "platform/foundation/Text.h"
 #include "platform/foundation/UserDefaultsChanges.h"
 #include "support/TempDir.h"
@@ -185,6 +186,21 @@ TEST(UserDefaults, KeepInMemoryWhatCannotBeWrittenUntilTheNextChance) {
     EXPECT_NE(readFile(defaultsFile(home.path() / "file")).value().find(concat("<integer>", value, "</integer>")),
               std::string::npos);
   }
+}
+
+TEST(UserDefaults, KeepWhatAnotherProcessHasSetMeanwhile) {
+  const test::TempDir home;
+  setHomeDirectory(home.path());
+  UserDefaults& defaults = UserDefaults::standard();
+  defaults.set("both", "mine");
+  defaults.set("gone", 1);
+  defaults.remove("gone");
+  const Dictionary others = {{"both", "theirs"}, {"secret", "s"}, {"gone", 1}};
+  ASSERT_FALSE(writeFileAtomically(defaultsFile(home.path()), serializePropertyList(others), false));
+  defaults.set("late", "l");
+  const Dictionary expected = {{"both", "mine"}, {"secret", "s"}, {"late", "l"}};
+  EXPECT_EQ(*parsePropertyList(*readFile(defaultsFile(home.path()))), Value(expected));
+  EXPECT_EQ(defaults.string("secret"), "s");
 }
 
 TEST(UserDefaults, SeeEveryWriteWhenThreadsReadAndWriteTogether) {

@@ -26,6 +26,15 @@ std::atomic<std::uint64_t> changes{1};
 
 constexpr Seconds kFirstPause{1}, kLongestPause{300};
 
+Result<Dictionary> readSettings(const std::filesystem::path& file) {
+  auto bytes = readFile(file);
+  if (!bytes) return bytes.error();
+  auto value = parsePropertyList(*bytes);
+  if (!value) return value.error();
+  if (value->asDictionary() == nullptr) return Error{.localizedDescription = "not a dictionary"};
+  return *value->asDictionary();
+}
+
 }  // namespace
 
 std::uint64_t userDefaultsChanges() { return changes.load(std::memory_order_acquire); }
@@ -63,22 +72,22 @@ struct UserDefaults::State {
  public:
   Mutex mutex;
   Dictionary values GUARDED_BY(mutex);
+  Dictionary own GUARDED_BY(mutex);  ///< of these, what this process has set; null where it has removed
 };
 
 void UserDefaults::State::load() {
   std::error_code failure;
   if (!std::filesystem::exists(file, failure) && !failure) return;
-  auto bytes = readFile(file);
-  auto value = bytes ? parsePropertyList(*bytes) : Result<Value>(bytes.error());
-  if (value && value->asDictionary() != nullptr) {
+  auto settings = readSettings(file);
+  if (settings) {
     MutexLock lock(mutex);
-    values = *value->asDictionary();
+    values = std::move(*settings);
     return;
   }
   // What cannot be read may still be worth repairing, so it is not replaced.
   keptInMemory = true;
   complaint = concat("The user defaults cannot be read and are kept in memory until the file is repaired or removed: ",
-                     file.native(), value ? " (not a dictionary)" : " (" + value.error().localizedDescription + ")");
+                     file.native(), " (", settings.error().localizedDescription, ")");
 }
 
 void UserDefaults::State::change(std::string_view key, std::optional<Value> value) {
@@ -94,6 +103,7 @@ void UserDefaults::State::change(std::string_view key, std::optional<Value> valu
       const bool same = found == values.end() ? !value : value && found->second == *value;
       if (same && written) return;
       if (!value && found != values.end()) values.erase(found);
+      own.insert_or_assign(std::string(key), value.value_or(nullptr));
       if (value) values.insert_or_assign(std::string(key), std::move(*value));
       changes.fetch_add(1, std::memory_order_release);  // behind what has changed
     }
@@ -106,9 +116,20 @@ void UserDefaults::State::change(std::string_view key, std::optional<Value> valu
 }
 
 std::optional<Error> UserDefaults::State::write(Blocks& ready) {
+  // Another process on the home may have written since: what it set stays.
+  auto inFile = readSettings(file);
   Dictionary snapshot;
   {
     MutexLock lock(mutex);
+    if (inFile) {
+      values = std::move(*inFile);
+      for (const auto& [key, value] : own) {
+        if (value.isNull())
+          values.erase(key);
+        else
+          values.insert_or_assign(key, value);
+      }
+    }
     snapshot = values;
   }
   std::optional<Error> error = createPrivateDirectories(file.parent_path());
