@@ -95,9 +95,8 @@ class TARVO_API LocationManager {
 
   void sendDataInBatchToRemoteWebServer();
   void sendAllUnsentDataToRemoteWebServer();
-  /// Posts those of these positions again, by `index`, that are among the 1000 oldest which await their
-  /// acknowledgement, whoever holds the channel; nothing while the backend is out of reach. The answer acknowledges
-  /// all from the first to the last of them: leave none out in between.
+  /// Posts again what awaits its acknowledgement from the first to the last of these positions, by `index`, as far as
+  /// it is among the 1000 oldest that do; whoever holds the channel, and nothing while the backend is out of reach.
   void resendAllSentWithoutACKData(const std::vector<LocationRecord>& locations);
   void markLocationAsSentUntilIndex(const std::string& locationIndex, const std::string& firstLoc);
   std::optional<std::string> checkAndRegisterUser();

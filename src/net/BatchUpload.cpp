@@ -79,7 +79,7 @@ void NetworkManager::sendDataInBatchToRemoteWebServer(std::string json, const st
                                                       const std::string& last) {
   const std::int64_t poiVersion = defaults().integer(LAST_POI_VERSION);
   auto batch = request("POST", endpoints::positionsAPI, std::move(json));
-  // Whoever posts while another batch is under way repeats it: the channel was stale.
+  // Whoever posts while another batch is under way repeats it: the channel was stale, or the host asks for it.
   batch.replacesOlder = true;
   state_->start(
       std::move(batch), [poiVersion, locationIndex = last, firstLoc = first](NetworkManager& self, const Reply& reply) {

@@ -1,6 +1,6 @@
 #include "sync/UploadPipeline.h"
 
-#include <set>
+#include <algorithm>
 #include <utility>
 
 #include <tarvo/NetworkManager.h>
@@ -143,14 +143,21 @@ void UploadPipeline::resendAllSentWithoutACKData(const Locations::List& location
 }
 
 void UploadPipeline::resendAllSentWithoutACKData(const std::vector<LocationRecord>& locations) {
-  std::set<std::optional<std::int64_t>> indexes;
-  for (const LocationRecord& location : locations) indexes.insert(location.index);
+  std::optional<std::int64_t> first, last;
+  for (const LocationRecord& location : locations) {
+    if (!location.index) continue;
+    first = std::min(first.value_or(*location.index), *location.index);
+    last = std::max(last.value_or(*location.index), *location.index);
+  }
   Locations::List awaiting;
   auto& context = store_.managedObjectContext();
   context.performAndWait([&] {
     (void)context.claim();
     awaiting = Locations::getSentWithoutACKLocations(context, Locations::Unsaved::leftOut);
-    std::erase_if(awaiting, [&](const auto& location) { return !indexes.contains(location->index()); });
+    std::erase_if(awaiting, [&](const auto& location) {
+      const auto index = location->index();
+      return !index || index < first || index > last;
+    });
   });
   resendAllSentWithoutACKData(awaiting);
 }

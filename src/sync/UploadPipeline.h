@@ -38,7 +38,8 @@ class UploadPipeline {
 
   /// Posts these positions again, unless the backend is out of reach; the channel then stays held.
   void resendAllSentWithoutACKData(const Locations::List& locations);
-  /// The same with copies: those that are, by index, among the 1000 oldest which still await.
+  /// The same with copies: of the 1000 oldest which still await those from the first to the last of these, by index.
+  /// None is left out in between, since the answer acknowledges all.
   void resendAllSentWithoutACKData(const std::vector<LocationRecord>& locations);
 
   /// The acknowledgement of a batch, given as texts: its last index, then its first.

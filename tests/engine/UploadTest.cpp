@@ -130,6 +130,22 @@ TEST_F(Upload, FreesTheChannelAtOnceOnAnotherStatusAndSendsTheSameBatchAgain) {
   EXPECT_EQ(diary.count("httpstatus : 500"), 3u);
 }
 
+TEST_F(Upload, PostsAgainForTheHostAllThatTheAnswerAcknowledges) {
+  startBackend();
+  Tarvo tarvo = registered();
+  backend.faults().answerNext(1, 500);
+  collect(4);
+  engine().sendDataInBatchToRemoteWebServer();
+  waitUntilIdle();
+  EXPECT_EQ(engine().syncStatus().awaiting, 4);
+  const auto all = engine().getLocationhistory({}, {}).locations.toVector();
+  engine().resendAllSentWithoutACKData({all.at(2), all.at(0), LocationRecord()});
+  waitUntilIdle();
+  EXPECT_EQ(diary.count("resendAllSentWithoutACKData :count = 3"), 1u);
+  EXPECT_EQ(engine().syncStatus().acknowledged, 4) << "the answer starts the pass that sends the last";
+  EXPECT_EQ(backend.holdings().positions, 4);
+}
+
 TEST_F(Upload, NeverAsksTheResolverInsideABlockOfTheStore) {
   startBackend();
   Tarvo tarvo = registered();

@@ -84,8 +84,8 @@ inline constexpr const char* UIDeviceBatteryStateDidChangeNotification = "UIDevi
 
 /// The device: battery, names, identifiers.
 ///
-/// Battery: from /sys/class/power_supply, read at each call, until the host sets it; only changes that the host sets
-/// are told at once. While monitoring is off the state is unknown and the level -1.
+/// Battery: from /sys/class/power_supply, read at a call but at most once in ten seconds, until the host sets it; only
+/// changes that the host sets are told at once. While monitoring is off the state is unknown and the level -1.
 /// Threads: any; no lock is held while observers run. Errors: what cannot be read is unknown or absent.
 class TARVO_API UIDevice {
  public:

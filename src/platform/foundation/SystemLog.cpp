@@ -43,8 +43,9 @@ std::string consolePrefix() {
 
 void setSystemLogSink(SystemLogSink sink) {
   auto next = sink ? std::make_shared<const SystemLogSink>(std::move(sink)) : nullptr;
+  // The one replaced is code of the host and goes after the lock.
   MutexLock lock(slot().mutex);
-  slot().sink = std::move(next);
+  slot().sink.swap(next);
 }
 
 void NSLog(std::string_view message) {

@@ -163,8 +163,9 @@ void LocationService::State::stopRegion(const CLCircularRegion& region) {
 }
 
 void LocationService::State::setSource(std::shared_ptr<LocationSource> source) {
+  // The one replaced may be the last of its kind: it goes after the lock.
   MutexLock lock(mutex);
-  source_ = std::move(source);
+  source_.swap(source);
   deliveries_.async([this] { followDemand(); });
 }
 
