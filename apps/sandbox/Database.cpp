@@ -10,7 +10,7 @@ namespace {
 
 sqlite3* openConnection(const std::filesystem::path& file) {
   // SQLite would make a file that everybody can read; its side files take over the mode of this one.
-  const int made = ::open(file.c_str(), O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR);
+  const int made = ::open(file.c_str(), O_CREAT | O_CLOEXEC | O_NONBLOCK, S_IRUSR | S_IWUSR);
   if (made >= 0) ::close(made);
   sqlite3* connection = nullptr;
   if (sqlite3_open(file.c_str(), &connection) == SQLITE_OK) return connection;

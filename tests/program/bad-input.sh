@@ -53,6 +53,11 @@ expect 3 'cannot be read' timeout 20 "$program" replay "$trip" --sandbox --home 
 expect 2 'cannot be read' timeout 20 "$program" replay "$trip" --sandbox --home "$work/b" --script "$work/fifo"
 expect 2 'nested deeper' "$program" replay "$trip" --sandbox --home "$work/b" --script "$work/deep.jsonl"
 expect 2 'fifo' timeout 20 "$program" replay "$work/fifo" --sandbox --home "$work/b"
+expect 3 'fifo' timeout 20 "$program" replay "$trip" --sandbox --home "$work/b" --sandbox-db "$work/fifo"
+mkdir -p "$work/piped/Library/Preferences"
+mkfifo "$work/piped/Info.plist" "$work/piped/Library/Preferences/defaults.plist"
+expect 1 'Info.plist: Invalid argument' timeout -k 1 20 "$program" replay "$trip" --backend http://127.0.0.1:9/api \
+  --home "$work/piped" --log --deadline 2
 expect 2 'deadline' "$program" replay "$trip" --sandbox --home "$work/b" --deadline nan
 # Output that nobody gets is no success.
 expect 3 'standard output' bash -c '"$1" status --home "$2" >&-' - "$program" "$work/keyless"

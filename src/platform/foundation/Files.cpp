@@ -102,12 +102,13 @@ Error posixError(int code, std::string_view what) {
 }
 
 Result<std::string> readFile(const fs::path& file) {
-  const Descriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
-  if (descriptor.get() < 0) return posixError(errno, file.native());
-  std::string bytes;
+  // A pipe without a writer is not waited for: it is no file.
+  const Descriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status {};
-  if (::fstat(descriptor.get(), &status) == 0 && S_ISREG(status.st_mode))
-    bytes.reserve(static_cast<std::size_t>(status.st_size));
+  if (descriptor.get() < 0 || ::fstat(descriptor.get(), &status) != 0) return posixError(errno, file.native());
+  if (!S_ISREG(status.st_mode)) return posixError(S_ISDIR(status.st_mode) ? EISDIR : EINVAL, file.native());
+  std::string bytes;
+  bytes.reserve(static_cast<std::size_t>(status.st_size));
   char buffer[16384];
   for (;;) {
     const ssize_t count = ::read(descriptor.get(), buffer, sizeof buffer);
