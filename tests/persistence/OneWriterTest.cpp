@@ -1,14 +1,13 @@
 #include <signal.h>
-#include <sqlite3.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <optional>
+#include <tuple>
 
 #include "persistence/TestStore.h"
 #include "platform/foundation/FileLock.h"
 #include "platform/persistence/Store.h"
-#include "support/TempDir.h"
+#include "support/FreshProcess.h"
 
 namespace tarvo::platform {
 namespace {
@@ -65,14 +64,10 @@ TEST(OneWriter, KeepsTheOthersOutUntilItHasGone) {
 TEST(OneWriter, IsNoReader) {
   test::TempDir dir;
   const auto file = dir.path() / "a.sqlite";
-  {
-    TestStore store(file);
-    store.run([&] {
-      for (int i = 0; i < 6000; ++i) store.add(i);
-      EXPECT_FALSE(store.context->save());
-    });
-  }
-  runSql(file, "INSERT INTO Locations (\"index\") SELECT \"index\" FROM Locations");
+  { TestStore made(file); }
+  runSql(file,
+         "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 12000) "
+         "INSERT INTO Locations (\"index\", unsent, sentWithoutACK) SELECT i, 1, 0 FROM n");
   fs::remove(WriteRight::lockFileOf(file));
   const auto state = [&] {
     return std::pair(fileText(file) + fileText(file.string() + "-wal"), fs::last_write_time(file));
@@ -87,7 +82,7 @@ TEST(OneWriter, IsNoReader) {
       auto rows = std::move(store.context->rows({"Locations"}).value());
       EXPECT_FALSE(rows.forEach({store.at("index")}, [&](const StoredRow&) { return ++seen > 0; }));
       EXPECT_EQ(seen, 12000U);
-      EXPECT_FALSE(store.context->save());
+      store.save();
       EXPECT_FALSE(store.coordinator->checkpoint());
     });
   }
@@ -101,30 +96,28 @@ TEST(OneWriter, IsNoForkedChildAndNeedsNoneToEnd) {
   int ready[2], go[2];
   ASSERT_EQ(::pipe(ready) + ::pipe(go), 0);
   char byte = 0;
-  const pid_t parent = ::fork();
-  if (parent == 0) {
+  const pid_t parent = test::startProcess([&] {
     TestStore store(file);
     save(store, 0);
-    if (::fork() == 0) {
+    test::startProcess([&] {
       store.run([&] {
         store.add(1);
         byte =
-            !store.context->count({"Locations"}) && store.context->save() && !store.coordinator->hasStore() ? 'y' : 'n';
+            store.context->count({"Locations"}) || !store.context->save() || store.coordinator->hasStore() ? 'n' : 'y';
       });
       (void)!::write(ready[1], &byte, 1);
       ::close(go[1]);
-      (void)!::read(go[0], &byte, 1);  // until the test lets go
-      ::_exit(0);
-    }
-    ::pause();
-  }
+      return static_cast<int>(::read(go[0], &byte, 1));  // until the test lets go
+    });
+    return ::pause();
+  });
   ::close(go[0]);
   ASSERT_EQ(::read(ready[0], &byte, 1), 1);
   EXPECT_EQ(byte, 'y');
   TestStore next(file, kNone);
   next.run([&] { EXPECT_TRUE(next.context->claim()); });
   ::kill(parent, SIGKILL);
-  ::waitpid(parent, nullptr, 0);
+  EXPECT_EQ(test::endOf(parent), -SIGKILL);
   next.run([&] {
     EXPECT_EQ(textOf(next.context->claim()), "done") << "the grandchild lives on";
     EXPECT_EQ(next.count(), 1U);
@@ -138,22 +131,16 @@ TEST(Creation, LeavesEachOfSeveralProcessesWithAStore) {
     int go[2];
     ASSERT_EQ(::pipe(go), 0);
     std::vector<pid_t> children(4);
-    for (pid_t& child : children) {
-      child = ::fork();
-      if (child != 0) continue;
-      char byte = 0;
-      ::close(go[1]);
-      (void)!::read(go[0], &byte, 1);
-      TestStore store(dir.path() / "a.sqlite");
-      ::_exit(store.failure ? 1 : 0);
-    }
+    for (pid_t& child : children)
+      child = test::startProcess([&] {
+        char byte = 0;
+        ::close(go[1]);
+        (void)!::read(go[0], &byte, 1);
+        return TestStore(dir.path() / "a.sqlite").failure ? 1 : 0;
+      });
     ::close(go[0]);
     ::close(go[1]);  // all at once
-    for (const pid_t child : children) {
-      int status = 0;
-      ::waitpid(child, &status, 0);
-      EXPECT_EQ(status, 0) << round;
-    }
+    for (const pid_t child : children) EXPECT_EQ(test::endOf(child), 0) << round;
   }
 }
 
@@ -178,33 +165,34 @@ TEST(Creation, IsTakenUpAfterAPowerCutAndDoesNotMindWhoWritesNow) {
   });
 }
 
+using Happening = std::function<void(const fs::path& file)>;
+
+Happening cutsTo(const char* side, double part) {
+  return [=](const fs::path& file) {
+    const fs::path path = file.string() + side;
+    fs::resize_file(path, static_cast<std::uintmax_t>(static_cast<double>(fs::file_size(path)) * part));
+  };
+}
+
+Happening removes(const char* side) {
+  return [=](const fs::path& file) { fs::remove(file.string() + side); };
+}
+
+void replaces(const fs::path& file) {
+  fs::copy(file, file.string() + ".new");
+  fs::rename(file.string() + ".new", file);
+}
+
 TEST(LostStore, IsNoticedByTheNextSaveAndToldOnce) {
-  const auto cut = [](std::string_view side, double part) {
-    return [=](const fs::path& file) {
-      const fs::path path = file.string() + std::string(side);
-      fs::resize_file(path, static_cast<std::uintmax_t>(static_cast<double>(fs::file_size(path)) * part));
-    };
-  };
-  const auto removed = [](std::string_view side) {
-    return [=](const fs::path& file) { fs::remove(file.string() + std::string(side)); };
-  };
-  const struct {
-    const char* name;
-    std::function<void(const fs::path&)> happens;
-    bool isLost = true;
-  } cases[] = {
-      {"home deleted", [](const fs::path& file) { fs::remove_all(file.parent_path()); }},
-      {"store removed", removed("")},
-      {"store replaced",
-       [](const fs::path& file) {
-         fs::copy(file, file.string() + ".new");
-         fs::rename(file.string() + ".new", file);
-       }},
-      {"log removed", removed("-wal")},
-      {"log emptied", cut("-wal", 0)},
-      {"log cut", cut("-wal", 0.5)},
-      {"index removed", removed("-shm")},
-      {"index emptied", cut("-shm", 0)},
+  const std::tuple<const char*, Happening, bool> cases[] = {
+      {"home deleted", [](const fs::path& file) { fs::remove_all(file.parent_path()); }, true},
+      {"store removed", removes(""), true},
+      {"store replaced", replaces, true},
+      {"log removed", removes("-wal"), true},
+      {"log emptied", cutsTo("-wal", 0), true},
+      {"log cut", cutsTo("-wal", 0.5), true},
+      {"index removed", removes("-shm"), true},
+      {"index emptied", cutsTo("-shm", 0), true},
       {"tidied by another program",
        [](const fs::path& file) {
          runSql(file, "PRAGMA wal_checkpoint(TRUNCATE); VACUUM; PRAGMA wal_checkpoint(TRUNCATE)");
@@ -213,25 +201,19 @@ TEST(LostStore, IsNoticedByTheNextSaveAndToldOnce) {
   };
   for (const auto& [name, happens, isLost] : cases) {
     SCOPED_TRACE(name);
-    test::TempDir dir;
-    fs::create_directory(dir.path() / "home");
-    TestStore store(dir.path() / "home" / "a.sqlite");
+    TestStore store;
     for (int i = 0; i < 3; ++i) save(store, i);
     happens(store.file);
     store.run([&] {
       store.add(3);
       const std::string first = textOf(store.context->save());
       EXPECT_EQ(first.find("removed, replaced or cut short") != first.npos, isLost) << first;
+      EXPECT_EQ(first == "done", !isLost);
       EXPECT_EQ(store.coordinator->hasStore(), !isLost);
       EXPECT_EQ(static_cast<bool>(store.context->count({"Locations"})), !isLost);
       EXPECT_EQ(store.context->hasChanges(), isLost);
-      if (isLost) {
-        EXPECT_EQ(textOf(store.context->save()), noStoreError("save").localizedDescription);
-      } else {
-        EXPECT_EQ(first, "done");
-        store.add(4);
-        EXPECT_EQ(textOf(store.context->save()), "done");
-      }
+      store.add(4);
+      EXPECT_EQ(textOf(store.context->save()), isLost ? noStoreError("save").localizedDescription : "done");
     });
   }
 }

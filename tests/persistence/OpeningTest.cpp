@@ -1,14 +1,9 @@
-#include <sys/stat.h>
-
 #include "persistence/TestStore.h"
-#include "support/TempDir.h"
 
 namespace tarvo::platform {
 namespace {
 
-std::shared_ptr<NSManagedObjectModel> modelOf(const std::string& text) {
-  return NSManagedObjectModel::load({"test", text});
-}
+namespace fs = std::filesystem;
 
 TEST(ObjectModel, DescribesTheFourEntitiesInTheOrderOfTheirAttributes) {
   const auto model = shippedModel();
@@ -33,21 +28,6 @@ TEST(ObjectModel, DescribesTheFourEntitiesInTheOrderOfTheirAttributes) {
   EXPECT_FALSE(model->configuration("Other"));
 }
 
-TEST(ObjectModel, RefusesWhatIsNotAModel) {
-  const std::string good = R"({"entities":[{"name":"A","attributes":[{"name":"x","type":"date"}],
-      "indexes":[{"name":"A_x","attributes":["x"]}]}],"configurations":{"C":["A"]}})";
-  ASSERT_TRUE(modelOf(good));
-  const std::pair<const char*, const char*> faults[] = {
-      {"{\"entities\"", "{\"other\""}, {"\"A\"", "\"_A\""},    {"\"A\"", "\"A\\\"; --\""},   {"\"date\"", "\"blob\""},
-      {"[\"x\"]", "[\"y\"]"},          {"[\"A\"]", "[\"B\"]"}, {"\"C\":[\"A\"]", "\"C\":1"}, {"}]}]", "}]}"},
-  };
-  for (const auto& [from, to] : faults) {
-    std::string text = good;
-    text.replace(text.find(from), std::string_view(from).size(), to);
-    EXPECT_FALSE(modelOf(text)) << text;
-  }
-}
-
 TEST(ObjectStoreFile, IsCreatedForItsOwnerAloneAndFoundAgain) {
   test::TempDir dir;
   for (const bool emptyBefore : {false, true}) {
@@ -59,16 +39,14 @@ TEST(ObjectStoreFile, IsCreatedForItsOwnerAloneAndFoundAgain) {
       ASSERT_FALSE(store.failure) << store.failure->description();
       store.run([&] {
         if (round == 0) store.add(0);
-        ASSERT_FALSE(store.context->save());
+        store.save();
         const auto found = store.fetch().at(0)->objectID().description();
         if (round == 0) id = found;
         EXPECT_EQ(found, id);
       });
-      for (const char* side : {"", "-wal", "-shm"}) {
-        struct stat status {};
-        ASSERT_EQ(::stat((file.string() + side).c_str(), &status), 0) << side;
-        EXPECT_EQ(status.st_mode & 0777U, 0600U) << side;
-      }
+      for (const char* side : {"", "-wal", "-shm"})
+        EXPECT_EQ(fs::status(file.string() + side).permissions(), fs::perms::owner_read | fs::perms::owner_write)
+            << side;
     }
   }
 }
@@ -77,84 +55,84 @@ TEST(ObjectStoreFile, IsRefusedAndLeftUntouchedWhenItIsNotAStoreOfTheModel) {
   test::TempDir dir;
   const auto good = dir.path() / "good.sqlite";
   { TestStore store(good); }
-  const struct {
-    const char* name;
-    std::function<void(const std::filesystem::path&)> make;
-    std::int64_t code;
-  } cases[] = {
-      {"garbage", [](const auto& file) { std::ofstream(file) << std::string(5000, 'x'); }, 259},
-      {"one byte", [](const auto& file) { std::ofstream(file) << "S"; }, 259},
-      {"cut header", [&](const auto& file) { std::ofstream(file) << fileText(good).substr(0, 60); }, 259},
-      {"foreign", [](const auto& file) { runSql(file, "CREATE TABLE Locations (a)"); }, 134020},
-      {"foreign without tables", [](const auto& file) { runSql(file, "PRAGMA application_id = 7; VACUUM"); }, 134020},
-      {"other model",
-       [&](const auto& file) {
-         std::filesystem::copy(good, file);
-         runSql(file, "PRAGMA journal_mode=DELETE; UPDATE _metadata SET value = 'x' WHERE name = 'modelHash'");
-       },
-       134100},
-      {"lost index",
-       [&](const auto& file) {
-         std::filesystem::copy(good, file);
-         runSql(file, "PRAGMA journal_mode=DELETE; DROP INDEX Locations_unsent");
-       },
-       134020},
-      {"garbage behind the header",
-       [&](const auto& file) {
-         const std::string text = fileText(good);
-         std::ofstream(file) << text.substr(0, 100) << std::string(text.size() - 100, 'x');
-       },
-       134080},
+  const std::string text = fileText(good);
+  const auto holds = [](std::string bytes) { return [=](const fs::path& file) { std::ofstream(file) << bytes; }; };
+  const auto runs = [](const char* sql) { return [=](const fs::path& file) { runSql(file, sql); }; };
+  const auto differs = [&](std::string sql) {
+    return [&good, sql = "PRAGMA journal_mode=DELETE; " + sql](const fs::path& file) {
+      fs::copy(good, file);
+      runSql(file, sql.c_str());
+    };
+  };
+  const std::tuple<const char*, std::function<void(const fs::path&)>, std::int64_t> cases[] = {
+      {"garbage", holds(std::string(5000, 'x')), 259},
+      {"one byte", holds("S"), 259},
+      {"cut header", holds(text.substr(0, 60)), 259},
+      {"foreign", runs("CREATE TABLE Locations (a)"), 134020},
+      {"foreign without tables", runs("PRAGMA application_id = 7; VACUUM"), 134020},
+      {"other model", differs("UPDATE _metadata SET value = 'x' WHERE name = 'modelHash'"), 134100},
+      {"lost index", differs("DROP INDEX Locations_unsent"), 134020},
+      {"garbage behind the header", holds(text.substr(0, 100) + std::string(text.size() - 100, 'x')), 134080},
   };
   for (const auto& [name, make, code] : cases) {
+    SCOPED_TRACE(name);
     const auto file = dir.path() / name;
     make(file);
     const std::string before = fileText(file);
     TestStore store(file);
-    ASSERT_TRUE(store.failure) << name;
+    ASSERT_TRUE(store.failure);
     EXPECT_EQ(store.failure->domain, NSCocoaErrorDomain);
-    EXPECT_EQ(store.failure->code, code) << name << ": " << store.failure->description();
+    EXPECT_EQ(store.failure->code, code) << store.failure->description();
     EXPECT_EQ(findString(store.failure->userInfo, "NSFilePath"), file.string());
     EXPECT_FALSE(store.coordinator->hasStore());
-    EXPECT_TRUE(fileText(file) == before) << name;
+    EXPECT_TRUE(fileText(file) == before);
   }
 }
 
-TEST(ObjectStoreFile, GivesAnErrorWhereNoFileCanBeMade) {
+TEST(ObjectStoreFile, ThatCannotBeMadeGivesAnErrorAndKeepsChangesPending) {
   test::TempDir dir;
-  std::filesystem::create_directory(dir.path() / "folder");
+  fs::create_directory(dir.path() / "folder");
   std::ofstream(dir.path() / "file").flush();
-  for (const auto& path : {dir.path() / "folder", dir.path() / "missing" / "x.sqlite", dir.path() / "file" / "x.sqlite",
-                           std::filesystem::path("/proc/x.sqlite"), std::filesystem::path("/dev/null")}) {
-    TestStore store(path);
-    ASSERT_TRUE(store.failure) << path;
-    EXPECT_EQ(store.failure->code, 134080) << path;
+  for (const fs::path name : {"folder", "missing/x.sqlite", "file/x.sqlite", "/proc/x.sqlite", "/dev/null"}) {
+    SCOPED_TRACE(name);
+    TestStore store(dir.path() / name);
+    ASSERT_TRUE(store.failure);
+    EXPECT_EQ(store.failure->code, 134080);
+    EXPECT_FALSE(store.coordinator->checkpoint());
+    store.run([&] {
+      store.save();
+      EXPECT_FALSE(store.context->fetch({"Locations"}));
+      EXPECT_FALSE(store.context->count({"Locations"}));
+      store.add(0);
+      EXPECT_EQ(store.context->save()->domain, NSCocoaErrorDomain);
+      EXPECT_TRUE(store.context->hasChanges());
+    });
   }
 }
 
 TEST(ObjectStoreFile, IsAddedOnceUnderAKnownTypeAndConfiguration) {
-  test::TempDir dir;
-  TestStore store(dir.path() / "a.sqlite");
+  TestStore store;
   const char* configuration = "ConfigurationForLocationsAndUsers";
-  EXPECT_TRUE(store.coordinator->addPersistentStore(NSSQLiteStoreType, configuration, dir.path() / "b.sqlite"));
+  const auto file = store.folder.path() / "b.sqlite";
+  EXPECT_TRUE(store.coordinator->addPersistentStore(NSSQLiteStoreType, configuration, file));
   NSPersistentStoreCoordinator other(shippedModel());
-  EXPECT_EQ(other.addPersistentStore("XML", configuration, dir.path() / "b.sqlite")->code, 134000);
-  EXPECT_TRUE(other.addPersistentStore(NSSQLiteStoreType, "Other", dir.path() / "b.sqlite"));
-  EXPECT_FALSE(std::filesystem::exists(dir.path() / "b.sqlite"));
+  EXPECT_EQ(other.addPersistentStore("XML", configuration, file)->code, 134000);
+  EXPECT_TRUE(other.addPersistentStore(NSSQLiteStoreType, "Other", file));
+  EXPECT_FALSE(fs::exists(file));
 }
 
 TEST(ObjectStoreFile, HoldsEverythingAfterACheckpoint) {
-  test::TempDir dir;
-  TestStore store(dir.path() / "a.sqlite");
+  TestStore store;
+  const fs::path log = store.file.string() + "-wal", copied = store.file.string() + "-copy";
   store.run([&] {
     store.add(0);
-    ASSERT_FALSE(store.context->save());
-    ASSERT_GT(std::filesystem::file_size(dir.path() / "a.sqlite-wal"), 0U);
+    store.save();
+    ASSERT_GT(fs::file_size(log), 0U);
     EXPECT_FALSE(store.coordinator->checkpoint());
   });
-  EXPECT_EQ(std::filesystem::file_size(dir.path() / "a.sqlite-wal"), 0U);
-  std::filesystem::copy(store.file, dir.path() / "copy.sqlite");
-  TestStore copy(dir.path() / "copy.sqlite");
+  EXPECT_EQ(fs::file_size(log), 0U);
+  fs::copy(store.file, copied);
+  TestStore copy(copied);
   copy.run([&] { EXPECT_EQ(copy.count(), 1U); });
 }
 
