@@ -40,13 +40,9 @@ std::string feature(const std::string& coordinates, bool disabled) {
 
 TEST(HistoryGeoJson, CutsFeaturesWhereCollectionIsSwitchedButNotBeforeTheLastPosition) {
   const auto on = position(48.5, 2.25), off = position(1, -2, "loc_disabled"),
-             enabled = position(3, 0.0001, "loc_enabled");
-  const auto bare = position(48.5, 2.25, std::nullopt);
-  LocationRecord unfilled;
-  const struct {
-    std::vector<LocationRecord> positions;
-    std::string features;
-  } cases[] = {
+             enabled = position(3, 0.0001, "loc_enabled"), bare = position(48.5, 2.25, std::nullopt);
+  const LocationRecord unfilled;
+  const std::pair<std::vector<LocationRecord>, std::string> cases[] = {
       {{on}, feature("[2.25,48.5]", false)},
       {{off}, feature("[-2,1]", true)},
       {{on, enabled, bare}, feature("[2.25,48.5],[0.0001,3],[2.25 ,48.5]", false)},
@@ -63,7 +59,6 @@ TEST(HistoryGeoJson, CutsFeaturesWhereCollectionIsSwitchedButNotBeforeTheLastPos
     const std::string text = history.toGeoJSON("LineString").value();
     EXPECT_EQ(text, collection(features));
     EXPECT_TRUE(platform::parseJson(text)) << text;
-    EXPECT_TRUE(text.ends_with("}}]}"));
   }
 }
 
@@ -83,11 +78,7 @@ TEST(HistoryBoundingBox, HoldsAllTripsOrElseAllPositions) {
   const std::string two = R"({"features":[{"geometry":{"type":"LineString","coordinates":[[2.35,48.85],[2.5,-48]]}},
       {"geometry":{"type":"Point","coordinates":[-179.5,0.25]}},{"geometry":null},7]})";
   const std::string one = R"({"features":[{"geometry":{"coordinates":[[2.35,48.85]]}}]})";
-  const struct {
-    std::vector<PastTripRecord> trips;
-    std::vector<LocationRecord> positions;
-    std::optional<Coordinates> corners;
-  } cases[] = {
+  const std::tuple<std::vector<PastTripRecord>, std::vector<LocationRecord>, std::optional<Coordinates>> cases[] = {
       {{}, {}, std::nullopt},
       {{}, {position(48.5, 2.25), position(-10, 3), position(50, -4)}, Coordinates{{-10, -4}, {50, 3}}},
       {{trip(one)}, {position(0, 0)}, Coordinates{{48.85, 2.35}, {48.85, 2.35}}},
@@ -124,11 +115,7 @@ TEST(HistoryArray, HasAFixForEachPositionThatIsWhole) {
 
 TEST(PredictedTrip, ReadsTheFirstFeatureOfTheNextDestination) {
   const Coordinates line{{48.85, 2.35}, {48.86, 2.36}};
-  const struct {
-    const char* nextDestination;
-    std::optional<Coordinates> coordinates;
-    std::optional<CLLocationCoordinate2D> start;
-  } cases[] = {
+  const std::tuple<const char*, std::optional<Coordinates>, std::optional<CLLocationCoordinate2D>> cases[] = {
       {R"({})", std::nullopt, std::nullopt},
       {R"({"type":"x"})", std::nullopt, std::nullopt},
       {R"({"features":[]})", std::nullopt, std::nullopt},
@@ -157,10 +144,7 @@ TEST(PredictedTrip, ReadsTheFirstFeatureOfTheNextDestination) {
 
 TEST(PredictedTrip, TellsItsStartInTheZoneOfTheDevice) {
   ::setenv("TZ", "Etc/GMT-1", 1);
-  const struct {
-    const char* startTime;
-    std::optional<std::string> local;
-  } cases[] = {
+  const std::pair<const char*, std::optional<std::string>> cases[] = {
       {"", std::nullopt},
       {"soon", std::nullopt},
       {"2017-03-02T08:15:30.123+0000", "2017-03-02T09:15:30.123+0100"},
@@ -175,19 +159,14 @@ TEST(PredictedTrip, TellsItsStartInTheZoneOfTheDevice) {
   }
 }
 
-TEST(PredictedTrip, IsUnsetAtFirstAndCopiedOut) {
+TEST(PredictedTrip, IsCopiedOutAndNowhereAtFirst) {
   EXPECT_EQ(Trip().getNextDestination()->coordinate, (CLLocationCoordinate2D{-200, -200}));
-  EXPECT_EQ(Trip().getArrivalTime(), "");
-  EXPECT_EQ(Trip().getProbability(), 0);
-  EXPECT_EQ(LatestPrediction::shared().id(), 0);
   Trip prediction;
   prediction.id = 5;
-  prediction.arrival_name = "home";
   LatestPrediction::shared().store(prediction);
   const Trip held = LatestPrediction::shared().value();
   LatestPrediction::shared().store(Trip());
   EXPECT_EQ(held.id, 5);
-  EXPECT_EQ(held.getArrivalName(), "home");
   EXPECT_EQ(LatestPrediction::shared().id(), 0);
 }
 
