@@ -26,11 +26,11 @@ namespace fs = std::filesystem;
 
 class HostFolder : public testing::Test {
  protected:
-  void SetUp() override {
+  HostFolder() {
     setHomeDirectory(home_.path());
     setSystemLogSink([this](std::string_view line) { log_.emplace_back(line); });
   }
-  void TearDown() override { setSystemLogSink({}); }
+  ~HostFolder() override { setSystemLogSink({}); }
 
   const test::TempDir home_;
   std::vector<std::string> log_;
@@ -61,18 +61,6 @@ TEST_F(BundleOfTheHost, ComplainsOnceOfAPropertyListThatIsBroken) {
   for (int time = 0; time < 2; ++time) EXPECT_TRUE(Bundle::main().infoDictionary().empty());
   ASSERT_EQ(log_.size(), 1U);
   EXPECT_NE(log_[0].find(file.native()), std::string::npos);
-}
-
-TEST_F(BundleOfTheHost, FindsResourcesUnderTheirIdentifier) {
-  Bundle::add("org.example.parts", {{"Model", "xml", "<model/>"}});
-  Bundle::add("org.example.parts", {});
-  const Bundle* bundle = Bundle::withIdentifier("org.example.parts");
-  ASSERT_NE(bundle, nullptr);
-  const auto url = bundle->url("Model", "xml");
-  ASSERT_TRUE(url);
-  EXPECT_EQ(url->text, "embedded:/org.example.parts/Model.xml");
-  EXPECT_EQ(url->bytes, "<model/>");
-  EXPECT_FALSE(bundle->url("Model", "json"));
 }
 
 TEST_F(EnvironmentOfTheHost, MakesTheDocumentDirectoryForItsUserAlone) {

@@ -38,29 +38,11 @@ TEST(SerialQueue, RunsBlocksInOrderAndSyncOnTheCallersThread) {
   EXPECT_EQ(order, "1234") << "what a block adds comes after what was already in line";
 }
 
-TEST(SerialQueue, ExcludesBlocksOfManyThreads) {
-  SerialQueue queue("test.exclusion");
-  int unguarded = 0;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([&] {
-      for (int i = 0; i < 500; ++i) {
-        queue.async([&] { ++unguarded; });
-        queue.sync([&] { ++unguarded; });
-      }
-    });
-  for (auto& thread : threads) thread.join();
-  ASSERT_TRUE(Activity::waitUntilIdle(Seconds(30)));
-  queue.sync([&] { EXPECT_EQ(unguarded, 4000); });
-}
-
 TEST(SerialQueue, KnowsTheQueuesItsCallerStandsInHoweverDeep) {
-  SerialQueue outer("test.outer");
-  SerialQueue inner("test.inner");
+  SerialQueue outer("test.outer"), inner("test.inner");
   outer.sync([&] {
     inner.sync([&] {
-      EXPECT_TRUE(outer.isCurrent());
-      EXPECT_TRUE(inner.isCurrent());
+      EXPECT_TRUE(outer.isCurrent() && inner.isCurrent());
       bool ran = false;
       outer.syncReentrant([&] { ran = true; });
       EXPECT_TRUE(ran);
@@ -74,34 +56,32 @@ TEST(SerialQueue, KnowsTheQueuesItsCallerStandsInHoweverDeep) {
 
 TEST(SerialQueue, KeepsItsBlocksInOrderWhileNoThreadCanBeMade) {
   auto& diary = test::LogDiary::installed();
-  std::vector<int> order;  // only blocks of the queue touch it
-  std::promise<void> entered;
-  std::promise<void> timed;
+  std::string order;  // only blocks of the queue touch it
+  std::promise<void> entered, timed;
   std::shared_ptr<Timer> timer;
   auto queue = std::make_unique<SerialQueue>("test.starved");
   SerialQueue other("test.other");
-  std::thread waiting([&, inBlock = entered.get_future().share()] {
-    inBlock.wait();
-    queue->sync([&] { order.push_back(5); });
+  std::thread waiting([&] {
+    entered.get_future().wait();
+    queue->sync([&] { order += '5'; });
   });
   {
     const test::NoThreads none;
-    EXPECT_FALSE(queue->async([&] { order.push_back(1); }));
-    EXPECT_FALSE(queue->async([&] { order.push_back(2); }));
+    for (const char block : {'1', '2'}) EXPECT_FALSE(queue->async([&, block] { order += block; }));
     queue->sync([&] {
-      order.push_back(3);
-      queue->async([&] { order.push_back(4); });
+      order += '3';
+      queue->async([&] { order += '4'; });
       entered.set_value();
     });
     waiting.join();
-    queue->async([&] { order.push_back(6); });
+    queue->async([&] { order += '6'; });
     queue.reset();
-    EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4, 5, 6}));
-    EXPECT_FALSE(other.async([&] { order.push_back(7); }));
+    EXPECT_EQ(order, "123456");
+    EXPECT_FALSE(other.async([&] { order += '7'; }));
     timer = Timer::after(Seconds(0.02), other, [&] { timed.set_value(); });
   }
   ASSERT_TRUE(Activity::waitUntilIdle(Seconds(30)));
-  EXPECT_EQ(order.back(), 7);
+  EXPECT_EQ(order.back(), '7');
   EXPECT_EQ(timed.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
   EXPECT_EQ(diary.count("No thread can be made: "), 1u);
 }
@@ -126,8 +106,7 @@ TEST(MainThread, IsTheFirstOfItsProcessAlsoAfterAForkOfAnother) {
 }
 
 TEST(Activity, WaitsForWorkThatHopsBetweenQueuesAndTheMainQueue) {
-  SerialQueue a("test.a");
-  SerialQueue b("test.b");
+  SerialQueue a("test.a"), b("test.b");
   std::atomic<int> hops{0};
   std::function<void()> hop = [&] {
     const int hopped = ++hops;

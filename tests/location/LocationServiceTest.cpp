@@ -56,25 +56,18 @@ TEST_F(LocationServiceOfAProcess, RefusesFixesThatAreNotFiniteOrOutOfRange) {
   std::vector<std::string> log;
   setSystemLogSink([&](std::string_view line) { log.emplace_back(line); });
   const double nan = std::nan(""), infinity = std::numeric_limits<double>::infinity();
-  std::vector<CLLocation> bad(10, fixAt(7));
-  bad[0].coordinate.latitude = nan;
-  bad[1].coordinate.latitude = -90.001;
-  bad[2].coordinate.longitude = 180.001;
-  bad[3].coordinate.longitude = -infinity;
-  bad[4].altitude = infinity;
-  bad[5].horizontalAccuracy = nan;
-  bad[6].verticalAccuracy = infinity;
-  bad[7].speed = nan;
-  bad[8].course = -infinity;
-  bad[9].timestamp = dateSince1970(nan);
-  bad.push_back(fixAt(9));
-  bad.back().coordinate = {-90, 180};
+  std::vector<CLLocation> fixes;
+  const CLLocationCoordinate2D places[] = {{nan, 0}, {-90.001, 0}, {0, 180.001}, {0, -infinity}, {-90, 180}};
+  for (const auto& place : places) fixes.emplace_back(fixAt(0)).coordinate = place;
+  fixes.emplace_back(fixAt(7)).altitude = infinity;
+  fixes.emplace_back(fixAt(7)).horizontalAccuracy = nan;
+  fixes.emplace_back(fixAt(7)).verticalAccuracy = infinity;
+  fixes.emplace_back(fixAt(7)).speed = nan;
+  fixes.emplace_back(fixAt(7)).course = -infinity;
   // The years 1970 to 9999.
-  for (const double time : {0.0, 253402300799.0, -0.001, 253402300800.0, 1e18}) {
-    bad.push_back(fixAt(8));
-    bad.back().timestamp = dateSince1970(time);
-  }
-  service().deliver(bad);
+  for (const double time : {nan, 0.0, 253402300799.0, -0.001, 253402300800.0, 1e18})
+    fixes.emplace_back(fixAt(8)).timestamp = dateSince1970(time);
+  service().deliver(fixes);
   EXPECT_EQ(delegate.read(), Diary{"fixes 180000000 8 8"});
   ASSERT_EQ(log.size(), 13u);
   EXPECT_EQ(log[1], "location service: fix refused, latitude -90.001 is out of range");

@@ -39,28 +39,26 @@ TEST(Context, EndsTheProcessWhenItIsUsedOutsideItsBlocks) {
 TEST(Context, CountsRowsPlusInsertsMinusDeletes) {
   test::TempDir dir;
   for (const std::size_t base : {0, 3}) {
-    TestStore opened(dir.path() / "a.sqlite");
-    opened.run([&] {
-      EXPECT_EQ(opened.count(), base);
-      auto first = opened.add(0);
-      auto second = opened.add(1);
-      EXPECT_EQ(opened.count(), base + 2);
-      opened.context->deleteObject(first);
-      opened.context->deleteObject(first);
-      EXPECT_EQ(opened.count(), base + 1);
-      opened.save();
-      opened.context->deleteObject(second);
-      EXPECT_EQ(opened.count(), base);
-      opened.save();
-      EXPECT_EQ(opened.count(), base);
-      for (int i = 0; i < 3; ++i) opened.add(i);
-      opened.save();
-      EXPECT_EQ(opened.count({"Locations", {}, {}, 2}), 2U);
-      for (const auto& object : opened.fetch()) opened.context->deleteObject(object);
-      EXPECT_EQ(opened.count(), 0U);
-      for (int i = 0; i < 3; ++i) opened.add(i);
-      EXPECT_EQ(opened.count(), 3U);
-      opened.save();
+    TestStore store(dir.path() / "a.sqlite");
+    store.run([&] {
+      EXPECT_EQ(store.count(), base);
+      const auto first = store.add(0), second = store.add(1);
+      EXPECT_EQ(store.count(), base + 2);
+      for (int time = 0; time < 2; ++time) store.context->deleteObject(first);
+      EXPECT_EQ(store.count(), base + 1);
+      store.save();
+      store.context->deleteObject(second);
+      EXPECT_EQ(store.count(), base);
+      store.save();
+      for (int i = 0; i < 3; ++i) store.add(i);
+      store.save();
+      EXPECT_EQ(store.count(), base + 3);
+      EXPECT_EQ(store.count({"Locations", {}, {}, 2}), 2U);
+      for (const auto& object : store.fetch()) store.context->deleteObject(object);
+      EXPECT_EQ(store.count(), 0U);
+      for (int i = 0; i < 3; ++i) store.add(i);
+      EXPECT_EQ(store.count(), 3U);
+      store.save();
     });
   }
 }
@@ -170,22 +168,19 @@ TEST(Context, KeepsEachValueAsItWasGiven) {
 TEST(Context, KeepsRepeatedTextsOnceAndFreesThem) {
   TestStore store;
   const std::size_t before = InternedText::poolSize();
-  std::vector<std::shared_ptr<NSManagedObject>> objects;
+  std::vector<std::shared_ptr<NSManagedObject>> some, others;
   store.run([&] {
     for (int i = 0; i < 100; ++i) {
-      objects.push_back(store.add(i));
-      objects.back()->setString(store.at("appName"), "ios:host");
-      objects.back()->setString(store.at("userAction"), i % 2 == 0 ? "walking" : "driving");
+      auto& object = (i < 50 ? some : others).emplace_back(store.add(i));
+      object->setString(store.at("appName"), "ios:host");
+      object->setString(store.at("userAction"), i % 2 == 0 ? "walking" : "driving");
     }
     store.save();
-    objects = store.fetch();
   });
   EXPECT_EQ(InternedText::poolSize(), before + 3);
-  std::vector half(objects.begin() + 50, objects.end());
-  objects.resize(50);
-  std::thread other([&] { half.clear(); });
-  objects.clear();
-  other.join();
+  std::thread elsewhere([&] { others.clear(); });
+  some.clear();
+  elsewhere.join();
   EXPECT_LE(InternedText::poolSize(), before + 2) << "the context keeps the latest text of each attribute";
   store.context.reset();
   EXPECT_EQ(InternedText::poolSize(), before);

@@ -12,11 +12,9 @@
 namespace tarvo::platform {
 namespace {
 
-using std::chrono::hours;
-using std::chrono::milliseconds;
 namespace fs = std::filesystem;
 
-constexpr WriteRight::Patience kNone{milliseconds(0), milliseconds(0)};
+constexpr WriteRight::Patience kNone{std::chrono::seconds(0), std::chrono::seconds(0)};
 
 std::string textOf(const std::optional<Error>& error) { return error ? error->localizedDescription : "done"; }
 
@@ -33,7 +31,7 @@ TEST(OneWriter, KeepsTheOthersOutUntilItHasGone) {
   std::optional<TestStore> first(file);
   save(*first, 0);
   TestStore second(file, kNone);
-  TestStore patient(file, {milliseconds(0), hours(1)});
+  TestStore patient(file, {std::chrono::seconds(0), std::chrono::hours(1)});
   second.run([&] { EXPECT_EQ(second.count(), 1U); });
   save(*first, 1);
   for (TestStore* other : {&second, &patient})
@@ -73,19 +71,18 @@ TEST(OneWriter, IsNoReader) {
     return std::pair(fileText(file) + fileText(file.string() + "-wal"), fs::last_write_time(file));
   };
   const auto before = state();
-  {
-    TestStore store(file);
-    store.run([&] {
-      EXPECT_EQ(store.count(), 12000U);
-      EXPECT_EQ(store.fetch(unsentRequest(3)).size(), 3U);
-      std::size_t seen = 0;
-      auto rows = std::move(store.context->rows({"Locations"}).value());
-      EXPECT_FALSE(rows.forEach({store.at("index")}, [&](const StoredRow&) { return ++seen > 0; }));
-      EXPECT_EQ(seen, 12000U);
-      store.save();
-      EXPECT_FALSE(store.coordinator->checkpoint());
-    });
-  }
+  std::optional<TestStore> store(file);
+  store->run([&] {
+    EXPECT_EQ(store->count(), 12000U);
+    EXPECT_EQ(store->fetch(unsentRequest(3)).size(), 3U);
+    std::size_t seen = 0;
+    auto rows = std::move(store->context->rows({"Locations"}).value());
+    EXPECT_FALSE(rows.forEach({store->at("index")}, [&](const StoredRow&) { return ++seen > 0; }));
+    EXPECT_EQ(seen, 12000U);
+    store->save();
+    EXPECT_FALSE(store->coordinator->checkpoint());
+  });
+  store.reset();
   EXPECT_TRUE(state() == before);
   EXPECT_FALSE(fs::exists(WriteRight::lockFileOf(file)));
 }

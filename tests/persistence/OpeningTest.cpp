@@ -110,17 +110,6 @@ TEST(ObjectStoreFile, ThatCannotBeMadeGivesAnErrorAndKeepsChangesPending) {
   }
 }
 
-TEST(ObjectStoreFile, IsAddedOnceUnderAKnownTypeAndConfiguration) {
-  TestStore store;
-  const char* configuration = "ConfigurationForLocationsAndUsers";
-  const auto file = store.folder.path() / "b.sqlite";
-  EXPECT_TRUE(store.coordinator->addPersistentStore(NSSQLiteStoreType, configuration, file));
-  NSPersistentStoreCoordinator other(shippedModel());
-  EXPECT_EQ(other.addPersistentStore("XML", configuration, file)->code, 134000);
-  EXPECT_TRUE(other.addPersistentStore(NSSQLiteStoreType, "Other", file));
-  EXPECT_FALSE(fs::exists(file));
-}
-
 TEST(ObjectStoreFile, HoldsEverythingAfterACheckpoint) {
   TestStore store;
   const fs::path log = store.file.string() + "-wal", copied = store.file.string() + "-copy";

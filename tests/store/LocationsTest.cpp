@@ -92,8 +92,7 @@ TEST_F(StoredPositions, KeepTheWholeFixAndItsCircumstances) {
 
 TEST_F(StoredPositions, LeaveTheStoreForUploadInBatchesOfThousandByIndex) {
   within([&](Context& context) {
-    for (int i = 0; i < 1500; ++i) add(context);
-    ASSERT_FALSE(context.save());
+    addAndSave(context, 1500);
     EXPECT_EQ(indexes(Locations::getUnsentLocations(context)), range(0, 1000));
     auto newest = indexes(Locations::getAllLocations(context));
     std::reverse(newest.begin(), newest.end());
@@ -161,9 +160,8 @@ TEST_F(StoredPositions, LastIsTheNewestByFixTimeAndHistoryGoesByStorageTime) {
 }
 
 void rename(Context& context, const char* from, const char* to) {
-  platform::Execution(context.coordinator().store()->database(),
-                      platform::concat("ALTER TABLE ", from, " RENAME TO ", to))
-      .step();
+  auto& database = context.coordinator().store()->database();
+  platform::Execution(database, platform::concat("ALTER TABLE ", from, " RENAME TO ", to)).step();
 }
 
 TEST_F(StoredPositions, FirstOfAHistoryIsFoundWithoutSortingTheRest) {
@@ -206,8 +204,7 @@ TEST_F(StoredPositions, StayInTheStoreForAHistoryWhileOtherRecordsAreUnsaved) {
 
 TEST_F(StoredPositions, NeedNoFurtherReadingForAnUpload) {
   within([&](Context& context) {
-    add(context);
-    ASSERT_FALSE(context.save());
+    addAndSave(context, 1);
     const std::string whole = Locations::convertToString(Locations::getAllLocations(context), "u");
     const auto fetched = Locations::getUnsentLocations(context);
     rename(context, "Locations", "Hidden");
@@ -222,9 +219,7 @@ TEST_F(StoredPositions, NeedNoFurtherReadingForAnUpload) {
 TEST_F(StoredPositions, OfAHistoryThatCannotBeReadAreNone) {
   LocationsHistory history;
   within([&](Context& context) {
-    add(context, 48.5);
-    add(context, 48.6);
-    ASSERT_FALSE(context.save());
+    addAndSave(context, 2);
     history.locations = Locations::getLocationHistory(context, platform::distantPast(), platform::distantFuture());
     rename(context, "Locations", "Hidden");
     EXPECT_TRUE(history.locations.toVector().empty());
@@ -258,8 +253,7 @@ TEST_F(Acknowledgement, ClearsItsRangeFreesTheChannelAndStartsTheNextBatchBefore
   UploadChannel& channel = Settings::shared().uploadChannel();
   channel.setLocked(true);
   within([&](Context& context) {
-    for (int i = 0; i < 12; ++i) add(context);
-    ASSERT_FALSE(context.save());
+    addAndSave(context, 12);
     // The flags do not matter, only the range: 9 was never posted.
     for (const auto& location : Locations::getUnsentLocations(context))
       if (location->index() != 9) location->setBoolean(at::sentWithoutACK, true);
