@@ -116,10 +116,8 @@ TEST(Save, CostsTheSameOnAFullDiskWhateverIsPendingAndWritesAllOfItOnceThereIsRo
     EXPECT_TRUE(store.context->hasChanges()) << "the last save did not fail";
     store.save();
   });
-  const char* sum =
-      "SELECT count(*) || ' ' || count(DISTINCT \"index\") || ' ' || max(\"index\") || ' ' || sum(unsent)"
-      " FROM Locations";
-  EXPECT_EQ(runSql(store.file, sum), concat(next, " ", next, " ", next - 1, " ", next - 1));
+  const char* sum = "SELECT count(*) || ' ' || count(DISTINCT \"index\") || ' ' || sum(unsent) FROM Locations";
+  EXPECT_EQ(runSql(store.file, sum), concat(next, " ", next, " ", next - 1));
   EXPECT_EQ(integrityOf(store.file), "ok");
 }
 
