@@ -114,8 +114,7 @@ TEST(HistoryArray, HasAFixForEachPositionThatIsWhole) {
   ASSERT_EQ(fixes.size(), 2U);
   EXPECT_EQ(fixes[0].coordinate, (CLLocationCoordinate2D{48.5, 2.25}));
   EXPECT_EQ(fixes[0].timestamp, positions[0].locationTimestamp);
-  EXPECT_EQ(fixes[1].speed, 3.5);
-  EXPECT_EQ(fixes[1].altitude, 100.25);
+  EXPECT_EQ(std::tie(fixes[1].speed, fixes[1].altitude), std::tuple(3.5, 100.25));
 }
 
 TEST(PredictedTrip, ReadsTheFirstFeatureOfTheNextDestination) {
