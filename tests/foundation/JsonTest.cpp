@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <tuple>
 #include <vector>
 
 #include "platform/foundation/PropertyList.h"
@@ -28,43 +29,23 @@ TEST(Json, WritesWhatItHasReadInOneForm) {
 }
 
 TEST(Json, KeepsIntegersDoublesBooleansAndBareValuesApart) {
-  const std::pair<const char*, Value> cases[] = {
-      {"1", 1},
-      {"1.0", 1.0},
-      {"true", true},
-      {"null", nullptr},
-      {"\"a\\u0000b\"", std::string("a\0b", 3)},
-      {"18446744073709551615", 18446744073709551615.0},
-  };
-  for (const auto& [text, expected] : cases) EXPECT_EQ(parseJson(text).value(), expected) << text;
+  const auto value = parseJson(R"([1, 1.0, true, null, "a\u0000b", 18446744073709551615])").value();
+  EXPECT_EQ(value, Value(Array{1, 1.0, true, nullptr, std::string("a\0b", 3), 18446744073709551615.0}));
+  EXPECT_EQ(parseJson("null").value(), Value(nullptr));
 }
 
 TEST(Json, RefusesWhatIsBrokenOrHostile) {
-  auto nested = [](std::size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); };
+  const auto nested = [](std::size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); };
   std::string manyValues = "[0";
   for (int i = 0; i < 2'100'000; ++i) manyValues += ",0";
   std::string manyObjects;
   for (int i = 0; i < 1'000'000; ++i) manyObjects += "{\"a\":";
-  const std::string refused[] = {"",
-                                 " ",
-                                 "[1,]",
-                                 "[1] x",
-                                 "{\"a\"}",
-                                 "[NaN]",
-                                 "[Infinity]",
-                                 "[1e999]",
-                                 "// c\n[]",
-                                 "{'a':1}",
-                                 "[\"\xff\"]",
-                                 "[\"\\ud800\"]",
-                                 "[01]",
-                                 "nul",
-                                 nested(513),
-                                 nested(3'000'000),
-                                 std::string(1'000'000, '['),
-                                 manyObjects,
-                                 manyValues + "]",
-                                 "[" + std::string(std::size_t{64} << 20, ' ') + "]"};
+  std::vector<std::string> refused = {
+      nested(513), nested(3'000'000), std::string(1'000'000, '['),
+      manyObjects, manyValues + "]",  "[" + std::string(std::size_t{64} << 20, ' ') + "]"};
+  for (const char* text : {"", " ", "[1,]", "[1] x", "{\"a\"}", "[NaN]", "[Infinity]", "[1e999]", "// c\n[]", "{'a':1}",
+                           "[\"\xff\"]", "[\"\\ud800\"]", "[01]", "nul"})
+    refused.emplace_back(text);
   for (const std::string& text : refused) {
     const auto result = parseJson(text);
     ASSERT_FALSE(result) << text.substr(0, 20);
@@ -83,19 +64,15 @@ TEST(Json, RefusesWhatIsBrokenOrHostile) {
 TEST(Json, SaysWhatItCannotWrite) {
   Value deep = Array{};
   for (int i = 0; i < 600; ++i) deep = Array{deep};
-  const struct {
-    Value value;
-    bool isValid;
-    const char* why;
-  } cases[] = {{nullptr, false, "no array or dictionary at the top"},
-               {1, false, "no array or dictionary at the top"},
-               {"text", false, "no array or dictionary at the top"},
-               {Array{1, std::numeric_limits<double>::infinity()}, false, "a number that is not finite"},
-               {Dictionary{{"a", Array{"\xc3("}}}, false, "a text that is not UTF-8"},
-               {Array{"\xed\xa0\x80"}, false, "a text that is not UTF-8"},
-               {Dictionary{{"\xff", 1}}, false, "a key that is not UTF-8"},
-               {deep, false, "nested too deep"},
-               {Array{"x", std::string((64U << 20) - 3, 'x')}, true, "too large"}};
+  const std::tuple<Value, bool, const char*> cases[] = {
+      {nullptr, false, "no array or dictionary at the top"},
+      {1, false, "no array or dictionary at the top"},
+      {Array{1, std::numeric_limits<double>::infinity()}, false, "a number that is not finite"},
+      {Dictionary{{"a", Array{"\xc3("}}}, false, "a text that is not UTF-8"},
+      {Array{"\xed\xa0\x80"}, false, "a text that is not UTF-8"},
+      {Dictionary{{"\xff", 1}}, false, "a key that is not UTF-8"},
+      {deep, false, "nested too deep"},
+      {Array{"x", std::string((64U << 20) - 3, 'x')}, true, "too large"}};
   for (const auto& [value, isValid, why] : cases) {
     EXPECT_EQ(isValidJsonObject(value), isValid) << why;
     const auto text = serializeJson(value);
@@ -121,20 +98,18 @@ TEST(PropertyList, KeepsTypesAndEveryText) {
 
 /// A well-formed binary list of arrays in one another.
 std::string deepBinaryList(std::size_t depth) {
-  std::string list = "bplist00";
-  std::string offsets;
-  const auto bigEndian = [](std::string& out, std::size_t number, int bytes) {
-    while (bytes-- > 0) out.push_back(static_cast<char>(number >> (8 * bytes)));
+  const auto bigEndian = [](std::size_t number, int bytes) {
+    std::string text;
+    while (bytes-- > 0) text.push_back(static_cast<char>(number >> (8 * bytes)));
+    return text;
   };
+  std::string list = "bplist00", offsets;
   for (std::size_t i = 0; i < depth; ++i) {
-    bigEndian(offsets, list.size(), 3);
-    list.push_back(i + 1 < depth ? '\xa1' : '\xa0');
-    if (i + 1 < depth) bigEndian(list, i + 1, 3);
+    offsets += bigEndian(list.size(), 3);
+    list += i + 1 < depth ? "\xa1" + bigEndian(i + 1, 3) : "\xa0";
   }
-  const std::size_t table = list.size();
-  list += offsets + std::string(6, '\0') + "\3\3";
-  for (std::size_t number : {depth, std::size_t{0}, table}) bigEndian(list, number, 8);
-  return list;
+  const std::string table = bigEndian(list.size(), 8);
+  return list + offsets + std::string(6, '\0') + "\3\3" + bigEndian(depth, 8) + bigEndian(0, 8) + table;
 }
 
 TEST(PropertyList, ReadsForeignTypesAndRefusesHostileFiles) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <string>
 #include <vector>
@@ -62,17 +64,6 @@ class DiaryDelegate : public CLLocationManagerDelegate {
 
 using Diary = std::vector<std::string>;
 
-/// A process with an empty home and a clock that is moved by hand.
-struct Process {
-  Process() {
-    setHomeDirectory(home.path());
-    Clock::install(clock);
-  }
-  test::TempDir home;
-  std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(dateSince1970(1'000'000));
-  LocationService& service() { return LocationService::shared(); }
-};
-
 /// A fix on the equator; one millionth of a degree is about 11 cm.
 inline CLLocation fixAt(int microDegreesEast, double accuracyMetres = 5) {
   CLLocation fix;
@@ -81,5 +72,44 @@ inline CLLocation fixAt(int microDegreesEast, double accuracyMetres = 5) {
   fix.timestamp = Clock::current()->now();
   return fix;
 }
+
+/// A process with an empty home and a clock that is moved by hand.
+struct Process {
+  Process() {
+    setHomeDirectory(home.path());
+    Clock::install(clock);
+  }
+  test::TempDir home;
+  std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(dateSince1970(1'000'000));
+};
+
+/// Such a process with a manager, whose delegate has read of the first permission.
+class LocationTest : public testing::Test, protected Process {
+ protected:
+  LocationTest() {
+    manager.setDelegate(&delegate);
+    EXPECT_EQ(delegate.read(), Diary{"status 3"});
+  }
+  static LocationService& service() { return LocationService::shared(); }
+  static void deliver(int place) { service().deliver({fixAt(place)}); }
+
+  /// A fix some time later and what is told then.
+  struct Step {
+    double secondsLater;
+    int place;
+    Diary told;
+  };
+  void expect(const std::vector<Step>& steps) {
+    for (const auto& [later, place, told] : steps) {
+      SCOPED_TRACE(place);
+      clock->advance(Seconds(later));
+      deliver(place);
+      EXPECT_EQ(delegate.read(), told);
+    }
+  }
+
+  DiaryDelegate delegate;
+  CLLocationManager manager;
+};
 
 }  // namespace tarvo::platform

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <limits>
 #include <thread>
+#include <tuple>
 
 #include <tarvo/platform/MainQueue.h>
 #include <tarvo/platform/SystemLog.h>
@@ -17,19 +18,12 @@ namespace tarvo::platform {
 namespace {
 
 using enum CLAuthorizationStatus;
+using LocationManager = LocationTest;
+using LocationServiceOfAProcess = LocationTest;
 
-TEST(LocationManager, HandsOverWhatPassesTheDistanceFilterOldestFirst) {
-  Process process;
-  DiaryDelegate delegate;
-  CLLocationManager manager;
-  manager.setDelegate(&delegate);
-  EXPECT_EQ(delegate.read(), Diary{"status 3"});
+TEST_F(LocationManager, HandsOverWhatPassesTheDistanceFilterOldestFirst) {
   // 20 m are 180 millionths of a degree.
-  const struct {
-    const char* step;
-    std::vector<int> fixes;
-    Diary told;
-  } steps[] = {
+  const std::tuple<std::string, std::vector<int>, Diary> steps[] = {
       {"", {0}, {}},
       {"start", {0, 100, 179}, {"fixes 0"}},
       {"start", {178}, {}},
@@ -42,9 +36,8 @@ TEST(LocationManager, HandsOverWhatPassesTheDistanceFilterOldestFirst) {
       {"start", {723}, {"fixes 723"}},
   };
   manager.setDistanceFilter(20);
-  for (const auto& [step, fixes, told] : steps) {
-    SCOPED_TRACE(concat(step, " ", fixes.front()));
-    const std::string_view action = step;
+  for (const auto& [action, fixes, told] : steps) {
+    SCOPED_TRACE(concat(action, " ", fixes.front()));
     if (action == "start") manager.startUpdatingLocation();
     if (action == "stop") manager.stopUpdatingLocation();
     if (action == "all") manager.setDistanceFilter(kCLDistanceFilterNone);
@@ -52,61 +45,40 @@ TEST(LocationManager, HandsOverWhatPassesTheDistanceFilterOldestFirst) {
     if (action == "20") manager.setDistanceFilter(20);
     std::vector<CLLocation> batch;
     for (const int place : fixes) batch.push_back(fixAt(place));
-    process.service().deliver(batch);
+    service().deliver(batch);
     EXPECT_EQ(delegate.read(), told);
     EXPECT_EQ(manager.location(), batch.back());
   }
 }
 
-TEST(LocationService, RefusesFixesThatAreNotFiniteOrOutOfRange) {
-  Process process;
-  DiaryDelegate delegate;
-  CLLocationManager manager;
-  manager.setDelegate(&delegate);
+TEST_F(LocationServiceOfAProcess, RefusesFixesThatAreNotFiniteOrOutOfRange) {
   manager.startUpdatingLocation();
   std::vector<std::string> log;
   setSystemLogSink([&](std::string_view line) { log.emplace_back(line); });
-
-  const double nan = std::nan("");
-  const double infinity = std::numeric_limits<double>::infinity();
-  std::vector<CLLocation> bad(10, fixAt(7));
-  bad[0].coordinate.latitude = nan;
-  bad[1].coordinate.latitude = -90.001;
-  bad[2].coordinate.longitude = 180.001;
-  bad[3].coordinate.longitude = -infinity;
-  bad[4].altitude = infinity;
-  bad[5].horizontalAccuracy = nan;
-  bad[6].verticalAccuracy = infinity;
-  bad[7].speed = nan;
-  bad[8].course = -infinity;
-  bad[9].timestamp = dateSince1970(nan);
-  bad.push_back(fixAt(9));
-  bad.back().coordinate = {-90, 180};
+  const double nan = std::nan(""), infinity = std::numeric_limits<double>::infinity();
+  std::vector<CLLocation> fixes;
+  const CLLocationCoordinate2D places[] = {{nan, 0}, {-90.001, 0}, {0, 180.001}, {0, -infinity}, {-90, 180}};
+  for (const auto& place : places) fixes.emplace_back(fixAt(0)).coordinate = place;
+  fixes.emplace_back(fixAt(7)).altitude = infinity;
+  fixes.emplace_back(fixAt(7)).horizontalAccuracy = nan;
+  fixes.emplace_back(fixAt(7)).verticalAccuracy = infinity;
+  fixes.emplace_back(fixAt(7)).speed = nan;
+  fixes.emplace_back(fixAt(7)).course = -infinity;
   // The years 1970 to 9999.
-  for (const double time : {0.0, 253402300799.0, -0.001, 253402300800.0, 1e18}) {
-    bad.push_back(fixAt(8));
-    bad.back().timestamp = dateSince1970(time);
-  }
-  process.service().deliver(bad);
-  EXPECT_EQ(delegate.read(), (Diary{"status 3", "fixes 180000000 8 8"}));
-  setSystemLogSink({});
+  for (const double time : {nan, 0.0, 253402300799.0, -0.001, 253402300800.0, 1e18})
+    fixes.emplace_back(fixAt(8)).timestamp = dateSince1970(time);
+  service().deliver(fixes);
+  EXPECT_EQ(delegate.read(), Diary{"fixes 180000000 8 8"});
   ASSERT_EQ(log.size(), 13u);
   EXPECT_EQ(log[1], "location service: fix refused, latitude -90.001 is out of range");
   EXPECT_EQ(log[9], "location service: fix refused, timestamp nan is not finite");
   EXPECT_EQ(log[11], "location service: fix refused, timestamp 253402300800 is out of range");
 }
 
-TEST(LocationService, TellsEachChangeOfPermissionAndDeliversOnlyWhileItAllows) {
-  Process process;
-  DiaryDelegate delegate;
-  CLLocationManager manager;
-  manager.setDelegate(&delegate);
+TEST_F(LocationServiceOfAProcess, TellsEachChangeOfPermissionAndDeliversOnlyWhileItAllows) {
   manager.startUpdatingLocation();
-  const struct {
-    CLAuthorizationStatus status;
-    Diary told;
-  } steps[] = {
-      {authorizedAlways, {"status 3", "fixes 1"}},
+  const std::pair<CLAuthorizationStatus, Diary> steps[] = {
+      {authorizedAlways, {"fixes 1"}},
       {denied, {"status 2", "kCLErrorDomain 1"}},
       {denied, {}},
       {notDetermined, {"status 0"}},
@@ -115,9 +87,9 @@ TEST(LocationService, TellsEachChangeOfPermissionAndDeliversOnlyWhileItAllows) {
   };
   for (const auto& [status, told] : steps) {
     SCOPED_TRACE(static_cast<std::int64_t>(status));
-    process.service().setAuthorizationStatus(status);
+    service().setAuthorizationStatus(status);
     EXPECT_EQ(CLLocationManager::authorizationStatus(), status);
-    process.service().deliver({fixAt(1)});
+    deliver(1);
     EXPECT_EQ(delegate.read(), told);
   }
   manager.startUpdatingLocation();  // runs already
@@ -126,21 +98,19 @@ TEST(LocationService, TellsEachChangeOfPermissionAndDeliversOnlyWhileItAllows) {
   manager.startUpdatingLocation();
   EXPECT_EQ(delegate.read(), Diary{"kCLErrorDomain 1"});
   manager.requestLocation();
-  process.clock->advance(Seconds(11));
+  clock->advance(Seconds(11));
   EXPECT_EQ(delegate.read(), Diary{"kCLErrorDomain 1"});
-  process.service().setAuthorizationStatus(authorizedAlways);
-  process.service().fail(clError::locationUnknown);
+  service().setAuthorizationStatus(authorizedAlways);
+  service().fail(clError::locationUnknown);
   EXPECT_EQ(delegate.read(), (Diary{"status 3", "kCLErrorDomain 0"}));
 }
 
-TEST(LocationService, AsksOneQuestionAtATimeOnTheMainQueueAndTheUpgradeAfterTheAnswer) {
-  Process process;
+TEST_F(LocationServiceOfAProcess, AsksOneQuestionAtATimeOnTheMainQueueAndTheUpgradeAfterTheAnswer) {
   std::string asked;
-  process.service().setPrompt([&](AuthorizationRequest request) {
+  service().setPrompt([&](AuthorizationRequest request) {
     EXPECT_TRUE(isMainThread());
     asked += request == AuthorizationRequest::always ? 'A' : 'W';
   });
-  CLLocationManager manager;
   const auto request = [&](const char* which) {
     asked.clear();
     for (; *which != '\0'; ++which)
@@ -149,36 +119,33 @@ TEST(LocationService, AsksOneQuestionAtATimeOnTheMainQueueAndTheUpgradeAfterTheA
     EXPECT_TRUE(Activity::waitUntilIdle(Seconds(10)));
     return std::exchange(asked, {});
   };
-  const struct {
-    CLAuthorizationStatus status;
-    const char *requests, *asked;
-    CLAuthorizationStatus answer;
-    const char* then;
-  } cases[] = {{authorizedAlways, "WAA", "", authorizedAlways, ""},
-               {denied, "WAA", "", denied, ""},
-               {restricted, "WAA", "", restricted, ""},
-               {notDetermined, "WWA", "W", authorizedAlways, ""},
-               {notDetermined, "WA", "W", denied, ""},
-               {notDetermined, "WA", "W", notDetermined, ""},  // put off: the next request asks again
-               {notDetermined, "WAW", "W", authorizedWhenInUse, ""},
-               {notDetermined, "AWA", "A", authorizedWhenInUse, ""},
-               {notDetermined, "WAA", "W", authorizedWhenInUse, "A"},
-               {authorizedWhenInUse, "AA", "", authorizedWhenInUse, ""},  // the upgrade is asked for once
-               {notDetermined, "WA", "W", authorizedWhenInUse, ""}};
-  for (const auto& wanted : cases) {
-    SCOPED_TRACE(concat(static_cast<std::int64_t>(wanted.status), wanted.requests));
-    process.service().setAuthorizationStatus(wanted.status);
-    EXPECT_EQ(request(wanted.requests), wanted.asked);
-    process.service().setAuthorizationStatus(wanted.answer);
-    EXPECT_EQ(request(""), wanted.then);
+  using Status = CLAuthorizationStatus;
+  const std::tuple<Status, const char*, const char*, Status, const char*> cases[] = {
+      {authorizedAlways, "WAA", "", authorizedAlways, ""},
+      {denied, "WAA", "", denied, ""},
+      {restricted, "WAA", "", restricted, ""},
+      {notDetermined, "WWA", "W", authorizedAlways, ""},
+      {notDetermined, "WA", "W", denied, ""},
+      {notDetermined, "WA", "W", notDetermined, ""},  // put off: the next request asks again
+      {notDetermined, "WAW", "W", authorizedWhenInUse, ""},
+      {notDetermined, "AWA", "A", authorizedWhenInUse, ""},
+      {notDetermined, "WAA", "W", authorizedWhenInUse, "A"},
+      {authorizedWhenInUse, "AA", "", authorizedWhenInUse, ""},  // the upgrade is asked for once
+      {notDetermined, "WA", "W", authorizedWhenInUse, ""}};
+  for (const auto& [status, requests, expected, answer, then] : cases) {
+    SCOPED_TRACE(concat(static_cast<std::int64_t>(status), requests));
+    service().setAuthorizationStatus(status);
+    EXPECT_EQ(request(requests), expected);
+    service().setAuthorizationStatus(answer);
+    EXPECT_EQ(request(""), then);
   }
-  process.service().setAuthorizationStatus(notDetermined);
+  service().setAuthorizationStatus(notDetermined);
   manager.requestAlwaysAuthorization();
-  process.service().setAuthorizationStatus(authorizedAlways);
+  service().setAuthorizationStatus(authorizedAlways);
   EXPECT_EQ(request(""), "") << "answered before it was asked";
 }
 
-TEST(LocationService, SwitchesItsSourceOnOnlyWhileSomebodyNeedsFixes) {
+TEST_F(LocationServiceOfAProcess, SwitchesItsSourceOnOnlyWhileSomebodyNeedsFixes) {
   struct DiarySource final : LocationSource {
     void start(double metres) override { lines += concat("start ", metres, "; "); }
     void stop() override { lines += "stop; "; }
@@ -192,37 +159,25 @@ TEST(LocationService, SwitchesItsSourceOnOnlyWhileSomebodyNeedsFixes) {
   CLLocationManager precise, coarse;
   precise.setDesiredAccuracy(kCLLocationAccuracyNearestTenMeters);
   coarse.setDesiredAccuracy(kCLLocationAccuracyHundredMeters);
-  LocationService::shared().setSource(source);
+  service().setSource(source);
   EXPECT_EQ(read(), "");
   coarse.startUpdatingLocation();
   EXPECT_EQ(read(), "start 100; ");
   precise.requestLocation();
   EXPECT_EQ(read(), "start 10; ");
-  CLLocation fix;
-  fix.horizontalAccuracy = 5;
-  LocationService::shared().deliver({fix});
+  deliver(0);
   EXPECT_EQ(read(), "start 100; ") << "the request is answered";
-  LocationService::shared().setAuthorizationStatus(CLAuthorizationStatus::denied);
+  service().setAuthorizationStatus(denied);
   EXPECT_EQ(read(), "stop; ");
-  LocationService::shared().setAuthorizationStatus(CLAuthorizationStatus::authorizedAlways);
+  service().setAuthorizationStatus(authorizedAlways);
   EXPECT_EQ(read(), "start 100; ");
   coarse.stopUpdatingLocation();
   EXPECT_EQ(read(), "stop; ");
 }
 
-TEST(LocationManager, AnswersARequestWithOneFixOrAnErrorAfterTenSeconds) {
-  Process process;
-  DiaryDelegate delegate;
-  CLLocationManager manager;
-  manager.setDelegate(&delegate);
+TEST_F(LocationManager, AnswersARequestWithOneFixOrAnErrorAfterTenSeconds) {
   manager.setDesiredAccuracy(kCLLocationAccuracyNearestTenMeters);
-  EXPECT_EQ(delegate.read(), Diary{"status 3"});
-  const struct {
-    const char* what;
-    std::vector<CLLocation> fixes;
-    const char* then;
-    Diary atOnce, later;
-  } cases[] = {
+  const std::tuple<const char*, std::vector<CLLocation>, std::string, Diary, Diary> cases[] = {
       {"good enough", {fixAt(1), fixAt(2), fixAt(3, 11)}, "", {"fixes 2"}, {}},
       {"worse", {fixAt(4, 50), fixAt(5, 40)}, "", {}, {"fixes 5"}},
       {"invalid", {fixAt(6, -1)}, "", {}, {"kCLErrorDomain 0"}},
@@ -232,50 +187,45 @@ TEST(LocationManager, AnswersARequestWithOneFixOrAnErrorAfterTenSeconds) {
   };
   for (const auto& [what, fixes, then, atOnce, later] : cases) {
     SCOPED_TRACE(what);
-    process.service().deliver({fixAt(99)});  // known before: no answer
+    deliver(99);  // known before: no answer
     manager.requestLocation();
-    process.service().deliver(fixes);
+    service().deliver(fixes);
     EXPECT_EQ(delegate.read(), atOnce);
-    if (std::string_view(then) == "stop") manager.stopUpdatingLocation();
-    if (std::string_view(then) == "start") manager.startUpdatingLocation();
-    process.clock->advance(Seconds(9.9));
+    if (then == "stop") manager.stopUpdatingLocation();
+    if (then == "start") manager.startUpdatingLocation();
+    clock->advance(Seconds(9.9));
     EXPECT_EQ(delegate.read(), Diary{});
-    process.clock->advance(Seconds(0.2));
+    clock->advance(Seconds(0.2));
     EXPECT_EQ(delegate.read(), later);
   }
 }
 
-TEST(LocationManager, StopsFromItsCallbackWhileAnotherThreadStopsToo) {
-  Process process;
-  DiaryDelegate delegate;
-  CLLocationManager manager;
-  manager.setDelegate(&delegate);
+TEST_F(LocationManager, StopsFromItsCallbackWhileAnotherThreadStopsToo) {
   delegate.onUpdate = [&] {
     // The other thread must get through while this delivery is under way.
     std::thread([&] {
       manager.stopUpdatingLocation();
       manager.startMonitoring({"a", {0, 0}, 100});
       manager.requestLocation();
-      process.service().setAuthorizationStatus(denied);
+      service().setAuthorizationStatus(denied);
     }).join();
     manager.stopUpdatingLocation();
     EXPECT_EQ(manager.monitoredRegions().size(), 1u);
   };
   manager.startUpdatingLocation();
-  process.service().deliver({fixAt(1)});
-  process.service().deliver({fixAt(2)});
-  EXPECT_EQ(delegate.read(), (Diary{"status 3", "fixes 1", "watching a", "status 2"}));
+  deliver(1);
+  deliver(2);
+  EXPECT_EQ(delegate.read(), (Diary{"fixes 1", "watching a", "status 2"}));
 }
 
-TEST(LocationManager, CanGoInsideACallbackAndOnAnotherThread) {
-  Process process;
+TEST_F(LocationManager, CanGoInsideACallbackAndOnAnotherThread) {
   DiaryDelegate own;
-  auto manager = std::make_unique<CLLocationManager>();
-  manager->setDelegate(&own);
-  manager->startUpdatingLocation();
-  own.onUpdate = [&] { manager.reset(); };
-  process.service().deliver({fixAt(1)});
-  process.service().deliver({fixAt(2)});
+  auto going = std::make_unique<CLLocationManager>();
+  going->setDelegate(&own);
+  going->startUpdatingLocation();
+  own.onUpdate = [&] { going.reset(); };
+  deliver(1);
+  deliver(2);
   EXPECT_EQ(own.read(), (Diary{"status 3", "fixes 1"}));
 
   DiaryDelegate others;
@@ -287,85 +237,60 @@ TEST(LocationManager, CanGoInsideACallbackAndOnAnotherThread) {
       brief.requestLocation();
     }
   });
-  for (int place = 0; place < 50; ++place) process.service().deliver({fixAt(place)});
+  for (int place = 0; place < 50; ++place) deliver(place);
   coming.join();
   others.read();
-  process.service().deliver({fixAt(1)});
+  deliver(1);
   EXPECT_EQ(others.read(), Diary{});
 }
 
-TEST(LocationService, TellsRegionCrossingsAfterTwentySecondsPastTheBorder) {
-  Process process;
-  DiaryDelegate delegate;
-  CLLocationManager manager;
-  manager.setDelegate(&delegate);
-  process.service().deliver({fixAt(0)});
+TEST_F(LocationServiceOfAProcess, TellsRegionCrossingsAfterTwentySecondsPastTheBorder) {
+  deliver(0);
   manager.startMonitoring({"home", {0, 0}, 100});  // 100 m are 898 millionths; the border adds 180
   manager.startMonitoring({"away", {0, 0.01}, 100});
-  EXPECT_EQ(delegate.read(), (Diary{"status 3", "watching home", "watching away"}));
-  const struct {
-    double secondsLater;
-    int place;
-    Diary told;
-  } steps[] = {
-      {1, 1070, {}},          {30, 1070, {}},                           // too near the border
-      {1, 1090, {}},          {19, 1090, {}}, {1, 1090, {"out home"}},  // 20 s outside
-      {1, 700, {}},           {10, 800, {}},  {10, 700, {}},            // the stay inside begins anew
-      {20, 700, {"in home"}}, {1, 10000, {}}, {25, 10000, {"out home", "in away"}},
-  };
-  for (const auto& [later, place, told] : steps) {
-    SCOPED_TRACE(place);
-    process.clock->advance(Seconds(later));
-    process.service().deliver({fixAt(place)});
-    EXPECT_EQ(delegate.read(), told);
-  }
+  EXPECT_EQ(delegate.read(), (Diary{"watching home", "watching away"}));
+  expect({{1, 1070, {}}, {30, 1070, {}}});                                       // too near the border
+  expect({{1, 1090, {}}, {19, 1090, {}}, {1, 1090, {"out home"}}});              // 20 s outside
+  expect({{1, 700, {}}, {10, 800, {}}, {10, 700, {}}, {20, 700, {"in home"}}});  // the stay inside began anew
+  expect({{1, 10000, {}}, {25, 10000, {"out home", "in away"}}});
 }
 
-TEST(LocationService, TellsNoCrossingOfARegionThatTheDelegateHasJustDropped) {
+TEST_F(LocationServiceOfAProcess, TellsNoCrossingOfARegionThatTheDelegateHasJustDropped) {
   struct Dropping final : DiaryDelegate {
     void didExitRegion(CLLocationManager& manager, const CLCircularRegion& region) override {
       DiaryDelegate::didExitRegion(manager, region);
       for (const auto& watched : manager.monitoredRegions()) manager.stopMonitoring(watched);
     }
   };
-  Process process;
-  Dropping delegate;
-  CLLocationManager manager;
-  manager.setDelegate(&delegate);
-  process.service().deliver({fixAt(0)});
+  Dropping dropping;
+  manager.setDelegate(&dropping);
+  deliver(0);
   for (const double radius : {100, 200, 300}) manager.startMonitoring({concat(radius), {0, 0}, radius});
   for (int moment = 0; moment < 2; ++moment) {
-    delegate.read();
-    process.clock->advance(Seconds(25));
-    process.service().deliver({fixAt(50000)});
+    dropping.read();
+    clock->advance(Seconds(25));
+    deliver(50000);
   }
-  EXPECT_EQ(delegate.read(), Diary{"out 100"}) << "one jump out of a whole ring ends it once";
+  EXPECT_EQ(dropping.read(), Diary{"out 100"}) << "one jump out of a whole ring ends it once";
 }
 
-TEST(LocationService, WatchesAtMostTwentyRegionsOfTheWholeProcess) {
-  Process process;
-  DiaryDelegate delegate;
-  CLLocationManager manager, other;
-  for (int i = 0; i < 20; ++i) manager.startMonitoring({concat("r", i), {0, 0}, 100});
-  other.setDelegate(&delegate);
-  other.startMonitoring({"extra", {0, 0}, 100});
-  other.startMonitoring({"r7", {1, 1}, 50});
-  EXPECT_EQ(delegate.read(), (Diary{"status 3", "not watching extra 5", "watching r7"}));
-  const auto regions = manager.monitoredRegions();
+TEST_F(LocationServiceOfAProcess, WatchesAtMostTwentyRegionsOfTheWholeProcess) {
+  CLLocationManager other;
+  for (int i = 0; i < 20; ++i) other.startMonitoring({concat("r", i), {0, 0}, 100});
+  manager.startMonitoring({"extra", {0, 0}, 100});
+  manager.startMonitoring({"r7", {1, 1}, 50});
+  EXPECT_EQ(delegate.read(), (Diary{"not watching extra 5", "watching r7"}));
+  const auto regions = other.monitoredRegions();
   ASSERT_EQ(regions.size(), 20u);
   EXPECT_EQ(regions[7].description(),
             "CLCircularRegion (identifier:'r7', center:<+1.00000000,+1.00000000>, radius:50.00m)");
-  for (const auto& region : regions) other.stopMonitoring(region);
-  EXPECT_TRUE(manager.monitoredRegions().empty());
+  for (const auto& region : regions) manager.stopMonitoring(region);
+  EXPECT_TRUE(other.monitoredRegions().empty());
 }
 
-TEST(LocationService, WatchesNoRegionWithoutAPossibleRadius) {
-  Process process;
-  DiaryDelegate delegate;
-  CLLocationManager manager;
-  manager.setDelegate(&delegate);
+TEST_F(LocationServiceOfAProcess, WatchesNoRegionWithoutAPossibleRadius) {
   manager.startMonitoring({"home", {0, 0}, 100});
-  EXPECT_EQ(delegate.read(), (Diary{"status 3", "watching home"}));
+  EXPECT_EQ(delegate.read(), Diary{"watching home"});
   const double infinity = std::numeric_limits<double>::infinity();
   for (const double radius : {-0.001, -infinity, infinity, std::nan(""), 1'000'000.5})
     manager.startMonitoring({"home", {1, 1}, radius});
@@ -391,26 +316,18 @@ class SetClock final : public Clock {
   const std::shared_ptr<Clock> running_;
 };
 
-TEST(LocationService, GoesOnTellingWhileTheWallClockIsSetBackAndForth) {
-  Process process;
-  const auto wall = std::make_shared<SetClock>(process.clock);
+TEST_F(LocationServiceOfAProcess, GoesOnTellingWhileTheWallClockIsSetBackAndForth) {
+  const auto wall = std::make_shared<SetClock>(clock);
   Clock::install(wall);
-  DiaryDelegate delegate;
-  CLLocationManager manager;
-  manager.setDelegate(&delegate);
-  process.service().deliver({fixAt(0)});
-  EXPECT_EQ(delegate.read(), Diary{"status 3"});
+  deliver(0);
+  EXPECT_EQ(delegate.read(), Diary{});
   manager.startMonitoring({"home", {0, 0}, 100});
   manager.startMonitoringSignificantLocationChanges();
   manager.requestLocation();
   EXPECT_EQ(delegate.read(), (Diary{"watching home", "fixes 0"}));
-  const struct {
-    double offset, secondsLater;
-    int place;  ///< none: 0
-    Diary told;
-  } steps[] = {
-      {7200, 9, 0, {}},
-      {3600, 1, 0, {"kCLErrorDomain 0"}},  // the request ends after ten seconds
+  const std::tuple<double, double, std::optional<int>, Diary> steps[] = {
+      {7200, 9, {}, {}},
+      {3600, 1, {}, {"kCLErrorDomain 0"}},  // the request ends after ten seconds
       {3600, 90, 50000, {}},
       {86400, 19, 50000, {}},
       {-3600, 1, 50000, {"out home"}},
@@ -420,38 +337,22 @@ TEST(LocationService, GoesOnTellingWhileTheWallClockIsSetBackAndForth) {
   for (const auto& [offset, later, place, told] : steps) {
     SCOPED_TRACE(offset);
     wall->offset = offset;
-    process.clock->advance(Seconds(later));
-    if (place != 0) process.service().deliver({fixAt(place)});
+    clock->advance(Seconds(later));
+    if (place) deliver(*place);
     EXPECT_EQ(delegate.read(), told);
   }
 }
 
-TEST(LocationService, TellsSignificantChangesEveryFiveMinutesAtMost) {
-  Process process;
-  DiaryDelegate delegate;
-  CLLocationManager manager;
-  manager.setDelegate(&delegate);
-  process.service().deliver({fixAt(7)});
-  EXPECT_EQ(delegate.read(), Diary{"status 3"});
+TEST_F(LocationServiceOfAProcess, TellsSignificantChangesEveryFiveMinutesAtMost) {
+  deliver(7);
   manager.startMonitoringSignificantLocationChanges();
   EXPECT_EQ(delegate.read(), Diary{"fixes 7"});
-  const struct {
-    double secondsLater;
-    int place;
-    Diary told;
-  } steps[] = {
-      {299, 9000, {}}, {1, 4490, {}}, {0, 4510, {"fixes 4510"}}, {299, 20000, {}}, {1, 20000, {"fixes 20000"}}};
-  for (const auto& [later, place, told] : steps) {
-    SCOPED_TRACE(place);
-    process.clock->advance(Seconds(later));
-    process.service().deliver({fixAt(place)});
-    EXPECT_EQ(delegate.read(), told);
-  }
+  expect({{299, 9000, {}}, {1, 4490, {}}, {0, 4510, {"fixes 4510"}}, {299, 20000, {}}, {1, 20000, {"fixes 20000"}}});
   manager.startMonitoringSignificantLocationChanges();
   EXPECT_EQ(delegate.read(), Diary{});
-  process.service().setAuthorizationStatus(authorizedWhenInUse);
-  process.clock->advance(Seconds(300));
-  process.service().deliver({fixAt(40000)});
+  service().setAuthorizationStatus(authorizedWhenInUse);
+  clock->advance(Seconds(300));
+  deliver(40000);
   EXPECT_EQ(delegate.read(), Diary{"status 4"});
 }
 
@@ -470,21 +371,21 @@ TEST(Location, PrintsItselfAndMeasuresAlongTheGeodesic) {
 }
 
 TEST(Location, RoundsDecimalsAsTheNumberStandsInMemory) {
-  const struct {
-    Fixed number;
-    const char* text;
-  } cases[] = {{{0.125, 2}, "0.12"},
-               {{0.375, 2}, "0.38"},
-               {{2.675, 2}, "2.67"},
-               {{-0.001, 2, true}, "-0.00"},
-               {{0, 2, true}, "+0.00"},
-               {{999999.999, 2}, "1000000.00"},
-               {{179.999999996, 8}, "180.00000000"},
-               {{-1, 2}, "-1.00"},
-               {{1e9 + 0.5, 0}, "1000000000"},
-               {{1e22, 2}, "10000000000000000000000.00"},
-               {{std::nan(""), 2, true}, "+nan"}};
-  for (const auto& [number, text] : cases) EXPECT_EQ(concat(number), text);
+  std::string text;
+  for (const Fixed& number : {Fixed{0.125, 2},
+                              {0.375, 2},
+                              {2.675, 2},
+                              {-1, 2},
+                              {-0.001, 2, true},
+                              {0, 2, true},
+                              {999999.999, 2},
+                              {179.999999996, 8},
+                              {1e9 + 0.5, 0},
+                              {1e22, 2},
+                              {std::nan(""), 2, true}})
+    text += concat(number, " ");
+  EXPECT_EQ(text,
+            "0.12 0.38 2.67 -1.00 -0.00 +0.00 1000000.00 180.00000000 1000000000 10000000000000000000000.00 +nan ");
 }
 
 }  // namespace

@@ -1,46 +1,38 @@
 #include <signal.h>
 #include <sqlite3.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "persistence/FaultyDisk.h"
 #include "persistence/TestStore.h"
-#include "support/TempDir.h"
+#include "platform/foundation/Text.h"
+#include "support/FreshProcess.h"
 
 namespace tarvo::platform {
 namespace {
 
-std::string integrityOf(const std::filesystem::path& file) {
-  sqlite3* database = nullptr;
-  sqlite3_stmt* check = nullptr;
-  std::string text = "not run";
-  sqlite3_open(file.c_str(), &database);
-  sqlite3_prepare_v2(database, "PRAGMA integrity_check", -1, &check, nullptr);
-  if (sqlite3_step(check) == SQLITE_ROW) text.assign(static_cast<const char*>(sqlite3_column_blob(check, 0)));
-  sqlite3_finalize(check);
-  sqlite3_close(database);
-  return text;
+std::string integrityOf(const std::filesystem::path& file) { return runSql(file, "PRAGMA integrity_check"); }
+
+void expectTheMixture(TestStore& store) {
+  EXPECT_EQ(store.count(), 4U);
+  EXPECT_EQ(store.indexes({"Locations", {}, {{"index", true}}}), "0 1 3 4 ");
+  EXPECT_EQ(store.indexes(unsentRequest()), "1 3 4 ");
+  EXPECT_EQ(store.indexes({"Locations", {{"altitude", Op::equal, 12.5}}}), "1 ");
 }
 
 /// Saves a mixture of everything on a disk that fails as `fault` says, then heals it.
 /// Answers whether the first save went through.
 bool surviveFault(const std::function<void()>& fault) {
-  test::TempDir dir;
-  TestStore store(dir.path() / "a.sqlite");
+  TestStore store;
   bool savedAtOnce = false;
   store.run([&] {
     std::vector<std::shared_ptr<NSManagedObject>> rows;
     for (int i = 0; i < 4; ++i) rows.push_back(store.add(i));
-    EXPECT_FALSE(store.context->save());
-    EXPECT_EQ(store.count(), 4U);
-
+    store.save();
     rows[0]->setBoolean(store.at("unsent"), false);
     rows[1]->setNumber(store.at("altitude"), 12.5);
     store.context->deleteObject(rows[2]);
     auto unsaved = store.add(4);
     unsaved->setString(store.at("appName"), std::string(20000, 'x'));  // pages enough to fail in their midst
     const NSManagedObjectID early = unsaved->objectID();
-    const std::string unsent = "1 3 4 ";
 
     fault();
     const auto error = store.context->save();
@@ -49,89 +41,63 @@ bool surviveFault(const std::function<void()>& fault) {
       EXPECT_GT(FaultyDisk::failures(), 0);
       EXPECT_EQ(error->code, 134030) << error->description();
       EXPECT_TRUE(find(error->userInfo, "NSSQLiteErrorDomain"));
-      EXPECT_TRUE(store.context->hasChanges());
-      EXPECT_TRUE(unsaved->objectID().isTemporary());
+      EXPECT_TRUE(store.context->hasChanges() && unsaved->objectID().isTemporary());
     }
-    EXPECT_EQ(store.count(), 4U);
-    EXPECT_EQ(store.indexes(unsentRequest()), unsent);
+    expectTheMixture(store);
     FaultyDisk::heal();
-    const auto second = store.context->save();
-    EXPECT_FALSE(second) << second->description();
-    EXPECT_FALSE(store.context->hasChanges());
-    EXPECT_EQ(store.count(), 4U);
-    EXPECT_EQ(store.indexes(unsentRequest()), unsent);
+    store.save();
+    EXPECT_FALSE(store.context->hasChanges() || unsaved->objectID().isTemporary());
+    expectTheMixture(store);
     EXPECT_EQ(store.context->existingObject(early).value(), unsaved);
-    EXPECT_FALSE(unsaved->objectID().isTemporary());
     EXPECT_FALSE(store.context->existingObject(rows[2]->objectID()));
   });
   TestStore again(store.file);
-  again.run([&] {
-    EXPECT_EQ(again.count(), 4U);
-    EXPECT_EQ(again.indexes({"Locations", {}, {{"index", true}}}), "0 1 3 4 ");
-    EXPECT_EQ(again.indexes(unsentRequest()), "1 3 4 ");
-    EXPECT_EQ(again.indexes({"Locations", {{"altitude", Op::equal, 12.5}}}), "1 ");
-  });
+  again.run([&] { expectTheMixture(again); });
   EXPECT_EQ(integrityOf(store.file), "ok");
   return savedAtOnce;
 }
 
-TEST(Save, KeepsEverythingPendingWhicheverDiskCallFails) {
+TEST(Save, KeepsEverythingPendingWhicheverDiskCallFailsAndWhereverTheDiskGetsFull) {
   FaultyDisk::install();
-  int failed = 0;
-  for (bool saved = false; !saved; ++failed) {
-    ASSERT_LT(failed, 200);
-    SCOPED_TRACE(failed);
-    saved = surviveFault([&] { FaultyDisk::failAfterCalls(failed); });
+  const std::pair<void (*)(std::int64_t), std::int64_t> faults[] = {{FaultyDisk::failAfterCalls, 1},
+                                                                    {FaultyDisk::failAfterBytes, 3001}};
+  for (const auto& [failAfter, step] : faults) {
+    int failed = 0;
+    for (bool saved = false; !saved; ++failed) {
+      ASSERT_LT(failed, 200);
+      SCOPED_TRACE(failed * step);
+      saved = surviveFault([&] { failAfter(failed * step); });
+    }
+    EXPECT_GT(failed, 10);
   }
-  EXPECT_GT(failed, 10);
-}
-
-TEST(Save, KeepsEverythingPendingWhereverTheDiskGetsFull) {
-  FaultyDisk::install();
-  int failed = 0;
-  std::int64_t bytes = 0;
-  for (bool saved = false; !saved; bytes += 3001, ++failed) {
-    ASSERT_LT(failed, 200);
-    SCOPED_TRACE(bytes);
-    saved = surviveFault([&] { FaultyDisk::failAfterBytes(bytes); });
-  }
-  EXPECT_GT(failed, 10);
 }
 
 /// Rows that the statements of later connections have inserted, changed or deleted, whatever became of it.
 int rowsTouched = 0;
 
+int countTouchedRows(sqlite3* database, char**, const void*) {
+  sqlite3_update_hook(
+      database, [](void*, int, const char*, const char*, sqlite3_int64) { ++rowsTouched; }, nullptr);
+  return SQLITE_OK;
+}
+
 TEST(Save, CostsTheSameOnAFullDiskWhateverIsPendingAndWritesAllOfItOnceThereIsRoom) {
   FaultyDisk::install();
-  const auto watch = [](sqlite3* database, char**, const void*) {
-    sqlite3_update_hook(
-        database, [](void*, int, const char*, const char*, sqlite3_int64) { ++rowsTouched; }, nullptr);
-    return SQLITE_OK;
-  };
-  sqlite3_auto_extension(reinterpret_cast<void (*)()>(+watch));
-  test::TempDir dir;
-  TestStore store(dir.path() / "a.sqlite");
+  sqlite3_auto_extension(reinterpret_cast<void (*)()>(countTouchedRows));
+  TestStore store;
   int next = 0;
-  const auto fillAndCount = [&](int pending) {
-    for (; next < pending; ++next) store.add(next);
-    EXPECT_TRUE(store.context->save());  // the first failure may take them all
-    int most = 0;
-    for (int fix = 0; fix < 3; ++fix) {
-      store.add(next++);
-      rowsTouched = 0;
-      const auto error = store.context->save();
-      EXPECT_EQ(error ? error->code : 0, 134030) << "each save tells";
-      most = std::max(most, rowsTouched);
-    }
-    return most;
-  };
   store.run([&] {
     FaultyDisk::failAfterBytes(0);
-    const int few = fillAndCount(10);
-    const int many = fillAndCount(3000);
-    EXPECT_EQ(few, many);
-    EXPECT_LE(many, 2);
-
+    for (const int pending : {10, 3000}) {
+      while (next < pending) store.add(next++);
+      EXPECT_TRUE(store.context->save());  // the first failure may take them all
+      for (int fix = 0; fix < 3; ++fix) {
+        store.add(next++);
+        rowsTouched = 0;
+        EXPECT_EQ(store.context->save().value_or(Error{}).code, 134030) << "each save tells";
+        EXPECT_LE(rowsTouched, 2) << pending;
+      }
+    }
     // Room for a part: no more is tried in vain than was written, and what was written counts.
     FaultyDisk::failAfterBytes(300000);
     rowsTouched = 0;
@@ -148,33 +114,21 @@ TEST(Save, CostsTheSameOnAFullDiskWhateverIsPendingAndWritesAllOfItOnceThereIsRo
     store.add(next++);
     EXPECT_FALSE(store.context->saveAfterFailure());
     EXPECT_TRUE(store.context->hasChanges()) << "the last save did not fail";
-    EXPECT_FALSE(store.context->save());
+    store.save();
   });
-  TestStore again(store.file);
-  again.run([&] {
-    int index = 0;
-    for (const auto& row : again.fetch({"Locations", {}, {{"index", true}}})) {
-      EXPECT_EQ(row->integer(again.at("index")), index);
-      ++index;
-    }
-    EXPECT_EQ(index, next);
-    EXPECT_EQ(again.count(unsentRequest(0)), static_cast<std::size_t>(next - 1));
-  });
+  const char* sum = "SELECT count(*) || ' ' || count(DISTINCT \"index\") || ' ' || sum(unsent) FROM Locations";
+  EXPECT_EQ(runSql(store.file, sum), concat(next, " ", next, " ", next - 1));
   EXPECT_EQ(integrityOf(store.file), "ok");
 }
 
 TEST(Save, LeavesAStoreThatCanBeCreatedLaterWhenCreationFails) {
   FaultyDisk::install();
-  bool opened = false;
   int failed = 0;
-  for (; !opened; ++failed) {
+  for (bool opened = false; !opened; ++failed) {
     ASSERT_LT(failed, 200);
     test::TempDir dir;
     FaultyDisk::failAfterCalls(failed);
-    {
-      TestStore store(dir.path() / "a.sqlite");
-      opened = !store.failure;
-    }
+    opened = !TestStore(dir.path() / "a.sqlite").failure;
     FaultyDisk::heal();
     TestStore again(dir.path() / "a.sqlite");
     ASSERT_FALSE(again.failure) << failed << ": " << again.failure->description();
@@ -186,22 +140,19 @@ TEST(Save, SurvivesAKillRightAfterIt) {
   test::TempDir dir;
   const auto file = dir.path() / "a.sqlite";
   const Date moment = dateSince1970(1489561200.1234567);
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
+  const int end = test::inFreshProcess([&] {
     TestStore store(file);
     store.run([&] {
       for (int i = 0; i < 3; ++i) {
         store.add(i)->setDate(store.at("eventTimestamp"), moment);
-        if (store.context->save()) ::_exit(1);
+        store.save();
       }
       store.add(3);
       ::raise(SIGKILL);
     });
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFSIGNALED(status));
+    return 1;
+  });
+  ASSERT_EQ(end, -SIGKILL);
   TestStore store(file);
   store.run([&] {
     EXPECT_EQ(store.count(), 3U);
@@ -209,24 +160,8 @@ TEST(Save, SurvivesAKillRightAfterIt) {
   });
 }
 
-TEST(Save, FailsWithoutAStoreAndKeepsTheChanges) {
-  test::TempDir dir;
-  TestStore store(dir.path());
-  ASSERT_FALSE(store.coordinator->hasStore());
-  EXPECT_FALSE(store.coordinator->checkpoint());
-  store.run([&] {
-    EXPECT_FALSE(store.context->save());
-    EXPECT_FALSE(store.context->fetch({"Locations"}));
-    EXPECT_FALSE(store.context->count({"Locations"}));
-    store.add(0);
-    EXPECT_EQ(store.context->save()->domain, NSCocoaErrorDomain);
-    EXPECT_TRUE(store.context->hasChanges());
-  });
-}
-
 TEST(Save, WritesToEachRowItsOwnChangesThoughNeighboursShareAStatement) {
-  test::TempDir dir;
-  TestStore store(dir.path() / "a.sqlite");
+  TestStore store;
   const auto printed = [](TestStore& from) {
     std::string text;
     for (const auto& row : from.fetch({"Locations", {}, {{"index", true}}}))
@@ -241,14 +176,14 @@ TEST(Save, WritesToEachRowItsOwnChangesThoughNeighboursShareAStatement) {
     std::vector<std::shared_ptr<NSManagedObject>> rows;
     for (int i = 0; i < 13; ++i) rows.push_back(store.add(i));
     rows[11]->setNumber(store.at("altitude"), 2);
-    ASSERT_FALSE(store.context->save());
+    store.save();
     for (const int i : {0, 1, 2, 4, 11}) rows[i]->setBoolean(store.at("unsent"), false);
     for (const int i : {0, 1, 2}) rows[i]->setBoolean(store.at("sentWithoutACK"), true);
     for (const int i : {5, 6, 7}) rows[i]->setNumber(store.at("altitude"), i == 7 ? 2 : 1);
     for (const int i : {8, 9, 10, 11}) rows[i]->setString(store.at("appName"), i == 10 ? "b" : "a");
     store.context->deleteObject(rows[12]);
     EXPECT_EQ(printed(store), expected);
-    ASSERT_FALSE(store.context->save());
+    store.save();
   });
   TestStore again(store.file);
   again.run([&] { EXPECT_EQ(printed(again), expected); });
@@ -256,46 +191,36 @@ TEST(Save, WritesToEachRowItsOwnChangesThoughNeighboursShareAStatement) {
 
 TEST(Save, InQueuedBlocksIsOneTransactionBeforeTheNextBlockThatIsWaitedFor) {
   FaultyDisk::install();
-  test::TempDir dir;
-  TestStore store(dir.path() / "a.sqlite");
-  std::vector<std::string> late;
-  store.context->setLateFailure([&](const Error& error) { late.push_back(std::to_string(error.code)); });
-  const auto onDisk = [&] {
-    sqlite3* database = nullptr;
-    sqlite3_stmt* count = nullptr;
-    sqlite3_open(store.file.c_str(), &database);
-    sqlite3_prepare_v2(database, "SELECT count(*) FROM Locations", -1, &count, nullptr);
-    const int rows = sqlite3_step(count) == SQLITE_ROW ? sqlite3_column_int(count, 0) : -1;
-    sqlite3_finalize(count);
-    sqlite3_close(database);
-    return rows;
-  };
+  TestStore store;
+  std::string late;
+  store.context->setLateFailure([&](const Error& error) { late += concat(error.code, " "); });
+  const auto onDisk = [&] { return runSql(store.file, "SELECT count(*) FROM Locations"); };
   const auto addAndSave = [&](int index) {
     store.add(index);
-    EXPECT_FALSE(store.context->save());
+    store.save();
   };
-  std::vector<int> seen;
+  std::string seen;
   store.run([&] {
     for (int i = 0; i < 3; ++i)
       store.context->perform([&, i] {
         addAndSave(i);
-        seen.push_back(onDisk());
+        seen += onDisk();
         if (i == 1) store.run([&] { addAndSave(10); });  // waited for: written at once, with what was put off
       });
   });
   store.run([&] {
-    EXPECT_EQ(seen, (std::vector<int>{0, 0, 3}));
-    EXPECT_EQ(onDisk(), 4) << "before anything that follows";
+    EXPECT_EQ(seen, "003");
+    EXPECT_EQ(onDisk(), "4") << "before anything that follows";
     FaultyDisk::failAfterCalls(0);
     store.context->perform([&] { addAndSave(20); });
   });
   store.run([&] {
-    EXPECT_EQ(late, std::vector<std::string>{"134030"});
+    EXPECT_EQ(late, "134030 ");
     EXPECT_TRUE(store.context->hasChanges()) << "all of it stays pending";
     EXPECT_EQ(store.count(), 5U);
     FaultyDisk::heal();
     addAndSave(21);
-    EXPECT_EQ(onDisk(), 6);
+    EXPECT_EQ(onDisk(), "6");
   });
 }
 

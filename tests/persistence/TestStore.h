@@ -11,6 +11,7 @@
 #include <string>
 
 #include "platform/persistence/NSManagedObjectContext.h"
+#include "support/TempDir.h"
 
 namespace tarvo::platform {
 
@@ -19,12 +20,18 @@ inline std::string fileText(const std::filesystem::path& file) {
   return {std::istreambuf_iterator<char>(in), {}};
 }
 
-/// As another program would.
-inline void runSql(const std::filesystem::path& file, const char* sql) {
+/// As another program would; answers the first value of the last row.
+inline std::string runSql(const std::filesystem::path& file, const char* sql) {
+  std::string value;
+  const auto keep = [](void* kept, int, char** values, char**) {
+    *static_cast<std::string*>(kept) = values[0] ? values[0] : "";
+    return 0;
+  };
   sqlite3* database = nullptr;
-  ASSERT_EQ(sqlite3_open(file.c_str(), &database), SQLITE_OK);
-  EXPECT_EQ(sqlite3_exec(database, sql, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(database);
+  EXPECT_EQ(sqlite3_open(file.c_str(), &database), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(database, sql, keep, &value, nullptr), SQLITE_OK) << sqlite3_errmsg(database);
   sqlite3_close(database);
+  return value;
 }
 
 /// The model that the library carries.
@@ -34,10 +41,11 @@ inline std::shared_ptr<NSManagedObjectModel> shippedModel() {
   return NSManagedObjectModel::load({"test", text});
 }
 
-/// A context over a store file; opening it again is a new one.
+/// A context over a store file, if none is named one of its own; opening it again is a new one.
 struct TestStore {
-  explicit TestStore(const std::filesystem::path& path, WriteRight::Patience patience = {})
-      : file(path), coordinator(std::make_shared<NSPersistentStoreCoordinator>(shippedModel(), patience)) {
+  explicit TestStore(const std::filesystem::path& path = {}, WriteRight::Patience patience = {})
+      : file(path.empty() ? folder.path() / "a.sqlite" : path),
+        coordinator(std::make_shared<NSPersistentStoreCoordinator>(shippedModel(), patience)) {
     failure = coordinator->addPersistentStore(NSSQLiteStoreType, "ConfigurationForLocationsAndUsers", file);
     context = std::make_unique<NSManagedObjectContext>(coordinator);
   }
@@ -73,6 +81,13 @@ struct TestStore {
 
   void run(const std::function<void()>& block) { context->performAndWait(block); }
 
+  /// Saves without an error.
+  void save() {
+    const auto error = context->save();
+    EXPECT_FALSE(error) << error->description();
+  }
+
+  test::TempDir folder;
   std::filesystem::path file;
   std::shared_ptr<NSPersistentStoreCoordinator> coordinator;
   std::optional<Error> failure;

@@ -16,7 +16,6 @@
 #include "platform/persistence/Store.h"
 #include "settings/Settings.h"
 #include "store/Attributes.h"
-#include "store/ObjectModel.h"
 #include "store/PastTrips.h"
 #include "store/PointOfInterest.h"
 #include "store/PositionSource.h"
@@ -38,6 +37,12 @@ class StoredPositions : public test::StoreTest {
   static Flags flags(const Locations& location) {
     const LocationRecord record = location.record();
     return {record.unsent.value(), record.sentWithoutACK.value()};
+  }
+  static void expectNoPosition(Context& context) {
+    EXPECT_EQ(Locations::getLastLocation(context), nullptr);
+    for (const auto& positions : {Locations::getAllLocations(context), Locations::getUnsentLocations(context),
+                                  Locations::getSentWithoutACKLocations(context)})
+      EXPECT_TRUE(positions.empty());
   }
   static std::vector<std::int64_t> range(std::int64_t from, std::int64_t count) {
     std::vector<std::int64_t> all(static_cast<std::size_t>(count));
@@ -87,8 +92,7 @@ TEST_F(StoredPositions, KeepTheWholeFixAndItsCircumstances) {
 
 TEST_F(StoredPositions, LeaveTheStoreForUploadInBatchesOfThousandByIndex) {
   within([&](Context& context) {
-    for (int i = 0; i < 1500; ++i) add(context);
-    ASSERT_FALSE(context.save());
+    addAndSave(context, 1500);
     EXPECT_EQ(indexes(Locations::getUnsentLocations(context)), range(0, 1000));
     auto newest = indexes(Locations::getAllLocations(context));
     std::reverse(newest.begin(), newest.end());
@@ -96,9 +100,6 @@ TEST_F(StoredPositions, LeaveTheStoreForUploadInBatchesOfThousandByIndex) {
 
     const auto oldest = Locations::getUnsentLocations(context);
     for (std::size_t i = 0; i < 10; ++i) Locations::markLocationAsSentWithoutACKWithID(oldest[i]->objectID(), context);
-    Locations::markLocationAsSentWithID(oldest[3]->objectID(), context);
-    EXPECT_EQ(flags(*oldest[2]), Flags(true, true));
-    EXPECT_EQ(flags(*oldest[3]), Flags(false, true));
     EXPECT_EQ(indexes(Locations::getUnsentLocations(context)), range(10, 1000));
     EXPECT_EQ(indexes(Locations::getSentWithoutACKLocations(context)), range(0, 10));
 
@@ -119,12 +120,7 @@ TEST_F(StoredPositions, LeaveTheStoreForUploadInBatchesOfThousandByIndex) {
 }
 
 TEST_F(StoredPositions, EmptyTableIsLoggedAsNil) {
-  within([&](Context& context) {
-    EXPECT_EQ(Locations::getLastLocation(context), nullptr);
-    EXPECT_TRUE(Locations::getAllLocations(context).empty());
-    EXPECT_TRUE(Locations::getUnsentLocations(context).empty());
-    EXPECT_TRUE(Locations::getSentWithoutACKLocations(context).empty());
-  });
+  within([&](Context& context) { expectNoPosition(context); });
   for (const char* line :
        {"Locations:getLastLocation [loc] [] mainThread:true", "getAllLocations lastindex = nil first = nil",
         "Locations:getUnsentLocations [loc] [0] mainThread:true",
@@ -145,9 +141,8 @@ TEST_F(StoredPositions, LastIsTheNewestByFixTimeAndHistoryGoesByStorageTime) {
     EXPECT_EQ(Locations::getLastLocation(context)->index(), 1);
     const auto history = [&](double from, double to) {
       std::vector<std::int64_t> found;
-      for (const auto& record :
-           Locations::getLocationHistory(context, start + Seconds(from), start + Seconds(to)).toVector())
-        found.push_back(record.index.value());
+      const auto records = Locations::getLocationHistory(context, start + Seconds(from), start + Seconds(to));
+      for (const auto& record : records.toVector()) found.push_back(record.index.value());
       return found;
     };
     EXPECT_EQ(history(0.25, 0.5), range(1, 2));
@@ -165,9 +160,8 @@ TEST_F(StoredPositions, LastIsTheNewestByFixTimeAndHistoryGoesByStorageTime) {
 }
 
 void rename(Context& context, const char* from, const char* to) {
-  platform::Execution(context.coordinator().store()->database(),
-                      platform::concat("ALTER TABLE ", from, " RENAME TO ", to))
-      .step();
+  auto& database = context.coordinator().store()->database();
+  platform::Execution(database, platform::concat("ALTER TABLE ", from, " RENAME TO ", to)).step();
 }
 
 TEST_F(StoredPositions, FirstOfAHistoryIsFoundWithoutSortingTheRest) {
@@ -210,8 +204,7 @@ TEST_F(StoredPositions, StayInTheStoreForAHistoryWhileOtherRecordsAreUnsaved) {
 
 TEST_F(StoredPositions, NeedNoFurtherReadingForAnUpload) {
   within([&](Context& context) {
-    add(context);
-    ASSERT_FALSE(context.save());
+    addAndSave(context, 1);
     const std::string whole = Locations::convertToString(Locations::getAllLocations(context), "u");
     const auto fetched = Locations::getUnsentLocations(context);
     rename(context, "Locations", "Hidden");
@@ -226,9 +219,7 @@ TEST_F(StoredPositions, NeedNoFurtherReadingForAnUpload) {
 TEST_F(StoredPositions, OfAHistoryThatCannotBeReadAreNone) {
   LocationsHistory history;
   within([&](Context& context) {
-    add(context, 48.5);
-    add(context, 48.6);
-    ASSERT_FALSE(context.save());
+    addAndSave(context, 2);
     history.locations = Locations::getLocationHistory(context, platform::distantPast(), platform::distantFuture());
     rename(context, "Locations", "Hidden");
     EXPECT_TRUE(history.locations.toVector().empty());
@@ -241,52 +232,28 @@ TEST_F(StoredPositions, OfAHistoryThatCannotBeReadAreNone) {
   });
 }
 
-TEST_F(StoredPositions, AreMarkedByIndexUnlessItIsSharedOrUnknown) {
-  within([&](Context& context) {
-    for (int i = 0; i < 3; ++i) add(context);
-    const auto all = Locations::getUnsentLocations(context);
-    all[0]->setInteger(at::index, 1);
-    Locations::markLocationAsSentWithIndex(1, context);
-    EXPECT_EQ(flags(*all[0]), Flags(true, false));
-    EXPECT_EQ(flags(*all[1]), Flags(true, false));
-    EXPECT_EQ(logged("Locations:markLocationAsSentWithIndex [loc] 2 locs with same index! mainThread:"), 1U);
-    Locations::markLocationAsSentWithoutACKWithID(all[2]->objectID(), context);
-    Locations::markLocationAsSentWithIndex(2, context);
-    EXPECT_EQ(flags(*all[2]), Flags(false, false));
-    GTEST_FLAG_SET(death_test_style, "threadsafe");  // a forked child would have no store
-    EXPECT_DEATH((platform::setSystemLogSink({}), Locations::markLocationAsSentWithIndex(7, context)),
-                 "no position has the index 7");
-  });
-}
-
-TEST_F(StoredPositions, MarksFindAnObjectByItsTemporaryIDAndReportOneThatHasGone) {
+TEST_F(StoredPositions, AreMarkedByTheirTemporaryIDUntilTheyHaveGone) {
   within([&](Context& context) {
     const auto location = add(context);
     const auto id = location->objectID();
     ASSERT_FALSE(context.save());
     Locations::markLocationAsSentWithoutACKWithID(id, context);
     EXPECT_EQ(flags(*location), Flags(true, true));
-    EXPECT_EQ(Locations::getLocationByID(id, context), location);
     Locations::removeData(context);
     ASSERT_FALSE(context.save());
     const auto later = add(context);  // must not be taken for the one that has gone
     ASSERT_FALSE(context.save());
     Locations::markLocationAsSentWithoutACKWithID(id, context);
-    Locations::markLocationAsSentWithID(id, context);
-    EXPECT_EQ(Locations::getLocationByID(id, context), nullptr);
+    EXPECT_EQ(flags(*later), Flags(true, false));
   });
-  for (const char* line : {"Locations:markLocationAsSentWithoutACKWithID Unresolved error Error Domain=",
-                           "Locations:markLocationAsSentWithID Unresolved error Error Domain=",
-                           "Locations:error:getLocationByID:Error Domain="})
-    EXPECT_EQ(logged(line), 1U) << line;
+  EXPECT_EQ(logged("Locations:markLocationAsSentWithoutACKWithID Unresolved error Error Domain="), 1U);
 }
 
 TEST_F(Acknowledgement, ClearsItsRangeFreesTheChannelAndStartsTheNextBatchBeforeTheSave) {
   UploadChannel& channel = Settings::shared().uploadChannel();
   channel.setLocked(true);
   within([&](Context& context) {
-    for (int i = 0; i < 12; ++i) add(context);
-    ASSERT_FALSE(context.save());
+    addAndSave(context, 12);
     // The flags do not matter, only the range: 9 was never posted.
     for (const auto& location : Locations::getUnsentLocations(context))
       if (location->index() != 9) location->setBoolean(at::sentWithoutACK, true);
@@ -320,10 +287,6 @@ TEST_F(UploadBody, HoldsFourteenTextsInAFixedOrder) {
     for (int i = 0; i < 3; ++i) add(context);
     auto all = Locations::getUnsentLocations(context);
     EXPECT_EQ(Locations::convertToString({all[0]}, "u-1"), "[" + first + "]");
-    auto object = platform::parseJson(first);
-    const auto single = Locations::convertLocationsToJSON(*all[0], "u-1");
-    EXPECT_EQ(platform::parseJson(single.value()).value(), object.value());
-
     all[1]->setNumber(at::speed, std::nullopt);
     all[1]->setNumber(at::horizontalAccuracy, std::nullopt);
     all[1]->setNumber(at::latitude, 0.0000125);
@@ -346,12 +309,8 @@ TEST_F(StoredPositions, EveryOperationOfAStoreThatDidNotOpenLogsItsErrorAndGives
     const Date now = clock->now();
     EXPECT_EQ(add(context), nullptr);
     EXPECT_TRUE(context.hasChanges());
-    EXPECT_EQ(Locations::getLastLocation(context), nullptr);
-    EXPECT_TRUE(Locations::getAllLocations(context).empty());
-    EXPECT_TRUE(Locations::getUnsentLocations(context).empty());
-    EXPECT_TRUE(Locations::getSentWithoutACKLocations(context).empty());
+    expectNoPosition(context);
     EXPECT_TRUE(Locations::getLocationHistory(context, now, now).empty());
-    Locations::markLocationAsSentWithIndex(1, context);
     Locations::markLocationAsSentUntilIndex("1", context, "0");
     Locations::removeData(context);
     PastTrips::removeTripIfExist(context, 1);
@@ -369,7 +328,6 @@ TEST_F(StoredPositions, EveryOperationOfAStoreThatDidNotOpenLogsItsErrorAndGives
       {"Unresolved error ", 4},
       {"Locations:getSentWithoutACKLocations Unresolved error ", 1},
       {"Locations:getLocationHistory Unresolved error ", 1},
-      {"Locations:markLocationAsSentWithIndex [loc] error:", 1},
       {"Locations:markLocationAsSentUntilIndex [loc] error:", 1},
       {" removeData Unresolved error ", 1},
       {"LastTrips removeTripIfExist Unresolved error ", 1},
@@ -402,18 +360,6 @@ TEST_F(StoredPositions, OfAProcessThatIsKeptOutTellOnceWhoWritesAndAreStoredAgai
     EXPECT_FALSE(context.hasChanges());
     EXPECT_EQ(Locations::getLastLocation(context)->index(), 3);
   });
-}
-
-TEST_F(StoredPositions, ModelInAnotherOrderThanTheClassesStopsTheProcess) {
-  registerModelResources();
-  const auto url = platform::Bundle::withIdentifier("org.tarvo.TarvoFramework")->url("Marrowgate-Tarvo-db", "momd");
-  std::string swapped(url->bytes);
-  const auto uuid = swapped.find("\"uuid\""), timestamp = swapped.find("\"timestamp\"");
-  ASSERT_NE(timestamp, std::string::npos);
-  swapped.replace(timestamp, 11, "\"uuid\"").replace(uuid, 6, "\"timestamp\"");
-  const auto model = platform::NSManagedObjectModel::load({"swapped", swapped});
-  ASSERT_NE(model, nullptr);
-  EXPECT_DEATH((platform::setSystemLogSink({}), setEntityClasses(*model)), "the class Users do not agree");
 }
 
 }  // namespace

@@ -72,6 +72,11 @@ class StoreTest : public ::testing::Test {
     return Locations::addLocation(fix, "walking", "sls", context, serviceAction);
   }
 
+  void addAndSave(platform::NSManagedObjectContext& context, int count) {
+    for (int i = 0; i < count; ++i) add(context);
+    EXPECT_FALSE(context.save());
+  }
+
   static std::vector<std::int64_t> indexes(const Locations::List& locations) {
     std::vector<std::int64_t> all;
     for (const auto& location : locations) all.push_back(location->index().value_or(-1));

@@ -1,0 +1,372 @@
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <optional>
+#include <tuple>
+
+#include "persistence/TestStore.h"
+#include "platform/foundation/FileLock.h"
+#include "platform/persistence/Store.h"
+#include "support/FreshProcess.h"
+
+namespace tarvo::platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST(ObjectModel, DescribesTheFourEntitiesInTheOrderOfTheirAttributes) {
+  const auto model = shippedModel();
+  ASSERT_TRUE(model);
+  const auto members = model->configuration("ConfigurationForLocationsAndUsers");
+  ASSERT_TRUE(members);
+  std::string shape;
+  for (const auto* entity : *members) {
+    shape += entity->name + ":";
+    for (const auto& attribute : entity->attributes)
+      shape += " " + attribute.name + "/" + "sidbt"[static_cast<std::size_t>(attribute.type)];
+    shape += "\n";
+  }
+  EXPECT_EQ(shape,
+            "Locations: altitude/d appAction/s appName/s course/d floor/i horizontalAccuracy/d latitude/d longitude/d "
+            "serviceAction/s speed/d locationTimestamp/t eventTimestamp/t userAction/s identifierForVendor/s "
+            "verticalAccuracy/d sentWithoutACK/b unsent/b index/i localisationMethod/s\n"
+            "PastTrips: pasttrip_id/i departure_lat/d departure_lon/d arrival_lat/d arrival_lon/d start_time/t "
+            "arrival_time/t route/s\n"
+            "PointOfInterest: poi_id/i latitude/d longitude/d point_geo_json/s zone_geo_json/s\n"
+            "Users: uuid/s timestamp/s\n");
+  EXPECT_FALSE(model->configuration("Other"));
+}
+
+TEST(ObjectStoreFile, IsCreatedForItsOwnerAloneAndFoundAgain) {
+  test::TempDir dir;
+  for (const bool emptyBefore : {false, true}) {
+    const auto file = dir.path() / (emptyBefore ? "empty.sqlite" : "absent.sqlite");
+    if (emptyBefore) std::ofstream(file).flush();
+    std::string id;
+    for (int round = 0; round < 2; ++round) {
+      TestStore store(file);
+      ASSERT_FALSE(store.failure) << store.failure->description();
+      store.run([&] {
+        if (round == 0) store.add(0);
+        store.save();
+        const auto found = store.fetch().at(0)->objectID().description();
+        if (round == 0) id = found;
+        EXPECT_EQ(found, id);
+      });
+      for (const char* side : {"", "-wal", "-shm"})
+        EXPECT_EQ(fs::status(file.string() + side).permissions(), fs::perms::owner_read | fs::perms::owner_write)
+            << side;
+    }
+  }
+}
+
+TEST(ObjectStoreFile, IsRefusedAndLeftUntouchedWhenItIsNotAStoreOfTheModel) {
+  test::TempDir dir;
+  const auto good = dir.path() / "good.sqlite";
+  { TestStore store(good); }
+  const std::string text = fileText(good);
+  const auto holds = [](std::string bytes) { return [=](const fs::path& file) { std::ofstream(file) << bytes; }; };
+  const auto runs = [](const char* sql) { return [=](const fs::path& file) { runSql(file, sql); }; };
+  const auto differs = [&](std::string sql) {
+    return [&good, sql = "PRAGMA journal_mode=DELETE; " + sql](const fs::path& file) {
+      fs::copy(good, file);
+      runSql(file, sql.c_str());
+    };
+  };
+  const std::tuple<const char*, std::function<void(const fs::path&)>, std::int64_t> cases[] = {
+      {"garbage", holds(std::string(5000, 'x')), 259},
+      {"one byte", holds("S"), 259},
+      {"cut header", holds(text.substr(0, 60)), 259},
+      {"foreign", runs("CREATE TABLE Locations (a)"), 134020},
+      {"foreign without tables", runs("PRAGMA application_id = 7; VACUUM"), 134020},
+      {"other model", differs("UPDATE _metadata SET value = 'x' WHERE name = 'modelHash'"), 134100},
+      {"lost index", differs("DROP INDEX Locations_unsent"), 134020},
+      {"garbage behind the header", holds(text.substr(0, 100) + std::string(text.size() - 100, 'x')), 134080},
+  };
+  for (const auto& [name, make, code] : cases) {
+    SCOPED_TRACE(name);
+    const auto file = dir.path() / name;
+    make(file);
+    const std::string before = fileText(file);
+    TestStore store(file);
+    ASSERT_TRUE(store.failure);
+    EXPECT_EQ(store.failure->domain, NSCocoaErrorDomain);
+    EXPECT_EQ(store.failure->code, code) << store.failure->description();
+    EXPECT_EQ(findString(store.failure->userInfo, "NSFilePath"), file.string());
+    EXPECT_FALSE(store.coordinator->hasStore());
+    EXPECT_TRUE(fileText(file) == before);
+  }
+}
+
+TEST(ObjectStoreFile, ThatCannotBeMadeGivesAnErrorAndKeepsChangesPending) {
+  test::TempDir dir;
+  fs::create_directory(dir.path() / "folder");
+  std::ofstream(dir.path() / "file").flush();
+  for (const fs::path name : {"folder", "missing/x.sqlite", "file/x.sqlite", "/proc/x.sqlite", "/dev/null"}) {
+    SCOPED_TRACE(name);
+    TestStore store(dir.path() / name);
+    ASSERT_TRUE(store.failure);
+    EXPECT_EQ(store.failure->code, 134080);
+    EXPECT_FALSE(store.coordinator->checkpoint());
+    store.run([&] {
+      store.save();
+      EXPECT_FALSE(store.context->fetch({"Locations"}));
+      EXPECT_FALSE(store.context->count({"Locations"}));
+      store.add(0);
+      EXPECT_EQ(store.context->save()->domain, NSCocoaErrorDomain);
+      EXPECT_TRUE(store.context->hasChanges());
+    });
+  }
+}
+
+TEST(ObjectStoreFile, HoldsEverythingAfterACheckpoint) {
+  TestStore store;
+  const fs::path log = store.file.string() + "-wal", copied = store.file.string() + "-copy";
+  store.run([&] {
+    store.add(0);
+    store.save();
+    ASSERT_GT(fs::file_size(log), 0U);
+    EXPECT_FALSE(store.coordinator->checkpoint());
+  });
+  EXPECT_EQ(fs::file_size(log), 0U);
+  fs::copy(store.file, copied);
+  TestStore copy(copied);
+  copy.run([&] { EXPECT_EQ(copy.count(), 1U); });
+}
+
+constexpr WriteRight::Patience kNone{std::chrono::seconds(0), std::chrono::seconds(0)};
+
+std::string textOf(const std::optional<Error>& error) { return error ? error->localizedDescription : "done"; }
+
+void save(TestStore& store, int index) {
+  store.run([&] {
+    store.add(index);
+    EXPECT_EQ(textOf(store.context->save()), "done");
+  });
+}
+
+TEST(OneWriter, KeepsTheOthersOutUntilItHasGone) {
+  test::TempDir dir;
+  const auto file = dir.path() / "a.sqlite";
+  std::optional<TestStore> first(file);
+  save(*first, 0);
+  TestStore second(file, kNone);
+  TestStore patient(file, {std::chrono::seconds(0), std::chrono::hours(1)});
+  second.run([&] { EXPECT_EQ(second.count(), 1U); });
+  save(*first, 1);
+  for (TestStore* other : {&second, &patient})
+    other->run([&] {
+      EXPECT_EQ(other->count(), 2U) << "a reader believes no count of its own";
+      EXPECT_TRUE(other->add(9));
+      EXPECT_FALSE(other->coordinator->hasStore());
+      const auto told = other->context->count({"Locations"}).error();
+      EXPECT_NE(told.localizedDescription.find("(process " + std::to_string(::getpid()) + ")"), std::string::npos)
+          << told.description();
+      EXPECT_EQ(textOf(other->context->fetch({"Locations"}).error()), noStoreError("fetch").localizedDescription);
+      EXPECT_EQ(textOf(other->context->save()), noStoreError("save").localizedDescription);
+      EXPECT_TRUE(other->context->hasChanges());
+      EXPECT_FALSE(other->coordinator->checkpoint());
+    });
+  save(*first, 2);
+  first.reset();
+  patient.run([&] { EXPECT_TRUE(patient.context->save()) << "it is too early for another look"; });
+  second.run([&] {
+    second.add(3);
+    EXPECT_TRUE(second.coordinator->hasStore());
+    EXPECT_EQ(textOf(second.context->save()), "done");
+    EXPECT_EQ(second.indexes({"Locations", {}, {{"index", true}}}), "0 1 2 3 9 ");
+    EXPECT_EQ(second.count(), 5U);
+  });
+}
+
+TEST(OneWriter, IsNoReader) {
+  test::TempDir dir;
+  const auto file = dir.path() / "a.sqlite";
+  { TestStore made(file); }
+  runSql(file,
+         "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 12000) "
+         "INSERT INTO Locations (\"index\", unsent, sentWithoutACK) SELECT i, 1, 0 FROM n");
+  fs::remove(WriteRight::lockFileOf(file));
+  const auto state = [&] {
+    return std::pair(fileText(file) + fileText(file.string() + "-wal"), fs::last_write_time(file));
+  };
+  const auto before = state();
+  std::optional<TestStore> store(file);
+  store->run([&] {
+    EXPECT_EQ(store->count(), 12000U);
+    EXPECT_EQ(store->fetch(unsentRequest(3)).size(), 3U);
+    std::size_t seen = 0;
+    auto rows = std::move(store->context->rows({"Locations"}).value());
+    EXPECT_FALSE(rows.forEach({store->at("index")}, [&](const StoredRow&) { return ++seen > 0; }));
+    EXPECT_EQ(seen, 12000U);
+    store->save();
+    EXPECT_FALSE(store->coordinator->checkpoint());
+  });
+  store.reset();
+  EXPECT_TRUE(state() == before);
+  EXPECT_FALSE(fs::exists(WriteRight::lockFileOf(file)));
+}
+
+TEST(OneWriter, IsNoForkedChildAndNeedsNoneToEnd) {
+  test::TempDir dir;
+  const auto file = dir.path() / "a.sqlite";
+  int ready[2], go[2];
+  ASSERT_EQ(::pipe(ready) + ::pipe(go), 0);
+  char byte = 0;
+  const pid_t parent = test::startProcess([&] {
+    TestStore store(file);
+    save(store, 0);
+    test::startProcess([&] {
+      store.run([&] {
+        store.add(1);
+        byte =
+            store.context->count({"Locations"}) || !store.context->save() || store.coordinator->hasStore() ? 'n' : 'y';
+      });
+      (void)!::write(ready[1], &byte, 1);
+      ::close(go[1]);
+      return static_cast<int>(::read(go[0], &byte, 1));  // until the test lets go
+    });
+    return ::pause();
+  });
+  ::close(go[0]);
+  ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+  EXPECT_EQ(byte, 'y');
+  TestStore next(file, kNone);
+  next.run([&] { EXPECT_TRUE(next.context->claim()); });
+  ::kill(parent, SIGKILL);
+  EXPECT_EQ(test::endOf(parent), -SIGKILL);
+  next.run([&] {
+    EXPECT_EQ(textOf(next.context->claim()), "done") << "the grandchild lives on";
+    EXPECT_EQ(next.count(), 1U);
+  });
+  ::close(go[1]);
+}
+
+TEST(Creation, LeavesEachOfSeveralProcessesWithAStore) {
+  for (int round = 0; round < 25; ++round) {
+    test::TempDir dir;
+    int go[2];
+    ASSERT_EQ(::pipe(go), 0);
+    std::vector<pid_t> children(4);
+    for (pid_t& child : children)
+      child = test::startProcess([&] {
+        char byte = 0;
+        ::close(go[1]);
+        (void)!::read(go[0], &byte, 1);
+        return TestStore(dir.path() / "a.sqlite").failure ? 1 : 0;
+      });
+    ::close(go[0]);
+    ::close(go[1]);  // all at once
+    for (const pid_t child : children) EXPECT_EQ(test::endOf(child), 0) << round;
+  }
+}
+
+TEST(Creation, IsTakenUpAfterAPowerCutAndDoesNotMindWhoWritesNow) {
+  test::TempDir dir;
+  const auto file = dir.path() / "a.sqlite";
+  // Page 1 never reached the disk; the journal says that the file was empty.
+  std::ofstream(file) << std::string(8192, '\0');
+  const std::string journal("\xd9\xd5\x05\xf9\x20\xa1\x63\xd7\0\0\0\0\x12\x34\x56\x78\0\0\0\0\0\0\x02\0\0\0\x10\0", 28);
+  std::ofstream(file.string() + "-journal") << journal << std::string(512 - journal.size(), '\0');
+  { TestStore store(file); }
+  sqlite3* elsewhere = nullptr;
+  ASSERT_EQ(sqlite3_open(file.c_str(), &elsewhere), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(elsewhere, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+  TestStore store(file);
+  EXPECT_EQ(textOf(store.failure), "done");
+  store.run([&] {
+    EXPECT_EQ(textOf(store.context->claim()), "done");
+    store.add(0);
+    sqlite3_close(elsewhere);
+    EXPECT_EQ(textOf(store.context->save()), "done");
+  });
+}
+
+using Happening = std::function<void(const fs::path& file)>;
+
+Happening cutsTo(const char* side, double part) {
+  return [=](const fs::path& file) {
+    const fs::path path = file.string() + side;
+    fs::resize_file(path, static_cast<std::uintmax_t>(static_cast<double>(fs::file_size(path)) * part));
+  };
+}
+
+Happening removes(const char* side) {
+  return [=](const fs::path& file) { fs::remove(file.string() + side); };
+}
+
+void replaces(const fs::path& file) {
+  fs::copy(file, file.string() + ".new");
+  fs::rename(file.string() + ".new", file);
+}
+
+/// As by the checkpoint of another program; open to the end, for closing it would drop SQLite's own locks.
+void tidies(const fs::path& file) {
+  runSql(file, "PRAGMA wal_checkpoint(TRUNCATE)");
+  struct flock checkpoint {};
+  checkpoint.l_type = F_WRLCK;
+  checkpoint.l_start = 121;
+  checkpoint.l_len = 1;
+  ASSERT_EQ(::fcntl(::open((file.string() + "-shm").c_str(), O_RDWR), F_OFD_SETLK, &checkpoint), 0);
+}
+
+TEST(LostStore, IsNoticedByTheNextSaveAndToldOnce) {
+  const std::tuple<const char*, Happening, bool> cases[] = {
+      {"home deleted", [](const fs::path& file) { fs::remove_all(file.parent_path()); }, true},
+      {"store removed", removes(""), true},
+      {"store replaced", replaces, true},
+      {"log removed", removes("-wal"), true},
+      {"log emptied", cutsTo("-wal", 0), true},
+      {"log cut", cutsTo("-wal", 0.5), true},
+      {"index removed", removes("-shm"), true},
+      {"index emptied", cutsTo("-shm", 0), true},
+      {"tidied by another program",
+       [](const fs::path& file) {
+         runSql(file, "PRAGMA wal_checkpoint(TRUNCATE); VACUUM; PRAGMA wal_checkpoint(TRUNCATE)");
+       },
+       false},
+      {"still being tidied", tidies, false},
+  };
+  for (const auto& [name, happens, isLost] : cases) {
+    SCOPED_TRACE(name);
+    TestStore store;
+    for (int i = 0; i < 3; ++i) save(store, i);
+    happens(store.file);
+    store.run([&] {
+      store.add(3);
+      const std::string first = textOf(store.context->save());
+      EXPECT_EQ(first.find("removed, replaced or cut short") != first.npos, isLost) << first;
+      EXPECT_EQ(first == "done", !isLost);
+      EXPECT_EQ(store.coordinator->hasStore(), !isLost);
+      EXPECT_EQ(static_cast<bool>(store.context->count({"Locations"})), !isLost);
+      EXPECT_EQ(store.context->hasChanges(), isLost);
+      store.add(4);
+      EXPECT_EQ(textOf(store.context->save()), isLost ? noStoreError("save").localizedDescription : "done");
+    });
+  }
+}
+
+TEST(Statements, InUseOutliveAnyNumberOfOthers) {
+  test::TempDir dir;
+  { TestStore made(dir.path() / "a.sqlite"); }
+  TestStore store(dir.path() / "a.sqlite");
+  auto& database = store.coordinator->store()->database();
+  EXPECT_EQ(database.keptStatements(), 0U) << "what makes or opens a store does not come again";
+  const std::string sql =
+      "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 300) SELECT i FROM n";
+  Execution rows(database, sql);
+  for (std::int64_t i = 1; i <= 300; ++i) {
+    ASSERT_TRUE(rows.step());
+    EXPECT_EQ(rows.integer(0), i);
+    Execution inner(database, i % 2 == 0 ? sql : concat("SELECT ", i));
+    ASSERT_TRUE(inner.step());
+    EXPECT_EQ(inner.integer(0), i % 2 == 0 ? 1 : i);
+  }
+  EXPECT_LE(database.keptStatements(), 128U);
+  EXPECT_FALSE(rows.step());
+  EXPECT_FALSE(rows.failed());
+}
+
+}  // namespace
+}  // namespace tarvo::platform
