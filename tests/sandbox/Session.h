@@ -27,40 +27,37 @@ struct Answer {
   Json body;
 };
 
-/// A started backend and what a device says to it.
+/// A started backend and what the device that it has registered says to it.
 struct Session {
   explicit Session(const TempDir& dir, int port = 0) : backend(kAccount, dir.path() / "sandbox.sqlite") {
     backend.start(port);
+    EXPECT_EQ(registerDevice().status, 200);
   }
 
   Answer ask(const std::string& method, const std::string& path, const std::string& body, const std::string& name,
              const std::string& secret, const char* type = "application/json") {
-    const std::string base = backend.baseURL();
-    httplib::Client client(base.substr(0, base.size() - 4));
+    httplib::Client client("127.0.0.1", backend.port());
     if (!name.empty()) client.set_basic_auth(name, secret);
     httplib::Request request;
     request.method = method;
-    request.path = base.substr(base.size() - 4) + "/v1/" + path;
+    request.path = "/api/v1/" + path;
     if (method == "POST") request.headers = {{"Content-Type", type}};
     request.body = body;
     const auto result = client.send(request);
     if (!result) return {};
     return {result->status, Json::parse(result->body, nullptr, false)};
   }
-  Answer post(const std::string& path, const std::string& body, const std::string& name, const std::string& secret) {
-    return ask("POST", path, body, name, secret);
-  }
   /// As the registered user.
   Answer call(const std::string& path, const std::string& body, const char* type = "application/json") {
     return ask("POST", "acme/" + path, body, uuid(), user.at("secretkey"), type);
   }
   Answer get(const std::string& path) { return ask("GET", "acme/" + path, "", uuid(), user.at("secretkey")); }
-  Answer registerDevice(const Json& device = kDevice) {
-    const Answer answer = post("acme/users", device.dump(), kAccount.apiKey, kAccount.apiSecret);
+  Answer send(const std::string& body) { return call("positions", body); }
+  Answer registerDevice(const std::string& body = kDevice.dump()) {
+    const Answer answer = ask("POST", "acme/users", body, kAccount.apiKey, kAccount.apiSecret);
     if (answer.status == 200) user = answer.body.at("results").at(0);
     return answer;
   }
-  Answer send(const std::string& body) { return post("acme/positions", body, uuid(), user.at("secretkey")); }
   std::string uuid() const { return user.at("uuid"); }
 
   Json position(int id) const {
