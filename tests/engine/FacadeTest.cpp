@@ -50,8 +50,7 @@ TEST_F(Facade, GatesReadsByTheMode) {
   tarvo.resetLocalHistory();
   EXPECT_FALSE(tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_EXTRAPOLATED, {}, {}));
   const auto raw = tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {});
-  ASSERT_TRUE(raw);
-  EXPECT_EQ(raw->locations.size(), 2u);
+  EXPECT_EQ(raw.value().locations.size(), 2u);
   EXPECT_EQ(raw->firstLocation.latitude, raw->locations.toVector()[0].latitude);
 }
 
@@ -78,8 +77,7 @@ TEST_F(Facade, TellsTheNewestObjectOfWholeBatchesUntilToldToStop) {
   const Tarvo moved = std::move(older);
   EXPECT_TRUE(older == moved && older.delegate() == olderHost) << "a handle that was moved from is as good as before";
   newest->activate(Tarvo::LOCAL_BACKGROUND);
-  LocationService::shared().deliver({fixAt(48, kStart), fixAt(48.01, kStart + 1)});
-  waitUntilIdle();
+  deliver(fixAt(48, kStart), fixAt(48.01, kStart + 1));
   EXPECT_EQ(host->batches, std::vector<std::size_t>{2});
   newest->stopLocationUpdate();
   drive(1);
@@ -170,62 +168,44 @@ TEST_F(Facade, TakesThePermissionThatItFindsForNoChange) {
   another.setDelegate(nullptr);
   waitUntilIdle();
   EXPECT_EQ(diary.count("didChangeAuthorization"), 0u);
-  LocationService::shared().setAuthorizationStatus(CLAuthorizationStatus::authorizedWhenInUse);
-  waitUntilIdle();
+  permit(CLAuthorizationStatus::authorizedWhenInUse);
   EXPECT_EQ(diary.count("didChangeAuthorization [loc] status:4"), 1u);
 }
 
 TEST_F(Facade, RecordsChangesOfPermissionAtTheLastKnownPlaceWhileStarted) {
   Tarvo tarvo;
-  LocationService::shared().setAuthorizationStatus(CLAuthorizationStatus::denied);
-  waitUntilIdle();
-  LocationService::shared().setAuthorizationStatus(CLAuthorizationStatus::authorizedAlways);
-  waitUntilIdle();
+  permit(CLAuthorizationStatus::denied);
+  permit(CLAuthorizationStatus::authorizedAlways);
   EXPECT_EQ(diary.count("didChangeAuthorization"), 0u);
-  tarvo.activate(Tarvo::LOCAL_BACKGROUND);
-  waitUntilIdle();
+  activate(tarvo, Tarvo::LOCAL_BACKGROUND);
   diary.clear();
-  for (const auto status : {CLAuthorizationStatus::denied, CLAuthorizationStatus::authorizedWhenInUse}) {
-    LocationService::shared().setAuthorizationStatus(status);
-    waitUntilIdle();
-  }
+  for (const auto status : {CLAuthorizationStatus::denied, CLAuthorizationStatus::authorizedWhenInUse}) permit(status);
   EXPECT_EQ(engine().syncStatus().stored, 0) << "without a last position there is nothing to record";
   drive(1);
   for (const auto status : {CLAuthorizationStatus::restricted, CLAuthorizationStatus::notDetermined,
-                            CLAuthorizationStatus::authorizedAlways}) {
-    LocationService::shared().setAuthorizationStatus(status);
-    waitUntilIdle();
-  }
+                            CLAuthorizationStatus::authorizedAlways})
+    permit(status);
   EXPECT_EQ(diary.count("didChangeAuthorization [loc] unknown status:0"), 1u);
-  const auto history = tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {});
-  ASSERT_TRUE(history);
-  std::vector<std::string> words;
-  for (const auto& record : history->locations.toVector()) words.push_back(record.serviceAction.value_or("?"));
-  EXPECT_EQ(words, (std::vector<std::string>{"loc_changed", "loc_disabled", "loc_enabled"}));
-  EXPECT_EQ(history->locations.toVector()[1].localisationMethod, "event");
+  std::string words;
+  for (const auto& record : records()) words += *record.localisationMethod + "/" + *record.serviceAction + " ";
+  EXPECT_EQ(words, "unknown/loc_changed event/loc_disabled event/loc_enabled ");
 }
 
 TEST_F(Facade, RefreshesForAPushByPermissionAndKeepsOtherSendersOut) {
   startBackend();
   Tarvo tarvo = registered();
   drive(1);
-  EXPECT_FALSE(tarvo.didReceiveRemoteNotification({{"messageFrom", "someone"}}));
-  EXPECT_FALSE(tarvo.didReceiveRemoteNotification({{"messageFrom", 1}}));
-  const platform::Dictionary push{{"messageFrom", "tarvo"}};
-  EXPECT_TRUE(tarvo.didReceiveRemoteNotification(push));
-  EXPECT_TRUE(tarvo.didReceiveRemoteNotification(push));
+  const std::pair<platform::Value, bool> senders[] = {{"someone", false}, {1, false}, {"tarvo", true}, {"tarvo", true}};
+  for (const auto& [sender, ours] : senders)
+    EXPECT_EQ(tarvo.didReceiveRemoteNotification({{"messageFrom", sender}}), ours);
   LocationService::shared().setAuthorizationStatus(CLAuthorizationStatus::authorizedWhenInUse);
-  EXPECT_TRUE(tarvo.didReceiveRemoteNotification(push));
-  waitUntilIdle();
+  push(tarvo);
   Tarvo::setACTIVATE_STATUS(4);
-  EXPECT_TRUE(tarvo.didReceiveRemoteNotification(push));
-  waitUntilIdle();
-  const auto history = tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {});
-  ASSERT_TRUE(history);
-  std::vector<std::string> pushed;
-  for (const auto& record : history->locations.toVector())
-    if (record.localisationMethod == "push") pushed.push_back(record.serviceAction.value_or("?"));
-  EXPECT_EQ(pushed, (std::vector<std::string>{"loc_enabled", "loc_refresh", "loc_disabled"}));
+  push(tarvo);
+  std::string pushed;
+  for (const auto& record : records())
+    if (record.localisationMethod == "push") pushed += *record.serviceAction + " ";
+  EXPECT_EQ(pushed, "loc_enabled loc_refresh loc_disabled ");
 }
 
 TEST_F(Facade, KeepsAccountCallsBelowModeEightAndReplaysTagsOnAPush) {
@@ -251,17 +231,15 @@ TEST_F(Facade, KeepsAccountCallsBelowModeEightAndReplaysTagsOnAPush) {
   EXPECT_EQ(NetworkManager::UNSUBSCRIPTION_LIST(), std::set<std::string>{"ads"});
   EXPECT_EQ(Tarvo::SET_TAGS_LIST().at("colour"), "red");
   EXPECT_EQ(Tarvo::UNSET_TAGS_LIST(), std::vector<std::string>{"old"});
-  EXPECT_EQ(diary.count("UNSUBSCRIPTION_LIST : : : []"), 1u);
-  EXPECT_EQ(diary.count("Tarvo : token t0k"), 1u);
+  EXPECT_TRUE(diary.count("UNSUBSCRIPTION_LIST : : : []") == 1 && diary.count("Tarvo : token t0k") == 1);
   engine().addNewLastTrip({{{"pasttrip_id", 7}}});
   waitUntilIdle();
   EXPECT_EQ(host->matched, std::vector<std::int64_t>{7});
 
-  tarvo.activate(Tarvo::BACKEND_BACKGROUND);
-  waitUntilIdle();
-  EXPECT_EQ(diary.count("Tarvo : Tarvo bundleID : org.example.host"), 1u);
-  EXPECT_EQ(diary.count("Tarvo  : Tarvo API_KEY key"), 1u);
-  EXPECT_EQ(diary.count("NetworkManager:sendTokenremoteWebServer [net] mainThread:"), 1u) << "with the registration";
+  activate(tarvo, Tarvo::BACKEND_BACKGROUND);
+  for (const char* once : {"Tarvo : Tarvo bundleID : org.example.host", "Tarvo  : Tarvo API_KEY key",
+                           "NetworkManager:sendTokenremoteWebServer [net] mainThread:"})
+    EXPECT_EQ(diary.count(once), 1u) << once;
   diary.clear();
   EXPECT_TRUE(tarvo.didReceiveRemoteNotification({{"messageFrom", "tarvo"}, {"name", "anything"}}));
   waitUntilIdle();
@@ -269,8 +247,7 @@ TEST_F(Facade, KeepsAccountCallsBelowModeEightAndReplaysTagsOnAPush) {
   EXPECT_EQ(diary.count("NetworkManager:unsetTags :[success]"), 1u);
   callAll();
   EXPECT_EQ(diary.count("NetworkManager:setTags :[success]"), 2u);
-  EXPECT_TRUE(NetworkManager::SUBSCRIPTION_LIST().empty());
-  EXPECT_TRUE(NetworkManager::UNSUBSCRIPTION_LIST().empty());
+  EXPECT_TRUE(NetworkManager::SUBSCRIPTION_LIST().empty() && NetworkManager::UNSUBSCRIPTION_LIST().empty());
 }
 
 TEST_F(Facade, LetsTheHostReadAndSetTheProcessWideValuesWhole) {
@@ -279,8 +256,7 @@ TEST_F(Facade, LetsTheHostReadAndSetTheProcessWideValuesWhole) {
   drive(1);
   Tarvo::setSET_TAGS_LIST({{"colour", "red"}, {"size", "l"}});
   Tarvo::setUNSET_TAGS_LIST({"old"});
-  tarvo.didReceiveRemoteNotification({{"messageFrom", "tarvo"}});
-  waitUntilIdle();
+  push(tarvo);
   EXPECT_EQ(diary.count("NetworkManager:setTags :[success]"), 2u);
   EXPECT_EQ(diary.count("NetworkManager:unsetTags :[success]"), 1u);
   Tarvo::setSET_TAGS_LIST({});
@@ -304,20 +280,15 @@ TEST_F(Facade, LetsTheHostReadAndSetTheProcessWideValuesWhole) {
 
 TEST_F(Facade, RunsOnWithoutAStoreAfterOneLineThatSaysSo) {
   std::filesystem::create_directories(home.path() / "Documents");
-  const auto file = home.path() / "Documents" / "Marrowgate-Tarvo-db3.sqlite";
-  const std::string garbage(5000, 'x');
-  ASSERT_FALSE(platform::writeFileAtomically(file, garbage, false));
+  ASSERT_FALSE(
+      platform::writeFileAtomically(home.path() / "Documents" / ObjectStore::kFileName, std::string(5000, 'x'), false));
   startBackend();
   Tarvo tarvo = registered();
   drive(2);
   EXPECT_EQ(diary.count("YOUR_ERROR_DOMAIN"), 1u);
   EXPECT_EQ(diary.count("Unresolved error Error Domain=YOUR_ERROR_DOMAIN Code=9999"), 1u);
   EXPECT_FALSE(engine().syncStatus().storeAvailable);
-  EXPECT_FALSE(tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {}));
-  EXPECT_FALSE(tarvo.getCurrentLocation());
-  auto bytes = platform::readFile(file);
-  ASSERT_TRUE(bytes);
-  EXPECT_EQ(*bytes, garbage) << "what is not ours is left as it is";
+  EXPECT_FALSE(tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {}) || tarvo.getCurrentLocation());
 }
 
 /// A host that throws wherever it is called.
@@ -333,6 +304,7 @@ struct Thrower : TarvoDelegate, platform::LocationSource, platform::HostApplicat
 
 TEST_F(Facade, EndsTheProcessWithTheNameOfACallbackThatThrows) {
   const auto host = std::make_shared<Thrower>();
+  platform::setSystemLogSink({});
   const std::pair<const char*, std::function<void(Tarvo&)>> cases[] = {
       {"tarvoDidReceiveNewLocations threw an exception: mine", [&](Tarvo&) { drive(1); }},
       {"tarvoOnRouteMatched threw",
@@ -355,7 +327,7 @@ TEST_F(Facade, EndsTheProcessWithTheNameOfACallbackThatThrows) {
          platform::setSystemLogSink([](std::string_view) { Thrower::fail(); });
          tarvo.stopLocationUpdate();
        }},
-      // Last: the permission is kept in the home.
+      // The permission is kept in the home.
       {"the permission prompt threw",
        [](Tarvo& tarvo) {
          LocationService::shared().setPrompt([](auto) { Thrower::fail(); });
@@ -364,8 +336,7 @@ TEST_F(Facade, EndsTheProcessWithTheNameOfACallbackThatThrows) {
        }},
   };
   for (const auto& [message, provoke] : cases) {
-    const auto inChild = [&provoke = provoke, this, host] {
-      platform::setSystemLogSink({});
+    const auto inChild = [&provoke = provoke, host] {
       Tarvo tarvo;
       tarvo.setDelegate(host);
       tarvo.activate(Tarvo::LOCAL_BACKGROUND);
@@ -376,17 +347,8 @@ TEST_F(Facade, EndsTheProcessWithTheNameOfACallbackThatThrows) {
     };
     EXPECT_DEATH(inChild(), std::string("Fatal error: ") + message) << message;
   }
-}
-
-TEST_F(Facade, StopsTheProcessOnlyWhenThereIsNowhereForTheStore) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_DEATH(
-      {
-        platform::setSystemLogSink({});
-        platform::setDocumentDirectories({});
-        Tarvo tarvo;
-      },
-      "Fatal error: there is no document directory");
+  platform::setDocumentDirectories({});
+  EXPECT_DEATH(Tarvo(), "Fatal error: there is no document directory");
 }
 
 TEST_F(Facade, PutsTheStoreIntoTheLastDocumentsDirectoryAndTheLogIntoTheFirst) {
@@ -399,9 +361,8 @@ TEST_F(Facade, PutsTheStoreIntoTheLastDocumentsDirectoryAndTheLogIntoTheFirst) {
   EXPECT_TRUE(LocationManager::setUserUUID("U"));
   for (const char* none : {"", "two words", "a/b", "..", "50%", "a?b"})
     EXPECT_FALSE(LocationManager::setUserUUID(none)) << none;
-  tarvo.activate(4);
-  waitUntilIdle();
-  EXPECT_TRUE(std::filesystem::exists(last / "Marrowgate-Tarvo-db3.sqlite"));
+  activate(tarvo, 4);
+  EXPECT_TRUE(std::filesystem::exists(last / ObjectStore::kFileName));
   EXPECT_TRUE(std::filesystem::exists(first / "TarvoLog_2024-06-15_U_IOS.txt"));
 }
 

@@ -48,9 +48,7 @@ TEST_F(Upload, TakesAFreshDeviceFromItsFirstFixToAnEmptyQueue) {
   startBackend();
   Tarvo tarvo;
   NetworkManager::setApiKeySecret("secret");
-  tarvo.activate(Tarvo::BACKEND_BACKGROUND);
-  waitUntilIdle();
-  EXPECT_TRUE(LocationManager::userUUID().has_value());
+  activate(tarvo, Tarvo::BACKEND_BACKGROUND);
   EXPECT_EQ(platform::UserDefaults::standard().string("uuid_secret_key"), NetworkManager::UUID_SECRET_KEY());
   drive(3);
   // The pass that found no identity keeps the channel until it is stale.
@@ -59,9 +57,7 @@ TEST_F(Upload, TakesAFreshDeviceFromItsFirstFixToAnEmptyQueue) {
   drive(1);
   settle();
   expectEachIndexOnce(4);
-  const auto status = engine().syncStatus();
-  EXPECT_EQ(status.acknowledged, 4);
-  EXPECT_EQ(status.lastIndex, 3);
+  EXPECT_EQ(engine().syncStatus().lastIndex, 3);
   EXPECT_EQ(backend.holdings().users, 1);
 }
 
@@ -90,13 +86,10 @@ TEST_F(Upload, SendsABacklogInBatchesOfAThousandOnePerAcknowledgement) {
   platform::LocationService::shared().deliver(many);
   waitUntilIdle();
   EXPECT_EQ(engine().syncStatus().stored, 2500);
-  NetworkManager::setApiKeySecret("secret");
-  tarvo.activate(Tarvo::BACKEND_BACKGROUND);
-  waitUntilIdle();
+  activate(tarvo, Tarvo::BACKEND_BACKGROUND);
   clock->advance(Seconds(180));
   diary.clear();
-  engine().sendDataInBatchToRemoteWebServer();
-  waitUntilIdle();
+  upload();
   // One pass by the call, the others by the acknowledgements, the last of which finds nothing.
   EXPECT_EQ(diary.count(kCalled), 4u);
   EXPECT_EQ(diary.count("sendAllUnsentDataToRemoteWebServer [net] from:0 to:999 "), 1u);
@@ -111,18 +104,16 @@ TEST_F(Upload, FreesTheChannelAtOnceOnAnotherStatusAndSendsTheSameBatchAgain) {
   Tarvo tarvo = registered();
   backend.faults().answerNext(3, 500);
   collect(1);
-  engine().sendDataInBatchToRemoteWebServer();
-  waitUntilIdle();
+  upload();
   EXPECT_FALSE(NetworkManager::CANAL_LOCK());
   EXPECT_EQ(engine().syncStatus().awaiting, 1);
   // The next event resends what awaits before anything new.
   collect(1);
-  engine().sendDataInBatchToRemoteWebServer();
-  waitUntilIdle();
+  upload();
   EXPECT_EQ(diary.count("resendAllSentWithoutACKData [net] from:0 to:0 "), 1u);
   EXPECT_EQ(backend.holdings().positions, 0);
   // A host may ask for it too; only what awaits goes.
-  engine().resendAllSentWithoutACKData(engine().getLocationhistory({}, {}).locations.toVector());
+  engine().resendAllSentWithoutACKData(records());
   waitUntilIdle();
   EXPECT_EQ(diary.count("resendAllSentWithoutACKData [net] from:0 to:0 "), 2u);
   settle();
@@ -135,8 +126,7 @@ TEST_F(Upload, NeverAsksTheResolverInsideABlockOfTheStore) {
   Tarvo tarvo = registered();
   backend.faults().answerNext(1, 500);
   collect(1);
-  engine().sendDataInBatchToRemoteWebServer();
-  waitUntilIdle();
+  upload();
   EXPECT_EQ(engine().syncStatus().awaiting, 1);
   ASSERT_TRUE(LocationManager::setRemoteWebServerURL("https://backend.test/api"));
   auto& context = engine().parts().store.managedObjectContext();
@@ -194,26 +184,24 @@ TEST_F(Upload, AgesAChannelThatTheHostHeldBeforeTheFirstPass) {
 }
 
 TEST_F(Upload, AcknowledgesOnATransportErrorAsOnAnAnswer) {
-  // A port on which nobody listens any more.
-  backend.start();
-  const std::string gone = backend.baseURL();
-  ASSERT_TRUE(LocationManager::setRemoteWebServerURL(gone));
-  Tarvo tarvo = registered();
+  startBackend();
+  Tarvo tarvo = registered(Tarvo::BACKEND_GEOPROFILE);
   ASSERT_TRUE(LocationManager::userUUID());
   backend.stop();
   collect(1);
   diary.clear();
-  engine().sendDataInBatchToRemoteWebServer();
-  waitUntilIdle();
+  upload();
   EXPECT_EQ(engine().syncStatus().acknowledged, 1);
   EXPECT_FALSE(NetworkManager::CANAL_LOCK());
-  const long status = diary.find("httpstatus : 200");
-  const long acknowledged = diary.find("Locations:markLocationAsSentUntilIndex [loc] from:0 to:0");
-  const long next = diary.find(kCalled, static_cast<std::size_t>(acknowledged));
-  const long saved = diary.find("LocationManager:saveContext", static_cast<std::size_t>(next));
-  const long error = diary.find("NetworkManager:sendDataInBatchToRemoteWebServer :[error] :");
-  EXPECT_TRUE(status >= 0 && status < acknowledged && acknowledged < next && next < saved && saved < error)
-      << status << " " << acknowledged << " " << next << " " << saved << " " << error;
+  long at = -1;
+  for (const char* text :
+       {"httpstatus : 200", "[net] [succes] Data:nil", "Locations:markLocationAsSentUntilIndex [loc] from:0 to:0",
+        kCalled, "LocationManager:saveContext",
+        "NetworkManager:sendDataInBatchToRemoteWebServer :[error] :Optional("}) {
+    const long next = diary.find(text, static_cast<std::size_t>(at + 1));
+    EXPECT_GT(next, at) << "missing or too early: " << text;
+    at = next;
+  }
 }
 
 TEST_F(Upload, StaysOffBelowModeEightAndWithoutASecretOfTheHost) {
@@ -223,8 +211,7 @@ TEST_F(Upload, StaysOffBelowModeEightAndWithoutASecretOfTheHost) {
   EXPECT_EQ(diary.count(kCalled), 0u);
   EXPECT_FALSE(NetworkManager::CANAL_LOCK());
   NetworkManager::setApiKeySecret("");
-  local.activate(Tarvo::BACKEND_BACKGROUND);
-  waitUntilIdle();
+  activate(local, Tarvo::BACKEND_BACKGROUND);
   EXPECT_EQ(diary.count("checkAndRegisterUser [loc] nbUsers:0"), 2u) << "at start-up and by the pass";
   EXPECT_EQ(backend.holdings().users, 0);
   EXPECT_EQ(engine().apiKey(), std::nullopt);
@@ -259,8 +246,7 @@ TEST_F(Upload, SendsOnlyWhatIsInTheFileAndTellsTheRestApart) {
                                      status.unsaved};
   };
   EXPECT_EQ(counts(), (std::vector<std::int64_t>{2, 2, 0, 0, 3}));
-  engine().sendDataInBatchToRemoteWebServer();
-  waitUntilIdle();
+  upload();
   // The flags of what was sent are unsaved too, and count: nothing is sent again.
   EXPECT_EQ(counts(), (std::vector<std::int64_t>{2, 0, 0, 2, 3}));
   EXPECT_EQ(backend.holdings().positions, 2);
