@@ -97,7 +97,7 @@ TEST(HostileServer, GetsABatchTwiceWhenItDropsKeptConnectionsAndTheSecondTimeOnA
         RawServer::send(connection, "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
       }
     });
-    for (int i = 0; i < warm; ++i) URLSession::shared().dataTask({server.url("/warm")}, {})->resume();
+    for (int i = 0; i < warm; ++i) test::start({server.url("/warm")});
     ASSERT_TRUE(Activity::waitUntilIdle(Seconds(30)));
     const Outcome outcome = fetch({server.url("/batch"), "POST", {}, "x"});
     EXPECT_EQ(outcome.status(), 200);
@@ -127,9 +127,7 @@ TEST(HostileServer, HoldsTwoCopiesOfARequestAndTheNewestDecide) {
   for (const char copy : {'a', 'b', 'c', 'd', 'e'}) {
     URLRequest request{server.url("/batch"), "POST", {}, std::string(1, copy)};
     request.replacesOlder = true;
-    auto task = URLSession::shared().dataTask(std::move(request),
-                                              [&](auto data, auto, auto) { completed.add(data ? data->back() : '?'); });
-    task->resume();
+    test::start(std::move(request), [&](auto data, auto, auto) { completed.add(data ? data->back() : '?'); });
     ASSERT_TRUE(arrived.waitFor({copy}));
   }
   EXPECT_TRUE(left.waitFor({'a', 'b', 'c'}));
@@ -147,12 +145,7 @@ TEST(HostileServer, LetsOthersHaveTheirTurnWhenItAnswersWithoutEnd) {
     RawServer::waitForPeerToLeave(connection);
   });
   for (int i = 0; i <= 32; ++i)
-    URLSession::shared()
-        .dataTask({server->url("/hang")},
-                  [&ended, i](auto, auto, auto e) {
-                    ended.add({i, e ? e->code : 0});
-                  })
-        ->resume();
+    test::start({server->url("/hang")}, [&ended, i](auto, auto, auto e) { ended.add(std::pair(i, e ? e->code : 0)); });
   EXPECT_EQ(fetch({server->url("/quick")}).data, "xx");
   // As many connections as there may be, and of the first that hung two have given way.
   const auto gaveWay = ended.all();
@@ -215,7 +208,7 @@ TEST_F(Ending, ComesInTimeWhenTheSessionsThreadHangs) {
       connected.set_value();
       RawServer::waitForPeerToLeave(connection);
     });
-    URLSession::shared().dataTask({"https://" + server.host()}, {})->resume();
+    test::start({"https://" + server.host()});
     connected.get_future().wait();
     exitInTime(!Activity::waitUntilIdle(Seconds(0.3)));
   };
@@ -229,9 +222,7 @@ TEST(Session, SendsWhatHasWaitedForItsThread) {
   });
   std::atomic<int> completed{0};
   const auto task = [&] {
-    URLSession::shared()
-        .dataTask({server.url()}, [&](auto, auto response, auto) { completed += response.has_value(); })
-        ->resume();
+    test::start({server.url()}, [&](auto, auto response, auto) { completed += response.has_value(); });
   };
   {
     const test::NoThreads none;
@@ -255,13 +246,10 @@ TEST(Session, DoesNotSpinWhenTheSystemRefusesToPoll) {
     ::recv(connection, &c, 1, 0);
     RawServer::send(connection, "HTTP/1.1 204 No Content\r\n\r\n");
   });
-  std::promise<std::pair<int, std::int64_t>> ended;
-  URLSession::shared()
-      .dataTask({server.url()},
-                [&](auto, auto response, auto error) {
-                  ended.set_value({response ? response->statusCode : 0, error ? error->code : 0});
-                })
-      ->resume();
+  std::promise<int> ended;
+  test::start({server.url()}, [&](auto, auto response, auto error) {
+    ended.set_value(response && !error ? response->statusCode : -1);
+  });
   asked.get_future().wait();
   rlimit limit{};
   ::getrlimit(RLIMIT_NOFILE, &limit);
@@ -278,7 +266,7 @@ TEST(Session, DoesNotSpinWhenTheSystemRefusesToPoll) {
   auto outcome = ended.get_future();
   ASSERT_EQ(outcome.wait_for(30s), std::future_status::ready);
   EXPECT_LT(cpu() - cpuBefore, 100ms) << "of half a second";
-  EXPECT_EQ(outcome.get(), (std::pair<int, std::int64_t>{204, 0}));
+  EXPECT_EQ(outcome.get(), 204);
   limit.rlim_cur = before;
   ::setrlimit(RLIMIT_NOFILE, &limit);
 }

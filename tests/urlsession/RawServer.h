@@ -39,29 +39,31 @@ class RawServer {
   std::string host() const { return "127.0.0.1:" + std::to_string(port_); }
   std::string url(const std::string& path = "/") const { return "http://" + host() + path; }
 
+  /// Takes up to that many bytes of what the peer sends.
+  using Read = std::function<ssize_t(char* to, std::size_t size)>;
+  static Read from(int connection) {
+    return [connection](char* to, std::size_t size) { return ::recv(connection, to, size, 0); };
+  }
   /// The request up to the blank line; what there is when the peer leaves before.
-  static std::string readHead(int connection) {
+  static std::string readHead(const Read& read) {
     std::string head;
-    for (char c; !head.ends_with("\r\n\r\n") && ::recv(connection, &c, 1, 0) == 1;) head.push_back(c);
+    for (char c; !head.ends_with("\r\n\r\n") && read(&c, 1) == 1;) head.push_back(c);
     return head;
   }
-  /// The same from wherever `read` takes a byte, with the body, so that a close does not reset the connection.
-  static std::string readRequest(const std::function<bool(char&)>& read) {
-    std::string request;
-    std::size_t left = std::string::npos;
-    for (char c; left > 0 && read(c);) {
-      request.push_back(c);
-      if (left != std::string::npos) {
-        --left;
-      } else if (request.ends_with("\r\n\r\n")) {
-        const auto length = request.find("Content-Length: ");
-        left = length == std::string::npos ? 0 : std::stoul(request.substr(length + 16));
-      }
-    }
-    return request;
+  static std::string readHead(int connection) { return readHead(from(connection)); }
+  /// What follows that head; without it a close resets the connection.
+  static std::string readBody(const Read& read, const std::string& head) {
+    const auto length = head.find("Content-Length: ");
+    std::string body(length == head.npos ? 0 : std::stoul(head.substr(length + 16)), '\0');
+    std::size_t got = 0;
+    for (ssize_t n; got < body.size() && (n = read(&body[got], body.size() - got)) > 0;)
+      got += static_cast<std::size_t>(n);
+    body.resize(got);
+    return body;
   }
-  static std::string readRequest(int connection) {
-    return readRequest([connection](char& c) { return ::recv(connection, &c, 1, 0) == 1; });
+  static std::string readRequest(const Read& read) {
+    const std::string head = readHead(read);
+    return head + readBody(read, head);
   }
   /// Answers whether the peer still takes it.
   static bool send(int connection, const std::string& bytes) {

@@ -81,7 +81,8 @@ inline void answerOverTls(int connection, const SelfSigned& own, int newestVersi
   SSL* tls = SSL_new(context);
   SSL_set_fd(tls, connection);
   if (SSL_accept(tls) == 1) {
-    const std::string reply = answer(RawServer::readRequest([tls](char& c) { return SSL_read(tls, &c, 1) == 1; }));
+    const std::string reply = answer(RawServer::readRequest(
+        [tls](char* to, std::size_t size) { return ssize_t{SSL_read(tls, to, static_cast<int>(size))}; }));
     SSL_write(tls, reply.data(), static_cast<int>(reply.size()));
   }
   SSL_free(tls);
