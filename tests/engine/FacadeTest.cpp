@@ -99,8 +99,7 @@ TEST_F(Facade, TellsTheNewestObjectOfWholeBatchesUntilToldToStop) {
 }
 
 TEST_F(Facade, LetsTheHostStopEverythingFromInsideACallback) {
-  startBackend();
-  Tarvo tarvo = registered();
+  Tarvo tarvo = online();
   auto host = std::make_shared<DiaryDelegate>();
   host->inside = [](Tarvo& self) {
     self.stopLocationUpdate();
@@ -192,8 +191,7 @@ TEST_F(Facade, RecordsChangesOfPermissionAtTheLastKnownPlaceWhileStarted) {
 }
 
 TEST_F(Facade, RefreshesForAPushByPermissionAndKeepsOtherSendersOut) {
-  startBackend();
-  Tarvo tarvo = registered();
+  Tarvo tarvo = online();
   drive(1);
   const std::pair<platform::Value, bool> senders[] = {{"someone", false}, {1, false}, {"tarvo", true}, {"tarvo", true}};
   for (const auto& [sender, ours] : senders)
@@ -209,8 +207,7 @@ TEST_F(Facade, RefreshesForAPushByPermissionAndKeepsOtherSendersOut) {
 }
 
 TEST_F(Facade, KeepsAccountCallsBelowModeEightAndReplaysTagsOnAPush) {
-  startBackend();
-  Tarvo tarvo = registered(Tarvo::LOCAL_BACKGROUND);
+  Tarvo tarvo = online(Tarvo::LOCAL_BACKGROUND);
   drive(1);
   const auto host = std::make_shared<DiaryDelegate>();
   tarvo.setDelegate(host);
@@ -251,8 +248,7 @@ TEST_F(Facade, KeepsAccountCallsBelowModeEightAndReplaysTagsOnAPush) {
 }
 
 TEST_F(Facade, LetsTheHostReadAndSetTheProcessWideValuesWhole) {
-  startBackend();
-  Tarvo tarvo = registered();
+  Tarvo tarvo = online();
   drive(1);
   Tarvo::setSET_TAGS_LIST({{"colour", "red"}, {"size", "l"}});
   Tarvo::setUNSET_TAGS_LIST({"old"});
@@ -282,8 +278,7 @@ TEST_F(Facade, RunsOnWithoutAStoreAfterOneLineThatSaysSo) {
   std::filesystem::create_directories(home.path() / "Documents");
   ASSERT_FALSE(
       platform::writeFileAtomically(home.path() / "Documents" / ObjectStore::kFileName, std::string(5000, 'x'), false));
-  startBackend();
-  Tarvo tarvo = registered();
+  Tarvo tarvo = online();
   drive(2);
   EXPECT_EQ(diary.count("YOUR_ERROR_DOMAIN"), 1u);
   EXPECT_EQ(diary.count("Unresolved error Error Domain=YOUR_ERROR_DOMAIN Code=9999"), 1u);

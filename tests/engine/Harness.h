@@ -138,6 +138,11 @@ class WholeSdk : public testing::Test {
     return tarvo;
   }
 
+  Tarvo online(std::int64_t mode = Tarvo::BACKEND_BACKGROUND) {
+    startBackend();
+    return registered(mode);
+  }
+
   void expectEachIndexOnce(std::int64_t positions) {
     const auto holdings = backend.holdings();
     EXPECT_EQ(holdings.positions, positions);

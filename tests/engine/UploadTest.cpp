@@ -79,8 +79,7 @@ TEST_F(Upload, TakesTheHomeWhichReadersLeaveAlone) {
 }
 
 TEST_F(Upload, SendsABacklogInBatchesOfAThousandOnePerAcknowledgement) {
-  startBackend();
-  Tarvo tarvo = registered(Tarvo::LOCAL_BACKGROUND);
+  Tarvo tarvo = online(Tarvo::LOCAL_BACKGROUND);
   std::vector<platform::CLLocation> many;
   for (int i = 0; i < 2500; ++i) many.push_back(fixAt(40 + 0.001 * i, kStart + i));
   platform::LocationService::shared().deliver(many);
@@ -100,8 +99,7 @@ TEST_F(Upload, SendsABacklogInBatchesOfAThousandOnePerAcknowledgement) {
 }
 
 TEST_F(Upload, FreesTheChannelAtOnceOnAnotherStatusAndSendsTheSameBatchAgain) {
-  startBackend();
-  Tarvo tarvo = registered();
+  Tarvo tarvo = online();
   backend.faults().answerNext(3, 500);
   collect(1);
   upload();
@@ -122,8 +120,7 @@ TEST_F(Upload, FreesTheChannelAtOnceOnAnotherStatusAndSendsTheSameBatchAgain) {
 }
 
 TEST_F(Upload, NeverAsksTheResolverInsideABlockOfTheStore) {
-  startBackend();
-  Tarvo tarvo = registered();
+  Tarvo tarvo = online();
   backend.faults().answerNext(1, 500);
   collect(1);
   upload();
@@ -145,8 +142,7 @@ TEST_F(Upload, NeverAsksTheResolverInsideABlockOfTheStore) {
 }
 
 TEST_F(Upload, TakesOverAChannelHeldFor180SecondsAndResendsWhatAwaitsFirst) {
-  startBackend();
-  Tarvo tarvo = registered();
+  Tarvo tarvo = online();
   collect(1);
   backend.faults().hangNext(1);
   engine().sendDataInBatchToRemoteWebServer();
@@ -184,8 +180,7 @@ TEST_F(Upload, AgesAChannelThatTheHostHeldBeforeTheFirstPass) {
 }
 
 TEST_F(Upload, AcknowledgesOnATransportErrorAsOnAnAnswer) {
-  startBackend();
-  Tarvo tarvo = registered(Tarvo::BACKEND_GEOPROFILE);
+  Tarvo tarvo = online(Tarvo::BACKEND_GEOPROFILE);
   ASSERT_TRUE(LocationManager::userUUID());
   backend.stop();
   collect(1);
@@ -205,8 +200,7 @@ TEST_F(Upload, AcknowledgesOnATransportErrorAsOnAnAnswer) {
 }
 
 TEST_F(Upload, StaysOffBelowModeEightAndWithoutASecretOfTheHost) {
-  startBackend();
-  Tarvo local = registered(Tarvo::LOCAL_BACKGROUND);
+  Tarvo local = online(Tarvo::LOCAL_BACKGROUND);
   drive(2);
   EXPECT_EQ(diary.count(kCalled), 0u);
   EXPECT_FALSE(NetworkManager::CANAL_LOCK());
@@ -219,8 +213,7 @@ TEST_F(Upload, StaysOffBelowModeEightAndWithoutASecretOfTheHost) {
 }
 
 TEST_F(Upload, GoesOnAfterASecondTarvoAndNeverLosesTheSecret) {
-  startBackend();
-  Tarvo first = registered();
+  Tarvo first = online();
   const auto secret = NetworkManager::UUID_SECRET_KEY();
   ASSERT_TRUE(secret);
   Tarvo second;
@@ -234,8 +227,7 @@ TEST_F(Upload, GoesOnAfterASecondTarvoAndNeverLosesTheSecret) {
 }
 
 TEST_F(Upload, SendsOnlyWhatIsInTheFileAndTellsTheRestApart) {
-  startBackend();
-  Tarvo tarvo = registered();
+  Tarvo tarvo = online();
   collect(2);
   // From now on no position can be inserted, though all else can be written.
   onStore("CREATE TRIGGER full BEFORE INSERT ON Locations BEGIN SELECT RAISE(FAIL, 'full'); END");

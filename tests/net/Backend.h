@@ -1,15 +1,14 @@
 #pragma once
 
-#include <httplib.h>
-
 #include <algorithm>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
+
+#include "urlsession/Servers.h"
 
 namespace tarvo::test {
 
@@ -30,17 +29,10 @@ class Backend {
     server_.Get(".*", handler);
     server_.Post(".*", handler);
     server_.set_keep_alive_max_count(1);
-    port_ = server_.bind_to_any_port("127.0.0.1");
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
-    while (!server_.is_running()) std::this_thread::yield();
   }
-  ~Backend() { stop(); }
 
-  std::string address() const { return "http://127.0.0.1:" + std::to_string(port_) + "/api"; }
-  void stop() {
-    server_.stop();
-    if (thread_.joinable()) thread_.join();
-  }
+  std::string address() const { return server_.url("/api"); }
+  void stop() { server_.stop(); }
 
   /// The answer to a path behind the client id, query left out; other paths get 200 without a body.
   void answer(const std::string& path, Answer answer) {
@@ -82,12 +74,10 @@ class Backend {
       response.set_content(answer.body, "application/json");
   }
 
-  httplib::Server server_;
-  int port_ = 0;
-  std::thread thread_;
   std::mutex mutex_;
   std::map<std::string, Answer> answers_;
   std::vector<httplib::Request> requests_;
+  Running<> server_;  // the first to go
 };
 
 }  // namespace tarvo::test

@@ -7,10 +7,8 @@
 #include <sys/wait.h>
 
 #include <fstream>
-#include <future>
 #include <limits>
 #include <mutex>
-#include <optional>
 
 #include <tarvo/platform/Environment.h>
 
@@ -160,8 +158,11 @@ TEST_F(Uploading, IsDoneByOneSessionForEachIdentifierWithItsFirstDelegate) {
   EXPECT_EQ(second.take(), Lines{});
 }
 
-/// Where the process is killed, and how many requests there are in all.
-struct Killed : testing::TestWithParam<std::pair<std::string, int>> {
+/// When a process is killed, and how many requests there are in all: before the reply, between reply and delegate,
+/// between the delegate's two calls.
+const std::pair<std::string, int> kKills[] = {{"request", 2}, {"data \xff", 1}, {"log 200 0", 1}};
+
+struct Killed : testing::TestWithParam<std::size_t> {
   /// A process that uploads the file to the URL that it gets through the pipe, and ends when it is told the moment.
   static pid_t begin(const std::filesystem::path& file, const int (&pipe)[2]) {
     const pid_t child = ::fork();  // this one has no second thread yet
@@ -171,7 +172,7 @@ struct Killed : testing::TestWithParam<std::pair<std::string, int>> {
     const ssize_t length = ::read(pipe[0], url.data(), url.size());
     if (length <= 0) ::_exit(1);
     url.resize(static_cast<std::size_t>(length));
-    Diary diary(GetParam().first);
+    Diary diary(kKills[GetParam()].first);
     const auto session = BackgroundSession::open({"logs/1"}, diary);
     session->resume(session->uploadTask({url, "POST", {{"Authorization", "Basic \xff"}}}, file));
     diary.take();
@@ -180,6 +181,7 @@ struct Killed : testing::TestWithParam<std::pair<std::string, int>> {
 };
 
 TEST_P(Killed, ProcessIsTakenUpByTheNextWhereItStopped) {
+  const auto& [moment, inAll] = kKills[GetParam()];
   const TempDir home;
   setHomeDirectory(home.path());
   const auto file = home.path() / "log", journal = home.path() / "Library" / "Transfers" / "logs%2F1.jsonl";
@@ -188,10 +190,11 @@ TEST_P(Killed, ProcessIsTakenUpByTheNextWhereItStopped) {
   ASSERT_EQ(::pipe(pipe), 0);
   const pid_t child = begin(file, pipe);
   std::atomic<int> requests{0};
+  const bool atRequest = moment == "request";
   RawServer server([&](int connection) {
     const std::string head = RawServer::readHead(connection);
     if (head.find("Authorization: Basic \xff\r\n") != head.npos) ++requests;
-    if (requests == 1 && GetParam().first == "request") ::kill(child, SIGKILL);
+    if (requests == 1 && atRequest) ::kill(child, SIGKILL);
     RawServer::readBody(RawServer::from(connection), head);
     RawServer::send(connection, reply(200, "\xff"));
   });
@@ -212,17 +215,14 @@ TEST_P(Killed, ProcessIsTakenUpByTheNextWhereItStopped) {
   EXPECT_TRUE(session->hasTaskFor(file));
   for (int times = 0; times < 2; ++times) session->deliverEvents();
   EXPECT_EQ(diary.take(), (Lines{"data \xff", "log 200 0", "finished"}));
-  EXPECT_EQ(requests, GetParam().second);
+  EXPECT_EQ(requests, inAll);
   session->getAllTasks(count);
   diary.take();
   EXPECT_EQ(tasks, (std::vector<std::size_t>{1, 0}));
   EXPECT_FALSE(session->hasTaskFor(file) || std::filesystem::exists(journal));
 }
 
-// Before the reply, between reply and delegate, between the delegate's two calls.
-INSTANTIATE_TEST_SUITE_P(At, Killed,
-                         testing::Values(std::pair("request", 2), std::pair("data \xff", 1),
-                                         std::pair("log 200 0", 1)));
+INSTANTIATE_TEST_SUITE_P(At, Killed, testing::Range<std::size_t>(0, std::size(kKills)));
 
 /// A journal with an upload under way and one that has ended.
 class Journal : public testing::Test {

@@ -1,54 +1,21 @@
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <condition_variable>
-#include <fstream>
 #include <mutex>
 #include <set>
 #include <vector>
 
 #include "platform/foundation/Activity.h"
-#include "platform/urlsession/URLSession.h"
 #include "support/NoThreads.h"
-#include "support/TempDir.h"
 #include "urlsession/Fetch.h"
-#include "urlsession/RawServer.h"
 #include "urlsession/Servers.h"
 
 namespace tarvo::platform {
 namespace {
 
 using namespace std::chrono_literals;
-using test::fetch;
-using test::Outcome;
-using test::RawServer;
-
-/// Serves each connection on a thread of its own; what is still open is shut down at the end.
-class Crowd {
- public:
-  explicit Crowd(std::function<void(int connection)> serve)
-      : server_([this, serve = std::move(serve)](int accepted) {
-          const std::lock_guard lock(mutex_);
-          connections_.push_back(::dup(accepted));
-          threads_.emplace_back(serve, connections_.back());
-        }) {}
-  ~Crowd() {
-    {
-      const std::lock_guard lock(mutex_);
-      for (const int connection : connections_) ::shutdown(connection, SHUT_RDWR);
-    }
-    for (auto& thread : threads_) thread.join();
-    for (const int connection : connections_) ::close(connection);
-  }
-  std::string url(const std::string& path) const { return server_.url(path); }
-
- private:
-  std::mutex mutex_;
-  std::vector<int> connections_;
-  std::vector<std::thread> threads_;
-  RawServer server_;
-};
+using namespace test;
 
 /// What threads tell a test that waits for it.
 template <class Value>
@@ -79,25 +46,27 @@ TEST(HostileServer, GetsABatchTwiceWhenItDropsKeptConnectionsAndTheSecondTimeOnA
   for (const int warm : {0, 1, 3, 8}) {
     SCOPED_TRACE(warm);
     std::atomic<int> open{0}, copies{0}, onFresh{0};
-    Crowd server([&, warm](int connection) {
-      bool kept = false;
-      for (std::string head; !(head = RawServer::readHead(connection)).empty(); kept = true) {
-        if (head.starts_with("POST")) {
-          ++copies;
-          if (kept) {
-            ::shutdown(connection, SHUT_RDWR);
-            return;
+    RawServer server(
+        [&, warm](int connection) {
+          bool kept = false;
+          for (std::string head; !(head = RawServer::readHead(connection)).empty(); kept = true) {
+            if (head.starts_with("POST")) {
+              ++copies;
+              if (kept) {
+                ::shutdown(connection, SHUT_RDWR);
+                return;
+              }
+              ++onFresh;
+            } else {
+              ++open;
+              open.notify_all();
+              for (int now; (now = open) < warm;) open.wait(now);  // all side by side
+            }
+            RawServer::send(connection, "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
           }
-          ++onFresh;
-        } else {
-          ++open;
-          open.notify_all();
-          for (int now; (now = open) < warm;) open.wait(now);  // all side by side
-        }
-        RawServer::send(connection, "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
-      }
-    });
-    for (int i = 0; i < warm; ++i) test::start({server.url("/warm")});
+        },
+        true);
+    for (int i = 0; i < warm; ++i) start({server.url("/warm")});
     ASSERT_TRUE(Activity::waitUntilIdle(Seconds(30)));
     const Outcome outcome = fetch({server.url("/batch"), "POST", {}, "x"});
     EXPECT_EQ(outcome.status(), 200);
@@ -111,23 +80,25 @@ TEST(HostileServer, HoldsTwoCopiesOfARequestAndTheNewestDecide) {
   Told<char> arrived, left, completed;
   std::map<char, int> connections;
   std::mutex mutex;
-  Crowd server([&](int connection) {
-    RawServer::readHead(connection);
-    char copy = 0;
-    ::recv(connection, &copy, 1, 0);
-    RawServer::send(connection, "HTTP/1.1 200 OK\r\nContent-Length: 9\r\nConnection: close\r\n\r\nanswer: ");
-    {
-      const std::lock_guard lock(mutex);
-      connections[copy] = connection;
-    }
-    arrived.add(copy);
-    RawServer::waitForPeerToLeave(connection);
-    left.add(copy);
-  });
+  RawServer server(
+      [&](int connection) {
+        RawServer::readHead(connection);
+        char copy = 0;
+        ::recv(connection, &copy, 1, 0);
+        RawServer::send(connection, "HTTP/1.1 200 OK\r\nContent-Length: 9\r\nConnection: close\r\n\r\nanswer: ");
+        {
+          const std::lock_guard lock(mutex);
+          connections[copy] = connection;
+        }
+        arrived.add(copy);
+        RawServer::waitForPeerToLeave(connection);
+        left.add(copy);
+      },
+      true);
   for (const char copy : {'a', 'b', 'c', 'd', 'e'}) {
     URLRequest request{server.url("/batch"), "POST", {}, std::string(1, copy)};
     request.replacesOlder = true;
-    test::start(std::move(request), [&](auto data, auto, auto) { completed.add(data ? data->back() : '?'); });
+    start(std::move(request), [&](auto data, auto, auto) { completed.add(data ? data->back() : '?'); });
     ASSERT_TRUE(arrived.waitFor({copy}));
   }
   EXPECT_TRUE(left.waitFor({'a', 'b', 'c'}));
@@ -138,14 +109,16 @@ TEST(HostileServer, HoldsTwoCopiesOfARequestAndTheNewestDecide) {
 
 TEST(HostileServer, LetsOthersHaveTheirTurnWhenItAnswersWithoutEnd) {
   Told<std::pair<int, std::int64_t>> ended;
-  auto server = std::make_unique<Crowd>([](int connection) {
-    const bool hangs = RawServer::readHead(connection).starts_with("GET /hang");
-    RawServer::send(connection, "HTTP/1.1 200 OK\r\nContent-Length: 2\r\nConnection: close\r\n\r\nx");
-    if (!hangs) RawServer::send(connection, "x");
-    RawServer::waitForPeerToLeave(connection);
-  });
+  auto server = std::make_unique<RawServer>(
+      [](int connection) {
+        const bool hangs = RawServer::readHead(connection).starts_with("GET /hang");
+        RawServer::send(connection, "HTTP/1.1 200 OK\r\nContent-Length: 2\r\nConnection: close\r\n\r\nx");
+        if (!hangs) RawServer::send(connection, "x");
+        RawServer::waitForPeerToLeave(connection);
+      },
+      true);
   for (int i = 0; i <= 32; ++i)
-    test::start({server->url("/hang")}, [&ended, i](auto, auto, auto e) { ended.add(std::pair(i, e ? e->code : 0)); });
+    start({server->url("/hang")}, [&ended, i](auto, auto, auto e) { ended.add(std::pair(i, e ? e->code : 0)); });
   EXPECT_EQ(fetch({server->url("/quick")}).data, "xx");
   // As many connections as there may be, and of the first that hung two have given way.
   const auto gaveWay = ended.all();
@@ -179,7 +152,7 @@ class Ending : public testing::Test {
 TEST_F(Ending, WorksAndEndsInTimeAfterAStartWithoutDescriptors) {
   const auto startWithout = [] {
     watchExit();
-    test::Running server;
+    Running server;
     rlimit limit{};
     ::getrlimit(RLIMIT_NOFILE, &limit);
     const rlim_t before = limit.rlim_cur;
@@ -200,7 +173,7 @@ TEST_F(Ending, WorksAndEndsInTimeAfterAStartWithoutDescriptors) {
 TEST_F(Ending, ComesInTimeWhenTheSessionsThreadHangs) {
   const auto hang = [] {
     watchExit();
-    test::TempDir dir;
+    TempDir dir;
     ::mkfifo((dir.path() / "ca.pem").c_str(), 0600);  // nobody ever writes to it
     ::setenv("SSL_CERT_FILE", (dir.path() / "ca.pem").c_str(), 1);
     std::promise<void> connected;
@@ -208,7 +181,7 @@ TEST_F(Ending, ComesInTimeWhenTheSessionsThreadHangs) {
       connected.set_value();
       RawServer::waitForPeerToLeave(connection);
     });
-    test::start({"https://" + server.host()});
+    start({"https://" + server.host()});
     connected.get_future().wait();
     exitInTime(!Activity::waitUntilIdle(Seconds(0.3)));
   };
@@ -222,10 +195,10 @@ TEST(Session, SendsWhatHasWaitedForItsThread) {
   });
   std::atomic<int> completed{0};
   const auto task = [&] {
-    test::start({server.url()}, [&](auto, auto response, auto) { completed += response.has_value(); });
+    start({server.url()}, [&](auto, auto response, auto) { completed += response.has_value(); });
   };
   {
-    const test::NoThreads none;
+    const NoThreads none;
     task();
   }
   task();
@@ -247,9 +220,8 @@ TEST(Session, DoesNotSpinWhenTheSystemRefusesToPoll) {
     RawServer::send(connection, "HTTP/1.1 204 No Content\r\n\r\n");
   });
   std::promise<int> ended;
-  test::start({server.url()}, [&](auto, auto response, auto error) {
-    ended.set_value(response && !error ? response->statusCode : -1);
-  });
+  start({server.url()},
+        [&](auto, auto response, auto error) { ended.set_value(response && !error ? response->statusCode : -1); });
   asked.get_future().wait();
   rlimit limit{};
   ::getrlimit(RLIMIT_NOFILE, &limit);

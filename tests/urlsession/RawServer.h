@@ -8,13 +8,17 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 namespace tarvo::test {
 
-/// A loopback server that speaks byte by byte what a test wants, one connection after the other.
+/// A loopback server that speaks byte by byte what a test wants: one connection after the other, or each on a thread of
+/// its own and open until the end.
 class RawServer {
  public:
-  explicit RawServer(std::function<void(int connection)> serve) : socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
+  explicit RawServer(std::function<void(int connection)> serve, bool sideBySide = false)
+      : socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -23,9 +27,21 @@ class RawServer {
     if (::bind(socket_, generic, size) != 0 || ::listen(socket_, 16) != 0) throw std::runtime_error("no server");
     ::getsockname(socket_, generic, &size);
     port_ = ntohs(address.sin_port);
-    thread_ = std::thread([this, serve = std::move(serve)] {
-      for (int connection; (connection = ::accept(socket_, nullptr, nullptr)) >= 0; ::close(connection))
-        serve(connection);
+    thread_ = std::thread([this, sideBySide, serve = std::move(serve)] {
+      std::vector<std::pair<int, std::thread>> open;
+      for (int connection; (connection = ::accept(socket_, nullptr, nullptr)) >= 0;) {
+        if (sideBySide) {
+          open.emplace_back(connection, std::thread(serve, connection));
+        } else {
+          serve(connection);
+          ::close(connection);
+        }
+      }
+      for (auto& [connection, thread] : open) ::shutdown(connection, SHUT_RDWR);
+      for (auto& [connection, thread] : open) {
+        thread.join();
+        ::close(connection);
+      }
     });
   }
   ~RawServer() {

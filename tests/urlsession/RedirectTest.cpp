@@ -1,31 +1,16 @@
-#include <gtest/gtest.h>
 #include <openssl/conf.h>
 
 #include <fstream>
 
 #include "platform/foundation/SerialQueue.h"
 #include "platform/foundation/Text.h"
-#include "platform/urlsession/URLSession.h"
-#include "support/TempDir.h"
 #include "urlsession/Fetch.h"
-#include "urlsession/RawServer.h"
 #include "urlsession/Servers.h"
 
 namespace tarvo::platform {
 namespace {
 
-using test::fetch;
-using test::Outcome;
-using test::RawServer;
-
-/// The certificate of the test's servers is trusted, and nothing else.
-struct Trusted : test::SelfSigned {
-  Trusted() {
-    std::ofstream(dir.path() / "ca.pem") << pem();
-    ::setenv("SSL_CERT_FILE", (dir.path() / "ca.pem").c_str(), 1);
-  }
-  test::TempDir dir;
-};
+using namespace test;
 
 /// Answers ".../STATUS?LOCATION" with just that, all else with 200.
 std::string redirectAsAsked(const std::string& head) {
@@ -89,7 +74,7 @@ struct Hosts : Trusted {
     }
   }
   void serveTls(int connection) {
-    test::answerOverTls(connection, *this, TLS1_3_VERSION, [this](const std::string& head) { return answer(head); });
+    answerOverTls(connection, *this, TLS1_3_VERSION, [this](const std::string& head) { return answer(head); });
   }
   int asked = 0;
   std::string last;
@@ -132,7 +117,7 @@ TEST(Redirect, TakesNoBodyToAnotherHostAndNobodyFromOutsideToThisOne) {
     hosts.asked = 0;
     URLRequest request{from + to, method == "FILE" ? "POST" : method};
     if (method == "POST" || method == "PUT") request.httpBody = "positions";
-    const Outcome outcome = method == "FILE" ? test::upload(request, body, queue) : fetch(request);
+    const Outcome outcome = method == "FILE" ? upload(request, body, queue) : fetch(request);
     EXPECT_EQ(outcome.status(), status);
     EXPECT_EQ(outcome.code(), code);
     EXPECT_EQ(hosts.asked, asked);
@@ -147,7 +132,7 @@ TEST(Tls, IsOfVersion12AtLeastWhateverTheSystemAllows) {
          "CipherString = DEFAULT@SECLEVEL=0\n";
   ASSERT_EQ(CONF_modules_load_file((trusted.dir.path() / "openssl.cnf").c_str(), nullptr, 0), 1);
   for (const int version : {TLS1_VERSION, TLS1_1_VERSION, TLS1_2_VERSION, TLS1_3_VERSION}) {
-    RawServer server([&](int connection) { test::answerOverTls(connection, trusted, version, redirectAsAsked); });
+    RawServer server([&](int connection) { answerOverTls(connection, trusted, version, redirectAsAsked); });
     const Outcome outcome = fetch({"https://" + server.host()});
     EXPECT_EQ(outcome.status(), version >= TLS1_2_VERSION ? 200 : 0) << version;
     EXPECT_EQ(outcome.code(), version >= TLS1_2_VERSION ? 0 : urlError::secureConnectionFailed) << version;

@@ -1,25 +1,16 @@
 #include "platform/urlsession/URLSession.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
-#include <fstream>
 #include <set>
 
 #include "platform/foundation/Activity.h"
-#include "support/TempDir.h"
 #include "urlsession/Fetch.h"
-#include "urlsession/RawServer.h"
 #include "urlsession/Servers.h"
 
 namespace tarvo::platform {
 namespace {
 
-using test::fetch;
-using test::Outcome;
-using test::RawServer;
-using test::Running;
-using test::Tls;
+using namespace test;
 
 TEST(URLSession, SendsWhatWasGivenAndNothingElse) {
   std::string head;
@@ -141,11 +132,11 @@ TEST(URLSession, StartsTheTimeoutOfAWaitingTaskWithItsTurn) {
   RawServer server(&RawServer::waitForPeerToLeave);
   URLRequest request{server.url()};
   request.timeoutInterval = Seconds(0.2);
-  const auto start = std::chrono::steady_clock::now();
+  const auto began = std::chrono::steady_clock::now();
   std::vector<std::int64_t> codes;
-  for (int i = 0; i < 17; ++i) test::start(request, [&](auto, auto, auto error) { codes.push_back(error->code); });
+  for (int i = 0; i < 17; ++i) start(request, [&](auto, auto, auto error) { codes.push_back(error->code); });
   EXPECT_TRUE(Activity::waitUntilIdle(Seconds(30)));
-  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(600)) << "eight, eight and one";
+  EXPECT_GE(std::chrono::steady_clock::now() - began, std::chrono::milliseconds(600)) << "eight, eight and one";
   EXPECT_EQ(codes, std::vector<std::int64_t>(17, urlError::timedOut));
 }
 
@@ -182,32 +173,15 @@ TEST(URLSession, CompletesEachTaskOnceAndOneAtATime) {
   EXPECT_EQ(wrong, 0) << "side by side, inside of resume or with another's answer";
 }
 
-TEST(URLSession, LeavesLoopbackOutOfTheProxy) {
-  std::string seen;
-  RawServer proxy([&seen](int connection) {
-    seen = RawServer::readHead(connection);
-    RawServer::send(connection, "HTTP/1.1 203 Proxy\r\nConnection: close\r\n\r\n");
-  });
-  Running server;
-  ::setenv("http_proxy", proxy.url().c_str(), 1);
-  ::unsetenv("no_proxy");
-  EXPECT_EQ(fetch({server.url("/")}).status(), 404);
-  EXPECT_EQ(fetch({"http://backend.invalid/x"}).status(), 203);
-  EXPECT_TRUE(seen.starts_with("GET http://backend.invalid/x HTTP/1.1\r\n")) << seen;
-}
-
 TEST(URLSession, RefusesACertificateThatNobodyVouchesFor) {
-  Tls server;
+  Tls<SelfSigned> server;
   const Outcome outcome = fetch({server.url()});
   EXPECT_EQ(outcome.code(), urlError::serverCertificateUntrusted) << outcome.error->description();
   EXPECT_FALSE(outcome.response);
 }
 
 TEST(URLSession, KeepsSecureConnections) {
-  Tls server;
-  test::TempDir dir;
-  std::ofstream(dir.path() / "ca.pem") << server.pem();
-  ::setenv("SSL_CERT_FILE", (dir.path() / "ca.pem").c_str(), 1);
+  Tls<Trusted> server;
   std::set<int> ports;
   server.Get("/", [&ports](const httplib::Request& request, httplib::Response&) { ports.insert(request.remote_port); });
   for (int i = 0; i < 3; ++i) EXPECT_EQ(fetch({server.url()}).status(), 200);
@@ -217,8 +191,7 @@ TEST(URLSession, KeepsSecureConnections) {
 TEST(URLSessionDeathTest, EndsQuietlyWithTransfersInFlight) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   // The process that ends runs this test again; the server stays here.
-  test::TempDir dir;
-  std::optional<Tls> server;
+  std::optional<Tls<Trusted>> server;
   std::atomic<int> sent{0};
   if (::getenv("ENDLESS_SERVER") == nullptr) {
     server.emplace();
@@ -232,13 +205,11 @@ TEST(URLSessionDeathTest, EndsQuietlyWithTransfersInFlight) {
     server->Get("/flowing", [&sent](const httplib::Request&, httplib::Response&) {
       for (int seen = 0; seen < 100; seen = sent) sent.wait(seen);
     });
-    std::ofstream(dir.path() / "ca.pem") << server->pem();
-    ::setenv("SSL_CERT_FILE", (dir.path() / "ca.pem").c_str(), 1);
     ::setenv("ENDLESS_SERVER", server->url().c_str(), 1);
   }
   const auto exitInTransfer = [] {
     const std::string url = ::getenv("ENDLESS_SERVER");
-    for (int i = 0; i < 4; ++i) test::start({url}, [](auto, auto, auto) { std::abort(); });
+    for (int i = 0; i < 4; ++i) start({url}, [](auto, auto, auto) { std::abort(); });
     std::exit(fetch({url + "flowing"}).status() == 200 ? 0 : 1);
   };
   EXPECT_EXIT(exitInTransfer(), testing::ExitedWithCode(0), "");
