@@ -31,20 +31,23 @@ TEST_F(Facade, GatesReadsByTheMode) {
   engine().addNewPOI({{{"poi_id", 1}, {"zone_geo_json", platform::Dictionary{}}}});
   waitUntilIdle();
   EXPECT_EQ(tarvo.getPointOfInterests(), std::vector<std::string>{"{}"});
-  const struct {
-    std::int64_t mode;
-    bool raw, extrapolated, trip, position;
-  } cases[] = {{-4, false, false, false, false}, {-1, false, false, false, true}, {0, false, false, false, true},
-               {3, false, false, false, true},   {4, true, false, false, true},   {7, true, false, false, true},
-               {8, true, true, false, true},     {12, true, true, true, true}};
-  for (const auto& wanted : cases) {
-    Tarvo::setACTIVATE_STATUS(wanted.mode);
-    EXPECT_EQ(tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {}).has_value(), wanted.raw) << wanted.mode;
-    EXPECT_EQ(tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_EXTRAPOLATED, {}, {}).has_value(), wanted.extrapolated)
-        << wanted.mode;
-    EXPECT_FALSE(tarvo.getLocationHistory(3, {}, {}));
-    EXPECT_EQ(tarvo.getNextTrip().has_value(), wanted.trip) << wanted.mode;
-    EXPECT_EQ(tarvo.getCurrentLocation().has_value(), wanted.position) << wanted.mode;
+  const std::pair<std::int64_t, const char*> gates[] = {{-4, ""},
+                                                        {-1, "position"},
+                                                        {0, "position"},
+                                                        {3, "position"},
+                                                        {4, "raw position"},
+                                                        {7, "raw position"},
+                                                        {8, "raw trips position"},
+                                                        {12, "raw trips prediction position"}};
+  for (const auto& [mode, open] : gates) {
+    Tarvo::setACTIVATE_STATUS(mode);
+    std::string got;
+    if (tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {})) got += "raw ";
+    if (tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_EXTRAPOLATED, {}, {})) got += "trips ";
+    if (tarvo.getLocationHistory(3, {}, {})) got += "other ";
+    if (tarvo.getNextTrip()) got += "prediction ";
+    if (tarvo.getCurrentLocation()) got += "position";
+    EXPECT_EQ(got, open) << mode;
   }
   Tarvo::setACTIVATE_STATUS(12);
   tarvo.resetLocalHistory();
@@ -129,22 +132,18 @@ TEST_F(Facade, AsksForThePermissionThatTheModeNeedsAndAnswersTheStatusBefore) {
     waitUntilIdle();
   }
   EXPECT_EQ(asked, "whenInUse always always ");
-  const struct {
-    CLAuthorizationStatus status;
-    std::int64_t mode;
-    bool alerts;
-  } cases[] = {{CLAuthorizationStatus::authorizedAlways, 0, false},
-               {CLAuthorizationStatus::authorizedWhenInUse, 8, false},
-               {CLAuthorizationStatus::restricted, 8, false},
-               {CLAuthorizationStatus::denied, 4, true}};
-  for (const auto& wanted : cases) {
-    LocationService::shared().setAuthorizationStatus(wanted.status);
-    EXPECT_EQ(engine().checkAndRequestLocationAuthorization(wanted.mode), wanted.status);
+  const std::tuple<CLAuthorizationStatus, std::int64_t, std::size_t> cases[] = {
+      {CLAuthorizationStatus::authorizedAlways, 0, 0},
+      {CLAuthorizationStatus::authorizedWhenInUse, 8, 0},
+      {CLAuthorizationStatus::restricted, 8, 0},
+      {CLAuthorizationStatus::denied, 4, 2}};  // once by the activation, once by the start that it causes
+  for (const auto& [status, mode, alerts] : cases) {
+    LocationService::shared().setAuthorizationStatus(status);
+    EXPECT_EQ(engine().checkAndRequestLocationAuthorization(mode), status);
     diary.clear();
     tarvo.activate(Tarvo::DEACTIVE_ALL);
-    tarvo.activate(wanted.mode);
-    // Once by the activation, once by the start that it causes.
-    EXPECT_EQ(diary.count("requestAgainLocationAuthorization"), wanted.alerts ? 2u : 0u);
+    tarvo.activate(mode);
+    EXPECT_EQ(diary.count("requestAgainLocationAuthorization"), alerts);
     waitUntilIdle();
   }
 }
@@ -300,38 +299,8 @@ struct Thrower : TarvoDelegate, platform::LocationSource, platform::HostApplicat
 TEST_F(Facade, EndsTheProcessWithTheNameOfACallbackThatThrows) {
   const auto host = std::make_shared<Thrower>();
   platform::setSystemLogSink({});
-  const std::pair<const char*, std::function<void(Tarvo&)>> cases[] = {
-      {"tarvoDidReceiveNewLocations threw an exception: mine", [&](Tarvo&) { drive(1); }},
-      {"tarvoOnRouteMatched threw",
-       [](Tarvo&) {
-         engine().addNewLastTrip({{{"pasttrip_id", 7}}});
-       }},
-      {"tarvoOnPredictionUpdate threw", [](Tarvo&) { EngineLink::current().predictionStored(); }},
-      {"the completion handler of background events threw",
-       [](Tarvo& tarvo) { tarvo.handleEventsForBackgroundURLSession(Tarvo::backgroundSessionID(), Thrower::fail); }},
-      {"registerForRemoteNotifications threw",
-       [&](Tarvo&) {
-         platform::setHostApplication(host);
-         platform::UIApplication::shared().registerForRemoteNotifications();
-       }},
-      {"LocationSource::start threw", [&](Tarvo&) { LocationService::shared().setSource(host); }},
-      {"a block of the main queue threw an exception\n",
-       [](Tarvo&) { platform::MainQueue::main().async([] { throw 7; }); }},
-      {"the system log's sink threw",
-       [](Tarvo& tarvo) {
-         platform::setSystemLogSink([](std::string_view) { Thrower::fail(); });
-         tarvo.stopLocationUpdate();
-       }},
-      // The permission is kept in the home.
-      {"the permission prompt threw",
-       [](Tarvo& tarvo) {
-         LocationService::shared().setPrompt([](auto) { Thrower::fail(); });
-         LocationService::shared().setAuthorizationStatus(CLAuthorizationStatus::notDetermined);
-         tarvo.getCurrentLocation();
-       }},
-  };
-  for (const auto& [message, provoke] : cases) {
-    const auto inChild = [&provoke = provoke, host] {
+  const auto expect = [&](const std::string& message, const std::function<void(Tarvo&)>& provoke) {
+    const auto inChild = [&] {
       Tarvo tarvo;
       tarvo.setDelegate(host);
       tarvo.activate(Tarvo::LOCAL_BACKGROUND);
@@ -340,8 +309,36 @@ TEST_F(Facade, EndsTheProcessWithTheNameOfACallbackThatThrows) {
       provoke(tarvo);
       waitUntilIdle();
     };
-    EXPECT_DEATH(inChild(), std::string("Fatal error: ") + message) << message;
-  }
+    EXPECT_DEATH(inChild(), "Fatal error: " + message) << message;
+  };
+  expect("tarvoDidReceiveNewLocations threw an exception: mine", [this](Tarvo&) { drive(1); });
+  expect("tarvoOnRouteMatched threw", [](Tarvo&) {
+    engine().addNewLastTrip({platform::Dictionary{{"pasttrip_id", 7}}});
+  });
+  expect("tarvoOnPredictionUpdate threw", [](Tarvo&) { EngineLink::current().predictionStored(); });
+  expect("the completion handler of background events threw",
+         [](Tarvo& tarvo) { tarvo.handleEventsForBackgroundURLSession(Tarvo::backgroundSessionID(), Thrower::fail); });
+  expect("registerForRemoteNotifications threw", [&](Tarvo&) {
+    platform::setHostApplication(host);
+    platform::UIApplication::shared().registerForRemoteNotifications();
+  });
+  expect("LocationSource::start threw", [&](Tarvo&) { LocationService::shared().setSource(host); });
+  expect("a block of the main queue threw an exception\n",
+         [](Tarvo&) { platform::MainQueue::main().async([] { throw 7; }); });
+  expect("the system log's sink threw", [](Tarvo& tarvo) {
+    platform::setSystemLogSink([](std::string_view) { Thrower::fail(); });
+    tarvo.stopLocationUpdate();
+  });
+  // Last: the permission is kept in the home.
+  expect("the permission prompt threw", [](Tarvo& tarvo) {
+    LocationService::shared().setPrompt([](auto) { Thrower::fail(); });
+    LocationService::shared().setAuthorizationStatus(CLAuthorizationStatus::notDetermined);
+    tarvo.getCurrentLocation();
+  });
+}
+
+TEST_F(Facade, StopsTheProcessOnlyWhenThereIsNowhereForTheStore) {
+  platform::setSystemLogSink({});
   platform::setDocumentDirectories({});
   EXPECT_DEATH(Tarvo(), "Fatal error: there is no document directory");
 }

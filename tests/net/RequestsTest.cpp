@@ -102,12 +102,6 @@ TEST_F(Requests, AreAnsweredAfterTheirClientIsGone) {
   EXPECT_EQ(log.count("engine: mark 0-9"), 1u);
 }
 
-TEST_F(Requests, ReachLoopbackOverAnyNetworkAndNoEmptyName) {
-  EXPECT_TRUE(NetworkManager::isWebServerReachable(false, backend.address()));
-  EXPECT_TRUE(NetworkManager::isWebServerReachable(true, "localhost"));
-  EXPECT_FALSE(NetworkManager::isWebServerReachable(false, ""));
-}
-
 TEST_F(Requests, ReadTheSecretAgainWithEachClient) {
   defaults.set("uuid_secret_key", "stored");
   client();

@@ -86,16 +86,14 @@ struct Hosts : Trusted {
 TEST(Redirect, TakesNoBodyToAnotherHostAndNobodyFromOutsideToThisOne) {
   Hosts hosts;
   const std::string here = hosts.plain.url("/end"), hereSecured = "https://" + hosts.secured.host() + "/302?";
-  const std::string remote = "http://backend.invalid/", secured = "https://backend.invalid/";
-  const std::string other = "http://other.invalid/end";
+  const std::string remote = "http://backend.invalid/", secured = "https://backend.invalid/",
+                    other = "http://other.invalid/end";
   constexpr int refused = urlError::secureConnectionFailed;
-  struct Case {
+  const struct {
     std::string method, from, to;
-    int asked, status;
-    int code = 0;
+    int asked, status, code = 0;
     const char* last = "";
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"GET", secured + "302?", here, 1, 302, refused},
       {"POST", secured + "307?", here, 1, 307, refused},
       {"POST", secured + "307?", remote + "end", 1, 307, refused},
