@@ -17,8 +17,9 @@ namespace tarvo::test {
 /// its own and open until the end.
 class RawServer {
  public:
-  explicit RawServer(std::function<void(int connection)> serve, bool sideBySide = false)
-      : socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
+  enum Order { oneByOne, sideBySide };
+  explicit RawServer(std::function<void(int connection)> serve) : RawServer(oneByOne, std::move(serve)) {}
+  RawServer(Order order, std::function<void(int connection)> serve) : socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -27,10 +28,10 @@ class RawServer {
     if (::bind(socket_, generic, size) != 0 || ::listen(socket_, 16) != 0) throw std::runtime_error("no server");
     ::getsockname(socket_, generic, &size);
     port_ = ntohs(address.sin_port);
-    thread_ = std::thread([this, sideBySide, serve = std::move(serve)] {
+    thread_ = std::thread([this, order, serve = std::move(serve)] {
       std::vector<std::pair<int, std::thread>> open;
       for (int connection; (connection = ::accept(socket_, nullptr, nullptr)) >= 0;) {
-        if (sideBySide) {
+        if (order == sideBySide) {
           open.emplace_back(connection, std::thread(serve, connection));
         } else {
           serve(connection);
