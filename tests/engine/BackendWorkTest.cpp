@@ -18,25 +18,20 @@ class BackendWork : public test::WholeSdk {
  protected:
   using Counts = std::array<std::size_t, 3>;
 
-  /// Prediction, trips and places asked for since the last call.
-  Counts downloads() {
+  /// Prediction, trips and places asked for after one position is posted and answered.
+  Counts downloadsOfABatch() {
+    collect(1);
+    settle();
     const Counts counts{diary.count("NetworkManager:getNextTrip :[called]"),
                         diary.count("NetworkManager:getLocationHistoryEXTRAPOLATED [api] "),
                         diary.count("NetworkManager:getPOI : called")};
     diary.clear();
     return counts;
   }
-  /// One position, posted and answered.
-  void batch() {
-    collect(1);
-    settle();
-  }
   std::filesystem::path logOf(const std::string& day) const {
     return home.path() / "Documents" / ("TarvoLog_" + day + "_" + LocationManager::userUUID().value() + "_IOS.txt");
   }
   static bool exists(const std::filesystem::path& file) { return std::filesystem::exists(file); }
-
-  const platform::Dictionary push{{"messageFrom", "tarvo"}};
 };
 
 TEST_F(BackendWork, DownloadsWhatDiffersFromWhatIsHeldAndTellsTheHost) {
@@ -49,19 +44,14 @@ TEST_F(BackendWork, DownloadsWhatDiffersFromWhatIsHeldAndTellsTheHost) {
   tarvo.setDelegate(host);
   tarvo.requestRouteMatch();
   diary.clear();
-  batch();
-  EXPECT_EQ(downloads(), (Counts{1, 1, 1}));
+  EXPECT_EQ(downloadsOfABatch(), (Counts{1, 1, 1}));
   EXPECT_EQ(host->matched, std::vector<std::int64_t>{43}) << "the newest trip alone, once for each download";
   EXPECT_EQ(host->predictions, 0) << "not asked for";
-  const auto trip = tarvo.getNextTrip();
-  ASSERT_TRUE(trip);
-  EXPECT_EQ(trip->id, 7);
-  EXPECT_GE(trip->toLocations().value().size(), 2u);
+  EXPECT_EQ(tarvo.getNextTrip().value().id, 7);
+  EXPECT_GE(tarvo.getNextTrip()->toLocations().value().size(), 2u);
   EXPECT_EQ(tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_EXTRAPOLATED, {}, {})->pasttrips.size(), 3u);
-  const std::size_t places = tarvo.getPointOfInterests().size();
-  EXPECT_GE(places, 2u);
-  batch();
-  EXPECT_EQ(downloads(), (Counts{0, 0, 0}));
+  EXPECT_EQ(tarvo.getPointOfInterests().size(), 3u);
+  EXPECT_EQ(downloadsOfABatch(), (Counts{0, 0, 0}));
 
   // Other counters: places fail at first, the list of trips ends below what was announced.
   tarvo.requestPredictionUpdate();
@@ -71,55 +61,38 @@ TEST_F(BackendWork, DownloadsWhatDiffersFromWhatIsHeldAndTellsTheHost) {
   canned.poiVersion = 6;
   backend.serve(canned);
   backend.faults().answerNext("pois", 1, 500);
-  downloads();
-  batch();
-  EXPECT_EQ(downloads(), (Counts{1, 1, 1}));
-  EXPECT_EQ(host->predictions, 1);
-  EXPECT_EQ(host->matched.size(), 2u);
-  EXPECT_EQ(tarvo.getPointOfInterests().size(), places);
-  batch();
-  EXPECT_EQ(downloads(), (Counts{1, 1, 1})) << "each asks again until what it holds is what was announced";
+  diary.clear();
+  EXPECT_EQ(downloadsOfABatch(), (Counts{1, 1, 1}));
+  EXPECT_EQ(tarvo.getPointOfInterests().size(), 3u);
+  EXPECT_EQ(downloadsOfABatch(), (Counts{1, 1, 1})) << "each asks again until what it holds is what was announced";
   EXPECT_EQ(UserDefaults::standard().integer("poi_version"), 6);
-  batch();
-  EXPECT_EQ(downloads(), (Counts{1, 1, 0}));
+  EXPECT_EQ(downloadsOfABatch(), (Counts{1, 1, 0}));
   tarvo.stopRouteMatch();
   tarvo.stopPredictionUpdate();
-  batch();
+  downloadsOfABatch();
   EXPECT_EQ(host->predictions, 3);
   EXPECT_EQ(host->matched.size(), 4u);
 }
 
-TEST_F(BackendWork, ALogFileGoesOnTheNextDayAndIsDeletedWhenTheBackendHoldsIt) {
-  startBackend();
+TEST_F(BackendWork, ALogFileIsDeletedOnlyWhenTheBackendSaysThatItHoldsIt) {
   UserDefaults::standard().set("tarvologlevel", 3);
-  Tarvo tarvo = registered();
-  drive(2);
-  const auto first = logOf("2024-06-15");
-  ASSERT_TRUE(exists(first));
-  tarvo.didReceiveRemoteNotification(push);
-  waitUntilIdle();
-  EXPECT_EQ(backend.holdings().logs, 0) << "never today's";
-
-  clock->advanceTo(platform::dateSince1970(1718496000));  // midnight
-  const auto host = first.parent_path() / "host.txt";
+  Tarvo tarvo = online();
+  drive(1);
+  const auto log = logOf("2024-06-15"), host = log.parent_path() / "host.txt";
+  ASSERT_TRUE(exists(log));
   ASSERT_FALSE(platform::writeFileAtomically(host, "the host's own", false));
-  const char* refusals[] = {"{\"success\":false}", "{\"success\":true,\"results\":\"seen\"}", "Files is not uploaded",
-                            "{\"success\":true,\"results\":\"uploaded\",\"file\":\"host.txt\"}"};
-  for (const char* refusal : refusals) {
+  clock->advanceTo(platform::dateSince1970(1718496000));  // midnight
+  for (const char* refusal : {"{\"success\":false}", "{\"success\":true,\"results\":\"seen\"}", "Files is not uploaded",
+                              "{\"success\":true,\"results\":\"uploaded\",\"file\":\"host.txt\"}"}) {
     backend.faults().answerNext("uplog", 1, 200, refusal);
-    tarvo.didReceiveRemoteNotification(push);
-    waitUntilIdle();
-    EXPECT_TRUE(exists(first) && exists(host)) << refusal;
+    push(tarvo);
+    EXPECT_TRUE(exists(log) && exists(host)) << refusal;
   }
-  tarvo.didReceiveRemoteNotification(push);
-  waitUntilIdle();
-  EXPECT_FALSE(exists(first));
+  push(tarvo);
+  EXPECT_FALSE(exists(log));
   EXPECT_TRUE(exists(logOf("2024-06-16")));
-  EXPECT_EQ(backend.holdings().logs, 1);
-  auto kept = platform::readFile(backend.logs() / first.filename());
-  ASSERT_TRUE(kept);
-  EXPECT_TRUE(kept->starts_with("[[2024-06-15T10:")) << "without the multipart frame";
-  EXPECT_EQ(kept->find("--boundary"), std::string::npos);
+  auto kept = platform::readFile(backend.logs() / log.filename());
+  EXPECT_TRUE(kept && kept->starts_with("[[2024-06-15T10:")) << "without the multipart frame";
 }
 
 /// A home whose last process was killed while it uploaded a log file, and the backend that waits for that file.
@@ -140,7 +113,7 @@ class AfterAKill : public BackendWork {
       drive(2);
       clock->advance(Seconds(86400));
       first.faults().hangNext("uplog", 1);
-      tarvo.didReceiveRemoteNotification(push);
+      tarvo.didReceiveRemoteNotification({{"messageFrom", "tarvo"}});
       const int port = first.faults().waitUntilHanging(1, std::chrono::seconds(30)) ? first.port() : 0;
       if (::write(ports[1], &port, sizeof port) == sizeof port) ::raise(SIGKILL);
       ::_exit(1);
@@ -156,6 +129,18 @@ class AfterAKill : public BackendWork {
     ASSERT_TRUE(LocationManager::setRemoteWebServerURL(backend.baseURL()));
   }
 
+  void expectCompleted(bool completed) {
+    waitUntilIdle();
+    EXPECT_EQ(backend.holdings().logs, completed ? 1 : 0);
+    EXPECT_EQ(exists(logOf("2024-06-15")), !completed);
+  }
+  /// Hands over the events of the background session, which are finished on return.
+  static void wake(Tarvo& tarvo) {
+    int finished = 0;
+    EXPECT_TRUE(tarvo.handleEventsForBackgroundURLSession(Tarvo::backgroundSessionID(), [&] { ++finished; }));
+    waitUntilIdle();
+    EXPECT_EQ(finished, 1);
+  }
   /// The upload rests in local modes and goes on with `start`, in a backend mode.
   void restsUntil(void (*start)(Tarvo& tarvo)) {
     Tarvo tarvo;
@@ -163,38 +148,28 @@ class AfterAKill : public BackendWork {
     platform::UIApplication::shared().didFinishLaunching();
     tarvo.activate(Tarvo::LOCAL_BACKGROUND);
     tarvo.serviceConnect();
-    int finished = 0;
-    EXPECT_TRUE(tarvo.handleEventsForBackgroundURLSession(Tarvo::backgroundSessionID(), [&] { ++finished; }));
-    waitUntilIdle();
-    EXPECT_EQ(backend.holdings().logs, 0);
-    EXPECT_EQ(finished, 1) << "nothing is waited for";
+    wake(tarvo);
+    expectCompleted(false);
     start(tarvo);
-    waitUntilIdle();
-    EXPECT_EQ(backend.holdings().logs, 1);
-    EXPECT_FALSE(exists(logOf("2024-06-15")));
+    expectCompleted(true);
   }
 };
 
 TEST_F(AfterAKill, TheUploadGoesOnWhenTheHostIsWoken) {
   Tarvo tarvo;
-  int finished = 0;
-  EXPECT_FALSE(tarvo.handleEventsForBackgroundURLSession("another", [&] { finished += 100; }));
-  EXPECT_TRUE(tarvo.handleEventsForBackgroundURLSession(Tarvo::backgroundSessionID(), [&] { ++finished; }));
-  waitUntilIdle();
-  EXPECT_EQ(backend.holdings().logs, 1);
-  EXPECT_EQ(finished, 1);
-  EXPECT_FALSE(exists(logOf("2024-06-15")));
+  EXPECT_FALSE(tarvo.handleEventsForBackgroundURLSession("another", [] { FAIL() << "another's handler"; }));
+  wake(tarvo);
+  expectCompleted(true);
   EXPECT_EQ(diary.count("sendLogToRemoteWebServer"), 0u) << "nothing new was sent";
 }
 
 TEST_F(BackendWork, StopsBeforeItStoresTripsWhoseIdentifiersItCannotTake) {
-  using Trips = std::vector<platform::Dictionary>;
   const auto trip = [](platform::Value id) { return platform::Dictionary{{"pasttrip_id", std::move(id)}}; };
   const platform::Dictionary without{{"arrival_lat", 48.5}};
-  const Trips bad[] = {{trip(7), trip(7.5)},     {trip(7), trip(9223372036854775808.0)},
-                       {trip(7), trip("8")},     {trip(7), trip(true)},
-                       {trip(nullptr), trip(7)}, {without}};
-  for (const Trips& trips : bad) {
+  const std::vector<platform::Dictionary> bad[] = {{trip(7), trip(7.5)},     {trip(7), trip(9223372036854775808.0)},
+                                                   {trip(7), trip("8")},     {trip(7), trip(true)},
+                                                   {trip(nullptr), trip(7)}, {without}};
+  for (const auto& trips : bad) {
     const pid_t child = ::fork();  // no thread runs yet
     ASSERT_GE(child, 0);
     if (child == 0) {

@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "engine/GeofenceRadii.h"
+#include "platform/foundation/Text.h"
 
 namespace tarvo {
 namespace {
@@ -24,10 +25,11 @@ TEST_F(Engine, IsBuiltOnceForAllThreadsAndProbesWhatTheDeviceHas) {
   for (auto& thread : threads) thread.join();
   for (auto* engine : seen) EXPECT_EQ(engine, seen.front());
   EXPECT_EQ(diary.count("LocationManager:init [loc] [init] mainThread:"), 1u);
-  EXPECT_EQ(diary.count("STANDARD-LOCATION-SERVICE:true"), 1u);
-  EXPECT_EQ(diary.count("SIGNIFICANT-LOCATION-CHANGE-SERVICE:true"), 0u);
-  EXPECT_EQ(diary.count("HEADING-INFORMATION-SERVICE:true"), 1u);
-  EXPECT_EQ(diary.count("REGION-MONITORING-SERVICE:true"), 1u);
+  for (const auto& [service, times] : {std::pair("STANDARD-LOCATION-SERVICE", 1u),
+                                       {"SIGNIFICANT-LOCATION-CHANGE-SERVICE", 0u},
+                                       {"HEADING-INFORMATION-SERVICE", 1u},
+                                       {"REGION-MONITORING-SERVICE", 1u}})
+    EXPECT_EQ(diary.count(platform::concat(service, ":true")), times) << service;
   auto& parts = engine().parts();
   EXPECT_FALSE(parts.locationManager.allowsBackgroundLocationUpdates()) << "switched on from platform level 9 only";
   EXPECT_EQ(parts.locationManager.distanceFilter(), 20.0);
@@ -46,21 +48,17 @@ TEST_F(Engine, StoresEveryDeliveredFixAndMeasuresGeofencesOnlyASecondApart) {
   EXPECT_EQ(parts.locationManager.monitoredRegions().size(), 5u);
   diary.clear();
   clock->advance(Seconds(0.999));
-  LocationService::shared().deliver({fixAt(49, kStart + 10)});
-  waitUntilIdle();
+  deliver(fixAt(49, kStart + 10));
   EXPECT_EQ(diary.count("[geofence]"), 0u);
   clock->advance(Seconds(1.0));
-  LocationService::shared().deliver({fixAt(50, kStart + 11)});
-  waitUntilIdle();
+  deliver(fixAt(50, kStart + 11));
   EXPECT_EQ(diary.count("[geofence] geofenceAge:"), 1u);
   EXPECT_EQ(diary.count("LocationManager.startGeofencing [loc] [geofence] region:"), 5u);
   EXPECT_EQ(engine().syncStatus().stored, 3);
   // Armed at this fix, so "rms-scls"; the next one is stored as "scls".
   EXPECT_EQ(parts.state.currentLocalisationMethod.get(), "rms-scls");
   drive(1);
-  const auto history = tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {});
-  ASSERT_TRUE(history);
-  const auto stored = history->locations.toVector();
+  const auto stored = records();
   EXPECT_EQ(stored.back().localisationMethod, "scls");
   EXPECT_EQ(stored.front().localisationMethod, "unknown");
   EXPECT_EQ(stored.front().appName, "ios:org.example.host");

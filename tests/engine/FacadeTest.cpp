@@ -31,27 +31,29 @@ TEST_F(Facade, GatesReadsByTheMode) {
   engine().addNewPOI({{{"poi_id", 1}, {"zone_geo_json", platform::Dictionary{}}}});
   waitUntilIdle();
   EXPECT_EQ(tarvo.getPointOfInterests(), std::vector<std::string>{"{}"});
-  const struct {
-    std::int64_t mode;
-    bool raw, extrapolated, trip, position;
-  } cases[] = {{-4, false, false, false, false}, {-1, false, false, false, true}, {0, false, false, false, true},
-               {3, false, false, false, true},   {4, true, false, false, true},   {7, true, false, false, true},
-               {8, true, true, false, true},     {12, true, true, true, true}};
-  for (const auto& wanted : cases) {
-    Tarvo::setACTIVATE_STATUS(wanted.mode);
-    EXPECT_EQ(tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {}).has_value(), wanted.raw) << wanted.mode;
-    EXPECT_EQ(tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_EXTRAPOLATED, {}, {}).has_value(), wanted.extrapolated)
-        << wanted.mode;
-    EXPECT_FALSE(tarvo.getLocationHistory(3, {}, {}));
-    EXPECT_EQ(tarvo.getNextTrip().has_value(), wanted.trip) << wanted.mode;
-    EXPECT_EQ(tarvo.getCurrentLocation().has_value(), wanted.position) << wanted.mode;
+  const std::pair<std::int64_t, const char*> gates[] = {{-4, ""},
+                                                        {-1, "position"},
+                                                        {0, "position"},
+                                                        {3, "position"},
+                                                        {4, "raw position"},
+                                                        {7, "raw position"},
+                                                        {8, "raw trips position"},
+                                                        {12, "raw trips prediction position"}};
+  for (const auto& [mode, open] : gates) {
+    Tarvo::setACTIVATE_STATUS(mode);
+    std::string got;
+    if (tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {})) got += "raw ";
+    if (tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_EXTRAPOLATED, {}, {})) got += "trips ";
+    if (tarvo.getLocationHistory(3, {}, {})) got += "other ";
+    if (tarvo.getNextTrip()) got += "prediction ";
+    if (tarvo.getCurrentLocation()) got += "position";
+    EXPECT_EQ(got, open) << mode;
   }
   Tarvo::setACTIVATE_STATUS(12);
   tarvo.resetLocalHistory();
   EXPECT_FALSE(tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_EXTRAPOLATED, {}, {}));
   const auto raw = tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {});
-  ASSERT_TRUE(raw);
-  EXPECT_EQ(raw->locations.size(), 2u);
+  EXPECT_EQ(raw.value().locations.size(), 2u);
   EXPECT_EQ(raw->firstLocation.latitude, raw->locations.toVector()[0].latitude);
 }
 
@@ -78,8 +80,7 @@ TEST_F(Facade, TellsTheNewestObjectOfWholeBatchesUntilToldToStop) {
   const Tarvo moved = std::move(older);
   EXPECT_TRUE(older == moved && older.delegate() == olderHost) << "a handle that was moved from is as good as before";
   newest->activate(Tarvo::LOCAL_BACKGROUND);
-  LocationService::shared().deliver({fixAt(48, kStart), fixAt(48.01, kStart + 1)});
-  waitUntilIdle();
+  deliver(fixAt(48, kStart), fixAt(48.01, kStart + 1));
   EXPECT_EQ(host->batches, std::vector<std::size_t>{2});
   newest->stopLocationUpdate();
   drive(1);
@@ -101,8 +102,7 @@ TEST_F(Facade, TellsTheNewestObjectOfWholeBatchesUntilToldToStop) {
 }
 
 TEST_F(Facade, LetsTheHostStopEverythingFromInsideACallback) {
-  startBackend();
-  Tarvo tarvo = registered();
+  Tarvo tarvo = online();
   auto host = std::make_shared<DiaryDelegate>();
   host->inside = [](Tarvo& self) {
     self.stopLocationUpdate();
@@ -132,22 +132,18 @@ TEST_F(Facade, AsksForThePermissionThatTheModeNeedsAndAnswersTheStatusBefore) {
     waitUntilIdle();
   }
   EXPECT_EQ(asked, "whenInUse always always ");
-  const struct {
-    CLAuthorizationStatus status;
-    std::int64_t mode;
-    bool alerts;
-  } cases[] = {{CLAuthorizationStatus::authorizedAlways, 0, false},
-               {CLAuthorizationStatus::authorizedWhenInUse, 8, false},
-               {CLAuthorizationStatus::restricted, 8, false},
-               {CLAuthorizationStatus::denied, 4, true}};
-  for (const auto& wanted : cases) {
-    LocationService::shared().setAuthorizationStatus(wanted.status);
-    EXPECT_EQ(engine().checkAndRequestLocationAuthorization(wanted.mode), wanted.status);
+  const std::tuple<CLAuthorizationStatus, std::int64_t, std::size_t> cases[] = {
+      {CLAuthorizationStatus::authorizedAlways, 0, 0},
+      {CLAuthorizationStatus::authorizedWhenInUse, 8, 0},
+      {CLAuthorizationStatus::restricted, 8, 0},
+      {CLAuthorizationStatus::denied, 4, 2}};  // once by the activation, once by the start that it causes
+  for (const auto& [status, mode, alerts] : cases) {
+    LocationService::shared().setAuthorizationStatus(status);
+    EXPECT_EQ(engine().checkAndRequestLocationAuthorization(mode), status);
     diary.clear();
     tarvo.activate(Tarvo::DEACTIVE_ALL);
-    tarvo.activate(wanted.mode);
-    // Once by the activation, once by the start that it causes.
-    EXPECT_EQ(diary.count("requestAgainLocationAuthorization"), wanted.alerts ? 2u : 0u);
+    tarvo.activate(mode);
+    EXPECT_EQ(diary.count("requestAgainLocationAuthorization"), alerts);
     waitUntilIdle();
   }
 }
@@ -170,67 +166,47 @@ TEST_F(Facade, TakesThePermissionThatItFindsForNoChange) {
   another.setDelegate(nullptr);
   waitUntilIdle();
   EXPECT_EQ(diary.count("didChangeAuthorization"), 0u);
-  LocationService::shared().setAuthorizationStatus(CLAuthorizationStatus::authorizedWhenInUse);
-  waitUntilIdle();
+  permit(CLAuthorizationStatus::authorizedWhenInUse);
   EXPECT_EQ(diary.count("didChangeAuthorization [loc] status:4"), 1u);
 }
 
 TEST_F(Facade, RecordsChangesOfPermissionAtTheLastKnownPlaceWhileStarted) {
   Tarvo tarvo;
-  LocationService::shared().setAuthorizationStatus(CLAuthorizationStatus::denied);
-  waitUntilIdle();
-  LocationService::shared().setAuthorizationStatus(CLAuthorizationStatus::authorizedAlways);
-  waitUntilIdle();
+  permit(CLAuthorizationStatus::denied);
+  permit(CLAuthorizationStatus::authorizedAlways);
   EXPECT_EQ(diary.count("didChangeAuthorization"), 0u);
-  tarvo.activate(Tarvo::LOCAL_BACKGROUND);
-  waitUntilIdle();
+  activate(tarvo, Tarvo::LOCAL_BACKGROUND);
   diary.clear();
-  for (const auto status : {CLAuthorizationStatus::denied, CLAuthorizationStatus::authorizedWhenInUse}) {
-    LocationService::shared().setAuthorizationStatus(status);
-    waitUntilIdle();
-  }
+  for (const auto status : {CLAuthorizationStatus::denied, CLAuthorizationStatus::authorizedWhenInUse}) permit(status);
   EXPECT_EQ(engine().syncStatus().stored, 0) << "without a last position there is nothing to record";
   drive(1);
   for (const auto status : {CLAuthorizationStatus::restricted, CLAuthorizationStatus::notDetermined,
-                            CLAuthorizationStatus::authorizedAlways}) {
-    LocationService::shared().setAuthorizationStatus(status);
-    waitUntilIdle();
-  }
+                            CLAuthorizationStatus::authorizedAlways})
+    permit(status);
   EXPECT_EQ(diary.count("didChangeAuthorization [loc] unknown status:0"), 1u);
-  const auto history = tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {});
-  ASSERT_TRUE(history);
-  std::vector<std::string> words;
-  for (const auto& record : history->locations.toVector()) words.push_back(record.serviceAction.value_or("?"));
-  EXPECT_EQ(words, (std::vector<std::string>{"loc_changed", "loc_disabled", "loc_enabled"}));
-  EXPECT_EQ(history->locations.toVector()[1].localisationMethod, "event");
+  std::string words;
+  for (const auto& record : records()) words += *record.localisationMethod + "/" + *record.serviceAction + " ";
+  EXPECT_EQ(words, "unknown/loc_changed event/loc_disabled event/loc_enabled ");
 }
 
 TEST_F(Facade, RefreshesForAPushByPermissionAndKeepsOtherSendersOut) {
-  startBackend();
-  Tarvo tarvo = registered();
+  Tarvo tarvo = online();
   drive(1);
-  EXPECT_FALSE(tarvo.didReceiveRemoteNotification({{"messageFrom", "someone"}}));
-  EXPECT_FALSE(tarvo.didReceiveRemoteNotification({{"messageFrom", 1}}));
-  const platform::Dictionary push{{"messageFrom", "tarvo"}};
-  EXPECT_TRUE(tarvo.didReceiveRemoteNotification(push));
-  EXPECT_TRUE(tarvo.didReceiveRemoteNotification(push));
+  const std::pair<platform::Value, bool> senders[] = {{"someone", false}, {1, false}, {"tarvo", true}, {"tarvo", true}};
+  for (const auto& [sender, ours] : senders)
+    EXPECT_EQ(tarvo.didReceiveRemoteNotification({{"messageFrom", sender}}), ours);
   LocationService::shared().setAuthorizationStatus(CLAuthorizationStatus::authorizedWhenInUse);
-  EXPECT_TRUE(tarvo.didReceiveRemoteNotification(push));
-  waitUntilIdle();
+  push(tarvo);
   Tarvo::setACTIVATE_STATUS(4);
-  EXPECT_TRUE(tarvo.didReceiveRemoteNotification(push));
-  waitUntilIdle();
-  const auto history = tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {});
-  ASSERT_TRUE(history);
-  std::vector<std::string> pushed;
-  for (const auto& record : history->locations.toVector())
-    if (record.localisationMethod == "push") pushed.push_back(record.serviceAction.value_or("?"));
-  EXPECT_EQ(pushed, (std::vector<std::string>{"loc_enabled", "loc_refresh", "loc_disabled"}));
+  push(tarvo);
+  std::string pushed;
+  for (const auto& record : records())
+    if (record.localisationMethod == "push") pushed += *record.serviceAction + " ";
+  EXPECT_EQ(pushed, "loc_enabled loc_refresh loc_disabled ");
 }
 
 TEST_F(Facade, KeepsAccountCallsBelowModeEightAndReplaysTagsOnAPush) {
-  startBackend();
-  Tarvo tarvo = registered(Tarvo::LOCAL_BACKGROUND);
+  Tarvo tarvo = online(Tarvo::LOCAL_BACKGROUND);
   drive(1);
   const auto host = std::make_shared<DiaryDelegate>();
   tarvo.setDelegate(host);
@@ -251,17 +227,15 @@ TEST_F(Facade, KeepsAccountCallsBelowModeEightAndReplaysTagsOnAPush) {
   EXPECT_EQ(NetworkManager::UNSUBSCRIPTION_LIST(), std::set<std::string>{"ads"});
   EXPECT_EQ(Tarvo::SET_TAGS_LIST().at("colour"), "red");
   EXPECT_EQ(Tarvo::UNSET_TAGS_LIST(), std::vector<std::string>{"old"});
-  EXPECT_EQ(diary.count("UNSUBSCRIPTION_LIST : : : []"), 1u);
-  EXPECT_EQ(diary.count("Tarvo : token t0k"), 1u);
+  EXPECT_TRUE(diary.count("UNSUBSCRIPTION_LIST : : : []") == 1 && diary.count("Tarvo : token t0k") == 1);
   engine().addNewLastTrip({{{"pasttrip_id", 7}}});
   waitUntilIdle();
   EXPECT_EQ(host->matched, std::vector<std::int64_t>{7});
 
-  tarvo.activate(Tarvo::BACKEND_BACKGROUND);
-  waitUntilIdle();
-  EXPECT_EQ(diary.count("Tarvo : Tarvo bundleID : org.example.host"), 1u);
-  EXPECT_EQ(diary.count("Tarvo  : Tarvo API_KEY key"), 1u);
-  EXPECT_EQ(diary.count("NetworkManager:sendTokenremoteWebServer [net] mainThread:"), 1u) << "with the registration";
+  activate(tarvo, Tarvo::BACKEND_BACKGROUND);
+  for (const char* once : {"Tarvo : Tarvo bundleID : org.example.host", "Tarvo  : Tarvo API_KEY key",
+                           "NetworkManager:sendTokenremoteWebServer [net] mainThread:"})
+    EXPECT_EQ(diary.count(once), 1u) << once;
   diary.clear();
   EXPECT_TRUE(tarvo.didReceiveRemoteNotification({{"messageFrom", "tarvo"}, {"name", "anything"}}));
   waitUntilIdle();
@@ -269,18 +243,15 @@ TEST_F(Facade, KeepsAccountCallsBelowModeEightAndReplaysTagsOnAPush) {
   EXPECT_EQ(diary.count("NetworkManager:unsetTags :[success]"), 1u);
   callAll();
   EXPECT_EQ(diary.count("NetworkManager:setTags :[success]"), 2u);
-  EXPECT_TRUE(NetworkManager::SUBSCRIPTION_LIST().empty());
-  EXPECT_TRUE(NetworkManager::UNSUBSCRIPTION_LIST().empty());
+  EXPECT_TRUE(NetworkManager::SUBSCRIPTION_LIST().empty() && NetworkManager::UNSUBSCRIPTION_LIST().empty());
 }
 
 TEST_F(Facade, LetsTheHostReadAndSetTheProcessWideValuesWhole) {
-  startBackend();
-  Tarvo tarvo = registered();
+  Tarvo tarvo = online();
   drive(1);
   Tarvo::setSET_TAGS_LIST({{"colour", "red"}, {"size", "l"}});
   Tarvo::setUNSET_TAGS_LIST({"old"});
-  tarvo.didReceiveRemoteNotification({{"messageFrom", "tarvo"}});
-  waitUntilIdle();
+  push(tarvo);
   EXPECT_EQ(diary.count("NetworkManager:setTags :[success]"), 2u);
   EXPECT_EQ(diary.count("NetworkManager:unsetTags :[success]"), 1u);
   Tarvo::setSET_TAGS_LIST({});
@@ -304,20 +275,14 @@ TEST_F(Facade, LetsTheHostReadAndSetTheProcessWideValuesWhole) {
 
 TEST_F(Facade, RunsOnWithoutAStoreAfterOneLineThatSaysSo) {
   std::filesystem::create_directories(home.path() / "Documents");
-  const auto file = home.path() / "Documents" / "Marrowgate-Tarvo-db3.sqlite";
-  const std::string garbage(5000, 'x');
-  ASSERT_FALSE(platform::writeFileAtomically(file, garbage, false));
-  startBackend();
-  Tarvo tarvo = registered();
+  ASSERT_FALSE(
+      platform::writeFileAtomically(home.path() / "Documents" / ObjectStore::kFileName, std::string(5000, 'x'), false));
+  Tarvo tarvo = online();
   drive(2);
   EXPECT_EQ(diary.count("YOUR_ERROR_DOMAIN"), 1u);
   EXPECT_EQ(diary.count("Unresolved error Error Domain=YOUR_ERROR_DOMAIN Code=9999"), 1u);
   EXPECT_FALSE(engine().syncStatus().storeAvailable);
-  EXPECT_FALSE(tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {}));
-  EXPECT_FALSE(tarvo.getCurrentLocation());
-  auto bytes = platform::readFile(file);
-  ASSERT_TRUE(bytes);
-  EXPECT_EQ(*bytes, garbage) << "what is not ours is left as it is";
+  EXPECT_FALSE(tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {}) || tarvo.getCurrentLocation());
 }
 
 TEST_F(Facade, TellsOnceThatItsStoreWasRemovedWhoeverAsksForCountsInBetween) {
@@ -349,39 +314,9 @@ struct Thrower : TarvoDelegate, platform::LocationSource, platform::HostApplicat
 
 TEST_F(Facade, EndsTheProcessWithTheNameOfACallbackThatThrows) {
   const auto host = std::make_shared<Thrower>();
-  const std::pair<const char*, std::function<void(Tarvo&)>> cases[] = {
-      {"tarvoDidReceiveNewLocations threw an exception: mine", [&](Tarvo&) { drive(1); }},
-      {"tarvoOnRouteMatched threw",
-       [](Tarvo&) {
-         engine().addNewLastTrip({{{"pasttrip_id", 7}}});
-       }},
-      {"tarvoOnPredictionUpdate threw", [](Tarvo&) { EngineLink::current().predictionStored(); }},
-      {"the completion handler of background events threw",
-       [](Tarvo& tarvo) { tarvo.handleEventsForBackgroundURLSession(Tarvo::backgroundSessionID(), Thrower::fail); }},
-      {"registerForRemoteNotifications threw",
-       [&](Tarvo&) {
-         platform::setHostApplication(host);
-         platform::UIApplication::shared().registerForRemoteNotifications();
-       }},
-      {"LocationSource::start threw", [&](Tarvo&) { LocationService::shared().setSource(host); }},
-      {"a block of the main queue threw an exception\n",
-       [](Tarvo&) { platform::MainQueue::main().async([] { throw 7; }); }},
-      {"the system log's sink threw",
-       [](Tarvo& tarvo) {
-         platform::setSystemLogSink([](std::string_view) { Thrower::fail(); });
-         tarvo.stopLocationUpdate();
-       }},
-      // Last: the permission is kept in the home.
-      {"the permission prompt threw",
-       [](Tarvo& tarvo) {
-         LocationService::shared().setPrompt([](auto) { Thrower::fail(); });
-         LocationService::shared().setAuthorizationStatus(CLAuthorizationStatus::notDetermined);
-         tarvo.getCurrentLocation();
-       }},
-  };
-  for (const auto& [message, provoke] : cases) {
-    const auto inChild = [&provoke = provoke, this, host] {
-      platform::setSystemLogSink({});
+  platform::setSystemLogSink({});
+  const auto expect = [&](const std::string& message, const std::function<void(Tarvo&)>& provoke) {
+    const auto inChild = [&] {
       Tarvo tarvo;
       tarvo.setDelegate(host);
       tarvo.activate(Tarvo::LOCAL_BACKGROUND);
@@ -390,19 +325,38 @@ TEST_F(Facade, EndsTheProcessWithTheNameOfACallbackThatThrows) {
       provoke(tarvo);
       waitUntilIdle();
     };
-    EXPECT_DEATH(inChild(), std::string("Fatal error: ") + message) << message;
-  }
+    EXPECT_DEATH(inChild(), "Fatal error: " + message) << message;
+  };
+  expect("tarvoDidReceiveNewLocations threw an exception: mine", [this](Tarvo&) { drive(1); });
+  expect("tarvoOnRouteMatched threw", [](Tarvo&) {
+    engine().addNewLastTrip({platform::Dictionary{{"pasttrip_id", 7}}});
+  });
+  expect("tarvoOnPredictionUpdate threw", [](Tarvo&) { EngineLink::current().predictionStored(); });
+  expect("the completion handler of background events threw",
+         [](Tarvo& tarvo) { tarvo.handleEventsForBackgroundURLSession(Tarvo::backgroundSessionID(), Thrower::fail); });
+  expect("registerForRemoteNotifications threw", [&](Tarvo&) {
+    platform::setHostApplication(host);
+    platform::UIApplication::shared().registerForRemoteNotifications();
+  });
+  expect("LocationSource::start threw", [&](Tarvo&) { LocationService::shared().setSource(host); });
+  expect("a block of the main queue threw an exception\n",
+         [](Tarvo&) { platform::MainQueue::main().async([] { throw 7; }); });
+  expect("the system log's sink threw", [](Tarvo& tarvo) {
+    platform::setSystemLogSink([](std::string_view) { Thrower::fail(); });
+    tarvo.stopLocationUpdate();
+  });
+  // Last: the permission is kept in the home.
+  expect("the permission prompt threw", [](Tarvo& tarvo) {
+    LocationService::shared().setPrompt([](auto) { Thrower::fail(); });
+    LocationService::shared().setAuthorizationStatus(CLAuthorizationStatus::notDetermined);
+    tarvo.getCurrentLocation();
+  });
 }
 
 TEST_F(Facade, StopsTheProcessOnlyWhenThereIsNowhereForTheStore) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_DEATH(
-      {
-        platform::setSystemLogSink({});
-        platform::setDocumentDirectories({});
-        Tarvo tarvo;
-      },
-      "Fatal error: there is no document directory");
+  platform::setSystemLogSink({});
+  platform::setDocumentDirectories({});
+  EXPECT_DEATH(Tarvo(), "Fatal error: there is no document directory");
 }
 
 TEST_F(Facade, PutsTheStoreIntoTheLastDocumentsDirectoryAndTheLogIntoTheFirst) {
@@ -415,9 +369,8 @@ TEST_F(Facade, PutsTheStoreIntoTheLastDocumentsDirectoryAndTheLogIntoTheFirst) {
   EXPECT_TRUE(LocationManager::setUserUUID("U"));
   for (const char* none : {"", "two words", "a/b", "..", "50%", "a?b"})
     EXPECT_FALSE(LocationManager::setUserUUID(none)) << none;
-  tarvo.activate(4);
-  waitUntilIdle();
-  EXPECT_TRUE(std::filesystem::exists(last / "Marrowgate-Tarvo-db3.sqlite"));
+  activate(tarvo, 4);
+  EXPECT_TRUE(std::filesystem::exists(last / ObjectStore::kFileName));
   EXPECT_TRUE(std::filesystem::exists(first / "TarvoLog_2024-06-15_U_IOS.txt"));
 }
 

@@ -2,11 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <functional>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include <tarvo/NetworkManager.h>
 #include <tarvo/Tarvo.h>
@@ -52,15 +48,11 @@ class WholeSdk : public testing::Test {
     diary.clear();
     platform::setHomeDirectory(home.path());
     platform::Clock::install(clock);
-    writeInfo("org.example.host", "key", "demo");
-  }
-
-  void writeInfo(const std::string& bundle, const std::string& key, const std::string& client) {
-    const std::string text =
-        "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict><key>CFBundleIdentifier</key><string>" +
-        bundle + "</string><key>TarvoApiKey</key><string>" + key + "</string><key>TarvoClientID</key><string>" +
-        client + "</string></dict></plist>";
-    ASSERT_FALSE(platform::writeFileAtomically(home.path() / "Info.plist", text, false));
+    const char* const info =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict>"
+        "<key>CFBundleIdentifier</key><string>org.example.host</string>"
+        "<key>TarvoApiKey</key><string>key</string><key>TarvoClientID</key><string>demo</string></dict></plist>";
+    ASSERT_FALSE(platform::writeFileAtomically(home.path() / "Info.plist", info, false));
   }
 
   /// Before the first touch of the SDK.
@@ -81,13 +73,36 @@ class WholeSdk : public testing::Test {
     return fix;
   }
 
-  /// One fix a second, each 111 m north of the one before; everything that it starts is done on return.
+  // Each of these has had all its effects on return.
+  template <class... Fixes>
+  static void deliver(const Fixes&... fixes) {
+    platform::LocationService::shared().deliver({fixes...});
+    waitUntilIdle();
+  }
+  static void permit(platform::CLAuthorizationStatus status) {
+    platform::LocationService::shared().setAuthorizationStatus(status);
+    waitUntilIdle();
+  }
+  static void activate(Tarvo& tarvo, std::int64_t mode) {
+    tarvo.activate(mode);
+    waitUntilIdle();
+  }
+  static void push(Tarvo& tarvo) {
+    EXPECT_TRUE(tarvo.didReceiveRemoteNotification({{"messageFrom", "tarvo"}}));
+    waitUntilIdle();
+  }
+  static void upload() {
+    engine().sendDataInBatchToRemoteWebServer();
+    waitUntilIdle();
+  }
+  static auto records() { return engine().getLocationhistory({}, {}).locations.toVector(); }
+
+  /// One fix a second, each 111 m north of the one before.
   void drive(int fixes) {
     for (int i = 0; i < fixes; ++i) {
       clock->advance(platform::Seconds(1));
       latitude_ += 0.001;
-      platform::LocationService::shared().deliver({fixAt(latitude_, platform::secondsSince1970(clock->now()))});
-      waitUntilIdle();
+      deliver(fixAt(latitude_, platform::secondsSince1970(clock->now())));
     }
   }
 
@@ -106,8 +121,7 @@ class WholeSdk : public testing::Test {
   /// As a program does at its end: starts passes and lets the clock run on until nothing is left.
   void settle() {
     for (int pass = 0; pass < 20; ++pass) {
-      engine().sendDataInBatchToRemoteWebServer();
-      waitUntilIdle();
+      upload();
       const auto status = engine().syncStatus();
       if (status.unsent + status.awaiting == 0) return;
       clock->advance(platform::Seconds(180));
@@ -119,10 +133,14 @@ class WholeSdk : public testing::Test {
   Tarvo registered(std::int64_t mode = Tarvo::BACKEND_BACKGROUND) {
     Tarvo tarvo;
     NetworkManager::setApiKeySecret("secret");
-    tarvo.activate(mode);
-    waitUntilIdle();
+    activate(tarvo, mode);
     clock->advance(platform::Seconds(180));
     return tarvo;
+  }
+
+  Tarvo online(std::int64_t mode = Tarvo::BACKEND_BACKGROUND) {
+    startBackend();
+    return registered(mode);
   }
 
   void expectEachIndexOnce(std::int64_t positions) {

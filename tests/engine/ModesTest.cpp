@@ -29,7 +29,7 @@ class Modes : public test::WholeSdk {
 
   /// What an event of the device did, in one line: the records that it stored, then how the services stand.
   std::string after(const std::string& event) {
-    const std::int64_t before = engine().syncStatus().stored;
+    std::int64_t before = engine().syncStatus().stored;
     diary.clear();
     auto& application = UIApplication::shared();
     if (event == "launch") application.didFinishLaunching();
@@ -41,11 +41,10 @@ class Modes : public test::WholeSdk {
     if (event == "unplug") UIDevice::current().setBattery(UIDeviceBatteryState::unplugged, 0.9);
     if (event == "unknown") UIDevice::current().setBattery(UIDeviceBatteryState::unknown, -1);
     waitUntilIdle();
-    const auto records = engine().getLocationhistory({}, {}).locations.toVector();
     // A fix of the significant-change service may be stored before or after the event.
     std::set<std::string> stored;
-    for (auto i = static_cast<std::size_t>(before); i < records.size(); ++i)
-      stored.insert(*records[i].localisationMethod + "/" + *records[i].serviceAction + " ");
+    for (const auto& record : records())
+      if (before-- <= 0) stored.insert(*record.localisationMethod + "/" + *record.serviceAction + " ");
     std::string line;
     for (const std::string& record : stored) line += record;
     auto& parts = engine().parts();
@@ -59,8 +58,7 @@ class Modes : public test::WholeSdk {
   bool updates() {
     const auto stored = engine().syncStatus().stored;
     north_ += 0.0011;
-    LocationService::shared().deliver({fixAt(48.001 + (north_ > 0.003 ? north_ = 0 : north_), kStart + 1)});
-    waitUntilIdle();
+    deliver(fixAt(48.001 + (north_ > 0.003 ? north_ = 0 : north_), kStart + 1));
     return engine().syncStatus().stored > stored;
   }
 
@@ -127,11 +125,9 @@ TEST_F(Modes, AFixInTheBackgroundTellsOfAChargerThatNobodyReported) {
   begin();
   after("background");
   auto& state = engine().parts().state;
-  const std::pair<UIDeviceBatteryState, const char*> before[] = {
-      {UIDeviceBatteryState::unplugged, ""},
-      {UIDeviceBatteryState::unknown, "power_unplug"},
-      {UIDeviceBatteryState::full, "power_unplug"},
-  };
+  const std::pair<UIDeviceBatteryState, const char*> before[] = {{UIDeviceBatteryState::unplugged, ""},
+                                                                 {UIDeviceBatteryState::unknown, "power_unplug"},
+                                                                 {UIDeviceBatteryState::full, "power_unplug"}};
   for (const auto& [known, event] : before) {
     state.currentBatteryState = known;
     clock->advance(Seconds(300));
@@ -149,8 +145,7 @@ TEST_F(Modes, AStandingDeviceGetsNineRegionsByItsAccuracy) {
   fix.speed = 0;
   fix.horizontalAccuracy = 20;
   clock->advance(Seconds(1));
-  LocationService::shared().deliver({fix});
-  waitUntilIdle();
+  deliver(fix);
   EXPECT_EQ(after("background").back(), '9');
   EXPECT_EQ(diary.count("radius:50.00m) lastSpeed:-1"), 1u);
 }
@@ -171,8 +166,7 @@ TEST_F(Modes, TheForegroundModeStopsOffTheScreenAndStaysStopped) {
   EXPECT_EQ(after("background"), "event/app_paused background scls 5");
   EXPECT_FALSE(engine().tarvoStarted());
   EXPECT_EQ(after("foreground"), "background scls 5");
-  tarvo->activate(Tarvo::LOCAL_FOREGROUND);
-  waitUntilIdle();
+  activate(*tarvo, Tarvo::LOCAL_FOREGROUND);
   EXPECT_EQ(after("foreground"), "event/app_resumed foreground scls 0");
 }
 
@@ -185,8 +179,7 @@ TEST_F(Modes, ALeftRegionArmsANewRingByTheMeasuredSpeed) {
   // Out of all regions, for longer than a crossing has to last; too early for a significant change.
   for (int i = 0; i < 2; ++i) {
     clock->advance(Seconds(25));
-    LocationService::shared().deliver({fixAt(48.01, kStart + 26 + 25 * i)});
-    waitUntilIdle();
+    deliver(fixAt(48.01, kStart + 26 + 25 * i));
   }
   EXPECT_EQ(diary.count("LocationManager:didExitRegion [loc] [geofence] CLCircularRegion"), 1u);
   EXPECT_EQ(parts.state.currentLocalisationMethod.get(), "rms");
@@ -194,8 +187,7 @@ TEST_F(Modes, ALeftRegionArmsANewRingByTheMeasuredSpeed) {
   EXPECT_TRUE(parts.state.geofencingStarted);
 
   clock->advance(Seconds(5));
-  LocationService::shared().deliver({fixAt(48.02, kStart + 56)});  // the answer to the one request
-  waitUntilIdle();
+  deliver(fixAt(48.02, kStart + 56));  // the answer to the one request
   const platform::CLLocation center = fixAt(48.001, 0);
   const double speed = fixAt(48.02, 0).distanceFrom(center) / 55;  // since the ring was confirmed
   const auto ring = parts.locationManager.monitoredRegions();
@@ -204,21 +196,6 @@ TEST_F(Modes, ALeftRegionArmsANewRingByTheMeasuredSpeed) {
   // Around the newest stored position: the fix that is being handled may or may not be stored by now.
   for (std::size_t i = 0; i < ring.size(); ++i)
     EXPECT_NEAR(ring[i].radius - ring[0].radius, kLookAheadSeconds[i] * speed, 1e-6);
-}
-
-TEST_F(Modes, AnOldPlatformAsksForNoFixAfterARegion) {
-  UIDevice::current().setPlatformLevel(8);
-  begin();
-  UIApplication::shared().didEnterBackground();
-  waitUntilIdle();
-  auto& parts = engine().parts();
-  const auto regions = parts.locationManager.monitoredRegions();
-  ASSERT_EQ(regions.size(), 5u);
-  parts.geofencing.didExitRegion(regions[0]);
-  EXPECT_EQ(parts.state.currentLocalisationMethod.get(), "rms");
-  clock->advance(Seconds(11));
-  waitUntilIdle();
-  EXPECT_EQ(diary.count("didFailwithError"), 0u) << "a request without a fix would have failed by now";
 }
 
 }  // namespace

@@ -50,14 +50,16 @@ class Logging : public testing::Test {
     Settings::shared().setUserUUID(std::move(user));
     UserDefaults::standard().set("tarvologlevel", level);
   }
-  /// The file of a day, after all appends; absent when there is none.
-  std::optional<std::string> file(const std::string& day, const std::string& user = "U-1") {
-    EXPECT_TRUE(platform::Activity::waitUntilIdle(platform::Seconds(30)));
-    auto bytes = platform::readFile(home.path() / "Documents" / ("TarvoLog_" + day + "_" + user + "_IOS.txt"));
-    if (!bytes) return std::nullopt;
-    return *bytes;
+  std::filesystem::path path(const std::string& day = "2024-06-15") const {
+    return home.path() / "Documents" / ("TarvoLog_" + day + "_U-1_IOS.txt");
   }
-  static std::string header(const std::string& day) {
+  /// The file of a day, after all appends; absent when there is none.
+  std::optional<std::string> file(const std::string& day = "2024-06-15") {
+    EXPECT_TRUE(platform::Activity::waitUntilIdle(platform::Seconds(30)));
+    auto bytes = platform::readFile(path(day));
+    return bytes ? std::optional<std::string>(*bytes) : std::nullopt;
+  }
+  static std::string header(const std::string& day = "2024-06-15") {
     return "--boundary\r\nContent-Disposition: form-data; name=\"file\"; filename=\"TarvoLog_" + day +
            "_U-1_IOS.txt\"\r\nContent-Type: application/octet-stream\r\n\r\n";
   }
@@ -67,64 +69,60 @@ class Logging : public testing::Test {
   std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(dateSince1970(kEndOf2024June15));
 };
 
-TEST_F(Logging, StartsTheDaysFileWithTheHeaderAloneAndAppendsFromTheSecondMessage) {
+TEST_F(Logging, StartsAFileADayWithTheHeaderAloneNamedByTheWeekBasedYear) {
   logInto("U-1", 6);
   Log::debugLog(3, "lost to the header");
-  EXPECT_EQ(file("2024-06-15"), header("2024-06-15"));
+  EXPECT_EQ(file(), header());
   Log::debugLog(3, "100% verbatim %s");
   Log::debugLog(7, "no line for a level without a name");
   Log::debugLog(2, "low levels too");
-  EXPECT_EQ(file("2024-06-15"), header("2024-06-15") +
-                                    "[[2024-06-15T23:59:59.999Z]]:[DEBUG]:100% verbatim %s\n"
-                                    "[[2024-06-15T23:59:59.999Z]]:[VERBOSE]:low levels too\n");
+  EXPECT_EQ(file(), header() +
+                        "[[2024-06-15T23:59:59.999Z]]:[DEBUG]:100% verbatim %s\n"
+                        "[[2024-06-15T23:59:59.999Z]]:[VERBOSE]:low levels too\n");
   // A millisecond later is another day, and so another file.
   clock->advance(platform::Seconds(0.001));
   Log::debugLog(0, "creates the file without a line");
   EXPECT_EQ(file("2024-06-16"), header("2024-06-16"));
   EXPECT_EQ(diary.count("verbatim %s"), 1u);
-}
-
-TEST_F(Logging, IsSwitchedByOneValueAndByTheUser) {
-  Log::debug("nobody is known and nothing is set");
-  logInto("U-1", 0);
-  Log::debug("0 leaves it off");
-  logInto("U-1", 10);
-  Log::debug("10 is off");
-  EXPECT_EQ(file("2024-06-15"), std::nullopt);
-  logInto("U-1", -3);
-  Log::debug("header");
-  Log::error("negative is on");
-  logInto("U-1", 0);
-  Log::error("0 leaves it on");
-  logInto("U-1", 10);
-  Log::error("10 switches it off again");
-  logInto(std::nullopt, 6);
-  Log::error("without a user nothing is written");
-  EXPECT_EQ(file("2024-06-15"), header("2024-06-15") +
-                                    "[[2024-06-15T23:59:59.999Z]]:[ERROR]:negative is on\n"
-                                    "[[2024-06-15T23:59:59.999Z]]:[ERROR]:0 leaves it on\n");
-  EXPECT_EQ(diary.lines().size(), 8u);
-}
-
-TEST_F(Logging, NamesTheFilesAroundNewYearByTheWeekBasedYear) {
   clock->advanceTo(dateSince1970(1735516800));  // 2024-12-30 00:00 UTC, in week 1 of 2025
-  logInto("U-1", 6);
   Log::debug("header");
   Log::debug("line");
   EXPECT_EQ(file("2025-12-30"), header("2025-12-30") + "[[2025-12-30T00:00:00.000Z]]:[DEBUG]:line\n");
 }
 
+TEST_F(Logging, IsSwitchedByOneValueAndByTheUser) {
+  const struct {
+    std::optional<std::string> user;
+    std::int64_t level;
+    const char* line;
+  } cases[] = {{{}, 0, "nobody is known"},
+               {"U-1", 0, "0 leaves it off"},
+               {"U-1", 10, "10 is off"},
+               {"U-1", -3, "header"},
+               {"U-1", -3, "negative is on"},
+               {"U-1", 0, "0 leaves it on"},
+               {"U-1", 10, "10 switches it off again"},
+               {{}, 6, "without a user nothing is written"}};
+  for (const auto& [user, level, line] : cases) {
+    logInto(user, level);
+    Log::error(line);
+  }
+  EXPECT_EQ(file(), header() +
+                        "[[2024-06-15T23:59:59.999Z]]:[ERROR]:negative is on\n"
+                        "[[2024-06-15T23:59:59.999Z]]:[ERROR]:0 leaves it on\n");
+  EXPECT_EQ(diary.lines().size(), 8u);
+}
+
 TEST_F(Logging, NeverBringsBackADeletedFileHeadlessAndKeepsBadTextAndNamesOut) {
   logInto("U-1", 6);
   Log::debug("header");
-  const auto path = home.path() / "Documents" / "TarvoLog_2024-06-15_U-1_IOS.txt";
   // The append is held back until the file is gone.
-  Log::serialQueue().async([&] { std::filesystem::remove(path); });
+  Log::serialQueue().async([&] { std::filesystem::remove(path()); });
   Log::debug("finds the file, appends after it is gone");
-  EXPECT_EQ(file("2024-06-15").value_or("absent").find("appends"), std::string::npos);
+  EXPECT_EQ(file().value_or("absent").find("appends"), std::string::npos);
   Log::debug("not UTF-8: \xC3\x28 \xED\xA0\x80");
   Log::debug("not UTF-8 either: \xF4\x90\x80\x80");
-  EXPECT_EQ(file("2024-06-15"), header("2024-06-15"));
+  EXPECT_EQ(file(), header());
   EXPECT_EQ(diary.count("not UTF-8"), 2u);
   logInto("../escaped", 6);
   Log::debug("a user that is no plain name");
@@ -133,32 +131,31 @@ TEST_F(Logging, NeverBringsBackADeletedFileHeadlessAndKeepsBadTextAndNamesOut) {
 
 TEST_F(Logging, TakesOnlyARegularFileForALog) {
   logInto("U-1", 6);
-  const auto path = home.path() / "Documents" / "TarvoLog_2024-06-15_U-1_IOS.txt";
-  std::filesystem::create_directories(path.parent_path());
+  std::filesystem::create_directories(path().parent_path());
   const auto other = home.path() / "other";
-  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
-  Log::debug("a pipe without a reader");
-  ASSERT_TRUE(platform::Activity::waitUntilIdle(platform::Seconds(10)));
-  EXPECT_TRUE(std::filesystem::is_fifo(path));
-  for (const bool dangles : {true, false}) {
-    std::filesystem::remove(path);
-    std::filesystem::create_symlink(other, path);
-    ASSERT_TRUE(dangles || !platform::writeFileAtomically(other, "the host's", false));
-    Log::debug("header");
-    Log::debug("line");
+  const auto logThen = [&](const char* text) {
+    Log::debug(text);
     ASSERT_TRUE(platform::Activity::waitUntilIdle(platform::Seconds(10)));
-    EXPECT_TRUE(std::filesystem::is_symlink(path));
+  };
+  const auto linkInItsPlace = [&] {
+    std::filesystem::remove(path());
+    std::filesystem::create_symlink(other, path());
+  };
+  ASSERT_EQ(::mkfifo(path().c_str(), 0600), 0);
+  logThen("a pipe without a reader");
+  EXPECT_TRUE(std::filesystem::is_fifo(path()));
+  for (const bool dangles : {true, false}) {
+    linkInItsPlace();
+    ASSERT_TRUE(dangles || !platform::writeFileAtomically(other, "the host's", false));
+    for (const char* text : {"header", "line"}) logThen(text);
+    EXPECT_TRUE(std::filesystem::is_symlink(path()));
   }
   EXPECT_EQ(platform::readFile(other).value(), "the host's");
   // One that takes the file's place between the message and its line.
-  std::filesystem::remove(path);
-  Log::debug("header");
-  Log::serialQueue().async([&] {
-    std::filesystem::remove(path);
-    std::filesystem::create_symlink(other, path);
-  });
-  Log::debug("not into the host's file");
-  ASSERT_TRUE(platform::Activity::waitUntilIdle(platform::Seconds(10)));
+  std::filesystem::remove(path());
+  logThen("header");
+  Log::serialQueue().async(linkInItsPlace);
+  logThen("not into the host's file");
   EXPECT_EQ(platform::readFile(other).value(), "the host's");
 }
 
@@ -170,27 +167,8 @@ TEST_F(Logging, FlushesTheHeaderAndItsNameBeforeLinesFollow) {
   EXPECT_NE(flushed()[0].find("Documents/.writing-"), std::string::npos);
   EXPECT_TRUE(flushed()[1].ends_with("/Documents"));
   Log::debug("line");
-  EXPECT_TRUE(file("2024-06-15")->ends_with("line\n"));
+  EXPECT_TRUE(file()->ends_with("line\n"));
   EXPECT_EQ(flushed().size(), 2u) << "no line waits for the disk";
-}
-
-TEST_F(Logging, KeepsTheOrderOfEachThreadsLines) {
-  logInto("U-1", 6);
-  Log::debug("header");
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([t] {
-      for (int i = 0; i < 50; ++i) Log::debug("thread", t, " line ", i, ";");
-    });
-  for (auto& thread : threads) thread.join();
-  const std::string text = file("2024-06-15").value_or("");
-  for (int t = 0; t < 4; ++t) {
-    std::size_t at = 0;
-    for (int i = 0; i < 50; ++i) {
-      at = text.find(platform::concat("thread", t, " line ", i, ";"), at);
-      ASSERT_NE(at, std::string::npos) << "thread " << t << " line " << i;
-    }
-  }
 }
 
 TEST_F(Logging, GoesOnAfterATimeWithoutThreads) {
@@ -201,7 +179,7 @@ TEST_F(Logging, GoesOnAfterATimeWithoutThreads) {
     for (int i = 0; i < 5'000; ++i) Log::debug("line ", i, std::string(200, '.'));
   }
   Log::debug("afterwards");
-  const std::string text = file("2024-06-15").value_or("");
+  const std::string text = file().value_or("");
   EXPECT_NE(text.find("]:line 0.."), std::string::npos);
   EXPECT_LT(text.size(), 300'000U) << "a million characters waited";
   EXPECT_TRUE(text.ends_with("]:afterwards\n")) << text.substr(text.size() - 100);
@@ -211,13 +189,14 @@ TEST_F(Logging, GoesOnAfterATimeWithoutThreads) {
 TEST(UploadChannel, IsFreeWhenReleasedOrHeldForExactly180Seconds) {
   platform::Clock::install(std::make_shared<ManualClock>(dateSince1970(1000)));
   UploadChannel channel;
-  EXPECT_TRUE(channel.tryTake(dateSince1970(1000)).taken);
-  const auto young = channel.tryTake(dateSince1970(1179.999));
-  EXPECT_FALSE(young.taken);
-  EXPECT_TRUE(young.wasLocked);
-  EXPECT_FALSE(channel.tryTake(dateSince1970(500)).taken) << "a clock that was set back does not make it stale";
-  EXPECT_TRUE(channel.tryTake(dateSince1970(1180)).taken);
-  EXPECT_FALSE(channel.tryTake(dateSince1970(1359.9)).taken) << "the takeover starts the time anew";
+  // A clock that was set back does not make it stale; a takeover starts the time anew.
+  const std::pair<double, bool> tries[] = {
+      {1000, true}, {1179.999, false}, {500, false}, {1180, true}, {1359.9, false}};
+  for (const auto& [seconds, taken] : tries) {
+    const auto outcome = channel.tryTake(dateSince1970(seconds));
+    EXPECT_EQ(outcome.taken, taken) << seconds;
+    EXPECT_EQ(outcome.wasLocked, seconds != 1000) << seconds;
+  }
   channel.release();
   EXPECT_TRUE(channel.tryTake(dateSince1970(1181)).taken);
 }
@@ -235,29 +214,21 @@ TEST(UploadChannel, GoesToOneOfManyThreads) {
 TEST(Settings, RefuseAddressesAndClientIdsThatCannotServe) {
   test::LogDiary& diary = test::LogDiary::installed();
   Settings& settings = Settings::shared();
-  const struct {
-    const char* url;
-    bool allowPlain, accepted;
-  } cases[] = {
-      {"https://backend.example/api", false, true},
-      {"http://127.0.0.1:8080/api", false, true},
-      {"http://[::1]:8080/api", false, true},
-      {"http://localhost/api", false, true},
-      {"http://backend.example/api", false, false},
-      {"http://backend.example/api", true, true},
-      {"http://127.0.0.1.evil.example/", false, false},
-      {"ftp://backend.example", true, false},
-      {"backend.example/api", true, false},
-      {"https://user:pw@backend.example", false, false},
-      {"https://backend.example/api?x=1", false, false},
-      {"", true, false},
-      {"https://bad host/", true, false},
-  };
-  for (const auto& [url, allowPlain, accepted] : cases) {
+  const auto accepts = [&](const char* url, bool allowPlain) {
     diary.clear();
-    EXPECT_EQ(settings.setRemoteWebServerURL(url, allowPlain), accepted) << url;
+    const bool accepted = settings.setRemoteWebServerURL(url, allowPlain);
     EXPECT_EQ(diary.count("backend address refused"), accepted ? 0u : 1u) << url;
-  }
+    return accepted;
+  };
+  for (const char* url :
+       {"https://backend.example/api", "http://127.0.0.1:8080/api", "http://[::1]:8080/api", "http://localhost/api"})
+    EXPECT_TRUE(accepts(url, false)) << url;
+  EXPECT_TRUE(accepts("http://backend.example/api", true));
+  for (const char* url : {"http://backend.example/api", "http://127.0.0.1.evil.example/",
+                          "https://user:pw@backend.example", "https://backend.example/api?x=1"})
+    EXPECT_FALSE(accepts(url, false)) << url;
+  for (const char* url : {"ftp://backend.example", "backend.example/api", "", "https://bad host/"})
+    EXPECT_FALSE(accepts(url, true)) << url;
   for (const char* usable : {"client-1_A.b", "my%20app", "%c3%A9", "..."}) EXPECT_TRUE(settings.setClientID(usable));
   for (const char* none : {"two words", "../users", ".", "..", ".%2e", "%2E%2e", "100%", "%2", "%g0", "a?b"})
     EXPECT_FALSE(settings.setClientID(none)) << none;

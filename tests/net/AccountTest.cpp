@@ -102,13 +102,11 @@ TEST_F(Account, WritesTheLinesOfTagsTokensAndResets) {
   call(&NetworkManager::setTags, "a", "b");
   call(&NetworkManager::userConfigremoteWebServer);
   call(&NetworkManager::resetBackend);
-  call(&NetworkManager::setTags, "a", "\xff");
-  settings.setDeviceToken("\xff");
-  call(&NetworkManager::sendTokenremoteWebServer);
-  const std::string tooLong(std::size_t{65} << 20, 'x');
-  call(&NetworkManager::setTags, "a", tooLong);
-  settings.setDeviceToken(tooLong);
-  call(&NetworkManager::sendTokenremoteWebServer);
+  for (const std::string& unusable : {std::string("\xff"), std::string(std::size_t{65} << 20, 'x')}) {
+    call(&NetworkManager::setTags, "a", unusable);
+    settings.setDeviceToken(unusable);
+    call(&NetworkManager::sendTokenremoteWebServer);
+  }
   for (const char* text :
        {"NetworkManager:setTags :[success] ", "NetworkManager:resetBackend : httpStatus 200",
         " NetworkManager:unsetTags : httpstatus : 503", " NetworkManager:unsetTags :réponse = <NSHTTPURLResponse>",

@@ -18,47 +18,35 @@ const char* const kDownloads =
 const char* const kNothingElse = "POST positions";
 
 TEST_F(BatchUpload, MarksOrFreesAndDownloadsAsTheAnswerSays) {
-  struct Case {
-    int status;
-    const char* body;
-    std::int64_t mode;
-    bool marked;
-    const char* requests;
-    std::int64_t poiVersionAfter;
-  };
-  const Case cases[] = {
-      {200, kNewCounters, 12, true, kDownloads, 3},
-      {200, kNewCounters, 8, true, kNothingElse, 0},
-      {201, kNewCounters, 12, false, kNothingElse, 0},
-      {500, kNewCounters, 12, false, kNothingElse, 0},
-      {200, "", 12, true, kNothingElse, 0},
-      {200, "{", 12, true, kNothingElse, 0},
-      {200, "[1]", 12, true, kNothingElse, 0},
-      {200, "null", 12, true, kNothingElse, 0},
-      {200, R"({"success":null})", 8, true, kNothingElse, 0},
-      {200, R"({"last_prediction_id":5,"last_pasttrip_id":7,"last_poi_id":3})", 12, true, kNothingElse, 0},
-      {200, R"({"success":false,"last_prediction_id":5,"last_pasttrip_id":7,"last_poi_id":3})", 12, true, kNothingElse,
-       0},
-      {200, R"({"success":true,"last_prediction_id":"5","last_pasttrip_id":null})", 12, true, kNothingElse, 0},
-      {200, R"({"success":true,"last_prediction_id":0,"last_pasttrip_id":0,"last_poi_id":0})", 12, true, kNothingElse,
-       0},
-      {200, R"({"success":true,"last_prediction_id":0,"last_pasttrip_id":0,"last_poi_id":-1.0})", 12, true,
-       "GET pois, POST positions", -1}};
   LogDiary& log = LogDiary::installed();
-  for (const Case& each : cases) {
-    SCOPED_TRACE(platform::concat(each.status, " in mode ", each.mode, ": ", each.body));
-    settings.setActivateStatus(each.mode);
+  const auto outcome = [&](const Backend::Answer& answer, std::int64_t mode = 12) {
+    settings.setActivateStatus(mode);
     settings.setLastTripID(0);
     defaults.set("poi_version", 0);
     NetworkManager::setCANAL_LOCK(true);
     log.clear();
-    backend.answer("positions", {each.status, each.body});
+    backend.answer("positions", answer);
     sendBatch();
-    EXPECT_EQ(log.count("engine: mark 0-9"), each.marked ? 1u : 0u);
-    EXPECT_EQ(NetworkManager::CANAL_LOCK(), each.marked);
-    EXPECT_EQ(backend.takeTargets(), each.requests);
-    EXPECT_EQ(defaults.integer("poi_version"), each.poiVersionAfter);
-  }
+    EXPECT_EQ(log.count("engine: mark 0-9"), NetworkManager::CANAL_LOCK() ? 1u : 0u) << answer.body;
+    return platform::concat(NetworkManager::CANAL_LOCK() ? "marked, " : "freed, ", backend.takeTargets(), ", places ",
+                            defaults.integer("poi_version"));
+  };
+  EXPECT_EQ(outcome({200, kNewCounters}), platform::concat("marked, ", kDownloads, ", places 3"));
+  for (const char* body : {kNewCounters, R"({"success":null})"})
+    EXPECT_EQ(outcome({200, body}, 8), "marked, POST positions, places 0") << body;
+  for (const char* body : {"", "{", "[1]", "null", R"({"last_prediction_id":5,"last_pasttrip_id":7,"last_poi_id":3})",
+                           R"({"success":false,"last_prediction_id":5,"last_pasttrip_id":7,"last_poi_id":3})",
+                           R"({"success":true,"last_prediction_id":"5","last_pasttrip_id":null})",
+                           R"({"success":true,"last_prediction_id":0,"last_pasttrip_id":0,"last_poi_id":0})"})
+    EXPECT_EQ(outcome({200, body}), "marked, POST positions, places 0") << body;
+  EXPECT_EQ(outcome({200, R"({"success":true,"last_prediction_id":0,"last_pasttrip_id":0,"last_poi_id":-1.0})"}),
+            "marked, GET pois, POST positions, places -1");
+  for (const int status : {201, 500})
+    EXPECT_EQ(outcome({status, kNewCounters}), "freed, POST positions, places 0") << status;
+  // The status that arrived before the transfer broke decides.
+  EXPECT_EQ(outcome({500, "", {}, /*broken=*/true}), "freed, POST positions, places 0");
+  expectInOrder({"sendDataInBatchToRemoteWebServer : httpstatus : 500 :réponse = <NSHTTPURLResponse>",
+                 "sendDataInBatchToRemoteWebServer :[error] :Optional("});
 }
 
 TEST_F(BatchUpload, DownloadsThenReplaysSubscriptionsThenMarks) {
@@ -80,30 +68,6 @@ TEST_F(BatchUpload, DownloadsThenReplaysSubscriptionsThenMarks) {
                  " NetworkManager:subscriptionRegiter :réponse = <NSHTTPURLResponse>"});
   EXPECT_TRUE(NetworkManager::SUBSCRIPTION_LIST().empty());
   EXPECT_EQ(NetworkManager::UNSUBSCRIPTION_LIST().size(), 1u);
-}
-
-TEST_F(BatchUpload, AcknowledgesWithoutAnyResponseAndTellsTheErrorLast) {
-  backend.stop();
-  client();
-  LogDiary& log = LogDiary::installed();
-  sendBatch();
-  const auto lines = log.lines();
-  ASSERT_EQ(lines.size(), 4u);
-  EXPECT_EQ(lines[0], " NetworkManager:sendDataInBatchToRemoteWebServer : httpstatus : 200");
-  EXPECT_EQ(lines[1], "NetworkManager:sendDataInBatchToRemoteWebServer [net] [succes] Data:nil");
-  EXPECT_EQ(lines[2], "engine: mark 0-9");
-  EXPECT_EQ(lines[3].find("NetworkManager:sendDataInBatchToRemoteWebServer :[error] :Optional(\""), 0u);
-}
-
-TEST_F(BatchUpload, GoesByTheStatusThatArrivedBeforeTheTransferBroke) {
-  backend.answer("positions", {500, "", {}, /*broken=*/true});
-  NetworkManager::setCANAL_LOCK(true);
-  LogDiary& log = LogDiary::installed();
-  sendBatch();
-  expectInOrder({"sendDataInBatchToRemoteWebServer : httpstatus : 500 :réponse = <NSHTTPURLResponse>",
-                 "sendDataInBatchToRemoteWebServer :[error] :Optional("});
-  EXPECT_EQ(log.count("engine: mark"), 0u);
-  EXPECT_FALSE(NetworkManager::CANAL_LOCK());
 }
 
 TEST_F(BatchUpload, ComparesThePoiVersionAsItWasWhenTheBatchLeft) {

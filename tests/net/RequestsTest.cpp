@@ -1,5 +1,3 @@
-#include <tarvo/platform/MainQueue.h>
-
 #include "ClientTest.h"
 #include "platform/foundation/FatalError.h"
 #include "platform/urlsession/URLRequest.h"
@@ -13,7 +11,26 @@ void EngineLink::build() { platform::fatalError("each test has its engine"); }
 namespace tarvo::test {
 namespace {
 
-struct Requests : ClientTest {};
+struct Requests : ClientTest {
+  /// The operation leads to one request, which is this one.
+  template <class... Call>
+  void sends(const std::string& line, const std::string& body, const Call&... operation) {
+    SCOPED_TRACE(line);
+    call(operation...);
+    const auto seen = backend.take();
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_EQ(seen[0].method + " " + seen[0].target, line);
+    EXPECT_EQ(seen[0].body, body);
+    const bool registers = line.ends_with("/users");
+    for (const auto& [name, value] :
+         {std::pair("Content-Type", "application/json"),
+          {"Accept", "application/json"},
+          {"Authorization", registers ? "Basic a2V5OmFwaXNlY3JldA==" : "Basic dXNlci0xOnMzY3JldA=="}}) {
+      EXPECT_EQ(seen[0].get_header_value_count(name), 1u) << name;
+      EXPECT_EQ(seen[0].get_header_value(name), value) << name;
+    }
+  }
+};
 
 TEST_F(Requests, CarryUrlMethodCredentialsAndEachHeaderOnce) {
   identify();
@@ -23,46 +40,24 @@ TEST_F(Requests, CarryUrlMethodCredentialsAndEachHeaderOnce) {
   settings.setDeviceToken("t0k");
   settings.setLastTripID(42);
   client().setEnvir("dev");
-  const char* const user = "Basic dXNlci0xOnMzY3JldA==";
-  const char* const apiKey = "Basic a2V5OmFwaXNlY3JldA==";
   using N = NetworkManager;
-  struct Case {
-    std::function<void(N&)> operation;
-    std::string method, target, body;
-  };
-  const Case cases[] = {
-      {[](N& c) { c.sendUserToRemoteWebServer("{u}"); }, "POST", "users", "{u}"},
-      {[](N& c) { c.sendDataInBatchToRemoteWebServer("[p]", "0", "9"); }, "POST", "positions", "[p]"},
-      {&N::getNextTrip, "GET", "predictions", ""},
-      {&N::getLocationHistoryEXTRAPOLATED, "GET", "pasttrips?first_pasttrip_id=0&last_pasttrip_id=42", ""},
-      {&N::getPOI, "GET", "pois", ""},
-      {&N::sendTokenremoteWebServer, "POST", "tokens",
-       R"({"app_id":"","envir":"dev","token":"t0k","tokenusage":"apns"})"},
-      {&N::userConfigremoteWebServer, "GET", "userconf?uuid=user-1", ""},
-      {[](N& c) { c.subscriptionRegiter("s", "n"); }, "POST", "subscriptions/register",
-       R"({"app_id":"org.host","envir":"dev","notification":"n","subscription":"s"})"},
-      {[](N& c) { c.subscriptionUnRegister("s"); }, "POST", "subscriptions/unregister",
-       R"({"app_id":"org.host","envir":"dev","subscription":"s"})"},
-      {[](N& c) { c.setTags("a", "b"); }, "POST", "tags/set",
-       R"({"app_id":"org.host","envir":"dev","name":"a","value":"b"})"},
-      {[](N& c) { c.unsetTags("a"); }, "POST", "tags/unset", R"({"app_id":"org.host","envir":"dev","name":"a"})"},
-      {&N::resetBackend, "GET", "resetbackend", ""},
-      {&N::resetGeoProfile, "GET", "resetgeoprofile", ""}};
-  for (const Case& each : cases) {
-    SCOPED_TRACE(each.target);
-    call(each.operation);
-    const auto seen = backend.take();
-    ASSERT_EQ(seen.size(), 1u);
-    EXPECT_EQ(seen[0].method, each.method);
-    EXPECT_EQ(seen[0].target, "/api/v1/acme/" + each.target);
-    EXPECT_EQ(seen[0].body, each.body);
-    for (const auto& [name, value] : {std::pair("Content-Type", "application/json"),
-                                      {"Accept", "application/json"},
-                                      {"Authorization", each.target == "users" ? apiKey : user}}) {
-      EXPECT_EQ(seen[0].get_header_value_count(name), 1u) << name;
-      EXPECT_EQ(seen[0].get_header_value(name), value) << name;
-    }
-  }
+  const std::string get = "GET /api/v1/acme/", post = "POST /api/v1/acme/",
+                    app = R"({"app_id":"org.host","envir":"dev",)";
+  sends(post + "users", "{u}", &N::sendUserToRemoteWebServer, "{u}");
+  sends(post + "positions", "[p]", &N::sendDataInBatchToRemoteWebServer, "[p]", "0", "9");
+  sends(get + "predictions", "", &N::getNextTrip);
+  sends(get + "pasttrips?first_pasttrip_id=0&last_pasttrip_id=42", "", &N::getLocationHistoryEXTRAPOLATED);
+  sends(get + "pois", "", &N::getPOI);
+  sends(post + "tokens", R"({"app_id":"","envir":"dev","token":"t0k","tokenusage":"apns"})",
+        &N::sendTokenremoteWebServer);
+  sends(get + "userconf?uuid=user-1", "", &N::userConfigremoteWebServer);
+  sends(post + "subscriptions/register", app + R"("notification":"n","subscription":"s"})", &N::subscriptionRegiter,
+        "s", "n");
+  sends(post + "subscriptions/unregister", app + R"("subscription":"s"})", &N::subscriptionUnRegister, "s");
+  sends(post + "tags/set", app + R"("name":"a","value":"b"})", &N::setTags, "a", "b");
+  sends(post + "tags/unset", app + R"("name":"a"})", &N::unsetTags, "a");
+  sends(get + "resetbackend", "", &N::resetBackend);
+  sends(get + "resetgeoprofile", "", &N::resetGeoProfile);
   EXPECT_EQ(client().request("GET", "pois", std::nullopt).networkServiceType, 3);
 }
 
@@ -107,12 +102,6 @@ TEST_F(Requests, AreAnsweredAfterTheirClientIsGone) {
   EXPECT_EQ(log.count("engine: mark 0-9"), 1u);
 }
 
-TEST_F(Requests, ReachLoopbackOverAnyNetworkAndNoEmptyName) {
-  EXPECT_TRUE(NetworkManager::isWebServerReachable(false, backend.address()));
-  EXPECT_TRUE(NetworkManager::isWebServerReachable(true, "localhost"));
-  EXPECT_FALSE(NetworkManager::isWebServerReachable(false, ""));
-}
-
 TEST_F(Requests, ReadTheSecretAgainWithEachClient) {
   defaults.set("uuid_secret_key", "stored");
   client();
@@ -120,19 +109,6 @@ TEST_F(Requests, ReadTheSecretAgainWithEachClient) {
   defaults.remove("uuid_secret_key");
   NetworkManager second;
   EXPECT_EQ(NetworkManager::UUID_SECRET_KEY(), std::nullopt);
-}
-
-TEST_F(Requests, RunTheHandlerOfBackgroundEventsOnceOnTheMainQueue) {
-  LogDiary& log = LogDiary::installed();
-  int calls = 0;
-  client().handleEventsForBackgroundURLSession("org.example.session", [&calls] { ++calls; });
-  EXPECT_EQ(calls, 0);
-  finish();
-  client().handleEventsForBackgroundURLSession("org.example.session", nullptr);
-  finish();
-  EXPECT_EQ(calls, 1);
-  EXPECT_EQ(log.count("urlSessionDidFinishEvents:beforeCompletionHandler [net] session:"), 2u);
-  EXPECT_EQ(log.count("urlSessionDidFinishEvents:afterCompletionHandler [net] session:"), 2u);
 }
 
 }  // namespace

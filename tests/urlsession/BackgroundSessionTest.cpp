@@ -7,10 +7,8 @@
 #include <sys/wait.h>
 
 #include <fstream>
-#include <future>
 #include <limits>
 #include <mutex>
-#include <optional>
 
 #include <tarvo/platform/Environment.h>
 
@@ -59,217 +57,204 @@ void write(const std::filesystem::path& file, std::string_view bytes) {
   std::ofstream(file, std::ios::binary) << bytes;
 }
 
-std::string readBody(int connection, std::size_t length) {
-  std::string body(length, '\0');
-  std::size_t got = 0;
-  for (ssize_t n; got < length && (n = ::recv(connection, &body[got], length - got, 0)) > 0;)
-    got += static_cast<std::size_t>(n);
-  body.resize(got);
-  return body;
-}
-
-std::size_t lengthIn(const std::string& head) {
-  const auto found = head.find("Content-Length: ");
-  return found == head.npos ? 0 : std::stoul(head.substr(found + 16));
-}
-
 std::string reply(int status, const std::string& body = "") {
   return concat("HTTP/1.1 ", status, " X\r\nContent-Length: ", body.size(), "\r\n",
                 status == 308 ? "Location: /again\r\n\r\n" : "Connection: close\r\n\r\n", body);
 }
 
-TEST(BackgroundSession, StreamsTheFileAndTellsItsDelegateInOrder) {
-  const TempDir home;
-  setHomeDirectory(home.path());
-  const auto file = home.path() / "log";
+/// A session in a home with a file to upload.
+class Uploading : public testing::Test {
+ protected:
+  struct Seen {
+    std::string head, body;
+  };
+  /// Uploads the file to a server that replies so. Answers what the server was sent, "HOST" for its name.
+  std::vector<Seen> upload(
+      const Lines& replies, const std::function<void()>& atHead = [] {}) {
+    std::vector<Seen> seen;
+    RawServer server([&](int connection) {
+      const std::string head = RawServer::readHead(connection);
+      seen.push_back({head, {}});
+      seen.back().head.replace(head.find(server.host()), server.host().size(), "HOST");
+      atHead();
+      seen.back().body = RawServer::readBody(RawServer::from(connection), head);
+      RawServer::send(connection, replies.at(seen.size() - 1));
+      // Of a kept connection the next request is dropped, so that it comes once more.
+      if (replies.size() > seen.size())
+        RawServer::readBody(RawServer::from(connection), RawServer::readHead(connection));
+    });
+    const auto task = session->uploadTask({server.url("/uplog"),
+                                           "POST",
+                                           {{"Content-Type", "multipart/form-data;boundary=boundary"},
+                                            {"Connection", "Keep-Alive"},
+                                            {"Authorization", "Basic x"}},
+                                           "not this"},
+                                          file);
+    for (int times = 0; times < 2; ++times) session->resume(task);
+    told = diary.take();
+    return seen;
+  }
+  struct Home : TempDir {
+    Home() { setHomeDirectory(path()); }
+  } home;
+  const std::filesystem::path file = home.path() / "log";
+  Diary diary;
+  const std::shared_ptr<BackgroundSession> session = BackgroundSession::open({"logs"}, diary);
+  Lines told;
+};
+
+TEST_F(Uploading, StreamsTheFileAndTellsItsDelegateInOrder) {
   std::string content(3'000'000, '\0');
   for (std::size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 31 % 251);
-  const std::string large(30'000'000, 'x');
-
+  const auto grow = [this] { std::ofstream(file, std::ios::app) << "more"; };
   struct Case {
-    std::string name, content;
+    std::string content;
     Lines replies, told;
     std::function<void()> atHead = [] {};
   };
-  const Case cases[] = {
-      {"log", content, {reply(200, "\xff\n")}, {"data \xff\n", "log 200 0", "finished"}},
-      {"log", "", {reply(500)}, {"log 500 0", "finished"}},
-      {"log", content, {reply(308), reply(200, "ok")}, {"data ok", "log 200 0", "finished"}},
-      {"log", content, {reply(200)}, {"log 200 0", "finished"}, [&] { std::ofstream(file, std::ios::app) << "more"; }},
-      {"log", large, {""}, {"log nil -1021", "finished"}, [&] { std::filesystem::resize_file(file, 1000); }},
-      {"absent", "", {}, {"absent nil -1100", "finished"}},
-      {"Library", "", {}, {"Library nil -1101", "finished"}},
-  };
-  std::mutex mutex;  // the server's turn, or the test's
-  std::size_t at = 0, requests = 0;
-  Lines heads, bodies;
-  RawServer server([&](int connection) {
-    std::lock_guard lock(mutex);
-    const Case& c = cases[at];
-    heads.push_back(RawServer::readHead(connection));
-    c.atHead();
-    bodies.push_back(readBody(connection, lengthIn(heads.back())));
-    RawServer::send(connection, c.replies.at(requests++));
-    // Of a kept connection the next request is dropped, so that it comes once more.
-    if (c.replies.size() > requests) readBody(connection, lengthIn(RawServer::readHead(connection)));
-  });
-  const std::string host = " HTTP/1.1\r\nHost: " + server.host() + "\r\n";
-  const std::string fixed = "Content-Type: multipart/form-data;boundary=boundary\r\nConnection: Keep-Alive\r\n";
-  const URLRequest request{server.url("/uplog"),
-                           "POST",
-                           {{"Content-Type", "multipart/form-data;boundary=boundary"},
-                            {"Connection", "Keep-Alive"},
-                            {"Authorization", "Basic x"}},
-                           "not this"};
-  Diary diary;
-  const auto session = BackgroundSession::open({"logs"}, diary);
-  for (; at < std::size(cases); ++at) {
-    const Case& c = cases[at];
-    SCOPED_TRACE(at);
+  const Case cases[] = {{content, {reply(200, "\xff\n")}, {"data \xff\n", "log 200 0", "finished"}},
+                        {"", {reply(500)}, {"log 500 0", "finished"}},
+                        {content, {reply(308), reply(200, "ok")}, {"data ok", "log 200 0", "finished"}},
+                        {content, {reply(200)}, {"log 200 0", "finished"}, grow}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(&c - cases);
     write(file, c.content);
-    std::unique_lock lock(mutex);
-    requests = 0;
-    heads.clear();
-    bodies.clear();
-    lock.unlock();
-    const auto task = session->uploadTask(request, home.path() / c.name);
-    session->resume(task);
-    session->resume(task);
-    EXPECT_EQ(diary.take(), c.told);
-    lock.lock();
-    EXPECT_EQ(requests, c.replies.size());
-    if (requests == 0 || c.replies.front().empty()) continue;
+    const auto seen = upload(c.replies, c.atHead);
+    EXPECT_EQ(told, c.told);
+    ASSERT_EQ(seen.size(), c.replies.size());
+    const std::string fixed =
+        " HTTP/1.1\r\nHost: HOST\r\nContent-Type: multipart/form-data;boundary=boundary\r\nConnection: Keep-Alive\r\n";
     const std::string length = concat("Content-Length: ", c.content.size(), "\r\n\r\n");
-    EXPECT_EQ(heads.front(), "POST /uplog" + host + fixed + "Authorization: Basic x\r\n" + length);
-    EXPECT_TRUE(bodies.front() == c.content);
-    if (requests == 2) {
-      EXPECT_EQ(heads.back(), "POST /again" + host + fixed + length);
+    EXPECT_EQ(seen[0].head, "POST /uplog" + fixed + "Authorization: Basic x\r\n" + length);
+    if (seen.size() == 2) {
+      EXPECT_EQ(seen[1].head, "POST /again" + fixed + length);
     }
-    EXPECT_TRUE(bodies.back() == c.content);
+    for (const Seen& request : seen) EXPECT_TRUE(request.body == c.content);
   }
-  const auto refused = session->uploadTask({"http://127.0.0.1:1/", "POST"}, file);
-  session->resume(refused);
-  EXPECT_EQ(diary.take(), (Lines{"log nil -1004", "finished"}));
 }
 
-TEST(BackgroundSession, IsOneForEachIdentifierWithItsFirstDelegate) {
-  const TempDir home;
-  setHomeDirectory(home.path());
+TEST_F(Uploading, TellsWhyAFileWasNotSent) {
+  write(file, std::string(30'000'000, 'x'));
+  upload({""}, [&] { std::filesystem::resize_file(file, 1000); });
+  EXPECT_EQ(told, (Lines{"log nil -1021", "finished"}));
+  for (const auto& [name, code] : {std::pair("log", -1004), {"absent", -1100}, {"Library", -1101}}) {
+    session->resume(session->uploadTask({"http://127.0.0.1:1/", "POST"}, home.path() / name));
+    EXPECT_EQ(diary.take(), (Lines{concat(name, " nil ", code), "finished"}));
+  }
+}
+
+TEST_F(Uploading, IsDoneByOneSessionForEachIdentifierWithItsFirstDelegate) {
   auto& log = LogDiary::installed();
-  Diary first, second;
-  const auto session = BackgroundSession::open({"logs"}, first);
+  Diary second;
   const auto other = BackgroundSession::open({"../other"}, second);
   EXPECT_TRUE(log.lines().empty());
   EXPECT_EQ(BackgroundSession::open({"logs"}, second), session);
   EXPECT_EQ(log.lines(), Lines{"A background URLSession with identifier logs already exists!"});
-  EXPECT_EQ(&session->delegate(), &first);
+  EXPECT_EQ(&session->delegate(), &diary);
   EXPECT_NE(other, session);
   EXPECT_EQ(session->description(), "<BackgroundSession: logs>");
   session->finishEvents();
-  EXPECT_EQ(first.take(), Lines{"finished"});
+  EXPECT_EQ(diary.take(), Lines{"finished"});
   EXPECT_EQ(second.take(), Lines{});
 }
 
-TEST(BackgroundSession, GoesOnWhereAKilledProcessStopped) {
-  struct Case {
-    std::string diesAt;
-    std::size_t requests;
-  };
-  // Before the reply, between reply and delegate, between the delegate's two calls.
-  const Case cases[] = {{"request", 2}, {"data \xff", 1}, {"log 200 0", 1}};
-  const TempDir home;
-  setHomeDirectory(home.path());
-  write(home.path() / "log", "bytes");
-  int toChild[std::size(cases)][2];
-  pid_t children[std::size(cases)];
-  // All children are made before this process has a second thread.
-  for (std::size_t i = 0; i < std::size(cases); ++i) {
-    ASSERT_EQ(::pipe(toChild[i]), 0);
-    children[i] = ::fork();
-    if (children[i] != 0) continue;
-    ::close(toChild[i][1]);
+/// When a process is killed, and how many requests there are in all: before the reply, between reply and delegate,
+/// between the delegate's two calls.
+const std::pair<std::string, int> kKills[] = {{"request", 2}, {"data \xff", 1}, {"log 200 0", 1}};
+
+struct Killed : testing::TestWithParam<std::size_t> {
+  /// A process that uploads the file to the URL that it gets through the pipe, and ends when it is told the moment.
+  static pid_t begin(const std::filesystem::path& file, const int (&pipe)[2]) {
+    const pid_t child = ::fork();  // this one has no second thread yet
+    if (child != 0) return child;
+    ::close(pipe[1]);
     std::string url(100, '\0');
-    const ssize_t length = ::read(toChild[i][0], url.data(), url.size());
+    const ssize_t length = ::read(pipe[0], url.data(), url.size());
     if (length <= 0) ::_exit(1);
     url.resize(static_cast<std::size_t>(length));
-    Diary diary(cases[i].diesAt);
-    const auto session = BackgroundSession::open({concat("logs/", i)}, diary);
-    session->resume(session->uploadTask({url, "POST", {{"Authorization", "Basic \xff"}}}, home.path() / "log"));
+    Diary diary(kKills[GetParam()].first);
+    const auto session = BackgroundSession::open({"logs/1"}, diary);
+    session->resume(session->uploadTask({url, "POST", {{"Authorization", "Basic \xff"}}}, file));
     diary.take();
     ::_exit(0);
   }
-  std::mutex mutex;  // the server's turn, or the test's
-  pid_t victim = 0;
-  std::size_t requests = 0;
-  std::string head;
+};
+
+TEST_P(Killed, ProcessIsTakenUpByTheNextWhereItStopped) {
+  const auto& [moment, inAll] = kKills[GetParam()];
+  const TempDir home;
+  setHomeDirectory(home.path());
+  const auto file = home.path() / "log", journal = home.path() / "Library" / "Transfers" / "logs%2F1.jsonl";
+  write(file, "bytes");
+  int pipe[2];
+  ASSERT_EQ(::pipe(pipe), 0);
+  const pid_t child = begin(file, pipe);
+  std::atomic<int> requests{0};
+  const bool atRequest = moment == "request";
   RawServer server([&](int connection) {
-    std::lock_guard lock(mutex);
-    ++requests;
-    head = RawServer::readHead(connection);
-    if (victim != 0) ::kill(victim, SIGKILL);
-    victim = 0;
-    readBody(connection, lengthIn(head));
+    const std::string head = RawServer::readHead(connection);
+    if (head.find("Authorization: Basic \xff\r\n") != head.npos) ++requests;
+    if (requests == 1 && atRequest) ::kill(child, SIGKILL);
+    RawServer::readBody(RawServer::from(connection), head);
     RawServer::send(connection, reply(200, "\xff"));
   });
-  for (std::size_t i = 0; i < std::size(cases); ++i) {
-    const Case& c = cases[i];
-    SCOPED_TRACE(c.diesAt);
-    std::unique_lock lock(mutex);
-    requests = 0;
-    if (c.diesAt == "request") victim = children[i];
-    lock.unlock();
-    ASSERT_GT(::write(toChild[i][1], server.url().data(), server.url().size()), 0);
-    int status = 0;
-    ::waitpid(children[i], &status, 0);
-    ASSERT_TRUE(WIFSIGNALED(status));
-    const auto journal = home.path() / "Library" / "Transfers" / concat("logs%2F", i, ".jsonl");
-    struct stat info {};
-    EXPECT_EQ(::stat(journal.c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777U, 0600U);
+  ASSERT_GT(::write(pipe[1], server.url().data(), server.url().size()), 0);
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  ASSERT_TRUE(WIFSIGNALED(status));
+  struct stat info {};
+  EXPECT_TRUE(::stat(journal.c_str(), &info) == 0 && (info.st_mode & 0777U) == 0600U);
 
-    Diary diary;
-    const auto session = BackgroundSession::open({concat("logs/", i)}, diary);
-    std::size_t tasks = 0;
-    const auto count = [&](const std::vector<URLSessionUploadTask>& all) { tasks = all.size(); };
-    session->getAllTasks(count);
-    session->finishEvents();
-    EXPECT_EQ(diary.take(), Lines{}) << "it rests";
-    EXPECT_EQ(tasks, 1U);
-    EXPECT_TRUE(session->hasTaskFor(home.path() / "log"));
-    session->deliverEvents();
-    session->deliverEvents();
-    EXPECT_EQ(diary.take(), (Lines{"data \xff", "log 200 0", "finished"}));
-    lock.lock();
-    EXPECT_NE(head.find("Authorization: Basic \xff\r\n"), head.npos);
-    EXPECT_EQ(requests, c.requests);
-    EXPECT_FALSE(std::filesystem::exists(journal));
-    session->getAllTasks(count);
-    diary.take();
-    EXPECT_EQ(tasks, 0U);
-    EXPECT_FALSE(session->hasTaskFor(home.path() / "log"));
-  }
+  Diary diary;
+  const auto session = BackgroundSession::open({"logs/1"}, diary);
+  std::vector<std::size_t> tasks;
+  const auto count = [&](const std::vector<URLSessionUploadTask>& all) { tasks.push_back(all.size()); };
+  session->getAllTasks(count);
+  session->finishEvents();
+  EXPECT_EQ(diary.take(), Lines{}) << "it rests";
+  EXPECT_TRUE(session->hasTaskFor(file));
+  for (int times = 0; times < 2; ++times) session->deliverEvents();
+  EXPECT_EQ(diary.take(), (Lines{"data \xff", "log 200 0", "finished"}));
+  EXPECT_EQ(requests, inAll);
+  session->getAllTasks(count);
+  diary.take();
+  EXPECT_EQ(tasks, (std::vector<std::size_t>{1, 0}));
+  EXPECT_FALSE(session->hasTaskFor(file) || std::filesystem::exists(journal));
 }
 
-TEST(TransferJournal, TakesUpWholeLinesOfADamagedFile) {
-  const TempDir folder;
-  const std::string name = "j";
-  const auto file = folder.path() / "j.jsonl";
-  constexpr auto most = std::numeric_limits<std::int64_t>::max();
-  {
-    TransferJournal journal(folder.path(), name);
+INSTANTIATE_TEST_SUITE_P(At, Killed, testing::Range<std::size_t>(0, std::size(kKills)));
+
+/// A journal with an upload under way and one that has ended.
+class Journal : public testing::Test {
+ protected:
+  Journal() {
+    TransferJournal journal(folder.path(), "j");
     journal.putResumed({1, {"http://a/\xff", "POST", {{"a", "\xff"}}}, "/f\xff"});
-    journal.putResumed({most, {"http://b/"}, "/g"});
-    const Error error{NSURLErrorDomain, -1005, "lost", {{"k", "v"}}};
-    journal.putEnded(most, TransferOutcome{200, std::string("\0\xff", 2), error});
+    journal.putResumed({kMost, {"http://b/"}, "/g"});
+    journal.putEnded(kMost, TransferOutcome{200, std::string("\0\xff", 2), error});
+    whole = readFile(file).value();
+    firstEnd = whole.find('\n') + 1;
+    line = whole.substr(0, firstEnd);
   }
-  const std::string whole = readFile(file).value();
-  const auto reopened = [&](const std::string& bytes) {
+  auto reopened(const std::string& bytes) const {
     write(file, bytes);
-    TransferJournal journal(folder.path(), name);
-    return journal.takeRestored();
-  };
-  auto& log = LogDiary::installed();
-  const std::size_t firstEnd = whole.find('\n') + 1, secondEnd = whole.find('\n', firstEnd) + 1;
+    return TransferJournal(folder.path(), "j").takeRestored();
+  }
+  /// The first line with one text in the place of another.
+  std::string with(const std::string& from, const std::string& to) const {
+    return std::string(line).replace(line.find(from), from.size(), to);
+  }
+  static constexpr auto kMost = std::numeric_limits<std::int64_t>::max();
+  const TempDir folder;
+  const std::filesystem::path file = folder.path() / "j.jsonl";
+  LogDiary& log = LogDiary::installed();
+  const Error error{NSURLErrorDomain, -1005, "lost", {{"k", "v"}}};
+  std::string whole, line;
+  std::size_t firstEnd = 0;
+};
+
+TEST_F(Journal, IsTakenUpByItsWholeLinesWhereverItIsCut) {
+  const std::size_t secondEnd = whole.find('\n', firstEnd) + 1;
   for (std::size_t cut = 0; cut <= whole.size(); ++cut) {
     log.clear();
     const auto restored = reopened(whole.substr(0, cut));
@@ -283,31 +268,29 @@ TEST(TransferJournal, TakesUpWholeLinesOfADamagedFile) {
     ASSERT_EQ(restored[0].task.file, "/f\xff");
   }
   const auto record = reopened(whole).at(1);
-  EXPECT_EQ(record.task.taskIdentifier, most);
+  EXPECT_EQ(record.task.taskIdentifier, kMost);
   EXPECT_EQ(record.outcome->statusCode, 200);
   EXPECT_EQ(record.outcome->data, std::string("\0\xff", 2));
-  EXPECT_EQ(record.outcome->error->description(), (Error{NSURLErrorDomain, -1005, "lost", {{"k", "v"}}}.description()));
+  EXPECT_EQ(record.outcome->error->description(), error.description());
+}
 
-  const std::string line = whole.substr(0, firstEnd);
-  const auto with = [](std::string text, const std::string& from, const std::string& to) {
-    return text.replace(text.find(from), from.size(), to);
-  };
-  const Lines hostile = {std::string(100'000, '[') + "\n",
-                         "\n{}\n[]\n\xff\n",
-                         with(line, "\"identifier\":1", "\"identifier\":9223372036854775808"),
-                         with(line, "\"timeout\":60", "\"timeout\":\"60\""),
-                         with(line, "\"POST\"", "{\"base64\":\"A\"}"),
-                         with(line, "\"headers\":[", "\"headers\":[[1,2],"),
-                         with(line, "\"identifier\"", "\"outcome\":{\"status\":1},\"identifier\""),
-                         with(line, "\"identifier\"", "\"outcome\":{\"error\":[]},\"identifier\""),
-                         "{\"identifier\":5,\"outcome\":{\"status\":204}}\n",
-                         "{\"identifier\":5,\"over\":1}\n"};
-  for (const std::string& bad : hostile) {
+TEST_F(Journal, LosesHostileLinesAndKeepsTheRest) {
+  for (const std::string& bad :
+       {std::string(100'000, '[') + "\n", std::string("\n{}\n[]\n\xff\n"),
+        with("\"identifier\":1", "\"identifier\":9223372036854775808"), with("\"timeout\":60", "\"timeout\":\"60\""),
+        with("\"POST\"", "{\"base64\":\"A\"}"), with("\"headers\":[", "\"headers\":[[1,2],"),
+        with("\"identifier\"", "\"outcome\":{\"status\":1},\"identifier\""),
+        with("\"identifier\"", "\"outcome\":{\"error\":[]},\"identifier\""),
+        std::string("{\"identifier\":5,\"outcome\":{\"status\":204}}\n"),
+        std::string("{\"identifier\":5,\"over\":1}\n")}) {
     EXPECT_EQ(reopened(bad).size(), 0U) << bad.substr(0, 300);
     EXPECT_EQ(reopened(bad + whole).size(), 2U) << bad.substr(0, 300);
-    EXPECT_EQ(readFile(file).value(), whole) << "the rest is kept";
+    EXPECT_EQ(readFile(file).value(), whole);
   }
-  const std::string ended = with(line, "\"identifier\"", "\"outcome\":{\"status\":204},\"identifier\"");
+}
+
+TEST_F(Journal, GoesByTheLatestOfWhatItHoldsOfAnUpload) {
+  const std::string ended = with("\"identifier\"", "\"outcome\":{\"status\":204},\"identifier\"");
   for (const std::string& twice : {line + ended, ended + line}) {
     const auto restored = reopened(twice);
     ASSERT_EQ(restored.size(), 1U);
@@ -327,14 +310,13 @@ std::uint64_t bytesWritten() {
   return std::stoull(counters.substr(counters.find("wchar: ") + 7));
 }
 
-TEST(TransferJournal, CostsTheSameForEachUploadHoweverManyWait) {
-  const TempDir folder;
+TEST_F(Journal, CostsTheSameForEachUploadHoweverManyWait) {
   constexpr std::int64_t uploads = 1600;
+  std::filesystem::remove(file);
   write(folder.path() / ".writing-killed", "credentials");
-  TransferJournal journal(folder.path(), "x");
+  TransferJournal journal(folder.path(), "j");
   EXPECT_FALSE(std::filesystem::exists(folder.path() / ".writing-killed"));
   const auto before = bytesWritten();
-  const auto file = folder.path() / "x.jsonl";
   const URLRequest request{"http://a/", "POST", {{"Authorization", std::string(200, 'x')}}};
   for (std::int64_t i = 1; i <= uploads; ++i) journal.putResumed({i, request, concat("/log/", i)});
   const auto waiting = std::filesystem::file_size(file);
@@ -348,15 +330,13 @@ TEST(TransferJournal, CostsTheSameForEachUploadHoweverManyWait) {
   EXPECT_LT(bytesWritten() - before, 4 * waiting);
 }
 
-TEST(TransferJournal, IsWholeAgainOnceThereIsRoom) {
-  const TempDir folder;
-  const auto file = folder.path() / "x.jsonl";
-  auto& log = LogDiary::installed();
+TEST_F(Journal, IsWholeAgainOnceThereIsRoom) {
+  std::filesystem::remove(file);
   ::signal(SIGXFSZ, SIG_IGN);
   rlimit none{};
   ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &none), 0);
   {
-    TransferJournal journal(folder.path(), "x");
+    TransferJournal journal(folder.path(), "j");
     journal.putResumed({1, {"http://a/"}, "/1"});
     const auto size = std::filesystem::file_size(file);
     const rlimit little{size + 20, none.rlim_max};
@@ -371,15 +351,13 @@ TEST(TransferJournal, IsWholeAgainOnceThereIsRoom) {
     std::filesystem::remove(file);
     journal.remove(3);
   }
-  const auto restored = TransferJournal(folder.path(), "x").takeRestored();
+  const auto restored = TransferJournal(folder.path(), "j").takeRestored();
   ASSERT_EQ(restored.size(), 2U);
   EXPECT_FALSE(restored[0].outcome);
   EXPECT_TRUE(restored[1].outcome);
 }
 
-TEST(TransferJournal, BelongsToTheFirstThatOpensItAndTellsWhatItCannotWrite) {
-  const TempDir folder;
-  auto& log = LogDiary::installed();
+TEST_F(Journal, BelongsToTheFirstThatOpensItAndTellsWhatItCannotWrite) {
   const URLSessionUploadTask task{1, {"http://a/"}, "/f"};
   {
     TransferJournal first(folder.path() / "in", "x"), second(folder.path() / "in", "x");

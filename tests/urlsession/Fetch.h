@@ -21,6 +21,11 @@ struct Outcome {
   std::int64_t code() const { return error ? error->code : 0; }
 };
 
+/// Sends the request through the shared session.
+inline void start(platform::URLRequest request, platform::DataTaskCompletion completion = {}) {
+  platform::URLSession::shared().dataTask(std::move(request), std::move(completion))->resume();
+}
+
 /// Resumes a task that tells its outcome to what it is given, and waits for that.
 template <class MakeTask>
 Outcome outcomeOf(const MakeTask& makeTask) {

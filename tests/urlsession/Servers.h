@@ -9,6 +9,7 @@
 #include <string>
 #include <thread>
 
+#include "support/TempDir.h"
 #include "urlsession/RawServer.h"
 
 namespace tarvo::test {
@@ -56,17 +57,20 @@ struct SelfSigned {
     X509_free(certificate);
     EVP_PKEY_free(key);
   }
-  std::string pem() const {
-    BIO* memory = BIO_new(BIO_s_mem());
-    PEM_write_bio_X509(memory, certificate);
-    char* text = nullptr;
-    const long size = BIO_get_mem_data(memory, &text);
-    std::string out(text, static_cast<std::size_t>(size));
-    BIO_free(memory);
-    return out;
-  }
   EVP_PKEY* key;
   X509* certificate;
+};
+
+/// The same, which this process trusts, and nothing else.
+struct Trusted : SelfSigned {
+  Trusted() {
+    const std::string file = dir.path() / "ca.pem";
+    BIO* bio = BIO_new_file(file.c_str(), "w");
+    PEM_write_bio_X509(bio, certificate);
+    BIO_free(bio);
+    ::setenv("SSL_CERT_FILE", file.c_str(), 1);
+  }
+  TempDir dir;
 };
 
 /// Answers one request that comes over TLS of that version at most.
@@ -81,15 +85,17 @@ inline void answerOverTls(int connection, const SelfSigned& own, int newestVersi
   SSL* tls = SSL_new(context);
   SSL_set_fd(tls, connection);
   if (SSL_accept(tls) == 1) {
-    const std::string reply = answer(RawServer::readRequest([tls](char& c) { return SSL_read(tls, &c, 1) == 1; }));
+    const std::string reply = answer(RawServer::readRequest(
+        [tls](char* to, std::size_t size) { return ssize_t{SSL_read(tls, to, static_cast<int>(size))}; }));
     SSL_write(tls, reply.data(), static_cast<int>(reply.size()));
   }
   SSL_free(tls);
   SSL_CTX_free(context);
 }
 
-struct Tls : SelfSigned, Running<httplib::SSLServer> {
-  Tls() : Running(certificate, key) {}
+template <class Certificate>
+struct Tls : Certificate, Running<httplib::SSLServer> {
+  Tls() : Running(this->certificate, this->key) {}
   std::string url() const { return "https://127.0.0.1:" + std::to_string(port) + "/"; }
 };
 

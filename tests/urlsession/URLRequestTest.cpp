@@ -19,44 +19,35 @@ namespace tarvo::platform {
 namespace {
 
 TEST(URLRequest, ReadsHostsAsTheTransferWould) {
-  struct Case {
-    std::string url;
-    bool valid;
-    std::string host;
-    bool loopback;
+  const auto expect = [](const std::string& url, const std::string& host, bool valid, bool loopback) {
+    EXPECT_EQ(isValidHttpUrl(url), valid) << url;
+    EXPECT_EQ(hostOf(url), host) << url;
+    EXPECT_EQ(isLoopbackHost(hostOf(url)), loopback) << url;
   };
-  const Case cases[] = {
-      {"http://localhost", true, "localhost", true},
-      {"HTTPS://Api.LocalHost:8443/v1?x#y", true, "Api.LocalHost", true},
-      {"http://127.9.9.9:1/", true, "127.9.9.9", true},
-      {"http://127.1/", true, "127.0.0.1", true},
-      {"http://[::1]:80/", true, "::1", true},
-      {"https://example.org/a/../b", true, "example.org", false},
-      {"https://localhost@example.org/", true, "example.org", false},
-      {"https://user:pw@127.0.0.1/", true, "127.0.0.1", true},
-      {"http://localhost.example.org", true, "localhost.example.org", false},
-      {"http://127.0.0.1.example.org", true, "127.0.0.1.example.org", false},
-      {"http://notlocalhost", true, "notlocalhost", false},
-      {"http://[::2]/", true, "::2", false},
-      {"ftp://example.org/", false, "example.org", false},
-      {"localhost", false, "localhost", true},
-      {"::1", false, "::1", true},
-      {"[::1]", false, "::1", true},
-      {".localhost", false, ".localhost", false},
-      {"http:/example.org", false, "http:/example.org", false},
-      {"http:///example.org", false, "example.org", false},
-      {"http://example.org:99999/", false, "", false},
-      {"http://example.org/a b", false, "", false},
-      {"http://example.org/a\nb", false, "", false},
-      {"http://:80/", false, "", false},
-      {"http://", false, "", false},
-      {"", false, "", false},
-  };
-  for (const Case& c : cases) {
-    EXPECT_EQ(isValidHttpUrl(c.url), c.valid) << c.url;
-    EXPECT_EQ(hostOf(c.url), c.host) << c.url;
-    EXPECT_EQ(isLoopbackHost(hostOf(c.url)), c.loopback) << c.url;
-  }
+  for (const auto& [url, host] : {std::pair("http://localhost", "localhost"),
+                                  {"http://127.9.9.9:1/", "127.9.9.9"},
+                                  {"HTTPS://Api.LocalHost:8443/v1?x#y", "Api.LocalHost"},
+                                  {"http://127.1/", "127.0.0.1"},
+                                  {"http://[::1]:80/", "::1"},
+                                  {"https://user:pw@127.0.0.1/", "127.0.0.1"}})
+    expect(url, host, true, true);
+  for (const auto& [url, host] : {std::pair("https://example.org/a/../b", "example.org"),
+                                  {"https://localhost@example.org/", "example.org"},
+                                  {"http://[::2]/", "::2"},
+                                  {"http://localhost.example.org", "localhost.example.org"},
+                                  {"http://127.0.0.1.example.org", "127.0.0.1.example.org"},
+                                  {"http://notlocalhost", "notlocalhost"}})
+    expect(url, host, true, false);
+  for (const auto& [url, host] : {std::pair("localhost", "localhost"), {"::1", "::1"}, {"[::1]", "::1"}})
+    expect(url, host, false, true);
+  for (const auto& [url, host] : {std::pair("ftp://example.org/", "example.org"),
+                                  {".localhost", ".localhost"},
+                                  {"http:/example.org", "http:/example.org"},
+                                  {"http:///example.org", "example.org"}})
+    expect(url, host, false, false);
+  for (const char* url :
+       {"http://example.org:99999/", "http://example.org/a b", "http://example.org/a\nb", "http://:80/", "http://", ""})
+    expect(url, "", false, false);
 }
 
 /// What the kernel itself does when asked to connect without sending anything.
@@ -71,22 +62,6 @@ bool canConnectDatagrams(const char* address) {
   return connected;
 }
 
-TEST(Reachability, FollowsTheKernelsRoutes) {
-  constexpr auto here = kSCNetworkReachabilityFlagsReachable | kSCNetworkReachabilityFlagsIsLocalAddress;
-  using Flags = std::optional<std::uint32_t>;
-  EXPECT_EQ(SCNetworkReachabilityGetFlags(""), Flags());
-  EXPECT_EQ(SCNetworkReachabilityGetFlags("two words"), Flags());
-  EXPECT_EQ(SCNetworkReachabilityGetFlags("http://example.org:99999"), Flags());
-  EXPECT_EQ(SCNetworkReachabilityGetFlags("localhost"), here);
-  EXPECT_EQ(SCNetworkReachabilityGetFlags("http://[::1]:8080/x"), here);
-  EXPECT_EQ(SCNetworkReachabilityGetFlags("0.0.0.0"), here) << "asked of the kernel: its own address";
-  EXPECT_EQ(SCNetworkReachabilityGetFlags("no..name"), 0U);
-  EXPECT_EQ(SCNetworkReachabilityGetFlags("255.255.255.255"), 0U) << "no host";
-  const Flags outside = SCNetworkReachabilityGetFlags("https://192.0.2.1/");
-  EXPECT_EQ(outside.value() & kSCNetworkReachabilityFlagsReachable, canConnectDatagrams("192.0.2.1") ? 2U : 0U);
-  EXPECT_EQ(SCNetworkReachabilityGetFlags("https://192.0.2.1/", NameLookup::known), outside);
-}
-
 /// What a service manager does that allows a service the families of the Internet alone.
 bool refuseNetlink() {
   sock_filter rules[] = {
@@ -97,15 +72,29 @@ bool refuseNetlink() {
   return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
 }
 
-TEST(Reachability, NeedsNoNetlink) {
-  const char* const names[] = {
-      "0.0.0.0", "255.255.255.255", "https://192.0.2.1/", "[2001:db8::1]", "127.0.0.1", "localhost", "::1", "no..name"};
-  std::vector<std::optional<std::uint32_t>> asked, found;
-  for (const char* name : names) asked.push_back(SCNetworkReachabilityGetFlags(name));
-  if (!refuseNetlink()) GTEST_SKIP() << "no filter of system calls here";
-  ASSERT_EQ(::socket(AF_NETLINK, SOCK_RAW, 0), -1);
-  for (const char* name : names) found.push_back(SCNetworkReachabilityGetFlags(name));
-  EXPECT_EQ(found, asked);
+TEST(Reachability, FollowsTheKernelsRoutesWithAndWithoutNetlink) {
+  constexpr auto here = kSCNetworkReachabilityFlagsReachable | kSCNetworkReachabilityFlagsIsLocalAddress;
+  const std::uint32_t outside = canConnectDatagrams("192.0.2.1") ? kSCNetworkReachabilityFlagsReachable : 0;
+  const std::pair<const char*, std::optional<std::uint32_t>> names[] = {
+      {"", {}},
+      {"two words", {}},
+      {"localhost", here},
+      {"http://example.org:99999", {}},
+      {"::1", here},
+      {"http://[::1]:8080/x", here},
+      {"127.0.0.1", here},
+      {"0.0.0.0", here},  // asked of the kernel: its own address
+      {"no..name", 0U},
+      {"255.255.255.255", 0U}};
+  const auto routed = SCNetworkReachabilityGetFlags("[2001:db8::1]");
+  for (const bool netlink : {true, false}) {
+    if (!netlink && !refuseNetlink()) GTEST_SKIP() << "no filter of system calls here";
+    EXPECT_TRUE(netlink || ::socket(AF_NETLINK, SOCK_RAW, 0) == -1);
+    for (const auto& [name, flags] : names) EXPECT_EQ(SCNetworkReachabilityGetFlags(name), flags) << name << netlink;
+    for (const auto lookup : {NameLookup::ask, NameLookup::known})
+      EXPECT_EQ(SCNetworkReachabilityGetFlags("https://192.0.2.1/", lookup).value() & 2U, outside) << netlink;
+    EXPECT_EQ(SCNetworkReachabilityGetFlags("[2001:db8::1]"), routed);
+  }
 }
 
 }  // namespace

@@ -1,25 +1,16 @@
 #include "platform/urlsession/URLSession.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
-#include <fstream>
 #include <set>
 
 #include "platform/foundation/Activity.h"
-#include "support/TempDir.h"
 #include "urlsession/Fetch.h"
-#include "urlsession/RawServer.h"
 #include "urlsession/Servers.h"
 
 namespace tarvo::platform {
 namespace {
 
-using test::fetch;
-using test::Outcome;
-using test::RawServer;
-using test::Running;
-using test::Tls;
+using namespace test;
 
 TEST(URLSession, SendsWhatWasGivenAndNothingElse) {
   std::string head;
@@ -63,132 +54,64 @@ TEST(URLSession, HandsOverReplyAndStatus) {
     response.set_content(request.body, "text/plain");
   });
   server.Get("/empty", [](const httplib::Request&, httplib::Response& response) { response.status = 204; });
-
   std::string body(3'000'000, '\0');
   for (std::size_t i = 0; i < body.size(); ++i) body[i] = static_cast<char>(i * 31 % 251);
   const Outcome echo = fetch({server.url("/echo"), "POST", {}, body});
-  EXPECT_TRUE(echo.data == body);
-  EXPECT_EQ(echo.status(), 404);
-  EXPECT_FALSE(echo.error);
+  EXPECT_TRUE(echo.data == body && !echo.error);
   const HTTPURLResponse& response = echo.response.value();
   EXPECT_EQ(response.url, server.url("/echo"));
-  EXPECT_NE(response.debugDescription().find("{ Status Code: 404, Headers {"), std::string::npos);
-  EXPECT_NE(response.debugDescription().find("X-Kind: echo"), std::string::npos);
-
+  for (const char* text : {"{ Status Code: 404, Headers {", "X-Kind: echo"})
+    EXPECT_NE(response.debugDescription().find(text), std::string::npos) << text;
   const Outcome empty = fetch({server.url("/empty")});
   EXPECT_FALSE(empty.data);
   EXPECT_EQ(empty.status(), 204);
 }
 
-TEST(URLSession, FollowsRedirectsWithoutCredentials) {
-  Running server;
-  httplib::Request last;
-  const auto record = [&last](const httplib::Request& request, httplib::Response& response) {
-    last = request;
-    if (request.path.starts_with("/to")) {
-      response.status = std::stoi(request.path.substr(3));
-      response.set_header("Location", "sub/../end?x=1");
-    } else if (request.path.starts_with("/loop")) {
-      const int left = std::stoi(request.path.substr(5));
-      response.status = left > 0 ? 302 : 200;
-      response.set_header("Location", "/loop" + std::to_string(left - 1));
-    } else if (request.path == "/file") {
-      response.status = 302;
-      response.set_header("Location", "file:///etc/passwd");
-    } else {
-      response.set_content("arrived", "text/plain");
-    }
-  };
-  server.Get(".*", record).Post(".*", record).Put(".*", record);
-
-  struct Case {
-    int status;
-    std::string method, methodAfter;
-  };
-  const Case cases[] = {
-      {301, "POST", "GET"},  {302, "POST", "GET"}, {303, "POST", "GET"}, {307, "POST", "POST"},
-      {308, "POST", "POST"}, {301, "PUT", "PUT"},  {303, "PUT", "GET"},  {302, "GET", "GET"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(std::to_string(c.status) + " " + c.method);
-    URLRequest request{server.url("/to" + std::to_string(c.status)), c.method};
-    request.headers = {{"authorization", "Basic x"}, {"Content-Type", "application/json"}, {"X-Own", "1"}};
-    if (c.method != "GET") request.httpBody = "{}";
-    const Outcome outcome = fetch(request);
-    EXPECT_EQ(outcome.status(), 200);
-    EXPECT_EQ(outcome.data, "arrived");
-    EXPECT_EQ(outcome.response->url, server.url("/end?x=1"));
-    EXPECT_EQ(last.method, c.methodAfter);
-    const bool changed = c.method != c.methodAfter;
-    EXPECT_EQ(last.body, changed || c.method == "GET" ? "" : "{}");
-    EXPECT_EQ(last.has_header("Content-Type"), !changed);
-    EXPECT_EQ(last.has_header("Content-Length"), !changed && c.method != "GET");
-    EXPECT_FALSE(last.has_header("Authorization"));
-    EXPECT_EQ(last.get_header_value("X-Own"), "1");
-  }
-
-  EXPECT_EQ(fetch({server.url("/loop20")}).status(), 200);
-  const Outcome endless = fetch({server.url("/loop21")});
-  EXPECT_EQ(endless.code(), urlError::tooManyRedirects);
-  EXPECT_EQ(endless.status(), 302);
-  EXPECT_EQ(fetch({server.url("/file")}).code(), urlError::unsupportedURL);
-}
-
 TEST(URLSession, DeliversTheStatusOfABrokenTransferBesideItsError) {
   struct Case {
-    std::string name, reply;
+    std::string reply;
     enum { reset, close, silence, repeat } then;
-    int status;
-    int code;
+    int status, code;
   };
-  const std::string chunk = "10000\r\n" + std::string(0x10000, 'x') + "\r\n";
-  const std::string ok = "HTTP/1.1 200 OK\r\n";
-  const Case cases[] = {
-      {"reset in a body", "HTTP/1.1 500 Oops\r\nContent-Length: 9\r\n\r\nabc", Case::reset, 500,
-       urlError::networkConnectionLost},
-      {"reset in headers", "HTTP/1.1 503 Busy\r\nServer:", Case::reset, 503, urlError::networkConnectionLost},
-      {"cut body", ok + "Content-Length: 9\r\n\r\nabc", Case::close, 200, urlError::networkConnectionLost},
-      {"closed at once", "", Case::close, 0, urlError::networkConnectionLost},
-      {"announcement only", "HTTP/1.1 100 Continue\r\n\r\n", Case::close, 0, urlError::networkConnectionLost},
-      {"silence", "", Case::silence, 0, urlError::timedOut},
-      {"silence in a body", "HTTP/1.1 401 No\r\nContent-Length: 9\r\n\r\na", Case::silence, 401, urlError::timedOut},
-      {"announced too long", ok + "Content-Length: 33554433\r\n\r\n", Case::silence, 200,
-       urlError::dataLengthExceedsMaximum},
-      {"endless body", ok + "Transfer-Encoding: chunked\r\n\r\n" + chunk, Case::repeat, 200,
-       urlError::dataLengthExceedsMaximum},
-      {"not HTTP", "hello\r\n\r\n", Case::close, 0, urlError::badServerResponse},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    RawServer server([&c, &chunk](int connection) {
+  const std::string chunk = "10000\r\n" + std::string(0x10000, 'x') + "\r\n", ok = "HTTP/1.1 200 OK\r\n";
+  constexpr int lost = urlError::networkConnectionLost, tooLong = urlError::dataLengthExceedsMaximum;
+  const Case cases[] = {{"HTTP/1.1 500 Oops\r\nContent-Length: 9\r\n\r\nabc", Case::reset, 500, lost},
+                        {"HTTP/1.1 503 Busy\r\nServer:", Case::reset, 503, lost},
+                        {ok + "Content-Length: 9\r\n\r\nabc", Case::close, 200, lost},
+                        {"", Case::close, 0, lost},
+                        {"HTTP/1.1 100 Continue\r\n\r\n", Case::close, 0, lost},
+                        {"", Case::silence, 0, urlError::timedOut},
+                        {"HTTP/1.1 401 No\r\nContent-Length: 9\r\n\r\na", Case::silence, 401, urlError::timedOut},
+                        {ok + "Content-Length: 33554433\r\n\r\n", Case::silence, 200, tooLong},
+                        {ok + "Transfer-Encoding: chunked\r\n\r\n" + chunk, Case::repeat, 200, tooLong},
+                        {"hello\r\n\r\n", Case::close, 0, urlError::badServerResponse}};
+  for (const auto& [reply, then, status, code] : cases) {
+    SCOPED_TRACE(reply.substr(0, 100));
+    RawServer server([&reply = reply, then = then, &chunk](int connection) {
       RawServer::readHead(connection);
-      RawServer::send(connection, c.reply);
-      if (c.then == Case::reset) RawServer::resetOnClose(connection);
-      if (c.then == Case::silence) RawServer::waitForPeerToLeave(connection);
-      while (c.then == Case::repeat && RawServer::send(connection, chunk)) continue;
+      RawServer::send(connection, reply);
+      if (then == Case::reset) RawServer::resetOnClose(connection);
+      if (then == Case::silence) RawServer::waitForPeerToLeave(connection);
+      while (then == Case::repeat && RawServer::send(connection, chunk)) continue;
     });
     URLRequest request{server.url()};
-    if (c.then == Case::silence) request.timeoutInterval = Seconds(0.3);
+    if (then == Case::silence) request.timeoutInterval = Seconds(0.3);
     const Outcome outcome = fetch(request);
-    EXPECT_EQ(outcome.status(), c.status);
+    EXPECT_EQ(outcome.status(), status);
     ASSERT_TRUE(outcome.error);
-    EXPECT_EQ(outcome.code(), c.code) << outcome.error->description();
+    EXPECT_EQ(outcome.code(), code) << outcome.error->description();
     EXPECT_EQ(outcome.error->domain, NSURLErrorDomain);
-    EXPECT_FALSE(outcome.error->localizedDescription.empty());
     EXPECT_EQ(findString(outcome.error->userInfo, "NSErrorFailingURLStringKey"), server.url());
-    EXPECT_FALSE(outcome.data);
+    EXPECT_FALSE(outcome.data || outcome.error->localizedDescription.empty());
   }
 }
 
 TEST(URLSession, TellsWhyNothingWasReached) {
-  std::string unused;
-  {
-    unused = RawServer([](int) {}).url();
-  }
-  EXPECT_EQ(fetch({unused}).code(), urlError::cannotConnectToHost);
-  EXPECT_EQ(fetch({"http://no..name/"}).code(), urlError::cannotFindHost);
-  EXPECT_EQ(fetch({"ftp://localhost/"}).code(), urlError::unsupportedURL);
-  EXPECT_EQ(fetch({"nonsense"}).code(), urlError::badURL);
+  const std::pair<std::string, int> cases[] = {{RawServer([](int) {}).url(), urlError::cannotConnectToHost},
+                                               {"http://no..name/", urlError::cannotFindHost},
+                                               {"ftp://localhost/", urlError::unsupportedURL},
+                                               {"nonsense", urlError::badURL}};
+  for (const auto& [url, code] : cases) EXPECT_EQ(fetch({url}).code(), code) << url;
 }
 
 TEST(URLSession, CountsTheTimeoutFromTheLastByte) {
@@ -209,12 +132,11 @@ TEST(URLSession, StartsTheTimeoutOfAWaitingTaskWithItsTurn) {
   RawServer server(&RawServer::waitForPeerToLeave);
   URLRequest request{server.url()};
   request.timeoutInterval = Seconds(0.2);
-  const auto start = std::chrono::steady_clock::now();
+  const auto began = std::chrono::steady_clock::now();
   std::vector<std::int64_t> codes;
-  for (int i = 0; i < 17; ++i)
-    URLSession::shared().dataTask(request, [&](auto, auto, auto error) { codes.push_back(error->code); })->resume();
+  for (int i = 0; i < 17; ++i) start(request, [&](auto, auto, auto error) { codes.push_back(error->code); });
   EXPECT_TRUE(Activity::waitUntilIdle(Seconds(30)));
-  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(600)) << "eight, eight and one";
+  EXPECT_GE(std::chrono::steady_clock::now() - began, std::chrono::milliseconds(600)) << "eight, eight and one";
   EXPECT_EQ(codes, std::vector<std::int64_t>(17, urlError::timedOut));
 }
 
@@ -226,23 +148,20 @@ TEST(URLSession, CompletesEachTaskOnceAndOneAtATime) {
   });
   constexpr int kThreads = 4, kEach = 50;
   std::vector<std::atomic<int>> completed(kThreads * kEach);
-  std::atomic<int> atOnce{0}, overlaps{0}, inside{0}, wrong{0};
+  std::atomic<int> atOnce{0}, wrong{0};
   static thread_local bool resuming = false;
   const auto sendAll = [&](int from) {
     for (int i = from; i < from + kEach; ++i) {
       // Every fifth is decided without any network.
       const bool fails = i % 5 == 0;
-      const auto task = URLSession::shared().dataTask({fails ? "nonsense" : server.url("/" + std::to_string(i))},
-                                                      [&, i, fails](auto data, auto, auto error) {
-                                                        if (atOnce.fetch_add(1) != 0) ++overlaps;
-                                                        if (resuming) ++inside;
-                                                        if (fails ? !error : data != std::to_string(i)) ++wrong;
-                                                        ++completed[static_cast<std::size_t>(i)];
-                                                        --atOnce;
-                                                      });
+      const auto task = URLSession::shared().dataTask(
+          {fails ? "nonsense" : server.url("/" + std::to_string(i))}, [&, i, fails](auto data, auto, auto error) {
+            if (atOnce.fetch_add(1) != 0 || resuming || (fails ? !error : data != std::to_string(i))) ++wrong;
+            ++completed[static_cast<std::size_t>(i)];
+            --atOnce;
+          });
       resuming = true;
-      task->resume();
-      task->resume();
+      for (int times = 0; times < 2; ++times) task->resume();
       resuming = false;
     }
   };
@@ -251,79 +170,28 @@ TEST(URLSession, CompletesEachTaskOnceAndOneAtATime) {
   for (auto& thread : threads) thread.join();
   EXPECT_TRUE(Activity::waitUntilIdle(Seconds(60)));
   for (const auto& count : completed) EXPECT_EQ(count, 1);
-  EXPECT_EQ(overlaps, 0);
-  EXPECT_EQ(inside, 0);
-  EXPECT_EQ(wrong, 0);
-}
-
-TEST(URLSession, CountsAsActivityFromResumeToTheEndOfItsCompletion) {
-  std::promise<void> release;
-  RawServer server([&release](int connection) {
-    RawServer::readHead(connection);
-    release.get_future().wait();
-    RawServer::send(connection, "HTTP/1.1 204 No Content\r\n\r\n");
-  });
-  bool busyInCompletion = false;
-  auto task = URLSession::shared().dataTask(
-      {server.url()}, [&busyInCompletion](auto, auto, auto) { busyInCompletion = !Activity::idle(); });
-  EXPECT_TRUE(Activity::idle());
-  task->resume();
-  EXPECT_FALSE(Activity::idle());
-  release.set_value();
-  EXPECT_TRUE(Activity::waitUntilIdle(Seconds(30)));
-  EXPECT_TRUE(busyInCompletion);
-}
-
-TEST(URLSession, LeavesLoopbackOutOfTheProxy) {
-  std::string seen;
-  RawServer proxy([&seen](int connection) {
-    seen = RawServer::readHead(connection);
-    RawServer::send(connection, "HTTP/1.1 203 Proxy\r\nConnection: close\r\n\r\n");
-  });
-  Running server;
-  ::setenv("http_proxy", proxy.url().c_str(), 1);
-  ::unsetenv("no_proxy");
-  EXPECT_EQ(fetch({server.url("/")}).status(), 404);
-  EXPECT_EQ(fetch({"http://backend.invalid/x"}).status(), 203);
-  EXPECT_TRUE(seen.starts_with("GET http://backend.invalid/x HTTP/1.1\r\n")) << seen;
+  EXPECT_EQ(wrong, 0) << "side by side, inside of resume or with another's answer";
 }
 
 TEST(URLSession, RefusesACertificateThatNobodyVouchesFor) {
-  Tls server;
+  Tls<SelfSigned> server;
   const Outcome outcome = fetch({server.url()});
   EXPECT_EQ(outcome.code(), urlError::serverCertificateUntrusted) << outcome.error->description();
   EXPECT_FALSE(outcome.response);
 }
 
-TEST(URLSession, KeepsConnections) {
-  Tls tls;
-  test::TempDir dir;
-  std::ofstream(dir.path() / "ca.pem") << tls.pem();
-  ::setenv("SSL_CERT_FILE", (dir.path() / "ca.pem").c_str(), 1);
-  Running plain;
+TEST(URLSession, KeepsSecureConnections) {
+  Tls<Trusted> server;
   std::set<int> ports;
-  const auto record = [&ports](const httplib::Request& request, httplib::Response&) {
-    ports.insert(request.remote_port);
-    return httplib::Server::HandlerResponse::Handled;
-  };
-  tls.set_pre_routing_handler(record);
-  plain.set_pre_routing_handler(record);
-  for (const std::string& url : {tls.url(), plain.url("/")}) {
-    ports.clear();
-    for (int i = 0; i < 3; ++i) {
-      const Outcome outcome = fetch({url});
-      EXPECT_FALSE(outcome.error) << outcome.error->description();
-      EXPECT_EQ(outcome.status(), 200);
-    }
-    EXPECT_EQ(ports.size(), 1U) << url;
-  }
+  server.Get("/", [&ports](const httplib::Request& request, httplib::Response&) { ports.insert(request.remote_port); });
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(fetch({server.url()}).status(), 200);
+  EXPECT_EQ(ports.size(), 1U);
 }
 
 TEST(URLSessionDeathTest, EndsQuietlyWithTransfersInFlight) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   // The process that ends runs this test again; the server stays here.
-  test::TempDir dir;
-  std::optional<Tls> server;
+  std::optional<Tls<Trusted>> server;
   std::atomic<int> sent{0};
   if (::getenv("ENDLESS_SERVER") == nullptr) {
     server.emplace();
@@ -337,13 +205,11 @@ TEST(URLSessionDeathTest, EndsQuietlyWithTransfersInFlight) {
     server->Get("/flowing", [&sent](const httplib::Request&, httplib::Response&) {
       for (int seen = 0; seen < 100; seen = sent) sent.wait(seen);
     });
-    std::ofstream(dir.path() / "ca.pem") << server->pem();
-    ::setenv("SSL_CERT_FILE", (dir.path() / "ca.pem").c_str(), 1);
     ::setenv("ENDLESS_SERVER", server->url().c_str(), 1);
   }
   const auto exitInTransfer = [] {
     const std::string url = ::getenv("ENDLESS_SERVER");
-    for (int i = 0; i < 4; ++i) URLSession::shared().dataTask({url}, [](auto, auto, auto) { std::abort(); })->resume();
+    for (int i = 0; i < 4; ++i) start({url}, [](auto, auto, auto) { std::abort(); });
     std::exit(fetch({url + "flowing"}).status() == 200 ? 0 : 1);
   };
   EXPECT_EXIT(exitInTransfer(), testing::ExitedWithCode(0), "");
