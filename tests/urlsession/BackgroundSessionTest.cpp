@@ -68,10 +68,10 @@ class Uploading : public testing::Test {
   struct Seen {
     std::string head, body;
   };
-  /// Uploads the file to a server that replies so. Answers what the server was sent, "HOST" for its name.
-  std::vector<Seen> upload(
+  /// Uploads the file to a server that replies so.
+  void upload(
       const Lines& replies, const std::function<void()>& atHead = [] {}) {
-    std::vector<Seen> seen;
+    seen.clear();
     RawServer server([&](int connection) {
       const std::string head = RawServer::readHead(connection);
       seen.push_back({head, {}});
@@ -92,7 +92,6 @@ class Uploading : public testing::Test {
                                           file);
     for (int times = 0; times < 2; ++times) session->resume(task);
     told = diary.take();
-    return seen;
   }
   struct Home : TempDir {
     Home() { setHomeDirectory(path()); }
@@ -100,6 +99,7 @@ class Uploading : public testing::Test {
   const std::filesystem::path file = home.path() / "log";
   Diary diary;
   const std::shared_ptr<BackgroundSession> session = BackgroundSession::open({"logs"}, diary);
+  std::vector<Seen> seen;  ///< by the server, "HOST" for its name
   Lines told;
 };
 
@@ -119,7 +119,7 @@ TEST_F(Uploading, StreamsTheFileAndTellsItsDelegateInOrder) {
   for (const Case& c : cases) {
     SCOPED_TRACE(&c - cases);
     write(file, c.content);
-    const auto seen = upload(c.replies, c.atHead);
+    upload(c.replies, c.atHead);
     EXPECT_EQ(told, c.told);
     ASSERT_EQ(seen.size(), c.replies.size());
     const std::string fixed =
