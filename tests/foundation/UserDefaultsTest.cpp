@@ -173,7 +173,7 @@ TEST_F(UserDefaultsOfAHome, KeepWhatAnotherProcessHasSetMeanwhile) {
 TEST_F(UserDefaultsOfAHome, SeeEveryWriteWhenThreadsReadAndWriteTogether) {
   std::vector<std::thread> threads;
   for (const char* key : {"a", "b", "c"})
-    threads.emplace_back([this, key] {
+    threads.emplace_back([key] {
       for (int i = 1; i <= 20; ++i) {
         defaults().set(key, i);
         EXPECT_EQ(defaults().integer(key), i);

@@ -66,7 +66,7 @@ TEST(Save, KeepsEverythingPendingWhicheverDiskCallFailsAndWhereverTheDiskGetsFul
     for (bool saved = false; !saved; ++failed) {
       ASSERT_LT(failed, 200);
       SCOPED_TRACE(failed * step);
-      saved = surviveFault([&] { failAfter(failed * step); });
+      saved = surviveFault([failAfter = failAfter, nth = failed * step] { failAfter(nth); });
     }
     EXPECT_GT(failed, 10);
   }

@@ -333,7 +333,7 @@ TEST(LostStore, IsNoticedByTheNextSaveAndToldOnce) {
     TestStore store;
     for (int i = 0; i < 3; ++i) save(store, i);
     happens(store.file);
-    store.run([&] {
+    store.run([&, isLost = isLost] {
       store.add(3);
       const std::string first = textOf(store.context->save());
       EXPECT_EQ(first.find("removed, replaced or cut short") != first.npos, isLost) << first;
