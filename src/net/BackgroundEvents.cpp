@@ -42,7 +42,7 @@ class SessionEvents final : public platform::BackgroundSessionDelegate {
 
   void addCompletionHandler(std::function<void()> handler) {
     MutexLock lock(mutex_);
-    completionHandlers_.push_back(std::move(handler));
+    backgroundTransferCompletionHandler.push_back(std::move(handler));
   }
 
   void didReceive(BackgroundSession& session, const std::string& data) override;
@@ -53,12 +53,12 @@ class SessionEvents final : public platform::BackgroundSessionDelegate {
  private:
   std::vector<std::function<void()>> takeCompletionHandlers() {
     MutexLock lock(mutex_);
-    return std::exchange(completionHandlers_, {});
+    return std::exchange(backgroundTransferCompletionHandler, {});
   }
 
   platform::Mutex mutex_;
   /// One for each time that the application was woken and the events are not finished yet.
-  std::vector<std::function<void()>> completionHandlers_ GUARDED_BY(mutex_);
+  std::vector<std::function<void()>> backgroundTransferCompletionHandler GUARDED_BY(mutex_);
 };
 
 /// The log files of all days but today, whoever's they are, by name. A link or a pipe of such a name is none.
