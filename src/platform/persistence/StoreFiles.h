@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 
@@ -23,19 +24,23 @@ class StoreFiles {
   void watch();
   /// Whether the index of the write-ahead log can be touched; one cheap system call.
   bool hasIndex();
-  /// Whether what is written now would be found again; a look at the path, and one cheap system call.
-  bool areNamed() const;
+  /// Whether what is written now would be found again: removed and replaced files are noticed at once, by two cheap
+  /// system calls, a store or a home that was moved aside within a second.
+  bool areNamed();
   /// The length of the write-ahead log in bytes when it was looked at last, 0 without one.
   std::uint64_t logSize() const { return logSize_; }
 
  private:
+  bool isInPlace();
+
   const std::filesystem::path path_;
-  std::uint64_t device_ = 0;  ///< of the store
-  std::uint64_t node_ = 0;    ///< of the store; 0 while it is not watched
+  std::uint64_t device_ = 0, node_ = 0;             ///< of the store
+  std::chrono::steady_clock::time_point looked_{};  ///< at the path, last
+  int store_ = -1;
   int log_ = -1;
   int index_ = -1;
   std::uint64_t indexSize_ = 0;
-  mutable std::uint64_t logSize_ = 0;
+  std::uint64_t logSize_ = 0;
 };
 
 }  // namespace tarvo::platform

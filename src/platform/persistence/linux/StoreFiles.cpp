@@ -11,7 +11,12 @@ namespace {
 
 /// Names the file without opening it: closing such a descriptor leaves SQLite's own locks alone, which any other
 /// descriptor of the file would drop. Asking it costs a third of what asking the path does.
-int handleOf(const std::string& path) { return ::open(path.c_str(), O_PATH | O_CLOEXEC | O_NOFOLLOW); }
+int handleOf(const std::string& path, int flags = O_NOFOLLOW) {
+  return ::open(path.c_str(), O_PATH | O_CLOEXEC | flags);
+}
+
+/// Looking a path up costs three times what asking a handle does.
+constexpr std::chrono::seconds kBetweenLooks{1};
 
 /// Whether the file still has a name; its length in `size`.
 bool isNamed(int handle, std::uint64_t& size) {
@@ -26,15 +31,18 @@ bool isNamed(int handle, std::uint64_t& size) {
 StoreFiles::StoreFiles(const std::filesystem::path& store) : path_(store) {}
 
 StoreFiles::~StoreFiles() {
-  for (const int handle : {log_, index_})
+  for (const int handle : {store_, log_, index_})
     if (handle >= 0) ::close(handle);
 }
 
 void StoreFiles::watch() {
-  struct stat status {};
-  if (node_ == 0 && ::stat(path_.c_str(), &status) == 0) {
-    device_ = status.st_dev;
-    node_ = status.st_ino;
+  if (store_ < 0) {
+    store_ = handleOf(path_.native(), 0);
+    struct stat status {};
+    if (store_ >= 0 && ::fstat(store_, &status) == 0) {
+      device_ = status.st_dev;
+      node_ = status.st_ino;
+    }
   }
   if (log_ < 0) log_ = handleOf(path_.native() + "-wal");
   if (index_ < 0) index_ = handleOf(path_.native() + "-shm");
@@ -49,11 +57,18 @@ bool StoreFiles::hasIndex() {
   return true;
 }
 
-bool StoreFiles::areNamed() const {
-  struct stat status {};
-  if (node_ != 0 && (::stat(path_.c_str(), &status) != 0 || status.st_dev != device_ || status.st_ino != node_))
-    return false;
+bool StoreFiles::areNamed() {
+  std::uint64_t size = 0;
+  if (store_ >= 0 && (!isNamed(store_, size) || !isInPlace())) return false;
   return log_ < 0 || isNamed(log_, logSize_);
+}
+
+bool StoreFiles::isInPlace() {
+  const auto now = std::chrono::steady_clock::now();
+  if (now - looked_ < kBetweenLooks) return true;
+  looked_ = now;
+  struct stat status {};
+  return ::stat(path_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == node_;
 }
 
 }  // namespace tarvo::platform
