@@ -129,6 +129,7 @@ std::optional<Error> UserDefaults::State::write(Blocks& ready) {
         else
           values.insert_or_assign(key, value);
       }
+      changes.fetch_add(1, std::memory_order_release);  // behind what the other process has changed
     }
     snapshot = values;
   }
