@@ -10,7 +10,7 @@ namespace tarvo::platform {
 namespace {
 
 /// Names the file without opening it: closing such a descriptor leaves SQLite's own locks alone, which any other
-/// descriptor of the file would drop. Asking it costs a third of what asking the path does.
+/// descriptor of the file would drop.
 int handleOf(const std::string& path, int flags = O_NOFOLLOW) {
   return ::open(path.c_str(), O_PATH | O_CLOEXEC | flags);
 }
