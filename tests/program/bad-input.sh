@@ -87,7 +87,7 @@ perl -MIO::Socket::INET -e '$| = 1; $server = IO::Socket::INET->new(Listen => 9,
 refusing=$!
 removeOnceStored() {
   for _ in {1..200}; do
-    [ "$(sqlite3 "$work/gone"/Documents/*.sqlite 'SELECT count(*) FROM Locations' 2>/dev/null)" = 514 ] && break
+    [ "$(sqlite3 "file:$work/gone/Documents/Marrowgate-Tarvo-db3.sqlite?mode=ro" 'SELECT count(*) FROM Locations' 2>/dev/null)" = 514 ] && break
     perl -e 'select undef, undef, undef, 0.1'
   done
   rm -rf "$work/gone"
