@@ -14,7 +14,6 @@
 namespace tarvo {
 
 using platform::Date;
-using platform::NSFetchRequest;
 using platform::NSPredicate;
 using platform::Seconds;
 

@@ -1,0 +1,11 @@
+#!/usr/bin/env bash
+# No file of the library or the programs has a finding of .clang-tidy. Takes minutes, so only "./test full" asks for it.
+# usage: tidy.sh BUILD_DIR SOURCE_DIR; 77 where nobody asks or the tool is not installed.
+set -euo pipefail
+build=$1
+cd "$2"
+[ -n "${TARVO_FULL:-}" ] || { echo "skipped: only ./test full runs it"; exit 77; }
+tool=$(command -v clang-tidy-14) || { echo "skipped: clang-tidy is not installed"; exit 77; }
+# The compilation database may name options that only g++ has.
+find src apps -name '*.cpp' -print0 |
+  xargs -0 -n 1 -P "$(nproc)" "$tool" -p "$build" --quiet --extra-arg=-Wno-unknown-warning-option 2>/dev/null
