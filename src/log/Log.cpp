@@ -17,10 +17,10 @@
 #include <tarvo/platform/UserDefaults.h>
 
 #include "platform/foundation/DateFormatter.h"
+#include "platform/foundation/Encoding.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/UserDefaultsChanges.h"
-#include "platform/foundation/Utf8.h"
 #include "settings/Names.h"
 #include "settings/Settings.h"
 

@@ -13,8 +13,8 @@
 #include <set>
 #include <thread>
 
-#include "platform/foundation/Base64.h"
 #include "platform/foundation/Bundle.h"
+#include "platform/foundation/Encoding.h"
 #include "platform/foundation/FileLock.h"
 #include "platform/foundation/Text.h"
 #include "support/TempDir.h"

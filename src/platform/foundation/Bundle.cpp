@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "platform/foundation/Files.h"
-#include "platform/foundation/InfoPropertyList.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/PropertyList.h"
 #include "platform/foundation/Text.h"

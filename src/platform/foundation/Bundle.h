@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -21,6 +22,10 @@ struct EmbeddedResource {
   std::string_view extension;
   std::string_view bytes;
 };
+
+/// The property list of the host: the one that was set, else `Info.plist` in the home that was set, else the one
+/// beside the program if there is one, else the one in the default home. Threads: any.
+std::filesystem::path infoPropertyListFile();
 
 /// The host's description and the library's resources.
 ///

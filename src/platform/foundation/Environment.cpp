@@ -2,17 +2,19 @@
 
 #include <tarvo/platform/SystemLog.h>
 
+#include <pwd.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <optional>
 #include <string>
 #include <system_error>
 #include <utility>
 
-#include "platform/foundation/Executable.h"
+#include "platform/foundation/Bundle.h"
 #include "platform/foundation/Files.h"
-#include "platform/foundation/InfoPropertyList.h"
 #include "platform/foundation/Mutex.h"
+#include "platform/foundation/System.h"
 #include "platform/foundation/Text.h"
 
 namespace tarvo::platform {
@@ -38,6 +40,17 @@ fs::path anchored(const fs::path& path) {
   std::error_code failure;
   fs::path absolute = fs::absolute(path, failure);
   return failure ? path : absolute.lexically_normal();
+}
+
+/// The user's home directory: `$HOME`, else the one of the user database.
+fs::path userDirectory() {
+  if (const char* home = ::getenv("HOME"); home != nullptr && *home == '/') return home;
+  std::vector<char> buffer(16384);
+  passwd entry{};
+  passwd* found = nullptr;
+  if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr)
+    return found->pw_dir;
+  return "/";
 }
 
 fs::path defaultHome() {

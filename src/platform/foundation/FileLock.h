@@ -5,7 +5,7 @@
 #include <functional>
 #include <string>
 
-#include "platform/foundation/Error.h"
+#include "platform/foundation/Files.h"
 
 namespace tarvo::platform {
 
@@ -28,7 +28,7 @@ class FileLock {
   /// Asks again for up to `patience` of the machine's own time, or until `giveUp` says so.
   Result<bool> lock(std::chrono::milliseconds patience, const std::function<bool()>& giveUp = {});
   void unlock();
-  bool isHeld() const { return descriptor_ >= 0; }
+  bool isHeld() const { return descriptor_.isOpen(); }
 
   /// "NAME (process N)" of who wrote itself down last, "another process" when nobody can be read.
   std::string holder() const;
@@ -43,7 +43,7 @@ class FileLock {
   void writeHolder() const;
 
   const std::filesystem::path file_;
-  int descriptor_ = -1;  ///< while it is held
+  Descriptor descriptor_;  ///< open while the lock is held
 };
 
 }  // namespace tarvo::platform

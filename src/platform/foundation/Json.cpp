@@ -6,8 +6,8 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "platform/foundation/Encoding.h"
 #include "platform/foundation/Text.h"
-#include "platform/foundation/Utf8.h"
 
 namespace tarvo::platform {
 namespace {
