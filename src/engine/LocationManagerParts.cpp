@@ -92,7 +92,7 @@ void LocationManager::Parts::configureLocationService() {
   locationManager.setDesiredAccuracy(state.desiredAccuracyForeground);
   locationManager.setDistanceFilter(20.0);
   locationManager.setPausesLocationUpdatesAutomatically(false);
-  if (UIDevice::current().platformLevel() >= 9) locationManager.setAllowsBackgroundLocationUpdates(true);
+  if (UIDevice::current().hasFeaturesOfLevel9()) locationManager.setAllowsBackgroundLocationUpdates(true);
 }
 
 void LocationManager::Parts::probeServices() {

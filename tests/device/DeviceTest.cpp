@@ -6,10 +6,11 @@
 #include <tarvo/platform/Device.h>
 #include <tarvo/platform/Environment.h>
 
-#include "platform/device/PowerSupply.h"
-#include "platform/device/SystemIdentity.h"
+#include "platform/device/linux/SystemFiles.h"
 #include "platform/foundation/Activity.h"
+#include "platform/foundation/Files.h"
 #include "platform/foundation/NotificationCenter.h"
+#include "support/FreshProcess.h"
 #include "support/TempDir.h"
 
 namespace tarvo::platform {
@@ -49,7 +50,7 @@ TEST(Device, ReadsTheBatteriesThatFeedTheMachine) {
     SCOPED_TRACE(what);
     test::TempDir folder;
     for (std::size_t i = 0; i < supplies.size(); ++i) writeAttributes(folder.path() / std::to_string(i), supplies[i]);
-    setPowerSupplyFolder(folder.path());
+    powerSupplyFolder() = folder.path();
     device.setBatteryMonitoringEnabled(true);
     EXPECT_EQ(device.batteryState(), state);
     EXPECT_DOUBLE_EQ(device.batteryLevel(), level);
@@ -60,7 +61,7 @@ TEST(Device, ReadsTheBatteriesThatFeedTheMachine) {
 }
 
 TEST(Device, TellsOfTheHostsBatteryOnlyWhenItsStateChangesWhileMonitored) {
-  setPowerSupplyFolder("/nowhere");
+  powerSupplyFolder() = "/nowhere";
   UIDevice& device = UIDevice::current();
   int told = 0;
   NotificationCenter::defaultCenter().addObserver(UIDeviceBatteryStateDidChangeNotification,
@@ -75,30 +76,40 @@ TEST(Device, TellsOfTheHostsBatteryOnlyWhenItsStateChangesWhileMonitored) {
   EXPECT_EQ(device.batteryLevel(), -1);
 }
 
-TEST(Device, KeepsOneIdentifierInTheHome) {
-  test::TempDir folder;
-  const fs::path file = folder.path() / "Library" / "identifierForVendor";
-  const auto made = keptUuid(file);
-  ASSERT_TRUE(made);
-  EXPECT_EQ(keptUuid(file), made);
-  EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
-  std::ofstream(file) << "damaged";
-  const auto next = keptUuid(file);
-  ASSERT_TRUE(next);
-  EXPECT_NE(next, made);
-  EXPECT_EQ((*next)[14], '4');
-  EXPECT_EQ(keptUuid("/dev/null/Library/identifierForVendor"), std::nullopt);
+/// Answers of a process of its own, which finds the identifier in its home.
+enum Answer { none, asKept, another };
+Answer identifierFound(const std::string& kept) {
+  return static_cast<Answer>(test::inFreshProcess([&kept] {
+    const auto found = UIDevice::current().identifierForVendor();
+    return !found ? none : *found == kept ? asKept : another;
+  }));
+}
 
-  setHomeDirectory(folder.path());
-  EXPECT_EQ(UIDevice::current().identifierForVendor(), next);
-  EXPECT_TRUE(UIDevice::current().setIdentifierForVendor(""));
-  EXPECT_EQ(UIDevice::current().identifierForVendor(), std::nullopt);
-  const std::string host = "3F2504E0-4F89-41D3-9A0C-0305E82C3301";
-  EXPECT_TRUE(UIDevice::current().setIdentifierForVendor("3f2504e0-4F89-41d3-9a0c-0305e82c3301"));
+TEST(Device, KeepsOneIdentifierInTheHome) {
+  const test::TempDir home;
+  setHomeDirectory(home.path());
+  const fs::path file = home.path() / "Library" / "identifierForVendor";
+  EXPECT_EQ(identifierFound(""), another);
+  const std::string made = readFile(file).value();
+  EXPECT_EQ(made[14], '4') << made;
+  EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+  EXPECT_EQ(identifierFound(made), asKept);
+  std::ofstream(file) << "damaged";
+  EXPECT_EQ(identifierFound(made), another);
+  fs::remove_all(home.path());
+  std::ofstream(home.path()).flush();  // a file where the folder should be
+  EXPECT_EQ(identifierFound(made), none);
+}
+
+TEST(Device, TakesAnIdentifierOfTheHostsOwn) {
+  UIDevice& device = UIDevice::current();
+  EXPECT_TRUE(device.setIdentifierForVendor(""));
+  EXPECT_EQ(device.identifierForVendor(), std::nullopt);
+  EXPECT_TRUE(device.setIdentifierForVendor("3f2504e0-4F89-41d3-9a0c-0305e82c3301"));
   for (const char* none : {"HOST", "3F2504E04F8941D39A0C0305E82C3301", "3F2504E0-4F89-41D3-9A0C-0305E82C330g",
                            "3F2504E0-4F89-41D3-9A0C-0305E82C3301\n"})
-    EXPECT_FALSE(UIDevice::current().setIdentifierForVendor(none)) << none;
-  EXPECT_EQ(UIDevice::current().identifierForVendor(), host) << "in upper case, and kept";
+    EXPECT_FALSE(device.setIdentifierForVendor(none)) << none;
+  EXPECT_EQ(device.identifierForVendor(), "3F2504E0-4F89-41D3-9A0C-0305E82C3301") << "in upper case, and kept";
 }
 
 TEST(Device, ReadsTheDistributionsNameAsTheShellWould) {
