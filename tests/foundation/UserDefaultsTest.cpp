@@ -12,7 +12,6 @@
 #include "platform/foundation/Activity.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/PropertyList.h"
-#include "platform/foundation/UserDefaultsChanges.h"
 #include "support/FreshProcess.h"
 #include "support/TempDir.h"
 
@@ -138,7 +137,7 @@ TEST_F(UserDefaultsOfAHome, KeepInMemoryWhatCannotBeWrittenUntilTheNextChance) {
     log.clear();
     bool told = false;
     defaults().set("key", ++value);
-    whenUserDefaultsAreWritten([&] { told = true; });
+    defaults().whenSynchronized([&] { told = true; });
     EXPECT_EQ(defaults().integer("key"), value);
     ASSERT_EQ(log.size(), 1U);
     EXPECT_NE(log[0].find("cannot be written"), std::string::npos);
