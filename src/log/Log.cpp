@@ -224,7 +224,7 @@ std::string Log::todaysFilePrefix() { return platform::concat(kFilePrefix, "_", 
 
 void Log::debugLog(std::int64_t level, std::initializer_list<platform::Piece> parts) {
   platform::TextBuilder message;
-  platform::appendPieces(message, parts);
+  platform::append(message, parts);
   debugLog(level, message.view());
 }
 

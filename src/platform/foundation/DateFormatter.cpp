@@ -154,12 +154,12 @@ class LocalizedFormat {
     const double seconds = second - minute;
     // Some locales name noon and midnight, which are exact. Beyond 2^53 there are no single seconds.
     if (!hasSeconds_ || !(seconds >= 1 && seconds < 60))
-      return out.add(text(format(format_.get(), milliseconds(date))));
+      return out.append(text(format(format_.get(), milliseconds(date))));
     const auto digits = static_cast<int>(seconds);
-    out.add(beforeSeconds_);
-    out.add(static_cast<char>('0' + digits / 10));
-    out.add(static_cast<char>('0' + digits % 10));
-    out.add(afterSeconds_);
+    out.append(beforeSeconds_);
+    out.append(static_cast<char>('0' + digits / 10));
+    out.append(static_cast<char>('0' + digits % 10));
+    out.append(afterSeconds_);
   }
 
  private:

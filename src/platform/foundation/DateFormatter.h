@@ -7,7 +7,7 @@
 
 #include <tarvo/platform/Date.h>
 
-#include "platform/foundation/TextBuilder.h"
+#include "platform/foundation/Text.h"
 
 namespace tarvo::platform {
 
