@@ -54,6 +54,22 @@ TEST_F(BundleOfTheHost, IsEmptyAndSilentWithoutAPropertyList) {
   EXPECT_TRUE(log_.empty());
 }
 
+TEST_F(BundleOfTheHost, IsWhatTheHostSaysInCodeAndNotItsFile) {
+  std::ofstream(home_.path() / "Info.plist") << "<plist><dict><key>N</key><string>5</string></dict></plist>";
+  const Dictionary info{{"TarvoApiKey", "k"}};
+  EXPECT_TRUE(setInfoDictionary(info));
+  EXPECT_EQ(Bundle::main().infoDictionary(), info);
+  EXPECT_FALSE(setInfoDictionary({}) || setInfoPropertyList("other.plist")) << "too late";
+}
+
+TEST_F(EnvironmentOfTheHost, RefusesAnotherHomeOnceOneIsInUse) {
+  EXPECT_TRUE(setHomeDirectory("/other") && setHomeDirectory(home_.path()));
+  EXPECT_EQ(homeDirectory(), home_.path());
+  EXPECT_FALSE(setHomeDirectory("/other"));
+  EXPECT_TRUE(setHomeDirectory(home_.path())) << "the same";
+  EXPECT_EQ(homeDirectory(), home_.path());
+}
+
 TEST_F(BundleOfTheHost, ComplainsOnceOfAPropertyListThatIsBroken) {
   const fs::path file = home_.path() / "other.plist";
   std::ofstream(file) << "<plist><dict>";

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <limits>
 #include <tuple>
 #include <vector>
@@ -80,6 +81,14 @@ TEST(Json, SaysWhatItCannotWrite) {
     EXPECT_EQ(findString(text.error().userInfo, "NSDebugDescription"), why);
   }
   EXPECT_TRUE(isValidJsonObject(Dictionary{{"a", Array{1, 2.5, "x", nullptr, true}}}));
+}
+
+TEST(Value, IsReadFromJsonAndWrittenAsIt) {
+  for (const char* text : {"{\"a\":[1,0.5,\"x\"]}", "[]", "null", "\"bare\"", "7"})
+    EXPECT_EQ(Value::fromJson(text).value().toJson(), text);
+  EXPECT_EQ(Value::fromJson("[1,]"), std::nullopt);
+  for (const Value& value : {Value(std::nan("")), Value(Array{"\xff"}), Value(std::string(64U << 20, 'x'))})
+    EXPECT_EQ(value.toJson(), std::nullopt);
 }
 
 TEST(PropertyList, KeepsTypesAndEveryText) {

@@ -31,7 +31,9 @@ struct HostDescription {
 };
 
 HostDescription readHostDescription() {
-  const std::filesystem::path file = infoPropertyListFile();
+  HostInfo given = hostInfo();
+  if (given.dictionary) return {std::move(*given.dictionary), {}};
+  const std::filesystem::path& file = given.file;
   std::error_code ignored;
   if (!std::filesystem::exists(file, ignored)) return {};
   auto bytes = readFile(file);

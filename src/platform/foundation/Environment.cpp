@@ -25,7 +25,9 @@ namespace fs = std::filesystem;
 struct Environment {
   Mutex mutex;
   std::optional<fs::path> home GUARDED_BY(mutex);
-  std::optional<fs::path> infoPropertyList GUARDED_BY(mutex);
+  bool homeWasAskedFor GUARDED_BY(mutex) = false;
+  HostInfo info GUARDED_BY(mutex);
+  bool infoWasAskedFor GUARDED_BY(mutex) = false;
   std::optional<std::vector<fs::path>> documents GUARDED_BY(mutex);
   bool reported GUARDED_BY(mutex) = false;
 };
@@ -69,6 +71,13 @@ std::vector<fs::path> chosenDocumentDirectories() {
   return {homeDirectory() / "Documents"};
 }
 
+bool setHostInfo(HostInfo info) {
+  MutexLock lock(environment().mutex);
+  if (environment().infoWasAskedFor) return false;
+  environment().info = std::move(info);
+  return true;
+}
+
 // The directories are asked for at every log line while there is no file to write to, so a home that stays unwritable
 // is told only once.
 bool reportsFirst() {
@@ -78,35 +87,37 @@ bool reportsFirst() {
 
 }  // namespace
 
-void setHomeDirectory(const fs::path& home) {
+bool setHomeDirectory(const fs::path& home) {
   fs::path absolute = anchored(home);
   MutexLock lock(environment().mutex);
+  if (environment().homeWasAskedFor) return environment().home == absolute;
   environment().home = std::move(absolute);
+  return true;
 }
 
 fs::path homeDirectory() {
   {
     MutexLock lock(environment().mutex);
+    environment().homeWasAskedFor = true;
     if (environment().home) return *environment().home;
   }
   return defaultHome();
 }
 
-void setInfoPropertyList(const fs::path& file) {
-  fs::path absolute = anchored(file);
-  MutexLock lock(environment().mutex);
-  environment().infoPropertyList = std::move(absolute);
-}
+bool setInfoPropertyList(const fs::path& file) { return setHostInfo({.file = anchored(file)}); }
+bool setInfoDictionary(Dictionary info) { return setHostInfo({.dictionary = std::move(info)}); }
 
-fs::path infoPropertyListFile() {
+HostInfo hostInfo() {
   {
     MutexLock lock(environment().mutex);
-    if (environment().infoPropertyList) return *environment().infoPropertyList;
-    if (environment().home) return *environment().home / "Info.plist";
+    environment().infoWasAskedFor = true;
+    if (environment().info.dictionary || !environment().info.file.empty()) return environment().info;
+    environment().homeWasAskedFor = true;
+    if (environment().home) return {.file = *environment().home / "Info.plist"};
   }
   std::error_code ignored;
   fs::path beside = executableFile().parent_path() / "Info.plist";
-  return fs::is_regular_file(beside, ignored) ? beside : defaultHome() / "Info.plist";
+  return {.file = fs::is_regular_file(beside, ignored) ? beside : defaultHome() / "Info.plist"};
 }
 
 std::vector<fs::path> documentDirectories() {
