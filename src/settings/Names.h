@@ -19,7 +19,7 @@ inline constexpr const char* kDefaultRemoteWebServerURL = "https://backend.tarvo
 /// Keys of the user defaults.
 using keys::kLogLevel;
 inline constexpr const char* kActivateMarker = "TARVO_ACTIVATE_STATUS";
-inline constexpr const char* kActivateMode = "ACTIVATE_STATUS_YES";
+using keys::kActivateMode;
 inline constexpr const char* kUserSecret = "uuid_secret_key";
 inline constexpr const char* kPoiVersion = "poi_version";
 inline constexpr const char* kServiceState = "service_state";

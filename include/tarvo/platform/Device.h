@@ -64,6 +64,7 @@ class TARVO_API UIApplication {
   void willResignActive();
   void didEnterBackground();
 
+  /// Each asks the host's application for what its operation of that name does, on the main queue, and returns at once.
   void present(Alert alert);
   void openURL(std::string url);
   void registerForRemoteNotifications();
@@ -91,6 +92,7 @@ class TARVO_API UIDevice {
  public:
   static UIDevice& current();
 
+  /// Off until it is switched on.
   void setBatteryMonitoringEnabled(bool enabled);
   UIDeviceBatteryState batteryState() const;
   /// 0 to 1, or -1 when unknown.
@@ -99,7 +101,7 @@ class TARVO_API UIDevice {
   /// UIDeviceBatteryStateDidChangeNotification on the caller's thread.
   void setBattery(UIDeviceBatteryState state, double level);
 
-  /// Host name; name and version of the distribution (os-release).
+  /// The name of the machine; name and version of its operating system.
   std::string name() const;
   std::string systemName() const;
   std::string systemVersion() const;

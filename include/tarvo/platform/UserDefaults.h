@@ -36,6 +36,7 @@ class TARVO_API UserDefaults {
 
   /// Stores the value; a null one removes the key.
   void set(std::string_view key, Value value);
+  /// Forgets what is stored under the key.
   void remove(std::string_view key);
 
   /// Whether everything is in the file; what could not be written before is tried again first.

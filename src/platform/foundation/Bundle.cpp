@@ -57,7 +57,7 @@ const Bundle& Bundle::main() {
     made->bundle.info_ = made->description.info;
     return made;
   }();
-  // Told once the bundle stands: whoever receives the line may ask for it.
+  // Told only once the bundle has been made, because whoever receives the line may ask for it.
   if (!host->description.complaint.empty() && !host->told.exchange(true)) NSLog(host->description.complaint);
   return host->bundle;
 }

@@ -142,7 +142,7 @@ std::optional<Date> DateFormatter::date(std::string_view text) const {
 
 namespace {
 
-/// Fixes follow each other by the second, and within a minute only the two digits of the seconds differ.
+/// Formats each minute once: within it only the two digits of the seconds differ, and fixes come every second.
 class LocalizedFormat {
  public:
   void append(TextBuilder& out, Date date) {
@@ -169,7 +169,8 @@ class LocalizedFormat {
     return U_SUCCESS(status);
   }
 
-  /// There are no such digits in a locale with others than ours, and in a zone that is not whole minutes from UTC.
+  /// Formats one second of the minute and keeps what stands before and after the two digits of the seconds. They are
+  /// not found in a locale with other digits, nor in a zone whose offset from UTC is not in whole minutes.
   void keep(double minute) REQUIRES(mutex_) {
     UFieldPosition seconds{UDAT_SECOND_FIELD, 0, 0};
     const std::u16string whole = format(format_.get(), milliseconds(dateSince1970(minute + 1)), &seconds);

@@ -37,7 +37,7 @@ Environment& environment() {
   return *environment;
 }
 
-// What is set stays in place when the program changes its working directory.
+// Made absolute, so that it means the same after a change of the working directory.
 fs::path anchored(const fs::path& path) {
   std::error_code failure;
   fs::path absolute = fs::absolute(path, failure);

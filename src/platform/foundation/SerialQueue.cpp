@@ -13,7 +13,7 @@
 namespace tarvo::platform {
 namespace {
 
-/// In the blocks of how many queues this thread stands.
+/// How many blocks of queues the calling thread is inside, one within the other.
 thread_local int queuesHeld = 0;
 
 }  // namespace

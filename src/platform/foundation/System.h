@@ -46,8 +46,9 @@ bool tryLockFile(int descriptor);
 /// Threads: `signal` any, the others that of the sleeper.
 class WakeUp {
  public:
-  /// Readable after a `signal`, or -1. One that comes anew tells nothing of what was signalled before.
+  /// Readable after a `signal`, or -1. A descriptor that is made by a later call knows nothing of earlier signals.
   int descriptor();
+  /// Forgets all signals so far.
   void clear();
   void signal();
 

@@ -121,7 +121,7 @@ struct UserDefaults::State {
   std::string complaint;
   bool keptInMemory = false;
   std::atomic<bool> complained = false;
-  /// Follows `written`, to be read without waiting for a write.
+  /// The same as `written`, to be read without waiting for a write under way.
   std::atomic<bool> isWritten = true;
 
  private:
@@ -163,7 +163,7 @@ void UserDefaults::State::change(std::string_view key, std::optional<Value> valu
   std::optional<Error> error;
   {
     MutexLock writeLock(writing);
-    // They hold credentials. By the first change, for a process that only reads removes nothing.
+    // Abandoned writes hold credentials. The first change removes them: a process that only reads must remove nothing.
     if (!std::exchange(cleared, true)) removeAbandonedWrites(file.parent_path());
     {
       MutexLock lock(mutex);
@@ -254,7 +254,7 @@ void UserDefaults::State::whenSynchronized(std::function<void()> block) {
 
 UserDefaults& UserDefaults::standard() {
   static UserDefaults* const defaults = new UserDefaults;
-  // Told once the object stands: whoever receives the line may ask for it.
+  // Told only once the object has been made, because whoever receives the line may ask for it.
   State& state = *defaults->state_;
   if (!state.complaint.empty() && !state.complained.exchange(true)) NSLog(state.complaint);
   return *defaults;
