@@ -180,6 +180,5 @@ void SerialQueue::syncReentrant(const std::function<void()>& block) {
 
 bool SerialQueue::isCurrent() const { return state_->isHeld(); }
 bool SerialQueue::onAnyQueue() { return queuesHeld > 0; }
-const std::string& SerialQueue::label() const { return state_->label; }
 
 }  // namespace tarvo::platform
