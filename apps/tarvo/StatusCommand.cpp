@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include <tarvo/HostKeys.h>
 #include <tarvo/LocationManager.h>
 #include <tarvo/platform/Environment.h>
 #include <tarvo/platform/UserDefaults.h>
