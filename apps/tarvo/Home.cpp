@@ -10,6 +10,8 @@
 #include <system_error>
 #include <type_traits>
 
+#include <tarvo/HostKeys.h>
+
 #include "Failure.h"
 
 namespace tarvo::cli {
@@ -18,9 +20,6 @@ namespace {
 namespace fs = std::filesystem;
 using Node = std::unique_ptr<std::remove_pointer_t<plist_t>, void (*)(plist_t)>;
 
-constexpr const char* kBundleKey = "CFBundleIdentifier";
-constexpr const char* kApiKey = "TarvoApiKey";
-constexpr const char* kClientKey = "TarvoClientID";
 /// The library frees nested lists by recursion, so a list that could nest deep is not read.
 constexpr std::uintmax_t kLargestPropertyList = 64 * 1024;
 
@@ -76,9 +75,9 @@ void Home::writeKeys(const HostKeys& keys) const {
   if (!dictionary && hasPropertyList())
     throw Failure{kUnusable, propertyList().string() + " is no property list; it is left as it is"};
   if (!dictionary) dictionary.reset(plist_new_dict());
-  if (!textUnder(dictionary, kBundleKey)) set(dictionary, kBundleKey, "org.tarvo.replay");
-  set(dictionary, kApiKey, keys.apiKey);
-  set(dictionary, kClientKey, keys.clientID);
+  if (!textUnder(dictionary, keys::kBundleIdentifier)) set(dictionary, keys::kBundleIdentifier, "org.tarvo.replay");
+  set(dictionary, keys::kApiKey, keys.apiKey);
+  set(dictionary, keys::kClientID, keys.clientID);
   char* text = nullptr;
   std::uint32_t size = 0;
   plist_to_xml(dictionary.get(), &text, &size);
@@ -96,7 +95,7 @@ void Home::writeKeys(const HostKeys& keys) const {
 
 HostKeys Home::readKeys() const {
   const Node dictionary = readDictionary(propertyList());
-  return {textUnder(dictionary, kApiKey), textUnder(dictionary, kClientKey)};
+  return {textUnder(dictionary, keys::kApiKey), textUnder(dictionary, keys::kClientID)};
 }
 
 bool Home::hasPropertyList() const {

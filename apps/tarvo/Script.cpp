@@ -26,24 +26,6 @@ using platform::UIDevice;
 using platform::UIDeviceBatteryState;
 using Happening = std::function<void(Tarvo&)>;
 
-platform::Value valueOf(const Json& json) {
-  if (json.is_boolean()) return json.get<bool>();
-  if (json.is_number_integer()) return json.get<std::int64_t>();
-  if (json.is_number()) return json.get<double>();
-  if (json.is_string()) return json.get<std::string>();
-  if (json.is_array()) {
-    platform::Array array;
-    for (const Json& element : json) array.push_back(valueOf(element));
-    return array;
-  }
-  if (json.is_object()) {
-    platform::Dictionary dictionary;
-    for (const auto& [key, value] : json.items()) dictionary.emplace(key, valueOf(value));
-    return dictionary;
-  }
-  return nullptr;
-}
-
 /// The number that stands for a word of `words`.
 template <class Number>
 Number named(const std::map<std::string, Number>& words, const Json& word, const std::string& key) {
@@ -82,10 +64,10 @@ Happening permission(const Json& event) {
 }
 
 Happening push(const Json& event) {
-  const platform::Value payload = valueOf(event.at("payload"));
-  if (payload.asDictionary() == nullptr) throw std::invalid_argument("\"payload\" is no object");
+  const auto payload = platform::Value::fromJson(event.at("payload").dump());
+  if (!payload || payload->asDictionary() == nullptr) throw std::invalid_argument("\"payload\" is no object");
   return [payload](Tarvo& tarvo) {
-    if (!tarvo.didReceiveRemoteNotification(*payload.asDictionary()))
+    if (!tarvo.didReceiveRemoteNotification(*payload->asDictionary()))
       std::cerr << "tarvo: the push message is not for the SDK" << std::endl;
   };
 }

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include <tarvo/HostKeys.h>
 #include <tarvo/LocationManager.h>
 #include <tarvo/platform/Environment.h>
 #include <tarvo/platform/UserDefaults.h>
@@ -54,7 +55,7 @@ int printStatus(const Options& options) {
   if (!sync.storeAvailable) throw Failure{kUnusable, "the store " + home.store().string() + " cannot be used"};
   // The mode of the last activation; a fresh process does not take it up.
   std::optional<std::int64_t> mode;
-  if (const auto kept = platform::UserDefaults::standard().object("ACTIVATE_STATUS_YES")) mode = kept->asInteger();
+  if (const auto kept = platform::UserDefaults::standard().object(keys::kActivateMode)) mode = kept->asInteger();
   const std::optional<std::string> user = LocationManager::userUUID();
 
   if (options.json) {

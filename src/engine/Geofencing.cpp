@@ -104,7 +104,7 @@ void Geofencing::didEnterRegion(const CLCircularRegion& region) {
 
 void Geofencing::didExitRegion(const CLCircularRegion& region) {
   Log::debug("LocationManager:didExitRegion [loc] [geofence] ", region.description());
-  if (platform::UIDevice::current().platformLevel() >= 9) locationManager_.requestLocation();
+  if (platform::UIDevice::current().hasFeaturesOfLevel9()) locationManager_.requestLocation();
   cancelGeofencing();
   state_.currentLocalisationMethod.set(std::string(method::kRegions));
 }

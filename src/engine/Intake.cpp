@@ -9,7 +9,7 @@
 
 #include "engine/GeofenceRadii.h"
 #include "log/Log.h"
-#include "platform/foundation/HostCall.h"
+#include "platform/foundation/FatalError.h"
 #include "settings/Names.h"
 
 namespace tarvo {

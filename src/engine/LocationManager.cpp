@@ -5,7 +5,7 @@
 #include <algorithm>
 
 #include "engine/LocationManagerParts.h"
-#include "platform/foundation/RealTime.h"
+#include "platform/foundation/System.h"
 #include "settings/BackendAddress.h"
 #include "settings/Names.h"
 #include "settings/Settings.h"

@@ -1,12 +1,10 @@
 #include "engine/LocationManagerParts.h"
 
-#include <cctype>
-#include <string_view>
-
 #include <tarvo/platform/Device.h>
 
 #include "log/Log.h"
-#include "platform/foundation/HostCall.h"
+#include "platform/foundation/Encoding.h"
+#include "platform/foundation/FatalError.h"
 #include "platform/foundation/NotificationCenter.h"
 #include "settings/Settings.h"
 #include "store/Locations.h"
@@ -22,18 +20,8 @@ namespace {
 
 /// The printed form of a folder's URL: what cannot stand in a URL as it is becomes %XX.
 std::string fileURL(const std::filesystem::path& folder) {
-  std::string url = "file://";
-  for (const char c : folder.string() + "/") {
-    const auto byte = static_cast<unsigned char>(c);
-    if (std::isalnum(byte) != 0 || std::string_view("/-._~!$&'()*+,;=:@").find(c) != std::string_view::npos) {
-      url.push_back(c);
-    } else {
-      url.push_back('%');
-      url.push_back("0123456789ABCDEF"[byte >> 4]);
-      url.push_back("0123456789ABCDEF"[byte & 15]);
-    }
-  }
-  return url;
+  static const std::string marks = platform::concat("/", platform::kPathMarks);
+  return "file://" + platform::percentEncoded(folder.string() + "/", marks);
 }
 
 /// Hands the background session's traffic to the queue of backend replies.
@@ -104,7 +92,7 @@ void LocationManager::Parts::configureLocationService() {
   locationManager.setDesiredAccuracy(state.desiredAccuracyForeground);
   locationManager.setDistanceFilter(20.0);
   locationManager.setPausesLocationUpdatesAutomatically(false);
-  if (UIDevice::current().platformLevel() >= 9) locationManager.setAllowsBackgroundLocationUpdates(true);
+  if (UIDevice::current().hasFeaturesOfLevel9()) locationManager.setAllowsBackgroundLocationUpdates(true);
 }
 
 void LocationManager::Parts::probeServices() {

@@ -1,5 +1,6 @@
 #include <tarvo/Tarvo.h>
 
+#include <tarvo/HostKeys.h>
 #include <tarvo/platform/Device.h>
 #include <tarvo/platform/UserDefaults.h>
 
@@ -53,7 +54,7 @@ Tarvo::Tarvo() : core_(std::make_shared<Core>()) {
   if (defaults.integer(names::kActivateMode) == kActivateMarker)
     settings.activateStatus.set(defaults.integer(names::kActivateMarker));
   core_->locationManager.setDelegate(core_);
-  if (const auto client = infoPropertyListText("TarvoClientID")) settings.setClientID(*client);
+  if (const auto client = infoPropertyListText(keys::kClientID)) settings.setClientID(*client);
 }
 
 Tarvo::Tarvo(std::shared_ptr<Core> core) : core_(std::move(core)) {}

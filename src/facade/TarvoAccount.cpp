@@ -1,5 +1,6 @@
 // Push messages, credentials, subscriptions and tags of `Tarvo`.
 
+#include <tarvo/HostKeys.h>
 #include <tarvo/platform/SystemLog.h>
 
 #include "facade/TarvoCore.h"
@@ -50,13 +51,13 @@ void Tarvo::setApiKeySecret(const std::string& secret) {
     Log::debug("Tarvo : Tarvo bundleID : ", *identifier);
   }
   // Credentials go to the system log only, never into the log file, which is uploaded.
-  if (const auto key = infoPropertyListText("TarvoApiKey")) {
+  if (const auto key = infoPropertyListText(keys::kApiKey)) {
     settings.tarvoapiKey.set(*key);
     NSLog(concat("Tarvo  : Tarvo API_KEY ", *key));
   } else {
     NSLog("Tarvo : Failed to load Tarvo API KEY");
   }
-  if (const auto client = infoPropertyListText("TarvoClientID"); client && settings.setClientID(*client)) {
+  if (const auto client = infoPropertyListText(keys::kClientID); client && settings.setClientID(*client)) {
     NSLog(concat("Tarvo  : Tarvo ClientID ", *client));
   } else {
     NSLog("Tarvo : Failed to load Tarvo clientID");

@@ -2,7 +2,7 @@
 
 #include "log/Log.h"
 #include "platform/foundation/Bundle.h"
-#include "platform/foundation/HostCall.h"
+#include "platform/foundation/FatalError.h"
 #include "records/LatestPrediction.h"
 
 namespace tarvo {

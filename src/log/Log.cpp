@@ -17,10 +17,9 @@
 #include <tarvo/platform/UserDefaults.h>
 
 #include "platform/foundation/DateFormatter.h"
+#include "platform/foundation/Encoding.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/Mutex.h"
-#include "platform/foundation/UserDefaultsChanges.h"
-#include "platform/foundation/Utf8.h"
 #include "settings/Names.h"
 #include "settings/Settings.h"
 
@@ -40,7 +39,7 @@ std::int64_t configuredLevel() {
   // Before the lock: the first use may have something to tell the host's console.
   const platform::UserDefaults& defaults = platform::UserDefaults::standard();
   platform::MutexLock lock(latest->mutex);
-  if (const auto changes = platform::userDefaultsChanges(); changes != latest->changes) {
+  if (const auto changes = defaults.changes(); changes != latest->changes) {
     latest->changes = changes;
     latest->level = defaults.integer(names::kLogLevel);
   }
@@ -225,7 +224,7 @@ std::string Log::todaysFilePrefix() { return platform::concat(kFilePrefix, "_", 
 
 void Log::debugLog(std::int64_t level, std::initializer_list<platform::Piece> parts) {
   platform::TextBuilder message;
-  platform::appendPieces(message, parts);
+  platform::append(message, parts);
   debugLog(level, message.view());
 }
 

@@ -18,7 +18,7 @@
 #include "net/ClientState.h"
 #include "net/EngineLink.h"
 #include "net/RequestBuilder.h"
-#include "platform/foundation/HostCall.h"
+#include "platform/foundation/FatalError.h"
 
 namespace tarvo {
 namespace {

@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "net/Endpoints.h"
-#include "platform/foundation/Base64.h"
+#include "platform/foundation/Encoding.h"
 #include "platform/foundation/FatalError.h"
 #include "platform/foundation/Text.h"
 

@@ -1,7 +1,5 @@
 #include "records/GeoJson.h"
 
-#include <algorithm>
-#include <array>
 
 #include "platform/foundation/Text.h"
 #include "store/PositionSource.h"
@@ -60,14 +58,13 @@ class FeatureWriter {
   }
 
   void write(const RoutePoint& position, std::string_view separator) {
-    std::array<char, 2 * platform::kLongestPrinted + 8> text;
-    char* end = text.data();
-    *end++ = '[';
-    end = platform::print(end, position.longitude);
-    end = std::copy(separator.begin(), separator.end(), end);
-    end = platform::print(end, position.latitude);
-    *end++ = ']';
-    out_.append(text.data(), end);
+    platform::TextBuilder text;
+    text.append('[');
+    text.append(position.longitude);
+    text.append(separator);
+    text.append(position.latitude);
+    text.append(']');
+    out_.append(text.view());
   }
 
   void openFeature(const RoutePoint& first) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "platform/foundation/Encoding.h"
 #include "platform/foundation/Files.h"
 #include "platform/urlsession/URLRequest.h"
 
@@ -10,11 +11,8 @@ namespace {
 
 bool isHexDigit(char c) { return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F') || (c >= 'a' && c <= 'f'); }
 
-/// A character of a path's segment that needs no escape.
-bool standsInPath(char c) {
-  const bool alphanumeric = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
-  return alphanumeric || std::string_view("-._~!$&'()*+,;=:@").find(c) != std::string_view::npos;
-}
+/// Whether the character may stand in a segment of a path as it is.
+bool standsInPath(char c) { return platform::isPlain(c, platform::kPathMarks); }
 
 }  // namespace
 

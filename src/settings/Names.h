@@ -3,6 +3,8 @@
 #include <string>
 #include <string_view>
 
+#include <tarvo/HostKeys.h>
+
 namespace tarvo::names {
 
 /// Reverse-DNS prefix of queue labels, the framework bundle and the background session.
@@ -15,9 +17,9 @@ inline constexpr const char* kTerrameshDataVersion = "1";
 inline constexpr const char* kDefaultRemoteWebServerURL = "https://backend.tarvo.example/api";
 
 /// Keys of the user defaults.
-inline constexpr const char* kLogLevel = "tarvologlevel";
+using keys::kLogLevel;
 inline constexpr const char* kActivateMarker = "TARVO_ACTIVATE_STATUS";
-inline constexpr const char* kActivateMode = "ACTIVATE_STATUS_YES";
+using keys::kActivateMode;
 inline constexpr const char* kUserSecret = "uuid_secret_key";
 inline constexpr const char* kPoiVersion = "poi_version";
 inline constexpr const char* kServiceState = "service_state";

@@ -4,7 +4,6 @@
 #include "platform/foundation/FatalError.h"
 #include "platform/foundation/Json.h"
 #include "platform/foundation/Text.h"
-#include "platform/foundation/TextBuilder.h"
 #include "settings/Names.h"
 #include "store/Attributes.h"
 #include "store/Locations.h"
@@ -70,19 +69,19 @@ std::string Locations::convertToString(const List& locations, std::string_view u
   platform::TextBuilder text(locations.size() * kTypicalBytes);
   std::string_view separator = "[";
   for (const auto& location : locations) {
-    text.add(separator);
+    text.append(separator);
     separator = ",";
     visitMembers(*location, uuid, [&text]<class T>(std::string_view opening, const T& value) {
-      text.add(opening);
+      text.append(opening);
       if constexpr (std::same_as<T, std::optional<double>>) {
-        if (value) text.add(*value);
+        if (value) text.append(*value);
       } else {
-        text.add(value);
+        text.append(value);
       }
     });
-    text.add(kClosing);
+    text.append(kClosing);
   }
-  text.add("]");
+  text.append("]");
   return text.finished();
 }
 

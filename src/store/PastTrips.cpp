@@ -5,9 +5,9 @@
 
 #include "log/Log.h"
 #include "platform/foundation/DateFormatter.h"
+#include "platform/foundation/Encoding.h"
 #include "platform/foundation/Json.h"
 #include "platform/foundation/Text.h"
-#include "platform/foundation/Utf8.h"
 #include "store/Attributes.h"
 #include "store/TypedFetch.h"
 

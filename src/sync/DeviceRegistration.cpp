@@ -8,7 +8,6 @@
 
 #include "log/Log.h"
 #include "platform/foundation/Json.h"
-#include "platform/foundation/UserDefaultsChanges.h"
 #include "settings/Settings.h"
 #include "store/Users.h"
 
@@ -100,7 +99,7 @@ void DeviceRegistration::storeUser(std::string_view uuid, std::string_view creat
   if (platform::UserDefaults::standard().synchronize())
     context.performAndWait(store);
   else
-    platform::whenUserDefaultsAreWritten([&context, store] { context.perform(store); });
+    platform::UserDefaults::standard().whenSynchronized([&context, store] { context.perform(store); });
   Settings::shared().adoptUserUUID(uuid);
   startPass_();
 }

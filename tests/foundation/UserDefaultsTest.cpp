@@ -12,7 +12,6 @@
 #include "platform/foundation/Activity.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/PropertyList.h"
-#include "platform/foundation/UserDefaultsChanges.h"
 #include "support/FreshProcess.h"
 #include "support/TempDir.h"
 
@@ -36,25 +35,19 @@ class UserDefaultsOfAHome : public testing::Test {
 TEST_F(UserDefaultsOfAHome, ReadsEachTypeAsAnother) {
   const auto most = std::numeric_limits<std::int64_t>::max();
   const std::tuple<Value, std::int64_t, double, bool, std::optional<std::string>> cases[] = {
-      {12, 12, 12, true, "12"},
       {0, 0, 0, false, "0"},
       {-3.9, -3, -3.9, true, "-3.9"},
-      {0.00001, 0, 0.00001, true, "0.00001"},
       {1e20, most, 1e20, true, "100000000000000000000"},
       {true, 1, 1, true, "1"},
-      {false, 0, 0, false, "0"},
       {"12abc", 12, 12, true, "12abc"},
-      {" 7", 7, 7, true, " 7"},
-      {"+3.5e1x", 3, 35, true, "+3.5e1x"},
+      {" +3.5e1x", 3, 35, true, " +3.5e1x"},
       {"-007", -7, -7, true, "-007"},
       {"inf", 0, 0, false, "inf"},
       {"", 0, 0, false, ""},
       {"99999999999999999999", most, 1e20, true, "99999999999999999999"},
-      {"Yes", 0, 0, true, "Yes"},
-      {" true", 0, 0, true, " true"},
+      {" Yes", 0, 0, true, " Yes"},
       {"No", 0, 0, false, "No"},
       {Array{1}, 0, 0, false, std::nullopt},
-      {Dictionary{{"a", 1}}, 0, 0, false, std::nullopt},
   };
   for (const auto& [value, integer, number, boolean, string] : cases) {
     SCOPED_TRACE(string.value_or("container"));
@@ -66,8 +59,6 @@ TEST_F(UserDefaultsOfAHome, ReadsEachTypeAsAnother) {
     EXPECT_EQ(defaults().object("key"), value);
   }
   defaults().set("key", nullptr);
-  EXPECT_EQ(defaults().integer("key"), 0);
-  EXPECT_EQ(defaults().string("key"), std::nullopt);
   EXPECT_EQ(defaults().object("key"), std::nullopt);
 }
 
@@ -138,7 +129,7 @@ TEST_F(UserDefaultsOfAHome, KeepInMemoryWhatCannotBeWrittenUntilTheNextChance) {
     log.clear();
     bool told = false;
     defaults().set("key", ++value);
-    whenUserDefaultsAreWritten([&] { told = true; });
+    defaults().whenSynchronized([&] { told = true; });
     EXPECT_EQ(defaults().integer("key"), value);
     ASSERT_EQ(log.size(), 1U);
     EXPECT_NE(log[0].find("cannot be written"), std::string::npos);

@@ -28,6 +28,7 @@ class TARVO_API Clock {
 
   /// The installed clock; the machine's own until another is installed.
   static std::shared_ptr<Clock> current();
+  /// Takes the place of the installed clock; an empty pointer brings the machine's own back.
   static void install(std::shared_ptr<Clock> clock);
 };
 
@@ -45,6 +46,7 @@ class TARVO_API ManualClock final : public Clock {
 
   /// Moves forward to `date`; an earlier date changes nothing.
   void advanceTo(Date date);
+  /// Moves forward by `span`; a negative one changes nothing.
   void advance(Seconds span);
 
  private:

@@ -64,6 +64,7 @@ class TARVO_API UIApplication {
   void willResignActive();
   void didEnterBackground();
 
+  /// Each asks the host's application for what its operation of that name does, on the main queue, and returns at once.
   void present(Alert alert);
   void openURL(std::string url);
   void registerForRemoteNotifications();
@@ -84,28 +85,31 @@ inline constexpr const char* UIDeviceBatteryStateDidChangeNotification = "UIDevi
 
 /// The device: battery, names, identifiers.
 ///
-/// Battery: from /sys/class/power_supply, read at a call but at most once in ten seconds, until the host sets it; only
+/// Battery: as the system tells it, read at a call but at most once in ten seconds, until the host sets it; only
 /// changes that the host sets are told at once. While monitoring is off the state is unknown and the level -1.
 /// Threads: any; no lock is held while observers run. Errors: what cannot be read is unknown or absent.
 class TARVO_API UIDevice {
  public:
   static UIDevice& current();
 
+  /// Off until it is switched on.
   void setBatteryMonitoringEnabled(bool enabled);
   UIDeviceBatteryState batteryState() const;
   /// 0 to 1, or -1 when unknown.
   double batteryLevel() const;
-  /// The host knows better: overrides the kernel and, on a change of state while monitoring, posts
+  /// The host knows better: overrides the system and, on a change of state while monitoring, posts
   /// UIDeviceBatteryStateDidChangeNotification on the caller's thread.
   void setBattery(UIDeviceBatteryState state, double level);
 
-  /// Host name; name and version of the distribution (os-release).
+  /// The name of the machine; name and version of its operating system.
   std::string name() const;
   std::string systemName() const;
   std::string systemVersion() const;
   /// The platform level that gates features: 10 unless a host or test sets another; not the kernel's number.
   int platformLevel() const;
   void setPlatformLevel(int level);
+  /// Whether the level is 9 or higher: background fixes must be allowed, and a single fix can be asked for.
+  bool hasFeaturesOfLevel9() const;
 
   /// Upper-case random UUID, made once and kept in `Library/identifierForVendor` of the home directory; absent when
   /// that file can be neither read nor written.

@@ -4,24 +4,31 @@
 #include <vector>
 
 #include <tarvo/Export.h>
+#include <tarvo/platform/Value.h>
 
 namespace tarvo::platform {
 
-/// Where this process keeps its files. Set before the first touch of the library; what was derived stays.
-///
-/// Home directory: `Documents/` (store and logs), `Library/` (defaults, transfers), `Info.plist`.
-/// Without one, `$XDG_DATA_HOME/<program name>` (or `~/.local/share/<program name>`) is the home, and the
-/// property list is looked for beside the program first.
-/// Threads: any.
-TARVO_API void setHomeDirectory(const std::filesystem::path& home);
+// Where this process keeps its files, and what describes it. Set it before the first `Tarvo`. Threads: any.
+
+/// Sets the home directory: `Documents/` (store and logs), `Library/` (defaults, transfers), `Info.plist`. False, and
+/// nothing changes, when another home has already been asked for, by the library or by `homeDirectory`: its files would
+/// lie in two places.
+TARVO_API bool setHomeDirectory(const std::filesystem::path& home);
+/// The home that was set, else `$XDG_DATA_HOME/<program name>` (or `~/.local/share/<program name>`).
 TARVO_API std::filesystem::path homeDirectory();
 
-/// The property list that describes the host ("CFBundleIdentifier", "TarvoApiKey", "TarvoClientID").
-TARVO_API void setInfoPropertyList(const std::filesystem::path& file);
+/// Sets the property list that describes the host (its keys: tarvo/HostKeys.h). Without one it is `Info.plist` in the
+/// home that was set; without a home the one beside the program, else the one in the default home. False, and nothing
+/// changes, when the description has already been read.
+TARVO_API bool setInfoPropertyList(const std::filesystem::path& file);
+/// Describes the host in code: the dictionary takes the place of the property list, of which nothing is read. False,
+/// and nothing changes, when the description has already been read.
+TARVO_API bool setInfoDictionary(Dictionary info);
 
-/// The document directories of the user, created if they can be; the default list has one.
+/// The document directories of the user, created if they can be; the default list has one, `Documents` in the home.
 /// The object store lies in the last, log files in the first.
 TARVO_API std::vector<std::filesystem::path> documentDirectories();
+/// Sets that list. What has been opened in the directories before stays there.
 TARVO_API void setDocumentDirectories(std::vector<std::filesystem::path> directories);
 
 }  // namespace tarvo::platform

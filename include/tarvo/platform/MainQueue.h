@@ -1,7 +1,7 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
-#include <optional>
 
 #include <tarvo/Export.h>
 #include <tarvo/platform/Date.h>
@@ -17,6 +17,7 @@ class TARVO_API MainQueue {
  public:
   static MainQueue& main();
 
+  /// Puts the block at the end of the queue and returns at once.
   void async(std::function<void()> block);
 
   /// Readable while blocks wait; owned by the queue.

@@ -27,21 +27,29 @@ class TARVO_API UserDefaults {
   /// The process's settings; lives as long as the process.
   static UserDefaults& standard();
 
+  /// What is stored under the key, read as that type; `object` gives it as it is.
   std::int64_t integer(std::string_view key) const;
   double number(std::string_view key) const;
   bool boolean(std::string_view key) const;
   std::optional<std::string> string(std::string_view key) const;
   std::optional<Value> object(std::string_view key) const;
 
-  /// A null value removes the key.
+  /// Stores the value; a null one removes the key.
   void set(std::string_view key, Value value);
+  /// Forgets what is stored under the key.
   void remove(std::string_view key);
 
   /// Whether everything is in the file; what could not be written before is tried again first.
   bool synchronize();
+  /// Runs the block once everything is in the file: at once if it is, else on the thread whose later write succeeds. It
+  /// may run in the midst of the library's work, so it must neither wait for other work nor call the library.
+  void whenSynchronized(std::function<void()> block);
+
+  /// A number that grows with each change of any setting: while it is the same, what was read is still right. At
+  /// least 1.
+  std::uint64_t changes() const;
 
  private:
-  friend void whenUserDefaultsAreWritten(std::function<void()> block);
   UserDefaults();
   ~UserDefaults() = delete;
   struct State;

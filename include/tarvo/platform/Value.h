@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -51,6 +52,14 @@ class TARVO_API Value {
   Array* asArray() { return std::get_if<Array>(&data_); }
   Dictionary* asDictionary() { return std::get_if<Dictionary>(&data_); }
 
+  /// The value of a JSON text, bare values at the top included. Of equal keys the last wins; a whole number beyond 64
+  /// bits becomes a double. Absent for what is no JSON in UTF-8, and for texts over 64 MiB, over 2 Mi values or nested
+  /// deeper than 512.
+  static std::optional<Value> fromJson(std::string_view json);
+  /// Compact JSON: keys ascending, doubles in the fewest digits, without ".0". Absent where a text is not UTF-8 or a
+  /// number not finite, and for what `fromJson` would refuse as too deep or too large.
+  std::optional<std::string> toJson() const;
+
   bool operator==(const Value&) const = default;
 
  private:
@@ -60,7 +69,10 @@ class TARVO_API Value {
 /// The value under `key`, or a null pointer when the key is absent.
 TARVO_API const Value* find(const Dictionary& dictionary, std::string_view key);
 
-/// The text under `key`, absent when the key is absent or holds something else.
+/// The text, integer or number under `key` (as `asString`, `asInteger` and `asDouble` tell); absent when the key is
+/// absent or holds something else.
 TARVO_API std::optional<std::string> findString(const Dictionary& dictionary, std::string_view key);
+TARVO_API std::optional<std::int64_t> findInteger(const Dictionary& dictionary, std::string_view key);
+TARVO_API std::optional<double> findNumber(const Dictionary& dictionary, std::string_view key);
 
 }  // namespace tarvo::platform

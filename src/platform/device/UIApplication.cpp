@@ -3,7 +3,7 @@
 #include <tarvo/platform/Device.h>
 #include <tarvo/platform/MainQueue.h>
 
-#include "platform/foundation/HostCall.h"
+#include "platform/foundation/FatalError.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/NotificationCenter.h"
 

@@ -1,3 +1,6 @@
+#include <unistd.h>
+
+#include <array>
 #include <atomic>
 
 #include <tarvo/platform/Clock.h>
@@ -5,15 +8,17 @@
 #include <tarvo/platform/Environment.h>
 #include <tarvo/platform/SystemLog.h>
 
-#include "platform/device/PowerSupply.h"
-#include "platform/device/SystemIdentity.h"
+#include "platform/device/DeviceSystem.h"
+#include "platform/foundation/Encoding.h"
+#include "platform/foundation/Files.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/NotificationCenter.h"
+#include "platform/foundation/Text.h"
 
 namespace tarvo::platform {
 namespace {
 
-/// Each look at the kernel's files costs a dozen system calls, and a charge changes by the minute.
+/// Each look at the battery may cost a dozen system calls, and a charge changes by the minute.
 constexpr Seconds kRecent{10};
 
 struct Device {
@@ -21,8 +26,8 @@ struct Device {
   Mutex mutex;
   bool monitoring GUARDED_BY(mutex) = false;
   std::optional<BatteryReading> hostBattery GUARDED_BY(mutex);
-  BatteryReading kernelBattery GUARDED_BY(mutex);
-  std::optional<Seconds> kernelBatteryReadAt GUARDED_BY(mutex);  ///< by the installed clock
+  BatteryReading systemBattery GUARDED_BY(mutex);
+  std::optional<Seconds> systemBatteryReadAt GUARDED_BY(mutex);  ///< by the installed clock
   std::optional<std::string> hostIdentifier GUARDED_BY(mutex);
   std::optional<std::string> keptIdentifier GUARDED_BY(mutex);
 };
@@ -40,14 +45,25 @@ BatteryReading battery() {
     if (!known.monitoring) return {};
     if (known.hostBattery) return *known.hostBattery;
     // A clock installed since may show less.
-    const std::optional<Seconds> readAt = known.kernelBatteryReadAt;
-    if (readAt && *readAt <= now && now - *readAt < kRecent) return known.kernelBattery;
+    const std::optional<Seconds> readAt = known.systemBatteryReadAt;
+    if (readAt && *readAt <= now && now - *readAt < kRecent) return known.systemBattery;
   }
-  const BatteryReading reading = readPowerSupplies(powerSupplyFolder());
+  const BatteryReading reading = readBattery().value_or(BatteryReading{});
   MutexLock lock(known.mutex);
-  known.kernelBattery = reading;
-  known.kernelBatteryReadAt = now;
+  known.systemBattery = reading;
+  known.systemBatteryReadAt = now;
   return reading;
+}
+
+/// The upper-case UUID in that file; a new random one is put there when it holds none. Absent when that fails.
+std::optional<std::string> keptUuid(const std::filesystem::path& file) {
+  if (auto kept = readFile(file); kept && upperCaseUuid(*kept) == *kept) return *kept;
+  const std::string made = randomUuid();
+  auto failed = createPrivateDirectories(file.parent_path());
+  if (!failed) failed = writeFileAtomically(file, made, true);
+  if (!failed) return made;
+  NSLog(concat("device identifier cannot be kept: ", *failed));
+  return std::nullopt;
 }
 
 }  // namespace
@@ -60,7 +76,7 @@ UIDevice& UIDevice::current() {
 void UIDevice::setBatteryMonitoringEnabled(bool enabled) {
   MutexLock lock(device().mutex);
   device().monitoring = enabled;
-  device().kernelBatteryReadAt.reset();
+  device().systemBatteryReadAt.reset();
 }
 
 UIDeviceBatteryState UIDevice::batteryState() const { return battery().state; }
@@ -68,28 +84,29 @@ double UIDevice::batteryLevel() const { return battery().level; }
 
 void UIDevice::setBattery(UIDeviceBatteryState state, double level) {
   // Before the lock: it reads files.
-  const UIDeviceBatteryState ofKernel = readPowerSupplies(powerSupplyFolder()).state;
+  const UIDeviceBatteryState ofSystem = readBattery().value_or(BatteryReading{}).state;
   bool changed = false;
   {
     MutexLock lock(device().mutex);
-    const auto before = device().hostBattery ? device().hostBattery->state : ofKernel;
+    const auto before = device().hostBattery ? device().hostBattery->state : ofSystem;
     device().hostBattery = BatteryReading{state, level >= 0 && level <= 1 ? level : -1};
     changed = device().monitoring && state != before;
   }
   if (changed) NotificationCenter::defaultCenter().post(UIDeviceBatteryStateDidChangeNotification);
 }
 
-std::string UIDevice::name() const { return hostName(); }
-
-std::string UIDevice::systemName() const {
-  const std::string name = systemReleaseValue("NAME");
-  return name.empty() ? "Linux" : name;
+std::string UIDevice::name() const {
+  std::array<char, 256> name{};
+  if (::gethostname(name.data(), name.size() - 1) != 0) return {};
+  return name.data();
 }
 
-std::string UIDevice::systemVersion() const { return systemReleaseValue("VERSION_ID"); }
+std::string UIDevice::systemName() const { return systemReleaseName(); }
+std::string UIDevice::systemVersion() const { return systemReleaseVersion(); }
 
 int UIDevice::platformLevel() const { return device().platformLevel; }
 void UIDevice::setPlatformLevel(int level) { device().platformLevel = level; }
+bool UIDevice::hasFeaturesOfLevel9() const { return platformLevel() >= 9; }
 
 std::optional<std::string> UIDevice::identifierForVendor() const {
   MutexLock lock(device().mutex);

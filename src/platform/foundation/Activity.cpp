@@ -10,8 +10,8 @@
 #include "platform/foundation/FatalError.h"
 #include "platform/foundation/LazyThread.h"
 #include "platform/foundation/Mutex.h"
-#include "platform/foundation/RealTime.h"
 #include "platform/foundation/SerialQueue.h"
+#include "platform/foundation/System.h"
 
 namespace tarvo::platform {
 namespace {

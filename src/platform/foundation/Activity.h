@@ -15,12 +15,14 @@ class Activity {
  public:
   static void begin();
   static void end(std::int64_t number = 1);
-  static bool idle();
 
   /// Waits until nothing is under way or `limit` of real time has passed; answers whether it is idle.
   /// Runs the main queue's blocks while waiting when called on the main thread.
   /// Must not be called from a block of a queue: the block itself would be waited for (fatal).
   static bool waitUntilIdle(Seconds limit);
+
+ private:
+  static bool idle();
 };
 
 /// Counts for as long as it lives.

@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "platform/foundation/Files.h"
-#include "platform/foundation/InfoPropertyList.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/PropertyList.h"
 #include "platform/foundation/Text.h"
@@ -32,7 +31,9 @@ struct HostDescription {
 };
 
 HostDescription readHostDescription() {
-  const std::filesystem::path file = infoPropertyListFile();
+  HostInfo given = hostInfo();
+  if (given.dictionary) return {std::move(*given.dictionary), {}};
+  const std::filesystem::path& file = given.file;
   std::error_code ignored;
   if (!std::filesystem::exists(file, ignored)) return {};
   auto bytes = readFile(file);
@@ -56,7 +57,7 @@ const Bundle& Bundle::main() {
     made->bundle.info_ = made->description.info;
     return made;
   }();
-  // Told once the bundle stands: whoever receives the line may ask for it.
+  // Told only once the bundle has been made, because whoever receives the line may ask for it.
   if (!host->description.complaint.empty() && !host->told.exchange(true)) NSLog(host->description.complaint);
   return host->bundle;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -22,12 +23,20 @@ struct EmbeddedResource {
   std::string_view bytes;
 };
 
+/// What describes the host: a dictionary, or else the file of a property list.
+struct HostInfo {
+  std::optional<Dictionary> dictionary = {};
+  std::filesystem::path file = {};
+};
+/// As <tarvo/platform/Environment.h> tells; from the first call on it cannot be set any more. Threads: any.
+HostInfo hostInfo();
+
 /// The host's description and the library's resources.
 ///
 /// Threads: any. Bundles live as long as the process.
 class Bundle {
  public:
-  /// The host application: its Info.plist is read once, at the first touch. A file that is missing gives an empty
+  /// The host application: what describes it is read once, at the first touch. A file that is missing gives an empty
   /// dictionary; one that cannot be parsed as well, with a line in the system log.
   static const Bundle& main();
   /// A bundle that was added, or a null pointer.

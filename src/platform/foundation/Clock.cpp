@@ -5,8 +5,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/foundation/BootTime.h"
 #include "platform/foundation/Mutex.h"
+#include "platform/foundation/System.h"
 #include "platform/foundation/Timer.h"
 
 namespace tarvo::platform {

@@ -142,7 +142,7 @@ std::optional<Date> DateFormatter::date(std::string_view text) const {
 
 namespace {
 
-/// Fixes follow each other by the second, and within a minute only the two digits of the seconds differ.
+/// Formats each minute once: within it only the two digits of the seconds differ, and fixes come every second.
 class LocalizedFormat {
  public:
   void append(TextBuilder& out, Date date) {
@@ -154,12 +154,12 @@ class LocalizedFormat {
     const double seconds = second - minute;
     // Some locales name noon and midnight, which are exact. Beyond 2^53 there are no single seconds.
     if (!hasSeconds_ || !(seconds >= 1 && seconds < 60))
-      return out.add(text(format(format_.get(), milliseconds(date))));
+      return out.append(text(format(format_.get(), milliseconds(date))));
     const auto digits = static_cast<int>(seconds);
-    out.add(beforeSeconds_);
-    out.add(static_cast<char>('0' + digits / 10));
-    out.add(static_cast<char>('0' + digits % 10));
-    out.add(afterSeconds_);
+    out.append(beforeSeconds_);
+    out.append(static_cast<char>('0' + digits / 10));
+    out.append(static_cast<char>('0' + digits % 10));
+    out.append(afterSeconds_);
   }
 
  private:
@@ -169,7 +169,8 @@ class LocalizedFormat {
     return U_SUCCESS(status);
   }
 
-  /// There are no such digits in a locale with others than ours, and in a zone that is not whole minutes from UTC.
+  /// Formats one second of the minute and keeps what stands before and after the two digits of the seconds. They are
+  /// not found in a locale with other digits, nor in a zone whose offset from UTC is not in whole minutes.
   void keep(double minute) REQUIRES(mutex_) {
     UFieldPosition seconds{UDAT_SECOND_FIELD, 0, 0};
     const std::u16string whole = format(format_.get(), milliseconds(dateSince1970(minute + 1)), &seconds);

@@ -7,13 +7,14 @@
 
 #include <tarvo/platform/Date.h>
 
-#include "platform/foundation/TextBuilder.h"
+#include "platform/foundation/Text.h"
 
 namespace tarvo::platform {
 
 /// Formats and parses dates by a pattern of Unicode TR 35, locale en_US_POSIX, Gregorian calendar, strict.
 ///
-/// "YYYY" is the week-based year: right around the New Year only when parsing. Fractions are cut, never rounded.
+/// "YYYY" formats the week-based year, which is not the calendar's around the New Year, but parses the year as it is
+/// written. Fractions of the last unit are cut, never rounded.
 /// Threads: any; each object guards its own formatter.
 class DateFormatter {
  public:
@@ -32,7 +33,7 @@ class DateFormatter {
 };
 
 /// A date to be printed as `4/1/09, 12:40:22 PM Coordinated Universal Time`: short date and full time in the device's
-/// locale and zone. Dates of one minute cost little more than their characters. Threads: any.
+/// locale and zone. Dates within the same minute as the one before are cheap. Threads: any.
 struct LocalizedTime {
   Date date;
 };

@@ -2,17 +2,19 @@
 
 #include <tarvo/platform/SystemLog.h>
 
+#include <pwd.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <optional>
 #include <string>
 #include <system_error>
 #include <utility>
 
-#include "platform/foundation/Executable.h"
+#include "platform/foundation/Bundle.h"
 #include "platform/foundation/Files.h"
-#include "platform/foundation/InfoPropertyList.h"
 #include "platform/foundation/Mutex.h"
+#include "platform/foundation/System.h"
 #include "platform/foundation/Text.h"
 
 namespace tarvo::platform {
@@ -23,7 +25,9 @@ namespace fs = std::filesystem;
 struct Environment {
   Mutex mutex;
   std::optional<fs::path> home GUARDED_BY(mutex);
-  std::optional<fs::path> infoPropertyList GUARDED_BY(mutex);
+  bool homeWasAskedFor GUARDED_BY(mutex) = false;
+  HostInfo info GUARDED_BY(mutex);
+  bool infoWasAskedFor GUARDED_BY(mutex) = false;
   std::optional<std::vector<fs::path>> documents GUARDED_BY(mutex);
   bool reported GUARDED_BY(mutex) = false;
 };
@@ -33,11 +37,22 @@ Environment& environment() {
   return *environment;
 }
 
-// What is set stays in place when the program changes its working directory.
+// Made absolute, so that it means the same after a change of the working directory.
 fs::path anchored(const fs::path& path) {
   std::error_code failure;
   fs::path absolute = fs::absolute(path, failure);
   return failure ? path : absolute.lexically_normal();
+}
+
+/// The user's home directory: `$HOME`, else the one of the user database.
+fs::path userDirectory() {
+  if (const char* home = ::getenv("HOME"); home != nullptr && *home == '/') return home;
+  std::vector<char> buffer(16384);
+  passwd entry{};
+  passwd* found = nullptr;
+  if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr)
+    return found->pw_dir;
+  return "/";
 }
 
 fs::path defaultHome() {
@@ -56,6 +71,13 @@ std::vector<fs::path> chosenDocumentDirectories() {
   return {homeDirectory() / "Documents"};
 }
 
+bool setHostInfo(HostInfo info) {
+  MutexLock lock(environment().mutex);
+  if (environment().infoWasAskedFor) return false;
+  environment().info = std::move(info);
+  return true;
+}
+
 // The directories are asked for at every log line while there is no file to write to, so a home that stays unwritable
 // is told only once.
 bool reportsFirst() {
@@ -65,35 +87,37 @@ bool reportsFirst() {
 
 }  // namespace
 
-void setHomeDirectory(const fs::path& home) {
+bool setHomeDirectory(const fs::path& home) {
   fs::path absolute = anchored(home);
   MutexLock lock(environment().mutex);
+  if (environment().homeWasAskedFor) return environment().home == absolute;
   environment().home = std::move(absolute);
+  return true;
 }
 
 fs::path homeDirectory() {
   {
     MutexLock lock(environment().mutex);
+    environment().homeWasAskedFor = true;
     if (environment().home) return *environment().home;
   }
   return defaultHome();
 }
 
-void setInfoPropertyList(const fs::path& file) {
-  fs::path absolute = anchored(file);
-  MutexLock lock(environment().mutex);
-  environment().infoPropertyList = std::move(absolute);
-}
+bool setInfoPropertyList(const fs::path& file) { return setHostInfo({.file = anchored(file)}); }
+bool setInfoDictionary(Dictionary info) { return setHostInfo({.dictionary = std::move(info)}); }
 
-fs::path infoPropertyListFile() {
+HostInfo hostInfo() {
   {
     MutexLock lock(environment().mutex);
-    if (environment().infoPropertyList) return *environment().infoPropertyList;
-    if (environment().home) return *environment().home / "Info.plist";
+    environment().infoWasAskedFor = true;
+    if (environment().info.dictionary || !environment().info.file.empty()) return environment().info;
+    environment().homeWasAskedFor = true;
+    if (environment().home) return {.file = *environment().home / "Info.plist"};
   }
   std::error_code ignored;
   fs::path beside = executableFile().parent_path() / "Info.plist";
-  return fs::is_regular_file(beside, ignored) ? beside : defaultHome() / "Info.plist";
+  return {.file = fs::is_regular_file(beside, ignored) ? beside : defaultHome() / "Info.plist"};
 }
 
 std::vector<fs::path> documentDirectories() {

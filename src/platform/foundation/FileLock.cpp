@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,8 +15,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/foundation/Files.h"
 #include "platform/foundation/Mutex.h"
+#include "platform/foundation/System.h"
 #include "platform/foundation/Text.h"
 
 namespace tarvo::platform {
@@ -41,7 +40,7 @@ struct FileLock::Registry {
   static void inParent() TARVO_TSA(no_thread_safety_analysis) { registry().mutex.unlock(); }
   static void inChild() TARVO_TSA(no_thread_safety_analysis) {
     forkCount.fetch_add(1, std::memory_order_relaxed);
-    for (FileLock* lock : registry().held) ::close(std::exchange(lock->descriptor_, -1));
+    for (FileLock* lock : registry().held) lock->descriptor_.close();
     registry().held.clear();
     registry().mutex.unlock();
   }
@@ -63,15 +62,14 @@ Result<bool> FileLock::tryLock() {
   if (isHeld()) return true;
   {
     MutexLock lock(registry().mutex);
-    const int opened = ::open(file_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, S_IRUSR | S_IWUSR);
-    if (opened < 0) return posixError(errno, file_.native());
-    if (::flock(opened, LOCK_EX | LOCK_NB) != 0) {
-      const int error = errno;
-      ::close(opened);
-      if (error == EWOULDBLOCK) return false;
-      return posixError(error, file_.native());
+    const int flags = O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+    Descriptor opened(::open(file_.c_str(), flags, S_IRUSR | S_IWUSR));
+    if (!opened.isOpen()) return posixError(errno, file_.native());
+    if (!tryLockFile(opened.get())) {
+      if (errno == EWOULDBLOCK) return false;
+      return posixError(errno, file_.native());
     }
-    descriptor_ = opened;
+    descriptor_ = std::move(opened);
     registry().held.push_back(this);
   }
   writeHolder();
@@ -92,21 +90,20 @@ void FileLock::unlock() {
   if (!isHeld()) return;
   MutexLock lock(registry().mutex);
   std::erase(registry().held, this);
-  ::close(std::exchange(descriptor_, -1));
+  descriptor_.close();
 }
 
 /// A failure leaves the file empty, and the holder without a name.
 void FileLock::writeHolder() const {
-  const std::string text = concat(::getpid(), " ", program_invocation_short_name, "\n");
-  if (::ftruncate(descriptor_, 0) == 0 && ::pwrite(descriptor_, text.data(), text.size(), 0) < 0)
-    static_cast<void>(::ftruncate(descriptor_, 0));
+  const std::string text = concat(::getpid(), " ", programName(), "\n");
+  if (::ftruncate(descriptor_.get(), 0) == 0 && ::pwrite(descriptor_.get(), text.data(), text.size(), 0) < 0)
+    static_cast<void>(::ftruncate(descriptor_.get(), 0));
 }
 
 std::string FileLock::holder() const {
   std::array<char, kLongestName> bytes{};
-  const int opened = ::open(file_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-  const ssize_t count = opened < 0 ? 0 : ::pread(opened, bytes.data(), bytes.size(), 0);
-  if (opened >= 0) ::close(opened);
+  const Descriptor opened(::open(file_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  const ssize_t count = opened.isOpen() ? ::pread(opened.get(), bytes.data(), bytes.size(), 0) : 0;
   std::string_view text(bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
   text = text.substr(0, text.find('\n'));
   int process = 0;

@@ -5,15 +5,15 @@
 #include <functional>
 #include <string>
 
-#include "platform/foundation/Error.h"
+#include "platform/foundation/Files.h"
 
 namespace tarvo::platform {
 
 /// The right of one process to something, as a lock on a file beside it.
 ///
-/// The kernel ends it with the process, however that ends; a reboot leaves nothing of it, and a forked child has no
-/// share in it. The file stays for good, because a name that goes could be locked twice. It holds the holder's process
-/// id and name, for people: they decide nothing.
+/// The system ends the lock with the process, however that ends, and a forked child has no share in it. The file is
+/// never removed: otherwise two processes could each lock a file of that name. It holds the holder's process id and
+/// name, but only people read them.
 /// Threads: one at a time; a fork may come on any thread at any moment.
 class FileLock {
  public:
@@ -28,13 +28,13 @@ class FileLock {
   /// Asks again for up to `patience` of the machine's own time, or until `giveUp` says so.
   Result<bool> lock(std::chrono::milliseconds patience, const std::function<bool()>& giveUp = {});
   void unlock();
-  bool isHeld() const { return descriptor_ >= 0; }
+  bool isHeld() const { return descriptor_.isOpen(); }
 
   /// "NAME (process N)" of who wrote itself down last, "another process" when nobody can be read.
   std::string holder() const;
 
-  /// How many forks led from the process that was started to this one. What was opened at another number belongs to a
-  /// parent.
+  /// How many forks lie between the process that was started and this one. What was opened while the number was another
+  /// belongs to a parent of this process.
   static unsigned forks();
 
  private:
@@ -43,7 +43,7 @@ class FileLock {
   void writeHolder() const;
 
   const std::filesystem::path file_;
-  int descriptor_ = -1;  ///< while it is held
+  Descriptor descriptor_;  ///< open while the lock is held
 };
 
 }  // namespace tarvo::platform

@@ -2,8 +2,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <stdlib.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,6 +11,7 @@
 #include <utility>
 
 #include "platform/foundation/Mutex.h"
+#include "platform/foundation/System.h"
 #include "platform/foundation/Text.h"
 
 namespace tarvo::platform {
@@ -20,43 +19,16 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// Owns an open file; closes it at the latest when it goes.
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-
-  int get() const { return fd_; }
-  /// Some file systems report a failed write only here.
-  bool close() { return ::close(std::exchange(fd_, -1)) == 0; }
-
- private:
-  int fd_;
-};
-
-bool writeAll(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t written = ::write(fd, bytes.data(), bytes.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0) return false;
-    bytes.remove_prefix(static_cast<std::size_t>(written));
-  }
-  return true;
-}
-
 // A file system that cannot flush a directory (EINVAL) has nothing to flush there.
 bool flushDirectory(const fs::path& directory) {
   Descriptor descriptor(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  return descriptor.get() >= 0 && (::fsync(descriptor.get()) == 0 || errno == EINVAL);
+  return descriptor.isOpen() && (::fsync(descriptor.get()) == 0 || errno == EINVAL);
 }
 
 fs::path directoryOf(const fs::path& file) { return file.has_parent_path() ? file.parent_path() : fs::path("."); }
 
 constexpr std::string_view kTemporaryPrefix = ".writing-";
-constexpr std::string_view kTemporaryEnd = "XXXXXX";  ///< for `mkostemp`
+constexpr std::string_view kTemporaryEnd = "XXXXXX";  ///< for `makeTemporaryFile`
 
 /// Whether a write could have made the name. The host's files lie in the same folders.
 bool isTemporary(std::string_view name) {
@@ -69,12 +41,12 @@ Descriptor createTemporary(std::string& name) {
   const std::string pattern = name;
   for (;;) {
     name = pattern;
-    Descriptor created(::mkostemp(name.data(), O_CLOEXEC));
-    if (created.get() < 0) return created;
+    Descriptor created(makeTemporaryFile(name));
+    if (!created.isOpen()) return created;
     // Somebody who clears the directory may have been faster than the lock; then another name is taken. A file system
     // without locks has nobody who clears.
     struct stat status {};
-    if (::flock(created.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) continue;
+    if (!tryLockFile(created.get()) && errno == EWOULDBLOCK) continue;
     if (::fstat(created.get(), &status) != 0 || status.st_nlink > 0) return created;
   }
 }
@@ -95,6 +67,16 @@ void clearOnce(const fs::path& directory) {
 
 }  // namespace
 
+bool writeAll(const Descriptor& file, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = ::write(file.get(), bytes.data(), bytes.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return false;
+    bytes.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return true;
+}
+
 Error posixError(int code, std::string_view what) {
   return Error{.domain = "NSPOSIXErrorDomain",
                .code = code,
@@ -105,7 +87,7 @@ Result<std::string> readFile(const fs::path& file) {
   // A pipe without a writer is not waited for: it is no file.
   const Descriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status {};
-  if (descriptor.get() < 0 || ::fstat(descriptor.get(), &status) != 0) return posixError(errno, file.native());
+  if (!descriptor.isOpen() || ::fstat(descriptor.get(), &status) != 0) return posixError(errno, file.native());
   if (!S_ISREG(status.st_mode)) return posixError(S_ISDIR(status.st_mode) ? EISDIR : EINVAL, file.native());
   std::string bytes;
   bytes.reserve(static_cast<std::size_t>(status.st_size));
@@ -123,11 +105,11 @@ std::optional<Error> writeFileAtomically(const fs::path& file, std::string_view 
   clearOnce(directoryOf(file));
   std::string temporary = (directoryOf(file) / concat(kTemporaryPrefix, kTemporaryEnd)).native();
   Descriptor descriptor = createTemporary(temporary);
-  if (descriptor.get() < 0) return posixError(errno, file.native());
+  if (!descriptor.isOpen()) return posixError(errno, file.native());
   // The lock stays until the name is the final one, though the file is closed before.
   const Descriptor lock(::fcntl(descriptor.get(), F_DUPFD_CLOEXEC, 0));
   // The bytes must be on the disk before the name points to them, or a crash leaves an empty file.
-  const bool replaced = writeAll(descriptor.get(), bytes) && (!durable || ::fsync(descriptor.get()) == 0) &&
+  const bool replaced = writeAll(descriptor, bytes) && (!durable || ::fsync(descriptor.get()) == 0) &&
                         descriptor.close() && ::rename(temporary.c_str(), file.c_str()) == 0;
   if (!replaced) {
     const int code = errno;
@@ -142,9 +124,9 @@ Result<std::uint64_t> appendToFile(const fs::path& file, std::string_view bytes)
   const int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
   const Descriptor descriptor(::open(file.c_str(), flags, S_IRUSR | S_IWUSR));
   struct stat before {};
-  if (descriptor.get() < 0 || ::fstat(descriptor.get(), &before) != 0) return posixError(errno, file.native());
+  if (!descriptor.isOpen() || ::fstat(descriptor.get(), &before) != 0) return posixError(errno, file.native());
   if (!S_ISREG(before.st_mode)) return posixError(EINVAL, file.native());
-  if (!writeAll(descriptor.get(), bytes)) {
+  if (!writeAll(descriptor, bytes)) {
     const int code = errno;
     if (::ftruncate(descriptor.get(), before.st_size) != 0) return posixError(errno, file.native());
     return posixError(code, file.native());
@@ -154,7 +136,7 @@ Result<std::uint64_t> appendToFile(const fs::path& file, std::string_view bytes)
 
 std::optional<Error> flushFile(const fs::path& file) {
   const Descriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-  if (descriptor.get() < 0 || ::fsync(descriptor.get()) != 0 || !flushDirectory(directoryOf(file)))
+  if (!descriptor.isOpen() || ::fsync(descriptor.get()) != 0 || !flushDirectory(directoryOf(file)))
     return posixError(errno, file.native());
   return std::nullopt;
 }
@@ -176,11 +158,20 @@ void removeAbandonedWrites(const fs::path& directory) {
     if (!isTemporary(entry->path().filename().native())) continue;
     const Descriptor left(::open(entry->path().c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     struct stat status {};
-    if (left.get() >= 0 && ::fstat(left.get(), &status) == 0 && S_ISREG(status.st_mode) &&
-        ::flock(left.get(), LOCK_EX | LOCK_NB) == 0)
+    if (left.isOpen() && ::fstat(left.get(), &status) == 0 && S_ISREG(status.st_mode) && tryLockFile(left.get()))
       ::unlink(entry->path().c_str());
   }
 }
+
+Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
+  if (this != &other) {
+    if (isOpen()) close();
+    number_ = std::exchange(other.number_, -1);
+  }
+  return *this;
+}
+
+bool Descriptor::close() { return ::close(std::exchange(number_, -1)) == 0; }
 
 bool isPlainFileName(std::string_view name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos &&

@@ -6,8 +6,8 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "platform/foundation/Encoding.h"
 #include "platform/foundation/Text.h"
-#include "platform/foundation/Utf8.h"
 
 namespace tarvo::platform {
 namespace {
@@ -169,6 +169,13 @@ const char* flawAtTop(const Value& value) {
                                                                        : flawOf(value, 0);
 }
 
+/// The value's text; absent when that would be too large.
+std::optional<std::string> written(const Value& value) {
+  std::string out;
+  if (!write(out, value) || out.size() > kMaxBytes) return std::nullopt;
+  return out;
+}
+
 }  // namespace
 
 Result<Value> parseJson(std::string_view text) {
@@ -183,11 +190,17 @@ bool isValidJsonObject(const Value& value) { return flawAtTop(value) == nullptr;
 Result<std::string> serializeJson(const Value& value) {
   const char* flaw = flawAtTop(value);
   if (flaw == nullptr) {
-    std::string out;
-    if (write(out, value) && out.size() <= kMaxBytes) return out;
+    if (auto text = written(value)) return std::move(*text);
     flaw = "too large";
   }
   return cocoaError(3851, "The data couldn’t be written because it isn’t in the correct format.", flaw);
 }
+
+std::optional<Value> Value::fromJson(std::string_view json) {
+  auto value = parseJson(json);
+  return value ? std::optional(std::move(*value)) : std::nullopt;
+}
+
+std::optional<std::string> Value::toJson() const { return flawOf(*this, 0) == nullptr ? written(*this) : std::nullopt; }
 
 }  // namespace tarvo::platform

@@ -2,23 +2,20 @@
 
 #include <poll.h>
 #include <pthread.h>
-#include <sys/eventfd.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <deque>
 
 #include "platform/foundation/Activity.h"
 #include "platform/foundation/FatalError.h"
-#include "platform/foundation/HostCall.h"
 #include "platform/foundation/Mutex.h"
-#include "platform/foundation/RealTime.h"
+#include "platform/foundation/System.h"
 
 namespace tarvo::platform {
 
 struct MainQueue::State {
-  int descriptor = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+  WakeUp wakeUp;
+  const int descriptor = wakeUp.descriptor();
   Mutex mutex;
   std::deque<std::function<void()>> blocks GUARDED_BY(mutex);
 };
@@ -39,15 +36,13 @@ void MainQueue::async(std::function<void()> block) {
     MutexLock lock(state_.mutex);
     state_.blocks.push_back(std::move(block));
   }
-  const std::uint64_t one = 1;
-  [[maybe_unused]] auto written = ::write(state_.descriptor, &one, sizeof one);
+  state_.wakeUp.signal();
 }
 
 int MainQueue::fileDescriptor() const { return state_.descriptor; }
 
 std::size_t MainQueue::runPending() {
-  std::uint64_t wakeUps = 0;
-  [[maybe_unused]] auto got = ::read(state_.descriptor, &wakeUps, sizeof wakeUps);
+  state_.wakeUp.clear();
   std::deque<std::function<void()>> blocks;
   {
     MutexLock lock(state_.mutex);
@@ -76,12 +71,11 @@ void MainQueue::runFor(Seconds span) {
 }
 
 bool isMainThread() {
-  // The first thread's id is the process's. Neither changes until a fork, whose child has one thread: its main thread.
+  // The answer stays until a fork, whose child has one thread: its main thread.
   enum class Answer : char { unknown, no, yes };
   thread_local Answer answer = Answer::unknown;
   static const bool toldOfForks = ::pthread_atfork(nullptr, nullptr, [] { answer = Answer::yes; }) == 0;
-  if (answer == Answer::unknown || !toldOfForks)
-    answer = ::syscall(SYS_gettid) == ::getpid() ? Answer::yes : Answer::no;
+  if (answer == Answer::unknown || !toldOfForks) answer = isFirstThread() ? Answer::yes : Answer::no;
   return answer == Answer::yes;
 }
 

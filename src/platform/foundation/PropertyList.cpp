@@ -8,7 +8,7 @@
 #include <memory>
 #include <type_traits>
 
-#include "platform/foundation/Base64.h"
+#include "platform/foundation/Encoding.h"
 #include "platform/foundation/Text.h"
 
 namespace tarvo::platform {

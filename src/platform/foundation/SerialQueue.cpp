@@ -13,7 +13,7 @@
 namespace tarvo::platform {
 namespace {
 
-/// In the blocks of how many queues this thread stands.
+/// How many blocks of queues the calling thread is inside, one within the other.
 thread_local int queuesHeld = 0;
 
 }  // namespace
@@ -180,6 +180,5 @@ void SerialQueue::syncReentrant(const std::function<void()>& block) {
 
 bool SerialQueue::isCurrent() const { return state_->isHeld(); }
 bool SerialQueue::onAnyQueue() { return queuesHeld > 0; }
-const std::string& SerialQueue::label() const { return state_->label; }
 
 }  // namespace tarvo::platform

@@ -37,8 +37,6 @@ class SerialQueue {
   /// Whether the calling thread stands in a block of any queue.
   static bool onAnyQueue();
 
-  const std::string& label() const;
-
  private:
   struct State;
   std::unique_ptr<State> state_;

@@ -1,7 +1,5 @@
 #include <tarvo/platform/SystemLog.h>
 
-#include <errno.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -9,8 +7,9 @@
 #include <memory>
 #include <string>
 
-#include "platform/foundation/HostCall.h"
+#include "platform/foundation/FatalError.h"
 #include "platform/foundation/Mutex.h"
+#include "platform/foundation/System.h"
 
 namespace tarvo::platform {
 namespace {
@@ -34,8 +33,8 @@ std::string consolePrefix() {
   char stamp[32];
   std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
   char prefix[128];
-  std::snprintf(prefix, sizeof prefix, "%s.%03ld %s[%d:%ld] ", stamp, now.tv_nsec / 1000000,
-                program_invocation_short_name, static_cast<int>(getpid()), static_cast<long>(syscall(SYS_gettid)));
+  std::snprintf(prefix, sizeof prefix, "%s.%03ld %s[%d:%ld] ", stamp, now.tv_nsec / 1000000, programName(),
+                static_cast<int>(getpid()), static_cast<long>(threadNumber()));
   return prefix;
 }
 

@@ -56,19 +56,40 @@ char* printReading(char* out, double value) {
   }
 }
 
+void appendNested(TextBuilder& out, const Value& value) {
+  if (const std::string* text = value.asString()) {
+    out.append('"');
+    out.append(*text);
+    out.append('"');
+  } else {
+    append(out, value);
+  }
+}
+
+void append(TextBuilder& out, const Array& array) {
+  out.append('[');
+  for (std::size_t i = 0; i < array.size(); ++i) {
+    if (i > 0) out.append(", ");
+    appendNested(out, array[i]);
+  }
+  out.append(']');
+}
+
 }  // namespace
 
-char* print(char* out, double value) {
+char* TextBuilder::print(char* out, double value) {
   if (char* end = printReading(out, value)) return end;
   if (std::isnan(value)) return printText(out, "nan");
   if (std::isinf(value)) return printText(out, value < 0 ? "-inf" : "inf");
   return std::to_chars(out, out + kLongestPrinted, value, std::chars_format::fixed).ptr;
 }
 
-char* print(char* out, std::int64_t value) { return std::to_chars(out, out + kLongestPrinted, value).ptr; }
-char* print(char* out, std::uint64_t value) { return std::to_chars(out, out + kLongestPrinted, value).ptr; }
+char* TextBuilder::print(char* out, std::int64_t value) { return std::to_chars(out, out + kLongestPrinted, value).ptr; }
+char* TextBuilder::print(char* out, std::uint64_t value) {
+  return std::to_chars(out, out + kLongestPrinted, value).ptr;
+}
 
-char* print(char* out, Date value) {
+char* TextBuilder::print(char* out, Date value) {
   using namespace std::chrono;
   // Far beyond any calendar the conversion would overflow; a clamped date still prints, and its year has four digits.
   const double given = secondsSince1970(value);
@@ -99,7 +120,7 @@ void TextBuilder::makeRoom() {
   next_ = buffer_.data();
 }
 
-void TextBuilder::addToText(std::string_view piece) {
+void TextBuilder::appendToText(std::string_view piece) {
   makeRoom();
   text_.append(piece);
 }
@@ -109,14 +130,73 @@ std::string TextBuilder::finished() {
   return std::move(text_);
 }
 
-void appendPieces(TextBuilder& out, std::initializer_list<Piece> pieces) {
+void append(TextBuilder& out, std::initializer_list<Piece> pieces) {
   for (const Piece& piece : pieces) piece.appendTo(out);
 }
 
-std::string concatenated(std::initializer_list<Piece> pieces) {
+std::string concat(std::initializer_list<Piece> pieces) {
   TextBuilder out;
-  appendPieces(out, pieces);
+  append(out, pieces);
   return out.finished();
 }
+
+void append(TextBuilder& out, const Value& value) {
+  if (value.isNull()) {
+    out.append("<null>");
+  } else if (auto boolean = value.asBool()) {
+    append(out, *boolean);
+  } else if (auto integer = value.asInteger()) {
+    append(out, *integer);
+  } else if (auto number = value.asDouble()) {
+    append(out, *number);
+  } else if (const std::string* text = value.asString()) {
+    out.append(*text);
+  } else if (const Array* array = value.asArray()) {
+    append(out, *array);
+  } else {
+    append(out, *value.asDictionary());
+  }
+}
+
+void append(TextBuilder& out, const Dictionary& value) {
+  if (value.empty()) {
+    out.append("[:]");
+    return;
+  }
+  out.append('[');
+  bool first = true;
+  for (const auto& [key, entry] : value) {
+    out.append(first ? "\"" : ", \"");
+    first = false;
+    out.append(key);
+    out.append("\": ");
+    appendNested(out, entry);
+  }
+  out.append(']');
+}
+
+void append(TextBuilder& out, const Error& value) {
+  append(out, "Error Domain=", value.domain, " Code=", value.code, " \"",
+         value.localizedDescription.empty() ? std::string_view("(null)") : value.localizedDescription, "\"");
+  if (value.userInfo.empty()) return;
+  out.append(" UserInfo={");
+  bool first = true;
+  for (const auto& [key, entry] : value.userInfo) {
+    if (!first) out.append(", ");
+    first = false;
+    out.append(key);
+    out.append('=');
+    append(out, entry);
+  }
+  out.append('}');
+}
+
+std::string Error::description() const { return concat(*this); }
+
+std::string printedOptional(const std::optional<std::string>& text) {
+  return text ? "Optional(\"" + *text + "\")" : "nil";
+}
+
+std::string errorAndUserInfo(const Error& error) { return concat(error, ", ", error.userInfo); }
 
 }  // namespace tarvo::platform

@@ -5,24 +5,22 @@
 
 #include <algorithm>
 #include <atomic>
+#include <charconv>
+#include <cmath>
 #include <filesystem>
+#include <limits>
 #include <utility>
 #include <vector>
 
-#include "platform/foundation/DefaultsConversion.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/PropertyList.h"
 #include "platform/foundation/SerialQueue.h"
 #include "platform/foundation/Text.h"
 #include "platform/foundation/Timer.h"
-#include "platform/foundation/UserDefaultsChanges.h"
 
 namespace tarvo::platform {
-
 namespace {
-
-std::atomic<std::uint64_t> changes{1};
 
 constexpr Seconds kFirstPause{1}, kLongestPause{300};
 
@@ -35,9 +33,77 @@ Result<Dictionary> readSettings(const std::filesystem::path& file) {
   return *value->asDictionary();
 }
 
-}  // namespace
+std::string_view withoutLeading(std::string_view text, std::string_view characters) {
+  return text.substr(std::min(text.find_first_not_of(characters), text.size()));
+}
 
-std::uint64_t userDefaultsChanges() { return changes.load(std::memory_order_acquire); }
+/// The text from its first digit, point or minus sign on: blanks and a plus sign are skipped.
+std::string_view numberStart(std::string_view text) {
+  text = withoutLeading(text, " \t\r\n\v\f");
+  if (text.starts_with('+') && !text.starts_with("+-")) text.remove_prefix(1);
+  return text;
+}
+
+std::int64_t leadingInteger(std::string_view text) {
+  text = numberStart(text);
+  std::int64_t value = 0;
+  const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (failure != std::errc::result_out_of_range) return value;
+  return text.front() == '-' ? std::numeric_limits<std::int64_t>::min() : std::numeric_limits<std::int64_t>::max();
+}
+
+double leadingNumber(std::string_view text) {
+  text = numberStart(text);
+  // The parser would also take "inf" and "nan".
+  const std::string_view magnitude = text.substr(text.starts_with('-') ? 1 : 0);
+  if (magnitude.find_first_of("0123456789.") != 0) return 0;
+  double value = 0;
+  std::from_chars(text.data(), text.data() + text.size(), value);
+  return value;
+}
+
+std::int64_t cut(double value) {
+  if (std::isnan(value)) return 0;
+  if (value >= 0x1p63) return std::numeric_limits<std::int64_t>::max();
+  if (value < -0x1p63) return std::numeric_limits<std::int64_t>::min();
+  return static_cast<std::int64_t>(value);
+}
+
+// How a stored value is read as another type. What does not convert is 0, false or absent.
+
+/// Texts give their leading number ("12abc" is 12), doubles lose their fraction, all within the range of 64 bits.
+std::int64_t integerOf(const Value& value) {
+  if (auto boolean = value.asBool()) return *boolean ? 1 : 0;
+  if (const std::string* text = value.asString()) return leadingInteger(*text);
+  if (auto integer = value.asInteger()) return *integer;
+  return cut(value.asDouble().value_or(0));
+}
+
+double numberOf(const Value& value) {
+  if (auto boolean = value.asBool()) return *boolean ? 1 : 0;
+  if (const std::string* text = value.asString()) return leadingNumber(*text);
+  return value.asDouble().value_or(0);
+}
+
+/// Numbers are true unless 0; texts when they begin with Y, y, T, t or, after sign and zeros, with a digit 1 to 9.
+bool booleanOf(const Value& value) {
+  const std::string* text = value.asString();
+  if (text == nullptr) return numberOf(value) != 0;
+  std::string_view rest = withoutLeading(*text, " \t\r\n\v\f");
+  if (rest.starts_with('+') || rest.starts_with('-')) rest.remove_prefix(1);
+  rest = withoutLeading(rest, "0");
+  return !rest.empty() && std::string_view("YyTt123456789").find(rest.front()) != std::string_view::npos;
+}
+
+/// Texts and numbers; a Boolean gives "1" or "0".
+std::optional<std::string> stringOf(const Value& value) {
+  if (auto boolean = value.asBool()) return *boolean ? "1" : "0";
+  if (const std::string* text = value.asString()) return *text;
+  if (value.isNumber()) return concat(value);
+  return std::nullopt;
+}
+
+}  // namespace
 
 // Readers take `mutex` alone and for a look-up only: they never wait for the disk. Writers take `writing` first.
 struct UserDefaults::State {
@@ -49,11 +115,13 @@ struct UserDefaults::State {
   void whenSynchronized(std::function<void()> block) EXCLUDES(writing, mutex);
 
   const std::filesystem::path file;
+  /// Grows once a change can be read, so that nobody takes the new number for what was there before.
+  std::atomic<std::uint64_t> changes{1};
   // Both constant once loaded.
   std::string complaint;
   bool keptInMemory = false;
   std::atomic<bool> complained = false;
-  /// Follows `written`, to be read without waiting for a write.
+  /// The same as `written`, to be read without waiting for a write under way.
   std::atomic<bool> isWritten = true;
 
  private:
@@ -95,7 +163,7 @@ void UserDefaults::State::change(std::string_view key, std::optional<Value> valu
   std::optional<Error> error;
   {
     MutexLock writeLock(writing);
-    // They hold credentials. By the first change, for a process that only reads removes nothing.
+    // Abandoned writes hold credentials. The first change removes them: a process that only reads must remove nothing.
     if (!std::exchange(cleared, true)) removeAbandonedWrites(file.parent_path());
     {
       MutexLock lock(mutex);
@@ -105,7 +173,7 @@ void UserDefaults::State::change(std::string_view key, std::optional<Value> valu
       if (!value && found != values.end()) values.erase(found);
       own.insert_or_assign(std::string(key), value.value_or(nullptr));
       if (value) values.insert_or_assign(std::string(key), std::move(*value));
-      changes.fetch_add(1, std::memory_order_release);  // behind what has changed
+      changes.fetch_add(1, std::memory_order_release);
     }
     if (keptInMemory) return;
     error = write(ready);
@@ -129,7 +197,7 @@ std::optional<Error> UserDefaults::State::write(Blocks& ready) {
         else
           values.insert_or_assign(key, value);
       }
-      changes.fetch_add(1, std::memory_order_release);  // behind what the other process has changed
+      changes.fetch_add(1, std::memory_order_release);
     }
     snapshot = values;
   }
@@ -186,7 +254,7 @@ void UserDefaults::State::whenSynchronized(std::function<void()> block) {
 
 UserDefaults& UserDefaults::standard() {
   static UserDefaults* const defaults = new UserDefaults;
-  // Told once the object stands: whoever receives the line may ask for it.
+  // Told only once the object has been made, because whoever receives the line may ask for it.
   State& state = *defaults->state_;
   if (!state.complaint.empty() && !state.complained.exchange(true)) NSLog(state.complaint);
   return *defaults;
@@ -199,25 +267,25 @@ UserDefaults::UserDefaults() : state_(new State(homeDirectory() / "Library" / "P
 std::int64_t UserDefaults::integer(std::string_view key) const {
   MutexLock lock(state_->mutex);
   const Value* value = find(state_->values, key);
-  return value == nullptr ? 0 : defaultsInteger(*value);
+  return value == nullptr ? 0 : integerOf(*value);
 }
 
 double UserDefaults::number(std::string_view key) const {
   MutexLock lock(state_->mutex);
   const Value* value = find(state_->values, key);
-  return value == nullptr ? 0 : defaultsNumber(*value);
+  return value == nullptr ? 0 : numberOf(*value);
 }
 
 bool UserDefaults::boolean(std::string_view key) const {
   MutexLock lock(state_->mutex);
   const Value* value = find(state_->values, key);
-  return value != nullptr && defaultsBoolean(*value);
+  return value != nullptr && booleanOf(*value);
 }
 
 std::optional<std::string> UserDefaults::string(std::string_view key) const {
   MutexLock lock(state_->mutex);
   const Value* value = find(state_->values, key);
-  return value == nullptr ? std::nullopt : defaultsString(*value);
+  return value == nullptr ? std::nullopt : stringOf(*value);
 }
 
 std::optional<Value> UserDefaults::object(std::string_view key) const {
@@ -233,8 +301,7 @@ void UserDefaults::set(std::string_view key, Value value) {
 void UserDefaults::remove(std::string_view key) { state_->change(key, std::nullopt); }
 bool UserDefaults::synchronize() { return state_->synchronize(); }
 
-void whenUserDefaultsAreWritten(std::function<void()> block) {
-  UserDefaults::standard().state_->whenSynchronized(std::move(block));
-}
+void UserDefaults::whenSynchronized(std::function<void()> block) { state_->whenSynchronized(std::move(block)); }
+std::uint64_t UserDefaults::changes() const { return state_->changes.load(std::memory_order_acquire); }
 
 }  // namespace tarvo::platform

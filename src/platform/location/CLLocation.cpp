@@ -13,8 +13,8 @@ double CLLocation::distanceFrom(const CLLocation& other) const {
 std::string CLLocation::description() const { return concat(*this); }
 
 void append(TextBuilder& out, const CLLocation& fix) {
-  appendAll(out, "<", fix.coordinate, "> +/- ", Fixed{fix.horizontalAccuracy, 2}, "m (speed ", Fixed{fix.speed, 2},
-            " mps / course ", Fixed{fix.course, 2}, ") @ ", LocalizedTime{fix.timestamp});
+  append(out, "<", fix.coordinate, "> +/- ", Fixed{fix.horizontalAccuracy, 2}, "m (speed ", Fixed{fix.speed, 2},
+         " mps / course ", Fixed{fix.course, 2}, ") @ ", LocalizedTime{fix.timestamp});
 }
 
 }  // namespace tarvo::platform

@@ -55,12 +55,12 @@ void append(TextBuilder& out, const Fixed& number) {
   else
     end =
         std::to_chars(end, digits.data() + digits.size(), number.value, std::chars_format::fixed, number.decimals).ptr;
-  out.add(std::string_view(digits.data(), end));
+  out.append(std::string_view(digits.data(), end));
 }
 
 void append(TextBuilder& out, const CLLocationCoordinate2D& coordinate) {
   append(out, Fixed{coordinate.latitude, 8, true});
-  out.add(',');
+  out.append(',');
   append(out, Fixed{coordinate.longitude, 8, true});
 }
 

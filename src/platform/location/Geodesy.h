@@ -2,7 +2,7 @@
 
 #include <tarvo/platform/CLLocation.h>
 
-#include "platform/foundation/TextBuilder.h"
+#include "platform/foundation/Text.h"
 
 namespace tarvo::platform {
 

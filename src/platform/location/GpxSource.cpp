@@ -9,6 +9,7 @@
 
 #include "platform/foundation/Activity.h"
 #include "platform/foundation/Mutex.h"
+#include "platform/foundation/System.h"
 
 namespace tarvo::platform {
 namespace {
@@ -47,12 +48,6 @@ void waitUntil(RealTime::time_point due) {
   while (RealTime::now() < due) never.wait_until(mutex, due);
 }
 
-/// A span that a time point can be moved by without overflow.
-RealTime::duration realSpan(Seconds trip, double speed) {
-  constexpr double aYear = 365 * 86400.0;
-  return std::chrono::duration_cast<RealTime::duration>(Seconds(std::clamp(trip.count() / speed, 0.0, aYear)));
-}
-
 }  // namespace
 
 GpxSource::GpxSource(GpxTrace trace, std::shared_ptr<ManualClock> clock)
@@ -67,7 +62,7 @@ std::size_t GpxSource::play(std::optional<double> speed, const std::function<boo
   const auto goOn = [&] { return !progress || progress(delivered_); };
   const auto reach = [&](Date moment) {
     if (paced) {
-      due += realSpan(moment - clock_->now(), *speed);
+      due += boundedRealTime((moment - clock_->now()) / *speed);
       for (auto now = RealTime::now(); now < due; now = RealTime::now()) {
         waitUntil(std::min<RealTime::time_point>(due, now + longestSilence));
         if (!goOn()) return false;

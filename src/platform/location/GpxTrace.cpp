@@ -5,9 +5,9 @@
 
 #include <tarvo/platform/GpxSource.h>
 
+#include "platform/foundation/Encoding.h"
 #include "platform/foundation/Text.h"
 #include "platform/location/Geodesy.h"
-#include "platform/location/GpxTime.h"
 
 namespace tarvo::platform {
 namespace {
@@ -19,14 +19,6 @@ constexpr double assumedAccuracyMetres = 10;
 std::string_view localName(const pugi::xml_node& node) {
   const std::string_view name = node.name();
   return name.substr(name.find(':') + 1);  // npos + 1 is 0
-}
-
-/// The text inside the white space.
-std::string_view trimmed(std::string_view text) {
-  constexpr std::string_view blanks = " \t\r\n";
-  const std::size_t begin = text.find_first_not_of(blanks);
-  if (begin == std::string_view::npos) return {};
-  return text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
 }
 
 /// A finite number that fills the text.
@@ -59,7 +51,7 @@ void readFields(const pugi::xml_node& parent, int depth, PointFields& fields) {
     const std::string_view name = localName(child);
     const std::string_view text = child.child_value();
     if (depth == 0 && name == "time")
-      fields.time = gpxTime(trimmed(text));
+      fields.time = parseTimestamp(trimmed(text));
     else if (depth == 0 && name == "ele")
       fields.ele = number(text);
     else if (depth == 0 && name == "hdop")

@@ -6,7 +6,7 @@
 #include <tarvo/platform/MainQueue.h>
 #include <tarvo/platform/UserDefaults.h>
 
-#include "platform/foundation/HostCall.h"
+#include "platform/foundation/FatalError.h"
 
 namespace tarvo::platform {
 namespace {

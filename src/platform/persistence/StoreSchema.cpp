@@ -4,8 +4,8 @@
 #include <cstring>
 #include <fstream>
 #include <map>
-#include <random>
 
+#include "platform/foundation/Encoding.h"
 #include "platform/foundation/Text.h"
 
 namespace tarvo::platform {
@@ -46,21 +46,6 @@ std::string indexText(const NSEntityDescription& entity, const NSIndexDescriptio
   sql += ")";
   if (!index.condition.empty()) sql += concat(" WHERE ", index.condition);
   return sql;
-}
-
-std::string newUUID() {
-  std::random_device random;
-  std::array<std::uint8_t, 16> bytes{};
-  for (auto& byte : bytes) byte = static_cast<std::uint8_t>(random());
-  bytes[6] = static_cast<std::uint8_t>((bytes[6] & 0x0FU) | 0x40U);
-  bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3FU) | 0x80U);
-  std::string text;
-  for (std::size_t i = 0; i < bytes.size(); ++i) {
-    if (i == 4 || i == 6 || i == 8 || i == 10) text += '-';
-    text += "0123456789ABCDEF"[bytes[i] >> 4];
-    text += "0123456789ABCDEF"[bytes[i] & 0x0FU];
-  }
-  return text;
 }
 
 Result<bool> hasNoObjects(Database& database) {
@@ -130,7 +115,7 @@ std::optional<Error> StoreSchema::create(Database& database) const {
   if (auto error = database.runOnce(header, StoreErrorCode::open)) return error;
   for (const auto& [name, sql] : objects_)
     if (auto error = database.runOnce(sql, StoreErrorCode::open)) return error;
-  const std::string uuid = newUUID();
+  const std::string uuid = randomUuid();
   const std::array<std::pair<std::string_view, std::string_view>, 3> metadata{
       {{"uuid", uuid}, {"modelHash", modelHash_}, {"entities", entityNames_}}};
   for (const auto& [name, value] : metadata) {

@@ -10,6 +10,7 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/foundation/Encoding.h"
 #include "platform/urlsession/TransferError.h"
 
 namespace tarvo::platform {
@@ -37,12 +38,6 @@ bool isRedirect(int status) {
 
 /// Whether a header would stay one header.
 bool isOneLine(std::string_view text) { return text.find_first_of(std::string_view("\r\n\0", 3)) == text.npos; }
-
-std::string_view trimmed(std::string_view text) {
-  const auto first = text.find_first_not_of(" \t\r\n");
-  if (first == text.npos) return {};
-  return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
-}
 
 /// Where a reply to `base` sends its client, without user and password. Absent when it cannot be understood.
 std::optional<std::string> resolve(const std::string& base, const std::string& location) {

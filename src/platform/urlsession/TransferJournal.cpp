@@ -9,6 +9,7 @@
 
 #include <tarvo/platform/SystemLog.h>
 
+#include "platform/foundation/Encoding.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/Text.h"
 
@@ -26,17 +27,8 @@ constexpr std::size_t kMostIdleBytes = 64 * 1024;
 }  // namespace
 
 std::string fileNameOf(std::string_view text) {
-  constexpr std::string_view kDigits = "0123456789ABCDEF";
-  std::string name;
-  for (const char c : text) {
-    const bool isAlphanumeric = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
-    if (isAlphanumeric || c == '-' || c == '_' || (c == '.' && !name.empty())) {
-      name.push_back(c);
-    } else {
-      const auto byte = static_cast<unsigned char>(c);
-      name += {'%', kDigits[byte >> 4], kDigits[byte & 0xfU]};
-    }
-  }
+  std::string name = percentEncoded(text, "-_.");
+  if (name.starts_with('.')) name.replace(0, 1, "%2E");
   return name;
 }
 

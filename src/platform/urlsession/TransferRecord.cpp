@@ -4,9 +4,8 @@
 #include <limits>
 #include <utility>
 
-#include "platform/foundation/Base64.h"
+#include "platform/foundation/Encoding.h"
 #include "platform/foundation/Json.h"
-#include "platform/foundation/Utf8.h"
 
 namespace tarvo::platform {
 namespace {

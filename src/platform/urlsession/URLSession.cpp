@@ -14,8 +14,8 @@
 #include "platform/foundation/LazyThread.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/SerialQueue.h"
+#include "platform/foundation/System.h"
 #include "platform/urlsession/Transfer.h"
-#include "platform/urlsession/WakeUp.h"
 
 namespace tarvo::platform {
 namespace {

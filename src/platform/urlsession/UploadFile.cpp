@@ -9,24 +9,15 @@
 
 namespace tarvo::platform {
 
-UploadFile::~UploadFile() {
-  if (descriptor_ >= 0) ::close(descriptor_);
-}
-
 int UploadFile::rewind() {
   offset_ = 0;
-  if (descriptor_ >= 0) return 0;
+  if (descriptor_.isOpen()) return 0;
   // Without waiting: opening a pipe would hold up all transfers until somebody writes to it.
-  const int opened = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-  if (opened < 0) return errno;
+  Descriptor opened(::open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
   struct stat status {};
-  int error = ::fstat(opened, &status) == 0 ? 0 : errno;
-  if (error == 0 && !S_ISREG(status.st_mode)) error = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
-  if (error != 0) {
-    ::close(opened);
-    return error;
-  }
-  descriptor_ = opened;
+  if (!opened.isOpen() || ::fstat(opened.get(), &status) != 0) return errno;
+  if (!S_ISREG(status.st_mode)) return S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+  descriptor_ = std::move(opened);
   length_ = static_cast<std::uint64_t>(status.st_size);
   return 0;
 }
@@ -36,7 +27,7 @@ std::optional<std::size_t> UploadFile::read(char* buffer, std::size_t size) {
   if (wanted == 0) return 0;
   ssize_t count;
   do {
-    count = ::pread(descriptor_, buffer, wanted, static_cast<off_t>(offset_));
+    count = ::pread(descriptor_.get(), buffer, wanted, static_cast<off_t>(offset_));
   } while (count < 0 && errno == EINTR);
   if (count <= 0) return std::nullopt;
   offset_ += static_cast<std::size_t>(count);

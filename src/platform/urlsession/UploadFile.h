@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <optional>
 
+#include "platform/foundation/Files.h"
+
 namespace tarvo::platform {
 
 /// A file as the body of a request: opened and measured once, then read, and read again when a request is repeated.
@@ -14,9 +16,6 @@ namespace tarvo::platform {
 class UploadFile {
  public:
   explicit UploadFile(std::filesystem::path path) : path_(std::move(path)) {}
-  ~UploadFile();
-  UploadFile(const UploadFile&) = delete;
-  UploadFile& operator=(const UploadFile&) = delete;
 
   /// Goes to the beginning, of a regular file only; a symbolic link is none. The first call opens the file and takes
   /// its length. Answers 0 or the errno.
@@ -29,7 +28,7 @@ class UploadFile {
 
  private:
   std::filesystem::path path_;
-  int descriptor_ = -1;
+  Descriptor descriptor_;
   std::uint64_t length_ = 0;
   std::uint64_t offset_ = 0;
 };

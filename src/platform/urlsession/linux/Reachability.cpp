@@ -6,7 +6,6 @@
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -15,25 +14,16 @@
 #include <string>
 #include <vector>
 
+#include "platform/foundation/Files.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/urlsession/URLRequest.h"
 
 namespace tarvo::platform {
 namespace {
 
-class Socket {
- public:
-  Socket(int family, int type, int protocol) : fd_(::socket(family, type | SOCK_CLOEXEC, protocol)) {}
-  ~Socket() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Socket(const Socket&) = delete;
-  Socket& operator=(const Socket&) = delete;
-  int fd() const { return fd_; }
-
- private:
-  int fd_;
-};
+Descriptor openSocket(int family, int type, int protocol) {
+  return Descriptor(::socket(family, type | SOCK_CLOEXEC, protocol));
+}
 
 /// An IPv4 or IPv6 address in the form that the system's calls take.
 class Address {
@@ -85,16 +75,16 @@ int interfaceOf(int socket, const Address& local) {
 /// The way as a datagram socket finds it, where a sandbox refuses to be asked about routes: connecting one looks for
 /// the route, and sends nothing.
 Route routeOfDatagramsTo(const Address& address) {
-  const Socket datagrams(address.get()->sa_family, SOCK_DGRAM, 0);
+  const Descriptor datagrams = openSocket(address.get()->sa_family, SOCK_DGRAM, 0);
   Address local, peer = address;
   peer.setPort(9);
-  if (::connect(datagrams.fd(), peer.get(), peer.length()) != 0) return {};
+  if (::connect(datagrams.get(), peer.get(), peer.length()) != 0) return {};
   socklen_t localLength = sizeof(sockaddr_storage), peerLength = localLength;
-  if (::getsockname(datagrams.fd(), local.get(), &localLength) != 0 ||
-      ::getpeername(datagrams.fd(), peer.get(), &peerLength) != 0)
+  if (::getsockname(datagrams.get(), local.get(), &localLength) != 0 ||
+      ::getpeername(datagrams.get(), peer.get(), &peerLength) != 0)
     return {};
   if (local.number() == peer.number()) return {RTN_LOCAL, 0};
-  return {RTN_UNICAST, interfaceOf(datagrams.fd(), local)};
+  return {RTN_UNICAST, interfaceOf(datagrams.get(), local)};
 }
 
 /// Asks the kernel which way a packet to `address` would take; unreachable when there is none.
@@ -115,10 +105,10 @@ Route routeTo(const Address& address) {
   request.header.nlmsg_flags = NLM_F_REQUEST;
   request.header.nlmsg_len = static_cast<std::uint32_t>(NLMSG_LENGTH(sizeof(rtmsg)) + RTA_LENGTH(size));
 
-  const Socket netlink(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE);
+  const Descriptor netlink = openSocket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE);
   alignas(nlmsghdr) std::array<char, 8192> buffer;
-  if (::send(netlink.fd(), &request, request.header.nlmsg_len, 0) < 0) return routeOfDatagramsTo(address);
-  const ssize_t length = ::recv(netlink.fd(), buffer.data(), buffer.size(), 0);
+  if (::send(netlink.get(), &request, request.header.nlmsg_len, 0) < 0) return routeOfDatagramsTo(address);
+  const ssize_t length = ::recv(netlink.get(), buffer.data(), buffer.size(), 0);
   if (length < static_cast<ssize_t>(NLMSG_LENGTH(sizeof(rtmsg)))) return routeOfDatagramsTo(address);
   nlmsghdr header;
   std::memcpy(&header, buffer.data(), sizeof header);
@@ -149,9 +139,9 @@ std::uint32_t flagsOf(const Route& route) {
   if (route.interface == 0) return kSCNetworkReachabilityFlagsReachable;
   ifreq query{};
   if (if_indextoname(static_cast<unsigned>(route.interface), query.ifr_name) == nullptr) return 0;
-  const Socket any(AF_INET, SOCK_DGRAM, 0);
+  const Descriptor any = openSocket(AF_INET, SOCK_DGRAM, 0);
   constexpr int up = IFF_UP | IFF_RUNNING;
-  if (::ioctl(any.fd(), SIOCGIFFLAGS, &query) != 0 || (query.ifr_flags & up) != up) return 0;
+  if (::ioctl(any.get(), SIOCGIFFLAGS, &query) != 0 || (query.ifr_flags & up) != up) return 0;
   return kSCNetworkReachabilityFlagsReachable | (isCellular(query.ifr_name) ? kSCNetworkReachabilityFlagsIsWWAN : 0);
 }
 

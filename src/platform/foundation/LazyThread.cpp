@@ -11,14 +11,11 @@
 #include <tarvo/platform/SystemLog.h>
 
 #include "platform/foundation/Mutex.h"
-#include "platform/foundation/RealTime.h"
+#include "platform/foundation/System.h"
 #include "platform/foundation/Text.h"
 
 namespace tarvo::platform {
 namespace {
-
-/// The kernel keeps this many bytes of a thread's name.
-constexpr std::size_t kNameLength = 15;
 
 /// The objects whose thread could not be made.
 struct Missing {
@@ -36,7 +33,7 @@ Missing& missing() {
 
 std::string nameOf(std::string_view label) {
   const auto dot = label.rfind('.');
-  return concat("tarvo:", dot == label.npos ? label : label.substr(dot + 1)).substr(0, kNameLength);
+  return concat("tarvo:", dot == label.npos ? label : label.substr(dot + 1));
 }
 
 }  // namespace
@@ -50,7 +47,7 @@ struct LazyThread::Native {
 
   static void* run(void* self) {
     const auto& thread = *static_cast<LazyThread*>(self);
-    ::pthread_setname_np(::pthread_self(), thread.name_.c_str());
+    nameThread(thread.name_);
     thread.body_();
     MutexLock lock(thread.native_->mutex);
     thread.native_->ended = true;

@@ -1,4 +1,4 @@
-#include "platform/device/PowerSupply.h"
+#include "platform/device/DeviceSystem.h"
 
 #include <algorithm>
 #include <charconv>
@@ -6,22 +6,13 @@
 #include <optional>
 #include <string>
 
-#include "platform/foundation/Mutex.h"
+#include "platform/device/linux/SystemFiles.h"
+#include "platform/foundation/Files.h"
 
 namespace tarvo::platform {
 namespace {
 
 namespace fs = std::filesystem;
-
-struct Folder {
-  Mutex mutex;
-  fs::path path GUARDED_BY(mutex) = "/sys/class/power_supply";
-};
-
-Folder& folderSetting() {
-  static Folder* const folder = new Folder;
-  return *folder;
-}
 
 /// The first line of an attribute; empty when there is none.
 std::string attribute(const fs::path& supply, const char* name) {
@@ -52,15 +43,28 @@ std::optional<double> levelOf(const fs::path& supply) {
   return level;
 }
 
+/// What the machine's os-release file says; empty without.
+std::string systemReleaseValue(std::string_view key) {
+  for (const char* file : {"/etc/os-release", "/usr/lib/os-release"})
+    if (auto text = readFile(file)) return releaseValue(*text, key).value_or("");
+  return {};
+}
+
 }  // namespace
 
-BatteryReading readPowerSupplies(const fs::path& folder) {
+fs::path& powerSupplyFolder() {
+  static auto* const folder = new fs::path("/sys/class/power_supply");
+  return *folder;
+}
+
+std::optional<BatteryReading> readBattery() {
   bool mains = false, charging = false, discharging = false, held = false;
   std::size_t batteries = 0, full = 0, levels = 0;
   double levelSum = 0;
 
   std::error_code failed;
-  for (fs::directory_iterator entry(folder, failed), end; !failed && entry != end; entry.increment(failed)) {
+  for (fs::directory_iterator entry(powerSupplyFolder(), failed), end; !failed && entry != end;
+       entry.increment(failed)) {
     const fs::path& supply = entry->path();
     if (attribute(supply, "type") != "Battery") {
       mains = mains || attribute(supply, "online") == "1";
@@ -79,8 +83,8 @@ BatteryReading readPowerSupplies(const fs::path& folder) {
     if (status == "Full") ++full;
   }
 
+  if (batteries == 0) return std::nullopt;
   BatteryReading reading;
-  if (batteries == 0) return reading;
   if (levels > 0) reading.level = levelSum / static_cast<double>(levels);
   if (full == batteries)
     reading.state = UIDeviceBatteryState::full;
@@ -93,16 +97,30 @@ BatteryReading readPowerSupplies(const fs::path& folder) {
   return reading;
 }
 
-fs::path powerSupplyFolder() {
-  Folder& folder = folderSetting();
-  MutexLock lock(folder.mutex);
-  return folder.path;
+std::optional<std::string> releaseValue(std::string_view osRelease, std::string_view key) {
+  while (!osRelease.empty()) {
+    const std::size_t end = std::min(osRelease.find('\n'), osRelease.size());
+    std::string_view line = osRelease.substr(0, end);
+    osRelease.remove_prefix(std::min(end + 1, osRelease.size()));
+    if (!line.starts_with(key) || line.substr(key.size(), 1) != "=") continue;
+    line.remove_prefix(key.size() + 1);
+    if (line.size() >= 2 && (line.front() == '"' || line.front() == '\'') && line.back() == line.front())
+      line = line.substr(1, line.size() - 2);
+    std::string value;
+    for (std::size_t i = 0; i < line.size(); ++i) {
+      if (line[i] == '\\' && i + 1 < line.size()) ++i;
+      value += line[i];
+    }
+    return value;
+  }
+  return std::nullopt;
 }
 
-void setPowerSupplyFolder(fs::path path) {
-  Folder& folder = folderSetting();
-  MutexLock lock(folder.mutex);
-  folder.path = std::move(path);
+std::string systemReleaseName() {
+  std::string name = systemReleaseValue("NAME");
+  return name.empty() ? "Linux" : name;
 }
+
+std::string systemReleaseVersion() { return systemReleaseValue("VERSION_ID"); }
 
 }  // namespace tarvo::platform
