@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cmath>
 
+#include "platform/foundation/DateFormatter.h"
 #include "platform/foundation/Text.h"
 
 namespace tarvo::platform {
@@ -34,5 +35,16 @@ void append(TextBuilder& out, const CLLocationCoordinate2D& coordinate) {
   out.add(',');
   append(out, Fixed{coordinate.longitude, 8, true});
 }
+
+void append(TextBuilder& out, const CLLocation& fix) {
+  appendAll(out, "<", fix.coordinate, "> +/- ", Fixed{fix.horizontalAccuracy, 2}, "m (speed ", Fixed{fix.speed, 2},
+            " mps / course ", Fixed{fix.course, 2}, ") @ ", LocalizedTime{fix.timestamp});
+}
+
+double CLLocation::distanceFrom(const CLLocation& other) const {
+  return geodesicWay(other.coordinate, coordinate).metres;
+}
+
+std::string CLLocation::description() const { return concat(*this); }
 
 }  // namespace tarvo::platform
