@@ -34,7 +34,7 @@ int main(int argc, char** argv) {
   const std::int64_t stored = LocationManager::sharedInstance().syncStatus().stored;
   bench::waitUntilIdle();
 
-  Settings::shared().setActivateStatus(Tarvo::BACKEND_BACKGROUND);
+  Settings::shared().activateStatus.set(Tarvo::BACKEND_BACKGROUND);
   const double start = bench::seconds();
   const double cpuStart = bench::cpuSeconds();
   LocationManager::sharedInstance().sendDataInBatchToRemoteWebServer();

@@ -48,7 +48,7 @@ int main(int argc, char** argv) {
   }
   bench::useHome(argv[1]);
   Tarvo host;
-  Settings::shared().setActivateStatus(Tarvo::LOCAL_BACKGROUND);
+  Settings::shared().activateStatus.set(Tarvo::LOCAL_BACKGROUND);
   std::string text;
   if (what == "sdk") {
     measure("sdk", static_cast<double>(positions), [&] {

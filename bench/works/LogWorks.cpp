@@ -33,7 +33,7 @@ void logLines(std::int64_t items) {
 }
 
 void sdkFileLines(std::int64_t items) {
-  Settings::shared().setUserUUID(std::string(kUser));
+  Settings::shared().userUUID.set(std::string(kUser));
   Log::setLOGLEVEL(1);
   static const bool opened = [] {
     Log::debug("creates the day's file");

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include <tarvo/ActivationMode.h>
 #include <tarvo/Export.h>
 #include <tarvo/LocationManager.h>
 #include <tarvo/LocationsHistory.h>
@@ -58,12 +59,12 @@ class TARVO_API Tarvo {
   static constexpr const char* GEOJSON_LINESTRING = "LineString";
   static constexpr const char* GEOJSON_MULTIPOINT = "MultiPoint";
 
-  // Modes. The numbers are compared with thresholds and are part of the contract.
-  static constexpr std::int64_t LOCAL_FOREGROUND = 0;     ///< positions stay on the device, foreground only
-  static constexpr std::int64_t LOCAL_BACKGROUND = 4;     ///< background collection too
-  static constexpr std::int64_t BACKEND_BACKGROUND = 8;   ///< and upload, push, past trips
-  static constexpr std::int64_t BACKEND_GEOPROFILE = 12;  ///< and predictions
-  static constexpr std::int64_t DEACTIVE_ALL = -4;        ///< everything stopped
+  // Modes, told in ActivationMode.h.
+  static constexpr std::int64_t LOCAL_FOREGROUND = mode::kLocalForeground;
+  static constexpr std::int64_t LOCAL_BACKGROUND = mode::kLocalBackground;
+  static constexpr std::int64_t BACKEND_BACKGROUND = mode::kBackendBackground;
+  static constexpr std::int64_t BACKEND_GEOPROFILE = mode::kBackendGeoprofile;
+  static constexpr std::int64_t DEACTIVE_ALL = mode::kDeactivated;
 
   // Process-wide values, guarded; the getters give copies.
   static std::int64_t ACTIVATE_STATUS();

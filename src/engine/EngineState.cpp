@@ -28,12 +28,8 @@ EngineQueues::EngineQueues()
       serialNetworkDataQueue(label(".Tarvo.ios.networkDataQueue")) {}
 
 EngineState::EngineState()
-    : delegate({}),
-      networkTimer(nullptr),
-      currentLocalisationMethod(std::string(method::kUnknown)),
-      geofenceCenter(std::nullopt),
+    : currentLocalisationMethod(std::string(method::kUnknown)),
       currentBatteryState(platform::UIDevice::current().batteryState()),
-      isBackgroundMode(std::nullopt),
       randomID(drawRandomID()),
       startTime(platform::Clock::current()->now()),
       geofencingStartTime(platform::Clock::current()->now()) {}

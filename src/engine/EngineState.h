@@ -12,11 +12,13 @@
 #include <tarvo/platform/Date.h>
 #include <tarvo/platform/Device.h>
 
-#include "platform/foundation/Mutex.h"
+#include "platform/foundation/Guarded.h"
 #include "platform/foundation/SerialQueue.h"
 #include "platform/location/CLLocationManager.h"
 
 namespace tarvo {
+
+using platform::Guarded;
 
 /// Labels of the localisation method stored with each position.
 namespace method {
@@ -53,32 +55,6 @@ struct EngineQueues {
   platform::SerialQueue serialQueuePOI;          ///< ingest of places
   platform::SerialQueue serialNetworkQueue;      ///< backend replies and session errors
   platform::SerialQueue serialNetworkDataQueue;  ///< upload passes, run synchronously
-};
-
-/// A value that several threads read and write, one at a time.
-template <class T>
-class Guarded {
- public:
-  explicit Guarded(T value) : value_(std::move(value)) {}
-  T get() const {
-    platform::MutexLock lock(mutex_);
-    return value_;
-  }
-  void set(T value) { exchange(std::move(value)); }
-  T exchange(T value) {
-    platform::MutexLock lock(mutex_);
-    std::swap(value_, value);
-    return value;
-  }
-  /// Replaces `expected` by `value` in one step.
-  void replace(const T& expected, T value) {
-    platform::MutexLock lock(mutex_);
-    if (value_ == expected) value_ = std::move(value);
-  }
-
- private:
-  mutable platform::Mutex mutex_;
-  T value_ GUARDED_BY(mutex_);
 };
 
 /// The engine's own fields. Threads: any; each read and write is one step.

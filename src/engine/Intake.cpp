@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include <tarvo/ActivationMode.h>
 #include <tarvo/platform/Clock.h>
 #include <tarvo/platform/Device.h>
 #include <tarvo/platform/UserDefaults.h>
@@ -21,11 +22,7 @@ using platform::UIApplicationState;
 using platform::UIDevice;
 using platform::UIDeviceBatteryState;
 
-namespace {
-
-constexpr std::int64_t kBackendBackground = 8;
-
-}  // namespace
+namespace {}  // namespace
 
 Intake::Intake(LocationManager& engine, EngineState& state, EngineQueues& queues, ServiceControl& control,
                PositionWriter& writer, ServiceModes& modes, Geofencing& geofencing, UploadPipeline& pipeline)
@@ -52,7 +49,7 @@ void Intake::didUpdateLocations(const std::vector<CLLocation>& locations) {
 }
 
 void Intake::uploadPass() {
-  queues_.serialNetworkDataQueue.sync([this] { pipeline_.sendDataInBatchToRemoteWebServer(); });
+  queues_.serialNetworkDataQueue.sync([this] { pipeline_.startPass(); });
 }
 
 void Intake::checkBattery() {
@@ -76,8 +73,9 @@ void Intake::checkBattery() {
 void Intake::intakeStep(std::vector<CLLocation> locations) {
   const CLLocation first = locations.front();
   // One step: a region exit that sets "rms" meanwhile must not be lost.
-  state_.currentLocalisationMethod.replace(std::string(method::kRegionsAndSignificantChange),
-                                           std::string(method::kSignificantChange));
+  state_.currentLocalisationMethod.update([](std::string& present) {
+    if (present == method::kRegionsAndSignificantChange) present = method::kSignificantChange;
+  });
   const platform::Date now = Clock::current()->now();
   const platform::Seconds lastUpdateAge = now - state_.startTime.exchange(now);
   const std::string localisationMethod = state_.currentLocalisationMethod.get();
@@ -121,7 +119,7 @@ void Intake::didFinishDeferredUpdates(const std::optional<platform::Error>& erro
 void Intake::refreshLoc() {
   auto& defaults = platform::UserDefaults::standard();
   const std::int64_t stored = defaults.integer(names::kServiceState);
-  const CLAuthorizationStatus status = control_.checkAndRequestLocationAuthorization(kBackendBackground);
+  const CLAuthorizationStatus status = control_.checkAndRequestLocationAuthorization(mode::kBackendBackground);
   const auto number = static_cast<std::int64_t>(status);
   if (status == CLAuthorizationStatus::authorizedAlways) {
     // A handle of its own without delegate: the fix must not arrive a second time.

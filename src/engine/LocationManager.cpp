@@ -59,10 +59,10 @@ bool LocationManager::setRemoteWebServerURL(std::string_view url, bool allowPlai
   return Settings::shared().setRemoteWebServerURL(url, allowPlainHttp);
 }
 
-std::optional<std::string> LocationManager::userUUID() { return Settings::shared().userUUID(); }
+std::optional<std::string> LocationManager::userUUID() { return Settings::shared().userUUID.get(); }
 bool LocationManager::setUserUUID(std::optional<std::string> uuid) {
   if (uuid && !acceptsUserUUID(*uuid)) return false;
-  Settings::shared().setUserUUID(std::move(uuid));
+  Settings::shared().userUUID.set(std::move(uuid));
   return true;
 }
 
@@ -96,13 +96,13 @@ void LocationManager::foregroundMode() { parts_->modes.foregroundMode(); }
 std::string LocationManager::getAppState() { return ServiceModes::getAppState(); }
 void LocationManager::refreshLoc() { parts_->intake.refreshLoc(); }
 
-void LocationManager::sendDataInBatchToRemoteWebServer() { parts_->pipeline.sendDataInBatchToRemoteWebServer(); }
+void LocationManager::sendDataInBatchToRemoteWebServer() { parts_->pipeline.startPass(); }
 void LocationManager::sendAllUnsentDataToRemoteWebServer() { parts_->pipeline.sendAllUnsentDataToRemoteWebServer(); }
 void LocationManager::resendAllSentWithoutACKData(const std::vector<LocationRecord>& locations) {
   parts_->pipeline.resendAllSentWithoutACKData(locations);
 }
 void LocationManager::markLocationAsSentUntilIndex(const std::string& locationIndex, const std::string& firstLoc) {
-  parts_->pipeline.markLocationAsSentUntilIndex(locationIndex, firstLoc);
+  parts_->pipeline.acknowledge(locationIndex, firstLoc);
 }
 std::optional<std::string> LocationManager::checkAndRegisterUser() {
   return parts_->registration.checkAndRegisterUser();
@@ -110,7 +110,7 @@ std::optional<std::string> LocationManager::checkAndRegisterUser() {
 void LocationManager::registerUserToRemoteWebServer() { parts_->registration.registerUserToRemoteWebServer(); }
 void LocationManager::addNewUserToDatabase(const std::string& uuid, const std::string& creationDate) {
   if (!acceptsUserUUID(uuid)) return;
-  parts_->registration.addNewUserToDatabase(uuid, creationDate);
+  parts_->registration.storeUser(uuid, creationDate);
 }
 std::vector<UserRecord> LocationManager::getUser() { return parts_->registration.getUser(); }
 

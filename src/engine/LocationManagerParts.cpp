@@ -56,7 +56,7 @@ class ReplyReceiver final : public NetworkManagerDelegate {
 
 LocationManager::Parts::Parts(LocationManager& owner)
     : engine(owner),
-      registration(store, networkManager, [this] { pipeline.sendDataInBatchToRemoteWebServer(); }),
+      registration(store, networkManager, [this] { pipeline.startPass(); }),
       pipeline(store, networkManager, registration, syncState),
       history(store),
       writer(queues, store),
@@ -70,7 +70,7 @@ void LocationManager::Parts::startUp() {
   networkManager.setDelegate(std::make_shared<ReplyReceiver>(*this));
   // Answers that arrive while start-up goes on must find the engine without asking for the shared instance.
   EngineLink::install(this);
-  Locations::setNextBatchHook([this] { pipeline.sendDataInBatchToRemoteWebServer(); });
+  Locations::setNextBatchHook([this] { pipeline.startPass(); });
   readStoredUser();
   syncState.setApiKey(registration.checkAndRegisterUser());
   configureLocationService();
@@ -80,7 +80,7 @@ void LocationManager::Parts::startUp() {
   UIDevice::current().setBatteryMonitoringEnabled(true);
   state.currentBatteryState = UIDevice::current().batteryState();
   UIApplication::shared().setMinimumBackgroundFetchInterval(10.0);
-  queues.serialNetworkDataQueue.sync([this] { pipeline.sendDataInBatchToRemoteWebServer(); });
+  queues.serialNetworkDataQueue.sync([this] { pipeline.startPass(); });
   // The first report of the permission is no change: it is dealt with before anybody can start the service.
   locationManager.waitUntilTold();
   queues.serialQueue.sync([] {});
@@ -96,7 +96,7 @@ void LocationManager::Parts::subscribeForNotifications() {
 
 void LocationManager::Parts::readStoredUser() {
   auto& context = store.managedObjectContext();
-  context.performAndWait([&] { Settings::shared().setUserUUID(Users::getUserUUID(context)); });
+  context.performAndWait([&] { Settings::shared().userUUID.set(Users::getUserUUID(context)); });
 }
 
 void LocationManager::Parts::configureLocationService() {
@@ -155,25 +155,24 @@ void LocationManager::Parts::didExitRegion(CLLocationManager&, const platform::C
   geofencing.didExitRegion(region);
 }
 
-void LocationManager::Parts::markLocationAsSentUntilIndex(const std::string& locationIndex,
-                                                          const std::string& firstLoc) {
+void LocationManager::Parts::acknowledge(const std::string& locationIndex, const std::string& firstLoc) {
   auto& context = store.managedObjectContext();
-  context.performAndWait([&] { pipeline.markLocationAsSentUntilIndex(locationIndex, firstLoc); });
+  context.performAndWait([&] { pipeline.acknowledge(locationIndex, firstLoc); });
 }
 
-void LocationManager::Parts::sendDataInBatchToRemoteWebServer() { pipeline.sendDataInBatchToRemoteWebServer(); }
+void LocationManager::Parts::startPass() { pipeline.startPass(); }
 
-void LocationManager::Parts::addNewUserToDatabase(const std::string& uuid, const std::string& creationDate) {
-  store.managedObjectContext().performAndWait([&] { registration.addNewUserToDatabase(uuid, creationDate); });
+void LocationManager::Parts::storeUser(const std::string& uuid, const std::string& creationDate) {
+  store.managedObjectContext().performAndWait([&] { registration.storeUser(uuid, creationDate); });
 }
 
 bool LocationManager::Parts::alreadyReceivedUUID() const { return syncState.alreadyReceivedUUID; }
 void LocationManager::Parts::setAlreadyReceivedUUID(bool received) { syncState.alreadyReceivedUUID = received; }
 
-std::optional<EngineLink::NewestTrip> LocationManager::Parts::getLastPastTrip() {
+EngineLink::NewestTrip LocationManager::Parts::newestTrip() {
   const auto trip = history.getLastPastTrip();
-  if (!trip) return std::nullopt;
-  return NewestTrip{trip->pasttrip_id};
+  if (!trip) return {};
+  return {true, trip->pasttrip_id};
 }
 
 void LocationManager::Parts::submitLastTrips(std::vector<platform::Dictionary> trips) {

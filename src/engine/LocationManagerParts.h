@@ -62,12 +62,12 @@ struct LocationManager::Parts final : platform::CLLocationManagerDelegate, Engin
 
   // From the backend clients.
   NetworkManager& client() override { return networkManager; }
-  void markLocationAsSentUntilIndex(const std::string& locationIndex, const std::string& firstLoc) override;
-  void sendDataInBatchToRemoteWebServer() override;
-  void addNewUserToDatabase(const std::string& uuid, const std::string& creationDate) override;
+  void acknowledge(const std::string& locationIndex, const std::string& firstLoc) override;
+  void startPass() override;
+  void storeUser(const std::string& uuid, const std::string& creationDate) override;
   bool alreadyReceivedUUID() const override;
   void setAlreadyReceivedUUID(bool received) override;
-  std::optional<NewestTrip> getLastPastTrip() override;
+  NewestTrip newestTrip() override;
   void submitLastTrips(std::vector<platform::Dictionary> trips) override;
   void submitPOIs(std::vector<platform::Dictionary> pois) override;
   void predictionStored() override;

@@ -1,5 +1,7 @@
 #include "engine/PositionWriter.h"
 
+#include <tarvo/ActivationMode.h>
+
 #include "log/Log.h"
 #include "platform/location/Geodesy.h"
 #include "settings/Settings.h"
@@ -10,7 +12,7 @@ namespace tarvo {
 void PositionWriter::addNewLocationToDatabase(std::vector<platform::CLLocation> locations, std::string_view activity,
                                               std::string_view method, std::string_view serviceaction) {
   Log::debug("LocationManager:addNewLocationToDatabase [loc] loc:", locations.size(), " mainThread:", mainThread());
-  if (Settings::shared().activateStatus() < 0) return;
+  if (Settings::shared().activateStatus.get() < mode::kLocalForeground) return;
   queues_.serialQueueLocation.async([this, locations = std::move(locations), activity = std::string(activity),
                                      method = std::string(method), serviceaction = std::string(serviceaction)] {
     auto& context = store_.managedObjectContext();

@@ -1,5 +1,6 @@
 #include "engine/ServiceControl.h"
 
+#include <tarvo/ActivationMode.h>
 #include <tarvo/platform/Device.h>
 
 #include "log/Log.h"
@@ -13,9 +14,6 @@ using platform::CLAuthorizationStatus;
 using platform::CLLocation;
 
 namespace {
-
-constexpr std::int64_t kLocalForeground = 0;
-constexpr std::int64_t kBackendBackground = 8;
 
 std::int64_t number(CLAuthorizationStatus status) { return static_cast<std::int64_t>(status); }
 
@@ -31,7 +29,7 @@ ServiceControl::ServiceControl(EngineState& state, EngineQueues& queues, platfor
       networkManager_(networkManager) {}
 
 void ServiceControl::start() {
-  if (Settings::shared().activateStatus() >= 0) {
+  if (Settings::shared().activateStatus.get() >= mode::kLocalForeground) {
     locationManager_.startUpdatingLocation();
     state_.tarvoStarted = true;
     recordEvent(action::kStarting);
@@ -41,7 +39,7 @@ void ServiceControl::start() {
 }
 
 void ServiceControl::takeUpTransfers() {
-  if (Settings::shared().activateStatus() >= kBackendBackground) networkManager_.takeUpTransfers();
+  if (Settings::shared().activateStatus.get() >= mode::kBackendBackground) networkManager_.takeUpTransfers();
 }
 
 void ServiceControl::stop() {
@@ -71,7 +69,7 @@ CLAuthorizationStatus ServiceControl::checkAndRequestLocationAuthorization(std::
   const CLAuthorizationStatus current = platform::CLLocationManager::authorizationStatus();
   Log::debug("LocationManager:checkAndRequestLocationAuthorization [loc] status:", number(current),
              " mainThread:", mainThread());
-  if (mode == kLocalForeground) {
+  if (mode == mode::kLocalForeground) {
     if (current != CLAuthorizationStatus::authorizedWhenInUse) locationManager_.requestWhenInUseAuthorization();
   } else if (current != CLAuthorizationStatus::authorizedAlways) {
     locationManager_.requestAlwaysAuthorization();
@@ -93,7 +91,7 @@ void ServiceControl::requestAgainLocationAuthorization() {
 }
 
 std::optional<CLLocation> ServiceControl::getLastLocation() {
-  if (checkAndRequestLocationAuthorization(Settings::shared().activateStatus()) == CLAuthorizationStatus::denied)
+  if (checkAndRequestLocationAuthorization(Settings::shared().activateStatus.get()) == CLAuthorizationStatus::denied)
     requestAgainLocationAuthorization();
   std::optional<CLLocation> last;
   auto& context = store_.managedObjectContext();

@@ -1,5 +1,6 @@
 #include "engine/ServiceModes.h"
 
+#include <tarvo/ActivationMode.h>
 #include <tarvo/platform/Device.h>
 
 #include "log/Log.h"
@@ -14,8 +15,6 @@ using platform::UIDevice;
 using platform::UIDeviceBatteryState;
 
 namespace {
-
-constexpr std::int64_t kLocalForeground = 0;
 
 bool applicationIsActive() { return UIApplication::shared().applicationState() == UIApplicationState::active; }
 
@@ -116,7 +115,7 @@ std::string_view ServiceModes::batteryChanged() {
 
 void ServiceModes::handleNotification(const std::string& name) {
   if (!state_.tarvoStarted) return;
-  const bool foregroundOnly = Settings::shared().activateStatus() == kLocalForeground;
+  const bool foregroundOnly = Settings::shared().activateStatus.get() == mode::kLocalForeground;
   std::string_view event;
   if (name == platform::UIApplicationDidEnterBackgroundNotification) {
     switchByBattery();

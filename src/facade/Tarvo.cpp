@@ -25,27 +25,25 @@ constexpr std::int64_t kActivateMarker = 2;
 
 }  // namespace
 
-std::int64_t Tarvo::ACTIVATE_STATUS() { return Settings::shared().activateStatus(); }
-void Tarvo::setACTIVATE_STATUS(std::int64_t mode) { Settings::shared().setActivateStatus(mode); }
-std::string Tarvo::tarvoapiKey() { return Settings::shared().tarvoapiKey(); }
-void Tarvo::setTarvoapiKey(std::string key) { Settings::shared().setTarvoapiKey(std::move(key)); }
+std::int64_t Tarvo::ACTIVATE_STATUS() { return Settings::shared().activateStatus.get(); }
+void Tarvo::setACTIVATE_STATUS(std::int64_t mode) { Settings::shared().activateStatus.set(mode); }
+std::string Tarvo::tarvoapiKey() { return Settings::shared().tarvoapiKey.get(); }
+void Tarvo::setTarvoapiKey(std::string key) { Settings::shared().tarvoapiKey.set(std::move(key)); }
 std::string Tarvo::clientID() { return Settings::shared().clientID(); }
 bool Tarvo::setClientID(std::string_view identifier) { return Settings::shared().setClientID(identifier); }
-std::string Tarvo::bundleID() { return Settings::shared().bundleID(); }
-void Tarvo::setBundleID(std::string identifier) { Settings::shared().setBundleID(std::move(identifier)); }
-std::string Tarvo::deviceToken() { return Settings::shared().deviceToken(); }
-void Tarvo::setDeviceToken(std::string token) { Settings::shared().setDeviceToken(std::move(token)); }
-bool Tarvo::tokenSent() { return Settings::shared().tokenSent(); }
-void Tarvo::setTokenSent(bool sent) { Settings::shared().setTokenSent(sent); }
+std::string Tarvo::bundleID() { return Settings::shared().bundleID.get(); }
+void Tarvo::setBundleID(std::string identifier) { Settings::shared().bundleID.set(std::move(identifier)); }
+std::string Tarvo::deviceToken() { return Settings::shared().deviceToken.get(); }
+void Tarvo::setDeviceToken(std::string token) { Settings::shared().deviceToken.set(std::move(token)); }
+bool Tarvo::tokenSent() { return Settings::shared().tokenSent.get(); }
+void Tarvo::setTokenSent(bool sent) { Settings::shared().tokenSent.set(sent); }
 const std::string& Tarvo::backgroundSessionID() { return LocationManager::backgroundSessionID(); }
-std::map<std::string, std::string> Tarvo::SET_TAGS_LIST() { return Settings::shared().setTags(); }
+std::map<std::string, std::string> Tarvo::SET_TAGS_LIST() { return Settings::shared().tagsToSet.get(); }
 void Tarvo::setSET_TAGS_LIST(std::map<std::string, std::string> tags) {
-  Settings::shared().replaceSetTags(std::move(tags));
+  Settings::shared().tagsToSet.set(std::move(tags));
 }
-std::vector<std::string> Tarvo::UNSET_TAGS_LIST() { return Settings::shared().unsetTags(); }
-void Tarvo::setUNSET_TAGS_LIST(std::vector<std::string> names) {
-  Settings::shared().replaceUnsetTags(std::move(names));
-}
+std::vector<std::string> Tarvo::UNSET_TAGS_LIST() { return Settings::shared().tagsToUnset.get(); }
+void Tarvo::setUNSET_TAGS_LIST(std::vector<std::string> names) { Settings::shared().tagsToUnset.set(std::move(names)); }
 Trip Tarvo::LastPrediction() { return LatestPrediction::shared().value(); }
 void Tarvo::setLastPrediction(Trip prediction) { LatestPrediction::shared().store(std::move(prediction)); }
 
@@ -53,7 +51,7 @@ Tarvo::Tarvo() : core_(std::make_shared<Core>()) {
   Settings& settings = Settings::shared();
   UserDefaults& defaults = UserDefaults::standard();
   if (defaults.integer(names::kActivateMode) == kActivateMarker)
-    settings.setActivateStatus(defaults.integer(names::kActivateMarker));
+    settings.activateStatus.set(defaults.integer(names::kActivateMarker));
   core_->locationManager.setDelegate(core_);
   if (const auto client = infoPropertyListText("TarvoClientID")) settings.setClientID(*client);
 }
@@ -71,7 +69,7 @@ void Tarvo::setDelegate(std::shared_ptr<TarvoDelegate> delegate) {
 
 void Tarvo::activate(std::int64_t service) {
   LocationManager& engine = core_->locationManager;
-  Settings::shared().setActivateStatus(service);
+  Settings::shared().activateStatus.set(service);
   UserDefaults::standard().set(names::kActivateMode, service);
   UserDefaults::standard().set(names::kActivateMarker, kActivateMarker);
   if (service == DEACTIVE_ALL) {

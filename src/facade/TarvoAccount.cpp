@@ -22,7 +22,7 @@ bool backendMode() { return Tarvo::ACTIVATE_STATUS() >= Tarvo::BACKEND_BACKGROUN
 }  // namespace
 
 void Tarvo::didRegisterForRemoteNotificationsWithDeviceToken(const std::string& token) {
-  Settings::shared().setDeviceToken(token);
+  Settings::shared().deviceToken.set(token);
   if (NetworkManager::UUID_SECRET_KEY()) core_->networkManager.sendTokenremoteWebServer();
   Log::debug("Tarvo : token ", token);
 }
@@ -43,15 +43,15 @@ bool Tarvo::didReceiveRemoteNotification(const platform::Dictionary& userInfo) {
 
 void Tarvo::setApiKeySecret(const std::string& secret) {
   Settings& settings = Settings::shared();
-  settings.setApiKeySecret(secret);
+  settings.apiKeySecret.set(secret);
   if (!backendMode()) return;
   if (const auto identifier = platform::Bundle::main().bundleIdentifier()) {
-    settings.setBundleID(*identifier);
+    settings.bundleID.set(*identifier);
     Log::debug("Tarvo : Tarvo bundleID : ", *identifier);
   }
   // Credentials go to the system log only, never into the log file, which is uploaded.
   if (const auto key = infoPropertyListText("TarvoApiKey")) {
-    settings.setTarvoapiKey(*key);
+    settings.tarvoapiKey.set(*key);
     NSLog(concat("Tarvo  : Tarvo API_KEY ", *key));
   } else {
     NSLog("Tarvo : Failed to load Tarvo API KEY");
@@ -97,12 +97,12 @@ void Tarvo::setUnSubscription(const std::string& name) {
 }
 
 void Tarvo::setTags(const std::string& name, const std::string& value) {
-  Settings::shared().addSetTag(name, value);
+  Settings::shared().tagsToSet.update([&](auto& tags) { tags.insert_or_assign(name, value); });
   if (backendMode()) core_->networkManager.setTags(name, value);
 }
 
 void Tarvo::unsetTags(const std::string& name) {
-  Settings::shared().addUnsetTag(name);
+  Settings::shared().tagsToUnset.update([&](auto& names) { names.push_back(name); });
   if (backendMode()) core_->networkManager.unsetTags(name);
 }
 

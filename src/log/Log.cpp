@@ -233,7 +233,7 @@ void Log::debugLog(std::int64_t level, std::string_view message) {
   if (const auto configured = configuredLevel(); configured != 0) logLevel.store(configured);
   platform::NSLog(message);
   if (logLevel.load() == kOff) return;
-  const auto user = Settings::shared().userUUID();
+  const auto user = Settings::shared().userUUID.get();
   if (!user) return;
 
   const std::string stamp = currentStamp();

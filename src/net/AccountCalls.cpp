@@ -49,12 +49,12 @@ struct NetworkManager::Reset {
 
 void NetworkManager::sendTokenremoteWebServer() {
   const Settings& settings = Settings::shared();
-  const auto uuid = settings.userUUID();
+  const auto uuid = settings.userUUID.get();
   if (!uuid) {
     Log::debug("NetworkManager:sendTokenremoteWebServer [loc] user:", uuid, " mainThread:", mainThread());
     return;
   }
-  const std::string token = settings.deviceToken();
+  const std::string token = settings.deviceToken.get();
   if (token.empty()) return;
   const auto identity = identityFor("sendTokenremoteWebServer");
   if (!identity) return;

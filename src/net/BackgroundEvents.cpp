@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include <tarvo/ActivationMode.h>
 #include <tarvo/NetworkManager.h>
 #include <tarvo/platform/Device.h>
 #include <tarvo/platform/Environment.h>
@@ -29,7 +30,6 @@ using platform::MutexLock;
 constexpr int kLevelWithExtendedIdle = 9;
 
 /// Modes from here on contact the backend.
-constexpr std::int64_t kLeastBackendMode = 8;
 
 /// The delegate of every background session. Its delegate knows what the replies mean, so the engine's client is told,
 /// whichever client has opened the session. Lives as long as the process.
@@ -112,7 +112,7 @@ void SessionEvents::urlSessionDidFinishEvents(BackgroundSession& session) {
 }
 
 /// In these modes nothing that an earlier process has left goes to the backend.
-bool staysOnDevice(std::int64_t mode) { return mode >= 0 && mode < kLeastBackendMode; }
+bool staysOnDevice(std::int64_t mode) { return mode >= mode::kLocalForeground && mode < mode::kBackendBackground; }
 
 }  // namespace
 
@@ -132,7 +132,7 @@ void NetworkManager::handleEventsForBackgroundURLSession(const std::string& iden
   Log::debug("NetworkManager:handleEventsForBackgroundURLSession [net] id:", identifier,
              " rejointSession:", session->description());
   session->getAllTasks([](const auto&) {});
-  if (staysOnDevice(Settings::shared().activateStatus())) {
+  if (staysOnDevice(Settings::shared().activateStatus.get())) {
     SessionEvents::shared().urlSessionDidFinishEvents(*session);
     return;
   }

@@ -1,3 +1,4 @@
+#include <tarvo/ActivationMode.h>
 #include <tarvo/NetworkManager.h>
 
 #include <utility>
@@ -19,7 +20,6 @@ namespace {
 using platform::Value;
 
 /// Below it an answer is not read at all.
-constexpr std::int64_t kModeWithDownloads = 12;
 
 std::string printedByteCount(const std::optional<std::string>& data) {
   return data ? platform::concat("Optional(", data->size(), " bytes)") : "nil";
@@ -32,8 +32,8 @@ void followCounters(NetworkManager& client, const Value& predictionID, const Val
   if (requireInteger(predictionID, "last_prediction_id") != LatestPrediction::shared().id()) client.getNextTrip();
 
   // Set before the download has begun: the same counter again starts no second one.
-  if (Settings::shared().changeLastTripID(requireInteger(tripID, "last_pasttrip_id")))
-    client.getLocationHistoryEXTRAPOLATED();
+  const std::int64_t announced = requireInteger(tripID, "last_pasttrip_id");
+  if (Settings::shared().lastTripID.exchange(announced) != announced) client.getLocationHistoryEXTRAPOLATED();
 
   // The version is kept at once. A failed download puts it back to 0, and cannot do so before this: its completion
   // waits for the end of the one that is running here.
@@ -46,9 +46,9 @@ void followCounters(NetworkManager& client, const Value& predictionID, const Val
 
 /// Asks again for what is still pending; only the answers take entries from the lists.
 void replaySubscriptions(NetworkManager& client) {
-  for (const auto& [name, notification] : Settings::shared().subscriptions())
+  for (const auto& [name, notification] : Settings::shared().subscriptions.get())
     client.subscriptionRegiter(name, notification);
-  for (const auto& name : Settings::shared().unsubscriptions()) client.subscriptionUnRegister(name);
+  for (const auto& name : Settings::shared().unsubscriptions.get()) client.subscriptionUnRegister(name);
 }
 
 void readAnswer(NetworkManager& client, const std::optional<std::string>& data, std::int64_t poiVersionWhenSent) {
@@ -86,13 +86,14 @@ void NetworkManager::sendDataInBatchToRemoteWebServer(std::string json, const st
         if (reply.refused()) {
           Log::debug(" NetworkManager:sendDataInBatchToRemoteWebServer : httpstatus : ", reply.response->statusCode,
                      " :réponse = ", reply.response->debugDescription());
-          Settings::shared().uploadChannel().release();
+          Settings::shared().uploadChannel.release();
         } else {
           // Without any response the line says 200 too, and the batch counts as acknowledged: intended, the pipeline
           // moves on and does not hold the positions back.
           Log::debug(" NetworkManager:sendDataInBatchToRemoteWebServer : httpstatus : 200");
-          if (Settings::shared().activateStatus() >= kModeWithDownloads) readAnswer(self, reply.data, poiVersion);
-          EngineLink::current().markLocationAsSentUntilIndex(locationIndex, firstLoc);
+          if (Settings::shared().activateStatus.get() >= mode::kBackendGeoprofile)
+            readAnswer(self, reply.data, poiVersion);
+          EngineLink::current().acknowledge(locationIndex, firstLoc);
         }
         if (reply.error)
           Log::error("NetworkManager:sendDataInBatchToRemoteWebServer :[error] :", printedDescription(*reply.error));

@@ -108,9 +108,9 @@ void storePrediction(Dictionary answer) {
 /// The identifier that the past trips are asked from; absent when there is nothing to ask for.
 std::optional<std::int64_t> firstTripToAskFor(std::int64_t announced) {
   std::int64_t first = 0;
-  if (const auto newest = EngineLink::current().getLastPastTrip()) {
-    if (!newest->pasttripID) platform::fatalError("the newest past trip has no identifier");
-    first = *newest->pasttripID;
+  if (const auto newest = EngineLink::current().newestTrip(); newest.exists) {
+    if (!newest.pasttripID) platform::fatalError("the newest past trip has no identifier");
+    first = *newest.pasttripID;
   }
   if (first == announced) return std::nullopt;
   return first;
@@ -126,7 +126,7 @@ void NetworkManager::getNextTrip() {
 }
 
 void NetworkManager::getLocationHistoryEXTRAPOLATED() {
-  if (!Settings::shared().userUUID()) return;
+  if (!Settings::shared().userUUID.get()) return;
   const std::int64_t last = LAST_TRIP_ID();
   const auto first = firstTripToAskFor(last);
   if (!first) return;

@@ -27,19 +27,21 @@ class EngineLink {
   virtual NetworkManager& client() = 0;
 
   /// Acknowledges a batch inside a block of the store context; waits for it.
-  virtual void markLocationAsSentUntilIndex(const std::string& locationIndex, const std::string& firstLoc) = 0;
-  virtual void sendDataInBatchToRemoteWebServer() = 0;
+  virtual void acknowledge(const std::string& locationIndex, const std::string& firstLoc) = 0;
+  /// One upload pass.
+  virtual void startPass() = 0;
 
   /// Stores the user that the backend has just issued; waits for it.
-  virtual void addNewUserToDatabase(const std::string& uuid, const std::string& creationDate) = 0;
+  virtual void storeUser(const std::string& uuid, const std::string& creationDate) = 0;
   virtual bool alreadyReceivedUUID() const = 0;
   virtual void setAlreadyReceivedUUID(bool received) = 0;
 
-  /// The newest stored past trip: absent when there is none; its identifier may be absent.
+  /// The newest stored past trip, which may have no identifier.
   struct NewestTrip {
+    bool exists = false;
     std::optional<std::int64_t> pasttripID;
   };
-  virtual std::optional<NewestTrip> getLastPastTrip() = 0;
+  virtual NewestTrip newestTrip() = 0;
   /// Queue the ingest on the queues of trips and places; return at once.
   virtual void submitLastTrips(std::vector<platform::Dictionary> trips) = 0;
   virtual void submitPOIs(std::vector<platform::Dictionary> pois) = 0;

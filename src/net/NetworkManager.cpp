@@ -86,7 +86,7 @@ platform::URLRequest NetworkManager::request(std::string_view method, std::strin
   const Settings& settings = Settings::shared();
   if (path == endpoints::usersAPI)
     return buildRequest(state_->remoteServerURL, settings.clientID(), method, path,
-                        {settings.tarvoapiKey(), settings.apiKeySecret()}, std::move(body));
+                        {settings.tarvoapiKey.get(), settings.apiKeySecret.get()}, std::move(body));
   const auto identity = settings.identity();
   if (!identity) platform::fatalError(concat("request to ", path, " without user UUID or secret"));
   return state_->userRequest(*identity, method, path, std::move(body));

@@ -23,10 +23,10 @@ void adoptUser(NetworkManager& client, const Value& uuid, const Value& creationD
     return;
   }
   Log::debug(" NetworkManager:sendUserToRemoteWebServer [net] uuid:", uuid, " mainThread:", mainThread());
-  engine.addNewUserToDatabase(requireText(uuid, "uuid"), requireText(creationDate, "creation_date"));
-  engine.sendDataInBatchToRemoteWebServer();
+  engine.storeUser(requireText(uuid, "uuid"), requireText(creationDate, "creation_date"));
+  engine.startPass();
   engine.setAlreadyReceivedUUID(true);
-  if (Settings::shared().claimTokenSending()) client.sendTokenremoteWebServer();
+  if (!Settings::shared().tokenSent.exchange(true)) client.sendTokenremoteWebServer();
 }
 
 void readRegistration(NetworkManager& client, const Reply& reply) {

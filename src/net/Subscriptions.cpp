@@ -19,13 +19,13 @@ constexpr BodyTexts kBody{"NetworkManager:subscriptionRegiter [loc] JSON convers
 
 Dictionary subscriptionList() {
   Dictionary list;
-  for (auto& [name, notification] : Settings::shared().subscriptions()) list.emplace(name, notification);
+  for (auto& [name, notification] : Settings::shared().subscriptions.get()) list.emplace(name, notification);
   return list;
 }
 
 Value unsubscriptionList() {
   platform::Array list;
-  for (const auto& name : Settings::shared().unsubscriptions()) list.emplace_back(name);
+  for (const auto& name : Settings::shared().unsubscriptions.get()) list.emplace_back(name);
   return list;
 }
 
@@ -65,32 +65,32 @@ void NetworkManager::subscriptionRegiter(const std::string& subscription, const 
   Log::debug("NetworkManager:subscriptionRegiter :[SUBSCRIPTION_LIST] : ", subscriptionList(), " ---");
   auto body = callBody(kBody, {{"subscription", subscription},
                                {"envir", envir()},
-                               {"app_id", Settings::shared().bundleID()},
+                               {"app_id", Settings::shared().bundleID.get()},
                                {"notification", notification}});
   if (!body) return;
   state_->start(state_->userRequest(*identity, "POST", endpoints::subscriptionRegisterAPI, std::move(body)),
                 [subscription](NetworkManager&, const Reply& reply) {
                   logSubscription(reply);
                   if (!reply.ok()) return;
-                  Settings::shared().removeSubscription(subscription);
+                  Settings::shared().subscriptions.update([&](auto& list) { list.erase(subscription); });
                   Log::debug("NetworkManager:subscriptionRegiter :[SUBSCRIPTION_LIST] : ", subscriptionList());
                 });
 }
 
 void NetworkManager::subscriptionUnRegister(const std::string& subscription) {
   // Before the identity is looked for: an unregistered device must not ask for both once it is registered.
-  Settings::shared().removeSubscription(subscription);
+  Settings::shared().subscriptions.update([&](auto& list) { list.erase(subscription); });
   const auto identity = identityFor("subscriptionUnRegister");
   if (!identity) return;
   Log::debug("NetworkManager:subscriptionRegiter :[UNSUBSCRIPTION_LIST] : ", unsubscriptionList(), "---- ");
-  auto body =
-      callBody(kBody, {{"subscription", subscription}, {"envir", envir()}, {"app_id", Settings::shared().bundleID()}});
+  auto body = callBody(
+      kBody, {{"subscription", subscription}, {"envir", envir()}, {"app_id", Settings::shared().bundleID.get()}});
   if (!body) return;
   state_->start(state_->userRequest(*identity, "POST", endpoints::subscriptionUnregiterAPI, std::move(body)),
                 [subscription](NetworkManager&, const Reply& reply) {
                   logSubscription(reply);
                   if (!reply.ok()) return;
-                  Settings::shared().removeUnsubscription(subscription);
+                  Settings::shared().unsubscriptions.update([&](auto& names) { names.erase(subscription); });
                   Log::debug("NetworkManager:subscriptionRegiter :[UNSUBSCRIPTION_LIST] : ", unsubscriptionList());
                 });
 }
@@ -99,7 +99,7 @@ void NetworkManager::setTags(const std::string& name, const std::string& value) 
   const auto identity = identityFor("setTags");
   if (!identity) return;
   auto body = callBody(
-      kBody, {{"name", name}, {"value", value}, {"envir", envir()}, {"app_id", Settings::shared().bundleID()}});
+      kBody, {{"name", name}, {"value", value}, {"envir", envir()}, {"app_id", Settings::shared().bundleID.get()}});
   if (!body) return;
   state_->start(state_->userRequest(*identity, "POST", endpoints::setTagsAPI, std::move(body)),
                 [](NetworkManager&, const Reply& reply) { logTags(kSetTags, reply); });
@@ -108,7 +108,7 @@ void NetworkManager::setTags(const std::string& name, const std::string& value) 
 void NetworkManager::unsetTags(const std::string& name) {
   const auto identity = identityFor("unsetTags");
   if (!identity) return;
-  auto body = callBody(kBody, {{"name", name}, {"envir", envir()}, {"app_id", Settings::shared().bundleID()}});
+  auto body = callBody(kBody, {{"name", name}, {"envir", envir()}, {"app_id", Settings::shared().bundleID.get()}});
   if (!body) return;
   state_->start(state_->userRequest(*identity, "POST", endpoints::unsetTagsAPI, std::move(body)),
                 [](NetworkManager&, const Reply& reply) { logTags(kUnsetTags, reply); });

@@ -104,7 +104,7 @@ void Locations::markLocationAsSentUntilIndex(std::string_view locationIndex, Con
     location->setBoolean(at::unsent, false);
     location->setBoolean(at::sentWithoutACK, false);
   }
-  Settings::shared().uploadChannel().release();
+  Settings::shared().uploadChannel.release();
   // Here, before the caller saves, and not posted elsewhere: one acknowledged batch is what sends the next.
   startNextBatch();
 }

@@ -33,8 +33,8 @@ platform::Dictionary deviceDescription() {
 
 }  // namespace
 
-DeviceRegistration::DeviceRegistration(ObjectStore& store, NetworkManager& client, std::function<void()> startUpload)
-    : store_(store), client_(client), startUpload_(std::move(startUpload)) {}
+DeviceRegistration::DeviceRegistration(ObjectStore& store, NetworkManager& client, std::function<void()> startPass)
+    : store_(store), client_(client), startPass_(std::move(startPass)) {}
 
 std::vector<UserRecord> DeviceRegistration::getUser() {
   std::vector<UserRecord> users;
@@ -63,12 +63,12 @@ std::optional<std::string> DeviceRegistration::checkAndRegisterUser() {
   Settings& settings = Settings::shared();
   if (users.empty()) {
     Log::debug("LocationManager:checkAndRegisterUser [loc] nbUsers:0 mainThread:", mainThread());
-    if (!settings.apiKeySecret().empty()) registerUserToRemoteWebServer();
+    if (!settings.apiKeySecret.get().empty()) registerUserToRemoteWebServer();
     return std::nullopt;
   }
   if (users.size() == 1) {
     Log::debug("LocationManager:checkAndRegisterUser [loc] nbUsers:1 mainThread:", mainThread());
-    if (!settings.userSecret() && !settings.apiKeySecret().empty()) registerUserToRemoteWebServer();
+    if (!settings.userSecret.get() && !settings.apiKeySecret.get().empty()) registerUserToRemoteWebServer();
     return users.front().uuid;
   }
   Log::error("LocationManager:checkAndRegisterUser [loc] error nbUsers:", users.size(), " mainThread:", mainThread());
@@ -90,7 +90,7 @@ void DeviceRegistration::registerUserToRemoteWebServer() {
   client_.sendUserToRemoteWebServer(*body);
 }
 
-void DeviceRegistration::addNewUserToDatabase(std::string_view uuid, std::string_view creationDate) {
+void DeviceRegistration::storeUser(std::string_view uuid, std::string_view creationDate) {
   auto& context = store_.managedObjectContext();
   const auto store = [this, &context, uuid = std::string(uuid), creationDate = std::string(creationDate)] {
     Users::addUser(uuid, creationDate, context);
@@ -102,7 +102,7 @@ void DeviceRegistration::addNewUserToDatabase(std::string_view uuid, std::string
   else
     platform::whenUserDefaultsAreWritten([&context, store] { context.perform(store); });
   Settings::shared().adoptUserUUID(uuid);
-  startUpload_();
+  startPass_();
 }
 
 }  // namespace tarvo

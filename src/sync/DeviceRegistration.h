@@ -20,20 +20,20 @@ class NetworkManager;
 /// and the next check tries again.
 class DeviceRegistration {
  public:
-  /// `startUpload` is called once a new user has been stored.
-  DeviceRegistration(ObjectStore& store, NetworkManager& client, std::function<void()> startUpload);
+  /// `startPass` is called once a new user has been stored.
+  DeviceRegistration(ObjectStore& store, NetworkManager& client, std::function<void()> startPass);
 
   /// The identifier of the one stored user. Without a user, or when its secret was lost, the device is registered,
   /// provided that the host has supplied an API secret. Several users are an error that is only logged, unless they are
   /// the same one.
   std::optional<std::string> checkAndRegisterUser();
 
-  /// Sends the device's description; the answer comes back through `addNewUserToDatabase`.
+  /// Sends the device's description; the answer comes back through `storeUser`.
   void registerUserToRemoteWebServer();
 
   /// Stores the user, makes its identifier known unless one is, and starts an upload. While the settings, and with
   /// them the user's secret, cannot be written, the record waits until they are.
-  void addNewUserToDatabase(std::string_view uuid, std::string_view creationDate);
+  void storeUser(std::string_view uuid, std::string_view creationDate);
 
   /// All stored users.
   std::vector<UserRecord> getUser();
@@ -44,7 +44,7 @@ class DeviceRegistration {
 
   ObjectStore& store_;
   NetworkManager& client_;
-  std::function<void()> startUpload_;
+  std::function<void()> startPass_;
 };
 
 }  // namespace tarvo

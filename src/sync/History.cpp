@@ -90,7 +90,7 @@ std::optional<LocationsHistory> History::addNewLastTrip(const std::vector<platfo
     newest = getLastPastTrip();
     if (newest) {
       if (!newest->pasttrip_id) platform::fatalError("a stored past trip has no integer identifier");
-      Settings::shared().setLastTripID(*newest->pasttrip_id);
+      Settings::shared().lastTripID.set(*newest->pasttrip_id);
     }
   });
   if (!newest) return std::nullopt;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include <tarvo/ActivationMode.h>
 #include <tarvo/NetworkManager.h>
 #include <tarvo/platform/Clock.h>
 
@@ -16,8 +17,6 @@ namespace tarvo {
 using platform::concat;
 
 namespace {
-
-constexpr std::int64_t kLeastUploadMode = 8;
 
 /// What is needed of a batch once its records may change again.
 struct Batch {
@@ -38,15 +37,15 @@ UploadPipeline::UploadPipeline(ObjectStore& store, NetworkManager& client, Devic
                                SyncState& state)
     : store_(store), client_(client), registration_(registration), state_(state) {}
 
-void UploadPipeline::sendDataInBatchToRemoteWebServer() {
+void UploadPipeline::startPass() {
   Settings& settings = Settings::shared();
-  if (settings.activateStatus() < kLeastUploadMode) return;
-  const auto attempt = settings.uploadChannel().tryTake(platform::Clock::current()->now());
+  if (settings.activateStatus.get() < mode::kBackendBackground) return;
+  const auto attempt = settings.uploadChannel.tryTake(platform::Clock::current()->now());
   Log::debug("LocationManager:sendDataInBatchToRemoteWebServer [loc]=====CALLED======CANAL===", attempt.wasLocked,
              "=====", attempt.elapsed.count(), "=======");
   if (!attempt.taken) return;
   if (state_.networkManagerReceivedSessionError.load()) {
-    settings.uploadChannel().release();
+    settings.uploadChannel.release();
     return;
   }
   const Locations::List awaiting = getSentWithoutACKLocations();
@@ -109,7 +108,7 @@ void UploadPipeline::sendAllUnsentDataToRemoteWebServer() {
     for (const auto& location : posted_) identifiers.push_back(location->objectID());
   });
   if (identifiers.empty()) {
-    Settings::shared().uploadChannel().release();
+    Settings::shared().uploadChannel.release();
     return;
   }
   const std::size_t positions = identifiers.size();
@@ -168,7 +167,7 @@ void UploadPipeline::post(std::string json, std::int64_t first, std::int64_t las
   client_.sendDataInBatchToRemoteWebServer(std::move(json), concat(first), concat(last));
 }
 
-void UploadPipeline::markLocationAsSentUntilIndex(std::string_view locationIndex, std::string_view firstLoc) {
+void UploadPipeline::acknowledge(std::string_view locationIndex, std::string_view firstLoc) {
   auto& context = store_.managedObjectContext();
   context.performAndWait([&] {
     const Locations::List acknowledged = std::exchange(posted_, {});  // in use until it is saved

@@ -30,7 +30,7 @@ class UploadPipeline {
   UploadPipeline(ObjectStore& store, NetworkManager& client, DeviceRegistration& registration, SyncState& state);
 
   /// One upload pass: takes the channel if it is free or stale (180 s) and posts what comes first.
-  void sendDataInBatchToRemoteWebServer();
+  void startPass();
 
   /// Posts the oldest positions that were never posted and queues their marks. Frees the channel when there are none;
   /// without an identity the device is registered instead and the channel stays held.
@@ -43,7 +43,7 @@ class UploadPipeline {
   void resendAllSentWithoutACKData(const std::vector<LocationRecord>& locations);
 
   /// The acknowledgement of a batch, given as texts: its last index, then its first.
-  void markLocationAsSentUntilIndex(std::string_view locationIndex, std::string_view firstLoc);
+  void acknowledge(std::string_view locationIndex, std::string_view firstLoc);
 
   std::uint64_t batchesPosted() const { return batchesPosted_.load(); }
   std::uint64_t positionsPosted() const { return positionsPosted_.load(); }

@@ -47,7 +47,7 @@ class Logging : public testing::Test {
     diary.clear();
   }
   void logInto(std::optional<std::string> user, std::int64_t level) {
-    Settings::shared().setUserUUID(std::move(user));
+    Settings::shared().userUUID.set(std::move(user));
     UserDefaults::standard().set("tarvologlevel", level);
   }
   std::filesystem::path path(const std::string& day = "2024-06-15") const {

@@ -11,7 +11,7 @@ struct Account : ClientTest {
 };
 
 TEST_F(Account, RegistersOnceAndTakesOnlyTheSecretFromLaterAnswers) {
-  settings.setDeviceToken("t0k");
+  settings.deviceToken.set("t0k");
   LogDiary& log = LogDiary::installed();
   registerUser(R"({"uuid":"u-1","creation_date":"now","secretkey":42})");
   expectInOrder({"secretkey : 42", " NetworkManager:sendUserToRemoteWebServer [net] uuid:u-1 mainThread:false",
@@ -30,7 +30,7 @@ TEST_F(Account, RegistersOnceAndTakesOnlyTheSecretFromLaterAnswers) {
 TEST_F(Account, CountsTheTokenAsSentEvenWhenThereIsNone) {
   registerUser(R"({"uuid":"u-1","creation_date":"now","secretkey":"k"})");
   EXPECT_EQ(backend.takeTargets(), "POST users");
-  EXPECT_TRUE(settings.tokenSent());
+  EXPECT_TRUE(settings.tokenSent.get());
 }
 
 TEST_F(Account, TakesNoUserFromAnAnswerOfAnotherShape) {
@@ -90,7 +90,7 @@ TEST_F(Account, TakesASubscriptionFromItsListOnceTheBackendHasAcceptedIt) {
 
 TEST_F(Account, WritesTheLinesOfTagsTokensAndResets) {
   identify();
-  settings.setDeviceToken("t0k");
+  settings.deviceToken.set("t0k");
   LogDiary& log = LogDiary::installed();
   call(&NetworkManager::setTags, "a", "b");
   call(&NetworkManager::resetBackend);
@@ -104,7 +104,7 @@ TEST_F(Account, WritesTheLinesOfTagsTokensAndResets) {
   call(&NetworkManager::resetBackend);
   for (const std::string& unusable : {std::string("\xff"), std::string(std::size_t{65} << 20, 'x')}) {
     call(&NetworkManager::setTags, "a", unusable);
-    settings.setDeviceToken(unusable);
+    settings.deviceToken.set(unusable);
     call(&NetworkManager::sendTokenremoteWebServer);
   }
   for (const char* text :

@@ -8,7 +8,7 @@ namespace {
 struct BatchUpload : ClientTest {
   BatchUpload() {
     identify();
-    settings.setActivateStatus(12);
+    settings.activateStatus.set(12);
   }
 };
 
@@ -20,8 +20,8 @@ const char* const kNothingElse = "POST positions";
 TEST_F(BatchUpload, MarksOrFreesAndDownloadsAsTheAnswerSays) {
   LogDiary& log = LogDiary::installed();
   const auto outcome = [&](const Backend::Answer& answer, std::int64_t mode = 12) {
-    settings.setActivateStatus(mode);
-    settings.setLastTripID(0);
+    settings.activateStatus.set(mode);
+    settings.lastTripID.set(0);
     defaults.set("poi_version", 0);
     NetworkManager::setCANAL_LOCK(true);
     log.clear();

@@ -93,7 +93,7 @@ class Backend {
 /// An engine that writes what it is told into the system log, so that one diary holds the order of lines and effects.
 class DiaryEngine final : public EngineLink {
  public:
-  std::optional<NewestTrip> newest;
+  NewestTrip newest;
   std::atomic<bool> received{false};
 
   NetworkManager& client() override {
@@ -101,11 +101,11 @@ class DiaryEngine final : public EngineLink {
     return *own;
   }
 
-  void markLocationAsSentUntilIndex(const std::string& locationIndex, const std::string& firstLoc) override {
+  void acknowledge(const std::string& locationIndex, const std::string& firstLoc) override {
     note("mark ", firstLoc, "-", locationIndex);
   }
-  void sendDataInBatchToRemoteWebServer() override { note("send"); }
-  void addNewUserToDatabase(const std::string& uuid, const std::string& creationDate) override {
+  void startPass() override { note("send"); }
+  void storeUser(const std::string& uuid, const std::string& creationDate) override {
     note("user ", uuid, " ", creationDate);
     Settings::shared().adoptUserUUID(uuid);
   }
@@ -114,7 +114,7 @@ class DiaryEngine final : public EngineLink {
     note("received ", value);
     received = value;
   }
-  std::optional<NewestTrip> getLastPastTrip() override { return newest; }
+  NewestTrip newestTrip() override { return newest; }
   void submitLastTrips(std::vector<platform::Dictionary> trips) override { note("trips ", trips.size()); }
   void submitPOIs(std::vector<platform::Dictionary> pois) override { note("pois ", pois.size()); }
   void predictionStored() override { note("prediction"); }
@@ -137,7 +137,7 @@ class ClientTest : public ::testing::Test {
   }
 
   void identify() {
-    settings.setUserUUID("user-1");
+    settings.userUUID.set("user-1");
     settings.storeUserSecret("s3cret");
   }
   static void finish() { ASSERT_TRUE(platform::Activity::waitUntilIdle(platform::Seconds(20))); }

@@ -16,14 +16,14 @@ TEST_F(Downloads, AskForTripsOnlyWhenTheNewestIsNotTheAnnouncedOne) {
       {7, 9, "GET pasttrips?first_pasttrip_id=7&last_pasttrip_id=9"},
       {9, 7, "GET pasttrips?first_pasttrip_id=9&last_pasttrip_id=7"}};
   for (const auto& [newest, announced, request] : cases) {
-    engine.newest = newest ? std::optional(EngineLink::NewestTrip{newest}) : std::nullopt;
-    settings.setLastTripID(announced);
+    engine.newest = {newest.has_value(), newest};
+    settings.lastTripID.set(announced);
     call(&NetworkManager::getLocationHistoryEXTRAPOLATED);
     EXPECT_EQ(backend.takeTargets(), request) << announced;
   }
-  engine.newest = EngineLink::NewestTrip{};
+  engine.newest = {true, std::nullopt};
   EXPECT_DEATH(client().getLocationHistoryEXTRAPOLATED(), "no identifier");
-  settings.setUserUUID(std::nullopt);
+  settings.userUUID.set(std::nullopt);
   client().getLocationHistoryEXTRAPOLATED();
   EXPECT_TRUE(platform::Activity::idle());
 }
@@ -50,7 +50,7 @@ TEST_F(Downloads, HandPlacesOverWhateverTheStatusAndForgetTheirVersionOnFailure)
 }
 
 TEST_F(Downloads, HandTripsOverWhateverTheStatusAndStopOnAnotherShape) {
-  settings.setLastTripID(3);
+  settings.lastTripID.set(3);
   backend.answer("pasttrips", {500, R"({"success":true,"trips":[]})"});
   LogDiary::installed();
   call(&NetworkManager::getLocationHistoryEXTRAPOLATED);

@@ -34,11 +34,11 @@ struct Requests : ClientTest {
 
 TEST_F(Requests, CarryUrlMethodCredentialsAndEachHeaderOnce) {
   identify();
-  settings.setTarvoapiKey("key");
-  settings.setApiKeySecret("apisecret");
-  settings.setBundleID("org.host");
-  settings.setDeviceToken("t0k");
-  settings.setLastTripID(42);
+  settings.tarvoapiKey.set("key");
+  settings.apiKeySecret.set("apisecret");
+  settings.bundleID.set("org.host");
+  settings.deviceToken.set("t0k");
+  settings.lastTripID.set(42);
   client().setEnvir("dev");
   using N = NetworkManager;
   const std::string get = "GET /api/v1/acme/", post = "POST /api/v1/acme/",
@@ -62,18 +62,18 @@ TEST_F(Requests, CarryUrlMethodCredentialsAndEachHeaderOnce) {
 }
 
 TEST_F(Requests, StopTheProcessWithoutAnIdentityUnlessTheyRegister) {
-  settings.setUserUUID("user-1");
+  settings.userUUID.set("user-1");
   EXPECT_EQ(client().request("POST", "users", "{}").httpMethod, "POST");
   EXPECT_DEATH(client().request("GET", "pois", std::nullopt), "without user UUID or secret");
 }
 
 TEST_F(Requests, AreLeftOutBeforeTheRegistrationAndPendingListsStay) {
-  settings.setDeviceToken("t0k");
+  settings.deviceToken.set("t0k");
   for (const char* name : {"s", "u"}) NetworkManager::setSUBSCRIPTION_LIST(name, "n");
   NetworkManager::addUNSUBSCRIPTION_LIST("u");
   LogDiary& log = LogDiary::installed();
   for (const bool withUUID : {false, true}) {
-    if (withUUID) settings.setUserUUID("user-1");
+    if (withUUID) settings.userUUID.set("user-1");
     log.clear();
     client().sendTokenremoteWebServer();
     client().userConfigremoteWebServer();

@@ -250,7 +250,7 @@ TEST_F(StoredPositions, AreMarkedByTheirTemporaryIDUntilTheyHaveGone) {
 }
 
 TEST_F(Acknowledgement, ClearsItsRangeFreesTheChannelAndStartsTheNextBatchBeforeTheSave) {
-  UploadChannel& channel = Settings::shared().uploadChannel();
+  UploadChannel& channel = Settings::shared().uploadChannel;
   channel.setLocked(true);
   within([&](Context& context) {
     addAndSave(context, 12);
