@@ -167,11 +167,11 @@ TEST(PredictedTrip, IsCopiedOutAndNowhereAtFirst) {
   EXPECT_EQ(Trip().getNextDestination()->coordinate, (CLLocationCoordinate2D{-200, -200}));
   Trip prediction;
   prediction.id = 5;
-  LatestPrediction::shared().store(prediction);
-  const Trip held = LatestPrediction::shared().value();
-  LatestPrediction::shared().store(Trip());
+  latestPrediction().set(prediction);
+  const Trip held = latestPrediction().get();
+  latestPrediction().set(Trip());
   EXPECT_EQ(held.id, 5);
-  EXPECT_EQ(LatestPrediction::shared().id(), 0);
+  EXPECT_EQ(latestPrediction().get().id, 0);
 }
 
 using Context = platform::NSManagedObjectContext;
