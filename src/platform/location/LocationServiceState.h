@@ -39,7 +39,7 @@ class LocationServiceState {
   void postDenialIfRefused(std::shared_ptr<LocationClient> client);
   void postKnownFix(std::shared_ptr<LocationClient> client);
   void postFailure(std::int64_t code);
-  /// Waits for what was posted before; without the lock.
+  /// Returns once what was posted before has been told. The lock must not be held.
   void waitForDeliveries() {
     deliveries_.syncReentrant([] {});
   }
