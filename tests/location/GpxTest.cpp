@@ -85,17 +85,12 @@ TEST(GpxTrace, SaysInOneLineWhyAFileCannotBeUsed) {
 }
 
 TEST(GpxTrace, TakesRoutesOrWaypointsOnlyWithoutATrack) {
-  const std::string time = "<time>2020-01-01T00:00:00Z</time>";
-  const std::string routeAndWay =
-      "<wpt lat='3' lon='3'>" + time + "</wpt><rte><rtept lat='2' lon='2'>" + time + "</rtept></rte>";
-  const std::pair<std::string, double> cases[] = {
-      {"<gpx>" + routeAndWay + "<trk><trkseg><trkpt lat='1' lon='1'>" + time + "</trkpt></trkseg></trk></gpx>", 1},
-      {"<gpx>" + routeAndWay + "</gpx>", 2},
-      {"<gpx><wpt lat='3' lon='3'>" + time + "</wpt></gpx>", 3},
-  };
-  for (const auto& [text, latitude] : cases) {
+  const std::string time = "<time>2020-01-01T00:00:00Z</time>", way = "<wpt lat='3' lon='3'>" + time + "</wpt>",
+                    route = "<rte><rtept lat='2' lon='2'>" + time + "</rtept></rte>",
+                    trip = "<trk><trkseg><trkpt lat='1' lon='1'>" + time + "</trkpt></trkseg></trk>";
+  for (const auto& [points, latitude] : {std::pair(way + route + trip, 1), {way + route, 2}, {way, 3}}) {
     std::string error;
-    const auto trace = readText(text, error);
+    const auto trace = readText("<gpx>" + points + "</gpx>", error);
     ASSERT_TRUE(trace && trace->fixes.size() == 1) << error;
     EXPECT_EQ(trace->fixes[0].coordinate.latitude, latitude);
   }
