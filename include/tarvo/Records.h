@@ -1,12 +1,9 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
-#include <tarvo/Export.h>
 #include <tarvo/platform/Date.h>
 
 namespace tarvo {
