@@ -9,31 +9,29 @@
 
 namespace tarvo {
 
-/// The positions of a history, in its order. Those of the SDK stay in its store until they are asked for, so that a
-/// year of them takes no memory; which ones they are is fixed when the history is made, their upload flags are those of
-/// the moment of reading.
+class PositionSource;
+
+/// The positions of a history, by ascending index. They stay in the SDK's store until they are asked for, so that a
+/// year of them takes no memory. Which positions they are is fixed when the history is made; their upload flags are
+/// those of the moment of reading.
 ///
 /// Threads: any, one at a time for each object; reading waits for the store's other work.
-/// Errors: never throws; when they cannot all be read that is logged, and there are none.
+/// Errors: never throws; when not all of them can be read that is logged, and `toVector` gives none.
 class TARVO_API LocationRecords {
  public:
   /// No positions.
   LocationRecords() = default;
-  /// These positions, without a store.
+  /// These positions, which need no store.
   LocationRecords(std::vector<LocationRecord> records);
 
   std::size_t size() const;
   bool empty() const { return size() == 0; }
-  /// All of them in memory, some 500 bytes each; `LocationsHistory::toGeoJSON` needs far less.
+  /// Copies of all of them, some 500 bytes of memory each; `LocationsHistory::toGeoJSON` needs far less.
   std::vector<LocationRecord> toVector() const;
 
-  /// Where the SDK reads them.
-  class Source;
-  explicit LocationRecords(std::shared_ptr<const Source> source);
-  const Source& source() const;
-
  private:
-  std::shared_ptr<const Source> source_;
+  friend class PositionSource;  // where the SDK reads them
+  std::shared_ptr<const PositionSource> source_;
 };
 
 }  // namespace tarvo

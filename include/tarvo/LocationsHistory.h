@@ -12,27 +12,30 @@
 
 namespace tarvo {
 
-/// Positions or past trips of a span of time, and their forms for a map. A plain value.
+/// The positions or the past trips of a span of time, and what a map needs of them. A plain value.
 ///
-/// Threads: any, one at a time for each object; forms of stored positions wait for the store's other work.
-/// Errors: never throws; a route that is no JSON is logged and skipped, a failed read is logged and ends early.
+/// Threads: any, one at a time for each object; operations on stored positions wait for the store's other work.
+/// Errors: never throws; a route that is no JSON is logged and skipped, positions that cannot be read are logged.
 class TARVO_API LocationsHistory {
  public:
-  LocationRecords locations;              ///< by ascending index
-  std::vector<PastTripRecord> pasttrips;  ///< by ascending identifier
-  platform::CLLocationCoordinate2D firstLocation;
+  LocationRecords locations;                       ///< by ascending index
+  std::vector<PastTripRecord> pasttrips;           ///< by ascending identifier
+  platform::CLLocationCoordinate2D firstLocation;  ///< of the first of `locations`; (0, 0) without any
 
-  /// One fix for each position that has coordinates and a time.
+  /// One fix for each position that has coordinates and a time; empty when the positions cannot be read. Of the other
+  /// values a missing altitude is 0, a missing accuracy, course or speed is -1.
   std::vector<platform::CLLocation> toArray() const;
   platform::CLLocationCoordinate2D getFirstLocation() const { return firstLocation; }
-  /// South-west, then north-east corner; of the trips if there are any, else of the positions; absent when there is
-  /// neither, and when the positions cannot be read.
+  /// The smallest rectangle around all trips or, if there are none, around all positions: its south-west corner, then
+  /// its north-east corner. Both are (-200, -200) when there is no point that can be read. Absent without trips and
+  /// positions, and when the positions cannot be read. Points on both sides of the 180th meridian give a rectangle
+  /// around the rest of the globe.
   std::optional<std::vector<platform::CLLocationCoordinate2D>> getBoundingBox() const;
-  /// A FeatureCollection of the positions, cut where collection was switched off or on; absent without positions, and
-  /// when they cannot be read.
+  /// JSON text of a GeoJSON FeatureCollection of the positions; a new feature begins where collection was switched off
+  /// or on. Absent when no position has coordinates, and when the positions cannot be read.
   /// `geometry`: Tarvo::GEOJSON_LINESTRING or Tarvo::GEOJSON_MULTIPOINT.
   std::optional<std::string> toGeoJSON(std::string_view geometry) const;
-  /// The routes of the past trips that have one.
+  /// The routes of the past trips that have one, as they are.
   std::vector<std::string> toGeoJSON() const;
 };
 

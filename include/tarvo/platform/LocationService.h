@@ -11,7 +11,7 @@
 
 namespace tarvo::platform {
 
-/// The numbers are the contract.
+/// What the user allows. The numbers are stored, so they never change.
 enum class CLAuthorizationStatus : std::int64_t {
   notDetermined = 0,
   restricted = 1,
@@ -20,56 +20,65 @@ enum class CLAuthorizationStatus : std::int64_t {
   authorizedWhenInUse = 4,
 };
 
-/// What a host asks its user; the answer comes back through `LocationService::setAuthorizationStatus`.
+/// What a host asks its user for: fixes while the application is in use, or always. The answer goes to
+/// `LocationService::setAuthorizationStatus`.
 enum class AuthorizationRequest { whenInUse, always };
 
-/// A receiver that the service switches on and off, so that it rests while nobody needs fixes. It hands its fixes to
-/// `LocationService::deliver`.
+/// A receiver that the service switches on and off, so that it rests while nobody needs fixes. A host derives from this
+/// class; the receiver hands its fixes to `LocationService::deliver`.
 ///
-/// Threads: both calls come on the service's delivery queue, in turn, starting with `start`; they return soon. Errors:
-/// an exception that leaves one ends the process.
+/// Threads: both calls come on the service's delivery queue and must return soon. Errors: an exception that leaves one
+/// of them ends the process.
 class TARVO_API LocationSource {
  public:
   virtual ~LocationSource() = default;
-  /// Somebody needs fixes; called again when the best accuracy that anybody wants has changed (metres, -1: best).
+  /// Somebody needs fixes of that accuracy; -1 stands for the best there is. Called again, without a stop in between,
+  /// when the accuracy that is needed has changed.
   virtual void start(double desiredAccuracyMetres) = 0;
+  /// Nobody needs fixes any more. Called only after a start.
   virtual void stop() = 0;
 };
 
-/// The host's side of location services: fixes and permission go in here; the managers of the process share it.
+/// Where a host hands in fixes and what its user allows. The SDK draws on it; there is one for the process.
 ///
-/// Threads: any thread may call; no call waits for a delivery. Fixes and status changes reach the managers'
-/// delegates one after the other on the service's own delivery queue, never inside the call.
-/// The status starts as authorizedAlways (a Linux host that links the library has decided) and is kept in the
-/// user defaults once set. Standard updates and one-shot requests need either authorized status, significant changes
-/// and region crossings authorizedAlways.
+/// The permission is authorizedAlways at first, since a Linux host that links the library has decided; once set it is
+/// kept in the user defaults. Updates and one-shot requests need authorizedAlways or authorizedWhenInUse, significant
+/// changes and region crossings need authorizedAlways.
+///
+/// Threads: any; no call waits for a delivery. What is handed in reaches the SDK on the service's own delivery queue,
+/// one thing after the other, never inside the call.
 /// Errors: none; what cannot be used is refused with a line in the system log.
 class TARVO_API LocationService {
  public:
   static LocationService& shared();
 
-  /// Takes fixes, oldest first. Each one that is not finite or out of range (degrees of the globe, a time in the years
-  /// 1970 to 9999) is refused with a line in the system log; the others reach each manager that updates, through its
-  /// distance filter.
+  /// Takes fixes, oldest first. A fix with a value that is not finite, a coordinate that is not on the globe or a time
+  /// outside the years 1970 to 9999 is refused, with a line in the system log. The others reach whatever the SDK has
+  /// asked the service for; not each of them becomes a position.
   void deliver(const std::vector<CLLocation>& fixes);
 
-  /// The receiver to switch; a host that pushes fixes by itself needs none. The one before is stopped if it runs.
+  /// Sets the receiver to switch on and off, or none. A host whose receiver always runs needs none. The one before is
+  /// stopped if it runs.
   void setSource(std::shared_ptr<LocationSource> source);
 
-  /// Reports a failure of the positioning itself (CLError locationUnknown 0, denied 1) to updating managers.
+  /// Reports that positioning itself fails. `code`: 0 where the place cannot be found for now, 1 where the receiver
+  /// may not be used, which also ends a one-shot request.
   void fail(std::int64_t code);
 
   CLAuthorizationStatus authorizationStatus() const;
-  /// What the host's user has decided; also the answer to a question of the prompt.
+  /// Tells what the host's user has decided, by himself or when the prompt asked him.
   void setAuthorizationStatus(CLAuthorizationStatus status);
 
-  /// Called (posted to the main queue, never inside a library call) when permission is asked for. One question at a
-  /// time: until `setAuthorizationStatus` brings its answer (notDetermined: put off), or another prompt is set, further
-  /// requests add none; a wish for "always" that came while "when in use" was asked for follows an answer of that kind.
-  /// An exception that leaves it ends the process.
+  /// Sets what asks the user for a permission. It is called on the main queue, never inside a call to the library, and
+  /// only while the answer is open: the status is notDetermined, or authorizedWhenInUse and "always" has never been
+  /// asked for.
+  ///
+  /// A question stays open until `setAuthorizationStatus` answers it (notDetermined puts it off) or another prompt is
+  /// set; there is no second one meanwhile. If the last request made meanwhile was for "always" and the answer is
+  /// authorizedWhenInUse, the prompt is called for "always" next. An exception that leaves the prompt ends the process.
   void setPrompt(std::function<void(AuthorizationRequest)> prompt);
 
-  /// What the device has. Without location services, updates fail as denied.
+  /// What the device has. Without location services no fix is passed on, and updates fail as denied.
   struct Capabilities {
     bool locationServices = true;
     bool significantChange = true;
@@ -81,30 +90,27 @@ class TARVO_API LocationService {
   Capabilities capabilities() const;
   void setCapabilities(Capabilities capabilities);
 
-  /// When a one-shot request gives up, and what counts as a significant change and as a crossing. Spans are the
-  /// installed clock's monotonic time: setting the wall clock neither shortens nor lengthens them.
+  /// When a one-shot request gives up, and what counts as a significant change and as a crossing. Spans are measured by
+  /// the installed clock's monotonic time, so that setting the wall clock does not change them.
   struct Rules {
+    /// Then the latest fix that has come answers the request, however inaccurate, or an error without one.
     Seconds requestTimeout{10};
+    /// A significant change lies so far from the one before, and comes so much later.
     double significantMetres = 500;
     Seconds significantInterval{300};
+    /// Regions of the whole process; a further one fails, and one of a larger radius.
     std::size_t regionLimit = 20;
-    /// A larger region fails: nothing that moves on the ground would leave it.
     double maximumRegionMonitoringMetres = 1'000'000;
-    /// A crossing is told once the fixes lie this far past the border (at most half the radius) ...
+    /// A border is crossed once fixes have lain so far past it (half the radius if that is less) for so long.
     double regionBorderMetres = 20;
-    /// ... and have stayed there this long.
     Seconds regionStay{20};
   };
   Rules rules() const;
   void setRules(Rules rules);
 
-  struct State;
-  State& state() { return *state_; }
-
  private:
-  LocationService();
+  LocationService() = default;
   ~LocationService() = delete;
-  State* state_;
 };
 
 }  // namespace tarvo::platform

@@ -69,12 +69,12 @@ class CLLocationManager {
 
   /// The first delegate is told the authorization status, soon and once; from then on each change of it.
   void setDelegate(CLLocationManagerDelegate* delegate);
-  /// Returns once the delegates have been told what there was to tell before the call; on the delivery queue at once.
-  /// Never while holding what a delegate may wait for.
+  /// Waits until the delegates have been told what there was to tell before the call; on the delivery queue it returns
+  /// at once. The caller must hold no lock that a delegate may wait for.
   void waitUntilTold();
-  /// A wish in metres, not a filter.
+  /// Metres; a wish that keeps no fix away. kCLLocationAccuracyBest: the best there is.
   void setDesiredAccuracy(double metres);
-  /// Metres from the last delivered fix before the next is delivered; kCLDistanceFilterNone: every fix. At once.
+  /// Only fixes at least so many metres from the last one told are told; kCLDistanceFilterNone: all. Holds at once.
   void setDistanceFilter(double metres);
   double desiredAccuracy() const;
   double distanceFilter() const;
@@ -87,15 +87,15 @@ class CLLocationManager {
   /// The first fix after a start is always delivered. A repeated start changes nothing. Both end a one-shot request.
   void startUpdatingLocation();
   void stopUpdatingLocation();
-  /// One fix of the desired accuracy that comes after the call; when ten seconds of the installed clock have passed,
-  /// the latest worse one, or an error. A second request while one waits changes nothing.
+  /// Tells one fix of the desired accuracy that comes after the call. When none has come in ten seconds of the
+  /// installed clock, tells the latest less accurate one, or an error. A second request meanwhile changes nothing.
   void requestLocation();
-  /// First the fix that is known (or the first to come), then one after each 500 m, at most every five minutes.
+  /// Tells the fix that is known, or the first to come, and then one after each 500 m, at most every five minutes.
   void startMonitoringSignificantLocationChanges();
   void stopMonitoringSignificantLocationChanges();
-  /// Replaces a region of that identifier. The 21st region fails, and one of a radius that is negative, not finite or
-  /// above 1000 km; what fails changes nothing. All managers' delegates are told of crossings; a region that one is
-  /// inside of already gives none. Regions end with the process.
+  /// Watches a region, in place of one of the same identifier. The 21st region fails, and one of a radius that is
+  /// negative, not finite or above 1000 km; what fails changes nothing. The delegates of all managers are told when a
+  /// border is crossed; to be inside at the start is no crossing. Regions end with the process.
   void startMonitoring(const CLCircularRegion& region);
   void stopMonitoring(const CLCircularRegion& region);
   /// The regions of the whole process, in the order in which they were added; a copy.

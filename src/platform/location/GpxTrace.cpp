@@ -3,7 +3,7 @@
 #include <pugixml.hpp>
 #include <string_view>
 
-#include <tarvo/platform/GpxSource.h>
+#include <tarvo/platform/GpxReplay.h>
 
 #include "platform/foundation/Encoding.h"
 #include "platform/foundation/Text.h"
@@ -12,9 +12,9 @@
 namespace tarvo::platform {
 namespace {
 
-constexpr std::uintmax_t largestFile = 256u << 20;  // parsed in memory, several times the size of the file
-constexpr double metresPerHdop = 5;
-constexpr double assumedAccuracyMetres = 10;
+constexpr std::uintmax_t kLargestFile = 256u << 20;  // parsed in memory, several times the size of the file
+constexpr double kMetresPerHdop = 5;
+constexpr double kAssumedAccuracyMetres = 10;
 
 std::string_view localName(const pugi::xml_node& node) {
   const std::string_view name = node.name();
@@ -46,7 +46,7 @@ struct PointFields {
 
 /// Extensions nest as their makers like; the names do not clash with those of the point itself.
 void readFields(const pugi::xml_node& parent, int depth, PointFields& fields) {
-  constexpr int deepestExtension = 4;
+  constexpr int kDeepestExtension = 4;
   for (const pugi::xml_node& child : parent.children()) {
     const std::string_view name = localName(child);
     const std::string_view text = child.child_value();
@@ -60,7 +60,7 @@ void readFields(const pugi::xml_node& parent, int depth, PointFields& fields) {
       fields.speed = number(text);
     else if (name == "course")
       fields.course = number(text);
-    else if (depth < deepestExtension && (depth > 0 || name == "extensions"))
+    else if (depth < kDeepestExtension && (depth > 0 || name == "extensions"))
       readFields(child, depth + 1, fields);
   }
 }
@@ -85,9 +85,9 @@ class TraceReader {
     fix.coordinate = {*latitude, *longitude};
     fix.timestamp = *fields.time;
     fix.altitude = fields.ele.value_or(0);
-    fix.verticalAccuracy = fields.ele ? assumedAccuracyMetres : -1;
-    const bool graded = fields.hdop && *fields.hdop > 0 && std::isfinite(*fields.hdop * metresPerHdop);
-    fix.horizontalAccuracy = graded ? *fields.hdop * metresPerHdop : assumedAccuracyMetres;
+    fix.verticalAccuracy = fields.ele ? kAssumedAccuracyMetres : -1;
+    const bool graded = fields.hdop && *fields.hdop > 0 && std::isfinite(*fields.hdop * kMetresPerHdop);
+    fix.horizontalAccuracy = graded ? *fields.hdop * kMetresPerHdop : kAssumedAccuracyMetres;
     addMotion(fields, fix);
     trace.fixes.push_back(fix);
   }
@@ -137,7 +137,7 @@ std::optional<GpxTrace> GpxTrace::read(const std::filesystem::path& file, std::s
   std::error_code failed;
   const std::uintmax_t size = std::filesystem::file_size(file, failed);
   if (failed) return refuse(concat("cannot be read: ", failed.message()));
-  if (size > largestFile) return refuse(concat("is larger than ", largestFile >> 20, " MiB"));
+  if (size > kLargestFile) return refuse(concat("is larger than ", kLargestFile >> 20, " MiB"));
 
   pugi::xml_document document;
   const pugi::xml_parse_result parsed = document.load_file(file.c_str());

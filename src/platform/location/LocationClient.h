@@ -35,10 +35,10 @@ struct FixBatch {
   std::uint64_t number = 0;
 };
 
-/// One manager as the service sees it: its wishes and what it was told last.
+/// One manager as the service sees it: what it wants, and what its delegate was told last.
 ///
-/// Threads: the wishes from any; what tells the delegate only on the delivery queue, where the delegate is called with
-/// no lock held. Owned by its manager, and by a delivery for as long as that runs.
+/// Threads: any, but the operations that tell the delegate something are called on the delivery queue alone; they hold
+/// no lock while they call it. Owned by its manager, and by a delivery for as long as that runs.
 class LocationClient : public std::enable_shared_from_this<LocationClient> {
  public:
   explicit LocationClient(CLLocationManager& owner) : owner_(owner) {}
@@ -66,18 +66,18 @@ class LocationClient : public std::enable_shared_from_this<LocationClient> {
   /// Each start answers whether anything began with it.
   bool startUpdating();
   void stopUpdating();
-  /// Waits for a batch after number `after`; on `queue` the time-out is told.
+  /// From now on waits for a fix of a batch whose number is above `after`. `queue` is where the time-out is told.
   bool request(std::uint64_t after, Seconds timeout, SerialQueue& queue);
   bool startSignificantChanges();
   void stopSignificantChanges();
 
   // On the delivery queue:
 
-  /// Hands those fixes over that pass, in one call.
+  /// Tells those fixes that the manager wants, in one call.
   void receive(const FixBatch& batch, const Permission& permission, const LocationService::Rules& rules);
-  /// The first event of significant changes, unless a batch has given it.
+  /// Tells the first fix of significant changes, unless a batch has brought one.
   void receiveKnown(const CLLocation& fix);
-  /// Tells whoever still waits for fixes; a denial ends a request.
+  /// Tells an error if the manager waits for fixes. A denial ends a request; another error is told to updates alone.
   void fail(std::int64_t code);
   /// Tells a status that the delegate has not been told yet.
   void authorizationChanged(CLAuthorizationStatus status);

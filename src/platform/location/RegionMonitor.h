@@ -18,17 +18,18 @@ struct RegionCrossing {
 
 /// The regions of the process and, for each, on which side of its border the device is.
 ///
-/// Threads: none of its own; the service guards it. Time is passed in.
+/// Threads: one at a time; the service guards it with its lock.
 class RegionMonitor {
  public:
   /// Adds or replaces; false, and nothing changes, when there are too many or the radius is negative, not finite or
-  /// too large. The side is that of `latest`, else of the first fix to come.
+  /// too large. The device is on the side of `latest`, or of the first fix to come.
   bool add(const CLCircularRegion& region, const std::optional<CLLocation>& latest,
            const LocationService::Rules& rules);
   void remove(std::string_view identifier);
   std::vector<CLCircularRegion> regions() const;
 
-  /// The crossings that `fix` completes at `now`, in monotonic time. A fix of negative accuracy tells nothing.
+  /// The borders that have been crossed for good with `fix` at `now`, in monotonic time. A fix of negative accuracy
+  /// changes nothing.
   std::vector<RegionCrossing> evaluate(const CLLocation& fix, Seconds now, const LocationService::Rules& rules);
 
  private:
