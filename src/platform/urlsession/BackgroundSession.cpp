@@ -15,7 +15,6 @@
 #include "platform/foundation/SerialQueue.h"
 #include "platform/foundation/Text.h"
 #include "platform/urlsession/TransferJournal.h"
-#include "platform/urlsession/TransferRecord.h"
 #include "platform/urlsession/URLSession.h"
 
 namespace tarvo::platform {
