@@ -1,5 +1,6 @@
 #include "platform/urlsession/Transfer.h"
 
+#include <errno.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,8 +10,6 @@
 #include <cstdio>
 #include <system_error>
 #include <utility>
-
-#include "platform/urlsession/TransferError.h"
 
 namespace tarvo::platform {
 namespace {
@@ -44,16 +43,41 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
 }
 
-/// Where a reply to `base` sends its client, without user and password. Absent when it cannot be understood.
-std::optional<std::string> resolve(const std::string& base, const std::string& location) {
-  const CurlURL url(curl_url());
-  constexpr unsigned flags = CURLU_URLENCODE | CURLU_ALLOW_SPACE | CURLU_NON_SUPPORT_SCHEME;
-  if (!url || curl_url_set(url.get(), CURLUPART_URL, base.c_str(), CURLU_PATH_AS_IS) != CURLUE_OK ||
-      curl_url_set(url.get(), CURLUPART_URL, location.c_str(), flags) != CURLUE_OK)
-    return std::nullopt;
-  curl_url_set(url.get(), CURLUPART_USER, nullptr, 0);
-  curl_url_set(url.get(), CURLUPART_PASSWORD, nullptr, 0);
-  return urlPart(url.get(), CURLUPART_URL);
+/// The code that stands for what curl met; `systemError` is the errno beneath it, or 0.
+int urlErrorOf(CURLcode result, long systemError) {
+  switch (result) {
+    case CURLE_URL_MALFORMAT:
+      return urlError::badURL;
+    case CURLE_COULDNT_RESOLVE_PROXY:
+    case CURLE_COULDNT_RESOLVE_HOST:
+      return urlError::cannotFindHost;
+    case CURLE_COULDNT_CONNECT:
+      return systemError == ENETUNREACH ? urlError::notConnectedToInternet : urlError::cannotConnectToHost;
+    case CURLE_OPERATION_TIMEDOUT:
+      return urlError::timedOut;
+    case CURLE_PARTIAL_FILE:
+    case CURLE_GOT_NOTHING:
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+      return urlError::networkConnectionLost;
+    case CURLE_PEER_FAILED_VERIFICATION:
+      return urlError::serverCertificateUntrusted;
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_SSL_CIPHER:
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_SSL_ISSUER_ERROR:
+    case CURLE_SSL_ENGINE_INITFAILED:
+      return urlError::secureConnectionFailed;
+    case CURLE_FILESIZE_EXCEEDED:
+      return urlError::dataLengthExceedsMaximum;
+    // The scheme was checked before, so this is a reply in a version that is not spoken.
+    case CURLE_UNSUPPORTED_PROTOCOL:
+    case CURLE_WEIRD_SERVER_REPLY:
+    case CURLE_BAD_CONTENT_ENCODING:
+      return urlError::badServerResponse;
+    default:
+      return urlError::unknown;
+  }
 }
 
 std::atomic<bool> keptOut{false};
@@ -122,7 +146,7 @@ bool Transfer::prepare(CURL* handle, const std::optional<std::string>& certifica
     return false;
   }
   if (const int failure = bodyFile_ ? bodyFile_->rewind() : 0; failure != 0) {
-    fail(urlErrorOfFile(failure), std::generic_category().message(failure));
+    fail(UploadFile::urlErrorOf(failure), std::generic_category().message(failure));
     return false;
   }
 
@@ -249,7 +273,7 @@ bool Transfer::follow(const std::string& location) {
     fail(urlError::tooManyRedirects);
     return false;
   }
-  const auto target = resolve(request_.url, location);
+  const auto target = redirectTarget(request_.url, location);
   if (!target || !isValidHttpUrl(*target)) {
     fail(target ? urlError::unsupportedURL : urlError::badServerResponse);
     return false;

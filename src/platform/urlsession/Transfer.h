@@ -12,11 +12,15 @@
 
 #include "platform/foundation/Activity.h"
 #include "platform/foundation/SerialQueue.h"
-#include "platform/urlsession/CurlText.h"
 #include "platform/urlsession/URLSession.h"
 #include "platform/urlsession/UploadFile.h"
 
 namespace tarvo::platform {
+
+struct CurlListFree {
+  void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+using CurlList = std::unique_ptr<curl_slist, CurlListFree>;
 
 /// One request from its start to its completion: dresses a curl handle for each hop, collects the reply, decides
 /// about redirects.

@@ -7,6 +7,8 @@
 
 #include <algorithm>
 
+#include "platform/urlsession/URLRequest.h"
+
 namespace tarvo::platform {
 
 UploadFile::~UploadFile() {
@@ -41,6 +43,21 @@ std::optional<std::size_t> UploadFile::read(char* buffer, std::size_t size) {
   if (count <= 0) return std::nullopt;
   offset_ += static_cast<std::size_t>(count);
   return static_cast<std::size_t>(count);
+}
+
+int UploadFile::urlErrorOf(int systemError) {
+  switch (systemError) {
+    case ENOENT:
+    case ENOTDIR:
+      return urlError::fileDoesNotExist;
+    case EISDIR:
+      return urlError::fileIsDirectory;
+    case EACCES:
+    case EPERM:
+      return urlError::noPermissionsToReadFile;
+    default:
+      return urlError::cannotOpenFile;
+  }
 }
 
 }  // namespace tarvo::platform

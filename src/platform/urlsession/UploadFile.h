@@ -21,6 +21,8 @@ class UploadFile {
   /// Goes to the beginning, of a regular file only; a symbolic link is none. The first call opens the file and takes
   /// its length. Answers 0 or the errno.
   int rewind();
+  /// The code of a transfer whose file cannot be opened for that errno.
+  static int urlErrorOf(int systemError);
   std::uint64_t length() const { return length_; }
 
   void seek(std::uint64_t offset) { offset_ = offset; }
