@@ -4,8 +4,8 @@
 #include <set>
 
 #include "platform/foundation/Activity.h"
+#include "support/Servers.h"
 #include "urlsession/Fetch.h"
-#include "urlsession/Servers.h"
 
 namespace tarvo::platform {
 namespace {
@@ -48,6 +48,7 @@ TEST(URLSession, SendsWhatWasGivenAndNothingElse) {
 
 TEST(URLSession, HandsOverReplyAndStatus) {
   Running server;
+  server.set_keep_alive_max_count(1);
   server.Post("/echo", [](const httplib::Request& request, httplib::Response& response) {
     response.status = 404;
     response.set_header("X-Kind", "echo");
@@ -174,7 +175,7 @@ TEST(URLSession, CompletesEachTaskOnceAndOneAtATime) {
 }
 
 TEST(URLSession, RefusesACertificateThatNobodyVouchesFor) {
-  Tls<SelfSigned> server;
+  Tls<Certificate> server;
   const Outcome outcome = fetch({server.url()});
   EXPECT_EQ(outcome.code(), urlError::serverCertificateUntrusted) << outcome.error->description();
   EXPECT_FALSE(outcome.response);
