@@ -11,6 +11,10 @@
 #include <system_error>
 #include <utility>
 
+#include <tarvo/platform/SystemLog.h>
+
+#include "platform/foundation/Text.h"
+
 namespace tarvo::platform {
 namespace {
 
@@ -53,6 +57,8 @@ int urlErrorOf(CURLcode result, long systemError) {
       return urlError::cannotFindHost;
     case CURLE_COULDNT_CONNECT:
       return systemError == ENETUNREACH ? urlError::notConnectedToInternet : urlError::cannotConnectToHost;
+    case CURLE_INTERFACE_FAILED:
+      return urlError::notConnectedToInternet;
     case CURLE_OPERATION_TIMEDOUT:
       return urlError::timedOut;
     case CURLE_PARTIAL_FILE:
@@ -65,6 +71,7 @@ int urlErrorOf(CURLcode result, long systemError) {
     case CURLE_SSL_CONNECT_ERROR:
     case CURLE_SSL_CIPHER:
     case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_SSL_CERTPROBLEM:
     case CURLE_SSL_ISSUER_ERROR:
     case CURLE_SSL_ENGINE_INITFAILED:
       return urlError::secureConnectionFailed;
@@ -78,6 +85,15 @@ int urlErrorOf(CURLcode result, long systemError) {
     default:
       return urlError::unknown;
   }
+}
+
+/// Says once that a file or an interface which the host has set cannot be used.
+void tellUnusableOption(CURLcode result, std::string_view reason) {
+  static std::atomic<bool> told{false};
+  const bool isUnusable = result == CURLE_SSL_CERTPROBLEM || result == CURLE_INTERFACE_FAILED ||
+                          (result == CURLE_SSL_CACERT_BADFILE && !transferOptions().caFile.empty());
+  if (isUnusable && !told.exchange(true))
+    NSLog(concat("Transfers fail, for one of the transfer options cannot be used: ", reason));
 }
 
 std::atomic<bool> keptOut{false};
@@ -131,7 +147,8 @@ void Transfer::timeOut() { fail(urlError::timedOut); }
 
 void Transfer::fail(int code, std::string_view reason) { error_ = transferError(code, request_.url, reason); }
 
-bool Transfer::prepare(CURL* handle, const std::optional<std::string>& certificateFile) {
+bool Transfer::prepare(CURL* handle, const TransferOptions& options,
+                       const std::optional<std::string>& environmentCaFile) {
   response_.reset();
   body_.clear();
   headerBytes_ = 0;
@@ -158,15 +175,15 @@ bool Transfer::prepare(CURL* handle, const std::optional<std::string>& certifica
   curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
   // A look-up that hangs is left behind when its transfer times out, instead of holding up all others.
   curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);
-  if (isLoopbackHost(hostOf(request_.url))) curl_easy_setopt(handle, CURLOPT_NOPROXY, "*");
   // Without this the answer of a proxy to CONNECT would be taken for the server's.
   curl_easy_setopt(handle, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   for (const CURLoption version : {CURLOPT_SSLVERSION, CURLOPT_PROXY_SSLVERSION})
     curl_easy_setopt(handle, version, long{CURL_SSLVERSION_TLSv1_2});  // at least
-  if (certificateFile) {
-    curl_easy_setopt(handle, CURLOPT_CAINFO, certificateFile->c_str());
+  if (environmentCaFile) {
+    curl_easy_setopt(handle, CURLOPT_CAINFO, environmentCaFile->c_str());
     curl_easy_setopt(handle, CURLOPT_CAPATH, nullptr);
   }
+  applyOptions(handle, options);
   const auto timeout = std::chrono::ceil<std::chrono::milliseconds>(request_.timeoutInterval);
   curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, long{timeout.count()});
   curl_easy_setopt(handle, CURLOPT_MAXFILESIZE_LARGE, curl_off_t{kMostBodyBytes});
@@ -188,6 +205,29 @@ bool Transfer::prepare(CURL* handle, const std::optional<std::string>& certifica
   curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers_.get());
   touch();
   return true;
+}
+
+void Transfer::applyOptions(CURL* handle, const TransferOptions& options) const {
+  const std::string host = hostOf(request_.url);
+  if (!options.proxy.empty()) {
+    curl_easy_setopt(handle, CURLOPT_PROXY, options.proxy.c_str());
+    curl_easy_setopt(handle, CURLOPT_NOPROXY, "");  // or the environment's exceptions would count
+  }
+  if (isLoopbackHost(host)) curl_easy_setopt(handle, CURLOPT_NOPROXY, "*");
+  if (!options.caFile.empty()) {
+    for (const CURLoption file : {CURLOPT_CAINFO, CURLOPT_PROXY_CAINFO})
+      curl_easy_setopt(handle, file, options.caFile.c_str());
+    for (const CURLoption folder : {CURLOPT_CAPATH, CURLOPT_PROXY_CAPATH}) curl_easy_setopt(handle, folder, nullptr);
+  }
+  if (!options.clientCertificateFile.empty() && equalIgnoringCase(host, hostOf(originalURL_))) {
+    curl_easy_setopt(handle, CURLOPT_SSLCERT, options.clientCertificateFile.c_str());
+    if (!options.clientKeyFile.empty()) curl_easy_setopt(handle, CURLOPT_SSLKEY, options.clientKeyFile.c_str());
+    // Also when it is empty: otherwise the TLS library asks for it on the terminal, and waits.
+    curl_easy_setopt(handle, CURLOPT_KEYPASSWD, options.clientKeyPassphrase.c_str());
+  }
+  // With this beginning it is never taken for an address or a host.
+  if (!options.networkInterface.empty())
+    curl_easy_setopt(handle, CURLOPT_INTERFACE, ("if!" + options.networkInterface).c_str());
 }
 
 void Transfer::setBody(CURL* handle) {
@@ -258,6 +298,7 @@ bool Transfer::nextHopAfter(CURL* handle, CURLcode result) {
   } else if (result != CURLE_OK) {
     long systemError = 0;
     curl_easy_getinfo(handle, CURLINFO_OS_ERRNO, &systemError);
+    tellUnusableOption(result, reason);
     fail(urlErrorOf(result, systemError), reason.empty() ? curl_easy_strerror(result) : reason);
   } else if (!response_) {
     fail(urlError::badServerResponse);

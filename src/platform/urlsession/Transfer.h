@@ -53,7 +53,8 @@ class Transfer {
 
   /// Sets the handle up for the current hop; it must not be in use. Answers whether the hop can start: if not, the
   /// outcome is decided.
-  bool prepare(CURL* handle, const std::optional<std::string>& certificateFile);
+  /// `environmentCaFile` takes the place of the system's certificates where the options name none.
+  bool prepare(CURL* handle, const TransferOptions& options, const std::optional<std::string>& environmentCaFile);
 
   /// Takes a hop's end. Answers whether another hop follows, to be prepared; else the outcome is decided.
   bool nextHopAfter(CURL* handle, CURLcode result);
@@ -75,6 +76,7 @@ class Transfer {
  private:
   bool follow(const std::string& location);
   void setBody(CURL* handle);
+  void applyOptions(CURL* handle, const TransferOptions& options) const;
   CurlList headerList() const;
   void fail(int code, std::string_view reason = {});
   void touch();

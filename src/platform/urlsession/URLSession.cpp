@@ -36,6 +36,25 @@ constexpr auto kDeafSleep = 200ms;
 /// How long the end of the process waits for the session's thread. It needs a moment, unless a file system hangs.
 constexpr Seconds kMostExitWait{4};
 
+/// What `setTransferOptions` sets.
+struct Options {
+  Mutex mutex;
+  TransferOptions values GUARDED_BY(mutex);
+  bool inUse GUARDED_BY(mutex) = false;
+};
+
+Options& options() {
+  static auto* options = new Options;
+  return *options;
+}
+
+/// From here on they stay as they are.
+TransferOptions takeOptions() {
+  MutexLock lock(options().mutex);
+  options().inUse = true;
+  return options().values;
+}
+
 }  // namespace
 
 struct URLSession::State {
@@ -69,7 +88,8 @@ struct URLSession::State {
   const bool isDeaf = curl_multi_wakeup(multi) != CURLM_OK;
   SerialQueue completions{"tarvo.urlsession.completions"};
   const pid_t process = getpid();
-  std::optional<std::string> certificateFile;
+  const TransferOptions options = takeOptions();
+  std::optional<std::string> environmentCaFile;
 
   Mutex mutex;
   std::vector<std::shared_ptr<Transfer>> incoming GUARDED_BY(mutex);
@@ -110,7 +130,7 @@ URLSession::State::State()
         return made;
       }()) {
   curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, long{kMostAtOnce});
-  if (const char* file = ::secure_getenv("SSL_CERT_FILE"); file != nullptr && *file != '\0') certificateFile = file;
+  if (const char* file = ::secure_getenv("SSL_CERT_FILE"); file != nullptr && *file != '\0') environmentCaFile = file;
 }
 
 void URLSession::State::submit(std::shared_ptr<Transfer> transfer) {
@@ -236,7 +256,7 @@ bool URLSession::State::endLongestLasting(Transfer::Instant now) {
 }
 
 void URLSession::State::startHop(CURL* handle, std::shared_ptr<Transfer> transfer) {
-  if (!transfer->prepare(handle, certificateFile)) {
+  if (!transfer->prepare(handle, options, environmentCaFile)) {
     putBack(handle);
     finish(std::move(transfer));
     return;
@@ -311,6 +331,27 @@ void URLSession::State::putBack(CURL* handle) {
 void URLSession::State::finish(std::shared_ptr<Transfer> transfer) {
   SerialQueue& queue = transfer->completions();
   queue.async([transfer = std::move(transfer)] { transfer->complete(); });
+}
+
+bool setTransferOptions(TransferOptions chosen) {
+  for (auto* file : {&chosen.caFile, &chosen.clientCertificateFile, &chosen.clientKeyFile})
+    if (!file->empty()) *file = absolutePath(*file);
+  MutexLock lock(options().mutex);
+  if (options().inUse) return false;
+  options().values = std::move(chosen);
+  return true;
+}
+
+TransferOptions transferOptions() {
+  MutexLock lock(options().mutex);
+  return options().values;
+}
+
+std::string hostToConnectTo(std::string_view urlOrName) {
+  std::string host = hostOf(urlOrName);
+  const std::string proxy = transferOptions().proxy;
+  if (proxy.empty() || isLoopbackHost(host)) return host;
+  return hostOf(proxy.find("://") == proxy.npos ? "http://" + proxy : proxy);
 }
 
 URLSession& URLSession::shared() {

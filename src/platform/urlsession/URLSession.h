@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 
+#include <tarvo/platform/TransferOptions.h>
+
 #include "platform/urlsession/URLRequest.h"
 
 namespace tarvo::platform {
@@ -26,7 +28,7 @@ class URLSessionDataTask {
 
 /// The session that the whole process shares: no cache, no cookies, certificates verified, TLS 1.2 at least, bodies of
 /// replies up to 32 MiB, proxies of the environment except for loopback. A file named by SSL_CERT_FILE takes the place
-/// of the system's certificates.
+/// of the system's certificates. What the host sets as `TransferOptions` goes before these.
 ///
 /// Redirects are followed, at most 20, and Authorization is dropped on every one; 301, 302 and 303 turn a POST into a
 /// GET. None leads from https to plain http, but on this machine; and one that would take a body to another host is not
@@ -60,5 +62,10 @@ class URLSession {
   struct State;
   State* state_;
 };
+
+/// What the host has set. Threads: any.
+TransferOptions transferOptions();
+/// The host that a transfer to that URL or host connects to: the proxy's, if the host has set one. Threads: any.
+std::string hostToConnectTo(std::string_view urlOrName);
 
 }  // namespace tarvo::platform

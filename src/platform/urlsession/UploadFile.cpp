@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <system_error>
 
 #include "platform/urlsession/URLRequest.h"
 
@@ -43,6 +44,12 @@ std::optional<std::size_t> UploadFile::read(char* buffer, std::size_t size) {
   if (count <= 0) return std::nullopt;
   offset_ += static_cast<std::size_t>(count);
   return static_cast<std::size_t>(count);
+}
+
+std::filesystem::path absolutePath(std::filesystem::path file) {
+  std::error_code error;
+  auto absolute = std::filesystem::absolute(file, error);
+  return error ? file : absolute;
 }
 
 int UploadFile::urlErrorOf(int systemError) {

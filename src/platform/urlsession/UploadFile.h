@@ -36,4 +36,8 @@ class UploadFile {
   std::uint64_t offset_ = 0;
 };
 
+/// From the present working directory: a path that is kept must mean the same file after a change of directory, and to
+/// the process that takes a transfer up. As it is when there is no such directory.
+std::filesystem::path absolutePath(std::filesystem::path file);
+
 }  // namespace tarvo::platform
