@@ -121,9 +121,8 @@ inline void answerOverTls(int connection, const Certificate& own, int newestVers
   SSL_CTX_free(context);
 }
 
-template <class Own>
-struct Tls : Own, Running<httplib::SSLServer> {
-  Tls() : Running(this->x509, this->key) {}
+struct TrustedServer : Trusted, Running<httplib::SSLServer> {
+  TrustedServer() : Running(x509, key) {}
   std::string url() const { return "https://127.0.0.1:" + std::to_string(port) + "/"; }
 };
 

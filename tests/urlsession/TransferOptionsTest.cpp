@@ -29,6 +29,7 @@ void PrintTo(const Case& c, std::ostream* out) { *out << c.name; }
 
 const std::string kBackend = "https://backend.invalid/";
 const Case kCases[] = {
+    {"NothingSet", {}, 0, insecure},
     {"RightFiles", {"", "ca", "client", "key"}},
     {"RightFilesOverOlderTls", {"", "ca", "client", "key"}, 200, 0, false, TLS1_2_VERSION},
     {"KeyBesideTheCertificate", {"", "ca", "both"}},
@@ -54,7 +55,8 @@ const Case kCases[] = {
      kBackend + "away",
      "CONNECT other.invalid:443"},
     {"Interface", {"", "ca", "both", "", "", "lo"}},
-    {"AbsentInterface", {"", "ca", "both", "", "", "nonsense0"}, 0, urlError::notConnectedToInternet, true}};
+    {"AbsentInterface", {"", "ca", "both", "", "", "nonsense0"}, 0, urlError::notConnectedToInternet, true},
+    {"AddressIsNoInterface", {"", "ca", "both", "", "", "127.0.0.1"}, 0, urlError::notConnectedToInternet, true}};
 
 /// A backend that demands a certificate of each client, and a proxy for all hosts at once.
 class TransferOption : public testing::TestWithParam<Case> {

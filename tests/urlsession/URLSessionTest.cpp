@@ -129,18 +129,6 @@ TEST(URLSession, CountsTheTimeoutFromTheLastByte) {
   EXPECT_EQ(fetch(request).data, "xxxxxxxx");
 }
 
-TEST(URLSession, StartsTheTimeoutOfAWaitingTaskWithItsTurn) {
-  RawServer server(&RawServer::waitForPeerToLeave);
-  URLRequest request{server.url()};
-  request.timeoutInterval = Seconds(0.2);
-  const auto began = std::chrono::steady_clock::now();
-  std::vector<std::int64_t> codes;
-  for (int i = 0; i < 17; ++i) start(request, [&](auto, auto, auto error) { codes.push_back(error->code); });
-  EXPECT_TRUE(Activity::waitUntilIdle(Seconds(30)));
-  EXPECT_GE(std::chrono::steady_clock::now() - began, std::chrono::milliseconds(600)) << "eight, eight and one";
-  EXPECT_EQ(codes, std::vector<std::int64_t>(17, urlError::timedOut));
-}
-
 TEST(URLSession, CompletesEachTaskOnceAndOneAtATime) {
   Running server;
   server.set_keep_alive_max_count(1);
@@ -174,15 +162,8 @@ TEST(URLSession, CompletesEachTaskOnceAndOneAtATime) {
   EXPECT_EQ(wrong, 0) << "side by side, inside of resume or with another's answer";
 }
 
-TEST(URLSession, RefusesACertificateThatNobodyVouchesFor) {
-  Tls<Certificate> server;
-  const Outcome outcome = fetch({server.url()});
-  EXPECT_EQ(outcome.code(), urlError::serverCertificateUntrusted) << outcome.error->description();
-  EXPECT_FALSE(outcome.response);
-}
-
 TEST(URLSession, KeepsSecureConnections) {
-  Tls<Trusted> server;
+  TrustedServer server;
   std::set<int> ports;
   server.Get("/", [&ports](const httplib::Request& request, httplib::Response&) { ports.insert(request.remote_port); });
   for (int i = 0; i < 3; ++i) EXPECT_EQ(fetch({server.url()}).status(), 200);
@@ -192,7 +173,7 @@ TEST(URLSession, KeepsSecureConnections) {
 TEST(URLSessionDeathTest, EndsQuietlyWithTransfersInFlight) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   // The process that ends runs this test again; the server stays here.
-  std::optional<Tls<Trusted>> server;
+  std::optional<TrustedServer> server;
   std::atomic<int> sent{0};
   if (::getenv("ENDLESS_SERVER") == nullptr) {
     server.emplace();
