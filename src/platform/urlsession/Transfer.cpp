@@ -273,8 +273,9 @@ CurlList Transfer::headerList() const {
 }
 
 bool Transfer::maySend() {
-  // Called again for one hop when a kept connection died under its request. curl goes on from one kept connection to
-  // the next, and gives up after the fifth; a fresh one would have told whether the server is there.
+  // curl asks again when a kept connection has died under the request of this hop. By itself it would go on from one
+  // kept connection to the next and give up after the fifth, while a new connection shows whether the server is there.
+  // So the second attempt must be on a new one: if curl offers a kept one, the hop is started anew without those.
   long connections = 0;
   curl_easy_getinfo(handle_, CURLINFO_NUM_CONNECTS, &connections);
   if (!connectionsAtSend_) {

@@ -44,11 +44,11 @@ class Transfer {
   /// Its turn has come: hops follow.
   void beginTurn();
   Instant turnBegan() const { return turn_; }
-  /// Only a reply that comes drop by drop lasts longer.
+  /// A time-out after its turn began. Who is still in flight then has a reply that comes drop by drop.
   Instant patienceEnds() const;
 
   bool replacesOlder() const { return request_.replacesOlder; }
-  /// Whether `other` is an older copy of this one: it asks the same of the same URL, or has lasted too long.
+  /// Whether `other` is an older copy of this one (see URLRequest::replacesOlder).
   bool replaces(const Transfer& other, Instant now) const;
 
   /// Sets the handle up for the current hop; it must not be in use. Answers whether the hop can start: if not, the
@@ -80,7 +80,7 @@ class Transfer {
   CurlList headerList() const;
   void fail(int code, std::string_view reason = {});
   void touch();
-  /// Whether the request may go out over the connection that has been found for it.
+  /// Whether the request may go out over the connection that curl has found for it (see URLSession on sending again).
   bool maySend();
 
   bool takeHeader(std::string_view line);

@@ -20,8 +20,9 @@ struct URLRequest {
   std::optional<std::string> httpBody;
   Seconds timeoutInterval{60};  ///< of silence, real time
   int networkServiceType = 0;   ///< 3: background
-  /// With the same URL and body as another without an answer, a repeat of it: at most two such are under way, and one
-  /// more ends the oldest without a completion. One of another body counts as well once it has outlasted its time-out.
+  /// The request may be a repeat of an earlier one that has not been answered yet. Two copies may be under way; a third
+  /// ends the oldest of them, whose completion is then never called. A copy has this mark too, the same URL, and either
+  /// the same body or more time behind it than its time-out.
   bool replacesOlder = false;
 
   void addValue(std::string name, std::string value) { headers.emplace_back(std::move(name), std::move(value)); }

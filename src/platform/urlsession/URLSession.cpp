@@ -24,14 +24,14 @@ using namespace std::chrono_literals;
 /// Transfers at once, and so handles and connections that are kept. A burst of requests must not become a burst of
 /// connections, which small servers drop.
 constexpr std::size_t kMostAtOnce = 8;
-/// One that takes longer is no part of a burst: it goes on without a turn, so that others get theirs.
+/// A transfer that takes longer no longer counts among those at once, so that others are started.
 constexpr auto kTurn = 3s;
-/// With those. Beyond it the longest of those that have outlasted their time-out is ended, as if they had been silent:
-/// a server that answers byte by byte would otherwise hold up, or pile up, everything else.
+/// Transfers in flight altogether. To start one more, the longest that has outlasted its time-out is ended, though it
+/// was never silent: a server that answers byte by byte would otherwise hold up, or pile up, everything else.
 constexpr std::size_t kMostConnections = 32;
-/// Of requests that replace each other.
+/// Copies of one request in flight or waiting (see URLRequest::replacesOlder).
 constexpr std::size_t kMostCopies = 2;
-/// A sleep from which nothing could wake the session's thread.
+/// How long the session's thread sleeps when nothing can wake it.
 constexpr auto kDeafSleep = 200ms;
 /// How long the end of the process waits for the session's thread. It needs a moment, unless a file system hangs.
 constexpr Seconds kMostExitWait{4};
@@ -214,7 +214,7 @@ void URLSession::State::endOldestCopy(const Transfer& newest) {
     ended = std::move(*firstWaiting);
     waiting.erase(firstWaiting);
   }
-  // Untold, but gone where it would have been told.
+  // Its completion is not called, but is destroyed on the queue on which it would have been.
   SerialQueue& queue = ended->completions();
   queue.async([ended = std::move(ended)] {});
 }
@@ -243,7 +243,7 @@ void URLSession::State::startWaiting() {
 bool URLSession::State::endLongestLasting(Transfer::Instant now) {
   auto longest = inFlight.end();
   for (auto it = inFlight.begin(); it != inFlight.end(); ++it) {
-    // Of those that replace each other there are few, and an error would be an answer.
+    // There are few that replace each other; and to their callers an error would be an answer.
     if (it->second->replacesOlder() || it->second->patienceEnds() > now) continue;
     if (longest == inFlight.end() || it->second->turnBegan() < longest->second->turnBegan()) longest = it;
   }
@@ -313,7 +313,7 @@ std::chrono::milliseconds URLSession::State::untilNextDeadline() const {
   return std::chrono::ceil<std::chrono::milliseconds>(next - now);
 }
 
-/// Takes a transfer off before its end.
+/// Takes a transfer out of curl's hands before its end.
 void URLSession::State::release(CURL* handle) {
   inFlight.erase(handle);
   curl_multi_remove_handle(multi, handle);
