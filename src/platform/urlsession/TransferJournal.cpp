@@ -49,11 +49,6 @@ std::optional<std::string> textUnder(const Dictionary& fields, std::string_view 
   return value ? textOf(*value) : std::nullopt;
 }
 
-std::optional<std::int64_t> integerUnder(const Dictionary& fields, std::string_view key) {
-  const Value* value = find(fields, key);
-  return value ? value->asInteger() : std::nullopt;
-}
-
 Value encodeError(const Error& error) {
   Dictionary details;
   for (const auto& [key, value] : error.userInfo)
@@ -68,7 +63,7 @@ std::optional<Error> decodeError(const Value& value) {
   const Dictionary* fields = value.asDictionary();
   if (!fields) return std::nullopt;
   auto domain = textUnder(*fields, "domain");
-  const auto code = integerUnder(*fields, "code");
+  const auto code = findInteger(*fields, "code");
   auto text = textUnder(*fields, "text");
   const Value* details = find(*fields, "details");
   if (!domain || !code || !text || !details || !details->asDictionary()) return std::nullopt;
@@ -114,13 +109,12 @@ std::optional<TransferOutcome> decodeOutcome(const Value& value) {
 std::optional<URLRequest> decodeRequest(const Dictionary& fields) {
   auto url = textUnder(fields, "url");
   auto method = textUnder(fields, "method");
-  const auto service = integerUnder(fields, "service");
-  const Value* timeout = find(fields, "timeout");
+  const auto service = findInteger(fields, "service");
+  const auto timeout = findNumber(fields, "timeout");
   const Value* headers = find(fields, "headers");
-  if (!url || !method || !service || !std::in_range<int>(*service) || !timeout || !timeout->asDouble() || !headers ||
-      !headers->asArray())
+  if (!url || !method || !service || !std::in_range<int>(*service) || !timeout || !headers || !headers->asArray())
     return std::nullopt;
-  URLRequest request{std::move(*url), std::move(*method), {}, {}, Seconds(*timeout->asDouble())};
+  URLRequest request{std::move(*url), std::move(*method), {}, {}, Seconds(*timeout)};
   request.networkServiceType = static_cast<int>(*service);
   for (const Value& header : *headers->asArray()) {
     const Array* pair = header.asArray();
@@ -172,7 +166,7 @@ std::string encodeOver(std::int64_t taskIdentifier) {
 std::optional<TransferNote> decode(std::string_view line) {
   auto parsed = parseJson(line);
   const Dictionary* fields = parsed ? parsed->asDictionary() : nullptr;
-  const auto identifier = fields ? integerUnder(*fields, "identifier") : std::nullopt;
+  const auto identifier = fields ? findInteger(*fields, "identifier") : std::nullopt;
   if (!identifier) return std::nullopt;
   TransferNote note{*identifier, {}, {}};
   if (const Value* over = find(*fields, "over")) return over->asBool() == true ? std::optional(note) : std::nullopt;

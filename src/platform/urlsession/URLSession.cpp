@@ -15,6 +15,7 @@
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/SerialQueue.h"
 #include "platform/urlsession/Transfer.h"
+#include "platform/urlsession/WakeUp.h"
 
 namespace tarvo::platform {
 namespace {
@@ -77,15 +78,13 @@ struct URLSession::State {
   void startHop(CURL* handle, std::shared_ptr<Transfer> transfer);
   void hopEnded(CURL* handle, CURLcode result);
   void timeOutSilent();
-  void sleep();
+  void sleep(int wakeUpDescriptor);
   std::chrono::milliseconds untilNextDeadline() const;
   void release(CURL* handle);
   void putBack(CURL* handle);
   void finish(std::shared_ptr<Transfer> transfer);
 
   CURLM* const multi;
-  /// The process had no descriptor left when the session was made, so that nothing wakes its thread.
-  const bool isDeaf = curl_multi_wakeup(multi) != CURLM_OK;
   SerialQueue completions{"tarvo.urlsession.completions"};
   const pid_t process = getpid();
   const TransferOptions options = takeOptions();
@@ -95,6 +94,7 @@ struct URLSession::State {
   std::vector<std::shared_ptr<Transfer>> incoming GUARDED_BY(mutex);
   bool stopping GUARDED_BY(mutex) = false;
   Condition changed;  ///< for a thread that cannot sleep otherwise
+  WakeUp wakeUp;
   LazyThread thread{"transfers", [this] { run(); }};
 
   // Of the session's own thread.
@@ -141,7 +141,7 @@ void URLSession::State::submit(std::shared_ptr<Transfer> transfer) {
     if (!stopping) thread.start();
   }
   changed.notify_one();
-  curl_multi_wakeup(multi);
+  wakeUp.signal();
   LazyThread::startMissing();
 }
 
@@ -152,12 +152,13 @@ void URLSession::State::stop() {
     stopping = true;
   }
   changed.notify_one();
-  curl_multi_wakeup(multi);
+  wakeUp.signal();
   if (!thread.join(kMostExitWait)) Transfer::keepOut();
 }
 
 void URLSession::State::run() {
   while (true) {
+    const int wakeUpDescriptor = wakeUp.descriptor();  // before the look at what has come
     {
       MutexLock lock(mutex);
       if (stopping) break;
@@ -170,7 +171,7 @@ void URLSession::State::run() {
       if (message->msg == CURLMSG_DONE) hopEnded(message->easy_handle, message->data.result);
     timeOutSilent();
     startWaiting();
-    sleep();
+    sleep(wakeUpDescriptor);
   }
   Transfer::stayOutIfKeptOut();
 }
@@ -290,14 +291,17 @@ void URLSession::State::timeOutSilent() {
   }
 }
 
-void URLSession::State::sleep() {
+void URLSession::State::sleep(int wakeUpDescriptor) {
+  const bool deaf = wakeUpDescriptor < 0;
   auto span = untilNextDeadline();
-  if (isDeaf) span = std::min<std::chrono::milliseconds>(span, kDeafSleep);
+  if (deaf) span = std::min<std::chrono::milliseconds>(span, kDeafSleep);
+  curl_waitfd wakeUpCall{wakeUpDescriptor, CURL_WAIT_POLLIN, 0};
   const int milliseconds = static_cast<int>(std::clamp<std::int64_t>(span.count(), 0, INT_MAX));
-  if (curl_multi_poll(multi, nullptr, 0, milliseconds, nullptr) != CURLM_OK) {
+  if (curl_multi_poll(multi, deaf ? nullptr : &wakeUpCall, deaf ? 0 : 1, milliseconds, nullptr) != CURLM_OK) {
     MutexLock lock(mutex);
     if (incoming.empty() && !stopping) changed.wait_for(mutex, kDeafSleep);
   }
+  if (wakeUpCall.revents != 0) wakeUp.clear();
 }
 
 std::chrono::milliseconds URLSession::State::untilNextDeadline() const {
