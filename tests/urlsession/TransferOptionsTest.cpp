@@ -16,44 +16,39 @@ using namespace test;
 constexpr int untrusted = urlError::serverCertificateUntrusted, insecure = urlError::secureConnectionFailed,
               lost = urlError::networkConnectionLost;
 
-/// Of files in the folder of the certificates; "PORT" is the port of a backend that is its own proxy.
+const std::string kHere = "https://127.0.0.1:PORT/", kBackend = "https://backend.invalid/";
+
+/// What a host sets, of files in the folder of the certificates, and what becomes of a transfer. "PORT" is that of a
+/// backend which is its own proxy.
 struct Case {
   const char* name;
   TransferOptions options;
   int status = 200, code = 0;
-  bool told = false;
+  bool told = false;  ///< on the system log
+  std::string url = kHere, connect = "";
   int newestTls = TLS1_3_VERSION;
-  std::string url = "https://127.0.0.1:PORT/", connect = "";
 };
 void PrintTo(const Case& c, std::ostream* out) { *out << c.name; }
 
-const std::string kBackend = "https://backend.invalid/";
 const Case kCases[] = {
     {"NothingSet", {}, 0, insecure},
     {"RightFiles", {"", "ca", "client", "key"}},
-    {"RightFilesOverOlderTls", {"", "ca", "client", "key"}, 200, 0, false, TLS1_2_VERSION},
+    {"RightFilesOverOlderTls", {"", "ca", "client", "key"}, 200, 0, false, kHere, "", TLS1_2_VERSION},
     {"KeyBesideTheCertificate", {"", "ca", "both"}},
     {"EncryptedKey", {"", "ca", "client", "encrypted", "secret"}},
     {"EncryptedKeyWithoutPassphrase", {"", "ca", "client", "encrypted"}, 0, insecure, true},
     {"NoClientCertificate", {"", "ca"}, 0, lost},
-    {"NoClientCertificateOverOlderTls", {"", "ca"}, 0, insecure, false, TLS1_2_VERSION},
+    {"NoClientCertificateOverOlderTls", {"", "ca"}, 0, insecure, false, kHere, "", TLS1_2_VERSION},
     {"ClientOfAnotherAuthority", {"", "ca", "stranger"}, 0, lost},
     {"AbsentClientCertificate", {"", "ca", "absent"}, 0, insecure, true},
     {"KeyOfAnotherCertificate", {"", "ca", "client", "stranger"}, 0, insecure, true},
     {"AnotherAuthority", {"", "other", "both"}, 0, untrusted},
     {"AbsentAuthority", {"", "absent", "both"}, 0, insecure, true},
-    {"AnotherHostName", {"", "ca", "both"}, 0, untrusted, false, TLS1_3_VERSION, "https://localhost:PORT/"},
-    {"Proxy", {"127.0.0.1:PORT", "ca", "both"}, 200, 0, false, TLS1_3_VERSION, kBackend, "CONNECT backend.invalid:443"},
+    {"AnotherHostName", {"", "ca", "both"}, 0, untrusted, false, "https://localhost:PORT/"},
+    {"Proxy", {"127.0.0.1:PORT", "ca", "both"}, 200, 0, false, kBackend, "backend.invalid:443"},
     {"ProxyIsNotForThisMachine", {"http://127.0.0.1:1", "ca", "both"}},
-    {"ProxyOverTls", {"https://127.0.0.1:PORT", "ca"}, 200, 0, false, TLS1_3_VERSION, "http://backend.invalid/open"},
-    {"AnotherHostOfARedirectSeesNoCertificate",
-     {"127.0.0.1:PORT", "ca", "both"},
-     0,
-     lost,
-     false,
-     TLS1_3_VERSION,
-     kBackend + "away",
-     "CONNECT other.invalid:443"},
+    {"ProxyOverTls", {"https://127.0.0.1:PORT", "ca"}, 200, 0, false, "http://backend.invalid/open"},
+    {"RedirectElsewhere", {"127.0.0.1:PORT", "ca", "both"}, 0, lost, false, kBackend + "away", "other.invalid:443"},
     {"Interface", {"", "ca", "both", "", "", "lo"}},
     {"AbsentInterface", {"", "ca", "both", "", "", "nonsense0"}, 0, urlError::notConnectedToInternet, true},
     {"AddressIsNoInterface", {"", "ca", "both", "", "", "127.0.0.1"}, 0, urlError::notConnectedToInternet, true}};
@@ -80,7 +75,7 @@ class TransferOption : public testing::TestWithParam<Case> {
     ::recv(connection, &first, 1, MSG_PEEK);
     if (first == 'C') {
       const std::string head = RawServer::readHead(connection);
-      connect = head.substr(0, head.find(" HTTP"));
+      connect = head.substr(8, head.find(" HTTP") - 8);
       RawServer::send(connection, "HTTP/1.1 200 Connected\r\n\r\n");
     }
     const bool isOpen = GetParam().url.ends_with("open");
@@ -106,7 +101,7 @@ class TransferOption : public testing::TestWithParam<Case> {
   std::optional<RawServer> server{std::in_place, [this](int connection) { serve(connection); }};
 };
 
-TEST_P(TransferOption, Decides) {
+TEST_P(TransferOption, IsWhatATransferGoesBy) {
   const Case& c = GetParam();
   auto& log = LogDiary::installed();
   TransferOptions options = c.options;
@@ -129,7 +124,7 @@ TEST_P(TransferOption, Decides) {
   EXPECT_FALSE(setTransferOptions({})) << "there has been a transfer";
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, TransferOption, testing::ValuesIn(kCases),
+INSTANTIATE_TEST_SUITE_P(Each, TransferOption, testing::ValuesIn(kCases),
                          [](const auto& given) { return given.param.name; });
 
 TEST(Reachability, AsksForTheProxyAndTheInterfaceThatTransfersUse) {
