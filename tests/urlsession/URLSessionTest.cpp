@@ -115,20 +115,6 @@ TEST(URLSession, TellsWhyNothingWasReached) {
   for (const auto& [url, code] : cases) EXPECT_EQ(fetch({url}).code(), code) << url;
 }
 
-TEST(URLSession, CountsTheTimeoutFromTheLastByte) {
-  RawServer server([](int connection) {
-    RawServer::readHead(connection);
-    RawServer::send(connection, "HTTP/1.1 200 OK\r\nContent-Length: 8\r\n\r\n");
-    // A peer that gives up ends the wait between two bytes.
-    const timeval pause{0, 100'000};
-    ::setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &pause, sizeof pause);
-    for (char c, i = 0; i < 8 && ::recv(connection, &c, 1, 0) < 0; ++i) RawServer::send(connection, "x");
-  });
-  URLRequest request{server.url()};
-  request.timeoutInterval = Seconds(0.5);
-  EXPECT_EQ(fetch(request).data, "xxxxxxxx");
-}
-
 TEST(URLSession, CompletesEachTaskOnceAndOneAtATime) {
   Running server;
   server.set_keep_alive_max_count(1);
