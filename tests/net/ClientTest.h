@@ -18,7 +18,7 @@
 #include "settings/Settings.h"
 #include "support/LogDiary.h"
 #include "support/TempDir.h"
-#include "urlsession/Servers.h"
+#include "support/Servers.h"
 
 namespace tarvo::test {
 

@@ -9,8 +9,8 @@
 
 #include "platform/foundation/Activity.h"
 #include "support/NoThreads.h"
+#include "support/Servers.h"
 #include "urlsession/Fetch.h"
-#include "urlsession/Servers.h"
 
 namespace tarvo::platform {
 namespace {

@@ -4,8 +4,8 @@
 
 #include "platform/foundation/SerialQueue.h"
 #include "platform/foundation/Text.h"
+#include "support/Servers.h"
 #include "urlsession/Fetch.h"
-#include "urlsession/Servers.h"
 
 namespace tarvo::platform {
 namespace {

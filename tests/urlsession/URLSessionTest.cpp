@@ -4,8 +4,8 @@
 #include <set>
 
 #include "platform/foundation/Activity.h"
+#include "support/Servers.h"
 #include "urlsession/Fetch.h"
-#include "urlsession/Servers.h"
 
 namespace tarvo::platform {
 namespace {
@@ -48,6 +48,7 @@ TEST(URLSession, SendsWhatWasGivenAndNothingElse) {
 
 TEST(URLSession, HandsOverReplyAndStatus) {
   Running server;
+  server.set_keep_alive_max_count(1);
   server.Post("/echo", [](const httplib::Request& request, httplib::Response& response) {
     response.status = 404;
     response.set_header("X-Kind", "echo");
@@ -114,32 +115,6 @@ TEST(URLSession, TellsWhyNothingWasReached) {
   for (const auto& [url, code] : cases) EXPECT_EQ(fetch({url}).code(), code) << url;
 }
 
-TEST(URLSession, CountsTheTimeoutFromTheLastByte) {
-  RawServer server([](int connection) {
-    RawServer::readHead(connection);
-    RawServer::send(connection, "HTTP/1.1 200 OK\r\nContent-Length: 8\r\n\r\n");
-    // A peer that gives up ends the wait between two bytes.
-    const timeval pause{0, 100'000};
-    ::setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &pause, sizeof pause);
-    for (char c, i = 0; i < 8 && ::recv(connection, &c, 1, 0) < 0; ++i) RawServer::send(connection, "x");
-  });
-  URLRequest request{server.url()};
-  request.timeoutInterval = Seconds(0.5);
-  EXPECT_EQ(fetch(request).data, "xxxxxxxx");
-}
-
-TEST(URLSession, StartsTheTimeoutOfAWaitingTaskWithItsTurn) {
-  RawServer server(&RawServer::waitForPeerToLeave);
-  URLRequest request{server.url()};
-  request.timeoutInterval = Seconds(0.2);
-  const auto began = std::chrono::steady_clock::now();
-  std::vector<std::int64_t> codes;
-  for (int i = 0; i < 17; ++i) start(request, [&](auto, auto, auto error) { codes.push_back(error->code); });
-  EXPECT_TRUE(Activity::waitUntilIdle(Seconds(30)));
-  EXPECT_GE(std::chrono::steady_clock::now() - began, std::chrono::milliseconds(600)) << "eight, eight and one";
-  EXPECT_EQ(codes, std::vector<std::int64_t>(17, urlError::timedOut));
-}
-
 TEST(URLSession, CompletesEachTaskOnceAndOneAtATime) {
   Running server;
   server.set_keep_alive_max_count(1);
@@ -173,15 +148,8 @@ TEST(URLSession, CompletesEachTaskOnceAndOneAtATime) {
   EXPECT_EQ(wrong, 0) << "side by side, inside of resume or with another's answer";
 }
 
-TEST(URLSession, RefusesACertificateThatNobodyVouchesFor) {
-  Tls<SelfSigned> server;
-  const Outcome outcome = fetch({server.url()});
-  EXPECT_EQ(outcome.code(), urlError::serverCertificateUntrusted) << outcome.error->description();
-  EXPECT_FALSE(outcome.response);
-}
-
 TEST(URLSession, KeepsSecureConnections) {
-  Tls<Trusted> server;
+  TrustedServer server;
   std::set<int> ports;
   server.Get("/", [&ports](const httplib::Request& request, httplib::Response&) { ports.insert(request.remote_port); });
   for (int i = 0; i < 3; ++i) EXPECT_EQ(fetch({server.url()}).status(), 200);
@@ -191,7 +159,7 @@ TEST(URLSession, KeepsSecureConnections) {
 TEST(URLSessionDeathTest, EndsQuietlyWithTransfersInFlight) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   // The process that ends runs this test again; the server stays here.
-  std::optional<Tls<Trusted>> server;
+  std::optional<TrustedServer> server;
   std::atomic<int> sent{0};
   if (::getenv("ENDLESS_SERVER") == nullptr) {
     server.emplace();

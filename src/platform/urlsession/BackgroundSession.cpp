@@ -4,7 +4,6 @@
 #include <deque>
 #include <map>
 #include <set>
-#include <system_error>
 #include <utility>
 
 #include <tarvo/platform/Environment.h>
@@ -15,8 +14,8 @@
 #include "platform/foundation/SerialQueue.h"
 #include "platform/foundation/Text.h"
 #include "platform/urlsession/TransferJournal.h"
-#include "platform/urlsession/TransferRecord.h"
 #include "platform/urlsession/URLSession.h"
+#include "platform/urlsession/UploadFile.h"
 
 namespace tarvo::platform {
 namespace {
@@ -34,13 +33,6 @@ struct Registry {
 Registry& registry() {
   static Registry* registry = new Registry;
   return *registry;
-}
-
-/// The process that takes a task up may stand in another directory.
-std::filesystem::path absolutePath(std::filesystem::path file) {
-  std::error_code error;
-  auto absolute = std::filesystem::absolute(file, error);
-  return error ? file : absolute;
 }
 
 }  // namespace

@@ -34,7 +34,7 @@ class BackgroundSessionDelegate {
   virtual void urlSessionDidFinishEvents(BackgroundSession& session) = 0;
 };
 
-/// How a background session is made.
+/// How a background session is made. The two wishes change nothing here: transfers start as soon as they can.
 struct BackgroundSessionConfiguration {
   std::string identifier;
   bool discretionary = true;
@@ -77,7 +77,6 @@ class BackgroundSession : public std::enable_shared_from_this<BackgroundSession>
   void finishEvents();
 
   const std::string& identifier() const { return configuration_.identifier; }
-  BackgroundSessionDelegate& delegate() const { return delegate_; }
   /// `<BackgroundSession: identifier>`
   std::string description() const;
 

@@ -6,7 +6,9 @@
 
 namespace tarvo::platform {
 
-/// Bits of the platform's reachability flags that this layer gives.
+// Bits of the platform's reachability flags. "Connection required" is never set: a way that would first have to be
+// dialled counts as none.
+
 inline constexpr std::uint32_t kSCNetworkReachabilityFlagsReachable = 0x2;
 inline constexpr std::uint32_t kSCNetworkReachabilityFlagsConnectionRequired = 0x4;
 inline constexpr std::uint32_t kSCNetworkReachabilityFlagsIsLocalAddress = 0x10000;
@@ -19,7 +21,9 @@ enum class NameLookup {
 };
 
 /// Whether a packet can leave this device towards a host: the kernel's routes (a route and an interface that is up)
-/// and the resolver; not whether the peer answers. Loopback is always reachable.
+/// and the resolver; not whether the peer answers. Loopback is always reachable. With a proxy that the host has set
+/// (TransferOptions), the question is whether a packet can leave towards the proxy, whose business all else is; with a
+/// network interface, whether that one is up.
 /// `name` is a host name, an address, or a URL (its host is taken). Absent when the name is empty or unusable.
 /// Threads: any.
 std::optional<std::uint32_t> SCNetworkReachabilityGetFlags(std::string_view name, NameLookup lookup = NameLookup::ask);

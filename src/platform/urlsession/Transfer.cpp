@@ -1,5 +1,6 @@
 #include "platform/urlsession/Transfer.h"
 
+#include <errno.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,8 +11,10 @@
 #include <system_error>
 #include <utility>
 
+#include <tarvo/platform/SystemLog.h>
+
 #include "platform/foundation/Encoding.h"
-#include "platform/urlsession/TransferError.h"
+#include "platform/foundation/Text.h"
 
 namespace tarvo::platform {
 namespace {
@@ -39,16 +42,53 @@ bool isRedirect(int status) {
 /// Whether a header would stay one header.
 bool isOneLine(std::string_view text) { return text.find_first_of(std::string_view("\r\n\0", 3)) == text.npos; }
 
-/// Where a reply to `base` sends its client, without user and password. Absent when it cannot be understood.
-std::optional<std::string> resolve(const std::string& base, const std::string& location) {
-  const CurlURL url(curl_url());
-  constexpr unsigned flags = CURLU_URLENCODE | CURLU_ALLOW_SPACE | CURLU_NON_SUPPORT_SCHEME;
-  if (!url || curl_url_set(url.get(), CURLUPART_URL, base.c_str(), CURLU_PATH_AS_IS) != CURLUE_OK ||
-      curl_url_set(url.get(), CURLUPART_URL, location.c_str(), flags) != CURLUE_OK)
-    return std::nullopt;
-  curl_url_set(url.get(), CURLUPART_USER, nullptr, 0);
-  curl_url_set(url.get(), CURLUPART_PASSWORD, nullptr, 0);
-  return urlPart(url.get(), CURLUPART_URL);
+/// The code that stands for what curl met; `systemError` is the errno beneath it, or 0.
+int urlErrorOf(CURLcode result, long systemError) {
+  switch (result) {
+    case CURLE_URL_MALFORMAT:
+      return urlError::badURL;
+    case CURLE_COULDNT_RESOLVE_PROXY:
+    case CURLE_COULDNT_RESOLVE_HOST:
+      return urlError::cannotFindHost;
+    case CURLE_COULDNT_CONNECT:
+      return systemError == ENETUNREACH ? urlError::notConnectedToInternet : urlError::cannotConnectToHost;
+    case CURLE_INTERFACE_FAILED:
+      return urlError::notConnectedToInternet;
+    case CURLE_OPERATION_TIMEDOUT:
+      return urlError::timedOut;
+    case CURLE_PARTIAL_FILE:
+    case CURLE_GOT_NOTHING:
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+      return urlError::networkConnectionLost;
+    case CURLE_PEER_FAILED_VERIFICATION:
+      return urlError::serverCertificateUntrusted;
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_SSL_CIPHER:
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_SSL_ISSUER_ERROR:
+    case CURLE_SSL_ENGINE_INITFAILED:
+      return urlError::secureConnectionFailed;
+    case CURLE_FILESIZE_EXCEEDED:
+      return urlError::dataLengthExceedsMaximum;
+    // The scheme was checked before, so this is a reply in a version that is not spoken.
+    case CURLE_UNSUPPORTED_PROTOCOL:
+    case CURLE_WEIRD_SERVER_REPLY:
+    case CURLE_BAD_CONTENT_ENCODING:
+      return urlError::badServerResponse;
+    default:
+      return urlError::unknown;
+  }
+}
+
+/// Says once that a file or an interface which the host has set cannot be used.
+void tellUnusableOption(CURLcode result, std::string_view reason) {
+  static std::atomic<bool> told{false};
+  const bool isUnusable = result == CURLE_SSL_CERTPROBLEM || result == CURLE_INTERFACE_FAILED ||
+                          (result == CURLE_SSL_CACERT_BADFILE && !transferOptions().caFile.empty());
+  if (isUnusable && !told.exchange(true))
+    NSLog(concat("Transfers fail, for one of the transfer options cannot be used: ", reason));
 }
 
 std::atomic<bool> keptOut{false};
@@ -102,7 +142,8 @@ void Transfer::timeOut() { fail(urlError::timedOut); }
 
 void Transfer::fail(int code, std::string_view reason) { error_ = transferError(code, request_.url, reason); }
 
-bool Transfer::prepare(CURL* handle, const std::optional<std::string>& certificateFile) {
+bool Transfer::prepare(CURL* handle, const TransferOptions& options,
+                       const std::optional<std::string>& environmentCaFile) {
   response_.reset();
   body_.clear();
   headerBytes_ = 0;
@@ -117,7 +158,7 @@ bool Transfer::prepare(CURL* handle, const std::optional<std::string>& certifica
     return false;
   }
   if (const int failure = bodyFile_ ? bodyFile_->rewind() : 0; failure != 0) {
-    fail(urlErrorOfFile(failure), std::generic_category().message(failure));
+    fail(UploadFile::urlErrorOf(failure), std::generic_category().message(failure));
     return false;
   }
 
@@ -129,15 +170,15 @@ bool Transfer::prepare(CURL* handle, const std::optional<std::string>& certifica
   curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
   // A look-up that hangs is left behind when its transfer times out, instead of holding up all others.
   curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);
-  if (isLoopbackHost(hostOf(request_.url))) curl_easy_setopt(handle, CURLOPT_NOPROXY, "*");
   // Without this the answer of a proxy to CONNECT would be taken for the server's.
   curl_easy_setopt(handle, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   for (const CURLoption version : {CURLOPT_SSLVERSION, CURLOPT_PROXY_SSLVERSION})
     curl_easy_setopt(handle, version, long{CURL_SSLVERSION_TLSv1_2});  // at least
-  if (certificateFile) {
-    curl_easy_setopt(handle, CURLOPT_CAINFO, certificateFile->c_str());
+  if (environmentCaFile) {
+    curl_easy_setopt(handle, CURLOPT_CAINFO, environmentCaFile->c_str());
     curl_easy_setopt(handle, CURLOPT_CAPATH, nullptr);
   }
+  applyOptions(handle, options);
   const auto timeout = std::chrono::ceil<std::chrono::milliseconds>(request_.timeoutInterval);
   curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, long{timeout.count()});
   curl_easy_setopt(handle, CURLOPT_MAXFILESIZE_LARGE, curl_off_t{kMostBodyBytes});
@@ -159,6 +200,29 @@ bool Transfer::prepare(CURL* handle, const std::optional<std::string>& certifica
   curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers_.get());
   touch();
   return true;
+}
+
+void Transfer::applyOptions(CURL* handle, const TransferOptions& options) const {
+  const std::string host = hostOf(request_.url);
+  if (!options.proxy.empty()) {
+    curl_easy_setopt(handle, CURLOPT_PROXY, options.proxy.c_str());
+    curl_easy_setopt(handle, CURLOPT_NOPROXY, "");  // or the environment's exceptions would count
+  }
+  if (isLoopbackHost(host)) curl_easy_setopt(handle, CURLOPT_NOPROXY, "*");
+  if (!options.caFile.empty()) {
+    for (const CURLoption file : {CURLOPT_CAINFO, CURLOPT_PROXY_CAINFO})
+      curl_easy_setopt(handle, file, options.caFile.c_str());
+    for (const CURLoption folder : {CURLOPT_CAPATH, CURLOPT_PROXY_CAPATH}) curl_easy_setopt(handle, folder, nullptr);
+  }
+  if (!options.clientCertificateFile.empty() && equalIgnoringCase(host, hostOf(originalURL_))) {
+    curl_easy_setopt(handle, CURLOPT_SSLCERT, options.clientCertificateFile.c_str());
+    if (!options.clientKeyFile.empty()) curl_easy_setopt(handle, CURLOPT_SSLKEY, options.clientKeyFile.c_str());
+    // Also when it is empty: otherwise the TLS library asks for it on the terminal, and waits.
+    curl_easy_setopt(handle, CURLOPT_KEYPASSWD, options.clientKeyPassphrase.c_str());
+  }
+  // With this beginning it is never taken for an address or a host.
+  if (!options.networkInterface.empty())
+    curl_easy_setopt(handle, CURLOPT_INTERFACE, ("if!" + options.networkInterface).c_str());
 }
 
 void Transfer::setBody(CURL* handle) {
@@ -204,8 +268,9 @@ CurlList Transfer::headerList() const {
 }
 
 bool Transfer::maySend() {
-  // Called again for one hop when a kept connection died under its request. curl goes on from one kept connection to
-  // the next, and gives up after the fifth; a fresh one would have told whether the server is there.
+  // curl asks again when a kept connection has died under the request of this hop. By itself it would go on from one
+  // kept connection to the next and give up after the fifth, while a new connection shows whether the server is there.
+  // So the second attempt must be on a new one: if curl offers a kept one, the hop is started anew without those.
   long connections = 0;
   curl_easy_getinfo(handle_, CURLINFO_NUM_CONNECTS, &connections);
   if (!connectionsAtSend_) {
@@ -229,6 +294,7 @@ bool Transfer::nextHopAfter(CURL* handle, CURLcode result) {
   } else if (result != CURLE_OK) {
     long systemError = 0;
     curl_easy_getinfo(handle, CURLINFO_OS_ERRNO, &systemError);
+    tellUnusableOption(result, reason);
     fail(urlErrorOf(result, systemError), reason.empty() ? curl_easy_strerror(result) : reason);
   } else if (!response_) {
     fail(urlError::badServerResponse);
@@ -244,7 +310,7 @@ bool Transfer::follow(const std::string& location) {
     fail(urlError::tooManyRedirects);
     return false;
   }
-  const auto target = resolve(request_.url, location);
+  const auto target = redirectTarget(request_.url, location);
   if (!target || !isValidHttpUrl(*target)) {
     fail(target ? urlError::unsupportedURL : urlError::badServerResponse);
     return false;

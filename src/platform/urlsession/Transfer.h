@@ -12,11 +12,15 @@
 
 #include "platform/foundation/Activity.h"
 #include "platform/foundation/SerialQueue.h"
-#include "platform/urlsession/CurlText.h"
 #include "platform/urlsession/URLSession.h"
 #include "platform/urlsession/UploadFile.h"
 
 namespace tarvo::platform {
+
+struct CurlListFree {
+  void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+using CurlList = std::unique_ptr<curl_slist, CurlListFree>;
 
 /// One request from its start to its completion: dresses a curl handle for each hop, collects the reply, decides
 /// about redirects.
@@ -40,16 +44,17 @@ class Transfer {
   /// Its turn has come: hops follow.
   void beginTurn();
   Instant turnBegan() const { return turn_; }
-  /// Only a reply that comes drop by drop lasts longer.
+  /// A time-out after its turn began. Who is still in flight then has a reply that comes drop by drop.
   Instant patienceEnds() const;
 
   bool replacesOlder() const { return request_.replacesOlder; }
-  /// Whether `other` is an older copy of this one: it asks the same of the same URL, or has lasted too long.
+  /// Whether `other` is an older copy of this one (see URLRequest::replacesOlder).
   bool replaces(const Transfer& other, Instant now) const;
 
   /// Sets the handle up for the current hop; it must not be in use. Answers whether the hop can start: if not, the
   /// outcome is decided.
-  bool prepare(CURL* handle, const std::optional<std::string>& certificateFile);
+  /// `environmentCaFile` takes the place of the system's certificates where the options name none.
+  bool prepare(CURL* handle, const TransferOptions& options, const std::optional<std::string>& environmentCaFile);
 
   /// Takes a hop's end. Answers whether another hop follows, to be prepared; else the outcome is decided.
   bool nextHopAfter(CURL* handle, CURLcode result);
@@ -71,10 +76,11 @@ class Transfer {
  private:
   bool follow(const std::string& location);
   void setBody(CURL* handle);
+  void applyOptions(CURL* handle, const TransferOptions& options) const;
   CurlList headerList() const;
   void fail(int code, std::string_view reason = {});
   void touch();
-  /// Whether the request may go out over the connection that has been found for it.
+  /// Whether the request may go out over the connection that curl has found for it (see URLSession on sending again).
   bool maySend();
 
   bool takeHeader(std::string_view line);

@@ -10,9 +10,22 @@
 
 #include "platform/foundation/FileLock.h"
 #include "platform/foundation/Mutex.h"
-#include "platform/urlsession/TransferRecord.h"
+#include "platform/urlsession/BackgroundSession.h"
 
 namespace tarvo::platform {
+
+/// How an upload ended: a reply, an error, or both.
+struct TransferOutcome {
+  std::optional<int> statusCode;
+  std::optional<std::string> data;
+  std::optional<Error> error;
+};
+
+/// What a journal holds of one upload; without an outcome it is unfinished. The request's own body is not kept.
+struct TransferRecord {
+  URLSessionUploadTask task;
+  std::optional<TransferOutcome> outcome;
+};
 
 /// The unfinished uploads of one background session on disk: `<identifier>.jsonl`, to which a line is added for each
 /// change; it is written anew without what is over when that is most of it, and removed when nothing is left.

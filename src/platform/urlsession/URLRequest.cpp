@@ -5,12 +5,26 @@
 #include <netinet/in.h>
 
 #include <algorithm>
+#include <memory>
+#include <utility>
 
 #include "platform/foundation/Text.h"
-#include "platform/urlsession/CurlText.h"
 
 namespace tarvo::platform {
 namespace {
+
+struct CurlURLCleanup {
+  void operator()(CURLU* url) const { curl_url_cleanup(url); }
+};
+using CurlURL = std::unique_ptr<CURLU, CurlURLCleanup>;
+
+std::optional<std::string> urlPart(CURLU* url, CURLUPart part) {
+  char* text = nullptr;
+  if (curl_url_get(url, part, &text, 0) != CURLUE_OK) return std::nullopt;
+  std::string out(text);
+  curl_free(text);
+  return out;
+}
 
 bool endsWith(std::string_view text, std::string_view end) {
   return text.size() > end.size() && equalIgnoringCase(text.substr(text.size() - end.size()), end);
@@ -29,7 +43,37 @@ std::string withoutBrackets(std::string_view host) {
   return std::string(host);
 }
 
+constexpr std::pair<int, const char*> kErrorTexts[] = {
+    {urlError::badURL, "bad URL"},
+    {urlError::timedOut, "The request timed out."},
+    {urlError::unsupportedURL, "unsupported URL"},
+    {urlError::cannotFindHost, "A server with the specified hostname could not be found."},
+    {urlError::cannotConnectToHost, "Could not connect to the server."},
+    {urlError::networkConnectionLost, "The network connection was lost."},
+    {urlError::tooManyRedirects, "too many HTTP redirects"},
+    {urlError::notConnectedToInternet, "The Internet connection appears to be offline."},
+    {urlError::badServerResponse, "There was a bad response from the server."},
+    {urlError::dataLengthExceedsMaximum, "resource exceeds maximum size"},
+    {urlError::secureConnectionFailed,
+     "An SSL error has occurred and a secure connection to the server cannot be made."},
+    {urlError::serverCertificateUntrusted, "The certificate for this server is invalid."},
+    {urlError::fileDoesNotExist, "The file does not exist."},
+    {urlError::fileIsDirectory, "The file is a directory."},
+    {urlError::noPermissionsToReadFile, "The file may not be read."},
+    {urlError::cannotOpenFile, "The file cannot be opened."},
+    {urlError::requestBodyStreamExhausted, "request body stream exhausted"}};
+
+std::string describe(int code) {
+  for (const auto& [known, text] : kErrorTexts)
+    if (known == code) return text;
+  return "unknown error";
+}
+
 }  // namespace
+
+bool equalIgnoringCase(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && (a.empty() || curl_strnequal(a.data(), b.data(), a.size()) != 0);
+}
 
 std::optional<std::string> URLRequest::value(std::string_view name) const {
   for (const auto& [key, text] : headers)
@@ -70,6 +114,25 @@ bool isLoopbackHost(std::string_view host) {
   in6_addr v6{};
   return inet_pton(AF_INET6, text.c_str(), &v6) == 1 && v6.s6_addr[15] == 1 &&
          std::all_of(v6.s6_addr, v6.s6_addr + 15, [](unsigned char byte) { return byte == 0; });
+}
+
+std::optional<std::string> redirectTarget(const std::string& base, const std::string& location) {
+  const CurlURL url(curl_url());
+  constexpr unsigned flags = CURLU_URLENCODE | CURLU_ALLOW_SPACE | CURLU_NON_SUPPORT_SCHEME;
+  if (!url || curl_url_set(url.get(), CURLUPART_URL, base.c_str(), CURLU_PATH_AS_IS) != CURLUE_OK ||
+      curl_url_set(url.get(), CURLUPART_URL, location.c_str(), flags) != CURLUE_OK)
+    return std::nullopt;
+  curl_url_set(url.get(), CURLUPART_USER, nullptr, 0);
+  curl_url_set(url.get(), CURLUPART_PASSWORD, nullptr, 0);
+  return urlPart(url.get(), CURLUPART_URL);
+}
+
+Error transferError(int code, const std::string& url, std::string_view reason) {
+  const std::string text = describe(code);
+  Error error{
+      NSURLErrorDomain, code, text, {{NSLocalizedDescriptionKey, text}, {NSURLErrorFailingURLStringErrorKey, url}}};
+  if (!reason.empty()) error.userInfo[NSLocalizedFailureReasonErrorKey] = std::string(reason);
+  return error;
 }
 
 }  // namespace tarvo::platform

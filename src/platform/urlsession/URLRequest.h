@@ -20,8 +20,9 @@ struct URLRequest {
   std::optional<std::string> httpBody;
   Seconds timeoutInterval{60};  ///< of silence, real time
   int networkServiceType = 0;   ///< 3: background
-  /// With the same URL and body as another without an answer, a repeat of it: at most two such are under way, and one
-  /// more ends the oldest without a completion. One of another body counts as well once it has outlasted its time-out.
+  /// The request may be a repeat of an earlier one that has not been answered yet. Two copies may be under way; a third
+  /// ends the oldest of them, whose completion is then never called. A copy has this mark too, the same URL, and either
+  /// the same body or more time behind it than its time-out.
   bool replacesOlder = false;
 
   void addValue(std::string name, std::string value) { headers.emplace_back(std::move(name), std::move(value)); }
@@ -42,7 +43,6 @@ struct HTTPURLResponse {
 /// NSURLErrorDomain.
 namespace urlError {
 inline constexpr int unknown = -1;
-inline constexpr int cancelled = -999;
 inline constexpr int badURL = -1000;
 inline constexpr int timedOut = -1001;
 inline constexpr int unsupportedURL = -1002;
@@ -65,11 +65,18 @@ inline constexpr int cannotOpenFile = -3001;
 /// User information of an error: the URL that failed, of the last hop.
 inline constexpr const char* NSURLErrorFailingURLStringErrorKey = "NSErrorFailingURLStringKey";
 
+/// The error of a transfer that failed at `url`, with the text that belongs to its code; `reason` may be empty.
+Error transferError(int code, const std::string& url, std::string_view reason);
+
 /// Whether the text is an absolute http or https URL with a host and without blanks or control characters.
 bool isValidHttpUrl(std::string_view url);
 /// Host of a URL, or the text itself when it is a bare name; brackets of an IPv6 address removed.
 std::string hostOf(std::string_view urlOrName);
 /// localhost, *.localhost, 127.0.0.0/8, ::1.
 bool isLoopbackHost(std::string_view host);
+/// Where a reply to `base` sends its client, without user and password. Absent when it cannot be understood.
+std::optional<std::string> redirectTarget(const std::string& base, const std::string& location);
+/// Compares ASCII letters in either case, whatever the locale.
+bool equalIgnoringCase(std::string_view a, std::string_view b);
 
 }  // namespace tarvo::platform

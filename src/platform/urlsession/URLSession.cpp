@@ -25,17 +25,36 @@ using namespace std::chrono_literals;
 /// Transfers at once, and so handles and connections that are kept. A burst of requests must not become a burst of
 /// connections, which small servers drop.
 constexpr std::size_t kMostAtOnce = 8;
-/// One that takes longer is no part of a burst: it goes on without a turn, so that others get theirs.
+/// A transfer that takes longer no longer counts among those at once, so that others are started.
 constexpr auto kTurn = 3s;
-/// With those. Beyond it the longest of those that have outlasted their time-out is ended, as if they had been silent:
-/// a server that answers byte by byte would otherwise hold up, or pile up, everything else.
+/// Transfers in flight altogether. To start one more, the longest that has outlasted its time-out is ended, though it
+/// was never silent: a server that answers byte by byte would otherwise hold up, or pile up, everything else.
 constexpr std::size_t kMostConnections = 32;
-/// Of requests that replace each other.
+/// Copies of one request in flight or waiting (see URLRequest::replacesOlder).
 constexpr std::size_t kMostCopies = 2;
-/// A sleep from which nothing could wake the session's thread.
+/// How long the session's thread sleeps when nothing can wake it.
 constexpr auto kDeafSleep = 200ms;
 /// How long the end of the process waits for the session's thread. It needs a moment, unless a file system hangs.
 constexpr Seconds kMostExitWait{4};
+
+/// What `setTransferOptions` sets.
+struct Options {
+  Mutex mutex;
+  TransferOptions values GUARDED_BY(mutex);
+  bool inUse GUARDED_BY(mutex) = false;
+};
+
+Options& options() {
+  static auto* options = new Options;
+  return *options;
+}
+
+/// From here on they stay as they are.
+TransferOptions takeOptions() {
+  MutexLock lock(options().mutex);
+  options().inUse = true;
+  return options().values;
+}
 
 }  // namespace
 
@@ -68,7 +87,8 @@ struct URLSession::State {
   CURLM* const multi;
   SerialQueue completions{"tarvo.urlsession.completions"};
   const pid_t process = getpid();
-  std::optional<std::string> certificateFile;
+  const TransferOptions options = takeOptions();
+  std::optional<std::string> environmentCaFile;
 
   Mutex mutex;
   std::vector<std::shared_ptr<Transfer>> incoming GUARDED_BY(mutex);
@@ -110,7 +130,7 @@ URLSession::State::State()
         return made;
       }()) {
   curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, long{kMostAtOnce});
-  if (const char* file = ::secure_getenv("SSL_CERT_FILE"); file != nullptr && *file != '\0') certificateFile = file;
+  if (const char* file = ::secure_getenv("SSL_CERT_FILE"); file != nullptr && *file != '\0') environmentCaFile = file;
 }
 
 void URLSession::State::submit(std::shared_ptr<Transfer> transfer) {
@@ -195,7 +215,7 @@ void URLSession::State::endOldestCopy(const Transfer& newest) {
     ended = std::move(*firstWaiting);
     waiting.erase(firstWaiting);
   }
-  // Untold, but gone where it would have been told.
+  // Its completion is not called, but is destroyed on the queue on which it would have been.
   SerialQueue& queue = ended->completions();
   queue.async([ended = std::move(ended)] {});
 }
@@ -224,7 +244,7 @@ void URLSession::State::startWaiting() {
 bool URLSession::State::endLongestLasting(Transfer::Instant now) {
   auto longest = inFlight.end();
   for (auto it = inFlight.begin(); it != inFlight.end(); ++it) {
-    // Of those that replace each other there are few, and an error would be an answer.
+    // There are few that replace each other; and to their callers an error would be an answer.
     if (it->second->replacesOlder() || it->second->patienceEnds() > now) continue;
     if (longest == inFlight.end() || it->second->turnBegan() < longest->second->turnBegan()) longest = it;
   }
@@ -237,7 +257,7 @@ bool URLSession::State::endLongestLasting(Transfer::Instant now) {
 }
 
 void URLSession::State::startHop(CURL* handle, std::shared_ptr<Transfer> transfer) {
-  if (!transfer->prepare(handle, certificateFile)) {
+  if (!transfer->prepare(handle, options, environmentCaFile)) {
     putBack(handle);
     finish(std::move(transfer));
     return;
@@ -297,7 +317,7 @@ std::chrono::milliseconds URLSession::State::untilNextDeadline() const {
   return std::chrono::ceil<std::chrono::milliseconds>(next - now);
 }
 
-/// Takes a transfer off before its end.
+/// Takes a transfer out of curl's hands before its end.
 void URLSession::State::release(CURL* handle) {
   inFlight.erase(handle);
   curl_multi_remove_handle(multi, handle);
@@ -315,6 +335,27 @@ void URLSession::State::putBack(CURL* handle) {
 void URLSession::State::finish(std::shared_ptr<Transfer> transfer) {
   SerialQueue& queue = transfer->completions();
   queue.async([transfer = std::move(transfer)] { transfer->complete(); });
+}
+
+bool setTransferOptions(TransferOptions chosen) {
+  for (auto* file : {&chosen.caFile, &chosen.clientCertificateFile, &chosen.clientKeyFile})
+    if (!file->empty()) *file = absolutePath(*file);
+  MutexLock lock(options().mutex);
+  if (options().inUse) return false;
+  options().values = std::move(chosen);
+  return true;
+}
+
+TransferOptions transferOptions() {
+  MutexLock lock(options().mutex);
+  return options().values;
+}
+
+std::string hostToConnectTo(std::string_view urlOrName) {
+  std::string host = hostOf(urlOrName);
+  const std::string proxy = transferOptions().proxy;
+  if (proxy.empty() || isLoopbackHost(host)) return host;
+  return hostOf(proxy.find("://") == proxy.npos ? "http://" + proxy : proxy);
 }
 
 URLSession& URLSession::shared() {

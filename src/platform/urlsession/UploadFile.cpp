@@ -6,6 +6,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <system_error>
+
+#include "platform/urlsession/URLRequest.h"
 
 namespace tarvo::platform {
 
@@ -32,6 +35,27 @@ std::optional<std::size_t> UploadFile::read(char* buffer, std::size_t size) {
   if (count <= 0) return std::nullopt;
   offset_ += static_cast<std::size_t>(count);
   return static_cast<std::size_t>(count);
+}
+
+std::filesystem::path absolutePath(std::filesystem::path file) {
+  std::error_code error;
+  auto absolute = std::filesystem::absolute(file, error);
+  return error ? file : absolute;
+}
+
+int UploadFile::urlErrorOf(int systemError) {
+  switch (systemError) {
+    case ENOENT:
+    case ENOTDIR:
+      return urlError::fileDoesNotExist;
+    case EISDIR:
+      return urlError::fileIsDirectory;
+    case EACCES:
+    case EPERM:
+      return urlError::noPermissionsToReadFile;
+    default:
+      return urlError::cannotOpenFile;
+  }
 }
 
 }  // namespace tarvo::platform

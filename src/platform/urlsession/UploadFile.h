@@ -20,6 +20,8 @@ class UploadFile {
   /// Goes to the beginning, of a regular file only; a symbolic link is none. The first call opens the file and takes
   /// its length. Answers 0 or the errno.
   int rewind();
+  /// The code of a transfer whose file cannot be opened for that errno.
+  static int urlErrorOf(int systemError);
   std::uint64_t length() const { return length_; }
 
   void seek(std::uint64_t offset) { offset_ = offset; }
@@ -32,5 +34,9 @@ class UploadFile {
   std::uint64_t length_ = 0;
   std::uint64_t offset_ = 0;
 };
+
+/// From the present working directory: a path that is kept must mean the same file after a change of directory, and to
+/// the process that takes a transfer up. As it is when there is no such directory.
+std::filesystem::path absolutePath(std::filesystem::path file);
 
 }  // namespace tarvo::platform

@@ -16,7 +16,7 @@
 
 #include "platform/foundation/Files.h"
 #include "platform/foundation/Mutex.h"
-#include "platform/urlsession/URLRequest.h"
+#include "platform/urlsession/URLSession.h"
 
 namespace tarvo::platform {
 namespace {
@@ -189,13 +189,19 @@ Addresses addressesOf(const std::string& host, NameLookup lookup) {
 }  // namespace
 
 std::optional<std::uint32_t> SCNetworkReachabilityGetFlags(std::string_view name, NameLookup lookup) {
-  const std::string host = hostOf(name);
+  const std::string host = hostToConnectTo(name);
   const auto isUnusable = [](unsigned char c) { return c <= ' ' || c == 0x7f; };
   if (host.empty() || std::any_of(host.begin(), host.end(), isUnusable)) return std::nullopt;
   if (isLoopbackHost(host)) return kSCNetworkReachabilityFlagsReachable | kSCNetworkReachabilityFlagsIsLocalAddress;
 
-  for (const Address& address : addressesOf(host, lookup))
-    if (const auto flags = flagsOf(routeTo(address)); flags != 0) return flags;
+  const std::string chosen = transferOptions().networkInterface;
+  const int interface = chosen.empty() ? 0 : static_cast<int>(if_nametoindex(chosen.c_str()));
+  if (!chosen.empty() && interface == 0) return 0;
+  for (const Address& address : addressesOf(host, lookup)) {
+    // Of a packet that must leave by one interface the kernel takes the peer to be there if it knows no route.
+    const Route route = chosen.empty() ? routeTo(address) : Route{RTN_UNICAST, interface};
+    if (const auto flags = flagsOf(route); flags != 0) return flags;
+  }
   return 0;
 }
 

@@ -1,0 +1,152 @@
+#include <tarvo/platform/TransferOptions.h>
+
+#include <signal.h>
+
+#include "platform/foundation/Text.h"
+#include "platform/urlsession/Reachability.h"
+#include "support/LogDiary.h"
+#include "support/Servers.h"
+#include "urlsession/Fetch.h"
+
+namespace tarvo::platform {
+namespace {
+
+using namespace test;
+
+constexpr int untrusted = urlError::serverCertificateUntrusted, insecure = urlError::secureConnectionFailed,
+              lost = urlError::networkConnectionLost;
+
+const std::string kHere = "https://127.0.0.1:PORT/", kBackend = "https://backend.invalid/";
+
+/// What a host sets, of files in the folder of the certificates, and what becomes of a transfer. "PORT" is that of a
+/// backend which is its own proxy.
+struct Case {
+  const char* name;
+  TransferOptions options;
+  int status = 200, code = 0;
+  bool told = false;  ///< on the system log
+  std::string url = kHere, connect = "";
+  int newestTls = TLS1_3_VERSION;
+};
+void PrintTo(const Case& c, std::ostream* out) { *out << c.name; }
+
+const Case kCases[] = {
+    {"NothingSet", {}, 0, insecure},
+    {"RightFiles", {"", "ca", "client", "key"}},
+    {"RightFilesOverOlderTls", {"", "ca", "client", "key"}, 200, 0, false, kHere, "", TLS1_2_VERSION},
+    {"KeyBesideTheCertificate", {"", "ca", "both"}},
+    {"EncryptedKey", {"", "ca", "client", "encrypted", "secret"}},
+    {"EncryptedKeyWithoutPassphrase", {"", "ca", "client", "encrypted"}, 0, insecure, true},
+    {"NoClientCertificate", {"", "ca"}, 0, lost},
+    {"NoClientCertificateOverOlderTls", {"", "ca"}, 0, insecure, false, kHere, "", TLS1_2_VERSION},
+    {"ClientOfAnotherAuthority", {"", "ca", "stranger"}, 0, lost},
+    {"AbsentClientCertificate", {"", "ca", "absent"}, 0, insecure, true},
+    {"KeyOfAnotherCertificate", {"", "ca", "client", "stranger"}, 0, insecure, true},
+    {"AnotherAuthority", {"", "other", "both"}, 0, untrusted},
+    {"AbsentAuthority", {"", "absent", "both"}, 0, insecure, true},
+    {"AnotherHostName", {"", "ca", "both"}, 0, untrusted, false, "https://localhost:PORT/"},
+    {"Proxy", {"127.0.0.1:PORT", "ca", "both"}, 200, 0, false, kBackend, "backend.invalid:443"},
+    {"ProxyIsNotForThisMachine", {"http://127.0.0.1:1", "ca", "both"}},
+    {"ProxyOverTls", {"https://127.0.0.1:PORT", "ca"}, 200, 0, false, "http://backend.invalid/open"},
+    {"RedirectElsewhere", {"127.0.0.1:PORT", "ca", "both"}, 0, lost, false, kBackend + "away", "other.invalid:443"},
+    {"Interface", {"", "ca", "both", "", "", "lo"}},
+    {"AbsentInterface", {"", "ca", "both", "", "", "nonsense0"}, 0, urlError::notConnectedToInternet, true},
+    {"AddressIsNoInterface", {"", "ca", "both", "", "", "127.0.0.1"}, 0, urlError::notConnectedToInternet, true}};
+
+/// A backend that demands a certificate of each client, and a proxy for all hosts at once.
+class TransferOption : public testing::TestWithParam<Case> {
+ protected:
+  TransferOption() {
+    const Certificate other("other"), client("client", &authority), stranger("stranger", &other);
+    authority.write(folder.path() / "ca");
+    other.write(folder.path() / "other");
+    client.write(folder.path() / "client");
+    client.writeKey(folder.path() / "key");
+    client.writeKey(folder.path() / "encrypted", "secret");
+    client.write(folder.path() / "both");
+    client.writeKey(folder.path() / "both");
+    stranger.write(folder.path() / "stranger");
+    stranger.writeKey(folder.path() / "stranger");
+    ::signal(SIGPIPE, SIG_IGN);  // of the server, whose client goes away
+    for (const char* name : {"no_proxy", "SSL_CERT_FILE"}) ::setenv(name, "*", 1);  // the options go before these
+  }
+  void serve(int connection) {
+    char first = 0;
+    ::recv(connection, &first, 1, MSG_PEEK);
+    if (first == 'C') {
+      const std::string head = RawServer::readHead(connection);
+      connect = head.substr(8, head.find(" HTTP") - 8);
+      RawServer::send(connection, "HTTP/1.1 200 Connected\r\n\r\n");
+    }
+    const bool isOpen = GetParam().url.ends_with("open");
+    answerOverTls(
+        connection, own, GetParam().newestTls,
+        [this](const std::string& request) {
+          if (!request.empty()) requests.push_back(request);
+          const bool away = request.find("/away ") != request.npos;
+          return concat("HTTP/1.1 ", away ? "302" : "200", " X\r\nConnection: close\r\nContent-Length: 0\r\n",
+                        away ? "Location: https://other.invalid/\r\n\r\n" : "\r\n");
+        },
+        isOpen ? nullptr : &authority);
+  }
+  std::string withPort(std::string text) const {
+    const auto at = text.find("PORT");
+    return at == text.npos ? text : text.replace(at, 4, server->host().substr(server->host().find(':') + 1));
+  }
+
+  const Certificate authority{"authority"}, own{"server", &authority};
+  const TempDir folder;
+  std::string connect;                ///< what the proxy was asked for last
+  std::vector<std::string> requests;  ///< what came through TLS
+  std::optional<RawServer> server{std::in_place, [this](int connection) { serve(connection); }};
+};
+
+TEST_P(TransferOption, IsWhatATransferGoesBy) {
+  const Case& c = GetParam();
+  auto& log = LogDiary::installed();
+  TransferOptions options = c.options;
+  options.proxy = withPort(options.proxy);
+  std::filesystem::current_path(folder.path());
+  EXPECT_TRUE(setTransferOptions(options));
+  std::filesystem::current_path("/");
+  const std::string url = withPort(c.url);
+  for (int times = 0; times < 2; ++times) {
+    const Outcome outcome = fetch({url, "POST", {}, "positions"});
+    EXPECT_EQ(outcome.status(), c.status);
+    EXPECT_EQ(outcome.code(), c.code) << (outcome.error ? outcome.error->description() : "");
+  }
+  server.reset();  // it has read all that came
+  EXPECT_EQ(connect, c.connect);
+  ASSERT_EQ(requests.size(), c.status == 200 || c.url.ends_with("away") ? 2U : 0U);
+  for (const std::string& request : requests) EXPECT_TRUE(request.ends_with("\r\n\r\npositions")) << request;
+  EXPECT_EQ(log.count("one of the transfer options cannot be used: "), c.told ? 1U : 0U);
+  EXPECT_EQ(log.lines().size(), c.told ? 1U : 0U);
+  EXPECT_FALSE(setTransferOptions({})) << "there has been a transfer";
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, TransferOption, testing::ValuesIn(kCases),
+                         [](const auto& given) { return given.param.name; });
+
+TEST(Reachability, AsksForTheProxyAndTheInterfaceThatTransfersUse) {
+  constexpr auto here = kSCNetworkReachabilityFlagsReachable | kSCNetworkReachabilityFlagsIsLocalAddress;
+  const struct {
+    const char *proxy, *interface, *name;
+    std::uint32_t flags;
+  } cases[] = {{"http://127.0.0.1:3128", "", "https://no..name/v1", here},
+               {"localhost:3128", "", "no..name", here},
+               {"socks5h://no..name:1080", "", "http://192.0.2.1/", 0},
+               {"socks5h://no..name:1080", "", "http://localhost/", here},
+               {"", "lo", "http://192.0.2.1/", kSCNetworkReachabilityFlagsReachable},
+               {"", "lo", "no..name", 0},
+               {"", "nonsense0", "http://192.0.2.1/", 0}};
+  for (const auto& [proxy, interface, name, flags] : cases) {
+    TransferOptions options;
+    options.proxy = proxy;
+    options.networkInterface = interface;
+    ASSERT_TRUE(setTransferOptions(options));
+    EXPECT_EQ(SCNetworkReachabilityGetFlags(name), flags) << proxy << interface << name;
+  }
+}
+
+}  // namespace
+}  // namespace tarvo::platform
