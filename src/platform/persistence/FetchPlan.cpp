@@ -6,7 +6,6 @@
 
 #include "platform/foundation/Text.h"
 #include "platform/persistence/InternedText.h"
-#include "platform/persistence/StoreError.h"
 
 namespace tarvo::platform {
 namespace {
