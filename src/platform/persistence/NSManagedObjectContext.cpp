@@ -56,7 +56,7 @@ const EntityObjects::Pending& insertedFor(const NSFetchRequest& request, const E
 std::optional<Error> readMissing(Store& store, EntityObjects& objects, const FetchPlan& plan,
                                  const std::vector<std::int64_t>& keys, Objects& found) {
   std::string sql;
-  RowCodec codec(plan.entity(), plan.attributes());
+  RowCodec codec(plan.entity());
   for (std::size_t first = 0; first < keys.size(); ++first) {
     if (found[first]) continue;
     // Rows mostly stand in the file in the order of the answer: a run of neighbours is one pass, upwards or downwards.
@@ -69,7 +69,7 @@ std::optional<Error> readMissing(Store& store, EntityObjects& objects, const Fet
     rows.bind(2, std::max(keys[first], keys[last]));
     while (rows.step()) {
       const std::int64_t key = rows.integer(0);
-      auto object = objects.registerNew(key, plan.attributes());
+      auto object = objects.registerNew(key);
       codec.read(rows, *object);
       found[first + static_cast<std::size_t>((key - keys[first]) * step)] = std::move(object);
     }
@@ -282,13 +282,13 @@ Result<std::shared_ptr<NSManagedObject>> NSManagedObjectContext::existingObject(
   if (!store) return coordinator_->whyNoStore("fetch");
   if (key == 0 || (id.storeUUID && *id.storeUUID != *store->uuid())) return missingObject(id);
 
-  RowCodec codec(*id.entity, id.entity->allAttributes());
+  RowCodec codec(*id.entity);
   Execution row(store->database(), concat(codec.selectText(), " WHERE \"_key\" = ?1"));
   row.bind(1, key);
   const bool exists = row.step();
   if (row.failed()) return row.error(StoreErrorCode::operation, "The record could not be read");
   if (!exists) return missingObject(id);
-  auto object = objects.registerNew(key, id.entity->allAttributes());
+  auto object = objects.registerNew(key);
   codec.read(row, *object);
   return object;
 }
@@ -329,7 +329,7 @@ std::optional<Error> NSManagedObjectContext::save() {
 
 void NSManagedObjectContext::writeWhatWasPutOff() {
   if (!state_->isPutOff) return;
-  if (const auto error = write(); error) tellLateFailure(*error);
+  if (const auto error = write(); error && lateFailure_) lateFailure_(*error);
 }
 
 std::optional<Error> NSManagedObjectContext::write() {
