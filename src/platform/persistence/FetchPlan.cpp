@@ -222,18 +222,6 @@ std::string FetchPlan::whereClause(std::string_view sign) const {
   return sql;
 }
 
-std::string FetchPlan::outsideClause() const {
-  std::string sql;
-  int parameter = 0;
-  for (const Condition& condition : conditions_) {
-    if (condition.op == Operator::equal) return {};
-    const std::string_view opposite = condition.op == Operator::atMost ? "\" > ?" : "\" < ?";
-    const std::string& name = column(condition.attribute);
-    sql += concat(sql.empty() ? " WHERE \"" : " OR \"", name, opposite, ++parameter, " OR \"", name, "\" IS NULL");
-  }
-  return sql;
-}
-
 std::string FetchPlan::orderClause() const {
   if (!rowsAreSorted()) return {};
   std::string sql = " ORDER BY ";

@@ -40,9 +40,6 @@ class FetchPlan {
   /// partial indexes; everything else is a parameter. `sign` stands before each column: "+" keeps SQLite from all
   /// indexes of it.
   std::string whereClause(std::string_view sign = "") const;
-  /// The rows that `whereClause` leaves out, with the same parameters; nothing where a condition is not a bound, since
-  /// no index would find them.
-  std::string outsideClause() const;
   /// " ORDER BY …" or nothing.
   std::string orderClause() const;
   const NSEntityDescription& entity() const { return *entity_; }

@@ -243,16 +243,11 @@ Result<StoredRows> NSManagedObjectContext::rows(const NSFetchRequest& request) {
   Execution last(store.database(), concat("SELECT max(\"_key\") FROM \"", entity.name, "\""));
   if (!last.step()) return last.error(StoreErrorCode::operation, "The keys could not be read");
   rows.lastKey_ = last.integer(0);
-  auto leavesOut = rows.plan_.hasConditions() ? store.leavesRowsOut(entity, rows.plan_) : Result<bool>(false);
-  if (!leavesOut) return leavesOut.error();
-  auto matching = *leavesOut ? store.matchingRows(entity, rows.plan_) : all;
+  auto matching = rows.plan_.hasConditions() ? store.matchingRows(entity, rows.plan_) : all;
   if (!matching) return matching.error();
   rows.count_ = static_cast<std::size_t>(*matching);
   // Finding many rows by an index and sorting them costs more than going through all in order, above all memory.
-  if (!*leavesOut)
-    rows.way_ = StoredRows::Way::all;
-  else if (*matching > *all / 4)
-    rows.way_ = StoredRows::Way::inOrder;
+  if (*matching > *all / 4) rows.way_ = StoredRows::Way::inOrder;
   return rows;
 }
 

@@ -70,16 +70,6 @@ Result<std::int64_t> NSPersistentStoreCoordinator::Store::rowCount(const NSEntit
   return counted;
 }
 
-Result<bool> NSPersistentStoreCoordinator::Store::leavesRowsOut(const NSEntityDescription& entity,
-                                                                const FetchPlan& plan) {
-  const std::string outside = plan.outsideClause();
-  if (outside.empty()) return true;
-  Execution some(*database_, concat("SELECT EXISTS (SELECT 1 FROM \"", entity.name, "\"", outside, ")"));
-  plan.bind(some);
-  if (!some.step()) return some.error(StoreErrorCode::operation, "The rows could not be counted");
-  return some.integer(0) != 0;
-}
-
 Result<std::int64_t> NSPersistentStoreCoordinator::Store::matchingRows(const NSEntityDescription& entity,
                                                                        const FetchPlan& plan) {
   if (!table(entity)) return unknownEntity(entity);

@@ -40,8 +40,6 @@ struct NSPersistentStoreCoordinator::Store {
 
   /// The number of rows; costs nothing once it is known, which only the process that writes can rely on.
   Result<std::int64_t> rowCount(const NSEntityDescription& entity);
-  /// Whether rows may exist that a plan with conditions leaves out; false only where that costs little to find.
-  Result<bool> leavesRowsOut(const NSEntityDescription& entity, const FetchPlan& plan);
   /// The number of rows that match a plan with conditions.
   Result<std::int64_t> matchingRows(const NSEntityDescription& entity, const FetchPlan& plan);
   /// Whether the row, as the file has it, matches a plan with conditions.

@@ -52,8 +52,9 @@ class StoredRows {
 
   NSManagedObjectContext* context_;
   FetchPlan plan_;
-  /// How the rows are found: by an index and then sorted, by going through all in order, or they are all.
-  enum class Way { byIndex, inOrder, all } way_ = Way::byIndex;
+  /// How the rows are found: by an index of the conditions and then sorted, or all in order, leaving out what does not
+  /// match.
+  enum class Way { byIndex, inOrder } way_ = Way::byIndex;
   std::int64_t lastKey_ = 0;  ///< of the rows that existed then
   std::size_t count_ = 0;
 };
