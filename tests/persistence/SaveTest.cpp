@@ -22,6 +22,7 @@ void expectTheMixture(TestStore& store) {
 /// Answers whether the first save went through.
 bool surviveFault(const std::function<void()>& fault) {
   TestStore store;
+  runSql(store.file, "INSERT INTO _metadata VALUES ('Locations.keys', '0 0')");  // so that a deletion changes it
   bool savedAtOnce = false;
   store.run([&] {
     std::vector<std::shared_ptr<NSManagedObject>> rows;

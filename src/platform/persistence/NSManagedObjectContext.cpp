@@ -359,8 +359,9 @@ std::optional<Error> NSManagedObjectContext::writeAtMost(std::size_t rows) {
   Store* store = coordinator_->store();
   {
     Transaction transaction(store->database());
-    // A single row is a transaction by itself.
-    const bool isSingle = parts.size() == 1 && parts.front().portion.size() == 1;
+    // A single statement is a transaction by itself.
+    const bool isSingle =
+        parts.size() == 1 && !store->needsTransaction(parts.front().objects.entity(), parts.front().portion);
     if (!isSingle)
       if (auto error = transaction.begin()) return error;
     for (Part& part : parts)
