@@ -5,8 +5,8 @@
 
 #include "persistence/TestStore.h"
 #include "platform/persistence/FetchPlan.h"
-#include "platform/persistence/InternedText.h"
 #include "platform/persistence/Store.h"
+#include "platform/persistence/TextRef.h"
 
 namespace tarvo::platform {
 namespace {
@@ -174,7 +174,7 @@ TEST(Context, KeepsEachValueAsItWasGiven) {
 
 TEST(Context, KeepsRepeatedTextsOnceAndFreesThem) {
   TestStore store;
-  const std::size_t before = InternedText::poolSize();
+  const std::size_t before = TextRef::poolSize();
   std::vector<std::shared_ptr<NSManagedObject>> some, others;
   store.run([&] {
     for (int i = 0; i < 100; ++i) {
@@ -184,13 +184,13 @@ TEST(Context, KeepsRepeatedTextsOnceAndFreesThem) {
     }
     store.save();
   });
-  EXPECT_EQ(InternedText::poolSize(), before + 3);
+  EXPECT_EQ(TextRef::poolSize(), before + 3);
   std::thread elsewhere([&] { others.clear(); });
   some.clear();
   elsewhere.join();
-  EXPECT_LE(InternedText::poolSize(), before + 2) << "the context keeps the latest text of each attribute";
+  EXPECT_LE(TextRef::poolSize(), before + 2) << "the context keeps the latest text of each attribute";
   store.context.reset();
-  EXPECT_EQ(InternedText::poolSize(), before);
+  EXPECT_EQ(TextRef::poolSize(), before);
 }
 
 using Predicates = std::vector<NSPredicate>;

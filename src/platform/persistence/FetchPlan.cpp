@@ -5,7 +5,6 @@
 #include <optional>
 
 #include "platform/foundation/Text.h"
-#include "platform/persistence/InternedText.h"
 
 namespace tarvo::platform {
 namespace {
@@ -160,7 +159,7 @@ bool FetchPlan::holds(const Condition& condition, const NSManagedObject& object)
     return satisfies(condition.op, threeWay(slot.integer, *integer));
   if (const auto* number = std::get_if<double>(&condition.value))
     return satisfies(condition.op, threeWay(slot.number, *number));
-  return satisfies(condition.op, slot.text->view().compare(std::get<std::string>(condition.value)));
+  return satisfies(condition.op, slot.text.view().compare(std::get<std::string>(condition.value)));
 }
 
 bool FetchPlan::matches(const NSManagedObject& object) const {
@@ -182,7 +181,7 @@ int FetchPlan::compare(const NSManagedObject& a, const NSManagedObject& b, int a
     case NSAttributeType::date:
       return threeWay(a.slots_[position].number, b.slots_[position].number);
     case NSAttributeType::string:
-      return a.slots_[position].text->view().compare(b.slots_[position].text->view());
+      return a.slots_[position].text.view().compare(b.slots_[position].text.view());
   }
   return 0;
 }

@@ -10,8 +10,8 @@
 #include <tarvo/platform/Date.h>
 
 #include "platform/foundation/Text.h"
-#include "platform/persistence/InternedText.h"
 #include "platform/persistence/NSManagedObjectModel.h"
+#include "platform/persistence/TextRef.h"
 
 namespace tarvo::platform {
 
@@ -67,7 +67,7 @@ class NSManagedObject {
   /// Valid until the attribute changes.
   std::optional<std::string_view> string(int attribute) const {
     const Slot* value = slot(attribute, NSAttributeType::string);
-    return value ? std::optional(value->text->view()) : std::nullopt;
+    return value ? std::optional(value->text.view()) : std::nullopt;
   }
   std::optional<Date> date(int attribute) const {
     const Slot* value = slot(attribute, NSAttributeType::date);
@@ -82,14 +82,21 @@ class NSManagedObject {
   void setDate(int attribute, std::optional<Date> value);
 
  private:
-  friend class EntityObjects;  ///< keeps standing, key and owner
-  friend class RowCodec;       ///< moves slots from and to rows
-  friend class FetchPlan;      ///< compares slots
+  friend class EntityObjects;  ///< keeps standing, key and owner; moves values from and to rows
+  friend class FetchPlan;      ///< compares values
 
+  /// The attribute's type tells which member lives; a new one holds no text, the record drops the text of each at its
+  /// end.
   union Slot {
+    Slot() : text() {}
+    ~Slot() {}
     std::int64_t integer;  ///< integers and Booleans
     double number;         ///< numbers and dates, the latter in seconds since 1970
-    const InternedText* text;
+    TextRef text;
+  };
+  /// An array made by `new` would keep its length beside it.
+  struct FreeSlots {
+    void operator()(Slot* slots) const { ::operator delete(slots); }
   };
   enum class Standing : std::uint8_t { unattached, inserted, clean, changed, deleted };
 
@@ -105,13 +112,15 @@ class NSManagedObject {
     require(attribute, type);
     return isPresent(attribute) ? &slots_[static_cast<std::size_t>(attribute)] : nullptr;
   }
-  /// Takes a text's reference over.
-  void assign(int attribute, std::optional<Slot> value);
+  template <class Value>
+  void assign(int attribute, Value Slot::*member, std::optional<Value> value);
   void assignNumber(int attribute, std::optional<double> value);
+  /// Whether the attribute has the same value in both, both being present.
+  static bool isSame(const NSManagedObject& a, const NSManagedObject& b, std::size_t attribute);
 
   const NSEntityDescription* entity_;
   EntityObjects* owner_ = nullptr;  ///< the context's objects of this entity, null outside a context
-  std::unique_ptr<Slot[]> slots_;
+  std::unique_ptr<Slot[], FreeSlots> slots_;
   std::uint64_t present_ = 0;
   std::uint64_t changed_ = 0;  ///< set since the last save; kept while it stands in a store
   std::int64_t key_ = 0;       ///< of its row; while inserted the number of its insertion

@@ -9,7 +9,6 @@
 #include "platform/foundation/FatalError.h"
 #include "platform/foundation/Text.h"
 #include "platform/persistence/EntityObjects.h"
-#include "platform/persistence/RowCodec.h"
 #include "platform/persistence/Store.h"
 
 namespace tarvo::platform {
@@ -53,25 +52,22 @@ const EntityObjects::Pending& insertedFor(const NSFetchRequest& request, const E
 }
 
 /// Fills what `found` lacks: the objects of rows that nobody uses, each at the place of its key.
-std::optional<Error> readMissing(Store& store, EntityObjects& objects, const FetchPlan& plan,
-                                 const std::vector<std::int64_t>& keys, Objects& found) {
+std::optional<Error> readMissing(Store& store, EntityObjects& objects, const std::vector<std::int64_t>& keys,
+                                 Objects& found) {
   std::string sql;
-  RowCodec codec(plan.entity());
   for (std::size_t first = 0; first < keys.size(); ++first) {
     if (found[first]) continue;
     // Rows mostly stand in the file in the order of the answer: a run of neighbours is one pass, upwards or downwards.
     std::size_t last = first;
     const std::int64_t step = first + 1 < keys.size() && keys[first + 1] < keys[first] ? -1 : 1;
     while (last + 1 < keys.size() && !found[last + 1] && keys[last + 1] == keys[last] + step) ++last;
-    if (sql.empty()) sql = concat(codec.selectText(), " WHERE \"_key\" BETWEEN ?1 AND ?2");
+    if (sql.empty()) sql = concat(objects.selectText(), " WHERE \"_key\" BETWEEN ?1 AND ?2");
     Execution rows(store.database(), sql);
     rows.bind(1, std::min(keys[first], keys[last]));
     rows.bind(2, std::max(keys[first], keys[last]));
     while (rows.step()) {
       const std::int64_t key = rows.integer(0);
-      auto object = objects.registerNew(key);
-      codec.read(rows, *object);
-      found[first + static_cast<std::size_t>((key - keys[first]) * step)] = std::move(object);
+      found[first + static_cast<std::size_t>((key - keys[first]) * step)] = objects.registerNew(rows);
     }
     if (rows.failed()) return rows.error(StoreErrorCode::operation, "The records could not be read");
     first = last;
@@ -105,7 +101,7 @@ Result<Objects> fetchRows(Store& store, EntityObjects& objects, const FetchPlan&
     }
     if (rows.failed()) return rows.error(StoreErrorCode::operation, "The records could not be read");
   }
-  if (auto error = readMissing(store, objects, plan, keys, found)) return *error;
+  if (auto error = readMissing(store, objects, keys, found)) return *error;
   return found;
 }
 
@@ -277,15 +273,12 @@ Result<std::shared_ptr<NSManagedObject>> NSManagedObjectContext::existingObject(
   if (!store) return coordinator_->whyNoStore("fetch");
   if (key == 0 || (id.storeUUID && *id.storeUUID != *store->uuid())) return missingObject(id);
 
-  RowCodec codec(*id.entity);
-  Execution row(store->database(), concat(codec.selectText(), " WHERE \"_key\" = ?1"));
+  Execution row(store->database(), concat(objects.selectText(), " WHERE \"_key\" = ?1"));
   row.bind(1, key);
   const bool exists = row.step();
   if (row.failed()) return row.error(StoreErrorCode::operation, "The record could not be read");
   if (!exists) return missingObject(id);
-  auto object = objects.registerNew(key);
-  codec.read(row, *object);
-  return object;
+  return objects.registerNew(row);
 }
 
 bool NSManagedObjectContext::hasChanges() const {

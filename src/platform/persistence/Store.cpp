@@ -5,7 +5,6 @@
 #include <iterator>
 
 #include "platform/foundation/Text.h"
-#include "platform/persistence/RowCodec.h"
 
 namespace tarvo::platform {
 namespace {
@@ -37,7 +36,7 @@ using Changed = EntityObjects::Pending::const_iterator;
 Changed endOfRun(Changed first, Changed end) {
   std::int64_t key = first->first;
   Changed next = std::next(first);
-  while (next != end && next->first == ++key && RowCodec::changesEqually(*next->second, *first->second)) ++next;
+  while (next != end && next->first == ++key && EntityObjects::changesEqually(*next->second, *first->second)) ++next;
   return next;
 }
 
@@ -177,7 +176,7 @@ std::optional<Error> NSPersistentStoreCoordinator::Store::insertRows(Table& tabl
   const int count = static_cast<int>(table.entity->attributes.size());
   for (auto next = objects.inserted().begin(); rows > 0; --rows, ++next) {
     Execution insert(*database_, table.insert);
-    for (int i = 0; i < count; ++i) RowCodec::bind(insert, i + 1, *next->second, i);
+    for (int i = 0; i < count; ++i) EntityObjects::bind(insert, i + 1, *next->second, i);
     // A key is used once in a process, also when its row has gone: an id taken before must not name another record.
     insert.bind(count + 1, ++keys.last);
     insert.step();
@@ -201,7 +200,7 @@ std::optional<Error> NSPersistentStoreCoordinator::Store::updateRows(const Table
     Execution update(*database_, updateText(*table.entity, mask, lastKey != firstKey));
     int parameter = 0;
     for (std::uint64_t rest = mask; rest != 0; rest &= rest - 1)
-      RowCodec::bind(update, ++parameter, *object, std::countr_zero(rest));
+      EntityObjects::bind(update, ++parameter, *object, std::countr_zero(rest));
     update.bind(++parameter, firstKey);
     if (lastKey != firstKey) update.bind(++parameter, lastKey);
     update.step();
