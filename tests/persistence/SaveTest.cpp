@@ -42,12 +42,12 @@ bool surviveFault(const std::function<void()>& fault) {
       EXPECT_GT(FaultyDisk::failures(), 0);
       EXPECT_EQ(error->code, 134030) << error->description();
       EXPECT_TRUE(find(error->userInfo, "NSSQLiteErrorDomain"));
-      EXPECT_TRUE(store.context->hasChanges() && unsaved->objectID().isTemporary());
+      EXPECT_TRUE(store.context->hasChanges() && unsaved->objectID().temporary);
     }
     expectTheMixture(store);
     FaultyDisk::heal();
     store.save();
-    EXPECT_FALSE(store.context->hasChanges() || unsaved->objectID().isTemporary());
+    EXPECT_FALSE(store.context->hasChanges() || unsaved->objectID().temporary);
     expectTheMixture(store);
     EXPECT_EQ(store.context->existingObject(early).value(), unsaved);
     EXPECT_FALSE(store.context->existingObject(rows[2]->objectID()));

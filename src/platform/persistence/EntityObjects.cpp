@@ -13,7 +13,7 @@
 namespace tarvo::platform {
 namespace {
 
-/// Objects of all contexts that have ended; tells when a registry is worth sweeping.
+/// How many objects have ended in this process: when many have, a registry may hold many entries that lead nowhere.
 std::atomic<std::uint64_t> destroyedObjects{0};
 
 constexpr std::uint64_t kLeastSweep = 1024;
@@ -148,7 +148,7 @@ void EntityObjects::bind(Execution& execution, int parameter, const NSManagedObj
 
 std::shared_ptr<NSManagedObject> EntityObjects::named(const NSManagedObjectID& id, std::int64_t& key) const {
   key = id.key;
-  if (id.isTemporary()) {
+  if (id.temporary) {
     if (auto unsaved = inserted_.find(id.key); unsaved != inserted_.end()) return unsaved->second;
     auto saved = keysOfTemporaryIDs_.find(id.key);
     if (saved == keysOfTemporaryIDs_.end()) {

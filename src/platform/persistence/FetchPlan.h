@@ -32,13 +32,13 @@ class FetchPlan {
   /// The order of the result. Objects that are equal in it stand in the order of their rows, unsaved ones as the
   /// latest; in reverse when the last sort descriptor is descending.
   bool precedes(const NSManagedObject& a, const NSManagedObject& b) const;
-  /// Whether rows come in the order of `precedes`. They need not when there is neither sort nor limit: a sort that
-  /// nobody asked for would only keep SQLite from the best index.
+  /// Whether rows come in the order of `precedes`. Without sort and limit they come as SQLite finds them: a sort that
+  /// nobody asked for would only keep it from the best index.
   bool rowsAreSorted() const { return !sorts_.empty() || limited_; }
 
-  /// " WHERE …" or nothing. Boolean constants stand in it as 1 or 0, since a parameter would keep SQLite from the
-  /// partial indexes; everything else is a parameter. `sign` stands before each column: "+" keeps SQLite from all
-  /// indexes of it.
+  /// " WHERE …", or nothing without conditions. Constants are parameters, except Booleans, which are written out as 1
+  /// or 0: SQLite uses a partial index only where it can see the constant. `sign` is written before each column; with
+  /// "+" SQLite uses no index of these columns.
   std::string whereClause(std::string_view sign = "") const;
   /// " ORDER BY …" or nothing.
   std::string orderClause() const;

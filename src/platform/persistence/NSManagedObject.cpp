@@ -13,7 +13,7 @@ namespace tarvo::platform {
 
 void append(TextBuilder& out, const NSManagedObjectID& id) {
   appendAll(out, "<x-coredata://", id.storeUUID ? std::string_view(*id.storeUUID) : "", "/",
-            id.entity ? std::string_view(id.entity->name) : "", id.isTemporary() ? "/t" : "/p", id.key, ">");
+            id.entity ? std::string_view(id.entity->name) : "", id.temporary ? "/t" : "/p", id.key, ">");
 }
 
 NSManagedObject::NSManagedObject(const NSEntityDescription& entity)

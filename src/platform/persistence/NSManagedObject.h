@@ -17,22 +17,20 @@ namespace tarvo::platform {
 
 class EntityObjects;
 
-class NSManagedObjectID;
+struct NSManagedObjectID;
 /// `<x-coredata://STORE/Entity/p12>`, temporary `<x-coredata:///Entity/t7>`.
 void append(TextBuilder& out, const NSManagedObjectID& id);
 
 /// Names an object of a store. Temporary until the object's first save; the object then also answers to the
 /// permanent one, and a temporary id taken before still finds it in its context.
-class NSManagedObjectID {
- public:
-  std::string description() const { return concat(*this); }
-  bool isTemporary() const { return temporary_; }
-  bool operator==(const NSManagedObjectID&) const = default;
-
+struct NSManagedObjectID {
   const NSEntityDescription* entity = nullptr;
-  std::int64_t key = 0;
-  bool temporary_ = false;
+  std::int64_t key = 0;  ///< of the row; of a temporary id the number of the insertion
+  bool temporary = false;
   std::shared_ptr<const std::string> storeUUID;
+
+  bool operator==(const NSManagedObjectID&) const = default;
+  std::string description() const { return concat(*this); }
 };
 
 /// One record of a context. Attributes are addressed by their position in the entity.

@@ -30,8 +30,8 @@ struct NSManagedObjectContext::State {
   }
 
   NSManagedObjectContext& context;
-  bool putsOff = false;               ///< in a block given to `perform`
-  bool isPutOff = false;              ///< a save waits to be written
+  bool deferringSaves = false;        ///< in a block given to `perform`
+  bool saveDeferred = false;          ///< a save waits to be written
   std::size_t rowsAtOnce = kAllRows;  ///< how much the next transaction may try; all unless the one before failed
   std::map<const NSEntityDescription*, EntityObjects> entities;
 };
@@ -141,6 +141,29 @@ Result<std::int64_t> countMatches(Store& store, const EntityObjects& objects, co
   return count;
 }
 
+/// What a transaction writes of one entity.
+struct Part {
+  EntityObjects& objects;
+  EntityObjects::Portion portion;
+  Store::Receipt receipt;
+};
+
+std::optional<Error> write(Store& store, std::vector<Part>& parts) {
+  for (Part& part : parts)
+    if (auto error = store.write(part.objects, part.portion, part.receipt)) return error;
+  return std::nullopt;
+}
+
+/// All parts or none; a single statement needs no transaction around it for that.
+std::optional<Error> commit(Store& store, std::vector<Part>& parts) {
+  if (parts.size() == 1 && !store.needsTransaction(parts.front().objects.entity(), parts.front().portion))
+    return write(store, parts);
+  auto transaction = Transaction::begin(store.database(), Transaction::Kind::writing);
+  if (!transaction) return transaction.error();
+  if (auto error = write(store, parts)) return error;
+  return transaction->commit();
+}
+
 Error unknownEntity(std::string_view name) {
   return storeError(StoreErrorCode::coreData, concat("The model has no entity ", name));
 }
@@ -159,19 +182,19 @@ NSManagedObjectContext::~NSManagedObjectContext() = default;
 void NSManagedObjectContext::perform(std::function<void()> block) {
   performing_.fetch_add(1);
   queue_.async([this, block = std::move(block)] {
-    state_->putsOff = true;
+    state_->deferringSaves = true;
     block();
-    state_->putsOff = false;
-    if (performing_.fetch_sub(1) == 1) writeWhatWasPutOff();
+    state_->deferringSaves = false;
+    if (performing_.fetch_sub(1) == 1) writeDeferredSave();
   });
 }
 
 void NSManagedObjectContext::performAndWait(const std::function<void()>& block) {
   queue_.syncReentrant([&] {
-    const bool insideQueuedBlock = std::exchange(state_->putsOff, false);
-    if (!insideQueuedBlock) writeWhatWasPutOff();
+    const bool insideQueuedBlock = std::exchange(state_->deferringSaves, false);
+    if (!insideQueuedBlock) writeDeferredSave();
     block();
-    state_->putsOff = insideQueuedBlock;
+    state_->deferringSaves = insideQueuedBlock;
   });
 }
 
@@ -227,18 +250,16 @@ Result<StoredRows> NSManagedObjectContext::rows(const NSFetchRequest& request) {
   auto compiledRequest = compiled(request, "fetch");
   if (!compiledRequest) return compiledRequest.error();
   auto& [entity, store, plan] = *compiledRequest;
-  writeWhatWasPutOff();
+  writeDeferredSave();
   StoredRows rows(*this, std::move(plan));
   if (rows.plan_.isEmpty()) return rows;
-  auto all = store.rowCount(entity);
-  if (!all) return all.error();
-
-  // One view of the file, whatever another process adds meanwhile.
-  if (auto error = store.database().run("BEGIN", StoreErrorCode::operation)) return *error;
-  Transaction view(store.database());
+  auto view = Transaction::begin(store.database(), Transaction::Kind::reading);
+  if (!view) return view.error();
   Execution last(store.database(), concat("SELECT max(\"_key\") FROM \"", entity.name, "\""));
   if (!last.step()) return last.error(StoreErrorCode::operation, "The keys could not be read");
   rows.lastKey_ = last.integer(0);
+  auto all = store.rowCount(entity);
+  if (!all) return all.error();
   auto matching = rows.plan_.hasConditions() ? store.matchingRows(entity, rows.plan_) : all;
   if (!matching) return matching.error();
   rows.count_ = static_cast<std::size_t>(*matching);
@@ -310,18 +331,18 @@ std::optional<Error> NSManagedObjectContext::saveAfterFailure() {
 std::optional<Error> NSManagedObjectContext::save() {
   if (!hasChanges()) return std::nullopt;
   if (claim()) return coordinator_->whyNoStore("save");
-  if (!state_->putsOff) return write();
-  state_->isPutOff = true;
+  if (!state_->deferringSaves) return write();
+  state_->saveDeferred = true;
   return std::nullopt;
 }
 
-void NSManagedObjectContext::writeWhatWasPutOff() {
-  if (!state_->isPutOff) return;
+void NSManagedObjectContext::writeDeferredSave() {
+  if (!state_->saveDeferred) return;
   if (const auto error = write(); error && lateFailure_) lateFailure_(*error);
 }
 
 std::optional<Error> NSManagedObjectContext::write() {
-  state_->isPutOff = false;
+  state_->saveDeferred = false;
   if (!coordinator_->store()) return coordinator_->whyNoStore("save");
   std::size_t& rows = state_->rowsAtOnce;
   while (true) {
@@ -338,33 +359,17 @@ std::optional<Error> NSManagedObjectContext::write() {
 }
 
 std::optional<Error> NSManagedObjectContext::writeAtMost(std::size_t rows) {
-  struct Part {
-    EntityObjects& objects;
-    EntityObjects::Portion portion;
-    Store::Receipt receipt;
-  };
   std::vector<Part> parts;
   for (auto& [entity, objects] : state_->entities) {
     const EntityObjects::Portion portion = rows > 0 ? objects.portion(rows) : EntityObjects::Portion{};
     if (portion.size() > 0) parts.push_back({objects, portion, {}});
     rows -= std::min(rows, portion.size());
   }
-  Store* store = coordinator_->store();
-  {
-    Transaction transaction(store->database());
-    // A single statement is a transaction by itself.
-    const bool isSingle =
-        parts.size() == 1 && !store->needsTransaction(parts.front().objects.entity(), parts.front().portion);
-    if (!isSingle)
-      if (auto error = transaction.begin()) return error;
-    for (Part& part : parts)
-      if (auto error = store->write(part.objects, part.portion, part.receipt)) return error;
-    if (!isSingle)
-      if (auto error = transaction.commit()) return error;
-  }
+  Store& store = *coordinator_->store();
+  if (auto error = commit(store, parts)) return error;
   // Certain only now: until the commit everything stayed pending, whatever became of the transaction.
   for (Part& part : parts) {
-    store->didCommit(part.objects.entity(), part.receipt);
+    store.didCommit(part.objects.entity(), part.receipt);
     part.objects.didSave(part.portion, part.receipt.firstKey);
   }
   return std::nullopt;

@@ -48,8 +48,7 @@ struct NSPersistentStoreCoordinator::Store {
   Database& database() { return *database_; }
   const std::shared_ptr<const std::string>& uuid() const { return uuid_; }
 
-  /// The number of rows. Costs nothing once it is known, which only the process that writes can rely on; else the same
-  /// for all tables whose keys are kept, and one pass over the others.
+  /// The number of rows. The process that writes finds it out once and keeps count; a reader asks the file each time.
   Result<std::int64_t> rowCount(const NSEntityDescription& entity);
   /// The number of rows that match a plan with conditions.
   Result<std::int64_t> matchingRows(const NSEntityDescription& entity, const FetchPlan& plan);

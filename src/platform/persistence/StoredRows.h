@@ -42,7 +42,8 @@ class StoredRows {
   std::size_t count() const { return count_; }
 
   /// Calls `visit` for each row in the request's order until it answers false. A visitor makes no pass of its own.
-  /// The first few are cheaper under a limit (0: none) than by a visitor that stops: the others are not sorted then.
+  /// `limit` (0: none) ends the pass after so many rows. That is cheaper than a visitor that stops, since SQLite then
+  /// need not sort the rest.
   std::optional<Error> forEach(const std::vector<int>& attributes, const std::function<bool(const StoredRow&)>& visit,
                                std::size_t limit = 0) const;
 
