@@ -1,10 +1,8 @@
-#include <signal.h>
 #include <sqlite3.h>
 
 #include "persistence/FaultyDisk.h"
 #include "persistence/TestStore.h"
 #include "platform/foundation/Text.h"
-#include "support/FreshProcess.h"
 
 namespace tarvo::platform {
 namespace {
@@ -137,27 +135,17 @@ TEST(Save, LeavesAStoreThatCanBeCreatedLaterWhenCreationFails) {
   EXPECT_GT(failed, 5);
 }
 
-TEST(Save, SurvivesAKillRightAfterIt) {
-  test::TempDir dir;
-  const auto file = dir.path() / "a.sqlite";
-  const Date moment = dateSince1970(1489561200.1234567);
-  const int end = test::inFreshProcess([&] {
-    TestStore store(file);
-    store.run([&] {
-      for (int i = 0; i < 3; ++i) {
-        store.add(i)->setDate(store.at("eventTimestamp"), moment);
-        store.save();
-      }
-      store.add(3);
-      ::raise(SIGKILL);
-    });
-    return 1;
-  });
-  ASSERT_EQ(end, -SIGKILL);
-  TestStore store(file);
+TEST(Save, GoesOnBehindRowsThatAnotherProgramHasInserted) {
+  TestStore store;
   store.run([&] {
-    EXPECT_EQ(store.count(), 3U);
-    EXPECT_EQ(store.indexes({"Locations", {{"eventTimestamp", Op::equal, moment}}}), "0 1 2 ");
+    store.add(0);
+    store.save();
+    runSql(store.file, "INSERT INTO Locations (\"index\") VALUES (10), (11)");
+    store.add(1);
+    EXPECT_EQ(store.context->save().value_or(Error{}).code, 134030);
+    store.save();
+    EXPECT_EQ(store.count(), 4U);
+    EXPECT_EQ(store.indexes({"Locations", {}, {{"index", true}}}), "0 1 10 11 ");
   });
 }
 

@@ -59,7 +59,7 @@ Error unknownEntity(const NSEntityDescription& entity) {
 NSPersistentStoreCoordinator::Store::Store(std::unique_ptr<Database> database, std::string uuid,
                                            const std::vector<const NSEntityDescription*>& entities)
     : database_(std::move(database)), uuid_(std::make_shared<const std::string>(std::move(uuid))) {
-  for (const NSEntityDescription* entity : entities) tables_.push_back({entity, insertText(*entity), std::nullopt});
+  for (const NSEntityDescription* entity : entities) tables_.push_back({entity, insertText(*entity), std::nullopt, 0});
 }
 
 NSPersistentStoreCoordinator::Store::Table* NSPersistentStoreCoordinator::Store::table(
@@ -96,7 +96,7 @@ Result<NSPersistentStoreCoordinator::Store::Keys> NSPersistentStoreCoordinator::
   row.bind(1, entry);
   if (!row.step()) return row.error(StoreErrorCode::operation, kFailure);
   const std::int64_t highest = row.integer(0);
-  Keys keys{std::max(highest, row.integer(2)), row.integer(3), std::nullopt};
+  Keys keys{std::max({highest, row.integer(2), table.lastGiven}), row.integer(3), std::nullopt};
   if (!row.cell(2).isNull()) keys.inEntry = keys.missing;
   // Another program that has deleted the oldest rows leaves fewer keys than there should be rows.
   const std::int64_t most = row.cell(0).isNull() ? 0 : highest - row.integer(1) + 1;
@@ -107,14 +107,7 @@ Result<NSPersistentStoreCoordinator::Store::Keys> NSPersistentStoreCoordinator::
   return keys;
 }
 
-/// Earlier versions kept the number of rows, which a trigger removed at each deletion; both go with the first entry.
 std::optional<Error> NSPersistentStoreCoordinator::Store::keep(const Table& table, const Keys& keys) {
-  const std::string& name = table.entity->name;
-  if (!keys.inEntry) {
-    for (const std::string& sql : {concat("DROP TRIGGER IF EXISTS \"", name, "_deleted\""),
-                                   concat("DELETE FROM \"_metadata\" WHERE name = '", name, ".rows'")})
-      if (auto error = database_->runOnce(sql, StoreErrorCode::save)) return error;
-  }
   const std::string entry = keptName(*table.entity);
   const std::string value = concat(keys.last, " ", keys.missing);
   Execution row(*database_, "REPLACE INTO \"_metadata\" VALUES (?1, ?2)");
@@ -177,12 +170,10 @@ std::optional<Error> NSPersistentStoreCoordinator::Store::insertRows(Table& tabl
   for (auto next = objects.inserted().begin(); rows > 0; --rows, ++next) {
     Execution insert(*database_, table.insert);
     for (int i = 0; i < count; ++i) EntityObjects::bind(insert, i + 1, *next->second, i);
-    // A key is used once in a process, also when its row has gone: an id taken before must not name another record.
     insert.bind(count + 1, ++keys.last);
     insert.step();
     if (!insert.failed()) continue;
-    // Another program may have used the key: the next try takes the one after it.
-    if (table.keys) table.keys = Keys{table.keys->last + 1, table.keys->missing + 1, table.keys->inEntry};
+    table.keys.reset();  // another program may have used the key: the next try looks again
     return insert.error(StoreErrorCode::save, "A record could not be inserted");
   }
   return std::nullopt;
@@ -224,7 +215,10 @@ std::optional<Error> NSPersistentStoreCoordinator::Store::deleteRows(const Table
 }
 
 void NSPersistentStoreCoordinator::Store::didCommit(const NSEntityDescription& entity, const Receipt& receipt) {
-  if (Table* known = table(entity); known && receipt.keys) known->keys = receipt.keys;
+  Table* known = table(entity);
+  if (!known || !receipt.keys) return;
+  known->keys = receipt.keys;
+  known->lastGiven = receipt.keys->last;
 }
 
 }  // namespace tarvo::platform

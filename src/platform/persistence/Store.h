@@ -66,6 +66,8 @@ struct NSPersistentStoreCoordinator::Store {
     const NSEntityDescription* entity;
     std::string insert;
     std::optional<Keys> keys;  ///< known to the process that writes once it has asked
+    /// A key is used once in a process, also when its row has gone: an id taken before must not name another record.
+    std::int64_t lastGiven;
   };
 
   Store(std::unique_ptr<Database> database, std::string uuid, const std::vector<const NSEntityDescription*>& entities);
