@@ -15,7 +15,8 @@ namespace tarvo::platform {
 
 class NSManagedObjectContext;
 
-/// What a context holds of one entity: each object that somebody uses, and the unsaved ones.
+/// What a context holds of one entity: each object that somebody uses, and the unsaved ones. Moves values between
+/// objects and rows.
 ///
 /// Threads: only inside a block of the context; `countDestroyed` any.
 /// Ownership: clean objects live as long as others hold them; inserted, changed and deleted ones are held here until
