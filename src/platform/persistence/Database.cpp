@@ -25,6 +25,18 @@ constexpr std::chrono::milliseconds kBetweenLooks{1};
 
 }  // namespace
 
+Error storeError(StoreErrorCode code, std::string description, const std::filesystem::path& file) {
+  Error error{NSCocoaErrorDomain, static_cast<std::int64_t>(code), std::move(description), {}};
+  if (!file.empty()) error.userInfo.emplace("NSFilePath", file.string());
+  return error;
+}
+
+Error noStoreError(std::string_view operation) {
+  return storeError(StoreErrorCode::operation,
+                    concat("This NSPersistentStoreCoordinator has no persistent stores.  It cannot perform a ",
+                           operation, " operation."));
+}
+
 Database::Database(std::filesystem::path file) : file_(std::move(file)), forks_(FileLock::forks()), files_(file_) {}
 
 Result<std::unique_ptr<Database>> Database::open(const std::filesystem::path& file) {
@@ -38,7 +50,7 @@ Result<std::unique_ptr<Database>> Database::open(const std::filesystem::path& fi
   return database;
 }
 
-std::optional<Error> Database::adopt() {
+std::optional<Error> Database::checkpointOnClose() {
   {
     Execution size(*this, "PRAGMA page_size", Execution::Statement::once);
     if (!size.step()) return size.error(StoreErrorCode::open, "The store's page size cannot be read");
@@ -220,9 +232,16 @@ std::string_view Cell::text() const {
   return {static_cast<const char*>(bytes), static_cast<std::size_t>(sqlite3_value_bytes(value_))};
 }
 
+Result<Transaction> Transaction::begin(Database& database, Kind kind) {
+  const auto error = kind == Kind::writing ? database.run("BEGIN IMMEDIATE", StoreErrorCode::save)
+                                           : database.run("BEGIN", StoreErrorCode::operation);
+  if (error) return *error;
+  return Transaction(database);
+}
+
 Transaction::~Transaction() {
   // SQLite ends a transaction by itself on a full disk, failed input or output and lack of memory.
-  if (database_.inTransaction()) database_.run("ROLLBACK", StoreErrorCode::save);
+  if (database_ && database_->inTransaction()) (void)database_->run("ROLLBACK", StoreErrorCode::save);
 }
 
 }  // namespace tarvo::platform

@@ -11,9 +11,9 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 
 #include "platform/foundation/Error.h"
-#include "platform/persistence/StoreError.h"
 #include "platform/persistence/StoreFiles.h"
 
 struct sqlite3;
@@ -21,6 +21,26 @@ struct sqlite3_stmt;
 struct sqlite3_value;
 
 namespace tarvo::platform {
+
+/// The platform's numbers for what can go wrong with a store.
+enum class StoreErrorCode : std::int64_t {
+  fileReadUnknown = 256,
+  fileReadCorrupt = 259,
+  missingObject = 133000,
+  invalidType = 134000,
+  incompatibleSchema = 134020,
+  save = 134030,
+  coreData = 134060,
+  operation = 134070,
+  open = 134080,
+  incompatibleVersionHash = 134100,
+};
+
+/// `file` may be empty.
+Error storeError(StoreErrorCode code, std::string description, const std::filesystem::path& file = {});
+
+/// "… has no persistent stores.  It cannot perform a <operation> operation."
+Error noStoreError(std::string_view operation);
 
 /// A connection to one SQLite file, with its prepared statements.
 ///
@@ -39,9 +59,10 @@ class Database {
 
   /// What lies at the file's path now is what is open; from here on it is watched.
   void watchFiles() { files_.watch(); }
-  /// This process has the right to write: its connection may tidy up when it closes, and answers whether the file can
-  /// be written. Somebody who holds SQLite's own lock for the moment does not count.
-  std::optional<Error> adopt();
+  /// For the process that has the right to write: from here on the write-ahead log is moved into the file when the
+  /// connection closes, or has grown long. An error if the file cannot be written; somebody who holds SQLite's own lock
+  /// for the moment does not count.
+  std::optional<Error> checkpointOnClose();
   /// Runs a statement that gives no rows or whose rows do not matter.
   std::optional<Error> run(std::string_view sql, StoreErrorCode code);
   /// The same for a text that does not come again: its statement is not kept.
@@ -153,19 +174,22 @@ class Execution {
   bool failed_;
 };
 
-/// A write transaction; rolled back unless committed.
+/// A transaction; its end rolls back what has not been committed.
 class Transaction {
  public:
-  explicit Transaction(Database& database) : database_(database) {}
+  /// `reading` is one view of the file, whatever another process writes meanwhile; `writing` keeps other writers out.
+  enum class Kind { reading, writing };
+  static Result<Transaction> begin(Database& database, Kind kind);
   ~Transaction();
-  Transaction(const Transaction&) = delete;
-  Transaction& operator=(const Transaction&) = delete;
+  Transaction(Transaction&& other) noexcept : database_(std::exchange(other.database_, nullptr)) {}
+  Transaction& operator=(Transaction&&) = delete;
 
-  std::optional<Error> begin() { return database_.run("BEGIN IMMEDIATE", StoreErrorCode::save); }
-  std::optional<Error> commit() { return database_.run("COMMIT", StoreErrorCode::save); }
+  std::optional<Error> commit() { return database_->run("COMMIT", StoreErrorCode::save); }
 
  private:
-  Database& database_;
+  explicit Transaction(Database& database) : database_(&database) {}
+
+  Database* database_;  ///< null once moved from
 };
 
 }  // namespace tarvo::platform

@@ -2,18 +2,18 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <iterator>
 
 #include "platform/foundation/FatalError.h"
 #include "platform/foundation/Text.h"
 #include "platform/persistence/NSManagedObjectContext.h"
-#include "platform/persistence/RowCodec.h"
 #include "platform/persistence/Store.h"
 
 namespace tarvo::platform {
 namespace {
 
-/// Objects of all contexts that have ended; tells when a registry is worth sweeping.
+/// How many objects have ended in this process: when many have, a registry may hold many entries that lead nowhere.
 std::atomic<std::uint64_t> destroyedObjects{0};
 
 constexpr std::uint64_t kLeastSweep = 1024;
@@ -78,34 +78,77 @@ std::shared_ptr<NSManagedObject> EntityObjects::registered(std::int64_t key) con
   return found == registry_.end() ? nullptr : found->second.lock();
 }
 
-std::shared_ptr<NSManagedObject> EntityObjects::registerNew(std::int64_t key, std::uint64_t attributes) {
+std::string EntityObjects::selectText() const {
+  std::string sql = "SELECT \"_key\"";
+  for (const auto& attribute : entity_.attributes) sql += concat(", \"", attribute.name, "\"");
+  return sql + concat(" FROM \"", entity_.name, "\"");
+}
+
+std::shared_ptr<NSManagedObject> EntityObjects::registerNew(const Execution& row) {
   forgetDestroyed();
-  auto object = make(NSManagedObject::Standing::clean, key);
-  object->unread_ = entity_.allAttributes() & ~attributes;
-  registry_.insert_or_assign(key, object);
+  auto object = make(NSManagedObject::Standing::clean, row.integer(0));
+  fill(*object, row);
+  registry_.insert_or_assign(object->key_, object);
   return object;
 }
 
-void EntityObjects::readRest(const NSManagedObject& object) const {
-  requireCurrent();
-  auto* store = context_.coordinator().store();
-  if (!store) return;
-  RowCodec codec(entity_, object.unread_);
-  Execution row(store->database(), concat(codec.selectText(), " WHERE \"_key\" = ?1"));
-  row.bind(1, object.key_);
-  if (row.step()) {
-    codec.read(row, object);
-    object.unread_ = 0;
+void EntityObjects::fill(NSManagedObject& object, const Execution& row) {
+  for (std::size_t position = 0; position < entity_.attributes.size(); ++position) {
+    const Cell cell = row.cell(static_cast<int>(position) + 1);  // the key comes first
+    if (cell.isNull()) continue;
+    NSManagedObject::Slot& slot = object.slots_[position];
+    switch (entity_.attributes[position].type) {
+      case NSAttributeType::integer64:
+        slot.integer = cell.integer();
+        break;
+      case NSAttributeType::boolean:
+        slot.integer = cell.integer() != 0 ? 1 : 0;
+        break;
+      case NSAttributeType::floating:
+      case NSAttributeType::date:
+        slot.number = cell.number();
+        break;
+      case NSAttributeType::string:
+        slot.text = texts_.get(position, cell.text());
+        break;
+    }
+    object.present_ |= std::uint64_t{1} << position;
+  }
+}
+
+bool EntityObjects::changesEqually(const NSManagedObject& a, const NSManagedObject& b) {
+  const std::uint64_t mask = a.changed_;
+  if (b.changed_ != mask || ((a.present_ ^ b.present_) & mask) != 0) return false;
+  for (std::uint64_t rest = mask & a.present_; rest != 0; rest &= rest - 1)
+    if (!NSManagedObject::isSame(a, b, static_cast<std::size_t>(std::countr_zero(rest)))) return false;
+  return true;
+}
+
+void EntityObjects::bind(Execution& execution, int parameter, const NSManagedObject& object, int attribute) {
+  if (!object.isPresent(attribute)) {
+    execution.bindNull(parameter);
     return;
   }
-  const std::string what = concat("The rest of ", object.objectID(), " could not be read");
-  context_.tellLateFailure(row.failed() ? row.error(StoreErrorCode::operation, what)
-                                        : storeError(StoreErrorCode::missingObject, what));
+  const auto position = static_cast<std::size_t>(attribute);
+  const NSManagedObject::Slot& slot = object.slots_[position];
+  switch (object.entity_->attributes[position].type) {
+    case NSAttributeType::integer64:
+    case NSAttributeType::boolean:
+      execution.bind(parameter, slot.integer);
+      break;
+    case NSAttributeType::floating:
+    case NSAttributeType::date:
+      execution.bind(parameter, slot.number);
+      break;
+    case NSAttributeType::string:
+      execution.bind(parameter, slot.text.view());
+      break;
+  }
 }
 
 std::shared_ptr<NSManagedObject> EntityObjects::named(const NSManagedObjectID& id, std::int64_t& key) const {
   key = id.key;
-  if (id.isTemporary()) {
+  if (id.temporary) {
     if (auto unsaved = inserted_.find(id.key); unsaved != inserted_.end()) return unsaved->second;
     auto saved = keysOfTemporaryIDs_.find(id.key);
     if (saved == keysOfTemporaryIDs_.end()) {

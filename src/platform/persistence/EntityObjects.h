@@ -8,13 +8,15 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "platform/persistence/Database.h"
 #include "platform/persistence/NSManagedObject.h"
 
 namespace tarvo::platform {
 
 class NSManagedObjectContext;
 
-/// What a context holds of one entity: each object that somebody uses, and the unsaved ones.
+/// What a context holds of one entity: each object that somebody uses, and the unsaved ones. Moves values between
+/// objects and rows.
 ///
 /// Threads: only inside a block of the context; `countDestroyed` any.
 /// Ownership: clean objects live as long as others hold them; inserted, changed and deleted ones are held here until
@@ -44,10 +46,10 @@ class EntityObjects {
 
   /// The object of a row, or a null pointer when nobody uses it.
   std::shared_ptr<NSManagedObject> registered(std::int64_t key) const;
-  /// A clean object without values for a row that has none yet, of which these attributes will be read at once.
-  std::shared_ptr<NSManagedObject> registerNew(std::int64_t key, std::uint64_t attributes);
-  /// Reads what the fetch of an object left out; a failure is told to the context's receiver of late ones.
-  void readRest(const NSManagedObject& object) const;
+  /// "SELECT the key and all attributes FROM table", to be completed by clauses.
+  std::string selectText() const;
+  /// A clean object for the row that such a query stands on and that has no object yet.
+  std::shared_ptr<NSManagedObject> registerNew(const Execution& row);
   /// The object that an id names, deleted ones left out. Answers a null pointer and, when the object only has to be
   /// read, its row key in `key`.
   std::shared_ptr<NSManagedObject> named(const NSManagedObjectID& id, std::int64_t& key) const;
@@ -58,6 +60,10 @@ class EntityObjects {
   bool hasChanges() const { return !inserted_.empty() || !changed_.empty() || !deleted_.empty(); }
   static bool isPending(const NSManagedObject& object) { return object.standing_ != NSManagedObject::Standing::clean; }
   static std::uint64_t changeMask(const NSManagedObject& object) { return object.changed_; }
+  /// Whether both objects have changed in the same attributes, and to the same values.
+  static bool changesEqually(const NSManagedObject& a, const NSManagedObject& b);
+  /// Dates are REAL seconds since 1970, unrounded; absent is NULL.
+  static void bind(Execution& execution, int parameter, const NSManagedObject& object, int attribute);
 
   /// At most `rows` of what is pending; more only where something is deleted, since an insertion may replace it and
   /// neither must be saved without the other.
@@ -76,6 +82,7 @@ class EntityObjects {
  private:
   std::shared_ptr<NSManagedObject> make(NSManagedObject::Standing standing, std::int64_t key);
   static void detach(NSManagedObject& object);
+  void fill(NSManagedObject& object, const Execution& row);
   void forgetDestroyed();
 
   const NSEntityDescription& entity_;

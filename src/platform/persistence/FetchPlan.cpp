@@ -5,8 +5,6 @@
 #include <optional>
 
 #include "platform/foundation/Text.h"
-#include "platform/persistence/InternedText.h"
-#include "platform/persistence/StoreError.h"
 
 namespace tarvo::platform {
 namespace {
@@ -66,10 +64,6 @@ Result<FetchPlan> FetchPlan::compile(const NSEntityDescription& entity, const NS
     if (!attribute) return attribute.error();
     plan.sorts_.push_back({*attribute, sort.ascending});
   }
-  plan.attributes_ = request.propertiesToFetch != 0 ? request.propertiesToFetch : entity.allAttributes();
-  // Asked of each object as soon as others are unsaved.
-  for (const Condition& condition : plan.conditions_) plan.attributes_ |= std::uint64_t{1} << condition.attribute;
-  for (const Sort& sort : plan.sorts_) plan.attributes_ |= std::uint64_t{1} << sort.attribute;
   return plan;
 }
 
@@ -165,7 +159,7 @@ bool FetchPlan::holds(const Condition& condition, const NSManagedObject& object)
     return satisfies(condition.op, threeWay(slot.integer, *integer));
   if (const auto* number = std::get_if<double>(&condition.value))
     return satisfies(condition.op, threeWay(slot.number, *number));
-  return satisfies(condition.op, slot.text->view().compare(std::get<std::string>(condition.value)));
+  return satisfies(condition.op, slot.text.view().compare(std::get<std::string>(condition.value)));
 }
 
 bool FetchPlan::matches(const NSManagedObject& object) const {
@@ -187,7 +181,7 @@ int FetchPlan::compare(const NSManagedObject& a, const NSManagedObject& b, int a
     case NSAttributeType::date:
       return threeWay(a.slots_[position].number, b.slots_[position].number);
     case NSAttributeType::string:
-      return a.slots_[position].text->view().compare(b.slots_[position].text->view());
+      return a.slots_[position].text.view().compare(b.slots_[position].text.view());
   }
   return 0;
 }
@@ -223,18 +217,6 @@ std::string FetchPlan::whereClause(std::string_view sign) const {
       sql += std::get<std::int64_t>(condition.value) != 0 ? "1" : "0";
     else
       sql += concat("?", ++parameter);
-  }
-  return sql;
-}
-
-std::string FetchPlan::outsideClause() const {
-  std::string sql;
-  int parameter = 0;
-  for (const Condition& condition : conditions_) {
-    if (condition.op == Operator::equal) return {};
-    const std::string_view opposite = condition.op == Operator::atMost ? "\" > ?" : "\" < ?";
-    const std::string& name = column(condition.attribute);
-    sql += concat(sql.empty() ? " WHERE \"" : " OR \"", name, opposite, ++parameter, " OR \"", name, "\" IS NULL");
   }
   return sql;
 }

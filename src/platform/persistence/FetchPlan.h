@@ -32,22 +32,17 @@ class FetchPlan {
   /// The order of the result. Objects that are equal in it stand in the order of their rows, unsaved ones as the
   /// latest; in reverse when the last sort descriptor is descending.
   bool precedes(const NSManagedObject& a, const NSManagedObject& b) const;
-  /// Whether rows come in the order of `precedes`. They need not when there is neither sort nor limit: a sort that
-  /// nobody asked for would only keep SQLite from the best index.
+  /// Whether rows come in the order of `precedes`. Without sort and limit they come as SQLite finds them: a sort that
+  /// nobody asked for would only keep it from the best index.
   bool rowsAreSorted() const { return !sorts_.empty() || limited_; }
 
-  /// " WHERE …" or nothing. Boolean constants stand in it as 1 or 0, since a parameter would keep SQLite from the
-  /// partial indexes; everything else is a parameter. `sign` stands before each column: "+" keeps SQLite from all
-  /// indexes of it.
+  /// " WHERE …", or nothing without conditions. Constants are parameters, except Booleans, which are written out as 1
+  /// or 0: SQLite uses a partial index only where it can see the constant. `sign` is written before each column; with
+  /// "+" SQLite uses no index of these columns.
   std::string whereClause(std::string_view sign = "") const;
-  /// The rows that `whereClause` leaves out, with the same parameters; nothing where a condition is not a bound, since
-  /// no index would find them.
-  std::string outsideClause() const;
   /// " ORDER BY …" or nothing.
   std::string orderClause() const;
   const NSEntityDescription& entity() const { return *entity_; }
-  /// What to read of each row, a bit for each attribute.
-  std::uint64_t attributes() const { return attributes_; }
   const std::string& column(int attribute) const;
   /// Binds the parameters of `whereClause`; answers the first one left over. The plan must outlive the execution.
   int bind(Execution& execution) const;
@@ -81,7 +76,6 @@ class FetchPlan {
   const NSEntityDescription* entity_;
   std::vector<Condition> conditions_;
   std::vector<Sort> sorts_;
-  std::uint64_t attributes_ = 0;
   bool limited_ = false;
   bool never_ = false;
 };

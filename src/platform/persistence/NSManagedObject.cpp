@@ -2,26 +2,29 @@
 
 #include <bit>
 #include <cmath>
+#include <memory>
+#include <new>
 
 #include "platform/foundation/FatalError.h"
 #include "platform/foundation/Text.h"
 #include "platform/persistence/EntityObjects.h"
-#include "platform/persistence/InternedText.h"
 
 namespace tarvo::platform {
 
 void append(TextBuilder& out, const NSManagedObjectID& id) {
   append(out, "<x-coredata://", id.storeUUID ? std::string_view(*id.storeUUID) : "", "/",
-         id.entity ? std::string_view(id.entity->name) : "", id.isTemporary() ? "/t" : "/p", id.key, ">");
+         id.entity ? std::string_view(id.entity->name) : "", id.temporary ? "/t" : "/p", id.key, ">");
 }
 
 NSManagedObject::NSManagedObject(const NSEntityDescription& entity)
-    : entity_(&entity), slots_(std::make_unique<Slot[]>(entity.attributes.size())) {}
+    : entity_(&entity), slots_(static_cast<Slot*>(::operator new(entity.attributes.size() * sizeof(Slot)))) {
+  std::uninitialized_default_construct_n(slots_.get(), entity.attributes.size());
+}
 
 NSManagedObject::~NSManagedObject() {
   const std::uint64_t texts = entity_->ofType[static_cast<std::size_t>(NSAttributeType::string)];
   for (std::uint64_t rest = present_ & texts; rest != 0; rest &= rest - 1)
-    InternedText::release(slots_[static_cast<std::size_t>(std::countr_zero(rest))].text);
+    std::destroy_at(&slots_[static_cast<std::size_t>(std::countr_zero(rest))].text);
   EntityObjects::countDestroyed();
 }
 
@@ -29,15 +32,6 @@ NSManagedObjectID NSManagedObject::objectID() const {
   const bool temporary = standing_ == Standing::inserted;
   if (temporary) temporaryIDTaken_ = true;
   return {entity_, key_, temporary, owner_ && !temporary ? owner_->storeUUID() : nullptr};
-}
-
-void NSManagedObject::readRest() const {
-  if (owner_) owner_->readRest(*this);
-}
-
-const NSManagedObject::Slot* NSManagedObject::otherSlot(int attribute, NSAttributeType type) const {
-  require(attribute, type);
-  return isPresent(attribute) ? &slots_[static_cast<std::size_t>(attribute)] : nullptr;
 }
 
 void NSManagedObject::refuse(int attribute) const {
@@ -51,7 +45,7 @@ void NSManagedObject::requireSettable(int attribute, NSAttributeType type) const
 
 void NSManagedObject::setInteger(int attribute, std::optional<std::int64_t> value) {
   requireSettable(attribute, NSAttributeType::integer64);
-  assign(attribute, value ? std::optional(Slot{.integer = *value}) : std::nullopt);
+  assign(attribute, &Slot::integer, value);
 }
 
 void NSManagedObject::setNumber(int attribute, std::optional<double> value) {
@@ -61,14 +55,14 @@ void NSManagedObject::setNumber(int attribute, std::optional<double> value) {
 
 void NSManagedObject::setBoolean(int attribute, std::optional<bool> value) {
   requireSettable(attribute, NSAttributeType::boolean);
-  assign(attribute, value ? std::optional(Slot{.integer = *value ? 1 : 0}) : std::nullopt);
+  assign(attribute, &Slot::integer, value ? std::optional<std::int64_t>(*value ? 1 : 0) : std::nullopt);
 }
 
 void NSManagedObject::setString(int attribute, std::optional<std::string_view> value) {
   requireSettable(attribute, NSAttributeType::string);
-  if (!value) return assign(attribute, std::nullopt);
-  assign(attribute, Slot{.text = owner_ ? owner_->texts().acquire(static_cast<std::size_t>(attribute), *value)
-                                        : InternedText::acquire(*value)});
+  std::optional<TextRef> text;
+  if (value) text = owner_ ? owner_->texts().get(static_cast<std::size_t>(attribute), *value) : TextRef(*value);
+  assign(attribute, &Slot::text, std::move(text));
 }
 
 void NSManagedObject::setDate(int attribute, std::optional<Date> value) {
@@ -78,32 +72,34 @@ void NSManagedObject::setDate(int attribute, std::optional<Date> value) {
 
 void NSManagedObject::assignNumber(int attribute, std::optional<double> value) {
   if (value && std::isnan(*value)) value.reset();
-  assign(attribute, value ? std::optional(Slot{.number = *value + 0.0}) : std::nullopt);  // -0 + 0 is 0
+  if (value) *value += 0.0;  // -0 + 0 is 0
+  assign(attribute, &Slot::number, value);
 }
 
-void NSManagedObject::assign(int attribute, std::optional<Slot> value) {
-  const auto position = static_cast<std::size_t>(attribute);
-  const bool isText = entity_->isOfType(attribute, NSAttributeType::string);
+template <class Value>
+void NSManagedObject::assign(int attribute, Value Slot::*member, std::optional<Value> value) {
+  Value& held = slots_[static_cast<std::size_t>(attribute)].*member;
   const bool wasPresent = isPresent(attribute);
-  Slot& slot = slots_[position];
-  // Equal texts share an address, so all kinds of slots compare by their bits.
-  const bool same = wasPresent == value.has_value() &&
-                    (!value || std::bit_cast<std::uint64_t>(slot) == std::bit_cast<std::uint64_t>(*value));
-  if (same) {
-    if (isText && value) InternedText::release(value->text);
-    return;
-  }
-  if (isText && wasPresent) InternedText::release(slot.text);
+  if (wasPresent == value.has_value() && (!value || held == *value)) return;
   const std::uint64_t bit = std::uint64_t{1} << attribute;
-  unread_ &= ~bit;  // a later read must not undo this
-  if (value) {
-    slot = *value;
-    present_ |= bit;
-  } else {
-    present_ &= ~bit;
-  }
+  present_ = value ? present_ | bit : present_ & ~bit;
+  held = value ? std::move(*value) : Value();
   if (standing_ == Standing::clean) owner_->noteChange(*this);
   if (standing_ == Standing::changed) changed_ |= bit;
+}
+
+bool NSManagedObject::isSame(const NSManagedObject& a, const NSManagedObject& b, std::size_t attribute) {
+  switch (a.entity_->attributes[attribute].type) {
+    case NSAttributeType::integer64:
+    case NSAttributeType::boolean:
+      return a.slots_[attribute].integer == b.slots_[attribute].integer;
+    case NSAttributeType::floating:
+    case NSAttributeType::date:
+      return a.slots_[attribute].number == b.slots_[attribute].number;
+    case NSAttributeType::string:
+      return a.slots_[attribute].text == b.slots_[attribute].text;
+  }
+  return false;
 }
 
 }  // namespace tarvo::platform

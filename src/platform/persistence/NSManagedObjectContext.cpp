@@ -9,13 +9,12 @@
 #include "platform/foundation/FatalError.h"
 #include "platform/foundation/Text.h"
 #include "platform/persistence/EntityObjects.h"
-#include "platform/persistence/RowCodec.h"
-#include "platform/persistence/RowFetch.h"
 #include "platform/persistence/Store.h"
 
 namespace tarvo::platform {
 
 using Store = NSPersistentStoreCoordinator::Store;
+using Objects = std::vector<std::shared_ptr<NSManagedObject>>;
 
 namespace {
 
@@ -31,8 +30,8 @@ struct NSManagedObjectContext::State {
   }
 
   NSManagedObjectContext& context;
-  bool putsOff = false;               ///< in a block given to `perform`
-  bool isPutOff = false;              ///< a save waits to be written
+  bool deferringSaves = false;        ///< in a block given to `perform`
+  bool saveDeferred = false;          ///< a save waits to be written
   std::size_t rowsAtOnce = kAllRows;  ///< how much the next transaction may try; all unless the one before failed
   std::map<const NSEntityDescription*, EntityObjects> entities;
 };
@@ -50,6 +49,60 @@ namespace {
 const EntityObjects::Pending& insertedFor(const NSFetchRequest& request, const EntityObjects& objects) {
   static const auto& none = *new EntityObjects::Pending;
   return request.includesPendingInsertions ? objects.inserted() : none;
+}
+
+/// Fills what `found` lacks: the objects of rows that nobody uses, each at the place of its key.
+std::optional<Error> readMissing(Store& store, EntityObjects& objects, const std::vector<std::int64_t>& keys,
+                                 Objects& found) {
+  std::string sql;
+  for (std::size_t first = 0; first < keys.size(); ++first) {
+    if (found[first]) continue;
+    // Rows mostly stand in the file in the order of the answer: a run of neighbours is one pass, upwards or downwards.
+    std::size_t last = first;
+    const std::int64_t step = first + 1 < keys.size() && keys[first + 1] < keys[first] ? -1 : 1;
+    while (last + 1 < keys.size() && !found[last + 1] && keys[last + 1] == keys[last] + step) ++last;
+    if (sql.empty()) sql = concat(objects.selectText(), " WHERE \"_key\" BETWEEN ?1 AND ?2");
+    Execution rows(store.database(), sql);
+    rows.bind(1, std::min(keys[first], keys[last]));
+    rows.bind(2, std::max(keys[first], keys[last]));
+    while (rows.step()) {
+      const std::int64_t key = rows.integer(0);
+      found[first + static_cast<std::size_t>((key - keys[first]) * step)] = objects.registerNew(rows);
+    }
+    if (rows.failed()) return rows.error(StoreErrorCode::operation, "The records could not be read");
+    first = last;
+  }
+  std::erase(found, nullptr);  // another process may have deleted a row meanwhile
+  return std::nullopt;
+}
+
+/// The rows of a plan whose objects have no unsaved changes, in the file's order. First their keys, for most
+/// queries from an index alone: what is in use need not be read, and SQLite sorts keys rather than records.
+Result<Objects> fetchRows(Store& store, EntityObjects& objects, const FetchPlan& plan, std::size_t limit) {
+  std::vector<std::int64_t> keys;
+  Objects found;
+  keys.reserve(limit);
+  found.reserve(limit);
+  {
+    std::string sql =
+        concat("SELECT \"_key\" FROM \"", objects.entity().name, "\"", plan.whereClause(), plan.orderClause());
+    if (limit > 0) sql += " LIMIT ?";
+    Execution rows(store.database(), sql);
+    const int next = plan.bind(rows);
+    // Each object with unsaved changes or deletes drops at most one row of the answer.
+    if (limit > 0)
+      rows.bind(next, static_cast<std::int64_t>(limit + objects.changed().size() + objects.deleted().size()));
+    while ((limit == 0 || found.size() < limit) && rows.step()) {
+      const std::int64_t key = rows.integer(0);
+      auto object = objects.registered(key);
+      if (object && EntityObjects::isPending(*object)) continue;
+      keys.push_back(key);
+      found.push_back(std::move(object));
+    }
+    if (rows.failed()) return rows.error(StoreErrorCode::operation, "The records could not be read");
+  }
+  if (auto error = readMissing(store, objects, keys, found)) return *error;
+  return found;
 }
 
 /// Puts what is unsaved and matches into the sorted result.
@@ -88,6 +141,29 @@ Result<std::int64_t> countMatches(Store& store, const EntityObjects& objects, co
   return count;
 }
 
+/// What a transaction writes of one entity.
+struct Part {
+  EntityObjects& objects;
+  EntityObjects::Portion portion;
+  Store::Receipt receipt;
+};
+
+std::optional<Error> write(Store& store, std::vector<Part>& parts) {
+  for (Part& part : parts)
+    if (auto error = store.write(part.objects, part.portion, part.receipt)) return error;
+  return std::nullopt;
+}
+
+/// All parts or none; a single statement needs no transaction around it for that.
+std::optional<Error> commit(Store& store, std::vector<Part>& parts) {
+  if (parts.size() == 1 && !store.needsTransaction(parts.front().objects.entity(), parts.front().portion))
+    return write(store, parts);
+  auto transaction = Transaction::begin(store.database(), Transaction::Kind::writing);
+  if (!transaction) return transaction.error();
+  if (auto error = write(store, parts)) return error;
+  return transaction->commit();
+}
+
 Error unknownEntity(std::string_view name) {
   return storeError(StoreErrorCode::coreData, concat("The model has no entity ", name));
 }
@@ -106,19 +182,19 @@ NSManagedObjectContext::~NSManagedObjectContext() = default;
 void NSManagedObjectContext::perform(std::function<void()> block) {
   performing_.fetch_add(1);
   queue_.async([this, block = std::move(block)] {
-    state_->putsOff = true;
+    state_->deferringSaves = true;
     block();
-    state_->putsOff = false;
-    if (performing_.fetch_sub(1) == 1) writeWhatWasPutOff();
+    state_->deferringSaves = false;
+    if (performing_.fetch_sub(1) == 1) writeDeferredSave();
   });
 }
 
 void NSManagedObjectContext::performAndWait(const std::function<void()>& block) {
   queue_.syncReentrant([&] {
-    const bool insideQueuedBlock = std::exchange(state_->putsOff, false);
-    if (!insideQueuedBlock) writeWhatWasPutOff();
+    const bool insideQueuedBlock = std::exchange(state_->deferringSaves, false);
+    if (!insideQueuedBlock) writeDeferredSave();
     block();
-    state_->putsOff = insideQueuedBlock;
+    state_->deferringSaves = insideQueuedBlock;
   });
 }
 
@@ -174,28 +250,21 @@ Result<StoredRows> NSManagedObjectContext::rows(const NSFetchRequest& request) {
   auto compiledRequest = compiled(request, "fetch");
   if (!compiledRequest) return compiledRequest.error();
   auto& [entity, store, plan] = *compiledRequest;
-  writeWhatWasPutOff();
+  writeDeferredSave();
   StoredRows rows(*this, std::move(plan));
   if (rows.plan_.isEmpty()) return rows;
-  auto all = store.rowCount(entity);
-  if (!all) return all.error();
-
-  // One view of the file, whatever another process adds meanwhile.
-  if (auto error = store.database().run("BEGIN", StoreErrorCode::operation)) return *error;
-  Transaction view(store.database());
+  auto view = Transaction::begin(store.database(), Transaction::Kind::reading);
+  if (!view) return view.error();
   Execution last(store.database(), concat("SELECT max(\"_key\") FROM \"", entity.name, "\""));
   if (!last.step()) return last.error(StoreErrorCode::operation, "The keys could not be read");
   rows.lastKey_ = last.integer(0);
-  auto leavesOut = rows.plan_.hasConditions() ? store.leavesRowsOut(entity, rows.plan_) : Result<bool>(false);
-  if (!leavesOut) return leavesOut.error();
-  auto matching = *leavesOut ? store.matchingRows(entity, rows.plan_) : all;
+  auto all = store.rowCount(entity);
+  if (!all) return all.error();
+  auto matching = rows.plan_.hasConditions() ? store.matchingRows(entity, rows.plan_) : all;
   if (!matching) return matching.error();
   rows.count_ = static_cast<std::size_t>(*matching);
   // Finding many rows by an index and sorting them costs more than going through all in order, above all memory.
-  if (!*leavesOut)
-    rows.way_ = StoredRows::Way::all;
-  else if (*matching > *all / 4)
-    rows.way_ = StoredRows::Way::inOrder;
+  if (*matching > *all / 4) rows.way_ = StoredRows::Way::inOrder;
   return rows;
 }
 
@@ -225,15 +294,12 @@ Result<std::shared_ptr<NSManagedObject>> NSManagedObjectContext::existingObject(
   if (!store) return coordinator_->whyNoStore("fetch");
   if (key == 0 || (id.storeUUID && *id.storeUUID != *store->uuid())) return missingObject(id);
 
-  RowCodec codec(*id.entity, id.entity->allAttributes());
-  Execution row(store->database(), concat(codec.selectText(), " WHERE \"_key\" = ?1"));
+  Execution row(store->database(), concat(objects.selectText(), " WHERE \"_key\" = ?1"));
   row.bind(1, key);
   const bool exists = row.step();
   if (row.failed()) return row.error(StoreErrorCode::operation, "The record could not be read");
   if (!exists) return missingObject(id);
-  auto object = objects.registerNew(key, id.entity->allAttributes());
-  codec.read(row, *object);
-  return object;
+  return objects.registerNew(row);
 }
 
 bool NSManagedObjectContext::hasChanges() const {
@@ -265,18 +331,18 @@ std::optional<Error> NSManagedObjectContext::saveAfterFailure() {
 std::optional<Error> NSManagedObjectContext::save() {
   if (!hasChanges()) return std::nullopt;
   if (claim()) return coordinator_->whyNoStore("save");
-  if (!state_->putsOff) return write();
-  state_->isPutOff = true;
+  if (!state_->deferringSaves) return write();
+  state_->saveDeferred = true;
   return std::nullopt;
 }
 
-void NSManagedObjectContext::writeWhatWasPutOff() {
-  if (!state_->isPutOff) return;
-  if (const auto error = write(); error) tellLateFailure(*error);
+void NSManagedObjectContext::writeDeferredSave() {
+  if (!state_->saveDeferred) return;
+  if (const auto error = write(); error && lateFailure_) lateFailure_(*error);
 }
 
 std::optional<Error> NSManagedObjectContext::write() {
-  state_->isPutOff = false;
+  state_->saveDeferred = false;
   if (!coordinator_->store()) return coordinator_->whyNoStore("save");
   std::size_t& rows = state_->rowsAtOnce;
   while (true) {
@@ -293,32 +359,17 @@ std::optional<Error> NSManagedObjectContext::write() {
 }
 
 std::optional<Error> NSManagedObjectContext::writeAtMost(std::size_t rows) {
-  struct Part {
-    EntityObjects& objects;
-    EntityObjects::Portion portion;
-    Store::Receipt receipt;
-  };
   std::vector<Part> parts;
   for (auto& [entity, objects] : state_->entities) {
     const EntityObjects::Portion portion = rows > 0 ? objects.portion(rows) : EntityObjects::Portion{};
     if (portion.size() > 0) parts.push_back({objects, portion, {}});
     rows -= std::min(rows, portion.size());
   }
-  Store* store = coordinator_->store();
-  {
-    Transaction transaction(store->database());
-    // A single row is a transaction by itself.
-    const bool isSingle = parts.size() == 1 && parts.front().portion.size() == 1;
-    if (!isSingle)
-      if (auto error = transaction.begin()) return error;
-    for (Part& part : parts)
-      if (auto error = store->write(part.objects, part.portion, part.receipt)) return error;
-    if (!isSingle)
-      if (auto error = transaction.commit()) return error;
-  }
+  Store& store = *coordinator_->store();
+  if (auto error = commit(store, parts)) return error;
   // Certain only now: until the commit everything stayed pending, whatever became of the transaction.
   for (Part& part : parts) {
-    store->didCommit(part.objects.entity(), part.receipt);
+    store.didCommit(part.objects.entity(), part.receipt);
     part.objects.didSave(part.portion, part.receipt.firstKey);
   }
   return std::nullopt;

@@ -41,9 +41,10 @@ class NSManagedObjectContext {
   /// The rows that match now, without limit, to be gone through later without making objects of them.
   Result<StoredRows> rows(const NSFetchRequest& request);
 
-  /// Takes the right to write to the store (see NSPersistentStoreCoordinator) before something is read in order to be
-  /// changed. `insertNewObject` and `save` do it by themselves; a change or a deletion alone does not, so that who only
-  /// reads may leave some unsaved. Absent on success.
+  /// Takes the right to write to the store (see NSPersistentStoreCoordinator). Call it before reading what is to be
+  /// changed, so that nobody else changes it in between. `insertNewObject` and `save` take the right themselves.
+  /// Changing or deleting an object does not: a process that only reads may do so as long as it never saves. Absent on
+  /// success.
   std::optional<Error> claim(std::optional<WriteRight::Span> wait = {});
   /// A new object with every attribute absent; a null pointer for an unknown entity.
   std::shared_ptr<NSManagedObject> insertNewObject(std::string_view entity);
@@ -62,19 +63,15 @@ class NSManagedObjectContext {
   /// disk that stays full costs the same however much is pending. The first that fails ends it: what was written until
   /// then is saved, the rest stays pending.
   ///
-  /// Inside a block given to `perform` the write is put off: it comes when no such block waits any more, and before the
-  /// next `performAndWait` from outside runs, so that a thousand small saves share one transaction. What a later block
-  /// changes without saving goes out with them. A failure is then told to `setLateFailure`'s receiver.
+  /// Inside a block given to `perform` the save is deferred: it is written when no such block waits any more, and
+  /// before the next `performAndWait` from outside runs, so that a thousand small saves share one transaction. What a
+  /// later block changes without saving goes out with them. A failure is then told to `setLateFailure`'s receiver.
   std::optional<Error> save();
   /// Saves if the last save failed and its changes are still pending.
   std::optional<Error> saveAfterFailure();
-  /// Who is told of what fails where no caller can be: saves that were put off, and reads of what a fetch left out.
-  /// Called inside a block of the context. Before the first `perform`.
+  /// Who is told when a deferred save fails, since no caller can be. Called inside a block of the context; to be set
+  /// before the first `perform`.
   void setLateFailure(std::function<void(const Error&)> receiver) { lateFailure_ = std::move(receiver); }
-  /// Inside a block; for what belongs to the context.
-  void tellLateFailure(const Error& error) const {
-    if (lateFailure_) lateFailure_(error);
-  }
 
   NSPersistentStoreCoordinator& coordinator() { return *coordinator_; }
 
@@ -86,7 +83,7 @@ class NSManagedObjectContext {
   const EntityObjects* objectsOf(std::string_view entity) const;
   std::optional<Error> write();
   std::optional<Error> writeAtMost(std::size_t rows);
-  void writeWhatWasPutOff();
+  void writeDeferredSave();
 
   std::shared_ptr<NSPersistentStoreCoordinator> coordinator_;
   std::unique_ptr<State> state_;

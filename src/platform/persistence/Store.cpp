@@ -1,11 +1,10 @@
 #include "platform/persistence/Store.h"
 
+#include <algorithm>
 #include <bit>
 #include <iterator>
 
 #include "platform/foundation/Text.h"
-#include "platform/persistence/RowCodec.h"
-#include "platform/persistence/RowCount.h"
 
 namespace tarvo::platform {
 namespace {
@@ -37,9 +36,19 @@ using Changed = EntityObjects::Pending::const_iterator;
 Changed endOfRun(Changed first, Changed end) {
   std::int64_t key = first->first;
   Changed next = std::next(first);
-  while (next != end && next->first == ++key && RowCodec::changesEqually(*next->second, *first->second)) ++next;
+  while (next != end && next->first == ++key && EntityObjects::changesEqually(*next->second, *first->second)) ++next;
   return next;
 }
+
+/// Smaller tables are counted: that takes milliseconds, even when nothing of the file is in memory.
+constexpr std::int64_t kRowsWorthKeeping = 10000;
+
+/// Whether a table that is to have `more` rows needs an entry, or another one than it has.
+bool isEntryDue(const NSPersistentStoreCoordinator::Store::Keys& keys, std::int64_t more = 0) {
+  return keys.inEntry ? *keys.inEntry != keys.missing : keys.rows() + more >= kRowsWorthKeeping;
+}
+
+std::string keptName(const NSEntityDescription& entity) { return concat(entity.name, ".keys"); }
 
 Error unknownEntity(const NSEntityDescription& entity) {
   return storeError(StoreErrorCode::coreData, concat("The store does not hold ", entity.name, " records"));
@@ -50,8 +59,7 @@ Error unknownEntity(const NSEntityDescription& entity) {
 NSPersistentStoreCoordinator::Store::Store(std::unique_ptr<Database> database, std::string uuid,
                                            const std::vector<const NSEntityDescription*>& entities)
     : database_(std::move(database)), uuid_(std::make_shared<const std::string>(std::move(uuid))) {
-  for (const NSEntityDescription* entity : entities)
-    tables_.push_back({entity, insertText(*entity), std::nullopt, std::nullopt});
+  for (const NSEntityDescription* entity : entities) tables_.push_back({entity, insertText(*entity), std::nullopt, 0});
 }
 
 NSPersistentStoreCoordinator::Store::Table* NSPersistentStoreCoordinator::Store::table(
@@ -64,20 +72,50 @@ NSPersistentStoreCoordinator::Store::Table* NSPersistentStoreCoordinator::Store:
 Result<std::int64_t> NSPersistentStoreCoordinator::Store::rowCount(const NSEntityDescription& entity) {
   Table* known = table(entity);
   if (!known) return unknownEntity(entity);
-  if (known->rows) return *known->rows;
-  auto counted = countRows(*database_, entity.name, writes_);
-  if (counted && writes_) known->rows = *counted;
-  return counted;
+  auto keys = keysOf(*known);
+  if (!keys) return keys.error();
+  return keys->rows();
 }
 
-Result<bool> NSPersistentStoreCoordinator::Store::leavesRowsOut(const NSEntityDescription& entity,
-                                                                const FetchPlan& plan) {
-  const std::string outside = plan.outsideClause();
-  if (outside.empty()) return true;
-  Execution some(*database_, concat("SELECT EXISTS (SELECT 1 FROM \"", entity.name, "\"", outside, ")"));
-  plan.bind(some);
-  if (!some.step()) return some.error(StoreErrorCode::operation, "The rows could not be counted");
-  return some.integer(0) != 0;
+Result<NSPersistentStoreCoordinator::Store::Keys> NSPersistentStoreCoordinator::Store::keysOf(Table& table) {
+  if (table.keys) return *table.keys;
+  auto keys = readKeys(table);
+  if (keys && writes_) table.keys = *keys;
+  return keys;
+}
+
+Result<NSPersistentStoreCoordinator::Store::Keys> NSPersistentStoreCoordinator::Store::readKeys(const Table& table) {
+  constexpr std::string_view kFailure = "The rows could not be counted";
+  const std::string& name = table.entity->name;
+  const std::string entry = keptName(*table.entity);
+  // One statement is one view of the file, whatever another process writes meanwhile.
+  Execution row(*database_,
+                concat("SELECT (SELECT max(\"_key\") FROM \"", name, "\"), (SELECT min(\"_key\") FROM \"", name,
+                       "\"), CAST(value AS INTEGER), CAST(substr(value, instr(value, ' ')) AS INTEGER) ",
+                       "FROM (SELECT ?1 AS entry) LEFT JOIN \"_metadata\" ON name = entry"));
+  row.bind(1, entry);
+  if (!row.step()) return row.error(StoreErrorCode::operation, kFailure);
+  const std::int64_t highest = row.integer(0);
+  Keys keys{std::max({highest, row.integer(2), table.lastGiven}), row.integer(3), std::nullopt};
+  if (!row.cell(2).isNull()) keys.inEntry = keys.missing;
+  // Another program that has deleted the oldest rows leaves fewer keys than there should be rows.
+  const std::int64_t most = row.cell(0).isNull() ? 0 : highest - row.integer(1) + 1;
+  if (keys.inEntry && keys.missing >= 0 && keys.rows() >= 0 && keys.rows() <= most) return keys;
+  Execution all(*database_, concat("SELECT count(*) FROM \"", name, "\""));
+  if (!all.step()) return all.error(StoreErrorCode::operation, kFailure);
+  keys.missing = keys.last - all.integer(0);
+  return keys;
+}
+
+std::optional<Error> NSPersistentStoreCoordinator::Store::keep(const Table& table, const Keys& keys) {
+  const std::string entry = keptName(*table.entity);
+  const std::string value = concat(keys.last, " ", keys.missing);
+  Execution row(*database_, "REPLACE INTO \"_metadata\" VALUES (?1, ?2)");
+  row.bind(1, entry);
+  row.bind(2, value);
+  row.step();
+  if (row.failed()) return row.error(StoreErrorCode::save, "The keys could not be written");
+  return std::nullopt;
 }
 
 Result<std::int64_t> NSPersistentStoreCoordinator::Store::matchingRows(const NSEntityDescription& entity,
@@ -98,33 +136,45 @@ Result<bool> NSPersistentStoreCoordinator::Store::rowMatches(const NSEntityDescr
   return found;
 }
 
+bool NSPersistentStoreCoordinator::Store::needsTransaction(const NSEntityDescription& entity,
+                                                           const EntityObjects::Portion& portion) {
+  if (portion.size() > 1 || portion.deleted > 0) return true;
+  const Table* known = table(entity);
+  return portion.inserted > 0 && known && known->keys && isEntryDue(*known->keys, 1);
+}
+
 std::optional<Error> NSPersistentStoreCoordinator::Store::write(const EntityObjects& objects,
                                                                 const EntityObjects::Portion& portion,
                                                                 Receipt& receipt) {
   Table* known = table(objects.entity());
   if (!known) return unknownEntity(objects.entity());
-  if (auto error = insertRows(*known, objects, portion.inserted, receipt)) return error;
   if (auto error = updateRows(*known, objects, portion.changed)) return error;
-  return portion.deleted > 0 ? deleteRows(*known, objects, receipt) : std::nullopt;
+  if (portion.inserted + portion.deleted == 0) return std::nullopt;
+  auto keys = keysOf(*known);
+  if (!keys) return keys.error();
+  receipt.firstKey = keys->last + 1;
+  if (auto error = insertRows(*known, objects, portion.inserted, *keys)) return error;
+  if (portion.deleted > 0)
+    if (auto error = deleteRows(*known, objects, *keys)) return error;
+  if (isEntryDue(*keys) && database_->inTransaction()) {
+    if (auto error = keep(*known, *keys)) return error;
+    keys->inEntry = keys->missing;
+  }
+  receipt.keys = *keys;
+  return std::nullopt;
 }
 
 std::optional<Error> NSPersistentStoreCoordinator::Store::insertRows(Table& table, const EntityObjects& objects,
-                                                                     std::size_t rows, Receipt& receipt) {
+                                                                     std::size_t rows, Keys& keys) {
   const int count = static_cast<int>(table.entity->attributes.size());
-  if (rows > 0 && !table.lastKey) {
-    Execution highest(*database_, concat("SELECT max(\"_key\") FROM \"", table.entity->name, "\""));
-    if (!highest.step()) return highest.error(StoreErrorCode::save, "The keys could not be read");
-    table.lastKey = highest.integer(0);
-  }
-  receipt.firstKey = table.lastKey.value_or(0) + 1;
   for (auto next = objects.inserted().begin(); rows > 0; --rows, ++next) {
     Execution insert(*database_, table.insert);
-    for (int i = 0; i < count; ++i) RowCodec::bind(insert, i + 1, *next->second, i);
-    // A key is used once in a process, also when its row has gone: an id taken before must not name another record.
-    insert.bind(count + 1, ++*table.lastKey);
+    for (int i = 0; i < count; ++i) EntityObjects::bind(insert, i + 1, *next->second, i);
+    insert.bind(count + 1, ++keys.last);
     insert.step();
-    if (insert.failed()) return insert.error(StoreErrorCode::save, "A record could not be inserted");
-    ++receipt.rowsAdded;
+    if (!insert.failed()) continue;
+    table.keys.reset();  // another program may have used the key: the next try looks again
+    return insert.error(StoreErrorCode::save, "A record could not be inserted");
   }
   return std::nullopt;
 }
@@ -141,7 +191,7 @@ std::optional<Error> NSPersistentStoreCoordinator::Store::updateRows(const Table
     Execution update(*database_, updateText(*table.entity, mask, lastKey != firstKey));
     int parameter = 0;
     for (std::uint64_t rest = mask; rest != 0; rest &= rest - 1)
-      RowCodec::bind(update, ++parameter, *object, std::countr_zero(rest));
+      EntityObjects::bind(update, ++parameter, *object, std::countr_zero(rest));
     update.bind(++parameter, firstKey);
     if (lastKey != firstKey) update.bind(++parameter, lastKey);
     update.step();
@@ -152,20 +202,23 @@ std::optional<Error> NSPersistentStoreCoordinator::Store::updateRows(const Table
 }
 
 std::optional<Error> NSPersistentStoreCoordinator::Store::deleteRows(const Table& table, const EntityObjects& objects,
-                                                                     Receipt& receipt) {
+                                                                     Keys& keys) {
   const std::string sql = concat("DELETE FROM \"", table.entity->name, "\" WHERE \"_key\" = ?1");
   for (const auto& [key, object] : objects.deleted()) {
     Execution removal(*database_, sql);
     removal.bind(1, key);
     removal.step();
     if (removal.failed()) return removal.error(StoreErrorCode::save, "A record could not be deleted");
-    receipt.rowsAdded -= database_->rowsChanged();
+    keys.missing += database_->rowsChanged();
   }
   return std::nullopt;
 }
 
 void NSPersistentStoreCoordinator::Store::didCommit(const NSEntityDescription& entity, const Receipt& receipt) {
-  if (Table* known = table(entity); known && known->rows) *known->rows += receipt.rowsAdded;
+  Table* known = table(entity);
+  if (!known || !receipt.keys) return;
+  known->keys = receipt.keys;
+  known->lastGiven = receipt.keys->last;
 }
 
 }  // namespace tarvo::platform

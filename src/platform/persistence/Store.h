@@ -16,15 +16,25 @@ namespace tarvo::platform {
 /// The open store file: rows in, rows out, and the number of rows of each table.
 ///
 /// Threads: only inside blocks of the one context.
-/// Writing: a Transaction around any number of `write`, each with a receipt of its own (a single row needs none); once
-/// the commit has succeeded each receipt is given to `didCommit`. Nothing here changes before that, so a failed
-/// transaction needs no repair.
+/// Writing: a Transaction around any number of `write`, each with a receipt of its own; once the commit has succeeded
+/// each receipt is given to `didCommit`. What is known of a table changes only then, so a failed transaction needs no
+/// repair.
 struct NSPersistentStoreCoordinator::Store {
  public:
+  /// A table's rows have the keys from 1 to the last one given out, except those that are missing. So the number of
+  /// rows follows from the highest key, which costs no pass over the table, and only a deletion changes what must be
+  /// kept for it: an entry "last missing" in `_metadata`, written in the deletion's own transaction. Small tables have
+  /// no entry.
+  struct Keys {
+    std::int64_t last = 0;                ///< highest ever given out
+    std::int64_t missing = 0;             ///< how many up to it have no row
+    std::optional<std::int64_t> inEntry;  ///< what the entry says is missing
+    std::int64_t rows() const { return last - missing; }
+  };
   /// What one `write` did, not yet certain.
   struct Receipt {
-    std::int64_t firstKey = 0;   ///< of the inserted rows, whose keys follow each other in the order of the insertions
-    std::int64_t rowsAdded = 0;  ///< negative when more were deleted
+    std::int64_t firstKey = 0;  ///< of the inserted rows, whose keys follow each other in the order of the insertions
+    std::optional<Keys> keys;   ///< of the table afterwards; none if no row came or went
   };
 
   /// Opens or creates the file; refuses what is not a store of the model. What is there already is not changed.
@@ -38,16 +48,16 @@ struct NSPersistentStoreCoordinator::Store {
   Database& database() { return *database_; }
   const std::shared_ptr<const std::string>& uuid() const { return uuid_; }
 
-  /// The number of rows; costs nothing once it is known, which only the process that writes can rely on.
+  /// The number of rows. The process that writes finds it out once and keeps count; a reader asks the file each time.
   Result<std::int64_t> rowCount(const NSEntityDescription& entity);
-  /// Whether rows may exist that a plan with conditions leaves out; false only where that costs little to find.
-  Result<bool> leavesRowsOut(const NSEntityDescription& entity, const FetchPlan& plan);
   /// The number of rows that match a plan with conditions.
   Result<std::int64_t> matchingRows(const NSEntityDescription& entity, const FetchPlan& plan);
   /// Whether the row, as the file has it, matches a plan with conditions.
   Result<bool> rowMatches(const NSEntityDescription& entity, const FetchPlan& plan, std::int64_t key);
 
-  /// Writes a portion of what is pending of one entity; more than one row needs a transaction.
+  /// Whether `write` runs more than one statement, so that a transaction has to stand around it.
+  bool needsTransaction(const NSEntityDescription& entity, const EntityObjects::Portion& portion);
+  /// Writes a portion of what is pending of one entity.
   std::optional<Error> write(const EntityObjects& objects, const EntityObjects::Portion& portion, Receipt& receipt);
   void didCommit(const NSEntityDescription& entity, const Receipt& receipt);
 
@@ -55,15 +65,19 @@ struct NSPersistentStoreCoordinator::Store {
   struct Table {
     const NSEntityDescription* entity;
     std::string insert;
-    std::optional<std::int64_t> rows;     ///< known once somebody has asked
-    std::optional<std::int64_t> lastKey;  ///< highest ever given out; known from the first insert on
+    std::optional<Keys> keys;  ///< known to the process that writes once it has asked
+    /// A key is used once in a process, also when its row has gone: an id taken before must not name another record.
+    std::int64_t lastGiven;
   };
 
   Store(std::unique_ptr<Database> database, std::string uuid, const std::vector<const NSEntityDescription*>& entities);
   Table* table(const NSEntityDescription& entity);
-  std::optional<Error> insertRows(Table& table, const EntityObjects& objects, std::size_t rows, Receipt& receipt);
+  Result<Keys> keysOf(Table& table);
+  Result<Keys> readKeys(const Table& table);
+  std::optional<Error> keep(const Table& table, const Keys& keys);
+  std::optional<Error> insertRows(Table& table, const EntityObjects& objects, std::size_t rows, Keys& keys);
   std::optional<Error> updateRows(const Table& table, const EntityObjects& objects, std::size_t rows);
-  std::optional<Error> deleteRows(const Table& table, const EntityObjects& objects, Receipt& receipt);
+  std::optional<Error> deleteRows(const Table& table, const EntityObjects& objects, Keys& keys);
 
   std::unique_ptr<Database> database_;
   std::shared_ptr<const std::string> uuid_;

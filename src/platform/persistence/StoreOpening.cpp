@@ -102,7 +102,7 @@ Result<std::unique_ptr<NSPersistentStoreCoordinator::Store>> NSPersistentStoreCo
 std::optional<Error> NSPersistentStoreCoordinator::Store::beginWriting() {
   ::chmod(database_->file().c_str(), kOwnerOnly);
   if (auto error = useWriteAheadLog(*database_)) return error;
-  if (auto error = database_->adopt()) return error;
+  if (auto error = database_->checkpointOnClose()) return error;
   writes_ = true;  // no count or key is known yet: others may have written until now
   return std::nullopt;
 }

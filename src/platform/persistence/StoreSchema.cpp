@@ -106,8 +106,8 @@ Result<std::string> StoreSchema::prepare(Database& database) const {
 
 /// Before write-ahead logging is switched on: the header must be in the file itself once the transaction has ended.
 std::optional<Error> StoreSchema::create(Database& database) const {
-  Transaction transaction(database);
-  if (auto error = transaction.begin()) return error;
+  auto transaction = Transaction::begin(database, Transaction::Kind::writing);
+  if (!transaction) return transaction.error();
   auto isEmpty = hasNoObjects(database);
   if (!isEmpty) return isEmpty.error();
   if (!*isEmpty) return std::nullopt;  // another process was faster
@@ -125,7 +125,7 @@ std::optional<Error> StoreSchema::create(Database& database) const {
     insert.step();
     if (insert.failed()) return insert.error(StoreErrorCode::open, "The store's metadata cannot be written");
   }
-  return transaction.commit();
+  return transaction->commit();
 }
 
 std::optional<Error> StoreSchema::checkMetadata(Database& database, std::string& uuid) const {

@@ -42,7 +42,7 @@ std::optional<Error> StoredRows::forEach(const std::vector<int>& attributes,
   std::string sql = "SELECT ";
   for (const int attribute : attributes)
     sql += concat(attribute == attributes.front() ? "\"" : ", \"", plan_.column(attribute), "\"");
-  const std::string where = way_ == Way::all ? "" : plan_.whereClause(way_ == Way::inOrder ? "+" : "");
+  const std::string where = plan_.whereClause(way_ == Way::inOrder ? "+" : "");
   sql += concat(" FROM \"", plan_.entity().name, "\"", where, where.empty() ? " WHERE " : " AND ", "\"_key\" <= ?",
                 plan_.orderClause(), limit > 0 ? " LIMIT ?" : "");
   context_->performAndWait([&] {
@@ -52,7 +52,7 @@ std::optional<Error> StoredRows::forEach(const std::vector<int>& attributes,
       return;
     }
     Execution rows(store->database(), sql);
-    const int next = where.empty() ? 1 : plan_.bind(rows);  // a bare "?" takes the next number
+    const int next = plan_.bind(rows);  // a bare "?" takes the next number
     rows.bind(next, lastKey_);
     if (limit > 0) rows.bind(next + 1, static_cast<std::int64_t>(limit));
     const StoredRow row(rows);

@@ -42,7 +42,8 @@ class StoredRows {
   std::size_t count() const { return count_; }
 
   /// Calls `visit` for each row in the request's order until it answers false. A visitor makes no pass of its own.
-  /// The first few are cheaper under a limit (0: none) than by a visitor that stops: the others are not sorted then.
+  /// `limit` (0: none) ends the pass after so many rows. That is cheaper than a visitor that stops, since SQLite then
+  /// need not sort the rest.
   std::optional<Error> forEach(const std::vector<int>& attributes, const std::function<bool(const StoredRow&)>& visit,
                                std::size_t limit = 0) const;
 
@@ -52,8 +53,9 @@ class StoredRows {
 
   NSManagedObjectContext* context_;
   FetchPlan plan_;
-  /// How the rows are found: by an index and then sorted, by going through all in order, or they are all.
-  enum class Way { byIndex, inOrder, all } way_ = Way::byIndex;
+  /// How the rows are found: by an index of the conditions and then sorted, or all in order, leaving out what does not
+  /// match.
+  enum class Way { byIndex, inOrder } way_ = Way::byIndex;
   std::int64_t lastKey_ = 0;  ///< of the rows that existed then
   std::size_t count_ = 0;
 };
