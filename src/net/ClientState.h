@@ -8,7 +8,7 @@
 
 #include <tarvo/NetworkManager.h>
 
-#include "net/Reply.h"
+#include "net/Messages.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/urlsession/BackgroundSession.h"
 #include "platform/urlsession/URLRequest.h"

@@ -6,8 +6,7 @@
 
 #include "log/Log.h"
 #include "net/ClientState.h"
-#include "net/Endpoints.h"
-#include "net/RequestBuilder.h"
+#include "net/Messages.h"
 #include "net/ServerProbe.h"
 #include "platform/foundation/FatalError.h"
 #include "platform/urlsession/URLSession.h"

@@ -4,9 +4,8 @@
 #include <tarvo/platform/UserDefaults.h>
 
 #include "log/Log.h"
-#include "net/CallBody.h"
 #include "net/ClientState.h"
-#include "net/Endpoints.h"
+#include "net/Messages.h"
 #include "platform/foundation/Bundle.h"
 #include "platform/foundation/Json.h"
 #include "settings/Names.h"

@@ -7,7 +7,7 @@
 
 #include "log/Log.h"
 #include "net/ClientState.h"
-#include "net/Endpoints.h"
+#include "net/Messages.h"
 #include "platform/foundation/Json.h"
 #include "records/LatestPrediction.h"
 #include "settings/EngineLink.h"

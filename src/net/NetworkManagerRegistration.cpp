@@ -3,7 +3,7 @@
 
 #include "log/Log.h"
 #include "net/ClientState.h"
-#include "net/Endpoints.h"
+#include "net/Messages.h"
 #include "platform/foundation/Json.h"
 #include "settings/BackendAddress.h"
 #include "settings/EngineLink.h"

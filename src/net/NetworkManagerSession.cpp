@@ -16,7 +16,7 @@
 
 #include "log/Log.h"
 #include "net/ClientState.h"
-#include "net/RequestBuilder.h"
+#include "net/Messages.h"
 #include "platform/foundation/HostCall.h"
 #include "settings/EngineLink.h"
 

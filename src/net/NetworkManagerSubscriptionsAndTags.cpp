@@ -3,9 +3,8 @@
 #include <tarvo/NetworkManager.h>
 
 #include "log/Log.h"
-#include "net/CallBody.h"
 #include "net/ClientState.h"
-#include "net/Endpoints.h"
+#include "net/Messages.h"
 
 namespace tarvo {
 namespace {

@@ -1,0 +1,102 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <tarvo/platform/Value.h>
+
+#include "platform/foundation/Error.h"
+#include "platform/urlsession/URLRequest.h"
+
+// What the client and the backend say to each other: paths, requests, bodies, answers. Threads: any.
+
+namespace tarvo {
+
+namespace endpoints {
+
+/// Stands between the backend's address and the client id.
+inline constexpr std::string_view kVersion = "/v1/";
+
+/// Paths of the backend's REST service, behind the client id.
+inline constexpr std::string_view usersAPI = "users";
+inline constexpr std::string_view positionsAPI = "positions";
+inline constexpr std::string_view logAPI = "uplog";
+inline constexpr std::string_view userConfigAPI = "userconf";
+inline constexpr std::string_view tokensAPI = "tokens";
+inline constexpr std::string_view tripAPI = "predictions";
+inline constexpr std::string_view locationHistoryAPI = "pasttrips";
+inline constexpr std::string_view poiAPI = "pois";
+inline constexpr std::string_view resetBackendAPI = "resetbackend";
+inline constexpr std::string_view resetGeoProfileAPI = "resetgeoprofile";
+inline constexpr std::string_view subscriptionRegisterAPI = "subscriptions/register";
+inline constexpr std::string_view subscriptionUnregiterAPI = "subscriptions/unregister";
+inline constexpr std::string_view setTagsAPI = "tags/set";
+inline constexpr std::string_view unsetTagsAPI = "tags/unset";
+
+/// Reserved file names; nothing reads them.
+inline constexpr std::string_view dataFile = "marrowgate-tarvo-data";
+inline constexpr std::string_view userFile = "marrowgate-tarvo-user";
+inline constexpr std::string_view logFile = "log";
+
+}  // namespace endpoints
+
+/// Name and password of HTTP Basic.
+struct Credentials {
+  std::string name;
+  std::string secret;
+};
+
+/// A REST request, complete: URL, JSON headers, credentials, background service type.
+/// The URL is `versionedBase`, the client id, "/" and `path` one after the other, nothing escaped; one that does not
+/// parse stops the process. Threads: any.
+platform::URLRequest buildRequest(std::string_view versionedBase, std::string_view clientID, std::string_view method,
+                                  std::string_view path, const Credentials& credentials,
+                                  std::optional<std::string> body);
+
+/// The upload of a log file, which is the whole multipart body itself: without the headers of the JSON calls.
+platform::URLRequest buildLogUpload(std::string_view versionedBase, std::string_view clientID,
+                                    const Credentials& credentials);
+
+/// The beginnings of the two lines that tell why a body could not be written.
+struct BodyTexts {
+  std::string_view problem;
+  std::string_view unresolved;
+};
+
+/// The values as JSON; absent, with a line in the log, when they cannot be written: the call is dropped.
+std::optional<std::string> callBody(const BodyTexts& texts, platform::Dictionary values);
+
+/// What became of a request. A status and an error can stand side by side; an empty body is no data.
+struct Reply {
+  std::optional<std::string> data;
+  std::optional<platform::HTTPURLResponse> response;
+  std::optional<platform::Error> error;
+
+  /// A status other than 200; no status at all is none.
+  bool refused() const { return response && response->statusCode != 200; }
+  bool ok() const { return response && response->statusCode == 200; }
+};
+
+/// `Optional("Could not connect to the server.")`
+std::string printedDescription(const platform::Error& error);
+
+// Values whose type the backend's contract fixes: another type, null included, stops the process. A Boolean is never
+// a number.
+bool requireBool(const platform::Value& value, std::string_view key);
+std::int64_t requireInteger(const platform::Value& value, std::string_view key);
+double requireNumber(const platform::Value& value, std::string_view key);
+std::string requireText(const platform::Value& value, std::string_view key);
+// These take the objects out of the value: an answer can be large, and is not needed twice.
+platform::Dictionary requireObject(platform::Value&& value, std::string_view key);
+std::vector<platform::Dictionary> requireObjects(platform::Value&& value, std::string_view key);
+
+/// Whether the answer's "success" is there and true; one of another type stops the process.
+bool isSuccess(const platform::Dictionary& answer);
+
+/// The object that is the first element of "results"; a null pointer when the answer has another shape.
+const platform::Dictionary* firstResult(const platform::Dictionary& answer);
+
+}  // namespace tarvo
