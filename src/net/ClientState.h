@@ -25,7 +25,7 @@ struct NetworkManager::State final : std::enable_shared_from_this<State> {
   explicit State(std::string versionedBase);
 
   /// A request of the registered user; for callers that have looked for the identity.
-  platform::URLRequest userRequest(const Identity& identity, std::string_view method, std::string_view path,
+  platform::URLRequest userRequest(const Credentials& identity, std::string_view method, std::string_view path,
                                    std::optional<std::string> body = std::nullopt) const;
   /// Starts a data task of the shared session.
   void start(platform::URLRequest request, Completion completion);
@@ -46,6 +46,6 @@ std::shared_ptr<platform::BackgroundSession> openBackgroundSession(const std::st
 
 /// Who this device is, for a call that may come before the registration: absent, with a line that names the call,
 /// when it has to be dropped.
-std::optional<Identity> identityFor(std::string_view call);
+std::optional<Credentials> identityFor(std::string_view call);
 
 }  // namespace tarvo

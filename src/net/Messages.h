@@ -10,6 +10,7 @@
 
 #include "platform/foundation/Error.h"
 #include "platform/urlsession/URLRequest.h"
+#include "settings/Settings.h"
 
 // What the client and the backend say to each other: paths, requests, bodies, answers. Threads: any.
 
@@ -42,12 +43,6 @@ inline constexpr std::string_view userFile = "marrowgate-tarvo-user";
 inline constexpr std::string_view logFile = "log";
 
 }  // namespace endpoints
-
-/// Name and password of HTTP Basic.
-struct Credentials {
-  std::string name;
-  std::string secret;
-};
 
 /// A REST request, complete: URL, JSON headers, credentials, background service type.
 /// The URL is `versionedBase`, the client id, "/" and `path` one after the other, nothing escaped; one that does not

@@ -5,9 +5,9 @@
 #include <tarvo/platform/UserDefaults.h>
 
 #include "log/Log.h"
+#include "net/BackendAddress.h"
 #include "net/ClientState.h"
 #include "net/Messages.h"
-#include "net/ServerProbe.h"
 #include "platform/foundation/FatalError.h"
 #include "platform/urlsession/URLSession.h"
 #include "settings/Names.h"
@@ -21,10 +21,9 @@ NetworkManager::State::State(std::string versionedBase) : remoteServerURL(std::m
   if (!platform::isValidHttpUrl(remoteServerURL)) platform::fatalError("no valid backend address: " + remoteServerURL);
 }
 
-platform::URLRequest NetworkManager::State::userRequest(const Identity& identity, std::string_view method,
+platform::URLRequest NetworkManager::State::userRequest(const Credentials& identity, std::string_view method,
                                                         std::string_view path, std::optional<std::string> body) const {
-  return buildRequest(remoteServerURL, Settings::shared().clientID(), method, path,
-                      {identity.userUUID, identity.userSecret}, std::move(body));
+  return buildRequest(remoteServerURL, Settings::shared().clientID(), method, path, identity, std::move(body));
 }
 
 void NetworkManager::State::start(platform::URLRequest request, Completion completion) {
@@ -38,14 +37,14 @@ void NetworkManager::State::start(platform::URLRequest request, Completion compl
       ->resume();
 }
 
-std::optional<Identity> identityFor(std::string_view call) {
+std::optional<Credentials> identityFor(std::string_view call) {
   auto identity = Settings::shared().identity();
   if (!identity) Log::debug("NetworkManager:", call, " [net] no user, not sent mainThread:", mainThread());
   return identity;
 }
 
 NetworkManager::NetworkManager()
-    : state_(std::make_shared<State>(concat(Settings::shared().remoteWebServerURL(), endpoints::kVersion))) {
+    : state_(std::make_shared<State>(concat(Settings::shared().copyRemoteWebServerURL(), endpoints::kVersion))) {
   Settings::shared().reloadUserSecret();
   auto session = openBackgroundSession(names::kBackgroundSession);
   Log::debug("NetworkManager:init [net] newBackgroundSession:", session->description());

@@ -77,7 +77,7 @@ void NetworkManager::sendTokenremoteWebServer() {
 void NetworkManager::userConfigremoteWebServer() {
   const auto identity = identityFor("userConfigremoteWebServer");
   if (!identity) return;
-  const std::string path = platform::concat(endpoints::userConfigAPI, "?uuid=", identity->userUUID);
+  const std::string path = platform::concat(endpoints::userConfigAPI, "?uuid=", identity->name);
   state_->start(state_->userRequest(*identity, "GET", path), readConfiguration);
 }
 

@@ -5,8 +5,8 @@
 #include "net/ClientState.h"
 #include "net/Messages.h"
 #include "platform/foundation/Json.h"
-#include "settings/BackendAddress.h"
 #include "settings/EngineLink.h"
+#include "settings/Settings.h"
 
 namespace tarvo {
 namespace {

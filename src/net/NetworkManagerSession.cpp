@@ -172,9 +172,8 @@ void NetworkManager::sendLogToRemoteWebServer() {
     if (exists) Log::append(std::make_shared<const std::string>(file.native()), "\r\n--boundary--\r\n");
     Log::debug("NetworkManager:sendLogToRemoteWebServer [net] logFile: ", file.string(),
                exists ? "" : " does not exist");
-    auto task = session->uploadTask(buildLogUpload(state_->remoteServerURL, Settings::shared().clientID(),
-                                                   {identity->userUUID, identity->userSecret}),
-                                    file);
+    auto task =
+        session->uploadTask(buildLogUpload(state_->remoteServerURL, Settings::shared().clientID(), *identity), file);
     {
       MutexLock lock(state_->mutex);
       state_->httpPOSTTask = task;

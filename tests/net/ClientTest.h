@@ -131,7 +131,7 @@ class ClientTest : public ::testing::Test {
  protected:
   ClientTest() {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    settings.setRemoteWebServerURL(backend.address(), false);
+    settings.setRemoteWebServerURL(backend.address());
     settings.setClientID("acme");
     EngineLink::install(&engine);
   }
