@@ -16,10 +16,9 @@ inline constexpr const char* kDefaultRemoteWebServerURL = "https://backend.tarvo
 
 /// Keys of the user defaults.
 inline constexpr const char* kLogLevel = "tarvologlevel";
-inline constexpr const char* kActivateMarker = "TARVO_ACTIVATE_STATUS";
-inline constexpr const char* kActivateMode = "ACTIVATE_STATUS_YES";
+inline constexpr const char* kKeyMarker = "TARVO_ACTIVATE_STATUS";
+inline constexpr const char* kKeyMode = "ACTIVATE_STATUS_YES";
 inline constexpr const char* kUserSecret = "uuid_secret_key";
-inline constexpr const char* kPoiVersion = "poi_version";
 inline constexpr const char* kServiceState = "service_state";
 inline constexpr const char* kUnsentLocation = "tarvoUnsentLocation";
 inline constexpr const char* kSentWithoutACK = "tarvoLocSentWithoutACK";
