@@ -15,7 +15,6 @@
 namespace tarvo {
 
 namespace platform {
-struct URLRequest;
 class UserDefaults;
 }  // namespace platform
 class NetworkManager;
@@ -79,13 +78,9 @@ class TARVO_API NetworkManager {
   void setEnvir(std::string name);
 
   /// The user-defaults key of the user's secret.
-  static constexpr const char* SECRET_KEY = "uuid_secret_key";
+  static const char* const SECRET_KEY;
   /// The standard ones.
   platform::UserDefaults& defaults() const;
-
-  /// A complete request: `path` may carry a query. Registration ("users") authenticates with the API key, all else
-  /// with the user.
-  platform::URLRequest request(std::string_view method, std::string_view path, std::optional<std::string> body) const;
 
   /// Posts a batch. `first` and `last` are its indexes as texts, handed back to the engine with the acknowledgement;
   /// the channel is the caller's to take. Only a status other than 200 frees it without one.
@@ -123,10 +118,8 @@ class TARVO_API NetworkManager {
 
  private:
   struct State;
-  struct Reset;
   /// For an answer: its client again.
   explicit NetworkManager(std::shared_ptr<State> state);
-  void reset(const Reset& reset);
   /// Goes on with the log uploads that an earlier process has left.
   void takeUpTransfers();
   friend class ServiceControl;  ///< knows when

@@ -30,6 +30,11 @@ platform::URLRequest authorizedRequest(std::string url, std::string_view method,
   platform::fatalError(platform::concat("the backend's \"", key, "\" is no ", expected));
 }
 
+void logError(const CallTexts& texts, const Reply& reply) {
+  if (!reply.error) return;
+  Log::error(texts.error, texts.bareError ? reply.error->localizedDescription : printedDescription(*reply.error));
+}
+
 }  // namespace
 
 platform::URLRequest buildRequest(std::string_view versionedBase, std::string_view clientID, std::string_view method,
@@ -54,7 +59,7 @@ platform::URLRequest buildLogUpload(std::string_view versionedBase, std::string_
   return request;
 }
 
-std::optional<std::string> callBody(const BodyTexts& texts, platform::Dictionary values) {
+std::optional<std::string> callBody(const CallTexts& texts, platform::Dictionary values) {
   const platform::Value body(std::move(values));
   if (!platform::isValidJsonObject(body)) {
     Log::error(texts.problem, mainThread());
@@ -70,6 +75,46 @@ std::optional<std::string> callBody(const BodyTexts& texts, platform::Dictionary
 
 std::string printedDescription(const platform::Error& error) {
   return platform::printedOptional(error.localizedDescription);
+}
+
+void logOutcome(const CallTexts& texts, const Reply& reply) {
+  logError(texts, reply);
+  if (reply.refused()) {
+    Log::debug(texts.status, reply.response->statusCode);
+    Log::debug(texts.response, reply.response->debugDescription());
+  }
+  if (reply.ok() && !texts.success.empty()) Log::debug(texts.success);
+}
+
+void logFailure(const CallTexts& texts, const Reply& reply) {
+  if (reply.refused()) {
+    const auto& response = *reply.response;
+    if (texts.response.empty())
+      Log::debug(texts.status, response.statusCode);
+    else
+      Log::debug(texts.status, response.statusCode, texts.response, response.debugDescription());
+  }
+  logError(texts, reply);
+}
+
+std::optional<Dictionary> acceptedAnswer(const CallTexts& texts, Reply& reply) {
+  if (!reply.data) return std::nullopt;
+  auto json = platform::parseJson(*std::exchange(reply.data, std::nullopt));
+  if (!json) {
+    Log::error(texts.parse, json.error().localizedDescription);
+    return std::nullopt;
+  }
+  Dictionary* answer = json->asDictionary();
+  if (answer == nullptr) return std::nullopt;
+  if (!texts.success.empty()) Log::debug(texts.success, *answer);
+  const Value* success = find(*answer, "success");
+  if (success == nullptr || !requireBool(*success, "success")) return std::nullopt;
+  return std::move(*answer);
+}
+
+std::optional<Dictionary> readAnswer(const CallTexts& texts, Reply& reply) {
+  logFailure(texts, reply);
+  return reply.error ? std::nullopt : acceptedAnswer(texts, reply);
 }
 
 bool requireBool(const Value& value, std::string_view key) {
@@ -104,11 +149,6 @@ std::vector<Dictionary> requireObjects(Value&& value, std::string_view key) {
   objects.reserve(elements->size());
   for (Value& element : *elements) objects.push_back(requireObject(std::move(element), key));
   return objects;
-}
-
-bool isSuccess(const Dictionary& answer) {
-  const Value* success = find(answer, "success");
-  return success != nullptr && requireBool(*success, "success");
 }
 
 const Dictionary* firstResult(const Dictionary& answer) {

@@ -37,10 +37,11 @@ inline constexpr std::string_view subscriptionUnregiterAPI = "subscriptions/unre
 inline constexpr std::string_view setTagsAPI = "tags/set";
 inline constexpr std::string_view unsetTagsAPI = "tags/unset";
 
-/// Reserved file names; nothing reads them.
+/// What a log upload calls its file.
+inline constexpr std::string_view logFile = "log";
+/// Names that the backend keeps for files to come; no call sends them yet.
 inline constexpr std::string_view dataFile = "marrowgate-tarvo-data";
 inline constexpr std::string_view userFile = "marrowgate-tarvo-user";
-inline constexpr std::string_view logFile = "log";
 
 }  // namespace endpoints
 
@@ -55,15 +56,6 @@ platform::URLRequest buildRequest(std::string_view versionedBase, std::string_vi
 platform::URLRequest buildLogUpload(std::string_view versionedBase, std::string_view clientID,
                                     const Credentials& credentials);
 
-/// The beginnings of the two lines that tell why a body could not be written.
-struct BodyTexts {
-  std::string_view problem;
-  std::string_view unresolved;
-};
-
-/// The values as JSON; absent, with a line in the log, when they cannot be written: the call is dropped.
-std::optional<std::string> callBody(const BodyTexts& texts, platform::Dictionary values);
-
 /// What became of a request. A status and an error can stand side by side; an empty body is no data.
 struct Reply {
   std::optional<std::string> data;
@@ -75,8 +67,36 @@ struct Reply {
   bool ok() const { return response && response->statusCode == 200; }
 };
 
+/// The beginnings of the lines that one call writes; those that it does not have are empty.
+struct CallTexts {
+  std::string_view problem;     ///< the values are no JSON object
+  std::string_view unresolved;  ///< or cannot be written all the same
+  std::string_view status;      ///< a status other than 200
+  std::string_view response;    ///< the response that goes with it
+  std::string_view error;       ///< the transfer has failed
+  std::string_view parse;       ///< the body is no JSON
+  std::string_view success;
+  /// Of an error its description alone, which others print as an optional.
+  bool bareError = false;
+};
+
+/// The values as JSON; absent, with a line in the log, when they cannot be written: the call is dropped.
+std::optional<std::string> callBody(const CallTexts& texts, platform::Dictionary values);
+
 /// `Optional("Could not connect to the server.")`
 std::string printedDescription(const platform::Error& error);
+
+/// What became of a call whose answer is its status alone: error, status, response and success, each a line.
+void logOutcome(const CallTexts& texts, const Reply& reply);
+
+/// What went wrong with a call whose answer is JSON: status and response in one line, then the error.
+void logFailure(const CallTexts& texts, const Reply& reply);
+/// The JSON object if its "success" is true; else absent, and one of another type stops the process. Tells what body
+/// and object are. A status other than 200 does not matter: the body still counts. Takes the body out of the reply, for
+/// it can be large.
+std::optional<platform::Dictionary> acceptedAnswer(const CallTexts& texts, Reply& reply);
+/// Tells what went wrong, then answers as `acceptedAnswer`; absent too when the transfer has failed.
+std::optional<platform::Dictionary> readAnswer(const CallTexts& texts, Reply& reply);
 
 // Values whose type the backend's contract fixes: another type, null included, stops the process. A Boolean is never
 // a number.
@@ -87,9 +107,6 @@ std::string requireText(const platform::Value& value, std::string_view key);
 // These take the objects out of the value: an answer can be large, and is not needed twice.
 platform::Dictionary requireObject(platform::Value&& value, std::string_view key);
 std::vector<platform::Dictionary> requireObjects(platform::Value&& value, std::string_view key);
-
-/// Whether the answer's "success" is there and true; one of another type stops the process.
-bool isSuccess(const platform::Dictionary& answer);
 
 /// The object that is the first element of "results"; a null pointer when the answer has another shape.
 const platform::Dictionary* firstResult(const platform::Dictionary& answer);

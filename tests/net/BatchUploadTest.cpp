@@ -99,19 +99,5 @@ TEST_F(BatchUpload, WaitsForTwoCopiesAtMostAndIgnoresOlderOnes) {
   for (int i = 0; i < 4; ++i) EXPECT_EQ(log.count(platform::concat("engine: mark ", i, "-9")), i < 2 ? 0u : 1u) << i;
 }
 
-TEST_F(BatchUpload, StopsTheProcessOnWrongTypes) {
-  const std::pair<const char*, const char*> cases[] = {
-      {R"({"success":null})", "\"success\" is no Boolean"},
-      {R"({"success":1})", "\"success\" is no Boolean"},
-      {R"({"success":true,"last_prediction_id":"5","last_pasttrip_id":7,"last_poi_id":3})",
-       "prediction_id\" is no int"},
-      {R"({"success":true,"last_prediction_id":0,"last_pasttrip_id":7.5,"last_poi_id":3})", "pasttrip_id\" is no int"},
-      {R"({"success":true,"last_prediction_id":0,"last_pasttrip_id":0,"last_poi_id":true})", "poi_id\" is no int"}};
-  for (const auto& [body, message] : cases) {
-    backend.answer("positions", {200, body});
-    EXPECT_DEATH(sendBatch(), message) << body;
-  }
-}
-
 }  // namespace
 }  // namespace tarvo::test

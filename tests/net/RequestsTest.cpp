@@ -1,5 +1,6 @@
 #include "ClientTest.h"
-#include "platform/urlsession/URLRequest.h"
+#include "net/BackendAddress.h"
+#include "net/Messages.h"
 
 namespace tarvo {
 
@@ -57,13 +58,12 @@ TEST_F(Requests, CarryUrlMethodCredentialsAndEachHeaderOnce) {
   sends(post + "tags/unset", app + R"("name":"a"})", &N::unsetTags, "a");
   sends(get + "resetbackend", "", &N::resetBackend);
   sends(get + "resetgeoprofile", "", &N::resetGeoProfile);
-  EXPECT_EQ(client().request("GET", "pois", std::nullopt).networkServiceType, 3);
+  EXPECT_EQ(buildRequest("http://h/v1/", "c", "GET", "pois", {}, {}).networkServiceType, 3);
 }
 
-TEST_F(Requests, StopTheProcessWithoutAnIdentityUnlessTheyRegister) {
+TEST_F(Requests, StopTheProcessWithoutAnIdentity) {
   settings.userUUID.set("user-1");
-  EXPECT_EQ(client().request("POST", "users", "{}").httpMethod, "POST");
-  EXPECT_DEATH(client().request("GET", "pois", std::nullopt), "without user UUID or secret");
+  EXPECT_DEATH(client().getPOI(), "without user UUID or secret");
 }
 
 TEST_F(Requests, AreLeftOutBeforeTheRegistrationAndPendingListsStay) {
@@ -108,6 +108,52 @@ TEST_F(Requests, ReadTheSecretAgainWithEachClient) {
   defaults.remove("uuid_secret_key");
   NetworkManager second;
   EXPECT_EQ(NetworkManager::UUID_SECRET_KEY(), std::nullopt);
+}
+
+TEST(BackendAddress, IsAnHttpUrlThatKeepsCredentialsOffTheWire) {
+  const struct {
+    bool plainHttpAllowed, usable;
+    std::vector<const char*> addresses;
+  } cases[] = {
+      {false,
+       true,
+       {"https://backend.example/api", "http://127.0.0.1:8080/api", "http://[::1]:8080/api", "http://localhost/api"}},
+      {false,
+       false,
+       {"http://backend.example/api", "http://127.0.0.1.evil.example/", "https://user:pw@backend.example",
+        "https://backend.example/api?x=1"}},
+      {true, true, {"http://backend.example/api"}},
+      {true, false, {"ftp://backend.example", "backend.example/api", "", "https://bad host/"}}};
+  for (const auto& [allowed, usable, addresses] : cases)
+    for (const char* address : addresses) EXPECT_EQ(!refusalOfBackendAddress(address, allowed), usable) << address;
+}
+
+TEST_F(Requests, StopTheProcessOnAnswersOfAnotherType) {
+  identify();
+  settings.activateStatus.set(12);
+  settings.lastTripID.set(3);
+  const auto registration = [this] { call(&NetworkManager::sendUserToRemoteWebServer, "{}"); };
+  const auto batch = [this] { sendBatch(); };
+  const auto trips = [this] { call(&NetworkManager::getLocationHistoryEXTRAPOLATED); };
+  const struct {
+    const char *path, *answer, *message;
+    std::function<void()> operation;
+  } cases[] = {{"users", R"("yes")", "\"success\" is no Boolean", registration},
+               {"users", R"(true,"results":[{"uuid":7,"creation_date":"d","secretkey":"k"}])", "uuid\" is no text",
+                registration},
+               {"positions", "null", "\"success\" is no Boolean", batch},
+               {"positions", R"(true,"last_prediction_id":"5","last_pasttrip_id":7,"last_poi_id":3)",
+                "ion_id\" is no int", batch},
+               {"positions", R"(true,"last_prediction_id":0,"last_pasttrip_id":7.5,"last_poi_id":3)",
+                "trip_id\" is no int", batch},
+               {"positions", R"(true,"last_prediction_id":0,"last_pasttrip_id":3,"last_poi_id":true)",
+                "poi_id\" is no int", batch},
+               {"pasttrips", R"(true,"trips":null)", "\"trips\" is no array", trips},
+               {"pasttrips", R"(true,"trips":[1])", "\"trips\" is no object", trips}};
+  for (const auto& [path, answer, message, operation] : cases) {
+    backend.answer(path, {200, platform::concat(R"({"success":)", answer, "}")});
+    EXPECT_DEATH(operation(), message) << answer;
+  }
 }
 
 }  // namespace
