@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <filesystem>
+#include <memory>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -8,6 +9,7 @@
 #include <tarvo/platform/Environment.h>
 
 #include "log/Log.h"
+#include "log/LogFile.h"
 #include "net/ClientState.h"
 
 namespace tarvo {
@@ -42,7 +44,7 @@ void NetworkManager::sendLogToRemoteWebServer() {
     if (session->hasTaskFor(file)) continue;  // its upload waits or goes on: a second one would carry the same
     std::error_code error;
     const bool exists = std::filesystem::exists(file, error);
-    if (exists) Log::append(std::make_shared<const std::string>(file.native()), "\r\n--boundary--\r\n");
+    if (exists) appendToLogFile(std::make_shared<const std::string>(file.native()), {"\r\n--boundary--\r\n"});
     Log::debug("NetworkManager:sendLogToRemoteWebServer [net] logFile: ", file.string(),
                exists ? "" : " does not exist");
     auto httpPOSTTask =
