@@ -39,7 +39,7 @@ inline constexpr std::string_view unsetTagsAPI = "tags/unset";
 
 /// What a log upload calls its file.
 inline constexpr std::string_view logFile = "log";
-/// Names that the backend keeps for files to come; no call sends them yet.
+/// Reserved names of a data file and a user file; no call uses them.
 inline constexpr std::string_view dataFile = "marrowgate-tarvo-data";
 inline constexpr std::string_view userFile = "marrowgate-tarvo-user";
 

@@ -12,8 +12,10 @@
 static std::atomic<int> askedForNames{0};
 static std::atomic<bool> namesMeanThisMachine{false};
 
-/// Takes the place of the system's for the whole program: a name of the tests has no address unless it is told to.
-extern "C" int getaddrinfo(const char* name, const char* service, const addrinfo* hints, addrinfo** found) {
+/// Takes the place of the system's for the whole program, libraries included: a name of the tests means this machine or
+/// has no address.
+extern "C" [[gnu::visibility("default")]] int getaddrinfo(const char* name, const char* service, const addrinfo* hints,
+                                                          addrinfo** found) {
   static const auto original = reinterpret_cast<decltype(&getaddrinfo)>(::dlsym(RTLD_NEXT, "getaddrinfo"));
   if (name == nullptr || !std::string_view(name).ends_with(".test") || (hints->ai_flags & AI_NUMERICHOST) != 0)
     return original(name, service, hints, found);
@@ -148,6 +150,7 @@ TEST_F(Upload, PostsAgainForTheHostAllThatTheAnswerAcknowledges) {
 
 TEST_F(Upload, NeverAsksTheResolverInsideABlockOfTheStore) {
   backend.start();
+  ::setenv("no_proxy", "backend.test", 1);
   namesMeanThisMachine = true;
   const auto address = platform::concat("http://backend.test:", backend.port(), "/api");
   ASSERT_TRUE(LocationManager::setRemoteWebServerURL(address, /*allowPlainHttp=*/true));

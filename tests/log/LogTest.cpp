@@ -118,10 +118,9 @@ TEST_F(Logging, NeverBringsBackADeletedFileHeadlessAndKeepsBadTextAndNamesOut) {
   Log::serialQueue().async([&] { std::filesystem::remove(path()); });
   Log::debug("finds the file, appends after it is gone");
   EXPECT_EQ(file().value_or("absent").find("appends"), std::string::npos);
-  Log::debug("not UTF-8: \xC3\x28 \xED\xA0\x80");
-  Log::debug("not UTF-8 either: \xF4\x90\x80\x80");
+  for (const char* text : {"\xC3\x28", "\xED\xA0\x80", "\xF4\x90\x80\x80"}) Log::debug("not UTF-8: ", text);
   EXPECT_EQ(file(), header());
-  EXPECT_EQ(diary.count("not UTF-8"), 2u);
+  EXPECT_EQ(diary.count("not UTF-8"), 3u);
   logInto("../escaped", 6);
   Log::debug("a user that is no plain name");
   EXPECT_FALSE(std::filesystem::exists(home.path() / "escaped_IOS.txt"));

@@ -84,39 +84,34 @@ TEST_F(Account, TakesASubscriptionFromItsListOnceTheBackendHasAcceptedIt) {
 
 TEST_F(Account, TellsWhatBecomesOfTagsTokensAndResets) {
   identify();
-  settings.deviceToken.set("t0k");
-  LogDiary& log = LogDiary::installed();
-  const auto callAll = [this](const std::string& value) {
+  const auto expectOnce = [this](const std::string& value, std::initializer_list<const char*> texts) {
+    LogDiary::installed().clear();
     settings.deviceToken.set(value);
     call(&NetworkManager::setTags, "a", value);
-    call(&NetworkManager::sendTokenremoteWebServer);
     call(&NetworkManager::unsetTags, "a");
+    call(&NetworkManager::sendTokenremoteWebServer);
     call(&NetworkManager::resetBackend);
     call(&NetworkManager::resetGeoProfile);
+    for (const char* text : texts) EXPECT_EQ(LogDiary::installed().count(text), 1u) << text;
   };
-  const auto expectOnce = [&log](std::initializer_list<const char*> texts) {
-    for (const char* text : texts) EXPECT_EQ(log.count(text), 1u) << text;
-    log.clear();
-  };
-  callAll("accepted");
-  expectOnce({"NetworkManager:setTags :[success] ", "NetworkManager:resetBackend : httpStatus 200"});
-  for (const char* path : {"tags/set", "tags/unset", "tokens", "resetbackend", "resetgeoprofile"})
-    backend.answer(path, {503, ""});
-  callAll("refused");
-  expectOnce({" NetworkManager:setTags : httpstatus : 503", " NetworkManager:setTags :réponse = <NSHTTPURLResponse>",
-              " NetworkManager:sendTokenremoteWebServer : httpstatus : 503",
-              " NetworkManager:sendTokenremoteWebServer :réponse = <", "NetworkManager:resetBackend : httpStatus 503",
-              " NetworkManager:unsetTags : httpstatus : 503", "NetworkManager:resetGeoProfile : httpStatus 503"});
+  expectOnce("accepted", {"NetworkManager:setTags :[success] ", "NetworkManager:resetBackend : httpStatus 200"});
+  for (const char* path : {"tags/set", "tags/unset", "tokens", "resetgeoprofile"}) backend.answer(path, {503, ""});
+  expectOnce("refused", {" NetworkManager:setTags : httpstatus : 503", " NetworkManager:unsetTags : httpstatus : 503",
+                         " NetworkManager:unsetTags :réponse = <NSHTTPURLResponse>",
+                         " NetworkManager:sendTokenremoteWebServer : httpstatus : 503",
+                         " NetworkManager:sendTokenremoteWebServer :réponse = <",
+                         "NetworkManager:resetGeoProfile : httpStatus 503"});
   backend.stop();
-  callAll("unheard");
+  expectOnce("unheard", {"NetworkManager:setTags :[error] : Could", "NetworkManager:resetBackend :[error] :Optional("});
   call(&NetworkManager::userConfigremoteWebServer);
-  expectOnce({"NetworkManager:setTags :[error] : Could", "NetworkManager:resetBackend :[error] :Optional(",
-              "NetworkManager:sendDataInBatchToRemoteWebServer :[error] :Optional("});
-  callAll("no text: \xff");
-  expectOnce({"NetworkManager:subscriptionRegiter [loc] JSON conversion problem mainThread:true",
+  expectInOrder({"NetworkManager:sendDataInBatchToRemoteWebServer :[error] :Optional("});
+  expectOnce("no text: \xff",
+             {"NetworkManager:subscriptionRegiter [loc] JSON conversion problem mainThread:true",
               "NetworkManager:sendTokenremoteWebServer [loc] JSON conversion problem mainThread:true"});
-  callAll(std::string(std::size_t{65} << 20, 'x'));
-  EXPECT_EQ(log.count("Unresolved error Error Domain=NSCocoaErrorDomain Code=3851"), 2u) << "of tags and of the token";
+  const std::string tooLong(std::size_t{65} << 20, 'x'),
+      error = "Unresolved error Error Domain=NSCocoaErrorDomain Code=3851";
+  expectOnce(tooLong, {("NetworkManager:subscriptionRegiter " + error).c_str()});
+  EXPECT_EQ(LogDiary::installed().count(error), 2u) << "of the token too";
 }
 
 }  // namespace

@@ -102,30 +102,9 @@ TEST_F(Requests, AreAnsweredAfterTheirClientIsGone) {
 }
 
 TEST_F(Requests, ReadTheSecretAgainWithEachClient) {
-  defaults.set("uuid_secret_key", "stored");
+  settings.userSecret.set("in memory alone");
   client();
-  EXPECT_EQ(NetworkManager::UUID_SECRET_KEY(), "stored");
-  defaults.remove("uuid_secret_key");
-  NetworkManager second;
   EXPECT_EQ(NetworkManager::UUID_SECRET_KEY(), std::nullopt);
-}
-
-TEST(BackendAddress, IsAnHttpUrlThatKeepsCredentialsOffTheWire) {
-  const struct {
-    bool plainHttpAllowed, usable;
-    std::vector<const char*> addresses;
-  } cases[] = {
-      {false,
-       true,
-       {"https://backend.example/api", "http://127.0.0.1:8080/api", "http://[::1]:8080/api", "http://localhost/api"}},
-      {false,
-       false,
-       {"http://backend.example/api", "http://127.0.0.1.evil.example/", "https://user:pw@backend.example",
-        "https://backend.example/api?x=1"}},
-      {true, true, {"http://backend.example/api"}},
-      {true, false, {"ftp://backend.example", "backend.example/api", "", "https://bad host/"}}};
-  for (const auto& [allowed, usable, addresses] : cases)
-    for (const char* address : addresses) EXPECT_EQ(!refusalOfBackendAddress(address, allowed), usable) << address;
 }
 
 TEST_F(Requests, StopTheProcessOnAnswersOfAnotherType) {
@@ -138,22 +117,31 @@ TEST_F(Requests, StopTheProcessOnAnswersOfAnotherType) {
   const struct {
     const char *path, *answer, *message;
     std::function<void()> operation;
-  } cases[] = {{"users", R"("yes")", "\"success\" is no Boolean", registration},
-               {"users", R"(true,"results":[{"uuid":7,"creation_date":"d","secretkey":"k"}])", "uuid\" is no text",
-                registration},
-               {"positions", "null", "\"success\" is no Boolean", batch},
-               {"positions", R"(true,"last_prediction_id":"5","last_pasttrip_id":7,"last_poi_id":3)",
-                "ion_id\" is no int", batch},
-               {"positions", R"(true,"last_prediction_id":0,"last_pasttrip_id":7.5,"last_poi_id":3)",
-                "trip_id\" is no int", batch},
-               {"positions", R"(true,"last_prediction_id":0,"last_pasttrip_id":3,"last_poi_id":true)",
-                "poi_id\" is no int", batch},
-               {"pasttrips", R"(true,"trips":null)", "\"trips\" is no array", trips},
-               {"pasttrips", R"(true,"trips":[1])", "\"trips\" is no object", trips}};
+  } cases[] = {
+      {"users", R"(true,"results":[{"uuid":7,"creation_date":"d","secretkey":"k"}])", "uuid. is no text", registration},
+      {"positions", "null", "success. is no Boolean", batch},
+      {"positions", R"(true,"last_prediction_id":"5","last_pasttrip_id":7,"last_poi_id":3)", "prediction_id. is",
+       batch},
+      {"positions", R"(true,"last_prediction_id":0,"last_pasttrip_id":7.5,"last_poi_id":3)", "trip_id. is no", batch},
+      {"positions", R"(true,"last_prediction_id":0,"last_pasttrip_id":3,"last_poi_id":true)", "poi_id. is no", batch},
+      {"pasttrips", R"(true,"trips":null)", "trips. is no array", trips},
+      {"pasttrips", R"(true,"trips":[1])", "trips. is no object", trips}};
   for (const auto& [path, answer, message, operation] : cases) {
     backend.answer(path, {200, platform::concat(R"({"success":)", answer, "}")});
     EXPECT_DEATH(operation(), message) << answer;
   }
+}
+
+TEST(BackendAddress, IsAnHttpUrlThatKeepsCredentialsOffTheWire) {
+  for (const char* usable :
+       {"https://backend.example/api", "http://127.0.0.1:8080/api", "http://[::1]:8080/api", "http://localhost/api"})
+    EXPECT_FALSE(refusalOfBackendAddress(usable, false)) << usable;
+  EXPECT_FALSE(refusalOfBackendAddress("http://backend.example/api", true));
+  for (const char* none : {"http://backend.example/api", "http://127.0.0.1.evil.example/"})
+    EXPECT_TRUE(refusalOfBackendAddress(none, false)) << none;
+  for (const char* none : {"https://user:pw@backend.example", "https://backend.example/api?x=1",
+                           "ftp://backend.example", "backend.example/api", "", "https://bad host/"})
+    EXPECT_TRUE(refusalOfBackendAddress(none, true)) << none;
 }
 
 }  // namespace
