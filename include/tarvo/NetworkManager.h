@@ -143,7 +143,7 @@ class TARVO_API NetworkManager {
 
  private:
   struct State;
-  /// For an answer: its client again.
+  /// Another handle on a client, for the answer to one of its requests.
   explicit NetworkManager(std::shared_ptr<State> state);
   /// Goes on with the log uploads that an earlier process has left.
   void takeUpTransfers();
