@@ -51,8 +51,9 @@ class TARVO_API LocationManager {
   static const std::string& backgroundSessionID();
   /// The backend's base address, ending in "/api".
   static std::string remoteWebServerURL();
-  /// Before the first touch of the engine: clients copy the address. Refused (false, with a line in the system log)
-  /// unless it is an absolute https URL, or plain http to loopback, or plain http that the host allows explicitly.
+  /// Before the first `Tarvo`, engine or client: each client copies the address, and from the first copy on another one
+  /// is refused. Refused too (false, with a line in the system log, and nothing changes) is what is no absolute https
+  /// URL, unless it is plain http to loopback or the host allows plain http explicitly.
   static bool setRemoteWebServerURL(std::string_view url, bool allowPlainHttp = false);
 
   static std::optional<std::string> userUUID();

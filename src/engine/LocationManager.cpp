@@ -5,8 +5,8 @@
 #include <algorithm>
 
 #include "engine/LocationManagerParts.h"
+#include "net/BackendAddress.h"
 #include "platform/foundation/System.h"
-#include "settings/BackendAddress.h"
 #include "settings/Names.h"
 #include "settings/Settings.h"
 #include "store/Locations.h"
@@ -33,7 +33,11 @@ LocationManager& LocationManager::sharedInstance() {
   return *engine;
 }
 
-void EngineLink::build() { LocationManager::sharedInstance(); }
+EngineLink& EngineLink::current() {
+  if (EngineLink* link = installed()) return *link;
+  LocationManager::sharedInstance();
+  return *installed();
+}
 
 LocationManager::LocationManager() : parts_(new Parts(*this)) { parts_->startUp(); }
 
@@ -55,7 +59,11 @@ const std::string& LocationManager::backgroundSessionID() {
 std::string LocationManager::remoteWebServerURL() { return Settings::shared().remoteWebServerURL(); }
 
 bool LocationManager::setRemoteWebServerURL(std::string_view url, bool allowPlainHttp) {
-  return Settings::shared().setRemoteWebServerURL(url, allowPlainHttp);
+  auto refusal = refusalOfBackendAddress(url, allowPlainHttp);
+  if (!refusal && !Settings::shared().setRemoteWebServerURL(std::string(url)))
+    refusal = "clients have copied another one already";
+  if (refusal) platform::NSLog("Tarvo : backend address refused: " + *refusal);
+  return !refusal;
 }
 
 std::optional<std::string> LocationManager::userUUID() { return Settings::shared().userUUID.get(); }

@@ -22,7 +22,7 @@ namespace {
 
 /// What "TARVO_ACTIVATE_STATUS" always holds, and what "ACTIVATE_STATUS_YES" must hold for it to be read back: the
 /// two keys are a paired marker, no store of the mode, so that a relaunch starts deactivated.
-constexpr std::int64_t kActivateMarker = 2;
+constexpr std::int64_t kMarkerValue = 2;
 
 }  // namespace
 
@@ -51,8 +51,8 @@ void Tarvo::setLastPrediction(Trip prediction) { latestPrediction().set(std::mov
 Tarvo::Tarvo() : core_(std::make_shared<Core>()) {
   Settings& settings = Settings::shared();
   UserDefaults& defaults = UserDefaults::standard();
-  if (defaults.integer(names::kActivateMode) == kActivateMarker)
-    settings.activateStatus.set(defaults.integer(names::kActivateMarker));
+  if (defaults.integer(names::kKeyMode) == kMarkerValue)
+    settings.activateStatus.set(defaults.integer(names::kKeyMarker));
   core_->locationManager.setDelegate(core_);
   if (const auto client = infoPropertyListText(keys::kClientID)) settings.setClientID(*client);
 }
@@ -71,8 +71,8 @@ void Tarvo::setDelegate(std::shared_ptr<TarvoDelegate> delegate) {
 void Tarvo::activate(std::int64_t service) {
   LocationManager& engine = core_->locationManager;
   Settings::shared().activateStatus.set(service);
-  UserDefaults::standard().set(names::kActivateMode, service);
-  UserDefaults::standard().set(names::kActivateMarker, kActivateMarker);
+  UserDefaults::standard().set(names::kKeyMode, service);
+  UserDefaults::standard().set(names::kKeyMarker, kMarkerValue);
   if (service == DEACTIVE_ALL) {
     engine.stop();
     return;

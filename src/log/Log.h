@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <initializer_list>
-#include <memory>
 #include <string>
 #include <string_view>
 
@@ -54,8 +53,6 @@ class Log {
 
   /// Where the lines are appended; what must come behind them is queued here too.
   static platform::SerialQueue& serialQueue();
-  /// Queues an append to a log file. One that does not exist by then is not created.
-  static void append(std::shared_ptr<const std::string> file, std::string_view text);
 };
 
 /// For the end of most messages: "true" or "false".

@@ -8,8 +8,8 @@
 
 #include <tarvo/NetworkManager.h>
 
-#include "net/Reply.h"
-#include "platform/foundation/Mutex.h"
+#include "net/Messages.h"
+#include "platform/foundation/Guarded.h"
 #include "platform/urlsession/BackgroundSession.h"
 #include "platform/urlsession/URLRequest.h"
 #include "settings/Settings.h"
@@ -24,20 +24,21 @@ struct NetworkManager::State final : std::enable_shared_from_this<State> {
 
   explicit State(std::string versionedBase);
 
-  /// A request of the registered user; for callers that have looked for the identity.
-  platform::URLRequest userRequest(const Identity& identity, std::string_view method, std::string_view path,
+  /// A complete request: `path` may carry a query. The path "users" authenticates with the API key, all others with the
+  /// user, without whom this stops the process.
+  platform::URLRequest request(std::string_view method, std::string_view path,
+                               std::optional<std::string> body = std::nullopt) const;
+  /// The same with credentials that the caller has looked for.
+  platform::URLRequest requestFrom(const Credentials& credentials, std::string_view method, std::string_view path,
                                    std::optional<std::string> body = std::nullopt) const;
   /// Starts a data task of the shared session.
   void start(platform::URLRequest request, Completion completion);
 
   const std::string remoteServerURL;
 
-  platform::Mutex mutex;
-  std::shared_ptr<NetworkManagerDelegate> delegate GUARDED_BY(mutex);
-  std::string envir GUARDED_BY(mutex) = "prod";
-  std::shared_ptr<platform::BackgroundSession> backgroundSession GUARDED_BY(mutex);
-  /// The running upload of a log file, or the last one.
-  std::optional<platform::URLSessionUploadTask> httpPOSTTask GUARDED_BY(mutex);
+  platform::Guarded<std::shared_ptr<NetworkManagerDelegate>> delegate;
+  platform::Guarded<std::string> envir{"prod"};
+  platform::Guarded<std::shared_ptr<platform::BackgroundSession>> backgroundSession;
 };
 
 /// The background session of that identifier: opened, or the one that is open. What it tells goes to the engine's
@@ -46,6 +47,6 @@ std::shared_ptr<platform::BackgroundSession> openBackgroundSession(const std::st
 
 /// Who this device is, for a call that may come before the registration: absent, with a line that names the call,
 /// when it has to be dropped.
-std::optional<Identity> identityFor(std::string_view call);
+std::optional<Credentials> identityFor(std::string_view call);
 
 }  // namespace tarvo

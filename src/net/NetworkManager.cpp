@@ -5,10 +5,9 @@
 #include <tarvo/platform/UserDefaults.h>
 
 #include "log/Log.h"
+#include "net/BackendAddress.h"
 #include "net/ClientState.h"
-#include "net/Endpoints.h"
-#include "net/RequestBuilder.h"
-#include "net/ServerProbe.h"
+#include "net/Messages.h"
 #include "platform/foundation/FatalError.h"
 #include "platform/urlsession/URLSession.h"
 #include "settings/Names.h"
@@ -16,16 +15,24 @@
 namespace tarvo {
 
 using platform::concat;
-using platform::MutexLock;
 
 NetworkManager::State::State(std::string versionedBase) : remoteServerURL(std::move(versionedBase)) {
   if (!platform::isValidHttpUrl(remoteServerURL)) platform::fatalError("no valid backend address: " + remoteServerURL);
 }
 
-platform::URLRequest NetworkManager::State::userRequest(const Identity& identity, std::string_view method,
+platform::URLRequest NetworkManager::State::request(std::string_view method, std::string_view path,
+                                                    std::optional<std::string> body) const {
+  const Settings& settings = Settings::shared();
+  if (path == endpoints::usersAPI)
+    return requestFrom({settings.tarvoapiKey.get(), settings.apiKeySecret.get()}, method, path, std::move(body));
+  const auto identity = settings.identity();
+  if (!identity) platform::fatalError(concat("request to ", path, " without user UUID or secret"));
+  return requestFrom(*identity, method, path, std::move(body));
+}
+
+platform::URLRequest NetworkManager::State::requestFrom(const Credentials& credentials, std::string_view method,
                                                         std::string_view path, std::optional<std::string> body) const {
-  return buildRequest(remoteServerURL, Settings::shared().clientID(), method, path,
-                      {identity.userUUID, identity.userSecret}, std::move(body));
+  return buildRequest(remoteServerURL, Settings::shared().clientID(), method, path, credentials, std::move(body));
 }
 
 void NetworkManager::State::start(platform::URLRequest request, Completion completion) {
@@ -39,19 +46,18 @@ void NetworkManager::State::start(platform::URLRequest request, Completion compl
       ->resume();
 }
 
-std::optional<Identity> identityFor(std::string_view call) {
+std::optional<Credentials> identityFor(std::string_view call) {
   auto identity = Settings::shared().identity();
   if (!identity) Log::debug("NetworkManager:", call, " [net] no user, not sent mainThread:", mainThread());
   return identity;
 }
 
 NetworkManager::NetworkManager()
-    : state_(std::make_shared<State>(concat(Settings::shared().remoteWebServerURL(), endpoints::kVersion))) {
+    : state_(std::make_shared<State>(concat(Settings::shared().copyRemoteWebServerURL(), endpoints::kVersion))) {
   Settings::shared().reloadUserSecret();
   auto session = openBackgroundSession(names::kBackgroundSession);
   Log::debug("NetworkManager:init [net] newBackgroundSession:", session->description());
-  MutexLock lock(state_->mutex);
-  state_->backgroundSession = std::move(session);
+  state_->backgroundSession.set(std::move(session));
 }
 
 NetworkManager::NetworkManager(std::shared_ptr<State> state) : state_(std::move(state)) {}
@@ -59,38 +65,16 @@ NetworkManager::NetworkManager(std::shared_ptr<State> state) : state_(std::move(
 NetworkManager::~NetworkManager() = default;
 
 void NetworkManager::setDelegate(std::shared_ptr<NetworkManagerDelegate> delegate) {
-  // The one replaced may be the last of its kind: it goes after the lock.
-  MutexLock lock(state_->mutex);
-  state_->delegate.swap(delegate);
+  state_->delegate.set(std::move(delegate));
 }
 
-std::shared_ptr<NetworkManagerDelegate> NetworkManager::delegate() const {
-  MutexLock lock(state_->mutex);
-  return state_->delegate;
-}
+std::shared_ptr<NetworkManagerDelegate> NetworkManager::delegate() const { return state_->delegate.get(); }
 
-std::string NetworkManager::envir() const {
-  MutexLock lock(state_->mutex);
-  return state_->envir;
-}
+std::string NetworkManager::envir() const { return state_->envir.get(); }
 
-void NetworkManager::setEnvir(std::string name) {
-  MutexLock lock(state_->mutex);
-  state_->envir = std::move(name);
-}
+void NetworkManager::setEnvir(std::string name) { state_->envir.set(std::move(name)); }
 
 platform::UserDefaults& NetworkManager::defaults() const { return platform::UserDefaults::standard(); }
-
-platform::URLRequest NetworkManager::request(std::string_view method, std::string_view path,
-                                             std::optional<std::string> body) const {
-  const Settings& settings = Settings::shared();
-  if (path == endpoints::usersAPI)
-    return buildRequest(state_->remoteServerURL, settings.clientID(), method, path,
-                        {settings.tarvoapiKey.get(), settings.apiKeySecret.get()}, std::move(body));
-  const auto identity = settings.identity();
-  if (!identity) platform::fatalError(concat("request to ", path, " without user UUID or secret"));
-  return state_->userRequest(*identity, method, path, std::move(body));
-}
 
 bool NetworkManager::isWebServerReachable(bool viaWiFi, std::string_view url) {
   return isServerReachable(viaWiFi, url, platform::NameLookup::ask);

@@ -18,10 +18,9 @@ inline constexpr const char* kDefaultRemoteWebServerURL = "https://backend.tarvo
 
 /// Keys of the user defaults.
 using keys::kLogLevel;
-inline constexpr const char* kActivateMarker = "TARVO_ACTIVATE_STATUS";
-using keys::kActivateMode;
+inline constexpr const char* kKeyMarker = "TARVO_ACTIVATE_STATUS";
+inline constexpr const char* kKeyMode = keys::kActivateMode;
 inline constexpr const char* kUserSecret = "uuid_secret_key";
-inline constexpr const char* kPoiVersion = "poi_version";
 inline constexpr const char* kServiceState = "service_state";
 inline constexpr const char* kUnsentLocation = "tarvoUnsentLocation";
 inline constexpr const char* kSentWithoutACK = "tarvoLocSentWithoutACK";

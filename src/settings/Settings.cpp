@@ -1,17 +1,50 @@
 #include "settings/Settings.h"
 
+#include <algorithm>
 #include <utility>
 
 #include <tarvo/platform/SystemLog.h>
 #include <tarvo/platform/UserDefaults.h>
 
-#include "settings/BackendAddress.h"
+#include "platform/foundation/Encoding.h"
+#include "platform/foundation/Files.h"
 #include "settings/Names.h"
 
 namespace tarvo {
 
 using platform::MutexLock;
 using platform::UserDefaults;
+
+namespace {
+
+bool isHexDigit(char c) { return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F') || (c >= 'a' && c <= 'f'); }
+
+/// Whether the character may stand in a segment of a path as it is.
+bool standsInPath(char c) { return platform::isPlain(c, platform::kPathMarks); }
+
+}  // namespace
+
+bool isUsableClientID(std::string_view clientID) {
+  std::string plain;  // with "%2E" as the dot that it means
+  while (!clientID.empty()) {
+    std::size_t length = 1;
+    char c = clientID.front();
+    if (c == '%') {
+      length = 3;
+      if (clientID.size() < length || !isHexDigit(clientID[1]) || !isHexDigit(clientID[2])) return false;
+      if (clientID[1] == '2' && (clientID[2] == 'E' || clientID[2] == 'e')) c = '.';
+    } else if (!standsInPath(c)) {
+      return false;
+    }
+    plain += c;
+    clientID.remove_prefix(length);
+  }
+  return plain != "." && plain != "..";
+}
+
+bool isUsableUserUUID(std::string_view uuid) {
+  return platform::isPlainFileName(uuid) && std::all_of(uuid.begin(), uuid.end(), standsInPath);
+}
 
 Settings& Settings::shared() {
   static Settings* settings = new Settings;
@@ -37,11 +70,11 @@ std::optional<std::string> Settings::reloadUserSecret() {
   return secret;
 }
 
-std::optional<Identity> Settings::identity() const {
+std::optional<Credentials> Settings::identity() const {
   auto uuid = userUUID.get();
   auto secret = userSecret.get();
   if (!uuid || !secret) return std::nullopt;
-  return Identity{std::move(*uuid), std::move(*secret)};
+  return Credentials{std::move(*uuid), std::move(*secret)};
 }
 
 bool Settings::setClientID(std::string_view clientID) {
@@ -53,18 +86,21 @@ bool Settings::setClientID(std::string_view clientID) {
   return true;
 }
 
-std::string Settings::remoteWebServerURL() const {
-  auto url = remoteWebServerURL_.get();
-  return url.empty() ? names::kDefaultRemoteWebServerURL : url;
+std::string Settings::remoteWebServerURL() const { return remoteWebServerURL_.get().url; }
+
+bool Settings::setRemoteWebServerURL(std::string url) {
+  return remoteWebServerURL_.update([&](BackendAddress& address) {
+    if (address.copied) return address.url == url;
+    address.url = std::move(url);
+    return true;
+  });
 }
 
-bool Settings::setRemoteWebServerURL(std::string_view url, bool allowPlainHttp) {
-  if (const auto refusal = refusalOfBackendAddress(url, allowPlainHttp)) {
-    platform::NSLog("Tarvo : backend address refused: " + *refusal);
-    return false;
-  }
-  remoteWebServerURL_.set(std::string(url));
-  return true;
+std::string Settings::copyRemoteWebServerURL() {
+  return remoteWebServerURL_.update([](BackendAddress& address) {
+    address.copied = true;
+    return address.url;
+  });
 }
 
 }  // namespace tarvo

@@ -11,15 +11,24 @@
 #include <tarvo/ActivationMode.h>
 
 #include "platform/foundation/Guarded.h"
+#include "settings/Names.h"
 #include "settings/UploadChannel.h"
 
 namespace tarvo {
 
-/// Who this device is to the backend; both parts or nothing.
-struct Identity {
-  std::string userUUID;
-  std::string userSecret;
+/// Name and secret that a request carries: the user's identifier and secret, or before the registration the API key and
+/// its secret.
+struct Credentials {
+  std::string name;
+  std::string secret;
 };
+
+/// Whether the text can stand in the path of a URL as it is: its characters, or well-formed "%XX", and no segment that
+/// leads elsewhere ("." and "..", however written). Empty is usable: nothing was configured yet.
+bool isUsableClientID(std::string_view clientID);
+
+/// Whether the text can stand in URLs and in the names of files as it is.
+bool isUsableUserUUID(std::string_view uuid);
 
 /// The values that the whole process shares and every floor reads; the class-wide names on `Tarvo`,
 /// `NetworkManager` and `LocationManager` are these. The plain ones are members; those with a rule have operations.
@@ -41,16 +50,19 @@ class Settings {
   void storeUserSecret(std::string secret);
   /// What the user defaults hold, absent included, replaces what is in memory. Returns it.
   std::optional<std::string> reloadUserSecret();
-  std::optional<Identity> identity() const;
+  /// Who this device is to the backend; absent until both parts are known.
+  std::optional<Credentials> identity() const;
 
   std::string clientID() const { return clientID_.get(); }
   /// Refuses (false, with a line in the system log) what would make the request URLs unparsable.
   bool setClientID(std::string_view clientID);
 
+  /// The backend's base address.
   std::string remoteWebServerURL() const;
-  /// Refuses (false, with a line in the system log) what is no absolute http(s) URL, and plain http to a host other
-  /// than loopback unless allowed. A client copies the address when it is built.
-  bool setRemoteWebServerURL(std::string_view url, bool allowPlainHttp);
+  /// False, and nothing changes, once a client has copied another address; the same one again is true.
+  bool setRemoteWebServerURL(std::string url);
+  /// The base address for a client, which keeps it: from now on it is the only one of this process.
+  std::string copyRemoteWebServerURL();
 
   UploadChannel uploadChannel;
 
@@ -65,7 +77,12 @@ class Settings {
 
   /// Held while the secret goes to or comes from the disk.
   platform::Mutex secretMutex_;
-  platform::Guarded<std::string> clientID_, remoteWebServerURL_;
+  platform::Guarded<std::string> clientID_;
+  struct BackendAddress {
+    std::string url = names::kDefaultRemoteWebServerURL;
+    bool copied = false;  ///< by a client
+  };
+  platform::Guarded<BackendAddress> remoteWebServerURL_;
 };
 
 }  // namespace tarvo

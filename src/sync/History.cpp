@@ -1,7 +1,7 @@
 #include "sync/History.h"
 
 #include "log/Log.h"
-#include "net/Reply.h"
+#include "net/Messages.h"
 #include "platform/foundation/FatalError.h"
 #include "records/Positions.h"
 #include "settings/Settings.h"

@@ -8,7 +8,7 @@
 #include <tarvo/platform/Clock.h>
 
 #include "log/Log.h"
-#include "net/ServerProbe.h"
+#include "net/BackendAddress.h"
 #include "settings/Settings.h"
 #include "sync/DeviceRegistration.h"
 
@@ -56,7 +56,7 @@ void UploadPipeline::startPass() {
 }
 
 std::optional<std::string> UploadPipeline::userOrRegistration() {
-  if (auto identity = Settings::shared().identity()) return std::move(identity->userUUID);
+  if (auto identity = Settings::shared().identity()) return std::move(identity->name);
   // The channel stays held: the first batch of a fresh device leaves once it is stale.
   state_.setApiKey(registration_.checkAndRegisterUser());
   return std::nullopt;

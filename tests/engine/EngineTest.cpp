@@ -64,6 +64,16 @@ TEST_F(Engine, StoresEveryDeliveredFixAndMeasuresGeofencesOnlyASecondApart) {
   EXPECT_EQ(stored.front().appName, "ios:org.example.host");
 }
 
+TEST_F(Engine, KeepsTheAddressThatItsClientHasCopied) {
+  ASSERT_TRUE(LocationManager::setRemoteWebServerURL("https://first.example/api"));
+  ASSERT_TRUE(LocationManager::setRemoteWebServerURL("https://second.example/api")) << "nobody has copied the first";
+  engine();
+  EXPECT_FALSE(LocationManager::setRemoteWebServerURL("https://late.example/api"));
+  EXPECT_EQ(diary.count("backend address refused: clients have copied another one already"), 1u);
+  EXPECT_TRUE(LocationManager::setRemoteWebServerURL("https://second.example/api"));
+  EXPECT_EQ(LocationManager::remoteWebServerURL(), "https://second.example/api");
+}
+
 TEST(GeofenceRadii, FollowSpeedBandsAgeAndAccuracy) {
   const std::pair<double, double> bands[] = {{0.5, 2},         {1.388, 2},  {1.389, 6},       {5.556, 6},
                                              {13.889, 13.889}, {13.89, 25}, {36.111, 36.111}, {83.333, 83.333},

@@ -10,12 +10,16 @@
 #include "store/Users.h"
 
 static std::atomic<int> askedForNames{0};
+static std::atomic<bool> namesMeanThisMachine{false};
 
-/// Takes the place of the system's for the whole program: a name of the tests has no address.
-extern "C" int getaddrinfo(const char* name, const char* service, const addrinfo* hints, addrinfo** found) {
+/// Takes the place of the system's for the whole program, libraries included: a name of the tests means this machine or
+/// has no address.
+extern "C" [[gnu::visibility("default")]] int getaddrinfo(const char* name, const char* service, const addrinfo* hints,
+                                                          addrinfo** found) {
   static const auto original = reinterpret_cast<decltype(&getaddrinfo)>(::dlsym(RTLD_NEXT, "getaddrinfo"));
   if (name == nullptr || !std::string_view(name).ends_with(".test") || (hints->ai_flags & AI_NUMERICHOST) != 0)
     return original(name, service, hints, found);
+  if (namesMeanThisMachine) return original("127.0.0.1", service, hints, found);
   ++askedForNames;
   return EAI_NONAME;
 }
@@ -145,12 +149,17 @@ TEST_F(Upload, PostsAgainForTheHostAllThatTheAnswerAcknowledges) {
 }
 
 TEST_F(Upload, NeverAsksTheResolverInsideABlockOfTheStore) {
-  Tarvo tarvo = online();
+  backend.start();
+  ::setenv("no_proxy", "backend.test", 1);
+  namesMeanThisMachine = true;
+  const auto address = platform::concat("http://backend.test:", backend.port(), "/api");
+  ASSERT_TRUE(LocationManager::setRemoteWebServerURL(address, /*allowPlainHttp=*/true));
+  Tarvo tarvo = registered();
   backend.faults().answerNext(1, 500);
   collect(1);
   upload();
   EXPECT_EQ(engine().syncStatus().awaiting, 1);
-  ASSERT_TRUE(LocationManager::setRemoteWebServerURL("https://backend.test/api"));
+  namesMeanThisMachine = false;
   auto& context = engine().parts().store.managedObjectContext();
   // Unknown at first; then known from a pass outside.
   for (const int asked : {0, 1, 1}) {

@@ -12,9 +12,9 @@
 #include <mutex>
 #include <vector>
 
-#include "net/EngineLink.h"
 #include "platform/foundation/Activity.h"
 #include "platform/foundation/Text.h"
+#include "settings/EngineLink.h"
 #include "settings/Settings.h"
 #include "support/LogDiary.h"
 #include "support/TempDir.h"
@@ -131,7 +131,7 @@ class ClientTest : public ::testing::Test {
  protected:
   ClientTest() {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    settings.setRemoteWebServerURL(backend.address(), false);
+    settings.setRemoteWebServerURL(backend.address());
     settings.setClientID("acme");
     EngineLink::install(&engine);
   }

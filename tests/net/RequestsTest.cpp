@@ -1,10 +1,10 @@
 #include "ClientTest.h"
-#include "platform/foundation/FatalError.h"
-#include "platform/urlsession/URLRequest.h"
+#include "net/BackendAddress.h"
+#include "net/Messages.h"
 
 namespace tarvo {
 
-void EngineLink::build() { platform::fatalError("each test has its engine"); }
+EngineLink& EngineLink::current() { return *installed(); }
 
 }  // namespace tarvo
 
@@ -58,13 +58,12 @@ TEST_F(Requests, CarryUrlMethodCredentialsAndEachHeaderOnce) {
   sends(post + "tags/unset", app + R"("name":"a"})", &N::unsetTags, "a");
   sends(get + "resetbackend", "", &N::resetBackend);
   sends(get + "resetgeoprofile", "", &N::resetGeoProfile);
-  EXPECT_EQ(client().request("GET", "pois", std::nullopt).networkServiceType, 3);
+  EXPECT_EQ(buildRequest("http://h/v1/", "c", "GET", "pois", {}, {}).networkServiceType, 3);
 }
 
-TEST_F(Requests, StopTheProcessWithoutAnIdentityUnlessTheyRegister) {
+TEST_F(Requests, StopTheProcessWithoutAnIdentity) {
   settings.userUUID.set("user-1");
-  EXPECT_EQ(client().request("POST", "users", "{}").httpMethod, "POST");
-  EXPECT_DEATH(client().request("GET", "pois", std::nullopt), "without user UUID or secret");
+  EXPECT_DEATH(client().getPOI(), "without user UUID or secret");
 }
 
 TEST_F(Requests, AreLeftOutBeforeTheRegistrationAndPendingListsStay) {
@@ -103,12 +102,46 @@ TEST_F(Requests, AreAnsweredAfterTheirClientIsGone) {
 }
 
 TEST_F(Requests, ReadTheSecretAgainWithEachClient) {
-  defaults.set("uuid_secret_key", "stored");
+  settings.userSecret.set("in memory alone");
   client();
-  EXPECT_EQ(NetworkManager::UUID_SECRET_KEY(), "stored");
-  defaults.remove("uuid_secret_key");
-  NetworkManager second;
   EXPECT_EQ(NetworkManager::UUID_SECRET_KEY(), std::nullopt);
+}
+
+TEST_F(Requests, StopTheProcessOnAnswersOfAnotherType) {
+  identify();
+  settings.activateStatus.set(12);
+  settings.lastTripID.set(3);
+  const auto registration = [this] { call(&NetworkManager::sendUserToRemoteWebServer, "{}"); };
+  const auto batch = [this] { sendBatch(); };
+  const auto trips = [this] { call(&NetworkManager::getLocationHistoryEXTRAPOLATED); };
+  const struct {
+    const char *path, *answer, *message;
+    std::function<void()> operation;
+  } cases[] = {
+      {"users", R"(true,"results":[{"uuid":7,"creation_date":"d","secretkey":"k"}])", "uuid. is no text", registration},
+      {"positions", "null", "success. is no Boolean", batch},
+      {"positions", R"(true,"last_prediction_id":"5","last_pasttrip_id":7,"last_poi_id":3)", "prediction_id. is",
+       batch},
+      {"positions", R"(true,"last_prediction_id":0,"last_pasttrip_id":7.5,"last_poi_id":3)", "trip_id. is no", batch},
+      {"positions", R"(true,"last_prediction_id":0,"last_pasttrip_id":3,"last_poi_id":true)", "poi_id. is no", batch},
+      {"pasttrips", R"(true,"trips":null)", "trips. is no array", trips},
+      {"pasttrips", R"(true,"trips":[1])", "trips. is no object", trips}};
+  for (const auto& [path, answer, message, operation] : cases) {
+    backend.answer(path, {200, platform::concat(R"({"success":)", answer, "}")});
+    EXPECT_DEATH(operation(), message) << answer;
+  }
+}
+
+TEST(BackendAddress, IsAnHttpUrlThatKeepsCredentialsOffTheWire) {
+  for (const char* usable :
+       {"https://backend.example/api", "http://127.0.0.1:8080/api", "http://[::1]:8080/api", "http://localhost/api"})
+    EXPECT_FALSE(refusalOfBackendAddress(usable, false)) << usable;
+  EXPECT_FALSE(refusalOfBackendAddress("http://backend.example/api", true));
+  for (const char* none : {"http://backend.example/api", "http://127.0.0.1.evil.example/"})
+    EXPECT_TRUE(refusalOfBackendAddress(none, false)) << none;
+  for (const char* none : {"https://user:pw@backend.example", "https://backend.example/api?x=1",
+                           "ftp://backend.example", "backend.example/api", "", "https://bad host/"})
+    EXPECT_TRUE(refusalOfBackendAddress(none, true)) << none;
 }
 
 }  // namespace

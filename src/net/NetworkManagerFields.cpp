@@ -2,11 +2,14 @@
 
 #include <tarvo/NetworkManager.h>
 
+#include "settings/Names.h"
 #include "settings/Settings.h"
 
 // The class-wide fields are the process's settings under the names that hosts know.
 
 namespace tarvo {
+
+const char* const NetworkManager::SECRET_KEY = names::kUserSecret;
 
 std::map<std::string, std::string> NetworkManager::SUBSCRIPTION_LIST() {
   return Settings::shared().subscriptions.get();

@@ -1,24 +1,19 @@
-#include <algorithm>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
-#include <system_error>
 #include <utility>
 #include <vector>
 
 #include <tarvo/ActivationMode.h>
 #include <tarvo/NetworkManager.h>
 #include <tarvo/platform/Device.h>
-#include <tarvo/platform/Environment.h>
 #include <tarvo/platform/MainQueue.h>
 
 #include "log/Log.h"
 #include "net/ClientState.h"
-#include "net/EngineLink.h"
-#include "net/RequestBuilder.h"
 #include "platform/foundation/FatalError.h"
+#include "settings/EngineLink.h"
 
 namespace tarvo {
 namespace {
@@ -29,10 +24,8 @@ using platform::MutexLock;
 /// From here on sessions know the extended idle mode.
 constexpr int kLevelWithExtendedIdle = 9;
 
-/// Modes from here on contact the backend.
-
-/// The delegate of every background session. Its delegate knows what the replies mean, so the engine's client is told,
-/// whichever client has opened the session. Lives as long as the process.
+/// The delegate of every background session. What it hears goes to the engine's client, whichever client has opened the
+/// session: the delegate of that one knows what the replies mean. Lives as long as the process.
 class SessionEvents final : public platform::BackgroundSessionDelegate {
  public:
   static SessionEvents& shared() {
@@ -60,25 +53,6 @@ class SessionEvents final : public platform::BackgroundSessionDelegate {
   /// One for each time that the application was woken and the events are not finished yet.
   std::vector<std::function<void()>> backgroundTransferCompletionHandler GUARDED_BY(mutex_);
 };
-
-/// The log files of all days but today, whoever's they are, by name. A link or a pipe of such a name is none.
-std::vector<std::filesystem::path> finishedLogFiles() {
-  std::vector<std::filesystem::path> files;
-  const auto directories = platform::documentDirectories();
-  if (directories.empty()) return files;
-  const std::string today = Log::todaysFilePrefix();
-  std::error_code error;
-  for (std::filesystem::directory_iterator entry(directories.front(), error), end; !error && entry != end;
-       entry.increment(error)) {
-    const std::string name = entry->path().filename().string();
-    std::error_code unknown;
-    if (Log::isFileName(name) && !name.starts_with(today) &&
-        std::filesystem::is_regular_file(entry->symlink_status(unknown)))
-      files.push_back(entry->path());
-  }
-  std::sort(files.begin(), files.end());
-  return files;
-}
 
 void SessionEvents::didReceive(BackgroundSession&, const std::string& data) {
   // Two blanks before "mainThread".
@@ -140,48 +114,13 @@ void NetworkManager::handleEventsForBackgroundURLSession(const std::string& iden
   session->finishEvents();
 }
 
-void NetworkManager::takeUpTransfers() {
-  std::shared_ptr<BackgroundSession> session;
-  {
-    MutexLock lock(state_->mutex);
-    session = state_->backgroundSession;
-  }
-  session->deliverEvents();
-}
+void NetworkManager::takeUpTransfers() { state_->backgroundSession.get()->deliverEvents(); }
 
 void NetworkManager::recreateBackgroundSession(const std::string& identifier) {
   auto session = openBackgroundSession(identifier);
   Log::debug("NetworkManager:recreateBackgroundSession [net] id:", identifier,
              " createSession:", session->description());
-  MutexLock lock(state_->mutex);
-  state_->backgroundSession.swap(session);
-}
-
-void NetworkManager::sendLogToRemoteWebServer() {
-  const auto identity = identityFor("sendLogToRemoteWebServer");
-  if (!identity) return;
-  std::shared_ptr<BackgroundSession> session;
-  {
-    MutexLock lock(state_->mutex);
-    session = state_->backgroundSession;
-  }
-  for (const auto& file : finishedLogFiles()) {
-    if (session->hasTaskFor(file)) continue;  // its upload waits or goes on: a second one would carry the same
-    std::error_code error;
-    const bool exists = std::filesystem::exists(file, error);
-    if (exists) Log::append(std::make_shared<const std::string>(file.native()), "\r\n--boundary--\r\n");
-    Log::debug("NetworkManager:sendLogToRemoteWebServer [net] logFile: ", file.string(),
-               exists ? "" : " does not exist");
-    auto task = session->uploadTask(buildLogUpload(state_->remoteServerURL, Settings::shared().clientID(),
-                                                   {identity->userUUID, identity->userSecret}),
-                                    file);
-    {
-      MutexLock lock(state_->mutex);
-      state_->httpPOSTTask = task;
-    }
-    // Behind the boundary, or the body could be sent without its end.
-    Log::serialQueue().async([session, task = std::move(task)] { session->resume(task); });
-  }
+  state_->backgroundSession.set(std::move(session));
 }
 
 }  // namespace tarvo

@@ -7,10 +7,9 @@
 
 #include "log/Log.h"
 #include "net/ClientState.h"
-#include "net/Endpoints.h"
-#include "net/EngineLink.h"
-#include "platform/foundation/Json.h"
+#include "net/Messages.h"
 #include "records/LatestPrediction.h"
+#include "settings/EngineLink.h"
 
 // Posting a batch of positions is also how the backend is polled: its answer carries the counters of what it holds.
 
@@ -19,7 +18,8 @@ namespace {
 
 using platform::Value;
 
-/// Below it an answer is not read at all.
+constexpr CallTexts kBatch{.parse = "NetworkManager:sendDataInBatchToRemoteWebServer :[error] : ",
+                           .success = "NetworkManager:sendDataInBatchToRemoteWebServer [net] [succes] jsonData:"};
 
 std::string printedByteCount(const std::optional<std::string>& data) {
   return data ? platform::concat("Optional(", data->size(), " bytes)") : "nil";
@@ -51,18 +51,10 @@ void replaySubscriptions(NetworkManager& client) {
   for (const auto& name : Settings::shared().unsubscriptions.get()) client.subscriptionUnRegister(name);
 }
 
-void readAnswer(NetworkManager& client, const std::optional<std::string>& data, std::int64_t poiVersionWhenSent) {
-  Log::debug("NetworkManager:sendDataInBatchToRemoteWebServer [net] [succes] Data:", printedByteCount(data));
-  if (!data) return;
-  auto json = platform::parseJson(*data);
-  if (!json) {
-    Log::error("NetworkManager:sendDataInBatchToRemoteWebServer :[error] : ", json.error().localizedDescription);
-    return;
-  }
-  const platform::Dictionary* answer = json->asDictionary();
-  if (answer == nullptr) return;
-  Log::debug("NetworkManager:sendDataInBatchToRemoteWebServer [net] [succes] jsonData:", *answer);
-  if (!isSuccess(*answer)) return;
+void followAnswer(NetworkManager& client, Reply& reply, std::int64_t poiVersionWhenSent) {
+  Log::debug("NetworkManager:sendDataInBatchToRemoteWebServer [net] [succes] Data:", printedByteCount(reply.data));
+  const auto answer = acceptedAnswer(kBatch, reply);
+  if (!answer) return;
   const Value* predictionID = find(*answer, "last_prediction_id");
   const Value* tripID = find(*answer, "last_pasttrip_id");
   const Value* poiID = find(*answer, "last_poi_id");
@@ -78,11 +70,11 @@ void readAnswer(NetworkManager& client, const std::optional<std::string>& data, 
 void NetworkManager::sendDataInBatchToRemoteWebServer(std::string json, const std::string& first,
                                                       const std::string& last) {
   const std::int64_t poiVersion = defaults().integer(LAST_POI_VERSION);
-  auto batch = request("POST", endpoints::positionsAPI, std::move(json));
+  auto batch = state_->request("POST", endpoints::positionsAPI, std::move(json));
   // Whoever posts while another batch is under way repeats it: the channel was stale, or the host asks for it.
   batch.replacesOlder = true;
   state_->start(
-      std::move(batch), [poiVersion, locationIndex = last, firstLoc = first](NetworkManager& self, const Reply& reply) {
+      std::move(batch), [poiVersion, locationIndex = last, firstLoc = first](NetworkManager& self, Reply& reply) {
         if (reply.refused()) {
           Log::debug(" NetworkManager:sendDataInBatchToRemoteWebServer : httpstatus : ", reply.response->statusCode,
                      " :réponse = ", reply.response->debugDescription());
@@ -92,7 +84,7 @@ void NetworkManager::sendDataInBatchToRemoteWebServer(std::string json, const st
           // moves on and does not hold the positions back.
           Log::debug(" NetworkManager:sendDataInBatchToRemoteWebServer : httpstatus : 200");
           if (Settings::shared().activateStatus.get() >= mode::kBackendGeoprofile)
-            readAnswer(self, reply.data, poiVersion);
+            followAnswer(self, reply, poiVersion);
           EngineLink::current().acknowledge(locationIndex, firstLoc);
         }
         if (reply.error)

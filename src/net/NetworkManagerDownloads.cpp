@@ -5,11 +5,10 @@
 
 #include "log/Log.h"
 #include "net/ClientState.h"
-#include "net/Endpoints.h"
-#include "net/EngineLink.h"
+#include "net/Messages.h"
 #include "platform/foundation/FatalError.h"
-#include "platform/foundation/Json.h"
 #include "records/LatestPrediction.h"
+#include "settings/EngineLink.h"
 
 namespace tarvo {
 namespace {
@@ -17,56 +16,24 @@ namespace {
 using platform::Dictionary;
 using platform::Value;
 
-/// How the three downloads differ up to the point where an answer has been accepted.
-struct Download {
-  std::string_view status, error, parse, success;  ///< beginnings of the log lines
-  /// Forgets the version of the places on a bad status or a transport error, so that a later batch asks again.
-  bool resetsPoiVersion = false;
-};
+constexpr CallTexts kPrediction{.status = "NetworkManager:getNextTrip : httpStatus ",
+                                .response = " réponse = ",
+                                .error = "NetworkManager:getNextTrip :[error] :",
+                                .parse = "NetworkManager:getNextTrip :[error] : ",
+                                .success = "NetworkManager:getNextTrip [net] [succes] jsonData:"};
+constexpr CallTexts kPastTrips{.status = "NetworkManager:getLocationHistoryEXTRAPOLATED : httpStatus ",
+                               .response = " réponse = ",
+                               .error = "NetworkManager:getLocationHistoryEXTRAPOLATED :[error] :",
+                               .parse = "NetworkManager:getLocationHistoryEXTRAPOLATED :[error] : ",
+                               .success = "NetworkManager:getLocationHistoryEXTRAPOLATED [net] [succes] jsonData:"};
+constexpr CallTexts kPlaces{.status = "NetworkManager:getPOI : httpStatus ",
+                            .response = " réponse = ",
+                            .error = "NetworkManager:getPOI :[error] :",
+                            .parse = "NetworkManager:getPOI :[error] : ",
+                            .success = "NetworkManager:getPOI [net] [succes] jsonData:"};
 
-constexpr Download kPrediction{"NetworkManager:getNextTrip : httpStatus ",
-                               "NetworkManager:getNextTrip :[error] :", "NetworkManager:getNextTrip :[error] : ",
-                               "NetworkManager:getNextTrip [net] [succes] jsonData:"};
-constexpr Download kPastTrips{"NetworkManager:getLocationHistoryEXTRAPOLATED : httpStatus ",
-                              "NetworkManager:getLocationHistoryEXTRAPOLATED :[error] :",
-                              "NetworkManager:getLocationHistoryEXTRAPOLATED :[error] : ",
-                              "NetworkManager:getLocationHistoryEXTRAPOLATED [net] [succes] jsonData:"};
-constexpr Download kPlaces{"NetworkManager:getPOI : httpStatus ", "NetworkManager:getPOI :[error] :",
-                           "NetworkManager:getPOI :[error] : ", "NetworkManager:getPOI [net] [succes] jsonData:",
-                           /*resetsPoiVersion=*/true};
-
-/// The answer with "success" true, or absent. A bad status alone does not end it: its body still counts.
-std::optional<Dictionary> accept(const Download& download, NetworkManager& client, Reply& reply) {
-  const auto resetPoiVersion = [&] {
-    if (download.resetsPoiVersion) client.defaults().set(NetworkManager::LAST_POI_VERSION, 0);
-  };
-  if (reply.refused()) {
-    Log::debug(download.status, reply.response->statusCode, " réponse = ", reply.response->debugDescription());
-    resetPoiVersion();
-  }
-  if (reply.error) {
-    Log::error(download.error, printedDescription(*reply.error));
-    resetPoiVersion();
-    return std::nullopt;
-  }
-  if (!reply.data) return std::nullopt;
-  auto json = platform::parseJson(*reply.data);
-  reply.data.reset();  // it can be large
-  if (!json) {
-    Log::error(download.parse, json.error().localizedDescription);
-    return std::nullopt;
-  }
-  Dictionary* answer = json->asDictionary();
-  if (answer == nullptr) return std::nullopt;
-  Log::debug(download.success, *answer);
-  if (!isSuccess(*answer)) return std::nullopt;
-  return std::move(*answer);
-}
-
-/// The list under the key of an accepted answer, or absent.
-std::optional<std::vector<Dictionary>> accepted(const Download& download, NetworkManager& client, Reply& reply,
-                                                std::string_view key) {
-  auto answer = accept(download, client, reply);
+/// The objects under the key of an accepted answer; absent without answer or key.
+std::optional<std::vector<Dictionary>> objectsIn(std::optional<Dictionary> answer, std::string_view key) {
   if (!answer) return std::nullopt;
   const auto list = answer->find(key);
   if (list == answer->end()) return std::nullopt;
@@ -120,8 +87,8 @@ std::optional<std::int64_t> firstTripToAskFor(std::int64_t announced) {
 
 void NetworkManager::getNextTrip() {
   Log::error("NetworkManager:getNextTrip :[called]");
-  state_->start(request("GET", endpoints::tripAPI, std::nullopt), [](NetworkManager& self, Reply& reply) {
-    if (auto answer = accept(kPrediction, self, reply)) storePrediction(std::move(*answer));
+  state_->start(state_->request("GET", endpoints::tripAPI), [](NetworkManager&, Reply& reply) {
+    if (auto answer = readAnswer(kPrediction, reply)) storePrediction(std::move(*answer));
   });
 }
 
@@ -133,16 +100,20 @@ void NetworkManager::getLocationHistoryEXTRAPOLATED() {
   const std::string path =
       platform::concat(endpoints::locationHistoryAPI, "?first_pasttrip_id=", *first, "&last_pasttrip_id=", last);
   Log::debug("NetworkManager:getLocationHistoryEXTRAPOLATED [api] ", path, " ");
-  state_->start(request("GET", path, std::nullopt), [](NetworkManager& self, Reply& reply) {
-    if (auto trips = accepted(kPastTrips, self, reply, "trips"))
+  state_->start(state_->request("GET", path), [](NetworkManager&, Reply& reply) {
+    if (auto trips = objectsIn(readAnswer(kPastTrips, reply), "trips"))
       EngineLink::current().submitLastTrips(std::move(*trips));
   });
 }
 
 void NetworkManager::getPOI() {
   Log::debug("NetworkManager:getPOI : called");
-  state_->start(request("GET", endpoints::poiAPI, std::nullopt), [](NetworkManager& self, Reply& reply) {
-    if (auto pois = accepted(kPlaces, self, reply, "pois")) EngineLink::current().submitPOIs(std::move(*pois));
+  state_->start(state_->request("GET", endpoints::poiAPI), [](NetworkManager& self, Reply& reply) {
+    logFailure(kPlaces, reply);
+    // Forgets the version, so that a later batch asks again.
+    if (reply.refused() || reply.error) self.defaults().set(LAST_POI_VERSION, 0);
+    if (auto pois = objectsIn(acceptedAnswer(kPlaces, reply), "pois"))
+      EngineLink::current().submitPOIs(std::move(*pois));
   });
 }
 

@@ -3,15 +3,19 @@
 
 #include "log/Log.h"
 #include "net/ClientState.h"
-#include "net/Endpoints.h"
-#include "net/EngineLink.h"
-#include "platform/foundation/Json.h"
-#include "settings/BackendAddress.h"
+#include "net/Messages.h"
+#include "settings/EngineLink.h"
+#include "settings/Settings.h"
 
 namespace tarvo {
 namespace {
 
 using platform::Value;
+
+constexpr CallTexts kRegistration{.status = " NetworkManager:sendUserToRemoteWebServer : httpstatus : ",
+                                  .response = " réponse = ",
+                                  .error = "NetworkManager:sendUserToRemoteWebServer :[error] :",
+                                  .parse = "NetworkManager:sendUserToRemoteWebServer : "};
 
 /// Makes the user whom the backend has issued known to the engine, once in a process.
 void adoptUser(NetworkManager& client, const Value& uuid, const Value& creationDate) {
@@ -29,23 +33,9 @@ void adoptUser(NetworkManager& client, const Value& uuid, const Value& creationD
   if (!Settings::shared().tokenSent.exchange(true)) client.sendTokenremoteWebServer();
 }
 
-void readRegistration(NetworkManager& client, const Reply& reply) {
-  if (reply.refused())
-    Log::debug(" NetworkManager:sendUserToRemoteWebServer : httpstatus : ", reply.response->statusCode,
-               " réponse = ", reply.response->debugDescription());
-  if (reply.error) {
-    Log::error("NetworkManager:sendUserToRemoteWebServer :[error] :", printedDescription(*reply.error));
-    return;
-  }
-  if (!reply.data) return;
-  auto json = platform::parseJson(*reply.data);
-  if (!json) {
-    Log::error("NetworkManager:sendUserToRemoteWebServer : ", json.error().localizedDescription);
-    return;
-  }
-  const platform::Dictionary* answer = json->asDictionary();
-  if (answer == nullptr || !isSuccess(*answer)) return;
-  const platform::Dictionary* user = firstResult(*answer);
+void readRegistration(NetworkManager& client, Reply& reply) {
+  const auto answer = readAnswer(kRegistration, reply);
+  const platform::Dictionary* user = answer ? firstResult(*answer) : nullptr;
   if (user == nullptr) return;
   const Value* uuid = find(*user, "uuid");
   const Value* creationDate = find(*user, "creation_date");
@@ -63,7 +53,7 @@ void readRegistration(NetworkManager& client, const Reply& reply) {
 }  // namespace
 
 void NetworkManager::sendUserToRemoteWebServer(const std::string& data) {
-  auto userRequest = request("POST", endpoints::usersAPI, data);
+  auto userRequest = state_->request("POST", endpoints::usersAPI, data);
   userRequest.replacesOlder = true;
   const std::string description = userRequest.description();
   state_->start(std::move(userRequest), readRegistration);

@@ -1,0 +1,157 @@
+#include "log/LogFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <utility>
+#include <vector>
+
+#include <tarvo/platform/Environment.h>
+
+#include "log/Log.h"
+#include "platform/foundation/Files.h"
+#include "platform/foundation/Mutex.h"
+
+namespace tarvo {
+namespace {
+
+/// The opening of the multipart body that the file will be uploaded as.
+std::string multipartHeader(std::string_view fileName) {
+  return platform::concat("--boundary\r\n", "Content-Disposition: form-data; name=\"file\"; filename=\"", fileName,
+                          "\"\r\n", "Content-Type: application/octet-stream\r\n\r\n");
+}
+
+enum class Entry { none, regularFile, other };
+
+/// What has that name. Links are not followed: a link or a pipe that has the name of a log is no log.
+Entry lookAt(const std::string& file) {
+  struct stat status {};
+  if (::lstat(file.c_str(), &status) != 0) return Entry::none;
+  return S_ISREG(status.st_mode) ? Entry::regularFile : Entry::other;
+}
+
+/// The path of the file that the latest line went to, kept because the next line mostly goes there too. Threads: any.
+class LatestFile {
+ public:
+  static LatestFile& shared() {
+    static auto* latest = new LatestFile;
+    return *latest;
+  }
+
+  LogFilePath pathFor(std::string_view name) {
+    LogFilePath file = cached(name);
+    return file && lookAt(*file) == Entry::regularFile ? file : locateOrCreate(name);
+  }
+
+ private:
+  LogFilePath cached(std::string_view name) {
+    platform::MutexLock lock(mutex_);
+    return name == name_ ? file_ : nullptr;
+  }
+
+  LogFilePath locateOrCreate(std::string_view name) {
+    const auto directories = platform::documentDirectories();
+    // The identifier comes from the backend; it names a file only if it is a plain name.
+    if (directories.empty() || !platform::isPlainFileName(name)) return nullptr;
+    auto file = std::make_shared<const std::string>((directories.front() / name).native());
+    {
+      // One thread at a time: writing the header replaces the file, and with it a line that another thread might have
+      // appended meanwhile.
+      platform::MutexLock lock(creating_);
+      const Entry there = lookAt(*file);
+      // Flushed before any line follows: a file that a power cut has left without its header would be refused by the
+      // backend.
+      if (there == Entry::none) (void)platform::writeFileAtomically(*file, multipartHeader(name), /*durable=*/true);
+      if (there != Entry::regularFile) return nullptr;
+    }
+    platform::MutexLock lock(mutex_);
+    name_ = name;
+    file_ = file;
+    return file;
+  }
+
+  platform::Mutex creating_;
+  platform::Mutex mutex_;
+  std::string name_ GUARDED_BY(mutex_);
+  LogFilePath file_ GUARDED_BY(mutex_);
+};
+
+/// Opens the file for this one line and never creates it, so that a file that was deleted meanwhile does not come back
+/// without its header. A link that has taken its place is not followed, a pipe is not waited for.
+void appendTo(const std::string& file, std::string_view text) {
+  const int descriptor = ::open(file.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+  if (descriptor < 0) return;
+  while (!text.empty()) {
+    const ssize_t written = ::write(descriptor, text.data(), text.size());
+    if (written < 0 && errno != EINTR) break;
+    if (written > 0) text.remove_prefix(static_cast<std::size_t>(written));
+  }
+  ::close(descriptor);
+}
+
+/// Lines that wait to be written, in order. All that have come since the log's queue last wrote share one buffer and
+/// one block of that queue, so that a line costs little more than its characters. Threads: any.
+class WaitingLines {
+ public:
+  static WaitingLines& shared() {
+    static auto* waiting = new WaitingLines;
+    return *waiting;
+  }
+
+  void add(LogFilePath file, std::initializer_list<std::string_view> parts) {
+    platform::MutexLock lock(mutex_);
+    if (!hasThread_) hasThread_ = Log::serialQueue().start();
+    if (!hasThread_ && next_.text.size() >= kMostWithoutThread) return;
+    for (const std::string_view part : parts) next_.text.append(part);
+    next_.lines.push_back({std::move(file), next_.text.size()});
+    // Queued under the lock, so that a block that the caller queues next comes after its line.
+    if (next_.lines.size() == 1) hasThread_ = Log::serialQueue().async([this] { write(); });
+  }
+
+ private:
+  struct Line {
+    LogFilePath file;
+    std::size_t end;  ///< in the text
+  };
+  struct Batch {
+    std::string text;
+    std::vector<Line> lines;
+  };
+  /// A buffer that a burst has made larger than this is freed.
+  static constexpr std::size_t kMostKeptBytes = 64 * 1024;
+  /// Lines beyond it are dropped while the queue has no thread to write them.
+  static constexpr std::size_t kMostWithoutThread = 256 * 1024;
+
+  void write() {
+    {
+      platform::MutexLock lock(mutex_);
+      std::swap(next_, written_);
+    }
+    std::size_t begin = 0;
+    for (const Line& line : written_.lines) {
+      appendTo(*line.file, std::string_view(written_.text).substr(begin, line.end - begin));
+      begin = line.end;
+    }
+    if (written_.text.capacity() > kMostKeptBytes) written_ = {};
+    written_.text.clear();
+    written_.lines.clear();
+  }
+
+  platform::Mutex mutex_;
+  Batch next_ GUARDED_BY(mutex_);
+  bool hasThread_ GUARDED_BY(mutex_) = true;  ///< whether the queue had a thread when it was last asked
+  Batch written_;                             ///< used on the queue only
+};
+
+}  // namespace
+
+LogFilePath logFileNamed(std::string_view name) { return LatestFile::shared().pathFor(name); }
+
+void appendToLogFile(LogFilePath file, std::initializer_list<std::string_view> parts) {
+  WaitingLines::shared().add(std::move(file), parts);
+}
+
+}  // namespace tarvo

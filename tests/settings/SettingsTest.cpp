@@ -1,0 +1,49 @@
+#include "settings/Settings.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include <tarvo/platform/Clock.h>
+
+namespace tarvo {
+namespace {
+
+using platform::dateSince1970;
+
+TEST(UploadChannel, IsFreeWhenReleasedOrHeldForExactly180Seconds) {
+  platform::Clock::install(std::make_shared<platform::ManualClock>(dateSince1970(1000)));
+  UploadChannel channel;
+  // A clock that was set back does not make it stale; a takeover starts the time anew.
+  const std::pair<double, bool> tries[] = {
+      {1000, true}, {1179.999, false}, {500, false}, {1180, true}, {1359.9, false}};
+  for (const auto& [seconds, taken] : tries) {
+    const auto outcome = channel.tryTake(dateSince1970(seconds));
+    EXPECT_EQ(outcome.taken, taken) << seconds;
+    EXPECT_EQ(outcome.wasLocked, seconds != 1000) << seconds;
+  }
+  channel.release();
+  EXPECT_TRUE(channel.tryTake(dateSince1970(1181)).taken);
+}
+
+TEST(UploadChannel, GoesToOneOfManyThreads) {
+  UploadChannel channel;
+  std::atomic<int> taken{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t)
+    threads.emplace_back([&] { taken += channel.tryTake(platform::Clock::current()->now()).taken ? 1 : 0; });
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(taken.load(), 1);
+}
+
+TEST(Settings, RefuseClientIdsThatWouldNotStandInAURL) {
+  Settings& settings = Settings::shared();
+  for (const char* usable : {"client-1_A.b", "my%20app", "%c3%A9", "..."}) EXPECT_TRUE(settings.setClientID(usable));
+  for (const char* none : {"two words", "../users", ".", "..", ".%2e", "%2E%2e", "100%", "%2", "%g0", "a?b"})
+    EXPECT_FALSE(settings.setClientID(none)) << none;
+  EXPECT_EQ(settings.clientID(), "...");
+}
+
+}  // namespace
+}  // namespace tarvo
