@@ -18,6 +18,7 @@
 
 namespace tarvo {
 
+class EngineParts;
 class LocationManager;
 
 /// Whom the engine tells. Called on whatever thread the event arose, with no lock held and outside the store. An
@@ -142,14 +143,11 @@ class TARVO_API LocationManager {
   /// store meanwhile. Absent on success, else the reason in words. A program that only reads does without.
   std::optional<std::string> claimStore(double seconds);
 
-  struct Parts;
-  /// For the facade.
-  Parts& parts() { return *parts_; }
-
  private:
+  friend class EngineParts;
   LocationManager();
   ~LocationManager() = delete;
-  Parts* parts_;
+  EngineParts* parts_;
 };
 
 }  // namespace tarvo

@@ -129,7 +129,7 @@ class TARVO_API NetworkManager {
   void reset(const Reset& reset);
   /// Goes on with the log uploads that an earlier process has left.
   void takeUpTransfers();
-  friend class ServiceControl;  ///< knows when
+  friend class Collection;  ///< knows when
 
   std::shared_ptr<State> state_;
 };

@@ -2,8 +2,6 @@
 
 #include <set>
 
-#include "engine/GeofenceRadii.h"
-
 namespace tarvo {
 namespace {
 
@@ -47,7 +45,7 @@ class Modes : public test::WholeSdk {
       if (before-- <= 0) stored.insert(*record.localisationMethod + "/" + *record.serviceAction + " ");
     std::string line;
     for (const std::string& record : stored) line += record;
-    auto& parts = engine().parts();
+    auto& parts = EngineParts::of(engine());
     const auto background = parts.state.isBackgroundMode.get();
     return line + (background ? (*background ? "background " : "foreground ") : "neither ") +
            parts.state.currentLocalisationMethod.get() + " " +
@@ -92,9 +90,9 @@ TEST_F(Modes, FollowTheApplicationAndTheCharger) {
     const std::string state = after(event);
     EXPECT_EQ(state, result) << event;
     const bool foreground = state.find("foreground") != state.npos;
-    EXPECT_EQ(engine().parts().locationManager.distanceFilter(), foreground ? 20.0 : 100.0) << event;
+    EXPECT_EQ(EngineParts::of(engine()).locationManager.distanceFilter(), foreground ? 20.0 : 100.0) << event;
     EXPECT_EQ(updates(), foreground) << event;
-    EXPECT_EQ(engine().parts().state.currentBatteryState, UIDevice::current().batteryState()) << event;
+    EXPECT_EQ(EngineParts::of(engine()).state.currentBatteryState, UIDevice::current().batteryState()) << event;
   }
 }
 
@@ -124,7 +122,7 @@ TEST_F(Modes, TellEachSwitchInTheLog) {
 TEST_F(Modes, AFixInTheBackgroundTellsOfAChargerThatNobodyReported) {
   begin();
   after("background");
-  auto& state = engine().parts().state;
+  auto& state = EngineParts::of(engine()).state;
   const std::pair<UIDeviceBatteryState, const char*> before[] = {{UIDeviceBatteryState::unplugged, ""},
                                                                  {UIDeviceBatteryState::unknown, "power_unplug"},
                                                                  {UIDeviceBatteryState::full, "power_unplug"}};
@@ -174,7 +172,7 @@ TEST_F(Modes, ALeftRegionArmsANewRingByTheMeasuredSpeed) {
   begin();
   UIApplication::shared().didEnterBackground();
   waitUntilIdle();
-  auto& parts = engine().parts();
+  auto& parts = EngineParts::of(engine());
   diary.clear();
   // Out of all regions, for longer than a crossing has to last; too early for a significant change.
   for (int i = 0; i < 2; ++i) {

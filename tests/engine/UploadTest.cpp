@@ -151,7 +151,7 @@ TEST_F(Upload, NeverAsksTheResolverInsideABlockOfTheStore) {
   upload();
   EXPECT_EQ(engine().syncStatus().awaiting, 1);
   ASSERT_TRUE(LocationManager::setRemoteWebServerURL("https://backend.test/api"));
-  auto& context = engine().parts().store.managedObjectContext();
+  auto& context = EngineParts::of(engine()).store.managedObjectContext();
   // Unknown at first; then known from a pass outside.
   for (const int asked : {0, 1, 1}) {
     diary.clear();

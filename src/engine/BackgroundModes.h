@@ -5,9 +5,9 @@
 
 #include <tarvo/NetworkManager.h>
 
+#include "engine/Collection.h"
 #include "engine/EngineState.h"
 #include "engine/Geofencing.h"
-#include "engine/ServiceControl.h"
 #include "platform/location/CLLocationManager.h"
 
 namespace tarvo {
@@ -17,10 +17,10 @@ namespace tarvo {
 ///
 /// Threads: both switches are queued on `serialQueue` and return at once; `handleNotification` runs on the thread that
 /// posts the notification and may wait for `serialQueue`. Errors: never throws.
-class ServiceModes {
+class BackgroundModes {
  public:
-  ServiceModes(EngineState& state, EngineQueues& queues, platform::CLLocationManager& locationManager,
-               ServiceControl& control, Geofencing& geofencing, NetworkManager& networkManager);
+  BackgroundModes(EngineState& state, platform::CLLocationManager& locationManager, Collection& collection,
+                  Geofencing& geofencing, NetworkManager& networkManager);
 
   void foregroundMode();
   void backgroundMode();
@@ -37,9 +37,8 @@ class ServiceModes {
   std::string_view batteryChanged();
 
   EngineState& state_;
-  EngineQueues& queues_;
   platform::CLLocationManager& locationManager_;
-  ServiceControl& control_;
+  Collection& collection_;
   Geofencing& geofencing_;
   NetworkManager& networkManager_;
 };
