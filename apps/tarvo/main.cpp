@@ -4,6 +4,9 @@
 #include <CLI/CLI.hpp>
 #include <exception>
 #include <iostream>
+#include <string>
+
+#include <tarvo/Version.h>
 
 #include "Commands.h"
 #include "Failure.h"
@@ -30,7 +33,7 @@ int main(int argc, char** argv) {
     return kUnusable;
   }
   CLI::App app("Runs recorded trips through the SDK and reads what it holds.", "tarvo");
-  app.set_version_flag("--version", "tarvo " TARVO_VERSION);
+  app.set_version_flag("--version", std::string("tarvo ") + tarvo::version());
   app.require_subcommand(1);
   Run run;
   addReplayCommand(app, run);

@@ -1,5 +1,6 @@
 #include <tarvo/Tarvo.h>
 
+#include <tarvo/Version.h>
 #include <tarvo/platform/Device.h>
 #include <tarvo/platform/UserDefaults.h>
 
@@ -26,6 +27,8 @@ namespace {
 constexpr std::int64_t kMarkerValue = 2;
 
 }  // namespace
+
+const char* version() { return TARVO_VERSION_STRING; }
 
 std::int64_t Tarvo::ACTIVATE_STATUS() { return Settings::shared().activateStatus.get(); }
 void Tarvo::setACTIVATE_STATUS(std::int64_t mode) { Settings::shared().activateStatus.set(mode); }

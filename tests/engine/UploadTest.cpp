@@ -4,10 +4,10 @@
 
 #include <atomic>
 
-#include "engine/Harness.h"
 #include "platform/foundation/FileLock.h"
 #include "platform/foundation/Text.h"
 #include "store/Users.h"
+#include "support/WholeSdk.h"
 
 static std::atomic<int> askedForNames{0};
 

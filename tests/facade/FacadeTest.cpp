@@ -1,4 +1,4 @@
-#include "engine/Harness.h"
+#include "support/WholeSdk.h"
 
 #include <chrono>
 #include <future>
