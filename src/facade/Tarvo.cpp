@@ -129,6 +129,8 @@ std::optional<Trip> Tarvo::getNextTrip() {
   return LastPrediction();
 }
 
+Tarvo::SyncStatus Tarvo::syncStatus() const { return core_->locationManager.syncStatus(); }
+
 std::vector<std::string> Tarvo::getPointOfInterests() {
   std::vector<std::string> zones;
   for (auto& place : core_->locationManager.getPointOfInterest())

@@ -98,7 +98,7 @@ TEST_F(Facade, TellsTheNewestObjectOfWholeBatchesUntilToldToStop) {
   drive(1);
   EXPECT_EQ(olderHost->batches.size(), 1u) << "unless it is given a delegate";
   // Six fixes, the two of the first batch counted singly, and the event of serviceConnect.
-  EXPECT_EQ(engine().syncStatus().stored, 8);
+  EXPECT_EQ(older.syncStatus().stored, 8);
 }
 
 TEST_F(Facade, LetsTheHostStopEverythingFromInsideACallback) {
