@@ -10,7 +10,7 @@
 #include <system_error>
 #include <type_traits>
 
-#include "Failure.h"
+#include "Console.h"
 
 namespace tarvo::cli {
 namespace {

@@ -9,7 +9,7 @@
 #include <tarvo/Version.h>
 
 #include "Commands.h"
-#include "Failure.h"
+#include "Console.h"
 
 namespace {
 
@@ -37,9 +37,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   Run run;
   addReplayCommand(app, run);
-  addHistoryCommand(app, run);
-  addListCommands(app, run);
-  addStatusCommand(app, run);
+  addReadCommands(app, run);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
