@@ -79,8 +79,8 @@ std::unique_ptr<sandbox::Backend> startSandbox(const Home& home, const ReplayOpt
   }
 }
 
-constexpr const char* kVariable = "TARVO_REPLAY_RELAUNCH";
-constexpr const char* kHomeVariable = "TARVO_REPLAY_HOME";  // on its own: a path need not be UTF-8
+constexpr const char* kRelaunchVariable = "TARVO_REPLAY_RELAUNCH";
+constexpr const char* kRelaunchHomeVariable = "TARVO_REPLAY_HOME";  // on its own: a path need not be UTF-8
 
 std::string concatenated(const std::string& name, const std::string& value) { return name + "=" + value; }
 
@@ -94,17 +94,17 @@ std::vector<std::string> commandLine() {
 }  // namespace
 
 std::optional<Relaunch> Relaunch::take() {
-  const char* text = std::getenv(kVariable);
+  const char* text = std::getenv(kRelaunchVariable);
   if (text == nullptr) return std::nullopt;
   const auto json = nlohmann::json::parse(text, nullptr, false);
-  const char* const home = std::getenv(kHomeVariable);
-  ::unsetenv(kVariable);
+  const char* const home = std::getenv(kRelaunchHomeVariable);
+  ::unsetenv(kRelaunchVariable);
   try {
     return Relaunch{json.at("events"),           json.at("fixes"),      json.at("delivered"), json.at("batches"),
                     json.at("unsaved"),          json.at("seconds"),    json.at("battery"),   json.at("batteryLevel"),
                     home != nullptr ? home : "", json.at("sandboxPort")};
   } catch (const nlohmann::json::exception&) {
-    throw Failure{kUsage, std::string(kVariable) + " is set by the program alone"};
+    throw Failure{kUsage, std::string(kRelaunchVariable) + " is set by the program alone"};
   }
 }
 
@@ -115,7 +115,8 @@ void Relaunch::launch() const {
       {"sandboxPort", sandboxPort}};
   std::vector<std::string> arguments = commandLine();
   // Not through setenv: other threads may be reading the environment.
-  std::vector<std::string> variables = {concatenated(kVariable, json.dump()), concatenated(kHomeVariable, home)};
+  std::vector<std::string> variables = {concatenated(kRelaunchVariable, json.dump()),
+                                        concatenated(kRelaunchHomeVariable, home)};
   std::vector<char*> environment;
   for (char** variable = ::environ; *variable != nullptr; ++variable) environment.push_back(*variable);
   for (std::string& variable : variables) environment.push_back(variable.data());

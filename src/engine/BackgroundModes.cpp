@@ -18,11 +18,11 @@ namespace {
 
 bool applicationIsActive() { return UIApplication::shared().applicationState() == UIApplicationState::active; }
 
+}  // namespace
+
 bool isOnMainsPower(UIDeviceBatteryState state) {
   return state == UIDeviceBatteryState::charging || state == UIDeviceBatteryState::full;
 }
-
-}  // namespace
 
 BackgroundModes::BackgroundModes(EngineState& state, platform::CLLocationManager& locationManager,
                                  Collection& collection, Geofencing& geofencing, NetworkManager& networkManager)

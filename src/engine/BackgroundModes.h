@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include <tarvo/NetworkManager.h>
+#include <tarvo/platform/Device.h>
 
 #include "engine/Collection.h"
 #include "engine/EngineState.h"
@@ -11,6 +12,9 @@
 #include "platform/location/CLLocationManager.h"
 
 namespace tarvo {
+
+/// Charging or full.
+bool isOnMainsPower(platform::UIDeviceBatteryState state);
 
 /// Runs the location service in one of two configurations, foreground and background, and follows the application's
 /// life and the battery. A device on mains power always runs the foreground configuration.

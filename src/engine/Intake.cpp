@@ -56,7 +56,7 @@ void Intake::checkBattery() {
   if (state_.currentBatteryState.exchange(battery) == battery) return;
   Log::debug("LocationManager:didUpdateLocations [event] [battery] newBatteryState:",
              static_cast<std::int64_t>(battery));
-  if (battery == UIDeviceBatteryState::charging || battery == UIDeviceBatteryState::full) {
+  if (isOnMainsPower(battery)) {
     modes_.foregroundMode();
     collection_.recordEvent(action::kPowerPlug);
   } else if (battery == UIDeviceBatteryState::unplugged) {
