@@ -2,7 +2,7 @@ include(CMakePackageConfigHelpers)
 
 install(TARGETS tarvo_shared tarvo_static EXPORT tarvoTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(DIRECTORY include/tarvo DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY include/tarvo ${PROJECT_BINARY_DIR}/include/tarvo DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(EXPORT tarvoTargets NAMESPACE tarvo:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tarvo)
 configure_package_config_file(cmake/tarvoConfig.cmake.in ${PROJECT_BINARY_DIR}/tarvoConfig.cmake
   INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tarvo)

@@ -9,9 +9,13 @@
 #include <vector>
 
 #include "sandbox/Bodies.h"
-#include "sandbox/Identity.h"
 
 namespace tarvo::sandbox {
+
+/// Who a device is to the backend.
+struct Identity {
+  std::string uuid, secret, creationDate;
+};
 
 /// How much was received; a repeat is a position that came again under a number that was known.
 struct Holdings {

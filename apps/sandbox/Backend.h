@@ -4,7 +4,6 @@
 #include <memory>
 #include <string>
 
-#include "sandbox/Account.h"
 #include "sandbox/Archive.h"
 #include "sandbox/Canned.h"
 #include "sandbox/Faults.h"

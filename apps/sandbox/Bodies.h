@@ -62,6 +62,11 @@ std::optional<std::vector<std::string>> readForm(std::string_view body, const Fo
 /// A decimal number that is written as to_string would; absent otherwise.
 std::optional<std::int64_t> readNumber(const std::string& text);
 
+/// The one customer that the backend serves.
+struct Account {
+  std::string clientID, apiKey, apiSecret;
+};
+
 struct Credentials {
   std::string name, secret;
   bool operator==(const Credentials&) const = default;

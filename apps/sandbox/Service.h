@@ -5,9 +5,8 @@
 #include <string>
 #include <string_view>
 
-#include "sandbox/Account.h"
 #include "sandbox/Archive.h"
-#include "sandbox/Derived.h"
+#include "sandbox/Canned.h"
 #include "sandbox/Faults.h"
 #include "sandbox/Logs.h"
 

@@ -12,8 +12,6 @@ namespace tarvo::cli {
 /// of `run` is the exit status; it throws Failure.
 using Run = std::function<int()>;
 void addReplayCommand(CLI::App& app, Run& run);
-void addHistoryCommand(CLI::App& app, Run& run);
-void addListCommands(CLI::App& app, Run& run);  ///< trips and pois
-void addStatusCommand(CLI::App& app, Run& run);
+void addReadCommands(CLI::App& app, Run& run);  ///< history, trips, pois, status
 
 }  // namespace tarvo::cli

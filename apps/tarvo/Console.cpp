@@ -28,6 +28,8 @@ void installConsole(bool shown, std::function<void(std::string_view)> watcher) {
   });
 }
 
+void print(const std::string& text) { std::cout << text << std::endl; }
+
 void note(const std::string& text) { std::cerr << "tarvo: " + text + "\n"; }
 
 void watchInterrupts() {

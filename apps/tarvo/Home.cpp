@@ -12,7 +12,7 @@
 
 #include <tarvo/HostKeys.h>
 
-#include "Failure.h"
+#include "Console.h"
 
 namespace tarvo::cli {
 namespace {

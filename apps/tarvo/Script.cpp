@@ -14,7 +14,7 @@
 #include <tarvo/platform/LocationService.h>
 
 #include "Arguments.h"
-#include "Failure.h"
+#include "Console.h"
 #include "sandbox/BoundedJson.h"
 
 namespace tarvo::cli {

@@ -16,7 +16,6 @@
 
 #include "Arguments.h"
 #include "Console.h"
-#include "Failure.h"
 #include "sandbox/Backend.h"
 
 namespace tarvo::cli {

@@ -10,12 +10,10 @@
 #include <tarvo/platform/Clock.h>
 #include <tarvo/platform/GpxReplay.h>
 
+#include "Display.h"
 #include "Home.h"
-#include "Progress.h"
-#include "Relaunch.h"
 #include "Replay.h"
 #include "Script.h"
-#include "Watch.h"
 
 namespace tarvo::sandbox {
 class Backend;

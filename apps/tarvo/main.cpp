@@ -4,9 +4,12 @@
 #include <CLI/CLI.hpp>
 #include <exception>
 #include <iostream>
+#include <string>
+
+#include <tarvo/Version.h>
 
 #include "Commands.h"
-#include "Failure.h"
+#include "Console.h"
 
 namespace {
 
@@ -30,13 +33,11 @@ int main(int argc, char** argv) {
     return kUnusable;
   }
   CLI::App app("Runs recorded trips through the SDK and reads what it holds.", "tarvo");
-  app.set_version_flag("--version", "tarvo " TARVO_VERSION);
+  app.set_version_flag("--version", std::string("tarvo ") + tarvo::version());
   app.require_subcommand(1);
   Run run;
   addReplayCommand(app, run);
-  addHistoryCommand(app, run);
-  addListCommands(app, run);
-  addStatusCommand(app, run);
+  addReadCommands(app, run);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

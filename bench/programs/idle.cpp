@@ -25,7 +25,7 @@ using namespace tarvo;
   Settings::shared().reloadUserSecret();
   host.activate(Tarvo::BACKEND_BACKGROUND);
   bench::waitUntilIdle();
-  LocationManager::Parts& engine = bench::parts();
+  EngineParts& engine = bench::parts();
   engine.didUpdateLocations(engine.locationManager, {bench::fix(0)});
   bench::waitUntilIdle();
   LocationManager::sharedInstance().sendDataInBatchToRemoteWebServer();

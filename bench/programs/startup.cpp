@@ -20,7 +20,7 @@ using namespace tarvo;
   Tarvo host;
   host.activate(Tarvo::LOCAL_BACKGROUND);
   if (untilFirstPosition) {
-    LocationManager::Parts& engine = bench::parts();
+    EngineParts& engine = bench::parts();
     engine.didUpdateLocations(engine.locationManager, {bench::fix(0)});
     bench::waitUntilIdle();
   }

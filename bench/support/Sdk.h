@@ -7,7 +7,7 @@
 #include <tarvo/Tarvo.h>
 #include <tarvo/platform/SystemLog.h>
 
-#include "engine/LocationManagerParts.h"
+#include "engine/EngineParts.h"
 
 namespace tarvo::bench {
 
@@ -19,7 +19,7 @@ platform::SystemLogSink consoleSink();
 /// Lines that reached it.
 std::uint64_t consoleLines();
 
-inline LocationManager::Parts& parts() { return LocationManager::sharedInstance().parts(); }
+inline EngineParts& parts() { return EngineParts::of(LocationManager::sharedInstance()); }
 
 /// Waits for all queued work and all transfers.
 void waitUntilIdle();

@@ -18,7 +18,7 @@ struct SdkIntake {
   static std::filesystem::path sdkStore() { return storeIn(limitStore().parent_path()); }
 
   void run(std::int64_t items) {
-    LocationManager::Parts& engine = parts();
+    EngineParts& engine = parts();
     for (std::int64_t end = next + items; next < end; ++next)
       engine.didUpdateLocations(engine.locationManager, {fix(next)});
     expectedRows += items;

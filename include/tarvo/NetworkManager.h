@@ -147,7 +147,7 @@ class TARVO_API NetworkManager {
   explicit NetworkManager(std::shared_ptr<State> state);
   /// Goes on with the log uploads that an earlier process has left.
   void takeUpTransfers();
-  friend class ServiceControl;  ///< knows when
+  friend class Collection;  ///< knows when
 
   std::shared_ptr<State> state_;
 };

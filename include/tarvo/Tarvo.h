@@ -53,6 +53,7 @@ class TARVO_API Tarvo {
  public:
   using Trip = tarvo::Trip;
   using LocationsHistory = tarvo::LocationsHistory;
+  using SyncStatus = LocationManager::SyncStatus;
 
   static constexpr int TARVO_FORMAT_RAW = 1;
   static constexpr int TARVO_FORMAT_EXTRAPOLATED = 2;
@@ -67,25 +68,34 @@ class TARVO_API Tarvo {
   static constexpr std::int64_t DEACTIVE_ALL = mode::kDeactivated;
 
   // Process-wide values, guarded; the getters give copies.
+  /// The mode, DEACTIVE_ALL at first.
   static std::int64_t ACTIVATE_STATUS();
+  /// Sets the mode alone: what may be read and whether uploads run. For programs that only read; others `activate`.
   static void setACTIVATE_STATUS(std::int64_t mode);
+  /// The host's API key and client identifier at the backend: activating a mode 8 or 12 reads them from the property
+  /// list ("TarvoApiKey", "TarvoClientID").
   static std::string tarvoapiKey();
   static void setTarvoapiKey(std::string key);
   static std::string clientID();
   /// Refused (false, with a line in the system log) unless it can stand in a URL's path as it is; "%XX" can.
   static bool setClientID(std::string_view identifier);
+  /// The host's bundle identifier, read from the property list with the key.
   static std::string bundleID();
   static void setBundleID(std::string identifier);
+  /// The token for push messages, and whether the backend has it; set by
+  /// `didRegisterForRemoteNotificationsWithDeviceToken` and the backend's answer.
   static std::string deviceToken();
   static void setDeviceToken(std::string token);
   static bool tokenSent();
   static void setTokenSent(bool sent);
+  /// The identifier that `handleEventsForBackgroundURLSession` answers to.
   static const std::string& backgroundSessionID();
   /// Tags that each push message sends to the backend again, name to value, and names that it removes again.
   static std::map<std::string, std::string> SET_TAGS_LIST();
   static void setSET_TAGS_LIST(std::map<std::string, std::string> tags);
   static std::vector<std::string> UNSET_TAGS_LIST();
   static void setUNSET_TAGS_LIST(std::vector<std::string> names);
+  /// The prediction that was downloaded last, in any mode; an empty one at first.
   static Trip LastPrediction();
   static void setLastPrediction(Trip prediction);
 
@@ -103,15 +113,18 @@ class TARVO_API Tarvo {
   /// Kept strongly. Events reach this object from now on, unless the pointer is empty.
   void setDelegate(std::shared_ptr<TarvoDelegate> delegate);
 
-  /// Sets the mode and starts what it needs; -4 stops the location services. Other integers are stored as they are.
+  /// Sets the mode, asks for the permission that it needs and starts collection; modes 8 and 12 also do what
+  /// `setApiKeySecret` does with the secret given before, and register for push messages. DEACTIVE_ALL stops
+  /// collection. Other integers are stored as they are.
   void activate(std::int64_t service);
-  /// Starts standard updates and stores the current position, in any mode from 0.
+  /// Starts standard updates and stores the last known position again, in any mode from 0; `activate` has done so.
   void serviceConnect();
   /// Lets new positions reach the delegate, or keeps them from it; collection goes on.
   void requestLocationUpdate();
   void stopLocationUpdate();
 
-  /// Absent in mode -4 and before the first stored position.
+  /// The stored position with the newest fix time; absent in mode -4 and before the first stored position. Asks for the
+  /// permission that the mode needs.
   std::optional<platform::CLLocation> getCurrentLocation();
   /// Raw positions from mode 4, past trips from mode 8; absent below, when there are none, and for other formats.
   /// Absent bounds are open; both are included and, for positions, compared with the time of storage.
@@ -119,37 +132,54 @@ class TARVO_API Tarvo {
                                                      std::optional<platform::Date> until);
   /// The latest prediction, possibly an empty one, from mode 12.
   std::optional<Trip> getNextTrip();
+  /// How far the upload has come: counts in the store, in any mode.
+  SyncStatus syncStatus() const;
   /// The zones of the stored places, GeoJSON texts in UTF-8, highest identifier first; in any mode.
   std::vector<std::string> getPointOfInterests();
 
   /// Deletes stored past trips and places; positions stay.
   void resetLocalHistory();
+  // Ask the backend to forget what it has derived: past trips and the profile of places and predictions, or the profile
+  // alone. Nothing is sent before this device is registered; what is stored here stays.
   void resetBackendHistory();
   void resetGeoProfileHistory();
 
+  /// Gives the backend the token for push messages, at once when this device is registered, else with the registration.
   void didRegisterForRemoteNotificationsWithDeviceToken(const std::string& token);
   /// True when the message was for this SDK, also when the mode left nothing to do. In a backend mode, before any
   /// position is known, it stops the process.
   bool didReceiveRemoteNotification(const platform::Dictionary& userInfo);
-  /// Gives the secret of the host's API key; in modes from 8 the key and client id are read from the property list,
-  /// and the device is registered unless it already is.
+  /// Gives the secret of the host's API key. This is the one that a host calls, before or after `activate`;
+  /// `NetworkManager::setApiKeySecret` only keeps the secret. In modes from 8 the key and client id are read from the
+  /// property list, the device is registered unless it already is, and an upload pass is started.
   void setApiKeySecret(const std::string& secret);
+
+  // Subscriptions and tags go to the backend at once in modes from 8, as far as this device is registered. Below they
+  // are remembered, and the tags go with the next push message that comes in such a mode.
+  /// Subscribes to silent messages about new past trips and tells the delegate of them from now on.
   void requestRouteMatch();
+  /// Tells the delegate no more; the subscription stays.
   void stopRouteMatch();
+  /// The same for predictions.
   void requestPredictionUpdate();
   void stopPredictionUpdate();
+  /// Subscribes to push messages: `value` is what the backend is to send, a JSON text.
   void setSubscription(const std::string& name, const std::string& value);
   void setUnSubscription(const std::string& name);
+  /// Sets a tag of this user at the backend, now and with each push message, until the host removes it from
+  /// SET_TAGS_LIST.
   void setTags(const std::string& name, const std::string& value);
+  /// Removes a tag at the backend, now and with each push message, until the host removes it from UNSET_TAGS_LIST.
   void unsetTags(const std::string& name);
-  /// False, keeping nothing, unless the identifier is `backgroundSessionID`.
+  /// For a process that was started to finish background transfers: goes on with the log uploads of an earlier process
+  /// and calls the handler on the main queue when their events are finished. False, keeping nothing, unless the
+  /// identifier is `backgroundSessionID`.
   bool handleEventsForBackgroundURLSession(const std::string& identifier, std::function<void()> completionHandler);
 
   /// For hosts without an event loop and at the end of a program: waits until all queued work and all transfers are
   /// done, or the (real) time is up, then writes what could not be saved before, if there is room again, and moves what
-  /// the store's log holds into its file. Runs the main queue's
-  /// blocks when called on the main thread (elsewhere somebody must pump it); never call it from a callback. Answers
-  /// whether all was done.
+  /// the store's log holds into its file. Runs the main queue's blocks when called on the main thread (elsewhere
+  /// somebody must pump it); never call it from a callback. Answers whether all was done.
   static bool waitUntilIdle(double seconds);
 
  private:

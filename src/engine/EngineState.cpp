@@ -19,16 +19,14 @@ std::uint32_t drawRandomID() {
 
 }  // namespace
 
-EngineQueues::EngineQueues()
+EngineState::EngineState()
     : serialQueue(label(".Tarvo.ios.mainQueue")),
       serialQueueLocation(label(".Tarvo.ios.Location")),
       serialQueueLastTrips(label(".Tarvo.ios.LastTrips")),
       serialQueuePOI(label(".Tarvo.ios.POI")),
       serialNetworkQueue(label(".Tarvo.ios.networkQueue")),
-      serialNetworkDataQueue(label(".Tarvo.ios.networkDataQueue")) {}
-
-EngineState::EngineState()
-    : currentLocalisationMethod(std::string(method::kUnknown)),
+      serialNetworkDataQueue(label(".Tarvo.ios.networkDataQueue")),
+      currentLocalisationMethod(std::string(method::kUnknown)),
       currentBatteryState(platform::UIDevice::current().batteryState()),
       randomID(drawRandomID()),
       startTime(platform::Clock::current()->now()),

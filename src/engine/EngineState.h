@@ -45,55 +45,56 @@ inline constexpr std::string_view kAppResumed = "app_resumed";
 inline constexpr std::string_view kAppPaused = "app_paused";
 }  // namespace action
 
-/// The six queues of the engine. Waiting order: a location or main thread, then one of these, then the store's
-/// context; never back.
-struct EngineQueues {
-  EngineQueues();
+/// The engine's own queues and fields.
+///
+/// Threads: any; each read and write of a field is one step.
+struct EngineState {
+  EngineState();
+
+  // Waiting order: a location or main thread, then one of these queues, then the store's context; never back.
   platform::SerialQueue serialQueue;             ///< modes, start and stop, intake
   platform::SerialQueue serialQueueLocation;     ///< position writes
   platform::SerialQueue serialQueueLastTrips;    ///< ingest of past trips
   platform::SerialQueue serialQueuePOI;          ///< ingest of places
   platform::SerialQueue serialNetworkQueue;      ///< backend replies and session errors
   platform::SerialQueue serialNetworkDataQueue;  ///< upload passes, run synchronously
-};
-
-/// The engine's own fields. Threads: any; each read and write is one step.
-class EngineState {
- public:
-  EngineState();
 
   const double desiredAccuracyForeground = platform::kCLLocationAccuracyNearestTenMeters;
   const double desiredAccuracyBackground = platform::kCLLocationAccuracyNearestTenMeters;
-  const double distanceFilterForeground = 20.0;
-  const double distanceFilterBackground = 100.0;
-
-  // Initial values that nothing reads or changes; they belong to the interface.
-  const double deferredDistance = platform::CLLocationDistanceMax;
-  const double deferredTimeInterval = 60.0;
-  const bool deferringUpdates = false;
-  const bool useSignificantChange = true;
-  const bool geofencing = true;
-  const bool activityMonitoringAvailable = false;
-  const std::int64_t dataSyncWithWSInterval = 120;
-  const std::optional<platform::Date> lastSyncDate;
+  const double distanceFilterForeground = 20.0;   ///< metres
+  const double distanceFilterBackground = 100.0;  ///< metres
 
   Guarded<std::weak_ptr<LocationManagerDelegate>> delegate;
   Guarded<std::shared_ptr<void>> networkTimer;
   const std::string currentActivity = "unknown";
   Guarded<std::string> currentLocalisationMethod;
   std::atomic<bool> tarvoStarted{false};
-  std::atomic<bool> instantaneousLocationRequest{false};
   std::atomic<bool> stopReceiveLocationUpdate{true};
   std::atomic<bool> geofencingStarted{false};
   Guarded<std::optional<platform::CLLocation>> geofenceCenter;
   std::atomic<platform::UIDeviceBatteryState> currentBatteryState;
   Guarded<std::optional<bool>> isBackgroundMode;
-  std::atomic<bool> standardServiceAvailable{false};
-  std::atomic<bool> significantChangeServiceAvailable{false};
-  std::atomic<bool> geofencingAvailable{false};
   const std::uint32_t randomID;
   Guarded<platform::Date> startTime;
   Guarded<platform::Date> geofencingStartTime;
+
+  /// Fields that the design gives the engine and that decide nothing: both modes are fixed, no update is deferred, no
+  /// timer uploads. Written by start-up alone.
+  struct Unconsulted {
+    double deferredDistance = platform::CLLocationDistanceMax;  ///< metres
+    double deferredTimeInterval = 60.0;                         ///< seconds
+    bool deferringUpdates = false;
+    bool useSignificantChange = true;
+    bool geofencing = true;
+    bool instantaneousLocationRequest = false;
+    std::int64_t dataSyncWithWSInterval = 120;  ///< seconds
+    std::optional<platform::Date> lastSyncDate;
+    bool activityMonitoringAvailable = false;
+    // What start-up finds on this device.
+    bool standardServiceAvailable = false;
+    bool significantChangeServiceAvailable = false;
+    bool geofencingAvailable = false;
+  } unconsulted;
 };
 
 }  // namespace tarvo

@@ -1,9 +1,10 @@
 #include "engine/Geofencing.h"
 
+#include <utility>
+
 #include <tarvo/platform/Clock.h>
 #include <tarvo/platform/Device.h>
 
-#include "engine/GeofenceRadii.h"
 #include "log/Log.h"
 
 namespace tarvo {
@@ -22,13 +23,30 @@ std::string regionIdentifier(double number, const char* unit) {
 
 }  // namespace
 
-Geofencing::Geofencing(EngineState& state, platform::CLLocationManager& locationManager, ServiceControl& control)
-    : state_(state), locationManager_(locationManager), control_(control) {}
+bool isUsableSpeed(double metresPerSecond) { return metresPerSecond != -1.0 && metresPerSecond != 0.0; }
+
+double assumedSpeed(double metresPerSecond) {
+  // Upper bound of the band, inclusive, and the speed assumed in it.
+  static constexpr std::pair<double, double> kBands[] = {{1.388, 2.0}, {5.556, 6.0},     {13.889, 13.889},
+                                                         {25.0, 25.0}, {36.111, 36.111}, {83.333, 83.333}};
+  for (const auto& [bound, speed] : kBands)
+    if (metresPerSecond <= bound) return speed;
+  return 100.0;
+}
+
+double ringRadius(double horizontalAccuracy, double lookAhead, double age, double speed) {
+  return horizontalAccuracy * 0.5 * 3.0 + (lookAhead + age) * speed;
+}
+
+double fallbackRadius(double horizontalAccuracy, double fraction) { return horizontalAccuracy * 0.5 * fraction; }
+
+Geofencing::Geofencing(EngineState& state, platform::CLLocationManager& locationManager, Collection& collection)
+    : state_(state), locationManager_(locationManager), collection_(collection) {}
 
 std::optional<CLLocation> Geofencing::prepare() {
   state_.currentLocalisationMethod.set(std::string(method::kRegionsAndSignificantChange));
   if (!locationManager_.monitoredRegions().empty()) cancelGeofencing();
-  return control_.getLastLocation();
+  return collection_.getLastLocation();
 }
 
 std::vector<CLCircularRegion> Geofencing::speedRegions(const CLLocation& last, double speed) const {

@@ -7,7 +7,6 @@
 #include <tarvo/platform/Device.h>
 #include <tarvo/platform/UserDefaults.h>
 
-#include "engine/GeofenceRadii.h"
 #include "log/Log.h"
 #include "platform/foundation/FatalError.h"
 #include "settings/Names.h"
@@ -22,15 +21,11 @@ using platform::UIApplicationState;
 using platform::UIDevice;
 using platform::UIDeviceBatteryState;
 
-namespace {}  // namespace
-
-Intake::Intake(LocationManager& engine, EngineState& state, EngineQueues& queues, ServiceControl& control,
-               PositionWriter& writer, ServiceModes& modes, Geofencing& geofencing, UploadPipeline& pipeline)
+Intake::Intake(LocationManager& engine, EngineState& state, Collection& collection, BackgroundModes& modes,
+               Geofencing& geofencing, UploadPipeline& pipeline)
     : engine_(engine),
       state_(state),
-      queues_(queues),
-      control_(control),
-      writer_(writer),
+      collection_(collection),
       modes_(modes),
       geofencing_(geofencing),
       pipeline_(pipeline) {}
@@ -38,7 +33,7 @@ Intake::Intake(LocationManager& engine, EngineState& state, EngineQueues& queues
 void Intake::didUpdateLocations(const std::vector<CLLocation>& locations) {
   if (!state_.tarvoStarted) return;
   if (locations.empty()) platform::fatalError("the location service delivered an empty batch");
-  queues_.serialQueue.async([this, batch = locations]() mutable { intakeStep(std::move(batch)); });
+  state_.serialQueue.async([this, batch = locations]() mutable { intakeStep(std::move(batch)); });
   // Not ordered against the intake step: a batch that is not stored yet goes out with the next pass.
   uploadPass();
   checkBattery();
@@ -49,7 +44,7 @@ void Intake::didUpdateLocations(const std::vector<CLLocation>& locations) {
 }
 
 void Intake::uploadPass() {
-  queues_.serialNetworkDataQueue.sync([this] { pipeline_.startPass(); });
+  state_.serialNetworkDataQueue.sync([this] { pipeline_.startPass(); });
 }
 
 void Intake::checkBattery() {
@@ -61,12 +56,12 @@ void Intake::checkBattery() {
   if (state_.currentBatteryState.exchange(battery) == battery) return;
   Log::debug("LocationManager:didUpdateLocations [event] [battery] newBatteryState:",
              static_cast<std::int64_t>(battery));
-  if (battery == UIDeviceBatteryState::charging || battery == UIDeviceBatteryState::full) {
+  if (isOnMainsPower(battery)) {
     modes_.foregroundMode();
-    control_.recordEvent(action::kPowerPlug);
+    collection_.recordEvent(action::kPowerPlug);
   } else if (battery == UIDeviceBatteryState::unplugged) {
     modes_.backgroundMode();
-    control_.recordEvent(action::kPowerUnplug);
+    collection_.recordEvent(action::kPowerUnplug);
   }
 }
 
@@ -86,7 +81,8 @@ void Intake::intakeStep(std::vector<CLLocation> locations) {
              " lastUpdateAge:", lastUpdateAge.count(),
              " currentBatteryStatus:", static_cast<std::int64_t>(device.batteryState()),
              " batteryLevel:", device.batteryLevel(), " mainThread:", mainThread());
-  writer_.addNewLocationToDatabase(std::move(locations), state_.currentActivity, localisationMethod, action::kChanged);
+  collection_.addNewLocationToDatabase(std::move(locations), state_.currentActivity, localisationMethod,
+                                       action::kChanged);
   followGeofence(first, lastUpdateAge);
 }
 
@@ -96,7 +92,8 @@ void Intake::followGeofence(const CLLocation& first, platform::Seconds lastUpdat
   const auto center = state_.geofenceCenter.get();
   const double distance = center ? first.distanceFrom(*center) : -1.0;
   const double geofenceAge = (Clock::current()->now() - state_.geofencingStartTime.get()).count();
-  const double estimatedSpeed = measuredSpeed(distance, geofenceAge);
+  // Whatever the division gives: the clock may have stood still, and an infinite speed counts as measured.
+  const double estimatedSpeed = distance / geofenceAge;
   Log::debug("LocatonManager:didUpdateLocations [loc] [geofence] geofenceAge:", geofenceAge, " distance:", distance,
              " estimatedSpeed:", estimatedSpeed, " currentSpeed:", first.speed);
   if (estimatedSpeed > 0.0 && state_.currentLocalisationMethod.get() == method::kRegions)
@@ -106,11 +103,11 @@ void Intake::followGeofence(const CLLocation& first, platform::Seconds lastUpdat
 }
 
 void Intake::didFailWithError(const platform::Error& error) {
-  queues_.serialQueue.async([error] { Log::debug("LocationManager:didFailwithError [loc] ", error); });
+  state_.serialQueue.async([error] { Log::debug("LocationManager:didFailwithError [loc] ", error); });
 }
 
 void Intake::didFinishDeferredUpdates(const std::optional<platform::Error>& error) {
-  queues_.serialQueue.async([error] {
+  state_.serialQueue.async([error] {
     if (!error) platform::fatalError("deferred updates finished without an error, although none were asked for");
     Log::debug("LocationManager:didFinishDeferredUpdatesWithError [loc] ", error->localizedDescription);
   });
@@ -119,22 +116,22 @@ void Intake::didFinishDeferredUpdates(const std::optional<platform::Error>& erro
 void Intake::refreshLoc() {
   auto& defaults = platform::UserDefaults::standard();
   const std::int64_t stored = defaults.integer(names::kServiceState);
-  const CLAuthorizationStatus status = control_.checkAndRequestLocationAuthorization(mode::kBackendBackground);
+  const CLAuthorizationStatus status = collection_.checkAndRequestLocationAuthorization(mode::kBackendBackground);
   const auto number = static_cast<std::int64_t>(status);
   if (status == CLAuthorizationStatus::authorizedAlways) {
     // A handle of its own without delegate: the fix must not arrive a second time.
     const auto location = platform::CLLocationManager().location();
     if (!location) platform::fatalError("refreshLoc: the location service has no position yet");
-    writer_.addNewLocationToDatabase({*location}, state_.currentActivity, method::kPush,
-                                     stored == number ? action::kRefresh : action::kEnabled);
+    collection_.addNewLocationToDatabase({*location}, state_.currentActivity, method::kPush,
+                                         stored == number ? action::kRefresh : action::kEnabled);
     defaults.set(names::kServiceState, number);
     Log::debug("LocationManager:refreshLoc [loc]: ", location->description());
   } else {
     defaults.set(names::kServiceState, number);
-    const auto location = control_.getLastLocation();
+    const auto location = collection_.getLastLocation();
     Log::debug("LocationManager:refreshLoc [lastloc]: ", location ? location->description() : "nil");
     if (!location) platform::fatalError("refreshLoc: there is no last position");
-    writer_.addNewLocationToDatabase({*location}, state_.currentActivity, method::kPush, action::kDisabled);
+    collection_.addNewLocationToDatabase({*location}, state_.currentActivity, method::kPush, action::kDisabled);
   }
   uploadPass();
 }

@@ -7,11 +7,10 @@
 #include <tarvo/LocationManager.h>
 #include <tarvo/platform/CLLocation.h>
 
+#include "engine/BackgroundModes.h"
+#include "engine/Collection.h"
 #include "engine/EngineState.h"
 #include "engine/Geofencing.h"
-#include "engine/PositionWriter.h"
-#include "engine/ServiceControl.h"
-#include "engine/ServiceModes.h"
 #include "platform/foundation/Error.h"
 #include "sync/UploadPipeline.h"
 
@@ -24,8 +23,8 @@ namespace tarvo {
 /// `refreshLoc` on the caller's thread. Neither may be called from `serialNetworkDataQueue`.
 class Intake {
  public:
-  Intake(LocationManager& engine, EngineState& state, EngineQueues& queues, ServiceControl& control,
-         PositionWriter& writer, ServiceModes& modes, Geofencing& geofencing, UploadPipeline& pipeline);
+  Intake(LocationManager& engine, EngineState& state, Collection& collection, BackgroundModes& modes,
+         Geofencing& geofencing, UploadPipeline& pipeline);
 
   void didUpdateLocations(const std::vector<platform::CLLocation>& locations);
   void didFailWithError(const platform::Error& error);
@@ -43,10 +42,8 @@ class Intake {
 
   LocationManager& engine_;
   EngineState& state_;
-  EngineQueues& queues_;
-  ServiceControl& control_;
-  PositionWriter& writer_;
-  ServiceModes& modes_;
+  Collection& collection_;
+  BackgroundModes& modes_;
   Geofencing& geofencing_;
   UploadPipeline& pipeline_;
 };

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "engine/LocationManagerParts.h"
+#include "engine/EngineParts.h"
 #include "net/BackendAddress.h"
 #include "platform/foundation/System.h"
 #include "settings/Names.h"
@@ -39,7 +39,7 @@ EngineLink& EngineLink::current() {
   return *installed();
 }
 
-LocationManager::LocationManager() : parts_(new Parts(*this)) { parts_->startUp(); }
+LocationManager::LocationManager() : parts_(new EngineParts(*this)) { parts_->startUp(); }
 
 const std::string& LocationManager::terrameshDataVersion() {
   static const auto* version = new std::string(names::kTerrameshDataVersion);
@@ -90,17 +90,17 @@ void LocationManager::setNetworkTimer(std::shared_ptr<void> timer) { parts_->sta
 platform::UserDefaults& LocationManager::defaults() const { return platform::UserDefaults::standard(); }
 std::uint32_t LocationManager::randomID() const { return parts_->state.randomID; }
 
-void LocationManager::start() { parts_->control.start(); }
-void LocationManager::stop() { parts_->control.stop(); }
-void LocationManager::stopLocationUpdate() { parts_->control.stopLocationUpdate(); }
-void LocationManager::requestLocationUpdate() { parts_->control.requestLocationUpdate(); }
+void LocationManager::start() { parts_->collection.start(); }
+void LocationManager::stop() { parts_->collection.stop(); }
+void LocationManager::stopLocationUpdate() { parts_->collection.stopLocationUpdate(); }
+void LocationManager::requestLocationUpdate() { parts_->collection.requestLocationUpdate(); }
 platform::CLAuthorizationStatus LocationManager::checkAndRequestLocationAuthorization(std::int64_t status) {
-  return parts_->control.checkAndRequestLocationAuthorization(status);
+  return parts_->collection.checkAndRequestLocationAuthorization(status);
 }
-void LocationManager::requestAgainLocationAuthorization() { parts_->control.requestAgainLocationAuthorization(); }
-std::optional<platform::CLLocation> LocationManager::getLastLocation() { return parts_->control.getLastLocation(); }
+void LocationManager::requestAgainLocationAuthorization() { parts_->collection.requestAgainLocationAuthorization(); }
+std::optional<platform::CLLocation> LocationManager::getLastLocation() { return parts_->collection.getLastLocation(); }
 void LocationManager::foregroundMode() { parts_->modes.foregroundMode(); }
-std::string LocationManager::getAppState() { return ServiceModes::getAppState(); }
+std::string LocationManager::getAppState() { return BackgroundModes::getAppState(); }
 void LocationManager::refreshLoc() { parts_->intake.refreshLoc(); }
 
 void LocationManager::sendDataInBatchToRemoteWebServer() { parts_->pipeline.startPass(); }

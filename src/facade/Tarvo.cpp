@@ -1,17 +1,19 @@
 #include <tarvo/Tarvo.h>
 
 #include <tarvo/HostKeys.h>
+#include <tarvo/Version.h>
 #include <tarvo/platform/Device.h>
 #include <tarvo/platform/UserDefaults.h>
 
+#include "engine/EngineParts.h"
 #include "facade/TarvoCore.h"
 #include "log/Log.h"
 #include "platform/foundation/Activity.h"
+#include "platform/foundation/Bundle.h"
+#include "platform/foundation/FatalError.h"
 #include "records/LatestPrediction.h"
 #include "settings/Names.h"
 #include "settings/Settings.h"
-#include "store/PastTrips.h"
-#include "store/PointOfInterest.h"
 
 namespace tarvo {
 
@@ -20,11 +22,14 @@ using platform::UserDefaults;
 
 namespace {
 
-/// What "TARVO_ACTIVATE_STATUS" always holds, and what "ACTIVATE_STATUS_YES" must hold for it to be read back: the
-/// two keys are a paired marker, no store of the mode, so that a relaunch starts deactivated.
+/// `activate` writes the mode under one key and this number under the other. The mode of an earlier process is taken up
+/// only if the first key holds this number too, and then the second one is read: a relaunch starts deactivated unless
+/// mode 2 was active. This is intended; the keys mark that the SDK was activated and do not store its mode.
 constexpr std::int64_t kMarkerValue = 2;
 
 }  // namespace
+
+const char* version() { return TARVO_VERSION_STRING; }
 
 std::int64_t Tarvo::ACTIVATE_STATUS() { return Settings::shared().activateStatus.get(); }
 void Tarvo::setACTIVATE_STATUS(std::int64_t mode) { Settings::shared().activateStatus.set(mode); }
@@ -82,7 +87,7 @@ void Tarvo::activate(std::int64_t service) {
   if (!engine.tarvoStarted())
     engine.start();
   else
-    core_->parts().control.takeUpTransfers();  // as if it were started in this mode
+    EngineParts::of(engine).collection.takeUpTransfers();  // as if it were started in this mode
   engine.requestLocationUpdate();
   if (service == BACKEND_BACKGROUND || service == BACKEND_GEOPROFILE) {
     setApiKeySecret(NetworkManager::apiKeySecret());
@@ -104,9 +109,7 @@ std::optional<platform::CLLocation> Tarvo::getCurrentLocation() {
   LocationManager& engine = core_->locationManager;
   if (engine.checkAndRequestLocationAuthorization(mode) == CLAuthorizationStatus::denied)
     engine.requestAgainLocationAuthorization();
-  std::optional<platform::CLLocation> last;
-  core_->parts().store.managedObjectContext().performAndWait([&] { last = engine.getLastLocation(); });
-  return last;
+  return engine.getLastLocation();
 }
 
 std::optional<LocationsHistory> Tarvo::getLocationHistory(int format, std::optional<platform::Date> since,
@@ -127,6 +130,8 @@ std::optional<Trip> Tarvo::getNextTrip() {
   return LastPrediction();
 }
 
+Tarvo::SyncStatus Tarvo::syncStatus() const { return core_->locationManager.syncStatus(); }
+
 std::vector<std::string> Tarvo::getPointOfInterests() {
   std::vector<std::string> zones;
   for (auto& place : core_->locationManager.getPointOfInterest())
@@ -134,16 +139,7 @@ std::vector<std::string> Tarvo::getPointOfInterests() {
   return zones;
 }
 
-void Tarvo::resetLocalHistory() {
-  ObjectStore& store = core_->parts().store;
-  auto& context = store.managedObjectContext();
-  context.performAndWait([&] {
-    PastTrips::removeData(context);
-    PointOfInterest::removePOIs(context);
-    // A reset must survive a kill right after it.
-    store.saveContext();
-  });
-}
+void Tarvo::resetLocalHistory() { EngineParts::of(core_->locationManager).resetLocalHistory(); }
 
 void Tarvo::resetBackendHistory() {
   core_->networkManager.resetBackend();
@@ -155,15 +151,40 @@ void Tarvo::resetGeoProfileHistory() { core_->networkManager.resetGeoProfile(); 
 bool Tarvo::waitUntilIdle(double seconds) {
   const bool idle = platform::Activity::waitUntilIdle(platform::Seconds(seconds));
   UserDefaults::standard().synchronize();
-  ObjectStore& store = LocationManager::sharedInstance().parts().store;
-  auto& context = store.managedObjectContext();
-  context.performAndWait([&] {
-    if (!context.coordinator().hasStore()) return;
-    store.saveAfterFailure();
-    if (const auto error = context.coordinator().checkpoint())
-      Log::error("Unresolved error ", platform::errorAndUserInfo(*error));
-  });
+  EngineParts::of(LocationManager::sharedInstance()).checkpoint();
   return idle;
+}
+
+Tarvo::Core::Core() : locationManager(LocationManager::sharedInstance()), delegate(nullptr) {}
+
+void Tarvo::Core::locationManagerDidReceiveNewLocations(LocationManager&,
+                                                        const std::vector<platform::CLLocation>& newLocations) {
+  if (const auto host = delegate.get()) {
+    Tarvo self(shared_from_this());
+    platform::callHost("tarvoDidReceiveNewLocations", [&] { host->tarvoDidReceiveNewLocations(self, newLocations); });
+  }
+}
+
+void Tarvo::Core::locationManagerOnRouteMatched(LocationManager&, const LocationsHistory& locationsHistory) {
+  if (stop_route_match) return;
+  Log::debug("Tarvo locationManagerOnRouteMatched count : ", locationsHistory.pasttrips.size());
+  if (const auto host = delegate.get()) {
+    Tarvo self(shared_from_this());
+    platform::callHost("tarvoOnRouteMatched", [&] { host->tarvoOnRouteMatched(self, locationsHistory); });
+  }
+}
+
+void Tarvo::Core::onPredictionUpdateDelegate() {
+  if (stop_prediction_update) return;
+  if (const auto host = delegate.get()) {
+    Tarvo self(shared_from_this());
+    const Trip trip = latestPrediction().get();
+    platform::callHost("tarvoOnPredictionUpdate", [&] { host->tarvoOnPredictionUpdate(self, trip); });
+  }
+}
+
+std::optional<std::string> infoPropertyListText(std::string_view key) {
+  return platform::findString(platform::Bundle::main().infoDictionary(), key);
 }
 
 }  // namespace tarvo

@@ -6,8 +6,7 @@
 #include <tarvo/NetworkManager.h>
 #include <tarvo/Tarvo.h>
 
-#include "engine/LocationManagerParts.h"
-#include "platform/foundation/Mutex.h"
+#include "platform/foundation/Guarded.h"
 
 namespace tarvo {
 
@@ -30,11 +29,9 @@ class Tarvo::Core final : public LocationManagerDelegate, public std::enable_sha
 
   LocationManager& locationManager;
   NetworkManager networkManager;
-  Guarded<std::shared_ptr<TarvoDelegate>> delegate;
+  platform::Guarded<std::shared_ptr<TarvoDelegate>> delegate;
   std::atomic<bool> stop_route_match{true};
   std::atomic<bool> stop_prediction_update{true};
-
-  LocationManager::Parts& parts() { return locationManager.parts(); }
 };
 
 /// "TarvoApiKey" and the like out of the host's property list; absent when missing or no text.

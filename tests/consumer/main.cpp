@@ -3,9 +3,11 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <string_view>
 
 #include <tarvo/NetworkManager.h>
 #include <tarvo/Tarvo.h>
+#include <tarvo/Version.h>
 #include <tarvo/platform/Clock.h>
 #include <tarvo/platform/Environment.h>
 #include <tarvo/platform/LocationService.h>
@@ -14,6 +16,7 @@
 int main(int argc, char** argv) {
   if (argc != 2) return 2;
   using namespace tarvo;
+  if (std::string_view(version()) != TARVO_VERSION_STRING) return 1;
   platform::setHomeDirectory(argv[1]);
   platform::setSystemLogSink([](std::string_view) {});
   LocationManager::setRemoteWebServerURL("http://127.0.0.1:9/api");  // nobody listens there

@@ -4,7 +4,7 @@
 #include <array>
 #include <csignal>
 
-#include "engine/Harness.h"
+#include "support/WholeSdk.h"
 
 namespace tarvo {
 namespace {

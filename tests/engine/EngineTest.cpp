@@ -1,8 +1,7 @@
-#include "engine/Harness.h"
+#include "support/WholeSdk.h"
 
 #include <thread>
 
-#include "engine/GeofenceRadii.h"
 #include "platform/foundation/Text.h"
 
 namespace tarvo {
@@ -30,7 +29,7 @@ TEST_F(Engine, IsBuiltOnceForAllThreadsAndProbesWhatTheDeviceHas) {
                                        {"HEADING-INFORMATION-SERVICE", 1u},
                                        {"REGION-MONITORING-SERVICE", 1u}})
     EXPECT_EQ(diary.count(platform::concat(service, ":true")), times) << service;
-  auto& parts = engine().parts();
+  auto& parts = EngineParts::of(engine());
   EXPECT_FALSE(parts.locationManager.allowsBackgroundLocationUpdates()) << "switched on from platform level 9 only";
   EXPECT_EQ(parts.locationManager.distanceFilter(), 20.0);
   EXPECT_LT(engine().randomID(), 1000000000u);
@@ -41,7 +40,7 @@ TEST_F(Engine, StoresEveryDeliveredFixAndMeasuresGeofencesOnlyASecondApart) {
   drive(1);
   EXPECT_EQ(engine().syncStatus().stored, 0) << "a fix before the start is lost";
   tarvo.activate(Tarvo::LOCAL_BACKGROUND);
-  auto& parts = engine().parts();
+  auto& parts = EngineParts::of(engine());
   drive(1);
   parts.geofencing.startGeofencing();
   waitUntilIdle();

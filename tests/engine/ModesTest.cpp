@@ -1,8 +1,7 @@
-#include "engine/Harness.h"
+#include "support/WholeSdk.h"
 
+#include <ostream>
 #include <set>
-
-#include "engine/GeofenceRadii.h"
 
 namespace tarvo {
 namespace {
@@ -12,6 +11,20 @@ using platform::Seconds;
 using platform::UIApplication;
 using platform::UIDevice;
 using platform::UIDeviceBatteryState;
+
+/// How the engine stands after an event of the device.
+struct Standing {
+  std::set<std::string> stored;  ///< by the event: "method/action" of each record
+  std::string configuration;     ///< of the location service: foreground, background or, at first, neither
+  std::string method;            ///< stored with the next fix
+  std::size_t regions;           ///< that are watched
+  bool operator==(const Standing&) const = default;
+};
+
+std::ostream& operator<<(std::ostream& out, const Standing& standing) {
+  for (const auto& record : standing.stored) out << record << " ";
+  return out << standing.configuration << " " << standing.method << " " << standing.regions;
+}
 
 /// A started engine with one stored position, in a device on its battery.
 class Modes : public test::WholeSdk {
@@ -27,8 +40,8 @@ class Modes : public test::WholeSdk {
     drive(1);
   }
 
-  /// What an event of the device did, in one line: the records that it stored, then how the services stand.
-  std::string after(const std::string& event) {
+  /// What an event of the device did to the engine.
+  Standing after(const std::string& event) {
     std::int64_t before = engine().syncStatus().stored;
     diary.clear();
     auto& application = UIApplication::shared();
@@ -44,14 +57,11 @@ class Modes : public test::WholeSdk {
     // A fix of the significant-change service may be stored before or after the event.
     std::set<std::string> stored;
     for (const auto& record : records())
-      if (before-- <= 0) stored.insert(*record.localisationMethod + "/" + *record.serviceAction + " ");
-    std::string line;
-    for (const std::string& record : stored) line += record;
-    auto& parts = engine().parts();
+      if (before-- <= 0) stored.insert(*record.localisationMethod + "/" + *record.serviceAction);
+    auto& parts = EngineParts::of(engine());
     const auto background = parts.state.isBackgroundMode.get();
-    return line + (background ? (*background ? "background " : "foreground ") : "neither ") +
-           parts.state.currentLocalisationMethod.get() + " " +
-           std::to_string(parts.locationManager.monitoredRegions().size());
+    return {stored, background ? (*background ? "background" : "foreground") : "neither",
+            parts.state.currentLocalisationMethod.get(), parts.locationManager.monitoredRegions().size()};
   }
 
   /// Whether a fix reaches the engine now, beyond the distance filter but too near and too early for anything else.
@@ -62,6 +72,13 @@ class Modes : public test::WholeSdk {
     return engine().syncStatus().stored > stored;
   }
 
+  void expectServices(bool foreground) {
+    auto& parts = EngineParts::of(engine());
+    EXPECT_EQ(parts.locationManager.distanceFilter(), foreground ? 20.0 : 100.0);
+    EXPECT_EQ(updates(), foreground);
+    EXPECT_EQ(parts.state.currentBatteryState, UIDevice::current().batteryState());
+  }
+
   std::optional<Tarvo> tarvo;
 
  private:
@@ -70,61 +87,56 @@ class Modes : public test::WholeSdk {
 
 TEST_F(Modes, FollowTheApplicationAndTheCharger) {
   tarvo.emplace();
-  EXPECT_EQ(after("launch"), "neither unknown 0") << "nothing has an effect before the start";
+  EXPECT_EQ(after("launch"), (Standing{{}, "neither", "unknown", 0})) << "nothing has an effect before the start";
   begin();
-  const std::pair<const char*, const char*> day[] = {
-      {"launch", "event/app_started scls/loc_changed background scls 5"},
-      {"background", "event/app_paused background scls 5"},
+  const struct {
+    const char* event;
+    Standing standing;
+    std::vector<const char*> told;  ///< in the log, once each
+  } day[] = {
+      {"launch",
+       {{"event/app_started", "scls/loc_changed"}, "background", "scls", 5},
+       {":backgroundMode [loc] stop:standard-service start:significant-change mainThread:", "[event] STARTED main"}},
+      {"background", {{"event/app_paused"}, "background", "scls", 5}, {"[event] BACKGROUND mainThread:true"}},
       // Charging in the background: the standard service runs beside the regions.
-      {"plug", "event/power_plug foreground scls 5"},
-      {"background", "event/app_paused foreground scls 5"},
-      {"unplug", "event/power_unplug background scls 5"},
-      {"unknown", "background scls 5"},
-      {"foreground", "event/app_resumed foreground scls 0"},
-      {"unplug", "event/power_unplug foreground scls 0"},
-      {"full", "event/power_plug foreground scls 0"},
-      {"inactive", "foreground scls 0"},
-      {"unplug", "event/power_unplug foreground scls 0"},
+      {"plug",
+       {{"event/power_plug"}, "foreground", "scls", 5},
+       {".foregroundMode [loc] start:standard-service main", "[battery] BATTERY-STATE-CHANGED:2 mainThread:true"}},
+      {"background", {{"event/app_paused"}, "foreground", "scls", 5}, {}},
+      {"unplug", {{"event/power_unplug"}, "background", "scls", 5}, {"BATTERY-STATE-CHANGED:1"}},
+      {"unknown", {{}, "background", "scls", 5}, {}},
+      {"foreground",
+       {{"event/app_resumed"}, "foreground", "scls", 0},
+       {".foregroundMode [loc] stop:geofencing start:standard-service main", "[event] ACTIVE mainThread:true"}},
+      {"unplug", {{"event/power_unplug"}, "foreground", "scls", 0}, {}},
+      {"full", {{"event/power_plug"}, "foreground", "scls", 0}, {}},
+      {"inactive", {{}, "foreground", "scls", 0}, {}},
+      {"unplug", {{"event/power_unplug"}, "foreground", "scls", 0}, {}},
       // Armed once in this process, regions come back with the next fix only.
-      {"background", "event/app_paused background scls 0"},
+      {"background", {{"event/app_paused"}, "background", "scls", 0}, {"[event] BACKGROUND"}},
   };
-  for (const auto& [event, result] : day) {
-    const std::string state = after(event);
-    EXPECT_EQ(state, result) << event;
-    const bool foreground = state.find("foreground") != state.npos;
-    EXPECT_EQ(engine().parts().locationManager.distanceFilter(), foreground ? 20.0 : 100.0) << event;
-    EXPECT_EQ(updates(), foreground) << event;
-    EXPECT_EQ(engine().parts().state.currentBatteryState, UIDevice::current().batteryState()) << event;
+  for (const auto& [event, standing, told] : day) {
+    EXPECT_EQ(after(event), standing) << event;
+    for (const char* text : told) EXPECT_EQ(diary.count(text), 1u) << text;
+    expectServices(standing.configuration == "foreground");
   }
 }
 
-TEST_F(Modes, TellEachSwitchInTheLog) {
+TEST_F(Modes, SwitchOnceForEachChangeOfTheApplication) {
   begin();
-  const std::pair<const char*, const char*> day[] = {
-      {"background", "LocationManager:backgroundMode [loc] stop:standard-service start:significant-change mainThread:"},
-      {"background", "LocationManager:handleNotification [event] BACKGROUND mainThread:true"},
-      {"foreground", "LocationManager.foregroundMode [loc] stop:geofencing start:standard-service mainThread:"},
-      {"foreground", "LocationManager:handleNotification [event] ACTIVE mainThread:true"},
-      {"plug", "LocationManager:handleNotification [event] [battery] BATTERY-STATE-CHANGED:2 mainThread:true"},
-      {"launch", "LocationManager:handleNotification [event] STARTED mainThread:true"},
-  };
-  for (const auto& [event, text] : day) {
+  for (const auto& [event, state] :
+       {std::pair("background", "app_paused"), {"foreground", "app_resumed"}, {"inactive", "app_inactive"}}) {
     after(event);
-    EXPECT_EQ(diary.count(text), 1u) << text;
+    EXPECT_EQ(LocationManager::getAppState(), state);
     after(event);
     EXPECT_EQ(diary.count("Mode [loc]"), 0u) << "the second switch does nothing: " << event;
   }
-  EXPECT_EQ(LocationManager::getAppState(), "app_resumed");
-  UIApplication::shared().willResignActive();
-  EXPECT_EQ(LocationManager::getAppState(), "app_inactive");
-  UIApplication::shared().didEnterBackground();
-  EXPECT_EQ(LocationManager::getAppState(), "app_paused");
 }
 
 TEST_F(Modes, AFixInTheBackgroundTellsOfAChargerThatNobodyReported) {
   begin();
   after("background");
-  auto& state = engine().parts().state;
+  auto& state = EngineParts::of(engine()).state;
   const std::pair<UIDeviceBatteryState, const char*> before[] = {{UIDeviceBatteryState::unplugged, ""},
                                                                  {UIDeviceBatteryState::unknown, "power_unplug"},
                                                                  {UIDeviceBatteryState::full, "power_unplug"}};
@@ -146,35 +158,36 @@ TEST_F(Modes, AStandingDeviceGetsNineRegionsByItsAccuracy) {
   fix.horizontalAccuracy = 20;
   clock->advance(Seconds(1));
   deliver(fix);
-  EXPECT_EQ(after("background").back(), '9');
+  EXPECT_EQ(after("background").regions, 9u);
   EXPECT_EQ(diary.count("radius:50.00m) lastSpeed:-1"), 1u);
 }
 
 TEST_F(Modes, FirstForegroundIsTheStandardServiceAndAnEmptyStoreArmsNothing) {
   tarvo.emplace();
   tarvo->activate(Tarvo::LOCAL_BACKGROUND);
-  EXPECT_EQ(after("foreground"), "foreground sls 0");
+  EXPECT_EQ(after("foreground"), (Standing{{}, "foreground", "sls", 0}));
   EXPECT_EQ(diary.count("recreateBackgroundSession"), 1u);
-  EXPECT_EQ(after("background"), "background rms-scls 0") << "no position, no event";
+  EXPECT_EQ(after("background"), (Standing{{}, "background", "rms-scls", 0})) << "no position, no event";
   drive(1);
-  EXPECT_EQ(after("foreground"), "event/app_resumed foreground sls 0");
+  EXPECT_EQ(after("foreground"), (Standing{{"event/app_resumed"}, "foreground", "sls", 0}));
 }
 
 TEST_F(Modes, TheForegroundModeStopsOffTheScreenAndStaysStopped) {
   begin(Tarvo::LOCAL_FOREGROUND);
-  EXPECT_EQ(after("launch"), "event/app_started event/srv_starting scls/loc_changed background scls 5");
-  EXPECT_EQ(after("background"), "event/app_paused background scls 5");
+  EXPECT_EQ(after("launch"),
+            (Standing{{"event/app_started", "event/srv_starting", "scls/loc_changed"}, "background", "scls", 5}));
+  EXPECT_EQ(after("background"), (Standing{{"event/app_paused"}, "background", "scls", 5}));
   EXPECT_FALSE(engine().tarvoStarted());
-  EXPECT_EQ(after("foreground"), "background scls 5");
+  EXPECT_EQ(after("foreground"), (Standing{{}, "background", "scls", 5}));
   activate(*tarvo, Tarvo::LOCAL_FOREGROUND);
-  EXPECT_EQ(after("foreground"), "event/app_resumed foreground scls 0");
+  EXPECT_EQ(after("foreground"), (Standing{{"event/app_resumed"}, "foreground", "scls", 0}));
 }
 
 TEST_F(Modes, ALeftRegionArmsANewRingByTheMeasuredSpeed) {
   begin();
   UIApplication::shared().didEnterBackground();
   waitUntilIdle();
-  auto& parts = engine().parts();
+  auto& parts = EngineParts::of(engine());
   diary.clear();
   // Out of all regions, for longer than a crossing has to last; too early for a significant change.
   for (int i = 0; i < 2; ++i) {

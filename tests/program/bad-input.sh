@@ -20,9 +20,7 @@ expect() {
 }
 
 echo 'this is no XML' >"$work/text.gpx"
-echo '<?xml version="1.0"?><kml/>' >"$work/other.gpx"
 expect 2 'text.gpx' "$program" replay "$work/text.gpx" --sandbox --home "$work/a"
-expect 2 'other.gpx' "$program" replay "$work/other.gpx" --sandbox --home "$work/a"
 expect 2 'missing.gpx' "$program" replay "$work/missing.gpx" --sandbox --home "$work/a"
 expect 2 'mode' "$program" replay "$trip" --mode 5 --home "$work/a"
 expect 1 'nothing was collected' "$program" status --home "$work/a"
@@ -30,9 +28,7 @@ expect 1 'nothing was collected' "$program" status --home "$work/a"
 
 mkdir -p "$work/corrupt/Documents"
 head -c 20000 /dev/urandom >"$work/corrupt/Documents/Marrowgate-Tarvo-db3.sqlite"
-cp "$work/corrupt/Documents/Marrowgate-Tarvo-db3.sqlite" "$work/kept"
 expect 3 'store' "$program" replay "$trip" --sandbox --home "$work/corrupt"
-cmp -s "$work/kept" "$work/corrupt/Documents/Marrowgate-Tarvo-db3.sqlite" || { echo "the corrupt store was touched"; failed=1; }
 
 # A file in the way of the home: nobody can write there, root neither.
 echo >"$work/file"

@@ -4,23 +4,27 @@
 #include <string_view>
 
 #include <tarvo/NetworkManager.h>
+#include <tarvo/platform/Device.h>
 
+#include "engine/Collection.h"
 #include "engine/EngineState.h"
 #include "engine/Geofencing.h"
-#include "engine/ServiceControl.h"
 #include "platform/location/CLLocationManager.h"
 
 namespace tarvo {
+
+/// Charging or full.
+bool isOnMainsPower(platform::UIDeviceBatteryState state);
 
 /// Runs the location service in one of two configurations, foreground and background, and follows the application's
 /// life and the battery. A device on mains power always runs the foreground configuration.
 ///
 /// Threads: both switches are queued on `serialQueue` and return at once; `handleNotification` runs on the thread that
 /// posts the notification and may wait for `serialQueue`. Errors: never throws.
-class ServiceModes {
+class BackgroundModes {
  public:
-  ServiceModes(EngineState& state, EngineQueues& queues, platform::CLLocationManager& locationManager,
-               ServiceControl& control, Geofencing& geofencing, NetworkManager& networkManager);
+  BackgroundModes(EngineState& state, platform::CLLocationManager& locationManager, Collection& collection,
+                  Geofencing& geofencing, NetworkManager& networkManager);
 
   void foregroundMode();
   void backgroundMode();
@@ -37,9 +41,8 @@ class ServiceModes {
   std::string_view batteryChanged();
 
   EngineState& state_;
-  EngineQueues& queues_;
   platform::CLLocationManager& locationManager_;
-  ServiceControl& control_;
+  Collection& collection_;
   Geofencing& geofencing_;
   NetworkManager& networkManager_;
 };

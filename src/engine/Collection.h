@@ -3,27 +3,29 @@
 #include <cstdint>
 #include <optional>
 #include <string_view>
+#include <vector>
 
 #include <tarvo/NetworkManager.h>
 #include <tarvo/platform/CLLocation.h>
 #include <tarvo/platform/LocationService.h>
 
 #include "engine/EngineState.h"
-#include "engine/PositionWriter.h"
 #include "platform/location/CLLocationManager.h"
 #include "store/ObjectStore.h"
 
 namespace tarvo {
 
-/// Switches the location service on and off, keeps the permission that the mode needs, and knows the last position.
+/// Starts and stops the collection of positions, keeps the permission that the mode needs, stores fixes and events, and
+/// knows the last position.
 ///
 /// Threads: `start`, authorization and `getLastLocation` on the caller's; `stop`, `stopLocationUpdate` and
-/// `requestLocationUpdate` run on `serialQueue` and are waited for, so never call them from a block on it.
-/// Errors: never throws.
-class ServiceControl {
+/// `requestLocationUpdate` run on `serialQueue` and are waited for, so never call them from a block on it. Storing
+/// returns at once; the writing happens on `serialQueueLocation` inside blocks of the store's context.
+/// Errors: never throws; a position that cannot be stored is logged and the rest of its batch goes on.
+class Collection {
  public:
-  ServiceControl(EngineState& state, EngineQueues& queues, platform::CLLocationManager& locationManager,
-                 ObjectStore& store, PositionWriter& writer, NetworkManager& networkManager);
+  Collection(EngineState& state, platform::CLLocationManager& locationManager, ObjectStore& store,
+             NetworkManager& networkManager);
 
   /// In modes from 0; takes up transfers too.
   void start();
@@ -37,6 +39,9 @@ class ServiceControl {
   void requestAgainLocationAuthorization();
   std::optional<platform::CLLocation> getLastLocation();
 
+  /// Stores fixes, each with a save of its own; nothing while the SDK is not activated.
+  void addNewLocationToDatabase(std::vector<platform::CLLocation> locations, std::string_view activity,
+                                std::string_view method, std::string_view serviceaction);
   /// Stores the last known position again, if there is one, to mark the moment of an event.
   void recordEvent(std::string_view serviceaction);
 
@@ -47,10 +52,8 @@ class ServiceControl {
   void setStopReceiveLocationUpdate(bool stopped, std::string_view message);
 
   EngineState& state_;
-  EngineQueues& queues_;
   platform::CLLocationManager& locationManager_;
   ObjectStore& store_;
-  PositionWriter& writer_;
   NetworkManager& networkManager_;
 };
 

@@ -1,4 +1,4 @@
-#include "engine/LocationManagerParts.h"
+#include "engine/EngineParts.h"
 
 #include <tarvo/platform/Device.h>
 
@@ -8,6 +8,8 @@
 #include "platform/foundation/NotificationCenter.h"
 #include "settings/Settings.h"
 #include "store/Locations.h"
+#include "store/PastTrips.h"
+#include "store/PointOfInterest.h"
 #include "store/Users.h"
 
 namespace tarvo {
@@ -27,33 +29,32 @@ std::string fileURL(const std::filesystem::path& folder) {
 /// Hands the background session's traffic to the queue of backend replies.
 class ReplyReceiver final : public NetworkManagerDelegate {
  public:
-  explicit ReplyReceiver(LocationManager::Parts& parts) : parts_(parts) {}
+  explicit ReplyReceiver(EngineParts& parts) : parts_(parts) {}
 
   void networkManagerReceivedSomeData(NetworkManager&, const std::string& data) override {
-    parts_.queues.serialNetworkQueue.async([this, data] { parts_.replies.networkManagerReceivedSomeData(data); });
+    parts_.state.serialNetworkQueue.async([this, data] { parts_.replies.networkManagerReceivedSomeData(data); });
   }
   void networkManagerReceivedSessionError(NetworkManager&) override {
-    parts_.queues.serialNetworkQueue.async([this] { parts_.syncState.networkManagerReceivedSessionError = true; });
+    parts_.state.serialNetworkQueue.async([this] { parts_.syncState.networkManagerReceivedSessionError = true; });
   }
 
  private:
-  LocationManager::Parts& parts_;
+  EngineParts& parts_;
 };
 
 }  // namespace
 
-LocationManager::Parts::Parts(LocationManager& owner)
+EngineParts::EngineParts(LocationManager& owner)
     : engine(owner),
       registration(store, networkManager, [this] { pipeline.startPass(); }),
       pipeline(store, networkManager, registration, syncState),
       history(store),
-      writer(queues, store),
-      control(state, queues, locationManager, store, writer, networkManager),
-      geofencing(state, locationManager, control),
-      modes(state, queues, locationManager, control, geofencing, networkManager),
-      intake(owner, state, queues, control, writer, modes, geofencing, pipeline) {}
+      collection(state, locationManager, store, networkManager),
+      geofencing(state, locationManager, collection),
+      modes(state, locationManager, collection, geofencing, networkManager),
+      intake(owner, state, collection, modes, geofencing, pipeline) {}
 
-void LocationManager::Parts::startUp() {
+void EngineParts::startUp() {
   subscribeForNotifications();
   networkManager.setDelegate(std::make_shared<ReplyReceiver>(*this));
   // Answers that arrive while start-up goes on must find the engine without asking for the shared instance.
@@ -68,13 +69,13 @@ void LocationManager::Parts::startUp() {
   UIDevice::current().setBatteryMonitoringEnabled(true);
   state.currentBatteryState = UIDevice::current().batteryState();
   UIApplication::shared().setMinimumBackgroundFetchInterval(10.0);
-  queues.serialNetworkDataQueue.sync([this] { pipeline.startPass(); });
+  state.serialNetworkDataQueue.sync([this] { pipeline.startPass(); });
   // The first report of the permission is no change: it is dealt with before anybody can start the service.
   locationManager.waitUntilTold();
-  queues.serialQueue.sync([] {});
+  state.serialQueue.sync([] {});
 }
 
-void LocationManager::Parts::subscribeForNotifications() {
+void EngineParts::subscribeForNotifications() {
   for (const char* name :
        {platform::UIApplicationDidEnterBackgroundNotification, platform::UIApplicationDidBecomeActiveNotification,
         platform::UIApplicationDidFinishLaunchingNotification, platform::UIDeviceBatteryStateDidChangeNotification})
@@ -82,26 +83,26 @@ void LocationManager::Parts::subscribeForNotifications() {
         name, [this](const std::string& posted) { modes.handleNotification(posted); });
 }
 
-void LocationManager::Parts::readStoredUser() {
+void EngineParts::readStoredUser() {
   auto& context = store.managedObjectContext();
   context.performAndWait([&] { Settings::shared().userUUID.set(Users::getUserUUID(context)); });
 }
 
-void LocationManager::Parts::configureLocationService() {
+void EngineParts::configureLocationService() {
   locationManager.setDelegate(this);
   locationManager.setDesiredAccuracy(state.desiredAccuracyForeground);
-  locationManager.setDistanceFilter(20.0);
+  locationManager.setDistanceFilter(state.distanceFilterForeground);
   locationManager.setPausesLocationUpdatesAutomatically(false);
   if (UIDevice::current().hasFeaturesOfLevel9()) locationManager.setAllowsBackgroundLocationUpdates(true);
 }
 
-void LocationManager::Parts::probeServices() {
+void EngineParts::probeServices() {
   if (CLLocationManager::locationServicesEnabled()) {
-    state.standardServiceAvailable = true;
+    state.unconsulted.standardServiceAvailable = true;
     Log::debug("LocationManager:init [loc] [init] STANDARD-LOCATION-SERVICE:true");
   }
   if (CLLocationManager::significantLocationChangeMonitoringAvailable()) {
-    state.significantChangeServiceAvailable = true;
+    state.unconsulted.significantChangeServiceAvailable = true;
     Log::debug("LocationManager:init [loc] [init] SIGNIFICANT-LOCATION-CHANGE-SERVICE:true");
   }
   if (CLLocationManager::headingAvailable())
@@ -111,60 +112,76 @@ void LocationManager::Parts::probeServices() {
   if (CLLocationManager::deferredLocationUpdatesAvailable())
     Log::debug("LocationManager:init [loc] [init] DEFERRED-LOCATION-UPDATES:true");
   if (CLLocationManager::isMonitoringAvailableForCircularRegions()) {
-    state.geofencingAvailable = true;
+    state.unconsulted.geofencingAvailable = true;
     Log::debug("LocationManager:init [loc] [init] REGION-MONITORING-SERVICE:true");
   }
 }
 
-void LocationManager::Parts::didUpdateLocations(CLLocationManager&,
-                                                const std::vector<platform::CLLocation>& locations) {
+void EngineParts::didUpdateLocations(CLLocationManager&, const std::vector<platform::CLLocation>& locations) {
   intake.didUpdateLocations(locations);
 }
-void LocationManager::Parts::didFailWithError(CLLocationManager&, const platform::Error& error) {
-  intake.didFailWithError(error);
-}
-void LocationManager::Parts::didFinishDeferredUpdates(CLLocationManager&, const std::optional<platform::Error>& error) {
+void EngineParts::didFailWithError(CLLocationManager&, const platform::Error& error) { intake.didFailWithError(error); }
+void EngineParts::didFinishDeferredUpdates(CLLocationManager&, const std::optional<platform::Error>& error) {
   intake.didFinishDeferredUpdates(error);
 }
-void LocationManager::Parts::didChangeAuthorization(CLLocationManager&, platform::CLAuthorizationStatus status) {
-  control.didChangeAuthorization(status);
+void EngineParts::didChangeAuthorization(CLLocationManager&, platform::CLAuthorizationStatus status) {
+  collection.didChangeAuthorization(status);
 }
-void LocationManager::Parts::didStartMonitoring(CLLocationManager&, const platform::CLCircularRegion& region) {
+void EngineParts::didStartMonitoring(CLLocationManager&, const platform::CLCircularRegion& region) {
   geofencing.didStartMonitoring(region);
 }
-void LocationManager::Parts::monitoringDidFail(CLLocationManager&, const std::optional<platform::CLCircularRegion>&,
-                                               const platform::Error& error) {
+void EngineParts::monitoringDidFail(CLLocationManager&, const std::optional<platform::CLCircularRegion>&,
+                                    const platform::Error& error) {
   geofencing.monitoringDidFail(error);
 }
-void LocationManager::Parts::didEnterRegion(CLLocationManager&, const platform::CLCircularRegion& region) {
+void EngineParts::didEnterRegion(CLLocationManager&, const platform::CLCircularRegion& region) {
   geofencing.didEnterRegion(region);
 }
-void LocationManager::Parts::didExitRegion(CLLocationManager&, const platform::CLCircularRegion& region) {
+void EngineParts::didExitRegion(CLLocationManager&, const platform::CLCircularRegion& region) {
   geofencing.didExitRegion(region);
 }
 
-void LocationManager::Parts::acknowledge(const std::string& locationIndex, const std::string& firstLoc) {
+void EngineParts::resetLocalHistory() {
+  auto& context = store.managedObjectContext();
+  context.performAndWait([&] {
+    PastTrips::removeData(context);
+    PointOfInterest::removePOIs(context);
+    store.saveContext();
+  });
+}
+
+void EngineParts::checkpoint() {
+  auto& context = store.managedObjectContext();
+  context.performAndWait([&] {
+    if (!context.coordinator().hasStore()) return;
+    store.saveAfterFailure();
+    if (const auto error = context.coordinator().checkpoint())
+      Log::error("Unresolved error ", platform::errorAndUserInfo(*error));
+  });
+}
+
+void EngineParts::acknowledge(const std::string& locationIndex, const std::string& firstLoc) {
   auto& context = store.managedObjectContext();
   context.performAndWait([&] { pipeline.acknowledge(locationIndex, firstLoc); });
 }
 
-void LocationManager::Parts::startPass() { pipeline.startPass(); }
+void EngineParts::startPass() { pipeline.startPass(); }
 
-void LocationManager::Parts::storeUser(const std::string& uuid, const std::string& creationDate) {
+void EngineParts::storeUser(const std::string& uuid, const std::string& creationDate) {
   store.managedObjectContext().performAndWait([&] { registration.storeUser(uuid, creationDate); });
 }
 
-bool LocationManager::Parts::alreadyReceivedUUID() const { return syncState.alreadyReceivedUUID; }
-void LocationManager::Parts::setAlreadyReceivedUUID(bool received) { syncState.alreadyReceivedUUID = received; }
+bool EngineParts::alreadyReceivedUUID() const { return syncState.alreadyReceivedUUID; }
+void EngineParts::setAlreadyReceivedUUID(bool received) { syncState.alreadyReceivedUUID = received; }
 
-EngineLink::NewestTrip LocationManager::Parts::newestTrip() {
+EngineLink::NewestTrip EngineParts::newestTrip() {
   const auto trip = history.getLastPastTrip();
   if (!trip) return {};
   return {true, trip->pasttrip_id};
 }
 
-void LocationManager::Parts::submitLastTrips(std::vector<platform::Dictionary> trips) {
-  queues.serialQueueLastTrips.async([this, trips = std::move(trips)] {
+void EngineParts::submitLastTrips(std::vector<platform::Dictionary> trips) {
+  state.serialQueueLastTrips.async([this, trips = std::move(trips)] {
     const auto matched = history.addNewLastTrip(trips);
     // The store's block has ended: the host may do in its callback what it likes.
     if (!matched) return;
@@ -175,12 +192,12 @@ void LocationManager::Parts::submitLastTrips(std::vector<platform::Dictionary> t
   });
 }
 
-void LocationManager::Parts::submitPOIs(std::vector<platform::Dictionary> pois) {
-  queues.serialQueuePOI.async([this, pois = std::move(pois)] { history.addNewPOI(pois); });
+void EngineParts::submitPOIs(std::vector<platform::Dictionary> pois) {
+  state.serialQueuePOI.async([this, pois = std::move(pois)] { history.addNewPOI(pois); });
 }
 
-void LocationManager::Parts::predictionStored() {
-  queues.serialNetworkQueue.async([this] {
+void EngineParts::predictionStored() {
+  state.serialNetworkQueue.async([this] {
     if (const auto delegate = state.delegate.get().lock())
       platform::callHost("onPredictionUpdateDelegate", [&] { delegate->onPredictionUpdateDelegate(); });
   });

@@ -1,4 +1,4 @@
-#include "engine/ServiceModes.h"
+#include "engine/BackgroundModes.h"
 
 #include <tarvo/ActivationMode.h>
 #include <tarvo/platform/Device.h>
@@ -18,37 +18,36 @@ namespace {
 
 bool applicationIsActive() { return UIApplication::shared().applicationState() == UIApplicationState::active; }
 
+}  // namespace
+
 bool isOnMainsPower(UIDeviceBatteryState state) {
   return state == UIDeviceBatteryState::charging || state == UIDeviceBatteryState::full;
 }
 
-}  // namespace
-
-ServiceModes::ServiceModes(EngineState& state, EngineQueues& queues, platform::CLLocationManager& locationManager,
-                           ServiceControl& control, Geofencing& geofencing, NetworkManager& networkManager)
+BackgroundModes::BackgroundModes(EngineState& state, platform::CLLocationManager& locationManager,
+                                 Collection& collection, Geofencing& geofencing, NetworkManager& networkManager)
     : state_(state),
-      queues_(queues),
       locationManager_(locationManager),
-      control_(control),
+      collection_(collection),
       geofencing_(geofencing),
       networkManager_(networkManager) {}
 
-void ServiceModes::foregroundMode() {
-  queues_.serialQueue.async([this] { switchToForeground(); });
+void BackgroundModes::foregroundMode() {
+  state_.serialQueue.async([this] { switchToForeground(); });
 }
 
-void ServiceModes::backgroundMode() {
-  queues_.serialQueue.async([this] { switchToBackground(); });
+void BackgroundModes::backgroundMode() {
+  state_.serialQueue.async([this] { switchToBackground(); });
 }
 
-void ServiceModes::switchToForeground() {
+void BackgroundModes::switchToForeground() {
   if (state_.isBackgroundMode.get() == false) return;
   // Judged now, when the switch runs, not when it was asked for.
   const bool active = applicationIsActive();
   if (state_.tarvoStarted && active) networkManager_.recreateBackgroundSession(names::kBackgroundSession);
   state_.isBackgroundMode.set(false);
   locationManager_.setDesiredAccuracy(state_.desiredAccuracyForeground);
-  locationManager_.setDistanceFilter(20.0);
+  locationManager_.setDistanceFilter(state_.distanceFilterForeground);
   // Regions and significant changes are only torn down when the application is really active: a switch by charging
   // in the background keeps them beside the standard service.
   if (state_.geofencingStarted) {
@@ -68,11 +67,11 @@ void ServiceModes::switchToForeground() {
   }
 }
 
-void ServiceModes::switchToBackground() {
+void BackgroundModes::switchToBackground() {
   if (state_.isBackgroundMode.get() == true) return;
   state_.isBackgroundMode.set(true);
   locationManager_.setDesiredAccuracy(state_.desiredAccuracyBackground);
-  locationManager_.setDistanceFilter(100.0);
+  locationManager_.setDistanceFilter(state_.distanceFilterBackground);
   if (!state_.geofencingStarted) {
     locationManager_.stopUpdatingLocation();
     geofencing_.startGeofencing();
@@ -88,14 +87,14 @@ void ServiceModes::switchToBackground() {
       std::string(regions ? method::kRegionsAndSignificantChange : method::kSignificantChange));
 }
 
-void ServiceModes::switchByBattery() {
+void BackgroundModes::switchByBattery() {
   if (isOnMainsPower(UIDevice::current().batteryState()))
     foregroundMode();
   else
     backgroundMode();
 }
 
-std::string_view ServiceModes::batteryChanged() {
+std::string_view BackgroundModes::batteryChanged() {
   const UIDeviceBatteryState battery = UIDevice::current().batteryState();
   state_.currentBatteryState = battery;
   std::string_view event;
@@ -113,14 +112,14 @@ std::string_view ServiceModes::batteryChanged() {
   return event;
 }
 
-void ServiceModes::handleNotification(const std::string& name) {
+void BackgroundModes::handleNotification(const std::string& name) {
   if (!state_.tarvoStarted) return;
   const bool foregroundOnly = Settings::shared().activateStatus.get() == mode::kLocalForeground;
   std::string_view event;
   if (name == platform::UIApplicationDidEnterBackgroundNotification) {
     switchByBattery();
     // With when-in-use permission alone the service stops when the application leaves the screen.
-    if (foregroundOnly) control_.stop();
+    if (foregroundOnly) collection_.stop();
     Log::debug("LocationManager:handleNotification [event] BACKGROUND mainThread:", mainThread());
     event = action::kAppPaused;
   } else if (name == platform::UIApplicationDidBecomeActiveNotification) {
@@ -130,7 +129,7 @@ void ServiceModes::handleNotification(const std::string& name) {
   } else if (name == platform::UIApplicationDidFinishLaunchingNotification) {
     switchByBattery();
     if (foregroundOnly) {
-      control_.start();
+      collection_.start();
       locationManager_.startUpdatingLocation();
     }
     Log::debug("LocationManager:handleNotification [event] STARTED mainThread:", mainThread());
@@ -138,10 +137,10 @@ void ServiceModes::handleNotification(const std::string& name) {
   } else if (name == platform::UIDeviceBatteryStateDidChangeNotification) {
     event = batteryChanged();
   }
-  if (!event.empty()) control_.recordEvent(event);
+  if (!event.empty()) collection_.recordEvent(event);
 }
 
-std::string ServiceModes::getAppState() {
+std::string BackgroundModes::getAppState() {
   switch (UIApplication::shared().applicationState()) {
     case UIApplicationState::inactive:
       return "app_inactive";

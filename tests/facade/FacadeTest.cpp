@@ -1,4 +1,4 @@
-#include "engine/Harness.h"
+#include "support/WholeSdk.h"
 
 #include <chrono>
 #include <future>
@@ -80,8 +80,13 @@ TEST_F(Facade, TellsTheNewestObjectOfWholeBatchesUntilToldToStop) {
   const Tarvo moved = std::move(older);
   EXPECT_TRUE(older == moved && older.delegate() == olderHost) << "a handle that was moved from is as good as before";
   newest->activate(Tarvo::LOCAL_BACKGROUND);
+  engine().addNewLastTrip({{{"pasttrip_id", 6}}});
+  waitUntilIdle();
+  newest->requestRouteMatch();
+  engine().addNewLastTrip({{{"pasttrip_id", 7}}});
   deliver(fixAt(48, kStart), fixAt(48.01, kStart + 1));
   EXPECT_EQ(host->batches, std::vector<std::size_t>{2});
+  EXPECT_EQ(host->matched, std::vector<std::int64_t>{7}) << "in every mode, once asked for";
   newest->stopLocationUpdate();
   drive(1);
   newest->serviceConnect();
@@ -98,7 +103,7 @@ TEST_F(Facade, TellsTheNewestObjectOfWholeBatchesUntilToldToStop) {
   drive(1);
   EXPECT_EQ(olderHost->batches.size(), 1u) << "unless it is given a delegate";
   // Six fixes, the two of the first batch counted singly, and the event of serviceConnect.
-  EXPECT_EQ(engine().syncStatus().stored, 8);
+  EXPECT_EQ(older.syncStatus().stored, 8);
 }
 
 TEST_F(Facade, LetsTheHostStopEverythingFromInsideACallback) {
@@ -205,11 +210,8 @@ TEST_F(Facade, RefreshesForAPushByPermissionAndKeepsOtherSendersOut) {
   EXPECT_EQ(pushed, "loc_enabled loc_refresh loc_disabled ");
 }
 
-TEST_F(Facade, KeepsAccountCallsBelowModeEightAndReplaysTagsOnAPush) {
+TEST_F(Facade, KeepsAccountCallsBelowModeEightAndSendsThemFromIt) {
   Tarvo tarvo = online(Tarvo::LOCAL_BACKGROUND);
-  drive(1);
-  const auto host = std::make_shared<DiaryDelegate>();
-  tarvo.setDelegate(host);
   const auto callAll = [&] {
     tarvo.setTags("colour", "red");
     tarvo.unsetTags("old");
@@ -228,22 +230,25 @@ TEST_F(Facade, KeepsAccountCallsBelowModeEightAndReplaysTagsOnAPush) {
   EXPECT_EQ(Tarvo::SET_TAGS_LIST().at("colour"), "red");
   EXPECT_EQ(Tarvo::UNSET_TAGS_LIST(), std::vector<std::string>{"old"});
   EXPECT_TRUE(diary.count("UNSUBSCRIPTION_LIST : : : []") == 1 && diary.count("Tarvo : token t0k") == 1);
-  engine().addNewLastTrip({{{"pasttrip_id", 7}}});
-  waitUntilIdle();
-  EXPECT_EQ(host->matched, std::vector<std::int64_t>{7});
 
   activate(tarvo, Tarvo::BACKEND_BACKGROUND);
   for (const char* once : {"Tarvo : Tarvo bundleID : org.example.host", "Tarvo  : Tarvo API_KEY key",
                            "NetworkManager:sendTokenremoteWebServer [net] mainThread:"})
     EXPECT_EQ(diary.count(once), 1u) << once;
-  diary.clear();
-  EXPECT_TRUE(tarvo.didReceiveRemoteNotification({{"messageFrom", "tarvo"}, {"name", "anything"}}));
-  waitUntilIdle();
-  EXPECT_GT(diary.find("NetworkManager:setTags :[success]"), diary.find("LocationManager:refreshLoc [loc]: "));
-  EXPECT_EQ(diary.count("NetworkManager:unsetTags :[success]"), 1u);
   callAll();
-  EXPECT_EQ(diary.count("NetworkManager:setTags :[success]"), 2u);
+  EXPECT_EQ(diary.count("NetworkManager:setTags :[success]"), 1u);
   EXPECT_TRUE(NetworkManager::SUBSCRIPTION_LIST().empty() && NetworkManager::UNSUBSCRIPTION_LIST().empty());
+}
+
+TEST_F(Facade, ResetsWhatTheBackendHasDerived) {
+  Tarvo tarvo = online();
+  tarvo.resetGeoProfileHistory();
+  waitUntilIdle();
+  EXPECT_EQ(diary.count("NetworkManager:resetBackend : httpStatus 200"), 0u);
+  tarvo.resetBackendHistory();
+  waitUntilIdle();
+  EXPECT_EQ(diary.count("NetworkManager:resetBackend : httpStatus 200"), 1u);
+  EXPECT_EQ(diary.count("NetworkManager:resetGeoProfile : httpStatus 200"), 2u);
 }
 
 TEST_F(Facade, LetsTheHostReadAndSetTheProcessWideValuesWhole) {
@@ -251,26 +256,25 @@ TEST_F(Facade, LetsTheHostReadAndSetTheProcessWideValuesWhole) {
   drive(1);
   Tarvo::setSET_TAGS_LIST({{"colour", "red"}, {"size", "l"}});
   Tarvo::setUNSET_TAGS_LIST({"old"});
+
   push(tarvo);
   EXPECT_EQ(diary.count("NetworkManager:setTags :[success]"), 2u);
   EXPECT_EQ(diary.count("NetworkManager:unsetTags :[success]"), 1u);
-  Tarvo::setSET_TAGS_LIST({});
-  Tarvo::setUNSET_TAGS_LIST({});
-  EXPECT_TRUE(Tarvo::SET_TAGS_LIST().empty() && Tarvo::UNSET_TAGS_LIST().empty());
+  EXPECT_GT(diary.find("NetworkManager:setTags :[success]"), diary.find("LocationManager:refreshLoc [loc]: "));
+
   NetworkManager::setSUBSCRIPTION_LIST({{"news", "n"}});
   NetworkManager::setUNSUBSCRIPTION_LIST({"ads", "spam"});
-  EXPECT_EQ(NetworkManager::SUBSCRIPTION_LIST().at("news"), "n");
-  EXPECT_EQ(NetworkManager::UNSUBSCRIPTION_LIST().size(), 2u);
   Trip trip;
   trip.id = 5;
   Tarvo::setLastPrediction(trip);
   Tarvo::setACTIVATE_STATUS(Tarvo::BACKEND_GEOPROFILE);
+  EXPECT_EQ(NetworkManager::SUBSCRIPTION_LIST().at("news"), "n");
+  EXPECT_EQ(NetworkManager::UNSUBSCRIPTION_LIST().size(), 2u);
   EXPECT_EQ(tarvo.getNextTrip()->id, 5);
   EXPECT_EQ(tarvo.defaults().integer("ACTIVATE_STATUS_YES"), Tarvo::BACKEND_BACKGROUND);
   const auto users = engine().getUser();
   ASSERT_EQ(users.size(), 1u);
-  EXPECT_EQ(users[0].uuid, LocationManager::userUUID());
-  EXPECT_TRUE(users[0].timestamp);
+  EXPECT_TRUE(users[0].uuid == LocationManager::userUUID() && users[0].timestamp);
 }
 
 TEST_F(Facade, RunsOnWithoutAStoreAfterOneLineThatSaysSo) {

@@ -12,7 +12,7 @@
 #include <tarvo/platform/LocationService.h>
 #include <tarvo/platform/UserDefaults.h>
 
-#include "engine/LocationManagerParts.h"
+#include "engine/EngineParts.h"
 #include "platform/foundation/Activity.h"
 #include "platform/foundation/Files.h"
 #include "sandbox/Backend.h"

@@ -5,12 +5,11 @@
 #include <tarvo/LocationManager.h>
 #include <tarvo/NetworkManager.h>
 
+#include "engine/BackgroundModes.h"
+#include "engine/Collection.h"
 #include "engine/EngineState.h"
 #include "engine/Geofencing.h"
 #include "engine/Intake.h"
-#include "engine/PositionWriter.h"
-#include "engine/ServiceControl.h"
-#include "engine/ServiceModes.h"
 #include "platform/location/CLLocationManager.h"
 #include "settings/EngineLink.h"
 #include "store/ObjectStore.h"
@@ -25,17 +24,25 @@ namespace tarvo {
 /// All parts of the engine, built and wired in the order in which they stand here.
 ///
 /// Lives as long as the process. Threads: each part says its own.
-struct LocationManager::Parts final : platform::CLLocationManagerDelegate, EngineLink {
-  explicit Parts(LocationManager& engine);
+class EngineParts final : public platform::CLLocationManagerDelegate, public EngineLink {
+ public:
+  explicit EngineParts(LocationManager& engine);
+
+  /// Those of a built engine; for the facade, benchmarks and tests.
+  static EngineParts& of(LocationManager& engine) { return *engine.parts_; }
 
   /// What the engine does once it exists, in this order; returns after the first upload pass has been started and the
   /// location service's first report of the permission has been handled.
   void startUp();
 
+  /// Deletes past trips and places and saves at once: a reset must survive a kill right after it.
+  void resetLocalHistory();
+  /// Writes what could not be saved before, if there is room again, and moves what the store's log holds into its file.
+  void checkpoint();
+
   LocationManager& engine;
   platform::CLLocationManager locationManager;
   NetworkManager networkManager;
-  EngineQueues queues;
   EngineState state;
   SyncState syncState;
   ObjectStore store;
@@ -43,10 +50,9 @@ struct LocationManager::Parts final : platform::CLLocationManagerDelegate, Engin
   UploadPipeline pipeline;
   History history;
   ReplyHandler replies;
-  PositionWriter writer;
-  ServiceControl control;
+  Collection collection;
   Geofencing geofencing;
-  ServiceModes modes;
+  BackgroundModes modes;
   Intake intake;
 
   // From the location service, on its delivery queue.

@@ -1,4 +1,4 @@
-#include "engine/ServiceControl.h"
+#include "engine/Collection.h"
 
 #include <tarvo/ActivationMode.h>
 #include <tarvo/platform/Device.h>
@@ -19,16 +19,11 @@ std::int64_t number(CLAuthorizationStatus status) { return static_cast<std::int6
 
 }  // namespace
 
-ServiceControl::ServiceControl(EngineState& state, EngineQueues& queues, platform::CLLocationManager& locationManager,
-                               ObjectStore& store, PositionWriter& writer, NetworkManager& networkManager)
-    : state_(state),
-      queues_(queues),
-      locationManager_(locationManager),
-      store_(store),
-      writer_(writer),
-      networkManager_(networkManager) {}
+Collection::Collection(EngineState& state, platform::CLLocationManager& locationManager, ObjectStore& store,
+                       NetworkManager& networkManager)
+    : state_(state), locationManager_(locationManager), store_(store), networkManager_(networkManager) {}
 
-void ServiceControl::start() {
+void Collection::start() {
   if (Settings::shared().activateStatus.get() >= mode::kLocalForeground) {
     locationManager_.startUpdatingLocation();
     state_.tarvoStarted = true;
@@ -38,34 +33,34 @@ void ServiceControl::start() {
   takeUpTransfers();
 }
 
-void ServiceControl::takeUpTransfers() {
+void Collection::takeUpTransfers() {
   if (Settings::shared().activateStatus.get() >= mode::kBackendBackground) networkManager_.takeUpTransfers();
 }
 
-void ServiceControl::stop() {
-  queues_.serialQueue.sync([this] {
+void Collection::stop() {
+  state_.serialQueue.sync([this] {
     locationManager_.stopUpdatingLocation();
     state_.tarvoStarted = false;
     Log::debug("LocationManager:stop [loc] [tarvo] mainThread:", mainThread());
   });
 }
 
-void ServiceControl::stopLocationUpdate() {
+void Collection::stopLocationUpdate() {
   setStopReceiveLocationUpdate(true, "LocationManager:stopLocationUpdate [loc] [tarvo] mainThread:");
 }
 
-void ServiceControl::requestLocationUpdate() {
+void Collection::requestLocationUpdate() {
   setStopReceiveLocationUpdate(false, "LocationManager:requestLocationUpdate [loc] [tarvo] mainThread:");
 }
 
-void ServiceControl::setStopReceiveLocationUpdate(bool stopped, std::string_view message) {
-  queues_.serialQueue.sync([&] {
+void Collection::setStopReceiveLocationUpdate(bool stopped, std::string_view message) {
+  state_.serialQueue.sync([&] {
     state_.stopReceiveLocationUpdate = stopped;
     Log::debug(message, mainThread());
   });
 }
 
-CLAuthorizationStatus ServiceControl::checkAndRequestLocationAuthorization(std::int64_t mode) {
+CLAuthorizationStatus Collection::checkAndRequestLocationAuthorization(std::int64_t mode) {
   const CLAuthorizationStatus current = platform::CLLocationManager::authorizationStatus();
   Log::debug("LocationManager:checkAndRequestLocationAuthorization [loc] status:", number(current),
              " mainThread:", mainThread());
@@ -77,7 +72,7 @@ CLAuthorizationStatus ServiceControl::checkAndRequestLocationAuthorization(std::
   return current;
 }
 
-void ServiceControl::requestAgainLocationAuthorization() {
+void Collection::requestAgainLocationAuthorization() {
   Log::debug("LocationManager:requestAgainLocationAuthorization -> mainThread:", mainThread());
   platform::Alert alert;
   alert.title = "Location authorization required";
@@ -90,7 +85,7 @@ void ServiceControl::requestAgainLocationAuthorization() {
   platform::UIApplication::shared().present(std::move(alert));
 }
 
-std::optional<CLLocation> ServiceControl::getLastLocation() {
+std::optional<CLLocation> Collection::getLastLocation() {
   if (checkAndRequestLocationAuthorization(Settings::shared().activateStatus.get()) == CLAuthorizationStatus::denied)
     requestAgainLocationAuthorization();
   std::optional<CLLocation> last;
@@ -105,13 +100,29 @@ std::optional<CLLocation> ServiceControl::getLastLocation() {
   return last;
 }
 
-void ServiceControl::recordEvent(std::string_view serviceaction) {
-  if (const auto last = getLastLocation())
-    writer_.addNewLocationToDatabase({*last}, state_.currentActivity, method::kEvent, serviceaction);
+void Collection::addNewLocationToDatabase(std::vector<CLLocation> locations, std::string_view activity,
+                                          std::string_view method, std::string_view serviceaction) {
+  Log::debug("LocationManager:addNewLocationToDatabase [loc] loc:", locations.size(), " mainThread:", mainThread());
+  if (Settings::shared().activateStatus.get() < mode::kLocalForeground) return;
+  state_.serialQueueLocation.async([this, locations = std::move(locations), activity = std::string(activity),
+                                    method = std::string(method), serviceaction = std::string(serviceaction)] {
+    auto& context = store_.managedObjectContext();
+    context.performAndWait([&] {
+      for (const auto& location : locations) {
+        Log::debug("LocationManager:addNewLocationToDatabase [loc] loc:", location, " mainThread:", mainThread());
+        if (Locations::addLocation(location, activity, method, context, serviceaction)) store_.saveContext();
+      }
+    });
+  });
 }
 
-void ServiceControl::didChangeAuthorization(CLAuthorizationStatus status) {
-  queues_.serialQueue.async([this, status] {
+void Collection::recordEvent(std::string_view serviceaction) {
+  if (const auto last = getLastLocation())
+    addNewLocationToDatabase({*last}, state_.currentActivity, method::kEvent, serviceaction);
+}
+
+void Collection::didChangeAuthorization(CLAuthorizationStatus status) {
+  state_.serialQueue.async([this, status] {
     if (!state_.tarvoStarted) return;
     std::string_view event;
     switch (status) {

@@ -1,1 +1,0 @@
-// A folder that has no source yet still makes a library.
