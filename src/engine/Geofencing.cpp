@@ -5,6 +5,7 @@
 
 #include "engine/GeofenceRadii.h"
 #include "log/Log.h"
+#include "settings/Names.h"
 
 namespace tarvo {
 

@@ -4,6 +4,7 @@
 #include <tarvo/platform/Device.h>
 
 #include "log/Log.h"
+#include "settings/Names.h"
 #include "settings/Settings.h"
 #include "store/Locations.h"
 
