@@ -7,7 +7,6 @@
 
 #include "location/Delivery.h"
 #include "platform/location/Geodesy.h"
-#include "platform/location/GpxTime.h"
 
 namespace tarvo::platform {
 namespace {
@@ -98,20 +97,6 @@ TEST(GpxTrace, TakesRoutesOrWaypointsOnlyWithoutATrack) {
     const auto trace = readText(text, error);
     ASSERT_TRUE(trace && trace->fixes.size() == 1) << error;
     EXPECT_EQ(trace->fixes[0].coordinate.latitude, latitude);
-  }
-}
-
-TEST(GpxTrace, ReadsTimesWithFractionsAndZones) {
-  const std::pair<const char*, std::optional<double>> cases[] = {
-      {"1970-01-01T00:00:00Z", 0},          {"1970-01-01T00:00:01.25Z", 1.25},    {"1969-12-31T23:59:59.5Z", -0.5},
-      {"1970-01-01T02:00:00+0200", 0},      {"1969-12-31T18:30:00-05:30", 0},     {"1970-01-01 00:00:07", 7},
-      {"2016-12-31T23:59:60Z", 1483228800}, {"2024-02-29T00:00:00Z", 1709164800}, {"2023-02-29T00:00:00Z", {}},
-      {"1970-01-01T24:00:00Z", {}},         {"1970-01-01T00:00:00.Z", {}},        {"1970-01-01T00:00:00Zz", {}},
-      {"1970-01-01T00:00:00+2", {}},        {"1970-1-01T00:00:00Z", {}},          {"", {}},
-  };
-  for (const auto& [text, seconds] : cases) {
-    const auto time = gpxTime(text);
-    EXPECT_EQ(time ? std::optional(secondsSince1970(*time)) : std::nullopt, seconds) << text;
   }
 }
 

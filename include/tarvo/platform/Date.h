@@ -1,6 +1,10 @@
 #pragma once
 
 #include <chrono>
+#include <optional>
+#include <string_view>
+
+#include <tarvo/Export.h>
 
 namespace tarvo::platform {
 
@@ -16,5 +20,10 @@ constexpr double secondsSince1970(Date date) { return date.time_since_epoch().co
 /// 0001-01-01 and 4001-01-01: the bounds that stand for "no bound".
 constexpr Date distantPast() { return dateSince1970(-62135596800.0); }
 constexpr Date distantFuture() { return dateSince1970(64092211200.0); }
+
+/// Reads a moment as ISO 8601 and GPX files write it: `2019-10-22T14:36:00.000Z`, with a fraction of any length and a
+/// zone `Z`, `+02:00`, `+0200` or `+02`; without a zone it is UTC. A blank may stand for the T. Absent for anything
+/// else.
+TARVO_API std::optional<Date> parseTimestamp(std::string_view text);
 
 }  // namespace tarvo::platform

@@ -1,7 +1,7 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
-#include <optional>
 
 #include <tarvo/Export.h>
 #include <tarvo/platform/Date.h>

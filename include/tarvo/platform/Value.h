@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -60,7 +61,10 @@ class TARVO_API Value {
 /// The value under `key`, or a null pointer when the key is absent.
 TARVO_API const Value* find(const Dictionary& dictionary, std::string_view key);
 
-/// The text under `key`, absent when the key is absent or holds something else.
+/// The text, integer or number under `key` (as `asString`, `asInteger` and `asDouble` tell); absent when the key is absent
+/// or holds something else.
 TARVO_API std::optional<std::string> findString(const Dictionary& dictionary, std::string_view key);
+TARVO_API std::optional<std::int64_t> findInteger(const Dictionary& dictionary, std::string_view key);
+TARVO_API std::optional<double> findNumber(const Dictionary& dictionary, std::string_view key);
 
 }  // namespace tarvo::platform

@@ -40,4 +40,14 @@ std::optional<std::string> findString(const Dictionary& dictionary, std::string_
   return *value->asString();
 }
 
+std::optional<std::int64_t> findInteger(const Dictionary& dictionary, std::string_view key) {
+  const Value* value = find(dictionary, key);
+  return value == nullptr ? std::nullopt : value->asInteger();
+}
+
+std::optional<double> findNumber(const Dictionary& dictionary, std::string_view key) {
+  const Value* value = find(dictionary, key);
+  return value == nullptr ? std::nullopt : value->asDouble();
+}
+
 }  // namespace tarvo::platform

@@ -7,7 +7,6 @@
 
 #include "platform/foundation/Text.h"
 #include "platform/location/Geodesy.h"
-#include "platform/location/GpxTime.h"
 
 namespace tarvo::platform {
 namespace {
@@ -59,7 +58,7 @@ void readFields(const pugi::xml_node& parent, int depth, PointFields& fields) {
     const std::string_view name = localName(child);
     const std::string_view text = child.child_value();
     if (depth == 0 && name == "time")
-      fields.time = gpxTime(trimmed(text));
+      fields.time = parseTimestamp(trimmed(text));
     else if (depth == 0 && name == "ele")
       fields.ele = number(text);
     else if (depth == 0 && name == "hdop")

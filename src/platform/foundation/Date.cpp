@@ -1,4 +1,4 @@
-#include "platform/location/GpxTime.h"
+#include <tarvo/platform/Date.h>
 
 #include <algorithm>
 #include <charconv>
@@ -62,7 +62,7 @@ class Reader {
 
 }  // namespace
 
-std::optional<Date> gpxTime(std::string_view text) {
+std::optional<Date> parseTimestamp(std::string_view text) {
   int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0, minutesEast = 0;
   double fraction = 0;
   Reader reader(text);
