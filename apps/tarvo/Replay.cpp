@@ -12,7 +12,7 @@
 #include <tarvo/platform/Clock.h>
 #include <tarvo/platform/Device.h>
 #include <tarvo/platform/Environment.h>
-#include <tarvo/platform/GpxSource.h>
+#include <tarvo/platform/GpxReplay.h>
 #include <tarvo/platform/LocationService.h>
 
 #include "Console.h"

@@ -123,8 +123,8 @@ bool Session::play(platform::GpxTrace trace, const std::vector<ScriptEvent>& scr
     trace.fixes.erase(trace.fixes.begin(),
                       trace.fixes.begin() + static_cast<std::ptrdiff_t>(std::min(before_->fixes, total)));
   Progress progress(engine(), before_ ? before_->fixes : 0, total, !options_.log && !options_.verbose);
-  platform::GpxSource source(std::move(trace), clock_);
-  if (relaunches(source, script, progress)) return true;
+  platform::GpxReplay replay(std::move(trace), clock_);
+  if (relaunches(replay, script, progress)) return true;
   if (interrupted()) {
     Tarvo::waitUntilIdle(kLastSeconds);
   } else {
@@ -136,10 +136,10 @@ bool Session::play(platform::GpxTrace trace, const std::vector<ScriptEvent>& scr
 }
 
 /// Plays the trace with the events in between. Answers whether the process has to end for a relaunch.
-bool Session::relaunches(platform::GpxSource& source, const std::vector<ScriptEvent>& script, Progress& progress) {
+bool Session::relaunches(platform::GpxReplay& replay, const std::vector<ScriptEvent>& script, Progress& progress) {
   const std::size_t earlierFixes = before_ ? before_->fixes : 0;
   const auto play = [&](std::optional<platform::Date> until) {
-    source.play(
+    replay.play(
         options_.speed.factor,
         [&](std::size_t fixes) {
           done_.fixes = earlierFixes + fixes;

@@ -8,7 +8,7 @@
 
 #include <tarvo/Tarvo.h>
 #include <tarvo/platform/Clock.h>
-#include <tarvo/platform/GpxSource.h>
+#include <tarvo/platform/GpxReplay.h>
 
 #include "Home.h"
 #include "Progress.h"
@@ -46,7 +46,7 @@ class Session {
   LocationManager& engine() const { return tarvo_.locationManager(); }
   bool uploads() const { return options_.mode >= Tarvo::BACKEND_BACKGROUND; }
   void claimStore();
-  bool relaunches(platform::GpxSource& source, const std::vector<ScriptEvent>& script, Progress& progress);
+  bool relaunches(platform::GpxReplay& replay, const std::vector<ScriptEvent>& script, Progress& progress);
   void sendTheRest(Progress& progress);
   void count(const Progress& progress);
 

@@ -9,6 +9,8 @@
 
 namespace tarvo {
 
+class PositionSource;
+
 /// The positions of a history, in its order. Those of the SDK stay in its store until they are asked for, so that a
 /// year of them takes no memory; which ones they are is fixed when the history is made, their upload flags are those of
 /// the moment of reading.
@@ -27,13 +29,9 @@ class TARVO_API LocationRecords {
   /// All of them in memory, some 500 bytes each; `LocationsHistory::toGeoJSON` needs far less.
   std::vector<LocationRecord> toVector() const;
 
-  /// Where the SDK reads them.
-  class Source;
-  explicit LocationRecords(std::shared_ptr<const Source> source);
-  const Source& source() const;
-
  private:
-  std::shared_ptr<const Source> source_;
+  friend class PositionSource;  // where the SDK reads them
+  std::shared_ptr<const PositionSource> source_;
 };
 
 }  // namespace tarvo

@@ -4,6 +4,7 @@
 #include <tarvo/platform/Device.h>
 
 #include "log/Log.h"
+#include "records/Positions.h"
 #include "settings/Names.h"
 #include "settings/Settings.h"
 #include "store/Locations.h"
@@ -16,22 +17,6 @@ using platform::CLLocation;
 namespace {
 
 std::int64_t number(CLAuthorizationStatus status) { return static_cast<std::int64_t>(status); }
-
-/// Absent when the record lacks any of the values of a fix.
-std::optional<CLLocation> fixOf(const LocationRecord& record) {
-  if (!record.latitude || !record.longitude || !record.altitude || !record.horizontalAccuracy ||
-      !record.verticalAccuracy || !record.course || !record.speed || !record.locationTimestamp)
-    return std::nullopt;
-  CLLocation fix;
-  fix.coordinate = {*record.latitude, *record.longitude};
-  fix.altitude = *record.altitude;
-  fix.horizontalAccuracy = *record.horizontalAccuracy;
-  fix.verticalAccuracy = *record.verticalAccuracy;
-  fix.course = *record.course;
-  fix.speed = *record.speed;
-  fix.timestamp = *record.locationTimestamp;
-  return fix;
-}
 
 }  // namespace
 
@@ -113,7 +98,7 @@ std::optional<CLLocation> ServiceControl::getLastLocation() {
   auto& context = store_.managedObjectContext();
   context.performAndWait([&] {
     const auto stored = Locations::getLastLocation(context);
-    if (stored) last = fixOf(stored->record());
+    if (stored) last = fixOf(stored->record(), Missing::givesNoFix);
   });
   if (last)
     Log::debug("LocationManager:getLastLocation [loc] [tarvo] lastLoc:", last->description(),

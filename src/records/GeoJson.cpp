@@ -4,7 +4,6 @@
 #include <array>
 
 #include "platform/foundation/Text.h"
-#include "store/PositionSource.h"
 
 namespace tarvo {
 
@@ -111,7 +110,7 @@ std::optional<platform::CLLocationCoordinate2D> coordinateOf(const platform::Val
   return platform::CLLocationCoordinate2D{*latitude, *longitude};
 }
 
-bool appendFeatureCollection(std::string& out, const LocationRecords::Source& positions, std::string_view geometry) {
+bool appendFeatureCollection(std::string& out, const PositionSource& positions, std::string_view geometry) {
   FeatureWriter writer(out, geometry);
   return positions.forEachPoint([&writer](const RoutePoint& position) { writer.add(position); }) && writer.finish();
 }

@@ -5,9 +5,10 @@
 #include <string_view>
 #include <vector>
 
-#include <tarvo/LocationRecords.h>
 #include <tarvo/platform/CLLocation.h>
 #include <tarvo/platform/Value.h>
+
+#include "records/Positions.h"
 
 namespace tarvo {
 
@@ -24,6 +25,6 @@ std::optional<platform::CLLocationCoordinate2D> coordinateOf(const platform::Val
 /// Appends a FeatureCollection of the positions that have coordinates, and answers whether there were any.
 ///
 /// A new feature begins where the service action turns to or from "loc_disabled"; the last position never begins one.
-bool appendFeatureCollection(std::string& out, const LocationRecords::Source& positions, std::string_view geometry);
+bool appendFeatureCollection(std::string& out, const PositionSource& positions, std::string_view geometry);
 
 }  // namespace tarvo

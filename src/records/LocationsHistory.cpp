@@ -3,9 +3,7 @@
 #include "log/Log.h"
 #include "platform/foundation/Json.h"
 #include "platform/foundation/Text.h"
-#include "records/BoundingBox.h"
 #include "records/GeoJson.h"
-#include "store/PositionSource.h"
 
 namespace tarvo {
 
@@ -14,6 +12,33 @@ using platform::CLLocationCoordinate2D;
 using platform::Value;
 
 namespace {
+
+/// The least and the greatest of the values given; -200 both while there is none.
+class Range {
+ public:
+  void add(double value) {
+    // The unset minimum lies below every coordinate, so the first value replaces it through the maximum.
+    if (value < minimum) {
+      minimum = value;
+      if (maximum == kUnset) maximum = value;
+    } else if (value > maximum) {
+      maximum = value;
+      if (minimum == kUnset) minimum = value;
+    }
+  }
+
+  static constexpr double kUnset = -200.0;
+  double minimum = kUnset, maximum = kUnset;
+};
+
+/// The smallest rectangle that holds every point given; degrees. It does not know that the antimeridian wraps.
+struct BoundingBox {
+  void add(CLLocationCoordinate2D point) {
+    longitude.add(point.longitude);
+    latitude.add(point.latitude);
+  }
+  Range longitude, latitude;
+};
 
 void addPoints(BoundingBox& box, const Value& coordinates) {
   // A feature that is a single point has a bare position.
@@ -49,17 +74,8 @@ void addRoute(BoundingBox& box, const std::string& route) {
 std::vector<CLLocation> LocationsHistory::toArray() const {
   std::vector<CLLocation> fixes;
   fixes.reserve(locations.size());
-  const bool isWhole = locations.source().forEach([&fixes](const LocationRecord& record) {
-    if (!record.latitude || !record.longitude || !record.locationTimestamp) return true;
-    CLLocation fix;
-    fix.coordinate = {*record.latitude, *record.longitude};
-    fix.altitude = record.altitude.value_or(0);
-    fix.horizontalAccuracy = record.horizontalAccuracy.value_or(-1);
-    fix.verticalAccuracy = record.verticalAccuracy.value_or(-1);
-    fix.course = record.course.value_or(-1);
-    fix.speed = record.speed.value_or(-1);
-    fix.timestamp = *record.locationTimestamp;
-    fixes.push_back(fix);
+  const bool isWhole = PositionSource::of(locations).forEach([&fixes](const LocationRecord& position) {
+    if (const auto fix = fixOf(position, Missing::takesDefault)) fixes.push_back(*fix);
     return true;
   });
   if (!isWhole) fixes.clear();
@@ -73,17 +89,20 @@ std::optional<std::vector<CLLocationCoordinate2D>> LocationsHistory::getBounding
   BoundingBox box;
   // Trips alone count once there are any, even if none of them can be read.
   if (pasttrips.empty()) {
-    if (!locations.source().forEachPoint([&box](const RoutePoint& at) { box.add({at.latitude, at.longitude}); }))
+    if (!PositionSource::of(locations).forEachPoint([&box](const RoutePoint& at) {
+          box.add({at.latitude, at.longitude});
+        }))
       return std::nullopt;
   } else {
     for (const PastTripRecord& trip : pasttrips)
       if (trip.route) addRoute(box, *trip.route);
   }
-  Log::debug("Tarvo: LocationHistory getBoundingBox ----------minlon = ", box.minimumLongitude(),
-             " -------maxlon :", box.maximumLongitude(), "--------------- ");
-  Log::debug("Tarvo: LocationHistory getBoundingBox ----------minlat = ", box.minimumLatitude(),
-             " -------maxlat :", box.maximumLatitude(), "--------------- ");
-  return box.corners();
+  Log::debug("Tarvo: LocationHistory getBoundingBox ----------minlon = ", box.longitude.minimum,
+             " -------maxlon :", box.longitude.maximum, "--------------- ");
+  Log::debug("Tarvo: LocationHistory getBoundingBox ----------minlat = ", box.latitude.minimum,
+             " -------maxlat :", box.latitude.maximum, "--------------- ");
+  return std::vector<CLLocationCoordinate2D>{{box.latitude.minimum, box.longitude.minimum},
+                                             {box.latitude.maximum, box.longitude.maximum}};
 }
 
 std::optional<std::string> LocationsHistory::toGeoJSON(std::string_view geometry) const {
@@ -93,7 +112,7 @@ std::optional<std::string> LocationsHistory::toGeoJSON(std::string_view geometry
   std::string text;
   text.reserve(kOpening.size() + 256 + locations.size() * kTypicalBytesPerPosition);
   text.append(kOpening);
-  if (!appendFeatureCollection(text, locations.source(), geometry)) return std::nullopt;
+  if (!appendFeatureCollection(text, PositionSource::of(locations), geometry)) return std::nullopt;
   Log::debugLog(Log::kDebug, text);
   text.erase(0, kOpening.size());
   return text;

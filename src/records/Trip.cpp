@@ -16,11 +16,11 @@ using platform::Value;
 
 namespace {
 
-CLLocation locationAt(CLLocationCoordinate2D coordinate) {
-  CLLocation location;
-  location.coordinate = coordinate;
-  location.timestamp = platform::Clock::current()->now();
-  return location;
+CLLocation fixAt(CLLocationCoordinate2D coordinate) {
+  CLLocation fix;
+  fix.coordinate = coordinate;
+  fix.timestamp = platform::Clock::current()->now();
+  return fix;
 }
 
 /// A prediction's positions are pairs and nothing else.
@@ -64,20 +64,20 @@ std::optional<std::vector<CLLocationCoordinate2D>> Trip::toLocationCoordinate2D(
 std::optional<std::vector<CLLocation>> Trip::toLocations() const {
   const auto coordinates = toLocationCoordinate2D();
   if (!coordinates) return std::nullopt;
-  std::vector<CLLocation> locations;
-  locations.reserve(coordinates->size());
-  for (const CLLocationCoordinate2D& coordinate : *coordinates) locations.push_back(locationAt(coordinate));
-  return locations;
+  std::vector<CLLocation> fixes;
+  fixes.reserve(coordinates->size());
+  for (const CLLocationCoordinate2D& coordinate : *coordinates) fixes.push_back(fixAt(coordinate));
+  return fixes;
 }
 
 std::optional<CLLocation> Trip::getStartTrip() const {
   const auto positions = tripToArray();
   const auto coordinate = positions && !positions->empty() ? pairOf(positions->front()) : std::nullopt;
   if (!coordinate) return std::nullopt;
-  return locationAt(*coordinate);
+  return fixAt(*coordinate);
 }
 
-std::optional<CLLocation> Trip::getNextDestination() const { return locationAt({destination_lat, destination_lon}); }
+std::optional<CLLocation> Trip::getNextDestination() const { return fixAt({destination_lat, destination_lon}); }
 
 std::optional<std::string> Trip::getStartTime() const {
   if (startTime.empty()) return std::nullopt;

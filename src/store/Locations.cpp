@@ -7,8 +7,7 @@
 #include "platform/foundation/Bundle.h"
 #include "platform/foundation/Text.h"
 #include "store/Attributes.h"
-#include "store/RecordOf.h"
-#include "store/TypedFetch.h"
+#include "store/RecordReading.h"
 
 namespace tarvo {
 

@@ -7,7 +7,7 @@
 #include "settings/Settings.h"
 #include "store/Attributes.h"
 #include "store/Locations.h"
-#include "store/TypedFetch.h"
+#include "store/RecordReading.h"
 
 namespace tarvo {
 

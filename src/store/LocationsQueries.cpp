@@ -4,8 +4,7 @@
 #include "platform/foundation/Text.h"
 #include "settings/Names.h"
 #include "store/Locations.h"
-#include "store/PositionSource.h"
-#include "store/TypedFetch.h"
+#include "store/RecordReading.h"
 
 namespace tarvo {
 

@@ -9,7 +9,7 @@
 #include "platform/foundation/Text.h"
 #include "platform/foundation/Utf8.h"
 #include "store/Attributes.h"
-#include "store/TypedFetch.h"
+#include "store/RecordReading.h"
 
 namespace tarvo {
 

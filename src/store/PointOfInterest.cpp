@@ -6,7 +6,7 @@
 #include "platform/foundation/Json.h"
 #include "platform/foundation/Text.h"
 #include "store/Attributes.h"
-#include "store/TypedFetch.h"
+#include "store/RecordReading.h"
 
 namespace tarvo {
 

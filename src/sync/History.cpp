@@ -3,11 +3,11 @@
 #include "log/Log.h"
 #include "net/Reply.h"
 #include "platform/foundation/FatalError.h"
+#include "records/Positions.h"
 #include "settings/Settings.h"
 #include "store/Locations.h"
 #include "store/PastTrips.h"
 #include "store/PointOfInterest.h"
-#include "store/PositionSource.h"
 
 namespace tarvo {
 
@@ -37,7 +37,7 @@ LocationsHistory History::getLocationhistory(std::optional<Date> since, std::opt
   context.performAndWait([&] {
     history.locations = Locations::getLocationHistory(context, since.value_or(platform::distantPast()),
                                                       until.value_or(platform::distantFuture()));
-    if (const auto first = history.locations.source().firstCoordinate())
+    if (const auto first = PositionSource::of(history.locations).firstCoordinate())
       history.firstLocation = *first;
     else
       history.locations = {};

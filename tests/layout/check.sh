@@ -8,7 +8,7 @@ fail() { echo "$*"; failed=1; }
 # Floors, lowest first; a file may include its own folder and those before it. Folders of the platform stand side by
 # side on the foundation.
 floors='platform/foundation platform/device platform/location platform/persistence platform/urlsession
-        settings log store records net sync engine facade'
+        settings log records store net sync engine facade'
 upward=$(grep -rnE '^#include "' src | grep -v '#include "marrowgate' | awk -v floors="$floors" '
   function folder(path) { return match(path, "^platform/[a-z]+") || match(path, "^[a-z]+") ? substr(path, 1, RLENGTH) : "" }
   BEGIN { n = split(floors, names); for (i = 1; i <= n; i++) rank[names[i]] = i }

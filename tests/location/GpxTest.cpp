@@ -3,7 +3,7 @@
 #include <fstream>
 #include <thread>
 
-#include <tarvo/platform/GpxSource.h>
+#include <tarvo/platform/GpxReplay.h>
 
 #include "location/Delivery.h"
 #include "platform/location/Geodesy.h"
@@ -108,16 +108,16 @@ TEST_F(PlayedTrace, PlaysTheSameEachTimeAndNeverMovesTheClockBack) {
 
   std::vector<double> ages;
   delegate.onUpdate = [&] { ages.push_back(secondsSince1970(Clock::current()->now()) - 1'000'000); };
-  GpxSource source(trace, clock);
-  EXPECT_EQ(source.play(std::nullopt, {}, dateSince1970(1'000'100.5)), 1u);
+  GpxReplay replay(trace, clock);
+  EXPECT_EQ(replay.play(std::nullopt, {}, dateSince1970(1'000'100.5)), 1u);
   EXPECT_EQ(clock->now(), dateSince1970(1'000'100.5));
-  EXPECT_EQ(source.play(std::nullopt, {}), 4u);
+  EXPECT_EQ(replay.play(std::nullopt, {}), 4u);
   EXPECT_EQ(ages, (std::vector<double>{100, 101, 101, 103}));
   const Diary first = delegate.read();
   EXPECT_EQ(first, (Diary{"fixes 0", "fixes 1", "fixes 2", "fixes 3"}));
-  std::thread([&] { EXPECT_EQ(GpxSource(trace, clock).play(1e6, {}), 4u); }).join();
+  std::thread([&] { EXPECT_EQ(GpxReplay(trace, clock).play(1e6, {}), 4u); }).join();
   EXPECT_EQ(delegate.read(), first);
-  EXPECT_EQ(GpxSource(trace, clock).play(std::nullopt, [](std::size_t number) { return number < 2; }), 2u);
+  EXPECT_EQ(GpxReplay(trace, clock).play(std::nullopt, [](std::size_t number) { return number < 2; }), 2u);
 }
 
 TEST_F(PlayedTrace, KeepsToTheSpeedThatIsAskedFor) {
@@ -127,7 +127,7 @@ TEST_F(PlayedTrace, KeepsToTheSpeedThatIsAskedFor) {
     trace.fixes.back().timestamp += Seconds(60 * i);
   }
   const auto begin = std::chrono::steady_clock::now();
-  EXPECT_EQ(GpxSource(trace, clock).play(2400, {}), 3u);  // two minutes in 50 ms
+  EXPECT_EQ(GpxReplay(trace, clock).play(2400, {}), 3u);  // two minutes in 50 ms
   const Seconds taken = std::chrono::steady_clock::now() - begin;
   EXPECT_GE(taken.count(), 0.05);
   EXPECT_LT(taken.count(), 10);

@@ -14,11 +14,11 @@
 #include "platform/foundation/Json.h"
 #include "platform/foundation/Text.h"
 #include "platform/persistence/Store.h"
+#include "records/Positions.h"
 #include "settings/Settings.h"
 #include "store/Attributes.h"
 #include "store/PastTrips.h"
 #include "store/PointOfInterest.h"
-#include "store/PositionSource.h"
 #include "store/StoreFixture.h"
 #include "store/Users.h"
 
@@ -181,8 +181,8 @@ TEST_F(StoredPositions, FirstOfAHistoryIsFoundWithoutSortingTheRest) {
       return sqlite3_memory_highwater(0) - before;
     };
     std::optional<platform::CLLocationCoordinate2D> first;
-    history.source().firstCoordinate();  // statements and pages are there then
-    const auto one = needed([&] { first = history.source().firstCoordinate(); });
+    PositionSource::of(history).firstCoordinate();  // statements and pages are there then
+    const auto one = needed([&] { first = PositionSource::of(history).firstCoordinate(); });
     const auto all = needed([&] { EXPECT_EQ(history.toVector().size(), 2000U); });
     EXPECT_EQ(first, (platform::CLLocationCoordinate2D{48 + 7000 * 0.001, 2.3522}));
     EXPECT_LT(one, all / 2);

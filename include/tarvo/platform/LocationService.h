@@ -98,13 +98,9 @@ class TARVO_API LocationService {
   Rules rules() const;
   void setRules(Rules rules);
 
-  struct State;
-  State& state() { return *state_; }
-
  private:
-  LocationService();
+  LocationService() = default;
   ~LocationService() = delete;
-  State* state_;
 };
 
 }  // namespace tarvo::platform

@@ -8,7 +8,7 @@
 namespace tarvo::platform {
 namespace {
 
-LocationService::State& service() { return LocationService::shared().state(); }
+LocationServiceState& service() { return LocationServiceState::shared(); }
 
 }  // namespace
 

@@ -6,7 +6,7 @@
 
 namespace tarvo::platform {
 
-/// The shortest way on the WGS 84 ellipsoid.
+/// The shortest way between two points on the WGS 84 ellipsoid.
 struct GeodesicWay {
   double metres;
   double azimuthDegrees;  ///< at its end, clockwise from north, 0 to below 360
@@ -14,8 +14,8 @@ struct GeodesicWay {
 
 GeodesicWay geodesicWay(const CLLocationCoordinate2D& from, const CLLocationCoordinate2D& to);
 
-/// A number to be printed with that many decimals, rounded as it stands in memory, and a plus sign before what is not
-/// negative if asked for.
+/// A number printed in fixed notation with that many decimals, rounded by its exact binary value (2.675 gives 2.67),
+/// with a plus sign before what is not negative if `plusSign` is set.
 struct Fixed {
   double value;
   int decimals;

@@ -3,7 +3,7 @@
 #include <pugixml.hpp>
 #include <string_view>
 
-#include <tarvo/platform/GpxSource.h>
+#include <tarvo/platform/GpxReplay.h>
 
 #include "platform/foundation/Text.h"
 #include "platform/location/Geodesy.h"
@@ -11,9 +11,9 @@
 namespace tarvo::platform {
 namespace {
 
-constexpr std::uintmax_t largestFile = 256u << 20;  // parsed in memory, several times the size of the file
-constexpr double metresPerHdop = 5;
-constexpr double assumedAccuracyMetres = 10;
+constexpr std::uintmax_t kLargestFile = 256u << 20;  // parsed in memory, several times the size of the file
+constexpr double kMetresPerHdop = 5;
+constexpr double kAssumedAccuracyMetres = 10;
 
 std::string_view localName(const pugi::xml_node& node) {
   const std::string_view name = node.name();
@@ -22,10 +22,10 @@ std::string_view localName(const pugi::xml_node& node) {
 
 /// The text inside the white space.
 std::string_view trimmed(std::string_view text) {
-  constexpr std::string_view blanks = " \t\r\n";
-  const std::size_t begin = text.find_first_not_of(blanks);
+  constexpr std::string_view kBlanks = " \t\r\n";
+  const std::size_t begin = text.find_first_not_of(kBlanks);
   if (begin == std::string_view::npos) return {};
-  return text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
+  return text.substr(begin, text.find_last_not_of(kBlanks) - begin + 1);
 }
 
 /// A finite number that fills the text.
@@ -53,7 +53,7 @@ struct PointFields {
 
 /// Extensions nest as their makers like; the names do not clash with those of the point itself.
 void readFields(const pugi::xml_node& parent, int depth, PointFields& fields) {
-  constexpr int deepestExtension = 4;
+  constexpr int kDeepestExtension = 4;
   for (const pugi::xml_node& child : parent.children()) {
     const std::string_view name = localName(child);
     const std::string_view text = child.child_value();
@@ -67,7 +67,7 @@ void readFields(const pugi::xml_node& parent, int depth, PointFields& fields) {
       fields.speed = number(text);
     else if (name == "course")
       fields.course = number(text);
-    else if (depth < deepestExtension && (depth > 0 || name == "extensions"))
+    else if (depth < kDeepestExtension && (depth > 0 || name == "extensions"))
       readFields(child, depth + 1, fields);
   }
 }
@@ -92,9 +92,9 @@ class TraceReader {
     fix.coordinate = {*latitude, *longitude};
     fix.timestamp = *fields.time;
     fix.altitude = fields.ele.value_or(0);
-    fix.verticalAccuracy = fields.ele ? assumedAccuracyMetres : -1;
-    const bool graded = fields.hdop && *fields.hdop > 0 && std::isfinite(*fields.hdop * metresPerHdop);
-    fix.horizontalAccuracy = graded ? *fields.hdop * metresPerHdop : assumedAccuracyMetres;
+    fix.verticalAccuracy = fields.ele ? kAssumedAccuracyMetres : -1;
+    const bool graded = fields.hdop && *fields.hdop > 0 && std::isfinite(*fields.hdop * kMetresPerHdop);
+    fix.horizontalAccuracy = graded ? *fields.hdop * kMetresPerHdop : kAssumedAccuracyMetres;
     addMotion(fields, fix);
     trace.fixes.push_back(fix);
   }
@@ -144,7 +144,7 @@ std::optional<GpxTrace> GpxTrace::read(const std::filesystem::path& file, std::s
   std::error_code failed;
   const std::uintmax_t size = std::filesystem::file_size(file, failed);
   if (failed) return refuse(concat("cannot be read: ", failed.message()));
-  if (size > largestFile) return refuse(concat("is larger than ", largestFile >> 20, " MiB"));
+  if (size > kLargestFile) return refuse(concat("is larger than ", kLargestFile >> 20, " MiB"));
 
   pugi::xml_document document;
   const pugi::xml_parse_result parsed = document.load_file(file.c_str());

@@ -154,7 +154,7 @@ void LocationClient::requestTimedOut(std::uint64_t serial) {
     latest = request_->latest;
     request_.reset();
   }
-  LocationService::shared().state().demandMayHaveChanged();
+  LocationServiceState::shared().demandMayHaveChanged();
   tell([&](auto& delegate, auto& owner) {
     if (latest)
       delegate.didUpdateLocations(owner, {*latest});

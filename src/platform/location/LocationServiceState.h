@@ -15,20 +15,26 @@
 
 namespace tarvo::platform {
 
-/// What the service and the managers of the process share.
+/// The inside of the process's `LocationService`, which the managers share.
 ///
 /// Threads: any. What has to be told is posted to the delivery queue while the lock is held, so that it is told in the
-/// order in which it happened; the posted blocks take the lock only to read, never around a delegate call.
-struct LocationService::State {
-  State();
+/// order in which it happened; the posted blocks take the lock only to read, never around a delegate call. Lives as
+/// long as the process.
+class LocationServiceState {
+ public:
+  static LocationServiceState& shared();
 
   void add(const std::shared_ptr<LocationClient>& client);
   std::optional<CLLocation> latest() const;
   Permission permission() const;
   std::vector<CLCircularRegion> regions() const;
+  LocationService::Rules rules() const;
 
+  /// Fixes that have been found usable; at least one.
   void deliver(std::vector<CLLocation> fixes);
   void setStatus(CLAuthorizationStatus status);
+  void setRules(LocationService::Rules rules);
+  void setCapabilities(LocationService::Capabilities capabilities);
   void postStatus(std::shared_ptr<LocationClient> client);
   void postDenialIfRefused(std::shared_ptr<LocationClient> client);
   void postKnownFix(std::shared_ptr<LocationClient> client);
@@ -47,10 +53,6 @@ struct LocationService::State {
   /// After any call that may change who needs fixes.
   void demandMayHaveChanged();
 
-  mutable Mutex mutex;
-  Capabilities capabilities GUARDED_BY(mutex);
-  Rules rules GUARDED_BY(mutex);
-
  private:
   /// From the request until `setStatus` brings an answer.
   struct Question {
@@ -59,6 +61,7 @@ struct LocationService::State {
     bool isPosed = false;         ///< the prompt has been called
   };
 
+  LocationServiceState();
   std::vector<std::shared_ptr<LocationClient>> clients() const;
   void process(const FixBatch& batch);
   void hand(const FixBatch& batch, const Permission& allowed);
@@ -69,18 +72,21 @@ struct LocationService::State {
   /// The best accuracy that anybody needs; absent when nobody needs fixes.
   std::optional<double> demand() const;
 
-  CLAuthorizationStatus status_ GUARDED_BY(mutex);
-  std::function<void(AuthorizationRequest)> prompt_ GUARDED_BY(mutex);
-  std::optional<Question> question_ GUARDED_BY(mutex);
-  bool askedAlways_ GUARDED_BY(mutex);
-  std::optional<CLLocation> latest_ GUARDED_BY(mutex);
-  std::uint64_t batches_ GUARDED_BY(mutex) = 0;
-  std::vector<std::weak_ptr<LocationClient>> clients_ GUARDED_BY(mutex);
-  RegionMonitor regions_ GUARDED_BY(mutex);
-  std::shared_ptr<LocationSource> source_ GUARDED_BY(mutex);
+  mutable Mutex mutex_;
+  LocationService::Capabilities capabilities_ GUARDED_BY(mutex_);
+  LocationService::Rules rules_ GUARDED_BY(mutex_);
+  CLAuthorizationStatus status_ GUARDED_BY(mutex_);
+  std::function<void(AuthorizationRequest)> prompt_ GUARDED_BY(mutex_);
+  std::optional<Question> question_ GUARDED_BY(mutex_);
+  bool askedAlways_ GUARDED_BY(mutex_);
+  std::optional<CLLocation> latest_ GUARDED_BY(mutex_);
+  std::uint64_t batches_ GUARDED_BY(mutex_) = 0;
+  std::vector<std::weak_ptr<LocationClient>> clients_ GUARDED_BY(mutex_);
+  RegionMonitor regions_ GUARDED_BY(mutex_);
+  std::shared_ptr<LocationSource> source_ GUARDED_BY(mutex_);
   std::shared_ptr<LocationSource> running_;  ///< delivery queue only, as is the next
   std::optional<double> runningAccuracy_;
-  Mutex persisting_;  ///< held while a status is set and stored; taken before `mutex`
+  Mutex persisting_;  ///< held while a status is set and stored; taken before `mutex_`
   SerialQueue deliveries_{"platform.location"};
 };
 

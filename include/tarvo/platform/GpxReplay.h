@@ -38,12 +38,11 @@ struct TARVO_API GpxTrace {
 /// Threads: `play` blocks its caller, which must not be a queue of the library; it pumps the main queue when
 /// called from the main thread. Errors: work that does not end is waited for 65 s of real time at each fix, then the
 /// play goes on with a line in the system log.
-class TARVO_API GpxSource {
+class TARVO_API GpxReplay {
  public:
-  GpxSource(GpxTrace trace, std::shared_ptr<ManualClock> clock);
-  ~GpxSource();
-  GpxSource(const GpxSource&) = delete;
-  GpxSource& operator=(const GpxSource&) = delete;
+  GpxReplay(GpxTrace trace, std::shared_ptr<ManualClock> clock);
+  GpxReplay(const GpxReplay&) = delete;
+  GpxReplay& operator=(const GpxReplay&) = delete;
 
   /// `speed` 1 is real time, 60 an hour in a minute, absent (or not above zero) as fast as possible.
   /// `progress` is called after each fix, and now and then during a long wait, with the number delivered so far;

@@ -1,4 +1,4 @@
-#include <tarvo/platform/GpxSource.h>
+#include <tarvo/platform/GpxReplay.h>
 
 #include <algorithm>
 #include <chrono>
@@ -9,6 +9,7 @@
 
 #include "platform/foundation/Activity.h"
 #include "platform/foundation/Mutex.h"
+#include "platform/foundation/RealTime.h"
 
 namespace tarvo::platform {
 namespace {
@@ -16,16 +17,16 @@ namespace {
 using RealTime = std::chrono::steady_clock;
 
 /// Longer than the time-out of a silent transfer.
-constexpr std::chrono::seconds longestWork{65};
+constexpr std::chrono::seconds kLongestWork{65};
 
-/// A caller can end the play this often while it waits for the next fix, or for work under way.
-constexpr std::chrono::milliseconds longestSilence{200};
+/// The caller is asked at least this often whether to go on.
+constexpr std::chrono::milliseconds kLongestSilence{200};
 
 /// False when `goOn` has ended the wait.
 template <class GoOn>
 bool waitUntilIdle(const GoOn& goOn) {
-  const RealTime::time_point end = RealTime::now() + longestWork;
-  while (!Activity::waitUntilIdle(longestSilence)) {
+  const RealTime::time_point end = RealTime::now() + kLongestWork;
+  while (!Activity::waitUntilIdle(kLongestSilence)) {
     if (!goOn()) return false;
     if (RealTime::now() < end) continue;
     NSLog("replay: work is still under way after 65 s, going on");
@@ -47,29 +48,21 @@ void waitUntil(RealTime::time_point due) {
   while (RealTime::now() < due) never.wait_until(mutex, due);
 }
 
-/// A span that a time point can be moved by without overflow.
-RealTime::duration realSpan(Seconds trip, double speed) {
-  constexpr double aYear = 365 * 86400.0;
-  return std::chrono::duration_cast<RealTime::duration>(Seconds(std::clamp(trip.count() / speed, 0.0, aYear)));
-}
-
 }  // namespace
 
-GpxSource::GpxSource(GpxTrace trace, std::shared_ptr<ManualClock> clock)
+GpxReplay::GpxReplay(GpxTrace trace, std::shared_ptr<ManualClock> clock)
     : trace_(std::move(trace)), clock_(std::move(clock)) {}
 
-GpxSource::~GpxSource() = default;
-
-std::size_t GpxSource::play(std::optional<double> speed, const std::function<bool(std::size_t)>& progress,
+std::size_t GpxReplay::play(std::optional<double> speed, const std::function<bool(std::size_t)>& progress,
                             std::optional<Date> until) {
   const bool paced = speed && *speed > 0;
   RealTime::time_point due = RealTime::now();
   const auto goOn = [&] { return !progress || progress(delivered_); };
   const auto reach = [&](Date moment) {
     if (paced) {
-      due += realSpan(moment - clock_->now(), *speed);
+      due += boundedRealTime((moment - clock_->now()) / *speed);
       for (auto now = RealTime::now(); now < due; now = RealTime::now()) {
-        waitUntil(std::min<RealTime::time_point>(due, now + longestSilence));
+        waitUntil(std::min<RealTime::time_point>(due, now + kLongestSilence));
         if (!goOn()) return false;
       }
     }
