@@ -40,9 +40,9 @@ class Locations : public platform::NSManagedObject {
   /// Those in memory alone, which no save has written yet, included or not. They are no part of an upload: a process
   /// that ends without them gives their numbers to other positions.
   enum class Unsaved { included, leftOut };
-  /// The oldest 1000 that were never posted, read as far as an upload needs them.
+  /// The oldest 1000 that were never posted.
   static List getUnsentLocations(Context& context, Unsaved unsaved = Unsaved::included);
-  /// The oldest 1000 that await their acknowledgement, read as far as an upload needs them.
+  /// The oldest 1000 that await their acknowledgement.
   static List getSentWithoutACKLocations(Context& context, Unsaved unsaved = Unsaved::included);
   /// Those stored (not: fixed) between the two moments, both included, by ascending index.
   static LocationRecords getLocationHistory(Context& context, platform::Date since, platform::Date until);
@@ -57,8 +57,6 @@ class Locations : public platform::NSManagedObject {
   static void markLocationAsSentUntilIndex(std::string_view locationIndex, Context& context, std::string_view firstLoc);
   static void removeData(Context& context);
 
-  /// What `convertToString` asks of a position, one bit for each attribute.
-  static const std::uint64_t kUploadedAttributes;
   /// The upload body: a JSON array of flat objects, all values texts. An empty list is fatal.
   static std::string convertToString(const List& locations, std::string_view uuid);
   /// One position as serialised JSON.

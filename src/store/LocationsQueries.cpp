@@ -78,7 +78,6 @@ Locations::List Locations::getUnsentLocations(Context& context, Unsaved unsaved)
                 .predicates = {{"unsent", Operator::equal, true}, {"sentWithoutACK", Operator::equal, false}},
                 .sortDescriptors = {{"index", true}},
                 .fetchLimit = kBatchLimit,
-                .propertiesToFetch = kUploadedAttributes,
                 .includesPendingInsertions = unsaved == Unsaved::included});
   if (!rows) {
     Log::error("Unresolved error ", errorAndUserInfo(rows.error()));
@@ -100,7 +99,6 @@ Locations::List Locations::getSentWithoutACKLocations(Context& context, Unsaved 
                                            .predicates = {{"sentWithoutACK", Operator::equal, true}},
                                            .sortDescriptors = {{"index", true}},
                                            .fetchLimit = kBatchLimit,
-                                           .propertiesToFetch = kUploadedAttributes,
                                            .includesPendingInsertions = unsaved == Unsaved::included});
   if (!rows) {
     Log::error("Locations:getSentWithoutACKLocations Unresolved error ", errorAndUserInfo(rows.error()));

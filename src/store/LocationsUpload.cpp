@@ -54,15 +54,6 @@ constexpr std::size_t kTypicalBytes = 420;
 
 }  // namespace
 
-constinit const std::uint64_t Locations::kUploadedAttributes = [] {
-  std::uint64_t bits = 0;
-  for (const int attribute :
-       {at::index, at::appName, at::locationTimestamp, at::eventTimestamp, at::longitude, at::latitude,
-        at::horizontalAccuracy, at::speed, at::course, at::altitude, at::localisationMethod, at::serviceAction})
-    bits |= std::uint64_t{1} << attribute;
-  return bits;
-}();
-
 std::string Locations::convertToString(const List& locations, std::string_view uuid) {
   if (locations.empty()) platform::fatalError("an upload needs at least one position");
   Log::debug("Locations:convertToJSON [loc] from:", locations.front()->index(), " to:", locations.back()->index(),

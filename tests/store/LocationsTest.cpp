@@ -202,20 +202,6 @@ TEST_F(StoredPositions, StayInTheStoreForAHistoryWhileOtherRecordsAreUnsaved) {
   });
 }
 
-TEST_F(StoredPositions, NeedNoFurtherReadingForAnUpload) {
-  within([&](Context& context) {
-    addAndSave(context, 1);
-    const std::string whole = Locations::convertToString(Locations::getAllLocations(context), "u");
-    const auto fetched = Locations::getUnsentLocations(context);
-    rename(context, "Locations", "Hidden");
-    EXPECT_EQ(Locations::convertToString(fetched, "u"), whole);
-    EXPECT_EQ(logged("Unresolved error "), 0U);
-    // What else is asked of them and cannot be read is absent, and an error like all others.
-    EXPECT_EQ(fetched.front()->record().verticalAccuracy, std::nullopt);
-    EXPECT_GT(logged("Unresolved error Error Domain=NSCocoaErrorDomain Code=134070 \"The rest of <x-coredata://"), 0U);
-  });
-}
-
 TEST_F(StoredPositions, OfAHistoryThatCannotBeReadAreNone) {
   LocationsHistory history;
   within([&](Context& context) {

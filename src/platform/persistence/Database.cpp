@@ -25,6 +25,18 @@ constexpr std::chrono::milliseconds kBetweenLooks{1};
 
 }  // namespace
 
+Error storeError(StoreErrorCode code, std::string description, const std::filesystem::path& file) {
+  Error error{NSCocoaErrorDomain, static_cast<std::int64_t>(code), std::move(description), {}};
+  if (!file.empty()) error.userInfo.emplace("NSFilePath", file.string());
+  return error;
+}
+
+Error noStoreError(std::string_view operation) {
+  return storeError(StoreErrorCode::operation,
+                    concat("This NSPersistentStoreCoordinator has no persistent stores.  It cannot perform a ",
+                           operation, " operation."));
+}
+
 Database::Database(std::filesystem::path file) : file_(std::move(file)), forks_(FileLock::forks()), files_(file_) {}
 
 Result<std::unique_ptr<Database>> Database::open(const std::filesystem::path& file) {

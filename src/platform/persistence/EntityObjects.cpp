@@ -7,7 +7,6 @@
 #include "platform/foundation/FatalError.h"
 #include "platform/foundation/Text.h"
 #include "platform/persistence/NSManagedObjectContext.h"
-#include "platform/persistence/RowCodec.h"
 #include "platform/persistence/Store.h"
 
 namespace tarvo::platform {
@@ -78,29 +77,11 @@ std::shared_ptr<NSManagedObject> EntityObjects::registered(std::int64_t key) con
   return found == registry_.end() ? nullptr : found->second.lock();
 }
 
-std::shared_ptr<NSManagedObject> EntityObjects::registerNew(std::int64_t key, std::uint64_t attributes) {
+std::shared_ptr<NSManagedObject> EntityObjects::registerNew(std::int64_t key) {
   forgetDestroyed();
   auto object = make(NSManagedObject::Standing::clean, key);
-  object->unread_ = entity_.allAttributes() & ~attributes;
   registry_.insert_or_assign(key, object);
   return object;
-}
-
-void EntityObjects::readRest(const NSManagedObject& object) const {
-  requireCurrent();
-  auto* store = context_.coordinator().store();
-  if (!store) return;
-  RowCodec codec(entity_, object.unread_);
-  Execution row(store->database(), concat(codec.selectText(), " WHERE \"_key\" = ?1"));
-  row.bind(1, object.key_);
-  if (row.step()) {
-    codec.read(row, object);
-    object.unread_ = 0;
-    return;
-  }
-  const std::string what = concat("The rest of ", object.objectID(), " could not be read");
-  context_.tellLateFailure(row.failed() ? row.error(StoreErrorCode::operation, what)
-                                        : storeError(StoreErrorCode::missingObject, what));
 }
 
 std::shared_ptr<NSManagedObject> EntityObjects::named(const NSManagedObjectID& id, std::int64_t& key) const {

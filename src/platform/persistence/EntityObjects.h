@@ -44,10 +44,8 @@ class EntityObjects {
 
   /// The object of a row, or a null pointer when nobody uses it.
   std::shared_ptr<NSManagedObject> registered(std::int64_t key) const;
-  /// A clean object without values for a row that has none yet, of which these attributes will be read at once.
-  std::shared_ptr<NSManagedObject> registerNew(std::int64_t key, std::uint64_t attributes);
-  /// Reads what the fetch of an object left out; a failure is told to the context's receiver of late ones.
-  void readRest(const NSManagedObject& object) const;
+  /// A clean object without values for a row that has none yet, to be filled from that row.
+  std::shared_ptr<NSManagedObject> registerNew(std::int64_t key);
   /// The object that an id names, deleted ones left out. Answers a null pointer and, when the object only has to be
   /// read, its row key in `key`.
   std::shared_ptr<NSManagedObject> named(const NSManagedObjectID& id, std::int64_t& key) const;

@@ -6,7 +6,6 @@
 
 #include "platform/foundation/Text.h"
 #include "platform/persistence/InternedText.h"
-#include "platform/persistence/StoreError.h"
 
 namespace tarvo::platform {
 namespace {
@@ -66,10 +65,6 @@ Result<FetchPlan> FetchPlan::compile(const NSEntityDescription& entity, const NS
     if (!attribute) return attribute.error();
     plan.sorts_.push_back({*attribute, sort.ascending});
   }
-  plan.attributes_ = request.propertiesToFetch != 0 ? request.propertiesToFetch : entity.allAttributes();
-  // Asked of each object as soon as others are unsaved.
-  for (const Condition& condition : plan.conditions_) plan.attributes_ |= std::uint64_t{1} << condition.attribute;
-  for (const Sort& sort : plan.sorts_) plan.attributes_ |= std::uint64_t{1} << sort.attribute;
   return plan;
 }
 

@@ -46,8 +46,6 @@ class FetchPlan {
   /// " ORDER BY …" or nothing.
   std::string orderClause() const;
   const NSEntityDescription& entity() const { return *entity_; }
-  /// What to read of each row, a bit for each attribute.
-  std::uint64_t attributes() const { return attributes_; }
   const std::string& column(int attribute) const;
   /// Binds the parameters of `whereClause`; answers the first one left over. The plan must outlive the execution.
   int bind(Execution& execution) const;
@@ -81,7 +79,6 @@ class FetchPlan {
   const NSEntityDescription* entity_;
   std::vector<Condition> conditions_;
   std::vector<Sort> sorts_;
-  std::uint64_t attributes_ = 0;
   bool limited_ = false;
   bool never_ = false;
 };

@@ -32,9 +32,6 @@ struct NSFetchRequest {
   std::vector<NSPredicate> predicates;  ///< joined by AND
   std::vector<NSSortDescriptor> sortDescriptors;
   std::size_t fetchLimit = 0;  ///< 0: no limit
-  /// What to read of each row beside what the request selects and sorts by, one bit for each attribute; 0: everything.
-  /// The rest of an object is read when somebody asks for any of it.
-  std::uint64_t propertiesToFetch = 0;
   /// False leaves out the objects whose insertion is not saved. Changes and deletes that are not saved show all the
   /// same.
   bool includesPendingInsertions = true;

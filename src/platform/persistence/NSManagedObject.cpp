@@ -31,15 +31,6 @@ NSManagedObjectID NSManagedObject::objectID() const {
   return {entity_, key_, temporary, owner_ && !temporary ? owner_->storeUUID() : nullptr};
 }
 
-void NSManagedObject::readRest() const {
-  if (owner_) owner_->readRest(*this);
-}
-
-const NSManagedObject::Slot* NSManagedObject::otherSlot(int attribute, NSAttributeType type) const {
-  require(attribute, type);
-  return isPresent(attribute) ? &slots_[static_cast<std::size_t>(attribute)] : nullptr;
-}
-
 void NSManagedObject::refuse(int attribute) const {
   fatalError(concat("attribute ", attribute, " of ", entity_->name, " is not of the type asked for"));
 }
@@ -95,7 +86,6 @@ void NSManagedObject::assign(int attribute, std::optional<Slot> value) {
   }
   if (isText && wasPresent) InternedText::release(slot.text);
   const std::uint64_t bit = std::uint64_t{1} << attribute;
-  unread_ &= ~bit;  // a later read must not undo this
   if (value) {
     slot = *value;
     present_ |= bit;

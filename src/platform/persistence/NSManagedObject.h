@@ -40,9 +40,7 @@ class NSManagedObjectID {
 /// Threads: only inside a block of its context. Texts that repeat are kept once in memory.
 /// Memory: one heap block of 8 bytes an attribute beside the object itself.
 /// Numbers that are not one (NaN) count as absent, and -0 is 0: a store could keep neither.
-/// Attributes that its fetch left out are read from the store when one of them is asked for or set; while they cannot
-/// be read they are absent, with a line in the log. Outlives its context readable, as a record of none with what has
-/// been read, while its model lives.
+/// Outlives its context readable, as a record of none, while its model lives.
 class NSManagedObject {
  public:
   explicit NSManagedObject(const NSEntityDescription& entity);
@@ -95,12 +93,7 @@ class NSManagedObject {
   };
   enum class Standing : std::uint8_t { unattached, inserted, clean, changed, deleted };
 
-  bool isPresent(int attribute) const {
-    if ((unread_ >> attribute & 1U) != 0) [[unlikely]]
-      readRest();
-    return (present_ >> attribute & 1U) != 0;
-  }
-  void readRest() const;
+  bool isPresent(int attribute) const { return (present_ >> attribute & 1U) != 0; }
   void require(int attribute, NSAttributeType type) const {
     if (!entity_->isOfType(attribute, type)) refuse(attribute);
   }
@@ -109,12 +102,9 @@ class NSManagedObject {
   [[noreturn]] void refuse(int attribute) const;
   /// Null when absent.
   const Slot* slot(int attribute, NSAttributeType type) const {
-    if (entity_->isOfType(attribute, type) && (present_ >> attribute & 1U) != 0) [[likely]]
-      return &slots_[static_cast<std::size_t>(attribute)];
-    return otherSlot(attribute, type);
+    require(attribute, type);
+    return isPresent(attribute) ? &slots_[static_cast<std::size_t>(attribute)] : nullptr;
   }
-  /// Of what is absent, not read yet or of another type.
-  const Slot* otherSlot(int attribute, NSAttributeType type) const;
   /// Takes a text's reference over.
   void assign(int attribute, std::optional<Slot> value);
   void assignNumber(int attribute, std::optional<double> value);
@@ -122,10 +112,9 @@ class NSManagedObject {
   const NSEntityDescription* entity_;
   EntityObjects* owner_ = nullptr;  ///< the context's objects of this entity, null outside a context
   std::unique_ptr<Slot[]> slots_;
-  mutable std::uint64_t present_ = 0;
-  mutable std::uint64_t unread_ = 0;  ///< left out by the fetch
-  std::uint64_t changed_ = 0;         ///< set since the last save; kept while it stands in a store
-  std::int64_t key_ = 0;              ///< of its row; while inserted the number of its insertion
+  std::uint64_t present_ = 0;
+  std::uint64_t changed_ = 0;  ///< set since the last save; kept while it stands in a store
+  std::int64_t key_ = 0;       ///< of its row; while inserted the number of its insertion
   Standing standing_ = Standing::unattached;
   mutable bool temporaryIDTaken_ = false;
 };

@@ -10,12 +10,12 @@
 #include "platform/foundation/Text.h"
 #include "platform/persistence/EntityObjects.h"
 #include "platform/persistence/RowCodec.h"
-#include "platform/persistence/RowFetch.h"
 #include "platform/persistence/Store.h"
 
 namespace tarvo::platform {
 
 using Store = NSPersistentStoreCoordinator::Store;
+using Objects = std::vector<std::shared_ptr<NSManagedObject>>;
 
 namespace {
 
@@ -50,6 +50,63 @@ namespace {
 const EntityObjects::Pending& insertedFor(const NSFetchRequest& request, const EntityObjects& objects) {
   static const auto& none = *new EntityObjects::Pending;
   return request.includesPendingInsertions ? objects.inserted() : none;
+}
+
+/// Fills what `found` lacks: the objects of rows that nobody uses, each at the place of its key.
+std::optional<Error> readMissing(Store& store, EntityObjects& objects, const FetchPlan& plan,
+                                 const std::vector<std::int64_t>& keys, Objects& found) {
+  std::string sql;
+  RowCodec codec(plan.entity());
+  for (std::size_t first = 0; first < keys.size(); ++first) {
+    if (found[first]) continue;
+    // Rows mostly stand in the file in the order of the answer: a run of neighbours is one pass, upwards or downwards.
+    std::size_t last = first;
+    const std::int64_t step = first + 1 < keys.size() && keys[first + 1] < keys[first] ? -1 : 1;
+    while (last + 1 < keys.size() && !found[last + 1] && keys[last + 1] == keys[last] + step) ++last;
+    if (sql.empty()) sql = concat(codec.selectText(), " WHERE \"_key\" BETWEEN ?1 AND ?2");
+    Execution rows(store.database(), sql);
+    rows.bind(1, std::min(keys[first], keys[last]));
+    rows.bind(2, std::max(keys[first], keys[last]));
+    while (rows.step()) {
+      const std::int64_t key = rows.integer(0);
+      auto object = objects.registerNew(key);
+      codec.read(rows, *object);
+      found[first + static_cast<std::size_t>((key - keys[first]) * step)] = std::move(object);
+    }
+    if (rows.failed()) return rows.error(StoreErrorCode::operation, "The records could not be read");
+    first = last;
+  }
+  std::erase(found, nullptr);  // another process may have deleted a row meanwhile
+  return std::nullopt;
+}
+
+/// The rows of a plan whose objects have no unsaved changes, in the file's order. First their keys, for most
+/// queries from an index alone: what is in use need not be read, and SQLite sorts keys rather than records.
+Result<Objects> fetchRows(Store& store, EntityObjects& objects, const FetchPlan& plan, std::size_t limit) {
+  std::vector<std::int64_t> keys;
+  Objects found;
+  keys.reserve(limit);
+  found.reserve(limit);
+  {
+    std::string sql =
+        concat("SELECT \"_key\" FROM \"", objects.entity().name, "\"", plan.whereClause(), plan.orderClause());
+    if (limit > 0) sql += " LIMIT ?";
+    Execution rows(store.database(), sql);
+    const int next = plan.bind(rows);
+    // Each object with unsaved changes or deletes drops at most one row of the answer.
+    if (limit > 0)
+      rows.bind(next, static_cast<std::int64_t>(limit + objects.changed().size() + objects.deleted().size()));
+    while ((limit == 0 || found.size() < limit) && rows.step()) {
+      const std::int64_t key = rows.integer(0);
+      auto object = objects.registered(key);
+      if (object && EntityObjects::isPending(*object)) continue;
+      keys.push_back(key);
+      found.push_back(std::move(object));
+    }
+    if (rows.failed()) return rows.error(StoreErrorCode::operation, "The records could not be read");
+  }
+  if (auto error = readMissing(store, objects, plan, keys, found)) return *error;
+  return found;
 }
 
 /// Puts what is unsaved and matches into the sorted result.
@@ -225,13 +282,13 @@ Result<std::shared_ptr<NSManagedObject>> NSManagedObjectContext::existingObject(
   if (!store) return coordinator_->whyNoStore("fetch");
   if (key == 0 || (id.storeUUID && *id.storeUUID != *store->uuid())) return missingObject(id);
 
-  RowCodec codec(*id.entity, id.entity->allAttributes());
+  RowCodec codec(*id.entity);
   Execution row(store->database(), concat(codec.selectText(), " WHERE \"_key\" = ?1"));
   row.bind(1, key);
   const bool exists = row.step();
   if (row.failed()) return row.error(StoreErrorCode::operation, "The record could not be read");
   if (!exists) return missingObject(id);
-  auto object = objects.registerNew(key, id.entity->allAttributes());
+  auto object = objects.registerNew(key);
   codec.read(row, *object);
   return object;
 }
@@ -272,7 +329,7 @@ std::optional<Error> NSManagedObjectContext::save() {
 
 void NSManagedObjectContext::writeWhatWasPutOff() {
   if (!state_->isPutOff) return;
-  if (const auto error = write(); error) tellLateFailure(*error);
+  if (const auto error = write(); error && lateFailure_) lateFailure_(*error);
 }
 
 std::optional<Error> NSManagedObjectContext::write() {

@@ -68,13 +68,9 @@ class NSManagedObjectContext {
   std::optional<Error> save();
   /// Saves if the last save failed and its changes are still pending.
   std::optional<Error> saveAfterFailure();
-  /// Who is told of what fails where no caller can be: saves that were put off, and reads of what a fetch left out.
-  /// Called inside a block of the context. Before the first `perform`.
+  /// Who is told when a save fails that was put off, since no caller can be. Called inside a block of the context; to
+  /// be set before the first `perform`.
   void setLateFailure(std::function<void(const Error&)> receiver) { lateFailure_ = std::move(receiver); }
-  /// Inside a block; for what belongs to the context.
-  void tellLateFailure(const Error& error) const {
-    if (lateFailure_) lateFailure_(error);
-  }
 
   NSPersistentStoreCoordinator& coordinator() { return *coordinator_; }
 

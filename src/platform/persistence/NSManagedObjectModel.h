@@ -42,8 +42,6 @@ struct NSEntityDescription {
   std::vector<NSIndexDescription> indexes;
   NSManagedObjectFactory factory = nullptr;  ///< makes objects of the entity's class; null: plain objects
 
-  /// One bit for each attribute.
-  std::uint64_t allAttributes() const { return attributes.empty() ? 0 : ~std::uint64_t{0} >> (64 - attributes.size()); }
   bool isOfType(int attribute, NSAttributeType type) const {
     return static_cast<unsigned>(attribute) < 64 && (ofType[static_cast<std::size_t>(type)] >> attribute & 1U) != 0;
   }

@@ -8,25 +8,20 @@
 
 namespace tarvo::platform {
 
-RowCodec::RowCodec(const NSEntityDescription& entity, std::uint64_t attributes)
-    : entity_(entity), attributes_(attributes), texts_(entity.attributes.size()) {}
+RowCodec::RowCodec(const NSEntityDescription& entity) : entity_(entity), texts_(entity.attributes.size()) {}
 
 std::string RowCodec::selectText() const {
   std::string sql = "SELECT \"_key\"";
-  for (std::uint64_t rest = attributes_; rest != 0; rest &= rest - 1)
-    sql += concat(", \"", entity_.attributes[static_cast<std::size_t>(std::countr_zero(rest))].name, "\"");
+  for (const auto& attribute : entity_.attributes) sql += concat(", \"", attribute.name, "\"");
   return sql + concat(" FROM \"", entity_.name, "\"");
 }
 
-void RowCodec::read(const Execution& row, const NSManagedObject& object) {
-  NSManagedObject::Slot* const slots = object.slots_.get();
+void RowCodec::read(const Execution& row, NSManagedObject& object) {
   std::uint64_t present = 0;
-  int column = 0;
-  for (std::uint64_t rest = attributes_; rest != 0; rest &= rest - 1) {
-    const auto position = static_cast<std::size_t>(std::countr_zero(rest));
-    const Cell cell = row.cell(++column);
+  for (std::size_t position = 0; position < entity_.attributes.size(); ++position) {
+    const Cell cell = row.cell(static_cast<int>(position) + 1);  // the key comes first
     if (cell.isNull()) continue;
-    NSManagedObject::Slot& slot = slots[position];
+    NSManagedObject::Slot& slot = object.slots_[position];
     switch (entity_.attributes[position].type) {
       case NSAttributeType::integer64:
         slot.integer = cell.integer();
@@ -44,7 +39,7 @@ void RowCodec::read(const Execution& row, const NSManagedObject& object) {
     }
     present |= std::uint64_t{1} << position;
   }
-  object.present_ |= present;
+  object.present_ = present;
 }
 
 bool RowCodec::changesEqually(const NSManagedObject& a, const NSManagedObject& b) {

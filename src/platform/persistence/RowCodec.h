@@ -15,19 +15,17 @@ namespace tarvo::platform {
 /// again.
 class RowCodec {
  public:
-  /// Bit i of `attributes`: attribute i is to be read.
-  RowCodec(const NSEntityDescription& entity, std::uint64_t attributes);
-  /// "SELECT _key, the attributes FROM table", to be completed by clauses.
+  explicit RowCodec(const NSEntityDescription& entity);
+  /// "SELECT _key, all attributes FROM table", to be completed by clauses.
   std::string selectText() const;
-  /// Fills the attributes, which have no values yet, from a row of such a query.
-  void read(const Execution& row, const NSManagedObject& object);
+  /// Fills an object that has no values yet from a row of such a query.
+  void read(const Execution& row, NSManagedObject& object);
   /// Whether both objects have changed in the same attributes, and to the same values.
   static bool changesEqually(const NSManagedObject& a, const NSManagedObject& b);
   static void bind(Execution& execution, int parameter, const NSManagedObject& object, int attribute);
 
  private:
   const NSEntityDescription& entity_;
-  const std::uint64_t attributes_;
   LatestTexts texts_;
 };
 

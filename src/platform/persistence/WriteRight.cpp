@@ -1,7 +1,7 @@
 #include "platform/persistence/WriteRight.h"
 
 #include "platform/foundation/Text.h"
-#include "platform/persistence/StoreError.h"
+#include "platform/persistence/Database.h"
 
 namespace tarvo::platform {
 
