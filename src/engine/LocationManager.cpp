@@ -34,7 +34,11 @@ LocationManager& LocationManager::sharedInstance() {
   return *engine;
 }
 
-void EngineLink::build() { LocationManager::sharedInstance(); }
+EngineLink& EngineLink::current() {
+  if (EngineLink* link = installed()) return *link;
+  LocationManager::sharedInstance();
+  return *installed();
+}
 
 LocationManager::LocationManager() : parts_(new Parts(*this)) { parts_->startUp(); }
 

@@ -16,9 +16,9 @@
 
 #include "log/Log.h"
 #include "net/ClientState.h"
-#include "net/EngineLink.h"
 #include "net/RequestBuilder.h"
 #include "platform/foundation/HostCall.h"
+#include "settings/EngineLink.h"
 
 namespace tarvo {
 namespace {

@@ -8,9 +8,9 @@
 #include "log/Log.h"
 #include "net/ClientState.h"
 #include "net/Endpoints.h"
-#include "net/EngineLink.h"
 #include "platform/foundation/Json.h"
 #include "records/LatestPrediction.h"
+#include "settings/EngineLink.h"
 
 // Posting a batch of positions is also how the backend is polled: its answer carries the counters of what it holds.
 

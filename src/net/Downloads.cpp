@@ -6,10 +6,10 @@
 #include "log/Log.h"
 #include "net/ClientState.h"
 #include "net/Endpoints.h"
-#include "net/EngineLink.h"
 #include "platform/foundation/FatalError.h"
 #include "platform/foundation/Json.h"
 #include "records/LatestPrediction.h"
+#include "settings/EngineLink.h"
 
 namespace tarvo {
 namespace {

@@ -4,9 +4,9 @@
 #include "log/Log.h"
 #include "net/ClientState.h"
 #include "net/Endpoints.h"
-#include "net/EngineLink.h"
 #include "platform/foundation/Json.h"
 #include "settings/BackendAddress.h"
+#include "settings/EngineLink.h"
 
 namespace tarvo {
 namespace {

@@ -6,7 +6,7 @@
 
 #include <tarvo/platform/MainQueue.h>
 
-#include "net/EngineLink.h"
+#include "settings/EngineLink.h"
 
 namespace tarvo {
 namespace {

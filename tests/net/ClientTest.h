@@ -12,9 +12,9 @@
 #include <mutex>
 #include <vector>
 
-#include "net/EngineLink.h"
 #include "platform/foundation/Activity.h"
 #include "platform/foundation/Text.h"
+#include "settings/EngineLink.h"
 #include "settings/Settings.h"
 #include "support/LogDiary.h"
 #include "support/TempDir.h"

@@ -1,10 +1,9 @@
 #include "ClientTest.h"
-#include "platform/foundation/FatalError.h"
 #include "platform/urlsession/URLRequest.h"
 
 namespace tarvo {
 
-void EngineLink::build() { platform::fatalError("each test has its engine"); }
+EngineLink& EngineLink::current() { return *installed(); }
 
 }  // namespace tarvo
 

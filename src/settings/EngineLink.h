@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -11,24 +12,27 @@ namespace tarvo {
 
 class NetworkManager;
 
-/// The questions that the backend client has for the engine. One answerer for the process: every client needs it,
-/// the facade's own included.
+/// What lower floors ask of the engine, which stands above them: the store and the backend's clients. One answerer for
+/// the process.
 ///
 /// Threads: any unless said otherwise. Installed by the engine before its user check; lives as long as the process.
 class EngineLink {
  public:
   virtual ~EngineLink() = default;
 
-  /// The engine. Without one this builds it, so never ask inside a block of the store's context.
+  /// The engine if there is one, else a null pointer; never builds one.
+  static EngineLink* installed() { return installed_.load(); }
+  static void install(EngineLink* link) { installed_.store(link); }
+  /// The engine. Without one this builds it, so never ask inside a block of the store's context. Defined on the
+  /// engine's floor.
   static EngineLink& current();
-  static void install(EngineLink* link);
 
   /// The engine's own client: what background sessions tell goes to it, whichever client has opened them.
   virtual NetworkManager& client() = 0;
 
   /// Acknowledges a batch inside a block of the store context; waits for it.
   virtual void acknowledge(const std::string& locationIndex, const std::string& firstLoc) = 0;
-  /// One upload pass.
+  /// Starts one upload pass: the next batch, if the upload channel is free. Also inside a block of the store context.
   virtual void startPass() = 0;
 
   /// Stores the user that the backend has just issued; waits for it.
@@ -49,8 +53,7 @@ class EngineLink {
   virtual void predictionStored() = 0;
 
  private:
-  /// Builds the engine, which installs itself. Defined on the engine's floor.
-  static void build();
+  inline static std::atomic<EngineLink*> installed_{nullptr};
 };
 
 }  // namespace tarvo
