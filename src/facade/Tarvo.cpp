@@ -44,8 +44,8 @@ void Tarvo::setSET_TAGS_LIST(std::map<std::string, std::string> tags) {
 }
 std::vector<std::string> Tarvo::UNSET_TAGS_LIST() { return Settings::shared().tagsToUnset.get(); }
 void Tarvo::setUNSET_TAGS_LIST(std::vector<std::string> names) { Settings::shared().tagsToUnset.set(std::move(names)); }
-Trip Tarvo::LastPrediction() { return LatestPrediction::shared().value(); }
-void Tarvo::setLastPrediction(Trip prediction) { LatestPrediction::shared().store(std::move(prediction)); }
+Trip Tarvo::LastPrediction() { return latestPrediction().get(); }
+void Tarvo::setLastPrediction(Trip prediction) { latestPrediction().set(std::move(prediction)); }
 
 Tarvo::Tarvo() : core_(std::make_shared<Core>()) {
   Settings& settings = Settings::shared();

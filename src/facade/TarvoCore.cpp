@@ -30,7 +30,7 @@ void Tarvo::Core::onPredictionUpdateDelegate() {
   if (stop_prediction_update) return;
   if (const auto host = delegate.get()) {
     Tarvo self(shared_from_this());
-    const Trip trip = LatestPrediction::shared().value();
+    const Trip trip = latestPrediction().get();
     platform::callHost("tarvoOnPredictionUpdate", [&] { host->tarvoOnPredictionUpdate(self, trip); });
   }
 }

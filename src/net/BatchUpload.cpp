@@ -29,7 +29,7 @@ std::string printedByteCount(const std::optional<std::string>& data) {
 /// the downloads before it have started.
 void followCounters(NetworkManager& client, const Value& predictionID, const Value& tripID, const Value& poiID,
                     std::int64_t poiVersionWhenSent) {
-  if (requireInteger(predictionID, "last_prediction_id") != LatestPrediction::shared().id()) client.getNextTrip();
+  if (requireInteger(predictionID, "last_prediction_id") != latestPrediction().get().id) client.getNextTrip();
 
   // Set before the download has begun: the same counter again starts no second one.
   const std::int64_t announced = requireInteger(tripID, "last_pasttrip_id");

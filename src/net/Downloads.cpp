@@ -99,7 +99,7 @@ void storePrediction(Dictionary answer) {
                        " [Tarvo.LastPrediction.arrival_name] : ", trip.arrival_name),
       platform::concat("NetworkManager:getNextTrip :[Tarvo.LastPrediction.duration] : ", trip.duration),
       platform::concat("NetworkManager:getNextTrip :[Tarvo.LastPrediction.route] : ", trip.route)};
-  LatestPrediction::shared().store(std::move(trip));
+  latestPrediction().set(std::move(trip));
   // Level of errors although nothing is wrong: the readers of the log look for them there.
   for (const std::string& line : lines) Log::error(line);
   EngineLink::current().predictionStored();

@@ -2,25 +2,14 @@
 
 #include <tarvo/Trip.h>
 
-#include "platform/foundation/Mutex.h"
+#include "platform/foundation/Guarded.h"
 
 namespace tarvo {
 
-/// The one home of the latest prediction: the backend client changes it, the host reads copies.
-///
-/// Threads: any; each operation is one step. Lives as long as the process.
-class LatestPrediction {
- public:
-  static LatestPrediction& shared();
-
-  Trip value() const;
-  std::int64_t id() const;
-  void store(Trip prediction);
-
- private:
-  LatestPrediction() = default;
-  mutable platform::Mutex mutex_;
-  Trip trip_ GUARDED_BY(mutex_);
-};
+/// The latest prediction of the process, empty at first: the backend client sets it, the host gets copies.
+inline platform::Guarded<Trip>& latestPrediction() {
+  static auto* prediction = new platform::Guarded<Trip>;
+  return *prediction;
+}
 
 }  // namespace tarvo

@@ -13,9 +13,11 @@ using platform::Value;
 
 namespace {
 
-/// The least and the greatest of the values given; -200 both while there is none.
-class Range {
- public:
+/// The least and the greatest of the values given; both -200 while there is none.
+struct Range {
+  static constexpr double kUnset = -200.0;
+  double minimum = kUnset, maximum = kUnset;
+
   void add(double value) {
     // The unset minimum lies below every coordinate, so the first value replaces it through the maximum.
     if (value < minimum) {
@@ -26,9 +28,6 @@ class Range {
       if (minimum == kUnset) minimum = value;
     }
   }
-
-  static constexpr double kUnset = -200.0;
-  double minimum = kUnset, maximum = kUnset;
 };
 
 /// The smallest rectangle that holds every point given; degrees. It does not know that the antimeridian wraps.
@@ -37,6 +36,7 @@ struct BoundingBox {
     longitude.add(point.longitude);
     latitude.add(point.latitude);
   }
+
   Range longitude, latitude;
 };
 

@@ -12,7 +12,6 @@
 
 #include "location/Delivery.h"
 #include "platform/foundation/Text.h"
-#include "platform/location/Geodesy.h"
 
 namespace tarvo::platform {
 namespace {
@@ -286,6 +285,9 @@ TEST_F(LocationServiceOfAProcess, WatchesAtMostTwentyRegionsOfTheWholeProcess) {
             "CLCircularRegion (identifier:'r7', center:<+1.00000000,+1.00000000>, radius:50.00m)");
   for (const auto& region : regions) manager.stopMonitoring(region);
   EXPECT_TRUE(other.monitoredRegions().empty());
+  service().setRules({.regionLimit = 0});
+  manager.startMonitoring({"extra", {0, 0}, 100});
+  EXPECT_EQ(delegate.read(), Diary{"not watching extra 5"}) << "unless the host sets another limit";
 }
 
 TEST_F(LocationServiceOfAProcess, WatchesNoRegionWithoutAPossibleRadius) {
@@ -368,24 +370,6 @@ TEST(Location, PrintsItselfAndMeasuresAlongTheGeodesic) {
   east.coordinate = {0, 179.5};
   west.coordinate = {0, -179.5};
   EXPECT_NEAR(east.distanceFrom(west), 111319.490793, 1e-5);  // one degree of the equator, across the date line
-}
-
-TEST(Location, RoundsDecimalsAsTheNumberStandsInMemory) {
-  std::string text;
-  for (const Fixed& number : {Fixed{0.125, 2},
-                              {0.375, 2},
-                              {2.675, 2},
-                              {-1, 2},
-                              {-0.001, 2, true},
-                              {0, 2, true},
-                              {999999.999, 2},
-                              {179.999999996, 8},
-                              {1e9 + 0.5, 0},
-                              {1e22, 2},
-                              {std::nan(""), 2, true}})
-    text += concat(number, " ");
-  EXPECT_EQ(text,
-            "0.12 0.38 2.67 -1.00 -0.00 +0.00 1000000.00 180.00000000 1000000000 10000000000000000000000.00 +nan ");
 }
 
 }  // namespace

@@ -73,12 +73,12 @@ TEST_F(Downloads, StoreAPredictionWholeOrNotAtAll) {
   const std::string lacksOne = std::string(kPrediction).replace(std::string(kPrediction).find("duration"), 8, "other");
   backend.answer("predictions", {200, lacksOne + "}"});
   call(&NetworkManager::getNextTrip);
-  EXPECT_EQ(LatestPrediction::shared().id(), 0);
+  EXPECT_EQ(latestPrediction().get().id, 0);
   EXPECT_EQ(log.count("engine: prediction"), 0u);
 
   backend.answer("predictions", {200, std::string(kPrediction) + "}"});
   call(&NetworkManager::getNextTrip);
-  const Trip trip = LatestPrediction::shared().value();
+  const Trip trip = latestPrediction().get();
   EXPECT_EQ(platform::concat(trip.id, trip.startTime, trip.ArrivalTime, trip.probability, " ", trip.destination_lon,
                              " ", trip.destination_lat, trip.route, trip.next_destination, trip.duration),
             R"(8sa1 2.5 48["r": 1]["d": 2]12.5)");

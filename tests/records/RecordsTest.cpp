@@ -1,3 +1,5 @@
+#include <gtest/gtest.h>
+
 #include <cstdlib>
 #include <tuple>
 
@@ -5,18 +7,13 @@
 #include <tarvo/Trip.h>
 
 #include "platform/foundation/Json.h"
-#include "platform/foundation/Text.h"
-#include "records/LatestPrediction.h"
-#include "store/PastTrips.h"
-#include "store/PointOfInterest.h"
-#include "store/StoreFixture.h"
-#include "store/Users.h"
+#include "records/Positions.h"
+#include "support/LogDiary.h"
 
 namespace tarvo {
 namespace {
 
 using platform::CLLocationCoordinate2D;
-using test::logged;
 using Coordinates = std::vector<CLLocationCoordinate2D>;
 
 LocationRecord position(double latitude, double longitude, std::optional<std::string> serviceAction = "loc_changed") {
@@ -69,13 +66,13 @@ TEST(HistoryGeoJson, CutsFeaturesWhereCollectionIsSwitchedButNotBeforeTheLastPos
 }
 
 TEST(HistoryGeoJson, NamesTheGeometryAskedForAndLogsTheWholeText) {
-  test::LogDiary::installed();
+  auto& log = test::LogDiary::installed();
   LocationsHistory history;
   EXPECT_EQ(history.toGeoJSON("MultiPoint"), std::nullopt);
   history.locations = std::vector{position(48.5, 2.25), position(1, -2)};
   const std::string text = history.toGeoJSON("MultiPoint").value();
   EXPECT_NE(text.find(R"("geometry":{"type":"MultiPoint","coordinates":[[2.25,48.5],[-2 ,1]]})"), std::string::npos);
-  EXPECT_EQ(logged("Tarvo:LocationHistory:toGeoJSON [tarvo] GeoJSON = " + text), 1U);
+  EXPECT_EQ(log.count("Tarvo:LocationHistory:toGeoJSON [tarvo] GeoJSON = " + text), 1U);
   history.pasttrips = {trip("a"), trip(std::nullopt), trip("b")};
   EXPECT_EQ(history.toGeoJSON(), (std::vector<std::string>{"a", "b"}));
 }
@@ -91,30 +88,49 @@ TEST(HistoryBoundingBox, HoldsAllTripsOrElseAllPositions) {
       {{trip("{"), trip(std::nullopt), trip("5"), trip(two), trip(one)}, {}, Coordinates{{-48, -179.5}, {48.85, 2.5}}},
       {{trip("no JSON")}, {position(1, 1)}, Coordinates{{-200, -200}, {-200, -200}}},
   };
-  test::LogDiary::installed();
+  auto& log = test::LogDiary::installed();
   for (const auto& [trips, positions, corners] : cases) {
     LocationsHistory history;
     history.pasttrips = trips;
     history.locations = positions;
     EXPECT_EQ(history.getBoundingBox(), corners);
   }
-  EXPECT_EQ(logged("Tarvo:LocationHistory getBoundingBox:[error] : Error Domain="), 2U);
-  EXPECT_EQ(logged("Tarvo: LocationHistory getBoundingBox ----------minlon = 2.35 -------maxlon :2.35--------------- "),
-            1U);
+  EXPECT_EQ(log.count("Tarvo:LocationHistory getBoundingBox:[error] : Error Domain="), 2U);
+  EXPECT_EQ(
+      log.count("Tarvo: LocationHistory getBoundingBox ----------minlon = 2.35 -------maxlon :2.35--------------- "),
+      1U);
 }
 
-TEST(HistoryArray, HasAFixForEachPositionThatIsWhole) {
+TEST(Fix, OfAPositionHasItsValuesAndDefaultsOnlyWhereTheyAreAskedFor) {
+  LocationRecord whole = position(48.5, 2.25);
+  whole.altitude = 100.25;
+  whole.horizontalAccuracy = whole.verticalAccuracy = 5;
+  whole.course = 90;
+  whole.speed = 3.5;
+  whole.floor = -2;
+  LocationRecord still = whole, nowhere = whole, timeless = whole, deep = whole;
+  still.speed = std::nullopt;
+  nowhere.longitude = std::nullopt;
+  timeless.locationTimestamp = std::nullopt;
+  deep.floor = std::int64_t{1} << 40;
+  using Form = std::optional<std::tuple<double, double, std::optional<int>>>;
+  const std::tuple<const char*, LocationRecord, Form, Form> cases[] = {
+      {"whole", whole, Form({48.5, 3.5, -2}), Form({48.5, 3.5, -2})},
+      {"still", still, std::nullopt, Form({48.5, -1, -2})},
+      {"nowhere", nowhere, std::nullopt, std::nullopt},
+      {"timeless", timeless, std::nullopt, std::nullopt},
+      {"deep", deep, Form({48.5, 3.5, std::nullopt}), Form({48.5, 3.5, std::nullopt})},
+  };
+  const auto form = [](const std::optional<platform::CLLocation>& fix) {
+    return fix ? Form({fix->coordinate.latitude, fix->speed, fix->floor}) : std::nullopt;
+  };
+  for (const auto& [what, record, strict, lenient] : cases) {
+    EXPECT_EQ(form(fixOf(record, Missing::givesNoFix)), strict) << what;
+    EXPECT_EQ(form(fixOf(record, Missing::takesDefault)), lenient) << what;
+  }
   LocationsHistory history;
-  EXPECT_TRUE(history.toArray().empty());
-  std::vector<LocationRecord> positions{position(48.5, 2.25), LocationRecord{}, position(1, -2)};
-  positions[2].speed = 3.5;
-  positions[2].altitude = 100.25;
-  history.locations = positions;
-  const auto fixes = history.toArray();
-  ASSERT_EQ(fixes.size(), 2U);
-  EXPECT_EQ(fixes[0].coordinate, (CLLocationCoordinate2D{48.5, 2.25}));
-  EXPECT_EQ(fixes[0].timestamp, positions[0].locationTimestamp);
-  EXPECT_EQ(std::tie(fixes[1].speed, fixes[1].altitude), std::tuple(3.5, 100.25));
+  history.locations = std::vector{still, nowhere, deep};
+  EXPECT_EQ(history.toArray().size(), 2U);
 }
 
 TEST(PredictedTrip, ReadsTheFirstFeatureOfTheNextDestination) {
@@ -163,123 +179,8 @@ TEST(PredictedTrip, TellsItsStartInTheZoneOfTheDevice) {
   }
 }
 
-TEST(PredictedTrip, IsCopiedOutAndNowhereAtFirst) {
+TEST(PredictedTrip, HasADestinationEvenWhileItIsUnset) {
   EXPECT_EQ(Trip().getNextDestination()->coordinate, (CLLocationCoordinate2D{-200, -200}));
-  Trip prediction;
-  prediction.id = 5;
-  LatestPrediction::shared().store(prediction);
-  const Trip held = LatestPrediction::shared().value();
-  LatestPrediction::shared().store(Trip());
-  EXPECT_EQ(held.id, 5);
-  EXPECT_EQ(LatestPrediction::shared().id(), 0);
-}
-
-using Context = platform::NSManagedObjectContext;
-using platform::Date;
-
-platform::Dictionary json(std::string_view text) { return *platform::parseJson(text)->asDictionary(); }
-
-Date at(int hourUTC, int minute = 0) {
-  return platform::dateSince1970(1488412800.0 + hourUTC * 3600 + minute * 60);  // 2017-03-02
-}
-
-using StoredTrips = test::StoreTest;
-using StoredPlaces = test::StoreTest;
-using StoredUsers = test::StoreTest;
-
-TEST_F(StoredTrips, AreReplacedById) {
-  within([&](Context& context) {
-    for (const bool saveBetween : {false, true}) {
-      PastTrips::addLastTrip(json(R"({"pasttrip_id":7,"arrival_lat":1.5,"route":{}})"), context);
-      ASSERT_FALSE(saveBetween && context.save());
-      PastTrips::addLastTrip(json(R"({"pasttrip_id":7,"arrival_lat":2.5,"route":{"b":[1,2.5],"a":null}})"), context);
-    }
-    EXPECT_EQ(context.count({.entity = "PastTrips"}).value(), 1U);
-    const PastTripRecord trip = PastTrips::getLastPastTrip(context)->record();
-    EXPECT_EQ(std::tie(trip.arrival_lat, trip.arrival_lon, trip.departure_lat), std::tuple(2.5, 0.0, 0.0));
-    EXPECT_EQ(trip.start_time, std::nullopt);
-    EXPECT_EQ(trip.route, R"({"a":null,"b":[1,2.5]})");
-  });
-  EXPECT_EQ(logged("LastTrips removeData pasttrip_id 7"), 3U);
-}
-
-TEST_F(StoredTrips, ReadWhatTheyCanOfAnOddAnswer) {
-  within([&](Context& context) {
-    const auto odd = PastTrips::addLastTrip(
-        json(R"({"pasttrip_id":"7","arrival_lat":"x","departure_lon":null,"start_time":"yesterday","arrival_time":3})"),
-        context);
-    const PastTripRecord record = odd->record();
-    EXPECT_EQ(std::tie(record.arrival_lat, record.departure_lon), std::tuple(0.0, 0.0));
-    EXPECT_FALSE(record.pasttrip_id || record.start_time || record.arrival_time || record.route);
-    EXPECT_TRUE(
-        PastTrips::getLocationHistoryExtraPolated(context, platform::distantPast(), platform::distantFuture()).empty());
-  });
-  EXPECT_EQ(logged("PastTrips:addLastTrip Unresolved error Error Domain="), 1U);
-}
-
-TEST_F(StoredTrips, AreFoundByTheirStartInIdentifierOrder) {
-  within([&](Context& context) {
-    const auto found = [&](Date since, Date until) {
-      std::string ids;
-      for (const auto& trip : PastTrips::getLocationHistoryExtraPolated(context, since, until))
-        ids += platform::concat(trip->pasttripID().value(), " ");
-      return ids;
-    };
-    EXPECT_EQ(PastTrips::getLastPastTrip(context), nullptr);
-    EXPECT_EQ(found(platform::distantPast(), platform::distantFuture()), "");
-    for (const char* trip : {R"({"pasttrip_id":12,"start_time":"2017-03-02T07:30:00.000+0000"})",
-                             R"({"pasttrip_id":1000,"start_time":"2017-03-02T07:00:00.000+0000"})",
-                             R"({"pasttrip_id":999,"start_time":"2017-03-02T08:15:30.123+0100"})"})
-      PastTrips::addLastTrip(json(trip), context);
-    for (const bool saved : {false, true}) {
-      ASSERT_FALSE(saved && context.save());
-      EXPECT_EQ(PastTrips::getLastPastTrip(context)->pasttripID(), 1000);
-      EXPECT_EQ(found(at(7), at(8)), "12 999 1000 ");
-      EXPECT_EQ(found(at(7, 30), at(9)), "12 ");
-      EXPECT_EQ(found(at(8), at(9)), "");
-    }
-    PastTrips::removeData(context);
-    EXPECT_EQ(PastTrips::getLastPastTrip(context), nullptr);
-  });
-}
-
-TEST_F(StoredPlaces, AreNeverReplacedAndComeHighestIdentifierFirst) {
-  within([&](Context& context) {
-    const char* whole =
-        R"({"poi_id":11,"lat":48.5,"lon":2.5,"point_geo_json":{"type":"Point"},"zone_geo_json":{"z":[]}})";
-    for (const char* place : {R"({"poi_id":3,"lat":true,"point_geo_json":{}})", whole, R"({"poi_id":5})", whole})
-      PointOfInterest::addPOI(json(place), context);
-    ASSERT_FALSE(context.save());
-    std::vector<std::int64_t> ids;
-    std::vector<PointOfInterestRecord> places;
-    for (const auto& place : PointOfInterest::getPOIs(context)) {
-      places.push_back(place->record());
-      ids.push_back(places.back().poi_id.value());
-    }
-    ASSERT_EQ(ids, (std::vector<std::int64_t>{11, 11, 5, 3}));
-    EXPECT_EQ(std::tie(places[0].latitude, places[0].longitude, places[0].point_geo_json, places[0].zone_geo_json),
-              std::tuple(48.5, 2.5, R"({"type":"Point"})", R"({"z":[]})"));
-    EXPECT_EQ(std::tie(places[3].latitude, places[3].point_geo_json, places[3].zone_geo_json),
-              std::tuple(std::nullopt, "{}", std::nullopt));
-    PointOfInterest::removePOIs(context);
-    EXPECT_TRUE(PointOfInterest::getPOIs(context).empty());
-  });
-  EXPECT_EQ(logged("PointOfInterest:addPOI:Failed to load GEOJSON: "), 3U);
-  EXPECT_EQ(logged("PointOfInterest:addPOI Unresolved error "), 2U);
-  EXPECT_EQ(logged("removePOIs removeData pasttrip_id 11"), 2U);
-}
-
-TEST_F(StoredUsers, FirstOneGivesTheIdentifier) {
-  within([&](Context& context) {
-    EXPECT_EQ(Users::getUserUUID(context), std::nullopt);
-    Users::addUser("u-1", "2017-03-02", context);
-    ASSERT_FALSE(context.save());
-    Users::addUser("u-2", "2017-03-03", context);
-    EXPECT_EQ(Users::getUserUUID(context), "u-1");
-    const auto users = Users::getUsers(context);
-    ASSERT_EQ(users.size(), 2U);
-    EXPECT_EQ(users[1]->timestamp(), "2017-03-03");
-  });
 }
 
 }  // namespace
