@@ -9,7 +9,6 @@
 #include "platform/foundation/HostCall.h"
 #include "platform/foundation/NotificationCenter.h"
 #include "settings/Settings.h"
-#include "store/Locations.h"
 #include "store/Users.h"
 
 namespace tarvo {
@@ -42,10 +41,10 @@ class ReplyReceiver final : public NetworkManagerDelegate {
   explicit ReplyReceiver(LocationManager::Parts& parts) : parts_(parts) {}
 
   void networkManagerReceivedSomeData(NetworkManager&, const std::string& data) override {
-    parts_.queues.serialNetworkQueue.async([this, data] { parts_.replies.networkManagerReceivedSomeData(data); });
+    parts_.queues.serialNetworkQueue.async([data] { handleLogUploadReply(data); });
   }
   void networkManagerReceivedSessionError(NetworkManager&) override {
-    parts_.queues.serialNetworkQueue.async([this] { parts_.syncState.networkManagerReceivedSessionError = true; });
+    parts_.queues.serialNetworkQueue.async([this] { parts_.pipeline.networkManagerReceivedSessionError = true; });
   }
 
  private:
@@ -56,9 +55,10 @@ class ReplyReceiver final : public NetworkManagerDelegate {
 
 LocationManager::Parts::Parts(LocationManager& owner)
     : engine(owner),
-      registration(store, networkManager, [this] { pipeline.startPass(); }),
-      pipeline(store, networkManager, registration, syncState),
+      registration(store, networkManager),
+      pipeline(store, networkManager, registration),
       history(store),
+      downloads(store),
       writer(queues, store),
       control(state, queues, locationManager, store, writer, networkManager),
       geofencing(state, locationManager, control),
@@ -70,9 +70,8 @@ void LocationManager::Parts::startUp() {
   networkManager.setDelegate(std::make_shared<ReplyReceiver>(*this));
   // Answers that arrive while start-up goes on must find the engine without asking for the shared instance.
   EngineLink::install(this);
-  Locations::setNextBatchHook([this] { pipeline.startPass(); });
   readStoredUser();
-  syncState.setApiKey(registration.checkAndRegisterUser());
+  registration.apiKey.set(registration.checkAndRegisterUser());
   configureLocationService();
   Log::debug("LocationManager:init [loc] [init] mainThread:", mainThread());
   probeServices();
@@ -156,18 +155,17 @@ void LocationManager::Parts::didExitRegion(CLLocationManager&, const platform::C
 }
 
 void LocationManager::Parts::acknowledge(const std::string& locationIndex, const std::string& firstLoc) {
-  auto& context = store.managedObjectContext();
-  context.performAndWait([&] { pipeline.acknowledge(locationIndex, firstLoc); });
+  pipeline.acknowledge(locationIndex, firstLoc);
 }
 
 void LocationManager::Parts::startPass() { pipeline.startPass(); }
 
 void LocationManager::Parts::storeUser(const std::string& uuid, const std::string& creationDate) {
-  store.managedObjectContext().performAndWait([&] { registration.storeUser(uuid, creationDate); });
+  registration.storeUser(uuid, creationDate);
 }
 
-bool LocationManager::Parts::alreadyReceivedUUID() const { return syncState.alreadyReceivedUUID; }
-void LocationManager::Parts::setAlreadyReceivedUUID(bool received) { syncState.alreadyReceivedUUID = received; }
+bool LocationManager::Parts::alreadyReceivedUUID() const { return registration.alreadyReceivedUUID; }
+void LocationManager::Parts::setAlreadyReceivedUUID(bool received) { registration.alreadyReceivedUUID = received; }
 
 EngineLink::NewestTrip LocationManager::Parts::newestTrip() {
   const auto trip = history.getLastPastTrip();
@@ -177,7 +175,7 @@ EngineLink::NewestTrip LocationManager::Parts::newestTrip() {
 
 void LocationManager::Parts::submitLastTrips(std::vector<platform::Dictionary> trips) {
   queues.serialQueueLastTrips.async([this, trips = std::move(trips)] {
-    const auto matched = history.addNewLastTrip(trips);
+    const auto matched = downloads.addNewLastTrip(trips);
     // The store's block has ended: the host may do in its callback what it likes.
     if (!matched) return;
     Log::debug("LocationManager: locationManagerOnRouteMatched count : ", matched->pasttrips.size());
@@ -188,7 +186,7 @@ void LocationManager::Parts::submitLastTrips(std::vector<platform::Dictionary> t
 }
 
 void LocationManager::Parts::submitPOIs(std::vector<platform::Dictionary> pois) {
-  queues.serialQueuePOI.async([this, pois = std::move(pois)] { history.addNewPOI(pois); });
+  queues.serialQueuePOI.async([this, pois = std::move(pois)] { downloads.addNewPOI(pois); });
 }
 
 void LocationManager::Parts::predictionStored() {

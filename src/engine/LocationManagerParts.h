@@ -15,9 +15,8 @@
 #include "settings/EngineLink.h"
 #include "store/ObjectStore.h"
 #include "sync/DeviceRegistration.h"
-#include "sync/History.h"
-#include "sync/ReplyHandler.h"
-#include "sync/SyncState.h"
+#include "sync/DownloadIngest.h"
+#include "sync/HistoryReads.h"
 #include "sync/UploadPipeline.h"
 
 namespace tarvo {
@@ -37,12 +36,11 @@ struct LocationManager::Parts final : platform::CLLocationManagerDelegate, Engin
   NetworkManager networkManager;
   EngineQueues queues;
   EngineState state;
-  SyncState syncState;
   ObjectStore store;
   DeviceRegistration registration;
   UploadPipeline pipeline;
-  History history;
-  ReplyHandler replies;
+  HistoryReads history;
+  DownloadIngest downloads;
   PositionWriter writer;
   ServiceControl control;
   Geofencing geofencing;

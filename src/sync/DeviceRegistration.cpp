@@ -9,6 +9,7 @@
 #include "log/Log.h"
 #include "platform/foundation/Json.h"
 #include "platform/foundation/UserDefaultsChanges.h"
+#include "settings/EngineLink.h"
 #include "settings/Settings.h"
 #include "store/Users.h"
 
@@ -32,9 +33,6 @@ platform::Dictionary deviceDescription() {
 }
 
 }  // namespace
-
-DeviceRegistration::DeviceRegistration(ObjectStore& store, NetworkManager& client, std::function<void()> startPass)
-    : store_(store), client_(client), startPass_(std::move(startPass)) {}
 
 std::vector<UserRecord> DeviceRegistration::getUser() {
   std::vector<UserRecord> users;
@@ -102,7 +100,7 @@ void DeviceRegistration::storeUser(std::string_view uuid, std::string_view creat
   else
     platform::whenUserDefaultsAreWritten([&context, store] { context.perform(store); });
   Settings::shared().adoptUserUUID(uuid);
-  startPass_();
+  if (EngineLink* engine = EngineLink::installed()) engine->startPass();
 }
 
 }  // namespace tarvo
