@@ -50,8 +50,10 @@ TEST_F(StoredTrips, ReadWhatTheyCanOfAnOddAnswer) {
     EXPECT_FALSE(record.pasttrip_id || record.start_time || record.arrival_time || record.route);
     EXPECT_TRUE(
         PastTrips::getLocationHistoryExtraPolated(context, platform::distantPast(), platform::distantFuture()).empty());
+    PastTrips::addLastTrip({{"route", platform::Dictionary{{"name", "\xff"}}}}, context);
   });
   EXPECT_EQ(logged("PastTrips:addLastTrip Unresolved error Error Domain="), 1U);
+  EXPECT_EQ(logged("PastTrips:addLastTrip:Failed to load GEOJSON: "), 1U);
 }
 
 TEST_F(StoredTrips, AreFoundByTheirStartInIdentifierOrder) {
