@@ -37,7 +37,7 @@ std::shared_ptr<Locations> positionToMark(const NSManagedObjectID& id, Locations
 
 }  // namespace
 
-std::shared_ptr<Locations> Locations::addLocation(const platform::CLLocation& location, std::string_view withActivity,
+std::shared_ptr<Locations> Locations::addLocation(const platform::CLLocation& fix, std::string_view withActivity,
                                                   std::string_view withLocalisationMethod, Context& context,
                                                   std::string_view serviceAction) {
   const auto added = insert(context);
@@ -58,24 +58,24 @@ std::shared_ptr<Locations> Locations::addLocation(const platform::CLLocation& lo
   added->setString(at::identifierForVendor, platform::UIDevice::current().identifierForVendor());
   added->setString(at::userAction, withActivity);
   added->setString(at::serviceAction, serviceAction);
-  added->setNumber(at::longitude, location.coordinate.longitude);
-  added->setNumber(at::latitude, location.coordinate.latitude);
-  added->setDate(at::locationTimestamp, location.timestamp);
+  added->setNumber(at::longitude, fix.coordinate.longitude);
+  added->setNumber(at::latitude, fix.coordinate.latitude);
+  added->setDate(at::locationTimestamp, fix.timestamp);
   added->setDate(at::eventTimestamp, now);
-  added->setNumber(at::altitude, location.altitude);
-  added->setInteger(at::floor, location.floor);
-  added->setNumber(at::course, location.course);
-  added->setNumber(at::horizontalAccuracy, location.horizontalAccuracy);
-  added->setNumber(at::verticalAccuracy, location.verticalAccuracy);
-  added->setNumber(at::speed, location.speed);
+  added->setNumber(at::altitude, fix.altitude);
+  added->setInteger(at::floor, fix.floor);
+  added->setNumber(at::course, fix.course);
+  added->setNumber(at::horizontalAccuracy, fix.horizontalAccuracy);
+  added->setNumber(at::verticalAccuracy, fix.verticalAccuracy);
+  added->setNumber(at::speed, fix.speed);
   added->setBoolean(at::unsent, true);
   added->setBoolean(at::sentWithoutACK, false);
   added->setInteger(at::index, index);
   added->setString(at::localisationMethod, withLocalisationMethod);
 
-  Log::debug("Locations:addLocation [loc] id:", index, " lon:", location.coordinate.longitude,
-             " lat:", location.coordinate.latitude, " tLoc:", location.timestamp, " tMob:", now,
-             " event:", serviceAction, " mainThread:", mainThread());
+  Log::debug("Locations:addLocation [loc] id:", index, " lon:", fix.coordinate.longitude,
+             " lat:", fix.coordinate.latitude, " tLoc:", fix.timestamp, " tMob:", now, " event:", serviceAction,
+             " mainThread:", mainThread());
   return added;
 }
 

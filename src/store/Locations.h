@@ -24,7 +24,7 @@ class Locations : public Entity<Locations> {
   using Entity::Entity;
 
   /// Inserts a position with the next running index: the number of positions besides itself.
-  static std::shared_ptr<Locations> addLocation(const platform::CLLocation& location, std::string_view withActivity,
+  static std::shared_ptr<Locations> addLocation(const platform::CLLocation& fix, std::string_view withActivity,
                                                 std::string_view withLocalisationMethod, Context& context,
                                                 std::string_view serviceAction);
   /// The newest by fix time.
@@ -50,9 +50,9 @@ class Locations : public Entity<Locations> {
   static void markLocationAsSentUntilIndex(std::string_view locationIndex, Context& context, std::string_view firstLoc);
 
   /// The upload body: a JSON array of flat objects, all values texts. An empty list is fatal.
-  static std::string convertToString(const List& locations, std::string_view uuid);
+  static std::string convertToString(const List& positions, std::string_view uuid);
 
-  // The design counts the next six, too; no part of the SDK calls them.
+  // Counted by the design; no part of the SDK calls these six.
   /// The newest 1000, newest first.
   static List getAllLocations(Context& context);
   static std::shared_ptr<Locations> getLocationByID(const platform::NSManagedObjectID& id, Context& context);
@@ -61,7 +61,7 @@ class Locations : public Entity<Locations> {
   static void markLocationAsSentWithIndex(std::int64_t index, Context& context);
   static void removeData(Context& context);
   /// One position as serialised JSON.
-  static std::optional<std::string> convertLocationsToJSON(const Locations& location, std::string_view uuid);
+  static std::optional<std::string> convertLocationsToJSON(const Locations& position, std::string_view uuid);
 
   LocationRecord record() const;
   std::optional<std::int64_t> index() const;

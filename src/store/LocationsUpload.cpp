@@ -55,16 +55,16 @@ constexpr std::size_t kTypicalBytes = 420;
 
 }  // namespace
 
-std::string Locations::convertToString(const List& locations, std::string_view uuid) {
-  if (locations.empty()) platform::fatalError("an upload needs at least one position");
-  Log::debug("Locations:convertToJSON [loc] from:", locations.front()->index(), " to:", locations.back()->index(),
+std::string Locations::convertToString(const List& positions, std::string_view uuid) {
+  if (positions.empty()) platform::fatalError("an upload needs at least one position");
+  Log::debug("Locations:convertToJSON [loc] from:", positions.front()->index(), " to:", positions.back()->index(),
              " mainThread:", mainThread());
-  platform::TextBuilder text(locations.size() * kTypicalBytes);
+  platform::TextBuilder text(positions.size() * kTypicalBytes);
   std::string_view separator = "[";
-  for (const auto& location : locations) {
+  for (const auto& position : positions) {
     text.add(separator);
     separator = ",";
-    visitMembers(*location, uuid, [&text]<class T>(std::string_view opening, const T& value) {
+    visitMembers(*position, uuid, [&text]<class T>(std::string_view opening, const T& value) {
       text.add(opening);
       if constexpr (std::same_as<T, std::optional<double>>) {
         if (value) text.add(*value);
@@ -78,9 +78,9 @@ std::string Locations::convertToString(const List& locations, std::string_view u
   return text.finished();
 }
 
-std::optional<std::string> Locations::convertLocationsToJSON(const Locations& location, std::string_view uuid) {
+std::optional<std::string> Locations::convertLocationsToJSON(const Locations& position, std::string_view uuid) {
   platform::Dictionary members;
-  visitMembers(location, uuid, [&members]<class T>(std::string_view opening, const T& value) {
+  visitMembers(position, uuid, [&members]<class T>(std::string_view opening, const T& value) {
     if constexpr (std::same_as<T, std::optional<double>>)
       members.emplace(keyIn(opening), value ? platform::concat(*value) : "");
     else
@@ -93,7 +93,7 @@ std::optional<std::string> Locations::convertLocationsToJSON(const Locations& lo
     Log::error("Locations:convertLocationsToJSON Unresolved error ", platform::errorAndUserInfo(text.error()));
     return std::nullopt;
   }
-  Log::debug("Locations:convertLocationsToJSON [loc] loc:", location.index(), " mainThread:", mainThread());
+  Log::debug("Locations:convertLocationsToJSON [loc] loc:", position.index(), " mainThread:", mainThread());
   return std::move(*text);
 }
 

@@ -1,6 +1,8 @@
 #include "store/RecordReading.h"
 
 #include <numeric>
+#include <utility>
+#include <vector>
 
 #include "log/Log.h"
 #include "records/Positions.h"

@@ -1,16 +1,12 @@
 #pragma once
 
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
-#include <vector>
 
 #include <tarvo/LocationRecords.h>
 #include <tarvo/Records.h>
 
-#include "platform/persistence/NSManagedObjectContext.h"
 #include "platform/persistence/StoredRows.h"
 #include "store/Attributes.h"
 

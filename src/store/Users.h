@@ -20,7 +20,7 @@ class Users : public Entity<Users> {
   static List getUsers(Context& context);
   /// Of the first record that the fetch gives.
   static std::optional<std::string> getUserUUID(Context& context);
-  /// The device's description for a record with an identifier. The design counts it; no part of the SDK calls it.
+  /// The device's description for a record with an identifier. Counted by the design; no part of the SDK calls it.
   static std::optional<std::string> convertUsersToJSON(const Users& user);
 
   std::optional<std::string> uuid() const;

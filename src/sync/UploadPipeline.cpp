@@ -101,16 +101,16 @@ void UploadPipeline::sendAllUnsentDataToRemoteWebServer() {
     logRange("LocationManager:sendAllUnsentDataToRemoteWebServer [net] from:", posted_);
     batch = batchOf(posted_, *uuid);
     identifiers.reserve(posted_.size());
-    for (const auto& location : posted_) identifiers.push_back(location->objectID());
+    for (const auto& position : posted_) identifiers.push_back(position->objectID());
   });
   if (identifiers.empty()) {
     Settings::shared().uploadChannel.release();
     return;
   }
-  const std::size_t positions = identifiers.size();
+  const std::size_t count = identifiers.size();
   for (auto& identifier : identifiers)
     context.perform([this, identifier = std::move(identifier)] { markLocationAsSentWithoutACKWithID(identifier); });
-  post(std::move(batch.json), batch.first, batch.last, positions);
+  post(std::move(batch.json), batch.first, batch.last, count);
 }
 
 void UploadPipeline::markLocationAsSentWithoutACKWithID(const platform::NSManagedObjectID& locationID) {
@@ -119,37 +119,37 @@ void UploadPipeline::markLocationAsSentWithoutACKWithID(const platform::NSManage
   store_.saveContext();
 }
 
-void UploadPipeline::resendAllSentWithoutACKData(const Locations::List& locations) {
+void UploadPipeline::resendAllSentWithoutACKData(const Locations::List& positions) {
   const auto uuid = userOrRegistration();
   if (!uuid) return;
-  Log::debug("LocationManager:resendAllSentWithoutACKData :count = ", locations.size());
-  if (locations.empty()) return;
+  Log::debug("LocationManager:resendAllSentWithoutACKData :count = ", positions.size());
+  if (positions.empty()) return;
   // The pass of an acknowledgement runs inside a block; it follows one outside, which has asked for the name.
   const auto lookup =
       store_.managedObjectContext().isCurrent() ? platform::NameLookup::known : platform::NameLookup::ask;
   if (!isServerReachable(/*viaWiFi=*/false, Settings::shared().remoteWebServerURL(), lookup)) return;
   Batch batch;
   store_.managedObjectContext().performAndWait([&] {
-    logRange("LocationManager:resendAllSentWithoutACKData [net] from:", locations);
-    batch = batchOf(locations, *uuid);
+    logRange("LocationManager:resendAllSentWithoutACKData [net] from:", positions);
+    batch = batchOf(positions, *uuid);
   });
-  post(std::move(batch.json), batch.first, batch.last, locations.size());
+  post(std::move(batch.json), batch.first, batch.last, positions.size());
 }
 
-void UploadPipeline::resendAllSentWithoutACKData(const std::vector<LocationRecord>& locations) {
+void UploadPipeline::resendAllSentWithoutACKData(const std::vector<LocationRecord>& positions) {
   std::optional<std::int64_t> first, last;
-  for (const LocationRecord& location : locations) {
-    if (!location.index) continue;
-    first = std::min(first.value_or(*location.index), *location.index);
-    last = std::max(last.value_or(*location.index), *location.index);
+  for (const LocationRecord& position : positions) {
+    if (!position.index) continue;
+    first = std::min(first.value_or(*position.index), *position.index);
+    last = std::max(last.value_or(*position.index), *position.index);
   }
   Locations::List awaiting;
   auto& context = store_.managedObjectContext();
   context.performAndWait([&] {
     (void)context.claim();
     awaiting = Locations::getSentWithoutACKLocations(context);
-    std::erase_if(awaiting, [&](const auto& location) {
-      const auto index = location->index();
+    std::erase_if(awaiting, [&](const auto& position) {
+      const auto index = position->index();
       return !index || index < first || index > last;
     });
   });

@@ -36,10 +36,10 @@ class UploadPipeline {
   void sendAllUnsentDataToRemoteWebServer();
 
   /// Posts these positions again, unless the backend is out of reach; the channel then stays held.
-  void resendAllSentWithoutACKData(const Locations::List& locations);
+  void resendAllSentWithoutACKData(const Locations::List& positions);
   /// The same with copies: of the 1000 oldest which still await those from the first to the last of these, by index.
   /// None is left out in between, since the answer acknowledges all.
-  void resendAllSentWithoutACKData(const std::vector<LocationRecord>& locations);
+  void resendAllSentWithoutACKData(const std::vector<LocationRecord>& positions);
 
   /// The acknowledgement of a batch, given as texts: its last index, then its first. Waits for it; the pass that
   /// follows runs inside the same block of the context.
