@@ -113,11 +113,7 @@ TEST_F(StoredPositions, LeaveTheStoreForUploadInBatchesOfThousandByIndex) {
     unsaved->setBoolean(at::sentWithoutACK, true);
     unsaved->setInteger(at::index, -1);
     EXPECT_EQ(indexes(Locations::getSentWithoutACKLocations(context)), range(0, 1000));
-    const Locations::Counts counts = Locations::counts(context);
-    EXPECT_EQ(std::tie(counts.stored, counts.unsent, counts.awaiting, counts.unsaved, counts.lastIndex),
-              std::tuple(1500, 500, 1000, 1, 1499));
   });
-  EXPECT_EQ(logged("getAllLocations lastindex = 1499 first = 500"), 1U);
   EXPECT_EQ(logged("Locations:getUnsentLocations [loc] from:10 to:1009 mainThread:"), 1U);
   EXPECT_EQ(logged("Locations:getSentWithoutACKLocations [loc] from:0 to:9 count : 10 mainThread:"), 1U);
 }
@@ -187,6 +183,7 @@ TEST_F(StoredPositions, StayInTheStoreForAHistoryWhileOtherRecordsAreUnsaved) {
     const auto position = add(context);
     Users::addUser("u", "t", context);
     ASSERT_FALSE(context.save());
+    EXPECT_EQ(Users::getUserUUID(context), "u");
     context.deleteObject(Users::getUsers(context).front());
     const auto history = Locations::getLocationHistory(context, platform::distantPast(), platform::distantFuture());
     position->setBoolean(at::unsent, false);
@@ -292,8 +289,6 @@ TEST_F(UploadBody, HoldsFourteenTextsInAFixedOrder) {
     auto single = platform::parseJson(Locations::convertLocationsToJSON(*all[1], "u-1").value());
     EXPECT_EQ(platform::concat(*single), platform::concat(parsed->asArray()->at(1)));
 
-    EXPECT_DEATH((platform::setSystemLogSink({}), Locations::convertToString({}, "u-1")),
-                 "an upload needs at least one position");
     all[2]->setNumber(at::longitude, std::nullopt);
     EXPECT_DEATH((platform::setSystemLogSink({}), Locations::convertToString(all, "u-1")),
                  "a position to be sent has no longitude");

@@ -5,7 +5,6 @@
 #include "store/PastTrips.h"
 #include "store/PointOfInterest.h"
 #include "store/StoreFixture.h"
-#include "store/Users.h"
 
 namespace tarvo {
 namespace {
@@ -22,7 +21,6 @@ Date at(int hourUTC, int minute = 0) {
 
 using StoredTrips = test::StoreTest;
 using StoredPlaces = test::StoreTest;
-using StoredUsers = test::StoreTest;
 
 TEST_F(StoredTrips, AreReplacedById) {
   within([&](Context& context) {
@@ -106,19 +104,6 @@ TEST_F(StoredPlaces, AreNeverReplacedAndComeHighestIdentifierFirst) {
   EXPECT_EQ(logged("PointOfInterest:addPOI:Failed to load GEOJSON: "), 3U);
   EXPECT_EQ(logged("PointOfInterest:addPOI Unresolved error "), 2U);
   EXPECT_EQ(logged("removePOIs removeData pasttrip_id 11"), 2U);
-}
-
-TEST_F(StoredUsers, FirstOneGivesTheIdentifier) {
-  within([&](Context& context) {
-    EXPECT_EQ(Users::getUserUUID(context), std::nullopt);
-    Users::addUser("u-1", "2017-03-02", context);
-    ASSERT_FALSE(context.save());
-    Users::addUser("u-2", "2017-03-03", context);
-    EXPECT_EQ(Users::getUserUUID(context), "u-1");
-    const auto users = Users::getUsers(context);
-    ASSERT_EQ(users.size(), 2U);
-    EXPECT_EQ(users[1]->timestamp(), "2017-03-03");
-  });
 }
 
 }  // namespace
