@@ -225,21 +225,6 @@ TEST_F(StoredPositions, AreMarkedByTheirTemporaryIDUntilTheyHaveGone) {
   EXPECT_EQ(logged("Locations:markLocationAsSentWithoutACKWithID Unresolved error Error Domain="), 1U);
 }
 
-TEST_F(StoredPositions, AreMarkedAndFoundOneByOneToo) {
-  within([&](Context& context) {
-    const auto one = add(context), other = add(context);
-    one->setBoolean(at::sentWithoutACK, true);
-    Locations::markLocationAsSentWithID(one->objectID(), context);
-    EXPECT_EQ(flags(*one), Flags(false, true));
-    Locations::markLocationAsSentWithIndex(0, context);
-    EXPECT_EQ(flags(*one), Flags(false, false));
-    one->setInteger(at::index, 1);
-    Locations::markLocationAsSentWithIndex(1, context);
-    EXPECT_EQ(flags(*other), Flags(true, false)) << "which of the two is meant?";
-    EXPECT_EQ(Locations::getLocationByID(other->objectID(), context), other);
-  });
-}
-
 TEST_F(Acknowledgement, ClearsItsRangeFreesTheChannelAndStartsTheNextPassBeforeTheSave) {
   UploadChannel& channel = Settings::shared().uploadChannel;
   auto& engine = *new test::DiaryEngine;
