@@ -9,6 +9,7 @@
 #include <sstream>
 #include <string>
 
+#include <tarvo/HostKeys.h>
 #include <tarvo/Tarvo.h>
 #include <tarvo/platform/Environment.h>
 

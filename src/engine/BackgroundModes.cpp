@@ -145,9 +145,9 @@ std::string BackgroundModes::getAppState() {
     case UIApplicationState::inactive:
       return "app_inactive";
     case UIApplicationState::background:
-      return "app_paused";
+      return std::string(action::kAppPaused);
     default:
-      return "app_resumed";
+      return std::string(action::kAppResumed);
   }
 }
 

@@ -5,6 +5,7 @@
 
 #include "log/Log.h"
 #include "records/Positions.h"
+#include "settings/Names.h"
 #include "settings/Settings.h"
 #include "store/Locations.h"
 

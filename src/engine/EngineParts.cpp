@@ -7,7 +7,6 @@
 #include "platform/foundation/FatalError.h"
 #include "platform/foundation/NotificationCenter.h"
 #include "settings/Settings.h"
-#include "store/Locations.h"
 #include "store/PastTrips.h"
 #include "store/PointOfInterest.h"
 #include "store/Users.h"
@@ -32,10 +31,10 @@ class ReplyReceiver final : public NetworkManagerDelegate {
   explicit ReplyReceiver(EngineParts& parts) : parts_(parts) {}
 
   void networkManagerReceivedSomeData(NetworkManager&, const std::string& data) override {
-    parts_.state.serialNetworkQueue.async([this, data] { parts_.replies.networkManagerReceivedSomeData(data); });
+    parts_.state.serialNetworkQueue.async([data] { handleLogUploadReply(data); });
   }
   void networkManagerReceivedSessionError(NetworkManager&) override {
-    parts_.state.serialNetworkQueue.async([this] { parts_.syncState.networkManagerReceivedSessionError = true; });
+    parts_.state.serialNetworkQueue.async([this] { parts_.pipeline.networkManagerReceivedSessionError = true; });
   }
 
  private:
@@ -46,9 +45,10 @@ class ReplyReceiver final : public NetworkManagerDelegate {
 
 EngineParts::EngineParts(LocationManager& owner)
     : engine(owner),
-      registration(store, networkManager, [this] { pipeline.startPass(); }),
-      pipeline(store, networkManager, registration, syncState),
+      registration(store, networkManager),
+      pipeline(store, networkManager, registration),
       history(store),
+      downloads(store),
       collection(state, locationManager, store, networkManager),
       geofencing(state, locationManager, collection),
       modes(state, locationManager, collection, geofencing, networkManager),
@@ -59,9 +59,8 @@ void EngineParts::startUp() {
   networkManager.setDelegate(std::make_shared<ReplyReceiver>(*this));
   // Answers that arrive while start-up goes on must find the engine without asking for the shared instance.
   EngineLink::install(this);
-  Locations::setNextBatchHook([this] { pipeline.startPass(); });
   readStoredUser();
-  syncState.setApiKey(registration.checkAndRegisterUser());
+  registration.apiKey.set(registration.checkAndRegisterUser());
   configureLocationService();
   Log::debug("LocationManager:init [loc] [init] mainThread:", mainThread());
   probeServices();
@@ -161,18 +160,17 @@ void EngineParts::checkpoint() {
 }
 
 void EngineParts::acknowledge(const std::string& locationIndex, const std::string& firstLoc) {
-  auto& context = store.managedObjectContext();
-  context.performAndWait([&] { pipeline.acknowledge(locationIndex, firstLoc); });
+  pipeline.acknowledge(locationIndex, firstLoc);
 }
 
 void EngineParts::startPass() { pipeline.startPass(); }
 
 void EngineParts::storeUser(const std::string& uuid, const std::string& creationDate) {
-  store.managedObjectContext().performAndWait([&] { registration.storeUser(uuid, creationDate); });
+  registration.storeUser(uuid, creationDate);
 }
 
-bool EngineParts::alreadyReceivedUUID() const { return syncState.alreadyReceivedUUID; }
-void EngineParts::setAlreadyReceivedUUID(bool received) { syncState.alreadyReceivedUUID = received; }
+bool EngineParts::alreadyReceivedUUID() const { return registration.alreadyReceivedUUID; }
+void EngineParts::setAlreadyReceivedUUID(bool received) { registration.alreadyReceivedUUID = received; }
 
 EngineLink::NewestTrip EngineParts::newestTrip() {
   const auto trip = history.getLastPastTrip();
@@ -182,7 +180,7 @@ EngineLink::NewestTrip EngineParts::newestTrip() {
 
 void EngineParts::submitLastTrips(std::vector<platform::Dictionary> trips) {
   state.serialQueueLastTrips.async([this, trips = std::move(trips)] {
-    const auto matched = history.addNewLastTrip(trips);
+    const auto matched = downloads.addNewLastTrip(trips);
     // The store's block has ended: the host may do in its callback what it likes.
     if (!matched) return;
     Log::debug("LocationManager: locationManagerOnRouteMatched count : ", matched->pasttrips.size());
@@ -193,7 +191,7 @@ void EngineParts::submitLastTrips(std::vector<platform::Dictionary> trips) {
 }
 
 void EngineParts::submitPOIs(std::vector<platform::Dictionary> pois) {
-  state.serialQueuePOI.async([this, pois = std::move(pois)] { history.addNewPOI(pois); });
+  state.serialQueuePOI.async([this, pois = std::move(pois)] { downloads.addNewPOI(pois); });
 }
 
 void EngineParts::predictionStored() {

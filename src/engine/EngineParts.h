@@ -14,9 +14,8 @@
 #include "settings/EngineLink.h"
 #include "store/ObjectStore.h"
 #include "sync/DeviceRegistration.h"
-#include "sync/History.h"
-#include "sync/ReplyHandler.h"
-#include "sync/SyncState.h"
+#include "sync/DownloadIngest.h"
+#include "sync/HistoryReads.h"
 #include "sync/UploadPipeline.h"
 
 namespace tarvo {
@@ -44,12 +43,11 @@ class EngineParts final : public platform::CLLocationManagerDelegate, public Eng
   platform::CLLocationManager locationManager;
   NetworkManager networkManager;
   EngineState state;
-  SyncState syncState;
   ObjectStore store;
   DeviceRegistration registration;
   UploadPipeline pipeline;
-  History history;
-  ReplyHandler replies;
+  HistoryReads history;
+  DownloadIngest downloads;
   Collection collection;
   Geofencing geofencing;
   BackgroundModes modes;

@@ -5,7 +5,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 
 #include <tarvo/LocationManager.h>
 #include <tarvo/platform/CLLocation.h>
@@ -19,31 +18,6 @@
 namespace tarvo {
 
 using platform::Guarded;
-
-/// Labels of the localisation method stored with each position.
-namespace method {
-inline constexpr std::string_view kUnknown = "unknown";
-inline constexpr std::string_view kEvent = "event";
-inline constexpr std::string_view kPush = "push";
-inline constexpr std::string_view kStandard = "sls";
-inline constexpr std::string_view kRegions = "rms";
-inline constexpr std::string_view kSignificantChange = "scls";
-inline constexpr std::string_view kRegionsAndSignificantChange = "rms-scls";
-}  // namespace method
-
-/// Event words: the service action stored with each position.
-namespace action {
-inline constexpr std::string_view kStarting = "srv_starting";
-inline constexpr std::string_view kChanged = "loc_changed";
-inline constexpr std::string_view kEnabled = "loc_enabled";
-inline constexpr std::string_view kDisabled = "loc_disabled";
-inline constexpr std::string_view kRefresh = "loc_refresh";
-inline constexpr std::string_view kPowerPlug = "power_plug";
-inline constexpr std::string_view kPowerUnplug = "power_unplug";
-inline constexpr std::string_view kAppStarted = "app_started";
-inline constexpr std::string_view kAppResumed = "app_resumed";
-inline constexpr std::string_view kAppPaused = "app_paused";
-}  // namespace action
 
 /// The engine's own queues and fields.
 ///

@@ -6,6 +6,7 @@
 #include <tarvo/platform/Device.h>
 
 #include "log/Log.h"
+#include "settings/Names.h"
 
 namespace tarvo {
 

@@ -14,7 +14,6 @@
 namespace tarvo {
 
 using platform::Date;
-using platform::NSPredicate;
 using platform::Seconds;
 
 namespace {
@@ -79,12 +78,12 @@ void LocationManager::setDelegate(const std::shared_ptr<LocationManagerDelegate>
 std::shared_ptr<LocationManagerDelegate> LocationManager::delegate() const {
   return parts_->state.delegate.get().lock();
 }
-std::optional<std::string> LocationManager::apiKey() const { return parts_->syncState.apiKey(); }
-void LocationManager::setApiKey(std::optional<std::string> key) { parts_->syncState.setApiKey(std::move(key)); }
+std::optional<std::string> LocationManager::apiKey() const { return parts_->registration.apiKey.get(); }
+void LocationManager::setApiKey(std::optional<std::string> key) { parts_->registration.apiKey.set(std::move(key)); }
 bool LocationManager::tarvoStarted() const { return parts_->state.tarvoStarted; }
 void LocationManager::setTarvoStarted(bool started) { parts_->state.tarvoStarted = started; }
-bool LocationManager::alreadyReceivedUUID() const { return parts_->syncState.alreadyReceivedUUID; }
-void LocationManager::setAlreadyReceivedUUID(bool received) { parts_->syncState.alreadyReceivedUUID = received; }
+bool LocationManager::alreadyReceivedUUID() const { return parts_->registration.alreadyReceivedUUID; }
+void LocationManager::setAlreadyReceivedUUID(bool received) { parts_->registration.alreadyReceivedUUID = received; }
 std::shared_ptr<void> LocationManager::networkTimer() const { return parts_->state.networkTimer.get(); }
 void LocationManager::setNetworkTimer(std::shared_ptr<void> timer) { parts_->state.networkTimer.set(std::move(timer)); }
 platform::UserDefaults& LocationManager::defaults() const { return platform::UserDefaults::standard(); }
@@ -135,8 +134,8 @@ void LocationManager::addNewLastTrip(std::vector<platform::Dictionary> trips) {
   parts_->submitLastTrips(std::move(trips));
 }
 void LocationManager::addNewPOI(std::vector<platform::Dictionary> pois) { parts_->submitPOIs(std::move(pois)); }
-void LocationManager::removeData() { parts_->history.removeData(); }
-void LocationManager::removePOIs() { parts_->history.removePOIs(); }
+void LocationManager::removeData() { parts_->downloads.removeData(); }
+void LocationManager::removePOIs() { parts_->downloads.removePOIs(); }
 void LocationManager::handleEventsForBackgroundURLSession(const std::string& identifier,
                                                           std::function<void()> completionHandler) {
   parts_->networkManager.handleEventsForBackgroundURLSession(identifier, std::move(completionHandler));
@@ -147,26 +146,13 @@ LocationManager::SyncStatus LocationManager::syncStatus() {
   auto& context = parts_->store.managedObjectContext();
   context.performAndWait([&] {
     status.storeAvailable = context.coordinator().hasStore();
-    status.unsaved = static_cast<std::int64_t>(context.pendingInsertions(Locations::kEntity));
-    // The first count would get the one error that tells why, and nobody would hear of it.
-    if (!status.storeAvailable) return;
-    const auto count = [&](std::vector<NSPredicate> predicates) -> std::int64_t {
-      auto counted = context.count({.entity = std::string(Locations::kEntity),
-                                    .predicates = std::move(predicates),
-                                    .includesPendingInsertions = false});
-      return counted ? static_cast<std::int64_t>(*counted) : 0;
-    };
-    const NSPredicate unsent{"unsent", NSPredicate::Operator::equal, true};
-    const NSPredicate notPosted{"sentWithoutACK", NSPredicate::Operator::equal, false};
-    const NSPredicate posted{"sentWithoutACK", NSPredicate::Operator::equal, true};
-    status.stored = count({});
-    status.unsent = count({unsent, notPosted});
-    status.awaiting = count({posted});
-    status.acknowledged = std::max<std::int64_t>(status.stored - status.unsent - status.awaiting, 0);
-    auto newest = context.fetch({std::string(Locations::kEntity), {}, {{"index", false}}, 1});
-    if (newest && !newest->empty())
-      if (const auto* location = dynamic_cast<const Locations*>(newest->front().get()))
-        status.lastIndex = location->index();
+    const Locations::Counts counts = Locations::counts(context);
+    status.stored = counts.stored;
+    status.unsent = counts.unsent;
+    status.awaiting = counts.awaiting;
+    status.acknowledged = std::max<std::int64_t>(counts.stored - counts.unsent - counts.awaiting, 0);
+    status.unsaved = counts.unsaved;
+    status.lastIndex = counts.lastIndex;
   });
   status.batchesPosted = parts_->pipeline.batchesPosted();
   status.positionsPosted = parts_->pipeline.positionsPosted();

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "records/Positions.h"
+#include "settings/Names.h"
 
 namespace tarvo {
 namespace {
@@ -28,7 +29,7 @@ class HeldPositions : public PositionSource {
   bool forEachPoint(const std::function<void(const RoutePoint&)>& visit) const override {
     for (const LocationRecord& record : records_)
       if (record.latitude && record.longitude)
-        visit({*record.latitude, *record.longitude, record.serviceAction == RoutePoint::kDisabled});
+        visit({*record.latitude, *record.longitude, record.serviceAction == action::kDisabled});
     return true;
   }
 

@@ -4,7 +4,6 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <string_view>
 
 #include <tarvo/LocationRecords.h>
 #include <tarvo/platform/CLLocation.h>
@@ -13,10 +12,8 @@ namespace tarvo {
 
 /// What a map needs of a position.
 struct RoutePoint {
-  static constexpr std::string_view kDisabled = "loc_disabled";  ///< a service action
-
   double latitude = 0, longitude = 0;  ///< degrees
-  bool isDisabled = false;             ///< its service action is kDisabled: collection was switched off
+  bool isDisabled = false;             ///< its service action is action::kDisabled: collection was switched off
 };
 
 /// Where a `LocationRecords` reads its positions: in memory, or in the store.

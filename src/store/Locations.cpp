@@ -5,7 +5,10 @@
 
 #include "log/Log.h"
 #include "platform/foundation/Bundle.h"
+#include "platform/foundation/FatalError.h"
 #include "platform/foundation/Text.h"
+#include "settings/EngineLink.h"
+#include "settings/Settings.h"
 #include "store/Attributes.h"
 #include "store/RecordReading.h"
 
@@ -13,22 +16,41 @@ namespace tarvo {
 
 namespace at = attribute::locations;
 using platform::errorAndUserInfo;
-using platform::NSFetchRequest;
+using platform::NSManagedObjectID;
+using Operator = platform::NSPredicate::Operator;
 
-std::shared_ptr<Locations> Locations::addLocation(const platform::CLLocation& location, std::string_view withActivity,
-                                                  std::string_view withLocalisationMethod, Context& context,
-                                                  std::string_view serviceAction) {
-  const auto added = insertAs<Locations>(context);
-  if (!added) return nullptr;
-  static const auto& appName = *new std::string("ios:" + platform::Bundle::main().bundleIdentifier().value_or(""));
-  auto count = context.count(NSFetchRequest{.entity = std::string(kEntity)});
-  if (!count) {
-    // The new object stays, unfilled: the next save takes it along, and it owns a number.
-    Log::error(" Locations:addLocation Unresolved error ", errorAndUserInfo(count.error()));
+namespace {
+
+/// The position to be marked, told in the log behind `opening`; a null pointer when there is none any more, which is
+/// logged behind `failureText`.
+std::shared_ptr<Locations> positionToMark(const NSManagedObjectID& id, Locations::Context& context,
+                                          std::string_view opening, std::string_view failureText) {
+  auto object = context.existingObject(id);
+  if (!object) {
+    Log::error(failureText, errorAndUserInfo(object.error()));
     return nullptr;
   }
-  // The count sees the new object itself, so it is at least 1.
-  const auto index = static_cast<std::int64_t>(*count) - 1;
+  const auto position = std::dynamic_pointer_cast<Locations>(*object);
+  if (position) Log::debug(opening, id, " mainThread:", mainThread());
+  return position;
+}
+
+}  // namespace
+
+std::shared_ptr<Locations> Locations::addLocation(const platform::CLLocation& fix, std::string_view withActivity,
+                                                  std::string_view withLocalisationMethod, Context& context,
+                                                  std::string_view serviceAction) {
+  const auto added = insert(context);
+  if (!added) return nullptr;
+  static const auto& appName = *new std::string("ios:" + platform::Bundle::main().bundleIdentifier().value_or(""));
+  auto counted = count(context);
+  if (!counted) {
+    // The new position stays, unfilled: the next save takes it along, and it owns a number.
+    Log::error(" Locations:addLocation Unresolved error ", errorAndUserInfo(counted.error()));
+    return nullptr;
+  }
+  // The count sees the new position itself, so it is at least 1.
+  const auto index = static_cast<std::int64_t>(*counted) - 1;
   const platform::Date now = platform::Clock::current()->now();
 
   added->setString(at::appName, appName);
@@ -36,41 +58,80 @@ std::shared_ptr<Locations> Locations::addLocation(const platform::CLLocation& lo
   added->setString(at::identifierForVendor, platform::UIDevice::current().identifierForVendor());
   added->setString(at::userAction, withActivity);
   added->setString(at::serviceAction, serviceAction);
-  added->setNumber(at::longitude, location.coordinate.longitude);
-  added->setNumber(at::latitude, location.coordinate.latitude);
-  added->setDate(at::locationTimestamp, location.timestamp);
+  added->setNumber(at::longitude, fix.coordinate.longitude);
+  added->setNumber(at::latitude, fix.coordinate.latitude);
+  added->setDate(at::locationTimestamp, fix.timestamp);
   added->setDate(at::eventTimestamp, now);
-  added->setNumber(at::altitude, location.altitude);
-  added->setInteger(at::floor, location.floor);
-  added->setNumber(at::course, location.course);
-  added->setNumber(at::horizontalAccuracy, location.horizontalAccuracy);
-  added->setNumber(at::verticalAccuracy, location.verticalAccuracy);
-  added->setNumber(at::speed, location.speed);
+  added->setNumber(at::altitude, fix.altitude);
+  added->setInteger(at::floor, fix.floor);
+  added->setNumber(at::course, fix.course);
+  added->setNumber(at::horizontalAccuracy, fix.horizontalAccuracy);
+  added->setNumber(at::verticalAccuracy, fix.verticalAccuracy);
+  added->setNumber(at::speed, fix.speed);
   added->setBoolean(at::unsent, true);
   added->setBoolean(at::sentWithoutACK, false);
   added->setInteger(at::index, index);
   added->setString(at::localisationMethod, withLocalisationMethod);
 
-  Log::debug("Locations:addLocation [loc] id:", index, " lon:", location.coordinate.longitude,
-             " lat:", location.coordinate.latitude, " tLoc:", location.timestamp, " tMob:", now,
-             " event:", serviceAction, " mainThread:", mainThread());
+  Log::debug("Locations:addLocation [loc] id:", index, " lon:", fix.coordinate.longitude,
+             " lat:", fix.coordinate.latitude, " tLoc:", fix.timestamp, " tMob:", now, " event:", serviceAction,
+             " mainThread:", mainThread());
   return added;
 }
 
-void Locations::removeData(Context& context) {
-  auto all = context.fetch(NSFetchRequest{.entity = std::string(kEntity)});
-  if (!all) {
-    Log::error(" removeData Unresolved error ", errorAndUserInfo(all.error()));
+void Locations::markLocationAsSentWithID(const NSManagedObjectID& id, Context& context) {
+  const auto position = positionToMark(id, context, "Locations:markLocationAsSentWithID [loc] ",
+                                       "Locations:markLocationAsSentWithID Unresolved error ");
+  if (position) position->setBoolean(at::unsent, false);
+}
+
+void Locations::markLocationAsSentWithoutACKWithID(const NSManagedObjectID& id, Context& context) {
+  const auto position = positionToMark(id, context, "Locations:markLocationAsSentWithoutACKWithID [loc] ",
+                                       "Locations:markLocationAsSentWithoutACKWithID Unresolved error ");
+  if (position) position->setBoolean(at::sentWithoutACK, true);
+}
+
+void Locations::markLocationAsSentWithIndex(std::int64_t index, Context& context) {
+  const auto positions = fetch(context, "Locations:markLocationAsSentWithIndex [loc] error:",
+                               {.predicates = {{"index", Operator::equal, platform::concat(index)}}});
+  if (!positions) return;
+  if (positions->size() > 1) {
+    Log::debug("Locations:markLocationAsSentWithIndex [loc] ", positions->size(),
+               " locs with same index! mainThread:", mainThread());
     return;
   }
-  for (const auto& object : *all) context.deleteObject(object);
+  if (positions->empty()) platform::fatalError(platform::concat("no position has the index ", index));
+  positions->front()->setBoolean(at::unsent, false);
+  positions->front()->setBoolean(at::sentWithoutACK, false);
+}
+
+void Locations::markLocationAsSentUntilIndex(std::string_view locationIndex, Context& context,
+                                             std::string_view firstLoc) {
+  const auto positions = fetch(context, "Locations:markLocationAsSentUntilIndex [loc] error:",
+                               {.predicates = {{"index", Operator::atMost, std::string(locationIndex)},
+                                               {"index", Operator::atLeast, std::string(firstLoc)}}});
+  // Intended: a range that names no position leaves the channel held until it is stale.
+  if (!positions || positions->empty()) return;
+  Log::debug("Locations:markLocationAsSentUntilIndex [loc] from:", positions->front()->index(),
+             " to:", positions->back()->index(), " mainThread:", mainThread());
+  for (const auto& position : *positions) {
+    position->setBoolean(at::unsent, false);
+    position->setBoolean(at::sentWithoutACK, false);
+  }
+  Settings::shared().uploadChannel.release();
+  // Here, before the caller saves, and not posted elsewhere: one acknowledged batch is what sends the next.
+  if (EngineLink* engine = EngineLink::installed()) engine->startPass();
+}
+
+void Locations::removeData(Context& context) {
+  const auto all = fetch(context, " removeData Unresolved error ");
+  if (!all) return;
+  for (const auto& position : *all) context.deleteObject(position);
 }
 
 LocationRecord Locations::record() const { return recordOf(*this); }
 
 std::optional<std::int64_t> Locations::index() const { return integer(at::index); }
-std::optional<double> Locations::latitude() const { return number(at::latitude); }
-std::optional<double> Locations::longitude() const { return number(at::longitude); }
 
 std::string Locations::description() const {
   return platform::concat("{index:", integer(at::index), " lon:", number(at::longitude), " lat:", number(at::latitude),

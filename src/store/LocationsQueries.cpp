@@ -1,7 +1,6 @@
 #include <tarvo/platform/UserDefaults.h>
 
 #include "log/Log.h"
-#include "platform/foundation/Text.h"
 #include "settings/Names.h"
 #include "store/Locations.h"
 #include "store/RecordReading.h"
@@ -9,118 +8,123 @@
 namespace tarvo {
 
 using platform::Date;
-using platform::errorAndUserInfo;
 using platform::NSFetchRequest;
+using platform::NSPredicate;
 using platform::UserDefaults;
-using Operator = platform::NSPredicate::Operator;
 
 namespace {
 
 /// What one upload batch may hold at most.
 constexpr std::size_t kBatchLimit = 1000;
 
-/// "nil" stands for the index of an empty list's first and last record.
-std::optional<std::int64_t> firstIndex(const Locations::List& rows) {
-  return rows.empty() ? std::nullopt : rows.front()->index();
+std::vector<NSPredicate> neverPosted() {
+  return {{"unsent", NSPredicate::Operator::equal, true}, {"sentWithoutACK", NSPredicate::Operator::equal, false}};
 }
-std::optional<std::int64_t> lastIndex(const Locations::List& rows) {
-  return rows.empty() ? std::nullopt : rows.back()->index();
+/// Whatever `unsent` says: a position that only lost its first flag is sent again too.
+std::vector<NSPredicate> awaitingAcknowledgement() { return {{"sentWithoutACK", NSPredicate::Operator::equal, true}}; }
+
+/// The oldest positions in that state, as many as a batch holds, of those that are in the file.
+NSFetchRequest batch(std::vector<NSPredicate> state) {
+  return {.predicates = std::move(state),
+          .sortDescriptors = {{"index", true}},
+          .fetchLimit = kBatchLimit,
+          .includesPendingInsertions = false};
 }
 
-/// While something could not be saved the file does not tell all.
-platform::Result<LocationRecords> historyRecords(platform::NSManagedObjectContext& context,
-                                                 const NSFetchRequest& request) {
-  if (!context.hasChanges(request.entity)) {
-    auto rows = context.rows(request);
-    if (!rows) return rows.error();
-    return storedPositions(std::move(*rows));
-  }
-  auto found = fetchAs<Locations>(context, request);
-  if (!found) return found.error();
-  std::vector<LocationRecord> records;
-  for (const auto& location : *found) records.push_back(location->record());
-  return LocationRecords(std::move(records));
+/// "nil" stands for the index of an empty list's first and last position.
+std::optional<std::int64_t> firstIndex(const Locations::List& positions) {
+  return positions.empty() ? std::nullopt : positions.front()->index();
+}
+std::optional<std::int64_t> lastIndex(const Locations::List& positions) {
+  return positions.empty() ? std::nullopt : positions.back()->index();
 }
 
 }  // namespace
 
 std::shared_ptr<Locations> Locations::getLastLocation(Context& context) {
-  auto rows = fetchAs<Locations>(
-      context, {.entity = std::string(kEntity), .sortDescriptors = {{"locationTimestamp", false}}, .fetchLimit = 1});
-  if (!rows) {
-    Log::error("Unresolved error ", errorAndUserInfo(rows.error()));
-    return nullptr;
-  }
-  if (rows->empty()) {
+  const auto newest =
+      fetch(context, "Unresolved error ", {.sortDescriptors = {{"locationTimestamp", false}}, .fetchLimit = 1});
+  if (!newest) return nullptr;
+  if (newest->empty()) {
     Log::debug("Locations:getLastLocation [loc] [] mainThread:", mainThread());
     return nullptr;
   }
-  Log::debug("Locations:getLastLocation [loc] loc:", rows->front()->description());
-  return rows->front();
+  Log::debug("Locations:getLastLocation [loc] loc:", newest->front()->description());
+  return newest->front();
 }
 
 Locations::List Locations::getAllLocations(Context& context) {
-  auto rows = fetchAs<Locations>(
-      context, {.entity = std::string(kEntity), .sortDescriptors = {{"index", false}}, .fetchLimit = kBatchLimit});
-  if (!rows) {
-    Log::error("Unresolved error ", errorAndUserInfo(rows.error()));
-    return {};
-  }
-  Log::debug("getAllLocations lastindex = ", firstIndex(*rows), " first = ", lastIndex(*rows));
-  return std::move(*rows);
+  auto newest = fetch(context, "Unresolved error ", {.sortDescriptors = {{"index", false}}, .fetchLimit = kBatchLimit});
+  if (!newest) return {};
+  Log::debug("getAllLocations lastindex = ", firstIndex(*newest), " first = ", lastIndex(*newest));
+  return std::move(*newest);
 }
 
-Locations::List Locations::getUnsentLocations(Context& context, Unsaved unsaved) {
+Locations::List Locations::getUnsentLocations(Context& context) {
   // Read and dropped: the marker does not narrow the query.
   (void)UserDefaults::standard().integer(names::kUnsentLocation);
-  auto rows = fetchAs<Locations>(
-      context, {.entity = std::string(kEntity),
-                .predicates = {{"unsent", Operator::equal, true}, {"sentWithoutACK", Operator::equal, false}},
-                .sortDescriptors = {{"index", true}},
-                .fetchLimit = kBatchLimit,
-                .includesPendingInsertions = unsaved == Unsaved::included});
-  if (!rows) {
-    Log::error("Unresolved error ", errorAndUserInfo(rows.error()));
-    return {};
-  }
-  if (rows->empty())
+  auto oldest = fetch(context, "Unresolved error ", batch(neverPosted()));
+  if (!oldest) return {};
+  if (oldest->empty())
     Log::debug("Locations:getUnsentLocations [loc] [0] mainThread:", mainThread());
   else
-    Log::debug("Locations:getUnsentLocations [loc] from:", firstIndex(*rows), " to:", lastIndex(*rows),
+    Log::debug("Locations:getUnsentLocations [loc] from:", firstIndex(*oldest), " to:", lastIndex(*oldest),
                " mainThread:", mainThread());
-  return std::move(*rows);
+  return std::move(*oldest);
 }
 
-Locations::List Locations::getSentWithoutACKLocations(Context& context, Unsaved unsaved) {
+Locations::List Locations::getSentWithoutACKLocations(Context& context) {
   Log::debug("Locations:getSentWithoutACKLocations [loc] lastindexACK:",
              UserDefaults::standard().integer(names::kSentWithoutACK));
-  // Whatever `unsent` says: a row that only lost its first flag is sent again too.
-  auto rows = fetchAs<Locations>(context, {.entity = std::string(kEntity),
-                                           .predicates = {{"sentWithoutACK", Operator::equal, true}},
-                                           .sortDescriptors = {{"index", true}},
-                                           .fetchLimit = kBatchLimit,
-                                           .includesPendingInsertions = unsaved == Unsaved::included});
-  if (!rows) {
-    Log::error("Locations:getSentWithoutACKLocations Unresolved error ", errorAndUserInfo(rows.error()));
-    return {};
-  }
-  Log::debug("Locations:getSentWithoutACKLocations [loc] from:", firstIndex(*rows), " to:", lastIndex(*rows),
-             " count : ", rows->size(), " mainThread:", mainThread());
-  return std::move(*rows);
+  auto oldest =
+      fetch(context, "Locations:getSentWithoutACKLocations Unresolved error ", batch(awaitingAcknowledgement()));
+  if (!oldest) return {};
+  Log::debug("Locations:getSentWithoutACKLocations [loc] from:", firstIndex(*oldest), " to:", lastIndex(*oldest),
+             " count : ", oldest->size(), " mainThread:", mainThread());
+  return std::move(*oldest);
 }
 
 LocationRecords Locations::getLocationHistory(Context& context, Date since, Date until) {
-  auto records = historyRecords(context, {.entity = std::string(kEntity),
-                                          .predicates = {{"eventTimestamp", Operator::atLeast, since},
-                                                         {"eventTimestamp", Operator::atMost, until}},
-                                          .sortDescriptors = {{"index", true}}});
-  if (!records) {
-    Log::error("Locations:getLocationHistory Unresolved error ", errorAndUserInfo(records.error()));
-    return {};
+  constexpr std::string_view failureText = "Locations:getLocationHistory Unresolved error ";
+  const NSFetchRequest request{.entity = std::string(kEntity),
+                               .predicates = {{"eventTimestamp", NSPredicate::Operator::atLeast, since},
+                                              {"eventTimestamp", NSPredicate::Operator::atMost, until}},
+                               .sortDescriptors = {{"index", true}}};
+  LocationRecords history;
+  if (context.hasChanges(kEntity)) {  // the file does not tell all
+    const auto positions = fetch(context, failureText, request);
+    if (!positions) return {};
+    std::vector<LocationRecord> records;
+    for (const auto& position : *positions) records.push_back(position->record());
+    history = LocationRecords(std::move(records));
+  } else {
+    auto rows = context.rows(request);
+    if (!rows) {
+      Log::error(failureText, platform::errorAndUserInfo(rows.error()));
+      return {};
+    }
+    history = storedPositions(std::move(*rows));
   }
-  Log::debug("Locations:getLocationHistory [loc] from:", since, " to:", until, " count : ", records->size(),
+  Log::debug("Locations:getLocationHistory [loc] from:", since, " to:", until, " count : ", history.size(),
              " mainThread:", mainThread());
-  return std::move(*records);
+  return history;
+}
+
+Locations::Counts Locations::counts(Context& context) {
+  Counts counts;
+  counts.unsaved = static_cast<std::int64_t>(context.pendingInsertions(kEntity));
+  // The first count would get the one error that tells why there is no store, and nobody would hear of it.
+  if (!context.coordinator().hasStore()) return counts;
+  const auto inFile = [&context](std::vector<NSPredicate> state) {
+    auto counted = count(context, {.predicates = std::move(state), .includesPendingInsertions = false});
+    return counted ? static_cast<std::int64_t>(*counted) : 0;
+  };
+  counts.stored = inFile({});
+  counts.unsent = inFile(neverPosted());
+  counts.awaiting = inFile(awaitingAcknowledgement());
+  auto newest = context.fetch({.entity = std::string(kEntity), .sortDescriptors = {{"index", false}}, .fetchLimit = 1});
+  if (newest && !newest->empty()) counts.lastIndex = static_cast<const Locations&>(*newest->front()).index();
+  return counts;
 }
 
 std::shared_ptr<Locations> Locations::getLocationByID(const platform::NSManagedObjectID& id, Context& context) {

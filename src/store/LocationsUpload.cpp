@@ -14,30 +14,31 @@ namespace at = attribute::locations;
 
 namespace {
 
-/// Every record that was filled has these; one that has not must not reach an upload.
-template <class T>
-T mandatory(const std::optional<T>& value, std::string_view attribute) {
-  if (!value) platform::fatalError(platform::concat("a position to be sent has no ", attribute));
+/// The attribute, which every position has once it is filled; one without it must not reach an upload.
+template <auto read>
+auto needed(const Locations& position, at::Position attribute) {
+  const auto value = (position.*read)(attribute);
+  if (!value) platform::fatalError(platform::concat("a position to be sent has no ", at::kAll[attribute].name));
   return *value;
 }
 
 /// The members of a position's object in the order of the wire. `visit(opening, value)` gets what stands before the
 /// value's text, the end of the member before included, and the value; an absent reading leaves its text empty.
 template <class Visit>
-void visitMembers(const Locations& row, std::string_view uuid, const Visit& visit) {
-  visit(R"({"unique_position_id_for_app":")", mandatory(row.index(), "index"));
+void visitMembers(const Locations& position, std::string_view uuid, const Visit& visit) {
+  visit(R"({"unique_position_id_for_app":")", needed<&Locations::integer>(position, at::index));
   visit(R"(","useruuid":")", uuid);
-  visit(R"(","app_name":")", mandatory(row.string(at::appName), "appName"));
-  visit(R"(","date_localisation":")", mandatory(row.date(at::locationTimestamp), "locationTimestamp"));
-  visit(R"(","date_mobile":")", mandatory(row.date(at::eventTimestamp), "eventTimestamp"));
-  visit(R"(","lon":")", mandatory(row.longitude(), "longitude"));
-  visit(R"(","lat":")", mandatory(row.latitude(), "latitude"));
-  visit(R"(","acc":")", row.number(at::horizontalAccuracy));
-  visit(R"(","speed":")", row.number(at::speed));
-  visit(R"(","bearing":")", row.number(at::course));
-  visit(R"(","alt":")", row.number(at::altitude));
-  visit(R"(","provider":")", mandatory(row.string(at::localisationMethod), "localisationMethod"));
-  visit(R"(","service_action":")", mandatory(row.string(at::serviceAction), "serviceAction"));
+  visit(R"(","app_name":")", needed<&Locations::string>(position, at::appName));
+  visit(R"(","date_localisation":")", needed<&Locations::date>(position, at::locationTimestamp));
+  visit(R"(","date_mobile":")", needed<&Locations::date>(position, at::eventTimestamp));
+  visit(R"(","lon":")", needed<&Locations::number>(position, at::longitude));
+  visit(R"(","lat":")", needed<&Locations::number>(position, at::latitude));
+  visit(R"(","acc":")", position.number(at::horizontalAccuracy));
+  visit(R"(","speed":")", position.number(at::speed));
+  visit(R"(","bearing":")", position.number(at::course));
+  visit(R"(","alt":")", position.number(at::altitude));
+  visit(R"(","provider":")", needed<&Locations::string>(position, at::localisationMethod));
+  visit(R"(","service_action":")", needed<&Locations::string>(position, at::serviceAction));
   visit(R"(","terramesh_data_version":")", names::kTerrameshDataVersion);
 }
 constexpr std::string_view kClosing = R"("})";
@@ -53,16 +54,16 @@ constexpr std::size_t kTypicalBytes = 420;
 
 }  // namespace
 
-std::string Locations::convertToString(const List& locations, std::string_view uuid) {
-  if (locations.empty()) platform::fatalError("an upload needs at least one position");
-  Log::debug("Locations:convertToJSON [loc] from:", locations.front()->index(), " to:", locations.back()->index(),
+std::string Locations::convertToString(const List& positions, std::string_view uuid) {
+  if (positions.empty()) platform::fatalError("an upload needs at least one position");
+  Log::debug("Locations:convertToJSON [loc] from:", positions.front()->index(), " to:", positions.back()->index(),
              " mainThread:", mainThread());
-  platform::TextBuilder text(locations.size() * kTypicalBytes);
+  platform::TextBuilder text(positions.size() * kTypicalBytes);
   std::string_view separator = "[";
-  for (const auto& location : locations) {
+  for (const auto& position : positions) {
     text.append(separator);
     separator = ",";
-    visitMembers(*location, uuid, [&text]<class T>(std::string_view opening, const T& value) {
+    visitMembers(*position, uuid, [&text]<class T>(std::string_view opening, const T& value) {
       text.append(opening);
       if constexpr (std::same_as<T, std::optional<double>>) {
         if (value) text.append(*value);
@@ -76,9 +77,9 @@ std::string Locations::convertToString(const List& locations, std::string_view u
   return text.finished();
 }
 
-std::optional<std::string> Locations::convertLocationsToJSON(const Locations& location, std::string_view uuid) {
+std::optional<std::string> Locations::convertLocationsToJSON(const Locations& position, std::string_view uuid) {
   platform::Dictionary members;
-  visitMembers(location, uuid, [&members]<class T>(std::string_view opening, const T& value) {
+  visitMembers(position, uuid, [&members]<class T>(std::string_view opening, const T& value) {
     if constexpr (std::same_as<T, std::optional<double>>)
       members.emplace(keyIn(opening), value ? platform::concat(*value) : "");
     else
@@ -91,7 +92,7 @@ std::optional<std::string> Locations::convertLocationsToJSON(const Locations& lo
     Log::error("Locations:convertLocationsToJSON Unresolved error ", platform::errorAndUserInfo(text.error()));
     return std::nullopt;
   }
-  Log::debug("Locations:convertLocationsToJSON [loc] loc:", location.index(), " mainThread:", mainThread());
+  Log::debug("Locations:convertLocationsToJSON [loc] loc:", position.index(), " mainThread:", mainThread());
   return std::move(*text);
 }
 

@@ -9,7 +9,6 @@
 #include "platform/foundation/Json.h"
 #include "platform/foundation/Text.h"
 #include "store/Attributes.h"
-#include "store/RecordReading.h"
 
 namespace tarvo {
 
@@ -32,16 +31,6 @@ constexpr Coordinate kCoordinates[] = {
     {at::departure_lon, "PastTrips:addLastTrip:getLocationHistoryEXTRAPOLATED [net] [succes] departure_lon:"},
 };
 
-std::optional<std::int64_t> integerUnder(const platform::Dictionary& trip, std::string_view key) {
-  const platform::Value* value = platform::find(trip, key);
-  return value ? value->asInteger() : std::nullopt;
-}
-
-std::optional<double> numberUnder(const platform::Dictionary& trip, std::string_view key) {
-  const platform::Value* value = platform::find(trip, key);
-  return value ? value->asDouble() : std::nullopt;
-}
-
 /// The offset in the text decides, so the formatter's own zone does not matter.
 std::optional<Date> dateUnder(const platform::Dictionary& trip, std::string_view key) {
   static const auto* formatter = new platform::DateFormatter("YYYY-MM-dd'T'HH:mm:ss.SSSZ");
@@ -53,41 +42,27 @@ void setRoute(PastTrips& added, const platform::Dictionary& trip) {
   const platform::Value* found = platform::find(trip, "route");
   static const platform::Value none;
   const platform::Value& route = found ? *found : none;
-  auto text = platform::serializeJson(route);
-  if (!text) {
-    Log::error("PastTrips:addLastTrip Unresolved error ", errorAndUserInfo(text.error()));
-  } else if (!platform::isValidUtf8(*text)) {
-    Log::debug("PastTrips:addLastTrip:Failed to load GEOJSON: ", route);
-  } else {
+  if (auto text = platform::serializeJson(route)) {
     added.setString(at::route, *text);
     Log::debug("PastTrips:addLastTrip:getLocationHistoryEXTRAPOLATED [net] [succes] route:", *text);
-  }
-}
-
-/// Deletes every trip of the request; a fetch that fails is logged behind `failureText`.
-void removeMatches(PastTrips::Context& context, const platform::NSFetchRequest& request, std::string_view failureText) {
-  auto trips = fetchAs<PastTrips>(context, request);
-  if (!trips) {
-    Log::error(failureText, errorAndUserInfo(trips.error()));
-    return;
-  }
-  for (const auto& trip : *trips) {
-    Log::debug("LastTrips removeData pasttrip_id ", trip->pasttripID());
-    context.deleteObject(trip);
+  } else if (!platform::isValidUtf8(platform::concat(route))) {
+    Log::debug("PastTrips:addLastTrip:Failed to load GEOJSON: ", route);
+  } else {
+    Log::error("PastTrips:addLastTrip Unresolved error ", errorAndUserInfo(text.error()));
   }
 }
 
 }  // namespace
 
 std::shared_ptr<PastTrips> PastTrips::addLastTrip(const platform::Dictionary& trip, Context& context) {
-  const auto id = integerUnder(trip, "pasttrip_id");
+  const auto id = platform::findInteger(trip, "pasttrip_id");
   if (id) removeTripIfExist(context, *id);
-  const auto added = insertAs<PastTrips>(context);
+  const auto added = insert(context);
   if (!added) return nullptr;
   added->setInteger(at::pasttrip_id, id);
   Log::debug("PastTrips:addLastTrip:getLocationHistoryEXTRAPOLATED [net] [succes] pasttrip_id:", id);
   for (const auto& [attribute, logText] : kCoordinates) {
-    const double value = numberUnder(trip, at::kAll[attribute].name).value_or(0);
+    const double value = platform::findNumber(trip, at::kAll[attribute].name).value_or(0);
     added->setNumber(attribute, value);
     Log::debug(logText, value);
   }
@@ -101,42 +76,42 @@ std::shared_ptr<PastTrips> PastTrips::addLastTrip(const platform::Dictionary& tr
   return added;
 }
 
+void PastTrips::remove(Context& context, std::string_view failureText, const platform::NSFetchRequest& request) {
+  const auto trips = fetch(context, failureText, request);
+  if (!trips) return;
+  for (const auto& trip : *trips) {
+    Log::debug("LastTrips removeData pasttrip_id ", trip->pasttripID());
+    context.deleteObject(trip);
+  }
+}
+
 void PastTrips::removeTripIfExist(Context& context, std::int64_t pasttripID) {
-  removeMatches(context, {.entity = std::string(kEntity), .predicates = {{"pasttrip_id", Operator::equal, pasttripID}}},
-                "LastTrips removeTripIfExist Unresolved error ");
+  remove(context, "LastTrips removeTripIfExist Unresolved error ",
+         {.predicates = {{"pasttrip_id", Operator::equal, pasttripID}}});
 }
 
 std::shared_ptr<PastTrips> PastTrips::getLastPastTrip(Context& context) {
   Log::debug("LastTrips:getLastPastTrip [loc] [] mainThread:", mainThread());
-  auto trips = fetchAs<PastTrips>(
-      context, {.entity = std::string(kEntity), .sortDescriptors = {{"pasttrip_id", false}}, .fetchLimit = 1});
-  if (!trips) {
-    Log::error(" LastTrips Unresolved error ", errorAndUserInfo(trips.error()));
-    return nullptr;
-  }
-  if (trips->empty()) return nullptr;
-  Log::debug("LastTrips:getLastPastTrip [loc] pasttrip_ID:", trips->front()->pasttripID(),
+  const auto newest =
+      fetch(context, " LastTrips Unresolved error ", {.sortDescriptors = {{"pasttrip_id", false}}, .fetchLimit = 1});
+  if (!newest || newest->empty()) return nullptr;
+  Log::debug("LastTrips:getLastPastTrip [loc] pasttrip_ID:", newest->front()->pasttripID(),
              " mainThread:", mainThread());
-  return trips->front();
+  return newest->front();
 }
 
 bool PastTrips::lackIdentifiers(Context& context) {
   if (!context.coordinator().hasStore()) return false;  // why, is for an operation that logs it
   auto identified =
-      context.count({.entity = std::string(kEntity),
-                     .predicates = {{"pasttrip_id", Operator::atLeast, std::numeric_limits<std::int64_t>::min()}}});
+      count(context, {.predicates = {{"pasttrip_id", Operator::atLeast, std::numeric_limits<std::int64_t>::min()}}});
   return identified && *identified == 0;
 }
 
 PastTrips::List PastTrips::getLocationHistoryExtraPolated(Context& context, Date since, Date until) {
-  auto trips = fetchAs<PastTrips>(
-      context, {.entity = std::string(kEntity),
-                .predicates = {{"start_time", Operator::atLeast, since}, {"start_time", Operator::atMost, until}},
-                .sortDescriptors = {{"pasttrip_id", true}}});
-  if (!trips) {
-    Log::error("LastTrips:getLocationHistory Unresolved error ", errorAndUserInfo(trips.error()));
-    return {};
-  }
+  auto trips = fetch(context, "LastTrips:getLocationHistory Unresolved error ",
+                     {.predicates = {{"start_time", Operator::atLeast, since}, {"start_time", Operator::atMost, until}},
+                      .sortDescriptors = {{"pasttrip_id", true}}});
+  if (!trips) return {};
   const auto printed = [&](bool first) {
     if (trips->empty()) return std::string("nil");
     const PastTrips& trip = first ? *trips->front() : *trips->back();
@@ -147,9 +122,7 @@ PastTrips::List PastTrips::getLocationHistoryExtraPolated(Context& context, Date
   return std::move(*trips);
 }
 
-void PastTrips::removeData(Context& context) {
-  removeMatches(context, {.entity = std::string(kEntity)}, "LastTrips removeData Unresolved error ");
-}
+void PastTrips::removeData(Context& context) { remove(context, "LastTrips removeData Unresolved error ", {}); }
 
 PastTripRecord PastTrips::record() const {
   PastTripRecord record;
@@ -160,7 +133,7 @@ PastTripRecord PastTrips::record() const {
   record.arrival_lon = number(at::arrival_lon);
   record.start_time = date(at::start_time);
   record.arrival_time = date(at::arrival_time);
-  record.route = ownedText(string(at::route));
+  record.route = text(at::route);
   return record;
 }
 

@@ -5,25 +5,21 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include <tarvo/Records.h>
 #include <tarvo/platform/Value.h>
 
-#include "platform/persistence/NSManagedObjectContext.h"
+#include "store/Entity.h"
 
 namespace tarvo {
 
 /// A past trip that the backend rebuilt from the uploaded positions; replaced when it comes again.
 ///
-/// Threads: everything only inside a block of the given context. No operation saves or throws.
-class PastTrips : public platform::NSManagedObject {
+/// Threads and errors: see Entity.
+class PastTrips : public Entity<PastTrips> {
  public:
   static constexpr std::string_view kEntity = "PastTrips";
-  using List = std::vector<std::shared_ptr<PastTrips>>;
-  using Context = platform::NSManagedObjectContext;
-
-  using NSManagedObject::NSManagedObject;
+  using Entity::Entity;
 
   /// Missing coordinates become 0, unreadable times absent.
   static std::shared_ptr<PastTrips> addLastTrip(const platform::Dictionary& trip, Context& context);
@@ -40,6 +36,10 @@ class PastTrips : public platform::NSManagedObject {
   std::optional<std::int64_t> pasttripID() const;
   /// One line for the log, without the route's text.
   std::string description() const;
+
+ private:
+  /// Deletes the trips of the request.
+  static void remove(Context& context, std::string_view failureText, const platform::NSFetchRequest& request);
 };
 
 }  // namespace tarvo

@@ -6,7 +6,6 @@
 #include "platform/foundation/Json.h"
 #include "platform/foundation/Text.h"
 #include "store/Attributes.h"
-#include "store/RecordReading.h"
 
 namespace tarvo {
 
@@ -37,7 +36,7 @@ std::optional<platform::Error> setGeoJson(PointOfInterest& added, const platform
 
 std::shared_ptr<PointOfInterest> PointOfInterest::addPOI(const platform::Dictionary& poi, Context& context) {
   Log::debug("PointOfInterest:addPOI [net] [succes] called ", poi);
-  const auto added = insertAs<PointOfInterest>(context);
+  const auto added = insert(context);
   if (!added) return nullptr;
   if (const Value* latitude = platform::find(poi, "lat")) added->setNumber(at::latitude, latitude->asDouble());
   if (const Value* longitude = platform::find(poi, "lon")) added->setNumber(at::longitude, longitude->asDouble());
@@ -50,12 +49,8 @@ std::shared_ptr<PointOfInterest> PointOfInterest::addPOI(const platform::Diction
 
 PointOfInterest::List PointOfInterest::getPOIs(Context& context) {
   Log::debug("PointOfInterest:getPOIs called");
-  auto pois =
-      fetchAs<PointOfInterest>(context, {.entity = std::string(kEntity), .sortDescriptors = {{"poi_id", false}}});
-  if (!pois) {
-    Log::error("PointOfInterest:getPOIs Unresolved error ", errorAndUserInfo(pois.error()));
-    return {};
-  }
+  auto pois = fetch(context, "PointOfInterest:getPOIs Unresolved error ", {.sortDescriptors = {{"poi_id", false}}});
+  if (!pois) return {};
   std::string list = "[";
   for (const auto& poi : *pois) list += platform::concat(list.size() > 1 ? ", " : "", poi->description());
   Log::debug("PointOfInterest:getPOIs pois ", pois->size(), ": ", list, "]");
@@ -63,11 +58,8 @@ PointOfInterest::List PointOfInterest::getPOIs(Context& context) {
 }
 
 void PointOfInterest::removePOIs(Context& context) {
-  auto pois = fetchAs<PointOfInterest>(context, {.entity = std::string(kEntity)});
-  if (!pois) {
-    Log::error("LastTrips removeData Unresolved error ", errorAndUserInfo(pois.error()));
-    return;
-  }
+  const auto pois = fetch(context, "LastTrips removeData Unresolved error ");
+  if (!pois) return;
   for (const auto& poi : *pois) {
     Log::debug("removePOIs removeData pasttrip_id ", poi->integer(at::poi_id));
     context.deleteObject(poi);
@@ -79,8 +71,8 @@ PointOfInterestRecord PointOfInterest::record() const {
   record.poi_id = integer(at::poi_id);
   record.latitude = number(at::latitude);
   record.longitude = number(at::longitude);
-  record.point_geo_json = ownedText(string(at::point_geo_json));
-  record.zone_geo_json = ownedText(string(at::zone_geo_json));
+  record.point_geo_json = text(at::point_geo_json);
+  record.zone_geo_json = text(at::zone_geo_json);
   return record;
 }
 

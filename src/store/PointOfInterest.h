@@ -3,27 +3,23 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include <tarvo/Records.h>
 #include <tarvo/platform/UserDefaults.h>
 #include <tarvo/platform/Value.h>
 
-#include "platform/persistence/NSManagedObjectContext.h"
+#include "store/Entity.h"
 
 namespace tarvo {
 
 /// A place that the backend derived: a point and the zone around it. Not de-duplicated, on purpose: a list that is
 /// ingested again adds copies.
 ///
-/// Threads: everything only inside a block of the given context. No operation saves or throws.
-class PointOfInterest : public platform::NSManagedObject {
+/// Threads and errors: see Entity.
+class PointOfInterest : public Entity<PointOfInterest> {
  public:
   static constexpr std::string_view kEntity = "PointOfInterest";
-  using List = std::vector<std::shared_ptr<PointOfInterest>>;
-  using Context = platform::NSManagedObjectContext;
-
-  using NSManagedObject::NSManagedObject;
+  using Entity::Entity;
 
   static std::shared_ptr<PointOfInterest> addPOI(const platform::Dictionary& poi, Context& context);
   /// Highest identifier first.

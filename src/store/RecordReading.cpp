@@ -1,9 +1,12 @@
 #include "store/RecordReading.h"
 
 #include <numeric>
+#include <utility>
+#include <vector>
 
 #include "log/Log.h"
 #include "records/Positions.h"
+#include "settings/Names.h"
 
 namespace tarvo {
 namespace {
@@ -36,7 +39,7 @@ class StoredPositions : public PositionSource {
     return pass({at::latitude, at::longitude, at::serviceAction}, [&](const platform::StoredRow& row) {
       const auto latitude = row.number(0);
       const auto longitude = row.number(1);
-      if (latitude && longitude) visit({*latitude, *longitude, row.string(2) == RoutePoint::kDisabled});
+      if (latitude && longitude) visit({*latitude, *longitude, row.string(2) == action::kDisabled});
       return true;
     });
   }

@@ -8,27 +8,21 @@
 #include "platform/foundation/Json.h"
 #include "platform/foundation/Text.h"
 #include "store/Attributes.h"
-#include "store/RecordReading.h"
 
 namespace tarvo {
 
 namespace at = attribute::users;
-using platform::errorAndUserInfo;
 
 void Users::addUser(std::string_view uuid, std::string_view timestamp, Context& context) {
-  const auto added = insertAs<Users>(context);
+  const auto added = insert(context);
   if (!added) return;
   added->setString(at::uuid, uuid);
   added->setString(at::timestamp, timestamp);
 }
 
 Users::List Users::getUsers(Context& context) {
-  auto users = fetchAs<Users>(context, {.entity = std::string(kEntity)});
-  if (!users) {
-    Log::error("Users:getUsers [loc] error:", errorAndUserInfo(users.error()));
-    return {};
-  }
-  return std::move(*users);
+  auto users = fetch(context, "Users:getUsers [loc] error:");
+  return users ? std::move(*users) : List{};
 }
 
 std::optional<std::string> Users::getUserUUID(Context& context) {
@@ -52,13 +46,13 @@ std::optional<std::string> Users::convertUsersToJSON(const Users& user) {
   auto text = platform::serializeJson(description);
   if (!text) {
     // The text names another operation; whoever searches logs for this failure looks for these words.
-    Log::error("Locations:markLocationAsSentUntilIndex [loc] error:", errorAndUserInfo(text.error()));
+    Log::error("Locations:markLocationAsSentUntilIndex [loc] error:", platform::errorAndUserInfo(text.error()));
     return std::nullopt;
   }
   return std::move(*text);
 }
 
-std::optional<std::string> Users::uuid() const { return ownedText(string(at::uuid)); }
-std::optional<std::string> Users::timestamp() const { return ownedText(string(at::timestamp)); }
+std::optional<std::string> Users::uuid() const { return text(at::uuid); }
+std::optional<std::string> Users::timestamp() const { return text(at::timestamp); }
 
 }  // namespace tarvo

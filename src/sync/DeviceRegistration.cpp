@@ -8,6 +8,7 @@
 
 #include "log/Log.h"
 #include "platform/foundation/Json.h"
+#include "settings/EngineLink.h"
 #include "settings/Settings.h"
 #include "store/Users.h"
 
@@ -31,9 +32,6 @@ platform::Dictionary deviceDescription() {
 }
 
 }  // namespace
-
-DeviceRegistration::DeviceRegistration(ObjectStore& store, NetworkManager& client, std::function<void()> startPass)
-    : store_(store), client_(client), startPass_(std::move(startPass)) {}
 
 std::vector<UserRecord> DeviceRegistration::getUser() {
   std::vector<UserRecord> users;
@@ -101,7 +99,7 @@ void DeviceRegistration::storeUser(std::string_view uuid, std::string_view creat
   else
     platform::UserDefaults::standard().whenSynchronized([&context, store] { context.perform(store); });
   Settings::shared().adoptUserUUID(uuid);
-  startPass_();
+  if (EngineLink* engine = EngineLink::installed()) engine->startPass();
 }
 
 }  // namespace tarvo

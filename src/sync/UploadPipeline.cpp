@@ -26,16 +26,31 @@ struct Batch {
 };
 
 /// Only inside a block of the context, so that the text and both ends are of one moment.
-Batch batchOf(const Locations::List& locations, std::string_view uuid) {
-  return {Locations::convertToString(locations, uuid), locations.front()->index().value_or(0),
-          locations.back()->index().value_or(0)};
+Batch batchOf(const Locations::List& positions, std::string_view uuid) {
+  return {Locations::convertToString(positions, uuid), positions.front()->index().value_or(0),
+          positions.back()->index().value_or(0)};
+}
+
+/// The first and the last index of positions, behind `opening`.
+void logRange(std::string_view opening, const Locations::List& positions) {
+  Log::debug(opening, positions.front()->index(), " to:", positions.back()->index(), " mainThread:", mainThread());
+}
+
+/// What `fetch` gives, told in the log. Takes the right to write before, since what is posted gets marks: another
+/// process that writes posts by itself.
+Locations::List toPost(ObjectStore& store, Locations::List (*fetch)(Locations::Context&), std::string_view none,
+                       std::string_view opening) {
+  auto& context = store.managedObjectContext();
+  (void)context.claim();
+  auto positions = fetch(context);
+  if (positions.empty())
+    Log::debug(none, mainThread());
+  else
+    logRange(opening, positions);
+  return positions;
 }
 
 }  // namespace
-
-UploadPipeline::UploadPipeline(ObjectStore& store, NetworkManager& client, DeviceRegistration& registration,
-                               SyncState& state)
-    : store_(store), client_(client), registration_(registration), state_(state) {}
 
 void UploadPipeline::startPass() {
   Settings& settings = Settings::shared();
@@ -44,11 +59,12 @@ void UploadPipeline::startPass() {
   Log::debug("LocationManager:sendDataInBatchToRemoteWebServer [loc]=====CALLED======CANAL===", attempt.wasLocked,
              "=====", attempt.elapsed.count(), "=======");
   if (!attempt.taken) return;
-  if (state_.networkManagerReceivedSessionError.load()) {
+  if (networkManagerReceivedSessionError.load()) {
     settings.uploadChannel.release();
     return;
   }
-  const Locations::List awaiting = getSentWithoutACKLocations();
+  Locations::List awaiting;
+  store_.managedObjectContext().performAndWait([&] { awaiting = getSentWithoutACKLocations(); });
   if (!awaiting.empty())
     resendAllSentWithoutACKData(awaiting);
   else
@@ -58,38 +74,19 @@ void UploadPipeline::startPass() {
 std::optional<std::string> UploadPipeline::userOrRegistration() {
   if (auto identity = Settings::shared().identity()) return std::move(identity->name);
   // The channel stays held: the first batch of a fresh device leaves once it is stale.
-  state_.setApiKey(registration_.checkAndRegisterUser());
+  registration_.apiKey.set(registration_.checkAndRegisterUser());
   return std::nullopt;
 }
 
 Locations::List UploadPipeline::getSentWithoutACKLocations() {
-  Locations::List locations;
-  auto& context = store_.managedObjectContext();
-  context.performAndWait([&] {
-    (void)context.claim();  // what is posted gets marks: another process that writes posts by itself
-    locations = Locations::getSentWithoutACKLocations(context, Locations::Unsaved::leftOut);
-    if (locations.empty())
-      Log::debug("LocationManager:getSentWithoutACKLocations [net] [] mainThread:", mainThread());
-    else
-      Log::debug("LocationManager:getSentWithoutACKLocations [net] from:", locations.front()->index(),
-                 " to:", locations.back()->index(), " mainThread:", mainThread());
-  });
-  return locations;
+  return toPost(store_, Locations::getSentWithoutACKLocations,
+                "LocationManager:getSentWithoutACKLocations [net] [] mainThread:",
+                "LocationManager:getSentWithoutACKLocations [net] from:");
 }
 
 Locations::List UploadPipeline::getUnsentLocations() {
-  Locations::List locations;
-  auto& context = store_.managedObjectContext();
-  context.performAndWait([&] {
-    (void)context.claim();
-    locations = Locations::getUnsentLocations(context, Locations::Unsaved::leftOut);
-    if (locations.empty())
-      Log::debug("LocationManager:getUnsentLocations [net] [] mainThread:", mainThread());
-    else
-      Log::debug("LocationManager:getUnsentLocations [net] from:", locations.front()->index(),
-                 " to:", locations.back()->index(), " mainThread:", mainThread());
-  });
-  return locations;
+  return toPost(store_, Locations::getUnsentLocations, "LocationManager:getUnsentLocations [net] [] mainThread:",
+                "LocationManager:getUnsentLocations [net] from:");
 }
 
 void UploadPipeline::sendAllUnsentDataToRemoteWebServer() {
@@ -101,20 +98,19 @@ void UploadPipeline::sendAllUnsentDataToRemoteWebServer() {
   context.performAndWait([&] {
     posted_ = getUnsentLocations();
     if (posted_.empty()) return;
-    Log::debug("LocationManager:sendAllUnsentDataToRemoteWebServer [net] from:", posted_.front()->index(),
-               " to:", posted_.back()->index(), " mainThread:", mainThread());
+    logRange("LocationManager:sendAllUnsentDataToRemoteWebServer [net] from:", posted_);
     batch = batchOf(posted_, *uuid);
     identifiers.reserve(posted_.size());
-    for (const auto& location : posted_) identifiers.push_back(location->objectID());
+    for (const auto& position : posted_) identifiers.push_back(position->objectID());
   });
   if (identifiers.empty()) {
     Settings::shared().uploadChannel.release();
     return;
   }
-  const std::size_t positions = identifiers.size();
+  const std::size_t count = identifiers.size();
   for (auto& identifier : identifiers)
     context.perform([this, identifier = std::move(identifier)] { markLocationAsSentWithoutACKWithID(identifier); });
-  post(std::move(batch.json), batch.first, batch.last, positions);
+  post(std::move(batch.json), batch.first, batch.last, count);
 }
 
 void UploadPipeline::markLocationAsSentWithoutACKWithID(const platform::NSManagedObjectID& locationID) {
@@ -123,38 +119,37 @@ void UploadPipeline::markLocationAsSentWithoutACKWithID(const platform::NSManage
   store_.saveContext();
 }
 
-void UploadPipeline::resendAllSentWithoutACKData(const Locations::List& locations) {
+void UploadPipeline::resendAllSentWithoutACKData(const Locations::List& positions) {
   const auto uuid = userOrRegistration();
   if (!uuid) return;
-  Log::debug("LocationManager:resendAllSentWithoutACKData :count = ", locations.size());
-  if (locations.empty()) return;
+  Log::debug("LocationManager:resendAllSentWithoutACKData :count = ", positions.size());
+  if (positions.empty()) return;
   // The pass of an acknowledgement runs inside a block; it follows one outside, which has asked for the name.
   const auto lookup =
       store_.managedObjectContext().isCurrent() ? platform::NameLookup::known : platform::NameLookup::ask;
   if (!isServerReachable(/*viaWiFi=*/false, Settings::shared().remoteWebServerURL(), lookup)) return;
   Batch batch;
   store_.managedObjectContext().performAndWait([&] {
-    Log::debug("LocationManager:resendAllSentWithoutACKData [net] from:", locations.front()->index(),
-               " to:", locations.back()->index(), " mainThread:", mainThread());
-    batch = batchOf(locations, *uuid);
+    logRange("LocationManager:resendAllSentWithoutACKData [net] from:", positions);
+    batch = batchOf(positions, *uuid);
   });
-  post(std::move(batch.json), batch.first, batch.last, locations.size());
+  post(std::move(batch.json), batch.first, batch.last, positions.size());
 }
 
-void UploadPipeline::resendAllSentWithoutACKData(const std::vector<LocationRecord>& locations) {
+void UploadPipeline::resendAllSentWithoutACKData(const std::vector<LocationRecord>& positions) {
   std::optional<std::int64_t> first, last;
-  for (const LocationRecord& location : locations) {
-    if (!location.index) continue;
-    first = std::min(first.value_or(*location.index), *location.index);
-    last = std::max(last.value_or(*location.index), *location.index);
+  for (const LocationRecord& position : positions) {
+    if (!position.index) continue;
+    first = std::min(first.value_or(*position.index), *position.index);
+    last = std::max(last.value_or(*position.index), *position.index);
   }
   Locations::List awaiting;
   auto& context = store_.managedObjectContext();
   context.performAndWait([&] {
     (void)context.claim();
-    awaiting = Locations::getSentWithoutACKLocations(context, Locations::Unsaved::leftOut);
-    std::erase_if(awaiting, [&](const auto& location) {
-      const auto index = location->index();
+    awaiting = Locations::getSentWithoutACKLocations(context);
+    std::erase_if(awaiting, [&](const auto& position) {
+      const auto index = position->index();
       return !index || index < first || index > last;
     });
   });

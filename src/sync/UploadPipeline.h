@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -10,7 +9,6 @@
 
 #include "store/Locations.h"
 #include "store/ObjectStore.h"
-#include "sync/SyncState.h"
 
 namespace tarvo {
 
@@ -27,7 +25,8 @@ class NetworkManager;
 /// operation says, and the next event tries again.
 class UploadPipeline {
  public:
-  UploadPipeline(ObjectStore& store, NetworkManager& client, DeviceRegistration& registration, SyncState& state);
+  UploadPipeline(ObjectStore& store, NetworkManager& client, DeviceRegistration& registration)
+      : store_(store), client_(client), registration_(registration) {}
 
   /// One upload pass: takes the channel if it is free or stale (180 s) and posts what comes first.
   void startPass();
@@ -37,13 +36,17 @@ class UploadPipeline {
   void sendAllUnsentDataToRemoteWebServer();
 
   /// Posts these positions again, unless the backend is out of reach; the channel then stays held.
-  void resendAllSentWithoutACKData(const Locations::List& locations);
+  void resendAllSentWithoutACKData(const Locations::List& positions);
   /// The same with copies: of the 1000 oldest which still await those from the first to the last of these, by index.
   /// None is left out in between, since the answer acknowledges all.
-  void resendAllSentWithoutACKData(const std::vector<LocationRecord>& locations);
+  void resendAllSentWithoutACKData(const std::vector<LocationRecord>& positions);
 
-  /// The acknowledgement of a batch, given as texts: its last index, then its first.
+  /// The acknowledgement of a batch, given as texts: its last index, then its first. Waits for it; the pass that
+  /// follows runs inside the same block of the context.
   void acknowledge(std::string_view locationIndex, std::string_view firstLoc);
+
+  /// Set by a session error and never cleared: no batch starts until the process is started anew.
+  std::atomic<bool> networkManagerReceivedSessionError{false};
 
   std::uint64_t batchesPosted() const { return batchesPosted_.load(); }
   std::uint64_t positionsPosted() const { return positionsPosted_.load(); }
@@ -51,6 +54,7 @@ class UploadPipeline {
  private:
   /// The user's identifier while uploads are possible; else checks the user.
   std::optional<std::string> userOrRegistration();
+  // Only inside a block of the context; what they give is to be posted.
   Locations::List getSentWithoutACKLocations();
   Locations::List getUnsentLocations();
   void markLocationAsSentWithoutACKWithID(const platform::NSManagedObjectID& locationID);
@@ -59,9 +63,8 @@ class UploadPipeline {
   ObjectStore& store_;
   NetworkManager& client_;
   DeviceRegistration& registration_;
-  SyncState& state_;
-  /// The batch that was posted last: its marks and its acknowledgement find the records in use and need not read them
-  /// again. Touched only inside blocks of the context.
+  /// The batch that was posted last, held so that its marks and its acknowledgement need not read its positions from
+  /// the file again. Touched only inside blocks of the context.
   Locations::List posted_;
   std::atomic<std::uint64_t> batchesPosted_{0};
   std::atomic<std::uint64_t> positionsPosted_{0};

@@ -174,7 +174,7 @@ TEST_F(BackendWork, StopsBeforeItStoresTripsWhoseIdentifiersItCannotTake) {
     ASSERT_GE(child, 0);
     if (child == 0) {
       ObjectStore store;
-      History(store).addNewLastTrip(trips);
+      DownloadIngest(store).addNewLastTrip(trips);
       ::_exit(0);
     }
     int status = 0;
@@ -182,10 +182,10 @@ TEST_F(BackendWork, StopsBeforeItStoresTripsWhoseIdentifiersItCannotTake) {
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << &trips - bad;
   }
   ObjectStore store;
-  History history(store);
-  EXPECT_FALSE(history.getLastPastTrip()) << "the next launch starts clean";
-  EXPECT_EQ(history.addNewLastTrip({trip(7.0), without})->pasttrips.front().pasttrip_id, 7);
-  EXPECT_EQ(history.addNewLastTrip({without})->pasttrips.front().pasttrip_id, 7);
+  DownloadIngest ingest(store);
+  EXPECT_FALSE(HistoryReads(store).getLastPastTrip()) << "the next launch starts clean";
+  EXPECT_EQ(ingest.addNewLastTrip({trip(7.0), without})->pasttrips.front().pasttrip_id, 7);
+  EXPECT_EQ(ingest.addNewLastTrip({without})->pasttrips.front().pasttrip_id, 7);
 }
 
 TEST_F(AfterAKill, TheUploadRestsInLocalModesAndGoesOnWithAnActivation) {

@@ -104,6 +104,8 @@ TEST_F(Upload, SendsABacklogInBatchesOfAThousandOnePerAcknowledgement) {
   upload();
   // One pass by the call, the others by the acknowledgements, the last of which finds nothing.
   EXPECT_EQ(diary.count(kCalled), 4u);
+  engine().addNewUserToDatabase("u-2", "2017-03-02");
+  EXPECT_EQ(diary.count(kCalled), 5u) << "whoever stores a user starts a pass";
   EXPECT_EQ(diary.count("sendAllUnsentDataToRemoteWebServer [net] from:0 to:999 "), 1u);
   EXPECT_EQ(diary.count("sendAllUnsentDataToRemoteWebServer [net] from:2000 to:2499 "), 1u);
   EXPECT_EQ(backend.holdings().batches, 3);

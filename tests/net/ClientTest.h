@@ -6,7 +6,6 @@
 #include <tarvo/platform/UserDefaults.h>
 
 #include <algorithm>
-#include <atomic>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -14,8 +13,8 @@
 
 #include "platform/foundation/Activity.h"
 #include "platform/foundation/Text.h"
-#include "settings/EngineLink.h"
 #include "settings/Settings.h"
+#include "support/DiaryEngine.h"
 #include "support/LogDiary.h"
 #include "support/TempDir.h"
 #include "support/Servers.h"
@@ -90,39 +89,12 @@ class Backend {
   Running<> server_;  // the first to go
 };
 
-/// An engine that writes what it is told into the system log, so that one diary holds the order of lines and effects.
-class DiaryEngine final : public EngineLink {
+/// With the client that the engine itself would have.
+class ClientEngine final : public DiaryEngine {
  public:
-  NewestTrip newest;
-  std::atomic<bool> received{false};
-
   NetworkManager& client() override {
     static auto* own = new NetworkManager;
     return *own;
-  }
-
-  void acknowledge(const std::string& locationIndex, const std::string& firstLoc) override {
-    note("mark ", firstLoc, "-", locationIndex);
-  }
-  void startPass() override { note("send"); }
-  void storeUser(const std::string& uuid, const std::string& creationDate) override {
-    note("user ", uuid, " ", creationDate);
-    Settings::shared().adoptUserUUID(uuid);
-  }
-  bool alreadyReceivedUUID() const override { return received; }
-  void setAlreadyReceivedUUID(bool value) override {
-    note("received ", value);
-    received = value;
-  }
-  NewestTrip newestTrip() override { return newest; }
-  void submitLastTrips(std::vector<platform::Dictionary> trips) override { note("trips ", trips.size()); }
-  void submitPOIs(std::vector<platform::Dictionary> pois) override { note("pois ", pois.size()); }
-  void predictionStored() override { note("prediction"); }
-
- private:
-  template <class... Parts>
-  static void note(const Parts&... parts) {
-    platform::NSLog(platform::concat("engine: ", parts...));
   }
 };
 
@@ -174,7 +146,7 @@ class ClientTest : public ::testing::Test {
 
  protected:
   Backend backend;
-  DiaryEngine& engine = *new DiaryEngine;
+  DiaryEngine& engine = *new ClientEngine;
   Settings& settings = Settings::shared();
   platform::UserDefaults& defaults = platform::UserDefaults::standard();
 

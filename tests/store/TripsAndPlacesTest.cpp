@@ -5,7 +5,6 @@
 #include "store/PastTrips.h"
 #include "store/PointOfInterest.h"
 #include "store/StoreFixture.h"
-#include "store/Users.h"
 
 namespace tarvo {
 namespace {
@@ -22,7 +21,6 @@ Date at(int hourUTC, int minute = 0) {
 
 using StoredTrips = test::StoreTest;
 using StoredPlaces = test::StoreTest;
-using StoredUsers = test::StoreTest;
 
 TEST_F(StoredTrips, AreReplacedById) {
   within([&](Context& context) {
@@ -50,8 +48,10 @@ TEST_F(StoredTrips, ReadWhatTheyCanOfAnOddAnswer) {
     EXPECT_FALSE(record.pasttrip_id || record.start_time || record.arrival_time || record.route);
     EXPECT_TRUE(
         PastTrips::getLocationHistoryExtraPolated(context, platform::distantPast(), platform::distantFuture()).empty());
+    PastTrips::addLastTrip({{"route", platform::Dictionary{{"name", "\xff"}}}}, context);
   });
   EXPECT_EQ(logged("PastTrips:addLastTrip Unresolved error Error Domain="), 1U);
+  EXPECT_EQ(logged("PastTrips:addLastTrip:Failed to load GEOJSON: "), 1U);
 }
 
 TEST_F(StoredTrips, AreFoundByTheirStartInIdentifierOrder) {
@@ -104,17 +104,6 @@ TEST_F(StoredPlaces, AreNeverReplacedAndComeHighestIdentifierFirst) {
   EXPECT_EQ(logged("PointOfInterest:addPOI:Failed to load GEOJSON: "), 3U);
   EXPECT_EQ(logged("PointOfInterest:addPOI Unresolved error "), 2U);
   EXPECT_EQ(logged("removePOIs removeData pasttrip_id 11"), 2U);
-}
-
-TEST_F(StoredUsers, FirstOneGivesTheIdentifier) {
-  within([&](Context& context) {
-    EXPECT_EQ(Users::getUserUUID(context), std::nullopt);
-    Users::addUser("u-1", "2017-03-02", context);
-    ASSERT_FALSE(context.save());
-    Users::addUser("u-2", "2017-03-03", context);
-    EXPECT_EQ(Users::getUserUUID(context), "u-1");
-    EXPECT_EQ(Users::getUsers(context).back()->timestamp(), "2017-03-03");
-  });
 }
 
 }  // namespace

@@ -1,29 +1,22 @@
 #pragma once
 
 #include <optional>
+#include <string>
 #include <vector>
 
 #include <tarvo/LocationsHistory.h>
-#include <tarvo/Records.h>
 
 #include "store/ObjectStore.h"
 
 namespace tarvo {
 
-/// Takes histories, past trips and places out of the store, and what the backend sent into it.
+/// Puts the past trips and places that the backend sends into the store, and takes them all out again.
 ///
-/// Threads: any; store work runs in blocks of the context, which the caller waits for. What is handed out are copies.
-/// Errors: never throws; a failed fetch gives an empty history.
-class History {
+/// Threads: any; store work runs in blocks of the context, which the caller waits for. Errors: never throws; what fails
+/// is logged.
+class DownloadIngest {
  public:
-  explicit History(ObjectStore& store) : store_(store) {}
-
-  /// An absent bound is no bound. Always an object, also without positions.
-  LocationsHistory getLocationhistory(std::optional<platform::Date> since, std::optional<platform::Date> until);
-  LocationsHistory getLocationhistoryExtraPolated(std::optional<platform::Date> since,
-                                                  std::optional<platform::Date> until);
-  std::vector<PointOfInterestRecord> getPointOfInterest();
-  std::optional<PastTripRecord> getLastPastTrip();
+  explicit DownloadIngest(ObjectStore& store) : store_(store) {}
 
   /// Stores each trip with a save of its own, then makes the newest stored one's identifier the last trip id. A
   /// "pasttrip_id" that is no integer, and a newest trip without one, stop the process before anything is stored.
@@ -39,5 +32,10 @@ class History {
  private:
   ObjectStore& store_;
 };
+
+/// Reads an answer of the log endpoint and deletes the log file that it says the backend holds.
+///
+/// Threads: any; runs to its end on the caller's thread. Errors: never throws; what cannot be read is logged.
+void handleLogUploadReply(const std::string& data);
 
 }  // namespace tarvo
