@@ -51,6 +51,20 @@ Observation observe(const std::string& process) {
   return seen;
 }
 
+/// What no other process can share.
+std::int64_t privateKiB(const std::string& process) {
+  std::ifstream sums("/proc/" + process + "/smaps_rollup");
+  std::int64_t sum = 0;
+  bool isThere = false;
+  for (std::string line; std::getline(sums, line);)
+    if (line.starts_with("Private_")) {
+      isThere = true;
+      sum += std::strtoll(line.c_str() + line.find(':') + 1, nullptr, 10);
+    }
+  if (!isThere) bench::fail("the process has no smaps_rollup");
+  return sum;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -70,7 +84,8 @@ int main(int argc, char** argv) {
   std::this_thread::sleep_for(std::chrono::duration<double>(span));
   const Observation after = observe(process);
   bench::report("idle.wakeups", static_cast<double>(after.switches - before.switches) / span);
-  bench::report("idle.memory", static_cast<double>(bench::statusNumber(process, "VmRSS")) / 1024);
+  bench::report("idle.memory", static_cast<double>(privateKiB(process)) / 1024);
+  bench::report("idle.resident", static_cast<double>(bench::statusNumber(process, "VmRSS")) / 1024);
   bench::report("idle.threads", static_cast<double>(after.threads));
   kill(child, SIGTERM);
   waitpid(child, nullptr, 0);

@@ -363,26 +363,30 @@ TEST(Fetch, AnswersThePipelinesQueriesFromAnIndex) {
   const auto* entity = store.coordinator->model().entity("Locations");
   // Whether sorting the matches is left to SQLite stands last.
   const std::tuple<NSFetchRequest, const char*, bool> cases[] = {
-      {unsentRequest(), "Locations_unsent", false},
-      {{"Locations", {{"sentWithoutACK", Op::equal, true}}, {{"index", true}}, 1000}, "Locations_awaiting", false},
-      {{"Locations", {}, {{"locationTimestamp", false}}, 1}, "Locations_locationTimestamp", false},
-      {{"Locations", {}, {{"index", false}}, 1000}, "Locations_index", false},
-      {{"Locations", {{"index", Op::atMost, "9"}, {"index", Op::atLeast, "1"}}}, "Locations_index", false},
-      {{"Locations", {{"index", Op::equal, "9"}}}, "Locations_index", false},
+      {unsentRequest(), "INDEX Locations_queued", false},
+      {{"Locations", {{"sentWithoutACK", Op::equal, true}}, {{"index", true}}, 1000}, "INDEX Locations_queued", false},
+      {{"Locations", {}, {{"locationTimestamp", false}}, 1}, "INDEX Locations_locationTimestamp", false},
+      {{"Locations", {}, {{"index", false}}, 1000}, "SCAN Locations\n", false},  // by key, from its end
+      {{"Locations", {{"index", Op::atMost, "9"}, {"index", Op::atLeast, "1"}}},
+       "PRIMARY KEY (rowid>? AND rowid<?)\nINDEX 2\nSEARCH Locations USING COVERING INDEX Locations_outOfStep",
+       false},
+      {{"Locations", {{"index", Op::equal, "9"}}},
+       "PRIMARY KEY (rowid=?)\nINDEX 2\nSEARCH Locations USING COVERING INDEX Locations_outOfStep",
+       false},
       {{"Locations",
         {{"eventTimestamp", Op::atLeast, Date{}}, {"eventTimestamp", Op::atMost, Date{}}},
         {{"index", true}}},
-       "Locations_eventTimestamp",
+       "INDEX Locations_eventTimestamp",
        true},
   };
-  for (const auto& [request, index, sorts] : cases) {
+  for (const auto& [request, way, sorts] : cases) {
     auto plan = FetchPlan::compile(*entity, request);
-    Execution explanation(
-        store.coordinator->store()->database(),
-        "EXPLAIN QUERY PLAN SELECT \"_key\" FROM \"Locations\"" + plan->whereClause() + plan->orderClause());
+    Execution explanation(store.coordinator->store()->database(),
+                          "EXPLAIN QUERY PLAN SELECT \"_key\" FROM \"Locations\"" + plan->whereClause() +
+                              plan->orderClause(/*areInStep=*/true));
     std::string text;
     while (explanation.step()) text += std::string(explanation.text(3)) + "\n";
-    EXPECT_NE(text.find(std::string(" INDEX ") + index), std::string::npos) << text;
+    EXPECT_NE(text.find(way), std::string::npos) << text;
     EXPECT_EQ(text.find("TEMP B-TREE") != std::string::npos, sorts) << text;
   }
 }

@@ -60,7 +60,7 @@ bool surviveFault(const std::function<void()>& fault) {
 TEST(Save, KeepsEverythingPendingWhicheverDiskCallFailsAndWhereverTheDiskGetsFull) {
   FaultyDisk::install();
   const std::pair<void (*)(std::int64_t), std::int64_t> faults[] = {{FaultyDisk::failAfterCalls, 1},
-                                                                    {FaultyDisk::failAfterBytes, 3001}};
+                                                                    {FaultyDisk::failAfterBytes, 1501}};
   for (const auto& [failAfter, step] : faults) {
     int failed = 0;
     for (bool saved = false; !saved; ++failed) {
@@ -99,7 +99,7 @@ TEST(Save, CostsTheSameOnAFullDiskWhateverIsPendingAndWritesAllOfItOnceThereIsRo
       }
     }
     // Room for a part: no more is tried in vain than was written, and what was written counts.
-    FaultyDisk::failAfterBytes(300000);
+    FaultyDisk::failAfterBytes(60000);
     rowsTouched = 0;
     EXPECT_TRUE(store.context->save());
     const auto written = next - static_cast<int>(store.context->pendingInsertions("Locations"));

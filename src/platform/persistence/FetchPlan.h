@@ -43,8 +43,9 @@ class FetchPlan {
   /// The rows that `whereClause` leaves out, with the same parameters; nothing where a condition is not a bound, since
   /// no index would find them.
   std::string outsideClause() const;
-  /// " ORDER BY …" or nothing.
-  std::string orderClause() const;
+  /// " ORDER BY …" or nothing. Where all rows are in step, a counter may be sorted by their keys.
+  std::string orderClause(bool areInStep = false) const;
+  bool sortsByCounter() const { return sorts_.size() == 1 && sorts_.front().attribute == entity_->counter; }
   const NSEntityDescription& entity() const { return *entity_; }
   /// What to read of each row, a bit for each attribute.
   std::uint64_t attributes() const { return attributes_; }

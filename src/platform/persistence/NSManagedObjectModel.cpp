@@ -88,6 +88,16 @@ bool readIndexes(const Dictionary& description, NSEntityDescription& entity) {
   return true;
 }
 
+/// The index is as long as the list of rows that are not in step: empty, unless a row was deleted or a number repeated.
+bool readCounter(const Dictionary& description, NSEntityDescription& entity) {
+  if (!find(description, "counter")) return true;
+  entity.counter = entity.attributeIndex(findString(description, "counter").value_or(""));
+  if (!entity.isOfType(entity.counter, NSAttributeType::integer64)) return false;
+  const std::string& name = entity.attributes[static_cast<std::size_t>(entity.counter)].name;
+  entity.indexes.push_back({concat(entity.name, "_outOfStep"), {name}, entity.outOfStep()});
+  return true;
+}
+
 std::unique_ptr<NSEntityDescription> readEntity(const Value& value) {
   const Dictionary* description = value.asDictionary();
   if (!description) return nullptr;
@@ -95,7 +105,9 @@ std::unique_ptr<NSEntityDescription> readEntity(const Value& value) {
   if (!name) return nullptr;
   auto entity = std::make_unique<NSEntityDescription>();
   entity->name = *name;
-  if (!readAttributes(*description, *entity) || !readIndexes(*description, *entity)) return nullptr;
+  if (!readAttributes(*description, *entity) || !readIndexes(*description, *entity) ||
+      !readCounter(*description, *entity))
+    return nullptr;
   return entity;
 }
 
@@ -128,6 +140,14 @@ int NSEntityDescription::attributeIndex(std::string_view attribute) const {
   for (std::size_t i = 0; i < attributes.size(); ++i)
     if (attributes[i].name == attribute) return static_cast<int>(i);
   return -1;
+}
+
+std::string NSEntityDescription::inStep() const {
+  return concat("\"", attributes[static_cast<std::size_t>(counter)].name, "\" = \"_key\" - 1");
+}
+
+std::string NSEntityDescription::outOfStep() const {
+  return concat("\"", attributes[static_cast<std::size_t>(counter)].name, "\" IS NOT \"_key\" - 1");
 }
 
 std::shared_ptr<NSManagedObjectModel> NSManagedObjectModel::load(const ResourceURL& url) {

@@ -40,6 +40,9 @@ struct NSEntityDescription {
   std::vector<NSAttributeDescription> attributes;
   std::array<std::uint64_t, 5> ofType{};  ///< for each type, bit i: attribute i is of it
   std::vector<NSIndexDescription> indexes;
+  /// The attribute that counts the rows, or -1. A row's counter is as a rule its key less one: the row is in step, and
+  /// found and sorted by its key, so that no index of all rows is written. The others are in an index of their own.
+  int counter = -1;
   NSManagedObjectFactory factory = nullptr;  ///< makes objects of the entity's class; null: plain objects
 
   /// One bit for each attribute.
@@ -49,6 +52,9 @@ struct NSEntityDescription {
   }
   /// Position in `attributes`, or -1.
   int attributeIndex(std::string_view attribute) const;
+  /// SQL: whether a row is in step, or is not. Each row is one of both, also one without a counter.
+  std::string inStep() const;
+  std::string outOfStep() const;
 };
 
 /// Entities and the named configurations that group them, as read from a model resource (docs/formats.md).

@@ -98,6 +98,12 @@ Result<bool> NSPersistentStoreCoordinator::Store::rowMatches(const NSEntityDescr
   return found;
 }
 
+bool NSPersistentStoreCoordinator::Store::areInStep(const NSEntityDescription& entity) {
+  Execution others(*database_,
+                   concat("SELECT EXISTS (SELECT 1 FROM \"", entity.name, "\" WHERE ", entity.outOfStep(), ")"));
+  return others.step() && others.integer(0) == 0;
+}
+
 std::optional<Error> NSPersistentStoreCoordinator::Store::write(const EntityObjects& objects,
                                                                 const EntityObjects::Portion& portion,
                                                                 Receipt& receipt) {
@@ -116,15 +122,18 @@ std::optional<Error> NSPersistentStoreCoordinator::Store::insertRows(Table& tabl
     if (!highest.step()) return highest.error(StoreErrorCode::save, "The keys could not be read");
     table.lastKey = highest.integer(0);
   }
+  // A key is used once in a process, also when its row has gone: an id taken before must not name another record. Those
+  // of a transaction that fails were told to nobody, and are given again: a row's key stays one more than its number.
   receipt.firstKey = table.lastKey.value_or(0) + 1;
+  std::int64_t key = receipt.firstKey;
   for (auto next = objects.inserted().begin(); rows > 0; --rows, ++next) {
     Execution insert(*database_, table.insert);
     for (int i = 0; i < count; ++i) RowCodec::bind(insert, i + 1, *next->second, i);
-    // A key is used once in a process, also when its row has gone: an id taken before must not name another record.
-    insert.bind(count + 1, ++*table.lastKey);
+    insert.bind(count + 1, key++);
     insert.step();
     if (insert.failed()) return insert.error(StoreErrorCode::save, "A record could not be inserted");
     ++receipt.rowsAdded;
+    receipt.lastKey = key - 1;
   }
   return std::nullopt;
 }
@@ -165,7 +174,9 @@ std::optional<Error> NSPersistentStoreCoordinator::Store::deleteRows(const Table
 }
 
 void NSPersistentStoreCoordinator::Store::didCommit(const NSEntityDescription& entity, const Receipt& receipt) {
-  if (Table* known = table(entity); known && known->rows) *known->rows += receipt.rowsAdded;
+  Table* known = table(entity);
+  if (known && known->rows) *known->rows += receipt.rowsAdded;
+  if (known && receipt.lastKey) known->lastKey = receipt.lastKey;
 }
 
 }  // namespace tarvo::platform

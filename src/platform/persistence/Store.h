@@ -23,8 +23,9 @@ struct NSPersistentStoreCoordinator::Store {
  public:
   /// What one `write` did, not yet certain.
   struct Receipt {
-    std::int64_t firstKey = 0;   ///< of the inserted rows, whose keys follow each other in the order of the insertions
-    std::int64_t rowsAdded = 0;  ///< negative when more were deleted
+    std::int64_t firstKey = 0;  ///< of the inserted rows, whose keys follow each other in the order of the insertions
+    std::optional<std::int64_t> lastKey;  ///< of the inserted rows
+    std::int64_t rowsAdded = 0;           ///< negative when more were deleted
   };
 
   /// Opens or creates the file; refuses what is not a store of the model. What is there already is not changed.
@@ -46,6 +47,9 @@ struct NSPersistentStoreCoordinator::Store {
   Result<std::int64_t> matchingRows(const NSEntityDescription& entity, const FetchPlan& plan);
   /// Whether the row, as the file has it, matches a plan with conditions.
   Result<bool> rowMatches(const NSEntityDescription& entity, const FetchPlan& plan, std::int64_t key);
+
+  /// Whether all rows of an entity with a counter are in step; one look into an index.
+  bool areInStep(const NSEntityDescription& entity);
 
   /// Writes a portion of what is pending of one entity; more than one row needs a transaction.
   std::optional<Error> write(const EntityObjects& objects, const EntityObjects::Portion& portion, Receipt& receipt);

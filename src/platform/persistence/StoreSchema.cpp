@@ -119,8 +119,13 @@ Result<std::string> StoreSchema::prepare(Database& database) const {
   return uuid;
 }
 
+/// A commit writes whole pages, of which a position and its marks change a few bytes each: the smaller, the less flash
+/// is worn. Below this size rows no longer fit well (docs/performance.md).
+constexpr std::string_view kPageSize = "PRAGMA page_size = 1024";
+
 /// Before write-ahead logging is switched on: the header must be in the file itself once the transaction has ended.
 std::optional<Error> StoreSchema::create(Database& database) const {
+  if (auto error = database.runOnce(kPageSize, StoreErrorCode::open)) return error;  // counts for an empty file only
   Transaction transaction(database);
   if (auto error = transaction.begin()) return error;
   auto isEmpty = hasNoObjects(database);

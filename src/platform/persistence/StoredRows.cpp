@@ -43,14 +43,15 @@ std::optional<Error> StoredRows::forEach(const std::vector<int>& attributes,
   for (const int attribute : attributes)
     sql += concat(attribute == attributes.front() ? "\"" : ", \"", plan_.column(attribute), "\"");
   const std::string where = way_ == Way::all ? "" : plan_.whereClause(way_ == Way::inOrder ? "+" : "");
-  sql += concat(" FROM \"", plan_.entity().name, "\"", where, where.empty() ? " WHERE " : " AND ", "\"_key\" <= ?",
-                plan_.orderClause(), limit > 0 ? " LIMIT ?" : "");
+  sql += concat(" FROM \"", plan_.entity().name, "\"", where, where.empty() ? " WHERE " : " AND ", "\"_key\" <= ?");
   context_->performAndWait([&] {
     auto* store = context_->coordinator().store();
     if (!store) {
       failure = context_->coordinator().whyNoStore("fetch");
       return;
     }
+    const bool areInStep = way_ != Way::byIndex && plan_.sortsByCounter() && store->areInStep(plan_.entity());
+    sql += plan_.orderClause(areInStep) + (limit > 0 ? " LIMIT ?" : "");
     Execution rows(store->database(), sql);
     const int next = where.empty() ? 1 : plan_.bind(rows);  // a bare "?" takes the next number
     rows.bind(next, lastKey_);
