@@ -165,7 +165,11 @@ std::shared_ptr<NSManagedObjectModel> NSManagedObjectModel::load(const ResourceU
     appendShape(shape, *entity);
     model->entities_.push_back(std::move(entity));
   }
-  model->versionHash_ = fingerprint(shape);
+  model->version_.hash = fingerprint(shape);
+  if (const Value* number = find(*top, "version")) {
+    if (!number->asInteger()) return nullptr;
+    model->version_.number = *number->asInteger();
+  }
 
   if (const Value* configurations = find(*top, "configurations")) {
     if (!configurations->asDictionary()) return nullptr;

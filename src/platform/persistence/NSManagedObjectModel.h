@@ -62,8 +62,9 @@ struct NSEntityDescription {
 /// Immutable once a coordinator uses it.
 class NSManagedObjectModel {
  public:
-  /// Absent when the resource is not a model: a JSON object of "entities" (a list of name, attributes and indexes)
-  /// and "configurations" (lists of entity names). An entity has at most 64 attributes.
+  /// Absent when the resource is not a model: a JSON object of "version" (1 without it), "entities" (a list of name,
+  /// attributes, indexes and counter) and "configurations" (lists of entity names). An entity has at most 64
+  /// attributes.
   static std::shared_ptr<NSManagedObjectModel> load(const ResourceURL& url);
 
   /// Sets the class of an entity's objects; before a coordinator uses the model.
@@ -72,13 +73,18 @@ class NSManagedObjectModel {
   const NSEntityDescription* entity(std::string_view name) const;
   /// The entities of a configuration, absent when there is none of that name.
   std::optional<std::vector<const NSEntityDescription*>> configuration(std::string_view name) const;
-  /// Changes whenever an entity, attribute or index does; kept in each store file.
-  const std::string& versionHash() const { return versionHash_; }
+  /// Kept in each store file. The number grows with each change that a store is to follow; the hash changes whenever an
+  /// entity, attribute or index does, and tells models apart that claim to be of one version.
+  struct Version {
+    std::int64_t number = 1;
+    std::string hash;
+  };
+  const Version& version() const { return version_; }
 
  private:
   std::vector<std::unique_ptr<NSEntityDescription>> entities_;
   std::map<std::string, std::vector<std::string>, std::less<>> configurations_;
-  std::string versionHash_;
+  Version version_;
 };
 
 }  // namespace tarvo::platform

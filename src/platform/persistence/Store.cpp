@@ -14,7 +14,6 @@
 #include "platform/foundation/Text.h"
 #include "platform/persistence/RowCodec.h"
 #include "platform/persistence/RowCount.h"
-#include "platform/persistence/StoreSchema.h"
 #include "platform/persistence/WriteRight.h"
 
 namespace tarvo::platform {
@@ -115,7 +114,7 @@ Error unknownEntity(const NSEntityDescription& entity) {
 
 Result<std::unique_ptr<NSPersistentStoreCoordinator::Store>> NSPersistentStoreCoordinator::Store::open(
     const std::filesystem::path& file, const std::vector<const NSEntityDescription*>& entities,
-    const std::string& modelHash) {
+    const NSManagedObjectModel::Version& version) {
   // Of several processes one makes the store, the others find it made. Without the lock SQLite's own transactions keep
   // them apart as well, but for the switch to write-ahead logging.
   FileLock making(WriteRight::lockFileOf(file));
@@ -126,7 +125,8 @@ Result<std::unique_ptr<NSPersistentStoreCoordinator::Store>> NSPersistentStoreCo
   auto opened = Database::open(file);
   if (!opened) return opened.error();
   Database& database = **opened;
-  auto uuid = StoreSchema(entities, modelHash).prepare(database);
+  StoreSchema schema(entities, version);
+  auto uuid = schema.prepare(database);
   if (!uuid) return uuid.error();
   if (database.isReadOnly())
     return storeError(StoreErrorCode::open, "The store file cannot be written", database.file());
@@ -136,20 +136,23 @@ Result<std::unique_ptr<NSPersistentStoreCoordinator::Store>> NSPersistentStoreCo
   }
   if (auto error = setUp(database)) return *error;
   database.watchFiles();
-  return std::unique_ptr<Store>(new Store(std::move(*opened), std::move(*uuid), entities));
+  return std::unique_ptr<Store>(new Store(std::move(*opened), std::move(*uuid), entities, std::move(schema)));
 }
 
 std::optional<Error> NSPersistentStoreCoordinator::Store::beginWriting() {
   ::chmod(database_->file().c_str(), kOwnerOnly);
   if (auto error = useWriteAheadLog(*database_)) return error;
+  if (auto error = schema_.bringUpToDate(*database_)) return error;
   if (auto error = database_->adopt()) return error;
   writes_ = true;  // no count or key is known yet: others may have written until now
   return std::nullopt;
 }
 
 NSPersistentStoreCoordinator::Store::Store(std::unique_ptr<Database> database, std::string uuid,
-                                           const std::vector<const NSEntityDescription*>& entities)
-    : database_(std::move(database)), uuid_(std::make_shared<const std::string>(std::move(uuid))) {
+                                           const std::vector<const NSEntityDescription*>& entities, StoreSchema schema)
+    : database_(std::move(database)),
+      uuid_(std::make_shared<const std::string>(std::move(uuid))),
+      schema_(std::move(schema)) {
   for (const NSEntityDescription* entity : entities)
     tables_.push_back({entity, insertText(*entity), std::nullopt, std::nullopt});
 }

@@ -10,6 +10,7 @@
 #include "platform/persistence/EntityObjects.h"
 #include "platform/persistence/FetchPlan.h"
 #include "platform/persistence/NSPersistentStoreCoordinator.h"
+#include "platform/persistence/StoreSchema.h"
 
 namespace tarvo::platform {
 
@@ -31,9 +32,10 @@ struct NSPersistentStoreCoordinator::Store {
   /// Opens or creates the file; refuses what is not a store of the model. What is there already is not changed.
   static Result<std::unique_ptr<Store>> open(const std::filesystem::path& file,
                                              const std::vector<const NSEntityDescription*>& entities,
-                                             const std::string& modelHash);
+                                             const NSManagedObjectModel::Version& version);
 
-  /// From here on this process is the only one that writes: counts are trusted. On failure nothing has begun.
+  /// From here on this process is the only one that writes: counts are trusted. Brings a store of an earlier version up
+  /// to date. On failure nothing has begun.
   std::optional<Error> beginWriting();
 
   Database& database() { return *database_; }
@@ -63,7 +65,8 @@ struct NSPersistentStoreCoordinator::Store {
     std::optional<std::int64_t> lastKey;  ///< highest ever given out; known from the first insert on
   };
 
-  Store(std::unique_ptr<Database> database, std::string uuid, const std::vector<const NSEntityDescription*>& entities);
+  Store(std::unique_ptr<Database> database, std::string uuid, const std::vector<const NSEntityDescription*>& entities,
+        StoreSchema schema);
   Table* table(const NSEntityDescription& entity);
   std::optional<Error> insertRows(Table& table, const EntityObjects& objects, std::size_t rows, Receipt& receipt);
   std::optional<Error> updateRows(const Table& table, const EntityObjects& objects, std::size_t rows);
@@ -71,6 +74,7 @@ struct NSPersistentStoreCoordinator::Store {
 
   std::unique_ptr<Database> database_;
   std::shared_ptr<const std::string> uuid_;
+  const StoreSchema schema_;
   std::vector<Table> tables_;
   bool writes_ = false;
 };
