@@ -4,7 +4,6 @@
 // the file included: `write_bytes` would count pages of the system's cache, whose size and fate the disk decides.
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "limits/PositionInsert.h"
@@ -17,13 +16,7 @@ namespace {
 
 using namespace tarvo;
 
-std::int64_t bytesWritten() {
-  std::ifstream counters("/proc/self/io");
-  std::string name;
-  for (std::int64_t value = 0; counters >> name >> value;)
-    if (name == "wchar:") return value;
-  bench::fail("/proc/self/io has no wchar");
-}
+std::int64_t bytesWritten() { return bench::statusNumber("self", "wchar", "io"); }
 
 /// Bytes that a position took, the last write of the log into the file included.
 std::int64_t runSdk(const std::filesystem::path& home, bool toTheEnd, std::int64_t positions) {
