@@ -53,7 +53,6 @@ std::int64_t runLimit(const std::filesystem::path& home, bool toTheEnd, std::int
   bench::RawStore store(bench::storeIn(home));
   for (const char* index : {"eventTimestamp", "locationTimestamp", "queued", "outOfStep"})
     store.run((std::string("DROP INDEX Locations_") + index).c_str());
-  store.run("PRAGMA wal_autocheckpoint = 4000");
   store.run("PRAGMA wal_checkpoint(TRUNCATE)");
   bench::PositionInsert insert(store);
   bench::RawStatement post(store, "UPDATE Locations SET sentWithoutACK = 1 WHERE _key = ?1");

@@ -80,7 +80,7 @@ bool readIndexes(const Dictionary& description, NSEntityDescription& entity) {
     NSIndexDescription index{*name, {}, findString(*described, "condition").value_or("")};
     for (const Value& column : *columns) {
       const std::string* attribute = column.asString();
-      if (!attribute || entity.attributeIndex(*attribute) < 0) return false;
+      if (!attribute || (*attribute != "_key" && entity.attributeIndex(*attribute) < 0)) return false;
       index.attributes.push_back(*attribute);
     }
     entity.indexes.push_back(std::move(index));

@@ -25,7 +25,8 @@ struct NSAttributeDescription {
   NSAttributeType type;
 };
 
-/// An index of the entity's table: columns in order, and an optional condition ("unsent = 1 AND …").
+/// An index of the entity's table: columns in order, and an optional condition ("unsent = 1 AND …"). A column may be
+/// "_key", which each index ends with by itself: to sort by it before further columns.
 struct NSIndexDescription {
   std::string name;
   std::vector<std::string> attributes;
