@@ -15,29 +15,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-TEST(ObjectModel, DescribesTheFourEntitiesInTheOrderOfTheirAttributes) {
-  const auto model = shippedModel();
-  ASSERT_TRUE(model);
-  const auto members = model->configuration("ConfigurationForLocationsAndUsers");
-  ASSERT_TRUE(members);
-  std::string shape;
-  for (const auto* entity : *members) {
-    shape += entity->name + ":";
-    for (const auto& attribute : entity->attributes)
-      shape += " " + attribute.name + "/" + "sidbt"[static_cast<std::size_t>(attribute.type)];
-    shape += "\n";
-  }
-  EXPECT_EQ(shape,
-            "Locations: altitude/d appAction/s appName/s course/d floor/i horizontalAccuracy/d latitude/d longitude/d "
-            "serviceAction/s speed/d locationTimestamp/t eventTimestamp/t userAction/s identifierForVendor/s "
-            "verticalAccuracy/d sentWithoutACK/b unsent/b index/i localisationMethod/s\n"
-            "PastTrips: pasttrip_id/i departure_lat/d departure_lon/d arrival_lat/d arrival_lon/d start_time/t "
-            "arrival_time/t route/s\n"
-            "PointOfInterest: poi_id/i latitude/d longitude/d point_geo_json/s zone_geo_json/s\n"
-            "Users: uuid/s timestamp/s\n");
-  EXPECT_FALSE(model->configuration("Other"));
-}
-
 TEST(ObjectStoreFile, IsCreatedForItsOwnerAloneAndFoundAgain) {
   test::TempDir dir;
   for (const bool emptyBefore : {false, true}) {
