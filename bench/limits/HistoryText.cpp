@@ -24,11 +24,10 @@ void addPoint(TextBuffer& text, const Point& point, std::string_view separator) 
 }  // namespace
 
 std::string_view historyText(RawStore& store, TextBuffer& text) {
-  // In the order of the index, the range as a filter: sorting a million rows would cost more than reading them.
-  RawStatement select(
-      store,
-      "SELECT longitude, latitude, serviceAction FROM Locations "
-      "WHERE +eventTimestamp >= -62135596800.0 AND +eventTimestamp <= 64092211200.0 ORDER BY \"index\"");
+  // In the order of the keys, which is that of the index, the range as a filter: sorting would cost more than reading.
+  RawStatement select(store,
+                      "SELECT longitude, latitude, serviceAction FROM Locations "
+                      "WHERE +eventTimestamp >= -62135596800.0 AND +eventTimestamp <= 64092211200.0 ORDER BY _key");
   text.clear();
   text.add(R"({ "type":"FeatureCollection","features":[{)");
   text.add(kFeature);

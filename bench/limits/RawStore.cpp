@@ -9,6 +9,7 @@ RawStore::RawStore(const std::filesystem::path& file) {
     fail("cannot open " + file.string());
   run("PRAGMA journal_mode = WAL");
   run("PRAGMA synchronous = NORMAL");
+  run("PRAGMA wal_autocheckpoint = 4096");  // pages of 1 KiB: as long a log as the SDK's
 }
 
 void RawStore::run(const char* sql) {

@@ -51,8 +51,7 @@ int main(int argc, char** argv) {
   RawStatement begin(store, "BEGIN");
   RawStatement commit(store, "COMMIT");
   RawStatement mark(store, "UPDATE Locations SET sentWithoutACK = 1 WHERE _key = ?1");
-  RawStatement acknowledge(store,
-                           "UPDATE Locations SET unsent = 0, sentWithoutACK = 0 WHERE \"index\" BETWEEN ?1 AND ?2");
+  RawStatement acknowledge(store, "UPDATE Locations SET unsent = 0, sentWithoutACK = 0 WHERE _key BETWEEN ?1 AND ?2");
   std::vector<std::int64_t> keys;
   std::int64_t drained = 0;
   const double start = seconds();
@@ -60,11 +59,7 @@ int main(int argc, char** argv) {
   while (true) {
     keys.clear();
     text.clear();
-    std::int64_t first = 0;
-    std::int64_t last = 0;
     unsent.forEach([&](const UploadRow& row) {
-      if (keys.empty()) first = row.index;
-      last = row.index;
       keys.push_back(row.key);
       text.add(row);
     });
@@ -76,8 +71,8 @@ int main(int argc, char** argv) {
     }
     if (together) commit.runOnce();
     poster.post(text.finished());
-    acknowledge.bind(1, first);
-    acknowledge.bind(2, last);
+    acknowledge.bind(1, keys.front());
+    acknowledge.bind(2, keys.back());
     acknowledge.runOnce();
     drained += static_cast<std::int64_t>(keys.size());
   }

@@ -1,11 +1,12 @@
 // What an activated process costs while nothing happens: wake-ups of all its threads, memory, threads. It has stored
-// and uploaded one position before. usage: bench_idle HOME SECONDS
-#include <sys/wait.h>
+// and uploaded one position before. usage: bench_idle HOME SECONDS; the child that it starts: bench_idle HOME --rest
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
+#include <string>
+#include <string_view>
 #include <thread>
 
 #include "settings/Settings.h"
@@ -17,7 +18,7 @@ namespace {
 
 using namespace tarvo;
 
-[[noreturn]] void rest(const char* home, int ready) {
+[[noreturn]] void rest(const char* home) {
   bench::useHome(home);
   bench::Sink sink;
   if (!LocationManager::setRemoteWebServerURL(sink.url())) bench::fail("the sink's address was refused");
@@ -32,7 +33,8 @@ using namespace tarvo;
   bench::waitUntilIdle();
   const auto status = LocationManager::sharedInstance().syncStatus();
   if (status.unsent + status.awaiting > 0 || status.batchesPosted == 0) bench::fail("the position was not uploaded");
-  if (write(ready, "", 1) != 1) bench::fail("nobody observes");
+  std::printf("%d\n", getpid());
+  std::fflush(stdout);
   while (true) pause();
 }
 
@@ -55,23 +57,21 @@ Observation observe(const std::string& process) {
 
 int main(int argc, char** argv) {
   if (argc != 3) bench::fail("usage: bench_idle HOME SECONDS");
+  if (argv[2] == std::string_view("--rest")) rest(argv[1]);
   const double span = std::strtod(argv[2], nullptr);
-  int ends[2];
-  if (pipe(ends) != 0) bench::fail("no pipe");
-  const pid_t child = fork();
-  if (child == 0) rest(argv[1], ends[1]);
-  close(ends[1]);
-  char byte = 0;
-  if (read(ends[0], &byte, 1) != 1) bench::fail("the process that was to rest has ended");
-  const std::string process = std::to_string(child);
+  // Not a fork of this process, which would share what it has written.
+  bench::Child child("bench_idle", {argv[1], "--rest"});
+  const std::string process = child.line();
   // What the last block woke goes back to sleep first.
   std::this_thread::sleep_for(std::chrono::seconds(1));
   const Observation before = observe(process);
   std::this_thread::sleep_for(std::chrono::duration<double>(span));
   const Observation after = observe(process);
   bench::report("idle.wakeups", static_cast<double>(after.switches - before.switches) / span);
-  bench::report("idle.memory", static_cast<double>(bench::statusNumber(process, "VmRSS")) / 1024);
+  // What no other process can share: pages that were written. Clean ones are those of files, above all of libraries,
+  // which every process that maps them shares, also where just now none does.
+  bench::report("idle.memory",
+                static_cast<double>(bench::statusNumber(process, "Private_Dirty", "smaps_rollup")) / 1024);
+  bench::report("idle.resident", static_cast<double>(bench::statusNumber(process, "VmRSS")) / 1024);
   bench::report("idle.threads", static_cast<double>(after.threads));
-  kill(child, SIGTERM);
-  waitpid(child, nullptr, 0);
 }

@@ -26,13 +26,13 @@ void report(std::string_view key, double value) {
   std::fflush(stdout);
 }
 
-std::int64_t statusNumber(const std::string& process, std::string_view name) {
-  std::ifstream status("/proc/" + process + "/status");
+std::int64_t statusNumber(const std::string& process, std::string_view name, const std::string& file) {
+  std::ifstream status("/proc/" + process + "/" + file);
   std::string line;
   while (std::getline(status, line))
     if (line.size() > name.size() && line.starts_with(name) && line[name.size()] == ':')
       return std::strtoll(line.c_str() + name.size() + 1, nullptr, 10);
-  fail("/proc/" + process + "/status has no " + std::string(name));
+  fail("/proc/" + process + "/" + file + " has no " + std::string(name));
 }
 
 double seconds() { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }

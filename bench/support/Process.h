@@ -15,8 +15,8 @@ namespace tarvo::bench {
 /// One value of a figure, as bench_report reads it: a line "key value" on standard output.
 void report(std::string_view key, double value);
 
-/// A number of /proc/<pid>/status, e.g. "VmHWM" in KiB; "self" names this process.
-std::int64_t statusNumber(const std::string& process, std::string_view name);
+/// A number of /proc/<pid>/<file>, e.g. "VmHWM" of "status" in KiB; "self" names this process.
+std::int64_t statusNumber(const std::string& process, std::string_view name, const std::string& file = "status");
 
 /// Peak of this process's resident memory.
 inline double peakKiB() { return static_cast<double>(statusNumber("self", "VmHWM")); }

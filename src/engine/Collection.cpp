@@ -4,6 +4,7 @@
 #include <tarvo/platform/Device.h>
 
 #include "log/Log.h"
+#include "platform/location/Geodesy.h"
 #include "records/Positions.h"
 #include "settings/Names.h"
 #include "settings/Settings.h"

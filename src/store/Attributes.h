@@ -8,7 +8,7 @@
 namespace tarvo::attribute {
 
 // The position of each attribute in its entity, as the store classes address them. The order and the types must agree
-// with the model resource; `setEntityClasses` compares the two.
+// with the model resource; `ObjectStore` compares the two.
 
 struct Declaration {
   std::string_view name;

@@ -3,10 +3,18 @@
 #include <tarvo/platform/Environment.h>
 #include <tarvo/platform/UserDefaults.h>
 
+#include <span>
+
 #include "log/Log.h"
+#include "marrowgateTarvoDb.h"
 #include "platform/foundation/Bundle.h"
+#include "platform/foundation/Text.h"
 #include "settings/Names.h"
-#include "store/ObjectModel.h"
+#include "store/Attributes.h"
+#include "store/Locations.h"
+#include "store/PastTrips.h"
+#include "store/PointOfInterest.h"
+#include "store/Users.h"
 
 namespace tarvo {
 
@@ -22,6 +30,32 @@ namespace {
 constexpr const char* kModelName = "Marrowgate-Tarvo-db";
 constexpr const char* kModelExtension = "momd";
 constexpr const char* kConfiguration = "ConfigurationForLocationsAndUsers";
+
+/// The classes address attributes by position: a model in another order would silently mix them up.
+template <class Class>
+void setEntityClass(NSManagedObjectModel& model, std::span<const attribute::Declaration> declared) {
+  const platform::NSEntityDescription* entity = model.entity(Class::kEntity);
+  bool agrees = entity != nullptr && entity->attributes.size() == declared.size();
+  for (std::size_t i = 0; agrees && i < declared.size(); ++i)
+    agrees = entity->attributes[i].name == declared[i].name && entity->attributes[i].type == declared[i].type;
+  if (!agrees) fatalError(platform::concat("the object model and the class ", Class::kEntity, " do not agree"));
+  model.setClass(Class::kEntity,
+                 [](const platform::NSEntityDescription& description) -> std::shared_ptr<platform::NSManagedObject> {
+                   return std::make_shared<Class>(description);
+                 });
+}
+
+/// A second call changes nothing.
+void registerModelResources() {
+  Bundle::add(names::kFrameworkBundle, {{kModelName, kModelExtension, resources::marrowgateTarvoDb}});
+}
+
+void setEntityClasses(NSManagedObjectModel& model) {
+  setEntityClass<Locations>(model, attribute::locations::kAll);
+  setEntityClass<PastTrips>(model, attribute::past_trips::kAll);
+  setEntityClass<PointOfInterest>(model, attribute::points_of_interest::kAll);
+  setEntityClass<Users>(model, attribute::users::kAll);
+}
 
 void tellUnresolved(const Error& error) { Log::error("Unresolved error ", platform::errorAndUserInfo(error)); }
 

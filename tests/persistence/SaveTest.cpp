@@ -30,7 +30,7 @@ bool surviveFault(const std::function<void()>& fault) {
     rows[1]->setNumber(store.at("altitude"), 12.5);
     store.context->deleteObject(rows[2]);
     auto unsaved = store.add(4);
-    unsaved->setString(store.at("appName"), std::string(20000, 'x'));  // pages enough to fail in their midst
+    unsaved->setString(store.at("appName"), std::string(6000, 'x'));  // pages enough to fail in their midst
     const NSManagedObjectID early = unsaved->objectID();
 
     fault();
@@ -59,7 +59,7 @@ bool surviveFault(const std::function<void()>& fault) {
 TEST(Save, KeepsEverythingPendingWhicheverDiskCallFailsAndWhereverTheDiskGetsFull) {
   FaultyDisk::install();
   const std::pair<void (*)(std::int64_t), std::int64_t> faults[] = {{FaultyDisk::failAfterCalls, 1},
-                                                                    {FaultyDisk::failAfterBytes, 3001}};
+                                                                    {FaultyDisk::failAfterBytes, 1001}};
   for (const auto& [failAfter, step] : faults) {
     int failed = 0;
     for (bool saved = false; !saved; ++failed) {
@@ -98,7 +98,7 @@ TEST(Save, CostsTheSameOnAFullDiskWhateverIsPendingAndWritesAllOfItOnceThereIsRo
       }
     }
     // Room for a part: no more is tried in vain than was written, and what was written counts.
-    FaultyDisk::failAfterBytes(300000);
+    FaultyDisk::failAfterBytes(60000);
     rowsTouched = 0;
     EXPECT_TRUE(store.context->save());
     const auto written = next - static_cast<int>(store.context->pendingInsertions("Locations"));

@@ -43,9 +43,10 @@ inline std::shared_ptr<NSManagedObjectModel> shippedModel() {
 
 /// A context over a store file, if none is named one of its own; opening it again is a new one.
 struct TestStore {
-  explicit TestStore(const std::filesystem::path& path = {}, WriteRight::Patience patience = {})
+  explicit TestStore(const std::filesystem::path& path = {}, WriteRight::Patience patience = {},
+                     std::shared_ptr<NSManagedObjectModel> model = shippedModel())
       : file(path.empty() ? folder.path() / "a.sqlite" : path),
-        coordinator(std::make_shared<NSPersistentStoreCoordinator>(shippedModel(), patience)) {
+        coordinator(std::make_shared<NSPersistentStoreCoordinator>(std::move(model), patience)) {
     failure = coordinator->addPersistentStore(NSSQLiteStoreType, "ConfigurationForLocationsAndUsers", file);
     context = std::make_unique<NSManagedObjectContext>(coordinator);
   }

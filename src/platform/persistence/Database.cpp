@@ -14,11 +14,11 @@ constexpr int kBusyTimeoutMilliseconds = 5000;
 /// Each query and each set of changed columns has a text of its own; a system has a few dozen of them.
 constexpr std::size_t kMostStatements = 128;
 
-/// The write-ahead log as SQLite's file format has it, and after how many of its frames SQLite would move it into the
-/// file by itself.
+/// The write-ahead log as SQLite's file format has it, and the length from which on it is moved into the file: a page
+/// that many commits have changed is then written there once.
 constexpr std::uint64_t kLogHeaderBytes = 32;
 constexpr std::uint64_t kFrameHeaderBytes = 24;
-constexpr int kFramesWorthMoving = 1000;
+constexpr std::uint64_t kLogWorthMoving = 4096 * 1024;
 
 /// A batch is read by many small statements; a look before each would cost as much as some of them.
 constexpr std::chrono::milliseconds kBetweenLooks{1};
@@ -80,7 +80,7 @@ Database::~Database() {
 int Database::didCommit(void* database, sqlite3* handle, const char* name, int frames) {
   auto& self = *static_cast<Database*>(database);
   self.logSize_ = kLogHeaderBytes + static_cast<std::uint64_t>(frames) * (kFrameHeaderBytes + self.pageSize_);
-  if (frames >= kFramesWorthMoving) sqlite3_wal_checkpoint(handle, name);
+  if (self.logSize_ >= kLogWorthMoving) sqlite3_wal_checkpoint(handle, name);
   return SQLITE_OK;
 }
 

@@ -208,21 +208,30 @@ bool FetchPlan::isLiteral(const Condition& condition) const {
 }
 
 std::string FetchPlan::whereClause(std::string_view sign) const {
-  std::string sql;
+  std::string all;
+  std::string inStep;  // conditions of the counter, once for each of the two ways to find a row by it
+  std::string outOfStep;
   int parameter = 0;
   for (const Condition& condition : conditions_) {
-    sql += concat(sql.empty() ? " WHERE " : " AND ", sign, "\"", column(condition.attribute), "\"",
-                  comparison(condition.op));
-    if (isLiteral(condition))
-      sql += std::get<std::int64_t>(condition.value) != 0 ? "1" : "0";
-    else
-      sql += concat("?", ++parameter);
+    const std::string_view operation = comparison(condition.op);
+    const std::string value = !isLiteral(condition)                          ? concat("?", ++parameter)
+                              : std::get<std::int64_t>(condition.value) != 0 ? "1"
+                                                                             : "0";
+    const std::string term = concat(" AND ", sign, "\"", column(condition.attribute), "\"", operation, value);
+    if (condition.attribute != entity_->counter || !sign.empty()) {
+      all += term;
+      continue;
+    }
+    inStep += concat(" AND \"_key\"", operation, value, " + 1");
+    outOfStep += term;
   }
-  return sql;
+  if (!inStep.empty()) all += concat(" AND (", entity_->inStep(), inStep, " OR ", entity_->outOfStep(), outOfStep, ")");
+  return all.empty() ? all : all.replace(0, 4, " WHERE");
 }
 
-std::string FetchPlan::orderClause() const {
+std::string FetchPlan::orderClause(bool areInStep) const {
   if (!rowsAreSorted()) return {};
+  if (areInStep && sortsByCounter()) return concat(" ORDER BY \"_key\"", sorts_.front().ascending ? " ASC" : " DESC");
   std::string sql = " ORDER BY ";
   std::string_view direction = " ASC";
   for (const Sort& sort : sorts_) {

@@ -40,8 +40,9 @@ class FetchPlan {
   /// or 0: SQLite uses a partial index only where it can see the constant. `sign` is written before each column; with
   /// "+" SQLite uses no index of these columns.
   std::string whereClause(std::string_view sign = "") const;
-  /// " ORDER BY …" or nothing.
-  std::string orderClause() const;
+  /// " ORDER BY …" or nothing. Where all rows are in step, a counter may be sorted by their keys.
+  std::string orderClause(bool areInStep = false) const;
+  bool sortsByCounter() const { return sorts_.size() == 1 && sorts_.front().attribute == entity_->counter; }
   const NSEntityDescription& entity() const { return *entity_; }
   const std::string& column(int attribute) const;
   /// Binds the parameters of `whereClause`; answers the first one left over. The plan must outlive the execution.

@@ -84,8 +84,10 @@ Result<Objects> fetchRows(Store& store, EntityObjects& objects, const FetchPlan&
   keys.reserve(limit);
   found.reserve(limit);
   {
+    // With conditions an index gives the order, or few rows are sorted.
+    const bool areInStep = !plan.hasConditions() && plan.sortsByCounter() && store.areInStep(objects.entity());
     std::string sql =
-        concat("SELECT \"_key\" FROM \"", objects.entity().name, "\"", plan.whereClause(), plan.orderClause());
+        concat("SELECT \"_key\" FROM \"", objects.entity().name, "\"", plan.whereClause(), plan.orderClause(areInStep));
     if (limit > 0) sql += " LIMIT ?";
     Execution rows(store.database(), sql);
     const int next = plan.bind(rows);

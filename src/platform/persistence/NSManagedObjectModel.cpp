@@ -80,11 +80,21 @@ bool readIndexes(const Dictionary& description, NSEntityDescription& entity) {
     NSIndexDescription index{*name, {}, findString(*described, "condition").value_or("")};
     for (const Value& column : *columns) {
       const std::string* attribute = column.asString();
-      if (!attribute || entity.attributeIndex(*attribute) < 0) return false;
+      if (!attribute || (*attribute != "_key" && entity.attributeIndex(*attribute) < 0)) return false;
       index.attributes.push_back(*attribute);
     }
     entity.indexes.push_back(std::move(index));
   }
+  return true;
+}
+
+/// The index is as long as the list of rows that are not in step: empty, unless a row was deleted or a number repeated.
+bool readCounter(const Dictionary& description, NSEntityDescription& entity) {
+  if (!find(description, "counter")) return true;
+  entity.counter = entity.attributeIndex(findString(description, "counter").value_or(""));
+  if (!entity.isOfType(entity.counter, NSAttributeType::integer64)) return false;
+  const std::string& name = entity.attributes[static_cast<std::size_t>(entity.counter)].name;
+  entity.indexes.push_back({concat(entity.name, "_outOfStep"), {name}, entity.outOfStep()});
   return true;
 }
 
@@ -95,7 +105,9 @@ std::unique_ptr<NSEntityDescription> readEntity(const Value& value) {
   if (!name) return nullptr;
   auto entity = std::make_unique<NSEntityDescription>();
   entity->name = *name;
-  if (!readAttributes(*description, *entity) || !readIndexes(*description, *entity)) return nullptr;
+  if (!readAttributes(*description, *entity) || !readIndexes(*description, *entity) ||
+      !readCounter(*description, *entity))
+    return nullptr;
   return entity;
 }
 
@@ -130,6 +142,14 @@ int NSEntityDescription::attributeIndex(std::string_view attribute) const {
   return -1;
 }
 
+std::string NSEntityDescription::inStep() const {
+  return concat("\"", attributes[static_cast<std::size_t>(counter)].name, "\" = \"_key\" - 1");
+}
+
+std::string NSEntityDescription::outOfStep() const {
+  return concat("\"", attributes[static_cast<std::size_t>(counter)].name, "\" IS NOT \"_key\" - 1");
+}
+
 std::shared_ptr<NSManagedObjectModel> NSManagedObjectModel::load(const ResourceURL& url) {
   auto parsed = parseJson(url.bytes);
   if (!parsed) return nullptr;
@@ -145,7 +165,11 @@ std::shared_ptr<NSManagedObjectModel> NSManagedObjectModel::load(const ResourceU
     appendShape(shape, *entity);
     model->entities_.push_back(std::move(entity));
   }
-  model->versionHash_ = fingerprint(shape);
+  model->version_.hash = fingerprint(shape);
+  if (const Value* number = find(*top, "version")) {
+    if (!number->asInteger()) return nullptr;
+    model->version_.number = *number->asInteger();
+  }
 
   if (const Value* configurations = find(*top, "configurations")) {
     if (!configurations->asDictionary()) return nullptr;

@@ -23,7 +23,7 @@ std::optional<Error> NSPersistentStoreCoordinator::addPersistentStore(std::strin
   const auto entities = model_->configuration(configuration);
   if (!entities)
     return storeError(StoreErrorCode::coreData, concat("The model has no configuration ", configuration), url);
-  auto store = Store::open(url, *entities, model_->versionHash());
+  auto store = Store::open(url, *entities, model_->version());
   if (!store) return store.error();
   store_ = std::move(*store);
   right_ = std::make_unique<WriteRight>(url, patience_);

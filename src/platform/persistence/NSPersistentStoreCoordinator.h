@@ -32,7 +32,8 @@ class NSPersistentStoreCoordinator {
   ~NSPersistentStoreCoordinator();
 
   /// Opens (or creates, when the file is absent or empty) the SQLite file and reads its header, schema and metadata,
-  /// so that a file that is not a store of this model is refused here. Never migrates, renames or deletes.
+  /// so that a file that is not a store of this model is refused here. Changes, renames and deletes nothing: a store of
+  /// an earlier version of the model is brought up to date by the first claim of the right to write.
   /// Absent on success.
   std::optional<Error> addPersistentStore(std::string_view type, std::string_view configuration,
                                           const std::filesystem::path& url);

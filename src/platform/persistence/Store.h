@@ -10,6 +10,7 @@
 #include "platform/persistence/EntityObjects.h"
 #include "platform/persistence/FetchPlan.h"
 #include "platform/persistence/NSPersistentStoreCoordinator.h"
+#include "platform/persistence/StoreSchema.h"
 
 namespace tarvo::platform {
 
@@ -40,9 +41,10 @@ struct NSPersistentStoreCoordinator::Store {
   /// Opens or creates the file; refuses what is not a store of the model. What is there already is not changed.
   static Result<std::unique_ptr<Store>> open(const std::filesystem::path& file,
                                              const std::vector<const NSEntityDescription*>& entities,
-                                             const std::string& modelHash);
+                                             const NSManagedObjectModel::Version& version);
 
-  /// From here on this process is the only one that writes: counts are trusted. On failure nothing has begun.
+  /// From here on this process is the only one that writes: counts are trusted. Brings a store of an earlier version up
+  /// to date. On failure nothing has begun.
   std::optional<Error> beginWriting();
 
   Database& database() { return *database_; }
@@ -57,6 +59,9 @@ struct NSPersistentStoreCoordinator::Store {
 
   /// Whether `write` runs more than one statement, so that a transaction has to stand around it.
   bool needsTransaction(const NSEntityDescription& entity, const EntityObjects::Portion& portion);
+  /// Whether all rows of an entity with a counter are in step; one look into an index.
+  bool areInStep(const NSEntityDescription& entity);
+
   /// Writes a portion of what is pending of one entity.
   std::optional<Error> write(const EntityObjects& objects, const EntityObjects::Portion& portion, Receipt& receipt);
   void didCommit(const NSEntityDescription& entity, const Receipt& receipt);
@@ -70,7 +75,8 @@ struct NSPersistentStoreCoordinator::Store {
     std::int64_t lastGiven;
   };
 
-  Store(std::unique_ptr<Database> database, std::string uuid, const std::vector<const NSEntityDescription*>& entities);
+  Store(std::unique_ptr<Database> database, std::string uuid, const std::vector<const NSEntityDescription*>& entities,
+        StoreSchema schema);
   Table* table(const NSEntityDescription& entity);
   Result<Keys> keysOf(Table& table);
   Result<Keys> readKeys(const Table& table);
@@ -81,6 +87,7 @@ struct NSPersistentStoreCoordinator::Store {
 
   std::unique_ptr<Database> database_;
   std::shared_ptr<const std::string> uuid_;
+  const StoreSchema schema_;
   std::vector<Table> tables_;
   bool writes_ = false;
 };

@@ -5,6 +5,7 @@
 #include "platform/persistence/Store.h"
 
 namespace tarvo::platform {
+
 std::optional<double> StoredRow::number(int column) const {
   const Cell cell = row_.cell(column);
   if (cell.isNull()) return std::nullopt;
@@ -43,14 +44,15 @@ std::optional<Error> StoredRows::forEach(const std::vector<int>& attributes,
   for (const int attribute : attributes)
     sql += concat(attribute == attributes.front() ? "\"" : ", \"", plan_.column(attribute), "\"");
   const std::string where = plan_.whereClause(way_ == Way::inOrder ? "+" : "");
-  sql += concat(" FROM \"", plan_.entity().name, "\"", where, where.empty() ? " WHERE " : " AND ", "\"_key\" <= ?",
-                plan_.orderClause(), limit > 0 ? " LIMIT ?" : "");
+  sql += concat(" FROM \"", plan_.entity().name, "\"", where, where.empty() ? " WHERE " : " AND ", "\"_key\" <= ?");
   context_->performAndWait([&] {
     auto* store = context_->coordinator().store();
     if (!store) {
       failure = context_->coordinator().whyNoStore("fetch");
       return;
     }
+    const bool areInStep = way_ != Way::byIndex && plan_.sortsByCounter() && store->areInStep(plan_.entity());
+    sql += plan_.orderClause(areInStep) + (limit > 0 ? " LIMIT ?" : "");
     Execution rows(store->database(), sql);
     const int next = plan_.bind(rows);  // a bare "?" takes the next number
     rows.bind(next, lastKey_);

@@ -1,0 +1,165 @@
+#include <signal.h>
+
+#include <list>
+
+#include "persistence/FaultyDisk.h"
+#include "persistence/TestStore.h"
+#include "platform/foundation/Text.h"
+#include "support/FreshProcess.h"
+
+namespace tarvo::platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kSchema =
+    "SELECT group_concat(name || ': ' || sql, char(10)) FROM (SELECT name, sql FROM sqlite_schema ORDER BY name)";
+constexpr const char* kMetadata =
+    "SELECT group_concat(name || '=' || value) FROM (SELECT * FROM _metadata WHERE name <> 'uuid' ORDER BY name)";
+
+std::string stateOf(const fs::path& file) { return runSql(file, kSchema) + "\n" + runSql(file, kMetadata); }
+
+constexpr const char* kAttributes =
+    R"({"name":"index","type":"integer"},{"name":"unsent","type":"boolean"},{"name":"sentWithoutACK","type":"boolean"})";
+constexpr const char* kNote = R"(,{"name":"note","type":"string"})";
+constexpr const char* kPlaces = R"(,{"name":"Places","attributes":[{"name":"id","type":"integer"}]})";
+
+/// A model of positions with three attributes and more.
+std::shared_ptr<NSManagedObjectModel> model(int version, const std::string& attributes, const char* index,
+                                            const std::string& entities = "") {
+  static auto& texts = *new std::list<std::string>;  // the resource is named, not copied
+  const char* members = entities.empty() ? R"("Locations")" : R"("Locations","Places")";
+  texts.push_back(concat(R"({"version":)", version, R"(,"entities":[{"name":"Locations","attributes":[)", attributes,
+                         R"(],"indexes":[{"name":"queue","attributes":[")", index, R"("]}]})", entities,
+                         R"(],"configurations":{"ConfigurationForLocationsAndUsers":[)", members, "]}}"));
+  return NSManagedObjectModel::load({"test", texts.back()});
+}
+
+std::shared_ptr<NSManagedObjectModel> older() { return model(1, kAttributes, "index"); }
+/// One more of all, and an index that has changed.
+std::shared_ptr<NSManagedObjectModel> newer() { return model(2, std::string(kAttributes) + kNote, "unsent", kPlaces); }
+
+void makeOlderStore(const fs::path& file) {
+  TestStore store(file, {}, older());
+  store.run([&] {
+    for (int i = 0; i < 3; ++i) store.add(i);
+    store.save();
+  });
+}
+
+/// Brings an older store up to date while `fault` strikes. Answers whether it was done at once.
+bool migrateUnder(const std::function<void()>& fault, const std::string& before, const std::string& after) {
+  test::TempDir dir;
+  const auto file = dir.path() / "a.sqlite";
+  makeOlderStore(file);
+  EXPECT_EQ(stateOf(file), before);
+  const int end = test::inFreshProcess([&] {
+    TestStore store(file, {}, newer());
+    int done = 0;
+    store.run([&] {
+      fault();
+      done = store.context->claim() ? 1 : 0;
+      FaultyDisk::heal();
+    });
+    return done;
+  });
+  const std::string found = stateOf(file);
+  EXPECT_TRUE(found == after || (end != 0 && found == before)) << found;
+  TestStore store(file, {}, newer());
+  store.run([&] {
+    EXPECT_EQ(store.indexes({"Locations", {}, {{"index", true}}}), "0 1 2 ");
+    store.add(3)->setString(store.at("note"), "new");
+    store.save();
+    EXPECT_EQ(store.indexes({"Locations", {{"note", Op::equal, "new"}}}), "3 ");
+  });
+  EXPECT_EQ(stateOf(file), after);
+  EXPECT_EQ(runSql(file, "PRAGMA integrity_check"), "ok");
+  return end == 0;
+}
+
+int statementsLeft = -1;
+
+int killAtStatement(unsigned, void*, void*, void*) {
+  if (statementsLeft >= 0 && statementsLeft-- == 0) ::raise(SIGKILL);
+  return 0;
+}
+
+int watchStatements(sqlite3* database, char**, const void*) {
+  return sqlite3_trace_v2(database, SQLITE_TRACE_STMT, killAtStatement, nullptr);
+}
+
+TEST(Migration, LeavesTheOldStoreOrTheNewOneWhereverItIsCutOff) {
+  FaultyDisk::install();
+  sqlite3_auto_extension(reinterpret_cast<void (*)()>(watchStatements));
+  test::TempDir dir;
+  makeOlderStore(dir.path() / "before");
+  { TestStore made(dir.path() / "after", {}, newer()); }
+  const std::string before = stateOf(dir.path() / "before"), after = stateOf(dir.path() / "after");
+  ASSERT_NE(before, after);
+  void (*const faults[])(int) = {[](int nth) { statementsLeft = nth; },
+                                 [](int nth) { FaultyDisk::failAfterCalls(nth); }};
+  for (const auto fault : faults) {
+    int nth = 0;
+    while (!migrateUnder([&] { fault(nth); }, before, after)) {
+      SCOPED_TRACE(nth);
+      ASSERT_LT(++nth, 100);
+    }
+    EXPECT_GT(nth, 5);
+  }
+}
+
+TEST(Migration, IsNotForWhoOnlyReads) {
+  test::TempDir dir;
+  const auto file = dir.path() / "a.sqlite";
+  makeOlderStore(file);
+  const std::string before = fileText(file);
+  {
+    TestStore store(file, {}, newer());
+    store.run([&] {
+      EXPECT_EQ(store.indexes({"Locations", {}, {{"index", false}}}), "2 1 0 ");
+      EXPECT_EQ(store.fetch().front()->string(store.at("note")), std::nullopt);
+      EXPECT_EQ(store.count({"Locations", {{"note", Op::atLeast, ""}}}), 0U);
+      EXPECT_EQ(store.count({"Places"}), 0U);
+    });
+  }
+  EXPECT_TRUE(fileText(file) == before);
+}
+
+TEST(Migration, RefusesWhatWouldLoseSomethingAndLeavesItAlone) {
+  const std::string retyped = R"({"name":"index","type":"double"},{"name":"unsent","type":"boolean"})";
+  const std::tuple<const char*, std::shared_ptr<NSManagedObjectModel>, const char*> cases[] = {
+      {"an older library", model(1, kAttributes, "index"), "newer version of the library (model 2, known here 1)"},
+      {"other model of that version", model(2, kAttributes, "index"), "was made with another model"},
+      {"an attribute less", model(3, kAttributes, "index", kPlaces), "Locations.note is not as the model's"},
+      {"another type", model(3, retyped + kNote, "index", kPlaces), "Locations.index is not as the model's"},
+      {"an entity less", model(3, std::string(kAttributes) + kNote, "index"), "Places"},
+  };
+  for (const auto& [name, other, why] : cases) {
+    SCOPED_TRACE(name);
+    test::TempDir dir;
+    const auto file = dir.path() / "a.sqlite";
+    { TestStore made(file, {}, newer()); }
+    const std::string before = fileText(file);
+    TestStore store(file, {}, other);
+    ASSERT_TRUE(store.failure);
+    EXPECT_NE(store.failure->localizedDescription.find(why), std::string::npos) << store.failure->description();
+    EXPECT_FALSE(store.coordinator->hasStore());
+    EXPECT_TRUE(fileText(file) == before);
+  }
+}
+
+TEST(Migration, OfAnotherProcessIsNoticedBeforeTheFirstChange) {
+  TestStore store({}, {}, older());
+  TestStore other(store.file, {}, newer());
+  other.run([&] { EXPECT_FALSE(other.context->claim()); });
+  other.coordinator.reset();
+  other.context.reset();
+  store.run([&] {
+    const auto refusal = store.context->claim();
+    ASSERT_TRUE(refusal);
+    EXPECT_NE(refusal->localizedDescription.find("newer version"), std::string::npos);
+  });
+}
+
+}  // namespace
+}  // namespace tarvo::platform
