@@ -1,6 +1,5 @@
 #include "records/GeoJson.h"
 
-
 #include "platform/foundation/Text.h"
 
 namespace tarvo {

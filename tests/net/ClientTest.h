@@ -16,8 +16,8 @@
 #include "settings/Settings.h"
 #include "support/DiaryEngine.h"
 #include "support/LogDiary.h"
-#include "support/TempDir.h"
 #include "support/Servers.h"
+#include "support/TempDir.h"
 
 namespace tarvo::test {
 
