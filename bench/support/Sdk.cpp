@@ -5,7 +5,7 @@
 #include <tarvo/platform/Environment.h>
 #include <tarvo/platform/SystemLog.h>
 
-#include "platform/foundation/Activity.h"
+#include "platform/foundation/WorkInFlight.h"
 #include "support/Process.h"
 
 namespace tarvo::bench {
@@ -26,7 +26,7 @@ platform::SystemLogSink consoleSink() {
 std::uint64_t consoleLines() { return lines.load(); }
 
 void waitUntilIdle() {
-  if (!platform::Activity::waitUntilIdle(platform::Seconds(600))) fail("the SDK did not come to rest");
+  if (!platform::WorkInFlight::waitUntilIdle(platform::Seconds(600))) fail("the SDK did not come to rest");
 }
 
 std::filesystem::path storeIn(const std::filesystem::path& home) { return home / "Documents" / ObjectStore::kFileName; }

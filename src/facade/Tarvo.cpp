@@ -8,9 +8,9 @@
 #include "engine/EngineParts.h"
 #include "facade/TarvoCore.h"
 #include "log/Log.h"
-#include "platform/foundation/Activity.h"
 #include "platform/foundation/Bundle.h"
 #include "platform/foundation/FatalError.h"
+#include "platform/foundation/WorkInFlight.h"
 #include "records/LatestPrediction.h"
 #include "settings/Names.h"
 #include "settings/Settings.h"
@@ -149,7 +149,7 @@ void Tarvo::resetBackendHistory() {
 void Tarvo::resetGeoProfileHistory() { core_->networkManager.resetGeoProfile(); }
 
 bool Tarvo::waitUntilIdle(double seconds) {
-  const bool idle = platform::Activity::waitUntilIdle(platform::Seconds(seconds));
+  const bool idle = platform::WorkInFlight::waitUntilIdle(platform::Seconds(seconds));
   UserDefaults::standard().synchronize();
   EngineParts::of(LocationManager::sharedInstance()).checkpoint();
   return idle;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include <tarvo/platform/Clock.h>
 #include <tarvo/platform/SystemLog.h>
 #include <tarvo/platform/UserDefaults.h>
 
@@ -44,6 +45,41 @@ bool isUsableClientID(std::string_view clientID) {
 
 bool isUsableUserUUID(std::string_view uuid) {
   return platform::isPlainFileName(uuid) && std::all_of(uuid.begin(), uuid.end(), standsInPath);
+}
+
+UploadChannel::Attempt UploadChannel::tryTake(platform::Date now) {
+  MutexLock lock(mutex_);
+  if (!takenAt_) takenAt_ = now;
+  const platform::Seconds elapsed = now - *takenAt_;
+  const bool take = !locked_ || elapsed >= kExpiry;
+  const Attempt attempt{locked_, elapsed, take};
+  if (take) {
+    locked_ = true;
+    takenAt_ = now;
+  }
+  return attempt;
+}
+
+bool UploadChannel::locked() const {
+  MutexLock lock(mutex_);
+  return locked_;
+}
+
+void UploadChannel::setLocked(bool locked) {
+  MutexLock lock(mutex_);
+  locked_ = locked;
+}
+
+platform::Date UploadChannel::takenAt() const {
+  const platform::Date now = platform::Clock::current()->now();
+  MutexLock lock(mutex_);
+  if (!takenAt_) takenAt_ = now;
+  return *takenAt_;
+}
+
+void UploadChannel::setTakenAt(platform::Date date) {
+  MutexLock lock(mutex_);
+  takenAt_ = date;
 }
 
 Settings& Settings::shared() {

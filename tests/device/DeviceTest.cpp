@@ -7,9 +7,9 @@
 #include <tarvo/platform/Environment.h>
 
 #include "platform/device/linux/SystemFiles.h"
-#include "platform/foundation/Activity.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/NotificationCenter.h"
+#include "platform/foundation/WorkInFlight.h"
 #include "support/FreshProcess.h"
 #include "support/TempDir.h"
 
@@ -139,7 +139,7 @@ TEST(Application, TellsItsStateAndAsksTheHostOnTheMainQueue) {
   application.present({"title", "text", {}});
   application.openURL("app-settings:");
   EXPECT_EQ(host->diary, "");
-  ASSERT_TRUE(Activity::waitUntilIdle(Seconds(10)));
+  ASSERT_TRUE(WorkInFlight::waitUntilIdle(Seconds(10)));
   EXPECT_EQ(host->diary, "title;app-settings:;");
 }
 

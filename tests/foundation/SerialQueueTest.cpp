@@ -12,9 +12,9 @@
 #include <tarvo/platform/Clock.h>
 #include <tarvo/platform/MainQueue.h>
 
-#include "platform/foundation/Activity.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/Timer.h"
+#include "platform/foundation/WorkInFlight.h"
 #include "support/FreshProcess.h"
 #include "support/LogDiary.h"
 #include "support/NoThreads.h"
@@ -93,7 +93,7 @@ TEST(SerialQueue, KeepsItsBlocksInOrderWhileNoThreadCanBeMade) {
     EXPECT_FALSE(other.async([&] { order += '7'; }));
     timer = Timer::after(Seconds(0.02), other, [&] { timed.set_value(); });
   }
-  ASSERT_TRUE(Activity::waitUntilIdle(Seconds(30)));
+  ASSERT_TRUE(WorkInFlight::waitUntilIdle(Seconds(30)));
   EXPECT_EQ(order.back(), '7');
   EXPECT_EQ(timed.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
   EXPECT_EQ(diary.count("No thread can be made: "), 1u);
@@ -103,7 +103,7 @@ TEST(SerialQueue, KeepsTheHostsSignalsFromItsThreads) {
   SerialQueue queue("test.signals");
   sigset_t blocked{};
   queue.async([&] { ::pthread_sigmask(SIG_BLOCK, nullptr, &blocked); });
-  ASSERT_TRUE(Activity::waitUntilIdle(Seconds(30)));
+  ASSERT_TRUE(WorkInFlight::waitUntilIdle(Seconds(30)));
   for (const int signal : {SIGTERM, SIGINT, SIGUSR1, SIGCHLD, SIGPROF, SIGALRM, SIGPIPE, SIGRTMIN, SIGRTMAX})
     EXPECT_EQ(::sigismember(&blocked, signal), 1) << signal;
   ::pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
@@ -118,7 +118,7 @@ TEST(MainThread, IsTheFirstOfItsProcessAlsoAfterAForkOfAnother) {
   }).join();
 }
 
-TEST(Activity, WaitsForWorkThatHopsBetweenQueuesAndTheMainQueue) {
+TEST(WorkInFlight, WaitsForWorkThatHopsBetweenQueuesAndTheMainQueue) {
   SerialQueue a("test.a"), b("test.b");
   std::atomic<int> hops{0};
   std::function<void()> hop = [&] {
@@ -127,7 +127,7 @@ TEST(Activity, WaitsForWorkThatHopsBetweenQueuesAndTheMainQueue) {
     if (hopped == 300) MainQueue::main().async([&] { ++hops; });
   };
   a.async(hop);
-  ASSERT_TRUE(Activity::waitUntilIdle(Seconds(30)));
+  ASSERT_TRUE(WorkInFlight::waitUntilIdle(Seconds(30)));
   EXPECT_EQ(hops.load(), 301);
 }
 

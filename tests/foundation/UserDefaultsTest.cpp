@@ -9,9 +9,9 @@
 #include <thread>
 #include <tuple>
 
-#include "platform/foundation/Activity.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/PropertyList.h"
+#include "platform/foundation/WorkInFlight.h"
 #include "support/FreshProcess.h"
 #include "support/TempDir.h"
 
@@ -137,12 +137,12 @@ TEST_F(UserDefaultsOfAHome, KeepInMemoryWhatCannotBeWrittenUntilTheNextChance) {
     if (name == "a later timer")
       for (int second = 0; second < 1000; ++second) {
         clock->advance(Seconds(1));
-        ASSERT_TRUE(Activity::waitUntilIdle(Seconds(60)));
+        ASSERT_TRUE(WorkInFlight::waitUntilIdle(Seconds(60)));
       }
     EXPECT_FALSE(told);
     fs::remove(home_);
     chance();
-    ASSERT_TRUE(Activity::waitUntilIdle(Seconds(60)));
+    ASSERT_TRUE(WorkInFlight::waitUntilIdle(Seconds(60)));
     EXPECT_TRUE(told);
     EXPECT_EQ(log.size(), 1U);
     EXPECT_EQ(parsePropertyList(readFile(defaultsFile(home_)).value()).value(), Value(Dictionary{{"key", value}}));

@@ -10,9 +10,9 @@
 #include <tarvo/platform/Environment.h>
 #include <tarvo/platform/LocationService.h>
 
-#include "platform/foundation/Activity.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/Text.h"
+#include "platform/foundation/WorkInFlight.h"
 #include "platform/location/CLLocationManager.h"
 #include "support/TempDir.h"
 
@@ -47,7 +47,7 @@ class DiaryDelegate : public CLLocationManagerDelegate {
 
   /// What was written since the last look, after all deliveries.
   std::vector<std::string> read() {
-    if (!Activity::waitUntilIdle(Seconds(10))) return {"still busy after 10 s"};
+    if (!WorkInFlight::waitUntilIdle(Seconds(10))) return {"still busy after 10 s"};
     MutexLock lock(mutex_);
     return std::exchange(lines_, {});
   }

@@ -115,7 +115,7 @@ TEST_F(LocationServiceOfAProcess, AsksOneQuestionAtATimeOnTheMainQueueAndTheUpgr
     for (; *which != '\0'; ++which)
       *which == 'A' ? manager.requestAlwaysAuthorization() : manager.requestWhenInUseAuthorization();
     EXPECT_EQ(asked, "") << "inside the call";
-    EXPECT_TRUE(Activity::waitUntilIdle(Seconds(10)));
+    EXPECT_TRUE(WorkInFlight::waitUntilIdle(Seconds(10)));
     return std::exchange(asked, {});
   };
   using Status = CLAuthorizationStatus;
@@ -152,7 +152,7 @@ TEST_F(LocationServiceOfAProcess, SwitchesItsSourceOnOnlyWhileSomebodyNeedsFixes
   };
   const auto source = std::make_shared<DiarySource>();
   const auto read = [&] {
-    EXPECT_TRUE(Activity::waitUntilIdle(Seconds(10)));
+    EXPECT_TRUE(WorkInFlight::waitUntilIdle(Seconds(10)));
     return std::exchange(source->lines, {});
   };
   CLLocationManager precise, coarse;

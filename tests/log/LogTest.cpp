@@ -9,8 +9,8 @@
 #include <tarvo/platform/Environment.h>
 #include <tarvo/platform/UserDefaults.h>
 
-#include "platform/foundation/Activity.h"
 #include "platform/foundation/Files.h"
+#include "platform/foundation/WorkInFlight.h"
 #include "settings/Settings.h"
 #include "support/LogDiary.h"
 #include "support/NoThreads.h"
@@ -53,7 +53,7 @@ class Logging : public testing::Test {
   }
   /// The file of a day, after all appends; absent when there is none.
   std::optional<std::string> file(const std::string& day = "2024-06-15") {
-    EXPECT_TRUE(platform::Activity::waitUntilIdle(platform::Seconds(30)));
+    EXPECT_TRUE(platform::WorkInFlight::waitUntilIdle(platform::Seconds(30)));
     auto bytes = platform::readFile(path(day));
     return bytes ? std::optional<std::string>(*bytes) : std::nullopt;
   }
@@ -132,7 +132,7 @@ TEST_F(Logging, TakesOnlyARegularFileForALog) {
   const auto other = home.path() / "other";
   const auto logThen = [&](const char* text) {
     Log::debug(text);
-    ASSERT_TRUE(platform::Activity::waitUntilIdle(platform::Seconds(10)));
+    ASSERT_TRUE(platform::WorkInFlight::waitUntilIdle(platform::Seconds(10)));
   };
   const auto linkInItsPlace = [&] {
     std::filesystem::remove(path());

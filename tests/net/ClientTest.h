@@ -11,8 +11,8 @@
 #include <mutex>
 #include <vector>
 
-#include "platform/foundation/Activity.h"
 #include "platform/foundation/Text.h"
+#include "platform/foundation/WorkInFlight.h"
 #include "settings/Settings.h"
 #include "support/DiaryEngine.h"
 #include "support/LogDiary.h"
@@ -112,7 +112,7 @@ class ClientTest : public ::testing::Test {
     settings.userUUID.set("user-1");
     settings.storeUserSecret("s3cret");
   }
-  static void finish() { ASSERT_TRUE(platform::Activity::waitUntilIdle(platform::Seconds(20))); }
+  static void finish() { ASSERT_TRUE(platform::WorkInFlight::waitUntilIdle(platform::Seconds(20))); }
   /// Runs an operation of the client and waits until all that follows from it is done.
   template <class Operation, class... Arguments>
   void call(Operation operation, const Arguments&... arguments) {

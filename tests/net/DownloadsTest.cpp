@@ -25,7 +25,7 @@ TEST_F(Downloads, AskForTripsOnlyWhenTheNewestIsNotTheAnnouncedOne) {
   EXPECT_DEATH(client().getLocationHistoryEXTRAPOLATED(), "no identifier");
   settings.userUUID.set(std::nullopt);
   client().getLocationHistoryEXTRAPOLATED();
-  EXPECT_TRUE(platform::Activity::waitUntilIdle(platform::Seconds(0)));
+  EXPECT_TRUE(platform::WorkInFlight::waitUntilIdle(platform::Seconds(0)));
 }
 
 TEST_F(Downloads, HandPlacesOverWhateverTheStatusAndForgetTheirVersionOnFailure) {

@@ -13,8 +13,8 @@
 #include <tarvo/platform/UserDefaults.h>
 
 #include "engine/EngineParts.h"
-#include "platform/foundation/Activity.h"
 #include "platform/foundation/Files.h"
+#include "platform/foundation/WorkInFlight.h"
 #include "sandbox/Backend.h"
 #include "support/LogDiary.h"
 #include "support/TempDir.h"
@@ -114,7 +114,7 @@ class WholeSdk : public testing::Test {
     Tarvo::setACTIVATE_STATUS(mode);
   }
 
-  static void waitUntilIdle() { ASSERT_TRUE(platform::Activity::waitUntilIdle(platform::Seconds(60))); }
+  static void waitUntilIdle() { ASSERT_TRUE(platform::WorkInFlight::waitUntilIdle(platform::Seconds(60))); }
 
   static LocationManager& engine() { return LocationManager::sharedInstance(); }
 

@@ -12,9 +12,9 @@
 
 #include <tarvo/platform/Environment.h>
 
-#include "platform/foundation/Activity.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/Text.h"
+#include "platform/foundation/WorkInFlight.h"
 #include "platform/urlsession/TransferJournal.h"
 #include "support/FreshProcess.h"
 #include "support/LogDiary.h"
@@ -45,7 +45,7 @@ struct Diary : BackgroundSessionDelegate {
   }
   /// What was told since the last call, once all is quiet.
   Lines take() {
-    EXPECT_TRUE(Activity::waitUntilIdle(Seconds(30)));
+    EXPECT_TRUE(WorkInFlight::waitUntilIdle(Seconds(30)));
     std::lock_guard lock(mutex);
     return std::exchange(lines, {});
   }

@@ -7,7 +7,7 @@
 #include <set>
 #include <vector>
 
-#include "platform/foundation/Activity.h"
+#include "platform/foundation/WorkInFlight.h"
 #include "support/NoThreads.h"
 #include "support/Servers.h"
 #include "urlsession/Fetch.h"
@@ -73,7 +73,7 @@ TEST(HostileServer, GetsABatchTwiceWhenItDropsKeptConnectionsAndTheSecondTimeOnA
       }
     });
     for (int i = 0; i < warm; ++i) start({server.url("/warm")});
-    ASSERT_TRUE(Activity::waitUntilIdle(Seconds(30)));
+    ASSERT_TRUE(WorkInFlight::waitUntilIdle(Seconds(30)));
     const Outcome outcome = fetch({server.url("/batch"), "POST", {}, "x"});
     EXPECT_EQ(outcome.status(), 200);
     EXPECT_EQ(outcome.code(), 0);
@@ -109,7 +109,7 @@ TEST(HostileServer, HoldsTwoCopiesOfARequestAndTheNewestDecide) {
   }
   EXPECT_TRUE(left.waitFor({'a', 'b', 'c'}));
   for (const char copy : {'X', 'd', 'e'}) RawServer::send(connections[copy], std::string(1, copy));
-  EXPECT_TRUE(Activity::waitUntilIdle(Seconds(30)));
+  EXPECT_TRUE(WorkInFlight::waitUntilIdle(Seconds(30)));
   EXPECT_EQ(completed.all(), (std::set<char>{'X', 'd', 'e'}));
 }
 
@@ -140,7 +140,7 @@ TEST(HostileServer, LetsOthersHaveTheirTurnWhenItAnswersWithoutEnd) {
     EXPECT_EQ(code, urlError::timedOut);
   }
   server.reset();
-  EXPECT_TRUE(Activity::waitUntilIdle(Seconds(30)));
+  EXPECT_TRUE(WorkInFlight::waitUntilIdle(Seconds(30)));
 }
 
 /// The process ends within the five seconds, and this tells whether it did. Registered before the session is made, so
@@ -196,7 +196,7 @@ TEST_F(Ending, ComesInTimeWhenTheSessionsThreadHangs) {
     });
     start({"https://" + server.host()});
     connected.get_future().wait();
-    exitInTime(!Activity::waitUntilIdle(Seconds(0.3)));
+    exitInTime(!WorkInFlight::waitUntilIdle(Seconds(0.3)));
   };
   EXPECT_EXIT(hang(), testing::ExitedWithCode(0), "");
 }
@@ -215,7 +215,7 @@ TEST(Session, SendsWhatHasWaitedForItsThread) {
     task();
   }
   task();
-  EXPECT_TRUE(Activity::waitUntilIdle(Seconds(30)));
+  EXPECT_TRUE(WorkInFlight::waitUntilIdle(Seconds(30)));
   EXPECT_EQ(completed, 2);
 }
 

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <set>
 
-#include "platform/foundation/Activity.h"
+#include "platform/foundation/WorkInFlight.h"
 #include "support/Servers.h"
 #include "urlsession/Fetch.h"
 
@@ -143,7 +143,7 @@ TEST(URLSession, CompletesEachTaskOnceAndOneAtATime) {
   std::vector<std::thread> threads;
   for (int i = 0; i < kThreads; ++i) threads.emplace_back(sendAll, i * kEach);
   for (auto& thread : threads) thread.join();
-  EXPECT_TRUE(Activity::waitUntilIdle(Seconds(60)));
+  EXPECT_TRUE(WorkInFlight::waitUntilIdle(Seconds(60)));
   for (const auto& count : completed) EXPECT_EQ(count, 1);
   EXPECT_EQ(wrong, 0) << "side by side, inside of resume or with another's answer";
 }

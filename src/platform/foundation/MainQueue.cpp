@@ -6,10 +6,10 @@
 #include <chrono>
 #include <deque>
 
-#include "platform/foundation/Activity.h"
 #include "platform/foundation/FatalError.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/System.h"
+#include "platform/foundation/WorkInFlight.h"
 
 namespace tarvo::platform {
 
@@ -32,7 +32,7 @@ MainQueue& MainQueue::main() {
 void MainQueue::async(std::function<void()> block) {
   // An empty block only wakes whoever polls; it is no work that anybody would wait for.
   if (block) {
-    Activity::begin();
+    WorkInFlight::begin();
     MutexLock lock(state_.mutex);
     state_.blocks.push_back(std::move(block));
   }
@@ -52,7 +52,7 @@ std::size_t MainQueue::runPending() {
   while (!blocks.empty()) {
     callHost("a block of the main queue", blocks.front());
     blocks.pop_front();
-    Activity::end();
+    WorkInFlight::end();
   }
   return number;
 }

@@ -5,10 +5,10 @@
 #include <deque>
 #include <thread>
 
-#include "platform/foundation/Activity.h"
 #include "platform/foundation/FatalError.h"
 #include "platform/foundation/LazyThread.h"
 #include "platform/foundation/Mutex.h"
+#include "platform/foundation/WorkInFlight.h"
 
 namespace tarvo::platform {
 namespace {
@@ -97,7 +97,7 @@ struct SerialQueue::State {
     mutex.lock();
     passOn();
     mutex.unlock();
-    Activity::end(number);
+    WorkInFlight::end(number);
     mutex.lock();
   }
 
@@ -131,7 +131,7 @@ SerialQueue::~SerialQueue() {
 }
 
 bool SerialQueue::async(std::function<void()> block) {
-  Activity::begin();
+  WorkInFlight::begin();
   State& state = *state_;
   bool hasThread;
   {

@@ -7,9 +7,9 @@
 #include <tarvo/platform/MainQueue.h>
 #include <tarvo/platform/SystemLog.h>
 
-#include "platform/foundation/Activity.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/System.h"
+#include "platform/foundation/WorkInFlight.h"
 
 namespace tarvo::platform {
 namespace {
@@ -26,7 +26,7 @@ constexpr std::chrono::milliseconds kLongestSilence{200};
 template <class GoOn>
 bool waitUntilIdle(const GoOn& goOn) {
   const RealTime::time_point end = RealTime::now() + kLongestWork;
-  while (!Activity::waitUntilIdle(kLongestSilence)) {
+  while (!WorkInFlight::waitUntilIdle(kLongestSilence)) {
     if (!goOn()) return false;
     if (RealTime::now() < end) continue;
     NSLog("replay: work is still under way after 65 s, going on");

@@ -9,10 +9,10 @@
 #include <tarvo/platform/Environment.h>
 #include <tarvo/platform/SystemLog.h>
 
-#include "platform/foundation/Activity.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/SerialQueue.h"
 #include "platform/foundation/Text.h"
+#include "platform/foundation/WorkInFlight.h"
 #include "platform/urlsession/TransferJournal.h"
 #include "platform/urlsession/URLSession.h"
 #include "platform/urlsession/UploadFile.h"
@@ -40,7 +40,7 @@ Registry& registry() {
 /// An upload that is to run, counted as activity until its delegate calls are over.
 struct BackgroundSession::Job {
   URLSessionUploadTask task;
-  std::shared_ptr<ActivityToken> activity = std::make_shared<ActivityToken>();
+  std::shared_ptr<WorkInFlight::Token> activity = std::make_shared<WorkInFlight::Token>();
 };
 
 struct BackgroundSession::State {

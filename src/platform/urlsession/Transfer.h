@@ -10,8 +10,8 @@
 #include <string>
 #include <string_view>
 
-#include "platform/foundation/Activity.h"
 #include "platform/foundation/SerialQueue.h"
+#include "platform/foundation/WorkInFlight.h"
 #include "platform/urlsession/URLSession.h"
 #include "platform/urlsession/UploadFile.h"
 
@@ -92,8 +92,8 @@ class Transfer {
   static int onSeek(void* self, curl_off_t offset, int origin);
   static int onProgress(void* self, curl_off_t downTotal, curl_off_t down, curl_off_t upTotal, curl_off_t up);
 
-  std::optional<ActivityToken> activity_;  ///< first, so that it ends after all else is gone
-  URLRequest request_;                     ///< of the current hop
+  std::optional<WorkInFlight::Token> activity_;  ///< first, so that it ends after all else is gone
+  URLRequest request_;                           ///< of the current hop
   const std::string originalURL_;
   std::unique_ptr<UploadFile> bodyFile_;  ///< in place of the request's body
   SerialQueue& completions_;

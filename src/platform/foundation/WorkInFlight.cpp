@@ -1,4 +1,4 @@
-#include "platform/foundation/Activity.h"
+#include "platform/foundation/WorkInFlight.h"
 
 #include <poll.h>
 
@@ -30,9 +30,9 @@ Count& count() {
 
 }  // namespace
 
-void Activity::begin() { count().value.fetch_add(1); }
+void WorkInFlight::begin() { count().value.fetch_add(1); }
 
-void Activity::end(std::int64_t number) {
+void WorkInFlight::end(std::int64_t number) {
   Count& state = count();
   if (state.value.fetch_sub(number) != number || state.waiters.load() == 0) return;
   // Passing through the lock keeps the waiter from missing this between its test and its wait.
@@ -42,9 +42,9 @@ void Activity::end(std::int64_t number) {
   MainQueue::main().async({});
 }
 
-bool Activity::idle() { return count().value.load() == 0; }
+bool WorkInFlight::idle() { return count().value.load() == 0; }
 
-bool Activity::waitUntilIdle(Seconds limit) {
+bool WorkInFlight::waitUntilIdle(Seconds limit) {
   if (SerialQueue::onAnyQueue()) fatalError("waiting for idle inside a block of a queue, which would wait for itself");
   Count& state = count();
   const auto deadline = std::chrono::steady_clock::now() + boundedRealTime(limit);

@@ -11,8 +11,17 @@ namespace tarvo::platform {
 /// Each queued block, each transfer from its start to the end of its completion, and each due timer counts. What a
 /// block starts is counted before the block ends, so the count passes zero only when all work is done.
 /// Threads: any.
-class Activity {
+class WorkInFlight {
  public:
+  /// Counts for as long as it lives.
+  class Token {
+   public:
+    Token() { begin(); }
+    ~Token() { end(); }
+    Token(const Token&) = delete;
+    Token& operator=(const Token&) = delete;
+  };
+
   static void begin();
   static void end(std::int64_t number = 1);
 
@@ -23,15 +32,6 @@ class Activity {
 
  private:
   static bool idle();
-};
-
-/// Counts for as long as it lives.
-class ActivityToken {
- public:
-  ActivityToken() { Activity::begin(); }
-  ~ActivityToken() { Activity::end(); }
-  ActivityToken(const ActivityToken&) = delete;
-  ActivityToken& operator=(const ActivityToken&) = delete;
 };
 
 }  // namespace tarvo::platform
