@@ -44,5 +44,10 @@ while read -r lines file; do
   [ "$file" = total ] || [ "$lines" -le 500 ] || fail "$file has $lines lines"
 done < <(find . \( -name build -o -name .git \) -prune -o \( -name '*.cpp' -o -name '*.h' -o -name '*.sh' -o -name '*.cmake' \) \
   -print0 | xargs -0 wc -l)
+# A test reads at one glance.
+long=$(find tests -name '*.cpp' -print0 | xargs -0 awk '
+  /^TEST(_F|_P)?\(/ { start = FNR }
+  /^}/ && start { if (FNR - start + 1 > 40) print FILENAME ":" start " is a test of " FNR - start + 1 " lines"; start = 0 }')
+[ -z "$long" ] || fail "$long"
 [ "$failed" = 0 ] && echo "the layout holds"
 exit "$failed"
