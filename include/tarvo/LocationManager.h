@@ -36,8 +36,8 @@ class LocationManagerDelegate {
 };
 
 /// The engine: one for the process, built at the first touch, never destroyed. It turns fixes into stored positions,
-/// uploads them and follows the application's state. A host works with `Tarvo`, which calls it; what is
-/// there for the SDK's own parts alone says so.
+/// uploads them and follows the application's state. A host works with `Tarvo`, which calls it. An operation that only
+/// the SDK's own parts should call says so.
 ///
 /// Threads: any thread unless an operation says otherwise. `start` runs on the caller's thread; `stop`,
 /// `stopLocationUpdate` and `requestLocationUpdate` wait for the engine's main queue and must not be called from a
@@ -54,7 +54,7 @@ class TARVO_API LocationManager {
   static const std::string& callFromServerNotificationKey();
   /// Identifier of the background session that uploads log files, see `handleEventsForBackgroundURLSession`.
   static const std::string& backgroundSessionID();
-  /// The backend's base address, ending in "/api".
+  /// The backend's base address, such as "https://backend.example/api", without a slash at its end.
   static std::string remoteWebServerURL();
   /// Before the first `Tarvo`, engine or client: each client copies the address, and from the first copy on another one
   /// is refused. Refused too (false, with a line in the system log, and nothing changes) is what is no absolute https
@@ -123,8 +123,9 @@ class TARVO_API LocationManager {
   /// For the SDK's own parts: a pass's second half, which takes the channel for granted. Posts the oldest positions
   /// that were never posted; frees the channel when there are none.
   void sendAllUnsentDataToRemoteWebServer();
-  /// Posts again what awaits its acknowledgement from the first to the last of these positions, by `index`, as far as
-  /// it is among the 1000 oldest that do; whoever holds the channel, and nothing while the backend is out of reach.
+  /// For the SDK's own parts: the other second half. Posts again those of the 1000 oldest positions awaiting their
+  /// acknowledgement whose `index` lies between the lowest and the highest of `locations`. Takes the channel for
+  /// granted, and leaves it held when the backend is out of reach, so that nothing is posted.
   void resendAllSentWithoutACKData(const std::vector<LocationRecord>& locations);
   /// For the SDK's own parts: the backend's acknowledgement of a batch, by the last and the first index of its
   /// positions as texts. Frees the channel and starts the next pass.

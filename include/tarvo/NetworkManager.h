@@ -124,9 +124,9 @@ class TARVO_API NetworkManager {
   /// Gives the user a tag, or takes it away. Nothing is repeated when it fails.
   void setTags(const std::string& name, const std::string& value);
   void unsetTags(const std::string& name);
-  /// Asks the backend to reset what it has stored of the user, and what it has computed from that: the geographic
-  /// profile.
+  /// Asks the backend to forget the history that it has stored of the user.
   void resetBackend();
+  /// Asks the backend to forget the geographic profile that it has computed from that history.
   void resetGeoProfile();
   /// Uploads every log file but those of today and those whose upload is under way, each closed as a multipart body
   /// before.

@@ -102,17 +102,17 @@ std::optional<CLLocation> Collection::getLastLocation() {
   return last;
 }
 
-void Collection::addNewLocationToDatabase(std::vector<CLLocation> locations, std::string_view activity,
+void Collection::addNewLocationToDatabase(std::vector<CLLocation> fixes, std::string_view activity,
                                           std::string_view method, std::string_view serviceaction) {
-  Log::debug("LocationManager:addNewLocationToDatabase [loc] loc:", locations.size(), " mainThread:", mainThread());
+  Log::debug("LocationManager:addNewLocationToDatabase [loc] loc:", fixes.size(), " mainThread:", mainThread());
   if (Settings::shared().activateStatus.get() < mode::kLocalForeground) return;
-  state_.serialQueueLocation.async([this, locations = std::move(locations), activity = std::string(activity),
+  state_.serialQueueLocation.async([this, fixes = std::move(fixes), activity = std::string(activity),
                                     method = std::string(method), serviceaction = std::string(serviceaction)] {
     auto& context = store_.managedObjectContext();
     context.performAndWait([&] {
-      for (const auto& location : locations) {
-        Log::debug("LocationManager:addNewLocationToDatabase [loc] loc:", location, " mainThread:", mainThread());
-        if (Locations::addLocation(location, activity, method, context, serviceaction)) store_.saveContext();
+      for (const auto& fix : fixes) {
+        Log::debug("LocationManager:addNewLocationToDatabase [loc] loc:", fix, " mainThread:", mainThread());
+        if (Locations::addLocation(fix, activity, method, context, serviceaction)) store_.saveContext();
       }
     });
   });

@@ -40,7 +40,7 @@ class Collection {
   std::optional<platform::CLLocation> getLastLocation();
 
   /// Stores fixes, each with a save of its own; nothing while the SDK is not activated.
-  void addNewLocationToDatabase(std::vector<platform::CLLocation> locations, std::string_view activity,
+  void addNewLocationToDatabase(std::vector<platform::CLLocation> fixes, std::string_view activity,
                                 std::string_view method, std::string_view serviceaction);
   /// Stores the last known position again, if there is one, to mark the moment of an event.
   void recordEvent(std::string_view serviceaction);

@@ -65,8 +65,8 @@ void Intake::checkBattery() {
   }
 }
 
-void Intake::intakeStep(std::vector<CLLocation> locations) {
-  const CLLocation first = locations.front();
+void Intake::intakeStep(std::vector<CLLocation> fixes) {
+  const CLLocation first = fixes.front();
   // One step: a region exit that sets "rms" meanwhile must not be lost.
   state_.currentLocalisationMethod.update([](std::string& present) {
     if (present == method::kRegionsAndSignificantChange) present = method::kSignificantChange;
@@ -81,8 +81,7 @@ void Intake::intakeStep(std::vector<CLLocation> locations) {
              " lastUpdateAge:", lastUpdateAge.count(),
              " currentBatteryStatus:", static_cast<std::int64_t>(device.batteryState()),
              " batteryLevel:", device.batteryLevel(), " mainThread:", mainThread());
-  collection_.addNewLocationToDatabase(std::move(locations), state_.currentActivity, localisationMethod,
-                                       action::kChanged);
+  collection_.addNewLocationToDatabase(std::move(fixes), state_.currentActivity, localisationMethod, action::kChanged);
   followGeofence(first, lastUpdateAge);
 }
 
@@ -120,18 +119,18 @@ void Intake::refreshLoc() {
   const auto number = static_cast<std::int64_t>(status);
   if (status == CLAuthorizationStatus::authorizedAlways) {
     // A handle of its own without delegate: the fix must not arrive a second time.
-    const auto location = platform::CLLocationManager().location();
-    if (!location) platform::fatalError("refreshLoc: the location service has no position yet");
-    collection_.addNewLocationToDatabase({*location}, state_.currentActivity, method::kPush,
+    const auto fix = platform::CLLocationManager().location();
+    if (!fix) platform::fatalError("refreshLoc: the location service has no position yet");
+    collection_.addNewLocationToDatabase({*fix}, state_.currentActivity, method::kPush,
                                          stored == number ? action::kRefresh : action::kEnabled);
     defaults.set(names::kServiceState, number);
-    Log::debug("LocationManager:refreshLoc [loc]: ", location->description());
+    Log::debug("LocationManager:refreshLoc [loc]: ", fix->description());
   } else {
     defaults.set(names::kServiceState, number);
-    const auto location = collection_.getLastLocation();
-    Log::debug("LocationManager:refreshLoc [lastloc]: ", location ? location->description() : "nil");
-    if (!location) platform::fatalError("refreshLoc: there is no last position");
-    collection_.addNewLocationToDatabase({*location}, state_.currentActivity, method::kPush, action::kDisabled);
+    const auto fix = collection_.getLastLocation();
+    Log::debug("LocationManager:refreshLoc [lastloc]: ", fix ? fix->description() : "nil");
+    if (!fix) platform::fatalError("refreshLoc: there is no last position");
+    collection_.addNewLocationToDatabase({*fix}, state_.currentActivity, method::kPush, action::kDisabled);
   }
   uploadPass();
 }

@@ -35,7 +35,7 @@ class Intake {
   void refreshLoc();
 
  private:
-  void intakeStep(std::vector<platform::CLLocation> locations);
+  void intakeStep(std::vector<platform::CLLocation> fixes);
   void followGeofence(const platform::CLLocation& first, platform::Seconds lastUpdateAge);
   void checkBattery();
   void uploadPass();

@@ -17,7 +17,8 @@ std::optional<std::string> refusalOfBackendAddress(std::string_view url, bool al
 bool isServerReachable(bool viaWiFi, std::string_view url, platform::NameLookup lookup) {
   using namespace platform;
   const auto flags = SCNetworkReachabilityGetFlags(url, lookup);
-  const bool connected = flags && (*flags & kSCNetworkReachabilityFlagsReachable) != 0;
+  const bool connected = flags && (*flags & kSCNetworkReachabilityFlagsReachable) != 0 &&
+                         (*flags & kSCNetworkReachabilityFlagsConnectionRequired) == 0;
   if (connected && !viaWiFi) {
     Log::debug("NetworkManager:isWebServerReachable [net] true mainThread:", mainThread());
     return true;

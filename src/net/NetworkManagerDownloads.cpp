@@ -112,6 +112,7 @@ void NetworkManager::getPOI() {
     logFailure(kPlaces, reply);
     // Forgets the version, so that a later batch asks again.
     if (reply.refused() || reply.error) self.defaults().set(LAST_POI_VERSION, 0);
+    if (reply.error) return;
     if (auto pois = objectsIn(acceptedAnswer(kPlaces, reply), "pois"))
       EngineLink::current().submitPOIs(std::move(*pois));
   });

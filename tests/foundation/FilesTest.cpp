@@ -59,6 +59,7 @@ TEST_F(BundleOfTheHost, IsWhatTheHostSaysInCodeAndNotItsFile) {
   EXPECT_TRUE(setInfoDictionary(info));
   EXPECT_EQ(Bundle::main().infoDictionary(), info);
   EXPECT_FALSE(setInfoDictionary({}) || setInfoPropertyList("other.plist")) << "too late";
+  EXPECT_TRUE(setInfoDictionary(info)) << "the same";
 }
 
 TEST_F(BundleOfTheHost, ComplainsOnceOfAPropertyListThatIsBroken) {

@@ -121,7 +121,10 @@ TEST_P(TransferOption, IsWhatATransferGoesBy) {
   for (const std::string& request : requests) EXPECT_TRUE(request.ends_with("\r\n\r\npositions")) << request;
   EXPECT_EQ(log.count("one of the transfer options cannot be used: "), c.told ? 1U : 0U);
   EXPECT_EQ(log.lines().size(), c.told ? 1U : 0U);
-  EXPECT_FALSE(setTransferOptions({})) << "there has been a transfer";
+  std::filesystem::current_path(folder.path());
+  EXPECT_TRUE(setTransferOptions(options)) << "those in use";
+  options.clientKeyPassphrase += "late";
+  EXPECT_FALSE(setTransferOptions(options)) << "there has been a transfer";
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, TransferOption, testing::ValuesIn(kCases),

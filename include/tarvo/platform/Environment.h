@@ -8,7 +8,8 @@
 
 namespace tarvo::platform {
 
-// Where this process keeps its files, and what describes it. Set it before the first `Tarvo`. Threads: any.
+// Where this process keeps its files, and what describes it. Set it before the first `Tarvo`. Where a call can be
+// refused as too late, it answers true nevertheless when it sets what was set before. Threads: any.
 
 /// Sets the home directory: `Documents/` (store and logs), `Library/` (defaults, transfers), `Info.plist`. False, and
 /// nothing changes, when another home has already been asked for, by the library or by `homeDirectory`: its files would

@@ -25,10 +25,12 @@ struct TransferOptions {
   /// Name of the interface that connections leave by, such as "wwan0", those to a proxy and to this machine too.
   /// Empty: the one that the system's routes choose.
   std::string networkInterface;
+
+  bool operator==(const TransferOptions&) const = default;
 };
 
 /// Sets the options of all transfers of this process; a second call replaces the first. Call it before the first
-/// `Tarvo`. Answers false, and changes nothing, once there has been a transfer.
+/// `Tarvo`. Once there has been a transfer it changes nothing, and answers false unless the options are those in use.
 ///
 /// A file or an interface that cannot be used makes transfers fail, as an untrusted certificate does, and is told once
 /// on the system log, at the first transfer that needs it. Relative paths count from the present working directory.

@@ -58,9 +58,10 @@ BatteryReading battery() {
 /// The upper-case UUID in that file; a new random one is put there when it holds none. Absent when that fails.
 std::optional<std::string> keptUuid(const std::filesystem::path& file) {
   if (auto kept = readFile(file); kept && upperCaseUuid(*kept) == *kept) return *kept;
-  const std::string made = randomUuid();
+  auto made = randomUuid();
+  if (!made) return std::nullopt;
   auto failed = createPrivateDirectories(file.parent_path());
-  if (!failed) failed = writeFileAtomically(file, made, true);
+  if (!failed) failed = writeFileAtomically(file, *made, true);
   if (!failed) return made;
   NSLog(concat("device identifier cannot be kept: ", *failed));
   return std::nullopt;

@@ -27,6 +27,7 @@ struct EmbeddedResource {
 struct HostInfo {
   std::optional<Dictionary> dictionary = {};
   std::filesystem::path file = {};
+  bool operator==(const HostInfo&) const = default;
 };
 /// As <tarvo/platform/Environment.h> tells; from the first call on it cannot be set any more. Threads: any.
 HostInfo hostInfo();

@@ -107,9 +107,9 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
 }
 
-std::string randomUuid() {
+std::optional<std::string> randomUuid() {
   std::array<std::uint8_t, 16> bytes{};
-  fillWithRandom(bytes);
+  if (!fillWithRandom(bytes)) return std::nullopt;
   bytes[6] = static_cast<std::uint8_t>((bytes[6] & 0x0F) | 0x40);
   bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3F) | 0x80);
   std::string text;

@@ -27,8 +27,8 @@ std::string percentEncoded(std::string_view text, std::string_view marks);
 /// The text without the blanks, tabs and line ends around it.
 std::string_view trimmed(std::string_view text);
 
-/// A new random UUID (version 4, RFC 9562), in upper case.
-std::string randomUuid();
+/// A new random UUID (version 4, RFC 9562), in upper case; absent when the system gives no random bytes.
+std::optional<std::string> randomUuid();
 /// The UUID in upper case; absent when the text is none.
 std::optional<std::string> upperCaseUuid(std::string_view text);
 

@@ -73,7 +73,7 @@ std::vector<fs::path> chosenDocumentDirectories() {
 
 bool setHostInfo(HostInfo info) {
   MutexLock lock(environment().mutex);
-  if (environment().infoWasAskedFor) return false;
+  if (environment().infoWasAskedFor) return environment().info == info;
   environment().info = std::move(info);
   return true;
 }

@@ -30,8 +30,8 @@ std::int64_t threadNumber();
 /// Names the calling thread for debuggers, as far as the system has room for it.
 void nameThread(const std::string& name);
 
-/// Fills the bytes from the system's generator for secrets. A system without one ends the process.
-void fillWithRandom(std::span<std::uint8_t> bytes);
+/// Fills the bytes from the system's generator for secrets. False when it gives none.
+bool fillWithRandom(std::span<std::uint8_t> bytes);
 
 /// Makes a new file for this user alone and opens it, not to be inherited by other programs; the six X at the end of
 /// `name` are replaced. -1, and errno, when that fails.

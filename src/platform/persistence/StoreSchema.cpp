@@ -144,7 +144,9 @@ std::optional<Error> StoreSchema::create(Database& database) const {
   }
   for (const std::string& sql : statements)
     if (auto error = database.runOnce(sql, StoreErrorCode::open)) return error;
-  if (auto error = writeMetadata(database, randomUuid())) return error;
+  const auto uuid = randomUuid();
+  if (!uuid) return storeError(StoreErrorCode::open, "The system gives no random bytes for the store's UUID");
+  if (auto error = writeMetadata(database, *uuid)) return error;
   return transaction->commit();
 }
 

@@ -6,10 +6,10 @@
 
 namespace tarvo::platform {
 
-// Bits of the platform's reachability flags. "Connection required" is never set: a way that would first have to be
-// dialled counts as none.
+// Bits of the platform's reachability flags.
 
 inline constexpr std::uint32_t kSCNetworkReachabilityFlagsReachable = 0x2;
+/// A connection would have to be dialled first. Linux cannot tell that of a route and never gives this bit.
 inline constexpr std::uint32_t kSCNetworkReachabilityFlagsConnectionRequired = 0x4;
 inline constexpr std::uint32_t kSCNetworkReachabilityFlagsIsLocalAddress = 0x10000;
 inline constexpr std::uint32_t kSCNetworkReachabilityFlagsIsWWAN = 0x40000;

@@ -341,7 +341,7 @@ bool setTransferOptions(TransferOptions chosen) {
   for (auto* file : {&chosen.caFile, &chosen.clientCertificateFile, &chosen.clientKeyFile})
     if (!file->empty()) *file = absolutePath(*file);
   MutexLock lock(options().mutex);
-  if (options().inUse) return false;
+  if (options().inUse) return options().values == chosen;
   options().values = std::move(chosen);
   return true;
 }

@@ -13,8 +13,6 @@
 #include <ctime>
 #include <system_error>
 
-#include "platform/foundation/FatalError.h"
-
 namespace tarvo::platform {
 namespace {
 
@@ -44,12 +42,13 @@ void nameThread(const std::string& name) {
   ::pthread_setname_np(::pthread_self(), name.substr(0, kThreadNameLength).c_str());
 }
 
-void fillWithRandom(std::span<std::uint8_t> bytes) {
+bool fillWithRandom(std::span<std::uint8_t> bytes) {
   while (!bytes.empty()) {
     const ssize_t filled = ::getrandom(bytes.data(), bytes.size(), 0);
-    if (filled < 0 && errno != EINTR) fatalError("the system gives no random bytes");
+    if (filled < 0 && errno != EINTR) return false;
     if (filled > 0) bytes = bytes.subspan(static_cast<std::size_t>(filled));
   }
+  return true;
 }
 
 int makeTemporaryFile(std::string& name) { return ::mkostemp(name.data(), O_CLOEXEC); }
