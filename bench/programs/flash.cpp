@@ -27,7 +27,7 @@ std::int64_t runSdk(const std::filesystem::path& home, bool toTheEnd, std::int64
   Tarvo host;
   host.activate(toTheEnd ? Tarvo::BACKEND_BACKGROUND : Tarvo::LOCAL_BACKGROUND);
   bench::waitUntilIdle();
-  LocationManager::Parts& engine = bench::parts();
+  EngineParts& engine = bench::parts();
   auto& context = engine.store.managedObjectContext();
   const auto moveLog = [&] { context.performAndWait([&] { (void)context.coordinator().checkpoint(); }); };
   moveLog();

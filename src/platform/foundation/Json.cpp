@@ -127,9 +127,27 @@ const char* flawOf(const Value& value, std::size_t depth) {
 /// Appends compact text of a value without flaw; false once it would be longer than what is read.
 bool write(std::string& out, const Value& value);
 
-bool writeText(std::string& out, const std::string& text) {
+bool writeText(std::string& out, std::string_view text) {
+  // What a text must not hold as it is, and the letters for some of it.
+  constexpr std::string_view kNamed = "\"\\\b\f\n\r\t";
+  constexpr std::string_view kNames = "\"\\bfnrt";
+  constexpr std::string_view kDigits = "0123456789abcdef";
   if (text.size() > kMaxBytes - std::min(out.size(), kMaxBytes)) return false;
-  out.append(nlohmann::json(text).dump());
+  out.push_back('"');
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (const auto named = kNamed.find(c); named != kNamed.npos) {
+      out.push_back('\\');
+      out.push_back(kNames[named]);
+    } else if (byte < 0x20) {
+      out.append("\\u00");
+      out.push_back(kDigits[byte / 16]);
+      out.push_back(kDigits[byte % 16]);
+    } else {
+      out.push_back(c);
+    }
+  }
+  out.push_back('"');
   return true;
 }
 
