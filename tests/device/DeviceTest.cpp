@@ -58,22 +58,6 @@ TEST(Device, ReadsTheBatteriesThatFeedTheMachine) {
   }
 }
 
-TEST(Device, TellsOfTheHostsBatteryOnlyWhenItsStateChangesWhileMonitored) {
-  powerSupplyFolder() = "/nowhere";
-  UIDevice& device = UIDevice::current();
-  int told = 0;
-  NotificationCenter::defaultCenter().addObserver(UIDeviceBatteryStateDidChangeNotification,
-                                                  [&](const std::string&) { ++told; });
-  device.setBattery(charging, 0.5);
-  device.setBatteryMonitoringEnabled(true);
-  EXPECT_EQ(device.batteryState(), charging);
-  device.setBattery(charging, 0.6);
-  EXPECT_EQ(told, 0);
-  device.setBattery(unplugged, 1.5);
-  EXPECT_EQ(told, 1);
-  EXPECT_EQ(device.batteryLevel(), -1);
-}
-
 /// What a process of its own finds in the home; "none" stands for no identifier.
 bool finds(const std::string& identifier) {
   const auto ask = [&] { return UIDevice::current().identifierForVendor().value_or("none") == identifier ? 1 : 0; };
@@ -105,13 +89,6 @@ TEST(Device, TakesAnIdentifierOfTheHostsOwn) {
                            "3F2504E0-4F89-41D3-9A0C-0305E82C3301\n"})
     EXPECT_FALSE(device.setIdentifierForVendor(none)) << none;
   EXPECT_EQ(device.identifierForVendor(), "3F2504E0-4F89-41D3-9A0C-0305E82C3301") << "in upper case, and kept";
-}
-
-TEST(Device, ReadsTheDistributionsNameAsTheShellWould) {
-  const std::string text = "# NAME=no\nVERSION_ID='12'\nPRETTY_NAME=\"A \\\"b\\\"\"\nNAME=Plain";
-  EXPECT_EQ(releaseValue(text, "NAME"), "Plain");
-  EXPECT_EQ(releaseValue(text, "PRETTY_NAME"), "A \"b\"");
-  EXPECT_EQ(releaseValue(text, "VERSION"), std::nullopt);
 }
 
 TEST(Application, TellsItsStateAndAsksTheHostOnTheMainQueue) {

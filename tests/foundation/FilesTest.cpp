@@ -14,7 +14,6 @@
 #include <thread>
 
 #include "platform/foundation/Bundle.h"
-#include "platform/foundation/Encoding.h"
 #include "platform/foundation/FileLock.h"
 #include "platform/foundation/Text.h"
 #include "support/TempDir.h"
@@ -47,10 +46,6 @@ TEST_F(BundleOfTheHost, ReadsTheHostsPropertyListWithItsTypes) {
   EXPECT_EQ(find(Bundle::main().infoDictionary(), "N")->asInteger(), std::nullopt);
   EXPECT_EQ(find(Bundle::main().infoDictionary(), "I")->asInteger(), 5);
   EXPECT_TRUE(log_.empty());
-}
-
-TEST_F(BundleOfTheHost, IsEmptyAndSilentWithoutAPropertyList) {
-  EXPECT_TRUE(Bundle::main().infoDictionary().empty() && log_.empty());
 }
 
 TEST_F(BundleOfTheHost, IsWhatTheHostSaysInCodeAndNotItsFile) {
@@ -86,6 +81,8 @@ TEST_F(EnvironmentOfTheHost, SurvivesAHomeThatCannotBeWritten) {
   setHomeDirectory(home_.path() / "file");
   for (int time = 0; time < 2; ++time) EXPECT_EQ(documentDirectories()[0], home_.path() / "file" / "Documents");
   EXPECT_EQ(log_.size(), 1U);
+  fs::create_symlink("absent", home_.path() / "link");
+  EXPECT_EQ(createPrivateDirectories(home_.path() / "link")->code, EEXIST) << "and not what was asked afterwards";
 }
 
 TEST(Environment, FollowsTheUsersDataDirectoryUnlessAHomeIsSet) {
@@ -133,11 +130,6 @@ TEST_F(EnvironmentOfTheHost, ClearsWhatKilledWritesHaveLeftAndNothingElse) {
   clearing.join();
 }
 
-TEST_F(EnvironmentOfTheHost, TellsWhyAFolderCannotBeMade) {
-  fs::create_symlink("absent", home_.path() / "link");
-  EXPECT_EQ(createPrivateDirectories(home_.path() / "link")->code, EEXIST) << "and not what was asked afterwards";
-}
-
 TEST(FileLock, IsWaitedForUntilTheOtherLetsGo) {
   const test::TempDir dir;
   const auto file = dir.path() / "l";
@@ -165,17 +157,6 @@ TEST(Files, TellPlainNamesFromPaths) {
   for (std::string_view name : {"a", ".a", "a..b", "a b.txt"}) EXPECT_TRUE(isPlainFileName(name)) << name;
   for (std::string_view name : {"", ".", "..", "/", "a/b", "../a"}) EXPECT_FALSE(isPlainFileName(name)) << name;
   EXPECT_FALSE(isPlainFileName(std::string_view("a\0b", 3)));
-}
-
-TEST(Base64, EncodesWithPaddingAndReadsItBack) {
-  const std::pair<std::string_view, const char*> cases[] = {
-      {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"\xff\xfe\xfb", "//77"}};
-  for (const auto& [bytes, text] : cases) {
-    EXPECT_EQ(base64Encode(bytes), text);
-    EXPECT_EQ(base64Decode(text), bytes);
-  }
-  for (const char* text : {"Zg=", "Z===", "Zg==Zg==", "Zm9v\n", "Zm9-"})
-    EXPECT_EQ(base64Decode(text), std::nullopt) << text;
 }
 
 }  // namespace

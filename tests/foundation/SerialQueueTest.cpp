@@ -118,35 +118,5 @@ TEST(MainThread, IsTheFirstOfItsProcessAlsoAfterAForkOfAnother) {
   }).join();
 }
 
-TEST(WorkInFlight, WaitsForWorkThatHopsBetweenQueuesAndTheMainQueue) {
-  SerialQueue a("test.a"), b("test.b");
-  std::atomic<int> hops{0};
-  std::function<void()> hop = [&] {
-    const int hopped = ++hops;
-    if (hopped < 300) (hopped % 2 == 0 ? a : b).async(hop);
-    if (hopped == 300) MainQueue::main().async([&] { ++hops; });
-  };
-  a.async(hop);
-  ASSERT_TRUE(WorkInFlight::waitUntilIdle(Seconds(30)));
-  EXPECT_EQ(hops.load(), 301);
-}
-
-TEST(Timer, IsHandedOverByTheTimeAMovedClockReturns) {
-  auto clock = std::make_shared<ManualClock>(dateSince1970(1000));
-  Clock::install(clock);
-  SerialQueue queue("test.timer");
-  std::vector<int> fired;
-  std::vector<std::shared_ptr<Timer>> timers;
-  for (const int delay : {10, 20, 5})
-    timers.push_back(Timer::after(Seconds(delay), queue, [&, delay] { fired.push_back(delay); }));
-  timers[2]->cancel();
-  clock->advanceTo(dateSince1970(1010));
-  clock->advanceTo(dateSince1970(900));
-  queue.sync([&] { EXPECT_EQ(fired, std::vector<int>{10}); });
-  clock->advance(Seconds(3600));
-  queue.sync([&] { EXPECT_EQ(fired, (std::vector<int>{10, 20})); });
-  EXPECT_EQ(secondsSince1970(clock->now()), 4610);
-}
-
 }  // namespace
 }  // namespace tarvo::platform

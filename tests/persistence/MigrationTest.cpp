@@ -41,10 +41,7 @@ std::shared_ptr<NSManagedObjectModel> newer() { return model(2, std::string(kAtt
 
 void makeOlderStore(const fs::path& file) {
   TestStore store(file, {}, older());
-  store.run([&] {
-    for (int i = 0; i < 3; ++i) store.add(i);
-    store.save();
-  });
+  store.run([&] { store.fill(3); });
 }
 
 /// Brings an older store up to date while `fault` strikes. Answers whether it was done at once.
@@ -67,7 +64,7 @@ bool migrateUnder(const std::function<void()>& fault, const std::string& before,
   EXPECT_TRUE(found == after || (end != 0 && found == before)) << found;
   TestStore store(file, {}, newer());
   store.run([&] {
-    EXPECT_EQ(store.indexes({"Locations", {}, {{"index", true}}}), "0 1 2 ");
+    EXPECT_EQ(store.indexes(kByIndex), "0 1 2 ");
     store.add(3)->setString(store.at("note"), "new");
     store.save();
     EXPECT_EQ(store.indexes({"Locations", {{"note", Op::equal, "new"}}}), "3 ");

@@ -11,7 +11,7 @@ std::string integrityOf(const std::filesystem::path& file) { return runSql(file,
 
 void expectTheMixture(TestStore& store) {
   EXPECT_EQ(store.count(), 4U);
-  EXPECT_EQ(store.indexes({"Locations", {}, {{"index", true}}}), "0 1 3 4 ");
+  EXPECT_EQ(store.indexes(kByIndex), "0 1 3 4 ");
   EXPECT_EQ(store.indexes(unsentRequest()), "1 3 4 ");
   EXPECT_EQ(store.indexes({"Locations", {{"altitude", Op::equal, 12.5}}}), "1 ");
 }
@@ -138,14 +138,13 @@ TEST(Save, LeavesAStoreThatCanBeCreatedLaterWhenCreationFails) {
 TEST(Save, GoesOnBehindRowsThatAnotherProgramHasInserted) {
   TestStore store;
   store.run([&] {
-    store.add(0);
-    store.save();
+    store.fill(1);
     runSql(store.file, "INSERT INTO Locations (\"index\") VALUES (10), (11)");
     store.add(1);
     EXPECT_EQ(store.context->save().value_or(Error{}).code, 134030);
     store.save();
     EXPECT_EQ(store.count(), 4U);
-    EXPECT_EQ(store.indexes({"Locations", {}, {{"index", true}}}), "0 1 10 11 ");
+    EXPECT_EQ(store.indexes(kByIndex), "0 1 10 11 ");
   });
 }
 
@@ -153,7 +152,7 @@ TEST(Save, WritesToEachRowItsOwnChangesThoughNeighboursShareAStatement) {
   TestStore store;
   const auto printed = [](TestStore& from) {
     std::string text;
-    for (const auto& row : from.fetch({"Locations", {}, {{"index", true}}}))
+    for (const auto& row : from.fetch(kByIndex))
       text += concat(row->integer(from.at("index")), *row->boolean(from.at("unsent")) ? "u" : "-",
                      *row->boolean(from.at("sentWithoutACK")) ? "w" : "-", row->number(from.at("altitude")),
                      row->string(from.at("appName")), " ");

@@ -64,6 +64,12 @@ struct TestStore {
     return object;
   }
 
+  /// New positions with the indexes from 0 on, saved.
+  void fill(int count) {
+    for (int i = 0; i < count; ++i) add(i);
+    save();
+  }
+
   /// The indexes of a result in its order, "!" for a failure.
   std::string indexes(const NSFetchRequest& request) {
     auto found = context->fetch(request);
@@ -96,6 +102,8 @@ struct TestStore {
 };
 
 using Op = NSPredicate::Operator;
+
+inline const NSFetchRequest kByIndex{"Locations", {}, {{"index", true}}};
 
 inline NSFetchRequest unsentRequest(std::size_t limit = 1000) {
   return {"Locations", {{"unsent", Op::equal, true}, {"sentWithoutACK", Op::equal, false}}, {{"index", true}}, limit};

@@ -19,8 +19,6 @@ class OldStore : public test::StoreTest {
     const auto text = std::filesystem::path(__FILE__).parent_path() / "first-version.sql";
     runSql(file, fileText(text).c_str());
   }
-
-  const std::filesystem::path file = folder.path() / ObjectStore::kFileName;
 };
 
 /// What the store tells of all that it was made with.

@@ -61,14 +61,8 @@ class StoreTest : public ::testing::Test {
 
   std::shared_ptr<Locations> add(platform::NSManagedObjectContext& context, double latitude = 48.5,
                                  std::string_view serviceAction = "loc_changed") {
-    platform::CLLocation fix;
-    fix.coordinate = {latitude, 2.3522};
-    fix.altitude = 35.25;
-    fix.horizontalAccuracy = 5;
-    fix.verticalAccuracy = 8;
-    fix.speed = 1.5;
-    fix.course = 90;
-    fix.timestamp = clock->now() - platform::Seconds(1);
+    const auto time = clock->now() - platform::Seconds(1);
+    const platform::CLLocation fix{{latitude, 2.3522}, 35.25, 5, 8, 90, 1.5, time, std::nullopt};
     return Locations::addLocation(fix, "walking", "sls", context, serviceAction);
   }
 
@@ -84,6 +78,7 @@ class StoreTest : public ::testing::Test {
   }
 
   TempDir folder;
+  const std::filesystem::path file = folder.path() / ObjectStore::kFileName;
   std::shared_ptr<platform::ManualClock> clock =
       std::make_shared<platform::ManualClock>(platform::dateSince1970(1488442530.987));
   ObjectStore store;
