@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "platform/foundation/Bundle.h"
+#include "platform/foundation/Encoding.h"
 #include "platform/foundation/FileLock.h"
 #include "platform/foundation/Text.h"
 #include "support/TempDir.h"
@@ -157,6 +158,14 @@ TEST(Files, TellPlainNamesFromPaths) {
   for (std::string_view name : {"a", ".a", "a..b", "a b.txt"}) EXPECT_TRUE(isPlainFileName(name)) << name;
   for (std::string_view name : {"", ".", "..", "/", "a/b", "../a"}) EXPECT_FALSE(isPlainFileName(name)) << name;
   EXPECT_FALSE(isPlainFileName(std::string_view("a\0b", 3)));
+}
+
+TEST(Base64, IsWrittenWithPaddingAndReadOnlySo) {
+  const std::pair<std::string_view, const char*> cases[] = {
+      {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"\xff\xfe\xfb", "//77"}};
+  for (const auto& [bytes, text] : cases)
+    EXPECT_TRUE(base64Encode(bytes) == text && base64Decode(text) == bytes) << text;
+  for (const char* text : {"Zg=", "Z===", "Zg==Zg==", "Zm9-"}) EXPECT_EQ(base64Decode(text), std::nullopt) << text;
 }
 
 }  // namespace
