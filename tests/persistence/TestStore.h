@@ -34,6 +34,12 @@ inline std::string runSql(const std::filesystem::path& file, const char* sql) {
   return value;
 }
 
+/// The tables and indexes with the statements that make them.
+inline std::string schemaOf(const std::filesystem::path& file) {
+  return runSql(file,
+                "SELECT group_concat(name || sql, char(10)) FROM (SELECT name, sql FROM sqlite_schema ORDER BY name)");
+}
+
 /// The model that the library carries.
 inline std::shared_ptr<NSManagedObjectModel> shippedModel() {
   static const std::string text = fileText(std::filesystem::path(__FILE__).parent_path() / ".." / ".." / "src" /

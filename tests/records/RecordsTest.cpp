@@ -48,7 +48,6 @@ TEST(HistoryGeoJson, CutsFeaturesWhereCollectionIsSwitchedButNotBeforeTheLastPos
              enabled = position(3, 0.0001, "loc_enabled"), bare = position(48.5, 2.25, std::nullopt);
   const LocationRecord unfilled;
   const std::pair<std::vector<LocationRecord>, std::string> cases[] = {
-      {{on}, feature("[2.25,48.5]", false)},
       {{off}, feature("[-2,1]", true)},
       {{on, enabled, bare}, feature("[2.25,48.5],[0.0001,3],[2.25 ,48.5]", false)},
       {{on, off}, feature("[2.25,48.5],[-2 ,1]", false)},
@@ -129,12 +128,9 @@ TEST(FixOfAPosition, TakesDefaultsOnlyWhereTheyAreAskedFor) {
 TEST(PredictedTrip, ReadsTheFirstFeatureOfTheNextDestination) {
   const Coordinates line{{48.85, 2.35}, {48.86, 2.36}};
   const std::tuple<const char*, std::optional<Coordinates>, std::optional<CLLocationCoordinate2D>> cases[] = {
-      {R"({"type":"x"})", std::nullopt, std::nullopt},
       {R"({"features":[]})", std::nullopt, std::nullopt},
-      {R"({"features":{}})", std::nullopt, std::nullopt},
       {R"({"features":[3,{"geometry":{"coordinates":[[1,2]]}}]})", std::nullopt, std::nullopt},
       {R"({"features":[{"geometry":{"coordinates":[]}}]})", Coordinates{}, std::nullopt},
-      {R"({"features":[{"geometry":{"coordinates":[[2.35,48.85],["a",1]]}}]})", std::nullopt, line[0]},
       {R"({"features":[{"geometry":{"coordinates":[[2.35,48.85],[2.36,48.86,12]]}}]})", std::nullopt, line[0]},
       {R"({"features":[{"geometry":{"coordinates":[[2.35,48.85],[2.36,48.86]]}},
           {"geometry":{"coordinates":[[0,0]]}}]})",

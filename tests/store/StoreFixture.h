@@ -1,9 +1,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
-#include <csignal>
 #include <functional>
 #include <memory>
 #include <string>
@@ -26,22 +24,6 @@ inline std::size_t logged(std::string_view opening) {
     if (line.starts_with(opening)) ++count;
   return count;
 }
-
-/// While it lives no file can grow: the store's saves fail as on a full disk.
-class FullDisk {
- public:
-  FullDisk() {
-    std::signal(SIGXFSZ, SIG_IGN);
-    ::getrlimit(RLIMIT_FSIZE, &before_);
-    rlimit full = before_;
-    full.rlim_cur = 0;
-    ::setrlimit(RLIMIT_FSIZE, &full);
-  }
-  ~FullDisk() { ::setrlimit(RLIMIT_FSIZE, &before_); }
-
- private:
-  rlimit before_{};
-};
 
 /// The library's own store and model in a file of a temporary folder, with a clock that the test moves.
 class StoreTest : public ::testing::Test {
