@@ -55,9 +55,22 @@ TEST(Device, ReadsTheBatteriesThatFeedTheMachine) {
     EXPECT_EQ(device.batteryState(), unknown);
     EXPECT_EQ(device.batteryLevel(), -1);
   }
-  device.setBattery(charging, 1.5);  // by the host
+}
+
+TEST(Device, TellsOfTheHostsBatteryOnlyWhenItsStateChangesWhileMonitored) {
+  powerSupplyFolder() = "/nowhere";
+  UIDevice& device = UIDevice::current();
+  int told = 0;
+  const auto count = [&](const std::string&) { ++told; };
+  NotificationCenter::defaultCenter().addObserver(UIDeviceBatteryStateDidChangeNotification, count);
+
+  device.setBattery(charging, 0.5);
   device.setBatteryMonitoringEnabled(true);
-  EXPECT_EQ(device.batteryState(), charging);
+  device.setBattery(charging, 0.6);
+  EXPECT_EQ(told, 0);
+  device.setBattery(unplugged, 1.5);
+
+  EXPECT_EQ(told, 1);
   EXPECT_EQ(device.batteryLevel(), -1);
 }
 

@@ -22,24 +22,6 @@
 namespace tarvo::platform {
 namespace {
 
-TEST(SerialQueue, RunsBlocksInOrderAndSyncOnTheCallersThread) {
-  SerialQueue queue("test.order");
-  std::string order;  // only blocks of the queue touch it
-  std::promise<void> gate;
-  queue.async([&] {
-    gate.get_future().wait();
-    order += '1';
-    queue.async([&] { order += '3'; });
-  });
-  queue.async([&] { order += '2'; });
-  gate.set_value();
-  std::thread::id ranOn;
-  queue.sync([&] { ranOn = std::this_thread::get_id(); });
-  queue.sync([&] { order += '4'; });
-  EXPECT_EQ(ranOn, std::this_thread::get_id());
-  EXPECT_EQ(order, "1234") << "what a block adds comes after what was already in line";
-}
-
 TEST(SerialQueue, KnowsTheQueuesItsCallerStandsInHoweverDeep) {
   SerialQueue outer("test.outer"), inner("test.inner");
   outer.sync([&] {

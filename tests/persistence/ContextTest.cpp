@@ -89,16 +89,16 @@ TEST(Context, HandsOutOneObjectForARowWhileItIsUsedOrChanged) {
     for (int i = 0; i < 3000; ++i) store.add(100 + i);
     store.save();
     for (int round = 0; round < 3; ++round) EXPECT_EQ(store.fetch(kByIndex).at(0), held);
-    EXPECT_EQ(store.count(), 3001U);
   });
 }
 
 TEST(Context, NamesObjectsTemporarilyUntilTheyAreSaved) {
   TestStore store;
   store.run([&] {
+    store.context->deleteObject(store.add(9));
     auto object = store.add(0);
     const NSManagedObjectID early = object->objectID();
-    EXPECT_EQ(early.description(), "<x-coredata:///Locations/t1>");
+    EXPECT_EQ(early.description(), "<x-coredata:///Locations/t2>");
     store.save();
     const NSManagedObjectID late = object->objectID();
     EXPECT_EQ(late.description(), "<x-coredata://" + *late.storeUUID + "/Locations/p1>");
@@ -109,7 +109,7 @@ TEST(Context, NamesObjectsTemporarilyUntilTheyAreSaved) {
     for (const bool saved : {false, true}) {
       for (const auto& id : {early, late, NSManagedObjectID{}})
         EXPECT_EQ(store.context->existingObject(id).error().code, 133000) << saved;
-      store.save();
+      store.fill(1);  // must not be taken for the one that has gone
     }
   });
 }
