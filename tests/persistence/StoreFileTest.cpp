@@ -98,7 +98,7 @@ std::string textOf(const std::optional<Error>& error) { return error ? error->lo
 void save(TestStore& store, int index) {
   store.run([&] {
     store.add(index);
-    EXPECT_EQ(textOf(store.context->save()), "done");
+    store.save();
   });
 }
 
@@ -116,9 +116,8 @@ TEST(OneWriter, KeepsTheOthersOutUntilItHasGone) {
       EXPECT_EQ(other->count(), 2U) << "a reader believes no count of its own";
       EXPECT_TRUE(other->add(9));
       EXPECT_FALSE(other->coordinator->hasStore());
-      const auto told = other->context->count({"Locations"}).error();
-      EXPECT_NE(told.localizedDescription.find("(process " + std::to_string(::getpid()) + ")"), std::string::npos)
-          << told.description();
+      const std::string told = textOf(other->context->count({"Locations"}).error());
+      EXPECT_NE(told.find("(process " + std::to_string(::getpid()) + ")"), told.npos) << told;
       EXPECT_EQ(textOf(other->context->fetch({"Locations"}).error()), noStoreError("fetch").localizedDescription);
       EXPECT_EQ(textOf(other->context->save()), noStoreError("save").localizedDescription);
       EXPECT_TRUE(other->context->hasChanges());
