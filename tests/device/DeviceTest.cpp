@@ -9,6 +9,7 @@
 #include "platform/device/linux/SystemFiles.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/NotificationCenter.h"
+#include "platform/foundation/WorkInFlight.h"
 #include "support/FreshProcess.h"
 #include "support/TempDir.h"
 
@@ -114,22 +115,23 @@ TEST(Device, ReadsTheDistributionsNameAsTheShellWould) {
   EXPECT_EQ(releaseValue(text, "VERSION"), std::nullopt);
 }
 
-TEST(Application, HasItsNewStateWhenItTellsOfIt) {
-  UIApplication& application = UIApplication::shared();
-  std::vector states{application.applicationState()};
-  const auto look = [&](const std::string&) { states.push_back(application.applicationState()); };
-  for (const char* name : {UIApplicationDidEnterBackgroundNotification, UIApplicationDidBecomeActiveNotification,
-                           UIApplicationDidFinishLaunchingNotification})
-    NotificationCenter::defaultCenter().addObserver(name, look);
-
-  application.didEnterBackground();
-  application.didFinishLaunching();
-  application.didBecomeActive();
-  application.willResignActive();
-  look("");
-
-  using enum UIApplicationState;
-  EXPECT_EQ(states, (std::vector{active, background, background, active, inactive}));
+TEST(Application, AsksTheHostOnTheMainQueueAndHasItsStateBeforeItTellsOfIt) {
+  struct Host : HostApplication {
+    bool presentAlert(const Alert& alert) override { return !(asked += alert.title).empty(); }
+    void openURL(const std::string& url) override { asked += url; }
+    std::string asked;
+  };
+  const auto host = std::make_shared<Host>();
+  setHostApplication(host);
+  UIApplication::shared().present({"title ", "text", {}});
+  UIApplication::shared().openURL("url");
+  EXPECT_EQ(host->asked, "");
+  ASSERT_TRUE(WorkInFlight::waitUntilIdle(Seconds(10)));
+  EXPECT_EQ(host->asked, "title url");
+  NotificationCenter::defaultCenter().addObserver(UIApplicationDidEnterBackgroundNotification, [](const auto&) {
+    EXPECT_EQ(UIApplication::shared().applicationState(), UIApplicationState::background);
+  });
+  UIApplication::shared().didEnterBackground();
 }
 
 }  // namespace
