@@ -39,20 +39,6 @@ class HostFolder : public testing::Test {
 using BundleOfTheHost = HostFolder;
 using EnvironmentOfTheHost = HostFolder;
 
-TEST_F(BundleOfTheHost, ReadsTheHostsPropertyListWithItsTypes) {
-  std::ofstream(home_.path() / "Info.plist")
-      << "<plist><dict><key>CFBundleIdentifier</key><string>org.example.app</string>"
-         "<key>N</key><string>5</string><key>I</key><integer>5</integer></dict></plist>";
-  EXPECT_EQ(Bundle::main().bundleIdentifier(), "org.example.app");
-  EXPECT_EQ(find(Bundle::main().infoDictionary(), "N")->asInteger(), std::nullopt);
-  EXPECT_EQ(find(Bundle::main().infoDictionary(), "I")->asInteger(), 5);
-  EXPECT_TRUE(log_.empty());
-}
-
-TEST_F(BundleOfTheHost, IsEmptyAndSilentWithoutAPropertyList) {
-  EXPECT_TRUE(Bundle::main().infoDictionary().empty() && log_.empty());
-}
-
 TEST_F(BundleOfTheHost, IsWhatTheHostSaysInCodeAndNotItsFile) {
   std::ofstream(home_.path() / "Info.plist") << "<plist><dict><key>N</key><string>5</string></dict></plist>";
   const Dictionary info{{"TarvoApiKey", "k"}};
@@ -79,7 +65,7 @@ TEST_F(EnvironmentOfTheHost, MakesTheDocumentDirectoryForItsUserAlone) {
   setDocumentDirectories({home_.path() / "logs", home_.path() / "a" / "b"});
   EXPECT_EQ(documentDirectories().back(), home_.path() / "a" / "b");
   for (const char* made : {"logs", "a/b"}) EXPECT_TRUE(fs::is_directory(home_.path() / made));
-  EXPECT_TRUE(log_.empty());
+  EXPECT_TRUE(Bundle::main().infoDictionary().empty() && log_.empty()) << "a host needs no property list";
 }
 
 TEST_F(EnvironmentOfTheHost, SurvivesAHomeThatCannotBeWritten) {
@@ -87,6 +73,8 @@ TEST_F(EnvironmentOfTheHost, SurvivesAHomeThatCannotBeWritten) {
   setHomeDirectory(home_.path() / "file");
   for (int time = 0; time < 2; ++time) EXPECT_EQ(documentDirectories()[0], home_.path() / "file" / "Documents");
   EXPECT_EQ(log_.size(), 1U);
+  fs::create_symlink("absent", home_.path() / "link");
+  EXPECT_EQ(createPrivateDirectories(home_.path() / "link")->code, EEXIST) << "and not what was asked afterwards";
 }
 
 TEST(Environment, FollowsTheUsersDataDirectoryUnlessAHomeIsSet) {
@@ -134,11 +122,6 @@ TEST_F(EnvironmentOfTheHost, ClearsWhatKilledWritesHaveLeftAndNothingElse) {
   clearing.join();
 }
 
-TEST_F(EnvironmentOfTheHost, TellsWhyAFolderCannotBeMade) {
-  fs::create_symlink("absent", home_.path() / "link");
-  EXPECT_EQ(createPrivateDirectories(home_.path() / "link")->code, EEXIST) << "and not what was asked afterwards";
-}
-
 TEST(FileLock, IsWaitedForUntilTheOtherLetsGo) {
   const test::TempDir dir;
   const auto file = dir.path() / "l";
@@ -168,15 +151,12 @@ TEST(Files, TellPlainNamesFromPaths) {
   EXPECT_FALSE(isPlainFileName(std::string_view("a\0b", 3)));
 }
 
-TEST(Base64, EncodesWithPaddingAndReadsItBack) {
+TEST(Base64, IsWrittenWithPaddingAndReadOnlySo) {
   const std::pair<std::string_view, const char*> cases[] = {
-      {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"\xff\xfe\xfb", "//77"}};
-  for (const auto& [bytes, text] : cases) {
-    EXPECT_EQ(base64Encode(bytes), text);
-    EXPECT_EQ(base64Decode(text), bytes);
-  }
-  for (const char* text : {"Zg=", "Z===", "Zg==Zg==", "Zm9v\n", "Zm9-"})
-    EXPECT_EQ(base64Decode(text), std::nullopt) << text;
+      {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"\xff\xfe\xfb", "//77"}};
+  for (const auto& [bytes, text] : cases)
+    EXPECT_TRUE(base64Encode(bytes) == text && base64Decode(text) == bytes) << text;
+  for (const char* text : {"Zg=", "Z===", "Zg==Zg==", "Zm9-"}) EXPECT_EQ(base64Decode(text), std::nullopt) << text;
 }
 
 }  // namespace

@@ -38,15 +38,10 @@ TEST_F(UserDefaultsOfAHome, ReadsEachTypeAsAnother) {
       {0, 0, 0, false, "0"},
       {-3.9, -3, -3.9, true, "-3.9"},
       {1e20, most, 1e20, true, "100000000000000000000"},
-      {true, 1, 1, true, "1"},
-      {"12abc", 12, 12, true, "12abc"},
       {" +3.5e1x", 3, 35, true, " +3.5e1x"},
-      {"-007", -7, -7, true, "-007"},
       {"inf", 0, 0, false, "inf"},
-      {"", 0, 0, false, ""},
       {"99999999999999999999", most, 1e20, true, "99999999999999999999"},
       {" Yes", 0, 0, true, " Yes"},
-      {"No", 0, 0, false, "No"},
       {Array{1}, 0, 0, false, std::nullopt},
   };
   for (const auto& [value, integer, number, boolean, string] : cases) {

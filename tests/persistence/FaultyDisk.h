@@ -1,8 +1,10 @@
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sqlite3.h>
 
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <map>
 
@@ -79,5 +81,15 @@ class FaultyDisk {
   inline static std::int64_t callsLeft = kNoLimit, bytesLeft = kNoLimit;
   inline static int failedCalls = 0;
 };
+
+/// How often `goesThrough` fails before it no longer does, with a fault that each time comes one step later.
+inline int failuresUntilDone(const std::function<bool(int nth)>& goesThrough) {
+  for (int nth = 0; nth < 200; ++nth) {
+    SCOPED_TRACE(nth);
+    if (goesThrough(nth)) return nth;
+  }
+  ADD_FAILURE() << "it never goes through";
+  return 0;
+}
 
 }  // namespace tarvo::platform

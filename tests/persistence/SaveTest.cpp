@@ -11,7 +11,7 @@ std::string integrityOf(const std::filesystem::path& file) { return runSql(file,
 
 void expectTheMixture(TestStore& store) {
   EXPECT_EQ(store.count(), 4U);
-  EXPECT_EQ(store.indexes({"Locations", {}, {{"index", true}}}), "0 1 3 4 ");
+  EXPECT_EQ(store.indexes(kByIndex), "0 1 3 4 ");
   EXPECT_EQ(store.indexes(unsentRequest()), "1 3 4 ");
   EXPECT_EQ(store.indexes({"Locations", {{"altitude", Op::equal, 12.5}}}), "1 ");
 }
@@ -61,13 +61,10 @@ TEST(Save, KeepsEverythingPendingWhicheverDiskCallFailsAndWhereverTheDiskGetsFul
   const std::pair<void (*)(std::int64_t), std::int64_t> faults[] = {{FaultyDisk::failAfterCalls, 1},
                                                                     {FaultyDisk::failAfterBytes, 1001}};
   for (const auto& [failAfter, step] : faults) {
-    int failed = 0;
-    for (bool saved = false; !saved; ++failed) {
-      ASSERT_LT(failed, 200);
-      SCOPED_TRACE(failed * step);
-      saved = surviveFault([failAfter = failAfter, nth = failed * step] { failAfter(nth); });
-    }
-    EXPECT_GT(failed, 10);
+    const auto save = [failAfter = failAfter, step = step](int nth) {
+      return surviveFault([&] { failAfter(nth * step); });
+    };
+    EXPECT_GE(failuresUntilDone(save), 10);
   }
 }
 
@@ -122,30 +119,26 @@ TEST(Save, CostsTheSameOnAFullDiskWhateverIsPendingAndWritesAllOfItOnceThereIsRo
 
 TEST(Save, LeavesAStoreThatCanBeCreatedLaterWhenCreationFails) {
   FaultyDisk::install();
-  int failed = 0;
-  for (bool opened = false; !opened; ++failed) {
-    ASSERT_LT(failed, 200);
+  const auto create = [](int nth) {
     test::TempDir dir;
-    FaultyDisk::failAfterCalls(failed);
-    opened = !TestStore(dir.path() / "a.sqlite").failure;
+    FaultyDisk::failAfterCalls(nth);
+    const bool opened = !TestStore(dir.path() / "a.sqlite").failure;
     FaultyDisk::heal();
-    TestStore again(dir.path() / "a.sqlite");
-    ASSERT_FALSE(again.failure) << failed << ": " << again.failure->description();
-  }
-  EXPECT_GT(failed, 5);
+    EXPECT_FALSE(TestStore(dir.path() / "a.sqlite").failure);
+    return opened;
+  };
+  EXPECT_GE(failuresUntilDone(create), 5);
 }
 
 TEST(Save, GoesOnBehindRowsThatAnotherProgramHasInserted) {
   TestStore store;
   store.run([&] {
-    store.add(0);
-    store.save();
+    store.fill(1);
     runSql(store.file, "INSERT INTO Locations (\"index\") VALUES (10), (11)");
     store.add(1);
     EXPECT_EQ(store.context->save().value_or(Error{}).code, 134030);
     store.save();
-    EXPECT_EQ(store.count(), 4U);
-    EXPECT_EQ(store.indexes({"Locations", {}, {{"index", true}}}), "0 1 10 11 ");
+    EXPECT_EQ(store.indexes(kByIndex), "0 1 10 11 ");
   });
 }
 
@@ -153,7 +146,7 @@ TEST(Save, WritesToEachRowItsOwnChangesThoughNeighboursShareAStatement) {
   TestStore store;
   const auto printed = [](TestStore& from) {
     std::string text;
-    for (const auto& row : from.fetch({"Locations", {}, {{"index", true}}}))
+    for (const auto& row : from.fetch(kByIndex))
       text += concat(row->integer(from.at("index")), *row->boolean(from.at("unsent")) ? "u" : "-",
                      *row->boolean(from.at("sentWithoutACK")) ? "w" : "-", row->number(from.at("altitude")),
                      row->string(from.at("appName")), " ");

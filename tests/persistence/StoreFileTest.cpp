@@ -15,26 +15,24 @@ namespace {
 
 namespace fs = std::filesystem;
 
-TEST(ObjectStoreFile, IsCreatedForItsOwnerAloneAndFoundAgain) {
+TEST(ObjectStoreFile, IsCreatedForItsOwnerAloneAndWholeAfterACheckpoint) {
   test::TempDir dir;
-  for (const bool emptyBefore : {false, true}) {
-    const auto file = dir.path() / (emptyBefore ? "empty.sqlite" : "absent.sqlite");
-    if (emptyBefore) std::ofstream(file).flush();
+  for (const char* name : {"absent", "empty"}) {
+    const auto file = dir.path() / name;
+    if (name == std::string_view("empty")) std::ofstream(file).flush();
+    TestStore store(file);
     std::string id;
-    for (int round = 0; round < 2; ++round) {
-      TestStore store(file);
-      ASSERT_FALSE(store.failure) << store.failure->description();
-      store.run([&] {
-        if (round == 0) store.add(0);
-        store.save();
-        const auto found = store.fetch().at(0)->objectID().description();
-        if (round == 0) id = found;
-        EXPECT_EQ(found, id);
-      });
+    store.run([&] {
+      store.fill(1);
+      id = store.fetch().at(0)->objectID().description();
       for (const char* side : {"", "-wal", "-shm"})
-        EXPECT_EQ(fs::status(file.string() + side).permissions(), fs::perms::owner_read | fs::perms::owner_write)
-            << side;
-    }
+        EXPECT_EQ(fs::status(file.string() + side).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+      EXPECT_FALSE(store.coordinator->checkpoint());
+    });
+
+    fs::copy(file, file.string() + ".copy");
+    TestStore copy(file.string() + ".copy");
+    copy.run([&] { EXPECT_EQ(copy.fetch().at(0)->objectID().description(), id); });
   }
 }
 
@@ -53,7 +51,6 @@ TEST(ObjectStoreFile, IsRefusedAndLeftUntouchedWhenItIsNotAStoreOfTheModel) {
   };
   const std::tuple<const char*, std::function<void(const fs::path&)>, std::int64_t> cases[] = {
       {"garbage", holds(std::string(5000, 'x')), 259},
-      {"one byte", holds("S"), 259},
       {"cut header", holds(text.substr(0, 60)), 259},
       {"foreign", runs("CREATE TABLE Locations (a)"), 134020},
       {"foreign without tables", runs("PRAGMA application_id = 7; VACUUM"), 134020},
@@ -85,31 +82,13 @@ TEST(ObjectStoreFile, ThatCannotBeMadeGivesAnErrorAndKeepsChangesPending) {
     TestStore store(dir.path() / name);
     ASSERT_TRUE(store.failure);
     EXPECT_EQ(store.failure->code, 134080);
-    EXPECT_FALSE(store.coordinator->checkpoint());
     store.run([&] {
       store.save();
-      EXPECT_FALSE(store.context->fetch({"Locations"}));
-      EXPECT_FALSE(store.context->count({"Locations"}));
       store.add(0);
       EXPECT_EQ(store.context->save()->domain, NSCocoaErrorDomain);
       EXPECT_TRUE(store.context->hasChanges());
     });
   }
-}
-
-TEST(ObjectStoreFile, HoldsEverythingAfterACheckpoint) {
-  TestStore store;
-  const fs::path log = store.file.string() + "-wal", copied = store.file.string() + "-copy";
-  store.run([&] {
-    store.add(0);
-    store.save();
-    ASSERT_GT(fs::file_size(log), 0U);
-    EXPECT_FALSE(store.coordinator->checkpoint());
-  });
-  EXPECT_EQ(fs::file_size(log), 0U);
-  fs::copy(store.file, copied);
-  TestStore copy(copied);
-  copy.run([&] { EXPECT_EQ(copy.count(), 1U); });
 }
 
 constexpr WriteRight::Patience kNone{std::chrono::seconds(0), std::chrono::seconds(0)};
@@ -119,7 +98,7 @@ std::string textOf(const std::optional<Error>& error) { return error ? error->lo
 void save(TestStore& store, int index) {
   store.run([&] {
     store.add(index);
-    EXPECT_EQ(textOf(store.context->save()), "done");
+    store.save();
   });
 }
 
@@ -137,9 +116,8 @@ TEST(OneWriter, KeepsTheOthersOutUntilItHasGone) {
       EXPECT_EQ(other->count(), 2U) << "a reader believes no count of its own";
       EXPECT_TRUE(other->add(9));
       EXPECT_FALSE(other->coordinator->hasStore());
-      const auto told = other->context->count({"Locations"}).error();
-      EXPECT_NE(told.localizedDescription.find("(process " + std::to_string(::getpid()) + ")"), std::string::npos)
-          << told.description();
+      const std::string told = textOf(other->context->count({"Locations"}).error());
+      EXPECT_NE(told.find("(process " + std::to_string(::getpid()) + ")"), told.npos) << told;
       EXPECT_EQ(textOf(other->context->fetch({"Locations"}).error()), noStoreError("fetch").localizedDescription);
       EXPECT_EQ(textOf(other->context->save()), noStoreError("save").localizedDescription);
       EXPECT_TRUE(other->context->hasChanges());
@@ -152,8 +130,7 @@ TEST(OneWriter, KeepsTheOthersOutUntilItHasGone) {
     second.add(3);
     EXPECT_TRUE(second.coordinator->hasStore());
     EXPECT_EQ(textOf(second.context->save()), "done");
-    EXPECT_EQ(second.indexes({"Locations", {}, {{"index", true}}}), "0 1 2 3 9 ");
-    EXPECT_EQ(second.count(), 5U);
+    EXPECT_EQ(second.indexes(kByIndex), "0 1 2 3 9 ");
   });
 }
 
@@ -294,7 +271,6 @@ TEST(LostStore, IsNoticedByTheNextSaveAndToldOnce) {
       {"store removed", removes(""), true},
       {"store replaced", replaces, true},
       {"log removed", removes("-wal"), true},
-      {"log emptied", cutsTo("-wal", 0), true},
       {"log cut", cutsTo("-wal", 0.5), true},
       {"index removed", removes("-shm"), true},
       {"index emptied", cutsTo("-shm", 0), true},
@@ -325,11 +301,8 @@ TEST(LostStore, IsNoticedByTheNextSaveAndToldOnce) {
 }
 
 TEST(Statements, InUseOutliveAnyNumberOfOthers) {
-  test::TempDir dir;
-  { TestStore made(dir.path() / "a.sqlite"); }
-  TestStore store(dir.path() / "a.sqlite");
+  TestStore store;
   auto& database = store.coordinator->store()->database();
-  EXPECT_EQ(database.keptStatements(), 0U) << "what makes or opens a store does not come again";
   const std::string sql =
       "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 300) SELECT i FROM n";
   Execution rows(database, sql);
@@ -341,8 +314,7 @@ TEST(Statements, InUseOutliveAnyNumberOfOthers) {
     EXPECT_EQ(inner.integer(0), i % 2 == 0 ? 1 : i);
   }
   EXPECT_LE(database.keptStatements(), 128U);
-  EXPECT_FALSE(rows.step());
-  EXPECT_FALSE(rows.failed());
+  EXPECT_FALSE(rows.step() || rows.failed());
 }
 
 }  // namespace

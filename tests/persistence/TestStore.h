@@ -34,6 +34,12 @@ inline std::string runSql(const std::filesystem::path& file, const char* sql) {
   return value;
 }
 
+/// The tables and indexes with the statements that make them.
+inline std::string schemaOf(const std::filesystem::path& file) {
+  return runSql(file,
+                "SELECT group_concat(name || sql, char(10)) FROM (SELECT name, sql FROM sqlite_schema ORDER BY name)");
+}
+
 /// The model that the library carries.
 inline std::shared_ptr<NSManagedObjectModel> shippedModel() {
   static const std::string text = fileText(std::filesystem::path(__FILE__).parent_path() / ".." / ".." / "src" /
@@ -62,6 +68,12 @@ struct TestStore {
     object->setBoolean(at("unsent"), unsent);
     object->setBoolean(at("sentWithoutACK"), awaiting);
     return object;
+  }
+
+  /// New positions with the indexes from 0 on, saved.
+  void fill(int count) {
+    for (int i = 0; i < count; ++i) add(i);
+    save();
   }
 
   /// The indexes of a result in its order, "!" for a failure.
@@ -96,6 +108,8 @@ struct TestStore {
 };
 
 using Op = NSPredicate::Operator;
+
+inline const NSFetchRequest kByIndex{"Locations", {}, {{"index", true}}};
 
 inline NSFetchRequest unsentRequest(std::size_t limit = 1000) {
   return {"Locations", {{"unsent", Op::equal, true}, {"sentWithoutACK", Op::equal, false}}, {{"index", true}}, limit};

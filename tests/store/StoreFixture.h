@@ -1,9 +1,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
-#include <csignal>
 #include <functional>
 #include <memory>
 #include <string>
@@ -27,22 +25,6 @@ inline std::size_t logged(std::string_view opening) {
   return count;
 }
 
-/// While it lives no file can grow: the store's saves fail as on a full disk.
-class FullDisk {
- public:
-  FullDisk() {
-    std::signal(SIGXFSZ, SIG_IGN);
-    ::getrlimit(RLIMIT_FSIZE, &before_);
-    rlimit full = before_;
-    full.rlim_cur = 0;
-    ::setrlimit(RLIMIT_FSIZE, &full);
-  }
-  ~FullDisk() { ::setrlimit(RLIMIT_FSIZE, &before_); }
-
- private:
-  rlimit before_{};
-};
-
 /// The library's own store and model in a file of a temporary folder, with a clock that the test moves.
 class StoreTest : public ::testing::Test {
  protected:
@@ -61,14 +43,8 @@ class StoreTest : public ::testing::Test {
 
   std::shared_ptr<Locations> add(platform::NSManagedObjectContext& context, double latitude = 48.5,
                                  std::string_view serviceAction = "loc_changed") {
-    platform::CLLocation fix;
-    fix.coordinate = {latitude, 2.3522};
-    fix.altitude = 35.25;
-    fix.horizontalAccuracy = 5;
-    fix.verticalAccuracy = 8;
-    fix.speed = 1.5;
-    fix.course = 90;
-    fix.timestamp = clock->now() - platform::Seconds(1);
+    const auto time = clock->now() - platform::Seconds(1);
+    const platform::CLLocation fix{{latitude, 2.3522}, 35.25, 5, 8, 90, 1.5, time, std::nullopt};
     return Locations::addLocation(fix, "walking", "sls", context, serviceAction);
   }
 
@@ -84,6 +60,7 @@ class StoreTest : public ::testing::Test {
   }
 
   TempDir folder;
+  const std::filesystem::path file = folder.path() / ObjectStore::kFileName;
   std::shared_ptr<platform::ManualClock> clock =
       std::make_shared<platform::ManualClock>(platform::dateSince1970(1488442530.987));
   ObjectStore store;

@@ -1,7 +1,5 @@
 #include "store/Locations.h"
 
-#include <sqlite3.h>
-
 #include <fstream>
 #include <numeric>
 #include <tuple>
@@ -10,14 +8,14 @@
 #include <tarvo/platform/Device.h>
 #include <tarvo/platform/SystemLog.h>
 
-#include "platform/foundation/FileLock.h"
+#include "persistence/FaultyDisk.h"
+#include "persistence/TestStore.h"
 #include "platform/foundation/Json.h"
 #include "platform/foundation/Text.h"
-#include "platform/persistence/Store.h"
-#include "records/Positions.h"
 #include "settings/Settings.h"
 #include "store/Attributes.h"
 #include "store/PastTrips.h"
+#include "store/PointOfInterest.h"
 #include "store/StoreFixture.h"
 #include "store/Users.h"
 #include "support/DiaryEngine.h"
@@ -33,11 +31,6 @@ using platform::Seconds;
 
 class StoredPositions : public test::StoreTest {
  protected:
-  using Flags = std::pair<bool, bool>;
-  static Flags flags(const Locations& location) {
-    const LocationRecord record = location.record();
-    return {record.unsent.value(), record.sentWithoutACK.value()};
-  }
   static void expectNoPosition(Context& context) {
     EXPECT_EQ(Locations::getLastLocation(context), nullptr);
     for (const auto& positions : {Locations::getAllLocations(context), Locations::getUnsentLocations(context),
@@ -54,22 +47,21 @@ using UploadBody = StoredPositions;
 using Acknowledgement = StoredPositions;
 
 TEST_F(StoredPositions, AreNumberedByTheRecordsBesidesThemWhateverIsSaved) {
+  platform::FaultyDisk::install();
   within([&](Context& context) {
     expectNoPosition(context);
     for (std::int64_t i = 0; i < 3; ++i) EXPECT_EQ(add(context)->index(), i);
     ASSERT_FALSE(context.save());
-    {
-      test::FullDisk full;
-      EXPECT_EQ(add(context)->index(), 3);
-      ASSERT_TRUE(context.save());
-    }
+    platform::FaultyDisk::failAfterCalls(0);
+    EXPECT_EQ(add(context)->index(), 3);
+    ASSERT_TRUE(context.save());
+    platform::FaultyDisk::heal();
     EXPECT_EQ(add(context)->index(), 4);
     ASSERT_FALSE(context.save());
     EXPECT_EQ(indexes(Locations::getAllLocations(context)), (std::vector<std::int64_t>{4, 3, 2, 1, 0}));
     Locations::removeData(context);
     EXPECT_EQ(add(context)->index(), 0);
   });
-  EXPECT_EQ(logged("Locations:getSentWithoutACKLocations [loc] from:nil to:nil count : 0 mainThread:true"), 1U);
 }
 
 TEST_F(StoredPositions, KeepTheWholeFixAndItsCircumstances) {
@@ -87,18 +79,12 @@ TEST_F(StoredPositions, KeepTheWholeFixAndItsCircumstances) {
               std::tuple(fix.timestamp, clock->now(), true, false));
     EXPECT_EQ(add(context)->record().floor, std::nullopt);
   });
-  EXPECT_EQ(logged("Locations:addLocation [loc] id:0 lon:151.25 lat:-33.5 tLoc:2017-03-02 08:15:29 +0000 "
-                   "tMob:2017-03-02 08:15:30 +0000 event:app_paused mainThread:true"),
-            1U);
 }
 
 TEST_F(StoredPositions, LeaveTheStoreForUploadInBatchesOfThousandByIndex) {
   within([&](Context& context) {
     addAndSave(context, 1500);
     EXPECT_EQ(indexes(Locations::getUnsentLocations(context)), range(0, 1000));
-    auto newest = indexes(Locations::getAllLocations(context));
-    std::reverse(newest.begin(), newest.end());
-    EXPECT_EQ(newest, range(500, 1000));
 
     const auto oldest = Locations::getUnsentLocations(context);
     for (std::size_t i = 0; i < 10; ++i) Locations::markLocationAsSentWithoutACKWithID(oldest[i]->objectID(), context);
@@ -114,8 +100,6 @@ TEST_F(StoredPositions, LeaveTheStoreForUploadInBatchesOfThousandByIndex) {
     unsaved->setInteger(at::index, -1);
     EXPECT_EQ(indexes(Locations::getSentWithoutACKLocations(context)), range(0, 1000));
   });
-  EXPECT_EQ(logged("Locations:getUnsentLocations [loc] from:10 to:1009 mainThread:"), 1U);
-  EXPECT_EQ(logged("Locations:getSentWithoutACKLocations [loc] from:0 to:9 count : 10 mainThread:"), 1U);
 }
 
 TEST_F(StoredPositions, LastIsTheNewestByFixTimeAndHistoryGoesByStorageTime) {
@@ -140,55 +124,14 @@ TEST_F(StoredPositions, LastIsTheNewestByFixTimeAndHistoryGoesByStorageTime) {
     ASSERT_FALSE(context.save());
     EXPECT_EQ(history(0.25, 0.5), range(1, 2));
 
+    Users::addUser("u", "t", context);  // no reason to copy the positions, which would be of this moment
     const auto all = Locations::getLocationHistory(context, platform::distantPast(), platform::distantFuture());
     Locations::addLocation(fix, "", "", context, "later");
+    Locations::getLastLocation(context)->setBoolean(at::unsent, false);
     ASSERT_FALSE(context.save());
     EXPECT_EQ(all.size(), 4U);
     EXPECT_EQ(all.toVector().back().index, 3) << "what is stored later is not part of a history";
-  });
-}
-
-void rename(Context& context, const char* from, const char* to) {
-  auto& database = context.coordinator().store()->database();
-  platform::Execution(database, platform::concat("ALTER TABLE ", from, " RENAME TO ", to)).step();
-}
-
-TEST_F(StoredPositions, FirstOfAHistoryIsFoundWithoutSortingTheRest) {
-  within([&](Context& context) {
-    for (int i = 0; i < 9000; ++i) {
-      clock->advance(Seconds(1));
-      add(context, 48 + i * 0.001);
-    }
-    ASSERT_FALSE(context.save());
-    const auto history = Locations::getLocationHistory(context, clock->now() - Seconds(1999), clock->now());
-    ASSERT_EQ(history.size(), 2000U);
-    // By the index of the storage time, so that a pass over all of them is sorted in memory.
-    const auto needed = [&](const std::function<void()>& read) {
-      sqlite3_memory_highwater(1);
-      const auto before = sqlite3_memory_used();
-      read();
-      return sqlite3_memory_highwater(0) - before;
-    };
-    std::optional<platform::CLLocationCoordinate2D> first;
-    PositionSource::of(history).firstCoordinate();  // statements and pages are there then
-    const auto one = needed([&] { first = PositionSource::of(history).firstCoordinate(); });
-    const auto all = needed([&] { EXPECT_EQ(history.toVector().size(), 2000U); });
-    EXPECT_EQ(first, (platform::CLLocationCoordinate2D{48 + 7000 * 0.001, 2.3522}));
-    EXPECT_LT(one, all / 2);
-  });
-}
-
-TEST_F(StoredPositions, StayInTheStoreForAHistoryWhileOtherRecordsAreUnsaved) {
-  within([&](Context& context) {
-    const auto position = add(context);
-    Users::addUser("u", "t", context);
-    ASSERT_FALSE(context.save());
-    EXPECT_EQ(Users::getUserUUID(context), "u");
-    context.deleteObject(Users::getUsers(context).front());
-    const auto history = Locations::getLocationHistory(context, platform::distantPast(), platform::distantFuture());
-    position->setBoolean(at::unsent, false);
-    ASSERT_FALSE(context.save());
-    EXPECT_EQ(history.toVector().front().unsent, false) << "a copy would be of an earlier moment";
+    EXPECT_EQ(all.toVector().at(1).unsent, false);
   });
 }
 
@@ -197,32 +140,15 @@ TEST_F(StoredPositions, OfAHistoryThatCannotBeReadAreNone) {
   within([&](Context& context) {
     addAndSave(context, 2);
     history.locations = Locations::getLocationHistory(context, platform::distantPast(), platform::distantFuture());
-    rename(context, "Locations", "Hidden");
+    platform::runSql(file, "ALTER TABLE Locations RENAME TO Hidden");
     EXPECT_TRUE(history.locations.toVector().empty());
     EXPECT_TRUE(history.toArray().empty());
     EXPECT_EQ(history.getBoundingBox(), std::nullopt);
     EXPECT_EQ(history.toGeoJSON("LineString"), std::nullopt);
     EXPECT_EQ(logged("Locations:getLocationHistory Unresolved error "), 4U);
-    rename(context, "Hidden", "Locations");
+    platform::runSql(file, "ALTER TABLE Hidden RENAME TO Locations");
     EXPECT_EQ(history.toArray().size(), 2U);
   });
-}
-
-TEST_F(StoredPositions, AreMarkedByTheirTemporaryIDUntilTheyHaveGone) {
-  within([&](Context& context) {
-    const auto location = add(context);
-    const auto id = location->objectID();
-    ASSERT_FALSE(context.save());
-    Locations::markLocationAsSentWithoutACKWithID(id, context);
-    EXPECT_EQ(flags(*location), Flags(true, true));
-    Locations::removeData(context);
-    ASSERT_FALSE(context.save());
-    const auto later = add(context);  // must not be taken for the one that has gone
-    ASSERT_FALSE(context.save());
-    Locations::markLocationAsSentWithoutACKWithID(id, context);
-    EXPECT_EQ(flags(*later), Flags(true, false));
-  });
-  EXPECT_EQ(logged("Locations:markLocationAsSentWithoutACKWithID Unresolved error Error Domain="), 1U);
 }
 
 TEST_F(Acknowledgement, ClearsItsRangeFreesTheChannelAndStartsTheNextPassBeforeTheSave) {
@@ -281,10 +207,9 @@ TEST_F(UploadBody, HoldsFourteenTextsInAFixedOrder) {
 }
 
 TEST_F(StoredPositions, OfAStoreThatDidNotOpenAreNoneAndEachFailureIsLogged) {
-  std::ofstream(folder.path() / ObjectStore::kFileName) << std::string(4096, 'x');
+  std::ofstream(file) << std::string(4096, 'x');
   within([&](Context& context) {
     EXPECT_EQ(add(context), nullptr);
-    EXPECT_TRUE(context.hasChanges());
     EXPECT_EQ(Locations::counts(context).unsaved, 1);
     EXPECT_EQ(logged("Unresolved error Error Domain=YOUR_ERROR_DOMAIN Code=9999 "), 1U);
     expectNoPosition(context);
@@ -298,26 +223,137 @@ TEST_F(StoredPositions, OfAStoreThatDidNotOpenAreNoneAndEachFailureIsLogged) {
     EXPECT_EQ(logged(opening), 1U) << opening;
 }
 
-TEST_F(StoredPositions, OfAProcessThatIsKeptOutTellOnceWhoWritesAndAreStoredAgainWhenItHasGone) {
-  within([](Context&) {});  // makes the store
-  platform::FileLock other(folder.path() / (std::string(ObjectStore::kFileName) + ".lock"));
-  ASSERT_TRUE(other.tryLock().value());
-  ObjectStore second({std::chrono::milliseconds(0), std::chrono::milliseconds(0)});
-  auto& context = second.managedObjectContext();
-  const auto deliver = [&] {
-    context.performAndWait([&] {
-      if (add(context)) second.saveContext();
-    });
-  };
-  for (int i = 0; i < 3; ++i) deliver();
-  EXPECT_EQ(logged(" Locations:addLocation Unresolved error "), 3U);
-  EXPECT_EQ(test::LogDiary::installed().count("is being written by test_store (process "), 1U);
-  other.unlock();
-  deliver();
-  context.performAndWait([&] {
-    EXPECT_FALSE(context.hasChanges());
-    EXPECT_EQ(Locations::getLastLocation(context)->index(), 3);
+platform::Dictionary json(std::string_view text) { return *platform::parseJson(text)->asDictionary(); }
+
+Date onTheDay(int hourUTC, int minute = 0) {
+  return platform::dateSince1970(1488412800.0 + hourUTC * 3600 + minute * 60);  // 2017-03-02
+}
+
+using StoredTrips = test::StoreTest;
+using StoredPlaces = test::StoreTest;
+
+TEST_F(StoredTrips, AreReplacedById) {
+  within([&](Context& context) {
+    for (const bool saveBetween : {false, true}) {
+      PastTrips::addLastTrip(json(R"({"pasttrip_id":7,"arrival_lat":1.5,"route":{}})"), context);
+      ASSERT_FALSE(saveBetween && context.save());
+      PastTrips::addLastTrip(json(R"({"pasttrip_id":7,"arrival_lat":2.5,"route":{"b":[1,2.5],"a":null}})"), context);
+    }
+    EXPECT_EQ(context.count({.entity = "PastTrips"}).value(), 1U);
+    const PastTripRecord trip = PastTrips::getLastPastTrip(context)->record();
+    EXPECT_EQ(std::tie(trip.arrival_lat, trip.arrival_lon, trip.departure_lat), std::tuple(2.5, 0.0, 0.0));
+    EXPECT_EQ(trip.start_time, std::nullopt);
+    EXPECT_EQ(trip.route, R"({"a":null,"b":[1,2.5]})");
   });
+}
+
+TEST_F(StoredTrips, ReadWhatTheyCanOfAnOddAnswer) {
+  within([&](Context& context) {
+    const auto odd = PastTrips::addLastTrip(
+        json(R"({"pasttrip_id":"7","arrival_lat":"x","departure_lon":null,"start_time":"yesterday","arrival_time":3})"),
+        context);
+    const PastTripRecord record = odd->record();
+    EXPECT_EQ(std::tie(record.arrival_lat, record.departure_lon), std::tuple(0.0, 0.0));
+    EXPECT_FALSE(record.pasttrip_id || record.start_time || record.arrival_time || record.route);
+    EXPECT_TRUE(
+        PastTrips::getLocationHistoryExtraPolated(context, platform::distantPast(), platform::distantFuture()).empty());
+    PastTrips::addLastTrip({{"route", platform::Dictionary{{"name", "\xff"}}}}, context);
+  });
+  EXPECT_EQ(logged("PastTrips:addLastTrip Unresolved error Error Domain="), 1U);
+  EXPECT_EQ(logged("PastTrips:addLastTrip:Failed to load GEOJSON: "), 1U);
+}
+
+TEST_F(StoredTrips, AreFoundByTheirStartInIdentifierOrder) {
+  within([&](Context& context) {
+    const auto found = [&](Date since, Date until) {
+      std::string ids;
+      for (const auto& trip : PastTrips::getLocationHistoryExtraPolated(context, since, until))
+        ids += platform::concat(trip->pasttripID().value(), " ");
+      return ids;
+    };
+    EXPECT_EQ(found(platform::distantPast(), platform::distantFuture()), "");
+    for (const char* trip : {R"({"pasttrip_id":12,"start_time":"2017-03-02T07:30:00.000+0000"})",
+                             R"({"pasttrip_id":1000,"start_time":"2017-03-02T07:00:00.000+0000"})",
+                             R"({"pasttrip_id":999,"start_time":"2017-03-02T08:15:30.123+0100"})"})
+      PastTrips::addLastTrip(json(trip), context);
+    for (const bool saved : {false, true}) {
+      ASSERT_FALSE(saved && context.save());
+      EXPECT_EQ(PastTrips::getLastPastTrip(context)->pasttripID(), 1000);
+      EXPECT_EQ(found(onTheDay(7), onTheDay(8)), "12 999 1000 ");
+      EXPECT_EQ(found(onTheDay(7, 30), onTheDay(9)), "12 ");
+      EXPECT_EQ(found(onTheDay(8), onTheDay(9)), "");
+    }
+    PastTrips::removeData(context);
+    EXPECT_EQ(PastTrips::getLastPastTrip(context), nullptr);
+  });
+}
+
+TEST_F(StoredPlaces, AreNeverReplacedAndComeHighestIdentifierFirst) {
+  within([&](Context& context) {
+    const char* whole =
+        R"({"poi_id":11,"lat":48.5,"lon":2.5,"point_geo_json":{"type":"Point"},"zone_geo_json":{"z":[]}})";
+    for (const char* place : {R"({"poi_id":3,"lat":true,"point_geo_json":{}})", whole, R"({"poi_id":5})", whole})
+      PointOfInterest::addPOI(json(place), context);
+    ASSERT_FALSE(context.save());
+    std::vector<std::int64_t> ids;
+    std::vector<PointOfInterestRecord> places;
+    for (const auto& place : PointOfInterest::getPOIs(context)) {
+      places.push_back(place->record());
+      ids.push_back(places.back().poi_id.value());
+    }
+    ASSERT_EQ(ids, (std::vector<std::int64_t>{11, 11, 5, 3}));
+    EXPECT_EQ(std::tie(places[0].latitude, places[0].longitude, places[0].point_geo_json, places[0].zone_geo_json),
+              std::tuple(48.5, 2.5, R"({"type":"Point"})", R"({"z":[]})"));
+    EXPECT_EQ(std::tie(places[3].latitude, places[3].point_geo_json, places[3].zone_geo_json),
+              std::tuple(std::nullopt, "{}", std::nullopt));
+    PointOfInterest::removePOIs(context);
+    EXPECT_TRUE(PointOfInterest::getPOIs(context).empty());
+  });
+  EXPECT_EQ(logged("PointOfInterest:addPOI:Failed to load GEOJSON: "), 3U);
+  EXPECT_EQ(logged("PointOfInterest:addPOI Unresolved error "), 2U);
+}
+
+class OldStore : public test::StoreTest {
+ protected:
+  OldStore() {
+    const auto text = std::filesystem::path(__FILE__).parent_path() / "first-version.sql";
+    platform::runSql(file, platform::fileText(text).c_str());
+  }
+};
+
+/// What the store tells of all that it was made with.
+std::string told(platform::NSManagedObjectContext& context) {
+  std::string text;
+  for (const auto& position : Locations::getAllLocations(context)) text += position->description() + "\n";
+  text += platform::concat(Locations::getUnsentLocations(context).size(), " unsent, ",
+                           Locations::getSentWithoutACKLocations(context).size(), " awaiting, ",
+                           PastTrips::getLastPastTrip(context)->description(), " ",
+                           *PastTrips::getLastPastTrip(context)->record().route, " ",
+                           PointOfInterest::getPOIs(context).at(0)->description(), " ", *Users::getUserUUID(context));
+  return text;
+}
+
+TEST_F(OldStore, IsReadAsItIsBroughtUpToDateByTheFirstChangeAndKeepsEverything) {
+  test::TempDir other;
+  { platform::TestStore made(other.path() / "new.sqlite"); }
+  const std::string before = platform::fileText(file);
+  within([&](auto& context) {
+    const std::string all = told(context);
+    EXPECT_NE(all.find("{index:0 lon:11.575 lat:48.137 acc:5 speed:1.5 course:90.25 alt:519.5"), all.npos) << all;
+    EXPECT_NE(all.find("2 unsent, 2 awaiting"), all.npos) << all;
+    EXPECT_TRUE(platform::fileText(file) == before);
+    EXPECT_FALSE(context.claim());
+    EXPECT_EQ(told(context), all);
+    addAndSave(context, 2);
+    EXPECT_EQ(indexes(Locations::getAllLocations(context)), (std::vector<std::int64_t>{7, 6, 5, 4, 3, 2, 1, 0}));
+    EXPECT_EQ(indexes(Locations::getUnsentLocations(context)), (std::vector<std::int64_t>{4, 5, 6, 7}));
+    EXPECT_EQ(Locations::getLocationHistory(context, platform::distantPast(), platform::distantFuture()).size(), 8U);
+  });
+  EXPECT_EQ(platform::schemaOf(file), platform::schemaOf(other.path() / "new.sqlite"));
+  EXPECT_EQ(platform::runSql(file, "SELECT group_concat(name) FROM _metadata"), "entities,modelHash,modelVersion,uuid");
+  EXPECT_EQ(platform::runSql(file, "PRAGMA integrity_check"), "ok");
+  EXPECT_EQ(platform::runSql(file, "PRAGMA page_size"), "4096");
+  EXPECT_EQ(platform::runSql(other.path() / "new.sqlite", "PRAGMA page_size"), "1024");
 }
 
 }  // namespace
