@@ -43,7 +43,7 @@ TEST_F(BatchUpload, MarksOrFreesAndDownloadsAsTheAnswerSays) {
   for (const int status : {201, 500})
     EXPECT_EQ(outcome({status, kNewCounters}), "freed, POST positions, places 0") << status;
   // The status that arrived before the transfer broke decides.
-  EXPECT_EQ(outcome({500, "", {}, /*broken=*/true}), "freed, POST positions, places 0");
+  EXPECT_EQ(outcome({500, "lost", {}, /*broken=*/true}), "freed, POST positions, places 0");
   expectInOrder({"sendDataInBatchToRemoteWebServer : httpstatus : 500 :réponse = <NSHTTPURLResponse>",
                  "sendDataInBatchToRemoteWebServer :[error] :Optional("});
 }
