@@ -21,16 +21,14 @@ using Answer = std::function<std::string(const std::string& request)>;
 
 inline std::string httpReply(int status, const std::string& body = "",
                              const std::string& headers = "Connection: close\r\n") {
-  return "HTTP/1.1 " + std::to_string(status) + " X\r\n" + headers +
-         "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+  return "HTTP/1.1 " + std::to_string(status) + " X\r\n" + headers + "Content-Length: " + std::to_string(body.size()) +
+         "\r\n\r\n" + body;
 }
 
 /// The server's end of a connection.
 struct Connection {
   explicit Connection(int descriptor) : socket(descriptor) {}
   virtual ~Connection() = default;
-  Connection(const Connection&) = delete;
-  Connection& operator=(const Connection&) = delete;
 
   /// Takes up to that many bytes of what the peer sends.
   virtual ssize_t read(char* to, std::size_t size) { return ::recv(socket, to, size, 0); }
@@ -114,8 +112,6 @@ class RawServer {
     for (auto& thread : threads_) thread.join();
     ::close(socket_);
   }
-  RawServer(const RawServer&) = delete;
-  RawServer& operator=(const RawServer&) = delete;
 
   std::string host() const { return "127.0.0.1:" + port; }
   std::string url(const std::string& path = "/") const { return "http://" + host() + path; }

@@ -138,24 +138,15 @@ TEST_F(Uploading, TellsWhyAFileWasNotSent) {
   write(file, std::string(30'000'000, 'x'));
   upload({""}, [&] { std::filesystem::resize_file(file, 1000); });
   EXPECT_EQ(told, (Lines{"log nil -1021", "finished"}));
-  for (const auto& [name, code] : {std::pair("log", -1004), {"absent", -1100}, {"Library", -1101}}) {
-    session->resume(session->uploadTask({"http://127.0.0.1:1/", "POST"}, home.path() / name));
+  for (const auto& [url, name, code] : {std::tuple("http://127.0.0.1:1/", "log", urlError::cannotConnectToHost),
+                                        {"http://no..name/", "log", urlError::cannotFindHost},
+                                        {"ftp://localhost/", "log", urlError::unsupportedURL},
+                                        {"nonsense", "log", urlError::badURL},
+                                        {"http://127.0.0.1:1/", "absent", -1100},
+                                        {"http://127.0.0.1:1/", "Library", -1101}}) {
+    session->resume(session->uploadTask({url, "POST"}, home.path() / name));
     EXPECT_EQ(diary.take(), (Lines{concat(name, " nil ", code), "finished"}));
   }
-}
-
-TEST_F(Uploading, IsDoneByOneSessionForEachIdentifierWithItsFirstDelegate) {
-  auto& log = LogDiary::installed();
-  Diary second;
-  const auto other = BackgroundSession::open({"../other"}, second);
-  EXPECT_TRUE(log.lines().empty());
-  EXPECT_EQ(BackgroundSession::open({"logs"}, second), session);
-  EXPECT_EQ(log.lines(), Lines{"A background URLSession with identifier logs already exists!"});
-  EXPECT_NE(other, session);
-  EXPECT_EQ(session->description(), "<BackgroundSession: logs>");
-  session->finishEvents();
-  EXPECT_EQ(diary.take(), Lines{"finished"});
-  EXPECT_EQ(second.take(), Lines{});
 }
 
 /// When a process is killed, and how many requests there are in all: before the reply, between reply and delegate,

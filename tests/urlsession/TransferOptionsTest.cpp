@@ -5,7 +5,6 @@
 #include <fstream>
 
 #include "platform/foundation/Text.h"
-#include "platform/urlsession/Reachability.h"
 #include "support/LogDiary.h"
 #include "support/Tls.h"
 #include "urlsession/Fetch.h"
@@ -126,27 +125,6 @@ TEST_P(TransferOption, IsWhatATransferGoesBy) {
 
 INSTANTIATE_TEST_SUITE_P(Each, TransferOption, testing::ValuesIn(kCases),
                          [](const auto& given) { return given.param.name; });
-
-TEST(Reachability, AsksForTheProxyAndTheInterfaceThatTransfersUse) {
-  constexpr auto here = kSCNetworkReachabilityFlagsReachable | kSCNetworkReachabilityFlagsIsLocalAddress;
-  const struct {
-    const char *proxy, *interface, *name;
-    std::uint32_t flags;
-  } cases[] = {{"http://127.0.0.1:3128", "", "https://no..name/v1", here},
-               {"localhost:3128", "", "no..name", here},
-               {"socks5h://no..name:1080", "", "http://192.0.2.1/", 0},
-               {"socks5h://no..name:1080", "", "http://localhost/", here},
-               {"", "lo", "http://192.0.2.1/", kSCNetworkReachabilityFlagsReachable},
-               {"", "lo", "no..name", 0},
-               {"", "nonsense0", "http://192.0.2.1/", 0}};
-  for (const auto& [proxy, interface, name, flags] : cases) {
-    TransferOptions options;
-    options.proxy = proxy;
-    options.networkInterface = interface;
-    ASSERT_TRUE(setTransferOptions(options));
-    EXPECT_EQ(SCNetworkReachabilityGetFlags(name), flags) << proxy << interface << name;
-  }
-}
 
 }  // namespace
 }  // namespace tarvo::platform

@@ -1,8 +1,15 @@
 #include "platform/urlsession/URLSession.h"
 
-#include <atomic>
+#include <sys/resource.h>
+#include <sys/stat.h>
 
+#include <atomic>
+#include <ctime>
+#include <fstream>
+
+#include "platform/foundation/Text.h"
 #include "platform/foundation/WorkInFlight.h"
+#include "support/NoThreads.h"
 #include "support/Tls.h"
 #include "urlsession/Fetch.h"
 
@@ -80,16 +87,9 @@ TEST(URLSession, DeliversStatusAndBodyAndTheStatusOfABrokenTransferBesideItsErro
   }
 }
 
-TEST(URLSession, TellsWhyNothingWasReached) {
-  const std::pair<std::string, int> cases[] = {{RawServer(Answer()).url(), urlError::cannotConnectToHost},
-                                               {"http://no..name/", urlError::cannotFindHost},
-                                               {"ftp://localhost/", urlError::unsupportedURL},
-                                               {"nonsense", urlError::badURL}};
-  for (const auto& [url, code] : cases) EXPECT_EQ(fetch({url}).code(), code) << url;
-}
-
 TEST(URLSession, CompletesEachTaskOnceAndOneAtATime) {
-  RawServer server([](const std::string& request) { return httpReply(200, request.substr(5, request.find(" HTTP") - 5)); });
+  RawServer server(
+      [](const std::string& request) { return httpReply(200, request.substr(5, request.find(" HTTP") - 5)); });
   constexpr int kThreads = 4, kEach = 50;
   std::vector<std::atomic<int>> completed(kThreads * kEach);
   std::atomic<int> atOnce{0}, wrong{0};
@@ -130,8 +130,12 @@ TEST(URLSession, KeepsSecureConnections) {
   EXPECT_EQ(connections, 1);
 }
 
-TEST(URLSessionDeathTest, EndsQuietlyWithTransfersInFlight) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+class Ending : public testing::Test {
+ protected:
+  void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+TEST_F(Ending, IsQuietWithTransfersInFlight) {
   // The process that ends runs this test again; the server stays here.
   std::optional<Trusted> trusted;
   std::optional<RawServer> server;
@@ -159,6 +163,242 @@ TEST(URLSessionDeathTest, EndsQuietlyWithTransfersInFlight) {
     std::exit(fetch({url + "/flowing"}).status() == 200 ? 0 : 1);
   };
   EXPECT_EXIT(exitInTransfer(), testing::ExitedWithCode(0), "");
+}
+
+/// This host and the proxy that stands for all others, with and without TLS. Answers ".../STATUS?LOCATION" with just
+/// that, all else with 200.
+struct Redirect : testing::Test {
+  Redirect() {
+    for (const char* scheme : {"http_proxy", "https_proxy"}) ::setenv(scheme, server.url().c_str(), 1);
+    ::unsetenv("no_proxy");
+  }
+  std::string answer(const std::string& request) {
+    ++timesAsked;
+    seen = request;
+    const auto question = request.find('?');
+    if (question == request.npos || std::isdigit(request[question - 1]) == 0) return httpReply(200);
+    const auto location = request.substr(question + 1, request.find(' ', question) - question - 1);
+    return httpReply(std::stoi(request.substr(question - 3, 3)), "",
+                     "Connection: close\r\nLocation: " + location + "\r\n");
+  }
+  const Trusted trusted;
+  int timesAsked = 0;
+  std::string seen;  ///< last
+  RawServer server{[this](Connection& connection) {
+    answerAsAnyHost(connection, {trusted}, [this](const std::string& request) { return answer(request); });
+  }};
+};
+
+TEST_F(Redirect, IsFollowedOnItsHostWithoutCredentials) {
+  const std::tuple<int, std::string, std::string> cases[] = {
+      {301, "POST", "GET"},  {302, "POST", "GET"}, {303, "POST", "GET"}, {307, "POST", "POST"},
+      {308, "POST", "POST"}, {301, "PUT", "PUT"},  {303, "PUT", "GET"},  {302, "GET", "GET"}};
+  for (const auto& [status, method, after] : cases) {
+    SCOPED_TRACE(concat(status, " ", method));
+    URLRequest request{server.url(concat("/", status, "?sub/../end?x=1")), method};
+    request.headers = {{"authorization", "Basic x"}, {"Content-Type", "application/json"}, {"X-Own", "1"}};
+    if (method != "GET") request.httpBody = "{}";
+    const Outcome outcome = fetch(request);
+    EXPECT_EQ(outcome.status(), 200);
+    EXPECT_EQ(outcome.response.value().url, server.url("/end?x=1"));
+    const bool same = method == after;
+    EXPECT_EQ(seen, concat(after, " /end?x=1 HTTP/1.1\r\nHost: ", server.host(), "\r\n",
+                           same ? "Content-Type: application/json\r\n" : "", "X-Own: 1\r\n",
+                           same && method != "GET" ? "Content-Length: 2\r\n\r\n{}" : "\r\n"));
+  }
+  std::string redirects;
+  for (int i = 0; i < 20; ++i) redirects += "/302?";
+  EXPECT_EQ(fetch({server.url(redirects + "/end")}).status(), 200);
+  const Outcome endless = fetch({server.url(redirects + "/302?/end")});
+  EXPECT_EQ(endless.code(), urlError::tooManyRedirects);
+  EXPECT_EQ(endless.status(), 302);
+  EXPECT_EQ(fetch({server.url("/302?file:///etc/passwd")}).code(), urlError::unsupportedURL);
+}
+
+TEST_F(Redirect, TakesNoBodyToAnotherHostAndNobodyFromOutsideToThisOne) {
+  const std::string here = server.url("/end"), hereSecured = "https://" + server.host() + "/302?";
+  const std::string remote = "http://backend.invalid/", secured = "https://backend.invalid/",
+                    other = "http://other.invalid/end";
+  constexpr int refused = urlError::secureConnectionFailed;
+  const struct {
+    std::string method, from, to;
+    int asked, status, code = 0;
+    const char* last = "";
+  } cases[] = {
+      {"GET", secured + "302?", here, 1, 302, refused},
+      {"POST", secured + "307?", here, 1, 307, refused},
+      {"POST", secured + "307?", remote + "end", 1, 307, refused},
+      {"GET", hereSecured, here, 2, 200, 0, "GET /end HTTP/1.1"},
+      {"POST", remote + "307?", other, 1, 307},
+      {"POST", remote + "308?", "https://other.invalid/end", 1, 308},
+      {"POST", remote + "307?", here, 1, 307},
+      {"PUT", remote + "301?", other, 1, 301},
+      {"FILE", remote + "308?", other, 1, 308},
+      {"POST", remote + "308?", "http://Backend.INVALID/end", 2, 200, 0, "POST http://Backend.INVALID/end HTTP/1.1"},
+      {"POST", remote + "307?", secured + "end", 2, 200, 0, "POST /end HTTP/1.1"},
+      {"POST", remote + "303?", other, 2, 200, 0, "GET http://other.invalid/end HTTP/1.1"},
+      {"GET", remote + "307?", other, 2, 200, 0, "GET http://other.invalid/end HTTP/1.1"}};
+  const auto body = trusted.dir.path() / "body";
+  std::ofstream(body) << "positions";
+  for (const auto& [method, from, to, asked, status, code, last] : cases) {
+    SCOPED_TRACE(method + " " + from + to);
+    timesAsked = 0;
+    URLRequest request{from + to, method == "FILE" ? "POST" : method};
+    if (method == "POST" || method == "PUT") request.httpBody = "positions";
+    const Outcome outcome = fetch(request, method == "FILE" ? body : "");
+    EXPECT_EQ(outcome.status(), status);
+    EXPECT_EQ(outcome.code(), code);
+    EXPECT_EQ(timesAsked, asked);
+    EXPECT_TRUE(asked == 1 || seen.starts_with(last)) << seen;
+  }
+}
+
+/// The checks of undefined behaviour look at objects through a pipe, which takes descriptors.
+#ifdef __SANITIZE_ADDRESS__
+constexpr bool kNeedsDescriptors = true;
+#else
+constexpr bool kNeedsDescriptors = false;
+#endif
+
+TEST(HostileServer, GetsABatchTwiceWhenItDropsKeptConnectionsAndTheSecondTimeOnAFreshOne) {
+  for (const int warm : {0, 1, 3, 8}) {
+    SCOPED_TRACE(warm);
+    std::atomic<int> open{0}, copies{0}, onFresh{0};
+    RawServer server([&, warm](Connection& connection) {
+      bool kept = false;
+      for (std::string head; !(head = connection.readHead()).empty(); kept = true) {
+        if (head.starts_with("POST")) {
+          ++copies;
+          if (kept) return;
+          ++onFresh;
+        } else {
+          ++open;
+          open.notify_all();
+          for (int now; (now = open) < warm;) open.wait(now);  // all side by side
+        }
+        connection.send(httpReply(200, "", ""));
+      }
+    });
+    for (int i = 0; i < warm; ++i) start({server.url("/warm")});
+    ASSERT_TRUE(WorkInFlight::waitUntilIdle(Seconds(30)));
+
+    const Outcome outcome = fetch({server.url("/batch"), "POST", {}, "x"});
+
+    EXPECT_EQ(outcome.status(), 200);
+    EXPECT_EQ(outcome.code(), 0);
+    EXPECT_EQ(copies, warm == 0 ? 1 : 2);
+    EXPECT_EQ(onFresh, 1);
+  }
+}
+
+TEST(HostileServer, LetsOthersHaveTheirTurnWhenItAnswersWithoutEnd) {
+  constexpr int patient = 8;  // of the 33 requests the first, and slow only
+  auto server = std::make_unique<RawServer>([](Connection& connection) {
+    const std::string head = connection.readHead();
+    connection.send("HTTP/1.1 200 OK\r\nContent-Length: 99\r\nConnection: close\r\n\r\nx");
+    if (head.starts_with("GET /quick")) connection.send(std::string(98, 'x'));
+    if (head.starts_with("GET /drip")) connection.setPatience(100);
+    for (char c; connection.read(&c, 1) < 0;) connection.send("x");
+  });
+  std::mutex mutex;
+  std::vector<std::pair<int, std::int64_t>> ended;
+  for (int i = 0; i <= 32; ++i)
+    start({server->url(i < patient ? "/slow" : "/drip"), "GET", {}, {}, Seconds(i < patient ? 60 : 2)},
+          [&, i](auto, auto, auto error) {
+            const std::lock_guard lock(mutex);
+            ended.emplace_back(i, error ? error->code : 0);
+          });
+
+  EXPECT_EQ(fetch({server->url("/quick")}).status(), 200);
+
+  {
+    // As many connections as there may be, and of the first that dripped two have given way.
+    const std::lock_guard lock(mutex);
+    EXPECT_EQ(ended.size(), 2U);
+    for (const auto& [number, code] : ended) {
+      EXPECT_TRUE(number >= patient && number < patient + 8) << number;
+      EXPECT_EQ(code, urlError::timedOut);
+    }
+  }
+  server.reset();
+  EXPECT_TRUE(WorkInFlight::waitUntilIdle(Seconds(30)));
+}
+
+/// Lets the process open so many descriptors. Answers how many it was before.
+rlim_t limitDescriptors(rlim_t most) {
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  const rlim_t before = std::exchange(limit.rlim_cur, most);
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+  return before;
+}
+
+/// The process has five seconds to end, or a signal ends it.
+void exitInTime(bool good) {
+  ::alarm(5);
+  std::exit(good ? 0 : 1);
+}
+
+TEST_F(Ending, WorksAndEndsInTimeAfterAStartWithoutThreadsAndDescriptors) {
+  if (kNeedsDescriptors) GTEST_SKIP();
+  const auto startWithout = [] {
+    RawServer server([](const std::string&) { return httpReply(404); });
+    std::atomic<int> waited{0};
+    {
+      const NoThreads none;
+      start({server.url()}, [&](auto, auto, auto) { ++waited; });
+    }
+    const int next = ::dup(0);
+    ::close(next);
+    const rlim_t before = limitDescriptors(static_cast<rlim_t>(next));
+    const bool failed = fetch({server.url()}).error.has_value();
+    limitDescriptors(before);
+    int answered = 0;
+    for (int i = 0; i < 3; ++i) answered += fetch({server.url()}).status() == 404;
+    exitInTime(failed && waited == 1 && answered == 3);
+  };
+  EXPECT_EXIT(startWithout(), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(Ending, ComesInTimeWhenTheSessionsThreadHangs) {
+  const auto hang = [] {
+    TempDir dir;
+    ::mkfifo((dir.path() / "ca.pem").c_str(), 0600);  // nobody ever writes to it
+    ::setenv("SSL_CERT_FILE", (dir.path() / "ca.pem").c_str(), 1);
+    std::promise<void> connected;
+    RawServer server([&](Connection& connection) {
+      connected.set_value();
+      connection.waitForPeerToLeave();
+    });
+    start({"https://" + server.host()});
+    connected.get_future().wait();
+    exitInTime(!WorkInFlight::waitUntilIdle(Seconds(0.3)));
+  };
+  EXPECT_EXIT(hang(), testing::ExitedWithCode(0), "");
+}
+
+TEST(Session, DoesNotSpinWhenTheSystemRefusesToPoll) {
+  if (kNeedsDescriptors) GTEST_SKIP();
+  std::promise<void> asked, limited;
+  RawServer server([&](Connection& connection) {
+    connection.readHead();
+    asked.set_value();
+    limited.get_future().wait();
+    connection.setPatience(500);
+    char c;
+    connection.read(&c, 1);  // a peer that gives up ends the wait
+    connection.send("HTTP/1.1 204 No Content\r\n\r\n");
+  });
+  auto outcome = std::async(std::launch::async, [&] { return fetch({server.url()}); });
+  asked.get_future().wait();
+  const rlim_t before = limitDescriptors(2);  // fewer than it polls
+  const std::clock_t began = std::clock();
+
+  limited.set_value();
+
+  EXPECT_EQ(outcome.get().status(), 204);
+  EXPECT_LT(std::clock() - began, CLOCKS_PER_SEC / 10) << "of half a second";
+  limitDescriptors(before);
 }
 
 }  // namespace
