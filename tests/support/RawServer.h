@@ -25,6 +25,13 @@ inline std::string httpReply(int status, const std::string& body = "",
          "\r\n\r\n" + body;
 }
 
+/// Three megabytes in which a part that is out of place shows.
+inline std::string largeBody() {
+  std::string body(3'000'000, '\0');
+  for (std::size_t i = 0; i < body.size(); ++i) body[i] = static_cast<char>(i * 31 % 251);
+  return body;
+}
+
 /// The server's end of a connection.
 struct Connection {
   explicit Connection(int descriptor) : socket(descriptor) {}

@@ -105,8 +105,7 @@ class Uploading : public testing::Test {
 };
 
 TEST_F(Uploading, StreamsTheFileAndTellsItsDelegateInOrder) {
-  std::string content(3'000'000, '\0');
-  for (std::size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 31 % 251);
+  const std::string content = test::largeBody();
   const auto grow = [this] { std::ofstream(file, std::ios::app) << "more"; };
   struct Case {
     std::string content;
