@@ -5,6 +5,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <future>
+
 #include <tarvo/platform/Clock.h>
 #include <tarvo/platform/Environment.h>
 #include <tarvo/platform/UserDefaults.h>
@@ -155,8 +157,14 @@ TEST_F(Logging, TakesOnlyARegularFileForALog) {
   // One that takes the file's place between the message and its line.
   std::filesystem::remove(path());
   EXPECT_NE(logTwice(), "the host's");
-  Log::serialQueue().async(linkInItsPlace);
-  EXPECT_EQ(logTwice(), "the host's");
+  std::promise<void> told;
+  Log::serialQueue().async([&] {
+    told.get_future().wait();
+    linkInItsPlace();
+  });
+  Log::debug("not into the host's file");
+  told.set_value();
+  EXPECT_EQ(file(), "the host's");
 }
 
 TEST_F(Logging, GoesOnAfterATimeWithoutThreads) {
