@@ -5,10 +5,10 @@
 #include <tarvo/platform/Environment.h>
 #include <tarvo/platform/UserDefaults.h>
 
-#include <algorithm>
 #include <functional>
 #include <map>
 #include <mutex>
+#include <set>
 #include <vector>
 
 #include "platform/foundation/Text.h"
@@ -16,7 +16,7 @@
 #include "settings/Settings.h"
 #include "support/DiaryEngine.h"
 #include "support/LogDiary.h"
-#include "support/Servers.h"
+#include "support/RawServer.h"
 #include "support/TempDir.h"
 
 namespace tarvo::test {
@@ -28,20 +28,11 @@ class Backend {
     int status = 200;
     std::string body;
     std::function<void()> before;  ///< runs before the answer leaves
-    bool broken = false;           ///< the connection breaks inside the body
+    bool broken = false;           ///< the connection breaks before its last byte
   };
 
-  Backend() {
-    const auto handler = [this](const httplib::Request& request, httplib::Response& response) {
-      serve(request, response);
-    };
-    server_.Get(".*", handler);
-    server_.Post(".*", handler);
-    server_.set_keep_alive_max_count(1);
-  }
-
-  std::string address() const { return server_.url("/api"); }
-  void stop() { server_.stop(); }
+  std::string host() const { return server_->host(); }
+  void stop() { server_.reset(); }
 
   /// The answer to a path behind the client id, query left out; other paths get 200 without a body.
   void answer(const std::string& path, Answer answer) {
@@ -49,44 +40,42 @@ class Backend {
     answers_[path] = std::move(answer);
   }
   /// What was asked since the last call of this.
-  std::vector<httplib::Request> take() {
+  std::vector<std::string> take() {
     std::lock_guard lock(mutex_);
     return std::exchange(requests_, {});
   }
   /// The same as "METHOD path?query", blanks between, sorted: transfers run side by side.
   std::string takeTargets() {
-    std::vector<std::string> targets;
-    for (const auto& request : take()) targets.push_back(request.method + " " + request.target.substr(kPrefix.size()));
-    std::sort(targets.begin(), targets.end());
+    std::multiset<std::string> targets;
+    for (const auto& request : take()) targets.insert(request.substr(0, request.find(' ') + 1) + pathOf(request));
     std::string all;
     for (const auto& target : targets) all += (all.empty() ? "" : ", ") + target;
     return all;
   }
 
  private:
-  inline static const std::string kPrefix = "/api/v1/acme/";
-
-  void serve(const httplib::Request& request, httplib::Response& response) {
+  static std::string pathOf(const std::string& request) {
+    const auto begin = request.find("/acme/") + 6;
+    return request.substr(begin, request.find(' ', begin) - begin);
+  }
+  void serve(Connection& connection) {
+    const std::string request = connection.readRequest(), path = pathOf(request);
     Answer answer;
     {
       std::lock_guard lock(mutex_);
       requests_.push_back(request);
-      const auto found = answers_.find(request.path.substr(std::min(kPrefix.size(), request.path.size())));
+      const auto found = answers_.find(path.substr(0, path.find('?')));
       if (found != answers_.end()) answer = found->second;
     }
     if (answer.before) answer.before();
-    response.status = answer.status;
-    if (answer.broken)
-      response.set_content_provider(100, "text/plain",
-                                    [](std::size_t, std::size_t, httplib::DataSink&) { return false; });
-    else
-      response.set_content(answer.body, "application/json");
+    const std::string reply = httpReply(answer.status, answer.body);
+    connection.send(reply.substr(0, reply.size() - (answer.broken ? 1 : 0)));
   }
 
   std::mutex mutex_;
   std::map<std::string, Answer> answers_;
-  std::vector<httplib::Request> requests_;
-  Running<> server_;  // the first to go
+  std::vector<std::string> requests_;
+  std::optional<RawServer> server_{std::in_place, [this](Connection& connection) { serve(connection); }};
 };
 
 /// With the client that the engine itself would have.
@@ -103,7 +92,7 @@ class ClientTest : public ::testing::Test {
  protected:
   ClientTest() {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    settings.setRemoteWebServerURL(backend.address());
+    settings.setRemoteWebServerURL("http://" + backend.host() + "/api");
     settings.setClientID("acme");
     EngineLink::install(&engine);
   }

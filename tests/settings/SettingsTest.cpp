@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <thread>
-
 #include <tarvo/platform/Clock.h>
 
 namespace tarvo {
@@ -25,16 +22,6 @@ TEST(UploadChannel, IsFreeWhenReleasedOrHeldForExactly180Seconds) {
   }
   channel.release();
   EXPECT_TRUE(channel.tryTake(dateSince1970(1181)).taken);
-}
-
-TEST(UploadChannel, GoesToOneOfManyThreads) {
-  UploadChannel channel;
-  std::atomic<int> taken{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 8; ++t)
-    threads.emplace_back([&] { taken += channel.tryTake(platform::Clock::current()->now()).taken ? 1 : 0; });
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(taken.load(), 1);
 }
 
 TEST(Settings, RefuseClientIdsThatWouldNotStandInAURL) {

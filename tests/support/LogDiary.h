@@ -26,9 +26,8 @@ class LogDiary {
   }
   /// How many messages contain the text.
   std::size_t count(std::string_view text) const {
-    const auto all = lines();
-    return static_cast<std::size_t>(
-        std::count_if(all.begin(), all.end(), [&](const std::string& line) { return line.find(text) != line.npos; }));
+    const auto contains = [text](const std::string& line) { return line.find(text) != line.npos; };
+    return static_cast<std::size_t>(std::ranges::count_if(lines(), contains));
   }
   /// Position of the first message from `from` on that contains the text, or -1.
   long find(std::string_view text, std::size_t from = 0) const {

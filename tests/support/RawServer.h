@@ -1,11 +1,14 @@
 #pragma once
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <functional>
+#include <mutex>
+#include <set>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -13,63 +16,41 @@
 
 namespace tarvo::test {
 
-/// A loopback server that speaks byte by byte what a test wants: one connection after the other, or each on a thread of
-/// its own and open until the end.
-class RawServer {
- public:
-  enum Order { oneByOne, sideBySide };
-  explicit RawServer(std::function<void(int connection)> serve) : RawServer(oneByOne, std::move(serve)) {}
-  RawServer(Order order, std::function<void(int connection)> serve) : socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    auto* generic = static_cast<sockaddr*>(static_cast<void*>(&address));
-    if (::bind(socket_, generic, size) != 0 || ::listen(socket_, 16) != 0) throw std::runtime_error("no server");
-    ::getsockname(socket_, generic, &size);
-    port_ = ntohs(address.sin_port);
-    thread_ = std::thread([this, order, serve = std::move(serve)] {
-      std::vector<std::pair<int, std::thread>> open;
-      for (int connection; (connection = ::accept(socket_, nullptr, nullptr)) >= 0;) {
-        if (order == sideBySide) {
-          open.emplace_back(connection, std::thread(serve, connection));
-        } else {
-          serve(connection);
-          ::close(connection);
-        }
-      }
-      for (auto& [connection, thread] : open) ::shutdown(connection, SHUT_RDWR);
-      for (auto& [connection, thread] : open) {
-        thread.join();
-        ::close(connection);
-      }
-    });
-  }
-  ~RawServer() {
-    ::shutdown(socket_, SHUT_RDWR);
-    thread_.join();
-    ::close(socket_);
-  }
-  RawServer(const RawServer&) = delete;
-  RawServer& operator=(const RawServer&) = delete;
+/// Makes a reply of a request.
+using Answer = std::function<std::string(const std::string& request)>;
 
-  std::string host() const { return "127.0.0.1:" + std::to_string(port_); }
-  std::string url(const std::string& path = "/") const { return "http://" + host() + path; }
+inline std::string httpReply(int status, const std::string& body = "",
+                             const std::string& headers = "Connection: close\r\n") {
+  return "HTTP/1.1 " + std::to_string(status) + " X\r\n" + headers + "Content-Length: " + std::to_string(body.size()) +
+         "\r\n\r\n" + body;
+}
+
+/// Three megabytes in which a part that is out of place shows.
+inline std::string largeBody() {
+  std::string body(3'000'000, '\0');
+  for (std::size_t i = 0; i < body.size(); ++i) body[i] = static_cast<char>(i * 31 % 251);
+  return body;
+}
+
+/// The server's end of a connection.
+struct Connection {
+  explicit Connection(int descriptor) : socket(descriptor) {}
+  virtual ~Connection() = default;
 
   /// Takes up to that many bytes of what the peer sends.
-  using Read = std::function<ssize_t(char* to, std::size_t size)>;
-  static Read from(int connection) {
-    return [connection](char* to, std::size_t size) { return ::recv(connection, to, size, 0); };
+  virtual ssize_t read(char* to, std::size_t size) { return ::recv(socket, to, size, 0); }
+  /// Answers whether the peer still takes it.
+  virtual bool send(const std::string& bytes) {
+    return ::send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
   }
   /// The request up to the blank line; what there is when the peer leaves before.
-  static std::string readHead(const Read& read) {
+  std::string readHead() {
     std::string head;
     for (char c; !head.ends_with("\r\n\r\n") && read(&c, 1) == 1;) head.push_back(c);
     return head;
   }
-  static std::string readHead(int connection) { return readHead(from(connection)); }
   /// What follows that head; without it a close resets the connection.
-  static std::string readBody(const Read& read, const std::string& head) {
+  std::string readBody(const std::string& head) {
     const auto length = head.find("Content-Length: ");
     std::string body(length == head.npos ? 0 : std::stoul(head.substr(length + 16)), '\0');
     std::size_t got = 0;
@@ -78,27 +59,87 @@ class RawServer {
     body.resize(got);
     return body;
   }
-  static std::string readRequest(const Read& read) {
-    const std::string head = readHead(read);
-    return head + readBody(read, head);
+  std::string readRequest() {
+    const std::string head = readHead();
+    return head + readBody(head);
   }
-  /// Answers whether the peer still takes it.
-  static bool send(int connection, const std::string& bytes) {
-    return ::send(connection, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+  /// Replies until the peer leaves.
+  void answerAll(const Answer& answer) {
+    for (std::string request; !(request = readRequest()).empty();) send(answer(request));
   }
-  static void waitForPeerToLeave(int connection) {
-    for (char c; ::recv(connection, &c, 1, 0) == 1;) continue;
+  void waitForPeerToLeave() {
+    for (char c; read(&c, 1) == 1;) continue;
   }
   /// The close that follows resets the connection.
-  static void resetOnClose(int connection) {
+  void resetOnClose() const {
     const linger now{1, 0};
-    ::setsockopt(connection, SOL_SOCKET, SO_LINGER, &now, sizeof now);
+    ::setsockopt(socket, SOL_SOCKET, SO_LINGER, &now, sizeof now);
+  }
+  /// Reads fail when nothing has come for so long.
+  void setPatience(int milliseconds) const {
+    const timeval pause{0, milliseconds * 1000};
+    ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &pause, sizeof pause);
   }
 
+  const int socket;
+};
+
+/// A loopback server that speaks byte by byte what a test wants, with each peer on a thread of its own. A connection is
+/// closed when it was served, at the latest with the server.
+class RawServer {
+ public:
+  explicit RawServer(const Answer& answer)
+      : RawServer([answer](Connection& connection) { connection.answerAll(answer); }) {}
+  explicit RawServer(std::function<void(Connection&)> serve)
+      : serve_(std::move(serve)), socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    auto* generic = static_cast<sockaddr*>(static_cast<void*>(&address));
+    if (::bind(socket_, generic, size) != 0 || ::listen(socket_, 16) != 0) throw std::runtime_error("no server");
+    ::getsockname(socket_, generic, &size);
+    port = std::to_string(ntohs(address.sin_port));
+    acceptor_ = std::thread([this] {
+      pollfd wanted{socket_, POLLIN, 0};  // an accept that waits would hold a descriptor
+      for (int peer; ::poll(&wanted, 1, -1) == 1 && (peer = ::accept(socket_, nullptr, nullptr)) >= 0;) {
+        const std::lock_guard lock(mutex_);
+        open_.insert(peer);
+        threads_.emplace_back([this, peer] { attend(peer); });
+      }
+    });
+  }
+  ~RawServer() {
+    ::shutdown(socket_, SHUT_RDWR);
+    acceptor_.join();
+    {
+      const std::lock_guard lock(mutex_);
+      for (const int peer : open_) ::shutdown(peer, SHUT_RDWR);
+    }
+    for (auto& thread : threads_) thread.join();
+    ::close(socket_);
+  }
+
+  std::string host() const { return "127.0.0.1:" + port; }
+  std::string url(const std::string& path = "/") const { return "http://" + host() + path; }
+
+  std::string port;
+
  private:
-  int socket_;
-  int port_ = 0;
-  std::thread thread_;
+  void attend(int peer) {
+    Connection connection(peer);
+    serve_(connection);
+    const std::lock_guard lock(mutex_);
+    open_.erase(peer);
+    ::close(peer);
+  }
+
+  const std::function<void(Connection&)> serve_;
+  const int socket_;
+  std::mutex mutex_;
+  std::set<int> open_;
+  std::vector<std::thread> threads_;
+  std::thread acceptor_;
 };
 
 }  // namespace tarvo::test

@@ -24,6 +24,7 @@
 namespace tarvo::platform {
 namespace {
 
+using test::Connection;
 using test::LogDiary;
 using test::RawServer;
 using test::TempDir;
@@ -58,9 +59,9 @@ void write(const std::filesystem::path& file, std::string_view bytes) {
   std::ofstream(file, std::ios::binary) << bytes;
 }
 
+/// A redirect keeps the connection.
 std::string reply(int status, const std::string& body = "") {
-  return concat("HTTP/1.1 ", status, " X\r\nContent-Length: ", body.size(), "\r\n",
-                status == 308 ? "Location: /again\r\n\r\n" : "Connection: close\r\n\r\n", body);
+  return test::httpReply(status, body, status == 308 ? "Location: /again\r\n" : "Connection: close\r\n");
 }
 
 /// A session in a home with a file to upload.
@@ -73,16 +74,15 @@ class Uploading : public testing::Test {
   void upload(
       const Lines& replies, const std::function<void()>& atHead = [] {}) {
     seen.clear();
-    RawServer server([&](int connection) {
-      const std::string head = RawServer::readHead(connection);
+    RawServer server([&](Connection& connection) {
+      const std::string head = connection.readHead();
       seen.push_back({head, {}});
       seen.back().head.replace(head.find(server.host()), server.host().size(), "HOST");
       atHead();
-      seen.back().body = RawServer::readBody(RawServer::from(connection), head);
-      RawServer::send(connection, replies.at(seen.size() - 1));
+      seen.back().body = connection.readBody(head);
+      connection.send(replies.at(seen.size() - 1));
       // Of a kept connection the next request is dropped, so that it comes once more.
-      if (replies.size() > seen.size())
-        RawServer::readBody(RawServer::from(connection), RawServer::readHead(connection));
+      if (replies.size() > seen.size()) connection.readRequest();
     });
     const auto task = session->uploadTask({server.url("/uplog"),
                                            "POST",
@@ -105,8 +105,7 @@ class Uploading : public testing::Test {
 };
 
 TEST_F(Uploading, StreamsTheFileAndTellsItsDelegateInOrder) {
-  std::string content(3'000'000, '\0');
-  for (std::size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 31 % 251);
+  const std::string content = test::largeBody();
   const auto grow = [this] { std::ofstream(file, std::ios::app) << "more"; };
   struct Case {
     std::string content;
@@ -138,24 +137,15 @@ TEST_F(Uploading, TellsWhyAFileWasNotSent) {
   write(file, std::string(30'000'000, 'x'));
   upload({""}, [&] { std::filesystem::resize_file(file, 1000); });
   EXPECT_EQ(told, (Lines{"log nil -1021", "finished"}));
-  for (const auto& [name, code] : {std::pair("log", -1004), {"absent", -1100}, {"Library", -1101}}) {
-    session->resume(session->uploadTask({"http://127.0.0.1:1/", "POST"}, home.path() / name));
+  for (const auto& [url, name, code] : {std::tuple("http://127.0.0.1:1/", "log", urlError::cannotConnectToHost),
+                                        {"http://no..name/", "log", urlError::cannotFindHost},
+                                        {"ftp://localhost/", "log", urlError::unsupportedURL},
+                                        {"nonsense", "log", urlError::badURL},
+                                        {"http://127.0.0.1:1/", "absent", -1100},
+                                        {"http://127.0.0.1:1/", "Library", -1101}}) {
+    session->resume(session->uploadTask({url, "POST"}, home.path() / name));
     EXPECT_EQ(diary.take(), (Lines{concat(name, " nil ", code), "finished"}));
   }
-}
-
-TEST_F(Uploading, IsDoneByOneSessionForEachIdentifierWithItsFirstDelegate) {
-  auto& log = LogDiary::installed();
-  Diary second;
-  const auto other = BackgroundSession::open({"../other"}, second);
-  EXPECT_TRUE(log.lines().empty());
-  EXPECT_EQ(BackgroundSession::open({"logs"}, second), session);
-  EXPECT_EQ(log.lines(), Lines{"A background URLSession with identifier logs already exists!"});
-  EXPECT_NE(other, session);
-  EXPECT_EQ(session->description(), "<BackgroundSession: logs>");
-  session->finishEvents();
-  EXPECT_EQ(diary.take(), Lines{"finished"});
-  EXPECT_EQ(second.take(), Lines{});
 }
 
 /// When a process is killed, and how many requests there are in all: before the reply, between reply and delegate,
@@ -181,12 +171,12 @@ class Killed : public testing::TestWithParam<std::pair<std::string, int>> {
       diary.take();
       return 0;
     });
-    server.emplace([this, child, atRequest = moment == "request"](int connection) {
-      const std::string head = RawServer::readHead(connection);
+    server.emplace([this, child, atRequest = moment == "request"](Connection& connection) {
+      const std::string head = connection.readHead();
       if (head.find("Authorization: Basic \xff\r\n") != head.npos) ++requests;
       if (requests == 1 && atRequest) ::kill(child, SIGKILL);
-      RawServer::readBody(RawServer::from(connection), head);
-      RawServer::send(connection, reply(200, "\xff"));
+      connection.readBody(head);
+      connection.send(reply(200, "\xff"));
     });
     ASSERT_GT(::write(pipe[1], server->url().data(), server->url().size()), 0);
     ASSERT_EQ(test::endOf(child), -SIGKILL);
@@ -239,10 +229,6 @@ class Journal : public testing::Test {
     write(file, bytes);
     return TransferJournal(folder.path(), "j").takeRestored();
   }
-  /// The first line with one text in the place of another.
-  std::string with(const std::string& from, const std::string& to) const {
-    return std::string(line).replace(line.find(from), from.size(), to);
-  }
   static constexpr auto kMost = std::numeric_limits<std::int64_t>::max();
   const TempDir folder;
   const std::filesystem::path file = folder.path() / "j.jsonl";
@@ -273,31 +259,37 @@ TEST_F(Journal, IsTakenUpByItsWholeLinesWhereverItIsCut) {
   EXPECT_EQ(record.outcome->error->description(), error.description());
 }
 
-TEST_F(Journal, LosesHostileLinesAndKeepsTheRest) {
-  for (const std::string& bad : {std::string(100'000, '[') + "\n", std::string("\n{}\n[]\n\xff\n"),
-                                 with("\"identifier\":1", "\"identifier\":9223372036854775808"),
-                                 with("\"POST\"", "{\"base64\":\"A\"}"), with("\"headers\":[", "\"headers\":[[1,2],"),
-                                 with("\"identifier\"", "\"outcome\":{\"status\":1},\"identifier\""),
-                                 std::string("{\"identifier\":5,\"outcome\":{\"status\":204}}\n")}) {
-    EXPECT_EQ(reopened(bad).size(), 0U) << bad.substr(0, 300);
-    EXPECT_EQ(reopened(bad + whole).size(), 2U) << bad.substr(0, 300);
+TEST_F(Journal, LosesHostileLinesAndGoesByTheLatestOfAnUpload) {
+  const auto with = [this](const std::string& from, const std::string& to) {
+    return std::string(line).replace(line.find(from), from.size(), to);
+  };
+  const std::string ended = with("\"identifier\"", "\"outcome\":{\"status\":204},\"identifier\""),
+                    over = "{\"identifier\":1,\"over\":true}\n", none;  // no file
+  const struct {
+    std::string bytes, left;
+    std::size_t restored;
+  } cases[] = {{std::string(100'000, '[') + "\n", none, 0},
+               {"\n{}\n[]\n\xff\n", none, 0},
+               {with("\"identifier\":1", "\"identifier\":9223372036854775808"), none, 0},
+               {with("\"POST\"", "{\"base64\":\"A\"}"), none, 0},
+               {with("\"headers\":[", "\"headers\":[[1,2],"), none, 0},
+               {with("\"identifier\"", "\"outcome\":{\"status\":1},\"identifier\""), none, 0},
+               {"{\"identifier\":5,\"outcome\":{\"status\":204}}\n", none, 0},
+               {line + ended, ended, 1},
+               {ended + line, ended, 1},  // or it would be sent again
+               {over + whole + over, whole.substr(firstEnd), 1},
+               {line + over + line, line, 1},  // a number that is used again
+               {line + over, none, 0}};
+  for (const auto& [bytes, left, restored] : cases) {
+    EXPECT_EQ(reopened(bytes).size(), restored) << bytes.substr(0, 300);
+    ASSERT_EQ(std::filesystem::exists(file), restored != 0);
+    if (restored != 0) {
+      EXPECT_EQ(readFile(file).value(), left);
+      continue;
+    }
+    EXPECT_EQ(reopened(bytes + whole).size(), 2U) << bytes.substr(0, 300);
     EXPECT_EQ(readFile(file).value(), whole);
   }
-}
-
-TEST_F(Journal, GoesByTheLatestOfWhatItHoldsOfAnUpload) {
-  const std::string ended = with("\"identifier\"", "\"outcome\":{\"status\":204},\"identifier\"");
-  for (const std::string& twice : {line + ended, ended + line}) {
-    const auto restored = reopened(twice);
-    ASSERT_EQ(restored.size(), 1U);
-    EXPECT_TRUE(restored[0].outcome) << "it would be sent again";
-  }
-  const std::string over = "{\"identifier\":1,\"over\":true}\n";
-  EXPECT_EQ(reopened(over + whole + over).size(), 1U);
-  EXPECT_EQ(readFile(file).value(), whole.substr(firstEnd)) << "written anew without what is over";
-  EXPECT_EQ(reopened(line + over + line).size(), 1U) << "a number that is used again";
-  EXPECT_EQ(reopened(line + over).size(), 0U);
-  EXPECT_FALSE(std::filesystem::exists(file));
 }
 
 /// All that this process has handed to `write` so far.

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/foundation/SerialQueue.h"
 #include "platform/urlsession/URLSession.h"
 
 namespace tarvo::test {
@@ -26,33 +27,21 @@ inline void start(platform::URLRequest request, platform::DataTaskCompletion com
   platform::URLSession::shared().dataTask(std::move(request), std::move(completion))->resume();
 }
 
-/// Resumes a task that tells its outcome to what it is given, and waits for that.
-template <class MakeTask>
-Outcome outcomeOf(const MakeTask& makeTask) {
+/// Sends the request, with the file as its body if one is named, and waits for its completion.
+inline Outcome fetch(platform::URLRequest request, const std::filesystem::path& file = {}) {
+  static auto* uploads = new platform::SerialQueue("test.uploads");
   auto promise = std::make_shared<std::promise<Outcome>>();
   auto outcome = promise->get_future();
-  makeTask([promise](auto data, auto response, auto error) {
+  const auto tell = [promise](auto data, auto response, auto error) {
     promise->set_value({std::move(data), std::move(response), std::move(error)});
-  })->resume();
-  if (outcome.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
-    ADD_FAILURE() << "no completion within 30 s";
-    return {};
-  }
-  return outcome.get();
-}
-
-/// Sends the request through the shared session and waits for its completion.
-inline Outcome fetch(platform::URLRequest request) {
-  return outcomeOf([&](auto completion) {
-    return platform::URLSession::shared().dataTask(std::move(request), std::move(completion));
-  });
-}
-
-/// The same with a file as the body.
-inline Outcome upload(platform::URLRequest request, const std::filesystem::path& file, platform::SerialQueue& queue) {
-  return outcomeOf([&](auto completion) {
-    return platform::URLSession::shared().uploadTask(std::move(request), file, queue, std::move(completion));
-  });
+  };
+  auto& session = platform::URLSession::shared();
+  (file.empty() ? session.dataTask(std::move(request), tell)
+                : session.uploadTask(std::move(request), file, *uploads, tell))
+      ->resume();
+  if (outcome.wait_for(std::chrono::seconds(30)) == std::future_status::ready) return outcome.get();
+  ADD_FAILURE() << "no completion within 30 s";
+  return {};
 }
 
 }  // namespace tarvo::test

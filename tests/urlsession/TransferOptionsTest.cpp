@@ -1,11 +1,12 @@
 #include <tarvo/platform/TransferOptions.h>
 
-#include <signal.h>
+#include <openssl/conf.h>
+
+#include <fstream>
 
 #include "platform/foundation/Text.h"
-#include "platform/urlsession/Reachability.h"
 #include "support/LogDiary.h"
-#include "support/Servers.h"
+#include "support/Tls.h"
 #include "urlsession/Fetch.h"
 
 namespace tarvo::platform {
@@ -34,6 +35,8 @@ const Case kCases[] = {
     {"NothingSet", {}, 0, insecure},
     {"RightFiles", {"", "ca", "client", "key"}},
     {"RightFilesOverOlderTls", {"", "ca", "client", "key"}, 200, 0, false, kHere, "", TLS1_2_VERSION},
+    {"Tls11", {"", "ca", "both"}, 0, insecure, false, kHere, "", TLS1_1_VERSION},
+    {"Tls10", {"", "ca", "both"}, 0, insecure, false, kHere, "", TLS1_VERSION},
     {"KeyBesideTheCertificate", {"", "ca", "both"}},
     {"EncryptedKey", {"", "ca", "client", "encrypted", "secret"}},
     {"EncryptedKeyWithoutPassphrase", {"", "ca", "client", "encrypted"}, 0, insecure, true},
@@ -67,38 +70,34 @@ class TransferOption : public testing::TestWithParam<Case> {
     client.writeKey(folder.path() / "both");
     stranger.write(folder.path() / "stranger");
     stranger.writeKey(folder.path() / "stranger");
-    ::signal(SIGPIPE, SIG_IGN);  // of the server, whose client goes away
     for (const char* name : {"no_proxy", "SSL_CERT_FILE"}) ::setenv(name, "*", 1);  // the options go before these
+    // A system that allows everything.
+    std::ofstream(folder.path() / "openssl.cnf")
+        << "openssl_conf = a\n[a]\nssl_conf = b\n[b]\nsystem_default = c\n[c]\nMinProtocol = TLSv1\n"
+           "CipherString = DEFAULT@SECLEVEL=0\n";
+    EXPECT_EQ(CONF_modules_load_file((folder.path() / "openssl.cnf").c_str(), nullptr, 0), 1);
   }
-  void serve(int connection) {
-    char first = 0;
-    ::recv(connection, &first, 1, MSG_PEEK);
-    if (first == 'C') {
-      const std::string head = RawServer::readHead(connection);
-      connect = head.substr(8, head.find(" HTTP") - 8);
-      RawServer::send(connection, "HTTP/1.1 200 Connected\r\n\r\n");
-    }
+  void serve(Connection& connection) {
     const bool isOpen = GetParam().url.ends_with("open");
-    answerOverTls(
-        connection, own, GetParam().newestTls,
-        [this](const std::string& request) {
-          if (!request.empty()) requests.push_back(request);
+    const std::string asked = answerAsAnyHost(
+        connection, {own, GetParam().newestTls, isOpen ? nullptr : &authority}, [this](const std::string& request) {
+          requests.push_back(request);
           const bool away = request.find("/away ") != request.npos;
-          return concat("HTTP/1.1 ", away ? "302" : "200", " X\r\nConnection: close\r\nContent-Length: 0\r\n",
-                        away ? "Location: https://other.invalid/\r\n\r\n" : "\r\n");
-        },
-        isOpen ? nullptr : &authority);
+          return httpReply(away ? 302 : 200, "",
+                           concat("Connection: close\r\n", away ? "Location: https://other.invalid/\r\n" : ""));
+        });
+    if (!asked.empty()) connect = asked;
   }
   std::string withPort(std::string text) const {
     const auto at = text.find("PORT");
-    return at == text.npos ? text : text.replace(at, 4, server->host().substr(server->host().find(':') + 1));
+    return at == text.npos ? text : text.replace(at, 4, server->port);
   }
 
   const Certificate authority{"authority"}, own{"server", &authority};
   const TempDir folder;
   std::string connect;                ///< what the proxy was asked for last
   std::vector<std::string> requests;  ///< what came through TLS
-  std::optional<RawServer> server{std::in_place, [this](int connection) { serve(connection); }};
+  std::optional<RawServer> server{std::in_place, [this](Connection& connection) { serve(connection); }};
 };
 
 TEST_P(TransferOption, IsWhatATransferGoesBy) {
@@ -129,27 +128,6 @@ TEST_P(TransferOption, IsWhatATransferGoesBy) {
 
 INSTANTIATE_TEST_SUITE_P(Each, TransferOption, testing::ValuesIn(kCases),
                          [](const auto& given) { return given.param.name; });
-
-TEST(Reachability, AsksForTheProxyAndTheInterfaceThatTransfersUse) {
-  constexpr auto here = kSCNetworkReachabilityFlagsReachable | kSCNetworkReachabilityFlagsIsLocalAddress;
-  const struct {
-    const char *proxy, *interface, *name;
-    std::uint32_t flags;
-  } cases[] = {{"http://127.0.0.1:3128", "", "https://no..name/v1", here},
-               {"localhost:3128", "", "no..name", here},
-               {"socks5h://no..name:1080", "", "http://192.0.2.1/", 0},
-               {"socks5h://no..name:1080", "", "http://localhost/", here},
-               {"", "lo", "http://192.0.2.1/", kSCNetworkReachabilityFlagsReachable},
-               {"", "lo", "no..name", 0},
-               {"", "nonsense0", "http://192.0.2.1/", 0}};
-  for (const auto& [proxy, interface, name, flags] : cases) {
-    TransferOptions options;
-    options.proxy = proxy;
-    options.networkInterface = interface;
-    ASSERT_TRUE(setTransferOptions(options));
-    EXPECT_EQ(SCNetworkReachabilityGetFlags(name), flags) << proxy << interface << name;
-  }
-}
 
 }  // namespace
 }  // namespace tarvo::platform

@@ -9,9 +9,8 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <tarvo/platform/TransferOptions.h>
 #include <unistd.h>
-
-#include <vector>
 
 #include "platform/urlsession/Reachability.h"
 
@@ -69,25 +68,40 @@ bool refuseNetlink() {
   return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
 }
 
-TEST(Reachability, FollowsTheKernelsRoutesWithAndWithoutNetlink) {
-  constexpr auto here = kSCNetworkReachabilityFlagsReachable | kSCNetworkReachabilityFlagsIsLocalAddress;
-  const std::uint32_t outside = canConnectDatagrams("192.0.2.1") ? kSCNetworkReachabilityFlagsReachable : 0;
-  const std::pair<const char*, std::optional<std::uint32_t>> names[] = {
-      {"", {}},
-      {"two words", {}},
-      {"localhost", here},
-      {"http://example.org:99999", {}},
-      {"::1", here},
-      {"http://[::1]:8080/x", here},
-      {"127.0.0.1", here},
-      {"0.0.0.0", here},  // asked of the kernel: its own address
-      {"no..name", 0U},
-      {"255.255.255.255", 0U}};
+TEST(Reachability, FollowsTheKernelsRoutesTheProxyAndTheInterfaceWithAndWithoutNetlink) {
+  constexpr auto here = kSCNetworkReachabilityFlagsReachable | kSCNetworkReachabilityFlagsIsLocalAddress,
+                 reachable = kSCNetworkReachabilityFlagsReachable;
+  const std::uint32_t outside = canConnectDatagrams("192.0.2.1") ? reachable : 0;
+  const struct {
+    const char* name;
+    std::optional<std::uint32_t> flags;
+    std::string proxy = "", interface = "";
+  } cases[] = {{"", {}},
+               {"two words", {}},
+               {"localhost", here},
+               {"http://example.org:99999", {}},
+               {"::1", here},
+               {"http://[::1]:8080/x", here},
+               {"127.0.0.1", here},
+               {"0.0.0.0", here},  // asked of the kernel: its own address
+               {"no..name", 0U},
+               {"255.255.255.255", 0U},
+               {"https://no..name/v1", here, "http://127.0.0.1:3128"},
+               {"no..name", here, "localhost:3128"},
+               {"http://192.0.2.1/", 0, "socks5h://no..name:1080"},
+               {"http://localhost/", here, "socks5h://no..name:1080"},
+               {"http://192.0.2.1/", reachable, "", "lo"},
+               {"no..name", 0, "", "lo"},
+               {"http://192.0.2.1/", 0, "", "nonsense0"}};
   const auto routed = SCNetworkReachabilityGetFlags("[2001:db8::1]");
   for (const bool netlink : {true, false}) {
     if (!netlink && !refuseNetlink()) GTEST_SKIP() << "no filter of system calls here";
     EXPECT_TRUE(netlink || ::socket(AF_NETLINK, SOCK_RAW, 0) == -1);
-    for (const auto& [name, flags] : names) EXPECT_EQ(SCNetworkReachabilityGetFlags(name), flags) << name << netlink;
+    for (const auto& [name, flags, proxy, interface] : cases) {
+      ASSERT_TRUE(setTransferOptions({proxy, "", "", "", "", interface}));
+      EXPECT_EQ(SCNetworkReachabilityGetFlags(name), flags) << name << proxy << interface << netlink;
+    }
+    ASSERT_TRUE(setTransferOptions({}));
     for (const auto lookup : {NameLookup::ask, NameLookup::known})
       EXPECT_EQ(SCNetworkReachabilityGetFlags("https://192.0.2.1/", lookup).value() & 2U, outside) << netlink;
     EXPECT_EQ(SCNetworkReachabilityGetFlags("[2001:db8::1]"), routed);

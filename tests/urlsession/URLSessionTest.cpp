@@ -1,10 +1,16 @@
 #include "platform/urlsession/URLSession.h"
 
-#include <atomic>
-#include <set>
+#include <sys/resource.h>
+#include <sys/stat.h>
 
+#include <atomic>
+#include <ctime>
+#include <fstream>
+
+#include "platform/foundation/Text.h"
 #include "platform/foundation/WorkInFlight.h"
-#include "support/Servers.h"
+#include "support/NoThreads.h"
+#include "support/Tls.h"
 #include "urlsession/Fetch.h"
 
 namespace tarvo::platform {
@@ -13,114 +19,74 @@ namespace {
 using namespace test;
 
 TEST(URLSession, SendsWhatWasGivenAndNothingElse) {
-  std::string head;
-  RawServer server([&head](int connection) {
-    head = RawServer::readHead(connection);
-    RawServer::send(connection, "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n");
+  std::string seen;
+  RawServer server([&seen](const std::string& request) {
+    seen = request;
+    return httpReply(200);
   });
   const std::string host = "\r\nHost: " + server.host() + "\r\n";
-  const std::string large(2'000'000, 'x');
-  struct Case {
-    URLRequest request;
-    std::string head;
-  };
-  const Case cases[] = {
+  const std::string large = largeBody();
+  const std::pair<URLRequest, std::string> cases[] = {
       {{server.url("/v1//a/../%2e?uuid=A b"), "GET", {}, {}}, ""},
       {{server.url("/v1//a/../%2e?uuid=A%20b"), "GET", {}, {}},
        "GET /v1//a/../%2e?uuid=A%20b HTTP/1.1" + host + "\r\n"},
       {{server.url(), "GET", {{"Accept", "application/json"}, {"content-type", "application/json"}}, {}},
        "GET / HTTP/1.1" + host + "Accept: application/json\r\ncontent-type: application/json\r\n\r\n"},
-      {{server.url(),
-        "POST",
-        {{"Content-Type", "application/json"}, {"Content-Length", "7"}, {"X", "a\r\nY: b"}},
-        "{}"},
-       "POST / HTTP/1.1" + host + "Content-Type: application/json\r\nContent-Length: 2\r\n\r\n"},
+      {{server.url(), "POST", {{"Content-Length", "7"}, {"X", "a\r\nY: b"}}, "{}"},
+       "POST / HTTP/1.1" + host + "Content-Length: 2\r\n\r\n{}"},
       {{server.url(), "POST", {{"Empty", ""}}, {}}, "POST / HTTP/1.1" + host + "Empty:\r\nContent-Length: 0\r\n\r\n"},
       {{server.url(), "DELETE", {}, {}}, "DELETE / HTTP/1.1" + host + "\r\n"},
-      {{server.url(), "PUT", {}, large}, "PUT / HTTP/1.1" + host + "Content-Length: 2000000\r\n\r\n"},
-  };
-  for (const Case& c : cases) {
-    head.clear();
-    fetch(c.request);
-    EXPECT_EQ(head, c.head) << c.request.description();
+      {{server.url(), "PUT", {}, large}, "PUT / HTTP/1.1" + host + "Content-Length: 3000000\r\n\r\n" + large}};
+  for (const auto& [request, sent] : cases) {
+    seen.clear();
+    fetch(request);
+    EXPECT_TRUE(seen == sent) << request.description() << seen.substr(0, 300);
   }
 }
 
-TEST(URLSession, HandsOverReplyAndStatus) {
-  Running server;
-  server.set_keep_alive_max_count(1);
-  server.Post("/echo", [](const httplib::Request& request, httplib::Response& response) {
-    response.status = 404;
-    response.set_header("X-Kind", "echo");
-    response.set_content(request.body, "text/plain");
-  });
-  server.Get("/empty", [](const httplib::Request&, httplib::Response& response) { response.status = 204; });
-  std::string body(3'000'000, '\0');
-  for (std::size_t i = 0; i < body.size(); ++i) body[i] = static_cast<char>(i * 31 % 251);
-  const Outcome echo = fetch({server.url("/echo"), "POST", {}, body});
-  EXPECT_TRUE(echo.data == body && !echo.error);
-  const HTTPURLResponse& response = echo.response.value();
-  EXPECT_EQ(response.url, server.url("/echo"));
-  for (const char* text : {"{ Status Code: 404, Headers {", "X-Kind: echo"})
-    EXPECT_NE(response.debugDescription().find(text), std::string::npos) << text;
-  const Outcome empty = fetch({server.url("/empty")});
-  EXPECT_FALSE(empty.data);
-  EXPECT_EQ(empty.status(), 204);
-}
-
-TEST(URLSession, DeliversTheStatusOfABrokenTransferBesideItsError) {
-  struct Case {
-    std::string reply;
-    enum { reset, close, silence, repeat } then;
-    int status, code;
-  };
+TEST(URLSession, DeliversStatusAndBodyAndTheStatusOfABrokenTransferBesideItsError) {
+  enum Then { close, reset, silence, repeat };
   const std::string chunk = "10000\r\n" + std::string(0x10000, 'x') + "\r\n", ok = "HTTP/1.1 200 OK\r\n";
   constexpr int lost = urlError::networkConnectionLost, tooLong = urlError::dataLengthExceedsMaximum;
-  const Case cases[] = {{"HTTP/1.1 500 Oops\r\nContent-Length: 9\r\n\r\nabc", Case::reset, 500, lost},
-                        {"HTTP/1.1 503 Busy\r\nServer:", Case::reset, 503, lost},
-                        {ok + "Content-Length: 9\r\n\r\nabc", Case::close, 200, lost},
-                        {"", Case::close, 0, lost},
-                        {"HTTP/1.1 100 Continue\r\n\r\n", Case::close, 0, lost},
-                        {"", Case::silence, 0, urlError::timedOut},
-                        {"HTTP/1.1 401 No\r\nContent-Length: 9\r\n\r\na", Case::silence, 401, urlError::timedOut},
-                        {ok + "Content-Length: 33554433\r\n\r\n", Case::silence, 200, tooLong},
-                        {ok + "Transfer-Encoding: chunked\r\n\r\n" + chunk, Case::repeat, 200, tooLong},
-                        {"hello\r\n\r\n", Case::close, 0, urlError::badServerResponse}};
-  for (const auto& [reply, then, status, code] : cases) {
-    SCOPED_TRACE(reply.substr(0, 100));
-    RawServer server([&reply = reply, then = then, &chunk](int connection) {
-      RawServer::readHead(connection);
-      RawServer::send(connection, reply);
-      if (then == Case::reset) RawServer::resetOnClose(connection);
-      if (then == Case::silence) RawServer::waitForPeerToLeave(connection);
-      while (then == Case::repeat && RawServer::send(connection, chunk)) continue;
+  const struct {
+    std::string reply;
+    Then then;
+    int status, code;
+    std::optional<std::string> data = {};
+  } cases[] = {{httpReply(404, largeBody()), close, 404, 0, largeBody()},
+               {"HTTP/1.1 204 X\r\n\r\n", close, 204, 0},
+               {"HTTP/1.1 500 Oops\r\nContent-Length: 9\r\n\r\nabc", reset, 500, lost},
+               {"HTTP/1.1 503 Busy\r\nServer:", reset, 503, lost},
+               {ok + "Content-Length: 9\r\n\r\nabc", close, 200, lost},
+               {"", close, 0, lost},
+               {"HTTP/1.1 100 Continue\r\n\r\n", close, 0, lost},
+               {"", silence, 0, urlError::timedOut},
+               {"HTTP/1.1 401 No\r\nContent-Length: 9\r\n\r\na", silence, 401, urlError::timedOut},
+               {ok + "Content-Length: 33554433\r\n\r\n", silence, 200, tooLong},
+               {ok + "Transfer-Encoding: chunked\r\n\r\n" + chunk, repeat, 200, tooLong},
+               {"hello\r\n\r\n", close, 0, urlError::badServerResponse}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.reply.substr(0, 100));
+    RawServer server([&](Connection& connection) {
+      connection.readHead();
+      connection.send(c.reply);
+      if (c.then == reset) connection.resetOnClose();
+      if (c.then == silence) connection.waitForPeerToLeave();
+      while (c.then == repeat && connection.send(chunk)) continue;
     });
-    URLRequest request{server.url()};
-    if (then == Case::silence) request.timeoutInterval = Seconds(0.3);
-    const Outcome outcome = fetch(request);
-    EXPECT_EQ(outcome.status(), status);
-    ASSERT_TRUE(outcome.error);
-    EXPECT_EQ(outcome.code(), code) << outcome.error->description();
-    EXPECT_EQ(outcome.error->domain, NSURLErrorDomain);
+    const Outcome outcome = fetch({server.url(), "GET", {}, {}, Seconds(c.then == silence ? 0.3 : 60)});
+    EXPECT_EQ(outcome.status(), c.status);
+    EXPECT_EQ(outcome.code(), c.code);
+    EXPECT_TRUE(outcome.data == c.data);
+    if (!outcome.error) continue;
     EXPECT_EQ(findString(outcome.error->userInfo, "NSErrorFailingURLStringKey"), server.url());
-    EXPECT_FALSE(outcome.data || outcome.error->localizedDescription.empty());
+    EXPECT_TRUE(outcome.error->domain == NSURLErrorDomain && !outcome.error->localizedDescription.empty());
   }
-}
-
-TEST(URLSession, TellsWhyNothingWasReached) {
-  const std::pair<std::string, int> cases[] = {{RawServer([](int) {}).url(), urlError::cannotConnectToHost},
-                                               {"http://no..name/", urlError::cannotFindHost},
-                                               {"ftp://localhost/", urlError::unsupportedURL},
-                                               {"nonsense", urlError::badURL}};
-  for (const auto& [url, code] : cases) EXPECT_EQ(fetch({url}).code(), code) << url;
 }
 
 TEST(URLSession, CompletesEachTaskOnceAndOneAtATime) {
-  Running server;
-  server.set_keep_alive_max_count(1);
-  server.Get("/(\\d+)", [](const httplib::Request& request, httplib::Response& response) {
-    response.set_content(request.matches[1].str(), "text/plain");
-  });
+  RawServer server(
+      [](const std::string& request) { return httpReply(200, request.substr(5, request.find(" HTTP") - 5)); });
   constexpr int kThreads = 4, kEach = 50;
   std::vector<std::atomic<int>> completed(kThreads * kEach);
   std::atomic<int> atOnce{0}, wrong{0};
@@ -140,47 +106,298 @@ TEST(URLSession, CompletesEachTaskOnceAndOneAtATime) {
       resuming = false;
     }
   };
+
   std::vector<std::thread> threads;
   for (int i = 0; i < kThreads; ++i) threads.emplace_back(sendAll, i * kEach);
   for (auto& thread : threads) thread.join();
+
   EXPECT_TRUE(WorkInFlight::waitUntilIdle(Seconds(60)));
   for (const auto& count : completed) EXPECT_EQ(count, 1);
   EXPECT_EQ(wrong, 0) << "side by side, inside of resume or with another's answer";
 }
 
 TEST(URLSession, KeepsSecureConnections) {
-  TrustedServer server;
-  std::set<int> ports;
-  server.Get("/", [&ports](const httplib::Request& request, httplib::Response&) { ports.insert(request.remote_port); });
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(fetch({server.url()}).status(), 200);
-  EXPECT_EQ(ports.size(), 1U);
+  const Trusted trusted;
+  std::atomic<int> connections{0};
+  RawServer server([&](Connection& connection) {
+    ++connections;
+    TlsConnection(connection, {trusted}).answerAll([](auto&) { return httpReply(200, "", ""); });
+  });
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(fetch({"https://" + server.host()}).status(), 200);
+  EXPECT_EQ(connections, 1);
 }
 
-TEST(URLSessionDeathTest, EndsQuietlyWithTransfersInFlight) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+class Ending : public testing::Test {
+ protected:
+  void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+TEST_F(Ending, IsQuietWithTransfersInFlight) {
   // The process that ends runs this test again; the server stays here.
-  std::optional<TrustedServer> server;
+  std::optional<Trusted> trusted;
+  std::optional<RawServer> server;
   std::atomic<int> sent{0};
   if (::getenv("ENDLESS_SERVER") == nullptr) {
-    server.emplace();
-    server->Get("/", [&sent](const httplib::Request&, httplib::Response& response) {
-      response.set_chunked_content_provider("text/plain", [&sent](std::size_t, httplib::DataSink& sink) {
-        ++sent;
-        sent.notify_all();
-        return sink.write("endless", 7);
-      });
+    trusted.emplace();
+    server.emplace([&](Connection& plain) {
+      TlsConnection connection(plain, {*trusted});
+      if (connection.readHead().starts_with("GET /flowing")) {
+        for (int seen = 0; seen < 100; seen = sent) sent.wait(seen);
+        connection.send(httpReply(200));
+      } else {
+        connection.send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n");
+        while (connection.send("7\r\nendless\r\n")) {
+          ++sent;
+          sent.notify_all();
+        }
+      }
     });
-    server->Get("/flowing", [&sent](const httplib::Request&, httplib::Response&) {
-      for (int seen = 0; seen < 100; seen = sent) sent.wait(seen);
-    });
-    ::setenv("ENDLESS_SERVER", server->url().c_str(), 1);
+    ::setenv("ENDLESS_SERVER", ("https://" + server->host()).c_str(), 1);
   }
   const auto exitInTransfer = [] {
     const std::string url = ::getenv("ENDLESS_SERVER");
     for (int i = 0; i < 4; ++i) start({url}, [](auto, auto, auto) { std::abort(); });
-    std::exit(fetch({url + "flowing"}).status() == 200 ? 0 : 1);
+    std::exit(fetch({url + "/flowing"}).status() == 200 ? 0 : 1);
   };
   EXPECT_EXIT(exitInTransfer(), testing::ExitedWithCode(0), "");
+}
+
+/// This host and the proxy that stands for all others, with and without TLS. Answers ".../STATUS?LOCATION" with just
+/// that, all else with 200.
+struct Redirect : testing::Test {
+  Redirect() {
+    for (const char* scheme : {"http_proxy", "https_proxy"}) ::setenv(scheme, server.url().c_str(), 1);
+    ::unsetenv("no_proxy");
+  }
+  std::string answer(const std::string& request) {
+    ++timesAsked;
+    seen = request;
+    const auto question = request.find('?');
+    if (question == request.npos || std::isdigit(request[question - 1]) == 0) return httpReply(200);
+    const auto location = request.substr(question + 1, request.find(' ', question) - question - 1);
+    return httpReply(std::stoi(request.substr(question - 3, 3)), "",
+                     "Connection: close\r\nLocation: " + location + "\r\n");
+  }
+  const Trusted trusted;
+  int timesAsked = 0;
+  std::string seen;  ///< last
+  RawServer server{[this](Connection& connection) {
+    answerAsAnyHost(connection, {trusted}, [this](const std::string& request) { return answer(request); });
+  }};
+};
+
+TEST_F(Redirect, IsFollowedOnItsHostWithoutCredentials) {
+  const std::tuple<int, std::string, std::string> cases[] = {
+      {301, "POST", "GET"},  {302, "POST", "GET"}, {303, "POST", "GET"}, {307, "POST", "POST"},
+      {308, "POST", "POST"}, {301, "PUT", "PUT"},  {303, "PUT", "GET"},  {302, "GET", "GET"}};
+  for (const auto& [status, method, after] : cases) {
+    SCOPED_TRACE(concat(status, " ", method));
+    URLRequest request{server.url(concat("/", status, "?sub/../end?x=1")), method};
+    request.headers = {{"authorization", "Basic x"}, {"Content-Type", "application/json"}, {"X-Own", "1"}};
+    if (method != "GET") request.httpBody = "{}";
+    const Outcome outcome = fetch(request);
+    EXPECT_EQ(outcome.status(), 200);
+    EXPECT_EQ(outcome.response.value().url, server.url("/end?x=1"));
+    const bool same = method == after;
+    EXPECT_EQ(seen, concat(after, " /end?x=1 HTTP/1.1\r\nHost: ", server.host(), "\r\n",
+                           same ? "Content-Type: application/json\r\n" : "", "X-Own: 1\r\n",
+                           same && method != "GET" ? "Content-Length: 2\r\n\r\n{}" : "\r\n"));
+  }
+  std::string redirects;
+  for (int i = 0; i < 20; ++i) redirects += "/302?";
+  EXPECT_EQ(fetch({server.url(redirects + "/end")}).status(), 200);
+  const Outcome endless = fetch({server.url(redirects + "/302?/end")});
+  EXPECT_EQ(endless.code(), urlError::tooManyRedirects);
+  EXPECT_EQ(endless.status(), 302);
+  for (const char* text : {"{ Status Code: 302, Headers {", "Location: /end"})
+    EXPECT_NE(endless.response->debugDescription().find(text), std::string::npos) << text;
+  EXPECT_EQ(fetch({server.url("/302?file:///etc/passwd")}).code(), urlError::unsupportedURL);
+}
+
+TEST_F(Redirect, TakesNoBodyToAnotherHostAndNobodyFromOutsideToThisOne) {
+  const std::string here = server.url("/end"), hereSecured = "https://" + server.host() + "/302?";
+  const std::string remote = "http://backend.invalid/", secured = "https://backend.invalid/",
+                    other = "http://other.invalid/end";
+  constexpr int refused = urlError::secureConnectionFailed;
+  const struct {
+    std::string method, from, to;
+    int asked, status, code = 0;
+    const char* last = "";
+  } cases[] = {
+      {"GET", secured + "302?", here, 1, 302, refused},
+      {"POST", secured + "307?", here, 1, 307, refused},
+      {"POST", secured + "307?", remote + "end", 1, 307, refused},
+      {"GET", hereSecured, here, 2, 200, 0, "GET /end HTTP/1.1"},
+      {"POST", remote + "307?", other, 1, 307},
+      {"POST", remote + "308?", "https://other.invalid/end", 1, 308},
+      {"POST", remote + "307?", here, 1, 307},
+      {"PUT", remote + "301?", other, 1, 301},
+      {"FILE", remote + "308?", other, 1, 308},
+      {"POST", remote + "308?", "http://Backend.INVALID/end", 2, 200, 0, "POST http://Backend.INVALID/end HTTP/1.1"},
+      {"POST", remote + "307?", secured + "end", 2, 200, 0, "POST /end HTTP/1.1"},
+      {"POST", remote + "303?", other, 2, 200, 0, "GET http://other.invalid/end HTTP/1.1"},
+      {"GET", remote + "307?", other, 2, 200, 0, "GET http://other.invalid/end HTTP/1.1"}};
+  const auto body = trusted.dir.path() / "body";
+  std::ofstream(body) << "positions";
+  for (const auto& [method, from, to, asked, status, code, last] : cases) {
+    SCOPED_TRACE(method + " " + from + to);
+    timesAsked = 0;
+    URLRequest request{from + to, method == "FILE" ? "POST" : method};
+    if (method == "POST" || method == "PUT") request.httpBody = "positions";
+    const Outcome outcome = fetch(request, method == "FILE" ? body : "");
+    EXPECT_EQ(outcome.status(), status);
+    EXPECT_EQ(outcome.code(), code);
+    EXPECT_EQ(timesAsked, asked);
+    EXPECT_TRUE(asked == 1 || seen.starts_with(last)) << seen;
+  }
+}
+
+/// The checks of undefined behaviour look at objects through a pipe, which takes descriptors.
+#ifdef __SANITIZE_ADDRESS__
+constexpr bool kNeedsDescriptors = true;
+#else
+constexpr bool kNeedsDescriptors = false;
+#endif
+
+TEST(HostileServer, GetsABatchTwiceWhenItDropsKeptConnectionsAndTheSecondTimeOnAFreshOne) {
+  for (const int warm : {0, 1, 3, 8}) {
+    SCOPED_TRACE(warm);
+    std::atomic<int> open{0}, copies{0}, onFresh{0};
+    RawServer server([&, warm](Connection& connection) {
+      bool kept = false;
+      for (std::string head; !(head = connection.readHead()).empty(); kept = true) {
+        if (head.starts_with("POST")) {
+          ++copies;
+          if (kept) return;
+          ++onFresh;
+        } else {
+          ++open;
+          open.notify_all();
+          for (int now; (now = open) < warm;) open.wait(now);  // all side by side
+        }
+        connection.send(httpReply(200, "", ""));
+      }
+    });
+    for (int i = 0; i < warm; ++i) start({server.url("/warm")});
+    ASSERT_TRUE(WorkInFlight::waitUntilIdle(Seconds(30)));
+
+    const Outcome outcome = fetch({server.url("/batch"), "POST", {}, "x"});
+
+    EXPECT_EQ(outcome.status(), 200);
+    EXPECT_EQ(outcome.code(), 0);
+    EXPECT_EQ(copies, warm == 0 ? 1 : 2);
+    EXPECT_EQ(onFresh, 1);
+  }
+}
+
+TEST(HostileServer, LetsOthersHaveTheirTurnWhenItAnswersWithoutEnd) {
+  constexpr int patient = 8;  // of the 33 requests the first, and slow only
+  auto server = std::make_unique<RawServer>([](Connection& connection) {
+    const std::string head = connection.readHead();
+    connection.send("HTTP/1.1 200 OK\r\nContent-Length: 99\r\nConnection: close\r\n\r\nx");
+    if (head.starts_with("GET /quick")) connection.send(std::string(98, 'x'));
+    if (head.starts_with("GET /drip")) connection.setPatience(100);
+    for (char c; connection.read(&c, 1) < 0;) connection.send("x");
+  });
+  std::mutex mutex;
+  std::vector<std::pair<int, std::int64_t>> ended;
+  for (int i = 0; i <= 32; ++i)
+    start({server->url(i < patient ? "/slow" : "/drip"), "GET", {}, {}, Seconds(i < patient ? 60 : 2)},
+          [&, i](auto, auto, auto error) {
+            const std::lock_guard lock(mutex);
+            ended.emplace_back(i, error ? error->code : 0);
+          });
+
+  EXPECT_EQ(fetch({server->url("/quick")}).status(), 200);
+
+  {
+    // As many connections as there may be, and of the first that dripped two have given way.
+    const std::lock_guard lock(mutex);
+    EXPECT_EQ(ended.size(), 2U);
+    for (const auto& [number, code] : ended) {
+      EXPECT_TRUE(number >= patient && number < patient + 8) << number;
+      EXPECT_EQ(code, urlError::timedOut);
+    }
+  }
+  server.reset();
+  EXPECT_TRUE(WorkInFlight::waitUntilIdle(Seconds(30)));
+}
+
+/// Lets the process open so many descriptors. Answers how many it was before.
+rlim_t limitDescriptors(rlim_t most) {
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  const rlim_t before = std::exchange(limit.rlim_cur, most);
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+  return before;
+}
+
+/// The process has five seconds to end, or a signal ends it.
+void exitInTime(bool good) {
+  ::alarm(5);
+  std::exit(good ? 0 : 1);
+}
+
+TEST_F(Ending, WorksAndEndsInTimeAfterAStartWithoutThreadsAndDescriptors) {
+  if (kNeedsDescriptors) GTEST_SKIP();
+  const auto startWithout = [] {
+    RawServer server([](const std::string&) { return httpReply(404); });
+    std::atomic<int> waited{0};
+    {
+      const NoThreads none;
+      start({server.url()}, [&](auto, auto, auto) { ++waited; });
+    }
+    const int next = ::dup(0);
+    ::close(next);
+    const rlim_t before = limitDescriptors(static_cast<rlim_t>(next));
+    const bool failed = fetch({server.url()}).error.has_value();
+    limitDescriptors(before);
+    int answered = 0;
+    for (int i = 0; i < 3; ++i) answered += fetch({server.url()}).status() == 404;
+    exitInTime(failed && waited == 1 && answered == 3);
+  };
+  EXPECT_EXIT(startWithout(), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(Ending, ComesInTimeWhenTheSessionsThreadHangs) {
+  const auto hang = [] {
+    TempDir dir;
+    ::mkfifo((dir.path() / "ca.pem").c_str(), 0600);  // nobody ever writes to it
+    ::setenv("SSL_CERT_FILE", (dir.path() / "ca.pem").c_str(), 1);
+    std::promise<void> connected;
+    RawServer server([&](Connection& connection) {
+      connected.set_value();
+      connection.waitForPeerToLeave();
+    });
+    start({"https://" + server.host()});
+    connected.get_future().wait();
+    exitInTime(!WorkInFlight::waitUntilIdle(Seconds(0.3)));
+  };
+  EXPECT_EXIT(hang(), testing::ExitedWithCode(0), "");
+}
+
+TEST(Session, DoesNotSpinWhenTheSystemRefusesToPoll) {
+  if (kNeedsDescriptors) GTEST_SKIP();
+  std::promise<void> asked, limited;
+  RawServer server([&](Connection& connection) {
+    connection.readHead();
+    asked.set_value();
+    limited.get_future().wait();
+    connection.setPatience(500);
+    char c;
+    connection.read(&c, 1);  // a peer that gives up ends the wait
+    connection.send("HTTP/1.1 204 No Content\r\n\r\n");
+  });
+  auto outcome = std::async(std::launch::async, [&] { return fetch({server.url()}); });
+  asked.get_future().wait();
+  const rlim_t before = limitDescriptors(2);  // fewer than it polls
+  const std::clock_t began = std::clock();
+
+  limited.set_value();
+
+  EXPECT_EQ(outcome.get().status(), 204);
+  EXPECT_LT(std::clock() - began, CLOCKS_PER_SEC / 10) << "of half a second";
+  limitDescriptors(before);
 }
 
 }  // namespace

@@ -1,39 +1,17 @@
 #pragma once
 
-#include <httplib.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
 
+#include <csignal>
 #include <functional>
 #include <string>
-#include <thread>
 
 #include "support/RawServer.h"
 #include "support/TempDir.h"
 
 namespace tarvo::test {
-
-/// A server on an ephemeral port that runs for as long as the object lives.
-template <class Server = httplib::Server>
-struct Running : Server {
-  template <class... Arguments>
-  explicit Running(Arguments... arguments) : Server(arguments...) {
-    this->new_task_queue = [] { return new httplib::ThreadPool(32); };
-    this->set_keep_alive_timeout(1);
-    port = this->bind_to_any_port("127.0.0.1");
-    thread = std::thread([this] { this->listen_after_bind(); });
-    while (!this->is_running()) std::this_thread::yield();
-  }
-  ~Running() override {
-    this->stop();
-    thread.join();
-  }
-  std::string url(const std::string& path) const { return "http://127.0.0.1:" + std::to_string(port) + path; }
-
-  int port;
-  std::thread thread;
-};
 
 /// A key and a certificate for 127.0.0.1, backend.invalid and other.invalid, signed by its issuer or by itself.
 struct Certificate {
@@ -95,35 +73,64 @@ struct Trusted : Certificate {
   TempDir dir;
 };
 
-/// Answers one request that comes over TLS of that version at most, from a client whose certificate `clients` has
-/// signed if that is given.
-inline void answerOverTls(int connection, const Certificate& own, int newestVersion,
-                          const std::function<std::string(const std::string& request)>& answer,
-                          const Certificate* clients = nullptr) {
-  SSL_CTX* context = SSL_CTX_new(TLS_server_method());
-  SSL_CTX_set_security_level(context, 0);
-  SSL_CTX_set_min_proto_version(context, TLS1_VERSION);
-  SSL_CTX_set_max_proto_version(context, newestVersion);
-  SSL_CTX_use_certificate(context, own.x509);
-  SSL_CTX_use_PrivateKey(context, own.key);
-  if (clients) {
-    SSL_CTX_set_verify(context, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
-    X509_STORE_add_cert(SSL_CTX_get_cert_store(context), clients->x509);
-  }
-  SSL* tls = SSL_new(context);
-  SSL_set_fd(tls, connection);
-  if (SSL_accept(tls) == 1) {
-    const std::string reply = answer(RawServer::readRequest(
-        [tls](char* to, std::size_t size) { return ssize_t{SSL_read(tls, to, static_cast<int>(size))}; }));
-    SSL_write(tls, reply.data(), static_cast<int>(reply.size()));
-  }
-  SSL_free(tls);
-  SSL_CTX_free(context);
-}
-
-struct TrustedServer : Trusted, Running<httplib::SSLServer> {
-  TrustedServer() : Running(x509, key) {}
-  std::string url() const { return "https://127.0.0.1:" + std::to_string(port) + "/"; }
+/// What a server shows to its clients and asks of them.
+struct TlsTerms {
+  const Certificate& own;
+  int newestVersion = TLS1_3_VERSION;
+  const Certificate* clients = nullptr;  ///< has signed the certificate that each client needs
 };
+
+/// Goes on over TLS. What is read is empty if the peer does not agree.
+class TlsConnection final : public Connection {
+ public:
+  TlsConnection(const Connection& plain, const TlsTerms& terms)
+      : Connection(plain.socket), context_(SSL_CTX_new(TLS_server_method())) {
+    SSL_CTX_set_security_level(context_, 0);
+    SSL_CTX_set_min_proto_version(context_, TLS1_VERSION);
+    SSL_CTX_set_max_proto_version(context_, terms.newestVersion);
+    SSL_CTX_use_certificate(context_, terms.own.x509);
+    SSL_CTX_use_PrivateKey(context_, terms.own.key);
+    if (terms.clients) {
+      SSL_CTX_set_verify(context_, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+      X509_STORE_add_cert(SSL_CTX_get_cert_store(context_), terms.clients->x509);
+    }
+    ::signal(SIGPIPE, SIG_IGN);  // of a client that goes away
+    tls_ = SSL_new(context_);
+    SSL_set_fd(tls_, socket);
+    SSL_set_accept_state(tls_);
+  }
+  ~TlsConnection() override {
+    SSL_free(tls_);
+    SSL_CTX_free(context_);
+  }
+  ssize_t read(char* to, std::size_t size) override { return SSL_read(tls_, to, static_cast<int>(size)); }
+  bool send(const std::string& bytes) override {
+    return SSL_write(tls_, bytes.data(), static_cast<int>(bytes.size())) > 0;
+  }
+
+ private:
+  SSL_CTX* context_;
+  SSL* tls_;
+};
+
+/// Answers in plain or over TLS, as it is asked, and is the proxy for every host. Answers what it was asked to connect
+/// to, if it was.
+inline std::string answerAsAnyHost(Connection& connection, const TlsTerms& terms, const Answer& answer) {
+  const auto startsWith = [&](char wanted) {
+    char first = 0;
+    return ::recv(connection.socket, &first, 1, MSG_PEEK) == 1 && first == wanted;
+  };
+  std::string connect;
+  if (startsWith('C')) {
+    connect = connection.readHead().substr(8);
+    connect.resize(connect.find(' '));
+    connection.send("HTTP/1.1 200 Connected\r\n\r\n");
+  }
+  if (startsWith(SSL3_RT_HANDSHAKE))
+    TlsConnection(connection, terms).answerAll(answer);
+  else
+    connection.answerAll(answer);
+  return connect;
+}
 
 }  // namespace tarvo::test
