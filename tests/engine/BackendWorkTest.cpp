@@ -1,9 +1,7 @@
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <array>
 #include <csignal>
 
+#include "support/FreshProcess.h"
 #include "support/WholeSdk.h"
 
 namespace tarvo {
@@ -100,11 +98,8 @@ class AfterAKill : public BackendWork {
  protected:
   void SetUp() override {
     BackendWork::SetUp();
-    int ports[2];
-    ASSERT_EQ(::pipe(ports), 0);
-    const pid_t child = ::fork();  // no thread runs yet
-    ASSERT_GE(child, 0);
-    if (child == 0) {
+    const auto file = home.path() / "port";
+    const auto uploadAndDie = [&] {
       sandbox::Backend first({"demo", "key", "secret"}, home.path() / "sandbox.sqlite");
       first.start();
       LocationManager::setRemoteWebServerURL(first.baseURL());
@@ -114,18 +109,13 @@ class AfterAKill : public BackendWork {
       clock->advance(Seconds(86400));
       first.faults().hangNext("uplog", 1);
       tarvo.didReceiveRemoteNotification({{"messageFrom", "tarvo"}});
-      const int port = first.faults().waitUntilHanging(1, std::chrono::seconds(30)) ? first.port() : 0;
-      if (::write(ports[1], &port, sizeof port) == sizeof port) ::raise(SIGKILL);
-      ::_exit(1);
-    }
-    int port = 0, status = 0;
-    ASSERT_EQ(::read(ports[0], &port, sizeof port), static_cast<ssize_t>(sizeof port));
-    ::waitpid(child, &status, 0);
-    ASSERT_TRUE(WIFSIGNALED(status));
-    ASSERT_GT(port, 0);
+      if (!first.faults().waitUntilHanging(1, std::chrono::seconds(30))) return 1;
+      return platform::writeFileAtomically(file, std::to_string(first.port()), false) ? 1 : ::raise(SIGKILL);
+    };
+    ASSERT_EQ(test::inFreshProcess(uploadAndDie), -SIGKILL);
 
     clock->advance(Seconds(86600));
-    backend.start(port);
+    backend.start(std::stoi(platform::readFile(file).value()));
     ASSERT_TRUE(LocationManager::setRemoteWebServerURL(backend.baseURL()));
   }
 
@@ -170,16 +160,11 @@ TEST_F(BackendWork, StopsBeforeItStoresTripsWhoseIdentifiersItCannotTake) {
                                                    {trip(7), trip("8")},     {trip(7), trip(true)},
                                                    {trip(nullptr), trip(7)}, {without}};
   for (const auto& trips : bad) {
-    const pid_t child = ::fork();  // no thread runs yet
-    ASSERT_GE(child, 0);
-    if (child == 0) {
+    const auto ingest = [&] {
       ObjectStore store;
-      DownloadIngest(store).addNewLastTrip(trips);
-      ::_exit(0);
-    }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << &trips - bad;
+      return DownloadIngest(store).addNewLastTrip(trips) ? 0 : 1;
+    };
+    EXPECT_EQ(test::inFreshProcess(ingest), -SIGABRT) << &trips - bad;
   }
   ObjectStore store;
   DownloadIngest ingest(store);
