@@ -131,18 +131,6 @@ class AfterAKill : public BackendWork {
     waitUntilIdle();
     EXPECT_EQ(finished, 1);
   }
-  /// The upload rests in local modes and goes on with `start`, in a backend mode.
-  void restsUntil(void (*start)(Tarvo& tarvo)) {
-    Tarvo tarvo;
-    tarvo.activate(Tarvo::LOCAL_FOREGROUND);
-    platform::UIApplication::shared().didFinishLaunching();
-    tarvo.activate(Tarvo::LOCAL_BACKGROUND);
-    tarvo.serviceConnect();
-    wake(tarvo);
-    expectCompleted(false);
-    start(tarvo);
-    expectCompleted(true);
-  }
 };
 
 TEST_F(AfterAKill, TheUploadGoesOnWhenTheHostIsWoken) {
@@ -173,15 +161,24 @@ TEST_F(BackendWork, StopsBeforeItStoresTripsWhoseIdentifiersItCannotTake) {
   EXPECT_EQ(ingest.addNewLastTrip({without})->pasttrips.front().pasttrip_id, 7);
 }
 
-TEST_F(AfterAKill, TheUploadRestsInLocalModesAndGoesOnWithAnActivation) {
-  restsUntil([](Tarvo& tarvo) { tarvo.activate(Tarvo::BACKEND_BACKGROUND); });
-}
+class ByAServiceConnect : public AfterAKill, public testing::WithParamInterface<bool> {};
+INSTANTIATE_TEST_SUITE_P(OrAnActivation, ByAServiceConnect, testing::Bool());
 
-TEST_F(AfterAKill, TheUploadRestsInLocalModesAndGoesOnWithAServiceConnect) {
-  restsUntil([](Tarvo& tarvo) {
+TEST_P(ByAServiceConnect, TheUploadThatRestsInLocalModesGoesOn) {
+  Tarvo tarvo;
+  tarvo.activate(Tarvo::LOCAL_FOREGROUND);
+  platform::UIApplication::shared().didFinishLaunching();
+  tarvo.activate(Tarvo::LOCAL_BACKGROUND);
+  tarvo.serviceConnect();
+  wake(tarvo);
+  expectCompleted(false);
+  if (GetParam()) {
     Tarvo::setACTIVATE_STATUS(Tarvo::BACKEND_BACKGROUND);
     tarvo.serviceConnect();
-  });
+  } else {
+    tarvo.activate(Tarvo::BACKEND_BACKGROUND);
+  }
+  expectCompleted(true);
 }
 
 TEST_F(BackendWork, AClientBeforeTheFirstTarvoBuildsTheEngineWhichItsSessionTells) {

@@ -71,6 +71,8 @@ TEST_F(Upload, TakesAFreshDeviceToAnEmptyQueueAndGoesOnWithASecondTarvo) {
   settle();
   expectEachIndexOnce(6);
   EXPECT_EQ(backend.holdings().users, 1);
+  const auto users = engine().getUser();
+  EXPECT_TRUE(users.size() == 1 && users[0].uuid == LocationManager::userUUID() && users[0].timestamp);
   EXPECT_EQ(diary.count("Unresolved error") + diary.count("error nbUsers"), 0u);
 }
 
@@ -113,37 +115,25 @@ TEST_F(Upload, SendsABacklogInBatchesOfAThousandOnePerAcknowledgement) {
   EXPECT_FALSE(NetworkManager::CANAL_LOCK());
 }
 
-TEST_F(Upload, FreesTheChannelAtOnceOnAnotherStatusAndSendsTheSameBatchAgain) {
+TEST_F(Upload, FreesTheChannelAtOnceOnAnotherStatusAndResendsWhatAwaits) {
   Tarvo tarvo = online();
   backend.faults().answerNext(2, 500);
-  collect(1);
-  upload();
-  EXPECT_FALSE(NetworkManager::CANAL_LOCK());
-  EXPECT_EQ(engine().syncStatus().awaiting, 1);
-  // The next event resends what awaits before anything new.
-  collect(1);
-  upload();
-  EXPECT_EQ(diary.count("resendAllSentWithoutACKData [net] from:0 to:0 "), 1u);
-  EXPECT_EQ(backend.holdings().positions, 0);
-  settle();
-  expectEachIndexOnce(2);
+  for (const int more : {4, 1}) {
+    collect(more);
+    upload();
+    EXPECT_FALSE(NetworkManager::CANAL_LOCK());
+    EXPECT_EQ(engine().syncStatus().awaiting, 4);
+  }
+  EXPECT_EQ(diary.count("resendAllSentWithoutACKData [net] from:0 to:3 "), 1u) << "before anything new";
   EXPECT_EQ(diary.count("httpstatus : 500"), 2u);
-}
 
-TEST_F(Upload, PostsAgainForTheHostAllThatTheAnswerAcknowledges) {
-  startBackend();
-  Tarvo tarvo = registered();
-  backend.faults().answerNext(1, 500);
-  collect(4);
-  engine().sendDataInBatchToRemoteWebServer();
+  const auto all = records();
+  engine().resendAllSentWithoutACKData({all.at(2), all.at(0), LocationRecord()});  // by the host: all up to the last
   waitUntilIdle();
-  EXPECT_EQ(engine().syncStatus().awaiting, 4);
-  const auto all = engine().getLocationhistory({}, {}).locations.toVector();
-  engine().resendAllSentWithoutACKData({all.at(2), all.at(0), LocationRecord()});
-  waitUntilIdle();
+
   EXPECT_EQ(diary.count("resendAllSentWithoutACKData :count = 3"), 1u);
-  EXPECT_EQ(engine().syncStatus().acknowledged, 4) << "the answer starts the pass that sends the last";
-  EXPECT_EQ(backend.holdings().positions, 4);
+  EXPECT_EQ(engine().syncStatus().acknowledged, 5) << "the answer starts the pass that sends the others";
+  expectEachIndexOnce(5);
 }
 
 TEST_F(Upload, NeverAsksTheResolverInsideABlockOfTheStore) {
@@ -203,17 +193,12 @@ TEST_F(Upload, AgesAChannelThatTheHostHolds) {
   Tarvo tarvo;
   NetworkManager::setCANAL_LOCK(true);
   Tarvo::setACTIVATE_STATUS(Tarvo::BACKEND_BACKGROUND);
-  const auto passTells = [this](const char* age) {
-    engine().sendDataInBatchToRemoteWebServer();
+  for (const auto& [later, age] : {std::pair(0, "0"), {179, "179"}, {1, "42"}, {138, "180"}}) {
+    clock->advance(Seconds(later));
+    if (later == 1) NetworkManager::setCANAL_TIME_LOCK(clock->now() - Seconds(42));
+    upload();
     EXPECT_EQ(diary.count(platform::concat("CANAL===true=====", age, "=======")), 1u) << age;
-  };
-  passTells("0");
-  clock->advance(Seconds(179));
-  passTells("179");
-  NetworkManager::setCANAL_TIME_LOCK(clock->now() - Seconds(42));
-  passTells("42");
-  clock->advance(Seconds(138));
-  passTells("180");
+  }
 }
 
 TEST_F(Upload, AcknowledgesOnATransportErrorAsOnAnAnswer) {

@@ -189,9 +189,7 @@ TEST_F(Facade, RecordsChangesOfPermissionAtTheLastKnownPlaceWhileStarted) {
                             CLAuthorizationStatus::authorizedAlways})
     permit(status);
   EXPECT_EQ(diary.count("didChangeAuthorization [loc] unknown status:0"), 1u);
-  std::string words;
-  for (const auto& record : records()) words += *record.localisationMethod + "/" + *record.serviceAction + " ";
-  EXPECT_EQ(words, "unknown/loc_changed event/loc_disabled event/loc_enabled ");
+  EXPECT_EQ(recorded("event"), "loc_disabled loc_enabled ");
 }
 
 TEST_F(Facade, RefreshesForAPushByPermissionAndKeepsOtherSendersOut) {
@@ -204,10 +202,7 @@ TEST_F(Facade, RefreshesForAPushByPermissionAndKeepsOtherSendersOut) {
   push(tarvo);
   Tarvo::setACTIVATE_STATUS(4);
   push(tarvo);
-  std::string pushed;
-  for (const auto& record : records())
-    if (record.localisationMethod == "push") pushed += *record.serviceAction + " ";
-  EXPECT_EQ(pushed, "loc_enabled loc_refresh loc_disabled ");
+  EXPECT_EQ(recorded("push"), "loc_enabled loc_refresh loc_disabled ");
 }
 
 TEST_F(Facade, KeepsAccountCallsBelowModeEightAndSendsThemFromIt) {
@@ -254,18 +249,6 @@ TEST_F(Facade, SendsTheTagsThatItHoldsAfterAPushAndResetsWhatTheBackendHasDerive
                                     {"NetworkManager:resetGeoProfile : httpStatus 200", 2u}})
     EXPECT_EQ(diary.count(text), times) << text;
   EXPECT_GT(diary.find("NetworkManager:setTags :[success]"), diary.find("LocationManager:refreshLoc [loc]: "));
-}
-
-TEST_F(Facade, RunsOnWithoutAStoreAfterOneLineThatSaysSo) {
-  std::filesystem::create_directories(home.path() / "Documents");
-  ASSERT_FALSE(
-      platform::writeFileAtomically(home.path() / "Documents" / ObjectStore::kFileName, std::string(5000, 'x'), false));
-  Tarvo tarvo = online();
-  drive(2);
-  EXPECT_EQ(diary.count("YOUR_ERROR_DOMAIN"), 1u);
-  EXPECT_EQ(diary.count("Unresolved error Error Domain=YOUR_ERROR_DOMAIN Code=9999"), 1u);
-  EXPECT_FALSE(engine().syncStatus().storeAvailable);
-  EXPECT_FALSE(tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {}) || tarvo.getCurrentLocation());
 }
 
 TEST_F(Facade, TellsOnceThatItsStoreWasRemovedWhoeverAsksForCountsInBetween) {

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 
-#include <future>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -182,18 +181,6 @@ TEST(Sandbox, AnswersFromWhatItWasGivenUntilTheResetOfEach) {
   EXPECT_EQ(counters(), "[0,0,0]");
   EXPECT_EQ(session.get("pois").at("pois"), Json::array());
   EXPECT_EQ(session.get("predictions").at("success"), false);
-}
-
-TEST(Sandbox, EndsARequestThatHangsWhenItStops) {
-  TempDir dir;
-  Session session(dir);
-  session.backend.faults().hangNext(1);
-  auto cut = std::async(std::launch::async, [&] { return session.send({0}); });
-  EXPECT_TRUE(session.backend.faults().waitUntilHanging(1, std::chrono::seconds(20)));
-
-  session.backend.stop();
-
-  EXPECT_EQ(cut.get(), 503);
 }
 
 }  // namespace

@@ -90,7 +90,16 @@ class WholeSdk : public testing::Test {
     engine().sendDataInBatchToRemoteWebServer();
     waitUntilIdle();
   }
-  static auto records() { return engine().getLocationhistory({}, {}).locations.toVector(); }
+  static auto records(std::optional<platform::Date> since = {}) {
+    return engine().getLocationhistory(since, {}).locations.toVector();
+  }
+  /// The actions of the records that this method has made, each with a blank.
+  static std::string recorded(std::string_view method, std::optional<platform::Date> since = {}) {
+    std::string actions;
+    for (const auto& record : records(since))
+      if (record.localisationMethod == method) actions += *record.serviceAction + " ";
+    return actions;
+  }
 
   /// One fix a second, each 111 m north of the one before.
   void drive(int fixes) {
