@@ -195,14 +195,6 @@ TEST_F(BackendWork, AClientBeforeTheFirstTarvoBuildsTheEngineWhichItsSessionTell
   waitUntilIdle();
   EXPECT_EQ(diary.count("LocationManager:init [loc] [init] mainThread:"), 1u);
   ASSERT_TRUE(LocationManager::userUUID());
-
-  UserDefaults::standard().set("tarvologlevel", 3);
-  Tarvo().serviceConnect();  // writes the day's first line
-  clock->advance(Seconds(86400));
-  client.sendLogToRemoteWebServer();
-  waitUntilIdle();
-  EXPECT_EQ(backend.holdings().logs, 1);
-  EXPECT_FALSE(exists(logOf("2024-06-15"))) << "the engine has read the reply";
 }
 
 }  // namespace

@@ -54,10 +54,6 @@ TEST_F(Engine, StoresEveryDeliveredFixAndMeasuresGeofencesOnlyASecondApart) {
   EXPECT_EQ(diary.count("[geofence] geofenceAge:"), 1u);
   EXPECT_EQ(diary.count("LocationManager.startGeofencing [loc] [geofence] region:"), 5u);
   EXPECT_EQ(engine().syncStatus().stored, 3);
-  // Armed at this fix, so "rms-scls"; the next one is stored as "scls".
-  EXPECT_EQ(parts.state.currentLocalisationMethod.get(), "rms-scls");
-  drive(1);
-  EXPECT_EQ(records().back().localisationMethod, "scls");
   EXPECT_EQ(records().front().appName, "ios:org.example.host");
 }
 

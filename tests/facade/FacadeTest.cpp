@@ -256,15 +256,12 @@ TEST_F(Facade, TellsOnceThatItsStoreWasRemovedWhoeverAsksForCountsInBetween) {
   tarvo.activate(Tarvo::LOCAL_BACKGROUND);
   drive(2);
   std::filesystem::remove(home.path() / "Documents" / ObjectStore::kFileName);
-  for (const int unsaved : {0, 2}) {
+  for (const int unsaved : {0, 2, 4}) {
     EXPECT_EQ(diary.count("was removed, replaced or cut short"), unsaved == 0 ? 0u : 1u);
     const auto status = engine().syncStatus();
-    EXPECT_FALSE(status.storeAvailable);
-    EXPECT_EQ(status.stored, 0);
-    EXPECT_EQ(status.unsaved, unsaved);
+    EXPECT_TRUE(!status.storeAvailable && status.stored == 0 && status.unsaved == unsaved) << unsaved;
     drive(2);
   }
-  EXPECT_EQ(diary.count("was removed, replaced or cut short"), 1u);
 }
 
 /// A host that throws wherever it is called.

@@ -72,8 +72,6 @@ TEST(GpxTrace, SaysInOneLineWhyAFileCannotBeUsed) {
     EXPECT_EQ(error, expected);
   }
   std::string error;
-  EXPECT_FALSE(GpxTrace::read("/", error));
-  EXPECT_TRUE(error.starts_with("/: cannot be read: ")) << error;
   test::TempDir folder;
   std::ofstream(folder.path() / "large").put('<');
   std::filesystem::resize_file(folder.path() / "large", (256u << 20) + 1);

@@ -58,11 +58,9 @@ TEST_F(LocationServiceOfAProcess, RefusesFixesThatAreNotFiniteOrOutOfRange) {
   std::vector<CLLocation> fixes;
   const CLLocationCoordinate2D places[] = {{nan, 0}, {-90.001, 0}, {0, 180.001}, {0, -infinity}, {-90, 180}};
   for (const auto& place : places) fixes.emplace_back(fixAt(0)).coordinate = place;
-  fixes.emplace_back(fixAt(7)).altitude = infinity;
-  fixes.emplace_back(fixAt(7)).horizontalAccuracy = nan;
-  fixes.emplace_back(fixAt(7)).verticalAccuracy = infinity;
-  fixes.emplace_back(fixAt(7)).speed = nan;
-  fixes.emplace_back(fixAt(7)).course = -infinity;
+  for (double CLLocation::*number : {&CLLocation::altitude, &CLLocation::horizontalAccuracy,
+                                     &CLLocation::verticalAccuracy, &CLLocation::speed, &CLLocation::course})
+    fixes.emplace_back(fixAt(7)).*number = number == &CLLocation::speed ? nan : infinity;
   // The years 1970 to 9999.
   for (const double time : {nan, 0.0, 253402300799.0, -0.001, 253402300800.0, 1e18})
     fixes.emplace_back(fixAt(8)).timestamp = dateSince1970(time);
