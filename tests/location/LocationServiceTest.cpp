@@ -120,7 +120,6 @@ TEST_F(LocationServiceOfAProcess, AsksOneQuestionAtATimeOnTheMainQueueAndTheUpgr
   const std::tuple<Status, const char*, const char*, Status, const char*> cases[] = {
       {authorizedAlways, "WAA", "", authorizedAlways, ""},
       {denied, "WAA", "", denied, ""},
-      {restricted, "WAA", "", restricted, ""},
       {notDetermined, "WWA", "W", authorizedAlways, ""},
       {notDetermined, "WA", "W", denied, ""},
       {notDetermined, "WA", "W", notDetermined, ""},  // put off: the next request asks again
@@ -173,7 +172,6 @@ TEST_F(LocationManager, AnswersARequestWithOneFixOrAnErrorAfterTenSeconds) {
       {"good enough", {fixAt(1), fixAt(2), fixAt(3, 11)}, "", {"fixes 2"}, {}},
       {"worse", {fixAt(4, 50), fixAt(5, 40)}, "", {}, {"fixes 5"}},
       {"invalid", {fixAt(6, -1)}, "", {}, {"kCLErrorDomain 0"}},
-      {"none", {}, "", {}, {"kCLErrorDomain 0"}},
       {"stopped", {fixAt(7, 50)}, "stop", {}, {}},
       {"started", {fixAt(8, 50)}, "start", {}, {}},
   };

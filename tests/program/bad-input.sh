@@ -37,12 +37,12 @@ mkdir -p "$work/keyless"
 echo '<?xml version="1.0"?><plist version="1.0"><dict/></plist>' >"$work/keyless/Info.plist"
 expect 1 'Failed to load Tarvo API KEY' "$program" replay "$trip" --backend http://127.0.0.1:9/api --home "$work/keyless" \
   --log --deadline 2
-# Deep nesting is refused, not followed; what is no file is not waited for.
 for line in '{"at": 1}' '{"at": "noon", "event": "launch"}' '{"at": 1, "event": "nap"}' '{"at": 1, "event": "plug", "level": 2}' \
   '{"at": 1, "event": "push", "payload": []}' '{"at": 1, "event": "launch", "level": 1}' 'launch'; do
   echo "$line" >"$work/bad.jsonl"
   expect 2 'bad.jsonl:1: ' "$program" replay "$trip" --mode 4 --home "$work/b" --script "$work/bad.jsonl"
 done
+# Deep nesting is refused, not followed; what is no file is not waited for.
 deep() { printf '%s' "$1"; head -c 200000 /dev/zero | tr '\0' '['; }
 deep '{"at":0,"event":"push","payload":' >"$work/deep.jsonl"
 deep '{"prediction":' >"$work/deep.json"
