@@ -1,6 +1,5 @@
 #include "support/WholeSdk.h"
 
-#include <ostream>
 #include <set>
 
 namespace tarvo {
@@ -19,12 +18,10 @@ struct Standing {
   std::string method;            ///< stored with the next fix
   std::size_t regions;           ///< that are watched
   bool operator==(const Standing&) const = default;
+  friend void PrintTo(const Standing& standing, std::ostream* out) {
+    *out << testing::PrintToString(standing.stored) << standing.configuration << standing.method << standing.regions;
+  }
 };
-
-std::ostream& operator<<(std::ostream& out, const Standing& standing) {
-  for (const auto& record : standing.stored) out << record << " ";
-  return out << standing.configuration << " " << standing.method << " " << standing.regions;
-}
 
 /// A started engine with one stored position, in a device on its battery.
 class Modes : public test::WholeSdk {

@@ -171,8 +171,6 @@ TEST_F(Facade, TakesThePermissionThatItFindsForNoChange) {
   another.setDelegate(nullptr);
   waitUntilIdle();
   EXPECT_EQ(diary.count("didChangeAuthorization"), 0u);
-  permit(CLAuthorizationStatus::authorizedWhenInUse);
-  EXPECT_EQ(diary.count("didChangeAuthorization [loc] status:4"), 1u);
 }
 
 TEST_F(Facade, RecordsChangesOfPermissionAtTheLastKnownPlaceWhileStarted) {
@@ -188,7 +186,8 @@ TEST_F(Facade, RecordsChangesOfPermissionAtTheLastKnownPlaceWhileStarted) {
   for (const auto status : {CLAuthorizationStatus::restricted, CLAuthorizationStatus::notDetermined,
                             CLAuthorizationStatus::authorizedAlways})
     permit(status);
-  EXPECT_EQ(diary.count("didChangeAuthorization [loc] unknown status:0"), 1u);
+  for (const char* once : {"unknown status:0", "status:4"})
+    EXPECT_EQ(diary.count(platform::concat("didChangeAuthorization [loc] ", once)), 1u) << once;
   EXPECT_EQ(recorded("event"), "loc_disabled loc_enabled ");
 }
 
