@@ -1,9 +1,7 @@
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <array>
 #include <csignal>
 
+#include "support/FreshProcess.h"
 #include "support/WholeSdk.h"
 
 namespace tarvo {
@@ -100,11 +98,8 @@ class AfterAKill : public BackendWork {
  protected:
   void SetUp() override {
     BackendWork::SetUp();
-    int ports[2];
-    ASSERT_EQ(::pipe(ports), 0);
-    const pid_t child = ::fork();  // no thread runs yet
-    ASSERT_GE(child, 0);
-    if (child == 0) {
+    const auto file = home.path() / "port";
+    const auto uploadAndDie = [&] {
       sandbox::Backend first({"demo", "key", "secret"}, home.path() / "sandbox.sqlite");
       first.start();
       LocationManager::setRemoteWebServerURL(first.baseURL());
@@ -114,18 +109,13 @@ class AfterAKill : public BackendWork {
       clock->advance(Seconds(86400));
       first.faults().hangNext("uplog", 1);
       tarvo.didReceiveRemoteNotification({{"messageFrom", "tarvo"}});
-      const int port = first.faults().waitUntilHanging(1, std::chrono::seconds(30)) ? first.port() : 0;
-      if (::write(ports[1], &port, sizeof port) == sizeof port) ::raise(SIGKILL);
-      ::_exit(1);
-    }
-    int port = 0, status = 0;
-    ASSERT_EQ(::read(ports[0], &port, sizeof port), static_cast<ssize_t>(sizeof port));
-    ::waitpid(child, &status, 0);
-    ASSERT_TRUE(WIFSIGNALED(status));
-    ASSERT_GT(port, 0);
+      if (!first.faults().waitUntilHanging(1, std::chrono::seconds(30))) return 1;
+      return platform::writeFileAtomically(file, std::to_string(first.port()), false) ? 1 : ::raise(SIGKILL);
+    };
+    ASSERT_EQ(test::inFreshProcess(uploadAndDie), -SIGKILL);
 
     clock->advance(Seconds(86600));
-    backend.start(port);
+    backend.start(std::stoi(platform::readFile(file).value()));
     ASSERT_TRUE(LocationManager::setRemoteWebServerURL(backend.baseURL()));
   }
 
@@ -140,18 +130,6 @@ class AfterAKill : public BackendWork {
     EXPECT_TRUE(tarvo.handleEventsForBackgroundURLSession(Tarvo::backgroundSessionID(), [&] { ++finished; }));
     waitUntilIdle();
     EXPECT_EQ(finished, 1);
-  }
-  /// The upload rests in local modes and goes on with `start`, in a backend mode.
-  void restsUntil(void (*start)(Tarvo& tarvo)) {
-    Tarvo tarvo;
-    tarvo.activate(Tarvo::LOCAL_FOREGROUND);
-    platform::UIApplication::shared().didFinishLaunching();
-    tarvo.activate(Tarvo::LOCAL_BACKGROUND);
-    tarvo.serviceConnect();
-    wake(tarvo);
-    expectCompleted(false);
-    start(tarvo);
-    expectCompleted(true);
   }
 };
 
@@ -170,16 +148,11 @@ TEST_F(BackendWork, StopsBeforeItStoresTripsWhoseIdentifiersItCannotTake) {
                                                    {trip(7), trip("8")},     {trip(7), trip(true)},
                                                    {trip(nullptr), trip(7)}, {without}};
   for (const auto& trips : bad) {
-    const pid_t child = ::fork();  // no thread runs yet
-    ASSERT_GE(child, 0);
-    if (child == 0) {
+    const auto ingest = [&] {
       ObjectStore store;
-      DownloadIngest(store).addNewLastTrip(trips);
-      ::_exit(0);
-    }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << &trips - bad;
+      return DownloadIngest(store).addNewLastTrip(trips) ? 0 : 1;
+    };
+    EXPECT_EQ(test::inFreshProcess(ingest), -SIGABRT) << &trips - bad;
   }
   ObjectStore store;
   DownloadIngest ingest(store);
@@ -188,15 +161,24 @@ TEST_F(BackendWork, StopsBeforeItStoresTripsWhoseIdentifiersItCannotTake) {
   EXPECT_EQ(ingest.addNewLastTrip({without})->pasttrips.front().pasttrip_id, 7);
 }
 
-TEST_F(AfterAKill, TheUploadRestsInLocalModesAndGoesOnWithAnActivation) {
-  restsUntil([](Tarvo& tarvo) { tarvo.activate(Tarvo::BACKEND_BACKGROUND); });
-}
+class ByAServiceConnect : public AfterAKill, public testing::WithParamInterface<bool> {};
+INSTANTIATE_TEST_SUITE_P(OrAnActivation, ByAServiceConnect, testing::Bool());
 
-TEST_F(AfterAKill, TheUploadRestsInLocalModesAndGoesOnWithAServiceConnect) {
-  restsUntil([](Tarvo& tarvo) {
+TEST_P(ByAServiceConnect, TheUploadThatRestsInLocalModesGoesOn) {
+  Tarvo tarvo;
+  tarvo.activate(Tarvo::LOCAL_FOREGROUND);
+  platform::UIApplication::shared().didFinishLaunching();
+  tarvo.activate(Tarvo::LOCAL_BACKGROUND);
+  tarvo.serviceConnect();
+  wake(tarvo);
+  expectCompleted(false);
+  if (GetParam()) {
     Tarvo::setACTIVATE_STATUS(Tarvo::BACKEND_BACKGROUND);
     tarvo.serviceConnect();
-  });
+  } else {
+    tarvo.activate(Tarvo::BACKEND_BACKGROUND);
+  }
+  expectCompleted(true);
 }
 
 TEST_F(BackendWork, AClientBeforeTheFirstTarvoBuildsTheEngineWhichItsSessionTells) {
@@ -213,14 +195,6 @@ TEST_F(BackendWork, AClientBeforeTheFirstTarvoBuildsTheEngineWhichItsSessionTell
   waitUntilIdle();
   EXPECT_EQ(diary.count("LocationManager:init [loc] [init] mainThread:"), 1u);
   ASSERT_TRUE(LocationManager::userUUID());
-
-  UserDefaults::standard().set("tarvologlevel", 3);
-  Tarvo().serviceConnect();  // writes the day's first line
-  clock->advance(Seconds(86400));
-  client.sendLogToRemoteWebServer();
-  waitUntilIdle();
-  EXPECT_EQ(backend.holdings().logs, 1);
-  EXPECT_FALSE(exists(logOf("2024-06-15"))) << "the engine has read the reply";
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 #include "support/WholeSdk.h"
 
-#include <ostream>
 #include <set>
 
 namespace tarvo {
@@ -19,12 +18,10 @@ struct Standing {
   std::string method;            ///< stored with the next fix
   std::size_t regions;           ///< that are watched
   bool operator==(const Standing&) const = default;
+  friend void PrintTo(const Standing& standing, std::ostream* out) {
+    *out << testing::PrintToString(standing.stored) << standing.configuration << standing.method << standing.regions;
+  }
 };
-
-std::ostream& operator<<(std::ostream& out, const Standing& standing) {
-  for (const auto& record : standing.stored) out << record << " ";
-  return out << standing.configuration << " " << standing.method << " " << standing.regions;
-}
 
 /// A started engine with one stored position, in a device on its battery.
 class Modes : public test::WholeSdk {
@@ -115,21 +112,13 @@ TEST_F(Modes, FollowTheApplicationAndTheCharger) {
       // Armed once in this process, regions come back with the next fix only.
       {"background", {{"event/app_paused"}, "background", "scls", 0}, {"[event] BACKGROUND"}},
   };
+  std::string before = "neither";
   for (const auto& [event, standing, told] : day) {
     EXPECT_EQ(after(event), standing) << event;
+    EXPECT_EQ(diary.count("Mode [loc]") > 0, standing.configuration != before) << "a second switch does nothing";
+    before = standing.configuration;
     for (const char* text : told) EXPECT_EQ(diary.count(text), 1u) << text;
     expectServices(standing.configuration == "foreground");
-  }
-}
-
-TEST_F(Modes, SwitchOnceForEachChangeOfTheApplication) {
-  begin();
-  for (const auto& [event, state] :
-       {std::pair("background", "app_paused"), {"foreground", "app_resumed"}, {"inactive", "app_inactive"}}) {
-    after(event);
-    EXPECT_EQ(LocationManager::getAppState(), state);
-    after(event);
-    EXPECT_EQ(diary.count("Mode [loc]"), 0u) << "the second switch does nothing: " << event;
   }
 }
 
@@ -138,16 +127,13 @@ TEST_F(Modes, AFixInTheBackgroundTellsOfAChargerThatNobodyReported) {
   after("background");
   auto& state = EngineParts::of(engine()).state;
   const std::pair<UIDeviceBatteryState, const char*> before[] = {{UIDeviceBatteryState::unplugged, ""},
-                                                                 {UIDeviceBatteryState::unknown, "power_unplug"},
-                                                                 {UIDeviceBatteryState::full, "power_unplug"}};
+                                                                 {UIDeviceBatteryState::unknown, "power_unplug "},
+                                                                 {UIDeviceBatteryState::full, "power_unplug "}};
   for (const auto& [known, event] : before) {
     state.currentBatteryState = known;
     clock->advance(Seconds(300));
     drive(5);  // far enough for the significant-change service to tell
-    std::string events;
-    for (const auto& record : engine().getLocationhistory(clock->now() - Seconds(10), {}).locations.toVector())
-      if (record.localisationMethod == "event") events += *record.serviceAction;
-    EXPECT_EQ(events, event);
+    EXPECT_EQ(recorded("event", clock->now() - Seconds(10)), event);
   }
 }
 
@@ -168,8 +154,12 @@ TEST_F(Modes, FirstForegroundIsTheStandardServiceAndAnEmptyStoreArmsNothing) {
   EXPECT_EQ(after("foreground"), (Standing{{}, "foreground", "sls", 0}));
   EXPECT_EQ(diary.count("recreateBackgroundSession"), 1u);
   EXPECT_EQ(after("background"), (Standing{{}, "background", "rms-scls", 0})) << "no position, no event";
+  EXPECT_EQ(LocationManager::getAppState(), "app_paused");
   drive(1);
   EXPECT_EQ(after("foreground"), (Standing{{"event/app_resumed"}, "foreground", "sls", 0}));
+  EXPECT_EQ(LocationManager::getAppState(), "app_resumed");
+  after("inactive");
+  EXPECT_EQ(LocationManager::getAppState(), "app_inactive");
 }
 
 TEST_F(Modes, TheForegroundModeStopsOffTheScreenAndStaysStopped) {

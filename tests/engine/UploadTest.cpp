@@ -71,24 +71,9 @@ TEST_F(Upload, TakesAFreshDeviceToAnEmptyQueueAndGoesOnWithASecondTarvo) {
   settle();
   expectEachIndexOnce(6);
   EXPECT_EQ(backend.holdings().users, 1);
+  const auto users = engine().getUser();
+  EXPECT_TRUE(users.size() == 1 && users[0].uuid == LocationManager::userUUID() && users[0].timestamp);
   EXPECT_EQ(diary.count("Unresolved error") + diary.count("error nbUsers"), 0u);
-}
-
-TEST_F(Upload, TakesTheHomeWhichReadersLeaveAlone) {
-  startBackend();
-  platform::FileLock other(home.path() / "Documents" / (std::string(ObjectStore::kFileName) + ".lock"));
-  Tarvo tarvo;
-  waitUntilIdle();
-  Tarvo::setACTIVATE_STATUS(Tarvo::BACKEND_GEOPROFILE);
-  EXPECT_FALSE(tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {}));
-  tarvo.getPointOfInterests();
-  EXPECT_TRUE(Tarvo::waitUntilIdle(60));
-  EXPECT_TRUE(engine().syncStatus().storeAvailable);
-  EXPECT_TRUE(other.tryLock().value());
-  other.unlock();
-  clock->advance(Seconds(200));
-  engine().sendDataInBatchToRemoteWebServer();  // fetches only what it may mark
-  EXPECT_FALSE(other.tryLock().value());
 }
 
 TEST_F(Upload, SendsABacklogInBatchesOfAThousandOnePerAcknowledgement) {
@@ -113,37 +98,25 @@ TEST_F(Upload, SendsABacklogInBatchesOfAThousandOnePerAcknowledgement) {
   EXPECT_FALSE(NetworkManager::CANAL_LOCK());
 }
 
-TEST_F(Upload, FreesTheChannelAtOnceOnAnotherStatusAndSendsTheSameBatchAgain) {
+TEST_F(Upload, FreesTheChannelAtOnceOnAnotherStatusAndResendsWhatAwaits) {
   Tarvo tarvo = online();
   backend.faults().answerNext(2, 500);
-  collect(1);
-  upload();
-  EXPECT_FALSE(NetworkManager::CANAL_LOCK());
-  EXPECT_EQ(engine().syncStatus().awaiting, 1);
-  // The next event resends what awaits before anything new.
-  collect(1);
-  upload();
-  EXPECT_EQ(diary.count("resendAllSentWithoutACKData [net] from:0 to:0 "), 1u);
-  EXPECT_EQ(backend.holdings().positions, 0);
-  settle();
-  expectEachIndexOnce(2);
+  for (const int more : {4, 1}) {
+    collect(more);
+    upload();
+    EXPECT_FALSE(NetworkManager::CANAL_LOCK());
+    EXPECT_EQ(engine().syncStatus().awaiting, 4);
+  }
+  EXPECT_EQ(diary.count("resendAllSentWithoutACKData [net] from:0 to:3 "), 1u) << "before anything new";
   EXPECT_EQ(diary.count("httpstatus : 500"), 2u);
-}
 
-TEST_F(Upload, PostsAgainForTheHostAllThatTheAnswerAcknowledges) {
-  startBackend();
-  Tarvo tarvo = registered();
-  backend.faults().answerNext(1, 500);
-  collect(4);
-  engine().sendDataInBatchToRemoteWebServer();
+  const auto all = records();
+  engine().resendAllSentWithoutACKData({all.at(2), all.at(0), LocationRecord()});  // by the host: all up to the last
   waitUntilIdle();
-  EXPECT_EQ(engine().syncStatus().awaiting, 4);
-  const auto all = engine().getLocationhistory({}, {}).locations.toVector();
-  engine().resendAllSentWithoutACKData({all.at(2), all.at(0), LocationRecord()});
-  waitUntilIdle();
+
   EXPECT_EQ(diary.count("resendAllSentWithoutACKData :count = 3"), 1u);
-  EXPECT_EQ(engine().syncStatus().acknowledged, 4) << "the answer starts the pass that sends the last";
-  EXPECT_EQ(backend.holdings().positions, 4);
+  EXPECT_EQ(engine().syncStatus().acknowledged, 5) << "the answer starts the pass that sends the others";
+  expectEachIndexOnce(5);
 }
 
 TEST_F(Upload, NeverAsksTheResolverInsideABlockOfTheStore) {
@@ -186,7 +159,7 @@ TEST_F(Upload, TakesOverAChannelHeldFor180SecondsAndResendsWhatAwaitsFirst) {
   EXPECT_EQ(diary.count("from:"), 0u) << "a young lock must not be taken over";
   EXPECT_EQ(engine().syncStatus().awaiting, 1);
 
-  clock->advance(Seconds(1));
+  NetworkManager::setCANAL_TIME_LOCK(clock->now() - Seconds(180));
   engine().sendDataInBatchToRemoteWebServer();
   EXPECT_EQ(diary.count("CANAL===true=====180==="), 1u);
   EXPECT_EQ(diary.count("resendAllSentWithoutACKData [net] from:0 to:0 "), 1u);
@@ -197,23 +170,6 @@ TEST_F(Upload, TakesOverAChannelHeldFor180SecondsAndResendsWhatAwaitsFirst) {
   EXPECT_EQ(holdings.positions, 1);
   EXPECT_EQ(holdings.repeats, 1) << "the answer was lost, not the batch";
   EXPECT_EQ(engine().syncStatus().acknowledged, 1);
-}
-
-TEST_F(Upload, AgesAChannelThatTheHostHolds) {
-  Tarvo tarvo;
-  NetworkManager::setCANAL_LOCK(true);
-  Tarvo::setACTIVATE_STATUS(Tarvo::BACKEND_BACKGROUND);
-  const auto passTells = [this](const char* age) {
-    engine().sendDataInBatchToRemoteWebServer();
-    EXPECT_EQ(diary.count(platform::concat("CANAL===true=====", age, "=======")), 1u) << age;
-  };
-  passTells("0");
-  clock->advance(Seconds(179));
-  passTells("179");
-  NetworkManager::setCANAL_TIME_LOCK(clock->now() - Seconds(42));
-  passTells("42");
-  clock->advance(Seconds(138));
-  passTells("180");
 }
 
 TEST_F(Upload, AcknowledgesOnATransportErrorAsOnAnAnswer) {
@@ -239,8 +195,7 @@ TEST_F(Upload, AcknowledgesOnATransportErrorAsOnAnAnswer) {
 TEST_F(Upload, StaysOffBelowModeEightAndWithoutASecretOfTheHost) {
   Tarvo local = online(Tarvo::LOCAL_BACKGROUND);
   drive(2);
-  EXPECT_EQ(diary.count(kCalled), 0u);
-  EXPECT_FALSE(NetworkManager::CANAL_LOCK());
+  EXPECT_TRUE(diary.count(kCalled) == 0 && !NetworkManager::CANAL_LOCK());
   NetworkManager::setApiKeySecret("");
   activate(local, Tarvo::BACKEND_BACKGROUND);
   EXPECT_EQ(diary.count("checkAndRegisterUser [loc] nbUsers:0"), 2u) << "at start-up and by the pass";
@@ -294,7 +249,7 @@ TEST_F(Upload, StoresTheUserOnlyBehindTheSecret) {
   EXPECT_EQ(backend.holdings().users, 1);
 }
 
-TEST_F(Upload, TakesAUserStoredTwiceForOneAndTwoUsersForAnError) {
+TEST_F(Upload, ReadsWithoutTakingTheHomeAndAUserStoredTwiceForOne) {
   {
     ObjectStore store;
     auto& context = store.managedObjectContext();
@@ -304,10 +259,20 @@ TEST_F(Upload, TakesAUserStoredTwiceForOneAndTwoUsersForAnError) {
     });
   }
   platform::UserDefaults::standard().set("uuid_secret_key", "s");
+  platform::FileLock other(home.path() / "Documents" / (std::string(ObjectStore::kFileName) + ".lock"));
   Tarvo tarvo;
+  waitUntilIdle();
+  Tarvo::setACTIVATE_STATUS(Tarvo::BACKEND_GEOPROFILE);
+  EXPECT_FALSE(tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {}));
   EXPECT_EQ(engine().apiKey(), "u-1");
+  EXPECT_TRUE(Tarvo::waitUntilIdle(60) && engine().syncStatus().storeAvailable);
   EXPECT_EQ(onStore("SELECT count(*) FROM Users"), 2) << "a process that only reads does not write";
-  tarvo.activate(Tarvo::LOCAL_BACKGROUND);
+  EXPECT_TRUE(other.tryLock().value()) << "nor does it take the home";
+  other.unlock();
+  clock->advance(Seconds(200));
+  engine().sendDataInBatchToRemoteWebServer();  // fetches only what it may mark
+  EXPECT_FALSE(other.tryLock().value());
+  activate(tarvo, Tarvo::LOCAL_BACKGROUND);
   collect(1);
   EXPECT_EQ(onStore("SELECT count(*) FROM Users"), 1);
   EXPECT_EQ(diary.count("error nbUsers"), 0u);

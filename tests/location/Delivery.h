@@ -21,13 +21,13 @@ namespace tarvo::platform {
 /// Writes down all that it is told, one line each; fixes go by the millionth part of their longitude.
 class DiaryDelegate : public CLLocationManagerDelegate {
  public:
-  std::function<void()> onUpdate;
+  std::function<void()> inside;  ///< done in each delivery of fixes or of a region that was left
 
   void didUpdateLocations(CLLocationManager&, const std::vector<CLLocation>& locations) override {
     std::string line = "fixes";
     for (const CLLocation& fix : locations) line += concat(" ", std::int64_t(fix.coordinate.longitude * 1e6 + 0.5));
     write(line);
-    if (onUpdate) onUpdate();
+    if (inside) inside();
   }
   void didFailWithError(CLLocationManager&, const Error& error) override {
     write(concat(error.domain, " ", error.code));
@@ -43,7 +43,10 @@ class DiaryDelegate : public CLLocationManagerDelegate {
     write(concat("not watching ", region->identifier, " ", error.code));
   }
   void didEnterRegion(CLLocationManager&, const CLCircularRegion& region) override { write("in " + region.identifier); }
-  void didExitRegion(CLLocationManager&, const CLCircularRegion& region) override { write("out " + region.identifier); }
+  void didExitRegion(CLLocationManager&, const CLCircularRegion& region) override {
+    write("out " + region.identifier);
+    if (inside) inside();
+  }
 
   /// What was written since the last look, after all deliveries.
   std::vector<std::string> read() {
@@ -66,14 +69,12 @@ using Diary = std::vector<std::string>;
 
 /// A fix on the equator; one millionth of a degree is about 11 cm.
 inline CLLocation fixAt(int microDegreesEast, double accuracyMetres = 5) {
-  CLLocation fix;
-  fix.coordinate = {0, microDegreesEast * 1e-6};
-  fix.horizontalAccuracy = accuracyMetres;
-  fix.timestamp = Clock::current()->now();
-  return fix;
+  return {.coordinate = {0, microDegreesEast * 1e-6},
+          .horizontalAccuracy = accuracyMetres,
+          .timestamp = Clock::current()->now()};
 }
 
-/// A process with an empty home and a clock that is moved by hand.
+/// A process with an empty home and a clock that is moved by hand: stands before the manager is made.
 struct Process {
   Process() {
     setHomeDirectory(home.path());

@@ -39,12 +39,4 @@ done
 [ "$("$program" pois --home "$home" | wc -l)" = "$("$program" pois --home "$home" --json | grep -o '"id"' | wc -l)" ] ||
   fail "other places"
 "$program" history --home "$home" --format trips | grep -q '"coordinates"' || fail "no history of trips"
-
-for line in '{"at": 1}' '{"at": "noon", "event": "launch"}' '{"at": 1, "event": "nap"}' '{"at": 1, "event": "plug", "level": 2}' \
-  '{"at": 1, "event": "push", "payload": []}' '{"at": 1, "event": "launch", "level": 1}' 'launch'; do
-  echo "$line" >"$home/bad.jsonl"
-  status=0
-  said=$("$program" replay "$source/apps/demo/demo-trip.gpx" --mode 4 --home "$home/bad" --script "$home/bad.jsonl" 2>&1) || status=$?
-  [ $status = 2 ] && grep -qF 'bad.jsonl:1: ' <<<"$said" || fail "accepted ($status, $said): $line"
-done
 echo "a day went by: $events"

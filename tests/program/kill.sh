@@ -28,5 +28,8 @@ rows() { sqlite3 "$store" "SELECT $1 FROM Locations"; }
 [ "$(rows 'sum(unsent) + sum(sentWithoutACK)')" = 0 ] || { echo "something was not acknowledged"; exit 1; }
 [ "$(sqlite3 "$home/sandbox.sqlite" 'SELECT count(*), count(DISTINCT useruuid) FROM positions')" = "$(rows 'count(*)')|1" ] ||
   { echo "the backend does not hold every position of one user"; exit 1; }
+[ "$(sqlite3 "$home/sandbox.sqlite" "ATTACH '$store' AS s; SELECT count(*) FROM positions JOIN s.Locations ON id = \"index\"
+  WHERE abs(lat - latitude) + abs(lon - longitude) < 1e-6 AND service_action = serviceAction")" = "$(rows 'count(*)')" ] ||
+  { echo "the backend holds other positions"; exit 1; }
 "$program" history --home "$home" | grep -q '"type":"FeatureCollection"' || { echo "no history"; exit 1; }
 echo "killed at $before positions, complete at $(rows 'count(*)')"

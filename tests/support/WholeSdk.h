@@ -48,11 +48,8 @@ class WholeSdk : public testing::Test {
     diary.clear();
     platform::setHomeDirectory(home.path());
     platform::Clock::install(clock);
-    const char* const info =
-        "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict>"
-        "<key>CFBundleIdentifier</key><string>org.example.host</string>"
-        "<key>TarvoApiKey</key><string>key</string><key>TarvoClientID</key><string>demo</string></dict></plist>";
-    ASSERT_FALSE(platform::writeFileAtomically(home.path() / "Info.plist", info, false));
+    ASSERT_TRUE(platform::setInfoDictionary(
+        {{"CFBundleIdentifier", "org.example.host"}, {"TarvoApiKey", "key"}, {"TarvoClientID", "demo"}}));
   }
 
   /// Before the first touch of the SDK.
@@ -62,15 +59,13 @@ class WholeSdk : public testing::Test {
   }
 
   static platform::CLLocation fixAt(double latitude, double seconds) {
-    platform::CLLocation fix;
-    fix.coordinate = {latitude, 11.5};
-    fix.altitude = 500;
-    fix.horizontalAccuracy = 10;
-    fix.verticalAccuracy = 10;
-    fix.course = 0;
-    fix.speed = 3;
-    fix.timestamp = platform::dateSince1970(seconds);
-    return fix;
+    return {.coordinate = {latitude, 11.5},
+            .altitude = 500,
+            .horizontalAccuracy = 10,
+            .verticalAccuracy = 10,
+            .course = 0,
+            .speed = 3,
+            .timestamp = platform::dateSince1970(seconds)};
   }
 
   // Each of these has had all its effects on return.
@@ -95,7 +90,16 @@ class WholeSdk : public testing::Test {
     engine().sendDataInBatchToRemoteWebServer();
     waitUntilIdle();
   }
-  static auto records() { return engine().getLocationhistory({}, {}).locations.toVector(); }
+  static auto records(std::optional<platform::Date> since = {}) {
+    return engine().getLocationhistory(since, {}).locations.toVector();
+  }
+  /// The actions of the records that this method has made, each with a blank.
+  static std::string recorded(std::string_view method, std::optional<platform::Date> since = {}) {
+    std::string actions;
+    for (const auto& record : records(since))
+      if (record.localisationMethod == method) actions += *record.serviceAction + " ";
+    return actions;
+  }
 
   /// One fix a second, each 111 m north of the one before.
   void drive(int fixes) {
