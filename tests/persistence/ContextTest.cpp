@@ -266,36 +266,55 @@ TEST(Fetch, LimitsAfterUnsavedChangesAreMergedIn) {
   });
 }
 
-TEST(Fetch, SortsAndFindsByTheCounterWhetherRowsAreInStepWithTheirKeysOrNot) {
+int sortsDone = 0;
+
+int countSorts(unsigned, void*, void* statement, void*) {
+  sortsDone += sqlite3_stmt_status(static_cast<sqlite3_stmt*>(statement), SQLITE_STMTSTATUS_SORT, 1);
+  return 0;
+}
+
+int watchSorts(sqlite3* database, char**, const void*) {
+  return sqlite3_trace_v2(database, SQLITE_TRACE_PROFILE, countSorts, nullptr);
+}
+
+TEST(Fetch, GoesByTheCounterWithoutSortingWhetherRowsAreInStepWithTheirKeysOrNot) {
   FaultyDisk::install();
+  sqlite3_auto_extension(reinterpret_cast<void (*)()>(watchSorts));
   TestStore store;
   const auto sorted = [&](bool ascending) {
     const NSFetchRequest request{"Locations", {}, {{"index", ascending}}};
     std::string passed;
-    const auto note = [&](const StoredRow& row) {
-      return !(passed += concat(row.integer(0).value_or(-1), " ")).empty();
-    };
+    const auto note = [&](const auto& row) { return !(passed += concat(row.integer(0).value_or(-1), " ")).empty(); };
     EXPECT_FALSE(store.context->rows(request)->forEach({store.at("index")}, note));
     EXPECT_EQ(store.indexes(request), passed);
+    const NSFetchRequest first{"Locations", {}, {{"index", ascending}}, 2};
+    EXPECT_TRUE(passed.starts_with(store.indexes(first))) << passed;
     return passed;
   };
   const NSFetchRequest range{"Locations", {{"index", Op::atMost, "7"}, {"index", Op::atLeast, "2"}}};
   store.run([&] {
-    const auto first = store.add(0), second = store.add(1);
+    store.add(0);
+    const auto second = store.add(1);
     store.save();
+    sortsDone = 0;  // those of the creation of indexes
     FaultyDisk::failAfterCalls(0);
     store.add(2);
     EXPECT_TRUE(store.context->save());
     FaultyDisk::heal();
     store.add(3);
     store.save();
-    EXPECT_TRUE(store.coordinator->store()->areInStep(first->entity())) << "keys of a failed save are given again";
+    EXPECT_EQ(runSql(store.file, "SELECT max(_key) FROM Locations"), "4") << "keys of a failed save are given again";
     EXPECT_EQ(sorted(true) + sorted(false) + store.indexes(range), "0 1 2 3 3 2 1 0 2 3 ");
     second->setInteger(store.at("index"), 7);
     store.context->insertNewObject("Locations");  // one that could not be filled in
+    for (const int index : {5, 3, 7, 12, 9, 8}) store.add(index);
     store.save();
-    EXPECT_FALSE(store.coordinator->store()->areInStep(first->entity()));
-    EXPECT_EQ(sorted(true) + sorted(false) + store.indexes(range), "-1 0 2 3 7 7 3 2 0 -1 7 2 3 ");
+    EXPECT_EQ(sorted(true) + sorted(false), "-1 0 2 3 3 5 7 7 8 9 12 12 9 8 7 7 5 3 3 2 0 -1 ");
+    EXPECT_EQ(store.indexes(range), "7 2 3 5 3 7 ");
+    std::string keys;
+    for (const auto& row : store.fetch({"Locations", {}, {{"index", true}}})) keys += concat(row->objectID().key, " ");
+    EXPECT_EQ(keys, "5 1 3 4 7 6 2 8 11 10 9 ");
+    EXPECT_EQ(sortsDone, 0);
   });
 }
 
@@ -323,7 +342,7 @@ TEST(Fetch, AnswersThePipelinesQueriesFromAnIndex) {
     auto plan = FetchPlan::compile(*entity, request);
     Execution explanation(store.coordinator->store()->database(),
                           "EXPLAIN QUERY PLAN SELECT \"_key\" FROM \"Locations\"" + plan->whereClause() +
-                              plan->orderClause(/*areInStep=*/!plan->hasConditions()));
+                              plan->orderClause(/*byKey=*/plan->sortsByCounter() && !plan->hasConditions()));
     std::string text;
     while (explanation.step()) text += std::string(explanation.text(3)) + "\n";
     EXPECT_NE(text.find(way), std::string::npos) << text;

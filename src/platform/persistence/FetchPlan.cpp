@@ -3,6 +3,7 @@
 #include <charconv>
 #include <cmath>
 #include <optional>
+#include <utility>
 
 #include "platform/foundation/Text.h"
 
@@ -194,7 +195,7 @@ bool FetchPlan::precedes(const NSManagedObject& a, const NSManagedObject& b) con
   const bool aIsNew = a.standing_ == NSManagedObject::Standing::inserted;
   const bool bIsNew = b.standing_ == NSManagedObject::Standing::inserted;
   const int order = aIsNew == bIsNew ? threeWay(a.key_, b.key_) : threeWay(aIsNew, bIsNew);
-  return sorts_.empty() || sorts_.back().ascending ? order < 0 : order > 0;
+  return isAscending() ? order < 0 : order > 0;
 }
 
 const std::string& FetchPlan::column(int attribute) const {
@@ -229,9 +230,9 @@ std::string FetchPlan::whereClause(std::string_view sign) const {
   return all.empty() ? all : all.replace(0, 4, " WHERE");
 }
 
-std::string FetchPlan::orderClause(bool areInStep) const {
+std::string FetchPlan::orderClause(bool byKey) const {
   if (!rowsAreSorted()) return {};
-  if (areInStep && sortsByCounter()) return concat(" ORDER BY \"_key\"", sorts_.front().ascending ? " ASC" : " DESC");
+  if (byKey) return concat(" ORDER BY \"_key\"", isAscending() ? " ASC" : " DESC");
   std::string sql = " ORDER BY ";
   std::string_view direction = " ASC";
   for (const Sort& sort : sorts_) {
@@ -254,6 +255,83 @@ int FetchPlan::bind(Execution& execution) const {
     ++parameter;
   }
   return parameter;
+}
+
+namespace {
+
+bool areMerged(const FetchPlan& plan, PlannedRows::Way way) {
+  return way == PlannedRows::Way::inOrder && plan.sortsByCounter();
+}
+
+/// `isOther`: of the rows that are not in step, which their index gives in order; `withCounter`: what merges reads it.
+std::string textOf(const FetchPlan& plan, PlannedRows::Way way, const PlannedRows::Reading& reading, bool isOther,
+                   bool withCounter) {
+  const bool isMerged = areMerged(plan, way);
+  std::string sql = "SELECT ";
+  for (const int attribute : reading.attributes) sql += concat("\"", plan.column(attribute), "\", ");
+  sql += "\"_key\"";
+  if (withCounter) sql += concat(", \"", plan.column(plan.entity().counter), "\"");
+  const std::string where = plan.whereClause(way == PlannedRows::Way::inOrder ? "+" : "");
+  sql += concat(" FROM \"", plan.entity().name, "\"", where);
+  std::string_view separator = where.empty() ? " WHERE " : " AND ";
+  if (isOther) sql += concat(std::exchange(separator, " AND "), plan.entity().outOfStep());
+  if (reading.lastKey) sql += concat(separator, isOther ? "+" : "", "\"_key\" <= ?");
+  sql += plan.orderClause(isMerged && !isOther);
+  return reading.limit > 0 && !isMerged ? sql + " LIMIT ?" : sql;
+}
+
+void bindAll(const FetchPlan& plan, const PlannedRows::Reading& reading, bool isMerged, Execution& rows) {
+  int next = plan.bind(rows);  // a bare "?" takes the next number
+  if (reading.lastKey) rows.bind(next++, *reading.lastKey);
+  if (reading.limit > 0 && !isMerged) rows.bind(next, static_cast<std::int64_t>(reading.limit));
+}
+
+}  // namespace
+
+PlannedRows::PlannedRows(Database& database, const FetchPlan& plan, Way way, const Reading& reading)
+    : key_(static_cast<int>(reading.attributes.size())), limit_(reading.limit), isAscending_(plan.isAscending()) {
+  const bool isMerged = areMerged(plan, way);
+  if (isMerged) {
+    others_.emplace(database, textOf(plan, way, reading, /*isOther=*/true, /*withCounter=*/true));
+    bindAll(plan, reading, isMerged, *others_);
+    hasOther_ = others_->step();
+    if (others_->failed()) return;  // its error must stay the latest
+    if (!hasOther_) others_.reset();
+  }
+  rows_.emplace(database, textOf(plan, way, reading, /*isOther=*/false, /*withCounter=*/others_.has_value()));
+  bindAll(plan, reading, isMerged, *rows_);
+  row_ = &*rows_;
+}
+
+bool PlannedRows::step() {
+  if (failed() || (limit_ > 0 && given_++ == limit_)) return false;
+  if (!others_) return rows_->step();
+  if (row_ == &*rows_)
+    hasRow_ = rows_->step();
+  else
+    hasOther_ = others_->step();
+  for (; hasRow_ && !(hasOther_ && isOtherFirst()); hasRow_ = rows_->step())
+    if (isInStep()) {
+      row_ = &*rows_;
+      return true;
+    }
+  row_ = &*others_;
+  return hasOther_ && !failed();
+}
+
+bool PlannedRows::isInStep() const {
+  const Cell counter = rows_->cell(key_ + 1);
+  return !counter.isNull() && counter.integer() == rows_->integer(key_) - 1;
+}
+
+/// Whether the row that is not in step comes before all those by key that are still to be looked at.
+bool PlannedRows::isOtherFirst() const {
+  const Cell counter = others_->cell(key_ + 1);
+  if (counter.isNull()) return isAscending_;
+  const std::int64_t other = counter.integer();
+  const std::int64_t key = rows_->integer(key_);
+  const bool isBelow = other != key - 1 ? other < key - 1 : others_->integer(key_) < key;
+  return isBelow == isAscending_;
 }
 
 }  // namespace tarvo::platform

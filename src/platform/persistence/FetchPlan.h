@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <variant>
@@ -40,9 +41,11 @@ class FetchPlan {
   /// or 0: SQLite uses a partial index only where it can see the constant. `sign` is written before each column; with
   /// "+" SQLite uses no index of these columns.
   std::string whereClause(std::string_view sign = "") const;
-  /// " ORDER BY …" or nothing. Where all rows are in step, a counter may be sorted by their keys.
-  std::string orderClause(bool areInStep = false) const;
+  /// " ORDER BY …" or nothing. Rows that are in step may be sorted by their keys instead of their counter.
+  std::string orderClause(bool byKey = false) const;
   bool sortsByCounter() const { return sorts_.size() == 1 && sorts_.front().attribute == entity_->counter; }
+  /// The direction of the last sort descriptor, upwards without any.
+  bool isAscending() const { return sorts_.empty() || sorts_.back().ascending; }
   const NSEntityDescription& entity() const { return *entity_; }
   const std::string& column(int attribute) const;
   /// Binds the parameters of `whereClause`; answers the first one left over. The plan must outlive the execution.
@@ -79,6 +82,49 @@ class FetchPlan {
   std::vector<Sort> sorts_;
   bool limited_ = false;
   bool never_ = false;
+};
+
+/// The rows of a plan as the file has them, one after the other in the plan's order.
+///
+/// Rows in the order of their counter are not sorted, however many they are: those in step come by key, the others from
+/// the index that holds them, and the two are merged.
+/// Threads: as the database. The plan must outlive it.
+class PlannedRows {
+ public:
+  /// How rows are found: by an index of the conditions and then sorted, or all in order, leaving out what does not
+  /// match.
+  enum class Way { byIndex, inOrder };
+  /// What to read: these attributes, of rows up to that key, at most so many (0: all).
+  struct Reading {
+    std::vector<int> attributes;
+    std::optional<std::int64_t> lastKey;
+    std::size_t limit = 0;
+  };
+
+  PlannedRows(Database& database, const FetchPlan& plan, Way way, const Reading& reading);
+
+  /// True for each row; false at the end, after which it must not be called again, and on failure.
+  bool step();
+  /// The attributes in the order of the reading, then the key.
+  const Execution& row() const { return *row_; }
+  bool failed() const { return (others_ && others_->failed()) || rows_->failed(); }
+  /// As that of Execution.
+  Error error(StoreErrorCode code, std::string_view what) const {
+    return (others_ ? *others_ : *rows_).error(code, what);
+  }
+
+ private:
+  bool isInStep() const;
+  bool isOtherFirst() const;
+
+  const int key_;  ///< column of the key; behind it that of the counter where two passes are merged
+  const std::size_t limit_;
+  const bool isAscending_;
+  std::optional<Execution> rows_;    ///< the whole plan, or by key what is in step and what else is met there
+  std::optional<Execution> others_;  ///< those not in step; absent when there are none
+  const Execution* row_ = nullptr;   ///< the one of both that has given the latest row
+  bool hasRow_ = false, hasOther_ = false;
+  std::size_t given_ = 0;
 };
 
 }  // namespace tarvo::platform

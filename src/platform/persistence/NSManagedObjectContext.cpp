@@ -84,18 +84,13 @@ Result<Objects> fetchRows(Store& store, EntityObjects& objects, const FetchPlan&
   keys.reserve(limit);
   found.reserve(limit);
   {
-    // With conditions an index gives the order, or few rows are sorted.
-    const bool areInStep = !plan.hasConditions() && plan.sortsByCounter() && store.areInStep(objects.entity());
-    std::string sql =
-        concat("SELECT \"_key\" FROM \"", objects.entity().name, "\"", plan.whereClause(), plan.orderClause(areInStep));
-    if (limit > 0) sql += " LIMIT ?";
-    Execution rows(store.database(), sql);
-    const int next = plan.bind(rows);
-    // Each object with unsaved changes or deletes drops at most one row of the answer.
-    if (limit > 0)
-      rows.bind(next, static_cast<std::int64_t>(limit + objects.changed().size() + objects.deleted().size()));
+    // With conditions an index gives the order, or few rows are sorted. Each object with unsaved changes or deletes
+    // drops at most one row of the answer.
+    const std::size_t most = limit > 0 ? limit + objects.changed().size() + objects.deleted().size() : 0;
+    const auto way = plan.hasConditions() ? PlannedRows::Way::byIndex : PlannedRows::Way::inOrder;
+    PlannedRows rows(store.database(), plan, way, {.limit = most});
     while ((limit == 0 || found.size() < limit) && rows.step()) {
-      const std::int64_t key = rows.integer(0);
+      const std::int64_t key = rows.row().integer(0);
       auto object = objects.registered(key);
       if (object && EntityObjects::isPending(*object)) continue;
       keys.push_back(key);
@@ -266,7 +261,7 @@ Result<StoredRows> NSManagedObjectContext::rows(const NSFetchRequest& request) {
   if (!matching) return matching.error();
   rows.count_ = static_cast<std::size_t>(*matching);
   // Finding many rows by an index and sorting them costs more than going through all in order, above all memory.
-  if (*matching > *all / 4) rows.way_ = StoredRows::Way::inOrder;
+  if (*matching > *all / 4) rows.way_ = PlannedRows::Way::inOrder;
   return rows;
 }
 

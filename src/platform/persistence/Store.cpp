@@ -246,12 +246,6 @@ bool NSPersistentStoreCoordinator::Store::needsTransaction(const NSEntityDescrip
   return portion.inserted > 0 && known && known->keys && isEntryDue(*known->keys, 1);
 }
 
-bool NSPersistentStoreCoordinator::Store::areInStep(const NSEntityDescription& entity) {
-  Execution others(*database_,
-                   concat("SELECT EXISTS (SELECT 1 FROM \"", entity.name, "\" WHERE ", entity.outOfStep(), ")"));
-  return others.step() && others.integer(0) == 0;
-}
-
 std::optional<Error> NSPersistentStoreCoordinator::Store::write(const EntityObjects& objects,
                                                                 const EntityObjects::Portion& portion,
                                                                 Receipt& receipt) {

@@ -59,8 +59,6 @@ struct NSPersistentStoreCoordinator::Store {
 
   /// Whether `write` runs more than one statement, so that a transaction has to stand around it.
   bool needsTransaction(const NSEntityDescription& entity, const EntityObjects::Portion& portion);
-  /// Whether all rows of an entity with a counter are in step; one look into an index.
-  bool areInStep(const NSEntityDescription& entity);
 
   /// Writes a portion of what is pending of one entity.
   std::optional<Error> write(const EntityObjects& objects, const EntityObjects::Portion& portion, Receipt& receipt);

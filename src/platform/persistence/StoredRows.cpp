@@ -1,6 +1,5 @@
 #include "platform/persistence/StoredRows.h"
 
-#include "platform/foundation/Text.h"
 #include "platform/persistence/NSManagedObjectContext.h"
 #include "platform/persistence/Store.h"
 
@@ -40,26 +39,15 @@ std::optional<Error> StoredRows::forEach(const std::vector<int>& attributes,
                                          const std::function<bool(const StoredRow&)>& visit, std::size_t limit) const {
   std::optional<Error> failure;
   if (count_ == 0) return failure;
-  std::string sql = "SELECT ";
-  for (const int attribute : attributes)
-    sql += concat(attribute == attributes.front() ? "\"" : ", \"", plan_.column(attribute), "\"");
-  const std::string where = plan_.whereClause(way_ == Way::inOrder ? "+" : "");
-  sql += concat(" FROM \"", plan_.entity().name, "\"", where, where.empty() ? " WHERE " : " AND ", "\"_key\" <= ?");
   context_->performAndWait([&] {
     auto* store = context_->coordinator().store();
     if (!store) {
       failure = context_->coordinator().whyNoStore("fetch");
       return;
     }
-    const bool areInStep = way_ != Way::byIndex && plan_.sortsByCounter() && store->areInStep(plan_.entity());
-    sql += plan_.orderClause(areInStep) + (limit > 0 ? " LIMIT ?" : "");
-    Execution rows(store->database(), sql);
-    const int next = plan_.bind(rows);  // a bare "?" takes the next number
-    rows.bind(next, lastKey_);
-    if (limit > 0) rows.bind(next + 1, static_cast<std::int64_t>(limit));
-    const StoredRow row(rows);
+    PlannedRows rows(store->database(), plan_, way_, {attributes, lastKey_, limit});
     while (rows.step())
-      if (!visit(row)) return;
+      if (!visit(StoredRow(rows.row()))) return;
     if (rows.failed()) failure = rows.error(StoreErrorCode::operation, "The records could not be read");
   });
   return failure;

@@ -53,9 +53,7 @@ class StoredRows {
 
   NSManagedObjectContext* context_;
   FetchPlan plan_;
-  /// How the rows are found: by an index of the conditions and then sorted, or all in order, leaving out what does not
-  /// match.
-  enum class Way { byIndex, inOrder } way_ = Way::byIndex;
+  PlannedRows::Way way_ = PlannedRows::Way::byIndex;
   std::int64_t lastKey_ = 0;  ///< of the rows that existed then
   std::size_t count_ = 0;
 };
