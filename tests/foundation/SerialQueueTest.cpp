@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <functional>
 #include <future>
 #include <thread>
 #include <vector>
@@ -98,6 +99,19 @@ TEST(MainThread, IsTheFirstOfItsProcessAlsoAfterAForkOfAnother) {
     EXPECT_FALSE(isMainThread());
     EXPECT_EQ(test::inFreshProcess([] { return isMainThread() ? 0 : 1; }), 0);
   }).join();
+}
+
+TEST(WorkInFlight, WaitsForWorkThatHopsBetweenQueuesAndTheMainQueue) {
+  SerialQueue a("test.a"), b("test.b");
+  std::atomic<int> hops{0};
+  std::function<void()> hop = [&] {
+    const int hopped = ++hops;
+    if (hopped < 300) (hopped % 2 == 0 ? a : b).async(hop);
+    if (hopped == 300) MainQueue::main().async([&] { ++hops; });
+  };
+  a.async(hop);
+  ASSERT_TRUE(WorkInFlight::waitUntilIdle(Seconds(30)));
+  EXPECT_EQ(hops.load(), 301);
 }
 
 TEST(Timer, FiresByItsOwnSpanUnlessItWasCancelled) {

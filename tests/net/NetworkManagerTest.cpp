@@ -62,8 +62,8 @@ TEST_F(Requests, AreLeftOutBeforeTheRegistrationOrStopTheProcess) {
   EXPECT_DEATH(client().getPOI(), "without user UUID or secret");
   settings.userUUID.set(std::nullopt);
   settings.deviceToken.set("t0k");
-  for (const char* name : {"s", "u"}) NetworkManager::setSUBSCRIPTION_LIST(name, "n");
-  NetworkManager::addUNSUBSCRIPTION_LIST("u");
+  NetworkManager::setSUBSCRIPTION_LIST({{"s", "n"}, {"u", "n"}});
+  NetworkManager::setUNSUBSCRIPTION_LIST({"u"});
   LogDiary& log = LogDiary::installed();
   for (const bool withUUID : {false, true}) {
     if (withUUID) settings.userUUID.set("user-1");
