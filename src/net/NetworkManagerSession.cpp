@@ -21,9 +21,6 @@ namespace {
 using platform::BackgroundSession;
 using platform::MutexLock;
 
-/// From here on sessions know the extended idle mode.
-constexpr int kLevelWithExtendedIdle = 9;
-
 /// The delegate of every background session. What it hears goes to the engine's client, whichever client has opened the
 /// session: the delegate of that one knows what the replies mean. Lives as long as the process.
 class SessionEvents final : public platform::BackgroundSessionDelegate {
@@ -94,8 +91,7 @@ std::shared_ptr<BackgroundSession> openBackgroundSession(const std::string& iden
   platform::BackgroundSessionConfiguration configuration;
   configuration.identifier = identifier;
   configuration.discretionary = false;
-  configuration.shouldUseExtendedBackgroundIdleMode =
-      platform::UIDevice::current().platformLevel() >= kLevelWithExtendedIdle;
+  configuration.shouldUseExtendedBackgroundIdleMode = platform::UIDevice::current().hasFeaturesOfLevel9();
   return BackgroundSession::open(configuration, SessionEvents::shared());
 }
 
