@@ -16,7 +16,7 @@ inline constexpr const char* kClientID = "TarvoClientID";
 
 /// Integer: 10 switches the log file off, any other number but 0 on; 0 leaves it as it was. The backend may set it too.
 inline constexpr const char* kLogLevel = "tarvologlevel";
-/// Integer, to be read alone: the mode of the last activation. A fresh process does not take it up.
+/// Integer, read-only: the mode of the last activation. A fresh process does not take it up.
 inline constexpr const char* kActivateMode = "ACTIVATE_STATUS_YES";
 
 }  // namespace tarvo::keys

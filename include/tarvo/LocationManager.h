@@ -54,7 +54,8 @@ class TARVO_API LocationManager {
   static const std::string& callFromServerNotificationKey();
   /// Identifier of the background session that uploads log files, see `handleEventsForBackgroundURLSession`.
   static const std::string& backgroundSessionID();
-  /// The backend's base address, such as "https://backend.example/api", without a slash at its end.
+  /// The backend's base address, such as "https://backend.example/api", without a slash at its end (one would
+  /// stand twice in each request).
   static std::string remoteWebServerURL();
   /// Before the first `Tarvo`, engine or client: each client copies the address, and from the first copy on another one
   /// is refused. Refused too (false, with a line in the system log, and nothing changes) is what is no absolute https

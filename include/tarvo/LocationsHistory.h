@@ -33,7 +33,8 @@ class TARVO_API LocationsHistory {
   std::optional<std::vector<platform::CLLocationCoordinate2D>> getBoundingBox() const;
   /// JSON text of a GeoJSON FeatureCollection of the positions; a new feature begins where collection was switched off
   /// or on. Absent when no position has coordinates, and when the positions cannot be read.
-  /// `geometry`: Tarvo::GEOJSON_LINESTRING or Tarvo::GEOJSON_MULTIPOINT.
+  /// `geometry`: Tarvo::GEOJSON_LINESTRING or Tarvo::GEOJSON_MULTIPOINT; another text is written as it is. A stretch of
+  /// one position is a LineString of one point, which strict readers refuse.
   std::optional<std::string> toGeoJSON(std::string_view geometry) const;
   /// The routes of the past trips that have one, as they are.
   std::vector<std::string> toGeoJSON() const;

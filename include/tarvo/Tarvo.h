@@ -72,8 +72,9 @@ class TARVO_API Tarvo {
   static std::int64_t ACTIVATE_STATUS();
   /// Sets the mode alone: what may be read and whether uploads run. For programs that only read; others `activate`.
   static void setACTIVATE_STATUS(std::int64_t mode);
-  /// The host's API key and client identifier at the backend: activating a mode 8 or 12 reads them from the property
-  /// list ("TarvoApiKey", "TarvoClientID").
+  /// The host's API key and client identifier at the backend. Activating a mode 8 or 12 takes them from what describes
+  /// the host (`platform::setInfoDictionary` or the property list); what that lacks stays as it is set here, with
+  /// "Failed to load" in the log.
   static std::string tarvoapiKey();
   static void setTarvoapiKey(std::string key);
   static std::string clientID();
@@ -146,8 +147,9 @@ class TARVO_API Tarvo {
 
   /// Gives the backend the token for push messages, at once when this device is registered, else with the registration.
   void didRegisterForRemoteNotificationsWithDeviceToken(const std::string& token);
-  /// True when the message was for this SDK, also when the mode left nothing to do. In a backend mode, before any
-  /// position is known, it stops the process.
+  /// True when the message was for this SDK ("messageFrom" is the text "tarvo"), also when the mode left nothing to do.
+  /// In a mode from 8, before this process has had a fix, it stops the process: call it only after a first
+  /// `LocationService::deliver`.
   bool didReceiveRemoteNotification(const platform::Dictionary& userInfo);
   /// Gives the secret of the host's API key. This is the one that a host calls, before or after `activate`;
   /// `NetworkManager::setApiKeySecret` only keeps the secret. In modes from 8 the key and client id are read from the
@@ -179,7 +181,8 @@ class TARVO_API Tarvo {
   /// For hosts without an event loop and at the end of a program: waits until all queued work and all transfers are
   /// done, or the (real) time is up, then writes what could not be saved before, if there is room again, and moves what
   /// the store's log holds into its file. Runs the main queue's blocks when called on the main thread (elsewhere
-  /// somebody must pump it); never call it from a callback. Answers whether all was done.
+  /// somebody must pump it). In a callback on a thread of the SDK it stops the process. Answers whether all was done,
+  /// which does not mean that all was uploaded: see `syncStatus`.
   static bool waitUntilIdle(double seconds);
 
  private:

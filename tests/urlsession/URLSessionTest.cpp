@@ -332,9 +332,9 @@ rlim_t limitDescriptors(rlim_t most) {
   return before;
 }
 
-/// The process has five seconds to end, or a signal ends it.
+/// A signal ends a process that takes longer than the library's four seconds and those of a sanitizer.
 void exitInTime(bool good) {
-  ::alarm(5);
+  ::alarm(7);
   std::exit(good ? 0 : 1);
 }
 

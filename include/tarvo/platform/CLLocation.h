@@ -23,7 +23,7 @@ struct TARVO_API CLLocation {
   double verticalAccuracy = -1;   ///< metres; negative: the altitude is invalid
   double course = -1;             ///< degrees clockwise from true north, 0 to 360; negative: unknown
   double speed = -1;              ///< metres per second; negative: unknown
-  Date timestamp;                 ///< when the receiver made the fix
+  Date timestamp;                 ///< when the receiver made the fix; left out it is 1970
   std::optional<int> floor;       ///< of a building, 0 at the ground; absent outside and where nobody knows
 
   /// The way to `other` in metres, along the shortest line on the WGS 84 ellipsoid (Karney 2013).

@@ -40,7 +40,7 @@ class TARVO_API HostApplication {
   virtual bool presentAlert(const Alert& alert);
   /// Opens a URL, for instance the settings page.
   virtual void openURL(const std::string& url);
-  /// Asks for push messages; a token comes back through the facade.
+  /// Asks for push messages; the host hands on the token that it gets.
   virtual void registerForRemoteNotifications();
   /// The least number of seconds between two background fetches.
   virtual void setMinimumBackgroundFetchInterval(double seconds);
@@ -75,6 +75,7 @@ class TARVO_API UIApplication {
 };
 
 inline constexpr const char* UIApplicationOpenSettingsURLString = "app-settings:";
+// Names of the messages inside this layer; a host cannot observe them.
 inline constexpr const char* UIApplicationDidEnterBackgroundNotification =
     "UIApplicationDidEnterBackgroundNotification";
 inline constexpr const char* UIApplicationDidBecomeActiveNotification = "UIApplicationDidBecomeActiveNotification";
@@ -105,10 +106,11 @@ class TARVO_API UIDevice {
   std::string name() const;
   std::string systemName() const;
   std::string systemVersion() const;
-  /// The platform level that gates features: 10 unless a host or test sets another; not the kernel's number.
+  /// The level of the phone platform whose features the SDK counts on, 10 at first. For tests of the SDK.
   int platformLevel() const;
   void setPlatformLevel(int level);
-  /// Whether the level is 9 or higher: background fixes must be allowed, and a single fix can be asked for.
+  /// Whether the level is 9 or higher, from which on background fixes must be allowed and a single fix can be asked
+  /// for.
   bool hasFeaturesOfLevel9() const;
 
   /// Upper-case random UUID, made once and kept in `Library/identifierForVendor` of the home directory; absent when

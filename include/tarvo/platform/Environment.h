@@ -11,9 +11,9 @@ namespace tarvo::platform {
 // Where this process keeps its files, and what describes it. Set it before the first `Tarvo`. Where a call can be
 // refused as too late, it answers true nevertheless when it sets what was set before. Threads: any.
 
-/// Sets the home directory: `Documents/` (store and logs), `Library/` (defaults, transfers), `Info.plist`. False, and
-/// nothing changes, when another home has already been asked for, by the library or by `homeDirectory`: its files would
-/// lie in two places.
+/// Sets the home directory (a relative path counts from the present working directory): `Documents/` (store and logs),
+/// `Library/` (defaults, transfers), `Info.plist`. False, and nothing changes, when another home has already been asked
+/// for, by the library or by `homeDirectory`: its files would lie in two places.
 TARVO_API bool setHomeDirectory(const std::filesystem::path& home);
 /// The home that was set, else `$XDG_DATA_HOME/<program name>` (or `~/.local/share/<program name>`).
 TARVO_API std::filesystem::path homeDirectory();

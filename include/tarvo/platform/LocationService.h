@@ -66,7 +66,7 @@ class TARVO_API LocationService {
   void fail(std::int64_t code);
 
   CLAuthorizationStatus authorizationStatus() const;
-  /// Tells what the host's user has decided, by himself or when the prompt asked him.
+  /// Tells what the host's user has decided, unasked or when the prompt asked.
   void setAuthorizationStatus(CLAuthorizationStatus status);
 
   /// Sets what asks the user for a permission. It is called on the main queue, never inside a call to the library, and

@@ -1,11 +1,14 @@
 #pragma once
 
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -27,9 +30,16 @@ class TARVO_API Value {
   Value() = default;
   Value(std::nullptr_t) {}
   Value(bool value) : data_(value) {}
-  Value(int value) : data_(std::int64_t{value}) {}
-  Value(std::int64_t value) : data_(value) {}
+  /// Any integer; one beyond 64 bits with a sign becomes a double.
+  template <std::integral T>
+  Value(T value) {
+    if (std::is_signed_v<T> || static_cast<std::uint64_t>(value) <= std::numeric_limits<std::int64_t>::max())
+      data_ = static_cast<std::int64_t>(value);
+    else
+      data_ = static_cast<double>(value);
+  }
   Value(double value) : data_(value) {}
+  Value(const void*) = delete;  // else any pointer would be true
   Value(const char* value) : data_(std::string(value)) {}
   Value(std::string value) : data_(std::move(value)) {}
   Value(std::string_view value) : data_(std::string(value)) {}
@@ -53,8 +63,8 @@ class TARVO_API Value {
   Dictionary* asDictionary() { return std::get_if<Dictionary>(&data_); }
 
   /// The value of a JSON text, bare values at the top included. Of equal keys the last wins; a whole number beyond 64
-  /// bits becomes a double. Absent for what is no JSON in UTF-8, and for texts over 64 MiB, over 2 Mi values or nested
-  /// deeper than 512.
+  /// bits becomes a double. Absent for what is no JSON in UTF-8, and for texts over 64 MiB, over 2,097,152 values or
+  /// nested deeper than 512.
   static std::optional<Value> fromJson(std::string_view json);
   /// Compact JSON: keys ascending, doubles in the fewest digits, without ".0". Absent where a text is not UTF-8 or a
   /// number not finite, and for what `fromJson` would refuse as too deep or too large.
