@@ -30,8 +30,8 @@ class NetworkManagerDelegate {
   virtual void networkManagerReceivedSessionError(NetworkManager& manager) = 0;
 };
 
-/// The SDK's client of the backend: sends the authenticated requests and reads the answers. The engine and the facade
-/// have one each. Hosts use the facade (`Tarvo`), which calls the operations here in the modes that need them.
+/// The SDK's client of the backend: sends the authenticated requests and reads the answers. `Tarvo` and the engine
+/// have one each. Hosts use `Tarvo`, which calls the operations here in the modes that need them.
 ///
 /// The static fields are shared by all clients of the process. Threads: any; every call returns once its request has
 /// been started, and answers are handled one at a time on the shared session's queue. Errors: never throws; failures
