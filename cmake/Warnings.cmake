@@ -8,6 +8,9 @@ target_compile_options(tarvo_options INTERFACE
   # std::variant that is moved for uninitialised ones. Clang and the sanitizers look for real ones.
   $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict> $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>
   $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
+if(TARVO_FAULT_POINTS)
+  target_compile_definitions(tarvo_options INTERFACE TARVO_FAULT_POINTS)
+endif()
 if(TARVO_SANITIZE)
   target_compile_options(tarvo_options INTERFACE -fsanitize=${TARVO_SANITIZE} -fno-omit-frame-pointer
     # g++ has no model of fences under ThreadSanitizer.

@@ -10,9 +10,12 @@
 #include <vector>
 
 #include <tarvo/ActivationMode.h>
+#include <tarvo/DeliveryOptions.h>
 #include <tarvo/Export.h>
+#include <tarvo/Health.h>
 #include <tarvo/LocationManager.h>
 #include <tarvo/LocationsHistory.h>
+#include <tarvo/StorageLimits.h>
 #include <tarvo/Trip.h>
 #include <tarvo/platform/CLLocation.h>
 #include <tarvo/platform/Date.h>
@@ -100,6 +103,12 @@ class TARVO_API Tarvo {
   static Trip LastPrediction();
   static void setLastPrediction(Trip prediction);
 
+  /// How positions are delivered, and how much is kept. May be set at any time; what is under way ends as it began.
+  static DeliveryOptions deliveryOptions();
+  static void setDeliveryOptions(DeliveryOptions options);
+  static StorageLimits storageLimits();
+  static void setStorageLimits(StorageLimits limits);
+
   Tarvo();
   Tarvo(const Tarvo&) = default;
   Tarvo& operator=(const Tarvo&) = default;
@@ -135,6 +144,8 @@ class TARVO_API Tarvo {
   std::optional<Trip> getNextTrip();
   /// How far the upload has come: counts in the store, in any mode.
   SyncStatus syncStatus() const;
+  /// Where the positions are, what holds them up, and why some are missing; in any mode. Waits for the object store.
+  Health health() const;
   /// The zones of the stored places, GeoJSON texts in UTF-8, highest identifier first; in any mode.
   std::vector<std::string> getPointOfInterests();
 

@@ -46,7 +46,7 @@ class ReplyReceiver final : public NetworkManagerDelegate {
 EngineParts::EngineParts(LocationManager& owner)
     : engine(owner),
       registration(store, networkManager),
-      pipeline(store, networkManager, registration),
+      pipeline(store, networkManager, registration, ledger),
       history(store),
       downloads(store),
       collection(state, locationManager, store, networkManager),

@@ -12,6 +12,7 @@
 #include "engine/Intake.h"
 #include "platform/location/CLLocationManager.h"
 #include "settings/EngineLink.h"
+#include "store/Ledger.h"
 #include "store/ObjectStore.h"
 #include "sync/DeviceRegistration.h"
 #include "sync/DownloadIngest.h"
@@ -44,6 +45,7 @@ class EngineParts final : public platform::CLLocationManagerDelegate, public Eng
   NetworkManager networkManager;
   EngineState state;
   ObjectStore store;
+  Ledger ledger;
   DeviceRegistration registration;
   UploadPipeline pipeline;
   HistoryReads history;

@@ -9,6 +9,8 @@
 #include <vector>
 
 #include <tarvo/ActivationMode.h>
+#include <tarvo/DeliveryOptions.h>
+#include <tarvo/StorageLimits.h>
 #include <tarvo/platform/Date.h>
 
 #include "platform/foundation/Guarded.h"
@@ -96,6 +98,10 @@ class Settings {
   std::string copyRemoteWebServerURL();
 
   UploadChannel uploadChannel;
+
+  /// As the host has set them, or its property list.
+  platform::Guarded<DeliveryOptions> deliveryOptions;
+  platform::Guarded<StorageLimits> storageLimits;
 
   // What the host asked for and the backend has not confirmed yet.
   platform::Guarded<std::map<std::string, std::string>> subscriptions;

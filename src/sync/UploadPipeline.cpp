@@ -157,6 +157,7 @@ void UploadPipeline::resendAllSentWithoutACKData(const std::vector<LocationRecor
 }
 
 void UploadPipeline::post(std::string json, std::int64_t first, std::int64_t last, std::size_t positions) {
+  ledger_.didTry(platform::Clock::current()->now());
   batchesPosted_.fetch_add(1);
   positionsPosted_.fetch_add(positions);
   client_.sendDataInBatchToRemoteWebServer(std::move(json), concat(first), concat(last));

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "store/Ledger.h"
 #include "store/Locations.h"
 #include "store/ObjectStore.h"
 
@@ -25,8 +26,8 @@ class NetworkManager;
 /// operation says, and the next event tries again.
 class UploadPipeline {
  public:
-  UploadPipeline(ObjectStore& store, NetworkManager& client, DeviceRegistration& registration)
-      : store_(store), client_(client), registration_(registration) {}
+  UploadPipeline(ObjectStore& store, NetworkManager& client, DeviceRegistration& registration, Ledger& ledger)
+      : store_(store), client_(client), registration_(registration), ledger_(ledger) {}
 
   /// One upload pass: takes the channel if it is free or stale (180 s) and posts what comes first.
   void startPass();
@@ -63,6 +64,7 @@ class UploadPipeline {
   ObjectStore& store_;
   NetworkManager& client_;
   DeviceRegistration& registration_;
+  Ledger& ledger_;
   /// The batch that was posted last, held so that its marks and its acknowledgement need not read its positions from
   /// the file again. Touched only inside blocks of the context.
   Locations::List posted_;

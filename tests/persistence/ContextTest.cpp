@@ -3,7 +3,7 @@
 #include <thread>
 #include <tuple>
 
-#include "persistence/FaultyDisk.h"
+#include "support/FaultyDisk.h"
 #include "persistence/TestStore.h"
 #include "platform/foundation/Text.h"
 #include "platform/persistence/FetchPlan.h"

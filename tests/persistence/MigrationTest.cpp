@@ -2,7 +2,7 @@
 
 #include <list>
 
-#include "persistence/FaultyDisk.h"
+#include "support/FaultyDisk.h"
 #include "persistence/TestStore.h"
 #include "platform/foundation/Text.h"
 #include "support/FreshProcess.h"

@@ -1,6 +1,6 @@
 #include <sqlite3.h>
 
-#include "persistence/FaultyDisk.h"
+#include "support/FaultyDisk.h"
 #include "persistence/TestStore.h"
 #include "platform/foundation/Text.h"
 

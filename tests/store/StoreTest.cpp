@@ -8,7 +8,7 @@
 #include <tarvo/platform/Device.h>
 #include <tarvo/platform/SystemLog.h>
 
-#include "persistence/FaultyDisk.h"
+#include "support/FaultyDisk.h"
 #include "persistence/TestStore.h"
 #include "platform/foundation/Json.h"
 #include "platform/foundation/Text.h"

@@ -3,6 +3,8 @@
 #include <condition_variable>
 #include <mutex>
 
+#include "platform/foundation/FaultPoint.h"
+
 // Clang checks these statically (-Wthread-safety); other compilers see nothing.
 #if defined(__clang__)
 #define TARVO_TSA(x) __attribute__((x))
@@ -18,7 +20,10 @@ namespace tarvo::platform {
 /// std::mutex as a capability that clang's thread-safety analysis can follow.
 class TARVO_TSA(capability("mutex")) Mutex {
  public:
-  void lock() TARVO_TSA(acquire_capability()) { mutex_.lock(); }
+  void lock() TARVO_TSA(acquire_capability()) {
+    faultPoint("lock");
+    mutex_.lock();
+  }
   void unlock() TARVO_TSA(release_capability()) { mutex_.unlock(); }
 
  private:

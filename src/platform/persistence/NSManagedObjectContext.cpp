@@ -34,6 +34,7 @@ struct NSManagedObjectContext::State {
   bool saveDeferred = false;          ///< a save waits to be written
   std::size_t rowsAtOnce = kAllRows;  ///< how much the next transaction may try; all unless the one before failed
   std::map<const NSEntityDescription*, EntityObjects> entities;
+  Store::Metadata metadata;  ///< unsaved
 };
 
 /// A request with what it is about.
@@ -145,19 +146,22 @@ struct Part {
   Store::Receipt receipt;
 };
 
-std::optional<Error> write(Store& store, std::vector<Part>& parts) {
+std::optional<Error> write(Store& store, std::vector<Part>& parts, const Store::Metadata& metadata) {
   for (Part& part : parts)
     if (auto error = store.write(part.objects, part.portion, part.receipt)) return error;
+  for (const auto& [name, value] : metadata)
+    if (auto error = store.writeMetadata(name, value)) return error;
   return std::nullopt;
 }
 
 /// All parts or none; a single statement needs no transaction around it for that.
-std::optional<Error> commit(Store& store, std::vector<Part>& parts) {
-  if (parts.size() == 1 && !store.needsTransaction(parts.front().objects.entity(), parts.front().portion))
-    return write(store, parts);
+std::optional<Error> commit(Store& store, std::vector<Part>& parts, const Store::Metadata& metadata) {
+  if (parts.size() == 1 && metadata.empty() &&
+      !store.needsTransaction(parts.front().objects.entity(), parts.front().portion))
+    return write(store, parts, metadata);
   auto transaction = Transaction::begin(store.database(), Transaction::Kind::writing);
   if (!transaction) return transaction.error();
-  if (auto error = write(store, parts)) return error;
+  if (auto error = write(store, parts, metadata)) return error;
   return transaction->commit();
 }
 
@@ -301,8 +305,21 @@ Result<std::shared_ptr<NSManagedObject>> NSManagedObjectContext::existingObject(
 
 bool NSManagedObjectContext::hasChanges() const {
   requireCurrent();
-  return std::any_of(state_->entities.begin(), state_->entities.end(),
-                     [](const auto& entry) { return entry.second.hasChanges(); });
+  return !state_->metadata.empty() || std::any_of(state_->entities.begin(), state_->entities.end(),
+                                                  [](const auto& entry) { return entry.second.hasChanges(); });
+}
+
+Result<std::optional<std::string>> NSManagedObjectContext::metadata(std::string_view name) {
+  requireCurrent();
+  if (const auto unsaved = state_->metadata.find(name); unsaved != state_->metadata.end()) return {unsaved->second};
+  Store* store = coordinator_->store();
+  if (!store) return coordinator_->whyNoStore("fetch");
+  return store->metadata(name);
+}
+
+void NSManagedObjectContext::setMetadata(std::string_view name, std::string value) {
+  requireCurrent();
+  state_->metadata.insert_or_assign(std::string(name), std::move(value));
 }
 
 const EntityObjects* NSManagedObjectContext::objectsOf(std::string_view name) const {
@@ -363,7 +380,8 @@ std::optional<Error> NSManagedObjectContext::writeAtMost(std::size_t rows) {
     rows -= std::min(rows, portion.size());
   }
   Store& store = *coordinator_->store();
-  if (auto error = commit(store, parts)) return error;
+  if (auto error = commit(store, parts, state_->metadata)) return error;
+  state_->metadata.clear();
   // Certain only now: until the commit everything stayed pending, whatever became of the transaction.
   for (Part& part : parts) {
     store.didCommit(part.objects.entity(), part.receipt);

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -57,6 +58,12 @@ class NSManagedObjectContext {
   bool hasChanges(std::string_view entity) const;
   /// How many objects of an entity exist only here, also without a store; costs nothing.
   std::size_t pendingInsertions(std::string_view entity) const;
+  /// A text that stands beside the records in the store's file, absent when there is none; an unsaved one counts.
+  Result<std::optional<std::string>> metadata(std::string_view name);
+  /// Puts such a text under `name`, in place of the one before. It is a change like that of an object: written with the
+  /// next save, in its (first) transaction. Names with a dot, and those of the store's own schema, are taken.
+  void setMetadata(std::string_view name, std::string value);
+
   /// Writes all changes in one transaction. On failure everything stays pending and goes out with the next save.
   ///
   /// The save after a failed one writes in transactions that begin with a single row, the oldest, and double, so that a

@@ -211,14 +211,25 @@ Result<NSPersistentStoreCoordinator::Store::Keys> NSPersistentStoreCoordinator::
 }
 
 std::optional<Error> NSPersistentStoreCoordinator::Store::keep(const Table& table, const Keys& keys) {
-  const std::string entry = keptName(*table.entity);
-  const std::string value = concat(keys.last, " ", keys.missing);
+  return writeMetadata(keptName(*table.entity), concat(keys.last, " ", keys.missing));
+}
+
+std::optional<Error> NSPersistentStoreCoordinator::Store::writeMetadata(std::string_view name, std::string_view value) {
   Execution row(*database_, "REPLACE INTO \"_metadata\" VALUES (?1, ?2)");
-  row.bind(1, entry);
+  row.bind(1, name);
   row.bind(2, value);
   row.step();
-  if (row.failed()) return row.error(StoreErrorCode::save, "The keys could not be written");
+  if (row.failed()) return row.error(StoreErrorCode::save, "The store's metadata could not be written");
   return std::nullopt;
+}
+
+Result<std::optional<std::string>> NSPersistentStoreCoordinator::Store::metadata(std::string_view name) {
+  Execution row(*database_, "SELECT value FROM \"_metadata\" WHERE name = ?1");
+  row.bind(1, name);
+  std::optional<std::string> value;
+  if (row.step()) value = row.text(0);
+  if (row.failed()) return row.error(StoreErrorCode::operation, "The store's metadata could not be read");
+  return value;
 }
 
 Result<std::int64_t> NSPersistentStoreCoordinator::Store::matchingRows(const NSEntityDescription& entity,

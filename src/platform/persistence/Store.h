@@ -1,9 +1,12 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/persistence/Database.h"
@@ -46,6 +49,11 @@ struct NSPersistentStoreCoordinator::Store {
   /// From here on this process is the only one that writes: counts are trusted. Brings a store of an earlier version up
   /// to date. On failure nothing has begun.
   std::optional<Error> beginWriting();
+
+  /// Texts that stand beside the records, by name.
+  using Metadata = std::map<std::string, std::string, std::less<>>;
+  Result<std::optional<std::string>> metadata(std::string_view name);
+  std::optional<Error> writeMetadata(std::string_view name, std::string_view value);
 
   Database& database() { return *database_; }
   const std::shared_ptr<const std::string>& uuid() const { return uuid_; }

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include <tarvo/platform/Date.h>
+
+namespace tarvo {
+
+/// How positions reach the backend, and how much of it a host leaves to chance. As constructed, everything is as the
+/// design has it: about one request for each fix, and a batch whose transfer fails counts as received.
+struct DeliveryOptions {
+  /// A batch is acknowledged only by a complete answer of the address that was asked (no redirect) with status 200
+  /// whose "success" is true. After anything else its positions stay, and the next try waits: at random between
+  /// nothing and a bound that starts at 1 s, doubles with each failure and ends at 15 min; at least as long as
+  /// "Retry-After" asks; the longest after 401 and 403. A success, a network that has come back and the host's own
+  /// `LocationManager::sendDataInBatchToRemoteWebServer` end the wait.
+  bool confirmed = false;
+  /// The least time between the starts of two upload passes. A backlog is not held up by it: full batches follow each
+  /// other.
+  platform::Seconds leastPassInterval{0};
+  /// What the network in use costs; a host sets it as the network changes.
+  bool networkIsMetered = false;
+  /// Bytes of a day (UTC, by the installed clock) that batches may send and receive on a metered network, headers
+  /// included; after them positions wait. Absent: no bound.
+  std::optional<std::uint64_t> meteredBytesPerDay{};
+  /// For devices that nobody watches: an answer whose types break the protocol, and a push message before any position
+  /// is known, are dropped with a line of level 6 in the log, where they otherwise stop the process.
+  bool dropsProtocolBreaks = false;
+
+  bool operator==(const DeliveryOptions&) const = default;
+};
+
+}  // namespace tarvo

@@ -1,0 +1,98 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <tarvo/platform/Date.h>
+
+namespace tarvo {
+
+/// Why the last try to upload positions has failed.
+enum class DeliveryError {
+  none,
+  offline,       ///< no network, or no way to the host
+  unreachable,   ///< the host's name is not known, or nobody answers there
+  timedOut,      ///< silence for too long
+  untrusted,     ///< TLS: no certificate that counts, no common version
+  broken,        ///< the connection ended early, or what came was no HTTP
+  redirected,    ///< the answer came from another address
+  unauthorized,  ///< 401 or 403: key, user or secret are not accepted
+  throttled,     ///< 429, or any status with "Retry-After"
+  refused,       ///< another status than 200
+  rejected,      ///< 200, and "success" is not true
+};
+
+/// Why there are no positions of a span of time.
+enum class GapCause {
+  notRunning,     ///< no process collected on this home
+  stopped,        ///< the host has stopped collection, or the mode collects nothing
+  notPermitted,   ///< the user's permission was missing
+  background,     ///< in the background the SDK waited for a significant change or for the border of a region
+  standingStill,  ///< fixes came, and none lay further from the last than the distance filter
+  refusedFixes,   ///< fixes came, and none could be used
+  receiverSilent  ///< no fix came
+};
+
+/// What a support desk needs to know of a device: where its positions are, what holds them up, and why some are
+/// missing. Counts and spans are those of this home; the ones that say so are of this process.
+struct Health {
+  /// Positions by their numbers, both included.
+  struct Range {
+    std::int64_t first = 0, last = 0;
+    bool operator==(const Range&) const = default;
+  };
+  /// A span without a stored position; `until` is absent while it lasts.
+  struct Gap {
+    platform::Date since;
+    std::optional<platform::Date> until;
+    GapCause cause = GapCause::receiverSilent;
+    bool operator==(const Gap&) const = default;
+  };
+
+  struct Positions {
+    std::int64_t stored = 0;                           ///< in the store's file; the next three are of these
+    std::int64_t unsent = 0;                           ///< never posted
+    std::int64_t awaiting = 0;                         ///< posted, not acknowledged
+    std::int64_t acknowledged = 0;                     ///< the rest
+    std::int64_t unsaved = 0;                          ///< in memory alone, since saving failed
+    std::optional<platform::Seconds> oldestUnsentAge;  ///< since the storage of the oldest that is not acknowledged
+    /// Acknowledged although no answer came, which only `DeliveryOptions::confirmed` prevents; whether the backend has
+    /// them is not known. Ascending; when there are too many, the oldest neighbours are told as one.
+    std::vector<Range> acknowledgedWithoutAnswer;
+    std::int64_t removed = 0;                 ///< by `StorageLimits`
+    std::optional<std::int64_t> removedUpTo;  ///< the highest number among them
+  } positions;
+
+  struct Delivery {
+    std::optional<platform::Date> lastTry, lastAcknowledgement;
+    DeliveryError lastError = DeliveryError::none;  ///< of the last try; none once one has succeeded
+    std::int64_t triesSince = 0;                    ///< that failed since the last acknowledgement
+    std::optional<platform::Date> nextTry;          ///< not before; absent when nothing holds it up
+    std::uint64_t bytesToday = 0;  ///< sent and received for batches, counted while `meteredBytesPerDay` is set
+  } delivery;
+
+  /// Of this process.
+  struct Fixes {
+    std::uint64_t received = 0;
+    std::uint64_t notFinite = 0, offTheGlobe = 0, impossibleTime = 0;  ///< refused
+    std::uint64_t filteredByDistance = 0;  ///< too near the one before, for standard updates
+  } fixes;
+
+  struct Store {
+    bool available = false;
+    std::uint64_t bytes = 0;               ///< the file and its side files
+    std::optional<std::string> lastError;  ///< of this process; absent once a save has succeeded
+  } store;
+
+  struct Log {
+    std::uint64_t bytes = 0;
+    std::uint64_t linesDropped = 0;  ///< by this process
+  } log;
+
+  /// The latest ones longer than 5 min, oldest first.
+  std::vector<Gap> gaps;
+};
+
+}  // namespace tarvo

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include <tarvo/platform/Date.h>
+
+namespace tarvo {
+
+/// How much of a device's disk the SDK may keep. As constructed: no bounds.
+struct StorageLimits {
+  /// Positions that the backend has acknowledged and that were stored longer ago than this go. Numbering goes on behind
+  /// the highest number ever given.
+  std::optional<platform::Seconds> positionAge{};
+  /// While the store's file would hold more bytes than this, the oldest positions that the backend has acknowledged go.
+  /// What awaits its upload always stays, whatever it takes.
+  std::optional<std::uint64_t> storeBytes{};
+  /// Log files of days longer ago go, sent or not; today's stays.
+  std::optional<platform::Seconds> logAge{};
+  /// While the log files hold more bytes together than this, the oldest go; today's takes no more lines at the bound.
+  std::optional<std::uint64_t> logBytes{};
+
+  bool operator==(const StorageLimits&) const = default;
+};
+
+}  // namespace tarvo
