@@ -3,12 +3,12 @@
 #include <thread>
 #include <tuple>
 
-#include "support/FaultyDisk.h"
 #include "persistence/TestStore.h"
 #include "platform/foundation/Text.h"
 #include "platform/persistence/FetchPlan.h"
 #include "platform/persistence/Store.h"
 #include "platform/persistence/TextRef.h"
+#include "support/FaultyDisk.h"
 
 namespace tarvo::platform {
 namespace {

@@ -2,9 +2,9 @@
 
 #include <list>
 
-#include "support/FaultyDisk.h"
 #include "persistence/TestStore.h"
 #include "platform/foundation/Text.h"
+#include "support/FaultyDisk.h"
 #include "support/FreshProcess.h"
 
 namespace tarvo::platform {

@@ -1,8 +1,8 @@
 #include <sqlite3.h>
 
-#include "support/FaultyDisk.h"
 #include "persistence/TestStore.h"
 #include "platform/foundation/Text.h"
+#include "support/FaultyDisk.h"
 
 namespace tarvo::platform {
 namespace {

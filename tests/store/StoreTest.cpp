@@ -8,7 +8,6 @@
 #include <tarvo/platform/Device.h>
 #include <tarvo/platform/SystemLog.h>
 
-#include "support/FaultyDisk.h"
 #include "persistence/TestStore.h"
 #include "platform/foundation/Json.h"
 #include "platform/foundation/Text.h"
@@ -19,6 +18,7 @@
 #include "store/StoreFixture.h"
 #include "store/Users.h"
 #include "support/DiaryEngine.h"
+#include "support/FaultyDisk.h"
 
 namespace tarvo {
 namespace {
