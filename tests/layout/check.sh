@@ -49,5 +49,18 @@ long=$(find tests -name '*.cpp' -print0 | xargs -0 awk '
   /^TEST(_F|_P)?\(/ { start = FNR }
   /^}/ && start { if (FNR - start + 1 > 40) print FILENAME ":" start " is a test of " FNR - start + 1 " lines"; start = 0 }')
 [ -z "$long" ] || fail "$long"
+# What a document says is held by a test has that test.
+while read -r name; do
+  test=${name#*/} folder=tests/${name%%/*}
+  case $name in
+    */\*) [ -d "$folder" ] ;;
+    faults/*) [ -f "$folder/$test.cpp" ] ;;
+    program/*) [ -f "$folder/$test.sh" ] ;;
+    consumer/*) grep -q "$name" tests/CMakeLists.txt ;;
+    *\*) test=${test%\*} && grep -qE "^TEST.*\(${test%.}" "$folder"/*.cpp ;;
+    *) grep -qE "^TEST.*\(${test%.*}, ${test#*.}\)" "$folder"/*.cpp ;;
+  esac || fail "a document names a test that is not there: $name"
+done < <(grep -hoE '`(faults|program|consumer|device|engine|facade|foundation|location|log|net|persistence|records|sandbox|settings|store|urlsession)/[A-Za-z.*-]+`' \
+  docs/porting.md docs/security.md | tr -d '\`' | grep -vE '\.(h|cpp)$' | sort -u)
 [ "$failed" = 0 ] && echo "the layout holds"
 exit "$failed"
