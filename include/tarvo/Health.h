@@ -80,8 +80,9 @@ struct Health {
 
   struct Store {
     bool available = false;
-    std::uint64_t bytes = 0;               ///< the file and its write-ahead log
-    std::optional<std::string> lastError;  ///< of this process's latest opening or save; absent once a save succeeded
+    std::uint64_t bytes = 0;  ///< the file and its write-ahead log
+    /// Why it is not available, else that of this process's latest save; absent once one has succeeded.
+    std::optional<std::string> lastError;
   } store;
 
   struct Log {

@@ -174,11 +174,12 @@ Health EngineParts::health() {
     if (const auto oldest = Locations::oldestUnacknowledgedStorage(context))
       health.positions.oldestUnsentAge = std::max(platform::Clock::current()->now() - *oldest, platform::Seconds(0));
     health.store.available = context.coordinator().hasStore();
+    health.store.lastError = context.coordinator().obstacle();
   });
   health.delivery = ledger.delivery();
   health.fixes = platform::LocationService::shared().statistics();
   health.store.bytes = store.bytes();
-  health.store.lastError = store.lastError();
+  if (!health.store.lastError) health.store.lastError = store.lastError();
   health.log = {Log::bytes(), Log::linesDropped()};
   health.gaps = ledger.gaps(collection.obstacle());
   return health;

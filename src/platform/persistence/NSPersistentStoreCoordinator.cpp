@@ -49,6 +49,7 @@ std::optional<Error> NSPersistentStoreCoordinator::claim(std::optional<WriteRigh
     untold_ = refusal;
   }
   standing_ = refusal ? Standing::keptOut : Standing::writes;
+  keptOutBecause_ = refusal ? refusal->localizedDescription : "";
   return refusal;
 }
 
@@ -61,6 +62,12 @@ Error NSPersistentStoreCoordinator::whyNoStore(std::string_view operation) {
 
 std::optional<Error> NSPersistentStoreCoordinator::checkpoint() {
   return store() && standing_ == Standing::writes ? store_->database().checkpoint() : std::nullopt;
+}
+
+std::optional<std::string> NSPersistentStoreCoordinator::obstacle() {
+  if (!store_ || hasStore()) return std::nullopt;
+  return standing_ == Standing::keptOut ? keptOutBecause_
+                                        : "The store was removed, replaced or cut short, or is a parent's";
 }
 
 std::uint64_t NSPersistentStoreCoordinator::bytesOnDisk(const std::filesystem::path& url) {

@@ -49,6 +49,10 @@ class NSPersistentStoreCoordinator {
   /// Moves what the write-ahead log holds into the database file; nothing to do for who does not write.
   std::optional<Error> checkpoint();
 
+  /// Why a store that was opened cannot be used now, in words, however often it is asked; absent when it can, and when
+  /// none was opened.
+  std::optional<std::string> obstacle();
+
   /// What the store at that path takes on the disk, its write-ahead log included; 0 where there is none. Threads: any.
   static std::uint64_t bytesOnDisk(const std::filesystem::path& url);
 
@@ -66,6 +70,7 @@ class NSPersistentStoreCoordinator {
   std::unique_ptr<Store> store_;
   std::unique_ptr<WriteRight> right_;
   Standing standing_ = Standing::reads;
+  std::string keptOutBecause_;
   std::optional<Error> untold_;  ///< why this process is kept out, until somebody was told
 };
 
