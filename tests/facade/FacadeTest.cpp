@@ -259,6 +259,7 @@ TEST_F(Facade, TellsOnceThatItsStoreWasRemovedWhoeverAsksForCountsInBetween) {
     EXPECT_EQ(diary.count("was removed, replaced or cut short"), unsaved == 0 ? 0u : 1u);
     const auto status = engine().syncStatus();
     EXPECT_TRUE(!status.storeAvailable && status.stored == 0 && status.unsaved == unsaved) << unsaved;
+    EXPECT_TRUE(tarvo.health().store.lastError);
     drive(2);
   }
 }

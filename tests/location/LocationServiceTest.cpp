@@ -48,6 +48,7 @@ TEST_F(LocationManager, HandsOverWhatPassesTheDistanceFilterOldestFirst) {
     EXPECT_EQ(delegate.read(), told);
     EXPECT_EQ(manager.location(), batch.back());
   }
+  EXPECT_EQ(service().statistics(), (LocationService::Statistics{.received = 15, .filteredByDistance = 6}));
 }
 
 TEST_F(LocationServiceOfAProcess, RefusesFixesThatAreNotFiniteOrOutOfRange) {
@@ -67,6 +68,7 @@ TEST_F(LocationServiceOfAProcess, RefusesFixesThatAreNotFiniteOrOutOfRange) {
   service().deliver(fixes);
   EXPECT_EQ(delegate.read(), Diary{"fixes 180000000 8 8"});
   ASSERT_EQ(log.size(), 13u);
+  EXPECT_EQ(service().statistics(), (LocationService::Statistics{16, 8, 2, 3, 0}));
   EXPECT_EQ(log[1], "location service: fix refused, latitude -90.001 is out of range");
   EXPECT_EQ(log[9], "location service: fix refused, timestamp nan is not finite");
   EXPECT_EQ(log[11], "location service: fix refused, timestamp 253402300800 is out of range");

@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <future>
 
 #include <tarvo/platform/Clock.h>
@@ -180,6 +181,9 @@ TEST_F(Logging, GoesOnAfterATimeWithoutThreads) {
   EXPECT_LT(text.size(), 300'000U) << "a million characters waited";
   EXPECT_TRUE(text.ends_with("]:afterwards\n")) << text.substr(text.size() - 100);
   EXPECT_EQ(diary.count("line "), 5'000U);
+  const auto written = std::count(text.begin(), text.end(), '\n') - 5;  // besides the header and the last line
+  EXPECT_EQ(Log::linesDropped(), 5'000U - static_cast<std::size_t>(written));
+  EXPECT_EQ(Log::bytes(), text.size());
 }
 
 }  // namespace

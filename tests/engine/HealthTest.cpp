@@ -1,0 +1,111 @@
+#include "support/FreshProcess.h"
+#include "support/WholeSdk.h"
+
+#include <cmath>
+
+namespace tarvo {
+namespace {
+
+using platform::concat;
+using platform::Seconds;
+using enum platform::CLAuthorizationStatus;
+
+class HealthOfADevice : public test::WholeSdk {
+ protected:
+  static auto at(platform::Date date) { return std::llround(platform::secondsSince1970(date) - kStart); }
+  /// Ranges, removals and gaps, in seconds since the start.
+  static std::string told(const Tarvo& tarvo) {
+    const Health health = tarvo.health();
+    std::string text;
+    for (const auto& [first, last] : health.positions.acknowledgedWithoutAnswer) text += concat(first, "..", last, " ");
+    if (health.positions.removedUpTo) text += concat("removed ", health.positions.removed, " ");
+    for (const auto& [since, until, cause] : health.gaps)
+      text += concat(at(since), "-", until ? std::to_string(at(*until)) : "", " ", nameOf(cause), " ");
+    return text;
+  }
+  static std::optional<std::string> entry(const char* replacement = nullptr) {
+    std::optional<std::string> text;
+    auto& context = EngineParts::of(engine()).store.managedObjectContext();
+    context.performAndWait([&] {
+      if (replacement) context.setMetadata("ledger", replacement);
+      EXPECT_FALSE(context.save());
+      text = context.metadata("ledger").value();
+    });
+    return text;
+  }
+  void first(Tarvo& tarvo) {
+    Ledger& ledger = EngineParts::of(engine()).ledger;
+    activate(tarvo, 4);
+    drive(3);
+    ledger.didAcknowledge({0, 0}, true, clock->now());
+    engine().markLocationAsSentUntilIndex("0", "0");
+    EXPECT_FALSE(entry()) << "costs nothing while all is well";
+    ledger.didAcknowledge({1, 2}, false, clock->now());
+    engine().markLocationAsSentUntilIndex("2", "1");
+    clock->advance(Seconds(1000));
+    drive(1);  // then killed: each was written with what it is about
+  }
+  void second(Tarvo& tarvo) {
+    activate(tarvo, 4);
+    clock->advance(Seconds(400));
+    activate(tarvo, -4);
+    clock->advance(Seconds(500));
+    EngineParts::of(engine()).ledger.didRemove(1, 0);
+    EXPECT_TRUE(Tarvo::waitUntilIdle(60));
+  }
+};
+
+TEST_F(HealthOfADevice, TellsWhyThereIsAHole) {
+  Tarvo tarvo;
+  platform::UIDevice::current().setBattery(platform::UIDeviceBatteryState::unplugged, 0.5);
+  tarvo.activate(4);
+  auto& application = platform::UIApplication::shared();
+  const std::function<void()> none;
+  const std::tuple<const char*, std::function<void()>, std::function<void()>> holes[] = {
+      {"receiver_silent", none, none},
+      {"standing_still", [] { deliver(fixAt(*records().back().latitude, kStart)); }, none},
+      {"refused_fixes", [] { deliver(fixAt(91, kStart)); }, none},
+      {"not_permitted", [] { permit(denied); }, [] { permit(authorizedAlways); }},
+      {"background", [&] { application.didEnterBackground(); }, [&] { application.didBecomeActive(); }},
+      {"stopped", [&] { tarvo.activate(-4); }, [&] { tarvo.activate(4); }}};
+  for (const auto& [cause, begin, end] : holes) {
+    drive(1);
+    const auto since = at(clock->now());
+    const std::string before = told(tarvo);
+    if (begin) begin();
+    waitUntilIdle();
+    clock->advance(Seconds(600));
+    EXPECT_EQ(told(tarvo), before + concat(since, "- ", cause, " "));
+    if (end) end();
+    waitUntilIdle();
+    drive(1);  // unless an event has been stored a second before
+    EXPECT_EQ(told(tarvo), before + concat(since, "-", since + (end ? 600 : 601), " ", cause, " "));
+  }
+  EXPECT_EQ(tarvo.health().positions.oldestUnsentAge, clock->now() - platform::dateSince1970(kStart + 1));
+}
+
+TEST_F(HealthOfADevice, LastsOverRestartsAndKills) {
+  const std::tuple<double, std::function<void(Tarvo&)>, const char*> processes[] = {
+      {0, [this](Tarvo& tarvo) { first(tarvo); }, "1..2 3-1004 receiver_silent "},
+      {1500, [](Tarvo&) {}, "1..2 3-1004 receiver_silent "},  // has not collected: tells what the file has
+      {2000, [this](Tarvo& tarvo) { second(tarvo); },
+       "1..2 removed 1 3-1004 receiver_silent 1004-2000 not_running 2000-2400 receiver_silent 2400- stopped "},
+      {5000, [this](Tarvo& tarvo) { activate(tarvo, 4), drive(1), entry("[]"); },
+       "1..2 removed 1 3-1004 receiver_silent 1004-2000 not_running 2000-2400 receiver_silent 2400-2900 stopped "
+       "2900-5000 not_running "},
+      {6000, [this](Tarvo& tarvo) { activate(tarvo, 4), drive(1); }, "5001-6000 not_running "}};
+  for (const auto& [start, work, expected] : processes) {
+    const auto inChild = [&] {
+      clock->advanceTo(platform::dateSince1970(kStart + start));
+      Tarvo tarvo;
+      work(tarvo);
+      EXPECT_EQ(told(tarvo), expected);
+      EXPECT_EQ(diary.count("Ledger: "), start == 6000 ? 1u : 0u);
+      return HasFailure() ? 1 : 0;
+    };
+    EXPECT_EQ(test::inFreshProcess(inChild), 0) << start;
+  }
+}
+
+}  // namespace
+}  // namespace tarvo
