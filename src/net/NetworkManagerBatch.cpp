@@ -65,7 +65,7 @@ BatchEnd endOf(const Batch& batch, const Reply& reply) {
   end.bytes = bytesMoved()->exchange(0);
   if (reply.response) end.retryAfter = platform::retryAfter(*reply.response, platform::Clock::current()->now());
   const int status = reply.response ? reply.response->statusCode : 0;
-  if (reply.refused() && (reply.response->url != batch.url || (status >= 300 && status < 400)))
+  if (reply.refused() && (reply.response->url != batch.url || (status >= 300 && status < 400 && status != 304)))
     end.error = DeliveryError::redirected;
   else if (status == 401 || status == 403)
     end.error = DeliveryError::unauthorized;
