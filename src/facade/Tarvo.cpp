@@ -143,6 +143,7 @@ Health Tarvo::health() const {
   health.positions.acknowledged = counts.acknowledged;
   health.positions.unsaved = counts.unsaved;
   health.delivery = ledger.delivery();
+  health.delivery.bytesToday = EngineParts::of(core_->locationManager).pipeline.bytesToday();
   health.store.available = counts.storeAvailable;
   return health;
 }

@@ -53,22 +53,18 @@ TEST_F(Gate, WaitsLongerWithEachFailureAndAsLongAsTheBackendAsks) {
 }
 
 TEST_F(Gate, EndsTheWaitWithASuccessTheHostOrTheNetworkAndStartsSmallAgain) {
-  const auto refuse = [this] { gate.failed(DeliveryError::unauthorized, {}); };
-  const std::pair<const char*, std::function<void()>> ends[] = {
-      {"success", [this] { gate.succeeded(); }},
-      {"host", [this] { EXPECT_TRUE(admits(Pass::host)); }},
-      {"network", [this] { reachable = true; }},
-      {"switched off", [this] { EXPECT_TRUE((options.confirmed = false, admits()) && (options.confirmed = true)); }}};
-  for (const auto& [what, end] : ends) {
-    for (int i = 0; i < 5; ++i) refuse();
-    EXPECT_FALSE(admits()) << what << ": the network was there all the time";
+  const std::function<void()> ends[] = {[this] { gate.succeeded(); }, [this] { EXPECT_TRUE(admits(Pass::host)); },
+                                        [this] { reachable = true; }};
+  for (const auto& end : ends) {
+    for (int i = 0; i < 5; ++i) gate.failed(DeliveryError::unauthorized, {});
+    EXPECT_FALSE(admits()) << "the network was there all the time";
     reachable = false;
-    refuse();
-    EXPECT_FALSE(admits() || admits(Pass::afterFullBatch)) << what;
+    gate.failed(DeliveryError::unauthorized, {});
+    EXPECT_FALSE(admits() || admits(Pass::afterFullBatch));
     end();
-    EXPECT_TRUE(admits()) << what;
+    EXPECT_TRUE(admits());
     reachable = true;
-    EXPECT_DOUBLE_EQ(waits(DeliveryError::refused), 0.5) << what;
+    EXPECT_DOUBLE_EQ(waits(DeliveryError::refused), 0.5);
     gate.succeeded();
   }
 }

@@ -35,23 +35,23 @@ TEST(Settings, RefuseClientIdsThatWouldNotStandInAURL) {
 }
 
 TEST(HostOption, IsWhatTheHostSetsOrElseWhatItsPropertyListSays) {
-  std::vector<std::string> lines;
-  platform::setSystemLogSink([&lines](std::string_view line) { lines.emplace_back(line); });
+  static int complaints = 0;
+  platform::setSystemLogSink([](std::string_view) { ++complaints; });
   platform::setInfoDictionary({{"TarvoConfirmedDelivery", true},
                                {"TarvoLeastPassInterval", 1.5},
                                {"TarvoMeteredBytesPerDay", -1},
                                {"TarvoDropProtocolBreaks", 1},
                                {"TarvoPositionAge", "86400"},
-                               {"TarvoStoreBytes", 7},
-                               {"TarvoLogBytes", 7.5}});
+                               {"TarvoStoreBytes", 7}});
   Settings& settings = Settings::shared();
-  const DeliveryOptions described{.confirmed = true, .leastPassInterval = platform::Seconds(1.5)};
-  for (int time = 0; time < 2; ++time) EXPECT_EQ(settings.deliveryOptions.get(), described);
-  EXPECT_EQ(settings.storageLimits.get(), StorageLimits{.storeBytes = 7});
-  EXPECT_EQ(lines.size(), 4u) << "each fault once";
+  for (int time = 0; time < 2; ++time) {
+    const DeliveryOptions described{.confirmed = true, .leastPassInterval = platform::Seconds(1.5)};
+    EXPECT_EQ(settings.deliveryOptions.get(), described);
+    EXPECT_EQ(settings.storageLimits.get(), StorageLimits{.storeBytes = 7});
+  }
+  EXPECT_EQ(complaints, 3) << "each fault once";
   settings.deliveryOptions.set({});
   EXPECT_EQ(settings.deliveryOptions.get(), DeliveryOptions());
-  platform::setSystemLogSink({});
 }
 
 }  // namespace

@@ -46,21 +46,19 @@ TEST(URLRequest, ReadsHostsAsTheTransferWould) {
   }
 }
 
-TEST(HTTPURLResponse, SaysHowLongToWaitBySecondsOrByADateOfItsOwnClock) {
-  const std::pair<const char*, std::string> server = {"date", "Sun, 06 Nov 1994 08:49:30 GMT"};
-  const std::string date = "Sun, 06 Nov 1994 08:49:37 GMT";
-  const std::tuple<decltype(HTTPURLResponse::headers), std::optional<Seconds>> cases[] = {
-      {{}, {}},
-      {{{"retry-after", "120"}}, Seconds(120)},
-      {{{"Retry-After", std::string(400, '9')}}, Seconds(1e300)},
-      {{{"Retry-After", date}}, Seconds(37)},
-      {{server, {"Retry-After", date}}, Seconds(7)},
-      {{{"Retry-After", "Sun, 06 Nov 1994 08:00:00 GMT"}}, Seconds(0)},
-      {{{"Retry-After", ""}}, {}},
-      {{{"Retry-After", "-5"}}, {}},
-      {{{"Retry-After", "soon"}}, {}}};
-  for (const auto& [headers, wait] : cases)
-    EXPECT_EQ(retryAfter({"", 503, headers}, dateSince1970(784111740)), wait) << headers.size();  // 08:49:00
+TEST(HTTPURLResponse, SaysHowLongToWaitInSecondsOrByADateOfItsOwnClock) {
+  const std::string date = "Sun, 06 Nov 1994 08:49:";
+  const std::tuple<std::string, std::string, std::optional<Seconds>> cases[] = {
+      {"120", "", Seconds(120)},
+      {std::string(400, '9'), "", Seconds(1e300)},
+      {date + "37 GMT", "", Seconds(37)},
+      {"soon", "", {}},
+      {date + "37 GMT", date + "30 GMT", Seconds(7)},
+      {"-5", "", {}},
+      {date + "37 GMT", date + "38 GMT", Seconds(0)},
+      {"", "", {}}};
+  for (const auto& [asked, own, wait] : cases)
+    EXPECT_EQ(retryAfter({"", 503, {{"retry-after", asked}, {"date", own}}}, dateSince1970(784111740)), wait) << asked;
 }
 
 /// What the kernel itself does when asked to connect without sending anything.
