@@ -73,7 +73,7 @@ struct Health {
     DeliveryError lastError = DeliveryError::none;  ///< of the last try; none once one has succeeded
     std::int64_t triesSince = 0;                    ///< that failed since the last acknowledgement
     std::optional<platform::Date> nextTry;          ///< not before; absent when nothing holds it up
-    std::uint64_t bytesToday = 0;  ///< sent and received for batches, counted while `meteredBytesPerDay` is set
+    std::uint64_t bytesToday = 0;  ///< sent and received for batches, counted while the network is metered and bounded
   } delivery;
 
   platform::LocationService::Statistics fixes;  ///< of this process

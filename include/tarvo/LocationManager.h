@@ -115,11 +115,13 @@ class TARVO_API LocationManager {
   /// "app_inactive", "app_paused" or "app_resumed".
   static std::string getAppState();
   /// Stores the service's newest fix for a push message, or the last stored one without "always" permission, and starts
-  /// an upload pass. Without any known position this stops the process.
+  /// an upload pass. Without any known position this stops the process, or with `DeliveryOptions::dropsProtocolBreaks`
+  /// does nothing.
   void refreshLoc();
 
   /// Starts an upload pass: in modes from 8, when the channel is free or held for 180 s, posts what awaits its
-  /// acknowledgement, else the oldest new positions, at most 1000. Its acknowledgement starts the next pass.
+  /// acknowledgement, else the oldest new positions, at most 1000. Its acknowledgement starts the next pass. Unlike the
+  /// passes that the SDK starts, the host's own neither wait after a failure nor keep an interval (DeliveryOptions).
   void sendDataInBatchToRemoteWebServer();
   /// For the SDK's own parts: a pass's second half, which takes the channel for granted. Posts the oldest positions
   /// that were never posted; frees the channel when there are none.
@@ -153,7 +155,8 @@ class TARVO_API LocationManager {
   // Store past trips and places in the form in which the backend sends them, each with a save of its own, and return
   // at once; then the newest trip is told to the delegate, as after a download. A trip has the keys of PastTripRecord
   // (times as in Trip::startTime, the route an object), a place "poi_id", "lat", "lon" and the objects "point_geo_json"
-  // and "zone_geo_json". As in an answer, a "pasttrip_id" that is no integer can stop the process.
+  // and "zone_geo_json". As in an answer, a "pasttrip_id" that is no integer can stop the process
+  // (see DeliveryOptions::dropsProtocolBreaks).
   void addNewLastTrip(std::vector<platform::Dictionary> trips);
   void addNewPOI(std::vector<platform::Dictionary> pois);
   // Delete all past trips, all places; positions stay. Written with the next save: `Tarvo::resetLocalHistory` does both

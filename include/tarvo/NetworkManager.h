@@ -95,8 +95,8 @@ class TARVO_API NetworkManager {
 
   /// Posts a batch of positions. For the SDK's own parts, which take the upload channel before. `first` and `last` are
   /// the batch's indexes as texts, handed to the engine with the acknowledgement. Every outcome acknowledges the batch
-  /// but a status other than 200, which only frees the channel. In modes from 12 the answer starts the downloads and
-  /// repeats the subscriptions that wait.
+  /// but a status other than 200, which only frees the channel; with `DeliveryOptions::confirmed` only an answer that
+  /// confirms it does. In modes from 12 the answer starts the downloads and repeats the subscriptions that wait.
   void sendDataInBatchToRemoteWebServer(std::string json, const std::string& first, const std::string& last);
 
   // Downloads of what the backend has computed. They need the user's identity.

@@ -104,6 +104,7 @@ class TARVO_API Tarvo {
   static void setLastPrediction(Trip prediction);
 
   /// How positions are delivered, and how much is kept. May be set at any time; what is under way ends as it began.
+  /// Until they are set they are as the host's description says (tarvo/HostKeys.h), which is read with the first look.
   static DeliveryOptions deliveryOptions();
   static void setDeliveryOptions(DeliveryOptions options);
   static StorageLimits storageLimits();
@@ -160,7 +161,7 @@ class TARVO_API Tarvo {
   void didRegisterForRemoteNotificationsWithDeviceToken(const std::string& token);
   /// True when the message was for this SDK ("messageFrom" is the text "tarvo"), also when the mode left nothing to do.
   /// In a mode from 8, before this process has had a fix, it stops the process: call it only after a first
-  /// `LocationService::deliver`.
+  /// `LocationService::deliver`, or set `DeliveryOptions::dropsProtocolBreaks`.
   bool didReceiveRemoteNotification(const platform::Dictionary& userInfo);
   /// Gives the secret of the host's API key. This is the one that a host calls, before or after `activate`;
   /// `NetworkManager::setApiKeySecret` only keeps the secret. In modes from 8 the key and client id are read from the

@@ -177,6 +177,7 @@ Health EngineParts::health() {
     health.store.lastError = context.coordinator().obstacle();
   });
   health.delivery = ledger.delivery();
+  health.delivery.bytesToday = pipeline.bytesToday();
   health.fixes = platform::LocationService::shared().statistics();
   health.store.bytes = store.bytes();
   if (!health.store.lastError) health.store.lastError = store.lastError();
@@ -196,9 +197,11 @@ void EngineParts::checkpoint() {
   });
 }
 
-void EngineParts::acknowledge(const std::string& locationIndex, const std::string& firstLoc) {
-  pipeline.acknowledge(locationIndex, firstLoc);
+void EngineParts::acknowledge(const std::string& locationIndex, const std::string& firstLoc, const BatchEnd& end) {
+  pipeline.acknowledge(locationIndex, firstLoc, end);
 }
+
+void EngineParts::batchFailed(const BatchEnd& end) { pipeline.batchFailed(end); }
 
 void EngineParts::startPass() { pipeline.startPass(); }
 

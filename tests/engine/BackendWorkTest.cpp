@@ -72,6 +72,25 @@ TEST_F(BackendWork, DownloadsWhatDiffersFromWhatIsHeldAndTellsTheHost) {
   EXPECT_EQ(host->matched.size(), 4u);
 }
 
+TEST_F(BackendWork, WhatBreaksTheProtocolIsDroppedWhereTheHostWantsIt) {
+  Tarvo::setDeliveryOptions({.dropsProtocolBreaks = true});
+  Tarvo tarvo;
+  Tarvo::setACTIVATE_STATUS(Tarvo::BACKEND_BACKGROUND);
+  for (const auto status :
+       {platform::CLAuthorizationStatus::authorizedAlways, platform::CLAuthorizationStatus::denied}) {
+    permit(status);
+    push(tarvo);
+  }
+  engine().addNewLastTrip({platform::Dictionary{{"route", 1}}});
+  engine().addNewLastTrip({platform::Dictionary{{"pasttrip_id", "1"}}});
+  waitUntilIdle();
+  for (const char* line :
+       {"refreshLoc: the location service has no position yet", "refreshLoc: there is no last position",
+        "no past trip has an identifier", R"(the backend's "pasttrip_id" is no integer)"})
+    EXPECT_EQ(diary.count(line), 1u) << line;
+  EXPECT_FALSE(engine().getLastPastTrip());
+}
+
 TEST_F(BackendWork, ALogFileIsDeletedOnlyWhenTheBackendSaysThatItHoldsIt) {
   UserDefaults::standard().set("tarvologlevel", 3);
   Tarvo tarvo = online();

@@ -180,6 +180,8 @@ TEST_F(Upload, AcknowledgesOnATransportErrorAsOnAnAnswer) {
   diary.clear();
   upload();
   EXPECT_EQ(engine().syncStatus().acknowledged, 1);
+  EXPECT_EQ(tarvo.health().positions.acknowledgedWithoutAnswer, (std::vector<Health::Range>{{0, 0}}));
+  EXPECT_EQ(tarvo.health().delivery.lastError, DeliveryError::unreachable);
   EXPECT_FALSE(NetworkManager::CANAL_LOCK());
   long at = -1;
   for (const char* text :
@@ -190,6 +192,46 @@ TEST_F(Upload, AcknowledgesOnATransportErrorAsOnAnAnswer) {
     EXPECT_GT(next, at) << "missing or too early: " << text;
     at = next;
   }
+}
+
+TEST_F(Upload, KeepsPositionsUntilTheBackendConfirmsThemAndWaitsInBetween) {
+  Tarvo tarvo = online();
+  Tarvo::setDeliveryOptions({.confirmed = true});
+  backend.faults().answerNext(3, 401);
+  collect(3);
+  upload();
+  for (const auto& [later, tries] : {std::pair(0, 1), {895, 1}, {1, 2}}) {
+    clock->advance(Seconds(later));
+    drive(2);
+    EXPECT_EQ(tarvo.health().delivery.triesSince, tries) << later;
+    EXPECT_FALSE(NetworkManager::CANAL_LOCK());
+  }
+  upload();  // as the host, who need not wait
+  const Health health = tarvo.health();
+  EXPECT_TRUE(health.delivery.triesSince == 3 && health.delivery.lastError == DeliveryError::unauthorized);
+  EXPECT_EQ(health.delivery.nextTry, clock->now() + UploadGate::kLongestWait);
+  EXPECT_EQ(health.positions.awaiting, 3);
+  settle();
+  for (const char* once : {"backend does not accept this device", "backend accepts this device again"})
+    EXPECT_EQ(diary.count(once), 1u) << once;
+  expectEachIndexOnce(9);
+}
+
+TEST_F(Upload, LeavesOnceAnIntervalAndNotBeyondTheBytesOfADay) {
+  Tarvo tarvo = online();
+  Tarvo::setDeliveryOptions({.leastPassInterval = Seconds(60), .networkIsMetered = true, .meteredBytesPerDay = 5000});
+  diary.clear();
+  drive(180);
+  EXPECT_EQ(diary.count(kCalled), 2u) << "the second batch is too large for a third";
+  upload();
+  const auto bytes = EngineParts::of(engine()).pipeline.bytesToday();
+  EXPECT_TRUE(bytes > 5000 && bytes < 30000) << bytes;
+  auto& context = EngineParts::of(engine()).store.managedObjectContext();
+  context.performAndWait(
+      [&] { EXPECT_EQ(context.metadata("UploadedBytes").value(), platform::concat("19889 ", bytes)); });
+  clock->advance(Seconds(86400));
+  settle();
+  expectEachIndexOnce(180);
 }
 
 TEST_F(Upload, StaysOffBelowModeEightAndWithoutASecretOfTheHost) {

@@ -29,6 +29,7 @@ class Backend {
     std::string body;
     std::function<void()> before;  ///< runs before the answer leaves
     bool broken = false;           ///< the connection breaks before its last byte
+    std::string headers = "Connection: close\r\n";
   };
 
   std::string host() const { return server_->host(); }
@@ -68,7 +69,7 @@ class Backend {
       if (found != answers_.end()) answer = found->second;
     }
     if (answer.before) answer.before();
-    const std::string reply = httpReply(answer.status, answer.body);
+    const std::string reply = httpReply(answer.status, answer.body, answer.headers);
     connection.send(reply.substr(0, reply.size() - (answer.broken ? 1 : 0)));
   }
 

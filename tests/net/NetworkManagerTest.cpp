@@ -93,7 +93,7 @@ TEST_F(Requests, ReadTheSecretAgainWithEachClient) {
   EXPECT_EQ(NetworkManager::UUID_SECRET_KEY(), std::nullopt);
 }
 
-TEST_F(Requests, StopTheProcessOnAnswersOfAnotherType) {
+TEST_F(Requests, StopTheProcessOnAnswersOfAnotherTypeOrDropThem) {
   identify();
   settings.activateStatus.set(12);
   settings.lastTripID.set(3);
@@ -104,22 +104,33 @@ TEST_F(Requests, StopTheProcessOnAnswersOfAnotherType) {
     const char *path, *answer, *message;
     std::function<void()> operation;
   } cases[] = {
-      {"users", R"(true,"results":[{"uuid":7,"creation_date":"d","secretkey":"k"}])", "uuid. is no text", registration},
-      {"positions", "null", "success. is no Boolean", batch},
-      {"positions", R"(true,"last_prediction_id":"5","last_pasttrip_id":7,"last_poi_id":3)", "prediction_id. is",
-       batch},
-      {"positions", R"(true,"last_prediction_id":0,"last_pasttrip_id":7.5,"last_poi_id":3)", "trip_id. is no", batch},
-      {"positions", R"(true,"last_prediction_id":0,"last_pasttrip_id":3,"last_poi_id":true)", "poi_id. is no", batch},
+      {"users", R"(true,"results":[{"uuid":7,"creation_date":"d","secretkey":"k"}])", R"("uuid" is no text)",
+       registration},
+      {"positions", "null", R"("success" is no Boolean)", batch},
+      {"positions", R"(true,"last_prediction_id":"5","last_pasttrip_id":7,"last_poi_id":3)", R"(on_id" is)", batch},
+      {"positions", R"(true,"last_prediction_id":0,"last_pasttrip_id":7.5,"last_poi_id":3)", R"(p_id" is no)", batch},
+      {"positions", R"(true,"last_prediction_id":0,"last_pasttrip_id":3,"last_poi_id":true)", R"(i_id" is no)", batch},
       {"predictions",
        R"(true,"prediction_id":8,"start_time":"s","arrival_time":"a","probability":true,"destination_lon":2.5,)"
        R"("destination_lat":48,"route":{},"destination_json":{},"start_name":"","arrival_name":"","duration":1)",
-       "probability. is no number", [this] { call(&NetworkManager::getNextTrip); }},
-      {"pasttrips", R"(true,"trips":null)", "trips. is no array", trips},
-      {"pasttrips", R"(true,"trips":[1])", "trips. is no object", trips}};
-  for (const auto& [path, answer, message, operation] : cases) {
-    backend.answer(path, {200, platform::concat(R"({"success":)", answer, "}")});
-    EXPECT_DEATH(operation(), message) << answer;
+       R"(probability" is no number)", [this] { call(&NetworkManager::getNextTrip); }},
+      {"pasttrips", R"(true,"trips":null)", R"(trips" is no array)", trips},
+      {"pasttrips", R"(true,"trips":[1])", R"(trips" is no object)", trips}};
+  for (const bool drops : {false, true}) {
+    settings.deliveryOptions.set({.dropsProtocolBreaks = drops});
+    for (const auto& [path, answer, message, operation] : cases) {
+      backend.answer(path, {200, platform::concat(R"({"success":)", answer, "}")});
+      if (!drops) {
+        EXPECT_DEATH(operation(), message) << answer;
+      } else {
+        LogDiary::installed();
+        operation();
+        EXPECT_NE(LogDiary::installed().find(message), -1) << answer;
+      }
+    }
   }
+  EXPECT_EQ(settings.userSecret.get(), "k") << "what came before the break stays";
+  EXPECT_EQ(LogDiary::installed().count("engine: mark 0-9"), 4u);
 }
 
 TEST(BackendAddress, IsAnHttpUrlThatKeepsCredentialsOffTheWire) {
@@ -257,8 +268,7 @@ TEST_F(BatchUpload, MarksOrFreesAndDownloadsAsTheAnswerSays) {
   };
   EXPECT_EQ(outcome({200, kNewCounters}), platform::concat("marked, ", kDownloads, ", places 3"));
   EXPECT_EQ(outcome({200, "", [this] { dropClient(); }}), "marked, POST positions, places 0");
-  for (const char* body : {kNewCounters, R"({"success":null})"})
-    EXPECT_EQ(outcome({200, body}, 8), "marked, POST positions, places 0") << body;
+  EXPECT_EQ(outcome({200, kNewCounters}, 8), "marked, POST positions, places 0");
   for (const char* body : {"", "{", "[1]", "null", R"({"last_prediction_id":5,"last_pasttrip_id":7,"last_poi_id":3})",
                            R"({"success":false,"last_prediction_id":5,"last_pasttrip_id":7,"last_poi_id":3})",
                            R"({"success":true,"last_prediction_id":"5","last_pasttrip_id":null})",
@@ -266,12 +276,49 @@ TEST_F(BatchUpload, MarksOrFreesAndDownloadsAsTheAnswerSays) {
     EXPECT_EQ(outcome({200, body}), "marked, POST positions, places 0") << body;
   EXPECT_EQ(outcome({200, R"({"success":true,"last_prediction_id":0,"last_pasttrip_id":0,"last_poi_id":-1.0})"}),
             "marked, GET pois, POST positions, places -1");
-  for (const int status : {201, 500})
-    EXPECT_EQ(outcome({status, kNewCounters}), "freed, POST positions, places 0") << status;
   // The status that arrived before the transfer broke decides.
   EXPECT_EQ(outcome({500, "lost", {}, /*broken=*/true}), "freed, POST positions, places 0");
   expectInOrder({"sendDataInBatchToRemoteWebServer : httpstatus : 500 :réponse = <NSHTTPURLResponse>",
                  "sendDataInBatchToRemoteWebServer :[error] :Optional("});
+}
+
+TEST_F(BatchUpload, IsConfirmedOnlyByACompleteAnswerOfTheAddressAskedThatSaysSo) {
+  const std::string yes = R"({"success":true})", there = "Location: there\r\n", later = "Retry-After: 9\r\n";
+  const std::string unanswered = "mark 0-9 without an answer";
+  backend.answer("there", {200, yes});
+  using Error = DeliveryError;
+  const struct {
+    Backend::Answer answer;
+    std::string byDefault;
+    Error error = Error::none;  ///< when confirmed; by default too, if it does not mark
+  } cases[] = {{{200, yes}, "mark 0-9"},
+               {{200, ""}, "mark 0-9", Error::rejected},
+               {{200, "{"}, "mark 0-9", Error::rejected},
+               {{200, R"({"success":false})"}, "mark 0-9", Error::rejected},
+               {{200, R"({"success":1})"}, "mark 0-9", Error::rejected},
+               {{200, yes, {}, /*broken=*/true}, unanswered, Error::broken},
+               {{302, yes, {}, false, there}, "mark 0-9", Error::redirected},
+               {{201, yes}, "", Error::refused},
+               {{403, yes, {}, false, later}, "", Error::unauthorized},
+               {{503, yes, {}, false, later}, "", Error::throttled},
+               {{500, yes, {}, /*broken=*/true}, "", Error::refused},
+               {{0, ""}, unanswered, Error::unreachable}};
+  for (const auto& [answer, byDefault, error] : cases) {
+    if (answer.status == 0) backend.stop();
+    backend.answer("positions", answer);
+    for (const auto& [confirmed, mode] : {std::pair(false, 8), {false, 12}, {true, 8}, {true, 12}}) {
+      settings.deliveryOptions.set({.confirmed = confirmed, .dropsProtocolBreaks = true});
+      settings.activateStatus.set(mode);
+      LogDiary::installed().clear();
+      NetworkManager::setCANAL_LOCK(true);
+      sendBatch();
+      const bool marks = confirmed ? error == Error::none : !byDefault.empty();
+      const std::string told = marks ? byDefault : platform::concat("failed ", static_cast<int>(error));
+      EXPECT_EQ(LogDiary::installed().count("engine: " + told), 1u)
+          << answer.status << answer.body << confirmed << mode;
+      EXPECT_EQ(NetworkManager::CANAL_LOCK(), marks) << "of a batch that is marked the engine frees it";
+    }
+  }
 }
 
 TEST_F(BatchUpload, DownloadsThenReplaysSubscriptionsUntilAcceptedThenMarks) {
@@ -355,6 +402,10 @@ TEST_F(Downloads, AskForTripsOnlyWhenTheNewestIsNotTheAnnouncedOne) {
   }
   engine.newest = {true, std::nullopt};
   EXPECT_DEATH(client().getLocationHistoryEXTRAPOLATED(), "no identifier");
+  settings.deliveryOptions.set({.dropsProtocolBreaks = true});
+  LogDiary::installed();
+  call(&NetworkManager::getLocationHistoryEXTRAPOLATED);
+  EXPECT_EQ(LogDiary::installed().count("the newest past trip has no identifier") + backend.take().size(), 1u);
   settings.userUUID.set(std::nullopt);
   client().getLocationHistoryEXTRAPOLATED();
   EXPECT_TRUE(platform::WorkInFlight::waitUntilIdle(platform::Seconds(0)));

@@ -46,6 +46,21 @@ TEST(URLRequest, ReadsHostsAsTheTransferWould) {
   }
 }
 
+TEST(HTTPURLResponse, SaysHowLongToWaitInSecondsOrByADateOfItsOwnClock) {
+  const std::string date = "Sun, 06 Nov 1994 08:49:";
+  const std::tuple<std::string, std::string, std::optional<Seconds>> cases[] = {
+      {"120", "", Seconds(120)},
+      {std::string(400, '9'), "", Seconds(1e300)},
+      {date + "37 GMT", "", Seconds(37)},
+      {"soon", "", {}},
+      {date + "37 GMT", date + "30 GMT", Seconds(7)},
+      {"-5", "", {}},
+      {date + "37 GMT", date + "38 GMT", Seconds(0)},
+      {"", "", {}}};
+  for (const auto& [asked, own, wait] : cases)
+    EXPECT_EQ(retryAfter({"", 503, {{"retry-after", asked}, {"date", own}}}, dateSince1970(784111740)), wait) << asked;
+}
+
 /// What the kernel itself does when asked to connect without sending anything.
 bool canConnectDatagrams(const char* address) {
   sockaddr_in peer{};

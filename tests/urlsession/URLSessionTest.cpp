@@ -37,9 +37,11 @@ TEST(URLSession, SendsWhatWasGivenAndNothingElse) {
       {{server.url(), "POST", {{"Empty", ""}}, {}}, "POST / HTTP/1.1" + host + "Empty:\r\nContent-Length: 0\r\n\r\n"},
       {{server.url(), "DELETE", {}, {}}, "DELETE / HTTP/1.1" + host + "\r\n"},
       {{server.url(), "PUT", {}, large}, "PUT / HTTP/1.1" + host + "Content-Length: 3000000\r\n\r\n" + large}};
-  for (const auto& [request, sent] : cases) {
+  for (auto [request, sent] : cases) {
     seen.clear();
+    request.bytesMoved = std::make_shared<std::atomic<std::uint64_t>>(0);
     fetch(request);
+    EXPECT_EQ(*request.bytesMoved, sent.empty() ? 0 : sent.size() + httpReply(200).size());
     EXPECT_TRUE(seen == sent) << request.description() << seen.substr(0, 300);
   }
 }
