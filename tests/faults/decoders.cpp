@@ -470,6 +470,7 @@ std::int64_t tryAll(const Target& target, Driver& driver) {
     ::alarm(kMostSeconds);
     target.run(input);
   }
+  ::alarm(0);
   fs::remove(kept);
   struct rusage used {};
   ::getrusage(RUSAGE_SELF, &used);
