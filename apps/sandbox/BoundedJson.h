@@ -25,6 +25,8 @@ Json parseBoundedJson(std::string_view text) {
     });
   } catch (const typename Json::parse_error& error) {
     throw std::runtime_error("no JSON: unexpected at byte " + std::to_string(error.byte));
+  } catch (const typename Json::out_of_range&) {
+    throw std::runtime_error("a number out of range");
   }
 }
 

@@ -26,7 +26,9 @@ std::optional<platform::Date> parseDate(const std::string& text) {
 }
 
 std::string isoDate(platform::Date date) {
-  const auto moment = static_cast<std::time_t>(std::floor(platform::secondsSince1970(date)));
+  const double seconds = std::floor(platform::secondsSince1970(date));
+  if (!(std::abs(seconds) < 0x1p63)) return {};
+  const auto moment = static_cast<std::time_t>(seconds);
   std::tm parts = {};
   char text[32] = "";
   if (::gmtime_r(&moment, &parts) != nullptr) std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);

@@ -14,7 +14,7 @@ std::optional<double> parseNumber(const std::string& text);
 /// zone it is UTC. Absent when the text is neither.
 std::optional<platform::Date> parseDate(const std::string& text);
 
-/// "2024-06-15T10:11:12Z", the fraction cut.
+/// "2024-06-15T10:11:12Z", the fraction cut; empty for a moment that no calendar has.
 std::string isoDate(platform::Date date);
 
 /// A factor of real time; `factor` is absent for "max". Absent when the text is neither that nor above zero.

@@ -37,24 +37,14 @@ mkdir -p "$work/keyless"
 echo '<?xml version="1.0"?><plist version="1.0"><dict/></plist>' >"$work/keyless/Info.plist"
 expect 1 'Failed to load Tarvo API KEY' "$program" replay "$trip" --backend http://127.0.0.1:9/api --home "$work/keyless" \
   --log --deadline 2
-for line in '{"at": 1}' '{"at": "noon", "event": "launch"}' '{"at": 1, "event": "nap"}' '{"at": 1, "event": "plug", "level": 2}' \
-  '{"at": 1, "event": "push", "payload": []}' '{"at": 1, "event": "launch", "level": 1}' 'launch'; do
-  echo "$line" >"$work/bad.jsonl"
-  expect 2 'bad.jsonl:1: ' "$program" replay "$trip" --mode 4 --home "$work/b" --script "$work/bad.jsonl"
-done
-# Deep nesting is refused, not followed; what is no file is not waited for.
-deep() { printf '%s' "$1"; head -c 200000 /dev/zero | tr '\0' '['; }
-deep '{"at":0,"event":"push","payload":' >"$work/deep.jsonl"
-deep '{"prediction":' >"$work/deep.json"
+echo '{"at": 1, "event": "nap"}' >"$work/bad.jsonl"
+expect 2 'bad.jsonl:1: ' "$program" replay "$trip" --mode 4 --home "$work/b" --script "$work/bad.jsonl"
+# Deep nesting is refused, not followed; what is no file is not waited for. (More of it: tests/faults/decoders.cpp.)
+{ printf '{"prediction":'; head -c 200000 /dev/zero | tr '\0' '['; } >"$work/deep.json"
 mkfifo "$work/fifo"
-expect 3 'nested deeper' "$program" replay "$trip" --sandbox --home "$work/b" --sandbox-data "$work/deep.json"
-for data in '{"trips":[{},1]}' '{"log_level":9223372036854775808}' '{"trip":[]}'; do
-  echo "$data" >"$work/canned.json"
-  expect 3 'canned.json: ' "$program" replay "$trip" --sandbox --home "$work/b" --sandbox-data "$work/canned.json"
-done
+expect 3 'deep.json: nested deeper' "$program" replay "$trip" --sandbox --home "$work/b" --sandbox-data "$work/deep.json"
 expect 3 'cannot be read' timeout 20 "$program" replay "$trip" --sandbox --home "$work/b" --sandbox-data "$work/fifo"
 expect 2 'cannot be read' timeout 20 "$program" replay "$trip" --sandbox --home "$work/b" --script "$work/fifo"
-expect 2 'nested deeper' "$program" replay "$trip" --sandbox --home "$work/b" --script "$work/deep.jsonl"
 expect 2 'fifo' timeout 20 "$program" replay "$work/fifo" --sandbox --home "$work/b"
 expect 3 'fifo' timeout 20 "$program" replay "$trip" --sandbox --home "$work/b" --sandbox-db "$work/fifo"
 mkdir -p "$work/piped/Library/Preferences"

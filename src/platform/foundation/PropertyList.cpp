@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <memory>
 #include <type_traits>
+#include <utility>
 
 #include "platform/foundation/Encoding.h"
 #include "platform/foundation/Text.h"
@@ -26,12 +27,6 @@ constexpr double kReferenceDate = 978307200;
 using Node = std::unique_ptr<std::remove_pointer_t<plist_t>, void (*)(plist_t)>;
 
 Node owned(plist_t node) { return Node(node, plist_free); }
-
-std::string owned(char* text) {
-  std::string copy(text == nullptr ? "" : text);
-  std::free(text);
-  return copy;
-}
 
 /// Numbers are read and written with a point, whatever locale the host has chosen.
 class PlainNumbers {
@@ -56,6 +51,19 @@ std::string xmlOf(plist_t node) {
   std::string xml(text == nullptr ? "" : text, length);
   plist_to_xml_free(text);
   return xml;
+}
+
+/// The key of an item, taken from its text: asked for it, the library ends the process if it holds a NUL, as one of a
+/// binary list can.
+std::string keyOf(plist_t item) {
+  const std::string xml = xmlOf(plist_dict_item_get_key(item));
+  const auto begin = xml.find("<key>"), end = xml.rfind("</key>");
+  if (begin == xml.npos || end == xml.npos) return {};
+  std::string key = xml.substr(begin + 5, end - begin - 5);
+  for (const auto& [entity, character] : {std::pair("&lt;", '<'), {"&gt;", '>'}, {"&amp;", '&'}})
+    for (std::size_t at = 0; (at = key.find(entity, at)) != key.npos; ++at)
+      key.replace(at, std::string_view(entity).size(), 1, character);
+  return key;
 }
 
 bool nestsTooDeep(std::string_view xml) {
@@ -108,11 +116,10 @@ Value dictionaryOf(plist_t node, int depth) {
   plist_dict_iter iterator = nullptr;
   plist_dict_new_iter(node, &iterator);
   for (;;) {
-    char* key = nullptr;
     plist_t item = nullptr;
-    plist_dict_next_item(node, iterator, &key, &item);
+    plist_dict_next_item(node, iterator, nullptr, &item);
     if (item == nullptr) break;
-    dictionary.insert_or_assign(owned(key), valueOf(item, depth + 1));
+    dictionary.insert_or_assign(keyOf(item), valueOf(item, depth + 1));
   }
   std::free(iterator);
   return dictionary;
