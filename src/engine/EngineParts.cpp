@@ -45,6 +45,7 @@ class ReplyReceiver final : public NetworkManagerDelegate {
 
 EngineParts::EngineParts(LocationManager& owner)
     : engine(owner),
+      retention(store, ledger),
       registration(store, networkManager),
       pipeline(store, networkManager, registration, ledger),
       history(store),
@@ -52,7 +53,9 @@ EngineParts::EngineParts(LocationManager& owner)
       collection(state, locationManager, store, networkManager),
       geofencing(state, locationManager, collection),
       modes(state, locationManager, collection, geofencing, networkManager),
-      intake(owner, state, collection, modes, geofencing, pipeline) {}
+      intake(owner, state, collection, modes, geofencing, pipeline) {
+  store.setAfterSave([this] { retention.didSave(); });
+}
 
 void EngineParts::startUp() {
   subscribeForNotifications();

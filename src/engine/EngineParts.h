@@ -14,6 +14,7 @@
 #include "settings/EngineLink.h"
 #include "store/Ledger.h"
 #include "store/ObjectStore.h"
+#include "store/Retention.h"
 #include "sync/DeviceRegistration.h"
 #include "sync/DownloadIngest.h"
 #include "sync/HistoryReads.h"
@@ -46,6 +47,7 @@ class EngineParts final : public platform::CLLocationManagerDelegate, public Eng
   EngineState state;
   ObjectStore store;
   Ledger ledger;
+  Retention retention;
   DeviceRegistration registration;
   UploadPipeline pipeline;
   HistoryReads history;

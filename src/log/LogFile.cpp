@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <utility>
@@ -12,6 +13,7 @@
 #include <tarvo/platform/Environment.h>
 
 #include "log/Log.h"
+#include "log/LogFolder.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/Mutex.h"
 
@@ -32,6 +34,8 @@ Entry lookAt(const std::string& file) {
   if (::lstat(file.c_str(), &status) != 0) return Entry::none;
   return S_ISREG(status.st_mode) ? Entry::regularFile : Entry::other;
 }
+
+std::atomic<std::uint64_t> linesDropped{0};
 
 /// The path of the file that the latest line went to, kept because the next line mostly goes there too. Threads: any.
 class LatestFile {
@@ -104,7 +108,10 @@ class WaitingLines {
   void add(LogFilePath file, std::initializer_list<std::string_view> parts) {
     platform::MutexLock lock(mutex_);
     if (!hasThread_) hasThread_ = Log::serialQueue().start();
-    if (!hasThread_ && next_.text.size() >= kMostWithoutThread) return;
+    if (!hasThread_ && next_.text.size() >= kMostWithoutThread) {
+      ++linesDropped;
+      return;
+    }
     for (const std::string_view part : parts) next_.text.append(part);
     next_.lines.push_back({std::move(file), next_.text.size()});
     // Queued under the lock, so that a block that the caller queues next comes after its line.
@@ -132,7 +139,10 @@ class WaitingLines {
     }
     std::size_t begin = 0;
     for (const Line& line : written_.lines) {
-      appendTo(*line.file, std::string_view(written_.text).substr(begin, line.end - begin));
+      if (LogFolder::shared().admits(*line.file, line.end - begin))
+        appendTo(*line.file, std::string_view(written_.text).substr(begin, line.end - begin));
+      else
+        ++linesDropped;
       begin = line.end;
     }
     if (written_.text.capacity() > kMostKeptBytes) written_ = {};
@@ -153,5 +163,7 @@ LogFilePath logFileNamed(std::string_view name) { return LatestFile::shared().pa
 void appendToLogFile(LogFilePath file, std::initializer_list<std::string_view> parts) {
   WaitingLines::shared().add(std::move(file), parts);
 }
+
+std::uint64_t droppedLogLines() { return linesDropped.load(); }
 
 }  // namespace tarvo

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <initializer_list>
 #include <memory>
 #include <string>
@@ -19,5 +20,8 @@ LogFilePath logFileNamed(std::string_view name);
 
 /// Appends the parts, one after the other, on the log's queue. A file that does not exist by then is not created.
 void appendToLogFile(LogFilePath file, std::initializer_list<std::string_view> parts);
+
+/// Lines that this process had no room or no thread for.
+std::uint64_t droppedLogLines();
 
 }  // namespace tarvo

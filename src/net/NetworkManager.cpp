@@ -5,6 +5,7 @@
 #include <tarvo/platform/UserDefaults.h>
 
 #include "log/Log.h"
+#include "log/LogFolder.h"
 #include "net/BackendAddress.h"
 #include "net/ClientState.h"
 #include "net/Messages.h"
@@ -57,6 +58,7 @@ NetworkManager::NetworkManager()
   Settings::shared().reloadUserSecret();
   auto session = openBackgroundSession(names::kBackgroundSession);
   Log::debug("NetworkManager:init [net] newBackgroundSession:", session->description());
+  LogFolder::setInUse([session](const std::filesystem::path& file) { return session->hasTaskFor(file); });
   state_->backgroundSession.set(std::move(session));
 }
 

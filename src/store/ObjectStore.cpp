@@ -122,10 +122,9 @@ void ObjectStore::saveContext() {
   Log::debug("LocationManager:saveContext [coreData] mainThread:", mainThread());
   NSManagedObjectContext& context = managedObjectContext();
   if (!context.hasChanges()) return;
-  if (const auto error = context.save())
-    tellUnresolved(*error);
-  else
-    platform::UserDefaults::standard().synchronize();  // there may be room again
+  if (const auto error = context.save()) return tellUnresolved(*error);
+  platform::UserDefaults::standard().synchronize();  // there may be room again
+  if (afterSave_) afterSave_();
 }
 
 void ObjectStore::saveAfterFailure() {

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 #include "platform/persistence/NSManagedObjectContext.h"
 
@@ -30,6 +32,8 @@ class ObjectStore {
   /// Saves what is pending; only from inside a block of the context. A failure is logged and everything stays
   /// pending for the next save.
   void saveContext();
+  /// Called after each save that went well, inside its block of the context; to be set before the first one.
+  void setAfterSave(std::function<void()> afterSave) { afterSave_ = std::move(afterSave); }
   /// Saves what the last save could not write, if that is so; only from inside a block of the context.
   void saveAfterFailure();
 
@@ -42,6 +46,7 @@ class ObjectStore {
   std::shared_ptr<platform::NSManagedObjectModel> model_;
   std::shared_ptr<platform::NSPersistentStoreCoordinator> coordinator_;
   std::unique_ptr<platform::NSManagedObjectContext> context_;
+  std::function<void()> afterSave_;
 };
 
 }  // namespace tarvo

@@ -12,9 +12,11 @@
 #include "platform/foundation/Json.h"
 #include "platform/foundation/Text.h"
 #include "settings/Settings.h"
+#include "store/Ledger.h"
 #include "store/Attributes.h"
 #include "store/PastTrips.h"
 #include "store/PointOfInterest.h"
+#include "store/Retention.h"
 #include "store/StoreFixture.h"
 #include "store/Users.h"
 #include "support/DiaryEngine.h"
@@ -62,6 +64,75 @@ TEST_F(StoredPositions, AreNumberedByTheRecordsBesidesThemWhateverIsSaved) {
     Locations::removeData(context);
     EXPECT_EQ(add(context)->index(), 0);
   });
+}
+
+/// With the limits of a device, looked at after each save.
+struct LimitedStore : StoredPositions {
+  LimitedStore() {
+    store.setAfterSave([this] { retention.didSave(); });
+  }
+  /// Stores so many; `acknowledged` of them are at once.
+  void collect(Context& context, int count, int acknowledged) {
+    for (int i = 0; i < count; ++i)
+      if (const auto position = add(context); i < acknowledged) position->setBoolean(at::unsent, false);
+    store.saveContext();
+  }
+  Ledger ledger;
+  Retention retention{store, ledger};
+};
+
+TEST_F(LimitedStore, LosesWhatIsAcknowledgedAndOldAndNumbersGoOnBehindTheHighestEverGiven) {
+  within([&](Context& context) {
+    collect(context, 1500, 1200);
+    clock->advance(Seconds(3600));
+    collect(context, 100, 100);
+    Settings::shared().storageLimits.set({.positionAge = Seconds(1800)});
+    const auto held = Locations::getAllLocations(context).back();  // 600, in use
+    const auto posted = Locations::getUnsentLocations(context);
+    collect(context, 1, 0);
+    EXPECT_EQ(ledger.positions().removed, 1000);
+    EXPECT_EQ(Locations::counts(context).stored, 601);
+    collect(context, 1, 0);
+    EXPECT_EQ(std::tuple(ledger.positions().removed, ledger.positions().removedUpTo), std::tuple(1199, 1199));
+    EXPECT_EQ(Locations::counts(context).lastIndex, 1601);
+    EXPECT_EQ(indexes(Locations::getUnsentLocations(context)).front(), 1200);
+    posted.front()->setBoolean(at::unsent, false);  // though an object was made before its neighbours went
+    EXPECT_EQ(held->record().index, 600);
+    clock->advance(Seconds(1e6));
+    Locations::markLocationAsSentUntilIndex("1601", context, "1200");
+    EXPECT_EQ(logged("Locations:markLocationAsSentUntilIndex [loc] from:1200 to:1601 "), 1U);
+    collect(context, 1, 1);
+    for (int i = 0; i < 3; ++i) collect(context, 1, 0);
+    const auto history = Locations::getLocationHistory(context, platform::distantPast(), platform::distantFuture());
+    EXPECT_EQ(history.toVector().front().index, 600);
+    EXPECT_EQ(indexes(Locations::getUnsentLocations(context)), (std::vector<std::int64_t>{1603, 1604, 1605}));
+  });
+  EXPECT_EQ(platform::runSql(file, "SELECT value FROM _metadata WHERE name = 'Locations.keys'"), "1602 1601 1601");
+}
+
+TEST_F(StoredPositions, OfABoundedStoreTakeTheRoomOfTheOldestOnesAlsoInLaterProcesses) {
+  Settings::shared().storageLimits.set({.storeBytes = 400'000});
+  Ledger ledger;
+  for (std::int64_t process = 0; process < 3; ++process) {
+    ObjectStore own;
+    Retention retention(own, ledger);
+    own.setAfterSave([&] { retention.didSave(); });
+    auto& context = own.managedObjectContext();
+    context.performAndWait([&] {
+      for (std::int64_t i = 0; i < 2000; ++i) {
+        const auto position = add(context, 48.5, std::string(i % 7, 'x'));
+        ASSERT_EQ(position->index(), 2000 * process + i);
+        position->setBoolean(at::unsent, i == 1000);  // one in the midst of each process waits
+        if (i % 10 == 9) own.saveContext();
+      }
+      EXPECT_LE(context.storeBytes().value(), 500'000U) << "looked at each thousandth save";
+      EXPECT_EQ(Locations::counts(context).unsent, process + 1);
+      EXPECT_EQ(Locations::counts(context).stored + ledger.positions().removed, 2000 * (process + 1));
+    });
+  }
+  EXPECT_EQ(platform::runSql(file, "SELECT count(*) FROM Locations WHERE \"index\" <> _key - 1"), "0");
+  EXPECT_LT(std::filesystem::file_size(file), 1'100'000U);
+  EXPECT_EQ(platform::runSql(file, "PRAGMA integrity_check"), "ok");
 }
 
 TEST_F(StoredPositions, KeepTheWholeFixAndItsCircumstances) {
