@@ -38,6 +38,9 @@ class EngineParts final : public platform::CLLocationManagerDelegate, public Eng
 
   /// Deletes past trips and places and saves at once: a reset must survive a kill right after it.
   void resetLocalHistory();
+  /// Erases everything that is kept of the user, in this process and on the disk, and stops collection. Absent on
+  /// success; else the next start on this home goes on. Never from inside a callback of the SDK.
+  std::optional<platform::Error> eraseEverything();
   /// Writes what could not be saved before, if there is room again, and moves what the store's log holds into its file.
   void checkpoint();
 

@@ -82,6 +82,11 @@ bool Log::isFileName(std::string_view name) {
 
 std::string Log::todaysFilePrefix() { return platform::concat(kFilePrefix, "_", dayOf(currentStamp())); }
 
+void Log::forget() {
+  forgetLogFile();
+  serialQueue().sync([] {});
+}
+
 void Log::debugLog(std::int64_t level, std::initializer_list<platform::Piece> parts) {
   platform::TextBuilder message;
   platform::append(message, parts);

@@ -16,6 +16,7 @@
 #include "log/LogFolder.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/Mutex.h"
+#include "settings/Settings.h"
 
 namespace tarvo {
 namespace {
@@ -50,6 +51,13 @@ class LatestFile {
     return file && lookAt(*file) == Entry::regularFile ? file : locateOrCreate(name);
   }
 
+  void forget() {
+    platform::MutexLock creation(creating_);
+    platform::MutexLock lock(mutex_);
+    name_.clear();
+    file_ = nullptr;
+  }
+
  private:
   LogFilePath cached(std::string_view name) {
     platform::MutexLock lock(mutex_);
@@ -65,6 +73,7 @@ class LatestFile {
       // One thread at a time: writing the header replaces the file, and with it a line that another thread might have
       // appended meanwhile.
       platform::MutexLock lock(creating_);
+      if (!Settings::shared().userUUID.get()) return nullptr;  // forgotten meanwhile
       const Entry there = lookAt(*file);
       // Flushed before any line follows: a file that a power cut has left without its header would be refused by the
       // backend.
@@ -163,6 +172,8 @@ LogFilePath logFileNamed(std::string_view name) { return LatestFile::shared().pa
 void appendToLogFile(LogFilePath file, std::initializer_list<std::string_view> parts) {
   WaitingLines::shared().add(std::move(file), parts);
 }
+
+void forgetLogFile() { LatestFile::shared().forget(); }
 
 std::uint64_t droppedLogLines() { return linesDropped.load(); }
 

@@ -39,7 +39,9 @@ platform::URLRequest NetworkManager::State::requestFrom(const Credentials& crede
 void NetworkManager::State::start(platform::URLRequest request, Completion completion) {
   platform::URLSession::shared()
       .dataTask(std::move(request),
-                [state = shared_from_this(), completion = std::move(completion)](auto data, auto response, auto error) {
+                [state = shared_from_this(), completion = std::move(completion),
+                 era = Settings::shared().erasures.load()](auto data, auto response, auto error) {
+                  if (era != Settings::shared().erasures.load()) return;
                   NetworkManager self(state);
                   Reply reply{std::move(data), std::move(response), std::move(error)};
                   completion(self, reply);

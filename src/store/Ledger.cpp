@@ -33,4 +33,9 @@ void Ledger::didRemove(std::int64_t positions, std::int64_t upTo) {
   });
 }
 
+void Ledger::forget() {
+  positions_.set({});
+  delivery_.set({});
+}
+
 }  // namespace tarvo

@@ -20,6 +20,9 @@ class Ledger {
   void didFail(DeliveryError error, std::optional<platform::Date> nextTry);
   void didRemove(std::int64_t positions, std::int64_t upTo);
 
+  /// As in a new process.
+  void forget();
+
   Health::Positions positions() const { return positions_.get(); }  ///< what is not counted in the store
   Health::Delivery delivery() const { return delivery_.get(); }
 

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <utility>
 
+#include "platform/foundation/HomeErasure.h"
 #include "platform/persistence/NSManagedObjectContext.h"
 
 namespace tarvo {
@@ -21,7 +22,7 @@ class ObjectStore {
  public:
   explicit ObjectStore(platform::WriteRight::Patience patience = {}) : patience_(patience) {}
 
-  static constexpr const char* kFileName = "Marrowgate-Tarvo-db3.sqlite";
+  static constexpr const char* kFileName = platform::kStoreFileName;
 
   /// The last of the document directories.
   const std::filesystem::path& applicationDocumentsDirectory();

@@ -46,6 +46,9 @@ class UploadPipeline {
   /// follows runs inside the same block of the context.
   void acknowledge(std::string_view locationIndex, std::string_view firstLoc);
 
+  /// Lets go of the posted batch and of what is counted here. Inside a block of the context.
+  void forget();
+
   /// Set by a session error and never cleared: no batch starts until the process is started anew.
   std::atomic<bool> networkManagerReceivedSessionError{false};
 

@@ -259,6 +259,7 @@ Result<StoredRows> NSManagedObjectContext::rows(const NSFetchRequest& request) {
   if (!view) return view.error();
   Execution last(store.database(), concat("SELECT max(\"_key\") FROM \"", entity.name, "\""));
   if (!last.step()) return last.error(StoreErrorCode::operation, "The keys could not be read");
+  rows.store_ = store.uuid();
   rows.lastKey_ = last.integer(0);
   auto all = store.rowCount(entity);
   if (!all) return all.error();
@@ -328,6 +329,15 @@ Result<std::uint64_t> NSManagedObjectContext::storeBytes() {
   Store* store = coordinator_->store();
   if (!store) return coordinator_->whyNoStore("fetch");
   return store->bytesInUse();
+}
+
+std::optional<Error> NSManagedObjectContext::renewStore(const std::function<std::optional<Error>()>& between) {
+  requireCurrent();
+  state_->entities.clear();
+  state_->metadata.clear();
+  state_->saveDeferred = false;
+  state_->rowsAtOnce = kAllRows;
+  return coordinator_->renewStore(between);
 }
 
 std::optional<Error> NSManagedObjectContext::claim(std::optional<WriteRight::Span> wait) {

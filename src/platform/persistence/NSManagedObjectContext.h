@@ -57,6 +57,9 @@ class NSManagedObjectContext {
   /// The bytes of the store's file that are in use; what a removal has freed is used again before the file grows.
   Result<std::uint64_t> storeBytes();
 
+  /// Forgets all that is unsaved, lets go of every object, and renews the store (see NSPersistentStoreCoordinator).
+  std::optional<Error> renewStore(const std::function<std::optional<Error>()>& between);
+
   /// Takes the right to write to the store (see NSPersistentStoreCoordinator). Call it before reading what is to be
   /// changed, so that nobody else changes it in between. `insertNewObject` and `save` take the right themselves.
   /// Changing or deleting an object does not: a process that only reads may do so as long as it never saves. Absent on

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -42,6 +43,9 @@ class NSPersistentStoreCoordinator {
   /// Takes the right to write unless it is held; absent on success. May wait, see WriteRight; `wait` stands for this
   /// one claim.
   std::optional<Error> claim(std::optional<WriteRight::Span> wait = {});
+  /// Closes the store's file, has `between` remove it, and makes a new one, also when that fails. Needs the right to
+  /// write, which stays. The first failure of all steps; without a new file there is no store from here on.
+  std::optional<Error> renewStore(const std::function<std::optional<Error>()>& between);
   const NSManagedObjectModel& model() const { return *model_; }
   /// Moves what the write-ahead log holds into the database file; nothing to do for who does not write.
   std::optional<Error> checkpoint();
@@ -56,7 +60,8 @@ class NSPersistentStoreCoordinator {
 
   std::shared_ptr<NSManagedObjectModel> model_;
   const WriteRight::Patience patience_;
-  const unsigned forks_;  ///< that led to the process of the coordinator
+  const unsigned forks_;       ///< that led to the process of the coordinator
+  std::string configuration_;  ///< of the store
   std::unique_ptr<Store> store_;
   std::unique_ptr<WriteRight> right_;
   Standing standing_ = Standing::reads;

@@ -137,11 +137,11 @@ Error unknownEntity(const NSEntityDescription& entity) {
 
 Result<std::unique_ptr<NSPersistentStoreCoordinator::Store>> NSPersistentStoreCoordinator::Store::open(
     const std::filesystem::path& file, const std::vector<const NSEntityDescription*>& entities,
-    const NSManagedObjectModel::Version& version) {
+    const NSManagedObjectModel::Version& version, bool hasRight) {
   // Of several processes one makes the store, the others find it made. Without the lock SQLite's own transactions keep
   // them apart as well, but for the switch to write-ahead logging.
   FileLock making(WriteRight::lockFileOf(file));
-  if (isToBeMade(file)) (void)making.lock(kLongestCreation, [&] { return !isToBeMade(file); });
+  if (!hasRight && isToBeMade(file)) (void)making.lock(kLongestCreation, [&] { return !isToBeMade(file); });
   if (auto error = ensureFile(file)) return *error;
   if (StoreSchema::isHalfMade(file)) undoHalfMade(file);
   if (auto error = StoreSchema::checkHeader(file)) return *error;
@@ -153,7 +153,7 @@ Result<std::unique_ptr<NSPersistentStoreCoordinator::Store>> NSPersistentStoreCo
   if (!uuid) return uuid.error();
   if (database.isReadOnly())
     return storeError(StoreErrorCode::open, "The store file cannot be written", database.file());
-  if (making.isHeld()) {
+  if (hasRight || making.isHeld()) {
     ::chmod(file.c_str(), kOwnerOnly);  // before SQLite makes its side files
     if (auto error = useWriteAheadLog(database)) return *error;
   }

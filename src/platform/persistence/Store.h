@@ -43,10 +43,11 @@ struct NSPersistentStoreCoordinator::Store {
     std::optional<Keys> keys;   ///< of the table afterwards; none if no row came or went
   };
 
-  /// Opens or creates the file; refuses what is not a store of the model. What is there already is not changed.
+  /// Opens or creates the file; refuses what is not a store of the model. What is there already is not changed. To
+  /// create it, one who has not the right to write takes it for the moment.
   static Result<std::unique_ptr<Store>> open(const std::filesystem::path& file,
                                              const std::vector<const NSEntityDescription*>& entities,
-                                             const NSManagedObjectModel::Version& version);
+                                             const NSManagedObjectModel::Version& version, bool hasRight = false);
 
   /// From here on this process is the only one that writes: counts are trusted. Brings a store of an earlier version up
   /// to date. On failure nothing has begun.
