@@ -13,8 +13,8 @@ struct StorageLimits {
   /// the highest number ever given. By the installed clock; the newest by fix time and the one with the highest number
   /// always stay.
   std::optional<platform::Seconds> positionAge{};
-  /// While the store's file holds more bytes than this, free pages apart (it does not shrink), the oldest positions that the backend has acknowledged go.
-  /// What awaits its upload always stays, whatever it takes.
+  /// While the store's file holds more bytes than this, free pages apart (it does not shrink), the oldest positions
+  /// that the backend has acknowledged go. What awaits its upload always stays, whatever it takes.
   std::optional<std::uint64_t> storeBytes{};
   /// Log files of days longer ago go, sent or not; today's stays, and one whose upload is under way.
   std::optional<platform::Seconds> logAge{};

@@ -48,8 +48,7 @@ void Retention::didSave() {
   auto& context = store_.managedObjectContext();
   // Rows whose objects are in use stay.
   const std::string entity(Locations::kEntity);
-  auto newest =
-      context.fetch({.entity = entity, .sortDescriptors = {{"locationTimestamp", false}}, .fetchLimit = 1});
+  auto newest = context.fetch({.entity = entity, .sortDescriptors = {{"locationTimestamp", false}}, .fetchLimit = 1});
   auto last = context.fetch({.entity = entity, .sortDescriptors = {{"index", false}}, .fetchLimit = 1});
   if (!newest || !last) return;
   if (limits.positionAge) {
