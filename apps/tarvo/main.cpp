@@ -38,6 +38,7 @@ int main(int argc, char** argv) {
   Run run;
   addReplayCommand(app, run);
   addReadCommands(app, run);
+  addEraseCommand(app, run);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

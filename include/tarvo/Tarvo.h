@@ -150,6 +150,20 @@ class TARVO_API Tarvo {
   /// The zones of the stored places, GeoJSON texts in UTF-8, highest identifier first; in any mode.
   std::vector<std::string> getPointOfInterests();
 
+  /// For a person's right to be forgotten: erases positions, trips, places, the user with its secret, the identifier of
+  /// the device, logs, uploads under way and all settings, from the disk (each file is overwritten, then removed; what
+  /// a disk can still hold: docs/hosting.md) and from this process. Collection stops, the mode is DEACTIVE_ALL,
+  /// transfers end, and answers that come later are dropped. The host's own keys, options and delegates stay: the next
+  /// activation registers a new user, whose positions begin at 0.
+  ///
+  /// A kill at any moment is made up for by the next process that starts on this home, before it reads anything of it.
+  /// The same after false, with the reason in the system log: another process has the right to write, or the disk
+  /// refuses. Until a call or a start has done it nothing should be activated: it would be erased too.
+  ///
+  /// Waits for what the SDK is doing, up to 2 s for another process, and as long as it takes to overwrite the files.
+  /// Any thread, but not inside a callback on a thread of the SDK, which stops the process; no other call to the SDK
+  /// meanwhile.
+  bool eraseEverything();
   /// Deletes stored past trips and places; positions stay.
   void resetLocalHistory();
   // Ask the backend to forget what it has derived: past trips and the profile of places and predictions, or the profile

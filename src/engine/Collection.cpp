@@ -122,11 +122,13 @@ std::optional<CLLocation> Collection::getLastLocation() {
 void Collection::addNewLocationToDatabase(std::vector<CLLocation> fixes, std::string_view activity,
                                           std::string_view method, std::string_view serviceaction) {
   Log::debug("LocationManager:addNewLocationToDatabase [loc] loc:", fixes.size(), " mainThread:", mainThread());
+  const std::uint64_t era = Settings::shared().erasures.load();
   if (Settings::shared().activateStatus.get() < mode::kLocalForeground) return;
-  state_.serialQueueLocation.async([this, fixes = std::move(fixes), activity = std::string(activity),
+  state_.serialQueueLocation.async([this, era, fixes = std::move(fixes), activity = std::string(activity),
                                     method = std::string(method), serviceaction = std::string(serviceaction)] {
     auto& context = store_.managedObjectContext();
     context.performAndWait([&] {
+      if (era != Settings::shared().erasures.load()) return;
       for (const auto& fix : fixes) {
         Log::debug("LocationManager:addNewLocationToDatabase [loc] loc:", fix, " mainThread:", mainThread());
         if (!Locations::addLocation(fix, activity, method, context, serviceaction)) continue;

@@ -49,6 +49,7 @@ class ReplyReceiver final : public NetworkManagerDelegate {
 
 EngineParts::EngineParts(LocationManager& owner)
     : engine(owner),
+      retention(store, ledger),
       registration(store, networkManager),
       pipeline(store, networkManager, registration, ledger),
       history(store),
@@ -58,6 +59,7 @@ EngineParts::EngineParts(LocationManager& owner)
       modes(state, locationManager, collection, geofencing, networkManager),
       intake(owner, state, collection, modes, geofencing, pipeline) {
   store.setWillSave([this](platform::NSManagedObjectContext& context) { ledger.willSave(context); });
+  store.setAfterSave([this] { retention.didSave(); });
 }
 
 void EngineParts::startUp() {
@@ -170,6 +172,8 @@ Health EngineParts::health() {
     health.positions.awaiting = counts.awaiting;
     health.positions.acknowledged = counts.acknowledged();
     health.positions.unsaved = counts.unsaved;
+    // Counted with the removal itself; the ledger is told a moment later.
+    if (const auto removed = context.removedRows(Locations::kEntity)) health.positions.removed = *removed;
     // The clock may have been set back since.
     if (const auto oldest = Locations::oldestUnacknowledgedStorage(context))
       health.positions.oldestUnsentAge = std::max(platform::Clock::current()->now() - *oldest, platform::Seconds(0));

@@ -15,6 +15,7 @@
 #include "settings/EngineLink.h"
 #include "store/Ledger.h"
 #include "store/ObjectStore.h"
+#include "store/Retention.h"
 #include "sync/DeviceRegistration.h"
 #include "sync/DownloadIngest.h"
 #include "sync/HistoryReads.h"
@@ -40,6 +41,9 @@ class EngineParts final : public platform::CLLocationManagerDelegate, public Eng
   void resetLocalHistory();
   /// Where positions are, what holds them up, and why some are missing. Waits for the store's blocks.
   Health health();
+  /// Erases everything that is kept of the user, in this process and on the disk, and stops collection. Absent on
+  /// success; else the next start on this home goes on. Never from inside a callback of the SDK.
+  std::optional<platform::Error> eraseEverything();
   /// Writes what could not be saved before, if there is room again, and what has changed in the ledger, and moves what
   /// the store's log holds into its file.
   void checkpoint();
@@ -50,6 +54,7 @@ class EngineParts final : public platform::CLLocationManagerDelegate, public Eng
   EngineState state;
   ObjectStore store;
   Ledger ledger;
+  Retention retention;
   DeviceRegistration registration;
   UploadPipeline pipeline;
   HistoryReads history;

@@ -3,6 +3,7 @@
 #include <tarvo/HostKeys.h>
 #include <tarvo/Version.h>
 #include <tarvo/platform/Device.h>
+#include <tarvo/platform/SystemLog.h>
 #include <tarvo/platform/UserDefaults.h>
 
 #include "engine/EngineParts.h"
@@ -144,6 +145,14 @@ std::vector<std::string> Tarvo::getPointOfInterests() {
   for (auto& place : core_->locationManager.getPointOfInterest())
     if (place.zone_geo_json) zones.push_back(std::move(*place.zone_geo_json));
   return zones;
+}
+
+bool Tarvo::eraseEverything() {
+  const auto failure = EngineParts::of(core_->locationManager).eraseEverything();
+  core_->stop_route_match = true;
+  core_->stop_prediction_update = true;
+  if (failure) platform::NSLog("Tarvo : not everything is erased: " + failure->localizedDescription);
+  return !failure;
 }
 
 void Tarvo::resetLocalHistory() { EngineParts::of(core_->locationManager).resetLocalHistory(); }

@@ -84,6 +84,10 @@ std::string Log::todaysFilePrefix() { return platform::concat(kFilePrefix, "_", 
 
 std::uint64_t Log::linesDropped() { return droppedLogLines(); }
 std::uint64_t Log::bytes() { return logFileBytes(); }
+void Log::forget() {
+  forgetLogFile();
+  serialQueue().sync([] {});
+}
 
 void Log::debugLog(std::int64_t level, std::initializer_list<platform::Piece> parts) {
   platform::TextBuilder message;

@@ -7,6 +7,7 @@
 
 #include <tarvo/platform/MainQueue.h>
 
+#include "platform/foundation/HomeErasure.h"
 #include "platform/foundation/SerialQueue.h"
 #include "platform/foundation/Text.h"
 
@@ -47,7 +48,8 @@ class Log {
   /// What the names of all log files of a day begin with; the year is the week-based one.
   static std::string todaysFilePrefix();
   /// Log files of all days: what their names begin with, and their extension.
-  static constexpr std::string_view kFilePrefix = "TarvoLog", kFileExtension = ".txt";
+  static constexpr std::string_view kFilePrefix = platform::kLogFilePrefix,
+                                    kFileExtension = platform::kLogFileExtension;
   /// Whether a log file could be called so.
   static bool isFileName(std::string_view name);
 
@@ -55,6 +57,9 @@ class Log {
   static std::uint64_t linesDropped();
   /// What the log files of all days take. Looks at the folder.
   static std::uint64_t bytes();
+  /// Waits for the lines that are under way, and creates no file any more for a user who was known before: to be called
+  /// once the user has been forgotten.
+  static void forget();
 
   /// Where the lines are appended; what must come behind them is queued here too.
   static platform::SerialQueue& serialQueue();

@@ -15,8 +15,10 @@
 #include <tarvo/platform/Environment.h>
 
 #include "log/Log.h"
+#include "log/LogFolder.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/Mutex.h"
+#include "settings/Settings.h"
 
 namespace tarvo {
 namespace {
@@ -51,6 +53,13 @@ class LatestFile {
     return file && lookAt(*file) == Entry::regularFile ? file : locateOrCreate(name);
   }
 
+  void forget() {
+    platform::MutexLock creation(creating_);
+    platform::MutexLock lock(mutex_);
+    name_.clear();
+    file_ = nullptr;
+  }
+
  private:
   LogFilePath cached(std::string_view name) {
     platform::MutexLock lock(mutex_);
@@ -69,6 +78,7 @@ class LatestFile {
       // One thread at a time: writing the header replaces the file, and with it a line that another thread might have
       // appended meanwhile.
       platform::MutexLock lock(creating_);
+      if (!Settings::shared().userUUID.get()) return nullptr;  // forgotten meanwhile
       const Entry there = lookAt(*file);
       // Flushed before any line follows: a file that a power cut has left without its header would be refused by the
       // backend.
@@ -151,7 +161,10 @@ class WaitingLines {
     }
     std::size_t begin = 0;
     for (const Line& line : written_.lines) {
-      appendTo(*line.file, std::string_view(written_.text).substr(begin, line.end - begin));
+      if (LogFolder::shared().admits(*line.file, line.end - begin))
+        appendTo(*line.file, std::string_view(written_.text).substr(begin, line.end - begin));
+      else
+        ++linesDropped;
       begin = line.end;
     }
     if (written_.text.capacity() > kMostKeptBytes) written_ = {};
@@ -189,5 +202,7 @@ LogFilePath logFileNamed(std::string_view name) { return LatestFile::shared().pa
 void appendToLogFile(LogFilePath file, std::initializer_list<std::string_view> parts) {
   WaitingLines::shared().add(std::move(file), parts);
 }
+
+void forgetLogFile() { LatestFile::shared().forget(); }
 
 }  // namespace tarvo

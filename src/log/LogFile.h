@@ -21,6 +21,9 @@ LogFilePath logFileNamed(std::string_view name);
 /// Appends the parts, one after the other, on the log's queue. A file that does not exist by then is not created.
 void appendToLogFile(LogFilePath file, std::initializer_list<std::string_view> parts);
 
+/// Waits for a creation under way. From here on none begins until a user is known.
+void forgetLogFile();
+
 /// Lines of this process that should have become part of a file and did not.
 std::uint64_t droppedLogLines();
 /// What the log files of all days take.

@@ -5,6 +5,7 @@
 #include <tarvo/platform/UserDefaults.h>
 
 #include "log/Log.h"
+#include "log/LogFolder.h"
 #include "net/BackendAddress.h"
 #include "net/ClientState.h"
 #include "net/Messages.h"
@@ -39,7 +40,9 @@ platform::URLRequest NetworkManager::State::requestFrom(const Credentials& crede
 void NetworkManager::State::start(platform::URLRequest request, Completion completion) {
   platform::URLSession::shared()
       .dataTask(std::move(request),
-                [state = shared_from_this(), completion = std::move(completion)](auto data, auto response, auto error) {
+                [state = shared_from_this(), completion = std::move(completion),
+                 era = Settings::shared().erasures.load()](auto data, auto response, auto error) {
+                  if (era != Settings::shared().erasures.load()) return;
                   NetworkManager self(state);
                   Reply reply{std::move(data), std::move(response), std::move(error)};
                   droppingProtocolBreaks([&] { completion(self, reply); });
@@ -58,6 +61,7 @@ NetworkManager::NetworkManager()
   Settings::shared().reloadUserSecret();
   auto session = openBackgroundSession(names::kBackgroundSession);
   Log::debug("NetworkManager:init [net] newBackgroundSession:", session->description());
+  LogFolder::setInUse([session](const std::filesystem::path& file) { return session->hasTaskFor(file); });
   state_->backgroundSession.set(std::move(session));
 }
 

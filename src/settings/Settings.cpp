@@ -70,6 +70,12 @@ void UploadChannel::setLocked(bool locked) {
   locked_ = locked;
 }
 
+void UploadChannel::reset() {
+  MutexLock lock(mutex_);
+  locked_ = false;
+  takenAt_.reset();
+}
+
 platform::Date UploadChannel::takenAt() const {
   const platform::Date now = platform::Clock::current()->now();
   MutexLock lock(mutex_);
@@ -97,6 +103,22 @@ void Settings::storeUserSecret(std::string secret) {
   MutexLock order(secretMutex_);
   UserDefaults::standard().set(names::kUserSecret, secret);
   userSecret.set(std::move(secret));
+}
+
+void Settings::forgetUser() {
+  {
+    MutexLock order(secretMutex_);
+    userSecret.set({});
+  }
+  userUUID.set({});
+  deviceToken.set({});
+  tokenSent.set(false);
+  lastTripID.set(0);
+  subscriptions.set({});
+  unsubscriptions.set({});
+  tagsToSet.set({});
+  tagsToUnset.set({});
+  uploadChannel.reset();
 }
 
 std::optional<std::string> Settings::reloadUserSecret() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -49,6 +50,8 @@ class UploadChannel {
   /// Takes the channel if it is free or stale.
   Attempt tryTake(platform::Date now);
   void release() { setLocked(false); }
+  /// As in a new process.
+  void reset();
 
   bool locked() const;
   void setLocked(bool locked);
@@ -101,6 +104,13 @@ class Settings {
   /// As the host has set them, or its property list.
   HostOption<DeliveryOptions> deliveryOptions{describedDeliveryOptions};
   HostOption<StorageLimits> storageLimits{describedStorageLimits};
+
+  /// Grows when everything is erased. An answer to a request from before, or a fix from before, belongs to nobody any
+  /// more.
+  std::atomic<std::uint64_t> erasures{0};
+  /// Forgets the user and what was downloaded, set or asked for on the user's behalf. What describes the host stays:
+  /// its keys, its address, options and limits.
+  void forgetUser();
 
   // What the host asked for and the backend has not confirmed yet.
   platform::Guarded<std::map<std::string, std::string>> subscriptions;

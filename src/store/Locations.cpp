@@ -44,13 +44,14 @@ std::shared_ptr<Locations> Locations::addLocation(const platform::CLLocation& fi
   if (!added) return nullptr;
   static const auto& appName = *new std::string("ios:" + platform::Bundle::main().bundleIdentifier().value_or(""));
   auto counted = count(context);
-  if (!counted) {
+  auto removed = counted ? context.removedRows(kEntity) : counted.error();
+  if (!removed) {
     // The new position stays, unfilled: the next save takes it along, and it owns a number.
-    Log::error(" Locations:addLocation Unresolved error ", errorAndUserInfo(counted.error()));
+    Log::error(" Locations:addLocation Unresolved error ", errorAndUserInfo(removed.error()));
     return nullptr;
   }
   // The count sees the new position itself, so it is at least 1.
-  const auto index = static_cast<std::int64_t>(*counted) - 1;
+  const auto index = static_cast<std::int64_t>(*counted) - 1 + *removed;
   const platform::Date now = platform::Clock::current()->now();
 
   added->setString(at::appName, appName);

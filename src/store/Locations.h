@@ -24,7 +24,8 @@ class Locations : public Entity<Locations> {
   static constexpr std::string_view kEntity = "Locations";
   using Entity::Entity;
 
-  /// Inserts a position with the next running index: the number of positions besides itself.
+  /// Inserts a position with the next running index: the number of positions besides itself, those that `Retention` has
+  /// removed included.
   static std::shared_ptr<Locations> addLocation(const platform::CLLocation& fix, std::string_view withActivity,
                                                 std::string_view withLocalisationMethod, Context& context,
                                                 std::string_view serviceAction);

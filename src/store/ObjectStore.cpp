@@ -129,6 +129,7 @@ void ObjectStore::saveContext() {
   // A save that waits for the end of its block has not succeeded yet.
   if (!context.hasChanges()) lastError_.set(std::nullopt);
   platform::UserDefaults::standard().synchronize();  // there may be room again
+  if (afterSave_) afterSave_();
 }
 
 void ObjectStore::saveAfterFailure() {

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "platform/foundation/Guarded.h"
+#include "platform/foundation/HomeErasure.h"
 #include "platform/persistence/NSManagedObjectContext.h"
 
 namespace tarvo {
@@ -25,7 +26,7 @@ class ObjectStore {
  public:
   explicit ObjectStore(platform::WriteRight::Patience patience = {}) : patience_(patience) {}
 
-  static constexpr const char* kFileName = "Marrowgate-Tarvo-db3.sqlite";
+  static constexpr const char* kFileName = platform::kStoreFileName;
 
   /// The last of the document directories.
   const std::filesystem::path& applicationDocumentsDirectory();
@@ -36,6 +37,8 @@ class ObjectStore {
   /// Saves what is pending; only from inside a block of the context. A failure is logged and everything stays
   /// pending for the next save.
   void saveContext();
+  /// Called after each save that went well, inside its block of the context; to be set before the first one.
+  void setAfterSave(std::function<void()> afterSave) { afterSave_ = std::move(afterSave); }
   /// Saves what the last save could not write, if that is so; only from inside a block of the context.
   void saveAfterFailure();
   /// The same, for what is no part of a position's way: without a line in the log unless it fails.
@@ -60,6 +63,7 @@ class ObjectStore {
   std::unique_ptr<platform::NSManagedObjectContext> context_;
   std::function<void(platform::NSManagedObjectContext&)> willSave_;
   platform::Guarded<std::optional<std::string>> lastError_;
+  std::function<void()> afterSave_;
 };
 
 }  // namespace tarvo

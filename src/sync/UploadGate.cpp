@@ -64,6 +64,13 @@ void UploadGate::succeeded() {
   wait_.reset();
 }
 
+void UploadGate::forget() {
+  MutexLock lock(mutex_);
+  failures_ = 0;
+  wait_.reset();
+  lastStart_.reset();
+}
+
 platform::Date UploadGate::failed(DeliveryError error, std::optional<Seconds> retryAfter) {
   const bool reachable = reachable_();
   const double draw = draw_();

@@ -49,6 +49,8 @@ class UploadGate {
   /// the answer asks for, and the longest if the backend does not accept who is asking. Answers until when, by the wall
   /// clock.
   platform::Date failed(DeliveryError error, std::optional<platform::Seconds> retryAfter);
+  /// As constructed, but for the day's bytes: what they cost is not forgotten with the user.
+  void forget();
 
   // The day's bytes on metered networks. Nobody counts them, and they are not kept, while there is no bound.
   /// Whether `restore` was called.

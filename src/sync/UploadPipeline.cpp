@@ -130,6 +130,15 @@ void UploadPipeline::startPass(UploadGate::Pass pass) {
     sendAllUnsentDataToRemoteWebServer();
 }
 
+void UploadPipeline::forget() {
+  posted_.clear();
+  gate_.forget();
+  accepted_ = true;
+  networkManagerReceivedSessionError = false;
+  batchesPosted_ = 0;
+  positionsPosted_ = 0;
+}
+
 std::optional<std::string> UploadPipeline::userOrRegistration() {
   if (auto identity = Settings::shared().identity()) return std::move(identity->name);
   // The channel stays held: the first batch of a fresh device leaves once it is stale.

@@ -50,6 +50,9 @@ class UploadPipeline {
   /// A batch has ended without acknowledgement. The channel is the caller's to free, after this.
   void batchFailed(const BatchEnd& end);
 
+  /// Lets go of the posted batch and of what is counted here. Inside a block of the context.
+  void forget();
+
   /// Set by a session error and never cleared: no batch starts until the process is started anew.
   std::atomic<bool> networkManagerReceivedSessionError{false};
 

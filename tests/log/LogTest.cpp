@@ -12,6 +12,8 @@
 #include <tarvo/platform/Environment.h>
 #include <tarvo/platform/UserDefaults.h>
 
+#include "log/LogFile.h"
+#include "log/LogFolder.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/WorkInFlight.h"
 #include "settings/Settings.h"
@@ -166,6 +168,28 @@ TEST_F(Logging, TakesOnlyARegularFileForALog) {
   Log::debug("not into the host's file");
   told.set_value();
   EXPECT_EQ(file(), "the host's");
+}
+
+TEST_F(Logging, KeepsTheFolderWithinTheLimitsAndTodaysFileFromGrowingBeyond) {
+  logInto("U-1", 6);
+  Log::debug("header");  // 2024-06-15
+  LogFolder::setInUse([&](const auto& asked) { return asked == path("2024-06-01"); });
+  const auto left = [&](StorageLimits limits, int bytes) {
+    for (const char* day : {"2024-01-01", "2024-06-01", "2024-06-13", "2024-06-14", "2024-12-30"})  // the last: of 2023
+      EXPECT_FALSE(platform::writeFileAtomically(path(day), std::string(1000, '.'), false));
+    Settings::shared().storageLimits.set(limits);
+    Log::debug(std::string(static_cast<std::size_t>(bytes), 'x'));
+    EXPECT_TRUE(file());
+    std::string days = platform::concat(droppedLogLines(), ":");
+    for (const char* day : {"01-01", "06-01", "06-13", "06-14", "12-30"})
+      if (std::filesystem::exists(path(platform::concat("2024-", day)))) days += platform::concat(" ", day);
+    return days;
+  };
+  EXPECT_EQ(left({}, 0), "0: 01-01 06-01 06-13 06-14 12-30");
+  EXPECT_EQ(left({.logAge = platform::Seconds(86400)}, 0), "0: 06-01 06-14");
+  EXPECT_EQ(left({.logBytes = 4000}, 10), "0: 06-01 06-13 06-14") << "the oldest first, but not what is in use";
+  EXPECT_EQ(left({.logBytes = 2500}, 2000), "1: 06-01") << "today's takes no more";
+  EXPECT_EQ(left({.logBytes = 8000}, 1000), "1: 01-01 06-01 06-13 06-14 12-30");
 }
 
 TEST_F(Logging, GoesOnAfterATimeWithoutThreads) {

@@ -13,8 +13,10 @@
 #include "platform/foundation/Text.h"
 #include "settings/Settings.h"
 #include "store/Attributes.h"
+#include "store/Ledger.h"
 #include "store/PastTrips.h"
 #include "store/PointOfInterest.h"
+#include "store/Retention.h"
 #include "store/StoreFixture.h"
 #include "store/Users.h"
 #include "support/DiaryEngine.h"
@@ -62,6 +64,59 @@ TEST_F(StoredPositions, AreNumberedByTheRecordsBesidesThemWhateverIsSaved) {
     Locations::removeData(context);
     EXPECT_EQ(add(context)->index(), 0);
   });
+}
+
+TEST_F(StoredPositions, LoseWhatIsAcknowledgedAndOldAndNumbersGoOnBehindTheHighestEverGiven) {
+  Ledger ledger;
+  Retention retention(store, ledger);
+  store.setAfterSave([&] { retention.didSave(); });
+  within([&](Context& context) {
+    const auto collect = [&](int count, int acknowledged) {
+      for (int i = 0; i < count; ++i)
+        if (const auto position = add(context); i < acknowledged) position->setBoolean(at::unsent, false);
+      store.saveContext();
+    };
+    collect(1500, 1200);
+    clock->advance(Seconds(3600));
+    collect(100, 100);
+    Settings::shared().storageLimits.set({.positionAge = Seconds(1800)});
+    const auto held = Locations::getAllLocations(context).back();  // 600, in use
+    for (const std::int64_t stored : {601, 403, 404}) {
+      collect(1, 0);
+      EXPECT_EQ(Locations::counts(context).stored, stored);
+    }
+    EXPECT_EQ(std::tuple(ledger.positions().removed, ledger.positions().removedUpTo), std::tuple(1199, 1199));
+    EXPECT_EQ(held->record().index, 600);
+    EXPECT_EQ(indexes(Locations::getUnsentLocations(context)).front(), 1200);
+    EXPECT_EQ(Locations::counts(context).lastIndex, 1602);
+  });
+  EXPECT_EQ(platform::runSql(file, "SELECT value FROM _metadata WHERE name = 'Locations.keys'"), "1602 1199 1199");
+}
+
+TEST_F(StoredPositions, OfABoundedStoreTakeTheRoomOfTheOldestOnesAlsoInLaterProcesses) {
+  Settings::shared().storageLimits.set({.storeBytes = 400'000});
+  Ledger ledger;
+  for (std::int64_t process = 0; process < 3; ++process) {
+    ObjectStore own;
+    Retention retention(own, ledger);
+    own.setAfterSave([&] { retention.didSave(); });
+    auto& context = own.managedObjectContext();
+    context.performAndWait([&] {
+      for (std::int64_t i = 0; i < 2000; ++i) {
+        const auto position = add(context, 48.5, std::string(i % 7, 'x'));
+        ASSERT_EQ(position->index(), 2000 * process + i);
+        position->setBoolean(at::unsent, i == 1000);  // one in the midst of each process waits
+        clock->advance(Seconds(4));                   // a look each 150 positions
+        if (i % 10 == 9) own.saveContext();
+      }
+      EXPECT_LE(context.storeBytes().value(), 450'000U);
+      EXPECT_EQ(Locations::counts(context).unsent, process + 1);
+      EXPECT_EQ(Locations::counts(context).stored + ledger.positions().removed, 2000 * (process + 1));
+    });
+  }
+  EXPECT_EQ(platform::runSql(file, "SELECT count(*) FROM Locations WHERE \"index\" <> _key - 1"), "0");
+  EXPECT_LT(std::filesystem::file_size(file), 1'100'000U);
+  EXPECT_EQ(platform::runSql(file, "PRAGMA integrity_check"), "ok");
 }
 
 TEST_F(StoredPositions, KeepTheWholeFixAndItsCircumstances) {

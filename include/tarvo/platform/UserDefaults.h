@@ -38,6 +38,9 @@ class TARVO_API UserDefaults {
   void set(std::string_view key, Value value);
   /// Forgets what is stored under the key.
   void remove(std::string_view key);
+  /// Forgets everything, also what is in the file, which is overwritten and removed; false, with a line in the system
+  /// log, when that fails. Blocks that wait for a write are dropped.
+  bool removeAll();
 
   /// Whether everything is in the file; what could not be written before is tried again first.
   bool synchronize();

@@ -9,8 +9,10 @@
 #include <tarvo/platform/SystemLog.h>
 
 #include "platform/device/DeviceSystem.h"
+#include "platform/device/KeptIdentifier.h"
 #include "platform/foundation/Encoding.h"
 #include "platform/foundation/Files.h"
+#include "platform/foundation/HomeErasure.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/NotificationCenter.h"
 #include "platform/foundation/Text.h"
@@ -116,8 +118,13 @@ std::optional<std::string> UIDevice::identifierForVendor() const {
     return device().hostIdentifier;
   }
   // The lock is kept so that two first calls make one identifier.
-  if (!device().keptIdentifier) device().keptIdentifier = keptUuid(homeDirectory() / "Library" / "identifierForVendor");
+  if (!device().keptIdentifier) device().keptIdentifier = keptUuid(homeDirectory() / kIdentifierFile);
   return device().keptIdentifier;
+}
+
+void forgetKeptIdentifier() {
+  MutexLock lock(device().mutex);
+  device().keptIdentifier.reset();
 }
 
 bool UIDevice::setIdentifierForVendor(std::optional<std::string> uuid) {

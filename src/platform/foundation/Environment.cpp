@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <mutex>
 #include <optional>
 #include <string>
 #include <system_error>
@@ -13,6 +14,7 @@
 
 #include "platform/foundation/Bundle.h"
 #include "platform/foundation/Files.h"
+#include "platform/foundation/HomeErasure.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/System.h"
 #include "platform/foundation/Text.h"
@@ -96,12 +98,19 @@ bool setHomeDirectory(const fs::path& home) {
 }
 
 fs::path homeDirectory() {
+  std::optional<fs::path> home;
   {
     MutexLock lock(environment().mutex);
     environment().homeWasAskedFor = true;
-    if (environment().home) return *environment().home;
+    home = environment().home;
   }
-  return defaultHome();
+  if (!home) home = defaultHome();
+  // Nothing of a home is read before an erasing that was cut off has been finished.
+  static std::once_flag takenUp;
+  std::optional<std::string> told;
+  std::call_once(takenUp, [&] { told = HomeErasure::takeUp(*home); });
+  if (told) NSLog(*told);
+  return *home;
 }
 
 bool setInfoPropertyList(const fs::path& file) { return setHostInfo({.file = anchored(file)}); }

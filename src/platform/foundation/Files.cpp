@@ -30,11 +30,6 @@ fs::path directoryOf(const fs::path& file) { return file.has_parent_path() ? fil
 constexpr std::string_view kTemporaryPrefix = ".writing-";
 constexpr std::string_view kTemporaryEnd = "XXXXXX";  ///< for `makeTemporaryFile`
 
-/// Whether a write could have made the name. The host's files lie in the same folders.
-bool isTemporary(std::string_view name) {
-  return name.starts_with(kTemporaryPrefix) && name.size() == kTemporaryPrefix.size() + kTemporaryEnd.size();
-}
-
 /// A new temporary file, locked for as long as it is open: what is not locked belongs to nobody any more.
 /// `name` is the path with six X at its end, which are replaced.
 Descriptor createTemporary(std::string& name) {
@@ -141,6 +136,15 @@ std::optional<Error> flushFile(const fs::path& file) {
   return std::nullopt;
 }
 
+std::optional<Error> flushFolder(const fs::path& folder) {
+  if (flushDirectory(folder)) return std::nullopt;
+  return posixError(errno, folder.native());
+}
+
+bool isTemporaryFileName(std::string_view name) {
+  return name.starts_with(kTemporaryPrefix) && name.size() == kTemporaryPrefix.size() + kTemporaryEnd.size();
+}
+
 std::optional<Error> createPrivateDirectories(const fs::path& directory) {
   std::error_code ignored;
   if (directory.empty() || fs::is_directory(directory, ignored)) return std::nullopt;
@@ -155,7 +159,7 @@ std::optional<Error> createPrivateDirectories(const fs::path& directory) {
 void removeAbandonedWrites(const fs::path& directory) {
   std::error_code error;
   for (fs::directory_iterator entry(directory, error), end; !error && entry != end; entry.increment(error)) {
-    if (!isTemporary(entry->path().filename().native())) continue;
+    if (!isTemporaryFileName(entry->path().filename().native())) continue;
     const Descriptor left(::open(entry->path().c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     struct stat status {};
     if (left.isOpen() && ::fstat(left.get(), &status) == 0 && S_ISREG(status.st_mode) && tryLockFile(left.get()))

@@ -50,6 +50,12 @@ Result<std::uint64_t> appendToFile(const std::filesystem::path& file, std::strin
 /// Waits until what was written to the file, and its name, are on the disk. Absent on success.
 std::optional<Error> flushFile(const std::filesystem::path& file);
 
+/// The same for the names in a folder.
+std::optional<Error> flushFolder(const std::filesystem::path& folder);
+
+/// Whether `writeFileAtomically` could have made the name. The host's files lie in the same folders.
+bool isTemporaryFileName(std::string_view name);
+
 /// Removes the temporary files of writes that a kill has cut short; those of a write that goes on, in whatever process,
 /// stay. Threads: any. Errors: none; what cannot be removed stays.
 void removeAbandonedWrites(const std::filesystem::path& directory);

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "platform/foundation/Files.h"
+#include "platform/foundation/HomeErasure.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/PropertyList.h"
 #include "platform/foundation/SerialQueue.h"
@@ -112,14 +113,14 @@ struct UserDefaults::State {
   void load() EXCLUDES(mutex);
   void change(std::string_view key, std::optional<Value> value) EXCLUDES(writing, mutex);
   bool synchronize() EXCLUDES(writing, mutex);
+  std::optional<Error> removeAll() EXCLUDES(writing, mutex);
   void whenSynchronized(std::function<void()> block) EXCLUDES(writing, mutex);
 
   const std::filesystem::path file;
   /// Grows once a change can be read, so that nobody takes the new number for what was there before.
   std::atomic<std::uint64_t> changes{1};
-  // Both constant once loaded.
-  std::string complaint;
-  bool keptInMemory = false;
+  std::string complaint;  ///< constant once loaded
+  std::atomic<bool> keptInMemory = false;
   std::atomic<bool> complained = false;
   /// The same as `written`, to be read without waiting for a write under way.
   std::atomic<bool> isWritten = true;
@@ -241,6 +242,25 @@ bool UserDefaults::State::synchronize() {
   return done;
 }
 
+std::optional<Error> UserDefaults::State::removeAll() {
+  Blocks dropped;
+  std::shared_ptr<Timer> stopped;
+  MutexLock writeLock(writing);
+  dropped.swap(waiting);
+  stopped.swap(retry);
+  pause = kFirstPause;
+  written = true;
+  isWritten = true;
+  {
+    MutexLock lock(mutex);
+    values.clear();
+    own.clear();
+    changes.fetch_add(1, std::memory_order_release);
+  }
+  keptInMemory = false;
+  return wipeFile(file);
+}
+
 void UserDefaults::State::whenSynchronized(std::function<void()> block) {
   {
     MutexLock lock(writing);
@@ -260,9 +280,7 @@ UserDefaults& UserDefaults::standard() {
   return *defaults;
 }
 
-UserDefaults::UserDefaults() : state_(new State(homeDirectory() / "Library" / "Preferences" / "defaults.plist")) {
-  state_->load();
-}
+UserDefaults::UserDefaults() : state_(new State(homeDirectory() / kSettingsFile)) { state_->load(); }
 
 std::int64_t UserDefaults::integer(std::string_view key) const {
   MutexLock lock(state_->mutex);
@@ -299,6 +317,12 @@ void UserDefaults::set(std::string_view key, Value value) {
 }
 
 void UserDefaults::remove(std::string_view key) { state_->change(key, std::nullopt); }
+bool UserDefaults::removeAll() {
+  const auto error = state_->removeAll();
+  if (error) NSLog("The user defaults cannot be removed: " + error->localizedDescription);
+  return !error;
+}
+
 bool UserDefaults::synchronize() { return state_->synchronize(); }
 
 void UserDefaults::whenSynchronized(std::function<void()> block) { state_->whenSynchronized(std::move(block)); }

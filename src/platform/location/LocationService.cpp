@@ -135,6 +135,11 @@ std::optional<CLLocation> LocationServiceState::latest() const {
   return latest_;
 }
 
+void LocationServiceState::forgetLatest() {
+  MutexLock lock(mutex_);
+  latest_.reset();
+}
+
 Permission LocationServiceState::permission() const {
   MutexLock lock(mutex_);
   return {status_, capabilities_};

@@ -34,6 +34,7 @@ class LocationServiceState {
 
   void add(const std::shared_ptr<LocationClient>& client);
   std::optional<CLLocation> latest() const;
+  void forgetLatest();
   Permission permission() const;
   std::vector<CLCircularRegion> regions() const;
   LocationService::Rules rules() const;

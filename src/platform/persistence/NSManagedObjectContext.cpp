@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "platform/foundation/FatalError.h"
+#include "platform/foundation/FaultPoint.h"
 #include "platform/foundation/Text.h"
 #include "platform/persistence/EntityObjects.h"
 #include "platform/persistence/Store.h"
@@ -258,6 +259,7 @@ Result<StoredRows> NSManagedObjectContext::rows(const NSFetchRequest& request) {
   if (!view) return view.error();
   Execution last(store.database(), concat("SELECT max(\"_key\") FROM \"", entity.name, "\""));
   if (!last.step()) return last.error(StoreErrorCode::operation, "The keys could not be read");
+  rows.store_ = store.uuid();
   rows.lastKey_ = last.integer(0);
   auto all = store.rowCount(entity);
   if (!all) return all.error();
@@ -267,6 +269,75 @@ Result<StoredRows> NSManagedObjectContext::rows(const NSFetchRequest& request) {
   // Finding many rows by an index and sorting them costs more than going through all in order, above all memory.
   if (*matching > *all / 4) rows.way_ = PlannedRows::Way::inOrder;
   return rows;
+}
+
+Result<NSManagedObjectContext::Removal> NSManagedObjectContext::removeRows(const NSFetchRequest& request,
+                                                                           const std::vector<NSPredicate>& matching,
+                                                                           std::size_t most) {
+  auto compiledRequest = compiled(request, "delete");
+  if (!compiledRequest) return compiledRequest.error();
+  auto& [entity, store, plan] = *compiledRequest;
+  auto condition = FetchPlan::compile(entity, {.entity = request.entity, .predicates = matching});
+  if (!condition) return condition.error();
+  Removal removal;
+  if (plan.isEmpty() || condition->isEmpty() || hasChanges()) return removal;
+  if (auto refusal = claim()) return *refusal;
+
+  const EntityObjects& objects = state_->objects(entity);
+  std::vector<std::int64_t> keys;
+  {
+    const auto way = plan.hasConditions() ? PlannedRows::Way::byIndex : PlannedRows::Way::inOrder;
+    const std::vector<int> counter(entity.counter >= 0 ? 1 : 0, entity.counter);
+    PlannedRows rows(store.database(), plan, way, {.attributes = counter, .limit = request.fetchLimit});
+    while (keys.size() < most && rows.step()) {
+      const std::int64_t key = rows.row().integer(static_cast<int>(counter.size()));
+      if (objects.registered(key)) continue;
+      if (condition->hasConditions()) {
+        auto matches = store.rowMatches(entity, *condition, key);
+        if (!matches) return matches.error();
+        if (!*matches) continue;
+      }
+      keys.push_back(key);
+      if (!counter.empty()) removal.highest = std::max(removal.highest.value_or(0), rows.row().integer(0));
+    }
+    if (rows.failed()) return rows.error(StoreErrorCode::operation, "The records could not be read");
+  }
+  if (keys.empty()) return removal;
+  std::sort(keys.begin(), keys.end());
+  removal.rows = keys.size();
+
+  faultPoint("retention: before the transaction");
+  auto transaction = Transaction::begin(store.database(), Transaction::Kind::writing);
+  if (!transaction) return transaction.error();
+  Store::Receipt receipt;
+  if (auto error = store.removeRows(entity, keys, receipt)) return *error;
+  faultPoint("retention: before the commit");
+  if (auto error = transaction->commit()) return *error;
+  store.didCommit(entity, receipt);
+  faultPoint("retention: removed");
+  return removal;
+}
+
+Result<std::int64_t> NSManagedObjectContext::removedRows(std::string_view name) {
+  auto compiledRequest = compiled({.entity = std::string(name)}, "count");
+  if (!compiledRequest) return compiledRequest.error();
+  return compiledRequest->store.removedRows(compiledRequest->entity);
+}
+
+Result<std::uint64_t> NSManagedObjectContext::storeBytes() {
+  requireCurrent();
+  Store* store = coordinator_->store();
+  if (!store) return coordinator_->whyNoStore("fetch");
+  return store->bytesInUse();
+}
+
+std::optional<Error> NSManagedObjectContext::renewStore(const std::function<std::optional<Error>()>& between) {
+  requireCurrent();
+  state_->entities.clear();
+  state_->metadata.clear();
+  state_->saveDeferred = false;
+  state_->rowsAtOnce = kAllRows;
+  return coordinator_->renewStore(between);
 }
 
 std::optional<Error> NSManagedObjectContext::claim(std::optional<WriteRight::Span> wait) {

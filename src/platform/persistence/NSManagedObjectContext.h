@@ -42,6 +42,24 @@ class NSManagedObjectContext {
   /// The rows that match now, without limit, to be gone through later without making objects of them.
   Result<StoredRows> rows(const NSFetchRequest& request);
 
+  /// What `removeRows` has taken.
+  struct Removal {
+    std::size_t rows = 0;
+    std::optional<std::int64_t> highest;  ///< of the counters of these rows
+  };
+  /// Looks at the rows of a request, `fetchLimit` of them in its order, and removes those which match `matching` and
+  /// which nobody holds an object of, `most` at the most, in one transaction of its own that makes no objects. Nothing
+  /// is removed while anything is unsaved. What is removed stays counted: see `removedRows`.
+  Result<Removal> removeRows(const NSFetchRequest& request, const std::vector<NSPredicate>& matching, std::size_t most);
+  /// How many rows of an entity `removeRows` has taken since the store was made. A number that counts on is that of the
+  /// rows and these together.
+  Result<std::int64_t> removedRows(std::string_view entity);
+  /// The bytes of the store's file that are in use; what a removal has freed is used again before the file grows.
+  Result<std::uint64_t> storeBytes();
+
+  /// Forgets all that is unsaved, lets go of every object, and renews the store (see NSPersistentStoreCoordinator).
+  std::optional<Error> renewStore(const std::function<std::optional<Error>()>& between);
+
   /// Takes the right to write to the store (see NSPersistentStoreCoordinator). Call it before reading what is to be
   /// changed, so that nobody else changes it in between. `insertNewObject` and `save` take the right themselves.
   /// Changing or deleting an object does not: a process that only reads may do so as long as it never saves. Absent on

@@ -27,6 +27,7 @@ std::optional<Error> NSPersistentStoreCoordinator::addPersistentStore(std::strin
   auto store = Store::open(url, *entities, model_->version());
   if (!store) return store.error();
   store_ = std::move(*store);
+  configuration_ = configuration;
   right_ = std::make_unique<WriteRight>(url, patience_);
   return std::nullopt;
 }
@@ -51,6 +52,19 @@ std::optional<Error> NSPersistentStoreCoordinator::claim(std::optional<WriteRigh
   standing_ = refusal ? Standing::keptOut : Standing::writes;
   keptOutBecause_ = refusal ? refusal->localizedDescription : "";
   return refusal;
+}
+
+std::optional<Error> NSPersistentStoreCoordinator::renewStore(const std::function<std::optional<Error>()>& between) {
+  if (auto refusal = claim()) return refusal;
+  const std::filesystem::path file = store_->database().file();
+  store_.reset();
+  auto failure = between();
+  auto renewed = Store::open(file, *model_->configuration(configuration_), model_->version(), /*hasRight=*/true);
+  if (!renewed) return failure ? failure : renewed.error();
+  store_ = std::move(*renewed);
+  auto unwritable = store_->beginWriting();
+  if (unwritable) store_.reset();
+  return failure ? failure : unwritable;
 }
 
 Error NSPersistentStoreCoordinator::whyNoStore(std::string_view operation) {

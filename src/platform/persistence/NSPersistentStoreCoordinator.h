@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -45,6 +46,9 @@ class NSPersistentStoreCoordinator {
   std::optional<Error> claim(std::optional<WriteRight::Span> wait = {});
   /// Whether this process has the right to write.
   bool writes() const { return standing_ == Standing::writes; }
+  /// Closes the store's file, has `between` remove it, and makes a new one, also when that fails. Needs the right to
+  /// write, which stays. The first failure of all steps; without a new file there is no store from here on.
+  std::optional<Error> renewStore(const std::function<std::optional<Error>()>& between);
   const NSManagedObjectModel& model() const { return *model_; }
   /// Moves what the write-ahead log holds into the database file; nothing to do for who does not write.
   std::optional<Error> checkpoint();
@@ -66,7 +70,8 @@ class NSPersistentStoreCoordinator {
 
   std::shared_ptr<NSManagedObjectModel> model_;
   const WriteRight::Patience patience_;
-  const unsigned forks_;  ///< that led to the process of the coordinator
+  const unsigned forks_;       ///< that led to the process of the coordinator
+  std::string configuration_;  ///< of the store
   std::unique_ptr<Store> store_;
   std::unique_ptr<WriteRight> right_;
   Standing standing_ = Standing::reads;

@@ -5,8 +5,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <cstring>
 #include <iterator>
@@ -113,6 +115,18 @@ bool isEntryDue(const NSPersistentStoreCoordinator::Store::Keys& keys, std::int6
   return keys.inEntry ? *keys.inEntry != keys.missing : keys.rows() + more >= kRowsWorthKeeping;
 }
 
+/// The numbers of an entry; 0 for what it lacks.
+std::array<std::int64_t, 3> numbersIn(std::string_view entry) {
+  std::array<std::int64_t, 3> numbers{};
+  const char* next = entry.data();
+  const char* const end = next + entry.size();
+  for (std::int64_t& number : numbers) {
+    while (next != end && *next == ' ') ++next;
+    next = std::from_chars(next, end, number).ptr;
+  }
+  return numbers;
+}
+
 std::string keptName(const NSEntityDescription& entity) { return concat(entity.name, ".keys"); }
 
 Error unknownEntity(const NSEntityDescription& entity) {
@@ -123,11 +137,11 @@ Error unknownEntity(const NSEntityDescription& entity) {
 
 Result<std::unique_ptr<NSPersistentStoreCoordinator::Store>> NSPersistentStoreCoordinator::Store::open(
     const std::filesystem::path& file, const std::vector<const NSEntityDescription*>& entities,
-    const NSManagedObjectModel::Version& version) {
+    const NSManagedObjectModel::Version& version, bool hasRight) {
   // Of several processes one makes the store, the others find it made. Without the lock SQLite's own transactions keep
   // them apart as well, but for the switch to write-ahead logging.
   FileLock making(WriteRight::lockFileOf(file));
-  if (isToBeMade(file)) (void)making.lock(kLongestCreation, [&] { return !isToBeMade(file); });
+  if (!hasRight && isToBeMade(file)) (void)making.lock(kLongestCreation, [&] { return !isToBeMade(file); });
   if (auto error = ensureFile(file)) return *error;
   if (StoreSchema::isHalfMade(file)) undoHalfMade(file);
   if (auto error = StoreSchema::checkHeader(file)) return *error;
@@ -139,7 +153,7 @@ Result<std::unique_ptr<NSPersistentStoreCoordinator::Store>> NSPersistentStoreCo
   if (!uuid) return uuid.error();
   if (database.isReadOnly())
     return storeError(StoreErrorCode::open, "The store file cannot be written", database.file());
-  if (making.isHeld()) {
+  if (hasRight || making.isHeld()) {
     ::chmod(file.c_str(), kOwnerOnly);  // before SQLite makes its side files
     if (auto error = useWriteAheadLog(database)) return *error;
   }
@@ -180,6 +194,25 @@ Result<std::int64_t> NSPersistentStoreCoordinator::Store::rowCount(const NSEntit
   return keys->rows();
 }
 
+Result<std::int64_t> NSPersistentStoreCoordinator::Store::removedRows(const NSEntityDescription& entity) {
+  Table* known = table(entity);
+  if (!known) return unknownEntity(entity);
+  auto keys = keysOf(*known);
+  if (!keys) return keys.error();
+  return keys->removed;
+}
+
+Result<std::uint64_t> NSPersistentStoreCoordinator::Store::bytesInUse() {
+  std::array<std::int64_t, 3> pragmas{};
+  std::size_t next = 0;
+  for (const char* pragma : {"PRAGMA page_count", "PRAGMA freelist_count", "PRAGMA page_size"}) {
+    Execution row(*database_, pragma);
+    if (!row.step()) return row.error(StoreErrorCode::operation, "The store's size could not be read");
+    pragmas[next++] = row.integer(0);
+  }
+  return static_cast<std::uint64_t>((pragmas[0] - pragmas[1]) * pragmas[2]);
+}
+
 Result<NSPersistentStoreCoordinator::Store::Keys> NSPersistentStoreCoordinator::Store::keysOf(Table& table) {
   if (table.keys) return *table.keys;
   auto keys = readKeys(table);
@@ -194,12 +227,12 @@ Result<NSPersistentStoreCoordinator::Store::Keys> NSPersistentStoreCoordinator::
   // One statement is one view of the file, whatever another process writes meanwhile.
   Execution row(*database_,
                 concat("SELECT (SELECT max(\"_key\") FROM \"", name, "\"), (SELECT min(\"_key\") FROM \"", name,
-                       "\"), CAST(value AS INTEGER), CAST(substr(value, instr(value, ' ')) AS INTEGER) ",
-                       "FROM (SELECT ?1 AS entry) LEFT JOIN \"_metadata\" ON name = entry"));
+                       "\"), value FROM (SELECT ?1 AS entry) LEFT JOIN \"_metadata\" ON name = entry"));
   row.bind(1, entry);
   if (!row.step()) return row.error(StoreErrorCode::operation, kFailure);
   const std::int64_t highest = row.integer(0);
-  Keys keys{std::max({highest, row.integer(2), table.lastGiven}), row.integer(3), std::nullopt};
+  const auto [last, missing, removed] = numbersIn(row.text(2));
+  Keys keys{std::max({highest, last, table.lastGiven}), missing, removed, std::nullopt};
   if (!row.cell(2).isNull()) keys.inEntry = keys.missing;
   // Another program that has deleted the oldest rows leaves fewer keys than there should be rows.
   const std::int64_t most = row.cell(0).isNull() ? 0 : highest - row.integer(1) + 1;
@@ -210,8 +243,11 @@ Result<NSPersistentStoreCoordinator::Store::Keys> NSPersistentStoreCoordinator::
   return keys;
 }
 
-std::optional<Error> NSPersistentStoreCoordinator::Store::keep(const Table& table, const Keys& keys) {
-  return writeMetadata(keptName(*table.entity), concat(keys.last, " ", keys.missing));
+std::optional<Error> NSPersistentStoreCoordinator::Store::keep(const Table& table, Keys& keys) {
+  const std::string removed = keys.removed > 0 ? concat(" ", keys.removed) : "";
+  auto error = writeMetadata(keptName(*table.entity), concat(keys.last, " ", keys.missing, removed));
+  if (!error) keys.inEntry = keys.missing;
+  return error;
 }
 
 std::optional<Error> NSPersistentStoreCoordinator::Store::writeMetadata(std::string_view name, std::string_view value) {
@@ -270,10 +306,8 @@ std::optional<Error> NSPersistentStoreCoordinator::Store::write(const EntityObje
   if (auto error = insertRows(*known, objects, portion.inserted, *keys)) return error;
   if (portion.deleted > 0)
     if (auto error = deleteRows(*known, objects, *keys)) return error;
-  if (isEntryDue(*keys) && database_->inTransaction()) {
+  if (isEntryDue(*keys) && database_->inTransaction())
     if (auto error = keep(*known, *keys)) return error;
-    keys->inEntry = keys->missing;
-  }
   receipt.keys = *keys;
   return std::nullopt;
 }
@@ -325,6 +359,31 @@ std::optional<Error> NSPersistentStoreCoordinator::Store::deleteRows(const Table
     if (removal.failed()) return removal.error(StoreErrorCode::save, "A record could not be deleted");
     keys.missing += database_->rowsChanged();
   }
+  return std::nullopt;
+}
+
+std::optional<Error> NSPersistentStoreCoordinator::Store::removeRows(const NSEntityDescription& entity,
+                                                                     const std::vector<std::int64_t>& keys,
+                                                                     Receipt& receipt) {
+  Table* known = table(entity);
+  if (!known) return unknownEntity(entity);
+  auto after = keysOf(*known);
+  if (!after) return after.error();
+  const std::string sql = concat("DELETE FROM \"", entity.name, "\" WHERE \"_key\" BETWEEN ?1 AND ?2");
+  for (auto first = keys.begin(); first != keys.end();) {
+    auto last = first;
+    while (std::next(last) != keys.end() && *std::next(last) == *last + 1) ++last;
+    Execution removal(*database_, sql);
+    removal.bind(1, *first);
+    removal.bind(2, *last);
+    removal.step();
+    if (removal.failed()) return removal.error(StoreErrorCode::save, "Records could not be removed");
+    after->missing += database_->rowsChanged();
+    after->removed += database_->rowsChanged();
+    first = std::next(last);
+  }
+  if (auto error = keep(*known, *after)) return error;
+  receipt.keys = *after;
   return std::nullopt;
 }
 

@@ -28,10 +28,12 @@ struct NSPersistentStoreCoordinator::Store {
   /// A table's rows have the keys from 1 to the last one given out, except those that are missing. So the number of
   /// rows follows from the highest key, which costs no pass over the table, and only a deletion changes what must be
   /// kept for it: an entry "last missing" in `_metadata`, written in the deletion's own transaction. Small tables have
-  /// no entry.
+  /// no entry, unless rows were removed for good: then "last missing removed" tells how many, since numbering goes on
+  /// as if they were there.
   struct Keys {
     std::int64_t last = 0;                ///< highest ever given out
     std::int64_t missing = 0;             ///< how many up to it have no row
+    std::int64_t removed = 0;             ///< how many of these `removeRows` has taken
     std::optional<std::int64_t> inEntry;  ///< what the entry says is missing
     std::int64_t rows() const { return last - missing; }
   };
@@ -41,10 +43,11 @@ struct NSPersistentStoreCoordinator::Store {
     std::optional<Keys> keys;   ///< of the table afterwards; none if no row came or went
   };
 
-  /// Opens or creates the file; refuses what is not a store of the model. What is there already is not changed.
+  /// Opens or creates the file; refuses what is not a store of the model. What is there already is not changed. To
+  /// create it, one who has not the right to write takes it for the moment.
   static Result<std::unique_ptr<Store>> open(const std::filesystem::path& file,
                                              const std::vector<const NSEntityDescription*>& entities,
-                                             const NSManagedObjectModel::Version& version);
+                                             const NSManagedObjectModel::Version& version, bool hasRight = false);
 
   /// From here on this process is the only one that writes: counts are trusted. Brings a store of an earlier version up
   /// to date. On failure nothing has begun.
@@ -60,6 +63,10 @@ struct NSPersistentStoreCoordinator::Store {
 
   /// The number of rows. The process that writes finds it out once and keeps count; a reader asks the file each time.
   Result<std::int64_t> rowCount(const NSEntityDescription& entity);
+  /// How many rows `removeRows` has taken from the table since it was made.
+  Result<std::int64_t> removedRows(const NSEntityDescription& entity);
+  /// What the file would hold if nothing of it were free.
+  Result<std::uint64_t> bytesInUse();
   /// The number of rows that match a plan with conditions.
   Result<std::int64_t> matchingRows(const NSEntityDescription& entity, const FetchPlan& plan);
   /// Whether the row, as the file has it, matches a plan with conditions.
@@ -70,6 +77,9 @@ struct NSPersistentStoreCoordinator::Store {
 
   /// Writes a portion of what is pending of one entity.
   std::optional<Error> write(const EntityObjects& objects, const EntityObjects::Portion& portion, Receipt& receipt);
+  /// Takes the rows of these keys, which ascend, for good; in a transaction.
+  std::optional<Error> removeRows(const NSEntityDescription& entity, const std::vector<std::int64_t>& keys,
+                                  Receipt& receipt);
   void didCommit(const NSEntityDescription& entity, const Receipt& receipt);
 
  private:
@@ -86,7 +96,7 @@ struct NSPersistentStoreCoordinator::Store {
   Table* table(const NSEntityDescription& entity);
   Result<Keys> keysOf(Table& table);
   Result<Keys> readKeys(const Table& table);
-  std::optional<Error> keep(const Table& table, const Keys& keys);
+  std::optional<Error> keep(const Table& table, Keys& keys);
   std::optional<Error> insertRows(Table& table, const EntityObjects& objects, std::size_t rows, Keys& keys);
   std::optional<Error> updateRows(const Table& table, const EntityObjects& objects, std::size_t rows);
   std::optional<Error> deleteRows(const Table& table, const EntityObjects& objects, Keys& keys);

@@ -41,7 +41,7 @@ std::optional<Error> StoredRows::forEach(const std::vector<int>& attributes,
   if (count_ == 0) return failure;
   context_->performAndWait([&] {
     auto* store = context_->coordinator().store();
-    if (!store) {
+    if (!store || store->uuid() != store_) {
       failure = context_->coordinator().whyNoStore("fetch");
       return;
     }

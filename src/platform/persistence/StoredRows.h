@@ -3,7 +3,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -54,7 +56,8 @@ class StoredRows {
   NSManagedObjectContext* context_;
   FetchPlan plan_;
   PlannedRows::Way way_ = PlannedRows::Way::byIndex;
-  std::int64_t lastKey_ = 0;  ///< of the rows that existed then
+  std::shared_ptr<const std::string> store_;  ///< its UUID; the rows of another one are others
+  std::int64_t lastKey_ = 0;                  ///< of the rows that existed then
   std::size_t count_ = 0;
 };
 

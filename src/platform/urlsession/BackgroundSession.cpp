@@ -9,6 +9,7 @@
 #include <tarvo/platform/Environment.h>
 #include <tarvo/platform/SystemLog.h>
 
+#include "platform/foundation/HomeErasure.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/SerialQueue.h"
 #include "platform/foundation/Text.h"
@@ -88,12 +89,34 @@ BackgroundSession::~BackgroundSession() = default;
 void BackgroundSession::openJournal() {
   MutexLock lock(state_->mutex);
   if (state_->journal) return;
-  state_->journal.emplace(homeDirectory() / "Library" / "Transfers", configuration_.identifier);
+  state_->journal.emplace(homeDirectory() / kTransfersFolder, configuration_.identifier);
   state_->restored = state_->journal->takeRestored();
   for (const TransferRecord& record : state_->restored) {
     state_->tasks.emplace(record.task.taskIdentifier, record.task);
     state_->files.insert(record.task.file);
   }
+}
+
+void BackgroundSession::forgetAll() {
+  std::vector<std::shared_ptr<BackgroundSession>> sessions;
+  {
+    MutexLock lock(registry().mutex);
+    for (const auto& [identifier, session] : registry().sessions) sessions.push_back(session);
+  }
+  for (const auto& session : sessions) session->forget();
+}
+
+void BackgroundSession::forget() {
+  state_->queue.sync([] {});  // outcomes that are being told
+  std::deque<Job> waiting;    // goes after the lock
+  MutexLock lock(state_->mutex);
+  state_->tasks.clear();
+  state_->restored.clear();
+  state_->suspended.clear();
+  state_->files.clear();
+  state_->waiting.swap(waiting);
+  state_->running = 0;
+  if (state_->journal) state_->journal->forgetAll();
 }
 
 void BackgroundSession::deliverEvents() {

@@ -53,6 +53,10 @@ class BackgroundSession : public std::enable_shared_from_this<BackgroundSession>
   BackgroundSession(const BackgroundSession&) = delete;
   BackgroundSession& operator=(const BackgroundSession&) = delete;
 
+  /// Forgets the tasks of all sessions, those in their journals too, which go. Once the transfers have been ended
+  /// (`URLSession::endAll`); never from inside a call of a delegate.
+  static void forgetAll();
+
   /// Touches no file: a process that only looks leaves the journal to the one that owns the transfers.
   static std::shared_ptr<BackgroundSession> open(const BackgroundSessionConfiguration& configuration,
                                                  BackgroundSessionDelegate& delegate);
@@ -85,6 +89,7 @@ class BackgroundSession : public std::enable_shared_from_this<BackgroundSession>
   struct Job;
   BackgroundSession(BackgroundSessionConfiguration configuration, BackgroundSessionDelegate& delegate);
   void openJournal();
+  void forget();
   void start(Job job);
   void startWaiting();
   void deliver(const URLSessionUploadTask& task, const TransferOutcome& outcome);

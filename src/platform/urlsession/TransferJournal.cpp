@@ -13,6 +13,7 @@
 
 #include "platform/foundation/Encoding.h"
 #include "platform/foundation/Files.h"
+#include "platform/foundation/HomeErasure.h"
 #include "platform/foundation/Json.h"
 #include "platform/foundation/Text.h"
 
@@ -329,6 +330,14 @@ void TransferJournal::remove(std::int64_t taskIdentifier) {
   forget(taskIdentifier);
   if (lines_.empty()) return rewrite();
   add(encodeOver(taskIdentifier));
+}
+
+void TransferJournal::forgetAll() {
+  MutexLock lock(mutex_);
+  lines_.clear();
+  restored_.clear();
+  liveBytes_ = fileBytes_ = 0;
+  if (lock_.isHeld()) noteWriting(wipeFile(file_));
 }
 
 void TransferJournal::flush() {

@@ -49,6 +49,9 @@ class TransferJournal {
   void putEnded(std::int64_t taskIdentifier, const TransferOutcome& outcome);
   void remove(std::int64_t taskIdentifier);
 
+  /// Forgets all uploads and removes the file, overwritten.
+  void forgetAll();
+
   /// Waits until all that was put is on the disk.
   void flush();
 

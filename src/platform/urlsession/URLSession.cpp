@@ -66,6 +66,7 @@ struct URLSession::State {
   void submit(std::shared_ptr<Transfer> transfer);
   /// Ends the thread, and with it what is in flight.
   void stop();
+  void endAll();
 
   // On the session's own thread.
   void run();
@@ -83,6 +84,9 @@ struct URLSession::State {
   void release(CURL* handle);
   void putBack(CURL* handle);
   void finish(std::shared_ptr<Transfer> transfer);
+  /// Lets it go on the queue on which its completion, which is not called, would have been.
+  static void drop(std::shared_ptr<Transfer> transfer);
+  void dropAll();
 
   CURLM* const multi;
   SerialQueue completions{"tarvo.urlsession.completions"};
@@ -93,7 +97,9 @@ struct URLSession::State {
   Mutex mutex;
   std::vector<std::shared_ptr<Transfer>> incoming GUARDED_BY(mutex);
   bool stopping GUARDED_BY(mutex) = false;
-  Condition changed;  ///< for a thread that cannot sleep otherwise
+  bool endsAll GUARDED_BY(mutex) = false;
+  Condition changed;   ///< for a thread that cannot sleep otherwise
+  Condition allEnded;  ///< `endsAll` is false again
   WakeUp wakeUp;
   LazyThread thread{"transfers", [this] { run(); }};
 
@@ -156,12 +162,47 @@ void URLSession::State::stop() {
   if (!thread.join(kMostExitWait)) Transfer::keepOut();
 }
 
+void URLSession::State::endAll() {
+  if (getpid() != process) return;
+  {
+    MutexLock lock(mutex);
+    for (auto& transfer : std::exchange(incoming, {})) drop(std::move(transfer));
+    endsAll = thread.started() && !stopping;
+  }
+  changed.notify_one();
+  wakeUp.signal();
+  const auto end = std::chrono::steady_clock::now() + boundedRealTime(kMostExitWait);
+  MutexLock lock(mutex);
+  while (endsAll && std::chrono::steady_clock::now() < end) allEnded.wait_until(mutex, end);
+}
+
+void URLSession::State::drop(std::shared_ptr<Transfer> transfer) {
+  SerialQueue& queue = transfer->completions();
+  queue.async([transfer = std::move(transfer)] {});
+}
+
+void URLSession::State::dropAll() {
+  for (auto& transfer : std::exchange(waiting, {})) drop(std::move(transfer));
+  while (!inFlight.empty()) {
+    drop(inFlight.begin()->second);
+    release(inFlight.begin()->first);
+  }
+}
+
 void URLSession::State::run() {
   while (true) {
     const int wakeUpDescriptor = wakeUp.descriptor();  // before the look at what has come
+    bool drops = false;
     {
       MutexLock lock(mutex);
       if (stopping) break;
+      drops = endsAll;
+    }
+    if (drops) {
+      dropAll();
+      MutexLock lock(mutex);
+      endsAll = false;
+      allEnded.notify_all();
     }
     takeIncoming();
     int running = 0;
@@ -215,9 +256,7 @@ void URLSession::State::endOldestCopy(const Transfer& newest) {
     ended = std::move(*firstWaiting);
     waiting.erase(firstWaiting);
   }
-  // Its completion is not called, but is destroyed on the queue on which it would have been.
-  SerialQueue& queue = ended->completions();
-  queue.async([ended = std::move(ended)] {});
+  drop(std::move(ended));
 }
 
 std::size_t URLSession::State::turnsTaken(Transfer::Instant now) const {
@@ -367,6 +406,11 @@ URLSession::URLSession() : state_(new State) {
   // The TLS library tears itself down when the process exits. This is registered later and so runs before it:
   // the thread has left the library by then.
   std::atexit([] { shared().state_->stop(); });
+}
+
+void URLSession::endAll() {
+  state_->endAll();
+  state_->completions.sync([] {});
 }
 
 std::shared_ptr<URLSessionDataTask> URLSession::dataTask(URLRequest request, DataTaskCompletion completion) {

@@ -56,6 +56,10 @@ class URLSession {
   std::shared_ptr<URLSessionDataTask> uploadTask(URLRequest request, std::filesystem::path file,
                                                  SerialQueue& completions, DataTaskCompletion completion);
 
+  /// Ends all transfers without their completions; returns once they have ended and none of the completions runs any
+  /// more. Never from inside one.
+  void endAll();
+
  private:
   URLSession();
   struct State;
