@@ -14,7 +14,7 @@ namespace tarvo::platform {
 /// a file. SQLite's pauses before it tries a lock again take no time. Threads: one at a time.
 class FaultyDisk {
  public:
-  enum Call { open, read, write, sync, truncate, lock, map, mapLock, remove, access };
+  enum Call { open, read, write, sync, truncate, lock, map, mapLock, remove, access, rename };
   struct Change {
     Call call;  ///< an `open` made the file, unless it was there
     std::string file, bytes;
