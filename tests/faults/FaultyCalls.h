@@ -43,7 +43,7 @@ struct FaultyCalls {
       return -1;
     }
     const auto result = static_cast<int>(call());
-    if (recorded && result >= 0) recorded->push_back(std::move(change));
+    if (recorded && result >= 0 && change.call != platform::FaultyDisk::read) recorded->push_back(std::move(change));
     return result;
   }
 };
@@ -90,7 +90,8 @@ int mkostemp(char* name, int flags) {
   const std::string folder = std::filesystem::path(name).parent_path();
   const auto make = reinterpret_cast<int (*)(char*, int)>(::dlsym(RTLD_NEXT, "mkostemp"));
   const int file = FaultyCalls::run({FaultyDisk::read, folder + "/", {}}, [&] { return make(name, flags); });
-  if (FaultyCalls::recorded && file >= 0) FaultyCalls::recorded->push_back({FaultyDisk::open, name, {}});
+  if (FaultyCalls::recorded && !FaultyCalls::folder.empty() && file >= 0)
+    FaultyCalls::recorded->push_back({FaultyDisk::open, name, {}});
   return file;
 }
 }

@@ -3,8 +3,6 @@
 #include <sqlite3.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
@@ -12,6 +10,7 @@
 #include <tarvo/platform/Clock.h>
 #include <tarvo/platform/Environment.h>
 
+#include "platform/foundation/Files.h"
 #include "store/Locations.h"
 #include "store/ObjectStore.h"
 #include "store/PastTrips.h"
@@ -22,6 +21,11 @@
 namespace tarvo::faults {
 
 namespace fs = std::filesystem;
+
+inline std::string bytesOf(const fs::path& file) {
+  auto bytes = platform::readFile(file);
+  return bytes ? std::move(*bytes) : "";
+}
 
 /// As another program would, past every fault: the first value of the last row, or the failure.
 inline std::string ask(const fs::path& file, const std::string& sql) {
@@ -145,8 +149,8 @@ class Starts {
   Starts() {
     for (const char* name : {"0", "1", "2", "3"}) fs::create_directory(folder_.path() / name);
     { StoreWork(of(Start::made)).run(steps::nothing); }
-    std::ifstream sql(fs::path(__FILE__).parent_path().parent_path() / "store" / "first-version.sql");
-    ask(of(Start::old) / ObjectStore::kFileName, {std::istreambuf_iterator<char>(sql), {}});
+    ask(of(Start::old) / ObjectStore::kFileName,
+        bytesOf(fs::path(__FILE__).parent_path().parent_path() / "store" / "first-version.sql"));
     test::TempDir open;
     StoreWork filled(open.path());
     for (int i = 0; i < 8; ++i) filled.run(steps::add);

@@ -3,11 +3,18 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <fstream>
 #include <map>
 
+#include <tarvo/platform/Device.h>
+#include <tarvo/platform/UserDefaults.h>
+
 #include "faults/Driver.h"
+#include "faults/FaultyCalls.h"
 #include "faults/StoreWork.h"
+#include "platform/foundation/PropertyList.h"
 #include "platform/foundation/Text.h"
+#include "platform/urlsession/TransferJournal.h"
 #include "support/FaultyDisk.h"
 #include "support/LogDiary.h"
 
@@ -23,8 +30,6 @@ constexpr std::int64_t kSector = 512;
 /// A file as the disk holds it for certain, and what has not been flushed yet.
 struct File {
   std::string durable;
-  bool isDurable = false;  ///< its name
-  bool isRemoved = false;
   std::vector<Change> pending;
 
   /// What a cut may leave. Length and truncations are those of one moment; each sector is that of a moment of its own.
@@ -54,63 +59,81 @@ struct File {
   }
 };
 
+/// The files below a folder.
 class Disk {
  public:
   explicit Disk(const fs::path& folder) {
     for (const auto& entry : fs::directory_iterator(folder)) {
-      std::ifstream in(entry.path(), std::ios::binary);
-      files_[entry.path()] = {{std::istreambuf_iterator<char>(in), {}}, true};
+      if (!entry.is_regular_file()) continue;
+      live_[entry.path()] = files_.size();
+      files_.push_back({bytesOf(entry.path()), {}});
     }
+    durable_ = live_;
   }
 
   void take(const Change& change) {
-    File& file = files_[change.file];
+    const auto known = live_.find(change.file);
     switch (change.call) {
-      case FaultyDisk::remove:
-        file.isRemoved = true;
-        if (change.at != 0) settleNames();  // with a flush of the folder
-        return;
       case FaultyDisk::open:
-        if (file.isRemoved) file = {};
+        if (known != live_.end()) return;
+        name(change.file, files_.size());
+        files_.emplace_back();
         return;
+      case FaultyDisk::rename:
+        name(change.bytes, known->second);
+        return name(change.file, {});
+      case FaultyDisk::remove:
+        name(change.file, {});
+        return settleNames(change.at != 0);
       case FaultyDisk::sync:
-        for (const Change& pending : std::exchange(file.pending, {})) apply(file.durable, pending);
-        settleNames();  // SQLite flushes the folder with a file's first flush
-        return;
+        if (known == live_.end()) return settleNames(true);  // a folder
+        for (const Change& pending : std::exchange(files_[known->second].pending, {}))
+          apply(files_[known->second].durable, pending);
+        return settleNames(change.at != 0);
       default:
-        file.pending.push_back(change);
+        files_[known->second].pending.push_back(change);
     }
   }
 
   bool isSettled() const {
-    return std::ranges::all_of(
-        files_, [](const auto& named) { return named.second.pending.empty() && !named.second.isRemoved; });
+    return names_.empty() && std::ranges::all_of(files_, [](const File& file) { return file.pending.empty(); });
   }
 
-  /// Puts into a folder what a cut may leave.
+  /// Puts into a folder what a cut may leave: the names of one moment.
   void leave(const fs::path& folder, const std::function<std::size_t(std::size_t)>& choose) const {
-    for (const auto& [path, file] : files_) {
-      const bool isThere = file.isRemoved ? choose(1) == 0 : file.isDurable || choose(1) == 1;
-      if (isThere) std::ofstream(folder / path.filename(), std::ios::binary) << file.after(choose);
-    }
+    auto named = durable_;
+    for (std::size_t i = 0, most = choose(names_.size()); i < most; ++i) set(named, names_[i]);
+    for (const auto& [path, file] : named)
+      std::ofstream(folder / path.filename(), std::ios::binary) << files_[file].after(choose);
   }
 
  private:
+  using Names = std::map<fs::path, std::size_t>;
+  using NameChange = std::pair<fs::path, std::optional<std::size_t>>;
+
   static void apply(std::string& bytes, const Change& change) {
     const auto at = static_cast<std::size_t>(change.at);
     if (change.call == FaultyDisk::truncate) return bytes.resize(at);
     bytes.resize(std::max(bytes.size(), at + change.bytes.size()));
     bytes.replace(at, change.bytes.size(), change.bytes);
   }
-  void settleNames() {
-    std::erase_if(files_, [](const auto& named) { return named.second.isRemoved; });
-    for (auto& [path, file] : files_) file.isDurable = true;
+  static void set(Names& names, const NameChange& change) {
+    names.erase(change.first);
+    if (change.second) names[change.first] = *change.second;
+  }
+  void name(const fs::path& path, std::optional<std::size_t> file) { set(live_, names_.emplace_back(path, file)); }
+  void settleNames(bool settles) {
+    if (!settles) return;
+    durable_ = live_;
+    names_.clear();
   }
 
-  std::map<fs::path, File> files_;
+  std::vector<File> files_;
+  Names live_, durable_;
+  std::vector<NameChange> names_;  ///< not flushed
 };
 
-/// What the store held when so many changes had been made, and how many of them were flushed by then for good.
+/// What was held when so many changes had been made.
 struct Commit {
   std::size_t changes;
   std::string state;
@@ -196,6 +219,83 @@ class Cuts {
   const Starts starts_;
 };
 
+/// The files that are written without SQLite: each change that has returned is there, none is there in part.
+class PlainCuts {
+ public:
+  explicit PlainCuts(Driver& driver) : driver_(driver) {}
+
+  std::int64_t tryAll(const fs::path& home) {
+    const fs::path settings = home / "Library" / "Preferences", library = home / "Library",
+                   transfers = library / "Transfers";
+    auto& defaults = platform::UserDefaults::standard();
+    tryOne(
+        settings, 5, [&](int i) { defaults.set("number", std::string(600, static_cast<char>('a' + i))); },
+        [](const fs::path& folder) {
+          auto plist = platform::parsePropertyList(bytesOf(folder / "defaults.plist"));
+          return plist ? platform::findString(*plist->asDictionary(), "number").value_or("?") : "none";
+        });
+    tryOne(
+        library, 1, [](int) { (void)platform::UIDevice::current().identifierForVendor(); },
+        [](const fs::path& folder) { return bytesOf(folder / "identifierForVendor"); });
+    platform::TransferJournal journal(transfers, "j");
+    const auto step = [&](int i) {
+      const platform::URLRequest request{"http://a/", "POST", {{"a", std::string(300, 'a')}}};
+      if (i < 3) journal.putResumed({i + 1, request, "/f"});
+      if (i == 3) journal.remove(2);
+      journal.flush();
+    };
+    tryOne(transfers, 4, step, [](const fs::path& folder) {
+      std::string found;
+      for (const auto& record : platform::TransferJournal(folder, "j").takeRestored())
+        found += concat(record.task.taskIdentifier, " ");
+      return found;
+    });
+    return done_;
+  }
+
+ private:
+  void tryOne(const fs::path& folder, int steps, const std::function<void(int)>& step,
+              const std::function<std::string(const fs::path&)>& read) {
+    fs::create_directories(folder);
+    const auto copied = [&] {
+      const test::TempDir copy;
+      for (const auto& entry : fs::directory_iterator(folder))
+        if (entry.is_regular_file()) fs::copy(entry.path(), copy.path());
+      return read(copy.path());
+    };
+    std::vector<Change> changes;
+    std::vector<Commit> commits{{0, copied()}};
+    Disk disk(folder);
+    FaultyCalls::recorded = &changes;
+    for (int i = 0; i < steps; ++i) {
+      FaultyCalls::folder = folder;
+      step(i);
+      FaultyCalls::folder.clear();
+      commits.push_back({changes.size(), copied()});
+    }
+    FaultyCalls::recorded = nullptr;
+    for (std::size_t cut = 0; cut <= changes.size(); ++cut) {
+      if (cut > 0) disk.take(changes[cut - 1]);
+      for (std::int64_t i = 0; i < (disk.isSettled() ? 1 : 2 * driver_.runs); ++i, ++done_) {
+        const test::TempDir left;
+        disk.leave(left.path(), [&](std::size_t most) {
+          return i < 2 ? static_cast<std::size_t>(i) * most
+                       : static_cast<std::size_t>(driver_.upTo(static_cast<std::int64_t>(most)));
+        });
+        const std::string found = read(left.path());
+        std::size_t whole = 0;
+        while (whole + 1 < commits.size() && commits[whole + 1].changes <= cut) ++whole;
+        driver_.expect(
+            found == commits[whole].state || (whole + 1 < commits.size() && found == commits[whole + 1].state),
+            concat(folder.native(), ", cut after ", cut, " changes, ", i, ": holds ", found));
+      }
+    }
+  }
+
+  Driver& driver_;
+  std::int64_t done_ = 0;
+};
+
 int run(int count, char** arguments) {
   if (::access("/dev/shm", W_OK) == 0) ::setenv("TMPDIR", "/dev/shm", 0);
   Driver driver("power", count, arguments, 4);
@@ -205,7 +305,7 @@ int run(int count, char** arguments) {
   FaultyDisk::install();
   Cuts cuts(driver);
   for (const Scenario& scenario : scenarios()) cuts.tryAll(scenario);
-  return driver.end(cuts.done);
+  return driver.end(cuts.done + PlainCuts(driver).tryAll(home.path()));
 }
 
 }  // namespace

@@ -18,7 +18,7 @@ class FaultyDisk {
   struct Change {
     Call call;  ///< an `open` made the file, unless it was there
     std::string file, bytes;
-    std::int64_t at = 0;  ///< the offset of a write, the new size of a truncation
+    std::int64_t at = 0;  ///< of a write; the new size; whether names are flushed as well
   };
 
   static void install() {
@@ -77,7 +77,8 @@ class FaultyDisk {
       };
       xWrite = writeFile;
       xSync = [](sqlite3_file* file, int flags) {
-        return noted(failing(Call::sync) ? failed : of(file).real->xSync(file, flags), {Call::sync, of(file).name, {}});
+        return noted(failing(Call::sync) ? failed : of(file).real->xSync(file, flags),
+                     {Call::sync, of(file).name, {}, 1});
       };
       xTruncate = [](sqlite3_file* file, sqlite3_int64 size) {
         return noted(failing(Call::truncate) ? failed : of(file).real->xTruncate(file, size),
