@@ -125,6 +125,7 @@ void Locations::markLocationAsSentUntilIndex(std::string_view locationIndex, Con
 }
 
 void Locations::removeData(Context& context) {
+  (void)context.claim();  // who was kept out until now sees them again
   const auto all = fetch(context, " removeData Unresolved error ");
   if (!all) return;
   for (const auto& position : *all) context.deleteObject(position);

@@ -77,6 +77,7 @@ std::shared_ptr<PastTrips> PastTrips::addLastTrip(const platform::Dictionary& tr
 }
 
 void PastTrips::remove(Context& context, std::string_view failureText, const platform::NSFetchRequest& request) {
+  (void)context.claim();  // who was kept out until now sees them again
   const auto trips = fetch(context, failureText, request);
   if (!trips) return;
   for (const auto& trip : *trips) {

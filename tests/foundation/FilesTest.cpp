@@ -85,19 +85,6 @@ TEST(Environment, FollowsTheUsersDataDirectoryUnlessAHomeIsSet) {
   EXPECT_EQ(homeDirectory(), "/users/u/.local/share/test_foundation");
 }
 
-TEST_F(EnvironmentOfTheHost, ReplacesFilesAsAWholeOrNotAtAll) {
-  const fs::path file = home_.path() / "file";
-  for (const char* bytes : {"first", "", "third"}) {
-    EXPECT_FALSE(writeFileAtomically(file, bytes, true));
-    EXPECT_EQ(readFile(file).value(), bytes);
-  }
-  EXPECT_EQ(readFile(home_.path() / "missing").error().code, ENOENT);
-  // A directory cannot be replaced by a file; nothing is left behind.
-  fs::create_directory(home_.path() / "folder");
-  EXPECT_TRUE(writeFileAtomically(home_.path() / "folder", "x", true));
-  EXPECT_EQ(std::distance(fs::directory_iterator(home_.path()), fs::directory_iterator()), 2);
-}
-
 TEST_F(EnvironmentOfTheHost, ClearsWhatKilledWritesHaveLeftAndNothingElse) {
   const auto make = [&](const char* name) { return ::open((home_.path() / name).c_str(), O_CREAT | O_RDWR, 0600); };
   ::close(make(".writing-killed"));

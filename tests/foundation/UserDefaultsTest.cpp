@@ -76,33 +76,6 @@ TEST_F(UserDefaultsOfAHome, OutliveTheProcessInAFileOfTheUsersOwn) {
   EXPECT_EQ(std::distance(fs::directory_iterator(file.parent_path()), fs::directory_iterator()), 1);
 }
 
-TEST_F(UserDefaultsOfAHome, LeaveAFileThatWasCutAloneAndSaySoOnce) {
-  test::inFreshProcess([&] {
-    defaults().set("number", 5);
-    defaults().set("secret", "s&cret");
-    return 0;
-  });
-  const fs::path file = defaultsFile(home_);
-  const std::string whole = readFile(file).value();
-  const std::size_t contentEnd = whole.find("</dict>") + 7;
-  enum Outcome { intact, leftAlone, wrong };
-  for (std::size_t length = 0; length <= whole.size(); ++length) {
-    const std::string cut = whole.substr(0, length);
-    ASSERT_FALSE(writeFileAtomically(file, cut, false));
-    const int outcome = test::inFreshProcess([&] {
-      int reports = 0;
-      setSystemLogSink([&](std::string_view) { ++reports; });
-      const bool read = defaults().string("secret") == "s&cret" && defaults().integer("number") == 5;
-      const bool empty = !defaults().object("secret") && !defaults().object("number");
-      defaults().set("other", 1);
-      const bool kept = defaults().integer("other") == 1;
-      if (read && kept && reports == 0 && readFile(file).value() != cut) return intact;
-      return empty && kept && reports == 1 && readFile(file).value() == cut ? leftAlone : wrong;
-    });
-    ASSERT_EQ(outcome, length >= contentEnd ? intact : leftAlone) << "cut at " << length;
-  }
-}
-
 TEST_F(UserDefaultsOfAHome, KeepInMemoryWhatCannotBeWrittenUntilTheNextChance) {
   const auto clock = std::make_shared<ManualClock>(dateSince1970(0));
   Clock::install(clock);

@@ -297,7 +297,7 @@ TEST(Fetch, GoesByTheCounterWithoutSortingWhetherRowsAreInStepWithTheirKeysOrNot
     const auto second = store.add(1);
     store.save();
     sortsDone = 0;  // those of the creation of indexes
-    FaultyDisk::failAfterCalls(0);
+    FaultyDisk::failAfterBytes(0);
     store.add(2);
     EXPECT_TRUE(store.context->save());
     FaultyDisk::heal();

@@ -1,11 +1,7 @@
-#include <signal.h>
-
 #include <list>
 
 #include "persistence/TestStore.h"
 #include "platform/foundation/Text.h"
-#include "support/FaultyDisk.h"
-#include "support/FreshProcess.h"
 
 namespace tarvo::platform {
 namespace {
@@ -43,60 +39,20 @@ void makeOlderStore(const fs::path& file) {
   store.run([&] { store.fill(3); });
 }
 
-/// Brings an older store up to date while `fault` strikes. Answers whether it was done at once.
-bool migrateUnder(const std::function<void()>& fault, const std::string& before, const std::string& after) {
+TEST(Migration, AddsWhatTheModelHasMore) {
   test::TempDir dir;
   const auto file = dir.path() / "a.sqlite";
   makeOlderStore(file);
-  EXPECT_EQ(stateOf(file), before);
-  const int end = test::inFreshProcess([&] {
-    TestStore store(file, {}, newer());
-    int done = 0;
-    store.run([&] {
-      fault();
-      done = store.context->claim() ? 1 : 0;
-      FaultyDisk::heal();
-    });
-    return done;
-  });
-  const std::string found = stateOf(file);
-  EXPECT_TRUE(found == after || (end != 0 && found == before)) << found;
+  { TestStore made(dir.path() / "new", {}, newer()); }
+  ASSERT_NE(stateOf(file), stateOf(dir.path() / "new"));
   TestStore store(file, {}, newer());
   store.run([&] {
-    EXPECT_EQ(store.indexes(kByIndex), "0 1 2 ");
     store.add(3)->setString(store.at("note"), "new");
     store.save();
+    EXPECT_EQ(store.indexes(kByIndex), "0 1 2 3 ");
     EXPECT_EQ(store.indexes({"Locations", {{"note", Op::equal, "new"}}}), "3 ");
   });
-  EXPECT_EQ(stateOf(file), after);
-  EXPECT_EQ(runSql(file, "PRAGMA integrity_check"), "ok");
-  return end == 0;
-}
-
-int statementsLeft = -1;
-
-int killAtStatement(unsigned, void*, void*, void*) {
-  if (statementsLeft >= 0 && statementsLeft-- == 0) ::raise(SIGKILL);
-  return 0;
-}
-
-int watchStatements(sqlite3* database, char**, const void*) {
-  return sqlite3_trace_v2(database, SQLITE_TRACE_STMT, killAtStatement, nullptr);
-}
-
-TEST(Migration, LeavesTheOldStoreOrTheNewOneWhereverItIsCutOff) {
-  FaultyDisk::install();
-  sqlite3_auto_extension(reinterpret_cast<void (*)()>(watchStatements));
-  test::TempDir dir;
-  makeOlderStore(dir.path() / "before");
-  { TestStore made(dir.path() / "after", {}, newer()); }
-  const std::string before = stateOf(dir.path() / "before"), after = stateOf(dir.path() / "after");
-  ASSERT_NE(before, after);
-  void (*const faults[])(int) = {[](int nth) { statementsLeft = nth; },
-                                 [](int nth) { FaultyDisk::failAfterCalls(nth); }};
-  for (const auto fault : faults) {
-    EXPECT_GT(failuresUntilDone([&](int nth) { return migrateUnder([&] { fault(nth); }, before, after); }), 5);
-  }
+  EXPECT_EQ(stateOf(file), stateOf(dir.path() / "new"));
 }
 
 TEST(Migration, IsNotForWhoOnlyReads) {

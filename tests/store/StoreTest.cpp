@@ -54,7 +54,7 @@ TEST_F(StoredPositions, AreNumberedByTheRecordsBesidesThemWhateverIsSaved) {
     expectNoPosition(context);
     for (std::int64_t i = 0; i < 3; ++i) EXPECT_EQ(add(context)->index(), i);
     ASSERT_FALSE(context.save());
-    platform::FaultyDisk::failAfterCalls(0);
+    platform::FaultyDisk::failAfterBytes(0);
     EXPECT_EQ(add(context)->index(), 3);
     ASSERT_TRUE(context.save());
     platform::FaultyDisk::heal();

@@ -1,8 +1,6 @@
 #include "platform/urlsession/BackgroundSession.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <atomic>
@@ -316,33 +314,6 @@ TEST_F(Journal, CostsTheSameForEachUploadHoweverManyWait) {
   }
   EXPECT_FALSE(std::filesystem::exists(file));
   EXPECT_LT(bytesWritten() - before, 4 * waiting);
-}
-
-TEST_F(Journal, IsWholeAgainOnceThereIsRoom) {
-  std::filesystem::remove(file);
-  ::signal(SIGXFSZ, SIG_IGN);
-  rlimit none{};
-  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &none), 0);
-  {
-    TransferJournal journal(folder.path(), "j");
-    journal.putResumed({1, {"http://a/"}, "/1"});
-    const auto size = std::filesystem::file_size(file);
-    const rlimit little{size + 20, none.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &little), 0);
-    journal.putResumed({2, {"http://a/"}, "/2"});
-    journal.putResumed({3, {"http://a/"}, "/3"});
-    EXPECT_EQ(std::filesystem::file_size(file), size) << "no half line";
-    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &none), 0);
-    EXPECT_EQ(log.count("transfers are not journalled: "), 1U);
-    journal.putEnded(2, TransferOutcome{200, {}, {}});
-    EXPECT_NE(readFile(file).value().find("/3"), std::string::npos) << "what could not be written before";
-    std::filesystem::remove(file);
-    journal.remove(3);
-  }
-  const auto restored = TransferJournal(folder.path(), "j").takeRestored();
-  ASSERT_EQ(restored.size(), 2U);
-  EXPECT_FALSE(restored[0].outcome);
-  EXPECT_TRUE(restored[1].outcome);
 }
 
 TEST_F(Journal, BelongsToTheFirstThatOpensItAndTellsWhatItCannotWrite) {

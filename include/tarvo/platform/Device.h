@@ -114,7 +114,7 @@ class TARVO_API UIDevice {
   bool hasFeaturesOfLevel9() const;
 
   /// Upper-case random UUID, made once and kept in `Library/identifierForVendor` of the home directory; absent when
-  /// that file can be neither read nor written.
+  /// that file cannot be read or made.
   std::optional<std::string> identifierForVendor() const;
   /// A host with an identifier of its own sets it: a UUID, kept in upper case; what is none is refused (false, with a
   /// line in the system log) and changes nothing. An empty text makes it absent, no text restores the kept one.

@@ -17,7 +17,8 @@ namespace tarvo::platform {
 /// Typed reads convert as the platform documents: a missing key is 0, false or absent; "12abc" reads as 12;
 /// a Boolean reads as 1 or 0; 3.9 reads as 3. Own writes are seen at once.
 /// A write is durable when the call returns (temporary file, flush, rename; mode 0600). A file that cannot be
-/// read as a property list is left alone, reported once in the system log, and the settings start empty in memory.
+/// read as a property list is left alone, reported once in the system log, and the settings start empty in memory; what
+/// was set meanwhile is added to it once it can be read, or is gone.
 /// A write keeps what another process has set meanwhile, which is seen from then on.
 /// Threads: any. Errors: never throws; a failed write is reported in the system log and kept in memory. It is made up
 /// for by the next change, by `synchronize` (the SDK calls it after each save of its store) and by a timer whose pause

@@ -1,3 +1,4 @@
+#include <errno.h>
 #include <unistd.h>
 
 #include <array>
@@ -57,12 +58,16 @@ BatteryReading battery() {
   return reading;
 }
 
-/// The upper-case UUID in that file; a new random one is put there when it holds none. Absent when that fails.
+/// The upper-case UUID in that file; a new random one is put there when it holds none. Absent when that fails, or when
+/// the disk does not tell what the file holds.
 std::optional<std::string> keptUuid(const std::filesystem::path& file) {
-  if (auto kept = readFile(file); kept && upperCaseUuid(*kept) == *kept) return *kept;
+  auto kept = readFile(file);
+  if (kept && upperCaseUuid(*kept) == *kept) return *kept;
   auto made = randomUuid();
   if (!made) return std::nullopt;
-  auto failed = createPrivateDirectories(file.parent_path());
+  std::optional<Error> failed;
+  if (!kept && kept.error().code != ENOENT) failed = kept.error();
+  if (!failed) failed = createPrivateDirectories(file.parent_path());
   if (!failed) failed = writeFileAtomically(file, *made, true);
   if (!failed) return made;
   NSLog(concat("device identifier cannot be kept: ", *failed));

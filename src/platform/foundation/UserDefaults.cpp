@@ -130,6 +130,8 @@ struct UserDefaults::State {
   /// Writes the file; what waits for that is to be run once no lock is held.
   std::optional<Error> write(Blocks& ready) REQUIRES(writing) EXCLUDES(mutex);
   void tryLater() REQUIRES(writing);
+  /// Whether the file still cannot be read. What was set meanwhile is to be written once it can, or is gone.
+  bool staysInMemory() REQUIRES(writing);
 
   Mutex writing;
   bool written GUARDED_BY(writing) = true;
@@ -166,6 +168,7 @@ void UserDefaults::State::change(std::string_view key, std::optional<Value> valu
     MutexLock writeLock(writing);
     // Abandoned writes hold credentials. The first change removes them: a process that only reads must remove nothing.
     if (!std::exchange(cleared, true)) removeAbandonedWrites(file.parent_path());
+    const bool stays = staysInMemory();
     {
       MutexLock lock(mutex);
       auto found = values.find(key);
@@ -176,7 +179,7 @@ void UserDefaults::State::change(std::string_view key, std::optional<Value> valu
       if (value) values.insert_or_assign(std::string(key), std::move(*value));
       changes.fetch_add(1, std::memory_order_release);
     }
-    if (keptInMemory) return;
+    if (stays) return;
     error = write(ready);
   }
   // With no lock held: sink and blocks belong to others.
@@ -229,14 +232,22 @@ void UserDefaults::State::tryLater() {
   pause = std::min(2 * pause, kLongestPause);
 }
 
+bool UserDefaults::State::staysInMemory() {
+  std::error_code failure;
+  if (keptInMemory && (readSettings(file) || (!std::filesystem::exists(file, failure) && !failure))) {
+    keptInMemory = false;
+    isWritten = written = false;
+  }
+  return keptInMemory;
+}
+
 bool UserDefaults::State::synchronize() {
-  if (keptInMemory) return false;
-  if (isWritten) return true;
+  if (isWritten && !keptInMemory) return true;
   Blocks ready;
   bool done = false;
   {
     MutexLock lock(writing);
-    done = written || !write(ready);
+    done = !staysInMemory() && (written || !write(ready));
   }
   for (const auto& block : ready) block();
   return done;

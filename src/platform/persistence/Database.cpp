@@ -155,6 +155,18 @@ bool Database::isReadOnly() const { return sqlite3_db_readonly(handle_, "main") 
 bool Database::inTransaction() const { return sqlite3_get_autocommit(handle_) == 0; }
 std::int64_t Database::rowsChanged() const { return sqlite3_changes64(handle_); }
 
+void Database::noteDamage() {
+  const int status = sqlite3_errcode(handle_);
+  sawDamage_ |= status == SQLITE_CORRUPT || status == SQLITE_NOTADB;
+}
+
+/// SQLite keeps pages that it cannot make sense of, also when the disk would give the right ones by now.
+void Database::forgetDamagedPages() {
+  if (!sawDamage_ || inTransaction()) return;
+  sawDamage_ = false;
+  sqlite3_db_release_memory(handle_);
+}
+
 Error Database::error(StoreErrorCode code, std::string_view what) const {
   if (isLost_) {
     isLossTold_ = true;
@@ -174,13 +186,15 @@ Execution::Execution(Database& database, std::string_view sql, Statement use)
       failed_(!statement_ || !database.isUsable(sqlite3_stmt_readonly(statement_) == 0)) {}
 
 Execution::~Execution() {
-  if (!kept_) {
+  if (failed_) database_.noteDamage();
+  if (kept_) {
+    sqlite3_reset(statement_);
+    sqlite3_clear_bindings(statement_);
+    kept_->isInUse = false;
+  } else {
     sqlite3_finalize(statement_);
-    return;
   }
-  sqlite3_reset(statement_);
-  sqlite3_clear_bindings(statement_);
-  kept_->isInUse = false;
+  database_.forgetDamagedPages();
 }
 
 std::optional<Error> Execution::runToEnd(StoreErrorCode code, std::string_view sql) {

@@ -106,6 +106,8 @@ class Database {
   sqlite3_stmt* prepare(std::string_view sql, bool toKeep);  ///< null when it cannot be
   Prepared* kept(std::string_view sql);                      ///< null when it cannot be, or is in use
   bool isLogWhole();
+  void noteDamage();
+  void forgetDamagedPages();
   static int didCommit(void* database, sqlite3* handle, const char* name, int frames);
 
   std::filesystem::path file_;
@@ -117,6 +119,7 @@ class Database {
   std::chrono::steady_clock::time_point nextLook_;  ///< for reading
   bool isLost_ = false;
   mutable bool isLossTold_ = false;
+  bool sawDamage_ = false;  ///< a page made no sense
   std::unordered_map<std::string, Prepared, TextHash, std::equal_to<>> statements_;
 };
 
