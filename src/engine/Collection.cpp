@@ -4,6 +4,7 @@
 #include <tarvo/platform/Device.h>
 
 #include "log/Log.h"
+#include "platform/foundation/FaultPoint.h"
 #include "platform/location/Geodesy.h"
 #include "records/Positions.h"
 #include "settings/Names.h"
@@ -113,6 +114,7 @@ void Collection::addNewLocationToDatabase(std::vector<CLLocation> fixes, std::st
       for (const auto& fix : fixes) {
         Log::debug("LocationManager:addNewLocationToDatabase [loc] loc:", fix, " mainThread:", mainThread());
         if (Locations::addLocation(fix, activity, method, context, serviceaction)) store_.saveContext();
+        platform::faultPoint("intake: saved");
       }
     });
   });

@@ -5,6 +5,7 @@
 #include "log/Log.h"
 #include "platform/foundation/Encoding.h"
 #include "platform/foundation/FatalError.h"
+#include "platform/foundation/FaultPoint.h"
 #include "platform/foundation/NotificationCenter.h"
 #include "settings/Settings.h"
 #include "store/PastTrips.h"
@@ -59,8 +60,11 @@ void EngineParts::startUp() {
   networkManager.setDelegate(std::make_shared<ReplyReceiver>(*this));
   // Answers that arrive while start-up goes on must find the engine without asking for the shared instance.
   EngineLink::install(this);
+  platform::faultPoint("start: engine installed");
   readStoredUser();
+  platform::faultPoint("start: user read");
   registration.apiKey.set(registration.checkAndRegisterUser());
+  platform::faultPoint("start: registration looked at");
   configureLocationService();
   Log::debug("LocationManager:init [loc] [init] mainThread:", mainThread());
   probeServices();
@@ -68,6 +72,7 @@ void EngineParts::startUp() {
   UIDevice::current().setBatteryMonitoringEnabled(true);
   state.currentBatteryState = UIDevice::current().batteryState();
   UIApplication::shared().setMinimumBackgroundFetchInterval(10.0);
+  platform::faultPoint("start: before the first pass");
   state.serialNetworkDataQueue.sync([this] { pipeline.startPass(); });
   // The first report of the permission is no change: it is dealt with before anybody can start the service.
   locationManager.waitUntilTold();
@@ -145,6 +150,7 @@ void EngineParts::resetLocalHistory() {
   context.performAndWait([&] {
     PastTrips::removeData(context);
     PointOfInterest::removePOIs(context);
+    platform::faultPoint("reset: before the save");
     store.saveContext();
   });
 }
@@ -154,6 +160,7 @@ void EngineParts::checkpoint() {
   context.performAndWait([&] {
     if (!context.coordinator().hasStore()) return;
     store.saveAfterFailure();
+    platform::faultPoint("checkpoint: before");
     if (const auto error = context.coordinator().checkpoint())
       Log::error("Unresolved error ", platform::errorAndUserInfo(*error));
   });

@@ -12,6 +12,7 @@
 #include <tarvo/platform/Environment.h>
 
 #include "log/Log.h"
+#include "platform/foundation/FaultPoint.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/Mutex.h"
 
@@ -133,6 +134,7 @@ class WaitingLines {
     std::size_t begin = 0;
     for (const Line& line : written_.lines) {
       appendTo(*line.file, std::string_view(written_.text).substr(begin, line.end - begin));
+      platform::faultPoint("log: line written");
       begin = line.end;
     }
     if (written_.text.capacity() > kMostKeptBytes) written_ = {};

@@ -8,6 +8,7 @@
 #include "log/Log.h"
 #include "net/ClientState.h"
 #include "net/Messages.h"
+#include "platform/foundation/FaultPoint.h"
 #include "records/LatestPrediction.h"
 #include "settings/EngineLink.h"
 
@@ -34,13 +35,16 @@ void followCounters(NetworkManager& client, const Value& predictionID, const Val
   // Set before the download has begun: the same counter again starts no second one.
   const std::int64_t announced = requireInteger(tripID, "last_pasttrip_id");
   if (Settings::shared().lastTripID.exchange(announced) != announced) client.getLocationHistoryEXTRAPOLATED();
+  platform::faultPoint("downloads: trips asked for");
 
   // The version is kept at once. A failed download puts it back to 0, and cannot do so before this: its completion
   // waits for the end of the one that is running here.
   const std::int64_t poiVersion = requireInteger(poiID, "last_poi_id");
   if (poiVersion != poiVersionWhenSent) {
     client.getPOI();
+    platform::faultPoint("downloads: places asked for");
     client.defaults().set(NetworkManager::LAST_POI_VERSION, poiVersion);
+    platform::faultPoint("downloads: version of places kept");
   }
 }
 
@@ -75,6 +79,7 @@ void NetworkManager::sendDataInBatchToRemoteWebServer(std::string json, const st
   batch.replacesOlder = true;
   state_->start(
       std::move(batch), [poiVersion, locationIndex = last, firstLoc = first](NetworkManager& self, Reply& reply) {
+        platform::faultPoint("upload: answered");
         if (reply.refused()) {
           Log::debug(" NetworkManager:sendDataInBatchToRemoteWebServer : httpstatus : ", reply.response->statusCode,
                      " :réponse = ", reply.response->debugDescription());
@@ -86,6 +91,7 @@ void NetworkManager::sendDataInBatchToRemoteWebServer(std::string json, const st
           if (Settings::shared().activateStatus.get() >= mode::kBackendGeoprofile)
             followAnswer(self, reply, poiVersion);
           EngineLink::current().acknowledge(locationIndex, firstLoc);
+          platform::faultPoint("acknowledgement: saved");
         }
         if (reply.error)
           Log::error("NetworkManager:sendDataInBatchToRemoteWebServer :[error] :", printedDescription(*reply.error));

@@ -9,6 +9,7 @@
 
 #include "log/Log.h"
 #include "net/BackendAddress.h"
+#include "platform/foundation/FaultPoint.h"
 #include "settings/Settings.h"
 #include "sync/DeviceRegistration.h"
 
@@ -59,6 +60,7 @@ void UploadPipeline::startPass() {
   Log::debug("LocationManager:sendDataInBatchToRemoteWebServer [loc]=====CALLED======CANAL===", attempt.wasLocked,
              "=====", attempt.elapsed.count(), "=======");
   if (!attempt.taken) return;
+  platform::faultPoint("upload: channel taken");
   if (networkManagerReceivedSessionError.load()) {
     settings.uploadChannel.release();
     return;
@@ -108,14 +110,17 @@ void UploadPipeline::sendAllUnsentDataToRemoteWebServer() {
     return;
   }
   const std::size_t count = identifiers.size();
+  platform::faultPoint("upload: batch made");
   for (auto& identifier : identifiers)
     context.perform([this, identifier = std::move(identifier)] { markLocationAsSentWithoutACKWithID(identifier); });
+  platform::faultPoint("upload: marks queued");
   post(std::move(batch.json), batch.first, batch.last, count);
 }
 
 void UploadPipeline::markLocationAsSentWithoutACKWithID(const platform::NSManagedObjectID& locationID) {
   Log::debug("LocationManager:markLocationAsSentWithoutACKWithID [net] id:", locationID, " mainThread:", mainThread());
   Locations::markLocationAsSentWithoutACKWithID(locationID, store_.managedObjectContext());
+  platform::faultPoint("upload: marked");
   store_.saveContext();
 }
 
@@ -161,6 +166,7 @@ void UploadPipeline::post(std::string json, std::int64_t first, std::int64_t las
   batchesPosted_.fetch_add(1);
   positionsPosted_.fetch_add(positions);
   client_.sendDataInBatchToRemoteWebServer(std::move(json), concat(first), concat(last));
+  platform::faultPoint("upload: posted");
 }
 
 void UploadPipeline::acknowledge(std::string_view locationIndex, std::string_view firstLoc) {
@@ -169,6 +175,7 @@ void UploadPipeline::acknowledge(std::string_view locationIndex, std::string_vie
     const Locations::List acknowledged = std::exchange(posted_, {});  // in use until it is saved
     // Frees the channel and starts the next batch from inside, before this acknowledgement is saved.
     Locations::markLocationAsSentUntilIndex(locationIndex, context, firstLoc);
+    platform::faultPoint("acknowledgement: next pass started");
     store_.saveContext();
   });
 }
