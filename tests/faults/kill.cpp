@@ -2,14 +2,10 @@
 // kill, from outside the process, whether all that the host had reported is so. The next start needs no human.
 
 #include <fcntl.h>
-#include <poll.h>
-#include <spawn.h>
+#include <signal.h>
 #include <sys/wait.h>
 
-#include <chrono>
 #include <cstring>
-#include <map>
-#include <set>
 #include <sstream>
 
 #include "faults/Driver.h"
@@ -27,13 +23,11 @@ using namespace tarvo;
 namespace fs = std::filesystem;
 using std::to_string;
 
-constexpr std::int64_t kDay = 86400;
-constexpr double kFirstDay = 1718409600;  // 2024-06-15
-/// Each second has a latitude of its own, so that a position tells what it should be.
-double latitudeAt(std::int64_t second) { return 40 + static_cast<double>(second) * 1e-5; }
+enum Manner { kConfirmed = 1, kManners = 1 };
+constexpr std::int64_t kDay = 86400, kFirstDay = 1718409600;  // 2024-06-15
 
-// The host. What it reports on its standard output is true when it is written: "@place" for a place that it has
-// reached, "fix SECOND" for one that it delivers, "ready" once a start is over, "stored N acknowledged M" of all.
+// The host. What it reports on its standard output is true by then: "at PLACE", "fix SECOND" before it delivers one,
+// "stored ACKNOWLEDGED" when all of them are, "ready" once it has started, "arrived" when the backend has everything.
 
 struct {
   std::string place;
@@ -44,60 +38,59 @@ void report(const std::string& line) { (void)!::write(STDOUT_FILENO, (line + "\n
 
 void reach(const char* place) {
   if (std::strcmp(place, "lock") == 0) return;  // too many; a random moment hits them as well
-  report(std::string("@") + place);
+  report(std::string("at ") + place);
   if (target.place == place && target.left.fetch_sub(1) == 1) ::kill(::getpid(), SIGKILL);
 }
 
-/// usage: host HOME URL START SEED MANNER PLACE NTH; a start that is to bring all to the backend has the place "last".
+/// usage: host HOME URL START SEED MANNER PLACE NTH; the start that brings all to the backend has the place "last".
 int host(char** given) {
-  const std::int64_t start = std::stoll(given[4]);
+  const int manner = std::stoi(given[6]);
+  std::int64_t second = std::stoll(given[4]) * kDay + kDay / 24;  // since the first day; each start has a day
   faults::Driver dice("host", 0, nullptr, 0);
   dice.random.seed(std::stoull(given[5]));
   target.place = given[7];
   target.left = std::stoll(given[8]);
-  const bool isLast = target.place == "last";
   platform::faultHook = reach;
-
-  const auto clock = std::make_shared<platform::ManualClock>(
-      platform::dateSince1970(kFirstDay + static_cast<double>(start * kDay + kDay / 24)));
+  const auto clock =
+      std::make_shared<platform::ManualClock>(platform::dateSince1970(static_cast<double>(kFirstDay + second)));
   platform::setHomeDirectory(given[2]);
   platform::Clock::install(clock);
-  platform::setInfoDictionary(
-      {{"CFBundleIdentifier", "org.example.host"}, {"TarvoApiKey", "key"}, {"TarvoClientID", "demo"}});
+  platform::setInfoDictionary({{"CFBundleIdentifier", "a.b"}, {"TarvoApiKey", "key"}, {"TarvoClientID", "demo"}});
   platform::UserDefaults::standard().set(names::kLogLevel, 3);
   LocationManager::setRemoteWebServerURL(given[3]);
+  const bool confirmed = (manner & kConfirmed) != 0;
+  Tarvo::setDeliveryOptions({.confirmed = confirmed, .dropsProtocolBreaks = confirmed});
   Tarvo tarvo;
   NetworkManager::setApiKeySecret("secret");
   tarvo.activate(Tarvo::BACKEND_GEOPROFILE);
-  tarvo.requestRouteMatch();
 
-  std::int64_t second = start * kDay + kDay / 24;
+  const auto pass = [&](std::int64_t seconds) { clock->advance(platform::Seconds(seconds)), second += seconds; };
   const auto deliver = [&](std::int64_t fixes) {
     for (; fixes > 0; --fixes) {
-      second += 30 + dice.upTo(60);
-      clock->advanceTo(platform::dateSince1970(kFirstDay + static_cast<double>(second)));
-      report("fix loc_changed " + to_string(second));
+      pass(30 + dice.upTo(60));
+      report("fix " + to_string(second));
+      // A latitude of its own for each second: a position tells what it should be.
       platform::LocationService::shared().deliver(
-          {{.coordinate = {latitudeAt(second), 11.5}, .timestamp = clock->now()}});
+          {{.coordinate = {40 + static_cast<double>(second) * 1e-5, 11.5}, .timestamp = clock->now()}});
     }
   };
   const auto wait = [&](bool atTheEnd) {
     if (!(atTheEnd ? Tarvo::waitUntilIdle(60) : platform::WorkInFlight::waitUntilIdle(platform::Seconds(60))))
-      return report("never idle");
+      throw std::runtime_error("never idle");
     const auto status = tarvo.syncStatus();
-    if (!status.storeAvailable || status.unsaved > 0) report("no store");
-    report("stored " + to_string(status.stored) + " acknowledged " + to_string(status.acknowledged));
+    if (!status.storeAvailable || status.unsaved > 0) throw std::runtime_error("no store");
+    report("stored " + to_string(status.acknowledged));
+    return status.unsent + status.awaiting == 0;
   };
-  // What a host may do besides.
   const std::vector<std::function<void()>> asides{
       [&] {
-        tarvo.didReceiveRemoteNotification({{"messageFrom", "tarvo"}});
+        (void)tarvo.didReceiveRemoteNotification({{"messageFrom", "tarvo"}});
       },
       [&] { tarvo.resetLocalHistory(); },
-      [&] { tarvo.setTags("tag", to_string(second)); },
+      [&] { tarvo.requestRouteMatch(); },
       [&] { (void)tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {}); },
       [&] { tarvo.activate(Tarvo::BACKEND_GEOPROFILE); },
-      [&] { clock->advance(platform::Seconds(180)), second += 180; },
+      [&] { pass(180); },
   };
   deliver(1);
   wait(false);
@@ -108,50 +101,90 @@ int host(char** given) {
     asides[static_cast<std::size_t>(dice.upTo(std::ssize(asides) - 1))]();
     if (const auto way = dice.upTo(5); way > 1) wait(way == 2);
   }
-  for (int pass = 0; isLast && pass < 100; ++pass) {
+  for (int passes = 0; target.place == "last"; ++passes) {
+    if (wait(passes % 2 == 0)) return report("arrived"), EXIT_SUCCESS;
+    if (passes == 100) throw std::runtime_error("positions are left");
+    pass(180);
     tarvo.locationManager().sendDataInBatchToRemoteWebServer();
-    wait(pass % 2 == 0);
-    const auto status = tarvo.syncStatus();
-    if (status.unsent + status.awaiting == 0) return report("arrived"), EXIT_SUCCESS;
-    clock->advance(platform::Seconds(180));
   }
-  if (dice.upTo(1) == 0) wait(true);
   return EXIT_SUCCESS;
 }
 
-// What kills it.
+/// The way between a host and its backend, on which nothing can be relied upon until it `isHonest`.
+class Wire {
+ public:
+  Wire(int port, std::uint64_t seed) : port_(port), seed_(seed) {}
 
-/// Something new to download at each start.
-sandbox::Canned cannedFor(std::int64_t start) {
-  sandbox::Canned canned;
-  canned.prediction = R"({"start_time":"a","arrival_time":"b","probability":0.5,"destination_lon":11,"route":{},)"
-                      R"("destination_lat":48,"destination_json":{},"start_name":"c","arrival_name":"d","duration":1,)"
-                      R"("prediction_id":)" +
-                      to_string(start + 1) + "}";
-  for (std::int64_t id = 3 * start + 1; id <= 3 * start + 3; ++id) {
-    canned.trips.push_back(R"({"route":{},"pasttrip_id":)" + to_string(id) + "}");
-    canned.pois.push_back(R"({"zone_geo_json":{},"poi_id":)" + to_string(id) + "}");
+  std::atomic<bool> isHonest = false;
+  std::string url() const { return server_.url("/api"); }
+
+ private:
+  std::string ask(const std::string& request) const {
+    test::Connection backend(::socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in address{AF_INET, htons(static_cast<in_port_t>(port_)), {htonl(INADDR_LOOPBACK)}, {}};
+    std::string answer;
+    if (::connect(backend.socket, static_cast<sockaddr*>(static_cast<void*>(&address)), sizeof address) == 0 &&
+        backend.send(request))
+      answer = backend.readRequest();
+    ::close(backend.socket);
+    return answer;
   }
-  canned.poiVersion = start + 1;
-  return canned;
-}
 
-std::string textOf(const fs::path& file) {
-  auto text = platform::readFile(file);
-  return text ? std::move(*text) : std::string();
-}
+  void serve(test::Connection& peer) {
+    using test::httpReply;
+    static const std::vector<std::string> lies{httpReply(200, "<html>Log in</html>"),
+                                               httpReply(200),
+                                               httpReply(200, R"({"success":false})"),
+                                               httpReply(200, R"({"success":"true","results":7})"),
+                                               httpReply(500),
+                                               httpReply(401),
+                                               httpReply(503, "", "Retry-After: 7\r\n"),
+                                               httpReply(302, "", "Location: http://127.0.0.1:1/\r\n"),
+                                               "HTTP/1.1 200 OK\r\nContent-Length: 99\r\n\r\n{\"success\":true"};
+    for (std::string request; !(request = peer.readRequest()).empty();) {
+      faults::Driver dice("wire", 0, nullptr, 0);
+      dice.random.seed(seed_ + ++requests_);
+      const auto fate = static_cast<std::size_t>(isHonest ? 99 : dice.upTo(30)), beyond = lies.size();
+      if (fate == beyond) return peer.resetOnClose();  // lost on the way there
+      std::string answer = fate > beyond || dice.upTo(1) == 0 ? ask(request) : "";
+      if (fate == beyond + 1) return;  // lost on the way back
+      if (fate == beyond + 2) answer = ask(request);
+      if (fate == beyond + 3) std::this_thread::sleep_for(std::chrono::milliseconds(dice.upTo(30)));
+      if (!peer.send(fate < beyond ? lies[fate] : answer) || fate == beyond - 1) return;
+    }
+  }
+
+  const int port_;
+  const std::uint64_t seed_;
+  std::atomic<std::uint64_t> requests_ = 0;
+  test::RawServer server_{[this](test::Connection& peer) { serve(peer); }};
+};
 
 /// A home, its backend, and what is known of it.
 struct Home {
-  explicit Home(int ofDelivery) : manner(ofDelivery) {
+  Home(int howItLives, std::uint64_t seed) : manner(howItLives) {
     fs::create_directory(files);
     backend.start();
+    if ((manner & kConfirmed) != 0) wire.emplace(backend.port(), seed);
+  }
+  /// Something new to download.
+  void serveMore() {
+    const std::string next = to_string(++starts);
+    sandbox::Canned canned{.trips = {R"({"route":{},"pasttrip_id":)" + next + "1}", R"({"pasttrip_id":)" + next + "2}"},
+                           .pois = {R"({"zone_geo_json":{}})", R"({"zone_geo_json":[]})"},
+                           .poiVersion = starts};
+    canned.prediction = R"({"start_time":"","arrival_time":"","probability":1,"destination_lon":1,"destination_lat":1,)"
+                        R"("route":{},"destination_json":{},"start_name":"","arrival_name":"","duration":1,)"
+                        R"("prediction_id":)" +
+                        next + "}";
+    backend.serve(canned);
   }
 
   const int manner;
   test::TempDir folder;
   const fs::path files = folder.path() / "home";
   sandbox::Backend backend{{"demo", "key", "secret"}, folder.path() / "sandbox.sqlite"};
+  std::optional<Wire> wire;
   std::int64_t starts = 0;
   bool isRegistered = false;
   std::map<std::int64_t, std::string> seen;  ///< what a number stands for
@@ -160,74 +193,82 @@ struct Home {
   std::set<std::string> logs;
 };
 
+std::string textOf(const fs::path& file) {
+  auto text = platform::readFile(file);
+  return text ? std::move(*text) : std::string();
+}
+
+bool hasWholeLines(const std::string& log) {
+  bool whole = log.empty() || log.back() == '\n';
+  for (auto stamp = log.find("[[20"); stamp != log.npos; stamp = log.find("[[20", stamp + 1))
+    whole &= stamp == 0 || log[stamp - 1] == '\n';
+  return whole;
+}
+
 class Killer {
  public:
   Killer(int count, char** arguments) : driver_("kill", count, arguments, 60) {}
 
   int run() {
     const auto began = Clock::now();
-    while (kills_ < driver_.runs) {
-      Home home(0);
+    for (int manner = 0; kills_ < driver_.runs; manner = (manner + 1) % kManners) {
+      Home home(manner, driver_.random());
       // The places are learnt from the first start, which nobody kills, and from all that follow.
       if (places_[0].empty()) start(home, "", 0, {});
       for (std::int64_t life = 5 + driver_.upTo(30); life > 0 && kills_ < driver_.runs; --life) {
         const auto& places = places_[home.isRegistered];
-        if (places.empty() || driver_.upTo(1) == 0) {
-          start(home, "", 0, Microseconds(driver_.upTo(longest_.count())));
-        } else {
-          auto next = places.upper_bound(latest_);  // one after the other, each at any of its times
-          if (next == places.end()) next = places.begin();
-          latest_ = next->first;
-          start(home, latest_, 1 + driver_.upTo(next->second - 1), {});
-        }
+        auto next = places.upper_bound(latest_);  // one after the other, each at any of its times
+        if (next == places.end()) next = places.begin();
+        if (next == places.end() || driver_.upTo(1) == 0)
+          start(home, "", 0, std::chrono::microseconds(driver_.upTo(longest_.count())));
+        else
+          start(home, latest_ = next->first, 1 + driver_.upTo(next->second - 1), {});
       }
+      if (home.wire) home.wire->isHonest = true;
       start(home, "last", 0, {});
     }
     const std::chrono::duration<double> took = Clock::now() - began;
-    std::cout << kills_ << " kills in " << starts_ << " starts, " << kills_ - atPlaces_
-              << " at random moments, the others at " << hit_.size() << " places; "
-              << static_cast<double>(kills_) / took.count() << " a second" << std::endl;
-    for (const auto& places : places_)
-      for (const auto& [place, times] : places)
-        if (!hit_.contains(place)) std::cout << "  never at \"" << place << "\"\n";
+    std::cout << kills_ << " kills in " << starts_ << " starts, " << atPlaces_ << " of them at " << hit_.size()
+              << " places; " << static_cast<double>(kills_) / took.count() << " a second" << std::endl;
     return driver_.end(kills_);
   }
 
  private:
   using Clock = std::chrono::steady_clock;
-  using Microseconds = std::chrono::microseconds;
 
-  void expect(bool holds, const std::string& otherwise) { driver_.expect(holds, what_ + ": " + otherwise); }
+  void expect(bool holds, const std::string& otherwise) { driver_.expect(holds, what_ + otherwise); }
 
-  void start(Home& home, const std::string& place, std::int64_t nth, std::optional<Microseconds> until) {
-    what_ = "start " + to_string(starts_++) + " (" + to_string(home.starts) + " of its home), to be killed " +
-            (until ? "after " + to_string(until->count()) + " us" : "at the " + to_string(nth) + ". \"" + place + "\"");
-    home.backend.serve(cannedFor(home.starts));
+  /// Runs the host, kills it when the time is up, unless it kills itself, and looks at what it leaves.
+  void start(Home& home, const std::string& place, std::int64_t nth, std::optional<std::chrono::microseconds> until) {
+    what_ = "start " + to_string(starts_++) + ", the " + to_string(home.starts) + ". of a home of manner " +
+            to_string(home.manner) + ", to be killed " +
+            (until ? "after " + to_string(until->count()) + " us: " : "at \"" + place + "\" " + to_string(nth) + ": ");
     std::vector<std::string> words{"kill",
                                    "host",
                                    home.files,
-                                   home.backend.baseURL(),
-                                   to_string(home.starts++),
+                                   home.wire ? home.wire->url() : home.backend.baseURL(),
+                                   to_string(home.starts),
                                    to_string(driver_.random()),
                                    to_string(home.manner),
                                    place,
                                    to_string(nth)};
+    home.serveMore();
     std::vector<char*> arguments;
     for (auto& word : words) arguments.push_back(word.data());
     arguments.push_back(nullptr);
     const fs::path console = home.folder.path() / "console.txt";
+    const int error = ::open(console.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     int pipe[2];
-    pid_t child = 0;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    if (::pipe2(pipe, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
-    posix_spawn_file_actions_adddup2(&actions, pipe[1], STDOUT_FILENO);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, console.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (error < 0 || ::pipe2(pipe, O_CLOEXEC) != 0) throw std::runtime_error("no descriptor");
     const auto began = Clock::now();
-    if (::posix_spawn(&child, "/proc/self/exe", &actions, nullptr, arguments.data(), environ) != 0)
-      throw std::runtime_error("no host");
-    posix_spawn_file_actions_destroy(&actions);
+    const pid_t child = ::fork();
+    if (child == 0) {
+      if (::dup2(pipe[1], STDOUT_FILENO) >= 0 && ::dup2(error, STDERR_FILENO) >= 0)
+        ::execv("/proc/self/exe", arguments.data());
+      ::_exit(127);
+    }
     ::close(pipe[1]);
+    ::close(error);
     const std::string told = follow(child, pipe[0], began + until.value_or(std::chrono::minutes(2)), until.has_value());
     ::close(pipe[0]);
     int status = 0;
@@ -235,15 +276,14 @@ class Killer {
     const bool wasKilled = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
     kills_ += wasKilled;
     if (wasKilled && !until) ++atPlaces_, hit_.insert(place);
-    if (!wasKilled) longest_ = std::chrono::duration_cast<Microseconds>(Clock::now() - began);
-    const std::string log = textOf(console);
+    if (!wasKilled) longest_ = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - began);
+    const std::string last = textOf(console);
     expect(wasKilled || status == 0,
-           "ended with " + to_string(status) + ": " + log.substr(log.size() - std::min<std::size_t>(log.size(), 300)));
+           "status " + to_string(status) + last.substr(last.size() - std::min<std::size_t>(last.size(), 300)));
     look(home, told, place == "last");
   }
 
-  /// What the host tells until it is gone; kills it when its time is up.
-  std::string follow(pid_t child, int from, Clock::time_point deadline, bool isWanted) {
+  std::string follow(pid_t child, int from, Clock::time_point deadline, bool isToBeKilled) {
     std::string told;
     char buffer[4096];
     for (ssize_t count = 1; count > 0;) {
@@ -251,7 +291,7 @@ class Killer {
       const timespec span{left / std::chrono::seconds(1), (left % std::chrono::seconds(1)).count()};
       pollfd readable{from, POLLIN, 0};
       if (::ppoll(&readable, 1, &span, nullptr) == 0) {
-        expect(isWanted, "the host does not end");
+        expect(isToBeKilled, "it does not end");
         ::kill(child, SIGKILL);
         deadline += std::chrono::hours(1);
       } else if ((count = ::read(from, buffer, sizeof buffer)) > 0) {
@@ -262,53 +302,35 @@ class Killer {
   }
 
   void look(Home& home, const std::string& told, bool isLast) {
-    auto& places = places_[home.isRegistered];
     std::map<std::string, std::int64_t> reached;
+    std::map<std::string, std::string> facts;
     std::set<std::string> delivered;
-    std::int64_t stored = 0, acknowledged = 0;
-    bool isReady = false, haveArrived = false;
     std::istringstream lines(told);
-    for (std::string line, word; std::getline(lines, line) && !lines.eof();) {
-      std::istringstream words(line);
-      words >> word;
-      if (line.starts_with('@')) {
-        places[line.substr(1)] = std::max(places[line.substr(1)], ++reached[line.substr(1)]);
-      } else if (word == "fix") {
-        delivered.insert(line.substr(4));
-      } else if (word == "stored") {
-        words >> stored >> word >> acknowledged;
-        home.promised.merge(delivered);
-      } else {
-        isReady |= word == "ready";
-        haveArrived |= word == "arrived";
-        expect(word == "ready" || word == "arrived", "the host tells: " + line);
-      }
+    for (std::string what, value; lines >> what && std::getline(lines, value) && !lines.eof(); facts[what] = value) {
+      if (what == "at") ++reached[value.substr(1)];
+      if (what == "fix") delivered.insert(std::string(action::kChanged) + value);
+      if (what == "stored") home.promised.merge(delivered);
     }
-    expect(!isLast || haveArrived, "not all has arrived at the backend");
-    lookAtFiles(home, isReady, isLast);
-    lookAtStore(home, stored, acknowledged, isLast);
+    for (const auto& [place, times] : reached)
+      places_[home.isRegistered][place] = std::max(places_[home.isRegistered][place], times);
+    expect(!isLast || facts.contains("arrived"), "not all has arrived at the backend");
+    lookAtFiles(home, facts.contains("ready"), isLast);
+    lookAtStore(home, facts.contains("stored") ? std::stoll(facts["stored"]) : 0, isLast);
   }
 
-  /// Whole lines, readable settings and journals, and no temporary file that a start has found and left.
+  /// Whole lines, readable settings and journals, no temporary file that a whole start has left alone.
   void lookAtFiles(Home& home, bool isReady, bool isLast) {
     std::set<fs::path> temporary;
-    const auto isWhole = [](const std::string& text) {
-      bool whole = text.empty() || text.back() == '\n';
-      for (auto stamp = text.find("[[20"); stamp != text.npos; stamp = text.find("[[20", stamp + 1))
-        whole &= stamp == 0 || text[stamp - 1] == '\n';
-      return whole;
-    };
-    std::string latestLog;
+    std::string latest;
     for (const auto& entry : fs::recursive_directory_iterator(home.files)) {
       const std::string name = entry.path().filename();
       const auto holds = [&](auto&& what) { expect(static_cast<bool>(what), "damaged: " + name); };
       if (name.starts_with(".writing-")) {
         temporary.insert(entry.path());
-        expect(!isReady || !home.abandoned.contains(entry.path()), "abandoned twice: " + entry.path().native());
+        expect(!isReady || !home.abandoned.contains(entry.path()), "left over: " + name);
       } else if (name.starts_with("TarvoLog_")) {
-        holds(textOf(entry).starts_with("--boundary\r\n") && isWhole(textOf(entry)));
-        home.logs.insert(name);
-        latestLog = std::max(latestLog, name);
+        holds(textOf(entry).starts_with("--boundary\r\n") && hasWholeLines(textOf(entry)));
+        latest = std::max(latest, *home.logs.insert(name).first);
       } else if (name == "defaults.plist") {
         holds(platform::parsePropertyList(textOf(entry)));
       } else if (name.ends_with(".jsonl")) {
@@ -318,14 +340,14 @@ class Killer {
     }
     home.abandoned = temporary;
     if (!isLast) return;
-    home.logs.erase(latestLog);
-    for (const auto& log : home.logs)  // one whose process was killed at its first line has none
+    home.logs.erase(latest);
+    for (const auto& log : home.logs)
       expect(!fs::exists(home.files / "Documents" / log) && fs::exists(home.backend.logs() / log) &&
-                 isWhole(textOf(home.backend.logs() / log)),
+                 hasWholeLines(textOf(home.backend.logs() / log)),
              "not uploaded: " + log);
   }
 
-  void lookAtStore(Home& home, std::int64_t stored, std::int64_t acknowledged, bool isLast) {
+  void lookAtStore(Home& home, std::int64_t acknowledged, bool isLast) {
     // A copy, so that the next start meets what the kill has left.
     const fs::path copies = home.folder.path() / "copies";
     fs::remove_all(copies);
@@ -343,34 +365,34 @@ class Killer {
     };
     expect(read("1, integrity_check", "pragma_integrity_check").at(1) == "ok", "the store is damaged");
     if (read("1, name", "sqlite_schema WHERE name = 'Locations'").empty())
-      return expect(stored == 0 && home.seen.empty(), "the store has become empty");
+      return expect(home.promised.empty() && home.seen.empty(), "the store has become empty");
     database.run(("ATTACH '" + (home.folder.path() / "sandbox.sqlite").native() + "' AS backend").c_str());
-    const std::string second = "CAST(round(100000 * (latitude - 40)) AS INTEGER)";
-    const auto rows = read("\"index\", serviceAction || ' ' || " + second, "Locations");
-    const auto done = read("\"index\", serviceAction || ' ' || " + second, "Locations WHERE unsent = 0");
-    const auto received = read("id, service_action || ' ' || CAST(round(100000 * (lat - 40)) AS INTEGER)", "positions");
+    const auto fix = [](const std::string& action, const std::string& latitude) {
+      return action + " || ' ' || CAST(round(100000 * (" + latitude + " - 40)) AS INTEGER)";
+    };
+    const auto rows = read("\"index\", " + fix("serviceAction", "latitude"), "Locations");
+    const auto done = read("\"index\", ''", "Locations WHERE unsent = 0");
+    const auto received = read("id, " + fix("service_action", "lat"), "positions");
 
     std::set<std::string> fixes;
-    for (const auto& [index, fix] : rows) fixes.insert(fix);
-    for (const auto& fix : home.promised) expect(fixes.contains(fix), "reported as stored, and lost: " + fix);
-    expect(rows.empty() || (rows.begin()->first == 0 && std::prev(rows.end())->first == std::ssize(rows) - 1),
-           "the numbers are not 0 to " + to_string(rows.size() - 1));
-    const auto stays = [&](const auto& known, const std::string& otherwise) {
-      for (const auto& [index, fix] : known)
-        expect(rows.contains(index) && rows.at(index) == fix, otherwise + ": " + to_string(index) + " " + fix);
+    for (const auto& [index, value] : rows) fixes.insert(value);
+    for (const auto& value : home.promised) expect(fixes.contains(value), "reported as stored, and lost: " + value);
+    const auto stay = [&](const auto& known, const std::string& otherwise) {
+      for (const auto& [index, value] : known)
+        expect(rows.contains(index) && rows.at(index) == value, otherwise + to_string(index) + " " + value);
     };
-    stays(home.seen, "lost or changed");
-    stays(received, "posted, and another now");
-    for (const auto& [index, fix] : done) expect(received.contains(index), "never received: " + to_string(index));
-    expect(std::ssize(rows) >= stored && std::ssize(done) >= acknowledged, "less than was reported");
+    stay(home.seen, "lost or changed: ");
+    stay(received, "posted, and another now: ");
+    expect(rows.empty() || (rows.begin()->first == 0 && rows.rbegin()->first == std::ssize(rows) - 1), "holes");
+    for (const auto& [index, value] : done) expect(received.contains(index), "never received: " + to_string(index));
+    expect(std::ssize(done) >= acknowledged, "fewer acknowledged than reported");
     expect(!isLast || (done.size() == rows.size() && received.size() == rows.size()), "not all has arrived");
-    for (const std::string& wrong :
-         {"Locations WHERE abs(locationTimestamp - 1718409600 - " + second + ") > 0.01",
-          std::string("Locations WHERE unsent = 0 AND sentWithoutACK = 1"), std::string("Users LIMIT -1 OFFSET 1"),
-          std::string("PastTrips GROUP BY pasttrip_id HAVING count(*) > 1"),
-          std::string("backend.users LIMIT -1 OFFSET 1")})
+    for (const std::string& wrong : std::vector<std::string>{
+             "Locations WHERE abs(locationTimestamp - 1718409600 - round(100000 * (latitude - 40))) > 0.01",
+             "Locations WHERE unsent = 0 AND sentWithoutACK = 1", "Users LIMIT -1 OFFSET 1",
+             "PastTrips GROUP BY pasttrip_id HAVING count(*) > 1", "backend.users LIMIT -1 OFFSET 1"})
       expect(read("1, ''", wrong).empty(), "there is something in " + wrong);
-    home.isRegistered = !read("1, uuid", "Users LIMIT 1").empty();
+    home.isRegistered = !read("1, uuid", "Users").empty();
     home.seen = rows;
   }
 
@@ -379,7 +401,7 @@ class Killer {
   std::map<std::string, std::int64_t> places_[2];  ///< and how often each was reached, before and after registration
   std::set<std::string> hit_;
   std::int64_t kills_ = 0, starts_ = 0, atPlaces_ = 0;
-  Microseconds longest_{std::chrono::milliseconds(100)};
+  std::chrono::microseconds longest_{100'000};
 };
 
 }  // namespace
