@@ -23,7 +23,7 @@ using namespace tarvo;
 namespace fs = std::filesystem;
 using std::to_string;
 
-enum Manner { kConfirmed = 1, kManners = 1 };
+enum Manner { kConfirmed = 1, kManners = 2 };
 constexpr std::int64_t kDay = 86400, kFirstDay = 1718409600;  // 2024-06-15
 
 // The host. What it reports on its standard output is true by then: "at PLACE", "fix SECOND" before it delivers one,
