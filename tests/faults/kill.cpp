@@ -1,9 +1,9 @@
 // Kills a host that does everything, at random moments and at the places that `faultPoint` names, and looks after each
 // kill, from outside the process, whether all that the host had reported is so. The next start needs no human.
 
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <sstream>
@@ -26,7 +26,7 @@ using std::to_string;
 enum Manner { kConfirmed = 1, kManners = 2 };
 constexpr std::int64_t kDay = 86400, kFirstDay = 1718409600;  // 2024-06-15
 
-// The host. What it reports on its standard output is true by then: "at PLACE", "fix SECOND" before it delivers one,
+// The host. What it writes down for its killer is true by then: "at PLACE", "fix SECOND" before it delivers one,
 // "stored ACKNOWLEDGED" when all of them are, "ready" once it has started, "arrived" when the backend has everything.
 
 struct {
@@ -42,8 +42,12 @@ void reach(const char* place) {
   if (target.place == place && target.left.fetch_sub(1) == 1) ::kill(::getpid(), SIGKILL);
 }
 
-/// usage: host HOME URL START SEED MANNER PLACE NTH; the start that brings all to the backend has the place "last".
+/// usage: host FOLDER URL START SEED MANNER PLACE NTH; the start that brings all to the backend has the place "last".
 int host(char** given) {
+  const fs::path folder = given[2];
+  if (!std::freopen((folder / "told").c_str(), "w", stdout) || !std::freopen((folder / "console").c_str(), "w", stderr))
+    return EXIT_FAILURE;
+  ::alarm(120);
   const int manner = std::stoi(given[6]);
   std::int64_t second = std::stoll(given[4]) * kDay + kDay / 24;  // since the first day; each start has a day
   faults::Driver dice("host", 0, nullptr, 0);
@@ -53,7 +57,7 @@ int host(char** given) {
   platform::faultHook = reach;
   const auto clock =
       std::make_shared<platform::ManualClock>(platform::dateSince1970(static_cast<double>(kFirstDay + second)));
-  platform::setHomeDirectory(given[2]);
+  platform::setHomeDirectory(folder / "home");
   platform::Clock::install(clock);
   platform::setInfoDictionary({{"CFBundleIdentifier", "a.b"}, {"TarvoApiKey", "key"}, {"TarvoClientID", "demo"}});
   platform::UserDefaults::standard().set(names::kLogLevel, 3);
@@ -131,16 +135,14 @@ class Wire {
   }
 
   void serve(test::Connection& peer) {
-    using test::httpReply;
-    static const std::vector<std::string> lies{httpReply(200, "<html>Log in</html>"),
-                                               httpReply(200),
-                                               httpReply(200, R"({"success":false})"),
-                                               httpReply(200, R"({"success":"true","results":7})"),
-                                               httpReply(500),
-                                               httpReply(401),
-                                               httpReply(503, "", "Retry-After: 7\r\n"),
-                                               httpReply(302, "", "Location: http://127.0.0.1:1/\r\n"),
-                                               "HTTP/1.1 200 OK\r\nContent-Length: 99\r\n\r\n{\"success\":true"};
+    static const auto lies = [] {
+      std::vector<std::string> all{"HTTP/1.1 200 OK\r\nContent-Length: 99\r\n\r\n{\"success\":true"};
+      for (const char* body : {"<html>Log in</html>", "", R"({"success":false})", R"({"success":"true","results":7})"})
+        all.push_back(test::httpReply(200, body));
+      for (const int status : {302, 401, 500, 503})
+        all.push_back(test::httpReply(status, "", "Retry-After: 7\r\nLocation: http://127.0.0.1:1/\r\n"));
+      return all;
+    }();
     for (std::string request; !(request = peer.readRequest()).empty();) {
       faults::Driver dice("wire", 0, nullptr, 0);
       dice.random.seed(seed_ + ++requests_);
@@ -150,7 +152,7 @@ class Wire {
       if (fate == beyond + 1) return;  // lost on the way back
       if (fate == beyond + 2) answer = ask(request);
       if (fate == beyond + 3) std::this_thread::sleep_for(std::chrono::milliseconds(dice.upTo(30)));
-      if (!peer.send(fate < beyond ? lies[fate] : answer) || fate == beyond - 1) return;
+      if (!peer.send(fate < beyond ? lies[fate] : answer) || fate == 0) return;
     }
   }
 
@@ -167,16 +169,18 @@ struct Home {
     backend.start();
     if ((manner & kConfirmed) != 0) wire.emplace(backend.port(), seed);
   }
+  std::string url() const { return wire ? wire->url() : backend.baseURL(); }
   /// Something new to download.
   void serveMore() {
     const std::string next = to_string(++starts);
-    sandbox::Canned canned{.trips = {R"({"route":{},"pasttrip_id":)" + next + "1}", R"({"pasttrip_id":)" + next + "2}"},
-                           .pois = {R"({"zone_geo_json":{}})", R"({"zone_geo_json":[]})"},
-                           .poiVersion = starts};
-    canned.prediction = R"({"start_time":"","arrival_time":"","probability":1,"destination_lon":1,"destination_lat":1,)"
-                        R"("route":{},"destination_json":{},"start_name":"","arrival_name":"","duration":1,)"
-                        R"("prediction_id":)" +
-                        next + "}";
+    sandbox::Canned canned;
+    canned.trips = {R"({"route":{},"pasttrip_id":)" + next + "1}", R"({"pasttrip_id":)" + next + "2}"};
+    canned.pois = {R"({"zone_geo_json":{}})", R"({"zone_geo_json":[]})"};
+    canned.poiVersion = starts;
+    canned.prediction =
+        R"({"start_time":"","arrival_time":"","probability":1,"destination_lon":1,"destination_lat":1,"route":{},)"
+        R"("destination_json":{},"start_name":"","arrival_name":"","duration":1,"prediction_id":)" +
+        (next + "}");
     backend.serve(canned);
   }
 
@@ -241,64 +245,33 @@ class Killer {
   /// Runs the host, kills it when the time is up, unless it kills itself, and looks at what it leaves.
   void start(Home& home, const std::string& place, std::int64_t nth, std::optional<std::chrono::microseconds> until) {
     what_ = "start " + to_string(starts_++) + ", the " + to_string(home.starts) + ". of a home of manner " +
-            to_string(home.manner) + ", to be killed " +
+            to_string(home.manner) + ", killed " +
             (until ? "after " + to_string(until->count()) + " us: " : "at \"" + place + "\" " + to_string(nth) + ": ");
-    std::vector<std::string> words{"kill",
-                                   "host",
-                                   home.files,
-                                   home.wire ? home.wire->url() : home.backend.baseURL(),
-                                   to_string(home.starts),
-                                   to_string(driver_.random()),
-                                   to_string(home.manner),
-                                   place,
-                                   to_string(nth)};
+    const std::string url = home.url(), start = to_string(home.starts), seed = to_string(driver_.random()),
+                      manner = to_string(home.manner), times = to_string(nth);
     home.serveMore();
-    std::vector<char*> arguments;
-    for (auto& word : words) arguments.push_back(word.data());
-    arguments.push_back(nullptr);
-    const fs::path console = home.folder.path() / "console.txt";
-    const int error = ::open(console.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    int pipe[2];
-    if (error < 0 || ::pipe2(pipe, O_CLOEXEC) != 0) throw std::runtime_error("no descriptor");
     const auto began = Clock::now();
     const pid_t child = ::fork();
     if (child == 0) {
-      if (::dup2(pipe[1], STDOUT_FILENO) >= 0 && ::dup2(error, STDERR_FILENO) >= 0)
-        ::execv("/proc/self/exe", arguments.data());
-      ::_exit(127);
+      ::close_range(3, ~0U, 0);
+      ::_exit(::execl("/proc/self/exe", "kill", "host", home.folder.path().c_str(), url.c_str(), start.c_str(),
+                      seed.c_str(), manner.c_str(), place.c_str(), times.c_str(), nullptr));
     }
-    ::close(pipe[1]);
-    ::close(error);
-    const std::string told = follow(child, pipe[0], began + until.value_or(std::chrono::minutes(2)), until.has_value());
-    ::close(pipe[0]);
+    if (until) {
+      std::this_thread::sleep_for(*until);
+      ::kill(child, SIGKILL);
+    }
     int status = 0;
     ::waitpid(child, &status, 0);
     const bool wasKilled = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
     kills_ += wasKilled;
     if (wasKilled && !until) ++atPlaces_, hit_.insert(place);
-    if (!wasKilled) longest_ = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - began);
-    const std::string last = textOf(console);
+    if (!wasKilled && !until) longest_ = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - began);
+    const std::string console = textOf(home.folder.path() / "console");
     expect(wasKilled || status == 0,
-           "status " + to_string(status) + last.substr(last.size() - std::min<std::size_t>(last.size(), 300)));
-    look(home, told, place == "last");
-  }
-
-  std::string follow(pid_t child, int from, Clock::time_point deadline, bool isToBeKilled) {
-    std::string told;
-    char buffer[4096];
-    for (ssize_t count = 1; count > 0;) {
-      const auto left = std::max(Clock::duration::zero(), deadline - Clock::now());
-      const timespec span{left / std::chrono::seconds(1), (left % std::chrono::seconds(1)).count()};
-      pollfd readable{from, POLLIN, 0};
-      if (::ppoll(&readable, 1, &span, nullptr) == 0) {
-        expect(isToBeKilled, "it does not end");
-        ::kill(child, SIGKILL);
-        deadline += std::chrono::hours(1);
-      } else if ((count = ::read(from, buffer, sizeof buffer)) > 0) {
-        told.append(buffer, static_cast<std::size_t>(count));
-      }
-    }
-    return told;
+           to_string(status) + console.substr(console.size() - std::min(console.size(), 300UL)));
+    look(home, textOf(home.folder.path() / "told"), place == "last");
+    fs::remove(home.folder.path() / "told");
   }
 
   void look(Home& home, const std::string& told, bool isLast) {
