@@ -1,6 +1,7 @@
 // The commands that only read a home: history, trips, pois, status.
 
 #include <CLI/CLI.hpp>
+#include <cmath>
 #include <iomanip>
 #include <iostream>
 #include <memory>
@@ -8,7 +9,9 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <vector>
 
+#include <tarvo/Health.h>
 #include <tarvo/HostKeys.h>
 #include <tarvo/Tarvo.h>
 #include <tarvo/platform/Environment.h>
@@ -231,10 +234,44 @@ std::string meaning(std::int64_t mode) {
   }
 }
 
+Json ranges(const std::vector<Health::Range>& all) {
+  Json list = Json::array();
+  for (const auto& [first, last] : all) list.push_back({{"first", first}, {"last", last}});
+  return list;
+}
+
+Json spans(const std::vector<Health::Gap>& gaps) {
+  Json list = Json::array();
+  for (const auto& [since, until, cause] : gaps)
+    list.push_back({{"since", isoDate(since)}, {"until", orNull(until)}, {"cause", nameOf(cause)}});
+  return list;
+}
+
+/// What stands behind the counts. The numbers of this process alone tell nothing, since it only reads.
+void printHealth(const Health& health) {
+  const auto& [lastTry, lastAcknowledgement, lastError, triesSince, nextTry, bytesToday] = health.delivery;
+  const auto date = [](const std::optional<platform::Date>& moment) { return moment ? isoDate(*moment) : "unknown"; };
+  if (const auto age = health.positions.oldestUnsentAge)
+    std::cout << "waiting for   " << std::llround(age->count()) << " s\n";
+  for (const auto& [first, last] : health.positions.acknowledgedWithoutAnswer)
+    std::cout << "no answer     " << first << " to " << last << "\n";
+  if (health.positions.removedUpTo)
+    std::cout << "removed       " << health.positions.removed << ", up to " << *health.positions.removedUpTo << "\n";
+  std::cout << "last try      " << date(lastTry) << "\n"
+            << "last ack      " << date(lastAcknowledgement) << "\n";
+  if (triesSince > 0) std::cout << "failed        " << triesSince << " times, last: " << nameOf(lastError) << "\n";
+  for (const auto& [since, until, cause] : health.gaps)
+    std::cout << "gap           " << isoDate(since) << " to " << (until ? isoDate(*until) : "now") << "  "
+              << nameOf(cause) << "\n";
+  std::cout << std::flush;
+}
+
 int printStatus(const ListOptions& options) {
   const Home home = openHome(options);
-  const LocationManager::SyncStatus sync = LocationManager::sharedInstance().syncStatus();
+  const Tarvo tarvo;
+  const LocationManager::SyncStatus sync = tarvo.syncStatus();
   if (!sync.storeAvailable) failOn(home);
+  const Health health = tarvo.health();
   // The mode of the last activation; a fresh process does not take it up.
   std::optional<std::int64_t> mode;
   if (const auto kept = platform::UserDefaults::standard().object(keys::kActivateMode)) mode = kept->asInteger();
@@ -252,6 +289,25 @@ int printStatus(const ListOptions& options) {
         {"last_index", orNull(sync.lastIndex)},
         {"store_bytes", home.storeSize()},
         {"log_bytes", home.logSize()},
+        {"oldest_unsent_seconds",
+         health.positions.oldestUnsentAge ? Json(health.positions.oldestUnsentAge->count()) : Json(nullptr)},
+        {"acknowledged_without_answer", ranges(health.positions.acknowledgedWithoutAnswer)},
+        {"removed", health.positions.removed},
+        {"removed_up_to", orNull(health.positions.removedUpTo)},
+        {"last_try", orNull(health.delivery.lastTry)},
+        {"last_acknowledgement", orNull(health.delivery.lastAcknowledgement)},
+        {"last_error", nameOf(health.delivery.lastError)},
+        {"tries_since", health.delivery.triesSince},
+        {"next_try", orNull(health.delivery.nextTry)},
+        {"bytes_today", health.delivery.bytesToday},
+        {"fixes_received", health.fixes.received},
+        {"fixes_not_finite", health.fixes.notFinite},
+        {"fixes_off_the_globe", health.fixes.offTheGlobe},
+        {"fixes_impossible_time", health.fixes.impossibleTime},
+        {"fixes_filtered_by_distance", health.fixes.filteredByDistance},
+        {"store_error", orNull(health.store.lastError)},
+        {"log_lines_dropped", health.log.linesDropped},
+        {"gaps", spans(health.gaps)},
     };
     std::cout << status.dump() << std::endl;
     return kDone;
@@ -267,6 +323,7 @@ int printStatus(const ListOptions& options) {
             << "last index    " << (sync.lastIndex ? std::to_string(*sync.lastIndex) : "none") << "\n"
             << "store         " << home.storeSize() << " bytes\n"
             << "logs          " << home.logSize() << " bytes" << std::endl;
+  printHealth(health);
   return kDone;
 }
 
@@ -274,7 +331,10 @@ void addStatus(CLI::App& app, Run& run) {
   const auto options = std::make_shared<ListOptions>();
   CLI::App* command = app.add_subcommand("status", "Tells mode, user, counts and sizes of a home");
   command->footer(
-      "unsent: never posted; awaiting: posted, not acknowledged; unsaved: in memory alone.\n"
+      "unsent: never posted; awaiting: posted, not acknowledged; unsaved: in memory alone; waiting for: since the\n"
+      "oldest of them was stored; no answer: numbers that count as acknowledged although the backend has not "
+      "answered;\n"
+      "gap: more than five minutes without a position, and why (docs/hosting.md).\n"
       "Exit status: 0 told; 1 nothing there; 2 wrong usage; 3 the store cannot be used.");
   command->add_option("--home", options->home, "The folder of the run")->required()->type_name("DIR");
   command->add_flag("--json", options->json, "Print one JSON object");

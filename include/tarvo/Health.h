@@ -5,7 +5,9 @@
 #include <string>
 #include <vector>
 
+#include <tarvo/Export.h>
 #include <tarvo/platform/Date.h>
+#include <tarvo/platform/LocationService.h>
 
 namespace tarvo {
 
@@ -36,7 +38,8 @@ enum class GapCause {
 };
 
 /// What a support desk needs to know of a device: where its positions are, what holds them up, and why some are
-/// missing. Counts and spans are those of this home; the ones that say so are of this process.
+/// missing. Counts and spans are those of this home; the ones that say so are of this process. What an earlier process
+/// knew of tries and acknowledgements is told as far as it ended with `Tarvo::waitUntilIdle`, or had something to keep.
 struct Health {
   /// Positions by their numbers, both included.
   struct Range {
@@ -73,26 +76,27 @@ struct Health {
     std::uint64_t bytesToday = 0;  ///< sent and received for batches, counted while `meteredBytesPerDay` is set
   } delivery;
 
-  /// Of this process.
-  struct Fixes {
-    std::uint64_t received = 0;
-    std::uint64_t notFinite = 0, offTheGlobe = 0, impossibleTime = 0;  ///< refused
-    std::uint64_t filteredByDistance = 0;  ///< too near the one before, for standard updates
-  } fixes;
+  platform::LocationService::Statistics fixes;  ///< of this process
 
   struct Store {
     bool available = false;
-    std::uint64_t bytes = 0;               ///< the file and its side files
-    std::optional<std::string> lastError;  ///< of this process; absent once a save has succeeded
+    std::uint64_t bytes = 0;               ///< the file and its write-ahead log
+    std::optional<std::string> lastError;  ///< of this process's latest opening or save; absent once a save succeeded
   } store;
 
   struct Log {
     std::uint64_t bytes = 0;
-    std::uint64_t linesDropped = 0;  ///< by this process
+    std::uint64_t linesDropped = 0;  ///< by this process: no room, no folder, or a file that has gone
   } log;
 
-  /// The latest ones longer than 5 min, oldest first.
+  /// The latest 32 that are longer than 5 min, oldest first, on the device's clock. Setting that clock makes none. A
+  /// silence whose cause changes is several gaps; a cause that lasted for less than 5 min is told as the next one. A
+  /// process that has neither started nor stopped collection tells what the file has.
   std::vector<Gap> gaps;
 };
+
+/// The name in `tarvo status --json` and in the store: that of the enumerator in snake_case.
+TARVO_API const char* nameOf(DeliveryError error);
+TARVO_API const char* nameOf(GapCause cause);
 
 }  // namespace tarvo

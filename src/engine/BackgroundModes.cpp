@@ -46,6 +46,7 @@ void BackgroundModes::switchToForeground() {
   const bool active = applicationIsActive();
   if (state_.tarvoStarted && active) networkManager_.recreateBackgroundSession(names::kBackgroundSession);
   state_.isBackgroundMode.set(false);
+  if (state_.tarvoStarted) collection_.noteObstacle();
   locationManager_.setDesiredAccuracy(state_.desiredAccuracyForeground);
   locationManager_.setDistanceFilter(state_.distanceFilterForeground);
   // Regions and significant changes are only torn down when the application is really active: a switch by charging
@@ -70,6 +71,7 @@ void BackgroundModes::switchToForeground() {
 void BackgroundModes::switchToBackground() {
   if (state_.isBackgroundMode.get() == true) return;
   state_.isBackgroundMode.set(true);
+  if (state_.tarvoStarted) collection_.noteObstacle();
   locationManager_.setDesiredAccuracy(state_.desiredAccuracyBackground);
   locationManager_.setDistanceFilter(state_.distanceFilterBackground);
   if (!state_.geofencingStarted) {

@@ -23,13 +23,18 @@ std::int64_t number(CLAuthorizationStatus status) { return static_cast<std::int6
 }  // namespace
 
 Collection::Collection(EngineState& state, platform::CLLocationManager& locationManager, ObjectStore& store,
-                       NetworkManager& networkManager)
-    : state_(state), locationManager_(locationManager), store_(store), networkManager_(networkManager) {}
+                       NetworkManager& networkManager, Ledger& ledger)
+    : state_(state),
+      locationManager_(locationManager),
+      store_(store),
+      networkManager_(networkManager),
+      ledger_(ledger) {}
 
 void Collection::start() {
   if (Settings::shared().activateStatus.get() >= mode::kLocalForeground) {
     locationManager_.startUpdatingLocation();
     state_.tarvoStarted = true;
+    noteObstacle();
     recordEvent(action::kStarting);
   }
   Log::debug("LocationManager:start [loc] [tarvo] mainThread:", mainThread());
@@ -44,6 +49,7 @@ void Collection::stop() {
   state_.serialQueue.sync([this] {
     locationManager_.stopUpdatingLocation();
     state_.tarvoStarted = false;
+    noteObstacle();
     Log::debug("LocationManager:stop [loc] [tarvo] mainThread:", mainThread());
   });
 }
@@ -61,6 +67,17 @@ void Collection::setStopReceiveLocationUpdate(bool stopped, std::string_view mes
     state_.stopReceiveLocationUpdate = stopped;
     Log::debug(message, mainThread());
   });
+}
+
+std::optional<GapCause> Collection::obstacle() const {
+  if (!state_.tarvoStarted || Settings::shared().activateStatus.get() < mode::kLocalForeground)
+    return GapCause::stopped;
+  const CLAuthorizationStatus status = platform::CLLocationManager::authorizationStatus();
+  const bool isPermitted =
+      status == CLAuthorizationStatus::authorizedAlways || status == CLAuthorizationStatus::authorizedWhenInUse;
+  if (!isPermitted || !platform::CLLocationManager::locationServicesEnabled()) return GapCause::notPermitted;
+  if (state_.isBackgroundMode.get() == true) return GapCause::background;
+  return std::nullopt;
 }
 
 CLAuthorizationStatus Collection::checkAndRequestLocationAuthorization(std::int64_t mode) {
@@ -113,7 +130,9 @@ void Collection::addNewLocationToDatabase(std::vector<CLLocation> fixes, std::st
     context.performAndWait([&] {
       for (const auto& fix : fixes) {
         Log::debug("LocationManager:addNewLocationToDatabase [loc] loc:", fix, " mainThread:", mainThread());
-        if (Locations::addLocation(fix, activity, method, context, serviceaction)) store_.saveContext();
+        if (!Locations::addLocation(fix, activity, method, context, serviceaction)) continue;
+        ledger_.didStore(obstacle());
+        store_.saveContext();
         platform::faultPoint("intake: saved");
       }
     });
@@ -128,6 +147,7 @@ void Collection::recordEvent(std::string_view serviceaction) {
 void Collection::didChangeAuthorization(CLAuthorizationStatus status) {
   state_.serialQueue.async([this, status] {
     if (!state_.tarvoStarted) return;
+    noteObstacle();
     std::string_view event;
     switch (status) {
       case CLAuthorizationStatus::authorizedAlways:

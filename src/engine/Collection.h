@@ -11,6 +11,7 @@
 
 #include "engine/EngineState.h"
 #include "platform/location/CLLocationManager.h"
+#include "store/Ledger.h"
 #include "store/ObjectStore.h"
 
 namespace tarvo {
@@ -25,7 +26,7 @@ namespace tarvo {
 class Collection {
  public:
   Collection(EngineState& state, platform::CLLocationManager& locationManager, ObjectStore& store,
-             NetworkManager& networkManager);
+             NetworkManager& networkManager, Ledger& ledger);
 
   /// In modes from 0; takes up transfers too.
   void start();
@@ -45,6 +46,11 @@ class Collection {
   /// Stores the last known position again, if there is one, to mark the moment of an event.
   void recordEvent(std::string_view serviceaction);
 
+  /// What keeps positions away now, as far as the engine knows; absent while fixes should come.
+  std::optional<GapCause> obstacle() const;
+  /// To be called when `obstacle` may have changed.
+  void noteObstacle() { ledger_.obstacleIs(obstacle()); }
+
   /// The permission changed; queues its work on `serialQueue`.
   void didChangeAuthorization(platform::CLAuthorizationStatus status);
 
@@ -55,6 +61,7 @@ class Collection {
   platform::CLLocationManager& locationManager_;
   ObjectStore& store_;
   NetworkManager& networkManager_;
+  Ledger& ledger_;
 };
 
 }  // namespace tarvo

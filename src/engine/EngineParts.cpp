@@ -1,5 +1,8 @@
 #include "engine/EngineParts.h"
 
+#include <algorithm>
+
+#include <tarvo/platform/Clock.h>
 #include <tarvo/platform/Device.h>
 
 #include "log/Log.h"
@@ -8,6 +11,7 @@
 #include "platform/foundation/FaultPoint.h"
 #include "platform/foundation/NotificationCenter.h"
 #include "settings/Settings.h"
+#include "store/Locations.h"
 #include "store/PastTrips.h"
 #include "store/PointOfInterest.h"
 #include "store/Users.h"
@@ -50,10 +54,12 @@ EngineParts::EngineParts(LocationManager& owner)
       pipeline(store, networkManager, registration, ledger),
       history(store),
       downloads(store),
-      collection(state, locationManager, store, networkManager),
+      collection(state, locationManager, store, networkManager, ledger),
       geofencing(state, locationManager, collection),
       modes(state, locationManager, collection, geofencing, networkManager),
-      intake(owner, state, collection, modes, geofencing, pipeline) {}
+      intake(owner, state, collection, modes, geofencing, pipeline) {
+  store.setWillSave([this](platform::NSManagedObjectContext& context) { ledger.willSave(context); });
+}
 
 void EngineParts::startUp() {
   subscribeForNotifications();
@@ -89,7 +95,10 @@ void EngineParts::subscribeForNotifications() {
 
 void EngineParts::readStoredUser() {
   auto& context = store.managedObjectContext();
-  context.performAndWait([&] { Settings::shared().userUUID.set(Users::getUserUUID(context)); });
+  context.performAndWait([&] {
+    Settings::shared().userUUID.set(Users::getUserUUID(context));
+    ledger.read(context);
+  });
 }
 
 void EngineParts::configureLocationService() {
@@ -155,12 +164,39 @@ void EngineParts::resetLocalHistory() {
   });
 }
 
+Health EngineParts::health() {
+  Health health;
+  auto& context = store.managedObjectContext();
+  context.performAndWait([&] {
+    ledger.read(context);
+    const Locations::Counts counts = Locations::counts(context);
+    health.positions = ledger.positions();
+    health.positions.stored = counts.stored;
+    health.positions.unsent = counts.unsent;
+    health.positions.awaiting = counts.awaiting;
+    health.positions.acknowledged = counts.acknowledged();
+    health.positions.unsaved = counts.unsaved;
+    // The clock may have been set back since.
+    if (const auto oldest = Locations::oldestUnacknowledgedStorage(context))
+      health.positions.oldestUnsentAge = std::max(platform::Clock::current()->now() - *oldest, platform::Seconds(0));
+    health.store.available = context.coordinator().hasStore();
+  });
+  health.delivery = ledger.delivery();
+  health.fixes = platform::LocationService::shared().statistics();
+  health.store.bytes = store.bytes();
+  health.store.lastError = store.lastError();
+  health.log = {Log::bytes(), Log::linesDropped()};
+  health.gaps = ledger.gaps(collection.obstacle());
+  return health;
+}
+
 void EngineParts::checkpoint() {
   auto& context = store.managedObjectContext();
   context.performAndWait([&] {
     if (!context.coordinator().hasStore()) return;
     store.saveAfterFailure();
     platform::faultPoint("checkpoint: before");
+    if (!context.hasChanges() && ledger.refresh(context)) store.saveQuietly();
     if (const auto error = context.coordinator().checkpoint())
       Log::error("Unresolved error ", platform::errorAndUserInfo(*error));
   });

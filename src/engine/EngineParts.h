@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include <tarvo/Health.h>
 #include <tarvo/LocationManager.h>
 #include <tarvo/NetworkManager.h>
 
@@ -37,7 +38,10 @@ class EngineParts final : public platform::CLLocationManagerDelegate, public Eng
 
   /// Deletes past trips and places and saves at once: a reset must survive a kill right after it.
   void resetLocalHistory();
-  /// Writes what could not be saved before, if there is room again, and moves what the store's log holds into its file.
+  /// Where positions are, what holds them up, and why some are missing. Waits for the store's blocks.
+  Health health();
+  /// Writes what could not be saved before, if there is room again, and what has changed in the ledger, and moves what
+  /// the store's log holds into its file.
   void checkpoint();
 
   LocationManager& engine;

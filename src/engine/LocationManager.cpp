@@ -2,8 +2,6 @@
 
 #include <tarvo/platform/SystemLog.h>
 
-#include <algorithm>
-
 #include "engine/EngineParts.h"
 #include "net/BackendAddress.h"
 #include "platform/foundation/System.h"
@@ -150,7 +148,7 @@ LocationManager::SyncStatus LocationManager::syncStatus() {
     status.stored = counts.stored;
     status.unsent = counts.unsent;
     status.awaiting = counts.awaiting;
-    status.acknowledged = std::max<std::int64_t>(counts.stored - counts.unsent - counts.awaiting, 0);
+    status.acknowledged = counts.acknowledged();
     status.unsaved = counts.unsaved;
     status.lastIndex = counts.lastIndex;
   });

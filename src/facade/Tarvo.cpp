@@ -135,20 +135,7 @@ std::optional<Trip> Tarvo::getNextTrip() {
 
 Tarvo::SyncStatus Tarvo::syncStatus() const { return core_->locationManager.syncStatus(); }
 
-Health Tarvo::health() const {
-  const SyncStatus counts = syncStatus();
-  const Ledger& ledger = EngineParts::of(core_->locationManager).ledger;
-  Health health;
-  health.positions = ledger.positions();
-  health.positions.stored = counts.stored;
-  health.positions.unsent = counts.unsent;
-  health.positions.awaiting = counts.awaiting;
-  health.positions.acknowledged = counts.acknowledged;
-  health.positions.unsaved = counts.unsaved;
-  health.delivery = ledger.delivery();
-  health.store.available = counts.storeAvailable;
-  return health;
-}
+Health Tarvo::health() const { return EngineParts::of(core_->locationManager).health(); }
 
 DeliveryOptions Tarvo::deliveryOptions() { return Settings::shared().deliveryOptions.get(); }
 void Tarvo::setDeliveryOptions(DeliveryOptions options) { Settings::shared().deliveryOptions.set(options); }

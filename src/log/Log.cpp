@@ -82,6 +82,9 @@ bool Log::isFileName(std::string_view name) {
 
 std::string Log::todaysFilePrefix() { return platform::concat(kFilePrefix, "_", dayOf(currentStamp())); }
 
+std::uint64_t Log::linesDropped() { return droppedLogLines(); }
+std::uint64_t Log::bytes() { return logFileBytes(); }
+
 void Log::debugLog(std::int64_t level, std::initializer_list<platform::Piece> parts) {
   platform::TextBuilder message;
   platform::append(message, parts);

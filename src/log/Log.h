@@ -51,6 +51,11 @@ class Log {
   /// Whether a log file could be called so.
   static bool isFileName(std::string_view name);
 
+  /// Lines that this process could not put into a file: no room, no folder, no thread, or a file that has gone.
+  static std::uint64_t linesDropped();
+  /// What the log files of all days take. Looks at the folder.
+  static std::uint64_t bytes();
+
   /// Where the lines are appended; what must come behind them is queued here too.
   static platform::SerialQueue& serialQueue();
 };

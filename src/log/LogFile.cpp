@@ -4,8 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
+#include <filesystem>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -34,6 +37,8 @@ Entry lookAt(const std::string& file) {
   return S_ISREG(status.st_mode) ? Entry::regularFile : Entry::other;
 }
 
+std::atomic<std::uint64_t> linesDropped{0};
+
 /// The path of the file that the latest line went to, kept because the next line mostly goes there too. Threads: any.
 class LatestFile {
  public:
@@ -56,7 +61,10 @@ class LatestFile {
   LogFilePath locateOrCreate(std::string_view name) {
     const auto directories = platform::documentDirectories();
     // The identifier comes from the backend; it names a file only if it is a plain name.
-    if (directories.empty() || !platform::isPlainFileName(name)) return nullptr;
+    if (directories.empty() || !platform::isPlainFileName(name)) {
+      ++linesDropped;
+      return nullptr;
+    }
     auto file = std::make_shared<const std::string>((directories.front() / name).native());
     {
       // One thread at a time: writing the header replaces the file, and with it a line that another thread might have
@@ -65,8 +73,12 @@ class LatestFile {
       const Entry there = lookAt(*file);
       // Flushed before any line follows: a file that a power cut has left without its header would be refused by the
       // backend.
-      if (there == Entry::none) (void)platform::writeFileAtomically(*file, multipartHeader(name), /*durable=*/true);
-      if (there != Entry::regularFile) return nullptr;
+      const bool isMade = there == Entry::none &&
+                          !platform::writeFileAtomically(*file, multipartHeader(name), /*durable=*/true).has_value();
+      if (there != Entry::regularFile) {
+        if (!isMade) ++linesDropped;  // else the line has become the header
+        return nullptr;
+      }
     }
     platform::MutexLock lock(mutex_);
     name_ = name;
@@ -84,13 +96,17 @@ class LatestFile {
 /// without its header. A link that has taken its place is not followed, a pipe is not waited for.
 void appendTo(const std::string& file, std::string_view text) {
   const int descriptor = ::open(file.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-  if (descriptor < 0) return;
+  if (descriptor < 0) {
+    ++linesDropped;
+    return;
+  }
   while (!text.empty()) {
     const ssize_t written = ::write(descriptor, text.data(), text.size());
     if (written < 0 && errno != EINTR) break;
     if (written > 0) text.remove_prefix(static_cast<std::size_t>(written));
   }
   ::close(descriptor);
+  if (!text.empty()) ++linesDropped;
 }
 
 /// Lines that wait to be written, in order. All that have come since the log's queue last wrote share one buffer and
@@ -105,7 +121,10 @@ class WaitingLines {
   void add(LogFilePath file, std::initializer_list<std::string_view> parts) {
     platform::MutexLock lock(mutex_);
     if (!hasThread_) hasThread_ = Log::serialQueue().start();
-    if (!hasThread_ && next_.text.size() >= kMostWithoutThread) return;
+    if (!hasThread_ && next_.text.size() >= kMostWithoutThread) {
+      ++linesDropped;
+      return;
+    }
     for (const std::string_view part : parts) next_.text.append(part);
     next_.lines.push_back({std::move(file), next_.text.size()});
     // Queued under the lock, so that a block that the caller queues next comes after its line.
@@ -149,6 +168,23 @@ class WaitingLines {
 };
 
 }  // namespace
+
+std::uint64_t droppedLogLines() { return linesDropped.load(); }
+
+std::uint64_t logFileBytes() {
+  const auto directories = platform::documentDirectories();
+  std::uint64_t bytes = 0;
+  std::error_code failure;
+  if (directories.empty()) return bytes;
+  for (std::filesystem::directory_iterator file(directories.front(), failure), end; !failure && file != end;
+       file.increment(failure)) {
+    struct stat status {};
+    const bool isLog = Log::isFileName(file->path().filename().native()) &&
+                       ::lstat(file->path().c_str(), &status) == 0 && S_ISREG(status.st_mode);
+    if (isLog) bytes += static_cast<std::uint64_t>(status.st_size);
+  }
+  return bytes;
+}
 
 LogFilePath logFileNamed(std::string_view name) { return LatestFile::shared().pathFor(name); }
 

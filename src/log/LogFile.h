@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <initializer_list>
 #include <memory>
 #include <string>
@@ -19,5 +20,10 @@ LogFilePath logFileNamed(std::string_view name);
 
 /// Appends the parts, one after the other, on the log's queue. A file that does not exist by then is not created.
 void appendToLogFile(LogFilePath file, std::initializer_list<std::string_view> parts);
+
+/// Lines of this process that should have become part of a file and did not.
+std::uint64_t droppedLogLines();
+/// What the log files of all days take.
+std::uint64_t logFileBytes();
 
 }  // namespace tarvo

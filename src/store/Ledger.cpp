@@ -1,36 +1,194 @@
 #include "store/Ledger.h"
 
 #include <algorithm>
+#include <utility>
+
+#include <tarvo/platform/Clock.h>
+#include <tarvo/platform/LocationService.h>
+
+#include "log/Log.h"
+#include "store/Locations.h"
 
 namespace tarvo {
 
-void Ledger::didTry(platform::Date now) {
-  delivery_.update([&](auto& delivery) { delivery.lastTry = now; });
+using platform::Date;
+using platform::MutexLock;
+
+namespace {
+
+Gaps::Moment momentNow() {
+  const auto clock = platform::Clock::current();
+  return {clock->now(), clock->monotonic(), platform::LocationService::shared().statistics()};
 }
 
-void Ledger::didAcknowledge(Health::Range positions, bool answered, platform::Date now) {
-  delivery_.update([&](auto& delivery) {
-    delivery.lastAcknowledgement = now;
-    delivery.lastError = DeliveryError::none;
-    delivery.triesSince = 0;
-    delivery.nextTry.reset();
-  });
-  if (!answered) positions_.update([&](auto& known) { known.acknowledgedWithoutAnswer.push_back(positions); });
+}  // namespace
+
+Ledger::Ledger() : start_(momentNow()), gaps_(start_) {}
+
+void Ledger::didTry(Date now) {
+  MutexLock lock(mutex_);
+  known_.lastTry = now;
+  hasTried_ = true;
 }
 
-void Ledger::didFail(DeliveryError error, std::optional<platform::Date> nextTry) {
-  delivery_.update([&](auto& delivery) {
-    delivery.lastError = error;
-    ++delivery.triesSince;
-    delivery.nextTry = nextTry;
-  });
+void Ledger::didAcknowledge(Health::Range positions, bool answered, Date now) {
+  MutexLock lock(mutex_);
+  known_.lastAcknowledgement = now;
+  known_.lastError = DeliveryError::none;
+  known_.triesSince = 0;
+  nextTry_.reset();
+  hasTried_ = true;
+  if (answered) return;
+  add(known_.acknowledgedWithoutAnswer, positions);
+  isDue_ = true;
+}
+
+void Ledger::didFail(DeliveryError error, std::optional<Date> nextTry) {
+  MutexLock lock(mutex_);
+  known_.lastError = error;
+  ++known_.triesSince;
+  nextTry_ = nextTry;
+  hasTried_ = true;
 }
 
 void Ledger::didRemove(std::int64_t positions, std::int64_t upTo) {
-  positions_.update([&](auto& known) {
-    known.removed += positions;
-    known.removedUpTo = std::max(known.removedUpTo.value_or(upTo), upTo);
-  });
+  MutexLock lock(mutex_);
+  known_.removed += positions;
+  known_.removedUpTo = std::max(known_.removedUpTo.value_or(upTo), upTo);
+  isDue_ = true;
+}
+
+void Ledger::didStore(std::optional<GapCause> obstacle) {
+  const Gaps::Moment now = momentNow();
+  MutexLock lock(mutex_);
+  collects_ = true;
+  if (gaps_.didStore(obstacle, now)) isDue_ = true;
+}
+
+void Ledger::obstacleIs(std::optional<GapCause> obstacle) {
+  const Gaps::Moment now = momentNow();
+  MutexLock lock(mutex_);
+  collects_ = true;
+  gaps_.obstacleIs(obstacle, now);
+}
+
+void Ledger::forget() {
+  const Gaps::Moment now = momentNow();
+  MutexLock lock(mutex_);
+  start_ = now;
+  gaps_ = Gaps(now);
+  known_ = {};
+  nextTry_.reset();
+  earlierEnd_.reset();
+  written_.reset();
+  removedInFile_ = 0;
+  isDue_ = false;
+}
+
+void Ledger::read(Context& context) {
+  {
+    MutexLock lock(mutex_);
+    if (isRead_) return;
+  }
+  if (!context.coordinator().hasStore()) return;
+  auto text = context.metadata(LedgerText::kName);
+  if (!text) return;
+  LedgerText inFile;
+  std::optional<Date> end = Locations::latestStorage(context);
+  if (const std::optional<std::string> found = *text) {
+    if (auto readable = LedgerText::read(*found)) {
+      inFile = std::move(*readable);
+      end = std::max(end.value_or(inFile.written), inFile.written);
+      if (!inFile.gaps.empty() && !inFile.gaps.back().until)
+        inFile.gaps.back().until = Locations::firstStorageAfter(context, inFile.written);
+    } else if (!std::exchange(isUnreadableTold_, true)) {
+      Log::error("Ledger: the entry of the store's metadata cannot be read and begins anew");
+    }
+  }
+  MutexLock lock(mutex_);
+  for (const Health::Range range : known_.acknowledgedWithoutAnswer) add(inFile.acknowledgedWithoutAnswer, range);
+  inFile.removed += known_.removed - std::exchange(removedInFile_, inFile.removed);
+  inFile.removedUpTo = std::max(inFile.removedUpTo, known_.removedUpTo);
+  if (hasTried_) {
+    inFile.lastTry = known_.lastTry;
+    inFile.lastAcknowledgement = known_.lastAcknowledgement;
+    inFile.lastError = known_.lastError;
+    inFile.triesSince = known_.triesSince;
+  }
+  known_ = std::move(inFile);
+  earlierEnd_ = end;
+  isRead_ = context.coordinator().writes();
+  if (isRead_ && wasAway()) isDue_ = true;
+}
+
+void Ledger::willSave(Context& context) {
+  read(context);
+  const Gaps::Moment now = momentNow();
+  MutexLock lock(mutex_);
+  if (isRead_ && isDue_) put(context, kept(now));
+}
+
+bool Ledger::refresh(Context& context) {
+  const Gaps::Moment now = momentNow();
+  MutexLock lock(mutex_);
+  if (!isRead_ || !collects_) return false;
+  LedgerText text = kept(now);
+  if (written_ && now.wall - written_->written <= Gaps::kLongest) {
+    LedgerText before = *written_;
+    before.written = text.written;
+    if (text == before) return false;
+  }
+  put(context, std::move(text));
+  return true;
+}
+
+void Ledger::put(Context& context, LedgerText text) {
+  context.setMetadata(LedgerText::kName, text.text());
+  written_ = std::move(text);
+  isDue_ = false;
+}
+
+LedgerText Ledger::kept(const Gaps::Moment& now) const {
+  LedgerText text = known_;
+  text.written = now.wall;
+  text.gaps = allGaps(now);
+  return text;
+}
+
+bool Ledger::wasAway() const { return earlierEnd_ && start_.wall - *earlierEnd_ > Gaps::kLongest; }
+
+Gaps::List Ledger::allGaps(const Gaps::Moment& now) const {
+  Gaps::List all = known_.gaps;
+  if (!all.empty() && !all.back().until) all.back().until = earlierEnd_;
+  if (wasAway()) append(all, {*earlierEnd_, start_.wall, GapCause::notRunning});
+  for (const Health::Gap& gap : gaps_.ended()) append(all, gap);
+  if (const auto open = gaps_.open(now)) append(all, *open);
+  return all;
+}
+
+Health::Positions Ledger::positions() const {
+  MutexLock lock(mutex_);
+  Health::Positions positions;
+  positions.acknowledgedWithoutAnswer = known_.acknowledgedWithoutAnswer;
+  positions.removed = known_.removed;
+  positions.removedUpTo = known_.removedUpTo;
+  return positions;
+}
+
+Health::Delivery Ledger::delivery() const {
+  const Date now = platform::Clock::current()->now();
+  MutexLock lock(mutex_);
+  Health::Delivery delivery{known_.lastTry, known_.lastAcknowledgement, known_.lastError, known_.triesSince, nextTry_};
+  if (nextTry_ && *nextTry_ <= now) delivery.nextTry.reset();
+  return delivery;
+}
+
+Gaps::List Ledger::gaps(std::optional<GapCause> obstacle) {
+  const Gaps::Moment now = momentNow();
+  MutexLock lock(mutex_);
+  if (!collects_) return known_.gaps;
+  gaps_.obstacleIs(obstacle, now);
+  return allGaps(now);
 }
 
 }  // namespace tarvo

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -43,8 +44,14 @@ class Locations : public Entity<Locations> {
     std::int64_t stored = 0, unsent = 0, awaiting = 0;
     std::int64_t unsaved = 0;               ///< in memory alone
     std::optional<std::int64_t> lastIndex;  ///< of all, also of the unsaved
+    std::int64_t acknowledged() const { return std::max<std::int64_t>(stored - unsent - awaiting, 0); }
   };
   static Counts counts(Context& context);
+  // When a position of the file was stored; absent when there is none, or no store.
+  static std::optional<platform::Date> latestStorage(Context& context);
+  static std::optional<platform::Date> firstStorageAfter(Context& context, platform::Date moment);
+  /// Of the lowest number among the new ones, or among those that await their acknowledgement if that is earlier.
+  static std::optional<platform::Date> oldestUnacknowledgedStorage(Context& context);
 
   static void markLocationAsSentWithoutACKWithID(const platform::NSManagedObjectID& id, Context& context);
   /// Acknowledges `firstLoc` to `locationIndex`, both decimal texts; frees the upload channel and starts the next pass

@@ -1,7 +1,12 @@
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
 #include <tarvo/platform/UserDefaults.h>
 
 #include "log/Log.h"
 #include "settings/Names.h"
+#include "store/Attributes.h"
 #include "store/Locations.h"
 #include "store/RecordReading.h"
 
@@ -125,6 +130,40 @@ Locations::Counts Locations::counts(Context& context) {
   auto newest = context.fetch({.entity = std::string(kEntity), .sortDescriptors = {{"index", false}}, .fetchLimit = 1});
   if (newest && !newest->empty()) counts.lastIndex = static_cast<const Locations&>(*newest->front()).index();
   return counts;
+}
+
+namespace {
+
+/// When the position was stored that comes first among those in the file.
+std::optional<Date> storageOfFirst(Locations::Context& context, std::vector<NSPredicate> state,
+                                   platform::NSSortDescriptor order) {
+  // The first request would get the one error that tells why there is no store, and nobody would hear of it.
+  if (!context.coordinator().hasStore()) return std::nullopt;
+  auto found = context.fetch({.entity = std::string(Locations::kEntity),
+                              .predicates = std::move(state),
+                              .sortDescriptors = {std::move(order)},
+                              .fetchLimit = 1,
+                              .includesPendingInsertions = false});
+  if (!found || found->empty()) return std::nullopt;
+  return found->front()->date(attribute::locations::eventTimestamp);
+}
+
+}  // namespace
+
+std::optional<Date> Locations::latestStorage(Context& context) {
+  return storageOfFirst(context, {}, {"eventTimestamp", false});
+}
+
+std::optional<Date> Locations::firstStorageAfter(Context& context, Date moment) {
+  const double next = std::nextafter(platform::secondsSince1970(moment), std::numeric_limits<double>::infinity());
+  return storageOfFirst(context, {{"eventTimestamp", NSPredicate::Operator::atLeast, platform::dateSince1970(next)}},
+                        {"eventTimestamp", true});
+}
+
+std::optional<Date> Locations::oldestUnacknowledgedStorage(Context& context) {
+  const auto unsent = storageOfFirst(context, neverPosted(), {"index", true});
+  const auto awaiting = storageOfFirst(context, awaitingAcknowledgement(), {"index", true});
+  return unsent && awaiting ? std::min(*unsent, *awaiting) : unsent ? unsent : awaiting;
 }
 
 std::shared_ptr<Locations> Locations::getLocationByID(const platform::NSManagedObjectID& id, Context& context) {

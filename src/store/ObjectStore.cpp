@@ -57,8 +57,6 @@ void setEntityClasses(NSManagedObjectModel& model) {
   setEntityClass<Users>(model, attribute::users::kAll);
 }
 
-void tellUnresolved(const Error& error) { Log::error("Unresolved error ", platform::errorAndUserInfo(error)); }
-
 }  // namespace
 
 const std::filesystem::path& ObjectStore::applicationDocumentsDirectory() {
@@ -108,12 +106,14 @@ void ObjectStore::openStore() {
   };
   // Deliberate: the coordinator is kept without a store, and opening is not tried again.
   Log::error("Unresolved error ", platform::errorAndUserInfo(wrapped));
+  lastError_.set(failure->description());
 }
 
 NSManagedObjectContext& ObjectStore::managedObjectContext() {
   std::call_once(contextOnce_, [this] {
     context_ = std::make_unique<NSManagedObjectContext>(persistentStoreCoordinator());
-    context_->setLateFailure(tellUnresolved);
+    context_->setLateFailure([this](const Error& error) { fail(error); });
+    if (willSave_) context_->setWillSave([this] { willSave_(*context_); });
   });
   return *context_;
 }
@@ -122,14 +122,35 @@ void ObjectStore::saveContext() {
   Log::debug("LocationManager:saveContext [coreData] mainThread:", mainThread());
   NSManagedObjectContext& context = managedObjectContext();
   if (!context.hasChanges()) return;
-  if (const auto error = context.save())
-    tellUnresolved(*error);
-  else
-    platform::UserDefaults::standard().synchronize();  // there may be room again
+  if (const auto error = context.save()) {
+    fail(*error);
+    return;
+  }
+  // A save that waits for the end of its block has not succeeded yet.
+  if (!context.hasChanges()) lastError_.set(std::nullopt);
+  platform::UserDefaults::standard().synchronize();  // there may be room again
 }
 
 void ObjectStore::saveAfterFailure() {
-  if (const auto error = managedObjectContext().saveAfterFailure()) tellUnresolved(*error);
+  NSManagedObjectContext& context = managedObjectContext();
+  const bool pending = context.hasChanges();
+  if (const auto error = context.saveAfterFailure())
+    fail(*error);
+  else if (pending && !context.hasChanges())
+    lastError_.set(std::nullopt);
+}
+
+void ObjectStore::saveQuietly() {
+  if (const auto error = managedObjectContext().save()) fail(*error);
+}
+
+void ObjectStore::fail(const Error& error) {
+  Log::error("Unresolved error ", platform::errorAndUserInfo(error));
+  lastError_.set(error.description());
+}
+
+std::uint64_t ObjectStore::bytes() {
+  return NSPersistentStoreCoordinator::bytesOnDisk(applicationDocumentsDirectory() / kFileName);
 }
 
 }  // namespace tarvo

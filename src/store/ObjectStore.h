@@ -1,9 +1,15 @@
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
 
+#include "platform/foundation/Guarded.h"
 #include "platform/persistence/NSManagedObjectContext.h"
 
 namespace tarvo {
@@ -32,9 +38,19 @@ class ObjectStore {
   void saveContext();
   /// Saves what the last save could not write, if that is so; only from inside a block of the context.
   void saveAfterFailure();
+  /// The same, for what is no part of a position's way: without a line in the log unless it fails.
+  void saveQuietly();
+
+  /// Called at the beginning of each save; to be set before the first use of the context.
+  void setWillSave(std::function<void(platform::NSManagedObjectContext&)> receiver) { willSave_ = std::move(receiver); }
+  /// Of the latest opening or save; absent once a save has succeeded.
+  std::optional<std::string> lastError() const { return lastError_.get(); }
+  /// What the store takes on the disk.
+  std::uint64_t bytes();
 
  private:
   void openStore();
+  void fail(const platform::Error& error);
 
   const platform::WriteRight::Patience patience_;
   std::once_flag directoryOnce_, modelOnce_, coordinatorOnce_, contextOnce_;
@@ -42,6 +58,8 @@ class ObjectStore {
   std::shared_ptr<platform::NSManagedObjectModel> model_;
   std::shared_ptr<platform::NSPersistentStoreCoordinator> coordinator_;
   std::unique_ptr<platform::NSManagedObjectContext> context_;
+  std::function<void(platform::NSManagedObjectContext&)> willSave_;
+  platform::Guarded<std::optional<std::string>> lastError_;
 };
 
 }  // namespace tarvo

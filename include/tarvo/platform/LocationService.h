@@ -108,6 +108,16 @@ class TARVO_API LocationService {
   Rules rules() const;
   void setRules(Rules rules);
 
+  /// What became of the fixes that were handed in to this process. Who asks while fixes come may see a moment in which
+  /// one is counted in one number only.
+  struct Statistics {
+    std::uint64_t received = 0;                                        ///< handed in, the refused ones included
+    std::uint64_t notFinite = 0, offTheGlobe = 0, impossibleTime = 0;  ///< refused
+    std::uint64_t filteredByDistance = 0;  ///< too near the one before, for standard updates
+    bool operator==(const Statistics&) const = default;
+  };
+  Statistics statistics() const;
+
  private:
   LocationService() = default;
   ~LocationService() = delete;

@@ -128,7 +128,10 @@ void LocationClient::receive(const FixBatch& batch, const Permission& permission
     for (std::size_t index = 0; index < batch.fixes.size(); ++index) {
       const CLLocation& fix = batch.fixes[index];
       const bool changed = significant && passesSignificant(fix, now, rules);
-      if (!changed && index != answer && !passesFilter(fix)) continue;
+      if (!changed && index != answer && !passesFilter(fix)) {
+        if (updating_) ++LocationServiceState::shared().counters.filteredByDistance;
+        continue;
+      }
       lastDelivered_ = fix;
       passed.push_back(fix);
     }

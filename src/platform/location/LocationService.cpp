@@ -1,6 +1,7 @@
 #include <tarvo/platform/LocationService.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <string>
 
@@ -19,26 +20,32 @@ namespace {
 /// 9999-12-31 24:00:00 UTC, where years of four digits end.
 constexpr double kEndOfYears = 253402300800;
 
-/// Why a fix cannot be used; empty when it can.
-std::string refusal(const CLLocation& fix) {
+/// Why a fix cannot be used, in words and as what counts such fixes; a null pointer when it can.
+struct Refusal {
+  std::string reason;
+  std::atomic<std::uint64_t> FixCounters::*counter = nullptr;
+};
+
+Refusal refusal(const CLLocation& fix) {
   const double time = secondsSince1970(fix.timestamp);
   const struct {
     const char* name;
     double value;
     bool inRange = true;
+    std::atomic<std::uint64_t> FixCounters::*outOfRange = nullptr;
   } quantities[] = {
-      {"latitude", fix.coordinate.latitude, std::abs(fix.coordinate.latitude) <= 90},
-      {"longitude", fix.coordinate.longitude, std::abs(fix.coordinate.longitude) <= 180},
+      {"latitude", fix.coordinate.latitude, std::abs(fix.coordinate.latitude) <= 90, &FixCounters::offTheGlobe},
+      {"longitude", fix.coordinate.longitude, std::abs(fix.coordinate.longitude) <= 180, &FixCounters::offTheGlobe},
       {"altitude", fix.altitude},
       {"horizontal accuracy", fix.horizontalAccuracy},
       {"vertical accuracy", fix.verticalAccuracy},
       {"speed", fix.speed},
       {"course", fix.course},
-      {"timestamp", time, time >= 0 && time < kEndOfYears},
+      {"timestamp", time, time >= 0 && time < kEndOfYears, &FixCounters::impossibleTime},
   };
-  for (const auto& [name, value, inRange] : quantities) {
-    if (!std::isfinite(value)) return concat(name, " ", value, " is not finite");
-    if (!inRange) return concat(name, " ", value, " is out of range");
+  for (const auto& [name, value, inRange, outOfRange] : quantities) {
+    if (!std::isfinite(value)) return {concat(name, " ", value, " is not finite"), &FixCounters::notFinite};
+    if (!inRange) return {concat(name, " ", value, " is out of range"), outOfRange};
   }
   return {};
 }
@@ -65,12 +72,16 @@ LocationService& LocationService::shared() {
 void LocationService::deliver(const std::vector<CLLocation>& fixes) {
   std::vector<CLLocation> usable;
   usable.reserve(fixes.size());
+  FixCounters& counters = state().counters;
+  counters.received += fixes.size();
   for (const CLLocation& fix : fixes) {
-    const std::string reason = refusal(fix);
-    if (reason.empty())
+    const auto [reason, counter] = refusal(fix);
+    if (counter == nullptr) {
       usable.push_back(fix);
-    else
-      NSLog(concat("location service: fix refused, ", reason));
+      continue;
+    }
+    ++(counters.*counter);
+    NSLog(concat("location service: fix refused, ", reason));
   }
   if (!usable.empty()) state().deliver(std::move(usable));
 }
@@ -90,6 +101,12 @@ void LocationService::setCapabilities(Capabilities capabilities) { state().setCa
 
 LocationService::Rules LocationService::rules() const { return state().rules(); }
 void LocationService::setRules(Rules rules) { state().setRules(rules); }
+
+LocationService::Statistics LocationService::statistics() const {
+  const FixCounters& counters = state().counters;
+  return {counters.received, counters.notFinite, counters.offTheGlobe, counters.impossibleTime,
+          counters.filteredByDistance};
+}
 
 LocationServiceState& LocationServiceState::shared() {
   static auto* const state = new LocationServiceState;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -15,6 +16,11 @@
 
 namespace tarvo::platform {
 
+/// What `LocationService::Statistics` tells. Threads: any.
+struct FixCounters {
+  std::atomic<std::uint64_t> received{0}, notFinite{0}, offTheGlobe{0}, impossibleTime{0}, filteredByDistance{0};
+};
+
 /// The inside of the process's `LocationService`, which the managers share.
 ///
 /// Threads: any. What has to be told is posted to the delivery queue while the lock is held, so that it is told in the
@@ -23,6 +29,8 @@ namespace tarvo::platform {
 class LocationServiceState {
  public:
   static LocationServiceState& shared();
+
+  FixCounters counters;
 
   void add(const std::shared_ptr<LocationClient>& client);
   std::optional<CLLocation> latest() const;

@@ -348,6 +348,7 @@ std::optional<Error> NSManagedObjectContext::saveAfterFailure() {
 std::optional<Error> NSManagedObjectContext::save() {
   if (!hasChanges()) return std::nullopt;
   if (claim()) return coordinator_->whyNoStore("save");
+  if (willSave_) willSave_();
   if (!state_->deferringSaves) return write();
   state_->saveDeferred = true;
   return std::nullopt;

@@ -80,6 +80,10 @@ class NSManagedObjectContext {
   /// before the first `perform`.
   void setLateFailure(std::function<void(const Error&)> receiver) { lateFailure_ = std::move(receiver); }
 
+  /// Called at the beginning of each save that has something to write and the right to do so; what it changes goes into
+  /// the same transaction. To be set before the first save.
+  void setWillSave(std::function<void()> receiver) { willSave_ = std::move(receiver); }
+
   NSPersistentStoreCoordinator& coordinator() { return *coordinator_; }
 
  private:
@@ -95,6 +99,7 @@ class NSManagedObjectContext {
   std::shared_ptr<NSPersistentStoreCoordinator> coordinator_;
   std::unique_ptr<State> state_;
   std::function<void(const Error&)> lateFailure_;
+  std::function<void()> willSave_;
   std::atomic<std::size_t> performing_ = 0;  ///< blocks given to `perform` that have not ended
   SerialQueue queue_;                        ///< last: its end waits for blocks that use the rest
 };

@@ -1,5 +1,6 @@
 #include "platform/persistence/NSPersistentStoreCoordinator.h"
 
+#include <system_error>
 #include <utility>
 
 #include "platform/foundation/FileLock.h"
@@ -60,6 +61,16 @@ Error NSPersistentStoreCoordinator::whyNoStore(std::string_view operation) {
 
 std::optional<Error> NSPersistentStoreCoordinator::checkpoint() {
   return store() && standing_ == Standing::writes ? store_->database().checkpoint() : std::nullopt;
+}
+
+std::uint64_t NSPersistentStoreCoordinator::bytesOnDisk(const std::filesystem::path& url) {
+  std::uint64_t bytes = 0;
+  for (const char* ending : {"", "-wal"}) {
+    std::error_code failure;
+    const std::uintmax_t size = std::filesystem::file_size(url.native() + ending, failure);
+    if (!failure) bytes += size;
+  }
+  return bytes;
 }
 
 }  // namespace tarvo::platform

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -42,9 +43,14 @@ class NSPersistentStoreCoordinator {
   /// Takes the right to write unless it is held; absent on success. May wait, see WriteRight; `wait` stands for this
   /// one claim.
   std::optional<Error> claim(std::optional<WriteRight::Span> wait = {});
+  /// Whether this process has the right to write.
+  bool writes() const { return standing_ == Standing::writes; }
   const NSManagedObjectModel& model() const { return *model_; }
   /// Moves what the write-ahead log holds into the database file; nothing to do for who does not write.
   std::optional<Error> checkpoint();
+
+  /// What the store at that path takes on the disk, its write-ahead log included; 0 where there is none. Threads: any.
+  static std::uint64_t bytesOnDisk(const std::filesystem::path& url);
 
   struct Store;
   /// A null pointer while there is none to be used; `whyNoStore` then tells the reason, once, to who hands it on.
