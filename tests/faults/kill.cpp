@@ -14,6 +14,7 @@
 #include "platform/foundation/PropertyList.h"
 #include "sandbox/Database.h"
 #include "settings/Names.h"
+#include "store/LedgerText.h"
 #include "support/RawServer.h"
 #include "support/WholeSdk.h"
 
@@ -23,7 +24,10 @@ using namespace tarvo;
 namespace fs = std::filesystem;
 using std::to_string;
 
-enum Manner { kConfirmed = 1, kManners = 2 };
+/// How a home lives: its batches are confirmed, its store is bounded, its wire is not to be relied upon.
+enum Manner { kConfirmed = 1, kBounded = 2, kBadWire = 4 };
+constexpr int kManners[] = {0, kConfirmed | kBadWire, kBounded, kConfirmed | kBounded | kBadWire, kBadWire};
+
 constexpr std::int64_t kDay = 86400, kFirstDay = 1718409600;  // 2024-06-15
 
 // The host. What it writes down for its killer is true by then: "at PLACE", "fix SECOND" before it delivers one,
@@ -64,6 +68,8 @@ int host(char** given) {
   LocationManager::setRemoteWebServerURL(given[3]);
   const bool confirmed = (manner & kConfirmed) != 0;
   Tarvo::setDeliveryOptions({.confirmed = confirmed, .dropsProtocolBreaks = confirmed});
+  if ((manner & kBounded) != 0)
+    Tarvo::setStorageLimits({.positionAge = platform::Seconds(kDay), .storeBytes = 100'000});
   Tarvo tarvo;
   NetworkManager::setApiKeySecret("secret");
   tarvo.activate(Tarvo::BACKEND_GEOPROFILE);
@@ -117,7 +123,8 @@ int host(char** given) {
 /// The way between a host and its backend, on which nothing can be relied upon until it `isHonest`.
 class Wire {
  public:
-  Wire(int port, std::uint64_t seed) : port_(port), seed_(seed) {}
+  /// `lies`: it also answers in the place of the backend.
+  Wire(int port, std::uint64_t seed, bool lies) : port_(port), seed_(seed), lies_(lies) {}
 
   std::atomic<bool> isHonest = false;
   std::string url() const { return server_.url("/api"); }
@@ -135,7 +142,7 @@ class Wire {
   }
 
   void serve(test::Connection& peer) {
-    static const auto lies = [] {
+    static const auto answers = [] {
       std::vector<std::string> all{"HTTP/1.1 200 OK\r\nContent-Length: 99\r\n\r\n{\"success\":true"};
       for (const char* body : {"<html>Log in</html>", "", R"({"success":false})", R"({"success":"true","results":7})"})
         all.push_back(test::httpReply(200, body));
@@ -146,18 +153,23 @@ class Wire {
     for (std::string request; !(request = peer.readRequest()).empty();) {
       faults::Driver dice("wire", 0, nullptr, 0);
       dice.random.seed(seed_ + ++requests_);
-      const auto fate = static_cast<std::size_t>(isHonest ? 99 : dice.upTo(30)), beyond = lies.size();
+      const auto beyond = answers.size(), fate = (lies_ ? 0 : beyond) + static_cast<std::size_t>(dice.upTo(30));
+      if (isHonest) {
+        if (!peer.send(ask(request))) return;
+        continue;
+      }
       if (fate == beyond) return peer.resetOnClose();  // lost on the way there
       std::string answer = fate > beyond || dice.upTo(1) == 0 ? ask(request) : "";
       if (fate == beyond + 1) return;  // lost on the way back
       if (fate == beyond + 2) answer = ask(request);
       if (fate == beyond + 3) std::this_thread::sleep_for(std::chrono::milliseconds(dice.upTo(30)));
-      if (!peer.send(fate < beyond ? lies[fate] : answer) || fate == 0) return;
+      if (!peer.send(fate < beyond ? answers[fate] : answer) || fate == 0) return;
     }
   }
 
   const int port_;
   const std::uint64_t seed_;
+  const bool lies_;
   std::atomic<std::uint64_t> requests_ = 0;
   test::RawServer server_{[this](test::Connection& peer) { serve(peer); }};
 };
@@ -167,7 +179,7 @@ struct Home {
   Home(int howItLives, std::uint64_t seed) : manner(howItLives) {
     fs::create_directory(files);
     backend.start();
-    if ((manner & kConfirmed) != 0) wire.emplace(backend.port(), seed);
+    if ((manner & kBadWire) != 0) wire.emplace(backend.port(), seed, (manner & kConfirmed) != 0);
   }
   std::string url() const { return wire ? wire->url() : backend.baseURL(); }
   /// Something new to download.
@@ -215,18 +227,19 @@ class Killer {
 
   int run() {
     const auto began = Clock::now();
-    for (int manner = 0; kills_ < driver_.runs; manner = (manner + 1) % kManners) {
-      Home home(manner, driver_.random());
+    for (std::size_t homes = 0; kills_ < driver_.runs; ++homes) {
+      Home home(kManners[homes % std::size(kManners)], driver_.random());
       // The places are learnt from the first start, which nobody kills, and from all that follow.
       if (places_[0].empty()) start(home, "", 0, {});
-      for (std::int64_t life = 5 + driver_.upTo(30); life > 0 && kills_ < driver_.runs; --life) {
+      for (std::int64_t life = 3 + driver_.upTo(30); life > 0 && kills_ < driver_.runs; --life) {
         const auto& places = places_[home.isRegistered];
-        auto next = places.upper_bound(latest_);  // one after the other, each at any of its times
+        auto& latest = latest_[home.isRegistered];
+        auto next = places.upper_bound(latest);  // one after the other, each at any of its times, rather the first ones
         if (next == places.end()) next = places.begin();
-        if (next == places.end() || driver_.upTo(1) == 0)
+        if (next == places.end() || driver_.upTo(home.isRegistered ? 1 : 3) == 0)
           start(home, "", 0, std::chrono::microseconds(driver_.upTo(longest_.count())));
         else
-          start(home, latest_ = next->first, 1 + driver_.upTo(next->second - 1), {});
+          start(home, latest = next->first, 1 + driver_.upTo(driver_.upTo(next->second - 1)), {});
       }
       if (home.wire) home.wire->isHonest = true;
       start(home, "last", 0, {});
@@ -347,19 +360,33 @@ class Killer {
     const auto done = read("\"index\", ''", "Locations WHERE unsent = 0");
     const auto received = read("id, " + fix("service_action", "lat"), "positions");
 
+    const auto ledger = LedgerText::read(read("1, value", "_metadata WHERE name = 'ledger'")[1]);
+    const auto unanswered = ledger ? ledger->acknowledgedWithoutAnswer : std::vector<Health::Range>();
+    const auto isNamed = [&](std::int64_t index) {
+      return std::any_of(unanswered.begin(), unanswered.end(),
+                         [&](const auto& range) { return range.first <= index && index <= range.last; });
+    };
+
+    // What a bounded store has removed, the backend has.
+    auto all = rows;
+    if ((home.manner & kBounded) != 0) all.insert(received.begin(), received.end());
     std::set<std::string> fixes;
-    for (const auto& [index, value] : rows) fixes.insert(value);
+    for (const auto& [index, value] : all) fixes.insert(value);
     for (const auto& value : home.promised) expect(fixes.contains(value), "reported as stored, and lost: " + value);
     const auto stay = [&](const auto& known, const std::string& otherwise) {
       for (const auto& [index, value] : known)
-        expect(rows.contains(index) && rows.at(index) == value, otherwise + to_string(index) + " " + value);
+        expect(all.contains(index) && all.at(index) == value, otherwise + to_string(index) + " " + value);
     };
     stay(home.seen, "lost or changed: ");
     stay(received, "posted, and another now: ");
-    expect(rows.empty() || (rows.begin()->first == 0 && rows.rbegin()->first == std::ssize(rows) - 1), "holes");
-    for (const auto& [index, value] : done) expect(received.contains(index), "never received: " + to_string(index));
-    expect(std::ssize(done) >= acknowledged, "fewer acknowledged than reported");
-    expect(!isLast || (done.size() == rows.size() && received.size() == rows.size()), "not all has arrived");
+    expect(all.empty() || (all.begin()->first == 0 && all.rbegin()->first == std::ssize(all) - 1), "holes");
+    for (const auto& [index, value] : done)
+      expect(received.contains(index) || isNamed(index), "never received: " + to_string(index));
+    expect((home.manner & kConfirmed) == 0 || unanswered.empty(), "acknowledged without an answer");
+    expect((home.manner & kBounded) != 0 || std::ssize(done) >= acknowledged, "fewer acknowledged than reported");
+    for (const auto& [index, value] : all)
+      expect(!isLast || received.contains(index) || isNamed(index), "never arrived: " + to_string(index));
+    expect(!isLast || done.size() == rows.size(), "not all is acknowledged");
     for (const std::string& wrong : std::vector<std::string>{
              "Locations WHERE abs(locationTimestamp - 1718409600 - round(100000 * (latitude - 40))) > 0.01",
              "Locations WHERE unsent = 0 AND sentWithoutACK = 1", "Users LIMIT -1 OFFSET 1",
@@ -370,7 +397,7 @@ class Killer {
   }
 
   faults::Driver driver_;
-  std::string what_, latest_;
+  std::string what_, latest_[2];
   std::map<std::string, std::int64_t> places_[2];  ///< and how often each was reached, before and after registration
   std::set<std::string> hit_;
   std::int64_t kills_ = 0, starts_ = 0, atPlaces_ = 0;
