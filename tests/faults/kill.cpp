@@ -153,7 +153,8 @@ class Wire {
     for (std::string request; !(request = peer.readRequest()).empty();) {
       faults::Driver dice("wire", 0, nullptr, 0);
       dice.random.seed(seed_ + ++requests_);
-      const auto beyond = answers.size(), fate = (lies_ ? 0 : beyond) + static_cast<std::size_t>(dice.upTo(30));
+      const auto beyond = answers.size(),
+                 fate = (lies_ ? 0 : beyond) + static_cast<std::size_t>(dice.upTo(lies_ ? 30 : 5));
       if (isHonest) {
         if (!peer.send(ask(request))) return;
         continue;
