@@ -26,14 +26,19 @@ wait $second || status=$?
 [ $status = 3 ] && grep -qF "somebody (process $$)" "$home/second.txt" || fail "status $status: $(cat "$home/second.txt")"
 [ "$(state)" = "$before" ] || fail "the store was changed"
 
-# The lock goes with its process, and whoever waits takes over: what was stored before goes to the backend too.
-"$program" replay "$trip" --sandbox --home "$home" >"$home/third.txt" 2>&1 9>&- &
+# The lock goes with its process, and whoever waits takes over.
+"$program" replay "$trip" --mode 4 --home "$home" >"$home/third.txt" 2>&1 9>&- &
 third=$!
 exec 9>&-
 wait $third || fail "$(cat "$home/third.txt")"
-"$program" replay "$trip" --sandbox --home "$home" >"$home/fourth.txt" 2>&1 || fail "$(cat "$home/fourth.txt")"
 [ "$(sqlite3 "$store" 'SELECT count(*) = count(DISTINCT "index") FROM Locations')" = 1 ] || fail "numbers repeat"
-[ "$(sqlite3 "$home/sandbox.sqlite" 'SELECT count(*), count(DISTINCT useruuid) FROM positions')" = \
-  "$(sqlite3 "$store" 'SELECT count(*) FROM Locations WHERE unsent = 0')|1" ] || fail "the backend has other positions"
-"$program" history --home "$home" | grep -q '"type":"FeatureCollection"' || fail "no history"
+
+# One replay after the other is the same user to the same backend.
+for run in 1 2; do
+  "$program" replay "$trip" --sandbox --home "$home/both" >"$home/both.txt" 2>&1 || fail "$(cat "$home/both.txt")"
+done
+[ "$(sqlite3 "$home/both/sandbox.sqlite" 'SELECT count(*), count(DISTINCT useruuid) FROM positions')" = \
+  "$(sqlite3 "${store/$home/$home/both}" 'SELECT count(*) FROM Locations WHERE unsent = 0')|1" ] ||
+  fail "the backend has other positions"
+"$program" history --home "$home/both" | grep -q '"type":"FeatureCollection"' || fail "no history"
 echo "one process wrote at a time"
