@@ -4,6 +4,7 @@
 #include <tarvo/platform/Device.h>
 
 #include "log/Log.h"
+#include "platform/foundation/FaultPoint.h"
 #include "platform/location/Geodesy.h"
 #include "records/Positions.h"
 #include "settings/Names.h"
@@ -134,6 +135,7 @@ void Collection::addNewLocationToDatabase(std::vector<CLLocation> fixes, std::st
         if (!Locations::addLocation(fix, activity, method, context, serviceaction)) continue;
         ledger_.didStore(obstacle());
         store_.saveContext();
+        platform::faultPoint("intake: saved");
       }
     });
   });

@@ -8,6 +8,7 @@
 #include "log/Log.h"
 #include "platform/foundation/Encoding.h"
 #include "platform/foundation/FatalError.h"
+#include "platform/foundation/FaultPoint.h"
 #include "platform/foundation/NotificationCenter.h"
 #include "settings/Settings.h"
 #include "store/Locations.h"
@@ -67,8 +68,11 @@ void EngineParts::startUp() {
   networkManager.setDelegate(std::make_shared<ReplyReceiver>(*this));
   // Answers that arrive while start-up goes on must find the engine without asking for the shared instance.
   EngineLink::install(this);
+  platform::faultPoint("start: engine installed");
   readStoredUser();
+  platform::faultPoint("start: user read");
   registration.apiKey.set(registration.checkAndRegisterUser());
+  platform::faultPoint("start: registration looked at");
   configureLocationService();
   Log::debug("LocationManager:init [loc] [init] mainThread:", mainThread());
   probeServices();
@@ -76,6 +80,7 @@ void EngineParts::startUp() {
   UIDevice::current().setBatteryMonitoringEnabled(true);
   state.currentBatteryState = UIDevice::current().batteryState();
   UIApplication::shared().setMinimumBackgroundFetchInterval(10.0);
+  platform::faultPoint("start: before the first pass");
   state.serialNetworkDataQueue.sync([this] { pipeline.startPass(); });
   // The first report of the permission is no change: it is dealt with before anybody can start the service.
   locationManager.waitUntilTold();
@@ -156,6 +161,7 @@ void EngineParts::resetLocalHistory() {
   context.performAndWait([&] {
     PastTrips::removeData(context);
     PointOfInterest::removePOIs(context);
+    platform::faultPoint("reset: before the save");
     store.saveContext();
   });
 }
@@ -195,6 +201,7 @@ void EngineParts::checkpoint() {
   context.performAndWait([&] {
     if (!context.coordinator().hasStore()) return;
     store.saveAfterFailure();
+    platform::faultPoint("checkpoint: before");
     if (!context.hasChanges() && ledger.refresh(context)) store.saveQuietly();
     if (const auto error = context.coordinator().checkpoint())
       Log::error("Unresolved error ", platform::errorAndUserInfo(*error));

@@ -10,6 +10,7 @@
 #include "log/Log.h"
 #include "net/ProtocolBreak.h"
 #include "platform/foundation/FatalError.h"
+#include "platform/foundation/FaultPoint.h"
 #include "settings/Names.h"
 
 namespace tarvo {
@@ -35,6 +36,7 @@ void Intake::didUpdateLocations(const std::vector<CLLocation>& locations) {
   if (!state_.tarvoStarted) return;
   if (locations.empty()) platform::fatalError("the location service delivered an empty batch");
   state_.serialQueue.async([this, batch = locations]() mutable { intakeStep(std::move(batch)); });
+  platform::faultPoint("intake: queued");
   // Not ordered against the intake step: a batch that is not stored yet goes out with the next pass.
   uploadPass();
   checkBattery();

@@ -11,6 +11,7 @@
 #include "log/Log.h"
 #include "platform/foundation/Bundle.h"
 #include "platform/foundation/FatalError.h"
+#include "platform/foundation/FaultPoint.h"
 #include "platform/foundation/WorkInFlight.h"
 #include "records/LatestPrediction.h"
 #include "settings/Names.h"
@@ -78,7 +79,9 @@ void Tarvo::activate(std::int64_t service) {
   LocationManager& engine = core_->locationManager;
   Settings::shared().activateStatus.set(service);
   UserDefaults::standard().set(names::kKeyMode, service);
+  platform::faultPoint("activate: mode kept without its marker");
   UserDefaults::standard().set(names::kKeyMarker, kMarkerValue);
+  platform::faultPoint("activate: mode kept");
   if (service == DEACTIVE_ALL) {
     engine.stop();
     return;
@@ -166,8 +169,10 @@ void Tarvo::resetGeoProfileHistory() { core_->networkManager.resetGeoProfile(); 
 
 bool Tarvo::waitUntilIdle(double seconds) {
   const bool idle = platform::WorkInFlight::waitUntilIdle(platform::Seconds(seconds));
+  platform::faultPoint("end: idle");
   UserDefaults::standard().synchronize();
   EngineParts::of(LocationManager::sharedInstance()).checkpoint();
+  platform::faultPoint("end: checkpoint done");
   return idle;
 }
 

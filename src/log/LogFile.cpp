@@ -16,6 +16,7 @@
 
 #include "log/Log.h"
 #include "log/LogFolder.h"
+#include "platform/foundation/FaultPoint.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/Mutex.h"
 #include "settings/Settings.h"
@@ -165,6 +166,7 @@ class WaitingLines {
         appendTo(*line.file, std::string_view(written_.text).substr(begin, line.end - begin));
       else
         ++linesDropped;
+      platform::faultPoint("log: line written");
       begin = line.end;
     }
     if (written_.text.capacity() > kMostKeptBytes) written_ = {};

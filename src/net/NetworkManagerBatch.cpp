@@ -12,6 +12,7 @@
 #include "net/ClientState.h"
 #include "net/Messages.h"
 #include "net/ProtocolBreak.h"
+#include "platform/foundation/FaultPoint.h"
 #include "records/LatestPrediction.h"
 #include "settings/EngineLink.h"
 
@@ -89,13 +90,16 @@ void followCounters(NetworkManager& client, const Value& predictionID, const Val
   // Set before the download has begun: the same counter again starts no second one.
   const std::int64_t announced = requireInteger(tripID, "last_pasttrip_id");
   if (Settings::shared().lastTripID.exchange(announced) != announced) client.getLocationHistoryEXTRAPOLATED();
+  platform::faultPoint("downloads: trips asked for");
 
   // The version is kept at once. A failed download puts it back to 0, and cannot do so before this: its completion
   // waits for the end of the one that is running here.
   const std::int64_t poiVersion = requireInteger(poiID, "last_poi_id");
   if (poiVersion != poiVersionWhenSent) {
     client.getPOI();
+    platform::faultPoint("downloads: places asked for");
     client.defaults().set(NetworkManager::LAST_POI_VERSION, poiVersion);
+    platform::faultPoint("downloads: version of places kept");
   }
 }
 
@@ -143,6 +147,7 @@ void fail(const BatchEnd& end) {
 }
 
 void batchEnded(const Batch& batch, NetworkManager& client, Reply& reply) {
+  platform::faultPoint("upload: answered");
   BatchEnd end = endOf(batch, reply);
   if (reply.refused()) {
     Log::debug(" NetworkManager:sendDataInBatchToRemoteWebServer : httpstatus : ", reply.response->statusCode,
@@ -159,6 +164,7 @@ void batchEnded(const Batch& batch, NetworkManager& client, Reply& reply) {
       fail(end);
     } else {
       EngineLink::current().acknowledge(batch.last, batch.first, end);
+      platform::faultPoint("acknowledgement: saved");
     }
   }
   if (reply.error)

@@ -7,6 +7,7 @@
 #include "net/ClientState.h"
 #include "net/Messages.h"
 #include "net/ProtocolBreak.h"
+#include "platform/foundation/FaultPoint.h"
 #include "records/LatestPrediction.h"
 #include "settings/EngineLink.h"
 
@@ -67,6 +68,7 @@ void storePrediction(Dictionary answer) {
       platform::concat("NetworkManager:getNextTrip :[Tarvo.LastPrediction.duration] : ", trip.duration),
       platform::concat("NetworkManager:getNextTrip :[Tarvo.LastPrediction.route] : ", trip.route)};
   latestPrediction().set(std::move(trip));
+  platform::faultPoint("downloads: prediction kept");
   // Level of errors although nothing is wrong: the readers of the log look for them there.
   for (const std::string& line : lines) Log::error(line);
   EngineLink::current().predictionStored();

@@ -11,6 +11,7 @@
 #include "log/Log.h"
 #include "log/LogFile.h"
 #include "net/ClientState.h"
+#include "platform/foundation/FaultPoint.h"
 
 namespace tarvo {
 namespace {
@@ -45,10 +46,12 @@ void NetworkManager::sendLogToRemoteWebServer() {
     std::error_code error;
     const bool exists = std::filesystem::exists(file, error);
     if (exists) appendToLogFile(std::make_shared<const std::string>(file.native()), {"\r\n--boundary--\r\n"});
+    platform::faultPoint("log upload: boundary queued");
     Log::debug("NetworkManager:sendLogToRemoteWebServer [net] logFile: ", file.string(),
                exists ? "" : " does not exist");
     auto httpPOSTTask =
         session->uploadTask(buildLogUpload(state_->remoteServerURL, Settings::shared().clientID(), *identity), file);
+    platform::faultPoint("log upload: task made");
     // Behind the boundary, or the body could be sent without its end.
     Log::serialQueue().async([session, httpPOSTTask = std::move(httpPOSTTask)] { session->resume(httpPOSTTask); });
   }

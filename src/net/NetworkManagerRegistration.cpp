@@ -4,6 +4,7 @@
 #include "log/Log.h"
 #include "net/ClientState.h"
 #include "net/Messages.h"
+#include "platform/foundation/FaultPoint.h"
 #include "settings/EngineLink.h"
 #include "settings/Settings.h"
 
@@ -28,6 +29,7 @@ void adoptUser(NetworkManager& client, const Value& uuid, const Value& creationD
   }
   Log::debug(" NetworkManager:sendUserToRemoteWebServer [net] uuid:", uuid, " mainThread:", mainThread());
   engine.storeUser(requireText(uuid, "uuid"), requireText(creationDate, "creation_date"));
+  platform::faultPoint("registration: user stored");
   engine.startPass();
   engine.setAlreadyReceivedUUID(true);
   if (!Settings::shared().tokenSent.exchange(true)) client.sendTokenremoteWebServer();
@@ -44,7 +46,9 @@ void readRegistration(NetworkManager& client, Reply& reply) {
 
   // A later answer replaces the secret too, and only that.
   const std::string secret = platform::concat(*secretKey);
+  platform::faultPoint("registration: answered");
   Settings::shared().storeUserSecret(secret);
+  platform::faultPoint("registration: secret stored");
   // To the console on purpose, past the log file, which is uploaded.
   platform::NSLog("secretkey : " + secret);
   adoptUser(client, *uuid, *creationDate);

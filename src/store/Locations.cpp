@@ -6,6 +6,7 @@
 #include "log/Log.h"
 #include "platform/foundation/Bundle.h"
 #include "platform/foundation/FatalError.h"
+#include "platform/foundation/FaultPoint.h"
 #include "platform/foundation/Text.h"
 #include "settings/EngineLink.h"
 #include "settings/Settings.h"
@@ -42,6 +43,7 @@ std::shared_ptr<Locations> Locations::addLocation(const platform::CLLocation& fi
                                                   std::string_view serviceAction) {
   const auto added = insert(context);
   if (!added) return nullptr;
+  platform::faultPoint("intake: row made");
   static const auto& appName = *new std::string("ios:" + platform::Bundle::main().bundleIdentifier().value_or(""));
   auto counted = count(context);
   auto removed = counted ? context.removedRows(kEntity) : counted.error();
@@ -52,6 +54,7 @@ std::shared_ptr<Locations> Locations::addLocation(const platform::CLLocation& fi
   }
   // The count sees the new position itself, so it is at least 1.
   const auto index = static_cast<std::int64_t>(*counted) - 1 + *removed;
+  platform::faultPoint("intake: counted");
   const platform::Date now = platform::Clock::current()->now();
 
   added->setString(at::appName, appName);
@@ -73,6 +76,7 @@ std::shared_ptr<Locations> Locations::addLocation(const platform::CLLocation& fi
   added->setBoolean(at::sentWithoutACK, false);
   added->setInteger(at::index, index);
   added->setString(at::localisationMethod, withLocalisationMethod);
+  platform::faultPoint("intake: row filled");
 
   Log::debug("Locations:addLocation [loc] id:", index, " lon:", fix.coordinate.longitude,
              " lat:", fix.coordinate.latitude, " tLoc:", fix.timestamp, " tMob:", now, " event:", serviceAction,
@@ -119,7 +123,9 @@ void Locations::markLocationAsSentUntilIndex(std::string_view locationIndex, Con
     position->setBoolean(at::unsent, false);
     position->setBoolean(at::sentWithoutACK, false);
   }
+  platform::faultPoint("acknowledgement: marked");
   Settings::shared().uploadChannel.release();
+  platform::faultPoint("acknowledgement: channel freed");
   // Here, before the caller saves, and not posted elsewhere: one acknowledged batch is what sends the next.
   if (EngineLink* engine = EngineLink::installed()) engine->startPass();
 }

@@ -6,6 +6,7 @@
 #include "log/Log.h"
 #include "platform/foundation/DateFormatter.h"
 #include "platform/foundation/Encoding.h"
+#include "platform/foundation/FaultPoint.h"
 #include "platform/foundation/Json.h"
 #include "platform/foundation/Text.h"
 #include "store/Attributes.h"
@@ -57,6 +58,7 @@ void setRoute(PastTrips& added, const platform::Dictionary& trip) {
 std::shared_ptr<PastTrips> PastTrips::addLastTrip(const platform::Dictionary& trip, Context& context) {
   const auto id = platform::findInteger(trip, "pasttrip_id");
   if (id) removeTripIfExist(context, *id);
+  platform::faultPoint("downloads: older trip removed");
   const auto added = insert(context);
   if (!added) return nullptr;
   added->setInteger(at::pasttrip_id, id);

@@ -7,6 +7,7 @@
 #include <tarvo/platform/UserDefaults.h>
 
 #include "log/Log.h"
+#include "platform/foundation/FaultPoint.h"
 #include "platform/foundation/Json.h"
 #include "settings/EngineLink.h"
 #include "settings/Settings.h"
@@ -91,6 +92,7 @@ void DeviceRegistration::storeUser(std::string_view uuid, std::string_view creat
   auto& context = store_.managedObjectContext();
   const auto store = [this, &context, uuid = std::string(uuid), creationDate = std::string(creationDate)] {
     Users::addUser(uuid, creationDate, context);
+    platform::faultPoint("registration: user made");
     store_.saveContext();
   };
   // The record never gets to the disk before the secret: a device that finds one without the other registers again.
@@ -99,6 +101,7 @@ void DeviceRegistration::storeUser(std::string_view uuid, std::string_view creat
   else
     platform::UserDefaults::standard().whenSynchronized([&context, store] { context.perform(store); });
   Settings::shared().adoptUserUUID(uuid);
+  platform::faultPoint("registration: user known");
   if (EngineLink* engine = EngineLink::installed()) engine->startPass();
 }
 

@@ -8,6 +8,7 @@
 #include "log/Log.h"
 #include "net/Messages.h"
 #include "net/ProtocolBreak.h"
+#include "platform/foundation/FaultPoint.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/Json.h"
 #include "settings/Settings.h"
@@ -40,6 +41,7 @@ void deleteConfirmedFile(const std::string& name) {
   if (directories.empty() || !Log::isFileName(name)) return;
   const std::filesystem::path file = directories.front() / name;
   Log::debug("LocationManager:networkManagerReceivedSomeData [net] file:", file.string());
+  platform::faultPoint("log upload: before its file goes");
   std::error_code error;
   if (std::filesystem::is_regular_file(std::filesystem::symlink_status(file, error)) &&
       std::filesystem::remove(file, error)) {
@@ -63,6 +65,7 @@ std::optional<LocationsHistory> DownloadIngest::addNewLastTrip(const std::vector
       Log::debug("LocationManager:addNewLastTripToDatabase [loc] loc:", id ? concat(*id) : "nil",
                  " mainThread:", mainThread());
       if (PastTrips::addLastTrip(trip, context)) store_.saveContext();
+      platform::faultPoint("downloads: trip saved");
     }
     auto stored = HistoryReads(store_).getLastPastTrip();
     if (stored) {
@@ -82,8 +85,10 @@ void DownloadIngest::addNewPOI(const std::vector<platform::Dictionary>& pois) {
   if (pois.empty()) return;
   auto& context = store_.managedObjectContext();
   context.performAndWait([&] {
-    for (const auto& poi : pois)
+    for (const auto& poi : pois) {
       if (PointOfInterest::addPOI(poi, context)) store_.saveContext();
+      platform::faultPoint("downloads: place saved");
+    }
   });
 }
 

@@ -13,6 +13,7 @@
 
 #include "log/Log.h"
 #include "net/BackendAddress.h"
+#include "platform/foundation/FaultPoint.h"
 #include "settings/Settings.h"
 #include "sync/DeviceRegistration.h"
 
@@ -117,6 +118,7 @@ void UploadPipeline::startPass(UploadGate::Pass pass) {
   Log::debug("LocationManager:sendDataInBatchToRemoteWebServer [loc]=====CALLED======CANAL===", attempt.wasLocked,
              "=====", attempt.elapsed.count(), "=======");
   if (!attempt.taken) return;
+  platform::faultPoint("upload: channel taken");
   gate_.passStarted();
   if (networkManagerReceivedSessionError.load()) {
     settings.uploadChannel.release();
@@ -176,14 +178,17 @@ void UploadPipeline::sendAllUnsentDataToRemoteWebServer() {
     return;
   }
   const std::size_t count = identifiers.size();
+  platform::faultPoint("upload: batch made");
   for (auto& identifier : identifiers)
     context.perform([this, identifier = std::move(identifier)] { markLocationAsSentWithoutACKWithID(identifier); });
+  platform::faultPoint("upload: marks queued");
   post(std::move(batch.json), batch.first, batch.last, count);
 }
 
 void UploadPipeline::markLocationAsSentWithoutACKWithID(const platform::NSManagedObjectID& locationID) {
   Log::debug("LocationManager:markLocationAsSentWithoutACKWithID [net] id:", locationID, " mainThread:", mainThread());
   Locations::markLocationAsSentWithoutACKWithID(locationID, store_.managedObjectContext());
+  platform::faultPoint("upload: marked");
   store_.saveContext();
 }
 
@@ -238,6 +243,7 @@ void UploadPipeline::post(std::string json, std::int64_t first, std::int64_t las
   batchesPosted_.fetch_add(1);
   positionsPosted_.fetch_add(positions);
   client_.sendDataInBatchToRemoteWebServer(std::move(json), concat(first), concat(last));
+  platform::faultPoint("upload: posted");
 }
 
 void UploadPipeline::acknowledge(std::string_view locationIndex, std::string_view firstLoc, const BatchEnd& end) {
@@ -255,6 +261,7 @@ void UploadPipeline::acknowledge(std::string_view locationIndex, std::string_vie
     acknowledgesFullBatch_ = range.last - range.first + 1 >= static_cast<std::int64_t>(Locations::kBatchLimit);
     // Frees the channel and starts the next batch from inside, before this acknowledgement is saved.
     Locations::markLocationAsSentUntilIndex(locationIndex, context, firstLoc);
+    platform::faultPoint("acknowledgement: next pass started");
     acknowledgesFullBatch_ = false;
     store_.saveContext();
   });

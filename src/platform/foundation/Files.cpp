@@ -10,6 +10,7 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/foundation/FaultPoint.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/System.h"
 #include "platform/foundation/Text.h"
@@ -44,6 +45,12 @@ Descriptor createTemporary(std::string& name) {
     if (!tryLockFile(created.get()) && errno == EWOULDBLOCK) continue;
     if (::fstat(created.get(), &status) != 0 || status.st_nlink > 0) return created;
   }
+}
+
+/// A fault point in the midst of a condition.
+bool reached(const char* place) {
+  faultPoint(place);
+  return true;
 }
 
 /// A process clears each directory once, when it first writes there.
@@ -101,17 +108,21 @@ std::optional<Error> writeFileAtomically(const fs::path& file, std::string_view 
   std::string temporary = (directoryOf(file) / concat(kTemporaryPrefix, kTemporaryEnd)).native();
   Descriptor descriptor = createTemporary(temporary);
   if (!descriptor.isOpen()) return posixError(errno, file.native());
+  faultPoint("file: temporary made");
   // The lock stays until the name is the final one, though the file is closed before.
   const Descriptor lock(::fcntl(descriptor.get(), F_DUPFD_CLOEXEC, 0));
   // The bytes must be on the disk before the name points to them, or a crash leaves an empty file.
-  const bool replaced = writeAll(descriptor, bytes) && (!durable || ::fsync(descriptor.get()) == 0) &&
+  const bool replaced = writeAll(descriptor, bytes) && reached("file: written") &&
+                        (!durable || ::fsync(descriptor.get()) == 0) && reached("file: flushed") &&
                         descriptor.close() && ::rename(temporary.c_str(), file.c_str()) == 0;
   if (!replaced) {
     const int code = errno;
     ::unlink(temporary.c_str());
     return posixError(code, file.native());
   }
+  faultPoint("file: renamed");
   if (durable && !flushDirectory(directoryOf(file))) return posixError(errno, file.native());
+  faultPoint("file: folder flushed");
   return std::nullopt;
 }
 
@@ -126,6 +137,7 @@ Result<std::uint64_t> appendToFile(const fs::path& file, std::string_view bytes)
     if (::ftruncate(descriptor.get(), before.st_size) != 0) return posixError(errno, file.native());
     return posixError(code, file.native());
   }
+  faultPoint("file: line appended");
   return static_cast<std::uint64_t>(before.st_size) + bytes.size();
 }
 

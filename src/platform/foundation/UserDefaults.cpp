@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/foundation/FaultPoint.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/HomeErasure.h"
 #include "platform/foundation/Mutex.h"
@@ -182,6 +183,7 @@ void UserDefaults::State::change(std::string_view key, std::optional<Value> valu
     if (stays) return;
     error = write(ready);
   }
+  faultPoint("settings: written");
   // With no lock held: sink and blocks belong to others.
   if (error) NSLog("The user defaults cannot be written: " + error->localizedDescription);
   for (const auto& block : ready) block();
@@ -205,6 +207,7 @@ std::optional<Error> UserDefaults::State::write(Blocks& ready) {
     }
     snapshot = values;
   }
+  faultPoint("settings: to be written");
   std::optional<Error> error = createPrivateDirectories(file.parent_path());
   if (!error) error = writeFileAtomically(file, serializePropertyList(snapshot), true);
   written = !error;

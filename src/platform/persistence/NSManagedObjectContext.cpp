@@ -162,7 +162,9 @@ std::optional<Error> commit(Store& store, std::vector<Part>& parts, const Store:
     return write(store, parts, metadata);
   auto transaction = Transaction::begin(store.database(), Transaction::Kind::writing);
   if (!transaction) return transaction.error();
+  faultPoint("save: begun");
   if (auto error = write(store, parts, metadata)) return error;
+  faultPoint("save: before the commit");
   return transaction->commit();
 }
 
@@ -424,6 +426,7 @@ std::optional<Error> NSManagedObjectContext::save() {
 
 void NSManagedObjectContext::writeDeferredSave() {
   if (!state_->saveDeferred) return;
+  faultPoint("save: put off");
   if (const auto error = write(); error && lateFailure_) lateFailure_(*error);
 }
 
@@ -453,6 +456,7 @@ std::optional<Error> NSManagedObjectContext::writeAtMost(std::size_t rows) {
   }
   Store& store = *coordinator_->store();
   if (auto error = commit(store, parts, state_->metadata)) return error;
+  faultPoint("save: committed");
   state_->metadata.clear();
   // Certain only now: until the commit everything stayed pending, whatever became of the transaction.
   for (Part& part : parts) {

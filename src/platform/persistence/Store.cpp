@@ -13,6 +13,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "platform/foundation/FaultPoint.h"
 #include "platform/foundation/FileLock.h"
 #include "platform/foundation/Text.h"
 #include "platform/persistence/WriteRight.h"
@@ -143,6 +144,7 @@ Result<std::unique_ptr<NSPersistentStoreCoordinator::Store>> NSPersistentStoreCo
   FileLock making(WriteRight::lockFileOf(file));
   if (!hasRight && isToBeMade(file)) (void)making.lock(kLongestCreation, [&] { return !isToBeMade(file); });
   if (auto error = ensureFile(file)) return *error;
+  faultPoint("store: empty file made");
   if (StoreSchema::isHalfMade(file)) undoHalfMade(file);
   if (auto error = StoreSchema::checkHeader(file)) return *error;
   auto opened = Database::open(file);
@@ -151,12 +153,14 @@ Result<std::unique_ptr<NSPersistentStoreCoordinator::Store>> NSPersistentStoreCo
   StoreSchema schema(entities, version);
   auto uuid = schema.prepare(database);
   if (!uuid) return uuid.error();
+  faultPoint("store: schema there");
   if (database.isReadOnly())
     return storeError(StoreErrorCode::open, "The store file cannot be written", database.file());
   if (hasRight || making.isHeld()) {
     ::chmod(file.c_str(), kOwnerOnly);  // before SQLite makes its side files
     if (auto error = useWriteAheadLog(database)) return *error;
   }
+  faultPoint("store: log switched on");
   if (auto error = setUp(database)) return *error;
   database.watchFiles();
   return std::unique_ptr<Store>(new Store(std::move(*opened), std::move(*uuid), entities, std::move(schema)));
@@ -165,6 +169,7 @@ Result<std::unique_ptr<NSPersistentStoreCoordinator::Store>> NSPersistentStoreCo
 std::optional<Error> NSPersistentStoreCoordinator::Store::beginWriting() {
   ::chmod(database_->file().c_str(), kOwnerOnly);
   if (auto error = useWriteAheadLog(*database_)) return error;
+  faultPoint("store: right to write taken");
   if (auto error = schema_.bringUpToDate(*database_)) return error;
   if (auto error = database_->checkpointOnClose()) return error;
   writes_ = true;  // no count or key is known yet: others may have written until now

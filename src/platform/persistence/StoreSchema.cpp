@@ -8,6 +8,7 @@
 #include <map>
 
 #include "platform/foundation/Encoding.h"
+#include "platform/foundation/FaultPoint.h"
 #include "platform/foundation/Text.h"
 
 namespace tarvo::platform {
@@ -144,6 +145,7 @@ std::optional<Error> StoreSchema::create(Database& database) const {
   }
   for (const std::string& sql : statements)
     if (auto error = database.runOnce(sql, StoreErrorCode::open)) return error;
+  faultPoint("store: tables made");
   const auto uuid = randomUuid();
   if (!uuid) return storeError(StoreErrorCode::open, "The system gives no random bytes for the store's UUID");
   if (auto error = writeMetadata(database, *uuid)) return error;

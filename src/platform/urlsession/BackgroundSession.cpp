@@ -9,6 +9,7 @@
 #include <tarvo/platform/Environment.h>
 #include <tarvo/platform/SystemLog.h>
 
+#include "platform/foundation/FaultPoint.h"
 #include "platform/foundation/HomeErasure.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/SerialQueue.h"
@@ -156,6 +157,7 @@ void BackgroundSession::resume(const URLSessionUploadTask& task) {
     state_->tasks.emplace(task.taskIdentifier, task);
   }
   state_->journal->putResumed(task);
+  faultPoint("log upload: told in the journal");
   if (!state_->isToBeFlushed.exchange(true)) {
     state_->queue.async([self = shared_from_this()] {
       self->state_->isToBeFlushed = false;
@@ -218,6 +220,7 @@ void BackgroundSession::startWaiting() {
       if (response) record.outcome->statusCode = response->statusCode;
       // First, so that a reply which the delegate may have seen is never asked for again.
       self->state_->journal->putEnded(record.task.taskIdentifier, *record.outcome);
+      faultPoint("log upload: end told in the journal");
       {
         MutexLock lock(self->state_->mutex);
         --self->state_->running;
@@ -231,8 +234,10 @@ void BackgroundSession::startWaiting() {
 
 void BackgroundSession::deliver(const URLSessionUploadTask& task, const TransferOutcome& outcome) {
   if (outcome.data) delegate_.didReceive(*this, *outcome.data);
+  faultPoint("log upload: reply delivered");
   delegate_.didCompleteWithError(*this, task, outcome.statusCode, outcome.error);
   state_->journal->remove(task.taskIdentifier);
+  faultPoint("log upload: over");
   bool wasLast = false;
   {
     MutexLock lock(state_->mutex);

@@ -12,6 +12,7 @@
 #include <tarvo/platform/SystemLog.h>
 
 #include "platform/foundation/Encoding.h"
+#include "platform/foundation/FaultPoint.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/HomeErasure.h"
 #include "platform/foundation/Json.h"
@@ -277,6 +278,7 @@ void TransferJournal::forget(std::int64_t taskIdentifier) {
 }
 
 void TransferJournal::rewrite() {
+  faultPoint("journal: to be written anew");
   std::optional<Error> error;
   if (lines_.empty()) {
     if (::unlink(file_.c_str()) != 0 && errno != ENOENT) error = posixError(errno, file_.native());

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/foundation/FatalError.h"
+#include "platform/foundation/FaultPoint.h"
 #include "platform/foundation/LazyThread.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/SerialQueue.h"
@@ -153,6 +154,7 @@ void URLSession::State::submit(std::shared_ptr<Transfer> transfer) {
 
 void URLSession::State::stop() {
   if (getpid() != process) return;  // a forked child has no such thread
+  faultPoint("exit: before transfers stop");
   {
     MutexLock lock(mutex);
     stopping = true;
@@ -160,6 +162,7 @@ void URLSession::State::stop() {
   changed.notify_one();
   wakeUp.signal();
   if (!thread.join(kMostExitWait)) Transfer::keepOut();
+  faultPoint("exit: transfers stopped");
 }
 
 void URLSession::State::endAll() {
