@@ -179,7 +179,7 @@ Health EngineParts::health() {
     health.positions.acknowledged = counts.acknowledged();
     health.positions.unsaved = counts.unsaved;
     // Counted with the removal itself; the ledger is told a moment later.
-    if (const auto removed = context.removedRows(Locations::kEntity)) health.positions.removed = *removed;
+    if (auto removed = context.removedRows(Locations::kEntity)) health.positions.removed = *removed;
     // The clock may have been set back since.
     if (const auto oldest = Locations::oldestUnacknowledgedStorage(context))
       health.positions.oldestUnsentAge = std::max(platform::Clock::current()->now() - *oldest, platform::Seconds(0));
