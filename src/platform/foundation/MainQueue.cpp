@@ -33,8 +33,9 @@ void MainQueue::async(std::function<void()> block) {
   // An empty block only wakes whoever polls; it is no work that anybody would wait for.
   if (block) {
     WorkInFlight::begin();
+    faultPoint("main");
     MutexLock lock(state_.mutex);
-    state_.blocks.push_back(std::move(block));
+    orOutOfMemory([&] { state_.blocks.push_back(std::move(block)); });
   }
   state_.wakeUp.signal();
 }

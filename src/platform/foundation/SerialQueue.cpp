@@ -49,7 +49,7 @@ struct SerialQueue::State {
   void run(const std::function<void()>& block) noexcept {
     holder.store(std::this_thread::get_id(), std::memory_order_relaxed);
     ++queuesHeld;
-    block();
+    orOutOfMemory(block);
     --queuesHeld;
     holder.store({}, std::memory_order_relaxed);
   }
@@ -134,9 +134,10 @@ bool SerialQueue::async(std::function<void()> block) {
   WorkInFlight::begin();
   State& state = *state_;
   bool hasThread;
+  faultPoint("async");
   {
     MutexLock lock(state.mutex);
-    state.line.push_back({std::move(block), nullptr});
+    orOutOfMemory([&] { state.line.push_back({std::move(block), nullptr}); });
     hasThread = state.worker.start();
     if (!state.busy && state.line.size() == 1) state.work.notify_one();
   }
@@ -149,10 +150,11 @@ bool SerialQueue::start() { return state_->worker.start(); }
 void SerialQueue::sync(const std::function<void()>& block) {
   State& state = *state_;
   if (state.isHeld()) fatalError("sync onto queue " + state.label + " from one of its own blocks can never end");
+  faultPoint("sync");
   state.mutex.lock();
   if (state.busy || !state.line.empty()) {
     State::Turn turn;
-    state.line.push_back({{}, &turn});
+    orOutOfMemory([&] { state.line.push_back({{}, &turn}); });
     ++state.turnsInLine;
     std::deque<State::Entry> blocks;
     while (!turn.given) {

@@ -63,16 +63,18 @@ LocationService& LocationService::shared() {
 }
 
 void LocationService::deliver(const std::vector<CLLocation>& fixes) {
-  std::vector<CLLocation> usable;
-  usable.reserve(fixes.size());
-  for (const CLLocation& fix : fixes) {
-    const std::string reason = refusal(fix);
-    if (reason.empty())
-      usable.push_back(fix);
-    else
-      NSLog(concat("location service: fix refused, ", reason));
-  }
-  if (!usable.empty()) state().deliver(std::move(usable));
+  orOutOfMemory([&] {
+    std::vector<CLLocation> usable;
+    usable.reserve(fixes.size());
+    for (const CLLocation& fix : fixes) {
+      const std::string reason = refusal(fix);
+      if (reason.empty())
+        usable.push_back(fix);
+      else
+        NSLog(concat("location service: fix refused, ", reason));
+    }
+    if (!usable.empty()) state().deliver(std::move(usable));
+  });
 }
 
 void LocationService::setSource(std::shared_ptr<LocationSource> source) { state().setSource(std::move(source)); }
