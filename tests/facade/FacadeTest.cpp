@@ -2,11 +2,6 @@
 
 #include <chrono>
 #include <future>
-#include <stdexcept>
-
-#include <tarvo/platform/MainQueue.h>
-
-#include "settings/EngineLink.h"
 
 namespace tarvo {
 namespace {
@@ -263,61 +258,7 @@ TEST_F(Facade, TellsOnceThatItsStoreWasRemovedWhoeverAsksForCountsInBetween) {
   }
 }
 
-/// A host that throws wherever it is called.
-struct Thrower : TarvoDelegate, platform::LocationSource, platform::HostApplication {
-  static void fail() { throw std::runtime_error("mine"); }
-  void tarvoDidReceiveNewLocations(Tarvo&, const std::vector<platform::CLLocation>&) override { fail(); }
-  void tarvoOnRouteMatched(Tarvo&, const LocationsHistory&) override { fail(); }
-  void tarvoOnPredictionUpdate(Tarvo&, const Trip&) override { fail(); }
-  void start(double) override { fail(); }
-  void stop() override {}
-  void registerForRemoteNotifications() override { fail(); }
-};
-
-TEST_F(Facade, EndsTheProcessWithTheNameOfACallbackThatThrows) {
-  const auto host = std::make_shared<Thrower>();
-  platform::setSystemLogSink({});
-  const auto expect = [&](const std::string& message, const std::function<void(Tarvo&)>& provoke) {
-    const auto inChild = [&] {
-      Tarvo tarvo;
-      tarvo.setDelegate(host);
-      tarvo.activate(Tarvo::LOCAL_BACKGROUND);
-      tarvo.requestRouteMatch();
-      tarvo.requestPredictionUpdate();
-      provoke(tarvo);
-      waitUntilIdle();
-    };
-    EXPECT_DEATH(inChild(), "Fatal error: " + message) << message;
-  };
-  expect("tarvoDidReceiveNewLocations threw an exception: mine", [this](Tarvo&) { drive(1); });
-  expect("tarvoOnRouteMatched threw", [](Tarvo&) {
-    engine().addNewLastTrip({platform::Dictionary{{"pasttrip_id", 7}}});
-  });
-  expect("tarvoOnPredictionUpdate threw", [](Tarvo&) { EngineLink::current().predictionStored(); });
-  expect("the completion handler of background events threw",
-         [](Tarvo& tarvo) { tarvo.handleEventsForBackgroundURLSession(Tarvo::backgroundSessionID(), Thrower::fail); });
-  expect("registerForRemoteNotifications threw", [&](Tarvo&) {
-    platform::setHostApplication(host);
-    platform::UIApplication::shared().registerForRemoteNotifications();
-  });
-  expect("LocationSource::start threw", [&](Tarvo&) { LocationService::shared().setSource(host); });
-  expect("a block of the main queue threw an exception\n",
-         [](Tarvo&) { platform::MainQueue::main().async([] { throw 7; }); });
-  expect("the system log's sink threw", [](Tarvo& tarvo) {
-    platform::setSystemLogSink([](std::string_view) { Thrower::fail(); });
-    tarvo.stopLocationUpdate();
-  });
-  // Last: the permission is kept in the home.
-  expect("the permission prompt threw", [](Tarvo& tarvo) {
-    LocationService::shared().setPrompt([](auto) { Thrower::fail(); });
-    LocationService::shared().setAuthorizationStatus(CLAuthorizationStatus::notDetermined);
-    tarvo.getCurrentLocation();
-  });
-}
-
 TEST_F(Facade, PutsTheStoreIntoTheLastDocumentsDirectoryAndTheLogIntoTheFirst) {
-  platform::setDocumentDirectories({});
-  EXPECT_DEATH((platform::setSystemLogSink({}), Tarvo()), "Fatal error: there is no document directory");
   const auto first = home.path() / "first", last = home.path() / "last";
   for (const auto& directory : {first, last}) std::filesystem::create_directories(directory);
   platform::setDocumentDirectories({first, last});
