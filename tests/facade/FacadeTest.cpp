@@ -101,25 +101,6 @@ TEST_F(Facade, TellsTheNewestObjectOfWholeBatchesUntilToldToStop) {
   EXPECT_EQ(older.syncStatus().stored, 8);
 }
 
-TEST_F(Facade, LetsTheHostStopEverythingFromInsideACallback) {
-  Tarvo tarvo = online();
-  auto host = std::make_shared<DiaryDelegate>();
-  host->inside = [](Tarvo& self) {
-    self.stopLocationUpdate();
-    self.getCurrentLocation();
-    self.activate(Tarvo::DEACTIVE_ALL);
-  };
-  tarvo.setDelegate(host);
-  LocationService::shared().deliver({fixAt(48, kStart + 200)});
-  // Meanwhile this thread wants the queue that the callback wants.
-  engine().requestLocationUpdate();
-  waitUntilIdle();
-  EXPECT_EQ(host->batches.size(), 1u);
-  EXPECT_FALSE(engine().tarvoStarted());
-  drive(2);
-  EXPECT_EQ(host->batches.size(), 1u);
-}
-
 TEST_F(Facade, AsksForThePermissionThatTheModeNeedsAndAnswersTheStatusBefore) {
   Tarvo tarvo;
   std::string asked;

@@ -1,10 +1,8 @@
 // Whatever a host hands in, at whatever moment: it is stored once or refused, or the process stops for a reason that
 // the documents name. `--seed` chooses payloads and orders, `--runs` is seconds of the flood and rounds of the stress.
 
-#include <stdexcept>
-
-#include <climits>
 #include <future>
+#include <stdexcept>
 
 #include "engine/EngineParts.h"
 #include "faults/Stress.h"
@@ -17,7 +15,33 @@ using platform::CLLocation, platform::LocationService, platform::Seconds;
 
 constexpr double kNan = std::numeric_limits<double>::quiet_NaN(), kInfinity = std::numeric_limits<double>::infinity();
 constexpr double kMost = std::numeric_limits<double>::max(), kLeast = std::numeric_limits<double>::denorm_min();
-constexpr double kEndOfYears = 253402300800;  // 9999-12-31 24:00:00
+constexpr double kLastOfYears = 253402300799.99997;  // of 9999
+constexpr double kEdges[] = {kNan,
+                             -kNan,
+                             kInfinity,
+                             -kInfinity,
+                             0.0,
+                             -0.0,
+                             kLeast,
+                             -kLeast,
+                             90,
+                             -90,
+                             90.00000000000001,
+                             -90.00000000000001,
+                             180,
+                             -180,
+                             180.00000000000003,
+                             360,
+                             -1,
+                             kMost,
+                             -kMost,
+                             2147483647,
+                             2147483648,
+                             4294967296,
+                             1e12,
+                             1e300,
+                             kLastOfYears,
+                             253402300800};
 
 Tarvo collecting(std::int64_t mode = Tarvo::LOCAL_BACKGROUND) {
   Tarvo tarvo;
@@ -27,65 +51,30 @@ Tarvo collecting(std::int64_t mode = Tarvo::LOCAL_BACKGROUND) {
 
 /// A field of a fix at its edges: those within the bounds are stored as they are, the others refused with a line.
 Row edges(const std::string& name, double least, double most, std::function<double&(CLLocation&)> field) {
-  return {"fix " + name, [=](Host& host) {
-            const Tarvo tarvo = collecting();
-            std::vector<double> expected;
-            host.diary.clear();
-            std::size_t refused = 0;
-            for (const double value : {kNan,
-                                       -kNan,
-                                       kInfinity,
-                                       -kInfinity,
-                                       0.0,
-                                       -0.0,
-                                       kLeast,
-                                       -kLeast,
-                                       90.0,
-                                       -90.0,
-                                       std::nextafter(90, 91),
-                                       std::nextafter(-90, -91),
-                                       180.0,
-                                       -180.0,
-                                       std::nextafter(180, 181),
-                                       360.0,
-                                       -1.0,
-                                       kMost,
-                                       -kMost,
-                                       2147483647.0,
-                                       2147483648.0,
-                                       4294967296.0,
-                                       1e12,
-                                       1e300,
-                                       std::nextafter(kEndOfYears, 0),
-                                       kEndOfYears}) {
-              CLLocation edge = Host::fixAt(48 + 0.01 * expected.size(), Host::kStart);
-              field(edge) = value;
-              const bool taken = std::isfinite(value) && value >= least && value <= most;
-              Host::deliver(edge, Host::fixAt(-48 - 0.01 * expected.size(), 0));
-              if (!taken) ++refused;
-              if (taken) expected.push_back(value);
-              expected.push_back(kNan);  // the other fix
-            }
-            const auto stored = Host::records();
-            EXPECT_EQ(host.diary.count("fix refused"), refused);
-            EXPECT_EQ(host.diary.count("fix refused, " + name), refused);
-            std::vector<CLLocation> read;
-            for (const auto& record : stored) {
-              CLLocation& fix = read.emplace_back();
-              fix.coordinate = {*record.latitude, *record.longitude};
-              fix.altitude = *record.altitude, fix.speed = *record.speed, fix.course = *record.course;
-              fix.horizontalAccuracy = *record.horizontalAccuracy, fix.verticalAccuracy = *record.verticalAccuracy;
-              fix.timestamp = *record.locationTimestamp;
-            }
-            std::size_t at = 0;
-            for (const double value : expected) {
-              ASSERT_LT(at, read.size()) << value;
-              EXPECT_TRUE(std::isnan(value) || field(read[at]) == value) << value;
-              ++at;
-            }
-            Tarvo(tarvo).getCurrentLocation();
-            NetworkManager::setApiKeySecret("secret");
-          }};
+  const auto body = [=](Host& host) {
+    const Tarvo tarvo = collecting();
+    std::vector<double> expected, stored;
+    host.diary.clear();
+    double place = 0;
+    for (const double value : kEdges) {
+      place += 0.01;
+      CLLocation edge = Host::fixAt(48 + place, Host::kStart);
+      field(edge) = value;
+      CLLocation between = Host::fixAt(-48 - place, 0);
+      between.floor = 1;
+      Host::deliver(edge, between);
+      if (std::isfinite(value) && value >= least && value <= most) expected.push_back(value);
+    }
+    for (const auto& record : Host::records()) {
+      CLLocation fix{.coordinate = {*record.latitude, *record.longitude}, .altitude = *record.altitude};
+      fix.horizontalAccuracy = *record.horizontalAccuracy, fix.verticalAccuracy = *record.verticalAccuracy;
+      fix.course = *record.course, fix.speed = *record.speed, fix.timestamp = *record.locationTimestamp;
+      if (record.floor != 1) stored.push_back(field(fix));
+    }
+    EXPECT_EQ(stored, expected);
+    EXPECT_EQ(host.diary.count("fix refused, " + name), std::size(kEdges) - expected.size());
+  };
+  return {"fix " + name, body};
 }
 
 /// Anything that a push message can hold.
@@ -95,22 +84,11 @@ platform::Value payload(std::mt19937_64& random, int depth) {
     for (char& byte : bytes) byte = static_cast<char>(random());
     return bytes;
   };
-  switch (random() % (depth > 0 ? 7 : 5)) {
-    case 0:
-      return nullptr;
-    case 1:
-      return random() % 2 == 0;
-    case 2:
-      return static_cast<std::int64_t>(random());
-    case 3:
-      return std::bit_cast<double>(random());
-    case 4:
-      return text();
-    case 5:
-      return platform::Array(random() % 4, payload(random, depth - 1));
-    default:
-      return platform::Dictionary{{text(), payload(random, depth - 1)}, {"messageFrom", payload(random, depth - 1)}};
-  }
+  const platform::Value plain[] = {nullptr, random() % 2 == 0, static_cast<std::int64_t>(random()),
+                                   std::bit_cast<double>(random()), text()};
+  if (depth == 0 || random() % 2) return plain[random() % std::size(plain)];
+  if (random() % 2) return platform::Array(random() % 4, payload(random, depth - 1));
+  return platform::Dictionary{{text(), payload(random, depth - 1)}, {"messageFrom", payload(random, depth - 1)}};
 }
 
 void pushes(Host& host, std::mt19937_64 random) {
@@ -354,7 +332,7 @@ std::vector<Row> rows(const Driver& driver) {
       edges("vertical accuracy", -kMost, kMost, [](CLLocation& fix) -> double& { return fix.verticalAccuracy; }),
       edges("speed", -kMost, kMost, [](CLLocation& fix) -> double& { return fix.speed; }),
       edges("course", -kMost, kMost, [](CLLocation& fix) -> double& { return fix.course; }),
-      edges("timestamp", 0, std::nextafter(kEndOfYears, 0),
+      edges("timestamp", 0, kLastOfYears,
             [](CLLocation& fix) -> double& { return reinterpret_cast<double&>(fix.timestamp); }),
       {"pushes", quiet(pushes, std::mt19937_64(seed))},
       {"flood", quiet(flood, driver.runs), "lives", seconds},
@@ -422,13 +400,13 @@ std::vector<Row> rows(const Driver& driver) {
                host.drive(1);
              }),
   };
-  for (const rlim_t most : {3, 5, 6, 7, 8, 9, 10, 12, 14, 16, 20})
+  for (const rlim_t most : {3, 6, 8, 9, 10, 12, 14, 16, 20})
     for (const bool fromTheStart : {true, false})
       all.push_back({platform::concat("descriptors ", most, fromTheStart ? "" : " while it runs"),
                      [=](Host& host) { descriptors(host, most, fromTheStart); },
                      "lives|Fatal error: no event descriptor for the main queue"});
   if (!kSanitized)
-    for (const rlim_t megabytes : {0, 1, 2, 4, 8, 16, 32, 64})
+    for (const rlim_t megabytes : {0, 1, 4, 16, 32, 64})
       for (const bool fromTheStart : {true, false})
         all.push_back({platform::concat("megabytes ", megabytes, fromTheStart ? "" : " while it runs"),
                        [=](Host& host) { memory(host, megabytes, fromTheStart); },

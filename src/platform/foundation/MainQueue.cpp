@@ -35,7 +35,11 @@ void MainQueue::async(std::function<void()> block) {
     WorkInFlight::begin();
     faultPoint("main");
     MutexLock lock(state_.mutex);
-    orOutOfMemory([&] { state_.blocks.push_back(std::move(block)); });
+    try {
+      state_.blocks.push_back(std::move(block));
+    } catch (const std::bad_alloc&) {
+      outOfMemory();
+    }
   }
   state_.wakeUp.signal();
 }

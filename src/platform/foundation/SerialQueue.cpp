@@ -137,7 +137,11 @@ bool SerialQueue::async(std::function<void()> block) {
   faultPoint("async");
   {
     MutexLock lock(state.mutex);
-    orOutOfMemory([&] { state.line.push_back({std::move(block), nullptr}); });
+    try {
+      state.line.push_back({std::move(block), nullptr});
+    } catch (const std::bad_alloc&) {
+      outOfMemory();
+    }
     hasThread = state.worker.start();
     if (!state.busy && state.line.size() == 1) state.work.notify_one();
   }
@@ -154,7 +158,11 @@ void SerialQueue::sync(const std::function<void()>& block) {
   state.mutex.lock();
   if (state.busy || !state.line.empty()) {
     State::Turn turn;
-    orOutOfMemory([&] { state.line.push_back({{}, &turn}); });
+    try {
+      state.line.push_back({{}, &turn});
+    } catch (const std::bad_alloc&) {
+      outOfMemory();
+    }
     ++state.turnsInLine;
     std::deque<State::Entry> blocks;
     while (!turn.given) {
