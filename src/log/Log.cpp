@@ -11,6 +11,7 @@
 #include "log/LogFile.h"
 #include "platform/foundation/DateFormatter.h"
 #include "platform/foundation/Encoding.h"
+#include "platform/foundation/FatalError.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/Mutex.h"
 #include "settings/Names.h"
@@ -90,9 +91,11 @@ void Log::forget() {
 }
 
 void Log::debugLog(std::int64_t level, std::initializer_list<platform::Piece> parts) {
-  platform::TextBuilder message;
-  platform::append(message, parts);
-  debugLog(level, message.view());
+  platform::orOutOfMemory([&] {
+    platform::TextBuilder message;
+    platform::append(message, parts);
+    debugLog(level, message.view());
+  });
 }
 
 void Log::debugLog(std::int64_t level, std::string_view message) {

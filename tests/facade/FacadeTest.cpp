@@ -2,11 +2,6 @@
 
 #include <chrono>
 #include <future>
-#include <stdexcept>
-
-#include <tarvo/platform/MainQueue.h>
-
-#include "settings/EngineLink.h"
 
 namespace tarvo {
 namespace {
@@ -104,25 +99,6 @@ TEST_F(Facade, TellsTheNewestObjectOfWholeBatchesUntilToldToStop) {
   EXPECT_EQ(olderHost->batches.size(), 1u) << "unless it is given a delegate";
   // Six fixes, the two of the first batch counted singly, and the event of serviceConnect.
   EXPECT_EQ(older.syncStatus().stored, 8);
-}
-
-TEST_F(Facade, LetsTheHostStopEverythingFromInsideACallback) {
-  Tarvo tarvo = online();
-  auto host = std::make_shared<DiaryDelegate>();
-  host->inside = [](Tarvo& self) {
-    self.stopLocationUpdate();
-    self.getCurrentLocation();
-    self.activate(Tarvo::DEACTIVE_ALL);
-  };
-  tarvo.setDelegate(host);
-  LocationService::shared().deliver({fixAt(48, kStart + 200)});
-  // Meanwhile this thread wants the queue that the callback wants.
-  engine().requestLocationUpdate();
-  waitUntilIdle();
-  EXPECT_EQ(host->batches.size(), 1u);
-  EXPECT_FALSE(engine().tarvoStarted());
-  drive(2);
-  EXPECT_EQ(host->batches.size(), 1u);
 }
 
 TEST_F(Facade, AsksForThePermissionThatTheModeNeedsAndAnswersTheStatusBefore) {
@@ -264,61 +240,7 @@ TEST_F(Facade, TellsOnceThatItsStoreWasRemovedWhoeverAsksForCountsInBetween) {
   }
 }
 
-/// A host that throws wherever it is called.
-struct Thrower : TarvoDelegate, platform::LocationSource, platform::HostApplication {
-  static void fail() { throw std::runtime_error("mine"); }
-  void tarvoDidReceiveNewLocations(Tarvo&, const std::vector<platform::CLLocation>&) override { fail(); }
-  void tarvoOnRouteMatched(Tarvo&, const LocationsHistory&) override { fail(); }
-  void tarvoOnPredictionUpdate(Tarvo&, const Trip&) override { fail(); }
-  void start(double) override { fail(); }
-  void stop() override {}
-  void registerForRemoteNotifications() override { fail(); }
-};
-
-TEST_F(Facade, EndsTheProcessWithTheNameOfACallbackThatThrows) {
-  const auto host = std::make_shared<Thrower>();
-  platform::setSystemLogSink({});
-  const auto expect = [&](const std::string& message, const std::function<void(Tarvo&)>& provoke) {
-    const auto inChild = [&] {
-      Tarvo tarvo;
-      tarvo.setDelegate(host);
-      tarvo.activate(Tarvo::LOCAL_BACKGROUND);
-      tarvo.requestRouteMatch();
-      tarvo.requestPredictionUpdate();
-      provoke(tarvo);
-      waitUntilIdle();
-    };
-    EXPECT_DEATH(inChild(), "Fatal error: " + message) << message;
-  };
-  expect("tarvoDidReceiveNewLocations threw an exception: mine", [this](Tarvo&) { drive(1); });
-  expect("tarvoOnRouteMatched threw", [](Tarvo&) {
-    engine().addNewLastTrip({platform::Dictionary{{"pasttrip_id", 7}}});
-  });
-  expect("tarvoOnPredictionUpdate threw", [](Tarvo&) { EngineLink::current().predictionStored(); });
-  expect("the completion handler of background events threw",
-         [](Tarvo& tarvo) { tarvo.handleEventsForBackgroundURLSession(Tarvo::backgroundSessionID(), Thrower::fail); });
-  expect("registerForRemoteNotifications threw", [&](Tarvo&) {
-    platform::setHostApplication(host);
-    platform::UIApplication::shared().registerForRemoteNotifications();
-  });
-  expect("LocationSource::start threw", [&](Tarvo&) { LocationService::shared().setSource(host); });
-  expect("a block of the main queue threw an exception\n",
-         [](Tarvo&) { platform::MainQueue::main().async([] { throw 7; }); });
-  expect("the system log's sink threw", [](Tarvo& tarvo) {
-    platform::setSystemLogSink([](std::string_view) { Thrower::fail(); });
-    tarvo.stopLocationUpdate();
-  });
-  // Last: the permission is kept in the home.
-  expect("the permission prompt threw", [](Tarvo& tarvo) {
-    LocationService::shared().setPrompt([](auto) { Thrower::fail(); });
-    LocationService::shared().setAuthorizationStatus(CLAuthorizationStatus::notDetermined);
-    tarvo.getCurrentLocation();
-  });
-}
-
 TEST_F(Facade, PutsTheStoreIntoTheLastDocumentsDirectoryAndTheLogIntoTheFirst) {
-  platform::setDocumentDirectories({});
-  EXPECT_DEATH((platform::setSystemLogSink({}), Tarvo()), "Fatal error: there is no document directory");
   const auto first = home.path() / "first", last = home.path() / "last";
   for (const auto& directory : {first, last}) std::filesystem::create_directories(directory);
   platform::setDocumentDirectories({first, last});

@@ -10,7 +10,8 @@
 
 namespace tarvo::faults {
 
-/// What every driver understands: `--seed N` (default 1) and `--runs N` (default: what ./test takes).
+/// What every driver understands: `--seed N` (default 1), `--runs N` (default: what ./test takes) and `--only TEXT`,
+/// the rows whose name contains it.
 ///
 /// Threads: one. A fault that is found is told with what repeats it; `end` gives the exit status.
 class Driver {
@@ -21,6 +22,7 @@ class Driver {
       const std::string_view name = arguments[i];
       if (name == "--seed") seed = std::strtoull(arguments[i + 1], nullptr, 10);
       if (name == "--runs") runs = std::strtoll(arguments[i + 1], nullptr, 10);
+      if (name == "--only") only = arguments[i + 1];
     }
     random.seed(seed);
   }
@@ -49,6 +51,7 @@ class Driver {
  public:
   std::uint64_t seed = 1;
   std::int64_t runs;
+  std::string only;
   std::mt19937_64 random;
 };
 

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
@@ -8,7 +7,6 @@
 #include <tuple>
 
 #include <tarvo/platform/MainQueue.h>
-#include <tarvo/platform/SystemLog.h>
 
 #include "location/Delivery.h"
 #include "platform/foundation/Text.h"
@@ -49,29 +47,6 @@ TEST_F(LocationManager, HandsOverWhatPassesTheDistanceFilterOldestFirst) {
     EXPECT_EQ(manager.location(), batch.back());
   }
   EXPECT_EQ(service().statistics(), (LocationService::Statistics{.received = 15, .filteredByDistance = 6}));
-}
-
-TEST_F(LocationServiceOfAProcess, RefusesFixesThatAreNotFiniteOrOutOfRange) {
-  manager.startUpdatingLocation();
-  std::vector<std::string> log;
-  setSystemLogSink([&](std::string_view line) { log.emplace_back(line); });
-  const double nan = std::nan(""), infinity = std::numeric_limits<double>::infinity();
-  std::vector<CLLocation> fixes;
-  const CLLocationCoordinate2D places[] = {{nan, 0}, {-90.001, 0}, {0, 180.001}, {0, -infinity}, {-90, 180}};
-  for (const auto& place : places) fixes.emplace_back(fixAt(0)).coordinate = place;
-  for (double CLLocation::*number : {&CLLocation::altitude, &CLLocation::horizontalAccuracy,
-                                     &CLLocation::verticalAccuracy, &CLLocation::speed, &CLLocation::course})
-    fixes.emplace_back(fixAt(7)).*number = number == &CLLocation::speed ? nan : infinity;
-  // The years 1970 to 9999.
-  for (const double time : {nan, 0.0, 253402300799.0, -0.001, 253402300800.0, 1e18})
-    fixes.emplace_back(fixAt(8)).timestamp = dateSince1970(time);
-  service().deliver(fixes);
-  EXPECT_EQ(delegate.read(), Diary{"fixes 180000000 8 8"});
-  ASSERT_EQ(log.size(), 13u);
-  EXPECT_EQ(service().statistics(), (LocationService::Statistics{16, 8, 2, 3, 0}));
-  EXPECT_EQ(log[1], "location service: fix refused, latitude -90.001 is out of range");
-  EXPECT_EQ(log[9], "location service: fix refused, timestamp nan is not finite");
-  EXPECT_EQ(log[11], "location service: fix refused, timestamp 253402300800 is out of range");
 }
 
 TEST_F(LocationServiceOfAProcess, TellsEachChangeOfPermissionAndDeliversOnlyWhileItAllows) {
@@ -279,44 +254,6 @@ TEST_F(LocationServiceOfAProcess, WatchesAtMostTwentyRegionsOfAPossibleRadius) {
   service().setRules({.regionLimit = 0});
   manager.startMonitoring({"extra", {0, 0}, 100});
   EXPECT_EQ(delegate.read(), Diary{"not watching extra 5"}) << "as the host's rules say";
-}
-
-/// A machine whose wall clock somebody sets; the time that passes is that of the other clock.
-struct SetClock final : Clock {
-  Date now() const override { return running->now() + Seconds(offset.load()); }
-  Seconds monotonic() const override { return running->monotonic(); }
-  std::optional<Seconds> realTimeUntil(Date) const override { return std::nullopt; }
-
-  std::shared_ptr<Clock> running;
-  std::atomic<double> offset = 0;
-};
-
-TEST_F(LocationServiceOfAProcess, GoesOnTellingWhileTheWallClockIsSetBackAndForth) {
-  const auto wall = std::make_shared<SetClock>();
-  wall->running = clock;
-  Clock::install(wall);
-  deliver(0);
-  EXPECT_EQ(delegate.read(), Diary{});
-  manager.startMonitoring({"home", {0, 0}, 100});
-  manager.startMonitoringSignificantLocationChanges();
-  manager.requestLocation();
-  EXPECT_EQ(delegate.read(), (Diary{"watching home", "fixes 0"}));
-  const std::tuple<double, double, std::optional<int>, Diary> steps[] = {
-      {7200, 9, {}, {}},
-      {3600, 1, {}, {"kCLErrorDomain 0"}},  // the request ends after ten seconds
-      {3600, 90, 50000, {}},
-      {86400, 19, 50000, {}},
-      {-3600, 1, 50000, {"out home"}},
-      {86400, 179, 50000, {}},
-      {-86400, 1, 50000, {"fixes 50000"}},  // 300 s after the first
-  };
-  for (const auto& [offset, later, place, told] : steps) {
-    SCOPED_TRACE(offset);
-    wall->offset = offset;
-    clock->advance(Seconds(later));
-    if (place) deliver(*place);
-    EXPECT_EQ(delegate.read(), told);
-  }
 }
 
 TEST_F(LocationServiceOfAProcess, TellsSignificantChangesEveryFiveMinutesAtMost) {

@@ -1,5 +1,6 @@
 #include "platform/foundation/FatalError.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <string>
@@ -11,7 +12,21 @@
 namespace tarvo::platform {
 
 void fatalError(std::string_view message) {
-  NSLog("Fatal error: " + std::string(message));
+  try {
+    NSLog("Fatal error: " + std::string(message));
+  } catch (const std::bad_alloc&) {
+    outOfMemory();
+  }
+  std::abort();
+}
+
+void outOfMemory() {
+  constexpr std::string_view kLine = "Fatal error: out of memory\n";
+  try {
+    NSLog(kLine.substr(0, kLine.size() - 1));
+  } catch (const std::bad_alloc&) {
+    std::fwrite(kLine.data(), 1, kLine.size(), stderr);
+  }
   std::abort();
 }
 

@@ -10,6 +10,7 @@
 
 #include <tarvo/platform/SystemLog.h>
 
+#include "platform/foundation/FatalError.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/System.h"
 #include "platform/foundation/Text.h"
@@ -48,7 +49,8 @@ struct LazyThread::Native {
   static void* run(void* self) {
     const auto& thread = *static_cast<LazyThread*>(self);
     nameThread(thread.name_);
-    thread.body_();
+    faultPoint("thread");
+    orOutOfMemory(thread.body_);
     MutexLock lock(thread.native_->mutex);
     thread.native_->ended = true;
     thread.native_->end.notify_all();

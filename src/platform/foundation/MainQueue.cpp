@@ -33,8 +33,13 @@ void MainQueue::async(std::function<void()> block) {
   // An empty block only wakes whoever polls; it is no work that anybody would wait for.
   if (block) {
     WorkInFlight::begin();
+    faultPoint("main");
     MutexLock lock(state_.mutex);
-    state_.blocks.push_back(std::move(block));
+    try {
+      state_.blocks.push_back(std::move(block));
+    } catch (const std::bad_alloc&) {
+      outOfMemory();
+    }
   }
   state_.wakeUp.signal();
 }

@@ -60,8 +60,14 @@ class Condition {
     Held held(mutex);
     condition_.wait_for(held.lock, span);
   }
-  void notify_one() { condition_.notify_one(); }
-  void notify_all() { condition_.notify_all(); }
+  void notify_one() {
+    faultPoint("notify");
+    condition_.notify_one();
+  }
+  void notify_all() {
+    faultPoint("notify");
+    condition_.notify_all();
+  }
 
  private:
   /// The caller's lock in the form that std::condition_variable takes.

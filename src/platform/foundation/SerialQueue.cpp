@@ -49,7 +49,7 @@ struct SerialQueue::State {
   void run(const std::function<void()>& block) noexcept {
     holder.store(std::this_thread::get_id(), std::memory_order_relaxed);
     ++queuesHeld;
-    block();
+    orOutOfMemory(block);
     --queuesHeld;
     holder.store({}, std::memory_order_relaxed);
   }
@@ -134,9 +134,14 @@ bool SerialQueue::async(std::function<void()> block) {
   WorkInFlight::begin();
   State& state = *state_;
   bool hasThread;
+  faultPoint("async");
   {
     MutexLock lock(state.mutex);
-    state.line.push_back({std::move(block), nullptr});
+    try {
+      state.line.push_back({std::move(block), nullptr});
+    } catch (const std::bad_alloc&) {
+      outOfMemory();
+    }
     hasThread = state.worker.start();
     if (!state.busy && state.line.size() == 1) state.work.notify_one();
   }
@@ -149,10 +154,15 @@ bool SerialQueue::start() { return state_->worker.start(); }
 void SerialQueue::sync(const std::function<void()>& block) {
   State& state = *state_;
   if (state.isHeld()) fatalError("sync onto queue " + state.label + " from one of its own blocks can never end");
+  faultPoint("sync");
   state.mutex.lock();
   if (state.busy || !state.line.empty()) {
     State::Turn turn;
-    state.line.push_back({{}, &turn});
+    try {
+      state.line.push_back({{}, &turn});
+    } catch (const std::bad_alloc&) {
+      outOfMemory();
+    }
     ++state.turnsInLine;
     std::deque<State::Entry> blocks;
     while (!turn.given) {

@@ -13,7 +13,8 @@ namespace tarvo::platform {
 /// its turn has come. A queue that only ever sees `sync` has no thread. While the system has no thread to give, blocks
 /// stay in line, in their order: until there is one (see LazyThread), or until a caller of `sync` runs those before its
 /// own.
-/// Blocks must not throw. Destruction, never from one of its own blocks, waits for what was submitted.
+/// Blocks must not throw; out of memory in one, or while it is put in line, ends the process (FatalError.h).
+/// Destruction, never from one of its own blocks, waits for what was submitted.
 class SerialQueue {
  public:
   explicit SerialQueue(std::string label);

@@ -53,6 +53,7 @@ class PendingTimer final : public Timer {
       MutexLock lock(mutex_);
       block.swap(block_);
     }
+    faultPoint("timer");
     if (block) queue_.async(std::move(block));
   }
 

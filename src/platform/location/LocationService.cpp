@@ -70,20 +70,22 @@ LocationService& LocationService::shared() {
 }
 
 void LocationService::deliver(const std::vector<CLLocation>& fixes) {
-  std::vector<CLLocation> usable;
-  usable.reserve(fixes.size());
-  FixCounters& counters = state().counters;
-  counters.received += fixes.size();
-  for (const CLLocation& fix : fixes) {
-    const auto [reason, counter] = refusal(fix);
-    if (counter == nullptr) {
-      usable.push_back(fix);
-      continue;
+  orOutOfMemory([&] {
+    std::vector<CLLocation> usable;
+    usable.reserve(fixes.size());
+    FixCounters& counters = state().counters;
+    counters.received += fixes.size();
+    for (const CLLocation& fix : fixes) {
+      const auto [reason, counter] = refusal(fix);
+      if (counter == nullptr) {
+        usable.push_back(fix);
+        continue;
+      }
+      ++(counters.*counter);
+      NSLog(concat("location service: fix refused, ", reason));
     }
-    ++(counters.*counter);
-    NSLog(concat("location service: fix refused, ", reason));
-  }
-  if (!usable.empty()) state().deliver(std::move(usable));
+    if (!usable.empty()) state().deliver(std::move(usable));
+  });
 }
 
 void LocationService::setSource(std::shared_ptr<LocationSource> source) { state().setSource(std::move(source)); }

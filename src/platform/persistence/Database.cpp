@@ -97,7 +97,7 @@ bool Database::isUsable(bool toWrite) {
 
 /// Another program may have moved the whole log into the file and emptied it, as it is free to do.
 bool Database::isLogWhole() {
-  if (files_.logSize() >= logSize_) return true;
+  if (!files_.watchesLog() || files_.logSize() >= logSize_) return true;
   if (files_.logSize() != 0) return false;
   int frames = 0;
   // With frames still to be moved this fails at the first one, since there is none to be read.

@@ -27,6 +27,8 @@ class StoreFiles {
   /// Whether what is written now would be found again: removed and replaced files are noticed at once, by two cheap
   /// system calls, a store or a home that was moved aside within a second.
   bool areNamed();
+  /// Whether the write-ahead log is watched: not before there was one, and a descriptor to look at it.
+  bool watchesLog() const { return log_ >= 0; }
   /// The length of the write-ahead log in bytes when it was looked at last, 0 without one.
   std::uint64_t logSize() const { return logSize_; }
 

@@ -213,6 +213,7 @@ void BackgroundSession::startWaiting() {
       state_->waiting.pop_front();
     }
     const URLSessionUploadTask& task = job->task;
+    faultPoint("upload");
     auto ended = [self = shared_from_this(), job = *job](std::optional<std::string> data,
                                                          std::optional<HTTPURLResponse> response,
                                                          std::optional<Error> error) {

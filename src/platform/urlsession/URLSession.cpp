@@ -142,6 +142,7 @@ URLSession::State::State()
 
 void URLSession::State::submit(std::shared_ptr<Transfer> transfer) {
   transfer->begin();
+  faultPoint("transfer");
   {
     MutexLock lock(mutex);
     incoming.push_back(std::move(transfer));
@@ -376,6 +377,7 @@ void URLSession::State::putBack(CURL* handle) {
 
 void URLSession::State::finish(std::shared_ptr<Transfer> transfer) {
   SerialQueue& queue = transfer->completions();
+  faultPoint("answer");
   queue.async([transfer = std::move(transfer)] { transfer->complete(); });
 }
 

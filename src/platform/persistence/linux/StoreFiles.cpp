@@ -61,6 +61,7 @@ bool StoreFiles::hasIndex() {
 
 bool StoreFiles::areNamed() {
   std::uint64_t size = 0;
+  if (store_ < 0 || log_ < 0 || index_ < 0) watch();  // there may have been no descriptor
   if (store_ >= 0 && (!isNamed(store_, size) || !isInPlace())) return false;
   return log_ < 0 || isNamed(log_, logSize_);
 }
