@@ -178,8 +178,10 @@ Health EngineParts::health() {
     health.positions.awaiting = counts.awaiting;
     health.positions.acknowledged = counts.acknowledged();
     health.positions.unsaved = counts.unsaved;
-    // Counted with the removal itself; the ledger is told a moment later.
-    if (auto removed = context.removedRows(Locations::kEntity)) health.positions.removed = *removed;
+    // Counted in the removal's own transaction; the ledger is told a moment later. Without a store nobody asks: the
+    // reason is for the next save to tell.
+    if (context.coordinator().hasStore())
+      if (auto removed = context.removedRows(Locations::kEntity)) health.positions.removed = *removed;
     // The clock may have been set back since.
     if (const auto oldest = Locations::oldestUnacknowledgedStorage(context))
       health.positions.oldestUnsentAge = std::max(platform::Clock::current()->now() - *oldest, platform::Seconds(0));

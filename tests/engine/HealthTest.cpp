@@ -18,7 +18,7 @@ class HealthOfADevice : public test::WholeSdk {
     const Health health = tarvo.health();
     std::string text;
     for (const auto& [first, last] : health.positions.acknowledgedWithoutAnswer) text += concat(first, "..", last, " ");
-    if (health.positions.removedUpTo) text += concat("removed ", health.positions.removed, " ");
+    if (health.positions.removedUpTo) text += concat("removed to ", *health.positions.removedUpTo, " ");
     for (const auto& [since, until, cause] : health.gaps)
       text += concat(at(since), "-", until ? std::to_string(at(*until)) : "", " ", nameOf(cause), " ");
     return text;
@@ -89,9 +89,9 @@ TEST_F(HealthOfADevice, LastsOverRestartsAndKills) {
       {0, [this](Tarvo& tarvo) { first(tarvo); }, "1..2 3-1004 receiver_silent "},
       {1500, [](Tarvo&) {}, "1..2 3-1004 receiver_silent "},  // has not collected: tells what the file has
       {2000, [this](Tarvo& tarvo) { second(tarvo); },
-       "1..2 removed 1 3-1004 receiver_silent 1004-2000 not_running 2000-2400 receiver_silent 2400- stopped "},
+       "1..2 removed to 0 3-1004 receiver_silent 1004-2000 not_running 2000-2400 receiver_silent 2400- stopped "},
       {5000, [this](Tarvo& tarvo) { activate(tarvo, 4), drive(1), entry("[]"); },
-       "1..2 removed 1 3-1004 receiver_silent 1004-2000 not_running 2000-2400 receiver_silent 2400-2900 stopped "
+       "1..2 removed to 0 3-1004 receiver_silent 1004-2000 not_running 2000-2400 receiver_silent 2400-2900 stopped "
        "2900-5000 not_running "},
       {6000, [this](Tarvo& tarvo) { activate(tarvo, 4), drive(1); }, "5001-6000 not_running "}};
   for (const auto& [start, work, expected] : processes) {

@@ -53,7 +53,8 @@ TEST_F(Erasure, LeavesNothingOnTheDiskNorInMemoryAndTheNextUserBeginsAtZero) {
   const auto history = *tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {});
   // Answers that come once everything has been erased: to a batch, to a registration and to a log file.
   for (const char* path : {"positions", "users", "uplog"}) backend.faults().hangNext(path, 1);
-  platform::LocationService::shared().deliver({fixAt(50, kStart + 9)});
+  collect(1);
+  engine().sendDataInBatchToRemoteWebServer();
   engine().registerUserToRemoteWebServer();
   NetworkManager().sendLogToRemoteWebServer();
   ASSERT_TRUE(backend.faults().waitUntilHanging(3, std::chrono::seconds(20)));
