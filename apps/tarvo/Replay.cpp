@@ -154,6 +154,11 @@ int replay(const ReplayOptions& options) {
                                                        : firstFix);
   platform::Clock::install(clock);
   platform::setHomeDirectory(home.directory());
+  if (options.confirmed) {
+    DeliveryOptions delivery = Tarvo::deliveryOptions();
+    delivery.confirmed = true;
+    Tarvo::setDeliveryOptions(delivery);
+  }
   // A device on its battery, whatever this machine runs on, until the script says otherwise.
   const Relaunch device = before.value_or(Relaunch());
   platform::UIDevice::current().setBattery(platform::UIDeviceBatteryState{device.battery}, device.batteryLevel);
@@ -235,6 +240,8 @@ void addReplayCommand(CLI::App& app, Run& run) {
         return seconds && *seconds >= 0 ? std::string() : "neither 0 nor a number above: " + text;
       })
       ->capture_default_str();
+  command->add_flag("--confirmed", options->confirmed,
+                    "Only an answer 200 whose \"success\" is true acknowledges positions; others are sent again");
   command->add_flag("--json", options->json, "Print the summary as one JSON object");
   command->add_flag("--verbose", options->verbose,
                     "Show on standard error what happens: the script, modes, regions, stored events");

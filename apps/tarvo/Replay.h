@@ -23,6 +23,7 @@ struct ReplayOptions {
   int mode = 8;
   Speed speed;
   std::optional<std::string> clientID, apiKey, apiSecret;
+  bool confirmed = false;        ///< DeliveryOptions::confirmed; else as the property list says
   double deadlineSeconds = 120;  ///< real time for what is left to send after the last fix
   bool json = false;
   bool log = false;

@@ -159,9 +159,11 @@ void EngineParts::checkpoint() {
   });
 }
 
-void EngineParts::acknowledge(const std::string& locationIndex, const std::string& firstLoc) {
-  pipeline.acknowledge(locationIndex, firstLoc);
+void EngineParts::acknowledge(const std::string& locationIndex, const std::string& firstLoc, const BatchEnd& end) {
+  pipeline.acknowledge(locationIndex, firstLoc, end);
 }
+
+void EngineParts::batchFailed(const BatchEnd& end) { pipeline.batchFailed(end); }
 
 void EngineParts::startPass() { pipeline.startPass(); }
 

@@ -68,7 +68,8 @@ class EngineParts final : public platform::CLLocationManagerDelegate, public Eng
 
   // From the backend clients.
   NetworkManager& client() override { return networkManager; }
-  void acknowledge(const std::string& locationIndex, const std::string& firstLoc) override;
+  void acknowledge(const std::string& locationIndex, const std::string& firstLoc, const BatchEnd& end) override;
+  void batchFailed(const BatchEnd& end) override;
   void startPass() override;
   void storeUser(const std::string& uuid, const std::string& creationDate) override;
   bool alreadyReceivedUUID() const override;

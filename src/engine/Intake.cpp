@@ -8,6 +8,7 @@
 #include <tarvo/platform/UserDefaults.h>
 
 #include "log/Log.h"
+#include "net/ProtocolBreak.h"
 #include "platform/foundation/FatalError.h"
 #include "settings/Names.h"
 
@@ -113,6 +114,10 @@ void Intake::didFinishDeferredUpdates(const std::optional<platform::Error>& erro
 }
 
 void Intake::refreshLoc() {
+  droppingProtocolBreaks([this] { storeRefresh(); });
+}
+
+void Intake::storeRefresh() {
   auto& defaults = platform::UserDefaults::standard();
   const std::int64_t stored = defaults.integer(names::kServiceState);
   const CLAuthorizationStatus status = collection_.checkAndRequestLocationAuthorization(mode::kBackendBackground);
@@ -120,7 +125,7 @@ void Intake::refreshLoc() {
   if (status == CLAuthorizationStatus::authorizedAlways) {
     // A handle of its own without delegate: the fix must not arrive a second time.
     const auto fix = platform::CLLocationManager().location();
-    if (!fix) platform::fatalError("refreshLoc: the location service has no position yet");
+    if (!fix) protocolBreak("refreshLoc: the location service has no position yet");
     collection_.addNewLocationToDatabase({*fix}, state_.currentActivity, method::kPush,
                                          stored == number ? action::kRefresh : action::kEnabled);
     defaults.set(names::kServiceState, number);
@@ -129,7 +134,7 @@ void Intake::refreshLoc() {
     defaults.set(names::kServiceState, number);
     const auto fix = collection_.getLastLocation();
     Log::debug("LocationManager:refreshLoc [lastloc]: ", fix ? fix->description() : "nil");
-    if (!fix) platform::fatalError("refreshLoc: there is no last position");
+    if (!fix) protocolBreak("refreshLoc: there is no last position");
     collection_.addNewLocationToDatabase({*fix}, state_.currentActivity, method::kPush, action::kDisabled);
   }
   uploadPass();

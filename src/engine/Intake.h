@@ -36,6 +36,7 @@ class Intake {
 
  private:
   void intakeStep(std::vector<platform::CLLocation> fixes);
+  void storeRefresh();
   void followGeofence(const platform::CLLocation& first, platform::Seconds lastUpdateAge);
   void checkBattery();
   void uploadPass();

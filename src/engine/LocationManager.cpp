@@ -102,13 +102,13 @@ void LocationManager::foregroundMode() { parts_->modes.foregroundMode(); }
 std::string LocationManager::getAppState() { return BackgroundModes::getAppState(); }
 void LocationManager::refreshLoc() { parts_->intake.refreshLoc(); }
 
-void LocationManager::sendDataInBatchToRemoteWebServer() { parts_->pipeline.startPass(); }
+void LocationManager::sendDataInBatchToRemoteWebServer() { parts_->pipeline.startPass(UploadGate::Pass::host); }
 void LocationManager::sendAllUnsentDataToRemoteWebServer() { parts_->pipeline.sendAllUnsentDataToRemoteWebServer(); }
 void LocationManager::resendAllSentWithoutACKData(const std::vector<LocationRecord>& locations) {
   parts_->pipeline.resendAllSentWithoutACKData(locations);
 }
 void LocationManager::markLocationAsSentUntilIndex(const std::string& locationIndex, const std::string& firstLoc) {
-  parts_->pipeline.acknowledge(locationIndex, firstLoc);
+  parts_->pipeline.acknowledge(locationIndex, firstLoc, {.answered = true});
 }
 std::optional<std::string> LocationManager::checkAndRegisterUser() {
   return parts_->registration.checkAndRegisterUser();

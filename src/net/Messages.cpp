@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "log/Log.h"
+#include "net/ProtocolBreak.h"
 #include "platform/foundation/Encoding.h"
 #include "platform/foundation/FatalError.h"
 #include "platform/foundation/Json.h"
@@ -27,7 +28,7 @@ platform::URLRequest authorizedRequest(std::string url, std::string_view method,
 }
 
 [[noreturn]] void wrongType(std::string_view key, std::string_view expected) {
-  platform::fatalError(platform::concat("the backend's \"", key, "\" is no ", expected));
+  protocolBreak(platform::concat("the backend's \"", key, "\" is no ", expected));
 }
 
 void logError(const CallTexts& texts, const Reply& reply) {
@@ -97,7 +98,7 @@ void logFailure(const CallTexts& texts, const Reply& reply) {
   logError(texts, reply);
 }
 
-std::optional<Dictionary> acceptedAnswer(const CallTexts& texts, Reply& reply) {
+std::optional<Dictionary> acceptedAnswer(const CallTexts& texts, Reply& reply, WrongSuccess wrong) {
   if (!reply.data) return std::nullopt;
   auto json = platform::parseJson(*std::exchange(reply.data, std::nullopt));
   if (!json) {
@@ -108,7 +109,9 @@ std::optional<Dictionary> acceptedAnswer(const CallTexts& texts, Reply& reply) {
   if (answer == nullptr) return std::nullopt;
   if (!texts.success.empty()) Log::debug(texts.success, *answer);
   const Value* success = find(*answer, "success");
-  if (success == nullptr || !requireBool(*success, "success")) return std::nullopt;
+  if (success == nullptr) return std::nullopt;
+  const bool accepted = wrong == WrongSuccess::isFailure ? success->asBool() == true : requireBool(*success, "success");
+  if (!accepted) return std::nullopt;
   return std::move(*answer);
 }
 

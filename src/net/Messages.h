@@ -91,14 +91,16 @@ void logOutcome(const CallTexts& texts, const Reply& reply);
 
 /// What went wrong with a call whose answer is JSON: status and response in one line, then the error.
 void logFailure(const CallTexts& texts, const Reply& reply);
-/// The JSON object if its "success" is true; else absent, and one of another type stops the process. Tells what body
-/// and object are. A status other than 200 does not matter: the body still counts. Takes the body out of the reply, for
-/// it can be large.
-std::optional<platform::Dictionary> acceptedAnswer(const CallTexts& texts, Reply& reply);
+/// What an answer is whose "success" is of another type than Boolean.
+enum class WrongSuccess { breaksProtocol, isFailure };
+/// The JSON object if its "success" is true; else absent. Tells what body and object are. A status other than 200 does
+/// not matter: the body still counts. Takes the body out of the reply, for it can be large.
+std::optional<platform::Dictionary> acceptedAnswer(const CallTexts& texts, Reply& reply,
+                                                   WrongSuccess wrong = WrongSuccess::breaksProtocol);
 /// Tells what went wrong, then answers as `acceptedAnswer`; absent too when the transfer has failed.
 std::optional<platform::Dictionary> readAnswer(const CallTexts& texts, Reply& reply);
 
-// Values whose type the backend's contract fixes: another type, null included, stops the process. A Boolean is never
+// Values whose type the backend's contract fixes: another type, null included, breaks the protocol. A Boolean is never
 // a number.
 bool requireBool(const platform::Value& value, std::string_view key);
 std::int64_t requireInteger(const platform::Value& value, std::string_view key);

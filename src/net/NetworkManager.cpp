@@ -8,6 +8,7 @@
 #include "net/BackendAddress.h"
 #include "net/ClientState.h"
 #include "net/Messages.h"
+#include "net/ProtocolBreak.h"
 #include "platform/foundation/FatalError.h"
 #include "platform/urlsession/URLSession.h"
 #include "settings/Names.h"
@@ -41,7 +42,7 @@ void NetworkManager::State::start(platform::URLRequest request, Completion compl
                 [state = shared_from_this(), completion = std::move(completion)](auto data, auto response, auto error) {
                   NetworkManager self(state);
                   Reply reply{std::move(data), std::move(response), std::move(error)};
-                  completion(self, reply);
+                  droppingProtocolBreaks([&] { completion(self, reply); });
                 })
       ->resume();
 }

@@ -6,7 +6,7 @@
 #include "log/Log.h"
 #include "net/ClientState.h"
 #include "net/Messages.h"
-#include "platform/foundation/FatalError.h"
+#include "net/ProtocolBreak.h"
 #include "records/LatestPrediction.h"
 #include "settings/EngineLink.h"
 
@@ -40,7 +40,7 @@ std::optional<std::vector<Dictionary>> objectsIn(std::optional<Dictionary> answe
   return requireObjects(std::move(list->second), key);
 }
 
-/// All eleven values or nothing; those of another type stop the process.
+/// All eleven values or nothing; those of another type break the protocol.
 void storePrediction(Dictionary answer) {
   for (const char* key : {"prediction_id", "start_time", "arrival_time", "probability", "destination_lon",
                           "destination_lat", "route", "destination_json", "start_name", "arrival_name", "duration"}) {
@@ -76,7 +76,7 @@ void storePrediction(Dictionary answer) {
 std::optional<std::int64_t> firstTripToAskFor(std::int64_t announced) {
   std::int64_t first = 0;
   if (const auto newest = EngineLink::current().newestTrip(); newest.exists) {
-    if (!newest.pasttripID) platform::fatalError("the newest past trip has no identifier");
+    if (!newest.pasttripID) protocolBreak("the newest past trip has no identifier");
     first = *newest.pasttripID;
   }
   if (first == announced) return std::nullopt;
@@ -95,7 +95,8 @@ void NetworkManager::getNextTrip() {
 void NetworkManager::getLocationHistoryEXTRAPOLATED() {
   if (!Settings::shared().userUUID.get()) return;
   const std::int64_t last = LAST_TRIP_ID();
-  const auto first = firstTripToAskFor(last);
+  std::optional<std::int64_t> first;
+  droppingProtocolBreaks([&] { first = firstTripToAskFor(last); });
   if (!first) return;
   const std::string path =
       platform::concat(endpoints::locationHistoryAPI, "?first_pasttrip_id=", *first, "&last_pasttrip_id=", last);

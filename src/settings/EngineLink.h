@@ -6,11 +6,22 @@
 #include <string>
 #include <vector>
 
+#include <tarvo/Health.h>
+#include <tarvo/platform/Date.h>
 #include <tarvo/platform/Value.h>
 
 namespace tarvo {
 
 class NetworkManager;
+
+/// How the post of a batch has ended.
+struct BatchEnd {
+  bool confirmed = false;  ///< whether it was posted under `DeliveryOptions::confirmed`
+  bool answered = false;   ///< a complete answer came, whatever it says
+  DeliveryError error = DeliveryError::none;
+  std::optional<platform::Seconds> retryAfter{};  ///< as the answer asks
+  std::uint64_t bytes = 0;  ///< sent and received for batches since the end of the one before; 0 while nobody counts
+};
 
 /// What lower floors ask of the engine, which stands above them: the store and the backend's clients. One answerer for
 /// the process.
@@ -31,7 +42,9 @@ class EngineLink {
   virtual NetworkManager& client() = 0;
 
   /// Acknowledges a batch inside a block of the store context; waits for it.
-  virtual void acknowledge(const std::string& locationIndex, const std::string& firstLoc) = 0;
+  virtual void acknowledge(const std::string& locationIndex, const std::string& firstLoc, const BatchEnd& end) = 0;
+  /// A batch has ended without acknowledgement; to be told before the upload channel is free again.
+  virtual void batchFailed(const BatchEnd& end) = 0;
   /// Starts one upload pass: the next batch, if the upload channel is free. Also inside a block of the store context.
   virtual void startPass() = 0;
 

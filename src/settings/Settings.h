@@ -9,12 +9,11 @@
 #include <vector>
 
 #include <tarvo/ActivationMode.h>
-#include <tarvo/DeliveryOptions.h>
-#include <tarvo/StorageLimits.h>
 #include <tarvo/platform/Date.h>
 
 #include "platform/foundation/Guarded.h"
 #include "platform/foundation/Mutex.h"
+#include "settings/HostOption.h"
 #include "settings/Names.h"
 
 namespace tarvo {
@@ -100,8 +99,8 @@ class Settings {
   UploadChannel uploadChannel;
 
   /// As the host has set them, or its property list.
-  platform::Guarded<DeliveryOptions> deliveryOptions;
-  platform::Guarded<StorageLimits> storageLimits;
+  HostOption<DeliveryOptions> deliveryOptions{describedDeliveryOptions};
+  HostOption<StorageLimits> storageLimits{describedStorageLimits};
 
   // What the host asked for and the backend has not confirmed yet.
   platform::Guarded<std::map<std::string, std::string>> subscriptions;

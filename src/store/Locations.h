@@ -29,6 +29,8 @@ class Locations : public Entity<Locations> {
                                                 std::string_view serviceAction);
   /// The newest by fix time.
   static std::shared_ptr<Locations> getLastLocation(Context& context);
+  /// Positions in a batch at most.
+  static constexpr std::size_t kBatchLimit = 1000;
   /// The oldest 1000 that were never posted. As in the next list, those that no save has written yet are left out: a
   /// process that ends without them gives their numbers to other positions.
   static List getUnsentLocations(Context& context);

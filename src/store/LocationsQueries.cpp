@@ -15,7 +15,6 @@ using platform::UserDefaults;
 namespace {
 
 /// What one upload batch may hold at most.
-constexpr std::size_t kBatchLimit = 1000;
 
 std::vector<NSPredicate> neverPosted() {
   return {{"unsent", NSPredicate::Operator::equal, true}, {"sentWithoutACK", NSPredicate::Operator::equal, false}};
@@ -27,7 +26,7 @@ std::vector<NSPredicate> awaitingAcknowledgement() { return {{"sentWithoutACK", 
 NSFetchRequest batch(std::vector<NSPredicate> state) {
   return {.predicates = std::move(state),
           .sortDescriptors = {{"index", true}},
-          .fetchLimit = kBatchLimit,
+          .fetchLimit = Locations::kBatchLimit,
           .includesPendingInsertions = false};
 }
 
@@ -54,7 +53,8 @@ std::shared_ptr<Locations> Locations::getLastLocation(Context& context) {
 }
 
 Locations::List Locations::getAllLocations(Context& context) {
-  auto newest = fetch(context, "Unresolved error ", {.sortDescriptors = {{"index", false}}, .fetchLimit = kBatchLimit});
+  auto newest = fetch(context, "Unresolved error ",
+                      {.sortDescriptors = {{"index", false}}, .fetchLimit = Locations::kBatchLimit});
   if (!newest) return {};
   Log::debug("getAllLocations lastindex = ", firstIndex(*newest), " first = ", lastIndex(*newest));
   return std::move(*newest);

@@ -7,7 +7,7 @@
 
 #include "log/Log.h"
 #include "net/Messages.h"
-#include "platform/foundation/FatalError.h"
+#include "net/ProtocolBreak.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/Json.h"
 #include "settings/Settings.h"
@@ -21,7 +21,7 @@ using platform::concat;
 
 namespace {
 
-/// Stops the process unless the newest trip will have an integer identifier. Found out once a trip had been saved,
+/// Breaks the protocol unless the newest trip will have an integer identifier. Found out once a trip had been saved,
 /// each later process would stop at it as well.
 void requireIdentifiers(const std::vector<platform::Dictionary>& trips, PastTrips::Context& context) {
   bool isIdentified = trips.empty();
@@ -31,7 +31,7 @@ void requireIdentifiers(const std::vector<platform::Dictionary>& trips, PastTrip
     requireInteger(*id, "pasttrip_id");
     isIdentified = true;
   }
-  if (!isIdentified && PastTrips::lackIdentifiers(context)) platform::fatalError("no past trip has an identifier");
+  if (!isIdentified && PastTrips::lackIdentifiers(context)) protocolBreak("no past trip has an identifier");
 }
 
 /// The name comes from the backend: it counts only as that of a log file. The store and the host's files lie there too.
@@ -55,7 +55,7 @@ void deleteConfirmedFile(const std::string& name) {
 std::optional<LocationsHistory> DownloadIngest::addNewLastTrip(const std::vector<platform::Dictionary>& trips) {
   std::optional<PastTripRecord> newest;
   auto& context = store_.managedObjectContext();
-  context.performAndWait([&] {
+  const auto ingest = [&] {
     Log::debug("LocationManager:addNewLastTripToDatabase [loc] lasttrips:[Count] ", trips.size());
     requireIdentifiers(trips, context);
     for (const auto& trip : trips) {
@@ -64,12 +64,14 @@ std::optional<LocationsHistory> DownloadIngest::addNewLastTrip(const std::vector
                  " mainThread:", mainThread());
       if (PastTrips::addLastTrip(trip, context)) store_.saveContext();
     }
-    newest = HistoryReads(store_).getLastPastTrip();
-    if (newest) {
-      if (!newest->pasttrip_id) platform::fatalError("a stored past trip has no integer identifier");
-      Settings::shared().lastTripID.set(*newest->pasttrip_id);
+    auto stored = HistoryReads(store_).getLastPastTrip();
+    if (stored) {
+      if (!stored->pasttrip_id) protocolBreak("a stored past trip has no integer identifier");
+      Settings::shared().lastTripID.set(*stored->pasttrip_id);
     }
-  });
+    newest = std::move(stored);
+  };
+  context.performAndWait([&] { droppingProtocolBreaks(ingest); });
   if (!newest) return std::nullopt;
   LocationsHistory history;
   history.pasttrips.push_back(std::move(*newest));

@@ -1,11 +1,15 @@
 #include "sync/UploadPipeline.h"
 
 #include <algorithm>
+#include <charconv>
+#include <memory>
+#include <random>
 #include <utility>
 
 #include <tarvo/ActivationMode.h>
 #include <tarvo/NetworkManager.h>
 #include <tarvo/platform/Clock.h>
+#include <tarvo/platform/SystemLog.h>
 
 #include "log/Log.h"
 #include "net/BackendAddress.h"
@@ -17,6 +21,39 @@ namespace tarvo {
 using platform::concat;
 
 namespace {
+
+/// Under which the store keeps the day's bytes.
+constexpr std::string_view kBytesOfDay = "UploadedBytes";
+
+UploadGate::Draw evenDraw() {
+  auto generator = std::make_shared<platform::Guarded<std::minstd_rand>>(std::minstd_rand(std::random_device()()));
+  return [generator] {
+    return generator->update([](auto& random) { return std::uniform_real_distribution<>()(random); });
+  };
+}
+
+/// Whether this machine knows a way to the backend or, its name not being known, to anywhere. Asks no resolver.
+bool knowsWayToBackend() {
+  const std::string backend = Settings::shared().remoteWebServerURL();
+  // The other two are addresses that nobody has: what is asked for is the default route.
+  for (const std::string_view target :
+       {std::string_view(backend), std::string_view("192.0.2.1"), std::string_view("2001:db8::1")}) {
+    const auto flags = platform::SCNetworkReachabilityGetFlags(target, platform::NameLookup::known);
+    if (flags && (*flags & platform::kSCNetworkReachabilityFlagsReachable) != 0) return true;
+  }
+  return false;
+}
+
+/// An answer that nobody gave is told apart from a way that is not there.
+DeliveryError classOf(DeliveryError error) {
+  return error == DeliveryError::unreachable && !knowsWayToBackend() ? DeliveryError::offline : error;
+}
+
+std::int64_t indexOf(std::string_view text) {
+  std::int64_t index = 0;
+  std::from_chars(text.data(), text.data() + text.size(), index);
+  return index;
+}
 
 /// What is needed of a batch once its records may change again.
 struct Batch {
@@ -52,13 +89,35 @@ Locations::List toPost(ObjectStore& store, Locations::List (*fetch)(Locations::C
 
 }  // namespace
 
-void UploadPipeline::startPass() {
+UploadPipeline::UploadPipeline(ObjectStore& store, NetworkManager& client, DeviceRegistration& registration,
+                               Ledger& ledger)
+    : store_(store),
+      client_(client),
+      registration_(registration),
+      ledger_(ledger),
+      gate_(evenDraw(), knowsWayToBackend) {}
+
+bool UploadPipeline::mayStart(UploadGate::Pass pass) {
+  const DeliveryOptions options = Settings::shared().deliveryOptions.get();
+  auto& context = store_.managedObjectContext();
+  if (pass == UploadGate::Pass::event && context.isCurrent() && acknowledgesFullBatch_)
+    pass = UploadGate::Pass::afterFullBatch;
+  if (options.meteredBytesPerDay && !gate_.isRestored()) {
+    context.performAndWait([&] {
+      if (auto kept = context.metadata(kBytesOfDay)) gate_.restore(kept->value_or(""));
+    });
+  }
+  return gate_.admits(pass, options);
+}
+
+void UploadPipeline::startPass(UploadGate::Pass pass) {
   Settings& settings = Settings::shared();
-  if (settings.activateStatus.get() < mode::kBackendBackground) return;
+  if (settings.activateStatus.get() < mode::kBackendBackground || !mayStart(pass)) return;
   const auto attempt = settings.uploadChannel.tryTake(platform::Clock::current()->now());
   Log::debug("LocationManager:sendDataInBatchToRemoteWebServer [loc]=====CALLED======CANAL===", attempt.wasLocked,
              "=====", attempt.elapsed.count(), "=======");
   if (!attempt.taken) return;
+  gate_.passStarted();
   if (networkManagerReceivedSessionError.load()) {
     settings.uploadChannel.release();
     return;
@@ -127,7 +186,16 @@ void UploadPipeline::resendAllSentWithoutACKData(const Locations::List& position
   // The pass of an acknowledgement runs inside a block; it follows one outside, which has asked for the name.
   const auto lookup =
       store_.managedObjectContext().isCurrent() ? platform::NameLookup::known : platform::NameLookup::ask;
-  if (!isServerReachable(/*viaWiFi=*/false, Settings::shared().remoteWebServerURL(), lookup)) return;
+  Settings& settings = Settings::shared();
+  if (!isServerReachable(/*viaWiFi=*/false, settings.remoteWebServerURL(), lookup)) {
+    if (settings.deliveryOptions.get().confirmed) {
+      batchFailed({.confirmed = true, .error = DeliveryError::offline});
+      settings.uploadChannel.release();
+    } else {
+      ledger_.didFail(DeliveryError::offline, settings.uploadChannel.takenAt() + UploadChannel::kExpiry);
+    }
+    return;
+  }
   Batch batch;
   store_.managedObjectContext().performAndWait([&] {
     logRange("LocationManager:resendAllSentWithoutACKData [net] from:", positions);
@@ -163,14 +231,38 @@ void UploadPipeline::post(std::string json, std::int64_t first, std::int64_t las
   client_.sendDataInBatchToRemoteWebServer(std::move(json), concat(first), concat(last));
 }
 
-void UploadPipeline::acknowledge(std::string_view locationIndex, std::string_view firstLoc) {
+void UploadPipeline::acknowledge(std::string_view locationIndex, std::string_view firstLoc, const BatchEnd& end) {
+  const Health::Range range{indexOf(firstLoc), indexOf(locationIndex)};
+  const DeliveryError error = end.answered ? DeliveryError::none : classOf(end.error);
+  gate_.addBytes(end.bytes);
+  if (end.answered) gate_.succeeded();
+  if (end.confirmed) tellAccepted(true);
   auto& context = store_.managedObjectContext();
   context.performAndWait([&] {
+    ledger_.didAcknowledge(range, end.answered, platform::Clock::current()->now());
+    if (error != DeliveryError::none) ledger_.didFail(error, std::nullopt);
+    if (end.bytes > 0) context.setMetadata(kBytesOfDay, gate_.kept());
     const Locations::List acknowledged = std::exchange(posted_, {});  // in use until it is saved
+    acknowledgesFullBatch_ = range.last - range.first + 1 >= static_cast<std::int64_t>(Locations::kBatchLimit);
     // Frees the channel and starts the next batch from inside, before this acknowledgement is saved.
     Locations::markLocationAsSentUntilIndex(locationIndex, context, firstLoc);
+    acknowledgesFullBatch_ = false;
     store_.saveContext();
   });
+}
+
+void UploadPipeline::batchFailed(const BatchEnd& end) {
+  gate_.addBytes(end.bytes);
+  std::optional<platform::Date> next;
+  if (end.confirmed) next = gate_.failed(end.error, end.retryAfter);
+  ledger_.didFail(classOf(end.error), next);
+  if (end.confirmed && end.error == DeliveryError::unauthorized) tellAccepted(false);
+}
+
+void UploadPipeline::tellAccepted(bool accepted) {
+  if (accepted_.exchange(accepted) == accepted) return;
+  platform::NSLog(accepted ? "Tarvo : the backend accepts this device again"
+                           : "Tarvo : the backend does not accept this device (401 or 403): its positions wait");
 }
 
 }  // namespace tarvo

@@ -7,9 +7,11 @@
 #include <string_view>
 #include <vector>
 
+#include "settings/EngineLink.h"
 #include "store/Ledger.h"
 #include "store/Locations.h"
 #include "store/ObjectStore.h"
+#include "sync/UploadGate.h"
 
 namespace tarvo {
 
@@ -26,11 +28,11 @@ class NetworkManager;
 /// operation says, and the next event tries again.
 class UploadPipeline {
  public:
-  UploadPipeline(ObjectStore& store, NetworkManager& client, DeviceRegistration& registration, Ledger& ledger)
-      : store_(store), client_(client), registration_(registration), ledger_(ledger) {}
+  UploadPipeline(ObjectStore& store, NetworkManager& client, DeviceRegistration& registration, Ledger& ledger);
 
-  /// One upload pass: takes the channel if it is free or stale (180 s) and posts what comes first.
-  void startPass();
+  /// One upload pass: takes the channel if it is free or stale (180 s) and posts what comes first. Does nothing, and
+  /// writes no line, while the host's options hold it back.
+  void startPass(UploadGate::Pass pass = UploadGate::Pass::event);
 
   /// Posts the oldest positions that were never posted and queues their marks. Frees the channel when there are none;
   /// without an identity the device is registered instead and the channel stays held.
@@ -44,15 +46,22 @@ class UploadPipeline {
 
   /// The acknowledgement of a batch, given as texts: its last index, then its first. Waits for it; the pass that
   /// follows runs inside the same block of the context.
-  void acknowledge(std::string_view locationIndex, std::string_view firstLoc);
+  void acknowledge(std::string_view locationIndex, std::string_view firstLoc, const BatchEnd& end);
+  /// A batch has ended without acknowledgement. The channel is the caller's to free, after this.
+  void batchFailed(const BatchEnd& end);
 
   /// Set by a session error and never cleared: no batch starts until the process is started anew.
   std::atomic<bool> networkManagerReceivedSessionError{false};
 
   std::uint64_t batchesPosted() const { return batchesPosted_.load(); }
   std::uint64_t positionsPosted() const { return positionsPosted_.load(); }
+  /// Sent and received for batches on metered networks, as far as somebody counts.
+  std::uint64_t bytesToday() const { return gate_.bytesToday(); }
 
  private:
+  bool mayStart(UploadGate::Pass pass);
+  /// Tells the host once when the backend does not accept who is asking, and once when it does again.
+  void tellAccepted(bool accepted);
   /// The user's identifier while uploads are possible; else checks the user.
   std::optional<std::string> userOrRegistration();
   // Only inside a block of the context; what they give is to be posted.
@@ -65,9 +74,12 @@ class UploadPipeline {
   NetworkManager& client_;
   DeviceRegistration& registration_;
   Ledger& ledger_;
+  UploadGate gate_;
+  std::atomic<bool> accepted_{true};
   /// The batch that was posted last, held so that its marks and its acknowledgement need not read its positions from
   /// the file again. Touched only inside blocks of the context.
   Locations::List posted_;
+  bool acknowledgesFullBatch_ = false;  ///< meanwhile; touched only inside blocks of the context
   std::atomic<std::uint64_t> batchesPosted_{0};
   std::atomic<std::uint64_t> positionsPosted_{0};
 };

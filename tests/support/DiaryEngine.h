@@ -23,9 +23,10 @@ class DiaryEngine : public EngineLink {
   std::function<void()> duringPass = [] {};
 
   NetworkManager& client() override { platform::fatalError("this engine has no client"); }
-  void acknowledge(const std::string& locationIndex, const std::string& firstLoc) override {
-    note("mark ", firstLoc, "-", locationIndex);
+  void acknowledge(const std::string& locationIndex, const std::string& firstLoc, const BatchEnd& end) override {
+    note("mark ", firstLoc, "-", locationIndex, end.answered ? "" : " without an answer");
   }
+  void batchFailed(const BatchEnd& end) override { note("failed ", static_cast<int>(end.error)); }
   void startPass() override {
     note("send");
     duringPass();

@@ -195,6 +195,12 @@ bool Transfer::prepare(CURL* handle, const TransferOptions& options,
   curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, &Transfer::onProgress);
   curl_easy_setopt(handle, CURLOPT_XFERINFODATA, this);
   curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
+  if (request_.bytesMoved) {
+    // The sizes that can be asked for after a transfer count a body that left with its headers twice.
+    curl_easy_setopt(handle, CURLOPT_VERBOSE, 1L);
+    curl_easy_setopt(handle, CURLOPT_DEBUGFUNCTION, &Transfer::onBytes);
+    curl_easy_setopt(handle, CURLOPT_DEBUGDATA, request_.bytesMoved.get());
+  }
 
   setBody(handle);
   headers_ = headerList();
@@ -299,7 +305,7 @@ bool Transfer::nextHopAfter(CURL* handle, CURLcode result) {
     fail(urlErrorOf(result, systemError), reason.empty() ? curl_easy_strerror(result) : reason);
   } else if (!response_) {
     fail(urlError::badServerResponse);
-  } else if (isRedirect(response_->statusCode)) {
+  } else if (request_.followsRedirects && isRedirect(response_->statusCode)) {
     for (const auto& [name, value] : response_->headers)
       if (equalIgnoringCase(name, "Location") && !value.empty()) return follow(value);
   }
@@ -388,6 +394,13 @@ bool Transfer::takeBody(std::string_view bytes) {
   }
   body_.append(bytes);
   return true;
+}
+
+int Transfer::onBytes(CURL*, curl_infotype kind, char*, std::size_t count, void* total) {
+  if (kind == CURLINFO_HEADER_OUT || kind == CURLINFO_DATA_OUT || kind == CURLINFO_HEADER_IN ||
+      kind == CURLINFO_DATA_IN)
+    static_cast<std::atomic<std::uint64_t>*>(total)->fetch_add(count);
+  return 0;
 }
 
 std::size_t Transfer::onHeader(char* bytes, std::size_t size, std::size_t count, void* self) {

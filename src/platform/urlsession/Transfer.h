@@ -86,6 +86,7 @@ class Transfer {
 
   bool takeHeader(std::string_view line);
   bool takeBody(std::string_view bytes);
+  static int onBytes(CURL* handle, curl_infotype kind, char* bytes, std::size_t count, void* total);
   static std::size_t onHeader(char* bytes, std::size_t size, std::size_t count, void* self);
   static std::size_t onBody(char* bytes, std::size_t size, std::size_t count, void* self);
   static std::size_t onRead(char* buffer, std::size_t size, std::size_t count, void* self);

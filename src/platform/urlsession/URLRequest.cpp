@@ -127,6 +127,23 @@ std::optional<std::string> redirectTarget(const std::string& base, const std::st
   return urlPart(url.get(), CURLUPART_URL);
 }
 
+std::optional<Seconds> retryAfter(const HTTPURLResponse& response, Date now) {
+  const auto dateIn = [](const std::string& text) -> std::optional<double> {
+    const auto seconds = curl_getdate(text.c_str(), nullptr);
+    return seconds < 0 ? std::nullopt : std::optional(static_cast<double>(seconds));
+  };
+  std::optional<std::string> asked;
+  double from = secondsSince1970(now);
+  for (const auto& [name, value] : response.headers) {
+    if (equalIgnoringCase(name, "Retry-After")) asked = value;
+    if (equalIgnoringCase(name, "Date")) from = dateIn(value).value_or(from);
+  }
+  if (!asked || asked->empty()) return std::nullopt;
+  if (asked->find_first_not_of("0123456789") == asked->npos) return Seconds(std::stod(asked->substr(0, 300)));
+  const auto date = dateIn(*asked);
+  return date ? std::optional(Seconds(std::max(*date - from, 0.0))) : std::nullopt;
+}
+
 Error transferError(int code, const std::string& url, std::string_view reason) {
   const std::string text = describe(code);
   Error error{

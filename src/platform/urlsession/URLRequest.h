@@ -1,5 +1,8 @@
 #pragma once
 
+#include <atomic>
+#include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -24,6 +27,10 @@ struct URLRequest {
   /// ends the oldest of them, whose completion is then never called. A copy has this mark too, the same URL, and either
   /// the same body or more time behind it than its time-out.
   bool replacesOlder = false;
+  bool followsRedirects = true;  ///< else a redirect is the answer
+  /// Where the transfer's bytes are added while they come and go: requests and replies with their headers, as curl
+  /// counts them; what TLS, proxy and network add is not among them. Empty: nobody counts.
+  std::shared_ptr<std::atomic<std::uint64_t>> bytesMoved{};
 
   void addValue(std::string name, std::string value) { headers.emplace_back(std::move(name), std::move(value)); }
   /// The first header of that name, in any case; absent without.
@@ -76,6 +83,9 @@ std::string hostOf(std::string_view urlOrName);
 bool isLoopbackHost(std::string_view host);
 /// Where a reply to `base` sends its client, without user and password. Absent when it cannot be understood.
 std::optional<std::string> redirectTarget(const std::string& base, const std::string& location);
+/// How long an answer asks its client to wait ("Retry-After", in seconds or as a date, which counts from the answer's
+/// own "Date" or else from `now`); never negative. Absent when it does not ask, or not in these forms.
+std::optional<Seconds> retryAfter(const HTTPURLResponse& response, Date now);
 /// Compares ASCII letters in either case, whatever the locale.
 bool equalIgnoringCase(std::string_view a, std::string_view b);
 
