@@ -18,6 +18,9 @@ constexpr CallTexts kRegistration{.status = " NetworkManager:sendUserToRemoteWeb
                                   .error = "NetworkManager:sendUserToRemoteWebServer :[error] :",
                                   .parse = "NetworkManager:sendUserToRemoteWebServer : "};
 
+/// A header of a request has to hold it: with one that no request can carry, every batch would fail.
+constexpr std::size_t kMostSecretBytes = 4096;
+
 /// Makes the user whom the backend has issued known to the engine, once in a process.
 void adoptUser(NetworkManager& client, const Value& uuid, const Value& creationDate) {
   EngineLink& engine = EngineLink::current();
@@ -46,6 +49,10 @@ void readRegistration(NetworkManager& client, Reply& reply) {
 
   // A later answer replaces the secret too, and only that.
   const std::string secret = platform::concat(*secretKey);
+  if (secret.size() > kMostSecretBytes) {
+    Log::error("NetworkManager:sendUserToRemoteWebServer [net] secretkey refused: too long");
+    return;
+  }
   platform::faultPoint("registration: answered");
   Settings::shared().storeUserSecret(secret);
   platform::faultPoint("registration: secret stored");

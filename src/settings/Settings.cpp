@@ -44,7 +44,8 @@ bool isUsableClientID(std::string_view clientID) {
 }
 
 bool isUsableUserUUID(std::string_view uuid) {
-  return platform::isPlainFileName(uuid) && std::all_of(uuid.begin(), uuid.end(), standsInPath);
+  constexpr std::size_t kMost = 200;  // what a file's name holds beside the rest of that of a log file
+  return uuid.size() <= kMost && platform::isPlainFileName(uuid) && std::all_of(uuid.begin(), uuid.end(), standsInPath);
 }
 
 UploadChannel::Attempt UploadChannel::tryTake(platform::Date now) {

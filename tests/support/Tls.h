@@ -15,24 +15,30 @@ namespace tarvo::test {
 
 /// A key and a certificate for 127.0.0.1, backend.invalid and other.invalid, signed by its issuer or by itself.
 struct Certificate {
+  struct Terms {
+    long validFrom = -3600, validTo = 3600;  ///< seconds from now
+    const char* names = "IP:127.0.0.1,DNS:backend.invalid,DNS:other.invalid";
+    const EVP_MD* digest = EVP_sha256();
+  };
   explicit Certificate(const std::string& name = "self-signed", const Certificate* issuer = nullptr)
+      : Certificate(name, issuer, Terms()) {}
+  Certificate(const std::string& name, const Certificate* issuer, const Terms& terms)
       : key(EVP_EC_gen("P-256")), x509(X509_new()) {
     X509_set_version(x509, 2);
     ASN1_INTEGER_set(X509_get_serialNumber(x509), 1);
-    X509_gmtime_adj(X509_getm_notBefore(x509), -3600);
-    X509_gmtime_adj(X509_getm_notAfter(x509), 3600);
+    X509_gmtime_adj(X509_getm_notBefore(x509), terms.validFrom);
+    X509_gmtime_adj(X509_getm_notAfter(x509), terms.validTo);
     const std::basic_string<unsigned char> common(name.begin(), name.end());
     X509_NAME_add_entry_by_txt(X509_get_subject_name(x509), "CN", MBSTRING_ASC, common.data(), -1, -1, 0);
     X509_set_issuer_name(x509, X509_get_subject_name(issuer ? issuer->x509 : x509));
     X509_set_pubkey(x509, key);
     for (const auto& [kind, value] :
-         {std::pair(NID_subject_alt_name, "IP:127.0.0.1,DNS:backend.invalid,DNS:other.invalid"),
-          {NID_basic_constraints, "CA:TRUE"}}) {
+         {std::pair(NID_subject_alt_name, terms.names), {NID_basic_constraints, "CA:TRUE"}}) {
       X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, nullptr, kind, value);
       X509_add_ext(x509, extension, -1);
       X509_EXTENSION_free(extension);
     }
-    X509_sign(x509, issuer ? issuer->key : key, EVP_sha256());
+    X509_sign(x509, issuer ? issuer->key : key, terms.digest);
   }
   ~Certificate() {
     X509_free(x509);

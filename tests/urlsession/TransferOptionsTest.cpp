@@ -35,8 +35,6 @@ const Case kCases[] = {
     {"NothingSet", {}, 0, insecure},
     {"RightFiles", {"", "ca", "client", "key"}},
     {"RightFilesOverOlderTls", {"", "ca", "client", "key"}, 200, 0, false, kHere, "", TLS1_2_VERSION},
-    {"Tls11", {"", "ca", "both"}, 0, insecure, false, kHere, "", TLS1_1_VERSION},
-    {"Tls10", {"", "ca", "both"}, 0, insecure, false, kHere, "", TLS1_VERSION},
     {"KeyBesideTheCertificate", {"", "ca", "both"}},
     {"EncryptedKey", {"", "ca", "client", "encrypted", "secret"}},
     {"EncryptedKeyWithoutPassphrase", {"", "ca", "client", "encrypted"}, 0, insecure, true},

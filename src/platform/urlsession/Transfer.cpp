@@ -105,6 +105,7 @@ Transfer::Transfer(URLRequest request, std::optional<std::filesystem::path> body
   Seconds& timeout = request_.timeoutInterval;
   if (!(timeout > Seconds::zero())) timeout = kDefaultTimeout;
   timeout = std::min(timeout, kResourceLimit);
+  asked_.insert(concat(request_.httpMethod, " ", request_.url));
 }
 
 void Transfer::begin() {
@@ -335,6 +336,10 @@ bool Transfer::follow(const std::string& location) {
   // A body is for the host that it was sent to: another gets none, and the redirect stands as the answer.
   const bool hasBody = bodyFile_ || (request_.httpBody && !request_.httpBody->empty());
   if (hasBody && !becomesGet && !equalIgnoringCase(from, to)) return false;
+  if (!asked_.insert(concat(becomesGet ? "GET" : method, " ", *target)).second) {
+    fail(urlError::tooManyRedirects, "The redirects lead in a circle");  // the whole body would go round with them
+    return false;
+  }
   request_.url = *target;
   if (becomesGet) {
     method = "GET";

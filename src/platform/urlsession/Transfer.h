@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -109,6 +110,7 @@ class Transfer {
   std::size_t headerBytes_ = 0;
   std::optional<int> abortedWith_;  ///< code of what one of the callbacks met
   int redirects_ = 0;
+  std::set<std::string> asked_;            ///< method and URL of each hop
   CURL* handle_ = nullptr;                 ///< of the current hop
   std::optional<long> connectionsAtSend_;  ///< connections made for this hop when its request went out
   bool sendAgain_ = false;                 ///< asked for by `maySend`
