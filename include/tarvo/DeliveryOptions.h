@@ -18,8 +18,8 @@ struct DeliveryOptions {
   /// that has come back and the host's own `LocationManager::sendDataInBatchToRemoteWebServer` end the wait. Nothing
   /// tries by itself: what has waited goes with the next fix, push message or call.
   bool confirmed = false;
-  /// The least time between the starts of two upload passes. A backlog is not held up by it: full batches follow each
-  /// other. Nor is the host's own call.
+  /// The least time from one batch to the next that an event may post. A backlog is not held up by it: after a full
+  /// batch the next one follows. Nor is the host's own call.
   platform::Seconds leastPassInterval{0};
   /// What the network in use costs; a host sets it as the network changes.
   bool networkIsMetered = false;
@@ -30,7 +30,8 @@ struct DeliveryOptions {
   std::optional<std::uint64_t> meteredBytesPerDay{};
   /// For devices that nobody watches: an answer whose types break the protocol, and a push message before any position
   /// is known, are dropped with a line of level 6 in the log, where they otherwise stop the process. What was taken in
-  /// before the fault stays, and the batch that such an answer belongs to is acknowledged as ever.
+  /// before the fault stays, and the batch that such an answer belongs to is acknowledged, unless it is to be confirmed
+  /// and the fault is that of "success".
   bool dropsProtocolBreaks = false;
 
   bool operator==(const DeliveryOptions&) const = default;

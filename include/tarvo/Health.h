@@ -21,8 +21,8 @@ enum class DeliveryError {
   broken,        ///< the connection ended early, or what came was no HTTP
   redirected,    ///< the answer came from another address
   unauthorized,  ///< 401 or 403: key, user or secret are not accepted
-  throttled,     ///< 429, or any status with "Retry-After"
-  refused,       ///< another status than 200
+  throttled,     ///< 429, or another status that asks with "Retry-After"
+  refused,       ///< any other status than 200
   rejected,      ///< 200, and "success" is not true
 };
 
@@ -69,10 +69,11 @@ struct Health {
   } positions;
 
   struct Delivery {
-    std::optional<platform::Date> lastTry, lastAcknowledgement;
-    DeliveryError lastError = DeliveryError::none;  ///< of the last try; none once one has succeeded
-    std::int64_t triesSince = 0;                    ///< that failed since the last acknowledgement
-    std::optional<platform::Date> nextTry;          ///< not before; absent when nothing holds it up
+    std::optional<platform::Date> lastTry, lastAcknowledgement;  ///< the latter by an answer
+    DeliveryError lastError = DeliveryError::none;               ///< of the last try; none once one has succeeded
+    std::int64_t triesSince = 0;                                 ///< that failed since the last acknowledgement
+    /// Not before, after a failure. The interval and the bound of `DeliveryOptions` are not told here.
+    std::optional<platform::Date> nextTry;
     std::uint64_t bytesToday = 0;  ///< sent and received for batches, counted while the network is metered and bounded
   } delivery;
 

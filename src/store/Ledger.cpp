@@ -33,14 +33,16 @@ void Ledger::didTry(Date now) {
 
 void Ledger::didAcknowledge(Health::Range positions, bool answered, Date now) {
   MutexLock lock(mutex_);
+  if (!answered) {  // a failure as well, which `didFail` tells
+    add(known_.acknowledgedWithoutAnswer, positions);
+    isDue_ = true;
+    return;
+  }
   known_.lastAcknowledgement = now;
   known_.lastError = DeliveryError::none;
   known_.triesSince = 0;
   nextTry_.reset();
   hasTried_ = true;
-  if (answered) return;
-  add(known_.acknowledgedWithoutAnswer, positions);
-  isDue_ = true;
 }
 
 void Ledger::didFail(DeliveryError error, std::optional<Date> nextTry) {

@@ -26,7 +26,7 @@ class Ledger {
   Ledger();
 
   void didTry(platform::Date now);
-  /// `answered`: by the backend itself, not by the end of a transfer.
+  /// `answered`: by the backend itself. What the end of a transfer acknowledges is noted, but is no success.
   void didAcknowledge(Health::Range positions, bool answered, platform::Date now);
   void didFail(DeliveryError error, std::optional<platform::Date> nextTry);
   void didRemove(std::int64_t positions, std::int64_t upTo);

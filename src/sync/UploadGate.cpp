@@ -45,17 +45,19 @@ bool UploadGate::admits(Pass pass, const DeliveryOptions& options) {
   }
   if (options.networkIsMetered && options.meteredBytesPerDay && startedOver(day_).bytes >= *options.meteredBytesPerDay)
     return false;
-  return pass != Pass::event || !lastStart_ || now - *lastStart_ >= options.leastPassInterval;
+  if (pass != Pass::event || !lastPost_) return true;
+  const Seconds since = now - *lastPost_;  // below zero only after another clock was installed
+  return since < Seconds::zero() || !(since < options.leastPassInterval);
 }
 
 bool UploadGate::isOver(const Wait& wait) const {
   return monotonic() >= wait.until || (!wait.wasReachable && reachable_());
 }
 
-void UploadGate::passStarted() {
+void UploadGate::posted() {
   const Seconds now = monotonic();
   MutexLock lock(mutex_);
-  lastStart_ = now;
+  lastPost_ = now;
 }
 
 void UploadGate::succeeded() {
@@ -68,7 +70,7 @@ void UploadGate::forget() {
   MutexLock lock(mutex_);
   failures_ = 0;
   wait_.reset();
-  lastStart_.reset();
+  lastPost_.reset();
 }
 
 platform::Date UploadGate::failed(DeliveryError error, std::optional<Seconds> retryAfter) {

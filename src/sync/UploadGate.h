@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
-#include <random>
 #include <string>
 #include <string_view>
 
@@ -40,8 +39,9 @@ class UploadGate {
 
   /// Whether the pass may start. A host's call, and a network that has come back since the failure, end the wait here.
   bool admits(Pass pass, const DeliveryOptions& options);
-  /// A pass has started: the interval counts from now.
-  void passStarted();
+  /// A batch is being posted: the interval counts from now. A pass that finds nothing to post leaves it alone, or the
+  /// fix that is stored a moment later would wait for it.
+  void posted();
 
   /// A batch was acknowledged: no wait.
   void succeeded();
@@ -79,7 +79,7 @@ class UploadGate {
   mutable platform::Mutex mutex_;
   int failures_ GUARDED_BY(mutex_) = 0;  ///< since the wait was ended last
   std::optional<Wait> wait_ GUARDED_BY(mutex_);
-  std::optional<platform::Seconds> lastStart_ GUARDED_BY(mutex_);  ///< monotonic
+  std::optional<platform::Seconds> lastPost_ GUARDED_BY(mutex_);  ///< monotonic
   Day day_ GUARDED_BY(mutex_);
   bool restored_ GUARDED_BY(mutex_) = false;
 };

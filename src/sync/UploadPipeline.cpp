@@ -119,7 +119,6 @@ void UploadPipeline::startPass(UploadGate::Pass pass) {
              "=====", attempt.elapsed.count(), "=======");
   if (!attempt.taken) return;
   platform::faultPoint("upload: channel taken");
-  gate_.passStarted();
   if (networkManagerReceivedSessionError.load()) {
     settings.uploadChannel.release();
     return;
@@ -239,6 +238,7 @@ void UploadPipeline::resendAllSentWithoutACKData(const std::vector<LocationRecor
 }
 
 void UploadPipeline::post(std::string json, std::int64_t first, std::int64_t last, std::size_t positions) {
+  gate_.posted();
   ledger_.didTry(platform::Clock::current()->now());
   batchesPosted_.fetch_add(1);
   positionsPosted_.fetch_add(positions);

@@ -72,7 +72,7 @@ TEST_F(Gate, EndsTheWaitWithASuccessTheHostOrTheNetworkAndStartsSmallAgain) {
 TEST_F(Gate, SpreadsPassesButNotABacklog) {
   options = {.leastPassInterval = Seconds(60)};
   EXPECT_TRUE(admits());
-  gate.passStarted();
+  gate.posted();
   for (const double later : {0.0, 59.9}) {
     clock->advance(Seconds(later));
     EXPECT_TRUE(!admits() && admits(Pass::afterFullBatch) && admits(Pass::host)) << later;
