@@ -256,7 +256,9 @@ std::optional<Error> NSPersistentStoreCoordinator::Store::keep(const Table& tabl
 }
 
 std::optional<Error> NSPersistentStoreCoordinator::Store::writeMetadata(std::string_view name, std::string_view value) {
-  Execution row(*database_, "REPLACE INTO \"_metadata\" VALUES (?1, ?2)");
+  // In its place, which leaves the index of the names alone, and of a long text all pages that stay the same.
+  Execution row(*database_,
+                "INSERT INTO \"_metadata\" VALUES (?1, ?2) ON CONFLICT(\"name\") DO UPDATE SET \"value\" = ?2");
   row.bind(1, name);
   row.bind(2, value);
   row.step();
