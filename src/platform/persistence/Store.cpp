@@ -73,6 +73,8 @@ std::optional<Error> setUp(Database& database) {
   // Pages that are asked for again: those of one batch of uploads and their indexes. The system keeps the others
   // anyway.
   if (auto error = database.runOnce("PRAGMA cache_size = -1000", StoreErrorCode::open)) return error;
+  // What goes is overwritten, whatever the system's SQLite was built to do.
+  if (auto error = database.runOnce("PRAGMA secure_delete = ON", StoreErrorCode::open)) return error;
   // A commit survives the end of the process; the latest ones may be lost with the power, never the file.
   return database.runOnce("PRAGMA synchronous = NORMAL", StoreErrorCode::open);
 }
