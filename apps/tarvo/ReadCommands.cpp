@@ -255,8 +255,10 @@ void printHealth(const Health& health) {
     std::cout << "waiting for   " << std::llround(age->count()) << " s\n";
   for (const auto& [first, last] : health.positions.acknowledgedWithoutAnswer)
     std::cout << "no answer     " << first << " to " << last << "\n";
-  if (health.positions.removedUpTo)
-    std::cout << "removed       " << health.positions.removed << ", up to " << *health.positions.removedUpTo << "\n";
+  if (health.positions.removed > 0) std::cout << "removed       " << health.positions.removed;
+  if (health.positions.removed > 0 && health.positions.removedUpTo)
+    std::cout << ", up to " << *health.positions.removedUpTo;
+  if (health.positions.removed > 0) std::cout << "\n";
   std::cout << "last try      " << date(lastTry) << "\n"
             << "last ack      " << date(lastAcknowledgement) << "\n";
   if (triesSince > 0) std::cout << "failed        " << triesSince << " times, last: " << nameOf(lastError) << "\n";

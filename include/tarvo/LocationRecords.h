@@ -13,7 +13,7 @@ class PositionSource;
 
 /// The positions of a history, by ascending index. They stay in the SDK's store until they are asked for, so that a
 /// year of them takes no memory. Which positions they are is fixed when the history is made; their upload flags are
-/// those of the moment of reading.
+/// those of the moment of reading. What `StorageLimits` or an erasing takes meanwhile is left out; `size` stays.
 ///
 /// Threads: any, one at a time for each object; reading waits for the store's other work.
 /// Errors: never throws; when not all of them can be read that is logged, and `toVector` gives none.

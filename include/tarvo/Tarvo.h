@@ -157,8 +157,9 @@ class TARVO_API Tarvo {
   /// activation registers a new user, whose positions begin at 0.
   ///
   /// A kill at any moment is made up for by the next process that starts on this home, before it reads anything of it.
-  /// The same after false, with the reason in the system log: another process has the right to write, or the disk
-  /// refuses. Until a call or a start has done it nothing should be activated: it would be erased too.
+  /// The same after false, with the reason in the system log: another process has the right to write, the store cannot
+  /// be opened, or the disk refuses. Until a call or a start has done it nothing should be activated: it would be
+  /// erased too.
   ///
   /// Waits for what the SDK is doing, up to 2 s for another process, and as long as it takes to overwrite the files.
   /// Any thread, but not inside a callback on a thread of the SDK, which stops the process; no other call to the SDK

@@ -8,7 +8,6 @@
 #include "platform/foundation/HomeErasure.h"
 #include "platform/location/LocationServiceState.h"
 #include "platform/urlsession/BackgroundSession.h"
-#include "platform/urlsession/URLSession.h"
 #include "records/LatestPrediction.h"
 #include "settings/Settings.h"
 
@@ -39,7 +38,7 @@ std::optional<platform::Error> EngineParts::eraseEverything() {
   collection.stop();
   locationManager.stopMonitoringSignificantLocationChanges();
   state.serialNetworkDataQueue.sync([] {});
-  platform::URLSession::shared().endAll();
+  Log::serialQueue().sync([] {});  // uploads of log files are begun behind the lines that they hold
   platform::BackgroundSession::forgetAll();
   platform::LocationServiceState::shared().forgetLatest();
   for (auto* queue : {&state.serialNetworkQueue, &state.serialQueueLastTrips, &state.serialQueuePOI})

@@ -1,6 +1,7 @@
 #include "store/Ledger.h"
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 
 #include <tarvo/platform/Clock.h>
@@ -20,6 +21,9 @@ Gaps::Moment momentNow() {
   const auto clock = platform::Clock::current();
   return {clock->now(), clock->monotonic(), platform::LocationService::shared().statistics()};
 }
+
+/// A text of the same length is written over the one before, but for the pages of it that have not changed.
+Date wholeSeconds(Date date) { return platform::dateSince1970(std::floor(platform::secondsSince1970(date))); }
 
 }  // namespace
 
@@ -152,7 +156,9 @@ void Ledger::put(Context& context, LedgerText text) {
 
 LedgerText Ledger::kept(const Gaps::Moment& now) const {
   LedgerText text = known_;
-  text.written = now.wall;
+  text.written = wholeSeconds(now.wall);
+  for (auto* date : {&text.lastTry, &text.lastAcknowledgement})
+    if (*date) *date = wholeSeconds(**date);
   text.gaps = allGaps(now);
   return text;
 }

@@ -39,6 +39,11 @@ END
 c++ "$work/version.cpp" -o "$work/version" $(pkg-config --cflags --libs tarvo)
 [ "$("$work/version")" = "$(pkg-config --modversion tarvo)" ] || { echo "the versions differ"; failed=1; }
 
+# What wraps other libraries shows nothing of them.
+if nm -DC --defined-only "$libdir/libtarvo.so" | grep -v 'tarvo::'; then
+  echo "the library exports what is not its own"
+  failed=1
+fi
 # A host's link must not compile the SDK again with flags of its own.
 if readelf -SW "$libdir/libtarvo.a" | grep -qF .gnu.lto_; then
   echo "the archive holds bytecode"

@@ -59,6 +59,7 @@ TEST_F(Erasure, LeavesNothingOnTheDiskNorInMemoryAndTheNextUserBeginsAtZero) {
   NetworkManager().sendLogToRemoteWebServer();
   ASSERT_TRUE(backend.faults().waitUntilHanging(3, std::chrono::seconds(20)));
   EXPECT_NE(filesIn(home.path(), marks).find(".jsonl"), std::string::npos);
+  EXPECT_EQ(filesIn(home.path(), {">secret<", " secret", "\"secret\"", "a2V5OnNlY3JldA"}), "") << "of the API key";
 
   EXPECT_TRUE(tarvo.eraseEverything());
   backend.faults().release();

@@ -86,6 +86,7 @@ std::optional<Error> eraseHome(const fs::path& home) {
       if (!failure) wiping.wipe(store.native() + end);
       wiping.wipe(named.native() + end);
     }
+    if (!failure) wiping.note(flushFolder(store.parent_path()));
     wiping.wipeIn(directory, [](const std::string& name) {
       return name.starts_with(kLogFilePrefix) && name.ends_with(kLogFileExtension);
     });

@@ -73,6 +73,8 @@ std::optional<Error> setUp(Database& database) {
   // Pages that are asked for again: those of one batch of uploads and their indexes. The system keeps the others
   // anyway.
   if (auto error = database.runOnce("PRAGMA cache_size = -1000", StoreErrorCode::open)) return error;
+  // What goes is overwritten, whatever the system's SQLite was built to do.
+  if (auto error = database.runOnce("PRAGMA secure_delete = ON", StoreErrorCode::open)) return error;
   // A commit survives the end of the process; the latest ones may be lost with the power, never the file.
   return database.runOnce("PRAGMA synchronous = NORMAL", StoreErrorCode::open);
 }
@@ -256,7 +258,9 @@ std::optional<Error> NSPersistentStoreCoordinator::Store::keep(const Table& tabl
 }
 
 std::optional<Error> NSPersistentStoreCoordinator::Store::writeMetadata(std::string_view name, std::string_view value) {
-  Execution row(*database_, "REPLACE INTO \"_metadata\" VALUES (?1, ?2)");
+  // In its place, which leaves the index of the names alone, and of a long text all pages that stay the same.
+  Execution row(*database_,
+                "INSERT INTO \"_metadata\" VALUES (?1, ?2) ON CONFLICT(\"name\") DO UPDATE SET \"value\" = ?2");
   row.bind(1, name);
   row.bind(2, value);
   row.step();

@@ -104,6 +104,13 @@ void BackgroundSession::forgetAll() {
     MutexLock lock(registry().mutex);
     for (const auto& [identifier, session] : registry().sessions) sessions.push_back(session);
   }
+  // Else the end of one upload would begin the next.
+  for (const auto& session : sessions) {
+    std::deque<Job> dropped;  // goes after the lock
+    MutexLock lock(session->state_->mutex);
+    session->state_->waiting.swap(dropped);
+  }
+  URLSession::shared().endAll();
   for (const auto& session : sessions) session->forget();
 }
 

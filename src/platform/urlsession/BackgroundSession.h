@@ -53,8 +53,8 @@ class BackgroundSession : public std::enable_shared_from_this<BackgroundSession>
   BackgroundSession(const BackgroundSession&) = delete;
   BackgroundSession& operator=(const BackgroundSession&) = delete;
 
-  /// Forgets the tasks of all sessions, those in their journals too, which go. Once the transfers have been ended
-  /// (`URLSession::endAll`); never from inside a call of a delegate.
+  /// Ends all transfers of the process (`URLSession::endAll`) and forgets the tasks of all sessions, those in their
+  /// journals too, which go. None may be resumed meanwhile; never from inside a call of a delegate.
   static void forgetAll();
 
   /// Touches no file: a process that only looks leaves the journal to the one that owns the transfers.
