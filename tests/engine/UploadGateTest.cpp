@@ -69,18 +69,6 @@ TEST_F(Gate, EndsTheWaitWithASuccessTheHostOrTheNetworkAndStartsSmallAgain) {
   }
 }
 
-TEST_F(Gate, SpreadsPassesButNotABacklog) {
-  options = {.leastPassInterval = Seconds(60)};
-  EXPECT_TRUE(admits());
-  gate.passStarted();
-  for (const double later : {0.0, 59.9}) {
-    clock->advance(Seconds(later));
-    EXPECT_TRUE(!admits() && admits(Pass::afterFullBatch) && admits(Pass::host)) << later;
-  }
-  clock->advance(Seconds(0.2));
-  EXPECT_TRUE(admits());
-}
-
 TEST_F(Gate, HoldsBackWhatADayMayNotCostAlsoAfterARestart) {
   options = {.networkIsMetered = true, .meteredBytesPerDay = 100};
   // 2024-06-15 is day 19889; what is kept of another day does not count, unless the
