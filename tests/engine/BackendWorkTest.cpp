@@ -44,21 +44,15 @@ TEST_F(BackendWork, DownloadsWhatDiffersFromWhatIsHeldAndTellsTheHost) {
   EXPECT_EQ(tarvo.getPointOfInterests().size(), 3u);
   EXPECT_EQ(downloadsOfABatch(), (Counts{0, 0, 0}));
 
-  // Other counters: places fail at first, the list of trips ends below what was announced.
-  tarvo.requestPredictionUpdate();
-  waitUntilIdle();
-  canned.lastPredictionID = 8;
+  // Places fail at first, the list of trips ends below what was announced.
   canned.lastPasttripID = 44;
   canned.poiVersion = 6;
   backend.serve(canned);
   backend.faults().answerNext("pois", 1, 500);
-  diary.clear();
-  EXPECT_EQ(downloadsOfABatch(), (Counts{1, 1, 1}));
+  EXPECT_EQ(downloadsOfABatch(), (Counts{0, 1, 1}));
   EXPECT_EQ(tarvo.getPointOfInterests().size(), 3u);
-  EXPECT_EQ(downloadsOfABatch(), (Counts{1, 1, 1})) << "each asks again until what it holds is what was announced";
-  EXPECT_EQ(UserDefaults::standard().integer("poi_version"), 6);
-  EXPECT_EQ(downloadsOfABatch(), (Counts{1, 1, 0}));
-  EXPECT_EQ(host->predictions, 3);
+  EXPECT_EQ(downloadsOfABatch(), (Counts{0, 1, 1})) << "each asks again until what it holds is what was announced";
+  EXPECT_EQ(downloadsOfABatch(), (Counts{0, 1, 0}));
   EXPECT_EQ(host->matched.size(), 4u);
 }
 

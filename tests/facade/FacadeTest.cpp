@@ -37,7 +37,6 @@ TEST_F(Facade, GatesReadsByTheMode) {
     std::string got;
     if (tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {})) got += "raw ";
     if (tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_EXTRAPOLATED, {}, {})) got += "trips ";
-    if (tarvo.getLocationHistory(3, {}, {})) got += "other ";
     if (const auto next = tarvo.getNextTrip()) got += platform::concat(next->id, " ");
     if (tarvo.getCurrentLocation()) got += "position";
     EXPECT_EQ(got, open) << mode;
@@ -186,18 +185,6 @@ TEST_F(Facade, KeepsAccountCallsBelowModeEightAndSendsThemFromIt) {
     EXPECT_EQ(diary.count(once), 1u) << once;
   callAll();
   EXPECT_TRUE(NetworkManager::SUBSCRIPTION_LIST().empty() && NetworkManager::UNSUBSCRIPTION_LIST().empty());
-}
-
-TEST_F(Facade, TellsOnceThatItsStoreWasRemovedWhoeverAsksForCountsInBetween) {
-  Tarvo tarvo = registered(Tarvo::LOCAL_BACKGROUND);
-  std::filesystem::remove(home.path() / "Documents" / ObjectStore::kFileName);
-  for (const int unsaved : {0, 2, 4}) {
-    const auto status = engine().syncStatus();
-    EXPECT_TRUE(!status.storeAvailable && status.stored == 0 && status.unsaved == unsaved) << unsaved;
-    EXPECT_TRUE(tarvo.health().store.lastError);
-    drive(2);
-  }
-  EXPECT_EQ(diary.count("was removed, replaced or cut short"), 1u);
 }
 
 TEST_F(Facade, PutsTheStoreIntoTheLastDocumentsDirectoryAndTheLogIntoTheFirst) {
