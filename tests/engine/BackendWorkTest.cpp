@@ -118,17 +118,5 @@ TEST_P(LeftUpload, RestsInLocalModesAndThenGoesOn) {
   EXPECT_EQ(diary.count("didCompleteWithError [net] statusCode:200"), 1u);
 }
 
-TEST_F(BackendWork, AClientBeforeTheFirstTarvoBuildsTheEngineWhichItsSessionTells) {
-  startBackend();
-  Tarvo::setClientID("demo");
-  Tarvo::setTarvoapiKey("key");
-  NetworkManager::setApiKeySecret("secret");
-  NetworkManager().sendUserToRemoteWebServer(
-      R"({"mobileid":"{\"os\":\"ios\", \"iosid\":\"unknown\"}","mobileos":"ios","phone_description":"","sensors":""})");
-  EXPECT_EQ(diary.count("LocationManager:init"), 0u);
-  waitUntilIdle();
-  EXPECT_TRUE(LocationManager::userUUID());
-}
-
 }  // namespace
 }  // namespace tarvo

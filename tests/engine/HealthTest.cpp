@@ -13,12 +13,11 @@ using enum platform::CLAuthorizationStatus;
 class HealthOfADevice : public test::WholeSdk {
  protected:
   static auto at(platform::Date date) { return std::llround(platform::secondsSince1970(date) - kStart); }
-  /// Ranges, removals and gaps, in seconds since the start.
+  /// Ranges and gaps, in seconds since the start.
   static std::string told(const Tarvo& tarvo) {
     const Health health = tarvo.health();
     std::string text;
     for (const auto& [first, last] : health.positions.acknowledgedWithoutAnswer) text += concat(first, "..", last, " ");
-    if (health.positions.removedUpTo) text += concat("removed to ", *health.positions.removedUpTo, " ");
     for (const auto& [since, until, cause] : health.gaps)
       text += concat(at(since), "-", until ? std::to_string(at(*until)) : "", " ", nameOf(cause), " ");
     return text;
@@ -56,18 +55,11 @@ TEST_F(HealthOfADevice, TellsWhyThereIsAHole) {
 
 TEST_F(HealthOfADevice, LastsOverRestartsAndKills) {
   const auto collect = [this](Tarvo& tarvo) { activate(tarvo, 4), drive(1); };
-  const auto acknowledgeAndFallSilent = [&](Tarvo& tarvo) {
+  const auto fallSilent = [&](Tarvo& tarvo) {
     collect(tarvo);
     EngineParts::of(engine()).ledger.didAcknowledge({1, 2}, false, clock->now());
     clock->advance(Seconds(1000));
     drive(1);  // then killed
-  };
-  const auto stop = [&](Tarvo& tarvo) {
-    activate(tarvo, 4);
-    clock->advance(Seconds(400));
-    activate(tarvo, -4);
-    clock->advance(Seconds(500));
-    EXPECT_TRUE(Tarvo::waitUntilIdle(60));
   };
   const auto damage = [&](Tarvo& tarvo) {
     collect(tarvo);
@@ -75,13 +67,10 @@ TEST_F(HealthOfADevice, LastsOverRestartsAndKills) {
     context.performAndWait([&] { context.setMetadata("ledger", "[]"), (void)context.save(); });
   };
   const std::tuple<double, std::function<void(Tarvo&)>, const char*> processes[] = {
-      {0, acknowledgeAndFallSilent, "1..2 1-1002 receiver_silent "},
+      {0, fallSilent, "1..2 1-1002 receiver_silent "},
       {1500, [](Tarvo&) {}, "1..2 1-1002 receiver_silent "},  // has not collected: tells what the file has
-      {2000, stop, "1..2 1-1002 receiver_silent 1002-2000 not_running 2000-2400 receiver_silent 2400- stopped "},
-      {5000, damage,
-       "1..2 1-1002 receiver_silent 1002-2000 not_running 2000-2400 receiver_silent 2400-2900 stopped 2900-5000 "
-       "not_running "},
-      {6000, collect, "5001-6000 not_running "}};
+      {2000, damage, "1..2 1-1002 receiver_silent 1002-2000 not_running "},
+      {6000, collect, "2001-6000 not_running "}};
   for (const auto& [start, work, expected] : processes) {
     const auto inChild = [&] {
       clock->advanceTo(platform::dateSince1970(kStart + start));
