@@ -68,9 +68,6 @@ TEST(GeofenceRadii, FollowSpeedBandsAgeAndAccuracy) {
   const double walking[] = {15, 45, 75, 135, 195};
   for (std::size_t i = 0; i < kLookAheadSeconds.size(); ++i)
     EXPECT_EQ(ringRadius(10, kLookAheadSeconds[i], 0, assumedSpeed(3)), walking[i]);
-  const double fallback[] = {1, 2, 3, 5, 10, 20, 30, 40, 50};
-  for (std::size_t i = 0; i < kAccuracyFractions.size(); ++i)
-    EXPECT_DOUBLE_EQ(fallbackRadius(20, kAccuracyFractions[i]), fallback[i]);
   EXPECT_FALSE(isUsableSpeed(-1) || isUsableSpeed(0));
   EXPECT_TRUE(isUsableSpeed(-0.5));
 }

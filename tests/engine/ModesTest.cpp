@@ -54,19 +54,15 @@ class Modes : public test::WholeSdk {
                             parts.locationManager.monitoredRegions().size());
   }
 
-  /// Whether a fix reaches the engine now, beyond the distance filter but too near and too early for anything else.
-  bool updates() {
-    const auto stored = engine().syncStatus().stored;
-    north_ += 0.0011;
-    deliver(fixAt(48.001 + (north_ > 0.003 ? north_ = 0 : north_), kStart + 1));
-    return engine().syncStatus().stored > stored;
-  }
-
   void expectServices(bool foreground) {
     auto& parts = EngineParts::of(engine());
     EXPECT_EQ(parts.locationManager.distanceFilter(), foreground ? 20.0 : 100.0);
-    EXPECT_EQ(updates(), foreground);
     EXPECT_EQ(parts.state.currentBatteryState, UIDevice::current().batteryState());
+    // A fix beyond the distance filter, but too near and too early for anything else.
+    const auto stored = engine().syncStatus().stored;
+    north_ += 0.0011;
+    deliver(fixAt(48.001 + (north_ > 0.003 ? north_ = 0 : north_), kStart + 1));
+    EXPECT_EQ(engine().syncStatus().stored > stored, foreground);
   }
 
   std::optional<Tarvo> tarvo;

@@ -4,7 +4,6 @@
 #include <atomic>
 
 #include "platform/foundation/Text.h"
-#include "store/Users.h"
 #include "support/WholeSdk.h"
 
 static std::atomic<int> askedForNames{0};
@@ -188,18 +187,11 @@ TEST_F(Upload, StoresTheUserOnlyBehindTheSecret) {
 }
 
 TEST_F(Upload, TakesAUserStoredTwiceForOneAndTwoUsersForNone) {
-  ObjectStore& store = EngineParts::of(engine()).store;
-  const auto add = [&](const char* uuid) {
-    store.managedObjectContext().performAndWait([&] {
-      Users::addUser(uuid, "2024", store.managedObjectContext());
-      store.saveContext();
-    });
-    return engine().checkAndRegisterUser();
-  };
-  add("u-1");
-  EXPECT_EQ(add("u-1"), "u-1");
+  for (int times = 0; times < 2; ++times) engine().addNewUserToDatabase("u-1", "2024");
+  EXPECT_EQ(engine().checkAndRegisterUser(), "u-1");
   EXPECT_EQ(engine().getUser().size(), 1u);
-  EXPECT_EQ(add("u-2"), std::nullopt);
+  engine().addNewUserToDatabase("u-2", "2024");
+  EXPECT_EQ(engine().checkAndRegisterUser(), std::nullopt);
   EXPECT_EQ(diary.count("checkAndRegisterUser [loc] error nbUsers:2 mainThread:true"), 1u);
 }
 
