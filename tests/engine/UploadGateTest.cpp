@@ -69,18 +69,6 @@ TEST_F(Gate, EndsTheWaitWithASuccessTheHostOrTheNetworkAndStartsSmallAgain) {
   }
 }
 
-TEST_F(Gate, SpreadsPassesButNotABacklog) {
-  options = {.leastPassInterval = Seconds(60)};
-  EXPECT_TRUE(admits());
-  gate.posted();
-  for (const double later : {0.0, 59.9}) {
-    clock->advance(Seconds(later));
-    EXPECT_TRUE(!admits() && admits(Pass::afterFullBatch) && admits(Pass::host)) << later;
-  }
-  clock->advance(Seconds(0.2));
-  EXPECT_TRUE(admits());
-}
-
 TEST_F(Gate, HoldsBackWhatADayMayNotCostAlsoAfterARestart) {
   options = {.networkIsMetered = true, .meteredBytesPerDay = 100};
   // 2024-06-15 is day 19889; what is kept of another day does not count, unless the
@@ -97,11 +85,6 @@ TEST_F(Gate, HoldsBackWhatADayMayNotCostAlsoAfterARestart) {
     EXPECT_TRUE(later.admits(Pass::event, {.meteredBytesPerDay = 100})) << "not on other networks";
     EXPECT_TRUE(later.kept().ends_with(platform::concat(" ", later.bytesToday()))) << later.kept();
   }
-  gate.addBytes(100);
-  EXPECT_FALSE(admits());
-  clock->advance(Seconds(24 * 60 * 60));
-  EXPECT_TRUE(admits());
-  EXPECT_EQ(gate.bytesToday(), 0u);
 }
 
 }  // namespace

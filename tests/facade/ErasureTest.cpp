@@ -112,17 +112,12 @@ TEST_F(Erasure, IsFinishedByTheNextProcessWhereverItWasKilled) {
   }
 }
 
-TEST_F(Erasure, WaitsForTheNextStartWhileAnotherProcessWritesOrTheDiskRefuses) {
+TEST_F(Erasure, WaitsForTheNextStartWhileAnotherProcessWrites) {
   Tarvo tarvo;
-  const auto marker = home.path() / "Library" / "erasing";
   platform::FileLock other(home.path() / "Documents" / (std::string(ObjectStore::kFileName) + ".lock"));
   ASSERT_TRUE(other.tryLock().value());
   EXPECT_FALSE(tarvo.eraseEverything());
   EXPECT_EQ(diary.count("Tarvo : not everything is erased: The store is being written by"), 1u);
-  EXPECT_TRUE(fs::remove(marker) && fs::create_directory(marker));
-  other.unlock();
-  EXPECT_FALSE(tarvo.eraseEverything()) << "no place for the marker";
-  EXPECT_TRUE(fs::remove(marker) && tarvo.eraseEverything());
 }
 
 }  // namespace

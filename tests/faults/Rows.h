@@ -29,11 +29,6 @@ constexpr int kBoundSeconds = 60;
 
 /// A host in a process of its own. What it expects in the way of a test counts for its row.
 struct Host : test::WholeSdk {
-  using WholeSdk::activate, WholeSdk::collect, WholeSdk::deliver, WholeSdk::drive, WholeSdk::engine,
-      WholeSdk::expectEachIndexOnce, WholeSdk::fixAt, WholeSdk::online, WholeSdk::push, WholeSdk::records,
-      WholeSdk::registered, WholeSdk::settle, WholeSdk::startBackend, WholeSdk::upload, WholeSdk::waitUntilIdle;
-  using WholeSdk::backend, WholeSdk::clock, WholeSdk::diary, WholeSdk::home, WholeSdk::kStart;
-
   Host() {
     SetUp();
     diary.onMessage(tellTheEnd);

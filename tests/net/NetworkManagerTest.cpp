@@ -125,7 +125,7 @@ TEST_F(Requests, StopTheProcessOnAnswersOfAnotherTypeOrDropThem) {
       } else {
         LogDiary::installed();
         operation();
-        EXPECT_NE(LogDiary::installed().find(message), -1) << answer;
+        EXPECT_GT(LogDiary::installed().count(message), 0u) << answer;
       }
     }
   }

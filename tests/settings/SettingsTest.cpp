@@ -2,29 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <tarvo/platform/Clock.h>
 #include <tarvo/platform/Environment.h>
 #include <tarvo/platform/SystemLog.h>
 
 namespace tarvo {
 namespace {
-
-using platform::dateSince1970;
-
-TEST(UploadChannel, IsFreeWhenReleasedOrHeldForExactly180Seconds) {
-  platform::Clock::install(std::make_shared<platform::ManualClock>(dateSince1970(1000)));
-  UploadChannel channel;
-  // A clock that was set back does not make it stale; a takeover starts the time anew.
-  const std::pair<double, bool> tries[] = {
-      {1000, true}, {1179.999, false}, {500, false}, {1180, true}, {1359.9, false}};
-  for (const auto& [seconds, taken] : tries) {
-    const auto outcome = channel.tryTake(dateSince1970(seconds));
-    EXPECT_EQ(outcome.taken, taken) << seconds;
-    EXPECT_EQ(outcome.wasLocked, seconds != 1000) << seconds;
-  }
-  channel.release();
-  EXPECT_TRUE(channel.tryTake(dateSince1970(1181)).taken);
-}
 
 TEST(Settings, RefuseClientIdsThatWouldNotStandInAURL) {
   Settings& settings = Settings::shared();

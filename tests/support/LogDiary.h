@@ -29,12 +29,15 @@ class LogDiary {
     const auto contains = [text](const std::string& line) { return line.find(text) != line.npos; };
     return static_cast<std::size_t>(std::ranges::count_if(lines(), contains));
   }
-  /// Position of the first message from `from` on that contains the text, or -1.
-  long find(std::string_view text, std::size_t from = 0) const {
+  /// The first of the texts that is in no message behind that of the text before it; empty if they come in this order.
+  std::string missingInOrder(std::initializer_list<std::string_view> texts) const {
     const auto all = lines();
-    for (std::size_t i = from; i < all.size(); ++i)
-      if (all[i].find(text) != std::string::npos) return static_cast<long>(i);
-    return -1;
+    auto next = all.begin();
+    for (const std::string_view text : texts) {
+      next = std::find_if(next, all.end(), [text](auto& line) { return line.find(text) != line.npos; });
+      if (next++ == all.end()) return std::string(text);
+    }
+    return {};
   }
   /// Is told each message from now on, on the thread that logs it.
   void onMessage(std::function<void(std::string_view)> listener) {
