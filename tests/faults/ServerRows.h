@@ -60,29 +60,46 @@ struct Shared {
   char fatal[200]{};                                      ///< the line with which a process has stopped
 };
 inline Shared* shared = nullptr;
-inline constexpr const char* kEndpoints[] = {"users",
-                                             "positions",
-                                             "predictions",
-                                             "pasttrips",
-                                             "pois",
-                                             "userconf",
-                                             "uplog",
-                                             "tokens",
-                                             "tags/set",
-                                             "tags/unset",
-                                             "resetbackend",
-                                             "resetgeoprofile",
-                                             "subscriptions/register",
-                                             "subscriptions/unregister",
-                                             "elsewhere"};
+/// What can be asked, the good answer, and for each of its fields what becomes of a value that is missing, of another
+/// type, null, huge, there twice: the SDK goes on (-), Stops, or has no User yet.
+struct Call {
+  const char *endpoint, *good = R"({"success":true})", *fields = "";
+};
+inline constexpr Call kCalls[] = {
+    {"users", R"({"success":true,"results":[{"uuid":"u-1","creation_date":"2024-06-15","secretkey":"s3cret"}]})",
+     "success USSSS results UUU-U uuid USSUS creation_date USS-S secretkey U--U-"},
+    {"positions", R"({"success":true,"last_prediction_id":0,"last_pasttrip_id":0,"last_poi_id":0})",
+     "success -SSSS last_prediction_id -SSSS last_pasttrip_id -SSSS last_poi_id -SSSS"},
+    {"predictions",
+     R"({"success":true,"prediction_id":8,"start_time":"s","arrival_time":"a","probability":1,"destination_lon":2.5,)"
+     R"("destination_lat":48,"route":{"r":1},"destination_json":{"d":2},"start_name":"Home","arrival_name":"Work",)"
+     R"("duration":12.5})",
+     "success -SSSS prediction_id -SSSS start_time -SS-S arrival_time -SS-S probability -SS-S destination_lon -SS-S "
+     "destination_lat -SS-S route -SS-S destination_json -SS-S start_name -SS-S arrival_name -SS-S duration -SS-S"},
+    {"pasttrips",
+     R"({"success":true,"trips":[{"pasttrip_id":7,"departure_lat":48,"departure_lon":11,"arrival_lat":48,)"
+     R"("arrival_lon":11,"start_time":"2024-06-15T10:00:00.000+0000","route":{"type":"LineString"}}]})",
+     "success -SSSS trips -SS-S pasttrip_id SSSSS departure_lat ----- start_time ----- route -----"},
+    {"pois", R"({"success":true,"pois":[{"poi_id":3,"lat":48,"lon":11,"point_geo_json":{},"zone_geo_json":{"z":1}}]})",
+     "success -SSSS pois -SS-S poi_id ----- lat ----- zone_geo_json -----"},
+    {"userconf", R"({"success":true,"results":[{"log_level":10}]})", "success -SSSS results ----- log_level -----"},
+    {"uplog", R"({"success":true,"results":"uploaded","file":"TarvoLog_2024-06-01_u_IOS.txt"})",
+     "success ----- results ----- file -----"},
+    {"tokens"},
+    {"tags/set"},
+    {"tags/unset"},
+    {"resetbackend"},
+    {"resetgeoprofile"},
+    {"subscriptions/register"},
+    {"subscriptions/unregister"},
+    {"elsewhere"}};
+inline const std::string kGood = kCalls[1].good;
 
 inline std::string repeated(std::string_view text, std::size_t times) {
   std::string all;
   for (std::size_t i = 0; i < times; ++i) all += text;
   return all;
 }
-
-inline const std::string kGood = R"({"success":true,"last_prediction_id":0,"last_pasttrip_id":0,"last_poi_id":0})";
 
 enum Then { close, reset, silent };
 /// Takes so many bytes (kHead: the head) of the request and does that.
@@ -280,58 +297,10 @@ inline std::vector<Row> rowsOfTransfers() {
   return rows;
 }
 
-struct Fields {
-  const char *endpoint, *keys;
-  /// The value is missing, of another type, null, huge, there twice: the SDK goes on, Stops, or has no User yet.
-  const char* fates;
-};
-inline const Fields kFields[] = {{"users", "success", "USSSS"},
-                                 {"users", "results", "UUU-U"},
-                                 {"users", "uuid", "USSUS"},
-                                 {"users", "creation_date", "USS-S"},
-                                 {"users", "secretkey", "U--U-"},
-                                 {"positions", "success last_prediction_id last_pasttrip_id last_poi_id", "-SSSS"},
-                                 {"predictions", "success prediction_id", "-SSSS"},
-                                 {"predictions",
-                                  "start_time arrival_time probability destination_lon destination_lat route "
-                                  "destination_json start_name arrival_name duration",
-                                  "-SS-S"},
-                                 {"pasttrips", "success", "-SSSS"},
-                                 {"pasttrips", "trips", "-SS-S"},
-                                 {"pasttrips", "pasttrip_id", "SSSSS"},
-                                 {"pasttrips", "departure_lat start_time route", "-----"},
-                                 {"pois", "success", "-SSSS"},
-                                 {"pois", "pois", "-SS-S"},
-                                 {"pois", "poi_id lat zone_geo_json", "-----"},
-                                 {"userconf", "success", "-SSSS"},
-                                 {"userconf", "results log_level", "-----"},
-                                 {"uplog", "success results file", "-----"}};
 inline constexpr const char* kForms[] = {"missing", "another type", "null", "huge", "twice"};
 
-/// `counter`: what the newest prediction, trip and place are called; 0: there is none.
-inline std::string goodAnswer(std::string_view endpoint, int counter = 0) {
-  if (endpoint == "users")
-    return R"({"success":true,"results":[{"uuid":"u-1","creation_date":"2024-06-15","secretkey":"s3cret"}]})";
-  if (endpoint == "positions")
-    return concat(R"({"success":true,"last_prediction_id":)", counter, R"(,"last_pasttrip_id":)", counter,
-                  R"(,"last_poi_id":)", counter, "}");
-  if (endpoint == "predictions")
-    return R"({"success":true,"prediction_id":8,"start_time":"s","arrival_time":"a","probability":1,)"
-           R"("destination_lon":2.5,"destination_lat":48,"route":{"r":1},"destination_json":{"d":2},)"
-           R"("start_name":"Home","arrival_name":"Work","duration":12.5})";
-  if (endpoint == "pasttrips")
-    return R"({"success":true,"trips":[{"pasttrip_id":7,"departure_lat":48,"departure_lon":11,"arrival_lat":48,)"
-           R"("arrival_lon":11,"start_time":"2024-06-15T10:00:00.000+0000","route":{"type":"LineString"}}]})";
-  if (endpoint == "pois")
-    return R"({"success":true,"pois":[{"poi_id":3,"lat":48,"lon":11,"point_geo_json":{},"zone_geo_json":{"z":1}}]})";
-  if (endpoint == "userconf") return R"({"success":true,"results":[{"log_level":10}]})";
-  if (endpoint == "uplog") return R"({"success":true,"results":"uploaded","file":"TarvoLog_2024-06-01_u_IOS.txt"})";
-  return R"({"success":true})";
-}
-
 /// The answer with that form of that field.
-inline std::string answerWith(const std::string& endpoint, const std::string& field, std::size_t form) {
-  std::string answer = goodAnswer(endpoint, 9);
+inline std::string answerWith(std::string answer, const std::string& field, std::size_t form) {
   const std::string key = concat("\"", field, "\":");
   const auto begin = answer.find(key) + key.size();
   auto end = begin;
@@ -350,34 +319,29 @@ inline std::string answerWith(const std::string& endpoint, const std::string& fi
 
 /// Each field of each answer in each wrong form, and each call without a useful answer.
 inline void addRowsOfAnswers(std::vector<Row>& rows) {
-  for (const auto& [endpoint, keys, fates] : kFields) {
-    std::istringstream words(keys);
-    for (std::string key; words >> key;)
-      for (std::size_t form = 0; form < std::size(kForms); ++form) {
-        const std::string name = concat(endpoint, " ", key);
-        const bool isUsers = name.starts_with("users"), goesOn = fates[form] == '-', fatal = fates[form] == 'S';
-        Row row{fatal ? stops : goesOn ? acknowledged : stays, acknowledged, ""};
-        if (name == "positions success" || (isUsers && !goesOn)) row.confirmed = stays;
-        if (fatal)
-          row.logged = form == 0 ? "no past trip has an identifier" : concat("the backend's \"", key, "\" is no ");
-        row.what = concat(name, " ", kForms[form]);
-        row.endpoint = endpoint;
-        row.reply = httpReply(200, answerWith(endpoint, key, form));
-        row.alone = (isUsers && key != "success") || name == "pasttrips pasttrip_id";
-        rows.push_back(row);
-      }
+  for (const auto& [endpoint, good, fields] : kCalls) {
+    const auto add = [&](const std::string& key, const char* form, char fate, const std::string& reply) {
+      const std::string name = concat(endpoint, " ", key, key.empty() ? "" : " ", form);
+      Row row{fate == 'S' ? stops : fate == 'U' ? stays : acknowledged, acknowledged, ""};
+      if (name.starts_with("positions success") || (name.starts_with("users") && fate != '-')) row.confirmed = stays;
+      if (fate == 'S') row.logged = concat("the backend's \"", key, "\" is no ");
+      if (name == "pasttrips pasttrip_id missing") row.logged = "no past trip has an identifier";
+      row.what = name;
+      row.endpoint = endpoint;
+      row.reply = reply;
+      row.alone = (name.starts_with("users") && key != "success" && !key.empty()) || key == "pasttrip_id";
+      rows.push_back(row);
+    };
+    std::istringstream words(fields);
+    for (std::string key, fates; words >> key >> fates;)
+      for (std::size_t form = 0; form < std::size(kForms); ++form)
+        add(key, kForms[form], fates[form], httpReply(200, answerWith(good, key, form)));
+    const char fate = std::string_view(endpoint) == "users" ? 'U' : '-';
+    if (endpoint == kCalls[1].endpoint || endpoint == std::end(kCalls)[-1].endpoint) continue;
+    add("", "no answer", fate, "");
+    add("", "status 500", fate, httpReply(500));
+    add("", "no JSON", fate, httpReply(200, "nonsense"));
   }
-  const std::pair<const char*, std::string> replies[] = {
-      {"no answer", ""}, {"status 500", httpReply(500)}, {"no JSON", httpReply(200, "nonsense")}};
-  for (const std::string endpoint : kEndpoints)
-    for (const auto& [what, reply] : replies) {
-      const Fate fate = endpoint == "users" ? stays : acknowledged;
-      if (endpoint == "positions" || endpoint == "elsewhere") continue;
-      rows.push_back({fate, fate, ""});
-      rows.back().what = concat(endpoint, " ", what);
-      rows.back().endpoint = endpoint;
-      rows.back().reply = reply;
-    }
 }
 
 inline const std::vector<Row>& rows() {

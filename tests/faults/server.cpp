@@ -9,6 +9,7 @@
 #include <fstream>
 #include <map>
 #include <numeric>
+#include <regex>
 
 #include "faults/Driver.h"
 #include "faults/ServerRows.h"
@@ -38,15 +39,6 @@ TARVO_VISIBLE int clock_gettime(clockid_t clock, timespec* time) noexcept {
     *time = inTime(inSeconds(began) + (inSeconds(*time) - inSeconds(began)) * speed);
   return status;
 }
-TARVO_VISIBLE int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
-                                         const timespec* until) {
-  static const auto original =
-      reinterpret_cast<decltype(&pthread_cond_clockwait)>(::dlsym(RTLD_NEXT, "pthread_cond_clockwait"));
-  timespec real = *until;
-  if (clock == CLOCK_MONOTONIC && began.tv_sec != 0)
-    real = inTime(inSeconds(began) + (inSeconds(*until) - inSeconds(began)) / speed);
-  return original(condition, mutex, clock, &real);
-}
 TARVO_VISIBLE int poll(pollfd* descriptors, nfds_t count, int milliseconds) {
   const int real = milliseconds > 0 ? std::max(1, static_cast<int>(milliseconds / speed)) : milliseconds;
   return static_cast<int>(::syscall(SYS_poll, descriptors, count, real));
@@ -74,8 +66,6 @@ namespace {
 using platform::Seconds;
 namespace fs = std::filesystem;
 
-constexpr std::size_t kCalls = std::size(kEndpoints);
-
 class Server {
  public:
   Server() { shared->port = std::stoi(server_.port); }
@@ -96,14 +86,17 @@ class Server {
   static std::string answer(const std::string& request, int number) {
     const auto begin = request.find("/v1/demo/") + 9;
     const std::string endpoint = request.substr(begin, request.find_first_of(" ?", begin) - begin);
-    ++shared->asked[std::find(std::begin(kEndpoints), std::end(kEndpoints) - 1, endpoint) - kEndpoints];
+    const Call* call = std::find_if(std::begin(kCalls), std::end(kCalls) - 1,
+                                    [&](const Call& known) { return known.endpoint == endpoint; });
+    ++shared->asked[call - kCalls];
     const std::string_view asked = number < 0 ? "" : rows()[number].endpoint;
     if (asked == endpoint) return rows()[number].reply;
     static constexpr std::string_view kIndex = "\"unique_position_id_for_app\":\"";
     for (auto at = request.find(kIndex); at != request.npos; at = request.find(kIndex, at + 1))
       ++shared->received[std::stoul(request.substr(at + kIndex.size()))];
     const bool announces = asked == "predictions" || asked == "pasttrips" || asked == "pois";
-    return httpReply(200, goodAnswer(endpoint, announces ? number + 100 : 0));
+    const std::string news = concat(":", number + 100);  // of each kind there is a newer one
+    return httpReply(200, announces ? std::regex_replace(call->good, std::regex(":0"), news) : call->good);
   }
 
   test::RawServer server_{&Server::serve};
@@ -192,10 +185,10 @@ class Device : test::WholeSdk {
   void judge(int number, const Status& before, std::int64_t givenBefore) const {
     const Row& row = rows()[number];
     const Fate fate = confirmed_ ? row.confirmed : row.byDefault;
-    for (std::size_t call = 0; call < kCalls; ++call) {
-      const bool perFix = call >= 1 && call <= 4, isOfRow = row.endpoint == kEndpoints[call] && row.local == 0;
+    for (std::size_t call = 0; call < std::size(kCalls); ++call) {
+      const bool perFix = call >= 1 && call <= 4, isOfRow = row.endpoint == kCalls[call].endpoint && row.local == 0;
       const int asked = shared->asked[call], most = row.fixes + 1 + (perFix ? row.endpoint != "positions" : 3);
-      expect(asked <= most && asked >= int(isOfRow), number, kEndpoints[call], "requests:", asked);
+      expect(asked <= most && asked >= int(isOfRow), number, kCalls[call].endpoint, "requests:", asked);
     }
     const auto now = engine().syncStatus();
     const auto given = withoutAnswer() - givenBefore, done = now.acknowledged - before.acknowledged;
@@ -329,11 +322,13 @@ std::string markdown() {
     rest = columns;
   }
   text += "\n| answer to | field | missing | another type | null | huge | twice |\n|---|---|---|---|---|---|---|\n";
-  for (const auto& [endpoint, keys, fates] : kFields) {
-    text += concat("| `", endpoint, "` | ", keys, " |");
-    for (const char fate : std::string_view(fates))
-      text += fate == 'S' ? " **stops** |" : fate == 'U' ? " no user |" : " goes on |";
-    text += "\n";
+  for (const auto& [endpoint, good, fields] : kCalls) {
+    std::istringstream words(fields);
+    for (std::string key, fates; words >> key >> fates;) {
+      text += concat("| `", endpoint, "` | ", key, " |");
+      for (const char fate : fates) text += fate == 'S' ? " **stops** |" : fate == 'U' ? " no user |" : " goes on |";
+      text += "\n";
+    }
   }
   return text;
 }
