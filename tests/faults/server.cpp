@@ -2,25 +2,19 @@
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 
-#include <algorithm>
 #include <cmath>
 #include <csignal>
+#include <cstring>
 #include <fstream>
-
-#include <tarvo/NetworkManager.h>
-#include <tarvo/Tarvo.h>
-#include <tarvo/platform/Clock.h>
-#include <tarvo/platform/Environment.h>
-#include <tarvo/platform/LocationService.h>
-#include <tarvo/platform/SystemLog.h>
+#include <map>
+#include <numeric>
+#include <regex>
 
 #include "faults/Driver.h"
-#include "faults/ServerAnswers.h"
-#include "platform/foundation/Text.h"
-#include "platform/foundation/WorkInFlight.h"
+#include "faults/ServerRows.h"
 #include "support/FreshProcess.h"
+#include "support/WholeSdk.h"
 
 // Each row is lived through by a host with the whole SDK, in a process of its own, before a server in a process of its
 // own: the server does what the row says while the host collects, then is well again.
@@ -44,15 +38,6 @@ TARVO_VISIBLE int clock_gettime(clockid_t clock, timespec* time) noexcept {
   if (clock == CLOCK_MONOTONIC && began.tv_sec != 0)
     *time = inTime(inSeconds(began) + (inSeconds(*time) - inSeconds(began)) * speed);
   return status;
-}
-TARVO_VISIBLE int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
-                                         const timespec* until) {
-  static const auto original =
-      reinterpret_cast<decltype(&pthread_cond_clockwait)>(::dlsym(RTLD_NEXT, "pthread_cond_clockwait"));
-  timespec real = *until;
-  if (clock == CLOCK_MONOTONIC && began.tv_sec != 0)
-    real = inTime(inSeconds(began) + (inSeconds(*until) - inSeconds(began)) / speed);
-  return original(condition, mutex, clock, &real);
 }
 TARVO_VISIBLE int poll(pollfd* descriptors, nfds_t count, int milliseconds) {
   const int real = milliseconds > 0 ? std::max(1, static_cast<int>(milliseconds / speed)) : milliseconds;
@@ -81,84 +66,68 @@ namespace {
 using platform::Seconds;
 namespace fs = std::filesystem;
 
-constexpr std::size_t kMostPositions = 256;
-constexpr std::size_t kCalls = std::size(kEndpoints);
-
-/// What the processes of a row tell each other.
-struct Shared {
-  std::atomic<int> port{0}, row{-1};
-  std::atomic<bool> well{true};
-  std::atomic<int> asked[kCalls]{};             ///< while it was not
-  std::atomic<int> received[kMostPositions]{};  ///< by number, while it was
-  std::atomic<bool> mayBeMissing[kMostPositions]{};
-  struct {
-    std::int64_t stored, unsent, awaiting, acknowledged, withoutAnswer;
-  } after[2]{};  ///< what a row has done; what has followed
-};
-
-bool isDownload(std::string_view endpoint) {
-  return endpoint == "predictions" || endpoint == "pasttrips" || endpoint == "pois";
-}
-
 class Server {
  public:
-  Server(Shared& shared, bool withDownloads) : shared_(shared), withDownloads_(withDownloads) {
-    shared_.port = std::stoi(server_.port);
-  }
+  Server() { shared->port = std::stoi(server_.port); }
 
  private:
-  void serve(Connection& connection) {
-    const int number = shared_.row;
+  static void serve(Connection& connection) {
+    const int number = shared->row;
     if (number >= 0 && rows()[number].act) {
-      ++shared_.asked[1];
+      ++shared->asked[1];
       return rows()[number].act(connection);
     }
-    test::answerAsAnyHost(connection, {certificates().server}, [this, number, &connection](const std::string& request) {
-      std::string reply = answer(request, number);
+    test::answerAsAnyHost(connection, {certificates().server}, [number, &connection](const std::string& request) {
+      const std::string reply = answer(request, number);
       if (reply.empty()) ::shutdown(connection.socket, SHUT_RDWR);
       return reply;
     });
   }
-  std::string answer(const std::string& request, int number) {
+  static std::string answer(const std::string& request, int number) {
     const auto begin = request.find("/v1/demo/") + 9;
     const std::string endpoint = request.substr(begin, request.find_first_of(" ?", begin) - begin);
-    const auto call = std::find(std::begin(kEndpoints), std::end(kEndpoints) - 1, endpoint) - kEndpoints;
-    if (number >= 0) ++shared_.asked[call];
-    if (number >= 0 && rows()[number].endpoint == endpoint) return rows()[number].reply;
+    const Call* call = std::find_if(std::begin(kCalls), std::end(kCalls) - 1,
+                                    [&](const Call& known) { return known.endpoint == endpoint; });
+    ++shared->asked[call - kCalls];
+    const std::string_view asked = number < 0 ? "" : rows()[number].endpoint;
+    if (asked == endpoint) return rows()[number].reply;
     static constexpr std::string_view kIndex = "\"unique_position_id_for_app\":\"";
     for (auto at = request.find(kIndex); at != request.npos; at = request.find(kIndex, at + 1))
-      ++shared_.received[std::stoul(request.substr(at + kIndex.size()))];
-    return httpReply(200, goodAnswer(endpoint, withDownloads_));
+      ++shared->received[std::stoul(request.substr(at + kIndex.size()))];
+    const bool announces = asked == "predictions" || asked == "pasttrips" || asked == "pois";
+    const std::string news = concat(":", number + 100);  // of each kind there is a newer one
+    return httpReply(200, announces ? std::regex_replace(call->good, std::regex(":0"), news) : call->good);
   }
 
-  Shared& shared_;
-  const bool withDownloads_;
-  test::RawServer server_{[this](Connection& connection) { serve(connection); }};
+  test::RawServer server_{&Server::serve};
 };
 
+/// Tells what does not hold.
+template <class... Parts>
+void expect(bool holds, int row, const Parts&... parts) {
+  if (holds) return;
+  ++shared->faults;
+  std::cerr << concat(row < 0 ? "in the end" : rows()[row].what, ":", concat(" ", parts)...) + "\n";
+}
+
 /// The whole SDK of one process, on a clock that moves by itself only for the silence of servers.
-class Host {
+class Device : test::WholeSdk {
  public:
-  Host(Shared& shared, const fs::path& home, const Row& row, bool confirmed, double now)
-      : shared_(shared), clock_(std::make_shared<platform::ManualClock>(platform::dateSince1970(now))) {
+  Device(const fs::path& folder, const Row& row, bool confirmed, int day) : confirmed_(confirmed) {
     ::clock_gettime(CLOCK_MONOTONIC, &began);
     speed = row.speed;
-    platform::setHomeDirectory(home);
-    platform::Clock::install(clock_);
-    static std::ofstream log(home / "log", std::ios::app);
-    static std::mutex mutex;
-    platform::setSystemLogSink([](std::string_view message) {
-      const std::lock_guard lock(mutex);
-      log << message.substr(0, 500) << std::endl;
+    SetUp();
+    clock->advance(Seconds(86400.0 * day));
+    diary.onMessage([](std::string_view line) {
+      if (line.starts_with("Fatal error")) line.copy(shared->fatal, sizeof shared->fatal - 1);
     });
     std::string url = row.url;
-    url.replace(url.find("PORT"), 4, std::to_string(shared.port));
-    if (!platform::setInfoDictionary(
-            {{"CFBundleIdentifier", "org.example.host"}, {"TarvoApiKey", "key"}, {"TarvoClientID", "demo"}}) ||
-        !LocationManager::setRemoteWebServerURL(url + "/api", true))
+    url.replace(url.find("PORT"), 4, std::to_string(shared->port));
+    if (!platform::setHomeDirectory(folder) || !LocationManager::setRemoteWebServerURL(url + "/api", true))
       std::abort();
     Tarvo::setDeliveryOptions({.confirmed = confirmed, .dropsProtocolBreaks = confirmed});
   }
+  void TestBody() override {}
 
   /// Registered, unless the row is about that, and past the first 180 seconds.
   void start(int row) {
@@ -167,65 +136,94 @@ class Host {
     NetworkManager::setApiKeySecret("secret");
     tarvo_->activate(Tarvo::BACKEND_GEOPROFILE);
     idle();
-    clock_->advance(Seconds(180));
+    clock->advance(Seconds(180));
   }
-  void begin(int row) {
-    local = rows()[row].local;
-    shared_.row = row;
-    shared_.well = false;
-  }
-  /// What the row says happens to so many fixes, and to what else a host does.
-  void live(int row, int fixes) {
-    begin(row);
+  /// What the row says happens to fixes, and to what else a host does.
+  void live(int row) {
     const Row& lived = rows()[row];
+    const auto before = engine().syncStatus();
+    const auto givenBefore = withoutAnswer();
+    if (shared->row < 0) begin(row);
     isHeldUp_ = lived.byDefault == waits;
-    for (int i = 0; i < fixes; ++i) fix();
+    for (int i = 0; i < lived.fixes; ++i) fix();
     if (lived.endpoint != "positions") callEverything();
-    upload();  // what the last fix came too late for
-    shared_.row = -1;
-    shared_.well = true;
+    sendAll();  // what the last fix came too late for
+    judge(row, before, givenBefore);
+    shared->row = -1;
     local = 0;
+    if (std::exchange(isHeldUp_, false)) idle();
+    if (lived.endpoint == "positions") shared->lost += engine().syncStatus().acknowledged - before.acknowledged;
+    if (lived.endpoint != "users") settle();
   }
   void recover() {
-    isHeldUp_ = false;
     fix();
     callEverything();
-    for (int pass = 0; pass < 20; ++pass) {
-      const auto status = engine().syncStatus();
-      if (status.unsent + status.awaiting == 0) return;
-      clock_->advance(Seconds(900));
-      upload();
-    }
-  }
-  void report(int which) {
+    settle();
     const auto status = engine().syncStatus();
-    std::int64_t given = 0;
-    for (const auto& range : tarvo_->health().positions.acknowledgedWithoutAnswer)
-      given += range.last - range.first + 1;
-    shared_.after[which] = {status.stored, status.unsent, status.awaiting, status.acknowledged, given};
+    std::int64_t received = 0;
+    for (std::int64_t i = 0; i < status.stored; ++i) received += shared->received[i] > 0;
+    expect(status.acknowledged == status.stored, -1, "acknowledged:", status.acknowledged, "of", status.stored);
+    expect(received > 0 && received + std::max(shared->lost.load(), withoutAnswer()) >= status.stored, -1,
+           "received:", received, "of", status.stored, "without", shared->lost.load());
   }
 
  private:
-  static LocationManager& engine() { return LocationManager::sharedInstance(); }
-  void idle() { platform::WorkInFlight::waitUntilIdle(Seconds(isHeldUp_ ? 0.15 * speed : speed > 1 ? 5 * speed : 60)); }
-  void upload() {
+  using Status = decltype(std::declval<LocationManager&>().syncStatus());
+
+  void begin(int row) {
+    for (auto& asked : shared->asked) asked = 0;
+    diary.clear();
+    local = rows()[row].local;
+    shared->row = row;
+  }
+  std::int64_t withoutAnswer() const {
+    std::int64_t given = 0;
+    for (const auto& range : tarvo_->health().positions.acknowledgedWithoutAnswer)
+      given += range.last - range.first + 1;
+    return given;
+  }
+  void judge(int number, const Status& before, std::int64_t givenBefore) const {
+    const Row& row = rows()[number];
+    const Fate fate = confirmed_ ? row.confirmed : row.byDefault;
+    for (std::size_t call = 0; call < std::size(kCalls); ++call) {
+      const bool perFix = call >= 1 && call <= 4, isOfRow = row.endpoint == kCalls[call].endpoint && row.local == 0;
+      const int asked = shared->asked[call], most = row.fixes + 1 + (perFix ? row.endpoint != "positions" : 3);
+      expect(asked <= most && asked >= int(isOfRow), number, kCalls[call].endpoint, "requests:", asked);
+    }
+    const auto now = engine().syncStatus();
+    const auto given = withoutAnswer() - givenBefore, done = now.acknowledged - before.acknowledged;
+    expect(now.stored >= before.stored + row.fixes, number, "stored:", now.stored, "after", before.stored);
+    expect(fate == acknowledged || fate == givenUp ? now.acknowledged == now.stored : done == 0, number,
+           "acknowledged:", done, "of", now.stored - before.acknowledged);
+    expect(given == (fate == givenUp ? done : 0), number, "without an answer:", given);
+    expect(fate != waits || now.awaiting > 0, number, "awaiting:", now.awaiting);
+    std::string line = row.logged;
+    if (confirmed_ && fate == stays && row.endpoint == "positions") line = "[net] not confirmed, ";
+    if (line[0] == ':' || line[0] == '[') line = "NetworkManager:sendDataInBatchToRemoteWebServer " + line;
+    expect(diary.find(line) >= 0, number, "not in the log:", line);
+  }
+  void idle() const {
+    platform::WorkInFlight::waitUntilIdle(Seconds(isHeldUp_ ? 0.15 * speed : speed > 1 ? 5 * speed : 60));
+  }
+  void sendAll() const {
     engine().sendDataInBatchToRemoteWebServer();
     idle();
   }
+  void settle() const {
+    for (int pass = 0; pass < 20 && engine().syncStatus().acknowledged < engine().syncStatus().stored; ++pass) {
+      sendAll();
+      clock->advance(Seconds(900));
+    }
+  }
   void fix() {
-    clock_->advance(Seconds(1));
+    clock->advance(Seconds(1));
     latitude_ += 0.001;
-    platform::LocationService::shared().deliver({{.coordinate = {latitude_, 11.5},
-                                                  .altitude = 500,
-                                                  .horizontalAccuracy = 10,
-                                                  .verticalAccuracy = 10,
-                                                  .course = 0,
-                                                  .speed = 3,
-                                                  .timestamp = clock_->now()}});
+    platform::LocationService::shared().deliver({fixAt(latitude_, platform::secondsSince1970(clock->now()))});
     idle();
   }
   void callEverything() {
     std::ofstream(platform::documentDirectories().front() / "TarvoLog_2024-06-01_u_IOS.txt") << "line";
+    tarvo_->setApiKeySecret("secret");  // registers, if it is still to be done
     tarvo_->didRegisterForRemoteNotificationsWithDeviceToken("t0k");
     tarvo_->setSubscription("s", "{}");
     tarvo_->setUnSubscription("t");
@@ -237,142 +235,56 @@ class Host {
     idle();
   }
 
-  Shared& shared_;
-  std::shared_ptr<platform::ManualClock> clock_;
+  const bool confirmed_;
   std::optional<Tarvo> tarvo_;
   double latitude_ = 48;
   bool isHeldUp_ = false;
 };
 
-constexpr double kStart = 1718445600, kDay = 86400;
-
-/// One life of a device, judged in a process of its own: the rows of the plan, then a server that is well.
-class Life {
- public:
-  Life(std::vector<int> plan, bool confirmed, Driver& driver)
-      : plan_(std::move(plan)), confirmed_(confirmed), driver_(driver) {}
-
-  int run() {
-    const int server = startServer();
-    const int fixes = plan_.size() > 1 ? 2 : row().act || row().local != 0 ? 3 : 1;
-    if (row().local < 0) liveOn(kStart - kDay, false);  // or the name would be remembered from the registration
-    const int end = test::inFreshProcess([&] {
-      Host host(shared_, home_.path(), row(), confirmed_, kStart);
-      host.start(plan_.front());
-      for (const int lived : plan_) host.live(lived, fixes);
-      host.report(0);
-      host.recover();
-      host.report(1);
+/// One life of a device: the rows of the plan, then a server that is well. Answers 0 if all of it holds.
+int live(const std::vector<int>& plan, bool confirmed) {
+  const test::TempDir home;
+  ::setenv("TMPDIR", home.path().c_str(), 1);
+  shared = new (::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Shared;
+  const pid_t server = test::startProcess([] {
+    const Server well;
+    return ::pause();
+  });
+  while (shared->port == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  const Row& first = rows()[plan.front()];
+  int day = 0;
+  const auto process = [&](int upTo) {
+    return test::inFreshProcess([&] {
+      Device device(home.path(), first, confirmed, ++day);
+      device.start(shared->next < upTo ? plan[shared->next] : -1);
+      for (; shared->next < upTo; ++shared->next) device.live(plan[shared->next]);
+      device.recover();
       return 0;
     });
-    shared_.row = -1;
-    shared_.well = true;
-    if (end != 0) liveOn(kStart + kDay, true);
-    rusage used{};
-    ::getrusage(RUSAGE_CHILDREN, &used);
+  };
+  const int all = static_cast<int>(plan.size());
+  // Or the name would be remembered from the registration.
+  if (first.local < 0) expect(process(0) == 0, plan.front(), "no registration"), ++day;
+  for (int end = 1; end != 0 && shared->next <= all; ++day) {
+    end = process(all);
+    if (end == 0) break;
+    const int row = shared->next < all ? plan[shared->next] : -1;
+    const std::string_view line = shared->fatal;
+    expect(row >= 0 && !confirmed && rows()[row].byDefault == stops && end == -SIGABRT &&
+               line.starts_with("Fatal error: " + rows()[row].logged),
+           row, "the process ends with", end, line);
+    shared->row = -1;
+    ++shared->next;
+  }
+  rusage used{};
+  ::getrusage(RUSAGE_CHILDREN, &used);
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-    expect(used.ru_maxrss < 300'000, "kilobytes of memory:", used.ru_maxrss);
+  expect(used.ru_maxrss < 300'000, -1, "kilobytes of memory:", used.ru_maxrss);
 #endif
-    ::close(stopServer_);
-    test::endOf(server);
-    judge(end, fixes);
-    return failed_ ? 1 : 0;
-  }
-
- private:
-  const Row& row() const { return rows()[plan_.front()]; }
-  Fate fateOf(int number) const { return confirmed_ ? rows()[number].confirmed : rows()[number].byDefault; }
-
-  /// Another process of the same device, before a server that is well.
-  void liveOn(double now, bool toTheEnd) {
-    const int end = test::inFreshProcess([&] {
-      Host host(shared_, home_.path(), row(), confirmed_, now);
-      host.start(-1);
-      if (toTheEnd) host.recover();
-      host.report(1);
-      return 0;
-    });
-    expect(end == 0, "another process ends with", end);
-  }
-
-  int startServer() {
-    int ends[2];
-    if (::pipe(ends) != 0) std::abort();
-    const int process = test::startProcess([&]() -> int {
-      ::close(ends[1]);
-      serverIsWell = &shared_.well;
-      timesAsked = &shared_.asked[1];
-      const Server server(shared_, isDownload(row().endpoint));
-      char none;
-      [[maybe_unused]] const auto closed = ::read(ends[0], &none, 1);  // when nobody is left
-      ::_exit(0);
-    });
-    ::close(ends[0]);
-    stopServer_ = ends[1];
-    while (shared_.port == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    return process;
-  }
-
-  void judge(int end, int fixes) {
-    const bool single = plan_.size() == 1;
-    const auto& [bad, then] = shared_.after;
-    const Fate fate = fateOf(plan_.front());
-    expect(end == (fate == stops ? -SIGABRT : 0), "the process ends with", end);
-    const int triggers = (fixes + 1) * static_cast<int>(plan_.size());
-    for (std::size_t call = 0; call < kCalls; ++call) {
-      const bool perFix = call >= 1 && call <= 4;
-      const int most = triggers + (perFix ? row().endpoint != "positions" : 3);
-      expect(shared_.asked[call] <= most, kEndpoints[call], "requests:", shared_.asked[call].load());
-    }
-    if (single && fate != stops) {
-      const std::int64_t done = fate == acknowledged || fate == givenUp ? bad.stored : 0;
-      expect(bad.stored >= fixes, "stored:", bad.stored);
-      expect(bad.acknowledged == done, "acknowledged:", bad.acknowledged, "of", bad.stored);
-      expect(bad.withoutAnswer == (fate == givenUp ? done : 0), "without an answer:", bad.withoutAnswer);
-      expect(fate != waits || bad.awaiting > 0, "awaiting:", bad.awaiting);
-    }
-    expect(then.stored > fixes && then.acknowledged == then.stored, "at last acknowledged:", then.acknowledged, "of",
-           then.stored);
-    const bool mayMiss = std::ranges::any_of(plan_, [&](int n) {
-      return row().endpoint == "positions" && fateOf(n) != stays && fateOf(n) != stops &&
-             (fateOf(n) != waits || !confirmed_);
-    });
-    std::int64_t received = 0;
-    for (std::int64_t i = 0; i < then.stored; ++i) received += shared_.received[i] > 0;
-    expect(mayMiss || received == then.stored, "received:", received, "of", then.stored);
-    expect(received > 0, "nothing received");
-    expect(!single || fate != givenUp || received + then.withoutAnswer >= then.stored, "lost and not told:", received);
-    std::string expected = row().logged;
-    if (confirmed_ && row().byDefault == stops) expected = expected.substr(std::string_view("Fatal error: ").size());
-    if (confirmed_ && fate == stays && row().endpoint == "positions") expected = "[net] not confirmed, ";
-    if (single && !expected.empty()) {
-      const bool isOfCall = expected[0] == ':' || expected[0] == '[';
-      const auto line = concat(isOfCall ? "NetworkManager:sendDataInBatchToRemoteWebServer " : "", expected);
-      std::ifstream file(home_.path() / "log");
-      bool found = false;
-      for (std::string text; std::getline(file, text);) found = found || text.find(line) < 2;
-      expect(found, "not in the log:", line);
-    }
-  }
-
-  template <class... Parts>
-  void expect(bool holds, const Parts&... parts) {
-    if (holds) return;
-    failed_ = true;
-    std::string text = confirmed_ ? "confirmed" : "default";
-    for (const int number : plan_) text += ", " + rows()[number].what;
-    driver_.expect(false, concat(text, ":", concat(" ", parts)...));
-  }
-
-  const std::vector<int> plan_;
-  const bool confirmed_;
-  Driver& driver_;
-  Shared& shared_ =
-      *new (::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Shared;
-  const test::TempDir home_;
-  int stopServer_ = -1;
-  bool failed_ = false;
-};
+  ::kill(server, SIGKILL);
+  test::endOf(server);
+  return shared->faults == 0 ? 0 : 1;
+}
 
 /// How often a position is tried again at a fix a second: in the first hour, then in each. What the design has it, or
 /// by the expected waits of `DeliveryOptions::confirmed`.
@@ -403,32 +315,26 @@ std::string markdown() {
     const auto columns =
         concat(" | ", row.logged.empty() ? "" : concat("`", row.logged, "`"), " | ", kFates[row.byDefault], " | ",
                kFates[row.confirmed], " | ", triesPerHour(row, false), " | ", triesPerHour(row, true), " |\n");
-    const bool isAlike = row.form.empty() && columns == rest;
+    const bool isOfAnswers = !row.reply.empty(), isAlike = columns == rest && !isOfAnswers;
     if (!isAlike && !what.empty()) text += "| " + std::exchange(what, {}) + rest;
-    if (!row.form.empty()) break;
+    if (isOfAnswers) break;
     what += isAlike ? "; " + row.what : row.what;
     rest = columns;
   }
-  const auto cell = [](const Row& row) {
-    return row.byDefault == stops ? " **stops** |" : row.byDefault == stays ? " no user |" : " goes on |";
-  };
   text += "\n| answer to | field | missing | another type | null | huge | twice |\n|---|---|---|---|---|---|---|\n";
-  for (const Row& row : rows()) {
-    if (row.field.empty()) continue;
-    if (row.form == kForms[0]) text += concat("| `", row.endpoint, "` | ", row.field, " |");
-    text += concat(cell(row), row.form == std::end(kForms)[-1] ? "\n" : "");
-  }
-  text += "\n| call | no answer | status 500 | no JSON |\n|---|---|---|---|\n";
-  for (const Row& row : rows()) {
-    if (!row.field.empty() || row.form.empty()) continue;
-    if (row.form == kWhole[0]) text += concat("| `", row.endpoint, "` |");
-    text += concat(cell(row), row.form == std::end(kWhole)[-1] ? "\n" : "");
+  for (const auto& [endpoint, good, fields] : kCalls) {
+    std::istringstream words(fields);
+    for (std::string key, fates; words >> key >> fates;) {
+      text += concat("| `", endpoint, "` | ", key, " |");
+      for (const char fate : fates) text += fate == 'S' ? " **stops** |" : fate == 'U' ? " no user |" : " goes on |";
+      text += "\n";
+    }
   }
   return text;
 }
 
 int drive(int count, char** arguments) {
-  Driver driver("server", count, arguments, 0);
+  Driver driver("server", count, arguments, 1);
   certificates();
   if (count == 2 && arguments[1] == std::string_view("--markdown")) {
     std::cout << markdown();
@@ -438,33 +344,37 @@ int drive(int count, char** arguments) {
   ::setrlimit(RLIMIT_CORE, &none);
   ::signal(SIGPIPE, SIG_IGN);
   ::setenv("no_proxy", "*", 1);
-  std::int64_t done = 0;
-  int running = 0;
+  // Lives of rows that can follow each other in one process, in another order in each run.
+  constexpr std::size_t kMostOfALife = 30;
+  std::vector<int> order(rows().size());
+  std::iota(order.begin(), order.end(), 0);
+  std::erase_if(order, [&](int row) { return rows()[row].what.find(driver.only) == std::string::npos; });
+  std::int64_t running = 0, done = 0;
   const auto reap = [&] {
     int status = 0;
     if (::wait(&status) > 0) --running;
-    driver.expect(status == 0, "a row does not hold");
+    driver.expect(status == 0, "a life does not hold");
   };
-  const auto live = [&](const std::vector<int>& plan, bool confirmed) {
-    if (running == 2) reap();
-    ++running;
-    ++done;
-    test::startProcess([&] { return Life(plan, confirmed, driver).run(); });
-  };
-  const int all = static_cast<int>(rows().size());
-  for (int i = 0; i < all && driver.runs == 0; ++i)
-    for (const bool confirmed : {false, true})
-      if (count != 3 || rows()[i].what == arguments[2]) live({i}, confirmed);  // --row WHAT
   for (std::int64_t run = 0; run < driver.runs; ++run) {
-    std::vector<int> plan;
-    for (auto left = 2 + driver.upTo(6); left > 0;) {
-      const int number = static_cast<int>(driver.upTo(all - 1));
-      const Row& row = rows()[number];
-      if (!row.act || row.speed != 1 || row.url != rows()[0].url) continue;
-      plan.push_back(number);
-      --left;
-    }
-    live(plan, driver.upTo(1) == 1);
+    std::ranges::shuffle(order, driver.random);
+    std::map<std::string, std::vector<std::vector<int>>> lives[2];
+    for (const int number : order)
+      for (const bool confirmed : {false, true}) {
+        const Row& row = rows()[number];
+        if (confirmed && row.endpoint != "positions" && row.confirmed == row.byDefault) continue;  // nothing differs
+        auto& alike = lives[confirmed][concat(row.url, row.speed, row.act != nullptr, row.endpoint == "users",
+                                              row.alone ? row.what : "")];
+        if (alike.empty() || alike.back().size() == kMostOfALife) alike.emplace_back();
+        alike.back().push_back(number);
+      }
+    for (const bool confirmed : {false, true})
+      for (const auto& [what, plans] : lives[confirmed])
+        for (const auto& plan : plans) {
+          if (running == 2) reap();
+          ++running;
+          done += static_cast<std::int64_t>(plan.size());
+          test::startProcess([&] { return live(plan, confirmed); });
+        }
   }
   while (running > 0) reap();
   std::ifstream file(fs::path(TARVO_SOURCE_DIR) / "docs/delivery.md");
