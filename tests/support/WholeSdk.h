@@ -41,7 +41,7 @@ class DiaryDelegate : public TarvoDelegate {
 
 /// The whole SDK in a home of its own, on a clock that stands still, beside a real backend on loopback.
 class WholeSdk : public testing::Test {
- protected:
+ public:
   static constexpr double kStart = 1718445600;  // 2024-06-15 10:00:00 UTC
 
   void SetUp() override {
