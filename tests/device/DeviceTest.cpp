@@ -73,7 +73,7 @@ TEST(Device, TellsOfTheHostsBatteryOnlyWhenItsStateChangesWhileMonitored) {
   EXPECT_EQ(device.batteryLevel(), -1);
 }
 
-TEST(Device, KeepsOneIdentifierInAFileOfItsUserAlone) {
+TEST(Device, KeepsOneIdentifierInTheHome) {
   const test::TempDir home;
   setHomeDirectory(home.path());
   const std::string made = UIDevice::current().identifierForVendor().value();

@@ -4,12 +4,14 @@
 #include <signal.h>
 
 #include <future>
+#include <thread>
 #include <vector>
 
 #include <tarvo/platform/MainQueue.h>
 
 #include "platform/foundation/Timer.h"
 #include "platform/foundation/WorkInFlight.h"
+#include "support/FreshProcess.h"
 #include "support/LogDiary.h"
 #include "support/NoThreads.h"
 
@@ -62,6 +64,14 @@ TEST(SerialQueue, KeepsTheHostsSignalsFromItsThreads) {
     EXPECT_EQ(::sigismember(&blocked, signal), 1) << signal;
   ::pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
   EXPECT_EQ(::sigismember(&blocked, SIGTERM), 0) << "of the caller";
+}
+
+TEST(MainThread, IsTheFirstOfItsProcessAlsoAfterAForkOfAnother) {
+  EXPECT_TRUE(isMainThread());
+  std::thread([] {
+    EXPECT_FALSE(isMainThread());
+    EXPECT_EQ(test::inFreshProcess([] { return isMainThread() ? 0 : 1; }), 0);
+  }).join();
 }
 
 }  // namespace

@@ -143,6 +143,7 @@ TEST(PredictedTrip, ReadsTheFirstFeatureOfTheNextDestination) {
 
 TEST(PredictedTrip, TellsItsStartInTheZoneOfTheDevice) {
   ::setenv("TZ", "Etc/GMT-1", 1);
+  ::setenv("LC_ALL", "ar_EG.UTF-8", 1);
   const std::pair<const char*, std::optional<std::string>> cases[] = {
       {"soon", std::nullopt},
       {"2017-03-02T08:15:30.123+0000", "2017-03-02T09:15:30.123+0100"},
