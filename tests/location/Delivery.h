@@ -93,9 +93,9 @@ class LocationTest : public testing::Test, protected Process {
   static LocationService& service() { return LocationService::shared(); }
   static void deliver(int place) { service().deliver({fixAt(place)}); }
 
-  /// Meanwhile somebody sets the wall clock by ten years, or sets it right again.
+  /// Meanwhile somebody sets the wall clock, forward or back by some years.
   void pass(double seconds) {
-    wall->offset = wall->offset == 0 ? 3652 * 86400.0 : 0;
+    wall->offset = 3652 * 86400.0 * (++leaps * 2 % 3);
     clock->advance(Seconds(seconds));
   }
 
@@ -116,6 +116,7 @@ class LocationTest : public testing::Test, protected Process {
 
   DiaryDelegate delegate;
   CLLocationManager manager;
+  int leaps = 0;
 };
 
 }  // namespace tarvo::platform
