@@ -20,8 +20,10 @@ void timer(double seconds) {
   std::promise<void> fired;
   platform::SerialQueue queue("timer");
   const auto pending = platform::Timer::after(Seconds(0.05), queue, [&] { fired.set_value(); });
+  const Seconds start = clock->monotonic();
   clock->offset = seconds;
   ASSERT_EQ(fired.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  EXPECT_GT(clock->monotonic() - start, Seconds(0.045));
   EXPECT_LT(clock->looks, 40);
 }
 
