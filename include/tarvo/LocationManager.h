@@ -42,7 +42,7 @@ class LocationManagerDelegate {
 /// Threads: any thread unless an operation says otherwise. `start` runs on the caller's thread; `stop`,
 /// `stopLocationUpdate` and `requestLocationUpdate` wait for the engine's main queue and must not be called from a
 /// block on it. Reads wait for the object store.
-/// Errors: never throws; failures are logged and the operation is dropped.
+/// Errors: throws nothing but std::bad_alloc; failures are logged and the operation is dropped.
 class TARVO_API LocationManager {
  public:
   /// The engine. The first call builds it and returns after its first upload pass has been started.

@@ -16,7 +16,8 @@ class PositionSource;
 /// those of the moment of reading. What `StorageLimits` or an erasing takes meanwhile is left out; `size` stays.
 ///
 /// Threads: any, one at a time for each object; reading waits for the store's other work.
-/// Errors: never throws; when not all of them can be read that is logged, and `toVector` gives none.
+/// Errors: throws nothing but std::bad_alloc; when not all of them can be read that is logged, and `toVector` gives
+/// none.
 class TARVO_API LocationRecords {
  public:
   /// No positions.

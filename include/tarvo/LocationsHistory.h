@@ -15,7 +15,8 @@ namespace tarvo {
 /// The positions or the past trips of a span of time, and what a map needs of them. A plain value.
 ///
 /// Threads: any, one at a time for each object; operations on stored positions wait for the store's other work.
-/// Errors: never throws; a route that is no JSON is logged and skipped, positions that cannot be read are logged.
+/// Errors: throws nothing but std::bad_alloc; a route that is no JSON is logged and skipped, positions that cannot be
+/// read are logged.
 class TARVO_API LocationsHistory {
  public:
   LocationRecords locations;                       ///< by ascending index

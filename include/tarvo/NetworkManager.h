@@ -34,11 +34,11 @@ class NetworkManagerDelegate {
 /// have one each. Hosts use `Tarvo`, which calls the operations here in the modes that need them.
 ///
 /// The static fields are shared by all clients of the process. Threads: any; every call returns once its request has
-/// been started, and answers are handled one at a time on the shared session's queue. Errors: never throws; failures
-/// are logged and the call is dropped. A base address that is no URL, and a call of the user before the registration
-/// where it is not said otherwise, stop the process. Each client copies the base address and reads the user's secret
-/// from the user defaults when it is built, and opens (or joins) the background session of the process. What an answer
-/// or the session tells the engine builds it if there is none yet.
+/// been started, and answers are handled one at a time on the shared session's queue. Errors: throws nothing but
+/// std::bad_alloc; failures are logged and the call is dropped. A base address that is no URL, and a call of the user
+/// before the registration where it is not said otherwise, stop the process. Each client copies the base address and
+/// reads the user's secret from the user defaults when it is built, and opens (or joins) the background session of the
+/// process. What an answer or the session tells the engine builds it if there is none yet.
 class TARVO_API NetworkManager {
  public:
   /// Subscriptions that wait to be registered, name to notification value. Read as a copy; set as a whole or one entry.

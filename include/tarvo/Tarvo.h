@@ -51,7 +51,8 @@ class TarvoDelegate {
 /// object: the one that was created last or, if that was later, given a delegate last; once it is gone they reach none.
 /// The engine behind it is built with the first object and lives as long as the process.
 /// Threads: any. `activate`, `requestLocationUpdate` and `stopLocationUpdate` wait for the engine's main queue, reads
-/// wait for the object store. Errors: never throws; what cannot be done is logged, what must not be read is absent.
+/// wait for the object store. Errors: throws nothing but std::bad_alloc; what cannot be done is logged, what must not
+/// be read is absent.
 class TARVO_API Tarvo {
  public:
   using Trip = tarvo::Trip;

