@@ -1,45 +1,25 @@
 #pragma once
 
-#include <sqlite3.h>
-
-#include <filesystem>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include <tarvo/platform/Clock.h>
 #include <tarvo/platform/Environment.h>
 
-#include "platform/foundation/Files.h"
 #include "store/Locations.h"
 #include "store/ObjectStore.h"
 #include "store/PastTrips.h"
 #include "store/PointOfInterest.h"
 #include "store/Users.h"
+#include "support/StoreFile.h"
 #include "support/TempDir.h"
 
 namespace tarvo::faults {
 
 namespace fs = std::filesystem;
 
-inline std::string bytesOf(const fs::path& file) {
-  auto bytes = platform::readFile(file);
-  return bytes ? std::move(*bytes) : "";
-}
-
-/// As another program would, past every fault: the first value of the last row, or the failure.
-inline std::string ask(const fs::path& file, const std::string& sql) {
-  const auto keep = [](void* kept, int, char** values, char**) {
-    *static_cast<std::string*>(kept) = values[0] ? values[0] : "";
-    return 0;
-  };
-  std::string value;
-  sqlite3* database = nullptr;
-  sqlite3_open_v2(file.c_str(), &database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, "unix");
-  if (sqlite3_exec(database, sql.c_str(), keep, &value, nullptr) != SQLITE_OK) value = sqlite3_errmsg(database);
-  sqlite3_close(database);
-  return value;
-}
+using test::ask;
+using test::bytesOf;
 
 /// All that the file's records say; a position that could not be filled in is "--", with the number that it owns.
 inline std::string stateOf(const fs::path& file) {
@@ -128,20 +108,16 @@ struct Scenario {
   std::vector<StoreWork::Step> steps;
 };
 
-inline const std::vector<Scenario>& scenarios() {
-  using namespace steps;
-  static const auto& all = *new std::vector<Scenario>{
-      {"creation", Start::nothing, true, {nothing, storeUser}},
-      {"start", Start::filled, true, {nothing, mark}},
-      {"migration", Start::old, true, {nothing, add}},
-      {"intake", Start::made, false, {add, add, add, add, add, add}},
-      {"uploads", Start::filled, false, {mark, acknowledge, add, mark, acknowledge}},
-      {"downloads", Start::filled, false, {ingestTrip, ingestPlaces, storeUser}},
-      {"checkpoint", Start::filled, false, {add, checkpoint, add, checkpoint, mark}},
-      {"deletion", Start::filled, false, {removeOldest, checkpoint, removeAll}},
-  };
-  return all;
-}
+inline const Scenario kScenarios[] = {
+    {"creation", Start::nothing, true, {steps::nothing, steps::storeUser}},
+    {"start", Start::filled, true, {steps::nothing, steps::mark}},
+    {"migration", Start::old, true, {steps::nothing, steps::add}},
+    {"intake", Start::made, false, std::vector<StoreWork::Step>(6, steps::add)},
+    {"uploads", Start::filled, false, {steps::mark, steps::acknowledge, steps::add, steps::mark, steps::acknowledge}},
+    {"downloads", Start::filled, false, {steps::ingestTrip, steps::ingestPlaces, steps::storeUser}},
+    {"checkpoint", Start::filled, false, {steps::add, steps::checkpoint, steps::add, steps::checkpoint, steps::mark}},
+    {"deletion", Start::filled, false, {steps::removeOldest, steps::checkpoint, steps::removeAll}},
+};
 
 /// The files that scenarios begin with.
 class Starts {
