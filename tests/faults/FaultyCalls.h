@@ -19,7 +19,7 @@ namespace tarvo::faults {
 
 /// What changes a file or its name.
 struct Change {
-  enum Call { none, make, write, sync, truncate, rename, remove };
+  enum Call { none, make, write, sync, truncate, remove };
   Call call;         ///< `make` made the file, unless it was there
   std::string file;  ///< or the folder whose names are flushed
   std::string bytes;
@@ -34,6 +34,9 @@ struct FaultyCalls {
   inline static bool forEver = true;
   inline static std::vector<Change>* recorded = nullptr;
 
+  static void fail(const std::string& in, std::int64_t calls, int with, bool always) {
+    folder = in, left = calls, error = with, forEver = always;
+  }
   static std::string pathOf(int descriptor) {
     char path[4096];
     const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
@@ -92,7 +95,7 @@ int ftruncate(int file, off_t size) noexcept {
 int ftruncate64(int file, off64_t size) noexcept { return ftruncate(file, size); }
 int rename(const char* from, const char* to) noexcept {
   const auto call = [&] { return ::syscall(SYS_renameat2, AT_FDCWD, from, AT_FDCWD, to, 0); };
-  return static_cast<int>(FaultyCalls::run({Change::rename, from, to}, call));
+  return static_cast<int>(FaultyCalls::run({Change::none, from, {}}, call));
 }
 int unlink(const char* name) noexcept {
   const auto call = [&] { return ::syscall(SYS_unlinkat, AT_FDCWD, name, 0); };

@@ -4,9 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
-#include <fstream>
 
 #include <tarvo/platform/Device.h>
 #include <tarvo/platform/UserDefaults.h>
@@ -134,136 +132,128 @@ class Stores {
   std::vector<std::string> untouched_;
 };
 
+/// A file beside the store, and whether its bytes hold what a use of that number has left.
+struct PlainFile {
+  const char* name;
+  const char* path;  ///< in the home
+  bool (*holds)(const std::string& bytes, int number);
+};
+
+const PlainFile kPlainFiles[] = {
+    {"identifier", "Library/identifierForVendor", [](const std::string& bytes, int) { return bytes.size() == 36; }},
+    {"settings", "Library/Preferences/defaults.plist",
+     [](const std::string& bytes, int number) {
+       auto list = platform::parsePropertyList(bytes);
+       return list && list->asDictionary() && platform::findInteger(*list->asDictionary(), "number") == number;
+     }},
+    {"journal", "Library/Transfers/j.jsonl",
+     [](const std::string& bytes, int number) {
+       bool holds = true;
+       for (int each = std::min(number, 3); each <= number; ++each)
+         holds &= bytes.find(concat("\"identifier\":", each, ",")) != std::string::npos;
+       return holds;
+     }},
+    {"log", "Documents/TarvoLog_2023-11-14_u_IOS.txt",
+     [](const std::string& bytes, int number) { return bytes.ends_with(concat("[ERROR]:use ", number, "\n")); }},
+};
+
+/// A process that works with all of them.
+struct PlainWork {
+  explicit PlainWork(const fs::path& home) : transfers(home / "Library" / "Transfers", "j") {
+    platform::setHomeDirectory(home);
+    platform::Clock::install(std::make_shared<platform::ManualClock>(platform::dateSince1970(1.7e9)));
+    Settings::shared().userUUID.set("u");
+  }
+  void use(int number) {
+    auto& defaults = platform::UserDefaults::standard();
+    defaults.set("tarvologlevel", 6);
+    defaults.set("number", number);
+    (void)platform::UIDevice::current().identifierForVendor();
+    Log::error("use ", number);
+    transfers.putResumed({number, {"http://a/", "POST"}, "/f"});
+    transfers.flush();
+    (void)platform::WorkInFlight::waitUntilIdle(platform::Seconds(30));
+  }
+
+  platform::TransferJournal transfers;
+  /// Without a journal from its start, a process goes on without it, and says so.
+  const bool journals = test::LogDiary::installed().count("transfers are not journalled") == 0;
+};
+
 /// The files beside the store: each damaged before a process starts or under it, and each call for them failed.
 class PlainFiles {
  public:
-  PlainFiles(Driver& driver, std::int64_t longest) : driver_(driver), longest_(longest) {
-    const int end = test::inFreshProcess([&] {
-      Process first(made_);
+  explicit PlainFiles(Driver& driver) : driver_(driver) {
+    const auto work = [&] {
+      PlainWork first(made_);
       for (const int number : {0, 1}) first.use(number);
       return 0;
-    });
-    driver_.expect(end == 0, "a sound disk");
+    };
+    driver_.expect(test::inFreshProcess(work) == 0, "a sound disk");
   }
 
-  void tryAll() {
-    for (const File file : {settings, identifier, journal, log}) {
-      const auto size = static_cast<std::int64_t>(fs::file_size(pathOf(made_, file)));
+  void tryAll(std::int64_t longest) {
+    for (const PlainFile& file : kPlainFiles) {
+      const auto size = static_cast<std::int64_t>(fs::file_size(made_ / file.path));
       for (const bool isRunning : {false, true}) {
-        const auto damaged = [&](const std::string& how, void (*damage)(const fs::path&, std::int64_t), auto length) {
-          const auto strike = [=](const fs::path& home) { damage(pathOf(home, file), length); };
-          survives(concat("file ", static_cast<int>(file), isRunning ? " under a process " : " ", how, " ", length),
-                   file, isRunning, strike);
+        const auto damaged = [&](const std::string& how, const auto& damage) {
+          const auto strike = [&](const fs::path& home) { damage(home / file.path); };
+          survives(concat(file.name, isRunning ? " under a process, " : ", ", how), &file, isRunning, strike);
         };
-        for (std::int64_t length = 0; length < size; length += 1 + driver_.upTo(longest_ * size / 80))
-          damaged(
-              "cut at", [](const fs::path& path, std::int64_t at) { fs::resize_file(path, at); }, length);
-        damaged(
-            "removed", [](const fs::path& path, std::int64_t) { fs::remove(path); }, 0);
-        damaged(
-            "made a folder", [](const fs::path& path, std::int64_t) { fs::remove(path), fs::create_directory(path); },
-            0);
+        for (std::int64_t at = 0; at < size; at += 1 + driver_.upTo(longest * size / 80))
+          damaged(concat("cut at ", at), [&](const fs::path& path) { fs::resize_file(path, at); });
+        damaged("removed", [](const fs::path& path) { fs::remove(path); });
+        damaged("made a folder", [](const fs::path& path) { fs::remove(path), fs::create_directory(path); });
       }
     }
     for (const int error : {ENOSPC, EIO, EROFS})
-      for (const bool forEver : {true, false})
-        for (std::int64_t nth = 0;; nth += 1 + driver_.upTo(longest_)) {
-          const auto strike = [=](const fs::path& home) {
-            FaultyCalls::error = error;
-            FaultyCalls::forEver = forEver;
-            FaultyCalls::left = nth;
-            FaultyCalls::folder = home;
-          };
-          if (!survives(concat("call ", nth, " gives ", error, forEver ? " from then on" : ""), all, false, strike))
-            break;
-        }
+      for (const bool forEver : {true, false}) {
+        std::int64_t nth = 0;
+        const auto strike = [&](const fs::path& home) { FaultyCalls::fail(home, nth, error, forEver); };
+        while (survives(concat("call ", nth, " gives ", error, forEver ? " from then on" : ""), nullptr, false, strike))
+          nth += 1 + driver_.upTo(longest);
+      }
   }
 
   std::int64_t done = 0;
 
  private:
-  enum File { settings, identifier, journal, log, all, none };
-
-  static fs::path pathOf(const fs::path& home, File file) {
-    const fs::path paths[] = {"Library/Preferences/defaults.plist", "Library/identifierForVendor",
-                              "Library/Transfers/j.jsonl"};
-    if (file < log) return home / paths[file];
-    for (const auto& entry : fs::directory_iterator(home / "Documents")) return entry.path();
-    return home / "Documents" / "none";
-  }
-
-  /// A process that works with all four; its uses are told apart by their numbers.
-  struct Process {
-    explicit Process(const fs::path& home) : transfers(home / "Library" / "Transfers", "j") {
-      platform::setHomeDirectory(home);
-      platform::Clock::install(std::make_shared<platform::ManualClock>(platform::dateSince1970(1.7e9)));
-      Settings::shared().userUUID.set("u");
-    }
-    void use(int number) {
-      auto& defaults = platform::UserDefaults::standard();
-      defaults.set("tarvologlevel", 6);
-      defaults.set("number", number);
-      uuid = platform::UIDevice::current().identifierForVendor();
-      Log::error("use ", number);
-      transfers.putResumed({number, {"http://a/", "POST"}, "/f"});
-      transfers.flush();
-      (void)platform::WorkInFlight::waitUntilIdle(platform::Seconds(30));
-    }
-    platform::TransferJournal transfers;
-    /// Without a journal from its start, a process goes on without it, and says so.
-    const bool journals = test::LogDiary::installed().count("transfers are not journalled") == 0;
-    std::optional<std::string> uuid;
-  };
-
-  /// What one does not find of the latest use in the files of a home.
-  std::string missing(const fs::path& home, int number, const Process& process, File damaged) const {
+  /// The files of a home that do not hold what a use has left in them.
+  static std::string wrongAt(int number, const fs::path& home, const PlainWork& work, std::string_view except) {
     std::string wrong;
-    const auto expect = [&](bool holds, File file) {
-      if (!holds && damaged != all && damaged != file) wrong += concat(" file ", static_cast<int>(file));
-    };
-    const auto text = [&](File file) { return bytesOf(pathOf(home, file)); };
-    const auto plist = platform::parsePropertyList(text(settings));
-    const bool isReadable = plist && plist->asDictionary();
-    if (!isReadable && damaged != settings) wrong += " half settings";
-    expect(isReadable && platform::findInteger(*plist->asDictionary(), "number") == number, settings);
-    expect(text(identifier).size() == 36 && text(identifier) == process.uuid, identifier);
-    for (const int each : {3, number})
-      expect(!process.journals || text(journal).find(concat("\"identifier\":", each, ",")) != std::string::npos,
-             journal);
-    expect(text(log).ends_with(concat("[ERROR]:use ", number, "\n")), log);
-    return wrong.empty() ? wrong : concat(" at use ", number, wrong);
+    for (const PlainFile& file : kPlainFiles)
+      if (file.name != except && (work.journals || file.name != std::string_view("journal")) &&
+          !file.holds(bytesOf(home / file.path), number))
+        wrong += concat(" ", file.name, " at use ", number);
+    return wrong;
   }
 
-  /// Answers whether the damage was done.
-  bool survives(const std::string& what, File file, bool isRunning,
+  /// Answers whether something was struck: that file, or without one the calls for any.
+  bool survives(const std::string& what, const PlainFile* file, bool isRunning,
                 const std::function<void(const fs::path& home)>& strike) {
     std::snprintf(trying, sizeof trying, "%s", what.c_str());
-    constexpr int kUntouched = 9;
     const test::TempDir folder;
     const fs::path& home = folder.path();
     fs::copy(made_, home, fs::copy_options::recursive);
+    constexpr int kUntouched = 9;
     const int end = test::inFreshProcess([&] {
       ::alarm(60);
+      const auto identifier = [](const fs::path& of) { return bytesOf(of / kPlainFiles->path); };
       if (!isRunning) strike(home);
-      const std::string damaged = file == settings ? bytesOf(pathOf(home, file)) : "";
-      Process process(home);
-      process.use(2);
+      PlainWork work(home);
+      work.use(2);
       if (isRunning) strike(home);
-      process.use(3);
+      work.use(3);
       FaultyCalls::folder.clear();
-      if (file == all && FaultyCalls::failed == 0) return kUntouched;
-      std::string wrong = missing(home, 3, process, file);
-      const fs::path path = pathOf(home, file);
-      // What cannot be read may be worth a repair.
-      if (file == settings && test::LogDiary::installed().count("cannot be read") == 1) {
-        if (bytesOf(path) != damaged) wrong += " replaced";
-        fs::remove(path);
-      }
-      if (fs::is_directory(path)) fs::remove(path);
-      for (const int number : {4, 5}) process.use(number);
+      if (!file && FaultyCalls::failed == 0) return kUntouched;
+      std::string wrong = file ? wrongAt(3, home, work, file->name) : "";
+      // What cannot be read is not replaced.
+      if (file && (file == &kPlainFiles[1] || fs::is_directory(home / file->path))) fs::remove(home / file->path);
+      for (const int number : {4, 5}) work.use(number);
       // A process does not look again for the identifier that it has read.
-      wrong += missing(home, 5, process, isRunning && file == identifier ? file : none);
-      if (file != identifier && process.uuid != bytesOf(pathOf(made_, identifier))) wrong += " another identifier";
+      const bool isKnown = isRunning && file == kPlainFiles;
+      wrong += wrongAt(5, home, work, isKnown ? kPlainFiles->name : "");
+      if (file != kPlainFiles && identifier(home) != identifier(made_)) wrong += " another identifier";
       if (!wrong.empty()) std::cerr << trying << ":" << wrong << "\n";
       return wrong.empty() ? 0 : 1;
     });
@@ -272,9 +262,8 @@ class PlainFiles {
   }
 
   Driver& driver_;
-  const std::int64_t longest_;
   const test::TempDir folder_;
-  const fs::path made_ = folder_.path() / "made";  ///< a home in which all four have been used
+  const fs::path made_ = folder_.path() / "made";  ///< a home in which all of them have been used
 };
 
 int run(int count, char** arguments) {
@@ -284,8 +273,8 @@ int run(int count, char** arguments) {
   test::LogDiary::installed();
   // All of them are about so many; fewer go in longer steps.
   const std::int64_t longest = std::max<std::int64_t>(2 * 14'000 / driver.runs - 2, 0);
-  PlainFiles files(driver, longest);
-  files.tryAll();
+  PlainFiles files(driver);
+  files.tryAll(longest);
   const test::TempDir home;
   platform::setHomeDirectory(home.path());
   FaultyDisk::install();

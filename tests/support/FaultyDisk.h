@@ -4,7 +4,6 @@
 
 #include <cstring>
 #include <limits>
-#include <string_view>
 
 namespace tarvo::platform {
 
@@ -46,53 +45,41 @@ class FaultyDisk {
   static int failures() { return failedCalls; }
 
  private:
-  /// The methods of a real file with some replaced.
-  struct Methods : sqlite3_io_methods {
-    Methods(const sqlite3_io_methods* methods, std::string_view name)
-        : sqlite3_io_methods(*methods), real(methods), isLog(name.ends_with("-wal")) {
-      xClose = [](sqlite3_file* file) {
-        const Methods* own = &of(file);
-        file->pMethods = own->real;
-        delete own;
-        return file->pMethods->xClose(file);
-      };
-      xRead = [](sqlite3_file* file, void* bytes, int count, sqlite3_int64 at) {
-        const bool fails = !(failed == SQLITE_CORRUPT && of(file).isLog) && failing(Call::read);
-        if (fails && failed != SQLITE_CORRUPT) return failed;
-        const int status = of(file).real->xRead(file, bytes, count, at);
-        if (fails) std::memset(bytes, 0xff, static_cast<std::size_t>(count));
-        return status;
-      };
-      xWrite = [](sqlite3_file* file, const void* bytes, int count, sqlite3_int64 at) {
-        return failing(Call::write) ? failed : of(file).real->xWrite(file, bytes, count, at);
-      };
-      xSync = [](sqlite3_file* file, int flags) {
-        return failing(Call::sync) ? failed : of(file).real->xSync(file, flags);
-      };
-      xTruncate = [](sqlite3_file* file, sqlite3_int64 size) {
-        return failing(Call::truncate) ? failed : of(file).real->xTruncate(file, size);
-      };
-      xLock = [](sqlite3_file* file, int level) {
-        return failing(Call::lock) ? failed : of(file).real->xLock(file, level);
-      };
-      xShmMap = [](sqlite3_file* file, int page, int size, int extend, void volatile** out) {
-        return failing(Call::map) ? failed : of(file).real->xShmMap(file, page, size, extend, out);
-      };
-      xShmLock = [](sqlite3_file* file, int offset, int count, int flags) {
-        const bool fails = (flags & SQLITE_SHM_LOCK) != 0 && failing(Call::mapLock);
-        return fails ? failed : of(file).real->xShmLock(file, offset, count, flags);
-      };
-    }
-    static const Methods& of(sqlite3_file* file) { return *static_cast<const Methods*>(file->pMethods); }
-    const sqlite3_io_methods* real;
-    const bool isLog;
-  };
+  /// The methods of real files with some replaced: [1] is for write-ahead logs.
+  static sqlite3_io_methods methodsOf(const sqlite3_io_methods& methods) {
+    using File = sqlite3_file*;
+    using At = sqlite3_int64;
+    sqlite3_io_methods own = methods;
+    own.xRead = [](File file, void* bytes, int count, At at) {
+      const bool fails = !(failed == SQLITE_CORRUPT && file->pMethods == &faulty[1]) && failing(read);
+      if (fails && failed != SQLITE_CORRUPT) return failed;
+      const int status = sound->xRead(file, bytes, count, at);
+      if (fails) std::memset(bytes, 0xff, static_cast<std::size_t>(count));
+      return status;
+    };
+    own.xWrite = [](File file, const void* bytes, int count, At at) {
+      return failing(write) ? failed : sound->xWrite(file, bytes, count, at);
+    };
+    own.xSync = [](File file, int flags) { return failing(sync) ? failed : sound->xSync(file, flags); };
+    own.xTruncate = [](File file, At size) { return failing(truncate) ? failed : sound->xTruncate(file, size); };
+    own.xLock = [](File file, int level) { return failing(lock) ? failed : sound->xLock(file, level); };
+    own.xShmMap = [](File file, int page, int size, int extend, void volatile** out) {
+      return failing(map) ? failed : sound->xShmMap(file, page, size, extend, out);
+    };
+    own.xShmLock = [](File file, int offset, int count, int flags) {
+      const bool fails = (flags & SQLITE_SHM_LOCK) != 0 && failing(mapLock);
+      return fails ? failed : sound->xShmLock(file, offset, count, flags);
+    };
+    return own;
+  }
 
   static int openFile(sqlite3_vfs*, const char* name, sqlite3_file* file, int flags, int* outFlags) {
     file->pMethods = nullptr;
     if (failing(open)) return failed;
     const int status = real->xOpen(real, name, file, flags, outFlags);
-    if (status == SQLITE_OK && file->pMethods) file->pMethods = new Methods(file->pMethods, name ? name : "");
+    if (status != SQLITE_OK || !file->pMethods) return status;
+    if (!sound) faulty[0] = faulty[1] = methodsOf(*(sound = file->pMethods));
+    if (file->pMethods == sound) file->pMethods = &faulty[(flags & SQLITE_OPEN_WAL) != 0 ? 1 : 0];
     return status;
   }
 
@@ -104,6 +91,8 @@ class FaultyDisk {
 
   static constexpr int kNoLimit = std::numeric_limits<int>::max();
   inline static sqlite3_vfs* real = nullptr;
+  inline static const sqlite3_io_methods* sound = nullptr;
+  inline static sqlite3_io_methods faulty[2];
   inline static Call failingCall = open;
   inline static int failed = SQLITE_OK, failedCalls = 0, callsLeft = kNoLimit;
   inline static bool failsForEver = true;
