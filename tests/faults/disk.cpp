@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <set>
 
 #include <tarvo/platform/Device.h>
 #include <tarvo/platform/UserDefaults.h>
@@ -279,12 +280,14 @@ int run(int count, char** arguments) {
   platform::setHomeDirectory(home.path());
   FaultyDisk::install();
   Stores stores(driver);
+  std::set<const Fault*> struck;
   for (const Scenario& scenario : kScenarios)
     for (const Fault& fault : kFaults)
       for (const int status : fault.statuses)
         for (const bool forEver : {true, false})
-          for (int nth = 0; stores.survives(scenario, fault, status, nth, forEver); ++files.done)
+          for (int nth = 0; stores.survives(scenario, fault, status, nth, forEver); ++files.done, struck.insert(&fault))
             nth += 1 + static_cast<int>(driver.upTo(longest));
+  driver.expect(struck.size() == std::size(kFaults), "a kind of fault never struck");
   return driver.end(files.done);
 }
 

@@ -58,12 +58,7 @@ TEST(LedgerText, IsBoundedReadsItselfAndRefusesAnythingElse) {
   EXPECT_EQ(LedgerText::read(text), ledger);
   EXPECT_LT(text.size(), 3'000u);
   for (std::size_t cut = 0; cut < text.size(); ++cut) EXPECT_FALSE(LedgerText::read(text.substr(0, cut))) << cut;
-  for (const auto& [part, other] : {std::pair("rejected", "mine"),
-                                    {"background", "b"},
-                                    {"[0,1065]", "[-1,1065]"},
-                                    {"[0,1065]", "[1065,0]"},
-                                    {"38.5", "true"},
-                                    {"\"written\"", "\"w\""}})
+  for (const auto& [part, other] : {std::pair("rejected", "mine"), {"[0,1065]", "[1065,0]"}, {"38.5", "true"}})
     EXPECT_FALSE(LedgerText::read(std::string(text).replace(text.find(part), std::strlen(part), other))) << other;
 }
 

@@ -29,7 +29,7 @@ class FaultyDisk {
     sqlite3_vfs_register(&disk, 1);
   }
   /// Lets `calls` more of that kind through, then fails the next one or each one. A read that is to give
-  /// SQLITE_CORRUPT gives bytes that make no sense; not of a write-ahead log, which is taken to end there.
+  /// SQLITE_CORRUPT gives bytes that make no sense; not of a log, which is taken to end there.
   static void fail(Call call, int status, int calls = 0, bool forEver = true) {
     failingCall = call;
     failed = status;
@@ -45,30 +45,34 @@ class FaultyDisk {
   static int failures() { return failedCalls; }
 
  private:
-  /// The methods of real files with some replaced: [1] is for write-ahead logs.
+  /// SQLite has other methods for a database than for the logs beside it.
+  static int kindOf(sqlite3_file* file) { return file->pMethods == &faulty[1] ? 1 : 0; }
+  static const sqlite3_io_methods& soundOf(sqlite3_file* file) { return *sound[kindOf(file)]; }
+
+  /// The methods of real files with some replaced.
   static sqlite3_io_methods methodsOf(const sqlite3_io_methods& methods) {
     using File = sqlite3_file*;
     using At = sqlite3_int64;
     sqlite3_io_methods own = methods;
     own.xRead = [](File file, void* bytes, int count, At at) {
-      const bool fails = !(failed == SQLITE_CORRUPT && file->pMethods == &faulty[1]) && failing(read);
+      const bool fails = !(failed == SQLITE_CORRUPT && kindOf(file) == 1) && failing(read);
       if (fails && failed != SQLITE_CORRUPT) return failed;
-      const int status = sound->xRead(file, bytes, count, at);
+      const int status = soundOf(file).xRead(file, bytes, count, at);
       if (fails) std::memset(bytes, 0xff, static_cast<std::size_t>(count));
       return status;
     };
     own.xWrite = [](File file, const void* bytes, int count, At at) {
-      return failing(write) ? failed : sound->xWrite(file, bytes, count, at);
+      return failing(write) ? failed : soundOf(file).xWrite(file, bytes, count, at);
     };
-    own.xSync = [](File file, int flags) { return failing(sync) ? failed : sound->xSync(file, flags); };
-    own.xTruncate = [](File file, At size) { return failing(truncate) ? failed : sound->xTruncate(file, size); };
-    own.xLock = [](File file, int level) { return failing(lock) ? failed : sound->xLock(file, level); };
+    own.xSync = [](File file, int flags) { return failing(sync) ? failed : soundOf(file).xSync(file, flags); };
+    own.xTruncate = [](File file, At size) { return failing(truncate) ? failed : soundOf(file).xTruncate(file, size); };
+    own.xLock = [](File file, int level) { return failing(lock) ? failed : soundOf(file).xLock(file, level); };
     own.xShmMap = [](File file, int page, int size, int extend, void volatile** out) {
-      return failing(map) ? failed : sound->xShmMap(file, page, size, extend, out);
+      return failing(map) ? failed : soundOf(file).xShmMap(file, page, size, extend, out);
     };
     own.xShmLock = [](File file, int offset, int count, int flags) {
       const bool fails = (flags & SQLITE_SHM_LOCK) != 0 && failing(mapLock);
-      return fails ? failed : sound->xShmLock(file, offset, count, flags);
+      return fails ? failed : soundOf(file).xShmLock(file, offset, count, flags);
     };
     return own;
   }
@@ -78,8 +82,10 @@ class FaultyDisk {
     if (failing(open)) return failed;
     const int status = real->xOpen(real, name, file, flags, outFlags);
     if (status != SQLITE_OK || !file->pMethods) return status;
-    if (!sound) faulty[0] = faulty[1] = methodsOf(*(sound = file->pMethods));
-    if (file->pMethods == sound) file->pMethods = &faulty[(flags & SQLITE_OPEN_WAL) != 0 ? 1 : 0];
+    const int kind = (flags & SQLITE_OPEN_MAIN_DB) != 0 ? 0 : 1;
+    sound[kind] = file->pMethods;
+    faulty[kind] = methodsOf(*file->pMethods);
+    file->pMethods = &faulty[kind];
     return status;
   }
 
@@ -91,7 +97,7 @@ class FaultyDisk {
 
   static constexpr int kNoLimit = std::numeric_limits<int>::max();
   inline static sqlite3_vfs* real = nullptr;
-  inline static const sqlite3_io_methods* sound = nullptr;
+  inline static const sqlite3_io_methods* sound[2] = {};
   inline static sqlite3_io_methods faulty[2];
   inline static Call failingCall = open;
   inline static int failed = SQLITE_OK, failedCalls = 0, callsLeft = kNoLimit;
