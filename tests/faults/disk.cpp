@@ -158,6 +158,8 @@ const PlainFile kPlainFiles[] = {
      [](const std::string& bytes, int number) { return bytes.ends_with(concat("[ERROR]:use ", number, "\n")); }},
 };
 
+const PlainFile *const kSettings = &kPlainFiles[1], *const kJournal = &kPlainFiles[2];
+
 /// A process that works with all of them.
 struct PlainWork {
   explicit PlainWork(const fs::path& home) : transfers(home / "Library" / "Transfers", "j") {
@@ -212,7 +214,7 @@ class PlainFiles {
         std::int64_t nth = 0;
         const auto strike = [&](const fs::path& home) { FaultyCalls::fail(home, nth, error, forEver); };
         while (survives(concat("call ", nth, " gives ", error, forEver ? " from then on" : ""), nullptr, false, strike))
-          nth += 1 + driver_.upTo(longest);
+          nth += 1 + driver_.upTo(longest / 4);
       }
   }
 
@@ -223,8 +225,7 @@ class PlainFiles {
   static std::string wrongAt(int number, const fs::path& home, const PlainWork& work, std::string_view except) {
     std::string wrong;
     for (const PlainFile& file : kPlainFiles)
-      if (file.name != except && (work.journals || file.name != std::string_view("journal")) &&
-          !file.holds(bytesOf(home / file.path), number))
+      if (file.name != except && (work.journals || &file != kJournal) && !file.holds(bytesOf(home / file.path), number))
         wrong += concat(" ", file.name, " at use ", number);
     return wrong;
   }
@@ -248,8 +249,9 @@ class PlainFiles {
       FaultyCalls::folder.clear();
       if (!file && FaultyCalls::failed == 0) return kUntouched;
       std::string wrong = file ? wrongAt(3, home, work, file->name) : "";
+      if (!file && !platform::parsePropertyList(bytesOf(home / kSettings->path))) wrong = " half settings";
       // What cannot be read is not replaced.
-      if (file && (file == &kPlainFiles[1] || fs::is_directory(home / file->path))) fs::remove(home / file->path);
+      if (file && (file == kSettings || fs::is_directory(home / file->path))) fs::remove(home / file->path);
       for (const int number : {4, 5}) work.use(number);
       // A process does not look again for the identifier that it has read.
       const bool isKnown = isRunning && file == kPlainFiles;

@@ -15,17 +15,24 @@ namespace {
 
 namespace fs = std::filesystem;
 
-TEST(ObjectStoreFile, IsCreatedForItsOwnerAlone) {
+TEST(ObjectStoreFile, IsCreatedForItsOwnerAloneAndWholeAfterACheckpoint) {
   test::TempDir dir;
   for (const char* name : {"absent", "empty"}) {
     const auto file = dir.path() / name;
     if (name == std::string_view("empty")) std::ofstream(file).flush();
     TestStore store(file);
+    std::string id;
     store.run([&] {
       store.fill(1);
+      id = store.fetch().at(0)->objectID().description();
       for (const char* side : {"", "-wal", "-shm"})
         EXPECT_EQ(fs::status(file.string() + side).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+      EXPECT_FALSE(store.coordinator->checkpoint());
     });
+
+    fs::copy(file, file.string() + ".copy");
+    TestStore copy(file.string() + ".copy");
+    copy.run([&] { EXPECT_EQ(copy.fetch().at(0)->objectID().description(), id); });
   }
 }
 
