@@ -1,23 +1,30 @@
 #pragma once
 
-// Takes the place of the system's calls for the whole program: for the one source of a driver.
+// Takes the place of the system's calls for the whole program, its libraries too: for the one source of a driver.
 
-#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdarg.h>
-#include <stdio.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdint>
-#include <filesystem>
+#include <cstdio>
+#include <cstring>
 #include <string>
-
-#include "support/FaultyDisk.h"
+#include <vector>
 
 namespace tarvo::faults {
+
+/// What changes a file or its name.
+struct Change {
+  enum Call { none, make, write, sync, truncate, remove };
+  Call call;         ///< `make` made the file, unless it was there
+  std::string file;  ///< or the folder whose names are flushed
+  std::string bytes;
+  std::int64_t at = 0;  ///< of a write; the new size
+};
 
 /// Fails the calls that touch the files below a folder, and writes down what changes them. Threads: one at a time.
 struct FaultyCalls {
@@ -25,73 +32,87 @@ struct FaultyCalls {
   inline static std::int64_t left = -1;  ///< calls that go through before one fails; below 0: none fails
   inline static int error = 0, failed = 0;
   inline static bool forEver = true;
-  inline static std::vector<platform::FaultyDisk::Change>* recorded = nullptr;
+  inline static std::vector<Change>* recorded = nullptr;
 
+  static void fail(const std::string& in, std::int64_t calls, int with, bool always) {
+    folder = in, left = calls, error = with, forEver = always;
+  }
   static std::string pathOf(int descriptor) {
     char path[4096];
     const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
-    const ssize_t length = ::readlink(link.c_str(), path, sizeof path);
+    const ssize_t length = folder.empty() ? 0 : ::readlink(link.c_str(), path, sizeof path);
     return {path, static_cast<std::size_t>(length < 0 ? 0 : length)};
   }
-  /// What the system answers, or a failure; the change is written down once it is made.
-  static int run(platform::FaultyDisk::Change change, const auto& call) {
-    if (folder.empty() || !change.file.starts_with(folder)) return static_cast<int>(call());
+  /// What the system answers, or a failure; the change is written down once it is made. What a file whose name says
+  /// that it is for running processes holds is of no use after a power cut.
+  static long run(Change change, const auto& call) {
+    if (folder.empty() || !change.file.starts_with(folder)) return call();
     if (left >= 0 && left-- == 0) {
       left = forEver ? 0 : -1;
       ++failed;
       errno = error;
       return -1;
     }
-    const auto result = static_cast<int>(call());
-    if (recorded && result >= 0 && change.call != platform::FaultyDisk::read) recorded->push_back(std::move(change));
+    const long result = call();
+    const bool isLeft = !change.file.ends_with("-shm") && !change.file.ends_with(".lock");
+    if (recorded && result >= 0 && change.call != Change::none && isLeft) recorded->push_back(std::move(change));
     return result;
+  }
+  static long open(const char* name, int flags, int mode) {
+    const auto call = [&] { return ::syscall(SYS_openat, AT_FDCWD, name, flags, mode); };
+    return run({(flags & O_CREAT) != 0 ? Change::make : Change::none, name, {}}, call);
+  }
+  static long write(int file, const void* bytes, std::size_t count, std::int64_t at, const auto& call) {
+    struct stat status {};
+    if (folder.empty() || ::fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) return call();
+    const std::string text(static_cast<const char*>(bytes), count);
+    return run({Change::write, pathOf(file), text, at < 0 ? status.st_size : at}, call);
   }
 };
 
 }  // namespace tarvo::faults
 
+using tarvo::faults::Change;
 using tarvo::faults::FaultyCalls;
-using tarvo::platform::FaultyDisk;
 
+#pragma GCC visibility push(default)  // for the libraries
 extern "C" {
 int fsync(int file) {
   const auto call = [&] { return ::syscall(SYS_fsync, file); };
-  return FaultyCalls::run({FaultyDisk::sync, FaultyCalls::pathOf(file), {}}, call);
+  return static_cast<int>(FaultyCalls::run({Change::sync, FaultyCalls::pathOf(file), {}}, call));
 }
+int fdatasync(int file) { return fsync(file); }
 ssize_t write(int file, const void* bytes, size_t count) {
-  const auto call = [&] { return ::syscall(SYS_write, file, bytes, count); };
-  struct stat status {};
-  if (FaultyCalls::folder.empty() || ::fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) return call();
-  const char* text = static_cast<const char*>(bytes);
-  return FaultyCalls::run({FaultyDisk::write, FaultyCalls::pathOf(file), {text, count}, status.st_size}, call);
+  return FaultyCalls::write(file, bytes, count, -1, [&] { return ::syscall(SYS_write, file, bytes, count); });
+}
+ssize_t pwrite64(int file, const void* bytes, size_t count, off64_t at) {
+  return FaultyCalls::write(file, bytes, count, at, [&] { return ::syscall(SYS_pwrite64, file, bytes, count, at); });
 }
 int ftruncate(int file, off_t size) noexcept {
   const auto call = [&] { return ::syscall(SYS_ftruncate, file, size); };
-  return FaultyCalls::run({FaultyDisk::truncate, FaultyCalls::pathOf(file), {}, size}, call);
+  return static_cast<int>(FaultyCalls::run({Change::truncate, FaultyCalls::pathOf(file), {}, size}, call));
 }
+int ftruncate64(int file, off64_t size) noexcept { return ftruncate(file, size); }
 int rename(const char* from, const char* to) noexcept {
   const auto call = [&] { return ::syscall(SYS_renameat2, AT_FDCWD, from, AT_FDCWD, to, 0); };
-  return FaultyCalls::run({FaultyDisk::rename, from, to}, call);
+  return static_cast<int>(FaultyCalls::run({Change::none, from, {}}, call));
 }
 int unlink(const char* name) noexcept {
   const auto call = [&] { return ::syscall(SYS_unlinkat, AT_FDCWD, name, 0); };
-  return FaultyCalls::run({FaultyDisk::remove, name, {}}, call);
+  return static_cast<int>(FaultyCalls::run({Change::remove, name, {}}, call));
 }
 int open(const char* name, int flags, ...) {
   va_list rest;
   va_start(rest, flags);
   const int mode = (flags & O_CREAT) != 0 ? va_arg(rest, int) : 0;
   va_end(rest);
-  const auto call = [&] { return ::syscall(SYS_openat, AT_FDCWD, name, flags, mode); };
-  const bool makes = (flags & O_CREAT) != 0;
-  return FaultyCalls::run({makes ? FaultyDisk::open : FaultyDisk::read, name, {}}, call);
+  return static_cast<int>(FaultyCalls::open(name, flags, mode));
 }
+int open64(const char* name, int flags, ...) __attribute__((alias("open")));
 int mkostemp(char* name, int flags) {
-  const std::string folder = std::filesystem::path(name).parent_path();
-  const auto make = reinterpret_cast<int (*)(char*, int)>(::dlsym(RTLD_NEXT, "mkostemp"));
-  const int file = FaultyCalls::run({FaultyDisk::read, folder + "/", {}}, [&] { return make(name, flags); });
-  if (FaultyCalls::recorded && !FaultyCalls::folder.empty() && file >= 0)
-    FaultyCalls::recorded->push_back({FaultyDisk::open, name, {}});
-  return file;
+  static int made = 0;
+  std::snprintf(name + std::strlen(name) - 6, 7, "%06d", made++);
+  return open(name, flags | O_RDWR | O_CREAT | O_EXCL, 0600);
 }
 }
+#pragma GCC visibility pop

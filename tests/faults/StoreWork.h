@@ -1,53 +1,32 @@
 #pragma once
 
-#include <sqlite3.h>
-
-#include <filesystem>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include <tarvo/platform/Clock.h>
 #include <tarvo/platform/Environment.h>
 
-#include "platform/foundation/Files.h"
 #include "store/Locations.h"
 #include "store/ObjectStore.h"
 #include "store/PastTrips.h"
-#include "store/PointOfInterest.h"
 #include "store/Users.h"
+#include "support/StoreFile.h"
 #include "support/TempDir.h"
 
 namespace tarvo::faults {
 
 namespace fs = std::filesystem;
 
-inline std::string bytesOf(const fs::path& file) {
-  auto bytes = platform::readFile(file);
-  return bytes ? std::move(*bytes) : "";
-}
-
-/// As another program would, past every fault: the first value of the last row, or the failure.
-inline std::string ask(const fs::path& file, const std::string& sql) {
-  const auto keep = [](void* kept, int, char** values, char**) {
-    *static_cast<std::string*>(kept) = values[0] ? values[0] : "";
-    return 0;
-  };
-  std::string value;
-  sqlite3* database = nullptr;
-  sqlite3_open_v2(file.c_str(), &database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, "unix");
-  if (sqlite3_exec(database, sql.c_str(), keep, &value, nullptr) != SQLITE_OK) value = sqlite3_errmsg(database);
-  sqlite3_close(database);
-  return value;
-}
+using test::ask;
+using test::bytesOf;
 
 /// All that the file's records say; a position that could not be filled in is "--", with the number that it owns.
 inline std::string stateOf(const fs::path& file) {
   return ask(file,
              "SELECT ifnull((SELECT group_concat(ifnull(\"index\", _key - 1) || ':' || ifnull(unsent, '-') || "
              "ifnull(sentWithoutACK, '-'), ' ') FROM (SELECT * FROM Locations ORDER BY _key)), '') || ' trips ' || "
-             "ifnull((SELECT group_concat(pasttrip_id || ':' || length(route)) FROM PastTrips), '') || ' places ' || "
-             "(SELECT count(*) FROM PointOfInterest) || ' users ' || (SELECT count(*) FROM Users)");
+             "ifnull((SELECT group_concat(pasttrip_id || ':' || length(route)) FROM PastTrips), '') || ' users ' || "
+             "(SELECT count(*) FROM Users)");
 }
 
 /// The SDK's store in a folder, and what the SDK does with it. Each step is a transaction; all but `add` may be done
@@ -91,16 +70,8 @@ inline void mark(StoreWork&, Context& context) {
     Locations::markLocationAsSentWithoutACKWithID(position->objectID(), context);
 }
 inline void acknowledge(StoreWork&, Context& context) { Locations::markLocationAsSentUntilIndex("4", context, "0"); }
-inline void ingestTrip(StoreWork&, Context& context) {
+inline void download(StoreWork&, Context& context) {
   PastTrips::addLastTrip({{"pasttrip_id", 7}, {"route", platform::Dictionary{{"r", std::string(3000, 'r')}}}}, context);
-}
-inline void ingestPlaces(StoreWork&, Context& context) {
-  PointOfInterest::removePOIs(context);
-  // Places are added again and again: not over some that could not be removed.
-  if (!PointOfInterest::getPOIs(context).empty()) return;
-  for (int place : {1, 2}) PointOfInterest::addPOI({{"poi_id", place}}, context);
-}
-inline void storeUser(StoreWork&, Context& context) {
   if (Users::getUsers(context).empty()) Users::addUser("u", "t", context);
 }
 inline void checkpoint(StoreWork&, Context& context) { (void)context.coordinator().checkpoint(); }
@@ -117,9 +88,8 @@ inline void removeAll(StoreWork&, Context& context) {
 
 }  // namespace steps
 
-/// What a scenario begins with: nothing, a store that was made, one that was filled and then killed, one of the model's
-/// first version.
-enum class Start { nothing, made, filled, old };
+/// What a scenario begins with: nothing, a store that was filled and then killed, one of the model's first version.
+enum class Start { nothing, filled, old };
 
 struct Scenario {
   const char* name;
@@ -128,45 +98,34 @@ struct Scenario {
   std::vector<StoreWork::Step> steps;
 };
 
-inline const std::vector<Scenario>& scenarios() {
-  using namespace steps;
-  static const auto& all = *new std::vector<Scenario>{
-      {"creation", Start::nothing, true, {nothing, storeUser}},
-      {"start", Start::filled, true, {nothing, mark}},
-      {"migration", Start::old, true, {nothing, add}},
-      {"intake", Start::made, false, {add, add, add, add, add, add}},
-      {"uploads", Start::filled, false, {mark, acknowledge, add, mark, acknowledge}},
-      {"downloads", Start::filled, false, {ingestTrip, ingestPlaces, storeUser}},
-      {"checkpoint", Start::filled, false, {add, checkpoint, add, checkpoint, mark}},
-      {"deletion", Start::filled, false, {removeOldest, checkpoint, removeAll}},
-  };
-  return all;
-}
+inline const Scenario kScenarios[] = {
+    {"creation", Start::nothing, true, {steps::nothing, steps::download}},
+    {"start", Start::filled, true, {steps::nothing, steps::mark}},
+    {"migration", Start::old, true, {steps::nothing, steps::add}},
+    {"intake", Start::nothing, false, std::vector<StoreWork::Step>(6, steps::add)},
+    {"uploads", Start::filled, false, {steps::mark, steps::acknowledge, steps::add, steps::mark, steps::acknowledge}},
+    {"checkpoint", Start::filled, false, {steps::add, steps::checkpoint, steps::download, steps::checkpoint}},
+    {"deletion", Start::filled, false, {steps::removeOldest, steps::checkpoint, steps::removeAll}},
+};
 
-/// The files that scenarios begin with.
+/// Brings the files that scenarios begin with.
 class Starts {
  public:
   Starts() {
-    for (const char* name : {"0", "1", "2", "3"}) fs::create_directory(folder_.path() / name);
-    { StoreWork(of(Start::made)).run(steps::nothing); }
-    ask(of(Start::old) / ObjectStore::kFileName,
-        bytesOf(fs::path(__FILE__).parent_path().parent_path() / "store" / "first-version.sql"));
-    test::TempDir open;
-    StoreWork filled(open.path());
-    for (int i = 0; i < 8; ++i) filled.run(steps::add);
-    ask(filled.file, "INSERT INTO _metadata VALUES ('Locations.keys', '0 0')");  // as of a large table
-    for (const auto step : {steps::acknowledge, steps::ingestTrip, steps::ingestPlaces}) filled.run(step);
-    copy(open.path(), of(Start::filled));  // with its write-ahead log, as a kill leaves it
+    for (int i = 0; i < 8; ++i) open_.run(steps::add);
+    ask(open_.file, "INSERT INTO _metadata VALUES ('Locations.keys', '0 0')");  // as of a large table
+    open_.run(steps::acknowledge);
   }
-  void copyTo(const fs::path& folder, Start start) const { copy(of(start), folder); }
+  void copyTo(const fs::path& folder, Start start) const {
+    const fs::path file = folder / ObjectStore::kFileName;
+    if (start == Start::old) ask(file, bytesOf(fs::path(__FILE__) / "../../store/first-version.sql"));
+    if (start != Start::filled) return;
+    for (const char* side : {"", "-wal"}) fs::copy(open_.file.native() + side, folder);  // as a kill leaves it
+  }
 
  private:
-  fs::path of(Start start) const { return folder_.path() / std::to_string(static_cast<int>(start)); }
-  static void copy(const fs::path& from, const fs::path& to) {
-    fs::copy(from, to, fs::copy_options::overwrite_existing | fs::copy_options::recursive);
-    fs::remove(to / (std::string(ObjectStore::kFileName) + "-shm"));
-  }
-  test::TempDir folder_;
+  const test::TempDir folder_;
+  StoreWork open_{folder_.path()};
 };
 
 }  // namespace tarvo::faults

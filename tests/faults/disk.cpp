@@ -4,9 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
-#include <fstream>
+#include <set>
 
 #include <tarvo/platform/Device.h>
 #include <tarvo/platform/UserDefaults.h>
@@ -60,8 +59,8 @@ void tellTheEnd(int signal) {
 
 class Stores {
  public:
-  explicit Stores(Driver& driver) : driver_(driver), log_(test::LogDiary::installed()) {
-    for (const Scenario& scenario : scenarios()) {
+  explicit Stores(Driver& driver) : driver_(driver) {
+    for (const Scenario& scenario : kScenarios) {
       const test::TempDir folder;
       starts_.copyTo(folder.path(), scenario.start);
       StoreWork work(folder.path());
@@ -71,9 +70,9 @@ class Stores {
   }
 
   /// Answers whether the fault has struck.
-  bool survives(const Scenario& scenario, const Fault& fault, int status, std::int64_t nth, bool forEver) {
-    std::snprintf(trying, sizeof trying, "%s, %s number %d gives %d %s", scenario.name, fault.name,
-                  static_cast<int>(nth), status, forEver ? "from then on" : "once");
+  bool survives(const Scenario& scenario, const Fault& fault, int status, int nth, bool forEver) {
+    std::snprintf(trying, sizeof trying, "%s, %s number %d gives %d %s", scenario.name, fault.name, nth, status,
+                  forEver ? "from then on" : "once");
     ::alarm(60);
     log_.clear();
     const test::TempDir folder;
@@ -100,11 +99,11 @@ class Stores {
     const fs::path file = work->file;
     work.reset();
     const std::string kept = stateOf(file);
-    std::string expected = untouched_[static_cast<std::size_t>(&scenario - scenarios().data())];
+    std::string expected = untouched_[static_cast<std::size_t>(&scenario - kScenarios)];
     int seen = 0;
     for (std::size_t at = 0; (at = kept.find("--", at)) < expected.size(); ++at, ++seen) expected.replace(at, 2, "--");
     expect(kept == expected && seen == unfilled, concat("kept is not ", expected, " but ", kept));
-    expect(ask(file, "PRAGMA integrity_check") == "ok", "damaged: " + ask(file, "PRAGMA integrity_check"));
+    expect(ask(file, "PRAGMA integrity_check") == "ok", "damaged");
     expect(node == 0 || node == nodeOf(folder.path()), "another file has taken the store's place");
     return struck;
   }
@@ -114,8 +113,7 @@ class Stores {
 
   void runUnderFault(StoreWork& work, StoreWork::Step step) {
     const std::size_t before = log_.count("rror");
-    const bool isSaved = work.run(step);
-    expect(isSaved || log_.count("rror") > before, "not saved, and nothing said");
+    expect(work.run(step) || log_.count("rror") > before, "not saved, and nothing said");
     auto& context = work.store.managedObjectContext();
     context.performAndWait([&] {
       for (const auto& position : Locations::getUnsentLocations(context))
@@ -130,200 +128,169 @@ class Stores {
   }
 
   Driver& driver_;
-  test::LogDiary& log_;
+  test::LogDiary& log_ = test::LogDiary::installed();
   const Starts starts_;
   std::vector<std::string> untouched_;
+};
+
+/// A file beside the store, and whether its bytes hold what a use of that number has left.
+struct PlainFile {
+  const char* name;
+  const char* path;  ///< in the home
+  bool (*holds)(const std::string& bytes, int number);
+};
+
+const PlainFile kPlainFiles[] = {
+    {"identifier", "Library/identifierForVendor", [](const std::string& bytes, int) { return bytes.size() == 36; }},
+    {"settings", "Library/Preferences/defaults.plist",
+     [](const std::string& bytes, int number) {
+       auto list = platform::parsePropertyList(bytes);
+       return list && list->asDictionary() && platform::findInteger(*list->asDictionary(), "number") == number;
+     }},
+    {"journal", "Library/Transfers/j.jsonl",
+     [](const std::string& bytes, int number) {
+       bool holds = true;
+       for (int each = std::min(number, 3); each <= number; ++each)
+         holds &= bytes.find(concat("\"identifier\":", each, ",")) != std::string::npos;
+       return holds;
+     }},
+    {"log", "Documents/TarvoLog_2023-11-14_u_IOS.txt",
+     [](const std::string& bytes, int number) { return bytes.ends_with(concat("[ERROR]:use ", number, "\n")); }},
+};
+
+const PlainFile *const kSettings = &kPlainFiles[1], *const kJournal = &kPlainFiles[2];
+
+/// A process that works with all of them.
+struct PlainWork {
+  explicit PlainWork(const fs::path& home) : transfers(home / "Library" / "Transfers", "j") {
+    platform::setHomeDirectory(home);
+    platform::Clock::install(std::make_shared<platform::ManualClock>(platform::dateSince1970(1.7e9)));
+    Settings::shared().userUUID.set("u");
+  }
+  void use(int number) {
+    auto& defaults = platform::UserDefaults::standard();
+    defaults.set("tarvologlevel", 6);
+    defaults.set("number", number);
+    (void)platform::UIDevice::current().identifierForVendor();
+    Log::error("use ", number);
+    transfers.putResumed({number, {"http://a/", "POST"}, "/f"});
+    transfers.flush();
+    (void)platform::WorkInFlight::waitUntilIdle(platform::Seconds(30));
+  }
+
+  platform::TransferJournal transfers;
+  /// Without a journal from its start, a process goes on without it, and says so.
+  const bool journals = test::LogDiary::installed().count("transfers are not journalled") == 0;
 };
 
 /// The files beside the store: each damaged before a process starts or under it, and each call for them failed.
 class PlainFiles {
  public:
-  explicit PlainFiles(Driver& driver) : driver_(driver) { test::LogDiary::installed(); }
-
-  std::int64_t tryAll() {
-    std::int64_t done = 0;
-    for (const File file : {settings, identifier, journal, log}) {
-      const fs::path whole = pathOf(made(), file);
-      const auto size = static_cast<std::int64_t>(fs::file_size(whole));
-      const std::int64_t step = driver_.runs < 10'000 ? 1 + size / 40 : 1;
-      for (std::int64_t length = 0; length < size; length += 1 + driver_.upTo(2 * step - 2), ++done)
-        for (const bool running : {false, true})
-          survives(file, concat("cut at ", length), running,
-                   [&](const fs::path& path) { fs::resize_file(path, length); });
-      const std::pair<const char*, void (*)(const fs::path&)> damages[] = {
-          {"removed", [](const fs::path& path) { fs::remove(path); }},
-          {"garbage", [](const fs::path& path) { std::ofstream(path) << std::string(3000, '\xff'); }},
-          {"a folder", [](const fs::path& path) { fs::remove(path), fs::create_directory(path); }},
-          {"a pipe", [](const fs::path& path) { fs::remove(path), ::mkfifo(path.c_str(), 0600); }},
-      };
-      for (const auto& [name, damage] : damages)
-        for (const bool running : {false, true}) survives(file, name, running, damage), ++done;
-    }
-    for (const int error : {ENOSPC, EIO, EROFS, EMFILE})
-      for (const bool forEver : {true, false})
-        for (std::int64_t nth = 0; failsAt(nth, error, forEver); ++done)
-          nth += 1 + (driver_.runs < 10'000 ? driver_.upTo(2) : 0);
-    return done;
+  explicit PlainFiles(Driver& driver) : driver_(driver) {
+    const auto work = [&] {
+      PlainWork first(made_);
+      for (const int number : {0, 1}) first.use(number);
+      return 0;
+    };
+    driver_.expect(test::inFreshProcess(work) == 0, "a sound disk");
   }
+
+  void tryAll(std::int64_t longest) {
+    for (const PlainFile& file : kPlainFiles) {
+      const auto size = static_cast<std::int64_t>(fs::file_size(made_ / file.path));
+      for (const bool isRunning : {false, true}) {
+        const auto damaged = [&](const std::string& how, const auto& damage) {
+          const auto strike = [&](const fs::path& home) { damage(home / file.path); };
+          survives(concat(file.name, isRunning ? " under a process, " : ", ", how), &file, isRunning, strike);
+        };
+        for (std::int64_t at = 0; at < size; at += 1 + driver_.upTo(longest * size / 80))
+          damaged(concat("cut at ", at), [&](const fs::path& path) { fs::resize_file(path, at); });
+        damaged("removed", [](const fs::path& path) { fs::remove(path); });
+        damaged("made a folder", [](const fs::path& path) { fs::remove(path), fs::create_directory(path); });
+      }
+    }
+    for (const int error : {ENOSPC, EIO, EROFS})
+      for (const bool forEver : {true, false}) {
+        std::int64_t nth = 0;
+        const auto strike = [&](const fs::path& home) { FaultyCalls::fail(home, nth, error, forEver); };
+        while (survives(concat("call ", nth, " gives ", error, forEver ? " from then on" : ""), nullptr, false, strike))
+          nth += 1 + driver_.upTo(longest / 4);
+      }
+  }
+
+  std::int64_t done = 0;
 
  private:
-  enum File { settings, identifier, journal, log, none };
-  static constexpr const char* kJournal = "j";
-
-  static fs::path pathOf(const fs::path& home, File file) {
-    const fs::path paths[] = {"Library/Preferences/defaults.plist", "Library/identifierForVendor",
-                              "Library/Transfers/j.jsonl", "Documents"};
-    if (file != log) return home / paths[file];
-    for (const auto& entry : fs::directory_iterator(home / "Documents")) return entry.path();
-    return home / "Documents" / "none";
-  }
-
-  /// A process that works with all four; its uses are told apart by their numbers.
-  struct Process {
-    explicit Process(const fs::path& home) : transfers(home / "Library" / "Transfers", kJournal) {
-      platform::setHomeDirectory(home);
-      platform::Clock::install(std::make_shared<platform::ManualClock>(platform::dateSince1970(1.7e9)));
-      Settings::shared().userUUID.set("u");
-    }
-    void use(int number) {
-      auto& defaults = platform::UserDefaults::standard();
-      defaults.set("tarvologlevel", 6);
-      defaults.set("number", number);
-      uuid = platform::UIDevice::current().identifierForVendor();
-      Log::error("use ", number);
-      transfers.putResumed({number, {"http://a/", "POST"}, "/f"});
-      transfers.flush();
-      (void)platform::WorkInFlight::waitUntilIdle(platform::Seconds(30));
-    }
-    platform::TransferJournal transfers;
-    /// Without a journal from its start, a process goes on without it, and says so.
-    const bool journals = test::LogDiary::installed().count("transfers are not journalled") == 0;
-    std::optional<std::string> uuid;
-  };
-
-  /// A home in which all four have been used once.
-  const fs::path& made() {
-    if (made_.empty()) {
-      made_ = folder_.path() / "made";
-      const int end = test::inFreshProcess([&] {
-        Process first(made_);
-        first.use(0);
-        first.use(1);
-        return 0;
-      });
-      driver_.expect(end == 0, concat("a sound disk: ", end, whatIsWrong(made_, 1, {}, none)));
-    }
-    return made_;
-  }
-
-  /// What one finds of the latest use in the files of a home; empty if it is all.
-  static std::string whatIsWrong(const fs::path& home, int number, const std::optional<std::string>& uuid, File except,
-                                 bool journals = true) {
+  /// The files of a home that do not hold what a use has left in them.
+  static std::string wrongAt(int number, const fs::path& home, const PlainWork& work, std::string_view except) {
     std::string wrong;
-    const auto expect = [&](bool holds, File file) {
-      if (!holds && file != except) wrong += concat(" file ", static_cast<int>(file), " at use ", number);
-    };
-    const auto text = [&](File file) { return bytesOf(pathOf(home, file)); };
-    auto plist = platform::parsePropertyList(text(settings));
-    expect(plist && plist->asDictionary() && platform::findInteger(*plist->asDictionary(), "number") == number,
-           settings);
-    expect(text(identifier).size() == 36 && (!uuid || text(identifier) == *uuid), identifier);
-    for (const int each : {std::min(number, 3), number})
-      expect(!journals || text(journal).find(concat("\"identifier\":", each, ",")) != std::string::npos, journal);
-    expect(text(log).ends_with(concat("[ERROR]:use ", number, "\n")), log);
+    for (const PlainFile& file : kPlainFiles)
+      if (file.name != except && (work.journals || &file != kJournal) && !file.holds(bytesOf(home / file.path), number))
+        wrong += concat(" ", file.name, " at use ", number);
     return wrong;
   }
 
-  /// How a process ends that does this in a home of its own; 0: well.
-  int endOf(const std::function<int(const fs::path& home)>& body) {
+  /// Answers whether something was struck: that file, or without one the calls for any.
+  bool survives(const std::string& what, const PlainFile* file, bool isRunning,
+                const std::function<void(const fs::path& home)>& strike) {
+    std::snprintf(trying, sizeof trying, "%s", what.c_str());
     const test::TempDir folder;
-    fs::copy(made(), folder.path(), fs::copy_options::recursive);
-    return test::inFreshProcess([&] {
-      ::alarm(60);
-      return body(folder.path());
-    });
-  }
-
-  static int told(const std::string& wrong) {
-    if (!wrong.empty()) std::cerr << trying << ": not as it should be:" << wrong << "\n";
-    return wrong.empty() ? 0 : 1;
-  }
-
-  void survives(File file, const std::string& damage, bool running,
-                const std::function<void(const fs::path&)>& strike) {
-    std::snprintf(trying, sizeof trying, "file %d, %s, %s", file, damage.c_str(), running ? "running" : "before");
-    const int end = endOf([&](const fs::path& home) {
-      const fs::path path = pathOf(home, file);
-      std::optional<Process> process;
-      if (running) process.emplace(home), process->use(2);
-      strike(path);
-      const std::string damaged = bytesOf(path);
-      if (!running) process.emplace(home);
-      process->use(3);
-      std::string wrong = whatIsWrong(home, 3, process->uuid, file, process->journals);
-      // What cannot be read may be worth a repair.
-      if (file == settings && !running && fs::exists(path) &&
-          test::LogDiary::installed().count("cannot be read") == 1) {
-        if (bytesOf(path) != damaged) wrong += " replaced";
-        fs::remove_all(path);
-      }
-      if (fs::exists(path) && !fs::is_regular_file(path)) fs::remove(path);
-      for (const int number : {4, 5}) process->use(number);
-      // A process does not look again for the identifier that it has read.
-      return told(wrong +
-                  whatIsWrong(home, 5, process->uuid, running && file == identifier ? file : none, process->journals));
-    });
-    driver_.expect(end == 0, concat(trying, ": ended with ", end));
-  }
-
-  /// Answers whether the fault has struck.
-  bool failsAt(std::int64_t nth, int error, bool forEver) {
-    std::snprintf(trying, sizeof trying, "call %d for a file gives %d %s", static_cast<int>(nth), error,
-                  forEver ? "from then on" : "once");
+    const fs::path& home = folder.path();
+    fs::copy(made_, home, fs::copy_options::recursive);
     constexpr int kUntouched = 9;
-    const std::string uuid = platform::readFile(pathOf(made(), identifier)).value();
-    const int end = endOf([&](const fs::path& home) {
-      FaultyCalls::error = error;
-      FaultyCalls::forEver = forEver;
-      FaultyCalls::left = nth;
-      FaultyCalls::folder = home;
-      Process process(home);
-      for (const int number : {2, 3}) process.use(number);
+    const int end = test::inFreshProcess([&] {
+      ::alarm(60);
+      const auto identifier = [](const fs::path& of) { return bytesOf(of / kPlainFiles->path); };
+      if (!isRunning) strike(home);
+      PlainWork work(home);
+      work.use(2);
+      if (isRunning) strike(home);
+      work.use(3);
       FaultyCalls::folder.clear();
-      std::string wrong;
-      auto plist = platform::parsePropertyList(bytesOf(pathOf(home, settings)));
-      if (!plist || !plist->asDictionary()) wrong = " half settings";
-      for (const int number : {4, 5}) process.use(number);
-      if (FaultyCalls::failed == 0) return kUntouched;
-      return told(wrong + whatIsWrong(home, 5, uuid, none, process.journals));
+      if (!file && FaultyCalls::failed == 0) return kUntouched;
+      std::string wrong = file ? wrongAt(3, home, work, file->name) : "";
+      if (!file && !platform::parsePropertyList(bytesOf(home / kSettings->path))) wrong = " half settings";
+      // What cannot be read is not replaced.
+      if (file && (file == kSettings || fs::is_directory(home / file->path))) fs::remove(home / file->path);
+      for (const int number : {4, 5}) work.use(number);
+      // A process does not look again for the identifier that it has read.
+      const bool isKnown = isRunning && file == kPlainFiles;
+      wrong += wrongAt(5, home, work, isKnown ? kPlainFiles->name : "");
+      if (file != kPlainFiles && identifier(home) != identifier(made_)) wrong += " another identifier";
+      if (!wrong.empty()) std::cerr << trying << ":" << wrong << "\n";
+      return wrong.empty() ? 0 : 1;
     });
     driver_.expect(end == 0 || end == kUntouched, concat(trying, ": ended with ", end));
-    return end != kUntouched;
+    return ++done, end != kUntouched;
   }
 
   Driver& driver_;
   const test::TempDir folder_;
-  fs::path made_;
+  const fs::path made_ = folder_.path() / "made";  ///< a home in which all of them have been used
 };
 
 int run(int count, char** arguments) {
   if (::access("/dev/shm", W_OK) == 0) ::setenv("TMPDIR", "/dev/shm", 0);
   for (const int end : {SIGSEGV, SIGBUS, SIGABRT, SIGALRM}) ::signal(end, tellTheEnd);
-  Driver driver("disk", count, arguments, 4000);
+  Driver driver("disk", count, arguments, 3000);
+  test::LogDiary::installed();
+  // All of them are about so many; fewer go in longer steps.
+  const std::int64_t longest = std::max<std::int64_t>(2 * 14'000 / driver.runs - 2, 0);
+  PlainFiles files(driver);
+  files.tryAll(longest);
   const test::TempDir home;
-  std::int64_t done = PlainFiles(driver).tryAll();
   platform::setHomeDirectory(home.path());
   FaultyDisk::install();
   Stores stores(driver);
-  // All of them are about so many; fewer go in longer steps.
-  const std::int64_t longest = std::max<std::int64_t>(2 * 14'000 / driver.runs - 2, 0);
-  for (const Scenario& scenario : scenarios())
+  std::set<const Fault*> struck;
+  for (const Scenario& scenario : kScenarios)
     for (const Fault& fault : kFaults)
       for (const int status : fault.statuses)
         for (const bool forEver : {true, false})
-          for (std::int64_t nth = 0; stores.survives(scenario, fault, status, nth, forEver); ++done)
-            nth += 1 + driver.upTo(longest);
-  return driver.end(done);
+          for (int nth = 0; stores.survives(scenario, fault, status, nth, forEver); ++files.done, struck.insert(&fault))
+            nth += 1 + static_cast<int>(driver.upTo(longest));
+  driver.expect(struck.size() == std::size(kFaults), "a kind of fault never struck");
+  return driver.end(files.done);
 }
 
 }  // namespace

@@ -200,7 +200,7 @@ class Device : test::WholeSdk {
     std::string line = row.logged;
     if (confirmed_ && fate == stays && row.endpoint == "positions") line = "[net] not confirmed, ";
     if (line[0] == ':' || line[0] == '[') line = "NetworkManager:sendDataInBatchToRemoteWebServer " + line;
-    expect(diary.find(line) >= 0, number, "not in the log:", line);
+    expect(diary.count(line) > 0, number, "not in the log:", line);
   }
   void idle() const {
     platform::WorkInFlight::waitUntilIdle(Seconds(isHeldUp_ ? 0.15 * speed : speed > 1 ? 5 * speed : 60));

@@ -1,49 +1,32 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <memory>
 #include <string>
 
 #include "platform/persistence/NSManagedObjectContext.h"
+#include "support/StoreFile.h"
 #include "support/TempDir.h"
 
 namespace tarvo::platform {
 
-inline std::string fileText(const std::filesystem::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
-
-/// As another program would; answers the first value of the last row.
-inline std::string runSql(const std::filesystem::path& file, const char* sql) {
-  std::string value;
-  const auto keep = [](void* kept, int, char** values, char**) {
-    *static_cast<std::string*>(kept) = values[0] ? values[0] : "";
-    return 0;
-  };
-  sqlite3* database = nullptr;
-  EXPECT_EQ(sqlite3_open(file.c_str(), &database), SQLITE_OK);
-  EXPECT_EQ(sqlite3_exec(database, sql, keep, &value, nullptr), SQLITE_OK) << sqlite3_errmsg(database);
-  sqlite3_close(database);
-  return value;
-}
+using test::ask;
+using test::bytesOf;
 
 /// The tables and indexes with the statements that make them.
 inline std::string schemaOf(const std::filesystem::path& file) {
-  return runSql(file,
-                "SELECT group_concat(name || sql, char(10)) FROM (SELECT name, sql FROM sqlite_schema ORDER BY name)");
+  return ask(file,
+             "SELECT group_concat(name || sql, char(10)) FROM (SELECT name, sql FROM sqlite_schema ORDER BY name)");
 }
 
 /// The model that the library carries.
 inline std::shared_ptr<NSManagedObjectModel> shippedModel() {
-  static const std::string text = fileText(std::filesystem::path(__FILE__).parent_path() / ".." / ".." / "src" /
-                                           "store" / "Marrowgate-Tarvo-db.momd");
+  static const std::string text = bytesOf(std::filesystem::path(__FILE__).parent_path() / ".." / ".." / "src" /
+                                          "store" / "Marrowgate-Tarvo-db.momd");
   return NSManagedObjectModel::load({"test", text});
 }
 

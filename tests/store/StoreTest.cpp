@@ -20,7 +20,6 @@
 #include "store/StoreFixture.h"
 #include "store/Users.h"
 #include "support/DiaryEngine.h"
-#include "support/FaultyDisk.h"
 
 namespace tarvo {
 namespace {
@@ -33,12 +32,6 @@ using platform::Seconds;
 
 class StoredPositions : public test::StoreTest {
  protected:
-  static void expectNoPosition(Context& context) {
-    EXPECT_EQ(Locations::getLastLocation(context), nullptr);
-    for (const auto& positions : {Locations::getAllLocations(context), Locations::getUnsentLocations(context),
-                                  Locations::getSentWithoutACKLocations(context)})
-      EXPECT_TRUE(positions.empty());
-  }
   static std::vector<std::int64_t> range(std::int64_t from, std::int64_t count) {
     std::vector<std::int64_t> all(static_cast<std::size_t>(count));
     std::iota(all.begin(), all.end(), from);
@@ -47,24 +40,6 @@ class StoredPositions : public test::StoreTest {
 };
 using UploadBody = StoredPositions;
 using Acknowledgement = StoredPositions;
-
-TEST_F(StoredPositions, AreNumberedByTheRecordsBesidesThemWhateverIsSaved) {
-  platform::FaultyDisk::install();
-  within([&](Context& context) {
-    expectNoPosition(context);
-    for (std::int64_t i = 0; i < 3; ++i) EXPECT_EQ(add(context)->index(), i);
-    ASSERT_FALSE(context.save());
-    platform::FaultyDisk::failAfterBytes(0);
-    EXPECT_EQ(add(context)->index(), 3);
-    ASSERT_TRUE(context.save());
-    platform::FaultyDisk::heal();
-    EXPECT_EQ(add(context)->index(), 4);
-    ASSERT_FALSE(context.save());
-    EXPECT_EQ(indexes(Locations::getAllLocations(context)), (std::vector<std::int64_t>{4, 3, 2, 1, 0}));
-    Locations::removeData(context);
-    EXPECT_EQ(add(context)->index(), 0);
-  });
-}
 
 TEST_F(StoredPositions, LoseWhatIsAcknowledgedAndOldAndNumbersGoOnBehindTheHighestEverGiven) {
   Ledger ledger;
@@ -90,7 +65,7 @@ TEST_F(StoredPositions, LoseWhatIsAcknowledgedAndOldAndNumbersGoOnBehindTheHighe
     EXPECT_EQ(indexes(Locations::getUnsentLocations(context)).front(), 1200);
     EXPECT_EQ(Locations::counts(context).lastIndex, 1602);
   });
-  EXPECT_EQ(platform::runSql(file, "SELECT value FROM _metadata WHERE name = 'Locations.keys'"), "1602 1199 1199");
+  EXPECT_EQ(test::ask(file, "SELECT value FROM _metadata WHERE name = 'Locations.keys'"), "1602 1199 1199");
 }
 
 TEST_F(StoredPositions, OfABoundedStoreTakeTheRoomOfTheOldestOnesAlsoInLaterProcesses) {
@@ -114,9 +89,8 @@ TEST_F(StoredPositions, OfABoundedStoreTakeTheRoomOfTheOldestOnesAlsoInLaterProc
       EXPECT_EQ(Locations::counts(context).stored + ledger.positions().removed, 2000 * (process + 1));
     });
   }
-  EXPECT_EQ(platform::runSql(file, "SELECT count(*) FROM Locations WHERE \"index\" <> _key - 1"), "0");
+  EXPECT_EQ(test::ask(file, "SELECT count(*) FROM Locations WHERE \"index\" <> _key - 1"), "0");
   EXPECT_LT(std::filesystem::file_size(file), 1'100'000U);
-  EXPECT_EQ(platform::runSql(file, "PRAGMA integrity_check"), "ok");
 }
 
 TEST_F(StoredPositions, KeepTheWholeFixAndItsCircumstances) {
@@ -195,13 +169,13 @@ TEST_F(StoredPositions, OfAHistoryThatCannotBeReadAreNone) {
   within([&](Context& context) {
     addAndSave(context, 2);
     history.locations = Locations::getLocationHistory(context, platform::distantPast(), platform::distantFuture());
-    platform::runSql(file, "ALTER TABLE Locations RENAME TO Hidden");
+    test::ask(file, "ALTER TABLE Locations RENAME TO Hidden");
     EXPECT_TRUE(history.locations.toVector().empty());
     EXPECT_TRUE(history.toArray().empty());
     EXPECT_EQ(history.getBoundingBox(), std::nullopt);
     EXPECT_EQ(history.toGeoJSON("LineString"), std::nullopt);
     EXPECT_EQ(logged("Locations:getLocationHistory Unresolved error "), 4U);
-    platform::runSql(file, "ALTER TABLE Hidden RENAME TO Locations");
+    test::ask(file, "ALTER TABLE Hidden RENAME TO Locations");
     EXPECT_EQ(history.toArray().size(), 2U);
   });
 }
@@ -261,23 +235,6 @@ TEST_F(UploadBody, HoldsFourteenTextsInAFixedOrder) {
   });
 }
 
-TEST_F(StoredPositions, OfAStoreThatDidNotOpenAreNoneAndEachFailureIsLogged) {
-  std::ofstream(file) << std::string(4096, 'x');
-  within([&](Context& context) {
-    EXPECT_EQ(add(context), nullptr);
-    EXPECT_EQ(Locations::counts(context).unsaved, 1);
-    EXPECT_EQ(logged("Unresolved error Error Domain=YOUR_ERROR_DOMAIN Code=9999 "), 1U);
-    expectNoPosition(context);
-    EXPECT_TRUE(Locations::getLocationHistory(context, clock->now(), clock->now()).empty());
-    Locations::markLocationAsSentUntilIndex("1", context, "0");
-    PastTrips::removeData(context);
-    EXPECT_EQ(Users::getUserUUID(context), std::nullopt);
-  });
-  for (const char* opening : {" Locations:addLocation Unresolved error ", "LastTrips removeData Unresolved error ",
-                              "Locations:getLocationHistory Unresolved error ", "Users:getUsers [loc] error:"})
-    EXPECT_EQ(logged(opening), 1U) << opening;
-}
-
 platform::Dictionary json(std::string_view text) { return *platform::parseJson(text)->asDictionary(); }
 
 Date onTheDay(int hourUTC, int minute = 0) {
@@ -300,22 +257,6 @@ TEST_F(StoredTrips, AreReplacedById) {
     EXPECT_EQ(trip.start_time, std::nullopt);
     EXPECT_EQ(trip.route, R"({"a":null,"b":[1,2.5]})");
   });
-}
-
-TEST_F(StoredTrips, ReadWhatTheyCanOfAnOddAnswer) {
-  within([&](Context& context) {
-    const auto odd = PastTrips::addLastTrip(
-        json(R"({"pasttrip_id":"7","arrival_lat":"x","departure_lon":null,"start_time":"yesterday","arrival_time":3})"),
-        context);
-    const PastTripRecord record = odd->record();
-    EXPECT_EQ(std::tie(record.arrival_lat, record.departure_lon), std::tuple(0.0, 0.0));
-    EXPECT_FALSE(record.pasttrip_id || record.start_time || record.arrival_time || record.route);
-    EXPECT_TRUE(
-        PastTrips::getLocationHistoryExtraPolated(context, platform::distantPast(), platform::distantFuture()).empty());
-    PastTrips::addLastTrip({{"route", platform::Dictionary{{"name", "\xff"}}}}, context);
-  });
-  EXPECT_EQ(logged("PastTrips:addLastTrip Unresolved error Error Domain="), 1U);
-  EXPECT_EQ(logged("PastTrips:addLastTrip:Failed to load GEOJSON: "), 1U);
 }
 
 TEST_F(StoredTrips, AreFoundByTheirStartInIdentifierOrder) {
@@ -372,7 +313,7 @@ class OldStore : public test::StoreTest {
  protected:
   OldStore() {
     const auto text = std::filesystem::path(__FILE__).parent_path() / "first-version.sql";
-    platform::runSql(file, platform::fileText(text).c_str());
+    test::ask(file, test::bytesOf(text).c_str());
   }
 };
 
@@ -391,12 +332,12 @@ std::string told(platform::NSManagedObjectContext& context) {
 TEST_F(OldStore, IsReadAsItIsBroughtUpToDateByTheFirstChangeAndKeepsEverything) {
   test::TempDir other;
   { platform::TestStore made(other.path() / "new.sqlite"); }
-  const std::string before = platform::fileText(file);
+  const std::string before = test::bytesOf(file);
   within([&](auto& context) {
     const std::string all = told(context);
     EXPECT_NE(all.find("{index:0 lon:11.575 lat:48.137 acc:5 speed:1.5 course:90.25 alt:519.5"), all.npos) << all;
     EXPECT_NE(all.find("2 unsent, 2 awaiting"), all.npos) << all;
-    EXPECT_TRUE(platform::fileText(file) == before);
+    EXPECT_TRUE(test::bytesOf(file) == before);
     EXPECT_FALSE(context.claim());
     EXPECT_EQ(told(context), all);
     addAndSave(context, 2);
@@ -405,10 +346,6 @@ TEST_F(OldStore, IsReadAsItIsBroughtUpToDateByTheFirstChangeAndKeepsEverything) 
     EXPECT_EQ(Locations::getLocationHistory(context, platform::distantPast(), platform::distantFuture()).size(), 8U);
   });
   EXPECT_EQ(platform::schemaOf(file), platform::schemaOf(other.path() / "new.sqlite"));
-  EXPECT_EQ(platform::runSql(file, "SELECT group_concat(name) FROM _metadata"), "entities,modelHash,modelVersion,uuid");
-  EXPECT_EQ(platform::runSql(file, "PRAGMA integrity_check"), "ok");
-  EXPECT_EQ(platform::runSql(file, "PRAGMA page_size"), "4096");
-  EXPECT_EQ(platform::runSql(other.path() / "new.sqlite", "PRAGMA page_size"), "1024");
 }
 
 }  // namespace
