@@ -2,10 +2,11 @@
 // kill, from outside the process, whether all that the host had reported is so. The next start needs no human.
 
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
+#include <regex>
 #include <sstream>
 
 #include "faults/Driver.h"
@@ -15,6 +16,7 @@
 #include "sandbox/Database.h"
 #include "settings/Names.h"
 #include "store/LedgerText.h"
+#include "support/FreshProcess.h"
 #include "support/RawServer.h"
 #include "support/WholeSdk.h"
 
@@ -22,10 +24,12 @@ namespace {
 
 using namespace tarvo;
 namespace fs = std::filesystem;
+using platform::concat;
 using std::to_string;
 
 /// How a home lives: its batches are confirmed, its store is bounded, its wire is not to be relied upon.
-enum Manner { kConfirmed = 1, kBounded = 2, kBadWire = 4 };
+/// And of a start: it erases everything.
+enum Manner { kConfirmed = 1, kBounded = 2, kBadWire = 4, kErases = 8 };
 constexpr int kManners[] = {0, kConfirmed | kBadWire, kBounded, kConfirmed | kBounded | kBadWire, kBadWire};
 
 constexpr std::int64_t kDay = 86400, kFirstDay = 1718409600;  // 2024-06-15
@@ -46,30 +50,34 @@ void reach(const char* place) {
   if (target.place == place && target.left.fetch_sub(1) == 1) ::kill(::getpid(), SIGKILL);
 }
 
-/// usage: host FOLDER URL START SEED MANNER PLACE NTH; the start that brings all to the backend has the place "last".
-int host(char** given) {
-  const fs::path folder = given[2];
-  if (!std::freopen((folder / "told").c_str(), "w", stdout) || !std::freopen((folder / "console").c_str(), "w", stderr))
+/// usage: host "FOLDER URL START SEED MANNER NTH PLACE"; the start that brings all to the backend has the place "last".
+int host(const std::string& given) {
+  std::istringstream words(given);
+  std::string folder, url;
+  std::int64_t second = 0, left = 0;
+  std::uint64_t seed = 0;
+  int manner = 0;
+  std::getline(words >> folder >> url >> second >> seed >> manner >> left >> std::ws, target.place);
+  if (!std::freopen((folder + "/told").c_str(), "w", stdout) ||
+      !std::freopen((folder + "/console").c_str(), "w", stderr))
     return EXIT_FAILURE;
   ::alarm(120);
-  const int manner = std::stoi(given[6]);
-  std::int64_t second = std::stoll(given[4]) * kDay + kDay / 24;  // since the first day; each start has a day
+  second = second * kDay + kDay / 24;  // since the first day; each start has a day
   faults::Driver dice("host", 0, nullptr, 0);
-  dice.random.seed(std::stoull(given[5]));
-  target.place = given[7];
-  target.left = std::stoll(given[8]);
+  dice.random.seed(seed);
+  target.left = left;
   platform::faultHook = reach;
   const auto clock =
       std::make_shared<platform::ManualClock>(platform::dateSince1970(static_cast<double>(kFirstDay + second)));
-  platform::setHomeDirectory(folder / "home");
+  platform::setHomeDirectory(fs::path(folder) / "home");
   platform::Clock::install(clock);
   platform::setInfoDictionary({{"CFBundleIdentifier", "a.b"}, {"TarvoApiKey", "key"}, {"TarvoClientID", "demo"}});
-  platform::UserDefaults::standard().set(names::kLogLevel, 3);
-  LocationManager::setRemoteWebServerURL(given[3]);
+  LocationManager::setRemoteWebServerURL(url);
   const bool confirmed = (manner & kConfirmed) != 0;
   Tarvo::setDeliveryOptions({.confirmed = confirmed, .dropsProtocolBreaks = confirmed});
   if ((manner & kBounded) != 0)
     Tarvo::setStorageLimits({.positionAge = platform::Seconds(kDay), .storeBytes = 100'000});
+  platform::UserDefaults::standard().set(names::kLogLevel, 3);
   Tarvo tarvo;
   NetworkManager::setApiKeySecret("secret");
   tarvo.activate(Tarvo::BACKEND_GEOPROFILE);
@@ -101,14 +109,20 @@ int host(char** given) {
       [&] { (void)tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {}); },
       [&] { tarvo.activate(Tarvo::BACKEND_GEOPROFILE); },
       [&] { pass(180); },
+      [&] {
+        if ((manner & kErases) == 0) return;
+        if (!tarvo.eraseEverything()) throw std::runtime_error("not erased");
+        platform::UserDefaults::standard().set(names::kLogLevel, 3);
+        tarvo.activate(Tarvo::BACKEND_GEOPROFILE);
+      },
   };
   deliver(1);
   wait(false);
   report("ready");
-  asides[0]();
+  asides.front()();
   for (std::int64_t step = 4 + dice.upTo(6); step > 0; --step) {
     deliver(dice.upTo(6));
-    asides[static_cast<std::size_t>(dice.upTo(std::ssize(asides) - 1))]();
+    asides[static_cast<std::size_t>(step == 2 ? std::ssize(asides) - 1 : dice.upTo(std::ssize(asides) - 2))]();
     if (const auto way = dice.upTo(5); way > 1) wait(way == 2);
   }
   for (int passes = 0; target.place == "last"; ++passes) {
@@ -123,8 +137,7 @@ int host(char** given) {
 /// The way between a host and its backend, on which nothing can be relied upon until it `isHonest`.
 class Wire {
  public:
-  /// `lies`: it also answers in the place of the backend.
-  Wire(int port, std::uint64_t seed, bool lies) : port_(port), seed_(seed), lies_(lies) {}
+  Wire(int port, std::uint64_t seed) : port_(port), seed_(seed) {}
 
   std::atomic<bool> isHonest = false;
   std::string url() const { return server_.url("/api"); }
@@ -142,35 +155,22 @@ class Wire {
   }
 
   void serve(test::Connection& peer) {
-    static const auto answers = [] {
-      std::vector<std::string> all{"HTTP/1.1 200 OK\r\nContent-Length: 99\r\n\r\n{\"success\":true"};
-      for (const char* body : {"<html>Log in</html>", "", R"({"success":false})", R"({"success":"true","results":7})"})
-        all.push_back(test::httpReply(200, body));
-      for (const int status : {302, 401, 500, 503})
-        all.push_back(test::httpReply(status, "", "Retry-After: 7\r\nLocation: http://127.0.0.1:1/\r\n"));
-      return all;
-    }();
     for (std::string request; !(request = peer.readRequest()).empty();) {
       faults::Driver dice("wire", 0, nullptr, 0);
       dice.random.seed(seed_ + ++requests_);
-      const auto beyond = answers.size(),
-                 fate = (lies_ ? 0 : beyond) + static_cast<std::size_t>(dice.upTo(lies_ ? 30 : 5));
-      if (isHonest) {
-        if (!peer.send(ask(request))) return;
-        continue;
-      }
-      if (fate == beyond) return peer.resetOnClose();  // lost on the way there
-      std::string answer = fate > beyond || dice.upTo(1) == 0 ? ask(request) : "";
-      if (fate == beyond + 1) return;  // lost on the way back
-      if (fate == beyond + 2) answer = ask(request);
-      if (fate == beyond + 3) std::this_thread::sleep_for(std::chrono::milliseconds(dice.upTo(30)));
-      if (!peer.send(fate < beyond ? answers[fate] : answer) || fate == 0) return;
+      const auto fate = isHonest ? 5 : dice.upTo(7);
+      if (fate == 0) return peer.resetOnClose();  // lost on the way there
+      std::string answer = ask(request);
+      if (fate == 1) return;  // lost on the way back
+      if (fate == 2) answer = ask(request);
+      if (fate == 3) std::this_thread::sleep_for(std::chrono::milliseconds(dice.upTo(30)));
+      if (fate == 4) answer = test::httpReply(503, "<html>Log in</html>", "Retry-After: 7\r\n");
+      if (!peer.send(answer)) return;
     }
   }
 
   const int port_;
   const std::uint64_t seed_;
-  const bool lies_;
   std::atomic<std::uint64_t> requests_ = 0;
   test::RawServer server_{[this](test::Connection& peer) { serve(peer); }};
 };
@@ -180,21 +180,14 @@ struct Home {
   Home(int howItLives, std::uint64_t seed) : manner(howItLives) {
     fs::create_directory(files);
     backend.start();
-    if ((manner & kBadWire) != 0) wire.emplace(backend.port(), seed, (manner & kConfirmed) != 0);
+    if ((manner & kBadWire) != 0) wire.emplace(backend.port(), seed);
   }
-  std::string url() const { return wire ? wire->url() : backend.baseURL(); }
   /// Something new to download.
   void serveMore() {
-    const std::string next = to_string(++starts);
-    sandbox::Canned canned;
-    canned.trips = {R"({"route":{},"pasttrip_id":)" + next + "1}", R"({"pasttrip_id":)" + next + "2}"};
-    canned.pois = {R"({"zone_geo_json":{}})", R"({"zone_geo_json":[]})"};
-    canned.poiVersion = starts;
-    canned.prediction =
-        R"({"start_time":"","arrival_time":"","probability":1,"destination_lon":1,"destination_lat":1,"route":{},)"
-        R"("destination_json":{},"start_name":"","arrival_name":"","duration":1,"prediction_id":)" +
-        (next + "}");
-    backend.serve(canned);
+    backend.serve(sandbox::parseCanned(std::regex_replace(
+        R"({"trips":[{"route":{},"pasttrip_id":N1},{"pasttrip_id":N2}],"pois":[{"zone_geo_json":{}},{}],"poi_version":N,)"
+        R"("prediction":{"prediction_id":N,"route":{},"start_name":"","duration":1}})",
+        std::regex("N"), to_string(++starts))));
   }
 
   const int manner;
@@ -202,12 +195,15 @@ struct Home {
   const fs::path files = folder.path() / "home";
   sandbox::Backend backend{{"demo", "key", "secret"}, folder.path() / "sandbox.sqlite"};
   std::optional<Wire> wire;
-  std::int64_t starts = 0;
-  bool isRegistered = false;
-  std::map<std::int64_t, std::string> seen;  ///< what a number stands for
-  std::set<std::string> promised;            ///< fixes that are in the store
-  std::set<fs::path> abandoned;              ///< temporary files that the start before has left
-  std::set<std::string> logs;
+  std::int64_t starts = 0, erasings = 0;
+  std::set<fs::path> abandoned;  ///< temporary files that the start before has left
+  /// Since everything was erased.
+  struct Known {
+    std::string since = "0";                   ///< the second of the last fix before
+    std::map<std::int64_t, std::string> seen;  ///< what a number stands for
+    std::set<std::string> promised;            ///< fixes that are in the store
+    std::set<std::string> logs;
+  } known;
 };
 
 std::string textOf(const fs::path& file) {
@@ -231,23 +227,25 @@ class Killer {
     for (std::size_t homes = 0; kills_ < driver_.runs; ++homes) {
       Home home(kManners[homes % std::size(kManners)], driver_.random());
       // The places are learnt from the first start, which nobody kills, and from all that follow.
-      if (places_[0].empty()) start(home, "", 0, {});
+      if (places_.empty()) start(home, "", 0, {});
       for (std::int64_t life = 3 + driver_.upTo(30); life > 0 && kills_ < driver_.runs; --life) {
-        const auto& places = places_[home.isRegistered];
-        auto& latest = latest_[home.isRegistered];
-        auto next = places.upper_bound(latest);  // one after the other, each at any of its times, rather the first ones
-        if (next == places.end()) next = places.begin();
-        if (next == places.end() || driver_.upTo(home.isRegistered ? 1 : 3) == 0)
+        auto next =
+            places_.upper_bound(latest_);  // one after the other, each at any of its times, rather the first ones
+        if (next == places_.end()) next = places_.begin();
+        if (driver_.upTo(1) == 0)
           start(home, "", 0, std::chrono::microseconds(driver_.upTo(longest_.count())));
         else
-          start(home, latest = next->first, 1 + driver_.upTo(driver_.upTo(next->second - 1)), {});
+          start(home, latest_ = next->first, 1 + driver_.upTo(driver_.upTo(next->second - 1)), {});
       }
       if (home.wire) home.wire->isHonest = true;
       start(home, "last", 0, {});
     }
+    for (const char* place : {"retention: removed", "erase: done"})
+      driver_.expect(driver_.runs < 60 || places_.contains(place), concat("never reached: ", place));
     const std::chrono::duration<double> took = Clock::now() - began;
     std::cout << kills_ << " kills in " << starts_ << " starts, " << atPlaces_ << " of them at " << hit_.size()
-              << " places; " << static_cast<double>(kills_) / took.count() << " a second" << std::endl;
+              << " of " << places_.size() << " places; " << static_cast<double>(kills_) / took.count() << " a second"
+              << std::endl;
     return driver_.end(kills_);
   }
 
@@ -258,32 +256,30 @@ class Killer {
 
   /// Runs the host, kills it when the time is up, unless it kills itself, and looks at what it leaves.
   void start(Home& home, const std::string& place, std::int64_t nth, std::optional<std::chrono::microseconds> until) {
-    what_ = "start " + to_string(starts_++) + ", the " + to_string(home.starts) + ". of a home of manner " +
-            to_string(home.manner) + ", killed " +
-            (until ? "after " + to_string(until->count()) + " us: " : "at \"" + place + "\" " + to_string(nth) + ": ");
-    const std::string url = home.url(), start = to_string(home.starts), seed = to_string(driver_.random()),
-                      manner = to_string(home.manner), times = to_string(nth);
+    // Only who has erased everything registers again and has a store made.
+    const bool erases = driver_.upTo(9) == 0 || std::regex_search(place, std::regex("^(erase|registration|store)"));
+    const std::string given = concat(
+        home.folder.path().native(), " ", home.wire ? home.wire->url() : home.backend.baseURL(), " ", home.starts, " ",
+        to_string(driver_.random()), " ", home.manner | (erases ? kErases : 0), " ", nth, " ", place);
+    what_ = concat("start ", starts_++, " of \"", given, "\", killed after ", until ? until->count() : -1, " us: ");
     home.serveMore();
     const auto began = Clock::now();
     const pid_t child = ::fork();
     if (child == 0) {
       ::close_range(3, ~0U, 0);
-      ::_exit(::execl("/proc/self/exe", "kill", "host", home.folder.path().c_str(), url.c_str(), start.c_str(),
-                      seed.c_str(), manner.c_str(), place.c_str(), times.c_str(), nullptr));
+      ::_exit(::execl("/proc/self/exe", "kill", "host", given.c_str(), nullptr));
     }
     if (until) {
       std::this_thread::sleep_for(*until);
       ::kill(child, SIGKILL);
     }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    const bool wasKilled = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+    const int status = test::endOf(child);
+    const bool wasKilled = status == -SIGKILL;
     kills_ += wasKilled;
     if (wasKilled && !until) ++atPlaces_, hit_.insert(place);
     if (!wasKilled && !until) longest_ = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - began);
     const std::string console = textOf(home.folder.path() / "console");
-    expect(wasKilled || status == 0,
-           to_string(status) + console.substr(console.size() - std::min(console.size(), 300UL)));
+    expect(wasKilled || status == 0, concat(status, console.substr(console.size() - std::min(console.size(), 300UL))));
     look(home, textOf(home.folder.path() / "told"), place == "last");
     fs::remove(home.folder.path() / "told");
   }
@@ -292,15 +288,24 @@ class Killer {
     std::map<std::string, std::int64_t> reached;
     std::map<std::string, std::string> facts;
     std::set<std::string> delivered;
+    const auto forget = [&] {
+      home.known = {facts["fix"], {}, {}, {}};
+      delivered.clear(), facts.erase("stored"), ++home.erasings;
+    };
     std::istringstream lines(told);
     for (std::string what, value; lines >> what && std::getline(lines, value) && !lines.eof(); facts[what] = value) {
       if (what == "at") ++reached[value.substr(1)];
       if (what == "fix") delivered.insert(std::string(action::kChanged) + value);
-      if (what == "stored") home.promised.merge(delivered);
+      if (what == "stored") home.known.promised.merge(delivered);
+      if (value == " erase: marked") forget();
     }
-    for (const auto& [place, times] : reached)
-      places_[home.isRegistered][place] = std::max(places_[home.isRegistered][place], times);
+    for (const auto& [place, times] : reached) places_[place] = std::max(places_[place], times);
     expect(!isLast || facts.contains("arrived"), "not all has arrived at the backend");
+    if (fs::exists(home.files / "Library" / "erasing")) {
+      const bool isNew = reached.contains("erase: before the marker");
+      if (isNew && !reached.contains("erase: marked")) forget();
+      return expect(isNew || !facts.contains("ready"), "an erasing is not finished");
+    }
     lookAtFiles(home, facts.contains("ready"), isLast);
     lookAtStore(home, facts.contains("stored") ? std::stoll(facts["stored"]) : 0, isLast);
   }
@@ -308,27 +313,27 @@ class Killer {
   /// Whole lines, readable settings and journals, no temporary file that a whole start has left alone.
   void lookAtFiles(Home& home, bool isReady, bool isLast) {
     std::set<fs::path> temporary;
-    std::string latest;
     for (const auto& entry : fs::recursive_directory_iterator(home.files)) {
       const std::string name = entry.path().filename();
-      const auto holds = [&](auto&& what) { expect(static_cast<bool>(what), "damaged: " + name); };
+      bool isWhole = true;
       if (name.starts_with(".writing-")) {
         temporary.insert(entry.path());
-        expect(!isReady || !home.abandoned.contains(entry.path()), "left over: " + name);
+        isWhole = !isReady || !home.abandoned.contains(entry.path());
       } else if (name.starts_with("TarvoLog_")) {
-        holds(textOf(entry).starts_with("--boundary\r\n") && hasWholeLines(textOf(entry)));
-        latest = std::max(latest, *home.logs.insert(name).first);
+        home.known.logs.insert(name);
+        isWhole = textOf(entry).starts_with("--boundary\r\n") && hasWholeLines(textOf(entry));
       } else if (name == "defaults.plist") {
-        holds(platform::parsePropertyList(textOf(entry)));
+        isWhole = bool(platform::parsePropertyList(textOf(entry)));
       } else if (name.ends_with(".jsonl")) {
         std::istringstream lines(textOf(entry));
-        for (std::string line; std::getline(lines, line);) holds(platform::parseJson(line) && !lines.eof());
+        for (std::string line; std::getline(lines, line);) isWhole &= platform::parseJson(line) && !lines.eof();
       }
+      expect(isWhole, "damaged or left over: " + name);
     }
     home.abandoned = temporary;
     if (!isLast) return;
-    home.logs.erase(latest);
-    for (const auto& log : home.logs)
+    home.known.logs.erase(std::prev(home.known.logs.end()));  // today's
+    for (const auto& log : home.known.logs)
       expect(!fs::exists(home.files / "Documents" / log) && fs::exists(home.backend.logs() / log) &&
                  hasWholeLines(textOf(home.backend.logs() / log)),
              "not uploaded: " + log);
@@ -350,56 +355,59 @@ class Killer {
         expect(rows.emplace(row.number(0), row.text(1)).second, "twice in " + from + ": " + row.text(0));
       return rows;
     };
+    Home::Known& known = home.known;
     expect(read("1, integrity_check", "pragma_integrity_check").at(1) == "ok", "the store is damaged");
     if (read("1, name", "sqlite_schema WHERE name = 'Locations'").empty())
-      return expect(home.promised.empty() && home.seen.empty(), "the store has become empty");
+      return expect(known.promised.empty() && known.seen.empty(), "the store has become empty");
     database.run(("ATTACH '" + (home.folder.path() / "sandbox.sqlite").native() + "' AS backend").c_str());
     const auto fix = [](const std::string& action, const std::string& latitude) {
       return action + " || ' ' || CAST(round(100000 * (" + latitude + " - 40)) AS INTEGER)";
     };
     const auto rows = read("\"index\", " + fix("serviceAction", "latitude"), "Locations");
     const auto done = read("\"index\", ''", "Locations WHERE unsent = 0");
-    const auto received = read("id, " + fix("service_action", "lat"), "positions");
-
+    const auto received =
+        read("id, " + fix("service_action", "lat"), "positions WHERE useruuid IN (SELECT uuid FROM main.Users)");
     const auto ledger = LedgerText::read(read("1, value", "_metadata WHERE name = 'ledger'")[1]);
     const auto unanswered = ledger ? ledger->acknowledgedWithoutAnswer : std::vector<Health::Range>();
-    const auto isNamed = [&](std::int64_t index) {
-      return std::any_of(unanswered.begin(), unanswered.end(),
-                         [&](const auto& range) { return range.first <= index && index <= range.last; });
+    const auto isKnown = [&](std::int64_t index) {
+      return received.contains(index) || std::ranges::any_of(unanswered, [&](const auto& range) {
+               return range.first <= index && index <= range.last;
+             });
     };
 
-    // What a bounded store has removed, the backend has.
+    // What a bounded store has removed, and counts, the backend has.
     auto all = rows;
     if ((home.manner & kBounded) != 0) all.insert(received.begin(), received.end());
+    std::int64_t keys = 0, missing = 0, removed = 0;
+    std::istringstream(read("1, value", "_metadata WHERE name = 'Locations.keys'")[1]) >> keys >> missing >> removed;
+    expect(std::ssize(all) - std::ssize(rows) == removed, "removed and not counted, or the other way round");
     std::set<std::string> fixes;
     for (const auto& [index, value] : all) fixes.insert(value);
-    for (const auto& value : home.promised) expect(fixes.contains(value), "reported as stored, and lost: " + value);
-    const auto stay = [&](const auto& known, const std::string& otherwise) {
-      for (const auto& [index, value] : known)
+    for (const auto& value : known.promised) expect(fixes.contains(value), "reported as stored, and lost: " + value);
+    const auto stay = [&](const auto& before, const std::string& otherwise) {
+      for (const auto& [index, value] : before)
         expect(all.contains(index) && all.at(index) == value, otherwise + to_string(index) + " " + value);
     };
-    stay(home.seen, "lost or changed: ");
+    stay(known.seen, "lost or changed: ");
     stay(received, "posted, and another now: ");
     expect(all.empty() || (all.begin()->first == 0 && all.rbegin()->first == std::ssize(all) - 1), "holes");
-    for (const auto& [index, value] : done)
-      expect(received.contains(index) || isNamed(index), "never received: " + to_string(index));
+    for (const auto& [index, value] : isLast ? all : done)
+      expect(isKnown(index), "never received: " + to_string(index));
     expect((home.manner & kConfirmed) == 0 || unanswered.empty(), "acknowledged without an answer");
     expect((home.manner & kBounded) != 0 || std::ssize(done) >= acknowledged, "fewer acknowledged than reported");
-    for (const auto& [index, value] : all)
-      expect(!isLast || received.contains(index) || isNamed(index), "never arrived: " + to_string(index));
     expect(!isLast || done.size() == rows.size(), "not all is acknowledged");
-    for (const std::string& wrong : std::vector<std::string>{
-             "Locations WHERE abs(locationTimestamp - 1718409600 - round(100000 * (latitude - 40))) > 0.01",
-             "Users LIMIT -1 OFFSET 1", "PastTrips GROUP BY pasttrip_id HAVING count(*) > 1",
-             "backend.users LIMIT -1 OFFSET 1"})
+    for (const std::string& wrong :
+         {std::string("Locations WHERE abs(locationTimestamp - 1718409600 - round(100000 * (latitude - 40))) > 0.01"),
+          "Locations WHERE round(100000 * (latitude - 40)) <= " + known.since,  // was erased
+          std::string("Users LIMIT -1 OFFSET 1"), std::string("PastTrips GROUP BY pasttrip_id HAVING count(*) > 1"),
+          "backend.users LIMIT -1 OFFSET " + to_string(1 + home.erasings)})
       expect(read("1, ''", wrong).empty(), "there is something in " + wrong);
-    home.isRegistered = !read("1, uuid", "Users").empty();
-    home.seen = rows;
+    known.seen = rows;
   }
 
   faults::Driver driver_;
-  std::string what_, latest_[2];
-  std::map<std::string, std::int64_t> places_[2];  ///< and how often each was reached, before and after registration
+  std::string what_, latest_;
+  std::map<std::string, std::int64_t> places_;  ///< and how often each was reached
   std::set<std::string> hit_;
   std::int64_t kills_ = 0, starts_ = 0, atPlaces_ = 0;
   std::chrono::microseconds longest_{100'000};
@@ -408,6 +416,6 @@ class Killer {
 }  // namespace
 
 int main(int count, char** arguments) {
-  if (count > 1 && std::strcmp(arguments[1], "host") == 0) return host(arguments);
+  if (count > 1 && std::strcmp(arguments[1], "host") == 0) return host(arguments[2]);
   return Killer(count, arguments).run();
 }
