@@ -15,7 +15,7 @@
 #include "platform/foundation/PropertyList.h"
 #include "sandbox/Database.h"
 #include "settings/Names.h"
-#include "store/LedgerText.h"
+#include "store/ObjectStore.h"
 #include "support/FreshProcess.h"
 #include "support/RawServer.h"
 #include "support/WholeSdk.h"
@@ -175,12 +175,51 @@ class Wire {
   test::RawServer server_{[this](test::Connection& peer) { serve(peer); }};
 };
 
+/// What is known of a home, since everything was erased, and how to see what must not be in its store.
+constexpr const char* kKnown = R"(
+  CREATE TABLE seen(n, fix);   -- what a number stands for
+  CREATE TABLE promised(fix);  -- in the store
+  CREATE TABLE now(isLast, isConfirmed, acknowledged, since, erasings);
+  CREATE TEMP VIEW stored AS SELECT "index" AS n, unsent,
+    serviceAction || ' ' || CAST(round(100000 * (latitude - 40)) AS INTEGER) AS fix FROM store.Locations;
+  CREATE TEMP VIEW received AS SELECT id AS n,
+    service_action || ' ' || CAST(round(100000 * (lat - 40)) AS INTEGER) AS fix FROM backend.positions
+    WHERE useruuid IN (SELECT uuid FROM store.Users);
+  CREATE TEMP VIEW every AS SELECT n, fix FROM stored UNION SELECT n, fix FROM received;
+  CREATE TEMP VIEW unanswered AS SELECT range.value ->> 0 AS first, range.value ->> 1 AS last
+    FROM store._metadata entry, json_each(entry.value, '$.acknowledged_without_answer') range WHERE name = 'ledger';
+  CREATE TEMP VIEW removed AS SELECT coalesce(max('[' || replace(value, ' ', ',') || ']' ->> 2), 0) AS count
+    FROM store._metadata WHERE name = 'Locations.keys';
+  CREATE TEMP VIEW wrong AS
+  SELECT 'damaged', integrity_check FROM pragma_integrity_check WHERE schema = 'store' AND integrity_check <> 'ok' UNION ALL
+  SELECT 'there twice', n FROM stored GROUP BY n HAVING count(*) > 1 UNION ALL
+  SELECT 'posted, and another now', n FROM every GROUP BY n HAVING count(*) > 1 UNION ALL
+  SELECT 'lost or changed', n FROM (SELECT * FROM seen EXCEPT SELECT * FROM every) UNION ALL
+  SELECT 'reported as stored, and lost', fix FROM (SELECT fix FROM promised EXCEPT SELECT fix FROM every) UNION ALL
+  SELECT 'holes', count(*) FROM every HAVING count(*) <> max(n) + 1 UNION ALL
+  SELECT 'removed and not counted, or not received', count FROM removed
+    WHERE count + (SELECT count(*) FROM stored) <> (SELECT count(*) FROM every) UNION ALL
+  SELECT 'never received', n FROM stored, now WHERE (isLast OR NOT unsent) AND n NOT IN (SELECT n FROM received)
+    AND NOT EXISTS (SELECT * FROM unanswered WHERE n BETWEEN first AND last) UNION ALL
+  SELECT 'acknowledged without an answer', first FROM unanswered, now WHERE isConfirmed UNION ALL
+  SELECT 'fewer acknowledged than reported', acknowledged FROM removed, now
+    WHERE count + (SELECT count(*) FROM stored WHERE NOT unsent) < acknowledged UNION ALL
+  SELECT 'not acknowledged at the end', n FROM stored, now WHERE isLast AND unsent UNION ALL
+  SELECT 'at another place', "index" FROM store.Locations
+    WHERE abs(locationTimestamp - 1718409600 - round(100000 * (latitude - 40))) > 0.01 UNION ALL
+  SELECT 'not erased', "index" FROM store.Locations, now WHERE round(100000 * (latitude - 40)) <= since UNION ALL
+  SELECT 'a second user', max(uuid) FROM store.Users HAVING count(*) > 1 UNION ALL
+  SELECT 'a second user there', erasings FROM now WHERE (SELECT count(*) FROM backend.users) > 1 + erasings UNION ALL
+  SELECT 'a trip twice', pasttrip_id FROM store.PastTrips GROUP BY pasttrip_id HAVING count(*) > 1)";
+
 /// A home, its backend, and what is known of it.
 struct Home {
   Home(int howItLives, std::uint64_t seed) : manner(howItLives) {
     fs::create_directory(files);
     backend.start();
     if ((manner & kBadWire) != 0) wire.emplace(backend.port(), seed);
+    known.run(("ATTACH '" + (folder.path() / "sandbox.sqlite").native() + "' AS backend").c_str());
+    known.run(kKnown);
   }
   /// Something new to download.
   void serveMore() {
@@ -194,16 +233,12 @@ struct Home {
   test::TempDir folder;
   const fs::path files = folder.path() / "home";
   sandbox::Backend backend{{"demo", "key", "secret"}, folder.path() / "sandbox.sqlite"};
+  sandbox::Database known{folder.path() / "known.sqlite"};
   std::optional<Wire> wire;
   std::int64_t starts = 0, erasings = 0;
+  std::string since = "0";       ///< the second of the last fix before everything was erased
   std::set<fs::path> abandoned;  ///< temporary files that the start before has left
-  /// Since everything was erased.
-  struct Known {
-    std::string since = "0";                   ///< the second of the last fix before
-    std::map<std::int64_t, std::string> seen;  ///< what a number stands for
-    std::set<std::string> promised;            ///< fixes that are in the store
-    std::set<std::string> logs;
-  } known;
+  std::set<std::string> logs;    ///< whatever was there
 };
 
 std::string textOf(const fs::path& file) {
@@ -243,9 +278,8 @@ class Killer {
     for (const char* place : {"retention: removed", "erase: done"})
       driver_.expect(driver_.runs < 60 || places_.contains(place), concat("never reached: ", place));
     const std::chrono::duration<double> took = Clock::now() - began;
-    std::cout << kills_ << " kills in " << starts_ << " starts, " << atPlaces_ << " of them at " << hit_.size()
-              << " of " << places_.size() << " places; " << static_cast<double>(kills_) / took.count() << " a second"
-              << std::endl;
+    std::cout << kills_ << " kills in " << starts_ << "starts, at " << hit_.size() << " of " << places_.size()
+              << " places; " << static_cast<double>(kills_) / took.count() << " a second" << std::endl;
     return driver_.end(kills_);
   }
 
@@ -276,7 +310,7 @@ class Killer {
     const int status = test::endOf(child);
     const bool wasKilled = status == -SIGKILL;
     kills_ += wasKilled;
-    if (wasKilled && !until) ++atPlaces_, hit_.insert(place);
+    if (wasKilled && !until) hit_.insert(place);
     if (!wasKilled && !until) longest_ = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - began);
     const std::string console = textOf(home.folder.path() / "console");
     expect(wasKilled || status == 0, concat(status, console.substr(console.size() - std::min(console.size(), 300UL))));
@@ -286,17 +320,18 @@ class Killer {
 
   void look(Home& home, const std::string& told, bool isLast) {
     std::map<std::string, std::int64_t> reached;
-    std::map<std::string, std::string> facts;
-    std::set<std::string> delivered;
+    std::map<std::string, std::string> facts{{"stored", "0"}};
+    std::string delivered;
     const auto forget = [&] {
-      home.known = {facts["fix"], {}, {}, {}};
-      delivered.clear(), facts.erase("stored"), ++home.erasings;
+      home.known.run("DELETE FROM seen; DELETE FROM promised");
+      home.since = facts["fix"], home.logs.clear(), ++home.erasings;
+      delivered.clear(), facts["stored"] = "0";
     };
     std::istringstream lines(told);
     for (std::string what, value; lines >> what && std::getline(lines, value) && !lines.eof(); facts[what] = value) {
       if (what == "at") ++reached[value.substr(1)];
-      if (what == "fix") delivered.insert(std::string(action::kChanged) + value);
-      if (what == "stored") home.known.promised.merge(delivered);
+      if (what == "fix") delivered += concat("INSERT INTO promised VALUES('", action::kChanged, value, "');");
+      if (what == "stored") home.known.run(std::exchange(delivered, "").c_str());
       if (value == " erase: marked") forget();
     }
     for (const auto& [place, times] : reached) places_[place] = std::max(places_[place], times);
@@ -307,7 +342,16 @@ class Killer {
       return expect(isNew || !facts.contains("ready"), "an erasing is not finished");
     }
     lookAtFiles(home, facts.contains("ready"), isLast);
-    lookAtStore(home, facts.contains("stored") ? std::stoll(facts["stored"]) : 0, isLast);
+    // A copy, so that the next start meets what the kill has left.
+    const fs::path copy = home.folder.path() / "copy";
+    for (const char* end : {"", "-wal", "-journal"}) {
+      const fs::path file = home.files / "Documents" / (ObjectStore::kFileName + std::string(end));
+      fs::remove(copy.native() + end);
+      if (fs::exists(file)) fs::copy_file(file, copy.native() + end);
+    }
+    home.known.run(("ATTACH '" + copy.native() + "' AS store").c_str());
+    lookAtStore(home, facts["stored"], isLast);
+    home.known.run("DETACH store");
   }
 
   /// Whole lines, readable settings and journals, no temporary file that a whole start has left alone.
@@ -317,10 +361,11 @@ class Killer {
       const std::string name = entry.path().filename();
       bool isWhole = true;
       if (name.starts_with(".writing-")) {
+        if (entry.path().parent_path().filename() == "Library") continue;  // goes with the next write there, if any
         temporary.insert(entry.path());
         isWhole = !isReady || !home.abandoned.contains(entry.path());
       } else if (name.starts_with("TarvoLog_")) {
-        home.known.logs.insert(name);
+        home.logs.insert(name);
         isWhole = textOf(entry).starts_with("--boundary\r\n") && hasWholeLines(textOf(entry));
       } else if (name == "defaults.plist") {
         isWhole = bool(platform::parsePropertyList(textOf(entry)));
@@ -332,84 +377,31 @@ class Killer {
     }
     home.abandoned = temporary;
     if (!isLast) return;
-    home.known.logs.erase(std::prev(home.known.logs.end()));  // today's
-    for (const auto& log : home.known.logs)
+    home.logs.erase(std::prev(home.logs.end()));  // today's
+    for (const auto& log : home.logs)
       expect(!fs::exists(home.files / "Documents" / log) && fs::exists(home.backend.logs() / log) &&
                  hasWholeLines(textOf(home.backend.logs() / log)),
              "not uploaded: " + log);
   }
 
-  void lookAtStore(Home& home, std::int64_t acknowledged, bool isLast) {
-    // A copy, so that the next start meets what the kill has left.
-    const fs::path copies = home.folder.path() / "copies";
-    fs::remove_all(copies);
-    fs::create_directory(copies);
-    for (const std::string end : {"", "-wal", "-journal"})
-      if (const fs::path file = home.files / "Documents" / (ObjectStore::kFileName + end); fs::exists(file))
-        fs::copy_file(file, copies / ("store" + end));
-    sandbox::Database database(copies / "store");
-    const auto read = [&](const std::string& columns, const std::string& from) {
-      std::map<std::int64_t, std::string> rows;
-      const auto statement = database.prepare("SELECT " + columns + " FROM " + from);
-      for (sandbox::Execution row(statement); row.step();)
-        expect(rows.emplace(row.number(0), row.text(1)).second, "twice in " + from + ": " + row.text(0));
-      return rows;
-    };
-    Home::Known& known = home.known;
-    expect(read("1, integrity_check", "pragma_integrity_check").at(1) == "ok", "the store is damaged");
-    if (read("1, name", "sqlite_schema WHERE name = 'Locations'").empty())
-      return expect(known.promised.empty() && known.seen.empty(), "the store has become empty");
-    database.run(("ATTACH '" + (home.folder.path() / "sandbox.sqlite").native() + "' AS backend").c_str());
-    const auto fix = [](const std::string& action, const std::string& latitude) {
-      return action + " || ' ' || CAST(round(100000 * (" + latitude + " - 40)) AS INTEGER)";
-    };
-    const auto rows = read("\"index\", " + fix("serviceAction", "latitude"), "Locations");
-    const auto done = read("\"index\", ''", "Locations WHERE unsent = 0");
-    const auto received =
-        read("id, " + fix("service_action", "lat"), "positions WHERE useruuid IN (SELECT uuid FROM main.Users)");
-    const auto ledger = LedgerText::read(read("1, value", "_metadata WHERE name = 'ledger'")[1]);
-    const auto unanswered = ledger ? ledger->acknowledgedWithoutAnswer : std::vector<Health::Range>();
-    const auto isKnown = [&](std::int64_t index) {
-      return received.contains(index) || std::ranges::any_of(unanswered, [&](const auto& range) {
-               return range.first <= index && index <= range.last;
-             });
-    };
-
-    // What a bounded store has removed, and counts, the backend has.
-    auto all = rows;
-    if ((home.manner & kBounded) != 0) all.insert(received.begin(), received.end());
-    std::int64_t keys = 0, missing = 0, removed = 0;
-    std::istringstream(read("1, value", "_metadata WHERE name = 'Locations.keys'")[1]) >> keys >> missing >> removed;
-    expect(std::ssize(all) - std::ssize(rows) == removed, "removed and not counted, or the other way round");
-    std::set<std::string> fixes;
-    for (const auto& [index, value] : all) fixes.insert(value);
-    for (const auto& value : known.promised) expect(fixes.contains(value), "reported as stored, and lost: " + value);
-    const auto stay = [&](const auto& before, const std::string& otherwise) {
-      for (const auto& [index, value] : before)
-        expect(all.contains(index) && all.at(index) == value, otherwise + to_string(index) + " " + value);
-    };
-    stay(known.seen, "lost or changed: ");
-    stay(received, "posted, and another now: ");
-    expect(all.empty() || (all.begin()->first == 0 && all.rbegin()->first == std::ssize(all) - 1), "holes");
-    for (const auto& [index, value] : isLast ? all : done)
-      expect(isKnown(index), "never received: " + to_string(index));
-    expect((home.manner & kConfirmed) == 0 || unanswered.empty(), "acknowledged without an answer");
-    expect((home.manner & kBounded) != 0 || std::ssize(done) >= acknowledged, "fewer acknowledged than reported");
-    expect(!isLast || done.size() == rows.size(), "not all is acknowledged");
-    for (const std::string& wrong :
-         {std::string("Locations WHERE abs(locationTimestamp - 1718409600 - round(100000 * (latitude - 40))) > 0.01"),
-          "Locations WHERE round(100000 * (latitude - 40)) <= " + known.since,  // was erased
-          std::string("Users LIMIT -1 OFFSET 1"), std::string("PastTrips GROUP BY pasttrip_id HAVING count(*) > 1"),
-          "backend.users LIMIT -1 OFFSET " + to_string(1 + home.erasings)})
-      expect(read("1, ''", wrong).empty(), "there is something in " + wrong);
-    known.seen = rows;
+  void lookAtStore(Home& home, const std::string& acknowledged, bool isLast) {
+    home.known.run(concat("DELETE FROM now; INSERT INTO now VALUES(", isLast, ",", home.manner & kConfirmed, ",",
+                          acknowledged, ",", home.since, ",", home.erasings, ")")
+                       .c_str());
+    const auto tables = home.known.prepare("SELECT 1 FROM store.sqlite_schema WHERE name = 'Locations'");
+    const bool isMade = sandbox::Execution(tables).step();
+    const auto wrong = home.known.prepare(isMade ? "SELECT * FROM wrong" : "SELECT 'gone', fix FROM promised");
+    sandbox::Execution row(wrong);
+    const bool isWrong = row.step();
+    expect(!isWrong, isWrong ? row.text(0) + ": " + row.text(1) : "");
+    if (isMade) home.known.run("DELETE FROM seen; INSERT INTO seen SELECT n, fix FROM stored");
   }
 
   faults::Driver driver_;
   std::string what_, latest_;
   std::map<std::string, std::int64_t> places_;  ///< and how often each was reached
   std::set<std::string> hit_;
-  std::int64_t kills_ = 0, starts_ = 0, atPlaces_ = 0;
+  std::int64_t kills_ = 0, starts_ = 0;
   std::chrono::microseconds longest_{100'000};
 };
 
