@@ -4,18 +4,15 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstring>
 #include <regex>
 #include <sstream>
 
 #include "faults/Driver.h"
 #include "platform/foundation/FaultPoint.h"
-#include "platform/foundation/Json.h"
 #include "platform/foundation/PropertyList.h"
 #include "sandbox/Database.h"
 #include "settings/Names.h"
-#include "store/ObjectStore.h"
 #include "support/FreshProcess.h"
 #include "support/RawServer.h"
 #include "support/WholeSdk.h"
@@ -24,11 +21,10 @@ namespace {
 
 using namespace tarvo;
 namespace fs = std::filesystem;
-using platform::concat;
-using std::to_string;
+using platform::concat, std::to_string, std::chrono::microseconds;
 
-/// How a home lives: its batches are confirmed, its store is bounded, its wire is not to be relied upon.
-/// And of a start: it erases everything.
+/// How a home lives: its batches are confirmed, its store is bounded, its wire is not to be relied upon. And of a
+/// start: it erases everything.
 enum Manner { kConfirmed = 1, kBounded = 2, kBadWire = 4, kErases = 8 };
 constexpr int kManners[] = {0, kConfirmed | kBadWire, kBounded, kConfirmed | kBounded | kBadWire, kBadWire};
 
@@ -37,59 +33,56 @@ constexpr std::int64_t kDay = 86400, kFirstDay = 1718409600;  // 2024-06-15
 // The host. What it writes down for its killer is true by then: "at PLACE", "fix SECOND" before it delivers one,
 // "stored ACKNOWLEDGED" when all of them are, "ready" once it has started, "arrived" when the backend has everything.
 
-struct {
-  std::string place;
-  std::atomic<std::int64_t> left = 0;
-} target;
+std::string target;
+std::atomic<std::int64_t> left = 0;
 
 void report(const std::string& line) { (void)!::write(STDOUT_FILENO, (line + "\n").c_str(), line.size() + 1); }
 
 void reach(const char* place) {
   if (std::strcmp(place, "lock") == 0) return;  // too many; a random moment hits them as well
-  report(std::string("at ") + place);
-  if (target.place == place && target.left.fetch_sub(1) == 1) ::kill(::getpid(), SIGKILL);
+  report(concat("at ", place));
+  if (target == place && left.fetch_sub(1) == 1) ::kill(::getpid(), SIGKILL);
 }
 
 /// usage: host "FOLDER URL START SEED MANNER NTH PLACE"; the start that brings all to the backend has the place "last".
 int host(const std::string& given) {
   std::istringstream words(given);
   std::string folder, url;
-  std::int64_t second = 0, left = 0;
-  std::uint64_t seed = 0;
-  int manner = 0;
-  std::getline(words >> folder >> url >> second >> seed >> manner >> left >> std::ws, target.place);
+  std::int64_t second = 0, manner = 0, times = 0;
+  faults::Driver dice("host", 0, nullptr, 0);
+  std::getline(words >> folder >> url >> second >> dice.seed >> manner >> times >> std::ws, target);
   if (!std::freopen((folder + "/told").c_str(), "w", stdout) ||
       !std::freopen((folder + "/console").c_str(), "w", stderr))
     return EXIT_FAILURE;
   ::alarm(120);
   second = second * kDay + kDay / 24;  // since the first day; each start has a day
-  faults::Driver dice("host", 0, nullptr, 0);
-  dice.random.seed(seed);
-  target.left = left;
+  dice.random.seed(dice.seed);
+  left = times;
   platform::faultHook = reach;
-  const auto clock =
-      std::make_shared<platform::ManualClock>(platform::dateSince1970(static_cast<double>(kFirstDay + second)));
+  const auto clock = std::make_shared<platform::ManualClock>(platform::dateSince1970(double(kFirstDay + second)));
   platform::setHomeDirectory(fs::path(folder) / "home");
   platform::Clock::install(clock);
   platform::setInfoDictionary({{"CFBundleIdentifier", "a.b"}, {"TarvoApiKey", "key"}, {"TarvoClientID", "demo"}});
   LocationManager::setRemoteWebServerURL(url);
-  const bool confirmed = (manner & kConfirmed) != 0;
-  Tarvo::setDeliveryOptions({.confirmed = confirmed, .dropsProtocolBreaks = confirmed});
+  Tarvo::setDeliveryOptions({.confirmed = (manner & kConfirmed) != 0});
   if ((manner & kBounded) != 0)
     Tarvo::setStorageLimits({.positionAge = platform::Seconds(kDay), .storeBytes = 100'000});
-  platform::UserDefaults::standard().set(names::kLogLevel, 3);
   Tarvo tarvo;
+  const auto activate = [&] {
+    platform::UserDefaults::standard().set(names::kLogLevel, 3);
+    tarvo.activate(Tarvo::BACKEND_GEOPROFILE);
+  };
   NetworkManager::setApiKeySecret("secret");
-  tarvo.activate(Tarvo::BACKEND_GEOPROFILE);
+  activate();
 
   const auto pass = [&](std::int64_t seconds) { clock->advance(platform::Seconds(seconds)), second += seconds; };
   const auto deliver = [&](std::int64_t fixes) {
     for (; fixes > 0; --fixes) {
       pass(30 + dice.upTo(60));
-      report("fix " + to_string(second));
+      report(concat("fix ", second));
       // A latitude of its own for each second: a position tells what it should be.
       platform::LocationService::shared().deliver(
-          {{.coordinate = {40 + static_cast<double>(second) * 1e-5, 11.5}, .timestamp = clock->now()}});
+          {{.coordinate = {40 + double(second) * 1e-5, 11.5}, .timestamp = clock->now()}});
     }
   };
   const auto wait = [&](bool atTheEnd) {
@@ -97,35 +90,24 @@ int host(const std::string& given) {
       throw std::runtime_error("never idle");
     const auto status = tarvo.syncStatus();
     if (!status.storeAvailable || status.unsaved > 0) throw std::runtime_error("no store");
-    report("stored " + to_string(status.acknowledged));
+    report(concat("stored ", status.acknowledged));
     return status.unsent + status.awaiting == 0;
   };
-  const std::vector<std::function<void()>> asides{
-      [&] {
-        (void)tarvo.didReceiveRemoteNotification({{"messageFrom", "tarvo"}});
-      },
-      [&] { tarvo.resetLocalHistory(); },
-      [&] { tarvo.requestRouteMatch(); },
-      [&] { (void)tarvo.getLocationHistory(Tarvo::TARVO_FORMAT_RAW, {}, {}); },
-      [&] { tarvo.activate(Tarvo::BACKEND_GEOPROFILE); },
-      [&] { pass(180); },
-      [&] {
-        if ((manner & kErases) == 0) return;
-        if (!tarvo.eraseEverything()) throw std::runtime_error("not erased");
-        platform::UserDefaults::standard().set(names::kLogLevel, 3);
-        tarvo.activate(Tarvo::BACKEND_GEOPROFILE);
-      },
-  };
+  const platform::Dictionary push{{"messageFrom", "tarvo"}};
+  const std::function<void()> asides[] = {[&] { (void)tarvo.didReceiveRemoteNotification(push); },
+                                          [&] { tarvo.resetLocalHistory(); }, [&] { tarvo.requestRouteMatch(); },
+                                          [&] { pass(180); }, activate};
   deliver(1);
   wait(false);
   report("ready");
-  asides.front()();
+  asides[0]();
   for (std::int64_t step = 4 + dice.upTo(6); step > 0; --step) {
     deliver(dice.upTo(6));
-    asides[static_cast<std::size_t>(step == 2 ? std::ssize(asides) - 1 : dice.upTo(std::ssize(asides) - 2))]();
+    if (step == 2 && (manner & kErases) != 0 && !tarvo.eraseEverything()) throw std::runtime_error("not erased");
+    asides[step == 2 ? 4 : dice.upTo(4)]();
     if (const auto way = dice.upTo(5); way > 1) wait(way == 2);
   }
-  for (int passes = 0; target.place == "last"; ++passes) {
+  for (int passes = 0; target == "last"; ++passes) {
     if (wait(passes % 2 == 0)) return report("arrived"), EXIT_SUCCESS;
     if (passes == 100) throw std::runtime_error("positions are left");
     pass(180);
@@ -135,98 +117,80 @@ int host(const std::string& given) {
 }
 
 /// The way between a host and its backend, on which nothing can be relied upon until it `isHonest`.
-class Wire {
- public:
-  Wire(int port, std::uint64_t seed) : port_(port), seed_(seed) {}
-
-  std::atomic<bool> isHonest = false;
-  std::string url() const { return server_.url("/api"); }
-
- private:
+struct Wire {
   std::string ask(const std::string& request) const {
     test::Connection backend(::socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in address{AF_INET, htons(static_cast<in_port_t>(port_)), {htonl(INADDR_LOOPBACK)}, {}};
-    std::string answer;
-    if (::connect(backend.socket, static_cast<sockaddr*>(static_cast<void*>(&address)), sizeof address) == 0 &&
-        backend.send(request))
-      answer = backend.readRequest();
+    const sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+    const void* generic = &address;
+    const bool isAsked =
+        ::connect(backend.socket, static_cast<const sockaddr*>(generic), sizeof address) == 0 && backend.send(request);
+    std::string answer = isAsked ? backend.readRequest() : "";
     ::close(backend.socket);
     return answer;
   }
-
   void serve(test::Connection& peer) {
     for (std::string request; !(request = peer.readRequest()).empty();) {
-      faults::Driver dice("wire", 0, nullptr, 0);
-      dice.random.seed(seed_ + ++requests_);
-      const auto fate = isHonest ? 5 : dice.upTo(7);
+      const auto fate = isHonest ? 4 : std::mt19937_64(seed + ++requests)() % 6;
       if (fate == 0) return peer.resetOnClose();  // lost on the way there
       std::string answer = ask(request);
       if (fate == 1) return;  // lost on the way back
       if (fate == 2) answer = ask(request);
-      if (fate == 3) std::this_thread::sleep_for(std::chrono::milliseconds(dice.upTo(30)));
-      if (fate == 4) answer = test::httpReply(503, "<html>Log in</html>", "Retry-After: 7\r\n");
+      if (fate == 3) answer = test::httpReply(503, "<html>Log in</html>", "Retry-After: 7\r\n");
       if (!peer.send(answer)) return;
     }
   }
 
-  const int port_;
-  const std::uint64_t seed_;
-  std::atomic<std::uint64_t> requests_ = 0;
-  test::RawServer server_{[this](test::Connection& peer) { serve(peer); }};
+  const in_port_t port;
+  const std::uint64_t seed;
+  std::atomic<bool> isHonest = false;
+  std::atomic<std::uint64_t> requests = 0;
+  test::RawServer server{[this](test::Connection& peer) { serve(peer); }};
 };
 
 /// What is known of a home, since everything was erased, and how to see what must not be in its store.
 constexpr const char* kKnown = R"(
-  CREATE TABLE seen(n, fix);   -- what a number stands for
-  CREATE TABLE promised(fix);  -- in the store
+  CREATE TABLE seen(n, second, action);  -- what a number stands for
+  CREATE TABLE promised(second);         -- fixes that are in the store
   CREATE TABLE now(isLast, isConfirmed, acknowledged, since, erasings);
-  CREATE TEMP VIEW stored AS SELECT "index" AS n, unsent,
-    serviceAction || ' ' || CAST(round(100000 * (latitude - 40)) AS INTEGER) AS fix FROM store.Locations;
-  CREATE TEMP VIEW received AS SELECT id AS n,
-    service_action || ' ' || CAST(round(100000 * (lat - 40)) AS INTEGER) AS fix FROM backend.positions
-    WHERE useruuid IN (SELECT uuid FROM store.Users);
-  CREATE TEMP VIEW every AS SELECT n, fix FROM stored UNION SELECT n, fix FROM received;
+  CREATE TEMP VIEW stored AS SELECT "index" AS n, CAST(round(100000 * (latitude - 40)) AS INTEGER) AS second,
+    serviceAction AS action, unsent, locationTimestamp - 1718409600 AS at FROM store.Locations;
+  CREATE TEMP VIEW received AS SELECT id AS n, CAST(round(100000 * (lat - 40)) AS INTEGER) AS second,
+    service_action AS action FROM backend.positions WHERE useruuid IN (SELECT uuid FROM store.Users);
+  CREATE TEMP VIEW every AS SELECT n, second, action FROM stored UNION SELECT * FROM received;
   CREATE TEMP VIEW unanswered AS SELECT range.value ->> 0 AS first, range.value ->> 1 AS last
     FROM store._metadata entry, json_each(entry.value, '$.acknowledged_without_answer') range WHERE name = 'ledger';
   CREATE TEMP VIEW removed AS SELECT coalesce(max('[' || replace(value, ' ', ',') || ']' ->> 2), 0) AS count
     FROM store._metadata WHERE name = 'Locations.keys';
   CREATE TEMP VIEW wrong AS
-  SELECT 'damaged', integrity_check FROM pragma_integrity_check WHERE schema = 'store' AND integrity_check <> 'ok' UNION ALL
-  SELECT 'there twice', n FROM stored GROUP BY n HAVING count(*) > 1 UNION ALL
-  SELECT 'posted, and another now', n FROM every GROUP BY n HAVING count(*) > 1 UNION ALL
-  SELECT 'lost or changed', n FROM (SELECT * FROM seen EXCEPT SELECT * FROM every) UNION ALL
-  SELECT 'reported as stored, and lost', fix FROM (SELECT fix FROM promised EXCEPT SELECT fix FROM every) UNION ALL
-  SELECT 'holes', count(*) FROM every HAVING count(*) <> max(n) + 1 UNION ALL
-  SELECT 'removed and not counted, or not received', count FROM removed
-    WHERE count + (SELECT count(*) FROM stored) <> (SELECT count(*) FROM every) UNION ALL
-  SELECT 'never received', n FROM stored, now WHERE (isLast OR NOT unsent) AND n NOT IN (SELECT n FROM received)
-    AND NOT EXISTS (SELECT * FROM unanswered WHERE n BETWEEN first AND last) UNION ALL
-  SELECT 'acknowledged without an answer', first FROM unanswered, now WHERE isConfirmed UNION ALL
-  SELECT 'fewer acknowledged than reported', acknowledged FROM removed, now
-    WHERE count + (SELECT count(*) FROM stored WHERE NOT unsent) < acknowledged UNION ALL
-  SELECT 'not acknowledged at the end', n FROM stored, now WHERE isLast AND unsent UNION ALL
-  SELECT 'at another place', "index" FROM store.Locations
-    WHERE abs(locationTimestamp - 1718409600 - round(100000 * (latitude - 40))) > 0.01 UNION ALL
-  SELECT 'not erased', "index" FROM store.Locations, now WHERE round(100000 * (latitude - 40)) <= since UNION ALL
-  SELECT 'a second user', max(uuid) FROM store.Users HAVING count(*) > 1 UNION ALL
-  SELECT 'a second user there', erasings FROM now WHERE (SELECT count(*) FROM backend.users) > 1 + erasings UNION ALL
-  SELECT 'a trip twice', pasttrip_id FROM store.PastTrips GROUP BY pasttrip_id HAVING count(*) > 1)";
+  SELECT 'damaged', integrity_check FROM pragma_integrity_check WHERE schema = 'store' AND integrity_check <> 'ok'
+  UNION ALL SELECT 'posted, and another now', n FROM every GROUP BY n HAVING count(*) > 1
+  UNION ALL SELECT 'lost or changed', n FROM (SELECT * FROM seen EXCEPT SELECT * FROM every)
+  UNION ALL SELECT 'reported as stored, and lost', second FROM
+    (SELECT second FROM promised EXCEPT SELECT second FROM every WHERE action = 'loc_changed')
+  UNION ALL SELECT 'holes', count(*) FROM every HAVING count(*) <> max(n) + 1
+  UNION ALL SELECT 'there twice, or removed and not counted or not received', count FROM removed
+    WHERE count + (SELECT count(*) FROM stored) <> (SELECT count(*) FROM every)
+  UNION ALL SELECT 'never received', n FROM stored, now WHERE (isLast OR NOT unsent)
+    AND n NOT IN (SELECT n FROM received) AND NOT EXISTS (SELECT * FROM unanswered WHERE n BETWEEN first AND last)
+  UNION ALL SELECT 'acknowledged without an answer', first FROM unanswered, now WHERE isConfirmed
+  UNION ALL SELECT 'fewer acknowledged than reported', acknowledged FROM removed, now
+    WHERE count + (SELECT count(*) FROM stored WHERE NOT unsent) < acknowledged
+  UNION ALL SELECT 'at another place, or erased', n FROM stored, now WHERE abs(at - second) > 0.01 OR second <= since
+  UNION ALL SELECT 'a second user', erasings FROM now
+    WHERE (SELECT count(*) FROM store.Users) > 1 OR (SELECT count(*) FROM backend.users) > 1 + erasings
+  UNION ALL SELECT 'a trip twice', pasttrip_id FROM store.PastTrips GROUP BY pasttrip_id HAVING count(*) > 1)";
 
 /// A home, its backend, and what is known of it.
 struct Home {
   Home(int howItLives, std::uint64_t seed) : manner(howItLives) {
     fs::create_directory(files);
     backend.start();
-    if ((manner & kBadWire) != 0) wire.emplace(backend.port(), seed);
-    known.run(("ATTACH '" + (folder.path() / "sandbox.sqlite").native() + "' AS backend").c_str());
-    known.run(kKnown);
+    if ((manner & kBadWire) != 0) wire.reset(new Wire{static_cast<in_port_t>(backend.port()), seed});
+    run("ATTACH '", (folder.path() / "sandbox.sqlite").native(), "' AS backend;", kKnown);
   }
-  /// Something new to download.
-  void serveMore() {
-    backend.serve(sandbox::parseCanned(std::regex_replace(
-        R"({"trips":[{"route":{},"pasttrip_id":N1},{"pasttrip_id":N2}],"pois":[{"zone_geo_json":{}},{}],"poi_version":N,)"
-        R"("prediction":{"prediction_id":N,"route":{},"start_name":"","duration":1}})",
-        std::regex("N"), to_string(++starts))));
+  template <class... Parts>
+  void run(const Parts&... parts) {
+    known.run(concat(parts...).c_str());
   }
 
   const int manner;
@@ -234,23 +198,16 @@ struct Home {
   const fs::path files = folder.path() / "home";
   sandbox::Backend backend{{"demo", "key", "secret"}, folder.path() / "sandbox.sqlite"};
   sandbox::Database known{folder.path() / "known.sqlite"};
-  std::optional<Wire> wire;
+  std::unique_ptr<Wire> wire;
   std::int64_t starts = 0, erasings = 0;
   std::string since = "0";       ///< the second of the last fix before everything was erased
   std::set<fs::path> abandoned;  ///< temporary files that the start before has left
-  std::set<std::string> logs;    ///< whatever was there
+  std::set<std::string> logs;    ///< all that there were
 };
 
 std::string textOf(const fs::path& file) {
   auto text = platform::readFile(file);
   return text ? std::move(*text) : std::string();
-}
-
-bool hasWholeLines(const std::string& log) {
-  bool whole = log.empty() || log.back() == '\n';
-  for (auto stamp = log.find("[[20"); stamp != log.npos; stamp = log.find("[[20", stamp + 1))
-    whole &= stamp == 0 || log[stamp - 1] == '\n';
-  return whole;
 }
 
 class Killer {
@@ -264,11 +221,11 @@ class Killer {
       // The places are learnt from the first start, which nobody kills, and from all that follow.
       if (places_.empty()) start(home, "", 0, {});
       for (std::int64_t life = 3 + driver_.upTo(30); life > 0 && kills_ < driver_.runs; --life) {
-        auto next =
-            places_.upper_bound(latest_);  // one after the other, each at any of its times, rather the first ones
+        // One place after the other, each at any of its times, rather the first ones.
+        auto next = places_.upper_bound(latest_);
         if (next == places_.end()) next = places_.begin();
         if (driver_.upTo(1) == 0)
-          start(home, "", 0, std::chrono::microseconds(driver_.upTo(longest_.count())));
+          start(home, "", 0, microseconds(driver_.upTo(longest_.count())));
         else
           start(home, latest_ = next->first, 1 + driver_.upTo(driver_.upTo(next->second - 1)), {});
       }
@@ -278,8 +235,8 @@ class Killer {
     for (const char* place : {"retention: removed", "erase: done"})
       driver_.expect(driver_.runs < 60 || places_.contains(place), concat("never reached: ", place));
     const std::chrono::duration<double> took = Clock::now() - began;
-    std::cout << kills_ << " kills in " << starts_ << "starts, at " << hit_.size() << " of " << places_.size()
-              << " places; " << static_cast<double>(kills_) / took.count() << " a second" << std::endl;
+    std::cout << kills_ << " kills in " << starts_ << " starts, at " << hit_.size() << " of " << places_.size()
+              << " places; " << double(kills_) / took.count() << " a second" << std::endl;
     return driver_.end(kills_);
   }
 
@@ -289,14 +246,17 @@ class Killer {
   void expect(bool holds, const std::string& otherwise) { driver_.expect(holds, what_ + otherwise); }
 
   /// Runs the host, kills it when the time is up, unless it kills itself, and looks at what it leaves.
-  void start(Home& home, const std::string& place, std::int64_t nth, std::optional<std::chrono::microseconds> until) {
+  void start(Home& home, const std::string& place, std::int64_t nth, std::optional<microseconds> until) {
     // Only who has erased everything registers again and has a store made.
     const bool erases = driver_.upTo(9) == 0 || std::regex_search(place, std::regex("^(erase|registration|store)"));
-    const std::string given = concat(
-        home.folder.path().native(), " ", home.wire ? home.wire->url() : home.backend.baseURL(), " ", home.starts, " ",
-        to_string(driver_.random()), " ", home.manner | (erases ? kErases : 0), " ", nth, " ", place);
+    const std::string url = home.wire ? home.wire->server.url("/api") : home.backend.baseURL();
+    const auto given = concat(home.folder.path().native(), " ", url, " ", home.starts, " ", to_string(driver_.random()),
+                              " ", home.manner | (erases ? kErases : 0), " ", nth, " ", place);
     what_ = concat("start ", starts_++, " of \"", given, "\", killed after ", until ? until->count() : -1, " us: ");
-    home.serveMore();
+    home.backend.serve(sandbox::parseCanned(std::regex_replace(
+        R"({"trips":[{"route":{},"pasttrip_id":N1},{"pasttrip_id":N2}],"pois":[{"zone_geo_json":{}},{}],)"
+        R"("poi_version":N,"prediction":{"prediction_id":N,"route":{},"start_name":"","duration":1}})",
+        std::regex("N"), to_string(++home.starts))));
     const auto began = Clock::now();
     const pid_t child = ::fork();
     if (child == 0) {
@@ -308,37 +268,34 @@ class Killer {
       ::kill(child, SIGKILL);
     }
     const int status = test::endOf(child);
-    const bool wasKilled = status == -SIGKILL;
-    kills_ += wasKilled;
-    if (wasKilled && !until) hit_.insert(place);
-    if (!wasKilled && !until) longest_ = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - began);
-    const std::string console = textOf(home.folder.path() / "console");
-    expect(wasKilled || status == 0, concat(status, console.substr(console.size() - std::min(console.size(), 300UL))));
-    look(home, textOf(home.folder.path() / "told"), place == "last");
-    fs::remove(home.folder.path() / "told");
+    kills_ += status == -SIGKILL;
+    if (status == -SIGKILL && !until) hit_.insert(place);
+    if (status == 0) longest_ = std::chrono::duration_cast<microseconds>(Clock::now() - began);
+    expect(status == -SIGKILL || status == 0, concat(status, " ", textOf(home.folder.path() / "console")));
+    look(home, place == "last");
   }
 
-  void look(Home& home, const std::string& told, bool isLast) {
-    std::map<std::string, std::int64_t> reached;
+  void look(Home& home, bool isLast) {
     std::map<std::string, std::string> facts{{"stored", "0"}};
+    std::map<std::string, std::int64_t> times;
     std::string delivered;
     const auto forget = [&] {
       home.known.run("DELETE FROM seen; DELETE FROM promised");
       home.since = facts["fix"], home.logs.clear(), ++home.erasings;
       delivered.clear(), facts["stored"] = "0";
     };
-    std::istringstream lines(told);
-    for (std::string what, value; lines >> what && std::getline(lines, value) && !lines.eof(); facts[what] = value) {
-      if (what == "at") ++reached[value.substr(1)];
-      if (what == "fix") delivered += concat("INSERT INTO promised VALUES('", action::kChanged, value, "');");
-      if (what == "stored") home.known.run(std::exchange(delivered, "").c_str());
+    std::istringstream told(textOf(home.folder.path() / "told"));
+    for (std::string what, value; told >> what && std::getline(told, value) && !told.eof(); facts[what] = value) {
+      if (what == "at") places_[value.substr(1)] = std::max(places_[value.substr(1)], ++times[value.substr(1)]);
+      if (what == "fix") delivered += concat("INSERT INTO promised VALUES(", value, ");");
+      if (what == "stored") home.run(std::exchange(delivered, ""));
       if (value == " erase: marked") forget();
     }
-    for (const auto& [place, times] : reached) places_[place] = std::max(places_[place], times);
+    fs::remove(home.folder.path() / "told");
     expect(!isLast || facts.contains("arrived"), "not all has arrived at the backend");
     if (fs::exists(home.files / "Library" / "erasing")) {
-      const bool isNew = reached.contains("erase: before the marker");
-      if (isNew && !reached.contains("erase: marked")) forget();
+      const bool isNew = times.contains("erase: before the marker");
+      if (isNew && !times.contains("erase: marked")) forget();
       return expect(isNew || !facts.contains("ready"), "an erasing is not finished");
     }
     lookAtFiles(home, facts.contains("ready"), isLast);
@@ -349,52 +306,40 @@ class Killer {
       fs::remove(copy.native() + end);
       if (fs::exists(file)) fs::copy_file(file, copy.native() + end);
     }
-    home.known.run(("ATTACH '" + copy.native() + "' AS store").c_str());
-    lookAtStore(home, facts["stored"], isLast);
-    home.known.run("DETACH store");
+    home.run("ATTACH '", copy.native(), "' AS store; DELETE FROM now; INSERT INTO now VALUES(", isLast, ",",
+             home.manner & kConfirmed, ",", facts["stored"], ",", home.since, ",", home.erasings, ")");
+    const auto findAny = [&](const char* rows) {
+      const auto statement = home.known.prepare(concat("SELECT * FROM ", rows));
+      sandbox::Execution row(statement);
+      return row.step() ? row.text(0) + ": " + row.text(1) : "";
+    };
+    const bool isMade = !findAny("store.sqlite_schema WHERE name = 'Locations'").empty();
+    const std::string wrong = findAny(isMade ? "wrong" : "promised");
+    expect(wrong.empty(), wrong);
+    home.run(isMade ? "DELETE FROM seen; INSERT INTO seen SELECT n, second, action FROM stored;" : "", "DETACH store");
   }
 
-  /// Whole lines, readable settings and journals, no temporary file that a whole start has left alone.
+  /// Whole lines, readable settings, no temporary file that a whole start has left alone, and logs at the backend.
   void lookAtFiles(Home& home, bool isReady, bool isLast) {
-    std::set<fs::path> temporary;
+    const auto isLog = [](const std::string& text) {
+      static const std::regex broken("[^\\n]\\[\\[20");
+      return text.starts_with("--boundary\r\n") && text.ends_with("\n") && !std::regex_search(text, broken);
+    };
+    const auto abandoned = std::exchange(home.abandoned, {});
     for (const auto& entry : fs::recursive_directory_iterator(home.files)) {
       const std::string name = entry.path().filename();
       bool isWhole = true;
-      if (name.starts_with(".writing-")) {
-        if (entry.path().parent_path().filename() == "Library") continue;  // goes with the next write there, if any
-        temporary.insert(entry.path());
-        isWhole = !isReady || !home.abandoned.contains(entry.path());
-      } else if (name.starts_with("TarvoLog_")) {
-        home.logs.insert(name);
-        isWhole = textOf(entry).starts_with("--boundary\r\n") && hasWholeLines(textOf(entry));
-      } else if (name == "defaults.plist") {
-        isWhole = bool(platform::parsePropertyList(textOf(entry)));
-      } else if (name.ends_with(".jsonl")) {
-        std::istringstream lines(textOf(entry));
-        for (std::string line; std::getline(lines, line);) isWhole &= platform::parseJson(line) && !lines.eof();
-      }
+      if (name == "defaults.plist") isWhole = bool(platform::parsePropertyList(textOf(entry)));
+      if (name.starts_with("TarvoLog_")) home.logs.insert(name), isWhole = isLog(textOf(entry));
+      // In the folder of the marker it goes with the next write there, if there is one.
+      if (name.starts_with(".writing-") && entry.path().parent_path().filename() != "Library")
+        isWhole = !isReady || !abandoned.contains(*home.abandoned.insert(entry.path()).first);
       expect(isWhole, "damaged or left over: " + name);
     }
-    home.abandoned = temporary;
-    if (!isLast) return;
-    home.logs.erase(std::prev(home.logs.end()));  // today's
+    if (isLast) home.logs.erase(std::prev(home.logs.end()));  // today's
     for (const auto& log : home.logs)
-      expect(!fs::exists(home.files / "Documents" / log) && fs::exists(home.backend.logs() / log) &&
-                 hasWholeLines(textOf(home.backend.logs() / log)),
+      expect(!isLast || (!fs::exists(home.files / "Documents" / log) && !textOf(home.backend.logs() / log).empty()),
              "not uploaded: " + log);
-  }
-
-  void lookAtStore(Home& home, const std::string& acknowledged, bool isLast) {
-    home.known.run(concat("DELETE FROM now; INSERT INTO now VALUES(", isLast, ",", home.manner & kConfirmed, ",",
-                          acknowledged, ",", home.since, ",", home.erasings, ")")
-                       .c_str());
-    const auto tables = home.known.prepare("SELECT 1 FROM store.sqlite_schema WHERE name = 'Locations'");
-    const bool isMade = sandbox::Execution(tables).step();
-    const auto wrong = home.known.prepare(isMade ? "SELECT * FROM wrong" : "SELECT 'gone', fix FROM promised");
-    sandbox::Execution row(wrong);
-    const bool isWrong = row.step();
-    expect(!isWrong, isWrong ? row.text(0) + ": " + row.text(1) : "");
-    if (isMade) home.known.run("DELETE FROM seen; INSERT INTO seen SELECT n, fix FROM stored");
   }
 
   faults::Driver driver_;
@@ -402,7 +347,7 @@ class Killer {
   std::map<std::string, std::int64_t> places_;  ///< and how often each was reached
   std::set<std::string> hit_;
   std::int64_t kills_ = 0, starts_ = 0;
-  std::chrono::microseconds longest_{100'000};
+  microseconds longest_{100'000};
 };
 
 }  // namespace
