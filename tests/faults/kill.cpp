@@ -312,16 +312,14 @@ class Killer {
 
   /// Whole lines, readable settings, and in the end all logs at the backend.
   void lookAtFiles(Home& home, bool isLast) {
+    static const std::regex torn("[^\\n]\\[\\[20");
     for (const auto& entry : fs::recursive_directory_iterator(home.files)) {
       const std::string name = entry.path().filename(), text = entry.is_regular_file() ? textOf(entry) : "";
-      bool isWhole = name != "defaults.plist" || platform::parsePropertyList(text);
-      if (name.starts_with("TarvoLog_")) {
-        home.logs.insert(name);
-        isWhole = text.starts_with("--boundary\r\n") && text.ends_with("\n");
-        for (auto stamp = text.find("[[20"); stamp != text.npos; stamp = text.find("[[20", stamp + 1))
-          isWhole &= text[stamp - 1] == '\n';
-      }
-      expect(isWhole, "damaged: " + name);
+      const bool isLog = name.starts_with("TarvoLog_");
+      if (isLog) home.logs.insert(name);
+      expect(!isLog || (text.starts_with("--boundary\r\n") && text.ends_with("\n") && !std::regex_search(text, torn)),
+             "broken lines: " + name);
+      expect(name != "defaults.plist" || platform::parsePropertyList(text), "damaged: " + name);
     }
     if (isLast) home.logs.erase(std::prev(home.logs.end()));  // today's
     for (const auto& log : home.logs) {
