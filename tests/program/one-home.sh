@@ -32,13 +32,4 @@ third=$!
 exec 9>&-
 wait $third || fail "$(cat "$home/third.txt")"
 [ "$(sqlite3 "$store" 'SELECT count(*) = count(DISTINCT "index") FROM Locations')" = 1 ] || fail "numbers repeat"
-
-# One replay after the other is the same user to the same backend.
-for run in 1 2; do
-  "$program" replay "$trip" --sandbox --home "$home/both" >"$home/both.txt" 2>&1 || fail "$(cat "$home/both.txt")"
-done
-[ "$(sqlite3 "$home/both/sandbox.sqlite" 'SELECT count(*), count(DISTINCT useruuid) FROM positions')" = \
-  "$(sqlite3 "${store/$home/$home/both}" 'SELECT count(*) FROM Locations WHERE unsent = 0')|1" ] ||
-  fail "the backend has other positions"
-"$program" history --home "$home/both" | grep -q '"type":"FeatureCollection"' || fail "no history"
 echo "one process wrote at a time"

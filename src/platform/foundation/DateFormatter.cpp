@@ -1,6 +1,7 @@
 #include "platform/foundation/DateFormatter.h"
 
 #include <unicode/ucal.h>
+#include <unicode/uchar.h>
 #include <unicode/udat.h>
 #include <unicode/ustring.h>
 
@@ -83,6 +84,19 @@ Format open(std::u16string_view pattern, std::optional<std::string_view> timeZon
   return opened;
 }
 
+/// ICU divides a fraction of a second by 32 bits of a power of ten: wrong from 13 digits on, and by zero, which stops
+/// the process, from 35.
+bool hasLongNumber(const std::u16string& text) {
+  const auto size = static_cast<int32_t>(text.size());
+  int digits = 0;
+  for (int32_t at = 0; at < size && digits <= 12;) {
+    UChar32 c = 0;
+    U16_NEXT(text.data(), at, size, c);
+    digits = u_isdigit(c) ? digits + 1 : 0;
+  }
+  return digits > 12;
+}
+
 }  // namespace
 
 struct DateFormatter::State {
@@ -123,6 +137,7 @@ std::string DateFormatter::string(Date date) const {
 std::optional<Date> DateFormatter::date(std::string_view text) const {
   if (text.size() > kMaxParsedBytes) return std::nullopt;
   const std::u16string input = utf16(text);
+  if (hasLongNumber(input)) return std::nullopt;
   MutexLock lock(state_->mutex);
   UErrorCode status = U_ZERO_ERROR;
   const Calendar calendar(ucal_clone(udat_getCalendar(state_->format.get()), &status));
