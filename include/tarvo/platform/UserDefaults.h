@@ -20,9 +20,9 @@ namespace tarvo::platform {
 /// read as a property list is left alone, reported once in the system log, and the settings start empty in memory; what
 /// was set meanwhile is added to it once it can be read, or is gone.
 /// A write keeps what another process has set meanwhile, which is seen from then on.
-/// Threads: any. Errors: throws nothing but std::bad_alloc; a failed write is reported in the system log and kept in memory. It is made up
-/// for by the next change, by `synchronize` (the SDK calls it after each save of its store) and by a timer whose pause
-/// grows from a second to five minutes.
+/// Threads: any. Errors: throws nothing but std::bad_alloc; a failed write is reported in the system log and kept in
+/// memory. It is made up for by the next change, by `synchronize` (the SDK calls it after each save of its store) and
+/// by a timer whose pause grows from a second to five minutes.
 class TARVO_API UserDefaults {
  public:
   /// The process's settings; lives as long as the process.
