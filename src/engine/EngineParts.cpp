@@ -26,7 +26,7 @@ namespace {
 
 /// The printed form of a folder's URL: what cannot stand in a URL as it is becomes %XX.
 std::string fileURL(const std::filesystem::path& folder) {
-  static const std::string marks = platform::concat("/", platform::kPathMarks);
+  static const auto& marks = *new std::string(platform::concat("/", platform::kPathMarks));
   return "file://" + platform::percentEncoded(folder.string() + "/", marks);
 }
 

@@ -41,7 +41,7 @@ std::optional<Date> dateUnder(const platform::Dictionary& trip, std::string_view
 
 void setRoute(PastTrips& added, const platform::Dictionary& trip) {
   const platform::Value* found = platform::find(trip, "route");
-  static const platform::Value none;
+  static const auto& none = *new platform::Value;
   const platform::Value& route = found ? *found : none;
   if (auto text = platform::serializeJson(route)) {
     added.setString(at::route, *text);

@@ -19,7 +19,7 @@ namespace {
 std::optional<platform::Error> setGeoJson(PointOfInterest& added, const platform::Dictionary& poi,
                                           at::Position attribute) {
   const Value* found = platform::find(poi, at::kAll[attribute].name);
-  static const Value none;
+  static const auto& none = *new Value;
   const Value& geoJson = found ? *found : none;
   auto text = platform::serializeJson(geoJson);
   if (!text) {
