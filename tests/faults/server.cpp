@@ -1,3 +1,5 @@
+// preset: dev
+
 #include <dlfcn.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
