@@ -3,12 +3,14 @@
 #include <httplib.h>
 #include <sys/socket.h>
 
+#include <chrono>
 #include <limits>
 #include <stdexcept>
 #include <thread>
 #include <utility>
 
 #include "sandbox/Service.h"
+#include "sandbox/store/SqliteStore.h"
 
 namespace tarvo::sandbox {
 namespace {
@@ -65,6 +67,11 @@ void reuseAddress(int socket) {
   setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
 }
 
+std::int64_t now() {
+  using std::chrono::milliseconds;
+  return std::chrono::duration_cast<milliseconds>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
 std::filesystem::path besideArchive(std::filesystem::path archive) {
   const std::string name = archive.stem().string() + "-logs";
   return archive.replace_filename(name);
@@ -73,28 +80,41 @@ std::filesystem::path besideArchive(std::filesystem::path archive) {
 }  // namespace
 
 struct Backend::State {
-  State(Account account, const std::filesystem::path& archive, const std::filesystem::path& logs)
-      : service(std::move(account), archive, logs) {}
+  State(Account account, const std::filesystem::path& archive, const std::filesystem::path& logFolder)
+      : logs(logFolder), service(std::move(account), std::make_unique<SqliteStore>(archive, logFolder)) {}
 
   void handle(const httplib::Request& request, httplib::Response& response) {
     const std::string authorization = request.get_header_value("Authorization"), type = contentType(request);
-    send(service.answer({request.method, request.path, authorization, type, request.body, request.params}), response);
+    Reply reply = service.answer({request.method, request.path, authorization, type, request.body, request.params});
+    answered = {reply.user, reply.fault};
+    send(std::move(reply), response);
   }
 
   void record(const httplib::Request& request, const httplib::Response& response) {
+    const Answered facts = std::exchange(answered, {});
     if (request.target == kProbe) return;
     try {
-      service.archive.storeRequest(request.method, request.target, response.status);
+      service.store->addRequest({0, now(), facts.user, request.method, request.target, response.status,
+                                 static_cast<std::int64_t>(request.body.size()), facts.fault});
     } catch (const std::exception&) {  // the answer matters more than its row
     }
   }
 
+  /// What the log of requests says beside the answer: the thread that answers writes it down too.
+  struct Answered {
+    std::string user, fault;
+  };
+  static thread_local Answered answered;
+
+  const std::filesystem::path logs;
   Service service;
   httplib::Server server;
   std::thread listener;
   std::string baseURL;
   int port = 0;
 };
+
+thread_local Backend::State::Answered Backend::State::answered;
 
 Backend::Backend(Account account, const std::filesystem::path& archive, std::filesystem::path logs)
     : state_(std::make_unique<State>(std::move(account), archive, logs.empty() ? besideArchive(archive) : logs)) {
@@ -144,9 +164,9 @@ const std::string& Backend::baseURL() const { return state_->baseURL; }
 
 int Backend::port() const { return state_->port; }
 
-const std::filesystem::path& Backend::logs() const { return state_->service.logs.path(); }
+const std::filesystem::path& Backend::logs() const { return state_->logs; }
 
-Holdings Backend::holdings() { return state_->service.archive.holdings(); }
+Holdings Backend::holdings() { return state_->service.store->holdings(); }
 
 Faults& Backend::faults() { return state_->service.faults; }
 

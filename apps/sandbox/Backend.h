@@ -4,9 +4,9 @@
 #include <memory>
 #include <string>
 
-#include "sandbox/Archive.h"
 #include "sandbox/Canned.h"
 #include "sandbox/Faults.h"
+#include "sandbox/store/Store.h"
 
 namespace tarvo::sandbox {
 

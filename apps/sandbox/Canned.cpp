@@ -4,7 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
-#include "sandbox/BoundedJson.h"
+#include "sandbox/wire/BoundedJson.h"
 
 namespace tarvo::sandbox {
 namespace {

@@ -6,7 +6,8 @@
 #include <optional>
 #include <utility>
 
-#include "sandbox/Bodies.h"
+#include "sandbox/wire/Bodies.h"
+#include "sandbox/wire/Logs.h"
 
 namespace tarvo::sandbox {
 namespace {
@@ -14,8 +15,10 @@ namespace {
 using Json = nlohmann::json;
 
 Reply reply(int status, const Json& body) {
-  return {status, body.dump(-1, ' ', false, Json::error_handler_t::replace)};
+  return {status, body.dump(-1, ' ', false, Json::error_handler_t::replace), {}, {}};
 }
+
+Reply reply(std::string body) { return {200, std::move(body), {}, {}}; }
 
 Reply success() { return reply(200, {{"success", true}}); }
 
@@ -51,11 +54,8 @@ const Service::Route Service::kRoutes[] = {
     {"GET", "resetgeoprofile", &Service::resetgeoprofile},
 };
 
-Service::Service(Account account, const std::filesystem::path& archiveFile, const std::filesystem::path& logFolder)
-    : archive(archiveFile),
-      logs(logFolder),
-      account_(std::move(account)),
-      base_("/api/v1/" + account_.clientID + "/") {}
+Service::Service(Account customer, std::unique_ptr<Store> records)
+    : account(std::move(customer)), store(std::move(records)), base_("/api/v1/" + account.clientID + "/") {}
 
 const Service::Route* Service::find(const Call& call) const {
   if (!call.path.starts_with(base_)) return nullptr;
@@ -70,21 +70,26 @@ Reply Service::answer(const Call& call) {
   const Route* route = find(call);
   if (route == nullptr) return refuse(404, "no such path");
   if (auto fault = faults.meet(std::string(route->path)))
-    return fault->body.empty() ? refuse(fault->status, "planned fault") : Reply{fault->status, std::move(fault->body)};
+    return {fault->status,
+            fault->body.empty() ? refuse(fault->status, "planned fault").body : std::move(fault->body),
+            {},
+            "status"};
   const auto credentials = readBasicCredentials(call.authorization);
   if (route->handle == &Service::users) {
-    if (credentials != Credentials{account_.apiKey, account_.apiSecret}) return refuse(401, "wrong API key or secret");
-  } else if (!credentials || !archive.knows(*credentials)) {
+    if (credentials != Credentials{account.apiKey, account.apiSecret}) return refuse(401, "wrong API key or secret");
+  } else if (!credentials || !store->knows(*credentials)) {
     return refuse(401, "unknown user");
   }
-  return (this->*route->handle)(call, credentials->name);
+  Reply reply = (this->*route->handle)(call, credentials->name);
+  if (route->handle != &Service::users) reply.user = credentials->name;
+  return reply;
 }
 
 Reply Service::users(const Call& call, const std::string&) {
   std::string why;
   const auto device = readDevice(call.body, why);
   if (!device) return refuse(400, why);
-  const Identity user = archive.identify(*device);
+  const Identity user = store->identify(*device);
   const Json result = {{"uuid", user.uuid}, {"creation_date", user.creationDate}, {"secretkey", user.secret}};
   return reply(200, {{"success", true}, {"results", Json::array({result})}});
 }
@@ -93,8 +98,8 @@ Reply Service::positions(const Call& call, const std::string& user) {
   std::string why;
   const auto batch = readPositions(call.body, user, why);
   if (!batch) return refuse(400, why);
-  archive.store(user, *batch);
-  return {200, derived.counters(user)};
+  store->change(user, [&](UserRecords& records) { records.add(*batch); });
+  return reply(derived.counters(user));
 }
 
 Reply Service::uplog(const Call& call, const std::string& user) {
@@ -102,8 +107,7 @@ Reply Service::uplog(const Call& call, const std::string& user) {
   std::string why;
   const auto log = readLogUpload(call.body, why);
   if (!log) return refuse(400, why);
-  logs.keep(*log);
-  archive.storeLog(user, log->file, log->content.size());
+  store->change(user, [&](UserRecords& records) { records.addLog(log->file, log->content); });
   return reply(200, {{"success", true}, {"results", "uploaded"}, {"file", log->file}});
 }
 
@@ -113,34 +117,34 @@ Reply Service::form(const Call& call, const std::string& user) {
   std::string why;
   const auto texts = readForm(call.body, *form, why);
   if (!texts) return refuse(400, why);
-  archive.storeCall(user, *form, *texts);
+  store->change(user, [&](UserRecords& records) { records.addCall(*form, *texts); });
   return success();
 }
 
 Reply Service::userconf(const Call& call, const std::string& user) {
   if (queryValue(call, "uuid") != user) return refuse(400, "uuid is not the user that asks");
-  return {200, derived.configuration()};
+  return reply(derived.configuration());
 }
 
-Reply Service::predictions(const Call&, const std::string& user) { return {200, derived.prediction(user)}; }
+Reply Service::predictions(const Call&, const std::string& user) { return reply(derived.prediction(user)); }
 
 Reply Service::pasttrips(const Call& call, const std::string& user) {
   const auto first = readNumber(queryValue(call, "first_pasttrip_id").value_or(""));
   const auto last = readNumber(queryValue(call, "last_pasttrip_id").value_or(""));
   if (!first || !last) return refuse(400, "no range of trips");
-  return {200, derived.pastTrips(user, *first, *last)};
+  return reply(derived.pastTrips(user, *first, *last));
 }
 
-Reply Service::pois(const Call&, const std::string& user) { return {200, derived.places(user)}; }
+Reply Service::pois(const Call&, const std::string& user) { return reply(derived.places(user)); }
 
 Reply Service::resetbackend(const Call&, const std::string& user) {
-  archive.storeReset(user, "resetbackend");
+  store->change(user, [](UserRecords& records) { records.addReset("resetbackend"); });
   derived.forgetHistory(user);
   return success();
 }
 
 Reply Service::resetgeoprofile(const Call&, const std::string& user) {
-  archive.storeReset(user, "resetgeoprofile");
+  store->change(user, [](UserRecords& records) { records.addReset("resetgeoprofile"); });
   derived.forgetGeoProfile(user);
   return success();
 }

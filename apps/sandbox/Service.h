@@ -1,14 +1,13 @@
 #pragma once
 
-#include <filesystem>
 #include <map>
+#include <memory>
 #include <string>
 #include <string_view>
 
-#include "sandbox/Archive.h"
 #include "sandbox/Canned.h"
 #include "sandbox/Faults.h"
-#include "sandbox/Logs.h"
+#include "sandbox/store/Store.h"
 
 namespace tarvo::sandbox {
 
@@ -20,7 +19,9 @@ struct Call {
 
 struct Reply {
   int status = 200;
-  std::string body;  ///< JSON
+  std::string body;   ///< JSON
+  std::string user;   ///< who asked; empty for a device that registers, and for strangers
+  std::string fault;  ///< the kind of the fault that happened; empty without
 };
 
 /// A reply of "success" false and a reason.
@@ -28,15 +29,15 @@ Reply refuse(int status, const std::string& why);
 
 /// What the backend answers: finds the path, lets a planned fault happen, checks who asks, and keeps or looks up.
 ///
-/// Threads: any; the parts guard themselves. Errors: those of the archive and the log folder.
+/// Threads: any; the parts guard themselves. Errors: those of the store.
 class Service {
  public:
-  Service(Account account, const std::filesystem::path& archive, const std::filesystem::path& logs);
+  Service(Account account, std::unique_ptr<Store> store);
 
   Reply answer(const Call& call);
 
-  Archive archive;
-  LogFolder logs;
+  const Account account;
+  const std::unique_ptr<Store> store;
   Derived derived;
   Faults faults;
 
@@ -57,7 +58,6 @@ class Service {
   Reply resetbackend(const Call& call, const std::string& user);
   Reply resetgeoprofile(const Call& call, const std::string& user);
 
-  const Account account_;
   const std::string base_;
 };
 
