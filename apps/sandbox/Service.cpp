@@ -6,6 +6,7 @@
 #include <optional>
 #include <utility>
 
+#include "sandbox/Parts.h"
 #include "sandbox/wire/Bodies.h"
 #include "sandbox/wire/Logs.h"
 
@@ -14,9 +15,9 @@ namespace {
 
 using Json = nlohmann::json;
 
-Reply reply(int status, const Json& body) {
-  return {status, body.dump(-1, ' ', false, Json::error_handler_t::replace), {}, {}};
-}
+std::string text(const Json& json) { return json.dump(-1, ' ', false, Json::error_handler_t::replace); }
+
+Reply reply(int status, const Json& body) { return {status, text(body), {}, {}}; }
 
 Reply reply(std::string body) { return {200, std::move(body), {}, {}}; }
 
@@ -76,13 +77,17 @@ Reply Service::answer(const Call& call) {
             "status"};
   const auto credentials = readBasicCredentials(call.authorization);
   if (route->handle == &Service::users) {
-    if (credentials != Credentials{account.apiKey, account.apiSecret}) return refuse(401, "wrong API key or secret");
+    if (!isAccount(call.authorization)) return refuse(401, "wrong API key or secret");
   } else if (!credentials || !store->knows(*credentials)) {
     return refuse(401, "unknown user");
   }
   Reply reply = (this->*route->handle)(call, credentials->name);
   if (route->handle != &Service::users) reply.user = credentials->name;
   return reply;
+}
+
+bool Service::isAccount(std::string_view authorization) const {
+  return readBasicCredentials(authorization) == Credentials{account.apiKey, account.apiSecret};
 }
 
 Reply Service::users(const Call& call, const std::string&) {
@@ -98,8 +103,18 @@ Reply Service::positions(const Call& call, const std::string& user) {
   std::string why;
   const auto batch = readPositions(call.body, user, why);
   if (!batch) return refuse(400, why);
-  store->change(user, [&](UserRecords& records) { records.add(*batch); });
-  return reply(derived.counters(user));
+  std::string counters;
+  store->change(user, [&](UserRecords& records) {
+    const derive::Changes changes = derive::takeIn(records, records.add(*batch));
+    counters = derive::counters(records);
+    Json about = {{"unit", user}};
+    if (changes.trips) records.tell("trips", about.dump());
+    if (changes.places) records.tell("places", about.dump());
+    if (changes.prediction) records.tell("prediction", about.dump());
+    about.update({{"first", batch->front().id}, {"last", batch->back().id}, {"count", batch->size()}});
+    records.tell("batch", about.dump());
+  });
+  return reply(canned.given() ? canned.counters(user) : std::move(counters));
 }
 
 Reply Service::uplog(const Call& call, const std::string& user) {
@@ -107,7 +122,10 @@ Reply Service::uplog(const Call& call, const std::string& user) {
   std::string why;
   const auto log = readLogUpload(call.body, why);
   if (!log) return refuse(400, why);
-  store->change(user, [&](UserRecords& records) { records.addLog(log->file, log->content); });
+  store->change(user, [&](UserRecords& records) {
+    records.addLog(log->file, log->content);
+    records.tell("log", text({{"unit", user}, {"file", log->file}}));
+  });
   return reply(200, {{"success", true}, {"results", "uploaded"}, {"file", log->file}});
 }
 
@@ -123,30 +141,57 @@ Reply Service::form(const Call& call, const std::string& user) {
 
 Reply Service::userconf(const Call& call, const std::string& user) {
   if (queryValue(call, "uuid") != user) return refuse(400, "uuid is not the user that asks");
-  return reply(derived.configuration());
+  return reply(canned.configuration());
 }
 
-Reply Service::predictions(const Call&, const std::string& user) { return reply(derived.prediction(user)); }
+Reply Service::predictions(const Call&, const std::string& user) { return reply(prediction(user)); }
 
 Reply Service::pasttrips(const Call& call, const std::string& user) {
   const auto first = readNumber(queryValue(call, "first_pasttrip_id").value_or(""));
   const auto last = readNumber(queryValue(call, "last_pasttrip_id").value_or(""));
   if (!first || !last) return refuse(400, "no range of trips");
-  return reply(derived.pastTrips(user, *first, *last));
+  return reply(pastTrips(user, *first, *last));
 }
 
-Reply Service::pois(const Call&, const std::string& user) { return reply(derived.places(user)); }
+Reply Service::pois(const Call&, const std::string& user) { return reply(places(user)); }
 
 Reply Service::resetbackend(const Call&, const std::string& user) {
-  store->change(user, [](UserRecords& records) { records.addReset("resetbackend"); });
-  derived.forgetHistory(user);
+  store->change(user, [&](UserRecords& records) {
+    records.addReset("resetbackend");
+    derive::forgetHistory(records);
+    records.tell("trips", text({{"unit", user}}));
+  });
+  canned.forgetHistory(user);
   return success();
 }
 
 Reply Service::resetgeoprofile(const Call&, const std::string& user) {
-  store->change(user, [](UserRecords& records) { records.addReset("resetgeoprofile"); });
-  derived.forgetGeoProfile(user);
+  store->change(user, [&](UserRecords& records) {
+    records.addReset("resetgeoprofile");
+    derive::forgetGeoProfile(records);
+    for (const char* kind : {"places", "prediction"}) records.tell(kind, text({{"unit", user}}));
+  });
+  canned.forgetGeoProfile(user);
   return success();
+}
+
+std::string Service::derivedText(const std::string& user, const std::function<std::string(derive::Records&)>& read) {
+  std::string text;
+  store->look(user, [&](derive::Records& records) { text = read(records); });
+  return text;
+}
+
+std::string Service::pastTrips(const std::string& user, std::int64_t first, std::int64_t last) {
+  if (canned.given()) return canned.pastTrips(user, first, last);
+  return derivedText(user, [&](derive::Records& records) { return derive::pastTrips(records, first, last); });
+}
+
+std::string Service::places(const std::string& user) {
+  return canned.given() ? canned.places(user) : derivedText(user, derive::places);
+}
+
+std::string Service::prediction(const std::string& user) {
+  return canned.given() ? canned.prediction(user) : derivedText(user, derive::prediction);
 }
 
 }  // namespace tarvo::sandbox

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -28,6 +30,8 @@ struct Reply {
 Reply refuse(int status, const std::string& why);
 
 /// What the backend answers: finds the path, lets a planned fault happen, checks who asks, and keeps or looks up.
+/// Trips, places and predictions are what is derived from the positions of the user, unless canned data were given;
+/// those are the same for everybody.
 ///
 /// Threads: any; the parts guard themselves. Errors: those of the store.
 class Service {
@@ -36,9 +40,15 @@ class Service {
 
   Reply answer(const Call& call);
 
+  /// What units are answered: JSON texts.
+  std::string pastTrips(const std::string& user, std::int64_t first, std::int64_t last);
+  std::string places(const std::string& user);
+  std::string prediction(const std::string& user);
+  bool isAccount(std::string_view authorization) const;
+
   const Account account;
   const std::unique_ptr<Store> store;
-  Derived derived;
+  Derived canned;
   Faults faults;
 
  private:
@@ -46,6 +56,7 @@ class Service {
   static const Route kRoutes[];
 
   const Route* find(const Call& call) const;
+  std::string derivedText(const std::string& user, const std::function<std::string(derive::Records&)>& read);
 
   Reply users(const Call& call, const std::string& user);
   Reply positions(const Call& call, const std::string& user);

@@ -47,14 +47,12 @@ Identity newIdentity() { return {newUUID(), randomHex(32), creationDate()}; }
 
 constexpr const char* kUnits =
     "SELECT u.uuid,ifnull(u.phone_description,''),ifnull(c.positions,0),ifnull(c.repeats,0),ifnull(c.highest,-1),"
-    "ifnull(c.seen,0),ifnull(h.connected,0),(SELECT count(*) FROM derived d WHERE d.useruuid=u.uuid AND kind='trip'),"
-    "(SELECT count(*) FROM derived d WHERE d.useruuid=u.uuid AND kind='place'),c.id,c.time,c.lon,c.lat FROM users u "
+    "ifnull(c.seen,0),ifnull(h.connected,0),c.id,c.time,c.lon,c.lat FROM users u "
     "LEFT JOIN units c ON c.useruuid=u.uuid LEFT JOIN hosts h ON h.useruuid=u.uuid ";
 
 Unit unitIn(const Execution& row) {
-  Unit unit{row.text(0),   row.text(1),   row.number(2), row.number(3), row.number(4),
-            row.number(5), row.number(6), row.number(7), row.number(8), {}};
-  if (!row.isNull(10)) unit.newest = derive::Point{row.number(9), row.real(10), row.real(11), row.real(12)};
+  Unit unit{row.text(0), row.text(1), row.number(2), row.number(3), row.number(4), row.number(5), row.number(6), {}};
+  if (!row.isNull(8)) unit.newest = derive::Point{row.number(7), row.real(8), row.real(9), row.real(10)};
   return unit;
 }
 
@@ -91,7 +89,8 @@ struct SqliteStore::Reader {
   Database database;
   SqliteReads reads{database};
   Database::Statement findUser = database.prepare("SELECT 1 FROM users WHERE uuid=? AND secret=?");
-  Database::Statement events = database.prepare("SELECT n,useruuid,kind,json FROM events WHERE n>? ORDER BY n LIMIT ?");
+  Database::Statement events = database.prepare(
+      "SELECT n,useruuid,kind,json FROM events WHERE n>?1 AND (?3='' OR useruuid=?3) ORDER BY n LIMIT ?2");
   Database::Statement lastEvent = database.prepare("SELECT ifnull(max(n),0) FROM events");
 };
 
@@ -260,10 +259,10 @@ std::int64_t SqliteStore::tell(const std::string& user, std::string_view kind, s
   return writer_->writes.tell(user, kind, json);
 }
 
-std::vector<Event> SqliteStore::events(std::int64_t after, std::int64_t limit) {
+std::vector<Event> SqliteStore::events(std::int64_t after, std::int64_t limit, const std::string& user) {
   const std::lock_guard lock(reading_);
   Execution select(reader_->events);
-  select.bind(after).bind(limit);
+  select.bind(after).bind(limit).bind(user);
   std::vector<Event> events;
   while (select.step()) events.push_back({select.number(0), select.text(1), select.text(2), select.text(3)});
   return events;

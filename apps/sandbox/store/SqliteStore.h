@@ -68,7 +68,7 @@ class SqliteStore final : public Store {
   std::vector<LogFile> logs(const std::string& user) override;
   std::optional<std::string> log(const std::string& user, const std::string& file) override;
   std::int64_t tell(const std::string& user, std::string_view kind, std::string_view json) override;
-  std::vector<Event> events(std::int64_t after, std::int64_t limit) override;
+  std::vector<Event> events(std::int64_t after, std::int64_t limit, const std::string& user) override;
   std::int64_t lastEvent() override;
   void connected(const std::string& user, std::int64_t until) override;
   void setHealth(const std::string& user, const Health& health) override;

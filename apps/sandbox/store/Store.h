@@ -32,7 +32,6 @@ struct Unit {
   std::string uuid, name;
   std::int64_t positions = 0, repeats = 0, highest = -1;
   std::int64_t lastSeen = 0, connectedUntil = 0;
-  std::int64_t trips = 0, places = 0;
   std::optional<derive::Point> newest;  ///< by time
 };
 
@@ -129,10 +128,12 @@ class Store {
 
   /// Tells those who watch; an empty user is nobody. Returns the event's number.
   virtual std::int64_t tell(const std::string& user, std::string_view kind, std::string_view json) = 0;
-  /// Those with a higher number, by number. One that is not among them yet will bear a higher number than all of them:
-  /// whoever asks again from the last misses none. The oldest are forgotten, so the first may lie further on.
-  virtual std::vector<Event> events(std::int64_t after, std::int64_t limit) = 0;
-  /// The number of the newest event; cheap enough to be asked several times a second.
+  /// Those with a higher number, by number, of this user alone unless it is empty. One that is not among them yet will
+  /// bear a higher number than all of them: whoever asks again from the last misses none. The oldest are forgotten, so
+  /// the first may lie further on.
+  virtual std::vector<Event> events(std::int64_t after, std::int64_t limit, const std::string& user) = 0;
+  /// The number of the newest event that `events` would give; 0 without any. Cheap enough to be asked several times a
+  /// second.
   virtual std::int64_t lastEvent() = 0;
 
   /// A host process of this user is connected until then, unless this is said again.
