@@ -1,8 +1,8 @@
 #pragma once
 
 // The derivation and the page, or what stands in for them in a tree that does not have them: nothing is derived, and
-// the page says so.
-#if __has_include("sandbox/derive/Derive.h")
+// the page says so. The build tells which there are.
+#ifdef TARVO_SANDBOX_DERIVES
 #include "sandbox/derive/Derive.h"
 #else
 #include "sandbox/derive/Records.h"
@@ -27,7 +27,7 @@ inline std::string prediction(Records&) { return R"({"success":false,"error":"no
 }  // namespace tarvo::sandbox::derive
 #endif
 
-#if __has_include("sandbox/page/Page.h")
+#ifdef TARVO_SANDBOX_PAGE
 #include "sandbox/page/Page.h"
 #else
 #include <string>
