@@ -23,7 +23,8 @@ std::int64_t minutes(double count) { return std::llround(count * 60) * 1000; }
 Coordinate findPlace(const std::vector<Place>& places, std::size_t about, double nearest, double farthest,
                      Random& random) {
   for (;;) {
-    const Coordinate at = placeAt(places[about].at, random.between(0, 360), random.between(nearest, farthest));
+    const double azimuth = random.between(0, 360), metres = random.between(nearest, farthest);
+    const Coordinate at = placeAt(places[about].at, azimuth, metres);
     const auto tooNear = [&](const Place& other) { return metresBetween(other.at, at) < 350; };
     if (std::none_of(places.begin(), places.end(), tooNear)) return at;
     farthest *= 1.05;
@@ -60,10 +61,11 @@ class Life {
     plan_.legs.push_back({to, mode, midnight_ + minutes(minuteOfDay), minutes(stay)});
   }
 
-  /// There at a time of the day, and home after a while.
-  void visit(std::size_t place, double minuteOfDay, double stay) {
-    go(place, minuteOfDay, 15);
-    go(kHome, 0, stay);
+  /// There at about a time of the day, and home after a while.
+  void visit(std::size_t place, double minuteOfDay, double shortest, double longest, Random& random) {
+    const double leave = random.around(minuteOfDay, place == kFriend ? 15 : 25, 2);
+    go(place, leave, 15);
+    go(kHome, 0, random.between(shortest, longest));
   }
 
   /// Departures of commuters vary by some 10 minutes from day to day, in the evening by more.
@@ -83,16 +85,16 @@ class Life {
       go(kHome, 0, random.between(20, 40));
     } else {
       go(kHome, evening, 60);
-      if (weekday == 4 && random.chance(0.5)) visit(kFriend, random.around(20 * 60, 15, 2), random.between(100, 170));
+      if (weekday == 4 && random.chance(0.5)) visit(kFriend, 20 * 60, 100, 170, random);
     }
   }
 
   void freeDay(int weekday, Random& random) {
-    if (weekday == 5) visit(kShop, random.around(10 * 60 + 15, 25, 2), random.between(25, 50));
+    if (weekday == 5) visit(kShop, 10 * 60 + 15, 25, 50, random);
     if (weekday == lakeDay_)
-      visit(kLake, random.around(13 * 60 + 30, 25, 2), random.between(120, 210));
+      visit(kLake, 13 * 60 + 30, 120, 210, random);
     else if (random.chance(0.5))
-      visit(kFriend, random.around(15 * 60 + 30, 25, 2), random.between(90, 170));
+      visit(kFriend, 15 * 60 + 30, 90, 170, random);
   }
 
   Plan& plan_;
@@ -114,17 +116,22 @@ Plan outing(Coordinate from, Coordinate to, std::uint64_t seed, std::int64_t sta
   Random random({seed, kOuting});
   const double metres = metresBetween(from, to);
   std::vector<Place> places = {{"start", from}, {"end", to}};
-  // As far from both ends as the way is long, to one side.
-  places.push_back({"car park", findPlace(places, 0, 0.5 * metres, 0.7 * metres, random)});
-  places.push_back({"cafe", findPlace(places, 2, 450, 650, random)});
+  // On the way, but to one side.
+  Coordinate park;
+  do {
+    const double azimuth = random.between(0, 360), away = metres * random.between(0.35, 0.6);
+    park = placeAt(from, azimuth, away);
+  } while (metresBetween(park, to) > 0.75 * metres);
+  places.push_back({"car park", park});
+  places.push_back({"cafe", findPlace(places, 2, 360, 480, random)});
   return {places,
           {{2, Mode::Drive, start, 0},
            {3, Mode::Walk, start, minutes(1.5)},
-           {2, Mode::Walk, start, minutes(random.between(16, 20))},
+           {2, Mode::Walk, start, minutes(random.between(34, 37))},
            {1, Mode::Drive, start, minutes(1.5)}},
           start,
           0,
-          minutes(12)};
+          minutes(10)};
 }
 
 Plan life(Coordinate home, Coordinate work, std::uint64_t seed, std::int64_t start, int days) {

@@ -33,8 +33,8 @@ struct Plan {
 /// One way, and some minutes at its end.
 Plan oneWay(Coordinate from, Coordinate to, Mode mode, std::int64_t start);
 
-/// An hour: a drive that is interrupted for a walk to a place, a stay there and the walk back to the car, and a stay
-/// where it ends.
+/// A good hour: a drive that is interrupted for a walk to a place, a stay there and the walk back to the car, and a
+/// stay where it ends.
 Plan outing(Coordinate from, Coordinate to, std::uint64_t seed, std::int64_t start);
 
 /// Days of a person who lives at one place and works at the other: the way there and back on weekdays, lunch, errands,

@@ -12,6 +12,7 @@ double settled(double value);
 
 /// A stream of random numbers that is the same on every machine: the standard fixes what std::mt19937_64 gives, but not
 /// what its distributions make of it, so these are its own.
+/// Two draws never stand in one expression whose parts a compiler may take in any order, as arguments of a call are.
 /// Threads: one. Copies go on alike.
 class Random {
  public:

@@ -80,7 +80,8 @@ bool Receiver::strays(Sky sky) {
   if (strayFixes_ > 0) return --strayFixes_ > 0;
   if (!random_.chance(sky == Sky::Open ? kStraysOpen : kStraysCanyon)) return false;
   strayFixes_ = 1 + (random_.chance(0.3) ? 1 : 0);
-  strayEast_ = random_.between(60, 350) * (random_.chance(0.5) ? 1 : -1);
+  const bool west = random_.chance(0.5);
+  strayEast_ = random_.between(60, 350) * (west ? -1 : 1);
   strayNorth_ = random_.between(-250, 250);
   return true;
 }

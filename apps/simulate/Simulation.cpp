@@ -26,7 +26,7 @@ Request taken(Request request) {
     *place = taken(*place);
   }
   const double metres = metresBetween(request.from, request.to);
-  check(metres >= 200 && metres <= 500'000, "--from and --to: they lie 200 m to 500 km apart");
+  check(metres >= 500 && metres <= 500'000, "--from and --to: they lie 500 m to 500 km apart");
   check(request.days >= 1 && request.days <= 31, "--days: 1 to 31");
   check(request.rate >= 0.01 && request.rate <= 10, "--rate: 0.01 to 10 fixes a second");
   check(std::abs(request.start) < 4'000'000'000'000, "--start: a year from 1844 to 2096");

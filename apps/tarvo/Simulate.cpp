@@ -21,6 +21,7 @@ using simulation::Profile;
 
 struct SimulateOptions {
   simulation::Request request;
+  std::string profile;
   std::optional<int> days;
   std::optional<std::string> truth, output;
 };
@@ -47,6 +48,7 @@ void writeFile(const std::string& name, Write write) {
 
 int simulate(const SimulateOptions& options) {
   simulation::Request request = options.request;
+  request.profile = kProfiles.at(options.profile);
   const bool person = request.profile == Profile::Day || request.profile == Profile::Week;
   if (options.days && !person) throw Failure{kUsage, "--days belongs to the profiles day and week"};
   request.days = options.days.value_or(request.profile == Profile::Week ? 7 : 1);
@@ -83,11 +85,14 @@ void addSimulateCommand(CLI::App& app, Run& run) {
   };
   place("--from", options->request.from, "Where the way begins, or home");
   place("--to", options->request.to, "Where it ends, or work");
-  command->add_option("--profile", options->request.profile, "What is done: drive, bike, walk, outing, day or week")
+  command->add_option("--profile", options->profile, "What is done: drive, bike, walk, outing, day or week")
       ->required()
-      ->transform(CLI::CheckedTransformer(kProfiles).description(""))
+      ->check(CLI::IsMember({"drive", "bike", "walk", "outing", "day", "week"}).description(""))
       ->type_name("PROFILE");
-  command->add_option("--seed", options->request.seed, "Another number, other trips")->required()->type_name("N");
+  command->add_option("--seed", options->request.seed, "Another number, other trips")
+      ->required()
+      ->check(CLI::NonNegativeNumber.description(""))
+      ->type_name("N");
   command->add_option("--days", options->days, "Days of the person, at most 31 [1 or 7]")->type_name("N");
   command
       ->add_option_function<std::string>(
