@@ -153,6 +153,7 @@ Plan life(Coordinate home, Coordinate work, std::uint64_t seed, std::int64_t sta
     plan.places.push_back({ring.name, findPlace(plan.places, ring.about, ring.nearest, ring.farthest, random)});
   plan.start = midnight;
   plan.end = midnight + days * kDay;
+  plan.stay = minutes(15);
   Life person(plan, seed);
   for (int day = 0; day < days; ++day) person.day(midnight + day * kDay, day);
   return plan;

@@ -91,7 +91,9 @@ void addSimulateCommand(CLI::App& app, Run& run) {
       ->type_name("PROFILE");
   command->add_option("--seed", options->request.seed, "Another number, other trips")
       ->required()
-      ->check(CLI::NonNegativeNumber.description(""))
+      ->check([](const std::string& text) {
+        return text.starts_with('-') ? "neither 0 nor a number above: " + text : std::string();
+      })
       ->type_name("N");
   command->add_option("--days", options->days, "Days of the person, at most 31 [1 or 7]")->type_name("N");
   command
