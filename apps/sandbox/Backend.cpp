@@ -10,6 +10,7 @@
 #include <thread>
 #include <utility>
 
+#include "sandbox/Exchanges.h"
 #include "sandbox/Service.h"
 #include "sandbox/live/Live.h"
 #include "sandbox/live/Texts.h"
@@ -141,6 +142,9 @@ struct Backend::State {
   void record(const httplib::Request& request, const httplib::Response& response) {
     const Answered facts = std::exchange(answered, {});
     if (live::Live::owns(request.path)) return;
+    exchanges.add({request.method, request.target, contentType(request),
+                   service.isAccount(request.get_header_value("Authorization")) ? "account" : "user", request.body,
+                   response.body, response.status, !facts.fault.empty()});
     try {
       service.store->addRequest({0, live::now(), facts.user, request.method, request.target, response.status,
                                  static_cast<std::int64_t>(request.body.size()), facts.fault});
@@ -162,6 +166,7 @@ struct Backend::State {
   const Options options;
   const std::filesystem::path logs;
   Service service;
+  Exchanges exchanges;
   live::Live live;
   std::unique_ptr<httplib::Server> server;
   std::thread listener;
