@@ -87,52 +87,6 @@ TEST_F(Requests, AreLeftOutBeforeTheRegistrationOrStopTheProcess) {
   EXPECT_EQ(NetworkManager::UNSUBSCRIPTION_LIST().count("u"), 1u);
 }
 
-TEST_F(Requests, ReadTheSecretAgainWithEachClient) {
-  settings.userSecret.set("in memory alone");
-  client();
-  EXPECT_EQ(NetworkManager::UUID_SECRET_KEY(), std::nullopt);
-}
-
-TEST_F(Requests, StopTheProcessOnAnswersOfAnotherTypeOrDropThem) {
-  identify();
-  settings.activateStatus.set(12);
-  settings.lastTripID.set(3);
-  const auto registration = [this] { call(&NetworkManager::sendUserToRemoteWebServer, "{}"); };
-  const auto batch = [this] { sendBatch(); };
-  const auto trips = [this] { call(&NetworkManager::getLocationHistoryEXTRAPOLATED); };
-  const struct {
-    const char *path, *answer, *message;
-    std::function<void()> operation;
-  } cases[] = {
-      {"users", R"(true,"results":[{"uuid":7,"creation_date":"d","secretkey":"k"}])", R"("uuid" is no text)",
-       registration},
-      {"positions", "null", R"("success" is no Boolean)", batch},
-      {"positions", R"(true,"last_prediction_id":"5","last_pasttrip_id":7,"last_poi_id":3)", R"(on_id" is)", batch},
-      {"positions", R"(true,"last_prediction_id":0,"last_pasttrip_id":7.5,"last_poi_id":3)", R"(p_id" is no)", batch},
-      {"positions", R"(true,"last_prediction_id":0,"last_pasttrip_id":3,"last_poi_id":true)", R"(i_id" is no)", batch},
-      {"predictions",
-       R"(true,"prediction_id":8,"start_time":"s","arrival_time":"a","probability":true,"destination_lon":2.5,)"
-       R"("destination_lat":48,"route":{},"destination_json":{},"start_name":"","arrival_name":"","duration":1)",
-       R"(probability" is no number)", [this] { call(&NetworkManager::getNextTrip); }},
-      {"pasttrips", R"(true,"trips":null)", R"(trips" is no array)", trips},
-      {"pasttrips", R"(true,"trips":[1])", R"(trips" is no object)", trips}};
-  for (const bool drops : {false, true}) {
-    settings.deliveryOptions.set({.dropsProtocolBreaks = drops});
-    for (const auto& [path, answer, message, operation] : cases) {
-      backend.answer(path, {200, platform::concat(R"({"success":)", answer, "}")});
-      if (!drops) {
-        EXPECT_DEATH(operation(), message) << answer;
-      } else {
-        LogDiary::installed();
-        operation();
-        EXPECT_GT(LogDiary::installed().count(message), 0u) << answer;
-      }
-    }
-  }
-  EXPECT_EQ(settings.userSecret.get(), "k") << "what came before the break stays";
-  EXPECT_EQ(LogDiary::installed().count("engine: mark 0-9"), 4u);
-}
-
 TEST(BackendAddress, IsAnHttpUrlThatKeepsCredentialsOffTheWire) {
   for (const char* usable :
        {"https://backend.example/api", "http://127.0.0.1:8080/api", "http://[::1]:8080/api", "http://localhost/api"})
@@ -201,10 +155,9 @@ TEST_F(Account, StoresTheConfiguredLogLevelInTheDefaultsAlone) {
 
 TEST_F(Account, TellsWhatBecomesOfTagsTokensAndResets) {
   identify();
-  const std::string tooLong(std::size_t{65} << 20, 'x'),
-      set = "NetworkManager:setTags :", reset = "resetBackend :", token = "NetworkManager:sendTokenremoteWebServer ",
-      any = "NetworkManager:subscriptionRegiter ", loc = "[loc] JSON conversion problem mainThread:true",
-      error = "Unresolved error Error Domain=NSCocoaErrorDomain Code=3851";
+  const std::string set = "NetworkManager:setTags :", reset = "resetBackend :",
+                    token = "NetworkManager:sendTokenremoteWebServer ",
+                    noText = "[loc] JSON conversion problem mainThread:true";
   const struct {
     int status;  ///< 0: the backend is gone
     std::string value;
@@ -216,8 +169,7 @@ TEST_F(Account, TellsWhatBecomesOfTagsTokensAndResets) {
                  " NetworkManager:unsetTags :réponse = <NSHTTPURLResponse>", token + ": httpstatus : 503",
                  token + ":réponse = <", "NetworkManager:resetGeoProfile : httpStatus 503"}},
                {0, "unheard", {set + "[error] : Could", reset + "[error] :Optional("}},
-               {0, "no text: \xff", {any + loc, token + loc}},
-               {0, tooLong, {any + error}}};
+               {0, "no text: \xff", {"NetworkManager:subscriptionRegiter " + noText, token + noText}}};
   for (const auto& [status, value, texts] : cases) {
     for (const char* path : {"tags/set", "tags/unset", "tokens", "resetgeoprofile"}) backend.answer(path, {status, ""});
     if (status == 0) backend.stop();
@@ -229,7 +181,6 @@ TEST_F(Account, TellsWhatBecomesOfTagsTokensAndResets) {
                                  &NetworkManager::resetGeoProfile, &NetworkManager::userConfigremoteWebServer})
       call(operation);
     for (const auto& text : texts) EXPECT_EQ(LogDiary::installed().count(text), 1u) << text;
-    EXPECT_EQ(LogDiary::installed().count(error), value == tooLong ? 2u : 0u) << "of the token too";
     if (status == 0) expectInOrder({"NetworkManager:sendDataInBatchToRemoteWebServer :[error] :Optional("});
   }
 }
@@ -262,9 +213,8 @@ TEST_F(BatchUpload, MarksOrFreesAndDownloadsAsTheAnswerSays) {
   EXPECT_EQ(outcome({200, kNewCounters}), platform::concat("marked, ", kDownloads, ", places 3"));
   EXPECT_EQ(outcome({200, "", [this] { dropClient(); }}), "marked, POST positions, places 0");
   EXPECT_EQ(outcome({200, kNewCounters}, 8), "marked, POST positions, places 0");
-  for (const char* body : {"", "{", "[1]", "null", R"({"last_prediction_id":5,"last_pasttrip_id":7,"last_poi_id":3})",
+  for (const char* body : {"{", R"({"last_prediction_id":5,"last_pasttrip_id":7,"last_poi_id":3})",
                            R"({"success":false,"last_prediction_id":5,"last_pasttrip_id":7,"last_poi_id":3})",
-                           R"({"success":true,"last_prediction_id":"5","last_pasttrip_id":null})",
                            R"({"success":true,"last_prediction_id":0,"last_pasttrip_id":0,"last_poi_id":0})"})
     EXPECT_EQ(outcome({200, body}), "marked, POST positions, places 0") << body;
   EXPECT_EQ(outcome({200, R"({"success":true,"last_prediction_id":0,"last_pasttrip_id":0,"last_poi_id":-1.0})"}),
@@ -286,9 +236,7 @@ TEST_F(BatchUpload, IsConfirmedOnlyByACompleteAnswerOfTheAddressAskedThatSaysSo)
     Error error = Error::none;  ///< when confirmed; by default too, if it does not mark
   } cases[] = {{{200, yes}, "mark 0-9"},
                {{200, ""}, "mark 0-9", Error::rejected},
-               {{200, "{"}, "mark 0-9", Error::rejected},
                {{200, R"({"success":false})"}, "mark 0-9", Error::rejected},
-               {{200, R"({"success":1})"}, "mark 0-9", Error::rejected},
                {{200, yes, {}, /*broken=*/true}, unanswered, Error::broken},
                {{302, yes, {}, false, there}, "mark 0-9", Error::redirected},
                {{201, yes}, "", Error::refused},
@@ -382,7 +330,6 @@ struct Downloads : ClientTest {
 
 TEST_F(Downloads, AskForTripsOnlyWhenTheNewestIsNotTheAnnouncedOne) {
   const std::tuple<std::optional<std::int64_t>, std::int64_t, const char*> cases[] = {
-      {{}, 0, ""},
       {7, 7, ""},
       {{}, 42, "GET pasttrips?first_pasttrip_id=0&last_pasttrip_id=42"},
       {7, 9, "GET pasttrips?first_pasttrip_id=7&last_pasttrip_id=9"},
@@ -395,10 +342,6 @@ TEST_F(Downloads, AskForTripsOnlyWhenTheNewestIsNotTheAnnouncedOne) {
   }
   engine.newest = {true, std::nullopt};
   EXPECT_DEATH(client().getLocationHistoryEXTRAPOLATED(), "no identifier");
-  settings.deliveryOptions.set({.dropsProtocolBreaks = true});
-  LogDiary::installed();
-  call(&NetworkManager::getLocationHistoryEXTRAPOLATED);
-  EXPECT_EQ(LogDiary::installed().count("the newest past trip has no identifier") + backend.take().size(), 1u);
   settings.userUUID.set(std::nullopt);
   client().getLocationHistoryEXTRAPOLATED();
   EXPECT_TRUE(platform::WorkInFlight::waitUntilIdle(platform::Seconds(0)));
@@ -409,11 +352,9 @@ TEST_F(Downloads, HandWhatCameOverWhateverTheStatusAndForgetTheVersionOfPlacesOn
   const std::tuple<Backend::Answer, std::size_t, std::int64_t> cases[] = {
       {{200, two}, 1, 5},
       {{500, two}, 1, 0},
-      {{500, ""}, 0, 0},
       {{200, "lost", {}, /*broken=*/true}, 0, 0},
       {{200, "nonsense"}, 0, 5},
-      {{200, R"({"success":false,"pois":[]})"}, 0, 5},
-      {{200, R"({"success":true})"}, 0, 5}};
+      {{200, R"({"success":false,"pois":[]})"}, 0, 5}};
   LogDiary& log = LogDiary::installed();
   for (const auto& [answer, handedOver, versionAfter] : cases) {
     log.clear();
