@@ -1,8 +1,5 @@
 #include "support/WholeSdk.h"
 
-#include <chrono>
-#include <future>
-
 namespace tarvo {
 namespace {
 
@@ -118,26 +115,6 @@ TEST_F(Facade, AsksForThePermissionThatTheModeNeedsAndAnswersTheStatusBefore) {
     EXPECT_EQ(diary.count("requestAgainLocationAuthorization"), alerts);
     waitUntilIdle();
   }
-}
-
-TEST_F(Facade, TakesThePermissionThatItFindsForNoChange) {
-  /// Holds the service's reports up until an engine that does not wait for its own would have been activated.
-  struct Slow final : platform::CLLocationManagerDelegate {
-    void didUpdateLocations(platform::CLLocationManager&, const std::vector<platform::CLLocation>&) override {}
-    void didFailWithError(platform::CLLocationManager&, const platform::Error&) override {}
-    void didChangeAuthorization(platform::CLLocationManager&, CLAuthorizationStatus) override {
-      activated.get_future().wait_for(std::chrono::milliseconds(200));
-    }
-    std::promise<void> activated;
-  } slow;
-  platform::CLLocationManager another;
-  another.setDelegate(&slow);
-  Tarvo tarvo;
-  tarvo.activate(Tarvo::LOCAL_BACKGROUND);
-  slow.activated.set_value();
-  another.setDelegate(nullptr);
-  waitUntilIdle();
-  EXPECT_EQ(diary.count("didChangeAuthorization"), 0u);
 }
 
 TEST_F(Facade, RecordsChangesOfPermissionAtTheLastKnownPlaceWhileStarted) {

