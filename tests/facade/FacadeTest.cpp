@@ -1,3 +1,6 @@
+#include <thread>
+
+#include "platform/foundation/FaultPoint.h"
 #include "support/WholeSdk.h"
 
 namespace tarvo {
@@ -115,6 +118,15 @@ TEST_F(Facade, AsksForThePermissionThatTheModeNeedsAndAnswersTheStatusBefore) {
     EXPECT_EQ(diary.count("requestAgainLocationAuthorization"), alerts);
     waitUntilIdle();
   }
+}
+
+TEST_F(Facade, TakesThePermissionThatItFindsForNoChange) {
+  platform::faultHook = [](const char* place) {  // whoever tells of it comes late
+    if (place == std::string_view("thread")) std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  };
+  Tarvo tarvo;
+  activate(tarvo, Tarvo::LOCAL_BACKGROUND);
+  EXPECT_EQ(diary.count("didChangeAuthorization"), 0u);
 }
 
 TEST_F(Facade, RecordsChangesOfPermissionAtTheLastKnownPlaceWhileStarted) {

@@ -202,6 +202,10 @@ TEST_F(BatchUpload, MarksOrFreesAndDownloadsAsTheAnswerSays) {
     EXPECT_EQ(outcome({200, body}), "marked, POST positions, places 0") << body;
   EXPECT_EQ(outcome({200, R"({"success":true,"last_prediction_id":0,"last_pasttrip_id":0,"last_poi_id":-1.0})"}),
             "marked, GET pois, POST positions, places -1");
+  // The version as it was when the batch left counts.
+  EXPECT_EQ(outcome({200, R"({"success":true,"last_prediction_id":0,"last_pasttrip_id":0,"last_poi_id":5})",
+                     [this] { defaults.set("poi_version", 5); }}),
+            "marked, GET pois, POST positions, places 5");
   // The status that arrived before the transfer broke decides.
   EXPECT_EQ(outcome({500, "lost", {}, /*broken=*/true}), "freed, POST positions, places 0");
   expectInOrder({"sendDataInBatchToRemoteWebServer : httpstatus : 500 :réponse = <NSHTTPURLResponse>",
@@ -270,17 +274,6 @@ TEST_F(BatchUpload, DownloadsThenReplaysSubscriptionsUntilAcceptedThenMarks) {
     EXPECT_EQ(NetworkManager::SUBSCRIPTION_LIST().size(), registering == 500 ? 1u : 0u);
     EXPECT_EQ(NetworkManager::UNSUBSCRIPTION_LIST().size(), unregistering == 200 ? 0u : 1u);
   }
-}
-
-TEST_F(BatchUpload, ComparesThePoiVersionAsItWasWhenTheBatchLeft) {
-  const std::string answer = R"({"success":true,"last_prediction_id":0,"last_pasttrip_id":0,"last_poi_id":5})";
-  defaults.set("poi_version", 5);
-  backend.answer("positions", {200, answer, [this] { defaults.set("poi_version", 0); }});
-  sendBatch();
-  EXPECT_EQ(backend.takeTargets(), "POST positions");
-  sendBatch();
-  EXPECT_EQ(backend.takeTargets(), "GET pois, POST positions");
-  EXPECT_EQ(defaults.integer("poi_version"), 5);
 }
 
 TEST_F(BatchUpload, WaitsForTwoCopiesAtMostAndIgnoresOlderOnes) {
