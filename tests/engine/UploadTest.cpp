@@ -124,23 +124,6 @@ TEST_F(Upload, TakesOverAChannelHeldFor180SecondsAndResendsWhatAwaitsFirst) {
   EXPECT_EQ(holdings.repeats, 1) << "the answer was lost, not the batch";
 }
 
-TEST_F(Upload, AcknowledgesOnATransportErrorAsOnAnAnswer) {
-  Tarvo tarvo = online(Tarvo::BACKEND_GEOPROFILE);
-  backend.stop();
-  collect(1);
-  diary.clear();
-  upload();
-  EXPECT_EQ(tarvo.health().positions.acknowledgedWithoutAnswer, (std::vector<Health::Range>{{0, 0}}));
-  const auto delivery = tarvo.health().delivery;
-  EXPECT_TRUE(delivery.lastError == DeliveryError::unreachable && delivery.triesSince == 1 && delivery.lastTry);
-  EXPECT_FALSE(delivery.lastAcknowledgement) << "nobody has answered";
-  EXPECT_EQ(diary.missingInOrder({"httpstatus : 200", "[net] [succes] Data:nil",
-                                  "Locations:markLocationAsSentUntilIndex [loc] from:0 to:0", kCalled,
-                                  "LocationManager:saveContext",
-                                  "NetworkManager:sendDataInBatchToRemoteWebServer :[error] :Optional("}),
-            "");
-}
-
 TEST_F(Upload, KeepsPositionsUntilTheBackendConfirmsThemAndWaitsInBetween) {
   Tarvo tarvo = online();
   Tarvo::setDeliveryOptions({.confirmed = true});
@@ -153,6 +136,8 @@ TEST_F(Upload, KeepsPositionsUntilTheBackendConfirmsThemAndWaitsInBetween) {
     EXPECT_EQ(tarvo.health().delivery.triesSince, tries) << later;
     EXPECT_FALSE(NetworkManager::CANAL_LOCK());
   }
+  const auto delivery = tarvo.health().delivery;
+  EXPECT_TRUE(delivery.lastError == DeliveryError::unauthorized && delivery.lastTry && !delivery.lastAcknowledgement);
   upload();  // as the host, who need not wait
   for (const char* once : {"backend does not accept this device", "backend accepts this device again"})
     EXPECT_EQ(diary.count(once), 1u) << once;

@@ -20,7 +20,6 @@
 
 #include "engine/EngineParts.h"
 #include "faults/Driver.h"
-#include "platform/foundation/DateFormatter.h"
 #include "platform/foundation/Encoding.h"
 #include "platform/foundation/Files.h"
 #include "platform/foundation/Json.h"
@@ -171,18 +170,6 @@ void gpx(Bytes bytes) {
   }
 }
 
-void dates(Bytes bytes) {
-  const std::string text(bytes);
-  static const auto& formatter = *new DateFormatter("YYYY-MM-dd'T'HH:mm:ss.SSSZ");
-  for (const auto date : {parseTimestamp(bytes), cli::parseDate(text), formatter.date(bytes)}) {
-    if (!date) continue;
-    const std::string iso = cli::isoDate(*date);
-    concat(*date, formatter.string(*date), LocalizedTime{*date});
-    if (iso.size() == 20 && iso[0] != '-')  // years from 1000 on
-      require(cli::parseDate(iso) == floor<std::chrono::seconds>(*date), "a date that was written reads as another");
-  }
-}
-
 /// A base, a line end and where it sends its client, or when.
 void urls(Bytes bytes) {
   const std::string base(bytes.substr(0, bytes.find('\n')));
@@ -273,15 +260,11 @@ struct Sdk {
   void answer(Bytes bytes, const std::function<void(NetworkManager&)>& ask) {
     Tarvo::setDeliveryOptions({.confirmed = bytes.size() % 2 == 1, .dropsProtocolBreaks = true});
     HTTPURLResponse response{"http://127.0.0.1:9/api", 200, {}};
-    if (bytes.starts_with("HTTP ")) {  // status and headers, a line each, then an empty one
+    if (bytes.starts_with("HTTP ")) {  // a status, when to come back, and the rest in the next lines
       response.statusCode = std::atoi(std::string(bytes.substr(5, 3)).c_str());
-      for (bytes.remove_prefix(std::min(bytes.find('\n'), bytes.size() - 1) + 1); !bytes.empty();) {
-        const Bytes line = bytes.substr(0, bytes.find('\n'));
-        bytes.remove_prefix(std::min(bytes.size(), line.size() + 1));
-        if (line.empty()) break;
-        const auto colon = std::min(line.find(':'), line.size());
-        response.headers.emplace_back(line.substr(0, colon), trimmed(line.substr(std::min(colon + 1, line.size()))));
-      }
+      bytes.remove_prefix(std::min(bytes.size(), 8UL));
+      response.headers.emplace_back("Retry-After", trimmed(bytes.substr(0, bytes.find('\n'))));
+      bytes.remove_prefix(std::min(bytes.find('\n'), bytes.size() - 1) + 1);
     }
     clear();
     ask(parts.networkManager);
@@ -339,7 +322,6 @@ const Target kTargets[] = {
     {"plist", propertyList},
     {"journal", journal},
     {"gpx", gpx},
-    {"dates", dates},
     {"urls", urls},
     {"ledger", ledger},
     {"script", script},

@@ -45,15 +45,6 @@ TEST_F(BundleOfTheHost, IsWhatTheHostSaysInCodeAndNotItsFile) {
   EXPECT_TRUE(setInfoDictionary(info)) << "the same";
 }
 
-TEST_F(BundleOfTheHost, ComplainsOnceOfAPropertyListThatIsBroken) {
-  const fs::path file = home_.path() / "other.plist";
-  std::ofstream(file) << "<plist><dict>";
-  setInfoPropertyList(file);
-  for (int time = 0; time < 2; ++time) EXPECT_TRUE(Bundle::main().infoDictionary().empty());
-  ASSERT_EQ(log_.size(), 1U);
-  EXPECT_NE(log_[0].find(file.native()), std::string::npos);
-}
-
 TEST_F(EnvironmentOfTheHost, MakesTheDocumentDirectoryForItsUserAlone) {
   EXPECT_EQ(documentDirectories(), std::vector{home_.path() / "Documents"});
   EXPECT_FALSE(setHomeDirectory("/other")) << "too late";
@@ -63,15 +54,6 @@ TEST_F(EnvironmentOfTheHost, MakesTheDocumentDirectoryForItsUserAlone) {
   EXPECT_EQ(documentDirectories().back(), home_.path() / "a" / "b");
   for (const char* made : {"logs", "a/b"}) EXPECT_TRUE(fs::is_directory(home_.path() / made));
   EXPECT_TRUE(Bundle::main().infoDictionary().empty() && log_.empty()) << "a host needs no property list";
-}
-
-TEST_F(EnvironmentOfTheHost, SurvivesAHomeThatCannotBeWritten) {
-  std::ofstream(home_.path() / "file").flush();
-  setHomeDirectory(home_.path() / "file");
-  for (int time = 0; time < 2; ++time) EXPECT_EQ(documentDirectories()[0], home_.path() / "file" / "Documents");
-  EXPECT_EQ(log_.size(), 1U);
-  fs::create_symlink("absent", home_.path() / "link");
-  EXPECT_EQ(createPrivateDirectories(home_.path() / "link")->code, EEXIST) << "and not what was asked afterwards";
 }
 
 TEST(Environment, FollowsTheUsersDataDirectoryUnlessAHomeIsSet) {

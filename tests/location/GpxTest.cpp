@@ -14,19 +14,15 @@ namespace {
 using PlayedTrace = LocationTest;
 
 /// Reads a file that holds `text`.
-std::optional<GpxTrace> readText(const std::string& text, std::string& error) {
+std::optional<GpxTrace> readText(const std::string& text) {
+  std::string error;
   test::TempDir folder;
   const auto file = folder.path() / "trace.gpx";
   std::ofstream(file, std::ios::binary) << text;
-  auto trace = GpxTrace::read(file, error);
-  if (const auto place = error.find("trace.gpx: "); place != std::string::npos) error.erase(0, place + 11);
-  return trace;
+  return GpxTrace::read(file, error);
 }
 
-std::string track(const std::string& points) { return "<gpx><trk><trkseg>" + points + "</trkseg></trk></gpx>"; }
-
 TEST(GpxTrace, TakesWhatTheFileTellsAndDerivesTheRest) {
-  std::string error;
   const auto trace = readText(
       "<?xml version='1.0'?><g:gpx xmlns:g='http://www.topografix.com/GPX/1/1' version='1.1'><wpt lat='1' lon='1'/>"
       "<g:trk><g:trkseg>"
@@ -41,9 +37,8 @@ TEST(GpxTrace, TakesWhatTheFileTellsAndDerivesTheRest) {
       "<x:speed>4.5</x:speed></x:TrackPoint></g:extensions></g:trkpt>"
       "<g:trkpt lat='x' lon='0'><g:time>2019-10-22T14:36:31Z</g:time></g:trkpt><g:trkpt lat='90.1' lon='0'/>"
       "<g:trkpt lat='0' lon='0'/><g:trkpt lat='0' lon='0'><g:time>2019-13-22T14:36:31Z</g:time></g:trkpt>"
-      "<g:trkpt lon='0'/></g:trkseg></g:trk></g:gpx>",
-      error);
-  ASSERT_TRUE(trace) << error;
+      "<g:trkpt lon='0'/></g:trkseg></g:trk></g:gpx>");
+  ASSERT_TRUE(trace);
   EXPECT_EQ(trace->outOfRange, 3u);
   EXPECT_EQ(trace->untimed, 2u);
   EXPECT_EQ(trace->backwards, 1u);
@@ -56,31 +51,13 @@ TEST(GpxTrace, TakesWhatTheFileTellsAndDerivesTheRest) {
             "19.5 0 -1 10 -1.0000 -1.000000\n21 0 -1 10 3.5000 270.500000\n31 0 -1 10 4.5000 180.000000\n");
 }
 
-TEST(GpxTrace, SaysInOneLineWhyAFileCannotBeUsed) {
-  const std::pair<std::string, const char*> cases[] = {
-      {"", "is not XML: No document element found at byte 0"},
-      {track("<trkpt lat='1'"), "is not XML: Error parsing start element tag at byte 32"},
-      {"<kml/>", "is not GPX: its root element is another"},
-      {track(""), "holds no point"},
-      {track("<trkpt lat='1' lon='1'/><trkpt lat='nan' lon='1'/>"),
-       "none of its 2 points can be used: 1 without a time, 1 without a valid place"},
-  };
-  for (const auto& [text, expected] : cases) {
-    SCOPED_TRACE(text);
-    std::string error;
-    EXPECT_FALSE(readText(text, error));
-    EXPECT_EQ(error, expected);
-  }
-}
-
 TEST(GpxTrace, TakesRoutesOrWaypointsOnlyWithoutATrack) {
   const std::string time = "<time>2020-01-01T00:00:00Z</time>", way = "<wpt lat='3' lon='3'>" + time + "</wpt>",
                     route = "<rte><rtept lat='2' lon='2'>" + time + "</rtept></rte>",
                     trip = "<trk><trkseg><trkpt lat='1' lon='1'>" + time + "</trkpt></trkseg></trk>";
   for (const auto& [points, latitude] : {std::pair(way + route + trip, 1), {way + route, 2}, {way, 3}}) {
-    std::string error;
-    const auto trace = readText("<gpx>" + points + "</gpx>", error);
-    ASSERT_TRUE(trace && trace->fixes.size() == 1) << error;
+    const auto trace = readText("<gpx>" + points + "</gpx>");
+    ASSERT_TRUE(trace && trace->fixes.size() == 1) << points;
     EXPECT_EQ(trace->fixes[0].coordinate.latitude, latitude);
   }
 }
@@ -102,16 +79,6 @@ TEST_F(PlayedTrace, PlaysTheSameEachTimeAndNeverMovesTheClockBack) {
   std::thread([&] { EXPECT_EQ(GpxReplay(trace, clock).play(1e6, {}), 4u); }).join();
   EXPECT_EQ(delegate.read(), first);
   EXPECT_EQ(GpxReplay(trace, clock).play(std::nullopt, [](std::size_t number) { return number < 2; }), 2u);
-}
-
-TEST_F(PlayedTrace, KeepsToTheSpeedThatIsAskedFor) {
-  GpxTrace trace;
-  for (int i = 0; i < 3; ++i) trace.fixes.emplace_back(fixAt(i)).timestamp += Seconds(60 * i);
-  const auto begin = std::chrono::steady_clock::now();
-  EXPECT_EQ(GpxReplay(trace, clock).play(2400, {}), 3u);  // two minutes in 50 ms
-  const Seconds taken = std::chrono::steady_clock::now() - begin;
-  EXPECT_GE(taken.count(), 0.05);
-  EXPECT_LT(taken.count(), 10);
 }
 
 }  // namespace

@@ -78,31 +78,5 @@ TEST_F(LogUpload, DoesNotQueueAFileWhoseUploadIsUnderWay) {
   EXPECT_EQ(backend.take().size(), 4u) << "those that have ended go again";
 }
 
-TEST_F(LogUpload, OnlyWritesALineWhenAFileIsGone) {
-  identify();
-  const auto last = path("TarvoLog_2031-01-01_other_IOS.txt");
-  log.onMessage([&](std::string_view message) {
-    if (message.ends_with("TarvoLog.txt")) std::filesystem::remove(last);  // the first is told
-  });
-  call(&NetworkManager::sendLogToRemoteWebServer);
-  EXPECT_EQ(log.count("[net] logFile: " + last.string() + " does not exist"), 1u);
-  EXPECT_EQ(log.count("NetworkManager:URLSession [net] error:"), 1u);
-  EXPECT_EQ(log.count("> currentRequest:nil"), 1u);
-}
-
-TEST_F(LogUpload, CallsEveryHandlerOnceWhenTheEventsAreFinished) {
-  int calls = 0;
-  const std::string session = "org.example.session";
-  client().handleEventsForBackgroundURLSession(session, [&] { ++calls; });
-  EXPECT_EQ(calls, 0) << "not before the main queue has its turn";
-  NetworkManager().handleEventsForBackgroundURLSession(session, [&] { calls += 10; });
-  client().handleEventsForBackgroundURLSession(session, nullptr);
-  finish();
-  EXPECT_EQ(calls, 11);
-  EXPECT_EQ(log.count("A background URLSession with identifier org.example.session already exists!"), 2u);
-  EXPECT_EQ(log.count("[net] id:org.example.session rejointSession:<BackgroundSession: org.example.session>"), 3u);
-  EXPECT_GE(log.count("NetworkManager:urlSessionDidFinishEvents:afterCompletionHandler [net] session:"), 2u);
-}
-
 }  // namespace
 }  // namespace tarvo::test

@@ -23,28 +23,28 @@ Json device(const std::string& mobileid) {
 /// A started backend and what the device that it has registered says to it. Answers are bodies, or numbers when the
 /// status is another than 200.
 struct Session {
-  explicit Session(const TempDir& dir, int port = 0) : backend(kAccount, dir.path() / "sandbox.sqlite") {
-    backend.start(port);
+  explicit Session(const TempDir& dir) : backend(kAccount, dir.path() / "sandbox.sqlite") {
+    backend.start();
     user = registered("A-1");
   }
 
   Json ask(const std::string& method, const std::string& path, const std::string& body, const std::string& name,
-           const std::string& secret, const char* type = "application/json") {
+           const std::string& secret) {
     httplib::Client client("127.0.0.1", backend.port());
     if (!name.empty()) client.set_basic_auth(name, secret);
     httplib::Request request;
     request.method = method;
     request.path = "/api/v1/" + path;
-    if (method == "POST") request.headers = {{"Content-Type", type}};
+    if (method == "POST") request.headers = {{"Content-Type", "application/json"}};
     request.body = body;
     const auto result = client.send(request);
     if (!result || result->status != 200) return result ? result->status : 0;
     return Json::parse(result->body);
   }
   Json get(const std::string& path) { return ask("GET", "acme/" + path, "", uuid(), user.at("secretkey")); }
-  Json post(const std::string& path, const std::string& body, const char* type = "application/json") {
+  Json post(const std::string& path, const std::string& body) {
     if (path == "users") return ask("POST", "acme/users", body, kAccount.apiKey, kAccount.apiSecret);
-    return ask("POST", "acme/" + path, body, uuid(), user.at("secretkey"), type);
+    return ask("POST", "acme/" + path, body, uuid(), user.at("secretkey"));
   }
   Json registered(const std::string& mobileid) { return post("users", device(mobileid).dump()).at("results").at(0); }
   std::string uuid() const { return user.at("uuid"); }
@@ -67,21 +67,17 @@ struct Session {
 };
 
 TEST(Sandbox, CountsWhatItHoldsOfEachDeviceAcrossRestarts) {
-  TempDir dir, other;
+  TempDir dir;
   Json first;
-  int port = 0;
   {
     Session session(dir);
     first = session.user;
-    port = session.backend.port();
     session.send({0, 1, 2});
     session.send({2, 5});
     EXPECT_NE(session.registered("another"), first);
-    EXPECT_THROW(Session(other, port), std::runtime_error) << "no two backends share a port";
   }
 
-  Session session(dir, port);
-
+  Session session(dir);
   EXPECT_EQ(session.user, first);
   const Holdings held = session.backend.holdings();
   EXPECT_EQ((std::vector<std::int64_t>{held.users, held.positions, held.repeats, held.batches, held.missing}),
@@ -100,10 +96,7 @@ TEST(Sandbox, RefusesBodiesOfAnotherForm) {
       // What spoils each body; null takes a key away.
       {"positions", session.position(1), R"([{"more":"1"},{"lat":48.5},{"lat":{}},{"lat":null},{"useruuid":"another"},
           {"unique_position_id_for_app":"01"},{"unique_position_id_for_app":"9223372036854775808"}])"},
-      {"users", device("A-2"), R"([{"mobileid":""},{"mobileos":null}])"},
-      {"tags/unset",
-       {{"name", "n"}, {"envir", "e"}, {"app_id", ""}},
-       R"([{"more":"1"},{"envir":null},{"app_id":1},{"name":""}])"}};
+      {"users", device("A-2"), R"([{"mobileid":""},{"mobileos":null}])"}};
   for (const auto& [path, good, changes] : cases) {
     const bool list = std::string_view(path) == "positions";
     for (const Json& change : Json::parse(changes)) {
@@ -113,10 +106,6 @@ TEST(Sandbox, RefusesBodiesOfAnotherForm) {
     }
     EXPECT_TRUE(session.post(path, (list ? Json::array({good}) : good).dump()).is_object()) << path;
   }
-  const std::string part = "--boundary\r\nContent-Disposition: form-data; name=\"file\"; filename=\"";
-  for (const char* rest :
-       {"a\"\r\n\r\none", "../a\"\r\n\r\none\r\n--boundary--\r\n", "a\"\r\n\r\none\r\n--boundary\r\n"})
-    EXPECT_EQ(session.post("uplog", part + rest, "multipart/form-data;boundary=boundary"), 400) << rest;
   EXPECT_EQ(session.backend.holdings().positions, 1) << "nothing of a batch that was refused";
 }
 
@@ -125,13 +114,9 @@ TEST(Sandbox, AsksEveryPathForItsUser) {
   Session session(dir);
   const std::string uuid = session.uuid(), secret = session.user.at("secretkey");
   for (const char* path : {"predictions", "pois", "resetbackend", "resetgeoprofile"}) {
-    const std::string full = std::string("acme/") + path;
-    EXPECT_EQ(session.ask("GET", full, "", uuid, secret + "x"), 401) << path;
+    EXPECT_EQ(session.ask("GET", std::string("acme/") + path, "", uuid, secret + "x"), 401) << path;
     EXPECT_TRUE(session.get(path).is_object()) << path;
-    EXPECT_EQ(session.post(path, ""), 404) << "its method";
   }
-  for (const char* path : {"userconf?uuid=somebody", "pasttrips?first_pasttrip_id=x&last_pasttrip_id=2"})
-    EXPECT_EQ(session.get(path), 400) << path;
   for (const char* path : {"positions", "uplog", "tokens", "tags/set", "subscriptions/register"})
     EXPECT_EQ(session.ask("POST", std::string("acme/") + path, "", "", ""), 401) << path;
   EXPECT_EQ(session.ask("POST", "acme/users", device("A-2").dump(), uuid, secret), 401);

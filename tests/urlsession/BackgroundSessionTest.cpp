@@ -1,9 +1,7 @@
 #include "platform/urlsession/BackgroundSession.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
-#include <atomic>
 #include <fstream>
 #include <limits>
 #include <mutex>
@@ -14,7 +12,6 @@
 #include "platform/foundation/Text.h"
 #include "platform/foundation/WorkInFlight.h"
 #include "platform/urlsession/TransferJournal.h"
-#include "support/FreshProcess.h"
 #include "support/LogDiary.h"
 #include "support/RawServer.h"
 #include "support/TempDir.h"
@@ -28,9 +25,8 @@ using test::RawServer;
 using test::TempDir;
 using Lines = std::vector<std::string>;
 
-/// Writes down what it is told; ends the process when it is told `fatal`.
+/// Writes down what it is told.
 struct Diary : BackgroundSessionDelegate {
-  explicit Diary(std::string deadly = "none") : fatal(std::move(deadly)) {}
   void didReceive(BackgroundSession&, const std::string& data) override { tell("data " + data); }
   void didCompleteWithError(BackgroundSession&, const URLSessionUploadTask& task, std::optional<int> status,
                             std::optional<Error> error) override {
@@ -38,7 +34,6 @@ struct Diary : BackgroundSessionDelegate {
   }
   void urlSessionDidFinishEvents(BackgroundSession&) override { tell("finished"); }
   void tell(const std::string& line) {
-    if (line == fatal) ::kill(::getpid(), SIGKILL);
     std::lock_guard lock(mutex);
     lines.push_back(line);
   }
@@ -48,7 +43,6 @@ struct Diary : BackgroundSessionDelegate {
     std::lock_guard lock(mutex);
     return std::exchange(lines, {});
   }
-  const std::string fatal;
   std::mutex mutex;
   Lines lines;
 };
@@ -146,71 +140,6 @@ TEST_F(Uploading, TellsWhyAFileWasNotSent) {
   }
 }
 
-/// When a process is killed, and how many requests there are in all: before the reply, between reply and delegate,
-/// between the delegate's two calls.
-const std::pair<std::string, int> kKills[] = {{"request", 2}, {"data \xff", 1}, {"log 200 0", 1}};
-
-class Killed : public testing::TestWithParam<std::pair<std::string, int>> {
- protected:
-  Killed() {
-    setHomeDirectory(home.path());
-    write(file, "bytes");
-  }
-  /// Uploads the file in a process that is killed at that moment.
-  void uploadUntilKilledAt(const std::string& moment) {
-    int pipe[2];
-    ASSERT_EQ(::pipe(pipe), 0);
-    const pid_t child = test::startProcess([&] {  // this one has no second thread yet
-      std::string url(100, '\0');
-      url.resize(static_cast<std::size_t>(::read(pipe[0], url.data(), url.size())));
-      Diary diary(moment);
-      const auto session = BackgroundSession::open({"logs/1"}, diary);
-      session->resume(session->uploadTask({url, "POST", {{"Authorization", "Basic \xff"}}}, file));
-      diary.take();
-      return 0;
-    });
-    server.emplace([this, child, atRequest = moment == "request"](Connection& connection) {
-      const std::string head = connection.readHead();
-      if (head.find("Authorization: Basic \xff\r\n") != head.npos) ++requests;
-      if (requests == 1 && atRequest) ::kill(child, SIGKILL);
-      connection.readBody(head);
-      connection.send(reply(200, "\xff"));
-    });
-    ASSERT_GT(::write(pipe[1], server->url().data(), server->url().size()), 0);
-    ASSERT_EQ(test::endOf(child), -SIGKILL);
-  }
-
-  const TempDir home;
-  const std::filesystem::path file = home.path() / "log",
-                              journal = home.path() / "Library" / "Transfers" / "logs%2F1.jsonl";
-  std::atomic<int> requests{0};
-  std::optional<RawServer> server;
-};
-
-TEST_P(Killed, ProcessIsTakenUpByTheNextWhereItStopped) {
-  ASSERT_NO_FATAL_FAILURE(uploadUntilKilledAt(GetParam().first));
-  struct stat info {};
-  EXPECT_TRUE(::stat(journal.c_str(), &info) == 0 && (info.st_mode & 0777U) == 0600U);
-
-  Diary diary;
-  const auto session = BackgroundSession::open({"logs/1"}, diary);
-  std::vector<std::size_t> tasks;
-  const auto count = [&](const std::vector<URLSessionUploadTask>& all) { tasks.push_back(all.size()); };
-  session->getAllTasks(count);
-  session->finishEvents();
-  EXPECT_EQ(diary.take(), Lines{}) << "it rests";
-  EXPECT_TRUE(session->hasTaskFor(file));
-  for (int times = 0; times < 2; ++times) session->deliverEvents();
-  EXPECT_EQ(diary.take(), (Lines{"data \xff", "log 200 0", "finished"}));
-  EXPECT_EQ(requests, GetParam().second);
-  session->getAllTasks(count);
-  diary.take();
-  EXPECT_EQ(tasks, (std::vector<std::size_t>{1, 0}));
-  EXPECT_FALSE(session->hasTaskFor(file) || std::filesystem::exists(journal));
-}
-
-INSTANTIATE_TEST_SUITE_P(At, Killed, testing::ValuesIn(kKills));
-
 /// A journal with an upload under way and one that has ended.
 class Journal : public testing::Test {
  protected:
@@ -267,12 +196,8 @@ TEST_F(Journal, LosesHostileLinesAndGoesByTheLatestOfAnUpload) {
     std::string bytes, left;
     std::size_t restored;
   } cases[] = {{std::string(100'000, '[') + "\n", none, 0},
-               {"\n{}\n[]\n\xff\n", none, 0},
                {with("\"identifier\":1", "\"identifier\":9223372036854775808"), none, 0},
-               {with("\"POST\"", "{\"base64\":\"A\"}"), none, 0},
-               {with("\"headers\":[", "\"headers\":[[1,2],"), none, 0},
                {with("\"identifier\"", "\"outcome\":{\"status\":1},\"identifier\""), none, 0},
-               {"{\"identifier\":5,\"outcome\":{\"status\":204}}\n", none, 0},
                {line + ended, ended, 1},
                {ended + line, ended, 1},  // or it would be sent again
                {over + whole + over, whole.substr(firstEnd), 1},
@@ -290,50 +215,26 @@ TEST_F(Journal, LosesHostileLinesAndGoesByTheLatestOfAnUpload) {
   }
 }
 
-/// All that this process has handed to `write` so far.
-std::uint64_t bytesWritten() {
-  const std::string counters = readFile("/proc/self/io").value();
-  return std::stoull(counters.substr(counters.find("wchar: ") + 7));
-}
-
-TEST_F(Journal, CostsTheSameForEachUploadHoweverManyWait) {
-  constexpr std::int64_t uploads = 1600;
+TEST_F(Journal, DoesNotGrowWithWhatIsOver) {
   std::filesystem::remove(file);
   write(folder.path() / ".writing-killed", "credentials");
   TransferJournal journal(folder.path(), "j");
   EXPECT_FALSE(std::filesystem::exists(folder.path() / ".writing-killed"));
-  const auto before = bytesWritten();
-  const URLRequest request{"http://a/", "POST", {{"Authorization", std::string(200, 'x')}}};
-  for (std::int64_t i = 1; i <= uploads; ++i) journal.putResumed({i, request, concat("/log/", i)});
-  const auto waiting = std::filesystem::file_size(file);
-  for (std::int64_t i = 1; i <= uploads; ++i) {
-    journal.putEnded(i, TransferOutcome{200, "ok", {}});
-    journal.remove(i);
-    if (i + 5 != uploads) continue;
-    EXPECT_LT(std::filesystem::file_size(file), 70'000U) << "what is over goes";
+  for (std::int64_t i = 1; i <= 1000; ++i) {
+    journal.putResumed({i, {"http://a/", "POST", {{"Authorization", std::string(200, 'x')}}}, "/log"});
+    if (i > 1) journal.remove(i - 1);
+    ASSERT_LT(std::filesystem::file_size(file), 70'000U);
   }
+  journal.remove(1000);
   EXPECT_FALSE(std::filesystem::exists(file));
-  EXPECT_LT(bytesWritten() - before, 4 * waiting);
 }
 
-TEST_F(Journal, BelongsToTheFirstThatOpensItAndTellsWhatItCannotWrite) {
-  const URLSessionUploadTask task{1, {"http://a/"}, "/f"};
-  {
-    TransferJournal first(folder.path() / "in", "x"), second(folder.path() / "in", "x");
-    EXPECT_EQ(log.count("Background session x: transfers are not journalled: another process has the session"), 1U);
-    second.putResumed(task);
-    EXPECT_FALSE(std::filesystem::exists(folder.path() / "in" / "x.jsonl"));
-    std::filesystem::remove_all(folder.path() / "in");
-    log.clear();
-    first.putResumed(task);
-    first.putResumed(task);
-    EXPECT_EQ(log.count("Background session x: transfers are not journalled: "), 1U);
-  }
-  write(folder.path() / "file", "");
-  std::filesystem::create_directory(folder.path() / "d.jsonl");
-  TransferJournal(folder.path() / "file", "f").putResumed(task);
-  TransferJournal(folder.path(), "d").putResumed(task);
-  EXPECT_EQ(log.count("transfers are not journalled: "), 3U);
+TEST_F(Journal, BelongsToItsUserAloneAndToTheFirstThatOpensIt) {
+  EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0600));
+  TransferJournal first(folder.path(), "x"), second(folder.path(), "x");
+  EXPECT_EQ(log.count("Background session x: transfers are not journalled: another process has the session"), 1U);
+  second.putResumed({1, {"http://a/"}, "/f"});
+  EXPECT_FALSE(std::filesystem::exists(folder.path() / "x.jsonl"));
 }
 
 }  // namespace

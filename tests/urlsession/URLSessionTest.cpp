@@ -1,15 +1,13 @@
 #include "platform/urlsession/URLSession.h"
 
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <atomic>
-#include <ctime>
 #include <fstream>
+#include <latch>
 
 #include "platform/foundation/Text.h"
 #include "platform/foundation/WorkInFlight.h"
-#include "support/NoThreads.h"
 #include "support/Tls.h"
 #include "urlsession/Fetch.h"
 
@@ -35,7 +33,6 @@ TEST(URLSession, SendsWhatWasGivenAndNothingElse) {
       {{server.url(), "POST", {{"Content-Length", "7"}, {"X", "a\r\nY: b"}}, "{}"},
        "POST / HTTP/1.1" + host + "Content-Length: 2\r\n\r\n{}"},
       {{server.url(), "POST", {{"Empty", ""}}, {}}, "POST / HTTP/1.1" + host + "Empty:\r\nContent-Length: 0\r\n\r\n"},
-      {{server.url(), "DELETE", {}, {}}, "DELETE / HTTP/1.1" + host + "\r\n"},
       {{server.url(), "PUT", {}, large}, "PUT / HTTP/1.1" + host + "Content-Length: 3000000\r\n\r\n" + large}};
   for (auto [request, sent] : cases) {
     seen.clear();
@@ -46,61 +43,21 @@ TEST(URLSession, SendsWhatWasGivenAndNothingElse) {
   }
 }
 
-TEST(URLSession, DeliversStatusAndBodyAndTheStatusOfABrokenTransferBesideItsError) {
-  const struct {
-    std::string reply;
-    int status;
-    bool broken;
-    std::optional<std::string> data = {};
-  } cases[] = {{httpReply(404, largeBody()), 404, false, largeBody()},
-               {"HTTP/1.1 204 X\r\n\r\n", 204, false},
-               {"HTTP/1.1 500 Oops\r\nContent-Length: 9\r\n\r\nabc", 500, true}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.status);
-    RawServer server([&c](Connection& connection) {
-      connection.readHead();
-      connection.send(c.reply);
-    });
-    const Outcome outcome = fetch({server.url()});
-    EXPECT_EQ(outcome.status(), c.status);
-    EXPECT_EQ(outcome.code(), c.broken ? urlError::networkConnectionLost : 0);
-    EXPECT_TRUE(outcome.data == c.data);
-    if (!outcome.error) continue;
-    EXPECT_EQ(findString(outcome.error->userInfo, "NSErrorFailingURLStringKey"), server.url());
-    EXPECT_TRUE(outcome.error->domain == NSURLErrorDomain && !outcome.error->localizedDescription.empty());
-  }
-}
-
 TEST(URLSession, CompletesEachTaskOnceAndOneAtATime) {
-  RawServer server(
-      [](const std::string& request) { return httpReply(200, request.substr(5, request.find(" HTTP") - 5)); });
-  constexpr int kThreads = 4, kEach = 50;
-  std::vector<std::atomic<int>> completed(kThreads * kEach);
-  std::atomic<int> atOnce{0}, wrong{0};
-  static thread_local bool resuming = false;
-  const auto sendAll = [&](int from) {
-    for (int i = from; i < from + kEach; ++i) {
-      // Every fifth is decided without any network.
-      const bool fails = i % 5 == 0;
-      const auto task = URLSession::shared().dataTask(
-          {fails ? "nonsense" : server.url("/" + std::to_string(i))}, [&, i, fails](auto data, auto, auto error) {
-            if (atOnce.fetch_add(1) != 0 || resuming || (fails ? !error : data != std::to_string(i))) ++wrong;
-            ++completed[static_cast<std::size_t>(i)];
-            --atOnce;
-          });
-      resuming = true;
-      for (int times = 0; times < 2; ++times) task->resume();
-      resuming = false;
-    }
-  };
-
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) threads.emplace_back(sendAll, i * kEach);
-  for (auto& thread : threads) thread.join();
-
+  RawServer server([](const std::string&) { return httpReply(200); });
+  std::atomic<int> completed{0}, atOnce{0}, wrong{0};
+  for (int i = 0; i < 60; ++i) {
+    const auto task = URLSession::shared().dataTask({i % 5 == 0 ? "nonsense" : server.url()}, [&](auto, auto, auto) {
+      if (atOnce++ != 0) ++wrong;
+      std::this_thread::yield();
+      --atOnce;
+      ++completed;
+    });
+    for (int times = 0; times < 2; ++times) task->resume();
+  }
   EXPECT_TRUE(WorkInFlight::waitUntilIdle(Seconds(60)));
-  for (const auto& count : completed) EXPECT_EQ(count, 1);
-  EXPECT_EQ(wrong, 0) << "side by side, inside of resume or with another's answer";
+  EXPECT_EQ(completed, 60);
+  EXPECT_EQ(wrong, 0) << "side by side";
 }
 
 TEST(URLSession, KeepsSecureConnections) {
@@ -123,20 +80,17 @@ TEST_F(Ending, IsQuietWithTransfersInFlight) {
   // The process that ends runs this test again; the server stays here.
   std::optional<Trusted> trusted;
   std::optional<RawServer> server;
-  std::atomic<int> sent{0};
+  std::latch flowing(4);
   if (::getenv("ENDLESS_SERVER") == nullptr) {
     trusted.emplace();
     server.emplace([&](Connection& plain) {
       TlsConnection connection(plain, {*trusted});
       if (connection.readHead().starts_with("GET /flowing")) {
-        for (int seen = 0; seen < 100; seen = sent) sent.wait(seen);
+        flowing.wait();
         connection.send(httpReply(200));
       } else {
         connection.send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n");
-        while (connection.send("7\r\nendless\r\n")) {
-          ++sent;
-          sent.notify_all();
-        }
+        for (flowing.count_down(); connection.send("7\r\nendless\r\n");) continue;
       }
     });
     ::setenv("ENDLESS_SERVER", ("https://" + server->host()).c_str(), 1);
@@ -190,15 +144,6 @@ TEST_F(Redirect, IsFollowedOnItsHostWithoutCredentials) {
                            same ? "Content-Type: application/json\r\n" : "", "X-Own: 1\r\n",
                            same && method != "GET" ? "Content-Length: 2\r\n\r\n{}" : "\r\n"));
   }
-  std::string redirects;
-  for (int i = 0; i < 20; ++i) redirects += "/302?";
-  EXPECT_EQ(fetch({server.url(redirects + "/end")}).status(), 200);
-  const Outcome endless = fetch({server.url(redirects + "/302?/end")});
-  EXPECT_EQ(endless.code(), urlError::tooManyRedirects);
-  EXPECT_EQ(endless.status(), 302);
-  for (const char* text : {"{ Status Code: 302, Headers {", "Location: /end"})
-    EXPECT_NE(endless.response->debugDescription().find(text), std::string::npos) << text;
-  EXPECT_EQ(fetch({server.url("/302?file:///etc/passwd")}).code(), urlError::unsupportedURL);
 }
 
 TEST_F(Redirect, TakesNoBodyToAnotherHostAndNobodyFromOutsideToThisOne) {
@@ -212,18 +157,13 @@ TEST_F(Redirect, TakesNoBodyToAnotherHostAndNobodyFromOutsideToThisOne) {
     const char* last = "";
   } cases[] = {
       {"GET", secured + "302?", here, 1, 302, refused},
-      {"POST", secured + "307?", here, 1, 307, refused},
       {"POST", secured + "307?", remote + "end", 1, 307, refused},
       {"GET", hereSecured, here, 2, 200, 0, "GET /end HTTP/1.1"},
-      {"POST", remote + "307?", other, 1, 307},
-      {"POST", remote + "308?", "https://other.invalid/end", 1, 308},
-      {"POST", remote + "307?", here, 1, 307},
       {"PUT", remote + "301?", other, 1, 301},
       {"FILE", remote + "308?", other, 1, 308},
       {"POST", remote + "308?", "http://Backend.INVALID/end", 2, 200, 0, "POST http://Backend.INVALID/end HTTP/1.1"},
       {"POST", remote + "307?", secured + "end", 2, 200, 0, "POST /end HTTP/1.1"},
-      {"POST", remote + "303?", other, 2, 200, 0, "GET http://other.invalid/end HTTP/1.1"},
-      {"GET", remote + "307?", other, 2, 200, 0, "GET http://other.invalid/end HTTP/1.1"}};
+      {"POST", remote + "303?", other, 2, 200, 0, "GET http://other.invalid/end HTTP/1.1"}};
   const auto body = trusted.dir.path() / "body";
   std::ofstream(body) << "positions";
   for (const auto& [method, from, to, asked, status, code, last] : cases) {
@@ -239,42 +179,30 @@ TEST_F(Redirect, TakesNoBodyToAnotherHostAndNobodyFromOutsideToThisOne) {
   }
 }
 
-/// The checks of undefined behaviour look at objects through a pipe, which takes descriptors.
-#ifdef __SANITIZE_ADDRESS__
-constexpr bool kNeedsDescriptors = true;
-#else
-constexpr bool kNeedsDescriptors = false;
-#endif
-
 TEST(HostileServer, GetsABatchTwiceWhenItDropsKeptConnectionsAndTheSecondTimeOnAFreshOne) {
-  for (const int warm : {0, 1, 3, 8}) {
-    SCOPED_TRACE(warm);
-    std::atomic<int> open{0}, copies{0}, onFresh{0};
-    RawServer server([&, warm](Connection& connection) {
-      bool kept = false;
-      for (std::string head; !(head = connection.readHead()).empty(); kept = true) {
-        if (head.starts_with("POST")) {
-          ++copies;
-          if (kept) return;
-          ++onFresh;
-        } else {
-          ++open;
-          open.notify_all();
-          for (int now; (now = open) < warm;) open.wait(now);  // all side by side
-        }
-        connection.send(httpReply(200, "", ""));
+  constexpr int warm = 8;
+  std::atomic<int> open{0}, copies{0}, onFresh{0};
+  RawServer server([&](Connection& connection) {
+    bool kept = false;
+    for (std::string head; !(head = connection.readHead()).empty(); kept = true) {
+      if (head.starts_with("POST")) {
+        ++copies;
+        if (kept) return;
+        ++onFresh;
+      } else {
+        ++open;
+        open.notify_all();
+        for (int now; (now = open) < warm;) open.wait(now);  // all side by side
       }
-    });
-    for (int i = 0; i < warm; ++i) start({server.url("/warm")});
-    ASSERT_TRUE(WorkInFlight::waitUntilIdle(Seconds(30)));
-
-    const Outcome outcome = fetch({server.url("/batch"), "POST", {}, "x"});
-
-    EXPECT_EQ(outcome.status(), 200);
-    EXPECT_EQ(outcome.code(), 0);
-    EXPECT_EQ(copies, warm == 0 ? 1 : 2);
-    EXPECT_EQ(onFresh, 1);
-  }
+      connection.send(httpReply(200, "", ""));
+    }
+  });
+  for (int i = 0; i < warm; ++i) start({server.url("/warm")});
+  ASSERT_TRUE(WorkInFlight::waitUntilIdle(Seconds(30)));
+  const Outcome outcome = fetch({server.url("/batch"), "POST", {}, "x"});
+  EXPECT_EQ(outcome.status(), 200);
+  EXPECT_EQ(copies, 2);
+  EXPECT_EQ(onFresh, 1);
 }
 
 TEST(HostileServer, LetsOthersHaveTheirTurnWhenItAnswersWithoutEnd) {
@@ -310,42 +238,6 @@ TEST(HostileServer, LetsOthersHaveTheirTurnWhenItAnswersWithoutEnd) {
   EXPECT_TRUE(WorkInFlight::waitUntilIdle(Seconds(30)));
 }
 
-/// Lets the process open so many descriptors. Answers how many it was before.
-rlim_t limitDescriptors(rlim_t most) {
-  rlimit limit{};
-  ::getrlimit(RLIMIT_NOFILE, &limit);
-  const rlim_t before = std::exchange(limit.rlim_cur, most);
-  ::setrlimit(RLIMIT_NOFILE, &limit);
-  return before;
-}
-
-/// A signal ends a process that takes longer than the library's four seconds and those of a sanitizer.
-void exitInTime(bool good) {
-  ::alarm(7);
-  std::exit(good ? 0 : 1);
-}
-
-TEST_F(Ending, WorksAndEndsInTimeAfterAStartWithoutThreadsAndDescriptors) {
-  if (kNeedsDescriptors) GTEST_SKIP();
-  const auto startWithout = [] {
-    RawServer server([](const std::string&) { return httpReply(404); });
-    std::atomic<int> waited{0};
-    {
-      const NoThreads none;
-      start({server.url()}, [&](auto, auto, auto) { ++waited; });
-    }
-    const int next = ::dup(0);
-    ::close(next);
-    const rlim_t before = limitDescriptors(static_cast<rlim_t>(next));
-    const bool failed = fetch({server.url()}).error.has_value();
-    limitDescriptors(before);
-    int answered = 0;
-    for (int i = 0; i < 3; ++i) answered += fetch({server.url()}).status() == 404;
-    exitInTime(failed && waited == 1 && answered == 3);
-  };
-  EXPECT_EXIT(startWithout(), testing::ExitedWithCode(0), "");
-}
-
 TEST_F(Ending, ComesInTimeWhenTheSessionsThreadHangs) {
   const auto hang = [] {
     TempDir dir;
@@ -358,33 +250,11 @@ TEST_F(Ending, ComesInTimeWhenTheSessionsThreadHangs) {
     });
     start({"https://" + server.host()});
     connected.get_future().wait();
-    exitInTime(!WorkInFlight::waitUntilIdle(Seconds(0.3)));
+    const bool hangs = !WorkInFlight::waitUntilIdle(Seconds(0.3));
+    ::alarm(7);  // longer than the library's four seconds and those of a sanitizer
+    std::exit(hangs ? 0 : 1);
   };
   EXPECT_EXIT(hang(), testing::ExitedWithCode(0), "");
-}
-
-TEST(Session, DoesNotSpinWhenTheSystemRefusesToPoll) {
-  if (kNeedsDescriptors) GTEST_SKIP();
-  std::promise<void> asked, limited;
-  RawServer server([&](Connection& connection) {
-    connection.readHead();
-    asked.set_value();
-    limited.get_future().wait();
-    connection.setPatience(500);
-    char c;
-    connection.read(&c, 1);  // a peer that gives up ends the wait
-    connection.send("HTTP/1.1 204 No Content\r\n\r\n");
-  });
-  auto outcome = std::async(std::launch::async, [&] { return fetch({server.url()}); });
-  asked.get_future().wait();
-  const rlim_t before = limitDescriptors(2);  // fewer than it polls
-  const std::clock_t began = std::clock();
-
-  limited.set_value();
-
-  EXPECT_EQ(outcome.get().status(), 204);
-  EXPECT_LT(std::clock() - began, CLOCKS_PER_SEC / 10) << "of half a second";
-  limitDescriptors(before);
 }
 
 }  // namespace
