@@ -19,10 +19,10 @@ namespace tarvo::faults {
 
 /// What changes a file or its name.
 struct Change {
-  enum Call { none, make, write, sync, truncate, remove };
-  Call call;         ///< `make` made the file, unless it was there
-  std::string file;  ///< or the folder whose names are flushed
-  std::string bytes;
+  enum Call { none, make, write, sync, truncate, rename, remove };
+  Call call;            ///< `make` made the file, unless it was there
+  std::string file;     ///< or the folder whose names are flushed
+  std::string bytes;    ///< or the new name
   std::int64_t at = 0;  ///< of a write; the new size
 };
 
@@ -95,7 +95,7 @@ int ftruncate(int file, off_t size) noexcept {
 int ftruncate64(int file, off64_t size) noexcept { return ftruncate(file, size); }
 int rename(const char* from, const char* to) noexcept {
   const auto call = [&] { return ::syscall(SYS_renameat2, AT_FDCWD, from, AT_FDCWD, to, 0); };
-  return static_cast<int>(FaultyCalls::run({Change::none, from, {}}, call));
+  return static_cast<int>(FaultyCalls::run({Change::rename, from, to}, call));
 }
 int unlink(const char* name) noexcept {
   const auto call = [&] { return ::syscall(SYS_unlinkat, AT_FDCWD, name, 0); };
