@@ -62,11 +62,14 @@ struct FaultyCalls {
     const auto call = [&] { return ::syscall(SYS_openat, AT_FDCWD, name, flags, mode); };
     return run({(flags & O_CREAT) != 0 ? Change::make : Change::none, name, {}}, call);
   }
+  /// The call that is to fail takes half of the bytes as long as there are some, as on a disk that fills.
   static long write(int file, const void* bytes, std::size_t count, std::int64_t at, const auto& call) {
     struct stat status {};
-    if (folder.empty() || ::fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) return call();
+    if (folder.empty() || ::fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) return call(count);
+    const std::string path = pathOf(file);
+    if (left == 0 && count > 1 && path.starts_with(folder)) return call(count / 2);
     const std::string text(static_cast<const char*>(bytes), count);
-    return run({Change::write, pathOf(file), text, at < 0 ? status.st_size : at}, call);
+    return run({Change::write, path, text, at < 0 ? status.st_size : at}, [&] { return call(count); });
   }
 };
 
@@ -83,10 +86,11 @@ int fsync(int file) {
 }
 int fdatasync(int file) { return fsync(file); }
 ssize_t write(int file, const void* bytes, size_t count) {
-  return FaultyCalls::write(file, bytes, count, -1, [&] { return ::syscall(SYS_write, file, bytes, count); });
+  return FaultyCalls::write(file, bytes, count, -1, [&](auto most) { return ::syscall(SYS_write, file, bytes, most); });
 }
 ssize_t pwrite64(int file, const void* bytes, size_t count, off64_t at) {
-  return FaultyCalls::write(file, bytes, count, at, [&] { return ::syscall(SYS_pwrite64, file, bytes, count, at); });
+  const auto call = [&](auto most) { return ::syscall(SYS_pwrite64, file, bytes, most, at); };
+  return FaultyCalls::write(file, bytes, count, at, call);
 }
 int ftruncate(int file, off_t size) noexcept {
   const auto call = [&] { return ::syscall(SYS_ftruncate, file, size); };

@@ -73,7 +73,8 @@ inline const PlainFile kPlainFiles[] = {
      }},
 };
 
-inline const PlainFile *const kSettings = &kPlainFiles[1], *const kJournal = &kPlainFiles[2];
+inline const PlainFile *const kIdentifier = &kPlainFiles[0], *const kSettings = &kPlainFiles[1],
+                              *const kJournal = &kPlainFiles[2];
 
 inline void PlainWork::use(int number) {
   for (const PlainFile& file : kPlainFiles) file.use(*this, number);

@@ -1,27 +1,15 @@
 /// The disk fails: the Nth call that SQLite makes, of each kind, once and for ever.
 
-#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <set>
-
-#include <tarvo/platform/Device.h>
-#include <tarvo/platform/UserDefaults.h>
 
 #include "faults/Driver.h"
 #include "faults/FaultyCalls.h"
-#include "faults/StoreWork.h"
-#include "log/Log.h"
-#include "platform/foundation/PropertyList.h"
-#include "platform/foundation/Text.h"
-#include "platform/foundation/WorkInFlight.h"
-#include "platform/urlsession/TransferJournal.h"
-#include "settings/Settings.h"
+#include "faults/PlainWork.h"
 #include "support/FaultyDisk.h"
 #include "support/FreshProcess.h"
-#include "support/LogDiary.h"
 
 namespace tarvo::faults {
 namespace {
@@ -48,14 +36,7 @@ const Fault kFaults[] = {
     {"access", FaultyDisk::access, {SQLITE_IOERR_ACCESS}},
 };
 
-/// What is being tried, for the line of a crash or a hang.
-char trying[200];
-
-void tellTheEnd(int signal) {
-  static_cast<void>(!::write(STDERR_FILENO, trying, std::strlen(trying)));
-  static_cast<void>(!::write(STDERR_FILENO, ": crash or hang\n", 16));
-  ::_exit(128 + signal);
-}
+std::string trying;
 
 class Stores {
  public:
@@ -71,13 +52,11 @@ class Stores {
 
   /// Answers whether the fault has struck.
   bool survives(const Scenario& scenario, const Fault& fault, int status, int nth, bool forEver) {
-    std::snprintf(trying, sizeof trying, "%s, %s number %d gives %d %s", scenario.name, fault.name, nth, status,
-                  forEver ? "from then on" : "once");
+    trying = concat(scenario.name, ", ", fault.name, " ", nth, " gives ", status, forEver ? " from then on" : " once");
     ::alarm(60);
     log_.clear();
     const test::TempDir folder;
     starts_.copyTo(folder.path(), scenario.start);
-    const std::uint64_t node = nodeOf(folder.path());
     std::optional<StoreWork> work;
     if (!scenario.opensUnderFaults) work.emplace(folder.path());
     FaultyDisk::fail(fault.call, status, nth, forEver);
@@ -104,7 +83,6 @@ class Stores {
     for (std::size_t at = 0; (at = kept.find("--", at)) < expected.size(); ++at, ++seen) expected.replace(at, 2, "--");
     expect(kept == expected && seen == unfilled, concat("kept is not ", expected, " but ", kept));
     expect(ask(file, "PRAGMA integrity_check") == "ok", "damaged");
-    expect(node == 0 || node == nodeOf(folder.path()), "another file has taken the store's place");
     return struck;
   }
 
@@ -122,65 +100,10 @@ class Stores {
     });
   }
 
-  static std::uint64_t nodeOf(const fs::path& folder) {
-    struct stat status {};
-    return ::stat((folder / ObjectStore::kFileName).c_str(), &status) == 0 ? status.st_ino : 0;
-  }
-
   Driver& driver_;
   test::LogDiary& log_ = test::LogDiary::installed();
   const Starts starts_;
   std::vector<std::string> untouched_;
-};
-
-/// A file beside the store, and whether its bytes hold what a use of that number has left.
-struct PlainFile {
-  const char* name;
-  const char* path;  ///< in the home
-  bool (*holds)(const std::string& bytes, int number);
-};
-
-const PlainFile kPlainFiles[] = {
-    {"identifier", "Library/identifierForVendor", [](const std::string& bytes, int) { return bytes.size() == 36; }},
-    {"settings", "Library/Preferences/defaults.plist",
-     [](const std::string& bytes, int number) {
-       auto list = platform::parsePropertyList(bytes);
-       return list && list->asDictionary() && platform::findInteger(*list->asDictionary(), "number") == number;
-     }},
-    {"journal", "Library/Transfers/j.jsonl",
-     [](const std::string& bytes, int number) {
-       bool holds = true;
-       for (int each = std::min(number, 3); each <= number; ++each)
-         holds &= bytes.find(concat("\"identifier\":", each, ",")) != std::string::npos;
-       return holds;
-     }},
-    {"log", "Documents/TarvoLog_2023-11-14_u_IOS.txt",
-     [](const std::string& bytes, int number) { return bytes.ends_with(concat("[ERROR]:use ", number, "\n")); }},
-};
-
-const PlainFile *const kSettings = &kPlainFiles[1], *const kJournal = &kPlainFiles[2];
-
-/// A process that works with all of them.
-struct PlainWork {
-  explicit PlainWork(const fs::path& home) : transfers(home / "Library" / "Transfers", "j") {
-    platform::setHomeDirectory(home);
-    platform::Clock::install(std::make_shared<platform::ManualClock>(platform::dateSince1970(1.7e9)));
-    Settings::shared().userUUID.set("u");
-  }
-  void use(int number) {
-    auto& defaults = platform::UserDefaults::standard();
-    defaults.set("tarvologlevel", 6);
-    defaults.set("number", number);
-    (void)platform::UIDevice::current().identifierForVendor();
-    Log::error("use ", number);
-    transfers.putResumed({number, {"http://a/", "POST"}, "/f"});
-    transfers.flush();
-    (void)platform::WorkInFlight::waitUntilIdle(platform::Seconds(30));
-  }
-
-  platform::TransferJournal transfers;
-  /// Without a journal from its start, a process goes on without it, and says so.
-  const bool journals = test::LogDiary::installed().count("transfers are not journalled") == 0;
 };
 
 /// The files beside the store: each damaged before a process starts or under it, and each call for them failed.
@@ -200,8 +123,8 @@ class PlainFiles {
       const auto size = static_cast<std::int64_t>(fs::file_size(made_ / file.path));
       for (const bool isRunning : {false, true}) {
         const auto damaged = [&](const std::string& how, const auto& damage) {
-          const auto strike = [&](const fs::path& home) { damage(home / file.path); };
-          survives(concat(file.name, isRunning ? " under a process, " : ", ", how), &file, isRunning, strike);
+          trying = concat(file.name, isRunning ? " under a process, " : ", ", how);
+          survives(&file, isRunning, [&](const fs::path& home) { damage(home / file.path); });
         };
         for (std::int64_t at = 0; at < size; at += 1 + driver_.upTo(longest * size / 80))
           damaged(concat("cut at ", at), [&](const fs::path& path) { fs::resize_file(path, at); });
@@ -210,37 +133,42 @@ class PlainFiles {
       }
     }
     for (const int error : {ENOSPC, EIO, EROFS})
-      for (const bool forEver : {true, false}) {
-        std::int64_t nth = 0;
-        const auto strike = [&](const fs::path& home) { FaultyCalls::fail(home, nth, error, forEver); };
-        while (survives(concat("call ", nth, " gives ", error, forEver ? " from then on" : ""), nullptr, false, strike))
-          nth += 1 + driver_.upTo(longest / 4);
-      }
+      for (const bool forEver : {true, false})
+        for (std::int64_t nth = 0;; nth += 1 + driver_.upTo(longest / 4)) {
+          trying = concat("call ", nth, " gives ", error, forEver ? " from then on" : "");
+          const auto strike = [&](const fs::path& home) { FaultyCalls::fail(home, nth, error, forEver); };
+          if (!survives(nullptr, false, strike)) break;
+        }
   }
 
   std::int64_t done = 0;
 
  private:
   /// The files of a home that do not hold what a use has left in them.
-  static std::string wrongAt(int number, const fs::path& home, const PlainWork& work, std::string_view except) {
+  static std::string wrongAt(int number, const fs::path& home, const PlainWork& work, const PlainFile* except) {
     std::string wrong;
     for (const PlainFile& file : kPlainFiles)
-      if (file.name != except && (work.journals || &file != kJournal) && !file.holds(bytesOf(home / file.path), number))
+      if (&file != except && (work.journals || &file != kJournal) && !file.holds(bytesOf(home / file.path), number))
         wrong += concat(" ", file.name, " at use ", number);
+    return wrong;
+  }
+  /// Of what was written while calls failed.
+  static std::string halfWritten(const fs::path& home) {
+    std::string wrong = platform::parsePropertyList(bytesOf(home / kSettings->path)) ? "" : " half settings";
+    const std::string journal = bytesOf(home / kJournal->path);
+    // The call that takes back half a line may fail as well.
+    if (!FaultyCalls::forEver && !journal.ends_with("}\n")) wrong += " half a line in the journal";
     return wrong;
   }
 
   /// Answers whether something was struck: that file, or without one the calls for any.
-  bool survives(const std::string& what, const PlainFile* file, bool isRunning,
-                const std::function<void(const fs::path& home)>& strike) {
-    std::snprintf(trying, sizeof trying, "%s", what.c_str());
+  bool survives(const PlainFile* file, bool isRunning, const std::function<void(const fs::path& home)>& strike) {
     const test::TempDir folder;
     const fs::path& home = folder.path();
     fs::copy(made_, home, fs::copy_options::recursive);
     constexpr int kUntouched = 9;
     const int end = test::inFreshProcess([&] {
       ::alarm(60);
-      const auto identifier = [](const fs::path& of) { return bytesOf(of / kPlainFiles->path); };
       if (!isRunning) strike(home);
       PlainWork work(home);
       work.use(2);
@@ -248,15 +176,14 @@ class PlainFiles {
       work.use(3);
       FaultyCalls::folder.clear();
       if (!file && FaultyCalls::failed == 0) return kUntouched;
-      std::string wrong = file ? wrongAt(3, home, work, file->name) : "";
-      if (!file && !platform::parsePropertyList(bytesOf(home / kSettings->path))) wrong = " half settings";
+      std::string wrong = file ? wrongAt(3, home, work, file) : halfWritten(home);
       // What cannot be read is not replaced.
       if (file && (file == kSettings || fs::is_directory(home / file->path))) fs::remove(home / file->path);
       for (const int number : {4, 5}) work.use(number);
       // A process does not look again for the identifier that it has read.
-      const bool isKnown = isRunning && file == kPlainFiles;
-      wrong += wrongAt(5, home, work, isKnown ? kPlainFiles->name : "");
-      if (file != kPlainFiles && identifier(home) != identifier(made_)) wrong += " another identifier";
+      wrong += wrongAt(5, home, work, isRunning && file == kIdentifier ? kIdentifier : nullptr);
+      if (file != kIdentifier && bytesOf(home / kIdentifier->path) != bytesOf(made_ / kIdentifier->path))
+        wrong += " another identifier";
       if (!wrong.empty()) std::cerr << trying << ":" << wrong << "\n";
       return wrong.empty() ? 0 : 1;
     });
@@ -271,7 +198,6 @@ class PlainFiles {
 
 int run(int count, char** arguments) {
   if (::access("/dev/shm", W_OK) == 0) ::setenv("TMPDIR", "/dev/shm", 0);
-  for (const int end : {SIGSEGV, SIGBUS, SIGABRT, SIGALRM}) ::signal(end, tellTheEnd);
   Driver driver("disk", count, arguments, 3000);
   test::LogDiary::installed();
   // All of them are about so many; fewer go in longer steps.
