@@ -32,7 +32,6 @@ struct PlainWork {
 
 /// One of them: what each use of a number does with it, and whether bytes hold what that has left.
 struct PlainFile {
-  const char* name;
   const char* path;  ///< in the home
   void (*use)(PlainWork& work, int number);
   bool (*holds)(const std::string& bytes, int number);
@@ -41,16 +40,15 @@ struct PlainFile {
 constexpr std::int64_t kOver = 99;  ///< an upload that does not last
 
 inline const PlainFile kPlainFiles[] = {
-    {"identifier", "Library/identifierForVendor",
-     [](PlainWork&, int) { (void)platform::UIDevice::current().identifierForVendor(); },
+    {"Library/identifierForVendor", [](PlainWork&, int) { (void)platform::UIDevice::current().identifierForVendor(); },
      [](const std::string& bytes, int) { return bytes.size() == 36; }},
-    {"settings", "Library/Preferences/defaults.plist",
+    {"Library/Preferences/defaults.plist",
      [](PlainWork&, int number) { platform::UserDefaults::standard().set("number", number); },
      [](const std::string& bytes, int number) {
        auto list = platform::parsePropertyList(bytes);
        return list && list->asDictionary() && platform::findInteger(*list->asDictionary(), "number") == number;
      }},
-    {"journal", "Library/Transfers/j.jsonl",
+    {"Library/Transfers/j.jsonl",
      [](PlainWork& work, int number) {
        work.transfers.putResumed({kOver, {"http://a/" + std::string(70'000, 'a'), "POST"}, "/f"});
        work.transfers.remove(kOver);  // so much is over that it is written anew
@@ -63,7 +61,7 @@ inline const PlainFile kPlainFiles[] = {
          holds &= bytes.find(platform::concat("\"identifier\":", each, ",")) != std::string::npos;
        return holds;
      }},
-    {"log", "Documents/TarvoLog_2023-11-14_u_IOS.txt",
+    {"Documents/TarvoLog_2023-11-14_u_IOS.txt",
      [](PlainWork&, int number) {
        Log::error("use ", number);
        (void)platform::WorkInFlight::waitUntilIdle(platform::Seconds(30));
