@@ -6,7 +6,7 @@
 
 #include "faults/Driver.h"
 #include "faults/FaultyCalls.h"
-#include "faults/PlainWork.h"
+#include "faults/StoreWork.h"
 #include "support/FaultyDisk.h"
 #include "support/FreshProcess.h"
 

@@ -9,7 +9,8 @@
 
 #include "faults/Driver.h"
 #include "faults/FaultyCalls.h"
-#include "faults/PlainWork.h"
+#include "faults/StoreWork.h"
+#include "platform/device/KeptIdentifier.h"
 
 namespace tarvo::faults {
 namespace {
@@ -163,6 +164,8 @@ int run(int count, char** arguments) {
     steps.emplace_back([&] { work.reset(); });
     done += cutEverywhere(driver, scenario.name, folder.path(), steps, storeState, false);
   }
+  fs::remove(home.path() / kIdentifier->path);
+  platform::forgetKeptIdentifier();  // which the store's positions have named
   std::optional<PlainWork> work;
   std::vector<std::function<void()>> steps{[&] { work.emplace(home.path()); }};
   for (const int number : {0, 1, 2})

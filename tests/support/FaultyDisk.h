@@ -27,16 +27,10 @@ class FaultyDisk {
   /// Lets `calls` more of that kind through, then fails the next one or each one. A read that is to give
   /// SQLITE_CORRUPT gives bytes that make no sense; not of a log, which is taken to end there.
   static void fail(Call call, int status, int calls = 0, bool forEver = true) {
-    failingCall = call;
-    failed = status;
-    callsLeft = calls;
-    failsForEver = forEver;
+    failingCall = call, failed = status, callsLeft = calls, failsForEver = forEver;
   }
-  static void fill(int calls = 0) { fail(write, SQLITE_FULL, calls); }
-  static void heal() {
-    callsLeft = kNoLimit;
-    failedCalls = 0;
-  }
+  static void fill() { fail(write, SQLITE_FULL); }
+  static void heal() { callsLeft = kNoLimit, failedCalls = 0; }
   /// Failed calls since the last `heal`.
   static int failures() { return failedCalls; }
 
