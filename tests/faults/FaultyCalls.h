@@ -71,8 +71,7 @@ struct FaultyCalls {
 
 }  // namespace tarvo::faults
 
-using tarvo::faults::Change;
-using tarvo::faults::FaultyCalls;
+using tarvo::faults::Change, tarvo::faults::FaultyCalls;
 
 #pragma GCC visibility push(default)  // for the libraries
 extern "C" {

@@ -27,8 +27,7 @@ namespace tarvo::faults {
 
 namespace fs = std::filesystem;
 
-using test::ask;
-using test::bytesOf;
+using platform::concat, test::ask, test::bytesOf;
 
 /// The SDK's store in a folder, and what the SDK does with it. Each step is a transaction; all but `add` may be done
 /// again.
@@ -63,8 +62,7 @@ struct StoreWork {
   static void nothing(StoreWork&, Context& context) { (void)context.claim(); }
   static void add(StoreWork& work, Context& context) {
     const platform::CLLocation fix{{48.5, 2.35}, 35, 5, 8, 90, 1.5, platform::dateSince1970(1.7e9), std::nullopt};
-    const auto added = Locations::addLocation(fix, std::string(700, 'w'), "sls", context, "loc_changed");
-    work.unfilled += added ? 0 : 1;
+    if (!Locations::addLocation(fix, std::string(700, 'w'), "sls", context, "loc_changed")) ++work.unfilled;
   }
   static void mark(StoreWork&, Context& context) {
     for (const auto& position : Locations::getUnsentLocations(context))
@@ -72,8 +70,8 @@ struct StoreWork {
   }
   static void acknowledge(StoreWork&, Context& context) { Locations::markLocationAsSentUntilIndex("4", context, "0"); }
   static void download(StoreWork&, Context& context) {
-    const platform::Dictionary route{{"r", std::string(3000, 'r')}};
-    PastTrips::addLastTrip({{"pasttrip_id", 7}, {"route", route}}, context);
+    PastTrips::addLastTrip({{"pasttrip_id", 7}, {"route", platform::Dictionary{{"r", std::string(3000, 'r')}}}},
+                           context);
     if (Users::getUsers(context).empty()) Users::addUser("u", "t", context);
   }
   static void checkpoint(StoreWork&, Context& context) { (void)context.coordinator().checkpoint(); }
@@ -84,8 +82,7 @@ struct StoreWork {
     for (std::size_t i = 0; positions && i + 6 < positions->size(); ++i) context.deleteObject((*positions)[i]);
   }
   static void removeAll(StoreWork&, Context& context) {
-    Locations::removeData(context);
-    PastTrips::removeData(context);
+    Locations::removeData(context), PastTrips::removeData(context);
   }
 
   const fs::path file;
@@ -138,7 +135,6 @@ struct PlainWork {
     Settings::shared().userUUID.set("u");
     platform::UserDefaults::standard().set("tarvologlevel", 6);
   }
-  void use(int number);
 
   platform::TransferJournal transfers;
   /// Without a journal from its start, a process goes on without it, and says so.
@@ -173,7 +169,7 @@ inline const PlainFile kPlainFiles[] = {
      [](const std::string& bytes, int number) {
        bool holds = true;
        for (int each = std::min(number, 3); each <= number; ++each)
-         holds &= bytes.find(platform::concat("\"identifier\":", each, ",")) != std::string::npos;
+         holds &= bytes.find(concat("\"identifier\":", each, ",")) != std::string::npos;
        return holds;
      }},
     {"Documents/TarvoLog_2023-11-14_u_IOS.txt",
@@ -181,16 +177,14 @@ inline const PlainFile kPlainFiles[] = {
        Log::error("use ", number);
        (void)platform::WorkInFlight::waitUntilIdle(platform::Seconds(30));
      },
-     [](const std::string& bytes, int number) {
-       return bytes.ends_with(platform::concat("[ERROR]:use ", number, "\n"));
-     }},
+     [](const std::string& bytes, int number) { return bytes.ends_with(concat("[ERROR]:use ", number, "\n")); }},
 };
 
 inline const PlainFile *const kIdentifier = &kPlainFiles[0], *const kSettings = &kPlainFiles[1],
                               *const kJournal = &kPlainFiles[2];
 
-inline void PlainWork::use(int number) {
-  for (const PlainFile& file : kPlainFiles) file.use(*this, number);
+inline void use(PlainWork& work, int number) {
+  for (const PlainFile& file : kPlainFiles) file.use(work, number);
 }
 
 }  // namespace tarvo::faults

@@ -15,8 +15,6 @@
 namespace tarvo::faults {
 namespace {
 
-using platform::concat;
-
 constexpr std::int64_t kSector = 512;
 
 /// The files of a folder, and what has happened to them.
