@@ -268,6 +268,9 @@ TEST(Fetch, AnswersThePipelinesQueriesFromAnIndex) {
   // Whether sorting the matches is left to SQLite stands last.
   const std::tuple<NSFetchRequest, const char*, bool> cases[] = {
       {unsentRequest(), "COVERING INDEX Locations_queued", false},
+      {{"Locations", {{"sentWithoutACK", Op::equal, true}}, {{"index", true}}, 1000},
+       "COVERING INDEX Locations_queued",
+       false},
       {{"Locations", {}, {{"locationTimestamp", false}}, 1}, "INDEX Locations_locationTimestamp", false},
       {{"Locations", {}, {{"index", false}}, 1000}, "SCAN Locations\n", false},  // by key, from its end
       {{"Locations", {{"index", Op::atMost, "9"}, {"index", Op::atLeast, "1"}}},

@@ -36,14 +36,19 @@ std::shared_ptr<NSManagedObjectModel> newer() { return model(2, std::string(kAtt
 
 TEST(Migration, AddsWhatTheModelHasMoreOnceSomebodyWritesAndShutsTheOlderLibraryOut) {
   TestStore made({}, {}, newer()), old({}, {}, older());
-  old.run([&] { EXPECT_EQ(old.count(), 0U); });
+  {
+    TestStore filled(old.file, {}, older());
+    filled.run([&] { filled.fill(1); });
+  }
   TestStore store(old.file, {}, newer());
   ASSERT_NE(stateOf(old.file), stateOf(made.file));
   store.run([&] {
     EXPECT_EQ(store.count({"Places"}), 0U);
+    EXPECT_EQ(store.fetch().front()->string(store.at("note")), std::nullopt);
     store.add(3)->setString(store.at("note"), "new");
     EXPECT_EQ(store.indexes({"Locations", {{"note", Op::equal, "new"}}}), "3 ");
     store.save();
+    EXPECT_EQ(store.indexes(kByIndex), "0 3 ");
   });
   EXPECT_EQ(stateOf(old.file), stateOf(made.file));
   store.context.reset();
