@@ -19,11 +19,11 @@ namespace tarvo::faults {
 
 /// What changes a file or its name.
 struct Change {
-  enum Call { none, make, write, sync, truncate, remove };
-  Call call;         ///< `make` made the file, unless it was there
-  std::string file;  ///< or the folder whose names are flushed
-  std::string bytes;
-  std::int64_t at = 0;  ///< of a write; the new size
+  enum Call { none, sync, write, truncate, make, rename, remove };
+  Call call;               ///< `make` made the file, unless it was there
+  std::string file;        ///< or the folder whose names are flushed
+  std::string bytes = {};  ///< or the new name
+  std::int64_t at = 0;     ///< of a write; the new size
 };
 
 /// Fails the calls that touch the files below a folder, and writes down what changes them. Threads: one at a time.
@@ -34,9 +34,6 @@ struct FaultyCalls {
   inline static bool forEver = true;
   inline static std::vector<Change>* recorded = nullptr;
 
-  static void fail(const std::string& in, std::int64_t calls, int with, bool always) {
-    folder = in, left = calls, error = with, forEver = always;
-  }
   static std::string pathOf(int descriptor) {
     char path[4096];
     const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
@@ -45,68 +42,62 @@ struct FaultyCalls {
   }
   /// What the system answers, or a failure; the change is written down once it is made. What a file whose name says
   /// that it is for running processes holds is of no use after a power cut.
-  static long run(Change change, const auto& call) {
-    if (folder.empty() || !change.file.starts_with(folder)) return call();
-    if (left >= 0 && left-- == 0) {
+  static int run(Change change, long number, auto... arguments) {
+    const bool isBelow = !folder.empty() && change.file.starts_with(folder);
+    if (isBelow && left >= 0 && left-- == 0) {
       left = forEver ? 0 : -1;
       ++failed;
       errno = error;
       return -1;
     }
-    const long result = call();
+    const auto result = static_cast<int>(::syscall(number, arguments...));
     const bool isLeft = !change.file.ends_with("-shm") && !change.file.ends_with(".lock");
-    if (recorded && result >= 0 && change.call != Change::none && isLeft) recorded->push_back(std::move(change));
+    if (isBelow && recorded && result >= 0 && change.call != Change::none && isLeft)
+      recorded->push_back(std::move(change));
     return result;
   }
-  static long open(const char* name, int flags, int mode) {
-    const auto call = [&] { return ::syscall(SYS_openat, AT_FDCWD, name, flags, mode); };
-    return run({(flags & O_CREAT) != 0 ? Change::make : Change::none, name, {}}, call);
-  }
-  static long write(int file, const void* bytes, std::size_t count, std::int64_t at, const auto& call) {
+  /// One that is to fail takes half of the bytes as long as there are some, as a disk does that fills.
+  static ssize_t write(int file, const void* bytes, std::size_t count, long number, auto... at) {
     struct stat status {};
-    if (folder.empty() || ::fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) return call();
+    const std::string path = pathOf(file);
+    if (path.empty() || ::fstat(file, &status) != 0 || !S_ISREG(status.st_mode) || !path.starts_with(folder))
+      return ::syscall(number, file, bytes, count, at...);
+    if (left == 0 && count > 1) return ::syscall(number, file, bytes, count / 2, at...);
     const std::string text(static_cast<const char*>(bytes), count);
-    return run({Change::write, pathOf(file), text, at < 0 ? status.st_size : at}, call);
+    const std::int64_t places[] = {at..., status.st_size};
+    return run({Change::write, path, text, places[0]}, number, file, bytes, count, at...);
   }
 };
 
 }  // namespace tarvo::faults
 
-using tarvo::faults::Change;
-using tarvo::faults::FaultyCalls;
+using tarvo::faults::Change, tarvo::faults::FaultyCalls;
 
 #pragma GCC visibility push(default)  // for the libraries
 extern "C" {
-int fsync(int file) {
-  const auto call = [&] { return ::syscall(SYS_fsync, file); };
-  return static_cast<int>(FaultyCalls::run({Change::sync, FaultyCalls::pathOf(file), {}}, call));
-}
+int fsync(int file) { return FaultyCalls::run({Change::sync, FaultyCalls::pathOf(file)}, SYS_fsync, file); }
 int fdatasync(int file) { return fsync(file); }
-ssize_t write(int file, const void* bytes, size_t count) {
-  return FaultyCalls::write(file, bytes, count, -1, [&] { return ::syscall(SYS_write, file, bytes, count); });
-}
+ssize_t write(int file, const void* bytes, size_t count) { return FaultyCalls::write(file, bytes, count, SYS_write); }
 ssize_t pwrite64(int file, const void* bytes, size_t count, off64_t at) {
-  return FaultyCalls::write(file, bytes, count, at, [&] { return ::syscall(SYS_pwrite64, file, bytes, count, at); });
+  return FaultyCalls::write(file, bytes, count, SYS_pwrite64, at);
 }
 int ftruncate(int file, off_t size) noexcept {
-  const auto call = [&] { return ::syscall(SYS_ftruncate, file, size); };
-  return static_cast<int>(FaultyCalls::run({Change::truncate, FaultyCalls::pathOf(file), {}, size}, call));
+  return FaultyCalls::run({Change::truncate, FaultyCalls::pathOf(file), {}, size}, SYS_ftruncate, file, size);
 }
 int ftruncate64(int file, off64_t size) noexcept { return ftruncate(file, size); }
 int rename(const char* from, const char* to) noexcept {
-  const auto call = [&] { return ::syscall(SYS_renameat2, AT_FDCWD, from, AT_FDCWD, to, 0); };
-  return static_cast<int>(FaultyCalls::run({Change::none, from, {}}, call));
+  return FaultyCalls::run({Change::rename, from, to}, SYS_renameat2, AT_FDCWD, from, AT_FDCWD, to, 0);
 }
 int unlink(const char* name) noexcept {
-  const auto call = [&] { return ::syscall(SYS_unlinkat, AT_FDCWD, name, 0); };
-  return static_cast<int>(FaultyCalls::run({Change::remove, name, {}}, call));
+  return FaultyCalls::run({Change::remove, name}, SYS_unlinkat, AT_FDCWD, name, 0);
 }
 int open(const char* name, int flags, ...) {
   va_list rest;
   va_start(rest, flags);
   const int mode = (flags & O_CREAT) != 0 ? va_arg(rest, int) : 0;
   va_end(rest);
-  return static_cast<int>(FaultyCalls::open(name, flags, mode));
+  const auto call = (flags & O_CREAT) != 0 ? Change::make : Change::none;
+  return FaultyCalls::run({call, name}, SYS_openat, AT_FDCWD, name, flags, mode);
 }
 int open64(const char* name, int flags, ...) __attribute__((alias("open")));
 int mkostemp(char* name, int flags) {

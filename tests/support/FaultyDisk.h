@@ -19,28 +19,18 @@ class FaultyDisk {
     static sqlite3_vfs disk = *real;
     disk.zName = "faulty";
     disk.xOpen = openFile;
-    disk.xDelete = [](sqlite3_vfs*, const char* name, int flush) {
-      return failing(remove) ? failed : real->xDelete(real, name, flush);
-    };
-    disk.xAccess = [](sqlite3_vfs*, const char* name, int flags, int* out) {
-      return failing(access) ? failed : real->xAccess(real, name, flags, out);
-    };
+    disk.xDelete = failingOr<remove, &sqlite3_vfs::xDelete>;
+    disk.xAccess = failingOr<access, &sqlite3_vfs::xAccess>;
     disk.xSleep = [](sqlite3_vfs*, int microseconds) { return microseconds; };
     sqlite3_vfs_register(&disk, 1);
   }
   /// Lets `calls` more of that kind through, then fails the next one or each one. A read that is to give
   /// SQLITE_CORRUPT gives bytes that make no sense; not of a log, which is taken to end there.
   static void fail(Call call, int status, int calls = 0, bool forEver = true) {
-    failingCall = call;
-    failed = status;
-    callsLeft = calls;
-    failsForEver = forEver;
+    failingCall = call, failed = status, callsLeft = calls, failsForEver = forEver;
   }
-  static void fill(int calls = 0) { fail(write, SQLITE_FULL, calls); }
-  static void heal() {
-    callsLeft = kNoLimit;
-    failedCalls = 0;
-  }
+  static void fill() { fail(write, SQLITE_FULL); }
+  static void heal() { callsLeft = kNoLimit, failedCalls = 0; }
   /// Failed calls since the last `heal`.
   static int failures() { return failedCalls; }
 
@@ -48,35 +38,23 @@ class FaultyDisk {
   /// SQLite has other methods for a database than for the logs beside it.
   static int kindOf(sqlite3_file* file) { return file->pMethods == &faulty[1] ? 1 : 0; }
   static const sqlite3_io_methods& soundOf(sqlite3_file* file) { return *sound[kindOf(file)]; }
+  static const sqlite3_vfs& soundOf(sqlite3_vfs*) { return *real; }
 
-  /// The methods of real files with some replaced.
-  static sqlite3_io_methods methodsOf(const sqlite3_io_methods& methods) {
-    using File = sqlite3_file*;
-    using At = sqlite3_int64;
-    sqlite3_io_methods own = methods;
-    own.xRead = [](File file, void* bytes, int count, At at) {
-      const bool fails = !(failed == SQLITE_CORRUPT && kindOf(file) == 1) && failing(read);
-      if (fails && failed != SQLITE_CORRUPT) return failed;
-      const int status = soundOf(file).xRead(file, bytes, count, at);
-      if (fails) std::memset(bytes, 0xff, static_cast<std::size_t>(count));
-      return status;
-    };
-    own.xWrite = [](File file, const void* bytes, int count, At at) {
-      return failing(write) ? failed : soundOf(file).xWrite(file, bytes, count, at);
-    };
-    own.xSync = [](File file, int flags) { return failing(sync) ? failed : soundOf(file).xSync(file, flags); };
-    own.xTruncate = [](File file, At size) { return failing(truncate) ? failed : soundOf(file).xTruncate(file, size); };
-    own.xLock = [](File file, int level) { return failing(lock) ? failed : soundOf(file).xLock(file, level); };
-    own.xShmMap = [](File file, int page, int size, int extend, void volatile** out) {
-      return failing(map) ? failed : soundOf(file).xShmMap(file, page, size, extend, out);
-    };
-    own.xShmLock = [](File file, int offset, int count, int flags) {
-      const bool fails = (flags & SQLITE_SHM_LOCK) != 0 && failing(mapLock);
-      return fails ? failed : soundOf(file).xShmLock(file, offset, count, flags);
-    };
-    return own;
+  template <Call call, auto method, class Object, class... Rest>
+  static int failingOr(Object* object, Rest... rest) {
+    return failing(call) ? failed : (soundOf(object).*method)(object, rest...);
   }
-
+  static int readFile(sqlite3_file* file, void* bytes, int count, sqlite3_int64 at) {
+    const bool fails = !(failed == SQLITE_CORRUPT && kindOf(file) == 1) && failing(read);
+    if (fails && failed != SQLITE_CORRUPT) return failed;
+    const int status = soundOf(file).xRead(file, bytes, count, at);
+    if (fails) std::memset(bytes, 0xff, static_cast<std::size_t>(count));
+    return status;
+  }
+  static int lockMap(sqlite3_file* file, int offset, int count, int flags) {
+    const bool fails = (flags & SQLITE_SHM_LOCK) != 0 && failing(mapLock);
+    return fails ? failed : soundOf(file).xShmLock(file, offset, count, flags);
+  }
   static int openFile(sqlite3_vfs*, const char* name, sqlite3_file* file, int flags, int* outFlags) {
     file->pMethods = nullptr;
     if (failing(open)) return failed;
@@ -84,8 +62,15 @@ class FaultyDisk {
     if (status != SQLITE_OK || !file->pMethods) return status;
     const int kind = (flags & SQLITE_OPEN_MAIN_DB) != 0 ? 0 : 1;
     sound[kind] = file->pMethods;
-    faulty[kind] = methodsOf(*file->pMethods);
-    file->pMethods = &faulty[kind];
+    sqlite3_io_methods& own = faulty[kind] = *file->pMethods;
+    own.xRead = readFile;
+    own.xWrite = failingOr<write, &sqlite3_io_methods::xWrite>;
+    own.xSync = failingOr<sync, &sqlite3_io_methods::xSync>;
+    own.xTruncate = failingOr<truncate, &sqlite3_io_methods::xTruncate>;
+    own.xLock = failingOr<lock, &sqlite3_io_methods::xLock>;
+    own.xShmMap = failingOr<map, &sqlite3_io_methods::xShmMap>;
+    own.xShmLock = lockMap;
+    file->pMethods = &own;
     return status;
   }
 
