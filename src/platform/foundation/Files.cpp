@@ -161,7 +161,11 @@ std::optional<Error> createPrivateDirectories(const fs::path& directory) {
   std::error_code ignored;
   if (directory.empty() || fs::is_directory(directory, ignored)) return std::nullopt;
   if (auto error = createPrivateDirectories(directory.parent_path())) return error;
-  if (::mkdir(directory.c_str(), S_IRWXU) == 0) return std::nullopt;
+  if (::mkdir(directory.c_str(), S_IRWXU) == 0) {
+    // A power cut must not take the folder with the flushed files in it. One that cannot be flushed is usable still.
+    static_cast<void>(flushDirectory(directoryOf(directory)));
+    return std::nullopt;
+  }
   const int code = errno;
   // Another process may have been faster.
   if (fs::is_directory(directory, ignored)) return std::nullopt;
