@@ -30,6 +30,7 @@ Book readBook(Records& records) {
   book.stops = given[0], book.trips = given[1], book.places = given[2], book.placeVersions = given[3];
   book.predictions = given[4];
   book.lastTrip = told[0], book.placeVersion = told[1], book.prediction = told[2];
+  book.tripCount = json.at("counts")[0], book.placeCount = json.at("counts")[1];
   book.historySince = since[0], book.profileSince = since[1];
   return book;
 }
@@ -42,6 +43,7 @@ void write(Records& records, const Book& book) {
                      {"stop", book.stop},
                      {"given", {book.stops, book.trips, book.places, book.placeVersions, book.predictions}},
                      {"told", {book.lastTrip, book.placeVersion, book.prediction}},
+                     {"counts", {book.tripCount, book.placeCount}},
                      {"since", {book.historySince, book.profileSince}}};
   records.put(Kind::State, {kOnlyRow, book.first, book.newest, json.dump()});
 }

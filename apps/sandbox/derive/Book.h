@@ -24,6 +24,7 @@ struct Book {
   std::int64_t stop = 0;         ///< the last one's number
   std::int64_t stops = 0, trips = 0, places = 0, placeVersions = 0, predictions = 0;  ///< last numbers given
   std::int64_t lastTrip = 0, placeVersion = 0, prediction = 0;                        ///< as told to the unit
+  std::int64_t tripCount = 0, placeCount = 0;
   double historySince, profileSince;  ///< what was earlier is forgotten
 
   Book();

@@ -54,7 +54,7 @@ Changes takeIn(Records& records, const std::vector<Point>& fresh) {
 void forgetHistory(Records& records) {
   Book book = readBook(records);
   removeAll(records, Kind::Trip);
-  book.lastTrip = 0;
+  book.lastTrip = book.tripCount = 0;
   book.historySince = book.newest;
   write(records, book);
 }
@@ -63,14 +63,14 @@ void forgetGeoProfile(Records& records) {
   Book book = readBook(records);
   removeAll(records, Kind::Place);
   removeAll(records, Kind::Prediction);
-  book.placeVersion = book.prediction = 0;
+  book.placeVersion = book.prediction = book.placeCount = 0;
   book.profileSince = book.newest;
   write(records, book);
 }
 
 Totals totals(Records& records) {
-  const auto count = [&](Kind kind) { return static_cast<std::int64_t>(records.numbered(kind, 0, kEveryNumber).size()); };
-  return {count(Kind::Trip), count(Kind::Place)};
+  const Book book = readBook(records);
+  return {book.tripCount, book.placeCount};
 }
 
 std::string counters(Records& records) {

@@ -131,10 +131,11 @@ std::vector<Cluster> clustersOf(std::vector<Member>& members) {
   return clusters;
 }
 
-/// Gives clusters the numbers of the places that they continue. Places that lie in another now are taken away from
-/// `old`; those that are left are remembered.
-std::vector<std::int64_t> takeUp(std::vector<Cluster>& clusters, std::vector<KnownPlace>& old) {
-  std::vector<std::int64_t> merged;
+/// Gives clusters the numbers of the places that they continue. Places that lie in another now, or whose visits have
+/// come out as something else, are taken from `old`; those that are left are remembered.
+std::vector<std::int64_t> takeUp(std::vector<Cluster>& clusters, const std::vector<Member>& members, double since,
+                                 std::vector<KnownPlace>& old) {
+  std::vector<std::int64_t> gone;
   for (Cluster& cluster : clusters) {
     auto nearest = old.end();
     double least = kNeighbourhood;
@@ -148,13 +149,18 @@ std::vector<std::int64_t> takeUp(std::vector<Cluster>& clusters, std::vector<Kno
       now.centre = nearest->centre, now.radius = nearest->radius;
     old.erase(nearest);
   }
-  for (const Cluster& cluster : clusters)
-    std::erase_if(old, [&](const KnownPlace& one) {
-      if (cluster.place.id == 0 || distance(one.centre, cluster.place.centre) > cluster.place.radius) return false;
-      merged.push_back(one.id);
-      return true;
+  std::erase_if(old, [&](const KnownPlace& one) {
+    const Vec at = geocentric(one.centre);
+    const bool merged = std::any_of(clusters.begin(), clusters.end(), [&](const Cluster& cluster) {
+      return chord(at, geocentric(cluster.place.centre)) <= cluster.place.radius;
     });
-  return merged;
+    const bool visited = one.last < since || std::any_of(members.begin(), members.end(), [&](const Member& member) {
+                           return chord(at, member.at) <= one.radius;
+                         });
+    if (merged || !visited) gone.push_back(one.id);
+    return merged || !visited;
+  });
+  return gone;
 }
 
 template <class Measure>
@@ -227,17 +233,18 @@ bool updatePlaces(Records& records, Book& book) {
   std::vector<Cluster> clusters = clustersOf(members);
   const std::vector<KnownPlace> before = knownPlaces(records);
   std::vector<KnownPlace> remembered = before;
-  const auto merged = takeUp(clusters, remembered);
+  const auto gone = takeUp(clusters, members, book.newest - kProfileDays * kDay, remembered);
   std::stable_sort(clusters.begin(), clusters.end(),
                    [](const Cluster& one, const Cluster& other) { return one.place.first < other.place.first; });
   for (Cluster& cluster : clusters)
     if (cluster.place.id == 0) cluster.place.id = ++book.places;
   name(clusters, remembered);
 
-  bool isNew = !merged.empty();
-  for (const std::int64_t id : merged) records.remove(Kind::Place, id);
+  bool isNew = !gone.empty();
+  for (const std::int64_t id : gone) records.remove(Kind::Place, id);
   for (const Cluster& cluster : clusters) isNew |= keep(records, cluster.place, before);
   for (const KnownPlace& place : remembered) isNew |= keep(records, place, before);
+  book.placeCount = static_cast<std::int64_t>(clusters.size() + remembered.size());
   if (isNew) book.placeVersion = ++book.placeVersions;
   return isNew;
 }

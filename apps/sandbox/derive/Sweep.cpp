@@ -1,6 +1,7 @@
 #include "sandbox/derive/Sweep.h"
 
 #include <algorithm>
+#include <cmath>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -45,10 +46,14 @@ std::vector<Fix> fixesOf(const Json& json) {
 
 }  // namespace
 
+bool isSound(const Point& point) {
+  return point.time >= 0 && point.time <= kLatestTime && std::abs(point.lon) <= 180 && std::abs(point.lat) <= 90;
+}
+
 std::vector<Fix> Filter::take(const Point& point) {
-  if (point.accuracy > kWorstAccuracy) return {};
+  if (!isSound(point) || point.accuracy > kWorstAccuracy) return {};
   const Fix fix = fixAt(point.time, {point.lon, point.lat},
-                        point.accuracy < 0 ? kUnknownAccuracy : std::min(point.accuracy, kMostTolerance));
+                        point.accuracy >= 0 ? std::min(point.accuracy, kMostTolerance) : kUnknownAccuracy);
   if (last_ && fix.time <= last_->time) return {};
   std::vector<Fix> taken;
   if (!last_ || believable(*last_, fix)) {
@@ -107,8 +112,9 @@ std::optional<Stop> Sweep::staying() const {
 /// the host was under way for most of it the trip goes on.
 void Sweep::afterSilence(const Fix& fix, std::vector<Stop>& stops) {
   const double silence = fix.time - last_->time, metres = chord(last_->at, fix.at);
-  const bool near = metres <= kNearAfterSilence + last_->accuracy + fix.accuracy && silence >= kSilence;
-  if (stay_ && silence >= kSilence && metres <= kDrivenUnseen) {
+  const bool known = silence <= kLongestStay;
+  const bool near = known && metres <= kNearAfterSilence + last_->accuracy + fix.accuracy && silence >= kSilence;
+  if (stay_ && known && silence >= kSilence && metres <= kDrivenUnseen) {
     // It stood when it fell silent, so it stood on until it had to leave for where it is now.
     const double left = std::max(stay_->inside, near ? fix.time : fix.time - unseenTime(metres));
     stay_->inside = stay_->near = left;

@@ -16,6 +16,9 @@ struct Fix {
   Vec at;
 };
 
+/// Whether it has a place and a time at all.
+bool isSound(const Point& point);
+
 /// What separates two trips: a stay, or a silence in which nobody knows where the host was. Times in seconds since
 /// 1970.
 struct Stop {

@@ -17,6 +17,28 @@ using Json = nlohmann::ordered_json;
 constexpr double kEver = std::numeric_limits<double>::max();
 constexpr double kFirstLook = 86'400;
 
+/// Takes out positions that lie far off to one side, from where the host would have come straight back: slow travellers
+/// have such errors at speeds that are possible for others.
+void dropSpikes(std::vector<Fix>& fixes) {
+  std::vector<double> speeds;
+  for (std::size_t i = 1; i < fixes.size(); ++i)
+    speeds.push_back(chord(fixes[i - 1].at, fixes[i].at) / (fixes[i].time - fixes[i - 1].time));
+  if (speeds.size() < 3) return;
+  auto usual = speeds;
+  std::nth_element(usual.begin(), usual.begin() + static_cast<std::ptrdiff_t>(usual.size() / 2), usual.end());
+  const double fast = kSpikeSpeed * usual[usual.size() / 2];
+  std::vector<Fix> kept = {fixes.front()};
+  for (std::size_t i = 1; i < fixes.size(); ++i) {
+    if (i + 1 < fixes.size() && speeds[i - 1] > fast && speeds[i] > fast) {
+      const double out = chord(kept.back().at, fixes[i].at), back = chord(fixes[i].at, fixes[i + 1].at);
+      if (std::min(out, back) > kSpikeLength && chord(kept.back().at, fixes[i + 1].at) < std::min(out, back) / 2)
+        continue;
+    }
+    kept.push_back(fixes[i]);
+  }
+  fixes = std::move(kept);
+}
+
 /// The positions of a trip that count, with the places where it is known to begin and to end although no position says
 /// so.
 std::vector<Fix> fixesBetween(Records& records, const std::optional<KeptStop>& previous, const KeptStop& next,
@@ -25,6 +47,7 @@ std::vector<Fix> fixesBetween(Records& records, const std::optional<KeptStop>& p
   Filter filter;
   for (const Point& point : records.points(from, next.arrival))
     for (Fix& fix : filter.take(point)) fixes.push_back(fix);
+  dropSpikes(fixes);
   const auto away = [](const Stop& stop, const Fix& fix) { return distance(stop.centre, fix.place) > kStayRadius; };
   const auto at = [](const Stop& stop, double time) { return Fix{time, 0, stop.centre, geocentric(stop.centre)}; };
   if (fixes.empty()) return fixes;
@@ -66,6 +89,7 @@ Row tripOf(const std::vector<Fix>& fixes) {
 
 void Trips::takeIn(std::vector<Point> fresh) {
   const auto rank = [](const Point& point) { return std::tuple(point.time, point.id); };
+  std::erase_if(fresh, [](const Point& point) { return !isSound(point); });
   std::sort(fresh.begin(), fresh.end(), [&](const Point& one, const Point& other) { return rank(one) < rank(other); });
   if (fresh.empty()) return;
   const bool isFirst = book_.newestID < 0;
@@ -117,8 +141,15 @@ bool Trips::rederive(double from, double to) {
   } else {
     book_.sweep = std::move(sweep);
   }
-  for (const KeptStop& stop : std::exchange(oldStops_, {})) records_.remove(Kind::Stay, stop.id), stopsChanged_ = true;
-  for (const Row& trip : std::exchange(oldTrips_, {})) records_.remove(Kind::Trip, trip.id), tripsChanged_ = true;
+  for (const KeptStop& stop : std::exchange(oldStops_, {})) {
+    records_.remove(Kind::Stay, stop.id);
+    stopsChanged_ = true;
+  }
+  for (const Row& trip : std::exchange(oldTrips_, {})) {
+    records_.remove(Kind::Trip, trip.id);
+    --book_.tripCount;
+    tripsChanged_ = true;
+  }
   return meeting.has_value();
 }
 
@@ -171,6 +202,7 @@ std::int64_t Trips::connect(const std::optional<KeptStop>& previous, const KeptS
   trip.id = numberFor(trip);
   const auto present = records_.numbered(Kind::Trip, trip.id - 1, trip.id);
   if (!present.empty() && present.front().json == trip.json) return trip.id;
+  book_.tripCount += present.empty();
   records_.put(Kind::Trip, trip);
   tripsChanged_ = true;
   return trip.id;
