@@ -60,7 +60,7 @@ KeptStop stopOf(const Row& row) {
 }
 
 Row rowOf(const KeptStop& stop) {
-  const Json json = {{"seen", stop.seen},       {"arrival", stop.arrival}, {"lon", stop.centre.lon},
+  const Json json = {{"seen", stop.seen},      {"arrival", stop.arrival}, {"lon", stop.centre.lon},
                      {"lat", stop.centre.lat}, {"lost", stop.lost},       {"trip", stop.trip}};
   return {stop.id, stop.anchor, stop.departure, json.dump()};
 }

@@ -6,8 +6,8 @@
 
 #include "sandbox/derive/Records.h"
 
-/// What the sandbox makes of a user's positions: past trips, places and the prediction of the next trip. docs/sandbox.md
-/// tells how.
+/// What the sandbox makes of a user's positions: past trips, places and the prediction of the next trip.
+/// docs/sandbox.md tells how.
 ///
 /// Each function works on the records of one user, inside one transaction of the store, and keeps nothing in memory.
 /// Threads: any, one at a time for one user. Errors: what the store throws.

@@ -74,8 +74,8 @@ double alike(std::int64_t past, std::int64_t day) {
 double alikeVisit(const Visit& past, double arrived) {
   double apart = std::abs(ofDay(past.arrived) - ofDay(arrived));
   apart = std::min(apart, kDay - apart);
-  const double days = std::max(alike(dayOf(past.arrived), dayOf(arrived)),
-                               kOtherHabit * recency(dayOf(past.arrived), dayOf(arrived)));
+  const double days =
+      std::max(alike(dayOf(past.arrived), dayOf(arrived)), kOtherHabit * recency(dayOf(past.arrived), dayOf(arrived)));
   return days * (apart <= kSameHours ? 1 : kOtherHabit);
 }
 

@@ -189,13 +189,19 @@ void name(std::vector<Cluster>& clusters, std::vector<KnownPlace>& remembered) {
 
 KnownPlace placeOfRow(const Row& row) {
   const Json json = Json::parse(row.json);
-  return {row.id,       {json.at("lon"), json.at("lat")}, json.at("radius"), json.at("name"), json.at("visits"),
-          json.at("seconds"), row.from, row.to};
+  return {row.id,
+          {json.at("lon"), json.at("lat")},
+          json.at("radius"),
+          json.at("name"),
+          json.at("visits"),
+          json.at("seconds"),
+          row.from,
+          row.to};
 }
 
 Row rowOfPlace(const KnownPlace& place) {
-  const Json json = {{"lon", place.centre.lon},  {"lat", place.centre.lat},   {"radius", place.radius},
-                     {"name", place.name},       {"visits", place.visits},    {"seconds", place.seconds}};
+  const Json json = {{"lon", place.centre.lon}, {"lat", place.centre.lat}, {"radius", place.radius},
+                     {"name", place.name},      {"visits", place.visits},  {"seconds", place.seconds}};
   return {place.id, place.first, place.last, json.dump()};
 }
 

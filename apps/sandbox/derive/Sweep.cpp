@@ -37,7 +37,9 @@ Json json(const std::vector<Fix>& fixes) {
 Json json(const std::optional<Fix>& fix) { return fix ? json(*fix) : Json(); }
 
 Fix fixOf(const Json& json) { return fixAt(json[0], {json[1], json[2]}, json[3]); }
-std::optional<Fix> optionalFixOf(const Json& json) { return json.is_null() ? std::nullopt : std::optional(fixOf(json)); }
+std::optional<Fix> optionalFixOf(const Json& json) {
+  return json.is_null() ? std::nullopt : std::optional(fixOf(json));
+}
 std::vector<Fix> fixesOf(const Json& json) {
   std::vector<Fix> fixes;
   for (const Json& fix : json) fixes.push_back(fixOf(fix));
@@ -69,8 +71,7 @@ std::vector<Fix> Filter::take(const Point& point) {
   return taken;
 }
 
-Sweep::Sweep(const Json& state)
-    : last_(optionalFixOf(state.at("last"))), window_(fixesOf(state.at("window"))) {
+Sweep::Sweep(const Json& state) : last_(optionalFixOf(state.at("last"))), window_(fixesOf(state.at("window"))) {
   filter_.last_ = last_;
   filter_.doubted_ = fixesOf(state.at("doubted"));
   if (const Json& stay = state.at("stay"); !stay.is_null()) {
@@ -115,10 +116,7 @@ void Sweep::afterSilence(const Fix& fix, std::vector<Stop>& stops) {
   const bool known = silence <= kLongestStay;
   const bool near = known && metres <= kNearAfterSilence + last_->accuracy + fix.accuracy && silence >= kSilence;
   if (stay_ && known && silence >= kSilence && metres <= kDrivenUnseen) {
-    // It stood when it fell silent, so it stood on until it had to leave for where it is now.
-    const double left = std::max(stay_->inside, near ? fix.time : fix.time - unseenTime(metres));
-    stay_->inside = stay_->near = left;
-    window_.clear();
+    window_.clear();  // it stood when it fell silent, so it stood on until it had to leave for where it is now
     return stand(fix, stops);
   }
   if (!stay_ && near) {
@@ -146,9 +144,8 @@ void Sweep::move(const Fix& fix, std::vector<Stop>& stops) {
   window_.push_back(fix);
   const auto holds = [this] {
     const Fix& anchor = window_.front();
-    return std::all_of(window_.begin(), window_.end(), [&](const Fix& one) {
-      return apart(anchor.at, anchor.accuracy, one) <= kStayRadius;
-    });
+    return std::all_of(window_.begin(), window_.end(),
+                       [&](const Fix& one) { return apart(anchor.at, anchor.accuracy, one) <= kStayRadius; });
   };
   while (!holds()) window_.erase(window_.begin());
   if (fix.time - window_.front().time >= kStayTime) begin(std::exchange(window_, {}), stops);

@@ -22,12 +22,12 @@ bool isSound(const Point& point);
 /// What separates two trips: a stay, or a silence in which nobody knows where the host was. Times in seconds since
 /// 1970.
 struct Stop {
-  double anchor = 0;   ///< its first position: a sweep that starts there finds it again
-  double seen = 0;     ///< the position by which it was found
-  double arrival = 0;  ///< ends the trip before
+  double anchor = 0;     ///< its first position: a sweep that starts there finds it again
+  double seen = 0;       ///< the position by which it was found
+  double arrival = 0;    ///< ends the trip before
   double departure = 0;  ///< begins the trip behind; grows while the host stays
-  Place2D centre;      ///< of a stay
-  bool lost = false;   ///< a silence
+  Place2D centre;        ///< of a stay
+  bool lost = false;     ///< a silence
 };
 
 /// Keeps the positions that can be true: not too inaccurate, and reached at a speed that there is.
@@ -73,8 +73,8 @@ class Sweep {
   void end(std::vector<Stop>& stops);
 
   Filter filter_;
-  std::optional<Fix> last_;   ///< the newest that counts
-  std::vector<Fix> window_;   ///< those from which a stay can begin; while staying, those that may be its end
+  std::optional<Fix> last_;  ///< the newest that counts
+  std::vector<Fix> window_;  ///< those from which a stay can begin; while staying, those that may be its end
   std::optional<Stay> stay_;
 };
 

@@ -74,14 +74,10 @@ Row tripOf(const std::vector<Fix>& fixes) {
     route.push_back(fixes[i].place);
   }
   const Fix &start = fixes.front(), &end = fixes.back();
-  const Json json = {{"departure_lat", start.place.lat},
-                     {"departure_lon", start.place.lon},
-                     {"arrival_lat", end.place.lat},
-                     {"arrival_lon", end.place.lon},
-                     {"start_time", dateText(start.time)},
-                     {"arrival_time", dateText(end.time)},
-                     {"distance", std::round(metres)},
-                     {"route", routeJson(route)}};
+  const Json json = {{"departure_lat", start.place.lat},   {"departure_lon", start.place.lon},
+                     {"arrival_lat", end.place.lat},       {"arrival_lon", end.place.lon},
+                     {"start_time", dateText(start.time)}, {"arrival_time", dateText(end.time)},
+                     {"distance", std::round(metres)},     {"route", routeJson(route)}};
   return {0, start.time, end.time, json.dump()};
 }
 
@@ -94,11 +90,10 @@ void Trips::takeIn(std::vector<Point> fresh) {
   if (fresh.empty()) return;
   const bool isFirst = book_.newestID < 0;
   if (isFirst || fresh.front().time < book_.first) book_.first = fresh.front().time;
-  const auto newer = isFirst ? fresh.begin() : std::upper_bound(fresh.begin(), fresh.end(),
-                                                                std::tuple(book_.newest, book_.newestID),
-                                                                [&](const auto& newest, const Point& point) {
-                                                                  return newest < rank(point);
-                                                                });
+  const auto newer =
+      isFirst ? fresh.begin()
+              : std::upper_bound(fresh.begin(), fresh.end(), std::tuple(book_.newest, book_.newestID),
+                                 [&](const auto& newest, const Point& point) { return newest < rank(point); });
   const double lastLate = newer == fresh.begin() ? 0 : std::prev(newer)->time;
   if (newer != fresh.end()) book_.newest = fresh.back().time, book_.newestID = fresh.back().id;
   if (newer != fresh.begin() && !rederive(fresh.front().time, lastLate)) return;
@@ -107,8 +102,8 @@ void Trips::takeIn(std::vector<Point> fresh) {
   if (!found.empty()) follow(stopNumbered(records_, book_.stop), found);
 }
 
-/// Derives anew from the last stop that the late positions cannot have changed, up to the first one that comes out as it
-/// was: from there on everything does. Without such a one all positions have been looked at, which is told by false.
+/// Derives anew from the last stop that the late positions cannot have changed, up to the first one that comes out as
+/// it was: from there on everything does. Without such a one all positions have been looked at, which is told by false.
 bool Trips::rederive(double from, double to) {
   const auto start = lastSeenBefore(from);
   double next = start ? start->anchor : book_.first;
