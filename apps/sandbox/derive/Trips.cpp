@@ -58,10 +58,12 @@ std::vector<Fix> fixesBetween(Records& records, const std::optional<KeptStop>& p
   return fixes;
 }
 
-bool isTrip(const std::vector<Fix>& fixes) {
+bool isTrip(const std::vector<Fix>& fixes, const std::optional<KeptStop>& previous, const KeptStop& next) {
   if (fixes.size() < 2 || fixes.back().time - fixes.front().time < kLeastDuration) return false;
-  return std::any_of(fixes.begin(), fixes.end(),
-                     [&](const Fix& fix) { return chord(fix.at, fixes.front().at) >= kLeastExtent; });
+  // A stay reaches some way along the trips before and behind it.
+  const Vec start = previous && !previous->lost ? geocentric(previous->centre) : fixes.front().at;
+  return (!next.lost && chord(geocentric(next.centre), start) >= kLeastExtent) ||
+         std::any_of(fixes.begin(), fixes.end(), [&](const Fix& fix) { return chord(fix.at, start) >= kLeastExtent; });
 }
 
 Row tripOf(const std::vector<Fix>& fixes) {
@@ -192,7 +194,7 @@ std::int64_t Trips::connect(const std::optional<KeptStop>& previous, const KeptS
   const double from = previous ? previous->departure : book_.first;
   if (next.arrival <= from || from < book_.historySince) return 0;
   const auto fixes = fixesBetween(records_, previous, next, from);
-  if (!isTrip(fixes)) return 0;
+  if (!isTrip(fixes, previous, next)) return 0;
   Row trip = tripOf(fixes);
   trip.id = numberFor(trip);
   const auto present = records_.numbered(Kind::Trip, trip.id - 1, trip.id);
