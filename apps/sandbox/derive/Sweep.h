@@ -30,6 +30,13 @@ struct Stop {
   bool lost = false;     ///< a silence
 };
 
+/// A stay that goes on.
+struct Stay : Stop {
+  Vec sum;
+  double count = 0;
+  double inside = 0, near = 0, announce = 0;  ///< times: last within reach, last near the centre, next told of
+};
+
 /// Keeps the positions that can be true: not too inaccurate, and reached at a speed that there is.
 class Filter {
  public:
@@ -59,12 +66,6 @@ class Sweep {
   std::optional<Stop> staying() const;
 
  private:
-  struct Stay : Stop {
-    Vec sum;
-    double count = 0;
-    double inside = 0, near = 0, announce = 0;  ///< times: last within reach, last near the centre, next told of
-  };
-
   void add(const Fix& fix, std::vector<Stop>& stops);
   void afterSilence(const Fix& fix, std::vector<Stop>& stops);
   void move(const Fix& fix, std::vector<Stop>& stops);
