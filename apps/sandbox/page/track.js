@@ -48,20 +48,16 @@ export class Track {
   get size() { return this.rows.length; }
   get lastId() { return this.size ? this.rows[this.size - 1][0] : -1; }
 
-  /// Takes rows in, each number once; what is after the end costs nothing but itself.
+  /// Takes rows in, each number once; only what comes after the first of them is projected again.
   merge(rows) {
-    const good = rows.filter((row) => Array.isArray(row) && Number.isFinite(row[0]) && Number.isFinite(row[2]) &&
-                                      Number.isFinite(row[3]));
-    const from = this.size;
-    const later = good.filter((row) => row[0] > this.lastId);
-    if (later.length === good.length) {
-      for (const row of good) if (row[0] > this.lastId) this.rows.push(row);
-      return this.project(from);
-    }
-    const all = new Map(this.rows.map((row) => [row[0], row]));
-    for (const row of good) all.set(row[0], row);
-    this.rows = [...all.values()].sort((one, other) => one[0] - other[0]);
-    this.project(0);
+    const good = rows.filter((row) => Array.isArray(row) && [0, 1, 2, 3].every((i) => Number.isFinite(row[i])));
+    if (!good.length) return;
+    const least = good.reduce((id, row) => Math.min(id, row[0]), Infinity);
+    let from = this.size;
+    while (from > 0 && this.rows[from - 1][0] >= least) --from;
+    const tail = new Map([...this.rows.splice(from), ...good].map((row) => [row[0], row]));
+    for (const row of [...tail.values()].sort((one, other) => one[0] - other[0])) this.rows.push(row);
+    this.project(from);
   }
 
   project(from) {
@@ -72,6 +68,8 @@ export class Track {
       this.levels = Array.from({ length: kLevels }, () => new Numbers(Uint32Array));
       this.bounds = { x0: Infinity, y0: Infinity, x1: -Infinity, y1: -Infinity };
     }
+    for (const list of [this.x, this.y, this.broken]) list.size = from;
+    for (const level of this.levels) while (level.size && level.values[level.size - 1] >= from) --level.size;
     for (let i = from; i < this.rows.length; ++i) this.add(i);
   }
 
