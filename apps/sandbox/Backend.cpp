@@ -1,19 +1,23 @@
 #include "sandbox/Backend.h"
 
 #include <httplib.h>
+#include <openssl/ssl.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <limits>
 #include <stdexcept>
 #include <thread>
 #include <utility>
 
 #include "sandbox/Service.h"
+#include "sandbox/live/Live.h"
+#include "sandbox/live/Texts.h"
+#include "sandbox/store/SqliteStore.h"
 
 namespace tarvo::sandbox {
 namespace {
 
-constexpr const char* kHost = "127.0.0.1";
 /// A batch is at most 1000 positions, well below 1 MiB, a log of a day a few MiB; this leaves room for odd clients
 /// without inviting a flood.
 constexpr std::size_t kLargestBody = 64 << 20;
@@ -70,83 +74,151 @@ std::filesystem::path besideArchive(std::filesystem::path archive) {
   return archive.replace_filename(name);
 }
 
+/// Some workers are left to units whatever pages and hosts there are.
+int mostStreams(int workers) { return workers - std::max(8, workers / 4); }
+
+std::unique_ptr<httplib::Server> makeServer(const Backend::Options& options) {
+  if (options.certificate.empty()) return std::make_unique<httplib::Server>();
+  auto server = std::make_unique<httplib::SSLServer>(options.certificate.c_str(), options.key.c_str());
+  if (!server->is_valid())
+    throw std::runtime_error("no TLS with " + options.certificate.string() + " and " + options.key.string());
+  SSL_CTX_set_min_proto_version(server->ssl_context(), TLS1_2_VERSION);
+  return server;
+}
+
+Backend::Options withToken(Backend::Options options) {
+  if (options.token.empty() && !live::isLoopback(options.address)) options.token = live::newToken();
+  return options;
+}
+
+/// The address as it stands in a URL for this machine.
+std::string reachable(const std::string& address) {
+  if (address == "0.0.0.0") return "127.0.0.1";
+  if (address == "::") return "[::1]";
+  return address.find(':') == std::string::npos ? address : "[" + address + "]";
+}
+
 }  // namespace
 
 struct Backend::State {
-  State(Account account, const std::filesystem::path& archive, const std::filesystem::path& logs)
-      : service(std::move(account), archive, logs) {}
-
-  void handle(const httplib::Request& request, httplib::Response& response) {
-    const std::string authorization = request.get_header_value("Authorization"), type = contentType(request);
-    send(service.answer({request.method, request.path, authorization, type, request.body, request.params}), response);
+  State(Account account, std::unique_ptr<Store> store, Options given, std::filesystem::path logFolder)
+      : options(withToken(std::move(given))),
+        logs(std::move(logFolder)),
+        service(std::move(account), std::move(store)),
+        live(service, {options.address, options.token, options.tiles, !options.certificate.empty(),
+                       mostStreams(options.workers)}),
+        server(makeServer(options)) {
+    server->new_task_queue = [workers = options.workers] {
+      return new httplib::ThreadPool(static_cast<std::size_t>(workers));  // the server takes it over
+    };
+    server->set_payload_max_length(kLargestBody);
+    server->set_keep_alive_max_count(std::numeric_limits<std::size_t>::max());
+    server->set_keep_alive_timeout(kKeepAliveSeconds);
+    server->set_read_timeout(kReadSeconds);
+    server->set_tcp_nodelay(true);
+    server->set_socket_options(reuseAddress);
+    server->set_pre_routing_handler(leaveMultipartRaw);
+    const auto handler = [this](const httplib::Request& request, httplib::Response& response) {
+      handle(request, response);
+    };
+    server->Get(".*", handler);
+    server->Post(".*", handler);
+    server->Delete(".*", handler);
+    server->set_exception_handler(sendFailure);
+    server->set_post_routing_handler(
+        [this](const httplib::Request& request, httplib::Response& response) { record(request, response); });
   }
 
+  void handle(const httplib::Request& request, httplib::Response& response) {
+    if (live::Live::owns(request.path)) return live.answer(request, response);
+    const std::string authorization = request.get_header_value("Authorization"), type = contentType(request);
+    Reply reply = service.answer({request.method, request.path, authorization, type, request.body, request.params});
+    answered = {reply.user, reply.fault};
+    send(std::move(reply), response);
+  }
+
+  /// A row for each request of the wire contract, also for those that are refused before they are looked at.
   void record(const httplib::Request& request, const httplib::Response& response) {
-    if (request.target == kProbe) return;
+    const Answered facts = std::exchange(answered, {});
+    if (live::Live::owns(request.path)) return;
     try {
-      service.archive.storeRequest(request.method, request.target, response.status);
+      service.store->addRequest({0, live::now(), facts.user, request.method, request.target, response.status,
+                                 static_cast<std::int64_t>(request.body.size()), facts.fault});
     } catch (const std::exception&) {  // the answer matters more than its row
     }
   }
 
+  std::string origin() const {
+    return (options.certificate.empty() ? "http://" : "https://") + reachable(options.address) + ":" +
+           std::to_string(port);
+  }
+
+  /// What the log of requests says beside the answer: the thread that answers writes it down too.
+  struct Answered {
+    std::string user, fault;
+  };
+  static thread_local Answered answered;
+
+  const Options options;
+  const std::filesystem::path logs;
   Service service;
-  httplib::Server server;
+  live::Live live;
+  std::unique_ptr<httplib::Server> server;
   std::thread listener;
   std::string baseURL;
   int port = 0;
 };
 
-Backend::Backend(Account account, const std::filesystem::path& archive, std::filesystem::path logs)
-    : state_(std::make_unique<State>(std::move(account), archive, logs.empty() ? besideArchive(archive) : logs)) {
-  httplib::Server& server = state_->server;
-  server.set_payload_max_length(kLargestBody);
-  server.set_keep_alive_max_count(std::numeric_limits<std::size_t>::max());
-  server.set_keep_alive_timeout(kKeepAliveSeconds);
-  server.set_read_timeout(kReadSeconds);
-  server.set_tcp_nodelay(true);
-  server.set_socket_options(reuseAddress);
-  server.set_pre_routing_handler(leaveMultipartRaw);
-  const auto handle = [state = state_.get()](const httplib::Request& request, httplib::Response& response) {
-    state->handle(request, response);
-  };
-  server.Get(".*", handle);
-  server.Post(".*", handle);
-  server.set_exception_handler(sendFailure);
-  server.set_post_routing_handler([state = state_.get()](const httplib::Request& request, httplib::Response& response) {
-    state->record(request, response);
-  });
+thread_local Backend::State::Answered Backend::State::answered;
+
+Backend::Backend(Account account, const std::filesystem::path& archive, std::filesystem::path logs) {
+  if (logs.empty()) logs = besideArchive(archive);
+  state_ = std::make_unique<State>(std::move(account), std::make_unique<SqliteStore>(archive, logs), Options(), logs);
 }
+
+Backend::Backend(Account account, std::unique_ptr<Store> store, Options options)
+    : state_(
+          std::make_unique<State>(std::move(account), std::move(store), std::move(options), std::filesystem::path())) {}
 
 Backend::~Backend() { stop(); }
 
 void Backend::start(int port) {
-  httplib::Server& server = state_->server;
-  state_->port = port == 0 ? server.bind_to_any_port(kHost) : server.bind_to_port(kHost, port) ? port : -1;
+  httplib::Server& server = *state_->server;
+  const std::string& address = state_->options.address;
+  state_->port = port == 0 ? server.bind_to_any_port(address) : server.bind_to_port(address, port) ? port : -1;
   if (state_->port < 0)
-    throw std::runtime_error(port == 0 ? "no free port on 127.0.0.1"
-                                       : "port " + std::to_string(port) + " of 127.0.0.1 is not free");
-  state_->baseURL = std::string("http://") + kHost + ":" + std::to_string(state_->port) + "/api";
-  state_->listener = std::thread([this] { state_->server.listen_after_bind(); });
+    throw std::runtime_error(port == 0 ? "no free port on " + address
+                                       : "port " + std::to_string(port) + " of " + address + " is not free");
+  state_->baseURL = state_->origin() + "/api";
+  state_->listener = std::thread([this] { state_->server->listen_after_bind(); });
   // The first answer shows that the server has come up; stopping it earlier would have no effect.
-  httplib::Client(kHost, state_->port).Get(kProbe);
+  httplib::Client probe(state_->origin());
+  probe.enable_server_certificate_verification(false);
+  probe.Get(kProbe);
 }
 
 void Backend::stop() {
   if (!state_->listener.joinable()) return;
   state_->service.faults.close();
-  state_->server.stop();
+  state_->live.stop();
+  state_->server->stop();
   state_->listener.join();
 }
 
-void Backend::serve(const Canned& canned) { state_->service.derived.serve(canned); }
+void Backend::serve(const Canned& canned) { state_->service.canned.serve(canned); }
 
 const std::string& Backend::baseURL() const { return state_->baseURL; }
 
+std::string Backend::pageURL() const {
+  const std::string& token = state_->options.token;
+  return state_->origin() + "/" + (token.empty() ? "" : "?token=" + token);
+}
+
 int Backend::port() const { return state_->port; }
 
-const std::filesystem::path& Backend::logs() const { return state_->service.logs.path(); }
+const std::filesystem::path& Backend::logs() const { return state_->logs; }
 
-Holdings Backend::holdings() { return state_->service.archive.holdings(); }
+Holdings Backend::holdings() { return state_->service.store->holdings(); }
 
 Faults& Backend::faults() { return state_->service.faults; }
 

@@ -4,7 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
-#include "sandbox/BoundedJson.h"
+#include "sandbox/wire/BoundedJson.h"
 
 namespace tarvo::sandbox {
 namespace {
@@ -117,8 +117,14 @@ void Derived::serve(const Canned& canned) {
 
   const std::lock_guard lock(mutex_);
   content_ = std::move(content);
+  given_ = true;
   withoutHistory_.clear();
   withoutGeoProfile_.clear();
+}
+
+bool Derived::given() const {
+  const std::lock_guard lock(mutex_);
+  return given_;
 }
 
 void Derived::forgetHistory(const std::string& user) {

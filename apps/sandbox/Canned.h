@@ -42,6 +42,8 @@ class Derived {
 
   /// From now on; resets are forgotten.
   void serve(const Canned& canned);
+  /// Whether there was such a call.
+  bool given() const;
 
   /// A reset by this user: from now on there are no past trips for it, or neither prediction nor places.
   void forgetHistory(const std::string& user);
@@ -59,6 +61,7 @@ class Derived {
 
   mutable std::mutex mutex_;
   std::unique_ptr<const Content> content_;
+  bool given_ = false;
   std::set<std::string> withoutHistory_, withoutGeoProfile_;
 };
 

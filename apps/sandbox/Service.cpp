@@ -6,16 +6,20 @@
 #include <optional>
 #include <utility>
 
-#include "sandbox/Bodies.h"
+#include "sandbox/Parts.h"
+#include "sandbox/wire/Bodies.h"
+#include "sandbox/wire/Logs.h"
 
 namespace tarvo::sandbox {
 namespace {
 
 using Json = nlohmann::json;
 
-Reply reply(int status, const Json& body) {
-  return {status, body.dump(-1, ' ', false, Json::error_handler_t::replace)};
-}
+std::string text(const Json& json) { return json.dump(-1, ' ', false, Json::error_handler_t::replace); }
+
+Reply reply(int status, const Json& body) { return {status, text(body), {}, {}}; }
+
+Reply reply(std::string body) { return {200, std::move(body), {}, {}}; }
 
 Reply success() { return reply(200, {{"success", true}}); }
 
@@ -51,11 +55,8 @@ const Service::Route Service::kRoutes[] = {
     {"GET", "resetgeoprofile", &Service::resetgeoprofile},
 };
 
-Service::Service(Account account, const std::filesystem::path& archiveFile, const std::filesystem::path& logFolder)
-    : archive(archiveFile),
-      logs(logFolder),
-      account_(std::move(account)),
-      base_("/api/v1/" + account_.clientID + "/") {}
+Service::Service(Account customer, std::unique_ptr<Store> records)
+    : account(std::move(customer)), store(std::move(records)), base_("/api/v1/" + account.clientID + "/") {}
 
 const Service::Route* Service::find(const Call& call) const {
   if (!call.path.starts_with(base_)) return nullptr;
@@ -70,21 +71,30 @@ Reply Service::answer(const Call& call) {
   const Route* route = find(call);
   if (route == nullptr) return refuse(404, "no such path");
   if (auto fault = faults.meet(std::string(route->path)))
-    return fault->body.empty() ? refuse(fault->status, "planned fault") : Reply{fault->status, std::move(fault->body)};
+    return {fault->status,
+            fault->body.empty() ? refuse(fault->status, "planned fault").body : std::move(fault->body),
+            {},
+            "status"};
   const auto credentials = readBasicCredentials(call.authorization);
   if (route->handle == &Service::users) {
-    if (credentials != Credentials{account_.apiKey, account_.apiSecret}) return refuse(401, "wrong API key or secret");
-  } else if (!credentials || !archive.knows(*credentials)) {
+    if (!isAccount(call.authorization)) return refuse(401, "wrong API key or secret");
+  } else if (!credentials || !store->knows(*credentials)) {
     return refuse(401, "unknown user");
   }
-  return (this->*route->handle)(call, credentials->name);
+  Reply reply = (this->*route->handle)(call, credentials->name);
+  if (route->handle != &Service::users) reply.user = credentials->name;
+  return reply;
+}
+
+bool Service::isAccount(std::string_view authorization) const {
+  return readBasicCredentials(authorization) == Credentials{account.apiKey, account.apiSecret};
 }
 
 Reply Service::users(const Call& call, const std::string&) {
   std::string why;
   const auto device = readDevice(call.body, why);
   if (!device) return refuse(400, why);
-  const Identity user = archive.identify(*device);
+  const Identity user = store->identify(*device);
   const Json result = {{"uuid", user.uuid}, {"creation_date", user.creationDate}, {"secretkey", user.secret}};
   return reply(200, {{"success", true}, {"results", Json::array({result})}});
 }
@@ -93,8 +103,18 @@ Reply Service::positions(const Call& call, const std::string& user) {
   std::string why;
   const auto batch = readPositions(call.body, user, why);
   if (!batch) return refuse(400, why);
-  archive.store(user, *batch);
-  return {200, derived.counters(user)};
+  std::string counters;
+  store->change(user, [&](UserRecords& records) {
+    const derive::Changes changes = derive::takeIn(records, records.add(*batch));
+    counters = derive::counters(records);
+    Json about = {{"unit", user}};
+    if (changes.trips) records.tell("trips", about.dump());
+    if (changes.places) records.tell("places", about.dump());
+    if (changes.prediction) records.tell("prediction", about.dump());
+    about.update({{"first", batch->front().id}, {"last", batch->back().id}, {"count", batch->size()}});
+    records.tell("batch", about.dump());
+  });
+  return reply(canned.given() ? canned.counters(user) : std::move(counters));
 }
 
 Reply Service::uplog(const Call& call, const std::string& user) {
@@ -102,8 +122,10 @@ Reply Service::uplog(const Call& call, const std::string& user) {
   std::string why;
   const auto log = readLogUpload(call.body, why);
   if (!log) return refuse(400, why);
-  logs.keep(*log);
-  archive.storeLog(user, log->file, log->content.size());
+  store->change(user, [&](UserRecords& records) {
+    records.addLog(log->file, log->content);
+    records.tell("log", text({{"unit", user}, {"file", log->file}}));
+  });
   return reply(200, {{"success", true}, {"results", "uploaded"}, {"file", log->file}});
 }
 
@@ -113,36 +135,63 @@ Reply Service::form(const Call& call, const std::string& user) {
   std::string why;
   const auto texts = readForm(call.body, *form, why);
   if (!texts) return refuse(400, why);
-  archive.storeCall(user, *form, *texts);
+  store->change(user, [&](UserRecords& records) { records.addCall(*form, *texts); });
   return success();
 }
 
 Reply Service::userconf(const Call& call, const std::string& user) {
   if (queryValue(call, "uuid") != user) return refuse(400, "uuid is not the user that asks");
-  return {200, derived.configuration()};
+  return reply(canned.configuration());
 }
 
-Reply Service::predictions(const Call&, const std::string& user) { return {200, derived.prediction(user)}; }
+Reply Service::predictions(const Call&, const std::string& user) { return reply(prediction(user)); }
 
 Reply Service::pasttrips(const Call& call, const std::string& user) {
   const auto first = readNumber(queryValue(call, "first_pasttrip_id").value_or(""));
   const auto last = readNumber(queryValue(call, "last_pasttrip_id").value_or(""));
   if (!first || !last) return refuse(400, "no range of trips");
-  return {200, derived.pastTrips(user, *first, *last)};
+  return reply(pastTrips(user, *first, *last));
 }
 
-Reply Service::pois(const Call&, const std::string& user) { return {200, derived.places(user)}; }
+Reply Service::pois(const Call&, const std::string& user) { return reply(places(user)); }
 
 Reply Service::resetbackend(const Call&, const std::string& user) {
-  archive.storeReset(user, "resetbackend");
-  derived.forgetHistory(user);
+  store->change(user, [&](UserRecords& records) {
+    records.addReset("resetbackend");
+    derive::forgetHistory(records);
+    records.tell("trips", text({{"unit", user}}));
+  });
+  canned.forgetHistory(user);
   return success();
 }
 
 Reply Service::resetgeoprofile(const Call&, const std::string& user) {
-  archive.storeReset(user, "resetgeoprofile");
-  derived.forgetGeoProfile(user);
+  store->change(user, [&](UserRecords& records) {
+    records.addReset("resetgeoprofile");
+    derive::forgetGeoProfile(records);
+    for (const char* kind : {"places", "prediction"}) records.tell(kind, text({{"unit", user}}));
+  });
+  canned.forgetGeoProfile(user);
   return success();
+}
+
+std::string Service::derivedText(const std::string& user, const std::function<std::string(derive::Records&)>& read) {
+  std::string text;
+  store->look(user, [&](derive::Records& records) { text = read(records); });
+  return text;
+}
+
+std::string Service::pastTrips(const std::string& user, std::int64_t first, std::int64_t last) {
+  if (canned.given()) return canned.pastTrips(user, first, last);
+  return derivedText(user, [&](derive::Records& records) { return derive::pastTrips(records, first, last); });
+}
+
+std::string Service::places(const std::string& user) {
+  return canned.given() ? canned.places(user) : derivedText(user, derive::places);
+}
+
+std::string Service::prediction(const std::string& user) {
+  return canned.given() ? canned.prediction(user) : derivedText(user, derive::prediction);
 }
 
 }  // namespace tarvo::sandbox

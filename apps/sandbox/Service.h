@@ -1,14 +1,15 @@
 #pragma once
 
-#include <filesystem>
+#include <cstdint>
+#include <functional>
 #include <map>
+#include <memory>
 #include <string>
 #include <string_view>
 
-#include "sandbox/Archive.h"
 #include "sandbox/Canned.h"
 #include "sandbox/Faults.h"
-#include "sandbox/Logs.h"
+#include "sandbox/store/Store.h"
 
 namespace tarvo::sandbox {
 
@@ -20,24 +21,34 @@ struct Call {
 
 struct Reply {
   int status = 200;
-  std::string body;  ///< JSON
+  std::string body;   ///< JSON
+  std::string user;   ///< who asked; empty for a device that registers, and for strangers
+  std::string fault;  ///< the kind of the fault that happened; empty without
 };
 
 /// A reply of "success" false and a reason.
 Reply refuse(int status, const std::string& why);
 
 /// What the backend answers: finds the path, lets a planned fault happen, checks who asks, and keeps or looks up.
+/// Trips, places and predictions are what is derived from the positions of the user, unless canned data were given;
+/// those are the same for everybody.
 ///
-/// Threads: any; the parts guard themselves. Errors: those of the archive and the log folder.
+/// Threads: any; the parts guard themselves. Errors: those of the store.
 class Service {
  public:
-  Service(Account account, const std::filesystem::path& archive, const std::filesystem::path& logs);
+  Service(Account account, std::unique_ptr<Store> store);
 
   Reply answer(const Call& call);
 
-  Archive archive;
-  LogFolder logs;
-  Derived derived;
+  /// What units are answered: JSON texts.
+  std::string pastTrips(const std::string& user, std::int64_t first, std::int64_t last);
+  std::string places(const std::string& user);
+  std::string prediction(const std::string& user);
+  bool isAccount(std::string_view authorization) const;
+
+  const Account account;
+  const std::unique_ptr<Store> store;
+  Derived canned;
   Faults faults;
 
  private:
@@ -45,6 +56,7 @@ class Service {
   static const Route kRoutes[];
 
   const Route* find(const Call& call) const;
+  std::string derivedText(const std::string& user, const std::function<std::string(derive::Records&)>& read);
 
   Reply users(const Call& call, const std::string& user);
   Reply positions(const Call& call, const std::string& user);
@@ -57,7 +69,6 @@ class Service {
   Reply resetbackend(const Call& call, const std::string& user);
   Reply resetgeoprofile(const Call& call, const std::string& user);
 
-  const Account account_;
   const std::string base_;
 };
 

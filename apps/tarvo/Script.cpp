@@ -15,7 +15,7 @@
 
 #include "Arguments.h"
 #include "Console.h"
-#include "sandbox/BoundedJson.h"
+#include "sandbox/wire/BoundedJson.h"
 
 namespace tarvo::cli {
 namespace {

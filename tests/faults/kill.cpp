@@ -11,7 +11,7 @@
 #include "faults/Driver.h"
 #include "platform/foundation/FaultPoint.h"
 #include "platform/foundation/PropertyList.h"
-#include "sandbox/Database.h"
+#include "sandbox/store/Database.h"
 #include "settings/Names.h"
 #include "support/FreshProcess.h"
 #include "support/RawServer.h"

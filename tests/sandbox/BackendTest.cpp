@@ -5,7 +5,7 @@
 #include <string>
 
 #include "sandbox/Backend.h"
-#include "sandbox/Bodies.h"
+#include "sandbox/wire/Bodies.h"
 #include "support/TempDir.h"
 
 namespace tarvo::sandbox {

@@ -1,4 +1,4 @@
-#include "sandbox/Bodies.h"
+#include "sandbox/wire/Bodies.h"
 
 #include <algorithm>
 #include <bitset>

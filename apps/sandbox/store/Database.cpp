@@ -1,4 +1,4 @@
-#include "sandbox/Database.h"
+#include "sandbox/store/Database.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -54,6 +54,11 @@ Execution& Execution::bind(std::int64_t number) {
   return *this;
 }
 
+Execution& Execution::bind(double number) {
+  sqlite3_bind_double(statement_, ++bound_, number);
+  return *this;
+}
+
 bool Execution::step() {
   const int result = sqlite3_step(statement_);
   if (result == SQLITE_ROW) return true;
@@ -67,7 +72,9 @@ std::string Execution::text(int column) const {
   return size == 0 ? std::string() : std::string(static_cast<const char*>(text), size);
 }
 
-Transaction::Transaction(Database& database) : database_(database) { database_.run("BEGIN IMMEDIATE"); }
+Transaction::Transaction(Database& database, Kind kind) : database_(database) {
+  database_.run(kind == Writes ? "BEGIN IMMEDIATE" : "BEGIN");
+}
 
 Transaction::~Transaction() {
   if (!open_) return;

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <filesystem>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -20,22 +18,5 @@ inline constexpr std::string_view kLogContentType = "multipart/form-data;boundar
 /// The one part of an upload body. What follows the first closing boundary is ignored: a file that is sent again has
 /// one more each time. Absent when the body has no part header, no plain file name in it or no closing boundary.
 std::optional<LogUpload> readLogUpload(std::string_view body, std::string& refusal);
-
-/// The folder of the logs that were received, one file for each name; made with the first of them.
-///
-/// Threads: any. Errors: std::system_error.
-class LogFolder {
- public:
-  explicit LogFolder(std::filesystem::path folder) : folder_(std::move(folder)) {}
-
-  /// On disk when it returns, in place of a file of this name.
-  void keep(const LogUpload& log);
-
-  const std::filesystem::path& path() const { return folder_; }
-
- private:
-  const std::filesystem::path folder_;
-  std::mutex mutex_;
-};
 
 }  // namespace tarvo::sandbox

@@ -1,13 +1,6 @@
-#include "sandbox/Logs.h"
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include "sandbox/wire/Logs.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <system_error>
 
 namespace tarvo::sandbox {
 namespace {
@@ -34,23 +27,6 @@ std::string_view fileName(std::string_view header) {
   return {};
 }
 
-[[noreturn]] void fail(const std::filesystem::path& file) {
-  throw std::system_error(errno, std::generic_category(), file.string());
-}
-
-void writeThrough(const std::filesystem::path& file, std::string_view content) {
-  const int descriptor = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, S_IRUSR | S_IWUSR);
-  if (descriptor < 0) fail(file);
-  ssize_t written = 0;
-  while (!content.empty() && ((written = ::write(descriptor, content.data(), content.size())) >= 0 || errno == EINTR))
-    content.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(written, 0)));
-  const bool done = content.empty() && ::fsync(descriptor) == 0;
-  const int why = errno;
-  ::close(descriptor);
-  errno = why;
-  if (!done) fail(file);
-}
-
 }  // namespace
 
 std::optional<LogUpload> readLogUpload(std::string_view body, std::string& refusal) {
@@ -71,16 +47,6 @@ std::optional<LogUpload> readLogUpload(std::string_view body, std::string& refus
     return std::nullopt;
   }
   return LogUpload{std::string(name), part.substr(0, end)};
-}
-
-void LogFolder::keep(const LogUpload& log) {
-  const std::lock_guard lock(mutex_);
-  if (std::filesystem::create_directories(folder_))
-    std::filesystem::permissions(folder_, std::filesystem::perms::owner_all);
-  // No upload can bear this name.
-  const std::filesystem::path incoming = folder_ / "..incoming";
-  writeThrough(incoming, log.content);
-  std::filesystem::rename(incoming, folder_ / log.file);
 }
 
 }  // namespace tarvo::sandbox

@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <cmath>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -22,6 +23,7 @@ class Database {
 
   void run(const char* sql);
   Statement prepare(const std::string& sql);
+  sqlite3* connection() const { return connection_.get(); }
 
  private:
   std::unique_ptr<sqlite3, int (*)(sqlite3*)> connection_;
@@ -37,10 +39,15 @@ class Execution {
   Execution& operator=(const Execution&) = delete;
 
   Execution& bind(std::string_view text);
+  Execution& bind(const std::string& text) { return bind(std::string_view(text)); }
   Execution& bind(std::int64_t number);
+  Execution& bind(double number);  ///< NULL when it is no number
+  Execution& bind(const std::optional<double>& number) { return bind(number.value_or(NAN)); }
   bool step();
   std::string text(int column) const;
   std::int64_t number(int column) const { return sqlite3_column_int64(statement_, column); }
+  double real(int column) const { return sqlite3_column_double(statement_, column); }
+  bool isNull(int column) const { return sqlite3_column_type(statement_, column) == SQLITE_NULL; }
 
  private:
   sqlite3_stmt* statement_;
@@ -50,7 +57,8 @@ class Execution {
 /// What is run before `commit` holds as a whole or not at all.
 class Transaction {
  public:
-  explicit Transaction(Database& database);
+  enum Kind { Writes, Reads };
+  explicit Transaction(Database& database, Kind kind = Writes);
   ~Transaction();
   Transaction(const Transaction&) = delete;
   Transaction& operator=(const Transaction&) = delete;
