@@ -44,7 +44,7 @@ export const health = {
   },
 };
 
-const kLevels = { 2: 'verbose', 3: 'debug', 4: 'info', 5: 'warning', 6: 'error' };
+const kLevels = ['verbose', 'debug', 'info', 'warning', 'error'];
 const kLines = 200;
 
 export const logs = {
@@ -56,7 +56,7 @@ export const logs = {
     const pick = el('select', { 'aria-label': 'Log file' }, ...files.map(({ file, bytes: size, received }) =>
       el('option', { value: file, selected: file === chosen }, `${file} (${bytes(size)} bytes, ${dateTime(received)})`)));
     const level = el('select', { 'aria-label': 'Level' }, el('option', { value: 0 }, 'all levels'),
-      ...Object.entries(kLevels).map(([value, name]) => el('option', { value }, `${name} and above`)));
+      ...kLevels.slice(1).map((name, i) => el('option', { value: i + 1 }, `${name} and above`)));
     const rows = el('ol', { class: 'log' });
     const more = el('button', { type: 'button' }, 'More');
     let from = 0;
@@ -70,9 +70,9 @@ export const logs = {
       const told = await request(ofUnit(uuid, `logs/${encodeURIComponent(file)}?after=${from}&limit=${kLines}`)).catch((error) => ({ lines: [{ text: error.message }] }));
       if (file !== pick.value) return;
       from += told.lines.length;
-      rows.append(...told.lines.map((line) => el('li', { 'data-level': line.level ?? 0 },
-        line.time ? el('time', {}, clock(line.time, true) === '\u2013' ? line.time : clock(line.time, true)) : null,
-        line.level ? el('b', {}, kLevels[line.level] ?? line.level) : null, el('span', {}, line.text ?? ''))));
+      rows.append(...told.lines.map(({ time, level: name, text }) => el('li', { 'data-level': kLevels.indexOf(String(name).toLowerCase()) },
+        time ? el('time', {}, Number.isNaN(Date.parse(time)) ? time : clock(time, true)) : null,
+        name ? el('b', {}, String(name).toLowerCase()) : null, el('span', {}, text ?? ''))));
       more.hidden = !told.more;
     };
     pick.addEventListener('change', () => read(true));

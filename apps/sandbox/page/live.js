@@ -20,13 +20,14 @@ export const ofUnit = (uuid, what) => `/live/units/${encodeURIComponent(uuid)}/$
 const kNames = ['unit', 'batch', 'request', 'trips', 'places', 'prediction', 'log', 'health', 'faults', 'push', 'told'];
 const kFirstWait = 500, kLongestWait = 10000;
 
-/// Listens for good. `heard(name, data)` is called for each event, `state(text, again)` with "live", "lost" or
-/// "connecting"; `again` is true where a connection stands anew, after which anything may have been missed.
-export function listen(heard, state) {
+/// Listens for good to what comes after the event of that number. `heard(name, data)` is called for each event,
+/// `state(text, again)` with "live", "lost" or "connecting"; `again` is true where a connection stands anew, after which
+/// anything may have been missed.
+export function listen(after, heard, state) {
   let wait = kFirstWait;
   let wasLive = false;
   const open = () => {
-    const source = new EventSource('/live/events');
+    const source = new EventSource(after === undefined ? '/live/events' : `/live/events?after=${after}`);
     source.onopen = () => {
       wait = kFirstWait;
       state('live', wasLive);
@@ -41,6 +42,7 @@ export function listen(heard, state) {
     for (const name of kNames)
       source.addEventListener(name, (event) => {
         let data;
+        after = event.lastEventId || after;
         try {
           data = JSON.parse(event.data);
         } catch {

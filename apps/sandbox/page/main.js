@@ -125,15 +125,22 @@ const loaders = Object.fromEntries(Object.keys(tabs).map((name) => [name, coales
 
 // Positions: what batches announce is fetched in one piece at a time.
 let missing = null;   // [first, last]
-let fetching = false, fetched = false;
+let fetching = null, fetched = false;
 
 function want(first, last) {
   missing = missing ? [Math.min(missing[0], first), Math.max(missing[1], last)] : [first, last];
-  if (!fetching) fetchPositions();
+  return (fetching ??= fetchPositions().finally(() => { fetching = null; }));
+}
+
+/// After a break: what has come since, or everything where that leaves something out.
+async function catchUp() {
+  const held = units.get(chosen)?.positions ?? 0;
+  if (track.size > held) track.clear();
+  await want(track.lastId + 1, Infinity);
+  if (track.size < held) await want(0, Infinity);
 }
 
 async function fetchPositions() {
-  fetching = true;
   while (missing) {
     let [first, last] = missing;
     const uuid = chosen;
@@ -154,7 +161,6 @@ async function fetchPositions() {
       say(error.message);  // the next connection fetches again
     }
   }
-  fetching = false;
 }
 
 // Tabs ---------------------------------------------------------------------------------------------------------------
@@ -190,7 +196,7 @@ showTab(shownTab);
 
 const showFacts = coalesce(() => byId('facts').replaceChildren(...terms([
   ['Storage', server.storage], ['Units', count(units.size)], ['Requests', count(server.requests)],
-  ['Positions', count([...units.values()].reduce((sum, unit) => sum + (unit.positions || 0), 0))]])), 250);
+  ['Positions', count([...units.values()].reduce((sum, unit) => sum + (unit.positions || 0), 0))], ['Times', 'UTC']])), 250);
 
 async function loadAll() {
   const told = await request('/live/state');
@@ -222,7 +228,11 @@ const kHeard = {
 };
 
 const kLinks = { live: 'live', lost: 'connection lost, trying again', connecting: 'connecting' };
-listen((name, data) => {
+setText(byId('units-try'), `tarvo replay TRIP.gpx --mode 12 --backend ${location.origin}/api --channel ${location.origin} ` +
+  '--api-key demo-key --api-secret demo-secret');
+const start = () => loadAll().catch((error) => say(error.message));
+await start();
+listen(server.last, (name, data) => {
   kHeard[name]?.(data);
   if (data?.unit === chosen)
     for (const [tab, { events }] of Object.entries(tabs)) if (events.includes(name)) loaders[tab]();
@@ -234,10 +244,6 @@ listen((name, data) => {
   say('The connection to the sandbox is back');
   await start();
   if (!chosen) return;
-  track.clear();
-  want(0, Infinity);
   Object.keys(tabs).forEach(load);
+  await catchUp();
 });
-
-const start = () => loadAll().catch((error) => say(error.message));
-start();

@@ -25,6 +25,7 @@ export class Requests {
   async load() {
     const { requests } = await request(`/live/requests?limit=${kRows}`);
     this.all = requests;
+    byId('requests-older').hidden = requests.length < kRows;
     this.draw();
   }
 
@@ -88,6 +89,7 @@ export class Faults {
 
   kinds(kinds) {
     const select = this.form.elements.kind;
+    this.form.hidden = kinds.length === 0;
     if (select.options.length === kinds.length) return;
     select.replaceChildren(...kinds.map((kind) => el('option', { value: kind }, kind)));
     if (kinds.includes('status')) select.value = 'status';

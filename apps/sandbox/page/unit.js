@@ -112,7 +112,7 @@ export function strip({ count: have, highest, holes = [], repeats = [] }) {
   label.textContent = `Numbers 0 to ${count(highest)}: ${count(have)} there, ${plural(holes.length, 'hole')}, ${plural(repeats.length, 'repeat')}`;
   picture.append(label, svg('rect', { class: 'there', x: 0, y: 3, width: have ? 1000 : 0, height: 8 }));
   for (const [first, last] of holes)
-    picture.append(svg('rect', { class: 'hole', x: at(first), y: 0, width: Math.max(3, at(last + 1) - at(first)), height: 14 }));
+    picture.append(svg('rect', { class: 'hole', x: at(first), y: 0, width: Math.max(4, at(last + 1) - at(first)), height: 14 }));
   for (const [id] of repeats) picture.append(svg('rect', { class: 'repeat', x: at(id), y: 11, width: Math.max(2, at(1)), height: 3 }));
   return picture;
 }
