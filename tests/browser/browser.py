@@ -78,7 +78,7 @@ class Browser:
             const end = Date.now() + {seconds * 1000};
             const look = () => {{
                 const value = (() => {condition})();
-                if (value || Date.now() > end) done(value); else setTimeout(look, 20);
+                if (value || Date.now() > end) done(value instanceof Node || value); else setTimeout(look, 20);
             }};
             look();
         }})""")

@@ -81,7 +81,7 @@ def loads(page, sandbox, _):
 def grows_while_a_unit_drives(page, sandbox, options):
     options.replay = subprocess.Popen([options.program, "replay", f"{options.source}/apps/demo/demo-trip.gpx", "--backend", sandbox.origin + "/api",
                                        "--channel", sandbox.origin, "--api-key", "demo-key", "--api-secret", "demo-secret", "--mode", "12",
-                                       "--speed", "200x", "--home", f"{options.home}/unit", "--json"], stdout=subprocess.PIPE, text=True)
+                                       "--speed", "200", "--home", f"{options.home}/unit", "--json"], stdout=subprocess.PIPE, text=True)
     sizes = [page.wait(f"tarvo.track.size > {least} && tarvo.track.size") for least in (0, 10, 20)]
     assert sizes == sorted(set(sizes)) and options.replay.poll() is None, f"not while it drives: {sizes}"
 
@@ -128,6 +128,9 @@ def shows_holes_and_repeats(page, sandbox, options):
 
 
 def switches_a_fault_on(page, sandbox, options):
+    if "status" not in sandbox.state()["kinds"]:
+        options.left_out.append("this sandbox makes no faults by rule")
+        return
     page.run("""(() => {
         const { kind, endpoint, status, times } = document.querySelector('#fault').elements;
         [kind.value, endpoint.value, status.value, times.value] = ['status', 'positions', '503', '1'];
@@ -239,6 +242,7 @@ def main():
         print("skipped: no browser is installed")
         return 77
     options = type("Options", (), {"program": sys.argv[1], "source": sys.argv[2]})
+    options.left_out = []
     with tempfile.TemporaryDirectory() as options.home:
         options.pictures = sys.argv[3] if len(sys.argv) > 3 else options.home
         sandbox = Sandbox(options.program, f"{options.home}/sandbox")
@@ -255,7 +259,9 @@ def main():
         finally:
             page.close()
             sandbox.process.terminate()
-    return 0
+    if options.left_out:
+        print("skipped:", *options.left_out)
+    return 77 if options.left_out else 0
 
 
 if __name__ == "__main__":
