@@ -209,6 +209,8 @@ void Backend::serve(const Canned& canned) { state_->service.canned.serve(canned)
 
 const std::string& Backend::baseURL() const { return state_->baseURL; }
 
+std::string Backend::origin() const { return state_->origin(); }
+
 std::string Backend::pageURL() const {
   const std::string& token = state_->options.token;
   return state_->origin() + "/" + (token.empty() ? "" : "?token=" + token);

@@ -64,6 +64,8 @@ class Backend {
 
   /// `http://127.0.0.1:PORT/api`; once started.
   const std::string& baseURL() const;
+  /// `http://127.0.0.1:PORT`; once started.
+  std::string origin() const;
   /// Of the page, with the token if there is one; once started.
   std::string pageURL() const;
   int port() const;

@@ -14,5 +14,6 @@ using Run = std::function<int()>;
 void addReplayCommand(CLI::App& app, Run& run);
 void addReadCommands(CLI::App& app, Run& run);  ///< history, trips, pois, status
 void addEraseCommand(CLI::App& app, Run& run);
+void addSandboxCommand(CLI::App& app, Run& run);
 
 }  // namespace tarvo::cli

@@ -20,6 +20,7 @@
 #include "Commands.h"
 #include "Console.h"
 #include "Home.h"
+#include "Status.h"
 
 namespace tarvo::cli {
 namespace {
@@ -268,50 +269,64 @@ void printHealth(const Health& health) {
   std::cout << std::flush;
 }
 
+/// The mode of the last activation; a fresh process does not take it up.
+std::optional<std::int64_t> keptMode() {
+  const auto kept = platform::UserDefaults::standard().object(keys::kActivateMode);
+  return kept ? kept->asInteger() : std::nullopt;
+}
+
+}  // namespace
+
+std::string statusText(const Tarvo& tarvo, const Home& home) {
+  const LocationManager::SyncStatus sync = tarvo.syncStatus();
+  const Health health = tarvo.health();
+  const Json status = {
+      {"mode", orNull(keptMode())},
+      {"uuid", orNull(LocationManager::userUUID())},
+      {"stored", sync.stored},
+      {"unsent", sync.unsent},
+      {"awaiting", sync.awaiting},
+      {"acknowledged", sync.acknowledged},
+      {"unsaved", sync.unsaved},
+      {"last_index", orNull(sync.lastIndex)},
+      {"store_bytes", home.storeSize()},
+      {"log_bytes", home.logSize()},
+      {"oldest_unsent_seconds",
+       health.positions.oldestUnsentAge ? Json(health.positions.oldestUnsentAge->count()) : Json(nullptr)},
+      {"acknowledged_without_answer", ranges(health.positions.acknowledgedWithoutAnswer)},
+      {"removed", health.positions.removed},
+      {"removed_up_to", orNull(health.positions.removedUpTo)},
+      {"last_try", orNull(health.delivery.lastTry)},
+      {"last_acknowledgement", orNull(health.delivery.lastAcknowledgement)},
+      {"last_error", nameOf(health.delivery.lastError)},
+      {"tries_since", health.delivery.triesSince},
+      {"next_try", orNull(health.delivery.nextTry)},
+      {"bytes_today", health.delivery.bytesToday},
+      {"fixes_received", health.fixes.received},
+      {"fixes_not_finite", health.fixes.notFinite},
+      {"fixes_off_the_globe", health.fixes.offTheGlobe},
+      {"fixes_impossible_time", health.fixes.impossibleTime},
+      {"fixes_filtered_by_distance", health.fixes.filteredByDistance},
+      {"store_error", orNull(health.store.lastError)},
+      {"log_lines_dropped", health.log.linesDropped},
+      {"gaps", spans(health.gaps)},
+  };
+  return status.dump();
+}
+
+namespace {
+
 int printStatus(const ListOptions& options) {
   const Home home = openHome(options);
   const Tarvo tarvo;
   const LocationManager::SyncStatus sync = tarvo.syncStatus();
   if (!sync.storeAvailable) failOn(home);
   const Health health = tarvo.health();
-  // The mode of the last activation; a fresh process does not take it up.
-  std::optional<std::int64_t> mode;
-  if (const auto kept = platform::UserDefaults::standard().object(keys::kActivateMode)) mode = kept->asInteger();
+  const std::optional<std::int64_t> mode = keptMode();
   const std::optional<std::string> user = LocationManager::userUUID();
 
   if (options.json) {
-    const Json status = {
-        {"mode", orNull(mode)},
-        {"uuid", orNull(user)},
-        {"stored", sync.stored},
-        {"unsent", sync.unsent},
-        {"awaiting", sync.awaiting},
-        {"acknowledged", sync.acknowledged},
-        {"unsaved", sync.unsaved},
-        {"last_index", orNull(sync.lastIndex)},
-        {"store_bytes", home.storeSize()},
-        {"log_bytes", home.logSize()},
-        {"oldest_unsent_seconds",
-         health.positions.oldestUnsentAge ? Json(health.positions.oldestUnsentAge->count()) : Json(nullptr)},
-        {"acknowledged_without_answer", ranges(health.positions.acknowledgedWithoutAnswer)},
-        {"removed", health.positions.removed},
-        {"removed_up_to", orNull(health.positions.removedUpTo)},
-        {"last_try", orNull(health.delivery.lastTry)},
-        {"last_acknowledgement", orNull(health.delivery.lastAcknowledgement)},
-        {"last_error", nameOf(health.delivery.lastError)},
-        {"tries_since", health.delivery.triesSince},
-        {"next_try", orNull(health.delivery.nextTry)},
-        {"bytes_today", health.delivery.bytesToday},
-        {"fixes_received", health.fixes.received},
-        {"fixes_not_finite", health.fixes.notFinite},
-        {"fixes_off_the_globe", health.fixes.offTheGlobe},
-        {"fixes_impossible_time", health.fixes.impossibleTime},
-        {"fixes_filtered_by_distance", health.fixes.filteredByDistance},
-        {"store_error", orNull(health.store.lastError)},
-        {"log_lines_dropped", health.log.linesDropped},
-        {"gaps", spans(health.gaps)},
-    };
-    std::cout << status.dump() << std::endl;
+    std::cout << statusText(tarvo, home) << std::endl;
     return kDone;
   }
   std::cout << "home          " << home.directory().string() << "\n"

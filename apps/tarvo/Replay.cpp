@@ -147,6 +147,7 @@ int replay(const ReplayOptions& options) {
   if (options.sandbox) {
     sandbox = startSandbox(home, options, before ? before->sandboxPort : 0);
     LocationManager::setRemoteWebServerURL(sandbox->baseURL());
+    if (!before) note("the page of the sandbox is " + sandbox->pageURL());
   }
 
   const auto clock = std::make_shared<ManualClock>(before && before->events > 0 && before->events <= script.size()
@@ -174,6 +175,8 @@ int replay(const ReplayOptions& options) {
   watchInterrupts();
   Session session(options, home, clock, watch, before);
   session.activate();
+  if (options.channel) session.connect(*options.channel);
+  if (sandbox) session.connect(sandbox->origin());
   if (session.play(std::move(trace), script)) {
     Relaunch next = session.done();
     next.home = home.directory();
@@ -209,6 +212,11 @@ void addReplayCommand(CLI::App& app, Run& run) {
                    "Prediction, past trips and places that the sandbox answers with (JSON)")
       ->needs(sandbox)
       ->type_name("FILE");
+  command
+      ->add_option("--channel", options->channel,
+                   "A sandbox whose page may send pushes here and is told how this host is doing")
+      ->excludes(sandbox)
+      ->type_name("URL");
   command
       ->add_option("--script", options->script,
                    "What happens to the phone meanwhile, one JSON object a line: docs/replay.md")

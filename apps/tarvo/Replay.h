@@ -18,6 +18,7 @@ struct ReplayOptions {
   bool sandbox = false;
   std::optional<std::string> sandboxArchive;  ///< default: in the home
   std::optional<std::string> sandboxData;     ///< what it answers downloads with, a JSON file
+  std::optional<std::string> channel;         ///< origin of a sandbox that runs by itself
   std::optional<std::string> script;          ///< events beside the trace
   std::optional<std::string> home;            ///< default: a new temporary folder
   int mode = 8;

@@ -6,6 +6,7 @@
 #include <iomanip>
 #include <iostream>
 #include <limits>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <utility>
@@ -15,7 +16,9 @@
 #include <tarvo/platform/MainQueue.h>
 
 #include "Arguments.h"
+#include "Channel.h"
 #include "Console.h"
+#include "Status.h"
 #include "sandbox/Backend.h"
 
 namespace tarvo::cli {
@@ -49,6 +52,8 @@ class Session::Listener final : public TarvoDelegate {
  public:
   void tarvoDidReceiveNewLocations(Tarvo&, const std::vector<platform::CLLocation>& newLocations) override {
     delivered += newLocations.size();
+    const std::lock_guard lock(mutex_);
+    if (channel_ != nullptr) channel_->toldPositions(newLocations.size());
   }
   void tarvoOnRouteMatched(Tarvo&, const LocationsHistory& history) override {
     for (const PastTripRecord& trip : history.pasttrips) {
@@ -56,7 +61,7 @@ class Session::Listener final : public TarvoDelegate {
       text << "past trip " << trip.pasttrip_id.value_or(0);
       if (trip.start_time && trip.arrival_time)
         text << ": " << isoDate(*trip.start_time) << " to " << isoDate(*trip.arrival_time);
-      note(text.str());
+      tell(text.str());
     }
   }
   void tarvoOnPredictionUpdate(Tarvo&, const Trip& trip) override {
@@ -64,10 +69,26 @@ class Session::Listener final : public TarvoDelegate {
     text << "prediction " << trip.id << ": " << trip.getStartName() << " to " << trip.getArrivalName() << ", start "
          << trip.getStartTime().value_or("unknown") << ", probability " << trip.getProbability() << ", duration "
          << trip.getDuration();
-    note(text.str());
+    tell(text.str());
+  }
+
+  /// Tells this channel too, or none from here on.
+  void tellThrough(Channel* channel) {
+    const std::lock_guard lock(mutex_);
+    channel_ = channel;
   }
 
   std::atomic<std::uint64_t> delivered = 0;
+
+ private:
+  void tell(const std::string& what) {
+    note(what);
+    const std::lock_guard lock(mutex_);
+    if (channel_ != nullptr) channel_->told(what);
+  }
+
+  std::mutex mutex_;
+  Channel* channel_ = nullptr;
 };
 
 Session::Session(const ReplayOptions& options, const Home& home, std::shared_ptr<platform::ManualClock> clock,
@@ -78,6 +99,8 @@ Session::Session(const ReplayOptions& options, const Home& home, std::shared_ptr
       watch_(watch),
       before_(before),
       listener_(std::make_shared<Listener>()) {}
+
+Session::~Session() { listener_->tellThrough(nullptr); }
 
 void Session::activate() {
   if (!engine().syncStatus().storeAvailable)
@@ -92,18 +115,27 @@ void Session::activate() {
          (registered ? "" : ", or no position can be sent"));
     identifiable_ = registered;
   }
-  const std::string secret = options_.apiSecret.value_or(options_.sandbox ? kDefaultSecret : "");
-  if (uploads() && secret.empty() && !registered) {
+  secret_ = options_.apiSecret.value_or(options_.sandbox ? kDefaultSecret : "");
+  if (uploads() && secret_.empty() && !registered) {
     note("without --api-secret this new device cannot register, and no position can be sent");
     identifiable_ = false;
   }
   // Only now: known earlier, it would make the engine register before the key has been read.
-  NetworkManager::setApiKeySecret(secret);
+  NetworkManager::setApiKeySecret(secret_);
   tarvo_.activate(options_.mode);
   if (options_.mode >= Tarvo::BACKEND_GEOPROFILE) {
     tarvo_.requestRouteMatch();
     tarvo_.requestPredictionUpdate();
   }
+}
+
+void Session::connect(const std::string& origin) {
+  // Before its first fix the engine cannot take a push.
+  channel_ = std::make_unique<Channel>(Channel::Host{origin, home_.readKeys().apiKey.value_or(""), secret_,
+                                                     [tarvo = tarvo_, home = home_] { return statusText(tarvo, home); },
+                                                     [listener = listener_] { return listener->delivered > 0; }},
+                                       tarvo_);
+  listener_->tellThrough(channel_.get());
 }
 
 /// Another process on this home may be about to end, as at the restart of a service.

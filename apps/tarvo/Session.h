@@ -21,6 +21,8 @@ class Backend;
 
 namespace tarvo::cli {
 
+class Channel;
+
 /// The host application of a replay in one process: activates the SDK, plays trace and script, waits for the rest.
 ///
 /// Threads: the main thread alone; clock and home directory are installed before. Errors: Failure.
@@ -29,8 +31,13 @@ class Session {
   /// `watch` may be absent; `before` is what an earlier process of this replay has left.
   Session(const ReplayOptions& options, const Home& home, std::shared_ptr<platform::ManualClock> clock, Watch* watch,
           const std::optional<Relaunch>& before);
+  ~Session();
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
 
   void activate();
+  /// Connects to the channel of the sandbox at this origin, until this object ends; once activated.
+  void connect(const std::string& origin);
   /// Ends early at a relaunch: true, and `done` tells where.
   bool play(platform::GpxTrace trace, const std::vector<ScriptEvent>& script);
   const Relaunch& done() const { return done_; }
@@ -55,8 +62,10 @@ class Session {
   const std::optional<Relaunch> before_;
   const std::shared_ptr<Listener> listener_;
   Tarvo tarvo_;
+  std::string secret_;  ///< of the API key
   bool identifiable_ = true;
   Relaunch done_;
+  std::unique_ptr<Channel> channel_;
 };
 
 }  // namespace tarvo::cli

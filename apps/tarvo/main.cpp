@@ -39,6 +39,7 @@ int main(int argc, char** argv) {
   addReplayCommand(app, run);
   addReadCommands(app, run);
   addEraseCommand(app, run);
+  addSandboxCommand(app, run);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

@@ -154,10 +154,10 @@ def shows_hostile_texts_as_they_are(page, sandbox, _):
         click(page, "#tab-host" if what == "told" else "#tab-health")
         assert sandbox.ask("POST", f"/channel/{unit[0]}/{what}", body)[0] == 200
         page.wait("document.querySelector('#unit-panels').textContent.includes('<img src=x')")
-    log = f"--boundary\r\nContent-Disposition: form-data; name=\"log\"; filename=\"2024-06-15.log\"\r\n\r\n{HOSTILE}\n--boundary--\r\n"
+    log = f"--boundary\r\nContent-Disposition: form-data; name=\"file\"; filename=\"<img src=x onerror=hurt=1>\"\r\n\r\n{HOSTILE}\n--boundary--\r\n"
     assert sandbox.ask("POST", "/api/v1/demo/uplog", log, unit, "multipart/form-data;boundary=boundary")[0] == 200
     click(page, "#tab-logs")
-    page.wait(f"{text_of('#panel-logs')}.includes('<img src=x')")
+    page.wait(f"{text_of('#panel-logs')}.includes('<img src=x onerror=\\"window')")
     assert page.run("window.hurt === undefined && !document.querySelector('section img:not(.leaflet-tile), section script')")
 
 

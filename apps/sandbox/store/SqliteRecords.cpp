@@ -146,8 +146,8 @@ std::vector<derive::Point> SqliteRecords::add(const std::vector<Position>& batch
   for (const Position& position : batch) {
     const auto point = readPoint(position);
     Execution insert(writes().addPosition);
-    insert.bind(position.id);
-    for (std::size_t i = 1; i < position.values.size(); ++i) insert.bind(std::string_view(position.values[i]));
+    insert.bind(position.id).bind(user_);
+    for (std::size_t i = 2; i < position.values.size(); ++i) insert.bind(std::string_view(position.values[i]));
     insert.bind(point ? point->time : NAN);
     insert.step();
     const bool isRepeat = insert.number(0) > 1;

@@ -1,0 +1,148 @@
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <string>
+#include <tuple>
+
+#include "sandbox/store/Database.h"
+#include "sandbox/store/SqliteStore.h"
+#include "sandbox/wire/Numbers.h"
+#include "support/TempDir.h"
+
+namespace tarvo::sandbox {
+namespace {
+
+using derive::Kind;
+using test::TempDir;
+
+Position position(std::int64_t id, const std::string& date, const char* lon = "11.5") {
+  Position position{id, {}};
+  position.values = {std::to_string(id), "u", "", date, "", lon, "48", "10", "", "", "", "", "", ""};
+  return position;
+}
+
+std::string second(int s) { return "2024-06-15 10:00:0" + std::to_string(s) + " +0000"; }
+
+template <class Row>
+std::string ids(const std::vector<Row>& rows) {
+  std::string text;
+  for (const Row& row : rows) text += std::to_string(row.id) + " ";
+  return text;
+}
+
+/// Two of what two processes would have.
+struct TwoStores {
+  TwoStores() : user(one.identify({"", "m", "", ""}).uuid) {}
+  template <class Work>
+  void change(Work work) {
+    one.change(user, work);
+  }
+
+  TempDir dir;
+  SqliteStore one{dir.path() / "a.sqlite", dir.path() / "logs"}, other{dir.path() / "a.sqlite", dir.path() / "logs"};
+  const std::string user;
+};
+
+TEST(Numbers, ReadsDatesOfTheWire) {
+  const std::tuple<const char*, std::optional<double>> cases[] = {
+      {"2024-06-15 10:00:00 +0000", 1718445600},     {"2024-06-15 12:00:00 +0200", 1718445600},
+      {"2024-06-15 04:30:00.5 -0530", 1718445600.5}, {"1969-12-31 23:59:59 +0000", -1},
+      {"2024-02-30 10:00:00 +0000", std::nullopt},   {"2024-06-15T10:00:00 +0000", std::nullopt},
+      {"2024-06-15 10:00:00", std::nullopt},         {"2024-06-15 24:00:00 +0000", std::nullopt},
+      {"2024-06-15 10:00:00 +0000 ", std::nullopt},  {"2024-06-15 10:00:00. +0000", std::nullopt},
+      {"-024-06-15 10:00:00 +0000", std::nullopt},   {"", std::nullopt}};
+  for (const auto& [text, expected] : cases) EXPECT_EQ(readDate(text), expected) << text;
+}
+
+TEST(Store, GivesBackWhatIsNewAndCountsTheRest) {
+  TwoStores stores;
+
+  std::string fresh;
+  stores.change([&](UserRecords& records) {
+    fresh = ids(records.add({position(4, second(4)), position(0, second(6)), position(4, second(9)),
+                             position(1, "never"), position(2, second(5), "200")}));
+  });
+  stores.change([&](UserRecords& records) { fresh += "then " + ids(records.add({position(0, second(7))})); });
+
+  EXPECT_EQ(fresh, "4 0 then ");
+  const Unit unit = stores.other.unit(stores.user).value();
+  EXPECT_EQ((std::tuple{unit.positions, unit.repeats, unit.highest, unit.newest->id}), (std::tuple{4, 2, 4, 0}));
+  const Ledger ledger = stores.other.ledger(stores.user, 10);
+  EXPECT_EQ(ledger.holes, (std::vector<std::pair<std::int64_t, std::int64_t>>{{3, 3}}));
+  EXPECT_EQ(ledger.repeats, (std::vector<std::pair<std::int64_t, std::int64_t>>{{0, 2}, {4, 2}}));
+  stores.other.look(stores.user, [](derive::Records& records) {
+    EXPECT_EQ(ids(records.points(0, 1e12)), "4 0 ");
+    EXPECT_EQ(ids(records.points(1718445606, 1718445606)), "0 ");
+    EXPECT_THROW(records.remove(Kind::Trip, 1), std::logic_error);
+  });
+}
+
+TEST(Store, FindsRowsWhoseSpanTouches) {
+  constexpr double kInf = std::numeric_limits<double>::infinity();
+  TwoStores stores;
+  stores.change([](UserRecords& records) {
+    for (const derive::Row& row : {derive::Row{3, 10, 20, ""}, {1, 30, 31, ""}, {2, 0, 100, ""}, {4, 101, 102, ""}})
+      records.put(Kind::Trip, row);
+    records.put(Kind::State, {1, -kInf, kInf, "x"});
+    records.put(Kind::Trip, {1, 29, 31, "new"});
+  });
+  const std::tuple<double, double, const char*> cases[] = {
+      {0, 9, "2 "}, {20, 29, "2 3 1 "}, {32, 50, "2 "}, {101, 200, "4 "}, {103, 200, ""}, {-kInf, kInf, "2 3 1 4 "}};
+  stores.other.look(stores.user, [&](derive::Records& records) {
+    for (const auto& [from, to, expected] : cases) EXPECT_EQ(ids(records.rows(Kind::Trip, from, to)), expected) << from;
+    EXPECT_EQ(ids(records.numbered(Kind::Trip, 1, 3)), "2 3 ");
+    EXPECT_EQ(records.rows(Kind::State, 5, 5).at(0).json, "x");
+  });
+}
+
+TEST(Store, UndoesWhatFailsAndTellsOnlyWhatHolds) {
+  TwoStores stores;
+  const std::int64_t before = stores.other.lastEvent();
+
+  EXPECT_THROW(stores.change([](UserRecords& records) {
+    records.add({position(0, second(0))});
+    records.tell("batch", "{}");
+    throw std::runtime_error("on the way");
+  }),
+               std::runtime_error);
+  stores.change([](UserRecords& records) { records.tell("trips", "{}"); });
+  stores.one.tell("", "faults", "[]");
+
+  EXPECT_EQ(stores.other.unit(stores.user)->positions, 0);
+  std::string kinds;
+  for (const Event& event : stores.other.events(before, 10, "")) kinds += event.kind + " ";
+  EXPECT_EQ(kinds, "trips faults ");
+  EXPECT_EQ(stores.other.events(before, 10, stores.user).size(), 1u);
+  EXPECT_EQ(stores.other.lastEvent(), stores.other.events(before, 10, "").back().n);
+}
+
+TEST(Store, TakesUpAFileOfTheVersionBefore) {
+  TempDir dir;
+  {
+    Database old(dir.path() / "a.sqlite");
+    old.run(
+        "CREATE TABLE users(uuid TEXT PRIMARY KEY,mobileid TEXT UNIQUE,secret TEXT,creation_date TEXT,mobileos TEXT,"
+        "phone_description TEXT,sensors TEXT,registrations INTEGER DEFAULT 1);"
+        "CREATE TABLE positions(useruuid TEXT,id INTEGER,received INTEGER DEFAULT 1,app_name TEXT,date_localisation "
+        "TEXT,"
+        "date_mobile TEXT,lon TEXT,lat TEXT,acc TEXT,speed TEXT,bearing TEXT,alt TEXT,provider TEXT,service_action "
+        "TEXT,"
+        "terramesh_data_version TEXT,PRIMARY KEY(useruuid,id)) WITHOUT ROWID;"
+        "CREATE TABLE requests(n INTEGER PRIMARY KEY,method TEXT,path TEXT,status INTEGER);"
+        "INSERT INTO users(uuid,mobileid,secret) VALUES('u','m','s');INSERT INTO requests VALUES(7,'GET','/x',200);"
+        "INSERT INTO positions(useruuid,id,received,date_localisation,lon,lat) VALUES"
+        "('u',0,2,'2024-06-15 10:00:00 +0000','11.5','48'),('u',3,1,'text','11.5','48')");
+  }
+
+  SqliteStore(dir.path() / "a.sqlite", {});
+  SqliteStore store(dir.path() / "a.sqlite", {});
+
+  const Unit unit = store.unit("u").value();
+  EXPECT_EQ((std::tuple{unit.positions, unit.repeats, unit.highest, unit.newest->time}),
+            (std::tuple{2, 1, 3, 1718445600}));
+  EXPECT_EQ(store.requests(100, 10).at(0).path, "/x");
+  store.look("u", [](derive::Records& records) { EXPECT_EQ(ids(records.points(0, 2e9)), "0 "); });
+}
+
+}  // namespace
+}  // namespace tarvo::sandbox
