@@ -82,8 +82,10 @@ def grows_while_a_unit_drives(page, sandbox, options):
     options.replay = subprocess.Popen([options.program, "replay", f"{options.source}/apps/demo/demo-trip.gpx", "--backend", sandbox.origin + "/api",
                                        "--channel", sandbox.origin, "--api-key", "demo-key", "--api-secret", "demo-secret", "--mode", "12",
                                        "--speed", "200", "--home", f"{options.home}/unit", "--json"], stdout=subprocess.PIPE, text=True)
-    sizes = [page.wait(f"tarvo.track.size > {least} && tarvo.track.size") for least in (0, 10, 20)]
-    assert sizes == sorted(set(sizes)) and options.replay.poll() is None, f"not while it drives: {sizes}"
+    size = 0
+    for _ in range(3):
+        size = page.wait(f"tarvo.track.size > {size} && tarvo.track.size")
+    assert options.replay.poll() is None, "the track has grown only after the drive"
 
 
 def sends_a_push(page, *_):
@@ -154,10 +156,10 @@ def shows_hostile_texts_as_they_are(page, sandbox, _):
         click(page, "#tab-host" if what == "told" else "#tab-health")
         assert sandbox.ask("POST", f"/channel/{unit[0]}/{what}", body)[0] == 200
         page.wait("document.querySelector('#unit-panels').textContent.includes('<img src=x')")
-    log = f"--boundary\r\nContent-Disposition: form-data; name=\"file\"; filename=\"<img src=x onerror=hurt=1>\"\r\n\r\n{HOSTILE}\n--boundary--\r\n"
+    log = f"--boundary\r\nContent-Disposition: form-data; name=\"file\"; filename=\"<img src=x onerror=hurt=1>\"\r\n\r\n{HOSTILE}\r\n--boundary--\r\n"
     assert sandbox.ask("POST", "/api/v1/demo/uplog", log, unit, "multipart/form-data;boundary=boundary")[0] == 200
     click(page, "#tab-logs")
-    page.wait(f"{text_of('#panel-logs')}.includes('<img src=x onerror=\\"window')")
+    page.wait(f"{text_of('#panel-logs')}.includes({json.dumps(HOSTILE)})")
     assert page.run("window.hurt === undefined && !document.querySelector('section img:not(.leaflet-tile), section script')")
 
 
@@ -167,7 +169,7 @@ def works_by_keyboard(page, *_):
     while len(seen) < 80 and (not seen or seen[-1][0] != "BODY"):
         page.press("Tab", 9)
         seen.append(page.run("""(() => {
-            const at = document.activeElement, style = getComputedStyle(at), box = at.getBoundingClientRect();
+            const at = document.activeElement, style = getComputedStyle(at.id === 'map' ? at.parentNode : at), box = at.getBoundingClientRect();
             return [at.tagName, at.id || at.textContent.trim(), style.outlineStyle !== 'none' && parseFloat(style.outlineWidth) >= 2 && box.width > 0];
         })()"""))
     assert seen[0][1] == "Skip the map", seen[0]
@@ -242,7 +244,7 @@ def main():
         print("skipped: no browser is installed")
         return 77
     options = type("Options", (), {"program": sys.argv[1], "source": sys.argv[2]})
-    options.left_out = []
+    options.left_out, options.replay = [], None
     with tempfile.TemporaryDirectory() as options.home:
         options.pictures = sys.argv[3] if len(sys.argv) > 3 else options.home
         sandbox = Sandbox(options.program, f"{options.home}/sandbox")
@@ -258,7 +260,9 @@ def main():
                 print(f"{step.__name__.replace('_', ' ')}")
         finally:
             page.close()
-            sandbox.process.terminate()
+            for process in filter(None, (options.replay, sandbox.process)):
+                process.terminate()
+                process.wait(30)
     if options.left_out:
         print("skipped:", *options.left_out)
     return 77 if options.left_out else 0

@@ -54,7 +54,7 @@ export const logs = {
     if (!files.length) return panel.replaceChildren(empty('No log file: a unit sends one a day when logging is on, and when a push asks for it.'));
     const chosen = panel.querySelector('select')?.value;
     const pick = el('select', { 'aria-label': 'Log file' }, ...files.map(({ file, bytes: size, received }) =>
-      el('option', { value: file, selected: file === chosen }, `${file} (${bytes(size)} bytes, ${dateTime(received)})`)));
+      el('option', { value: file, selected: file === chosen }, `${file} (${bytes(size)} bytes${received > 1 ? `, came ${received} times` : ''})`)));
     const level = el('select', { 'aria-label': 'Level' }, el('option', { value: 0 }, 'all levels'),
       ...kLevels.slice(1).map((name, i) => el('option', { value: i + 1 }, `${name} and above`)));
     const rows = el('ol', { class: 'log' });

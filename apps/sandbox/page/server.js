@@ -25,7 +25,6 @@ export class Requests {
   async load() {
     const { requests } = await request(`/live/requests?limit=${kRows}`);
     this.all = requests;
-    byId('requests-older').hidden = requests.length < kRows;
     this.draw();
   }
 
@@ -34,7 +33,6 @@ export class Requests {
     const { requests } = await request(`/live/requests?before=${before}&limit=${kRows}`);
     this.most += requests.length;
     this.all.push(...requests);
-    byId('requests-older').hidden = requests.length < kRows;
     this.draw();
   }
 
@@ -49,6 +47,7 @@ export class Requests {
     this.all = [...fresh, ...this.all].slice(0, this.most);
     this.body.prepend(...fresh.filter((one) => this.isWanted(one)).map((one) => this.row(one)));
     while (this.body.children.length > this.most) this.body.lastChild.remove();
+    this.offerOlder();
   }
 
   isWanted({ unit, status, fault }) {
@@ -66,7 +65,12 @@ export class Requests {
       el('td', {}, fault ? el('span', { class: 'chip bad' }, fault) : null));
   }
 
+  offerOlder() {
+    byId('requests-older').hidden = !this.all.length || this.all[this.all.length - 1].n <= 1;
+  }
+
   draw() {
+    this.offerOlder();
     this.body.replaceChildren(...this.all.filter((one) => this.isWanted(one)).map((one) => this.row(one)));
   }
 }
