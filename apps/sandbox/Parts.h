@@ -1,9 +1,8 @@
 #pragma once
 
-// The page; and the derivation, or what stands in for it in a tree that does not have it: nothing is derived.
-#include "sandbox/page/Page.h"
-
-#if __has_include("sandbox/derive/Derive.h")
+// The derivation and the page, or what stands in for them in a tree that does not have them: nothing is derived, and
+// the page says so. The build tells which there are.
+#ifdef TARVO_SANDBOX_DERIVES
 #include "sandbox/derive/Derive.h"
 #else
 #include "sandbox/derive/Records.h"
@@ -26,4 +25,22 @@ inline std::string pastTrips(Records&, std::int64_t, std::int64_t) { return R"({
 inline std::string places(Records&) { return R"({"success":true,"pois":[]})"; }
 inline std::string prediction(Records&) { return R"({"success":false,"error":"no prediction"})"; }
 }  // namespace tarvo::sandbox::derive
+#endif
+
+#ifdef TARVO_SANDBOX_PAGE
+#include "sandbox/page/Page.h"
+#else
+#include <string>
+#include <string_view>
+
+namespace tarvo::sandbox::page {
+struct File {
+  std::string_view path, type, bytes;
+};
+inline const File* find(std::string_view path) {
+  static constexpr File kOnly{"/", "text/html; charset=utf-8", "<!doctype html><title>sandbox</title>no page\n"};
+  return path == "/" ? &kOnly : nullptr;
+}
+inline std::string policy(std::string_view) { return "default-src 'self'"; }
+}  // namespace tarvo::sandbox::page
 #endif
