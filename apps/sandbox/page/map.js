@@ -46,7 +46,8 @@ const CanvasLayer = L.Renderer.extend({
   },
 });
 
-const kStroke = 100;
+const kStroke = 100;  // pieces of a track in one stroke
+const kLabels = 200;  // that are looked at for room
 const kColours = ['sea', 'land', 'grid', 'grid-text', 'text', 'panel', 'track', 'trips', 'places', 'prediction', 'muted'];
 
 export class LiveMap {
@@ -177,32 +178,34 @@ export class LiveMap {
     const start = performance.now();
     const { track, trips, places, prediction, units } = this.content;
     const { colours, chosen } = this;
-    context.lineJoin = context.lineCap = 'round';
     const shown = (what) => !this.hidden.has(what);
-    if (shown('trips')) for (const trip of trips) if (trip !== chosen) this.drawPaths(context, view, trip, { stroke: colours.trips, width: 7, alpha: 0.4 });
-    if (shown('places')) for (const place of places) {
-      const stands = place === chosen;
-      this.drawPaths(context, view, place, { stroke: colours.places, fill: true, width: stands ? 4 : 2, alpha: 1 });
-      this.drawDot(context, view, place, 4, colours.places, place.name);
-    }
-    if (shown('trips') && trips.includes(chosen)) {
-      this.drawPaths(context, view, chosen, { stroke: colours.panel, width: 11, alpha: 1 });
-      this.drawPaths(context, view, chosen, { stroke: colours.trips, width: 7, alpha: 1 });
-    }
+    const labels = [];
+    const trip = shown('trips') && trips.includes(chosen) ? chosen : null;
+    if (shown('trips')) for (const one of trips) if (one !== trip) this.drawPaths(context, view, one, { stroke: colours.trips, width: 7, alpha: 0.4 });
+    if (shown('places')) for (const one of places) this.drawPaths(context, view, one, { stroke: colours.places, fill: true, width: one === chosen ? 4 : 2 });
+    context.globalAlpha = chosen ? 0.35 : 1;  // what is chosen stands out from the way to and fro
     if (shown('track') && track?.size) this.drawTrack(context, view, track);
-    if (shown('prediction') && prediction) {
-      this.drawPaths(context, view, prediction, { stroke: colours.prediction, width: 4, alpha: 1, dashes: [2, 8] });
-      this.drawDot(context, view, prediction, 6, colours.prediction, prediction.name);
+    context.globalAlpha = 1;
+    if (trip) {
+      this.drawPaths(context, view, trip, { stroke: colours.panel, width: 9 });
+      this.drawPaths(context, view, trip, { stroke: colours.trips, width: 6 });
     }
+    if (shown('prediction') && prediction) {
+      this.drawPaths(context, view, prediction, { stroke: colours.panel, width: 7 });
+      this.drawPaths(context, view, prediction, { stroke: colours.prediction, width: 4, dashes: [3, 8] });
+    }
+    if (shown('places')) for (const one of places) this.drawDot(context, view, one, 4, colours.places, labels, one.name);
+    if (shown('prediction') && prediction) this.drawDot(context, view, prediction, 6, colours.prediction, labels, prediction.name);
     for (const unit of units) {
       const own = unit.uuid === this.content.chosen;
-      this.drawDot(context, view, unit, own ? 7 : 5, own ? colours.track : colours.muted, !own && units.length <= 60 ? unit.name : '');
+      this.drawDot(context, view, unit, own ? 7 : 5, own ? colours.track : colours.muted, labels, own ? '' : unit.name);
     }
+    this.drawLabels(context, labels);
     this.redraws.count += 1;
     this.redraws.milliseconds += performance.now() - start;
   }
 
-  drawPaths(context, view, { paths, bounds }, { stroke, width, alpha, fill = false, dashes = [] }) {
+  drawPaths(context, view, { paths, bounds }, { stroke, width, alpha = 1, fill = false, dashes = [] }) {
     this.copies(bounds, view, (copy) => {
       context.beginPath();
       for (const path of paths) {
@@ -215,6 +218,7 @@ export class LiveMap {
           [lastX, lastY] = [x, y];
         }
       }
+      context.lineJoin = context.lineCap = 'round';
       context.setLineDash(dashes);
       context.strokeStyle = context.fillStyle = stroke;
       context.lineWidth = width;
@@ -229,9 +233,9 @@ export class LiveMap {
     });
   }
 
-  drawDot(context, view, { x, y, bounds }, radius, colour, text) {
+  drawDot(context, view, { x, y }, radius, colour, labels, text) {
     if (!Number.isFinite(x) || !Number.isFinite(y)) return;
-    this.copies(bounds ?? { x0: x, x1: x, y0: y, y1: y }, view, (copy) => {
+    this.copies({ x0: x, x1: x, y0: y, y1: y }, view, (copy) => {
       const px = (x + copy) * view.scale - view.left, py = y * view.scale - view.top;
       context.beginPath();
       context.arc(px, py, radius, 0, 2 * Math.PI);
@@ -240,13 +244,26 @@ export class LiveMap {
       context.lineWidth = 2;
       context.strokeStyle = this.colours.panel;
       context.stroke();
-      if (!text) return;
-      context.font = '600 12px system-ui, "DejaVu Sans", sans-serif';
-      context.lineWidth = 3;
-      context.strokeText(text, px + radius + 4, py + 4);
-      context.fillStyle = this.colours.text;
-      context.fillText(text, px + radius + 4, py + 4);
+      if (text) labels.push({ text, x: px + radius + 4, y: py + 4 });
     });
+  }
+
+  /// Those that come first have the room; what would lie over another label is left out.
+  drawLabels(context, labels) {
+    const taken = [];
+    context.font = '600 12px system-ui, "DejaVu Sans", sans-serif';
+    context.lineWidth = 4;
+    context.lineJoin = 'round';
+    context.strokeStyle = this.colours.panel;
+    context.fillStyle = this.colours.text;
+    for (const { text, x, y } of labels.slice(0, kLabels)) {
+      const cut = text.length > 32 ? `${text.slice(0, 31)}\u2026` : text;
+      const width = context.measureText(cut).width;
+      if (taken.some((one) => x < one.x + one.width + 4 && one.x < x + width + 4 && Math.abs(y - one.y) < 15)) continue;
+      taken.push({ x, y, width });
+      context.strokeText(cut, x, y);
+      context.fillText(cut, x, y);
+    }
   }
 
   /// Known ways as a line, unknown ones thin; points of their own where there is room. A canvas strokes many short paths
@@ -286,9 +303,10 @@ export class LiveMap {
       context.stroke(known);
       context.fill(dots);
       context.lineWidth = 1;
-      context.globalAlpha = 0.5;
+      context.globalAlpha /= 2;
       context.stroke(unknown);
-      context.globalAlpha = 1;
+      context.globalAlpha *= 2;
+      context.lineWidth = 2.5;
     });
   }
 

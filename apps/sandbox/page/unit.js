@@ -92,7 +92,7 @@ export const prediction = {
           ` ${Math.round(probability * 100)} %`)],
         ['Starts', `${day(start)}, ${hour(start)}`], ['Arrives', `${day(arrival)}, ${hour(arrival)}`], ['Takes', duration(number(told.duration) || seconds(start, arrival))],
         ['Destination', el('span', { class: 'mono' }, place(lat, lon))], ['Number', `#${told.prediction_id}`]])),
-      el('button', { type: 'button', on: { click: () => choose(map, route.paths.length ? route : null) } }, 'Show on the map'));
+      el('button', { type: 'button', on: { click: () => choose(map, route.paths.length ? { ...route, key: 'prediction' } : null) } }, 'Show on the map'));
   },
 };
 
