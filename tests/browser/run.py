@@ -1,8 +1,11 @@
 #!/usr/bin/env python3
 """The page of the sandbox in a real browser: `tarvo sandbox`, a `tarvo replay` to it, and what people see of both.
 
-usage: run.py TARVO_PROGRAM SOURCE_DIR [PICTURES]; 77 where no browser is installed. With PICTURES the screenshots are
-kept there: docs/images/sandbox.png is the one named wide.png.
+usage: run.py TARVO_PROGRAM SOURCE_DIR [PICTURES [TRACE]]; 77 where no browser is installed. With PICTURES the screenshots
+are kept there. With TRACE nothing is tried: that trip alone is replayed and pictured as sandbox.png. The one in
+docs/images is of a person's week and is renewed by
+  tarvo simulate --from 48.1,11.5 --to 48.13,11.58 --profile week --seed 7 >week.gpx
+  tests/browser/run.py build/release/bin/tarvo . docs/images week.gpx
 """
 import base64
 import http.client
@@ -34,6 +37,11 @@ class Sandbox:
     def close(self):
         self.process.terminate()
         assert self.process.wait(30) == 0, "the sandbox does not end well"
+
+    def replay(self, options, trace, speed):
+        return subprocess.Popen([options.program, "replay", trace, "--backend", self.origin + "/api", "--channel", self.origin,
+                                 "--api-key", "demo-key", "--api-secret", "demo-secret", "--mode", "12", "--speed", speed,
+                                 "--home", f"{options.home}/unit", "--json"], stdout=subprocess.PIPE, text=True)
 
     def ask(self, method, path, body=None, who=("demo-key", "demo-secret"), type="application/json"):
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
@@ -79,9 +87,7 @@ def loads(page, sandbox, _):
 
 
 def grows_while_a_unit_drives(page, sandbox, options):
-    options.replay = subprocess.Popen([options.program, "replay", f"{options.source}/apps/demo/demo-trip.gpx", "--backend", sandbox.origin + "/api",
-                                       "--channel", sandbox.origin, "--api-key", "demo-key", "--api-secret", "demo-secret", "--mode", "12",
-                                       "--speed", "200", "--home", f"{options.home}/unit", "--json"], stdout=subprocess.PIPE, text=True)
+    options.replay = sandbox.replay(options, f"{options.source}/apps/demo/demo-trip.gpx", "300")
     size = 0
     for _ in range(3):
         size = page.wait(f"tarvo.track.size > {size} && tarvo.track.size")
@@ -237,6 +243,15 @@ def comes_back_after_a_break(page, sandbox, options):
     page.wait("tarvo.track.lastId === 39")
 
 
+def is_pictured(page, sandbox, options):
+    options.replay = sandbox.replay(options, sys.argv[4], "max")
+    options.replay.communicate()
+    page.wait(f"tarvo.track.size === {sandbox.state()['units'][0]['positions']}")
+    page.open(sandbox.origin + "/")
+    page.wait("document.querySelector('#panel-trips .rows') && tarvo.map.rings.length")
+    page.picture(f"{options.pictures}/sandbox.png")
+
+
 STEPS = (loads, grows_while_a_unit_drives, sends_a_push, switches_a_fault_on, holds_what_the_unit_has_sent, shows_holes_and_repeats,
          shows_hostile_texts_as_they_are, works_by_keyboard, fits_a_phone, is_readable_in_the_dark, comes_back_after_a_break)
 
@@ -254,7 +269,7 @@ def main():
         page = browser.Browser(found, f"{options.home}/profile")
         try:
             page.size(1440, 900)
-            for step in STEPS:
+            for step in (loads, is_pictured) if len(sys.argv) > 4 else STEPS:
                 step(page, sandbox, options)
                 foreign = [url for url in page.addresses() if not url.startswith((sandbox.origin + "/", "data:", "about:"))]
                 assert not foreign, f"asked elsewhere: {foreign}"
