@@ -248,7 +248,8 @@ def is_pictured(page, sandbox, options):
     options.replay.communicate()
     page.wait(f"tarvo.track.size === {sandbox.state()['units'][0]['positions']}")
     page.open(sandbox.origin + "/")
-    page.wait("document.querySelector('#panel-trips .rows') && tarvo.map.rings.length")
+    page.wait("['#panel-trips .rows', '#panel-places .rows', '#requests-rows tr', '#link[data-state=live]'].every((one) => document.querySelector(one))")
+    page.wait("tarvo.track.size > 0 && tarvo.map.map.getZoom() > 8 && tarvo.map.content.prediction")
     page.picture(f"{options.pictures}/sandbox.png")
 
 
