@@ -21,13 +21,21 @@ export function setText(node, text) {
 /// Told to people who do not see the screen.
 export const say = (text) => setText(byId('says'), text);
 
-/// Runs `work` at most every `milliseconds`, and once more when it was asked for in between.
+/// Runs `work` a while after it was asked for, and once more when it was asked for after that had begun.
 export function coalesce(work, milliseconds) {
-  let timer = 0;
-  return () => {
-    timer ||= setTimeout(async () => {
-      await work();
-      timer = 0;
+  let isPlanned = false, again = false;
+  return function ask() {
+    again = true;
+    if (isPlanned) return;
+    isPlanned = true;
+    setTimeout(async () => {
+      again = false;
+      try {
+        await work();
+      } finally {
+        isPlanned = false;
+        if (again) ask();
+      }
     }, milliseconds);
   };
 }
