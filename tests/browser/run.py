@@ -264,7 +264,7 @@ def main():
         return 77
     options = type("Options", (), {"program": sys.argv[1], "source": sys.argv[2]})
     options.left_out, options.replay = [], None
-    with tempfile.TemporaryDirectory() as options.home:
+    with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as options.home:  # a browser ends in its own time
         options.pictures = sys.argv[3] if len(sys.argv) > 3 else options.home
         sandbox = Sandbox(options.program, f"{options.home}/sandbox")
         page = browser.Browser(found, f"{options.home}/profile")
