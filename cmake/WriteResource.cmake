@@ -1,6 +1,6 @@
 file(READ ${IN} hex HEX)
-string(REGEX REPLACE "([0-9a-f][0-9a-f])" "0x\\1," bytes "${hex}")
-string(REGEX REPLACE "(0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,)" "\\1\n"
+string(REGEX REPLACE "([0-9a-f][0-9a-f])" "'\\\\x\\1'," bytes "${hex}")
+string(REGEX REPLACE "('.x..','.x..','.x..','.x..','.x..','.x..','.x..','.x..','.x..','.x..','.x..','.x..','.x..','.x..','.x..','.x..',)" "\\1\n"
        bytes "${bytes}")
 file(WRITE ${OUT} "#pragma once
 #include <string_view>

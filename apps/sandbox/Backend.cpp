@@ -144,7 +144,7 @@ struct Backend::State {
     if (live::Live::owns(request.path)) return;
     exchanges.add({request.method, request.target, contentType(request),
                    service.isAccount(request.get_header_value("Authorization")) ? "account" : "user", request.body,
-                   response.body, response.status, !facts.fault.empty()});
+                   response.body, response.status, !facts.fault.empty() || service.canned.given()});
     try {
       service.store->addRequest({0, live::now(), facts.user, request.method, request.target, response.status,
                                  static_cast<std::int64_t>(request.body.size()), facts.fault});

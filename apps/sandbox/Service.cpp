@@ -6,7 +6,7 @@
 #include <optional>
 #include <utility>
 
-#include "sandbox/Parts.h"
+#include "sandbox/derive/Derive.h"
 #include "sandbox/wire/Bodies.h"
 #include "sandbox/wire/Logs.h"
 

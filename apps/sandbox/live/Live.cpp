@@ -5,8 +5,8 @@
 #include <exception>
 #include <utility>
 
-#include "sandbox/Parts.h"
 #include "sandbox/live/Streams.h"
+#include "sandbox/page/Page.h"
 
 namespace tarvo::sandbox::live {
 namespace {

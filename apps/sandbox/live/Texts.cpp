@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <chrono>
 
-#include "sandbox/Parts.h"
+#include "sandbox/derive/Derive.h"
 #include "sandbox/wire/BoundedJson.h"
 
 namespace tarvo::sandbox::live {
