@@ -153,7 +153,11 @@ TEST_F(Upload, KeepsPositionsUntilTheBackendConfirmsThemAndWaitsInBetween) {
     EXPECT_EQ(tarvo.health().delivery.triesSince, tries) << later;
     EXPECT_FALSE(NetworkManager::CANAL_LOCK());
   }
-  upload();  // as the host, who need not wait
+  for (const bool isMetered : {true, false}) {
+    EXPECT_EQ(tarvo.health().delivery.nextTry.has_value(), isMetered);
+    Tarvo::setDeliveryOptions({.confirmed = true, .networkIsMetered = isMetered, .meteredBytesPerDay = 0});
+    upload();  // as the host, who need not wait
+  }
   for (const char* once : {"backend does not accept this device", "backend accepts this device again"})
     EXPECT_EQ(diary.count(once), 1u) << once;
   expectEachIndexOnce(9);
