@@ -110,6 +110,8 @@ enum class Stage { nothing, activated, registered };
 /// still call, and an SDK that is switched off.
 inline void everythingAtOnce(Host& host, Stage stage, int threads, std::int64_t rounds, std::uint64_t seed) {
   host.startBackend();
+  static Host& mine = host;
+  std::atexit([] { mine.backend.stop(); });  // after the SDK's end, and before that of what the server uses
   LocationService::shared().deliver({Host::fixAt(1, Host::kStart)});
   std::optional<Tarvo> tarvo;
   if (stage == Stage::activated) host.activate(tarvo.emplace(), Tarvo::BACKEND_BACKGROUND);
