@@ -189,6 +189,7 @@ Health EngineParts::health() {
     health.store.lastError = context.coordinator().obstacle();
   });
   health.delivery = ledger.delivery();
+  if (const auto next = pipeline.nextTry()) health.delivery.nextTry = next;
   health.delivery.bytesToday = pipeline.bytesToday();
   health.fixes = platform::LocationService::shared().statistics();
   health.store.bytes = store.bytes();

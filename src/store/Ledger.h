@@ -28,6 +28,7 @@ class Ledger {
   void didTry(platform::Date now);
   /// `answered`: by the backend itself. What the end of a transfer acknowledges is noted, but is no success.
   void didAcknowledge(Health::Range positions, bool answered, platform::Date now);
+  /// `nextTry`: if nothing can end the wait before.
   void didFail(DeliveryError error, std::optional<platform::Date> nextTry);
   void didRemove(std::int64_t positions, std::int64_t upTo);
   /// A position has got its number and is about to be saved. `obstacle` is what keeps further ones away, if anything.

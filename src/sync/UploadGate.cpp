@@ -73,18 +73,26 @@ void UploadGate::forget() {
   lastPost_.reset();
 }
 
-platform::Date UploadGate::failed(DeliveryError error, std::optional<Seconds> retryAfter) {
+void UploadGate::failed(DeliveryError error, std::optional<Seconds> retryAfter) {
   const bool reachable = reachable_();
   const double draw = draw_();
-  const auto clock = platform::Clock::current();
-  const Seconds now = clock->monotonic();
+  const Seconds now = monotonic();
   MutexLock lock(mutex_);
   const Seconds bound = std::min(kFirstBound * std::exp2(failures_), kLongestWait);
   failures_ = std::min(failures_ + 1, 30);
   Seconds wait = error == DeliveryError::unauthorized ? kLongestWait : bound * draw;
   if (retryAfter) wait = std::max(wait, std::min(*retryAfter, kLongestRetryAfter));
   wait_ = Wait{now + wait, reachable};
-  return clock->now() + wait;
+}
+
+std::optional<platform::Date> UploadGate::nextTry(const DeliveryOptions& options) const {
+  std::optional<Wait> wait;
+  {
+    MutexLock lock(mutex_);
+    wait = wait_;
+  }
+  if (!options.confirmed || !wait || isOver(*wait)) return std::nullopt;
+  return platform::Clock::current()->now() + (wait->until - monotonic());
 }
 
 UploadGate::Day UploadGate::startedOver(const Day& day) {

@@ -46,9 +46,10 @@ class UploadGate {
   /// A batch was acknowledged: no wait.
   void succeeded();
   /// A try has failed, so the next one waits: a random part of a bound that doubles with each failure, but no less than
-  /// the answer asks for, and the longest if the backend does not accept who is asking. Answers until when, by the wall
-  /// clock.
-  platform::Date failed(DeliveryError error, std::optional<platform::Seconds> retryAfter);
+  /// the answer asks for, and the longest if the backend does not accept who is asking.
+  void failed(DeliveryError error, std::optional<platform::Seconds> retryAfter);
+  /// Until when events wait because of failures, by the wall clock; absent when they do not, or no more.
+  std::optional<platform::Date> nextTry(const DeliveryOptions& options) const;
   /// As constructed, but for the day's bytes: what they cost is not forgotten with the user.
   void forget();
 

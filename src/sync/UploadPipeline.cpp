@@ -269,10 +269,13 @@ void UploadPipeline::acknowledge(std::string_view locationIndex, std::string_vie
 
 void UploadPipeline::batchFailed(const BatchEnd& end) {
   gate_.addBytes(end.bytes);
-  std::optional<platform::Date> next;
-  if (end.confirmed) next = gate_.failed(end.error, end.retryAfter);
-  ledger_.didFail(classOf(end.error), next);
+  if (end.confirmed) gate_.failed(end.error, end.retryAfter);
+  ledger_.didFail(classOf(end.error), std::nullopt);
   if (end.confirmed && end.error == DeliveryError::unauthorized) tellAccepted(false);
+}
+
+std::optional<platform::Date> UploadPipeline::nextTry() const {
+  return gate_.nextTry(Settings::shared().deliveryOptions.get());
 }
 
 void UploadPipeline::tellAccepted(bool accepted) {

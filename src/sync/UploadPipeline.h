@@ -60,6 +60,8 @@ class UploadPipeline {
   std::uint64_t positionsPosted() const { return positionsPosted_.load(); }
   /// Sent and received for batches on metered networks, as far as somebody counts.
   std::uint64_t bytesToday() const { return gate_.bytesToday(); }
+  /// Until when events wait because of failures; absent when they do not.
+  std::optional<platform::Date> nextTry() const;
 
  private:
   bool mayStart(UploadGate::Pass pass);

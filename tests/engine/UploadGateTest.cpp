@@ -19,8 +19,9 @@ struct Gate : testing::Test {
   bool admits(Pass pass = Pass::event) { return gate.admits(pass, options); }
   /// How long events are held back from now on.
   double waits(DeliveryError error, std::optional<Seconds> retryAfter = {}) {
-    const auto start = clock->now(), next = gate.failed(error, retryAfter);
-    const double told = Seconds(next - start).count();
+    gate.failed(error, retryAfter);
+    const auto start = clock->now();
+    const double told = Seconds(gate.nextTry(options).value_or(start) - start).count();
     clock->advance(Seconds(told) - Seconds(0.001));
     EXPECT_EQ(admits(), told < 0.001);
     clock->advance(Seconds(0.002));
@@ -61,7 +62,9 @@ TEST_F(Gate, EndsTheWaitWithASuccessTheHostOrTheNetworkAndStartsSmallAgain) {
     reachable = false;
     gate.failed(DeliveryError::unauthorized, {});
     EXPECT_FALSE(admits() || admits(Pass::afterFullBatch));
+    EXPECT_TRUE(gate.nextTry(options));
     end();
+    EXPECT_FALSE(gate.nextTry(options));
     EXPECT_TRUE(admits());
     reachable = true;
     EXPECT_DOUBLE_EQ(waits(DeliveryError::refused), 0.5);

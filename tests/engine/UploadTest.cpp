@@ -138,7 +138,11 @@ TEST_F(Upload, KeepsPositionsUntilTheBackendConfirmsThemAndWaitsInBetween) {
   }
   const auto delivery = tarvo.health().delivery;
   EXPECT_TRUE(delivery.lastError == DeliveryError::unauthorized && delivery.lastTry && !delivery.lastAcknowledgement);
-  upload();  // as the host, who need not wait
+  for (const bool isMetered : {true, false}) {
+    EXPECT_EQ(tarvo.health().delivery.nextTry.has_value(), isMetered);
+    Tarvo::setDeliveryOptions({.confirmed = true, .networkIsMetered = isMetered, .meteredBytesPerDay = 0});
+    upload();  // as the host, who need not wait
+  }
   for (const char* once : {"backend does not accept this device", "backend accepts this device again"})
     EXPECT_EQ(diary.count(once), 1u) << once;
   expectEachIndexOnce(9);

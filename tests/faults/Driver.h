@@ -2,22 +2,12 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <functional>
 #include <iostream>
-#include <iterator>
 #include <random>
 #include <string>
 #include <string_view>
 
 namespace tarvo::faults {
-
-/// Empty when it cannot be read.
-inline std::string textOf(const std::filesystem::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
 
 /// What every driver understands: `--seed N` (default 1), `--runs N` (default: what ./test takes) and `--only TEXT`,
 /// the rows whose name contains it.

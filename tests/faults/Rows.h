@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/resource.h>
 
+#include <csignal>
 #include <cstdio>
 #include <regex>
 
@@ -13,71 +14,73 @@
 
 namespace tarvo::faults {
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
+/// What a process of its own does first: it leaves no core, lives for so long at most, and writes into `told`.
+inline void begin(const fs::path& told, std::int64_t seconds) {
+  const rlimit none{0, 0};
+  ::setrlimit(RLIMIT_CORE, &none);
+  ::alarm(static_cast<unsigned>(seconds));
+  for (const int stream : {STDOUT_FILENO, STDERR_FILENO})
+    ::dup2(::open(told.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600), stream);
+}
 
-/// A host in a process of its own. What it expects in the way of a test counts for its row.
+/// How it ends: "lives" or "killed", with the line of a fatal error, or otherwise, with the last that it has written.
+inline std::string endOf(pid_t process, const fs::path& told) {
+  const int status = test::endOf(process);
+  const std::string text = bytesOf(told);
+  const auto fatal = text.find("Fatal error"), last = std::max(text.size(), 3000UL) - 3000;
+  if (status == -SIGABRT && fatal != text.npos) return text.substr(fatal);
+  if (status == 0 || status == -SIGKILL) return status == 0 ? "lives" : "killed";
+  return platform::concat(status == -SIGALRM ? "hangs" : "ends", " with ", status, "\n", text.substr(last));
+}
+
+/// A host in a process of its own. What it expects in the way of a test counts for its row. Keeps no line of the log: a
+/// row writes hundreds of megabytes of them.
 struct Host : test::WholeSdk {
   Host() {
     SetUp();
-    diary.onMessage(tellTheEnd);
+    platform::setSystemLogSink([](std::string_view line) {
+      if (line.starts_with("Fatal error")) std::fprintf(stderr, "%.*s\n", int(line.size()), line.data());
+    });
   }
   void TestBody() override {}
-  /// Keeps no line of the log: a row writes hundreds of megabytes of them.
-  static void tellOnlyTheEnd() { platform::setSystemLogSink(tellTheEnd); }
-
- private:
-  static void tellTheEnd(std::string_view line) {
-    if (line.starts_with("Fatal error")) std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
-  }
 };
 
 struct Row {
   std::string name;
   std::function<void(Host&)> body;
-  std::string end = "lives";  ///< pattern: "lives", or the line with which it has to stop
-  std::int64_t seconds = kSanitized ? 180 : 60;
+  std::string end = "lives";  ///< pattern: that, or the line with which it has to stop
+  std::int64_t seconds = 180;
 };
 
-/// Runs the row in a fresh process and expects its end, in time, and a whole store in which each number was given once,
-/// from 0 on.
-inline void run(Driver& driver, const Row& row) {
-  if (row.name.find(driver.only) == row.name.npos) return;
-  const test::TempDir folder;
-  const auto told = folder.path() / "told";
-  const pid_t child = test::startProcess([&] {
-    ::setenv("TMPDIR", folder.path().c_str(), 1);
-    const rlimit none{0, 0};
-    ::setrlimit(RLIMIT_CORE, &none);
-    ::alarm(static_cast<unsigned>(row.seconds));
-    for (const int stream : {STDOUT_FILENO, STDERR_FILENO})
-      ::dup2(::open(told.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600), stream);
-    auto* host = new Host;  // at the end its threads may still be at work
-    row.body(*host);
-    std::exit(testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed() ? 1 : 0);
-    return 9;
-  });
-  const int status = test::endOf(child);
-  const std::string text = bytesOf(told);
-  std::string end = status == 0 ? "lives" : status == -SIGALRM ? "hangs" : platform::concat("ended with ", status);
-  if (const auto at = text.find("Fatal error"); status == -SIGABRT && at != text.npos) end = text.substr(at);
-  const bool asExpected = std::regex_search(end, std::regex(row.end), std::regex_constants::match_continuous);
-  driver.expect(asExpected, row.name + ": " + end + "\n" + text.substr(text.size() - std::min(text.size(), 3000UL)));
-  for (const auto& entry : fs::recursive_directory_iterator(folder.path()))
-    if (const auto store = entry.path(); store.filename() == ObjectStore::kFileName) {
-      if (ask(store, "SELECT count(*) FROM sqlite_master") == "0") continue;  // its process has come no further
+/// Runs each row in a fresh process and expects its end, without a word if it lives, and a whole store in which each
+/// number was given once, from 0 on.
+inline int run(Driver driver, std::vector<Row> (*rowsOf)(const Driver&)) {
+  const std::vector<Row> rows = rowsOf(driver);
+  for (const auto& [name, body, expected, seconds] : rows) {
+    if (name.find(driver.only) == name.npos) continue;
+    const test::TempDir folder;
+    const fs::path told = folder.path() / "told";
+    const std::string end = endOf(test::startProcess([&] {
+                                    begin(told, seconds);
+                                    ::setenv("TMPDIR", folder.path().c_str(), 1);
+                                    auto* host = new Host;  // at the end its threads may still be at work
+                                    body(*host);
+                                    std::exit(testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed() ? 1 : 0);
+                                    return 9;
+                                  }),
+                                  told);
+    const bool asExpected = std::regex_search(end, std::regex(expected), std::regex_constants::match_continuous);
+    const bool isQuiet = end != "lives" || bytesOf(told).empty();
+    driver.expect(asExpected && isQuiet, name + ": " + end + (isQuiet ? "" : " and says " + bytesOf(told)));
+    for (const fs::path& file : fs::recursive_directory_iterator(folder.path())) {
+      if (file.filename() != ObjectStore::kFileName) continue;
+      if (ask(file, "SELECT count(*) FROM sqlite_master") == "0") continue;  // its process has come no further
       // A row without a number owns one: the count that would have given it failed.
-      const std::string wrong = ask(store, R"(SELECT count(DISTINCT "index") || " numbers up to " || max("index") FROM
+      const std::string wrong = ask(file, R"(SELECT count(DISTINCT "index") || " numbers up to " || max("index") FROM
           Locations HAVING count("index") > count(DISTINCT "index") OR max("index") >= count(*))");
-      driver.expect(wrong.empty() && ask(store, "PRAGMA quick_check") == "ok", row.name + ": damaged " + wrong);
+      driver.expect(wrong.empty() && ask(file, "PRAGMA quick_check") == "ok", name + ": damaged " + wrong);
     }
-}
-
-inline int run(Driver driver, const std::vector<Row>& rows) {
-  for (const Row& row : rows) run(driver, row);
+  }
   return driver.end(std::ssize(rows));
 }
 

@@ -29,10 +29,8 @@ inline Operations operations(Host& host, bool user, bool outside) {
   static const auto& message = *new platform::Dictionary{{"messageFrom", "tarvo"}};  // threads outlive `main`
   static const auto& foreign = *new platform::Dictionary{{"messageFrom", NAN}, {"\xff", platform::Array{"\xff"}}};
   static auto& service = LocationService::shared();
-  static const auto engine = []() -> LocationManager& { return LocationManager::sharedInstance(); };
-  static auto& application = platform::UIApplication::shared();
-  static auto& device = platform::UIDevice::current();
-  static auto& defaults = platform::UserDefaults::standard();
+  using namespace platform;
+  static const auto engine = Host::engine;
   Operations all = {
       [](auto& t, auto n) { t.activate(modes[n / 7 % 4]); },
       [](auto& t, auto) { t.serviceConnect(), t.getCurrentLocation(), t.setApiKeySecret("secret"); },
@@ -64,16 +62,17 @@ inline Operations operations(Host& host, bool user, bool outside) {
       [](auto&, auto) { engine().requestAgainLocationAuthorization(), NetworkManager().sendLogToRemoteWebServer(); },
       [](auto&, auto) { NetworkManager::isWebServerReachable(true, LocationManager::remoteWebServerURL()); },
       [](auto&, auto) { NetworkManager().sendTokenremoteWebServer(), NetworkManager().userConfigremoteWebServer(); },
-      [](auto&, auto n) { service.setAuthorizationStatus(platform::CLAuthorizationStatus{n % 2 ? 3 : 4}); },
+      [](auto&, auto n) { service.setAuthorizationStatus(CLAuthorizationStatus{n % 2 ? 3 : 4}); },
       [](auto&, auto) { service.setRules(service.rules()), service.setCapabilities(service.capabilities()); },
       [](auto&, auto) { service.setSource(nullptr), service.setPrompt([](auto) {}), service.fail(0); },
       [](auto&, auto n) { deliverAny(n); },
-      [](auto&, auto n) { n % 2 ? application.didBecomeActive() : application.didEnterBackground(); },
-      [](auto&, auto) { application.willResignActive(), application.didFinishLaunching(); },
-      [](auto&, auto n) { device.setBattery(platform::UIDeviceBatteryState(n % 4), n % 9 * 0.1); },
-      [](auto&, auto n) { device.setBatteryMonitoringEnabled(n % 2), defaults.set("tarvologlevel", n % 4 ? 6 : 10); },
-      [](auto&, auto n) { defaults.set("mine", n), defaults.synchronize(); },
-      [&host](auto&, auto) { platform::setHostApplication(nullptr), platform::setHomeDirectory(host.home.path()); },
+      [](auto&, auto) { UIApplication::shared().didBecomeActive(), UIApplication::shared().didFinishLaunching(); },
+      [](auto&, auto) { UIApplication::shared().willResignActive(), UIApplication::shared().didEnterBackground(); },
+      [](auto&, auto n) { UIDevice::current().setBattery(UIDeviceBatteryState(n % 4), n % 9 * 0.1); },
+      [](auto&, auto n) { UIDevice::current().setBatteryMonitoringEnabled(n % 2); },
+      [](auto&, auto n) { UserDefaults::standard().set("tarvologlevel", n % 4 ? 6 : 10); },
+      [](auto&, auto n) { UserDefaults::standard().set("mine", n), UserDefaults::standard().synchronize(); },
+      [&host](auto&, auto) { setHostApplication(nullptr), setHomeDirectory(host.home.path()); },
   };
   if (user) all.push_back([](auto&, auto) { NetworkManager().getNextTrip(), NetworkManager().getPOI(); });
   if (user) all.push_back([](auto&, auto) { NetworkManager().getLocationHistoryEXTRAPOLATED(); });
@@ -111,6 +110,8 @@ enum class Stage { nothing, activated, registered };
 /// still call, and an SDK that is switched off.
 inline void everythingAtOnce(Host& host, Stage stage, int threads, std::int64_t rounds, std::uint64_t seed) {
   host.startBackend();
+  static Host& mine = host;
+  std::atexit([] { mine.backend.stop(); });  // after the SDK's end, and before that of what the server uses
   LocationService::shared().deliver({Host::fixAt(1, Host::kStart)});
   std::optional<Tarvo> tarvo;
   if (stage == Stage::activated) host.activate(tarvo.emplace(), Tarvo::BACKEND_BACKGROUND);

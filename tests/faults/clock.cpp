@@ -19,19 +19,17 @@ void timer(double seconds) {
   const auto clock = test::SetClock::installed(nullptr);
   std::promise<void> fired;
   platform::SerialQueue queue("timer");
-  const auto pending = platform::Timer::after(Seconds(0.05), queue, [&] { fired.set_value(); });
   const Seconds start = clock->monotonic();
+  const auto pending = platform::Timer::after(Seconds(0.05), queue, [&] { fired.set_value(); });
   clock->offset = seconds;
   ASSERT_EQ(fired.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
-  EXPECT_GT(clock->monotonic() - start, Seconds(0.045));
+  EXPECT_GT(clock->monotonic() - start, Seconds(0.0499));
   EXPECT_LT(clock->looks, 40);
 }
 
-enum class Clocks { wall, all };
-
 /// What is under way while the wall clock is set, and then set right, or while the machine sleeps and all clocks go on.
 /// It begins some seconds before midnight, which comes in the second stage.
-void stages(Host& host, double seconds, Clocks which) {
+void stages(Host& host, double seconds, bool isAsleep) {
   host.clock->advance(Seconds(14 * 3600 - 180.25 - 5));
   const auto clock = test::SetClock::installed(host.clock);
   host.startBackend();
@@ -39,10 +37,7 @@ void stages(Host& host, double seconds, Clocks which) {
   Tarvo tarvo;
   platform::UserDefaults::standard().set("tarvologlevel", 6);
   auto& faults = host.backend.faults();
-  const auto step = [&] {
-    if (which == Clocks::wall) clock->offset = seconds;
-    if (which == Clocks::all) host.clock->advance(Seconds(seconds));
-  };
+  const auto step = [&] { isAsleep ? host.clock->advance(Seconds(seconds)) : clock->offset.store(seconds); };
   const auto hang = [&](const char* path, std::size_t requests, const std::function<void()>& start) {
     faults.hangNext(path, requests);
     start();
@@ -51,11 +46,11 @@ void stages(Host& host, double seconds, Clocks which) {
   };
   const auto acknowledge = [&] {
     std::atomic<bool> due = true;
-    host.diary.onMessage([&](std::string_view line) {
+    platform::setSystemLogSink([&](std::string_view line) {
       if (line.starts_with("Locations:markLocationAsSentUntilIndex") && due.exchange(false)) step();
     });
     host.upload();
-    host.diary.onMessage({});
+    platform::setSystemLogSink([](auto) {});
     EXPECT_FALSE(due);
   };
   const fs::path log = host.home.path() / "Documents/TarvoLog_2020-01-01_U_IOS.txt";
@@ -94,24 +89,20 @@ void stages(Host& host, double seconds, Clocks which) {
   }
   EXPECT_FALSE(fs::exists(log));
   EXPECT_GE(host.backend.holdings().logs, 1);
-  std::size_t lines = 0;  // of the log, each in the file of its day
   for (const auto& entry : fs::directory_iterator(log.parent_path())) {
-    const std::string name = entry.path().filename(), text = "\n" + bytesOf(entry.path());
+    const std::string name = entry.path().filename();
     if (!name.starts_with("TarvoLog_")) continue;
-    for (std::size_t at = 0; (at = text.find("\n[[", at) + 1) != 0; ++lines)
-      EXPECT_EQ(text.substr(at + 2, 10), name.substr(9, 10));
+    const std::regex otherDay("\n\\[\\[(?!" + name.substr(9, 10) + ")");
+    EXPECT_FALSE(std::regex_search(bytesOf(entry), otherDay)) << name;
   }
-  EXPECT_GT(lines, 100u);
 }
 
-std::vector<Row> rows() {
-  std::vector<Row> all = {{"suspended for 8 h", [](Host& host) { stages(host, 8 * 3600, Clocks::all); }}};
-  for (const double span : {1.0, 3600.0, 86400.0, 3652 * 86400.0})
-    for (const double by : {span, -span}) {
-      const std::string set = platform::concat(", clock set by ", by, " s");
-      all.push_back({"timer" + set, [=](Host&) { timer(by); }});
-      all.push_back({"stages" + set, [=](Host& host) { stages(host, by, Clocks::wall); }});
-    }
+std::vector<Row> rows(const Driver&) {
+  std::vector<Row> all = {{"suspended for 8 h", [](Host& host) { stages(host, 8 * 3600, true); }}};
+  for (const double by : {1., -1., 3600., -3600., 86400., -86400., 3652 * 86400., -3652 * 86400.}) {
+    all.push_back({platform::concat("timer, clock set by ", by, " s"), [=](Host&) { timer(by); }});
+    all.push_back({platform::concat("stages, clock set by ", by, " s"), [=](Host& host) { stages(host, by, false); }});
+  }
   return all;
 }
 
@@ -119,5 +110,5 @@ std::vector<Row> rows() {
 }  // namespace tarvo::faults
 
 int main(int count, char** arguments) {
-  return tarvo::faults::run({"clock", count, arguments, 1}, tarvo::faults::rows());
+  return tarvo::faults::run({"clock", count, arguments, 1}, tarvo::faults::rows);
 }

@@ -31,6 +31,7 @@
 #include "sandbox/Canned.h"
 #include "settings/Settings.h"
 #include "store/LedgerText.h"
+#include "support/StoreFile.h"
 #include "support/TempDir.h"
 #include "tarvo/Arguments.h"
 #include "tarvo/Console.h"
@@ -77,6 +78,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace platform;
+using test::bytesOf;
 using Bytes = std::string_view;
 
 /// What must hold for every input; else the process ends, and whoever runs it keeps the input.
@@ -120,7 +122,7 @@ void settings(Bytes bytes) {
   const fs::path file = written("Library/Preferences/defaults.plist", bytes);
   static std::int64_t number = 0;
   defaults.set("own", ++number);
-  auto inFile = parsePropertyList(textOf(file));
+  auto inFile = parsePropertyList(bytesOf(file));
   require(inFile && inFile->asDictionary() && findInteger(*inFile->asDictionary(), "own") == number,
           "a setting is not in the file");
   for (const auto& [key, value] : *inFile->asDictionary()) {
@@ -364,7 +366,7 @@ std::string changed(const Texts& seeds, Driver& driver) {
 std::int64_t tryAll(const Target& target, Driver& driver) {
   const fs::path kept = "decoders-" + target.name + ".input", folder = fs::path(TARVO_FAULTS) / "corpus" / target.name;
   Texts seeds;
-  for (const auto& file : std::set<fs::path>(fs::directory_iterator(folder), {})) seeds.push_back(textOf(file));
+  for (const auto& file : std::set<fs::path>(fs::directory_iterator(folder), {})) seeds.push_back(bytesOf(file));
   Texts all = seeds;
   for (auto left = driver.runs; left > 0; --left) all.push_back(changed(seeds, driver));
   for (const std::string& input : all) {

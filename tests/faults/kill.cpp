@@ -1,27 +1,18 @@
 // Kills a host that does everything, at random moments and at the places that `faultPoint` names, and looks after each
 // kill, from outside the process, whether all that the host had reported is so. The next start needs no human.
 
-#include <signal.h>
-#include <unistd.h>
-
 #include <cstring>
-#include <regex>
 #include <sstream>
 
-#include "faults/Driver.h"
+#include "faults/Rows.h"
 #include "platform/foundation/FaultPoint.h"
-#include "platform/foundation/PropertyList.h"
-#include "sandbox/store/Database.h"
 #include "settings/Names.h"
-#include "support/FreshProcess.h"
 #include "support/RawServer.h"
-#include "support/WholeSdk.h"
 
+namespace tarvo::faults {
 namespace {
 
-using namespace tarvo;
-namespace fs = std::filesystem;
-using faults::textOf, platform::concat, std::to_string, std::chrono::microseconds;
+using platform::concat, platform::Seconds, std::chrono::microseconds;
 
 /// How a home lives: its batches are confirmed, its store is bounded, its wire is not to be relied upon. And of a
 /// start: it erases everything.
@@ -31,7 +22,7 @@ constexpr int kManners[] = {0, kConfirmed | kBadWire, kBounded, kConfirmed | kBo
 constexpr std::int64_t kDay = 86400, kFirstDay = 1718409600;  // 2024-06-15
 
 // The host. What it writes down for its killer is true by then: "at PLACE", "fix SECOND" before it delivers one,
-// "stored ACKNOWLEDGED" when all of them are, "ready" once it has started, "arrived" when the backend has everything.
+// "stored all" when they are, "ready" once it has started, "arrived" when the backend has everything.
 
 std::string target;
 std::atomic<std::int64_t> left = 0;
@@ -50,11 +41,8 @@ int host(const std::string& given) {
   std::istringstream words(given);
   std::string url;
   std::int64_t second = 0, manner = 0, times = 0;
-  faults::Driver dice("host", 0, nullptr, 0);
+  Driver dice("host", 0, nullptr, 0);
   std::getline(words >> url >> second >> dice.seed >> manner >> times >> std::ws, target);
-  if (!std::freopen("told", "w", stdout) || !std::freopen("console", "w", stderr)) return EXIT_FAILURE;
-  std::setvbuf(stderr, nullptr, _IONBF, 0);
-  ::alarm(120);
   second = second * kDay + kDay / 24;  // since the first day; each start has a day
   dice.random.seed(dice.seed);
   left = times;
@@ -65,42 +53,38 @@ int host(const std::string& given) {
   platform::setInfoDictionary({{"CFBundleIdentifier", "a.b"}, {"TarvoApiKey", "key"}, {"TarvoClientID", "demo"}});
   LocationManager::setRemoteWebServerURL(url);
   Tarvo::setDeliveryOptions({.confirmed = (manner & kConfirmed) != 0});
-  if ((manner & kBounded) != 0)
-    Tarvo::setStorageLimits({.positionAge = platform::Seconds(kDay), .storeBytes = 100'000});
+  if ((manner & kBounded) != 0) Tarvo::setStorageLimits({.positionAge = Seconds(kDay), .storeBytes = 100'000});
+  NetworkManager::setApiKeySecret("secret");
   Tarvo tarvo;
   const auto activate = [&] {
     platform::UserDefaults::standard().set(names::kLogLevel, 3);
     tarvo.activate(Tarvo::BACKEND_GEOPROFILE);
   };
-  NetworkManager::setApiKeySecret("secret");
-  activate();
-
-  const auto pass = [&](std::int64_t seconds) { clock->advance(platform::Seconds(seconds)), second += seconds; };
+  const auto pass = [&](std::int64_t seconds) { clock->advance(Seconds(seconds)), second += seconds; };
   const auto deliver = [&](std::int64_t fixes) {
     for (; fixes > 0; --fixes) {
       pass(30 + dice.upTo(60));
       report(concat("fix ", second));
       // A latitude of its own for each second: a position tells what it should be.
-      platform::LocationService::shared().deliver(
-          {{.coordinate = {40 + double(second) * 1e-5, 11.5}, .timestamp = clock->now()}});
+      platform::LocationService::shared().deliver({Host::fixAt(40 + second * 1e-5, kFirstDay + second)});
     }
   };
   const auto wait = [&](bool atTheEnd) {
-    if (!(atTheEnd ? Tarvo::waitUntilIdle(60) : platform::WorkInFlight::waitUntilIdle(platform::Seconds(60))))
+    if (!(atTheEnd ? Tarvo::waitUntilIdle(60) : platform::WorkInFlight::waitUntilIdle(Seconds(60))))
       throw std::runtime_error("never idle");
     const auto status = tarvo.syncStatus();
     if (!status.storeAvailable || status.unsaved > 0) throw std::runtime_error("no store");
-    report(concat("stored ", status.acknowledged));
+    report("stored all");
     return status.unsent + status.awaiting == 0;
   };
-  const platform::Dictionary push{{"messageFrom", "tarvo"}};
-  const std::function<void()> asides[] = {[&] { (void)tarvo.didReceiveRemoteNotification(push); },
-                                          [&] { tarvo.resetLocalHistory(); }, [&] { tarvo.requestRouteMatch(); },
+  const auto push = [&] { (void)tarvo.didReceiveRemoteNotification({{"messageFrom", "tarvo"}}); };
+  const std::function<void()> asides[] = {push, [&] { tarvo.resetLocalHistory(); }, [&] { tarvo.requestRouteMatch(); },
                                           [&] { pass(180); }, activate};
+  activate();
   deliver(1);
   wait(false);
   report("ready");
-  asides[0]();
+  push();
   for (std::int64_t step = 4 + dice.upTo(6); step > 0; --step) {
     deliver(dice.upTo(6));
     if (step == 2 && (manner & kErases) != 0 && !tarvo.eraseEverything()) throw std::runtime_error("not erased");
@@ -111,8 +95,8 @@ int host(const std::string& given) {
   for (int passes = 0; target == "last"; ++passes) {
     if (wait(passes % 2 == 0) && passes > 1) return report("arrived"), EXIT_SUCCESS;
     pass(180);
-    asides[0]();  // for a log whose upload was under way at the first
-    tarvo.locationManager().sendDataInBatchToRemoteWebServer();
+    push();  // for a log whose upload was under way at the first
+    Host::engine().sendDataInBatchToRemoteWebServer();
   }
   return EXIT_SUCCESS;
 }
@@ -123,9 +107,8 @@ struct Wire {
     test::Connection backend(::socket(AF_INET, SOCK_STREAM, 0));
     const sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
     const void* generic = &address;
-    const bool isAsked =
-        ::connect(backend.socket, static_cast<const sockaddr*>(generic), sizeof address) == 0 && backend.send(request);
-    std::string answer = isAsked ? backend.readRequest() : "";
+    (void)::connect(backend.socket, static_cast<const sockaddr*>(generic), sizeof address);
+    std::string answer = backend.send(request) ? backend.readRequest() : "";
     ::close(backend.socket);
     return answer;
   }
@@ -150,9 +133,9 @@ struct Wire {
 
 /// What is known of a home, since everything was erased, and how to see what must not be in its store.
 constexpr const char* kKnown = R"(
-  CREATE TABLE seen(n, second, action);  -- what a number stands for
-  CREATE TABLE promised(second);         -- fixes that are in the store
-  CREATE TABLE now(isLast, isConfirmed, acknowledged, since, erasings);
+  CREATE TABLE IF NOT EXISTS seen(n, second, action);  -- what a number stands for
+  CREATE TABLE IF NOT EXISTS promised(second);         -- fixes that are in the store
+  CREATE TEMP TABLE now(isLast, isConfirmed, since, erasings);
   CREATE TEMP VIEW stored AS SELECT "index" AS n, CAST(round(100000 * (latitude - 40)) AS INTEGER) AS second,
     serviceAction AS action, unsent, locationTimestamp - 1718409600 AS at FROM store.Locations;
   CREATE TEMP VIEW received AS SELECT id AS n, CAST(round(100000 * (lat - 40)) AS INTEGER) AS second,
@@ -162,7 +145,7 @@ constexpr const char* kKnown = R"(
     FROM store._metadata entry, json_each(entry.value, '$.acknowledged_without_answer') range WHERE name = 'ledger';
   CREATE TEMP VIEW removed AS SELECT coalesce(max('[' || replace(value, ' ', ',') || ']' ->> 2), 0) AS count
     FROM store._metadata WHERE name = 'Locations.keys';
-  CREATE TEMP VIEW wrong AS
+  CREATE TEMP VIEW wrong(what, which) AS
   SELECT 'damaged', integrity_check FROM pragma_integrity_check WHERE schema = 'store' AND integrity_check <> 'ok'
   UNION ALL SELECT 'posted, and another now', n FROM every GROUP BY n HAVING count(*) > 1
   UNION ALL SELECT 'lost or changed', n FROM (SELECT * FROM seen EXCEPT SELECT * FROM every)
@@ -174,12 +157,13 @@ constexpr const char* kKnown = R"(
   UNION ALL SELECT 'never received', n FROM stored, now WHERE (isLast OR NOT unsent)
     AND n NOT IN (SELECT n FROM received) AND NOT EXISTS (SELECT * FROM unanswered WHERE n BETWEEN first AND last)
   UNION ALL SELECT 'acknowledged without an answer', first FROM unanswered, now WHERE isConfirmed
-  UNION ALL SELECT 'fewer acknowledged than reported', acknowledged FROM removed, now
-    WHERE count + (SELECT count(*) FROM stored WHERE NOT unsent) < acknowledged
   UNION ALL SELECT 'at another place, or erased', n FROM stored, now WHERE abs(at - second) > 0.01 OR second <= since
   UNION ALL SELECT 'a second user', erasings FROM now
     WHERE (SELECT count(*) FROM store.Users) > 1 OR (SELECT count(*) FROM backend.users) > 1 + erasings
-  UNION ALL SELECT 'a trip twice', pasttrip_id FROM store.PastTrips GROUP BY pasttrip_id HAVING count(*) > 1)";
+  UNION ALL SELECT 'a trip twice', pasttrip_id FROM store.PastTrips GROUP BY pasttrip_id HAVING count(*) > 1;)";
+constexpr const char* kLook = R"(SELECT what || ': ' || which FROM wrong;
+  DELETE FROM seen; INSERT INTO seen SELECT n, second, action FROM stored)";
+constexpr const char* kLookForNone = "SELECT 'lost: ' || second FROM promised";
 
 /// A home, its backend, and what is known of it.
 struct Home {
@@ -187,18 +171,17 @@ struct Home {
     fs::create_directory(files);
     backend.start();
     if ((manner & kBadWire) != 0) wire.reset(new Wire{static_cast<in_port_t>(backend.port()), seed});
-    run(concat("ATTACH '", (folder.path() / "sandbox.sqlite").native(), "' AS backend;", kKnown));
   }
-  void run(const std::string& statements) { known.run(statements.c_str()); }
 
   const int manner;
-  test::TempDir folder;
-  const fs::path files = folder.path() / "home";
-  sandbox::Backend backend{{"demo", "key", "secret"}, folder.path() / "sandbox.sqlite"};
-  sandbox::Database known{folder.path() / "known.sqlite"};
+  const test::TempDir folder;
+  const fs::path files = folder.path() / "home", told = folder.path() / "told", copy = folder.path() / "copy";
+  const fs::path archive = folder.path() / "sandbox.sqlite";
+  sandbox::Backend backend{{"demo", "key", "secret"}, archive};
   std::unique_ptr<Wire> wire;
   std::int64_t starts = 0, erasings = 0;
   std::string since = "0";     ///< the second of the last fix before everything was erased
+  std::string learnt;          ///< what goes into `kKnown` next
   std::set<std::string> logs;  ///< all that there were
 };
 
@@ -238,97 +221,78 @@ class Killer {
     // Only who has erased everything registers again and has a store made.
     const bool erases = driver_.upTo(9) == 0 || std::regex_search(place, std::regex("^(erase|registration|store)"));
     const std::string url = home.wire ? home.wire->server.url("/api") : home.backend.baseURL();
-    const auto given = concat(url, " ", home.starts, " ", to_string(driver_.random()), " ",
+    const auto given = concat(url, " ", home.starts, " ", std::to_string(driver_.random()), " ",
                               home.manner | (erases ? kErases : 0), " ", nth, " ", place);
     what_ = concat("start ", starts_++, " of \"", given, "\", killed after ", until ? until->count() : -1, " us: ");
     home.backend.serve(sandbox::parseCanned(std::regex_replace(
         R"({"trips":[{"route":{},"pasttrip_id":N1},{"pasttrip_id":N2}],"pois":[{"zone_geo_json":{}},{}],)"
         R"("poi_version":N,"prediction":{"prediction_id":N,"route":{},"start_name":"","duration":1}})",
-        std::regex("N"), to_string(++home.starts))));
+        std::regex("N"), std::to_string(++home.starts))));
     const auto began = std::chrono::steady_clock::now();
-    const pid_t child = ::fork();
-    if (child == 0) {
+    const pid_t child = test::startProcess([&] {
+      begin(home.told, 120);
       ::close_range(3, ~0U, 0);
-      ::_exit(::chdir(home.folder.path().c_str()) || ::execl("/proc/self/exe", "kill", "host", given.c_str(), nullptr));
-    }
+      return ::chdir(home.folder.path().c_str()) || ::execl("/proc/self/exe", "kill", "host", given.c_str(), nullptr);
+    });
     if (until) {
       std::this_thread::sleep_for(*until);
       ::kill(child, SIGKILL);
     }
-    const int status = test::endOf(child);
-    kills_ += status == -SIGKILL;
-    if (status == -SIGKILL && !until) hit_.insert(place);
-    if (status == 0) longest_ = std::chrono::duration_cast<microseconds>(std::chrono::steady_clock::now() - began);
-    const std::string console = textOf(home.folder.path() / "console");
-    expect(status == -SIGKILL || status == 0,
-           concat(status, " ", console.substr(console.size() - std::min(console.size(), 500UL))));
+    const std::string end = endOf(child, home.told);
+    expect(end == "killed" || end == "lives", end);
+    kills_ += end == "killed";
+    if (end == "killed" && !until) hit_.insert(place);
+    if (end == "lives") longest_ = std::chrono::duration_cast<microseconds>(std::chrono::steady_clock::now() - began);
     look(home, place == "last");
   }
 
   void look(Home& home, bool isLast) {
-    std::map<std::string, std::string> facts{{"stored", "0"}};
+    std::map<std::string, std::string> facts;
     std::map<std::string, std::int64_t> times;
     std::string delivered;
     const auto forget = [&] {
-      home.run("DELETE FROM seen; DELETE FROM promised");
       home.since = facts["fix"], home.logs.clear(), ++home.erasings;
-      delivered.clear(), facts["stored"] = "0";
+      home.learnt = "DELETE FROM seen; DELETE FROM promised;", delivered.clear();
     };
-    std::istringstream told(textOf(home.folder.path() / "told"));
+    std::istringstream told(bytesOf(home.told));
     for (std::string what, value; told >> what && std::getline(told, value) && !told.eof(); facts[what] = value) {
       if (what == "at") places_[value.substr(1)] = std::max(places_[value.substr(1)], ++times[value.substr(1)]);
       if (what == "fix") delivered += concat("INSERT INTO promised VALUES(", value, ");");
-      if (what == "stored") home.run(std::exchange(delivered, ""));
+      if (what == "stored") home.learnt += std::exchange(delivered, "");
       if (value == " erase: marked") forget();
     }
-    fs::remove(home.folder.path() / "told");
+    fs::remove(home.told);
     expect(!isLast || facts.contains("arrived"), "not all has arrived at the backend");
     if (fs::exists(home.files / "Library" / "erasing")) {
       const bool isNew = times.contains("erase: before the marker");
       if (isNew && !times.contains("erase: marked")) forget();
       return expect(isNew || !facts.contains("ready"), "an erasing is not finished");
     }
-    lookAtFiles(home, isLast);
     // A copy, so that the next start meets what the kill has left.
-    const fs::path copy = home.folder.path() / "copy";
-    for (const char* end : {"", "-wal", "-journal"}) {
-      const fs::path file = home.files / "Documents" / (ObjectStore::kFileName + std::string(end));
-      fs::remove(copy.native() + end);
-      if (fs::exists(file)) fs::copy_file(file, copy.native() + end);
-    }
-    home.run(concat("ATTACH '", copy.native(), "' AS store; DELETE FROM now; INSERT INTO now VALUES(", isLast, ",",
-                    home.manner & kConfirmed, ",", facts["stored"], ",", home.since, ",", home.erasings, ")"));
-    const auto findAny = [&](const char* rows) {
-      const auto statement = home.known.prepare(concat("SELECT * FROM ", rows));
-      sandbox::Execution row(statement);
-      return row.step() ? row.text(0) + ": " + row.text(1) : "";
-    };
-    const bool isMade = !findAny("store.sqlite_schema WHERE name = 'Locations'").empty();
-    const std::string wrong = findAny(isMade ? "wrong" : "promised");
+    fs::remove_all(home.copy);
+    fs::create_directory(home.copy);
+    std::error_code isMissing;
+    fs::copy(home.files / "Documents", home.copy, isMissing);
+    const fs::path store = home.copy / ObjectStore::kFileName;
+    const auto now = concat("INSERT INTO now VALUES(", isLast, ",", home.manner & kConfirmed, ",", home.since, ",",
+                            home.erasings, ");");
+    const bool isMade = ask(store, "SELECT count(*) FROM sqlite_schema WHERE name = 'Locations'") == "1";
+    const auto wrong =
+        ask(home.folder.path() / "known.sqlite",
+            concat("PRAGMA synchronous = OFF; ATTACH '", home.archive.native(), "' AS backend; ATTACH '",
+                   store.native(), "' AS store;", kKnown, now, home.learnt, isMade ? kLook : kLookForNone));
+    home.learnt.clear();
     expect(wrong.empty(), wrong);
-    if (isMade) home.run("DELETE FROM seen; INSERT INTO seen SELECT n, second, action FROM stored");
-    home.run("DETACH store");
-  }
-
-  /// Whole lines, readable settings, and in the end all logs at the backend.
-  void lookAtFiles(Home& home, bool isLast) {
-    static const std::regex torn("[^\\n]\\[\\[20");
-    for (const auto& entry : fs::recursive_directory_iterator(home.files)) {
-      const std::string name = entry.path().filename(), text = entry.is_regular_file() ? textOf(entry) : "";
-      const bool isLog = name.starts_with("TarvoLog_");
-      if (isLog) home.logs.insert(name);
-      expect(!isLog || (text.starts_with("--boundary\r\n") && text.ends_with("\n") && !std::regex_search(text, torn)),
-             "broken lines: " + name);
-      expect(name != "defaults.plist" || platform::parsePropertyList(text), "damaged: " + name);
-    }
+    for (const auto& entry : fs::directory_iterator(home.copy))
+      if (const std::string name = entry.path().filename(); name.starts_with("TarvoLog_")) home.logs.insert(name);
     if (isLast) home.logs.erase(std::prev(home.logs.end()));  // today's
     for (const auto& log : home.logs) {
-      const bool isHere = fs::exists(home.files / "Documents" / log), isThere = fs::exists(home.backend.logs() / log);
+      const bool isHere = fs::exists(home.copy / log), isThere = fs::exists(home.backend.logs() / log);
       expect(isLast ? isThere && !isHere : isThere || isHere, concat(isHere ? "not sent: " : "lost: ", log));
     }
   }
 
-  faults::Driver driver_;
+  Driver driver_;
   std::string what_, latest_;
   std::map<std::string, std::int64_t> places_;  ///< and how often each was reached
   std::set<std::string> hit_;
@@ -337,8 +301,10 @@ class Killer {
 };
 
 }  // namespace
+}  // namespace tarvo::faults
 
 int main(int count, char** arguments) {
+  using namespace tarvo::faults;
   if (count > 1 && std::strcmp(arguments[1], "host") == 0) return host(arguments[2]);
   return Killer(count, arguments).run();
 }

@@ -22,12 +22,18 @@ constexpr std::size_t kMaxParsedBytes = 1024;
 struct CloseFormat {
   void operator()(UDateFormat* format) const { udat_close(format); }
 };
-using Format = std::unique_ptr<UDateFormat, CloseFormat>;
 
 struct CloseCalendar {
   void operator()(UCalendar* calendar) const { ucal_close(calendar); }
 };
 using Calendar = std::unique_ptr<UCalendar, CloseCalendar>;
+
+/// With a calendar of its own: given an instant alone ICU copies the format's each time, and reads through a null
+/// pointer when there is no memory for the copy's time zone.
+struct Format {
+  std::unique_ptr<UDateFormat, CloseFormat> format;
+  Calendar calendar;
+};
 
 std::u16string utf16(std::string_view text) {
   // No text has more UTF-16 units than UTF-8 bytes.
@@ -59,13 +65,14 @@ UDate milliseconds(Date date) {
 }
 
 /// Empty for what is no instant. `field`: which field to look for, and where it was found.
-std::u16string format(const UDateFormat* formatter, UDate instant, UFieldPosition* field = nullptr) {
+std::u16string format(const Format& with, UDate instant, UFieldPosition* field = nullptr) {
   if (!std::isfinite(instant)) return {};
   std::u16string out(128, u'\0');
   for (;;) {
     UErrorCode status = U_ZERO_ERROR;
-    const int32_t length =
-        udat_format(formatter, instant, out.data(), static_cast<int32_t>(out.size()), field, &status);
+    ucal_setMillis(with.calendar.get(), instant, &status);
+    const int32_t length = udat_formatCalendar(with.format.get(), with.calendar.get(), out.data(),
+                                               static_cast<int32_t>(out.size()), field, &status);
     const bool tooShort = status == U_BUFFER_OVERFLOW_ERROR;
     if (U_FAILURE(status) && !tooShort) return {};
     out.resize(static_cast<std::size_t>(length));
@@ -75,12 +82,15 @@ std::u16string format(const UDateFormat* formatter, UDate instant, UFieldPositio
 
 Format open(std::u16string_view pattern, std::optional<std::string_view> timeZone) {
   const std::u16string zone = utf16(timeZone.value_or(""));
+  const char16_t* const name = timeZone ? zone.data() : nullptr;
+  const auto length = static_cast<int32_t>(zone.size());
   UErrorCode status = U_ZERO_ERROR;
-  Format opened(udat_open(UDAT_PATTERN, UDAT_PATTERN, kLocale, timeZone ? zone.data() : nullptr,
-                          static_cast<int32_t>(zone.size()), pattern.data(), static_cast<int32_t>(pattern.size()),
-                          &status));
+  Format opened;
+  opened.format.reset(udat_open(UDAT_PATTERN, UDAT_PATTERN, kLocale, name, length, pattern.data(),
+                                static_cast<int32_t>(pattern.size()), &status));
+  opened.calendar.reset(ucal_open(name, length, kLocale, UCAL_DEFAULT, &status));
   if (U_FAILURE(status)) fatalError(std::string("date formatter: ") + u_errorName(status));
-  udat_setLenient(opened.get(), false);
+  udat_setLenient(opened.format.get(), false);
   return opened;
 }
 
@@ -128,7 +138,7 @@ std::string DateFormatter::string(Date date) const {
   const UDate instant = milliseconds(date);
   MutexLock lock(state_->mutex);
   if (instant != state_->instant) {
-    state_->text = utf8(format(state_->format.get(), instant));
+    state_->text = utf8(format(state_->format, instant));
     state_->instant = instant;
   }
   return state_->text;
@@ -140,15 +150,15 @@ std::optional<Date> DateFormatter::date(std::string_view text) const {
   if (hasLongNumber(input)) return std::nullopt;
   MutexLock lock(state_->mutex);
   UErrorCode status = U_ZERO_ERROR;
-  const Calendar calendar(ucal_clone(udat_getCalendar(state_->format.get()), &status));
+  const Calendar calendar(ucal_clone(udat_getCalendar(state_->format.format.get()), &status));
   if (U_FAILURE(status)) return std::nullopt;
   // What the text leaves out is the first of January 2000, midnight. With no other field set, the order in which the
   // text sets them makes "YYYY" before month and day mean the year as it is written.
   ucal_clear(calendar.get());
   ucal_set(calendar.get(), UCAL_YEAR, 2000);
   int32_t position = 0;
-  udat_parseCalendar(state_->format.get(), calendar.get(), input.data(), static_cast<int32_t>(input.size()), &position,
-                     &status);
+  udat_parseCalendar(state_->format.format.get(), calendar.get(), input.data(), static_cast<int32_t>(input.size()),
+                     &position, &status);
   const UDate parsed = ucal_getMillis(calendar.get(), &status);
   const std::size_t rest = input.find_first_not_of(u" \t\r\n", static_cast<std::size_t>(position));
   if (U_FAILURE(status) || rest != std::u16string::npos) return std::nullopt;
@@ -168,8 +178,7 @@ class LocalizedFormat {
     if (minute != minute_) keep(minute);
     const double seconds = second - minute;
     // Some locales name noon and midnight, which are exact. Beyond 2^53 there are no single seconds.
-    if (!hasSeconds_ || !(seconds >= 1 && seconds < 60))
-      return out.append(text(format(format_.get(), milliseconds(date))));
+    if (!hasSeconds_ || !(seconds >= 1 && seconds < 60)) return out.append(text(format(format_, milliseconds(date))));
     const auto digits = static_cast<int>(seconds);
     out.append(beforeSeconds_);
     out.append(static_cast<char>('0' + digits / 10));
@@ -180,7 +189,10 @@ class LocalizedFormat {
  private:
   bool isOpen() REQUIRES(mutex_) {
     UErrorCode status = U_ZERO_ERROR;
-    if (!format_) format_.reset(udat_open(UDAT_FULL, UDAT_SHORT, nullptr, nullptr, 0, nullptr, 0, &status));
+    if (!format_.calendar) {
+      format_.format.reset(udat_open(UDAT_FULL, UDAT_SHORT, nullptr, nullptr, 0, nullptr, 0, &status));
+      format_.calendar.reset(ucal_open(nullptr, 0, nullptr, UCAL_DEFAULT, &status));
+    }
     return U_SUCCESS(status);
   }
 
@@ -188,7 +200,7 @@ class LocalizedFormat {
   /// not found in a locale with other digits, nor in a zone whose offset from UTC is not in whole minutes.
   void keep(double minute) REQUIRES(mutex_) {
     UFieldPosition seconds{UDAT_SECOND_FIELD, 0, 0};
-    const std::u16string whole = format(format_.get(), milliseconds(dateSince1970(minute + 1)), &seconds);
+    const std::u16string whole = format(format_, milliseconds(dateSince1970(minute + 1)), &seconds);
     const auto begin = static_cast<std::size_t>(seconds.beginIndex);
     minute_ = minute;
     hasSeconds_ = seconds.endIndex - seconds.beginIndex == 2 && whole.compare(begin, 2, u"01") == 0;
