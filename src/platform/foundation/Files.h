@@ -60,8 +60,8 @@ bool isTemporaryFileName(std::string_view name);
 /// stay. Threads: any. Errors: none; what cannot be removed stays.
 void removeAbandonedWrites(const std::filesystem::path& directory);
 
-/// Makes the directory and those above it that are missing, for this user alone (mode 0700), and flushes where they were
-/// made. Absent on success.
+/// Makes the directory and those above it that are missing, for this user alone (mode 0700), and flushes where they
+/// were made. Absent on success.
 std::optional<Error> createPrivateDirectories(const std::filesystem::path& directory);
 
 /// Whether `name` can stand for a file inside a directory: not empty, not "." or "..", no "/" and no NUL.
