@@ -1,5 +1,3 @@
-// preset: dev
-
 #include <dlfcn.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -91,7 +89,7 @@ class Server {
     const Call* call = std::find_if(std::begin(kCalls), std::end(kCalls) - 1,
                                     [&](const Call& known) { return known.endpoint == endpoint; });
     ++shared->asked[call - kCalls];
-    const std::string_view asked = number < 0 ? "" : rows()[number].endpoint;
+    const std::string_view asked = number < 0 ? std::string_view() : rows()[number].endpoint;
     if (asked == endpoint) return rows()[number].reply;
     static constexpr std::string_view kIndex = "\"unique_position_id_for_app\":\"";
     for (auto at = request.find(kIndex); at != request.npos; at = request.find(kIndex, at + 1))
