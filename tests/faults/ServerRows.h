@@ -102,7 +102,7 @@ inline Act replies(int status, const std::string& body = "", const std::string& 
 inline void drip(Connection& connection) {
   connection.readRequest();
   for (const char byte : httpReply(200, kGood)) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
     connection.send({byte});
   }
 }
@@ -175,9 +175,9 @@ inline std::vector<Behaviour> transfers() {
       {"Silent in the body of a 200", says(longer, silent), 100},
       {"A head without end, a byte a second", says(ok + "Server: ", close, "x", 10), 100},
       {"Silent in the body of a 401", says("HTTP/1.1 401 No\r\nContent-Length: 9\r\n\r\na", silent), 100},
-      {"A body without end, a byte a second", says(ok + "Content-Length: 99999\r\n\r\n", close, "x", 10), 100},
-      {"Status 100 each second, without end", says(more, close, more, 10), 100},
-      {"A 200 that comes a byte a second", drip, 100},
+      {"A body without end, a byte a second", says(ok + "Content-Length: 99999\r\n\r\n", close, "x", 20), 50},
+      {"Status 100 each second, without end", says(more, close, more, 20), 50},
+      {"A 200 that comes a byte a second", drip, 50, 0, here, 1},
       {"Body of a 200 longer than announced", says(good + "more")},
       {"Lines that end without a carriage return", says("HTTP/1.1 200 OK\nConnection: close\n\n" + kGood)},
       {"A line that is no HTTP", says("hello\r\n\r\n")},

@@ -169,7 +169,7 @@ class Life {
   Health::Positions positions() const { return tarvo_->health().positions; }
   void idle() const {
     const bool isHeldUp = shared->isOn && row_.fate[0] == kWaits;
-    platform::WorkInFlight::waitUntilIdle(Seconds((isHeldUp ? 0.15 : 60) * speed));
+    platform::WorkInFlight::waitUntilIdle(Seconds((isHeldUp ? 0.5 : 60) * speed));
   }
   void pass() const {
     Host::engine().sendDataInBatchToRemoteWebServer();
