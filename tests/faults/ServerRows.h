@@ -5,7 +5,6 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <fstream>
 #include <regex>
 
@@ -89,8 +88,7 @@ inline Act takes(int bytes, Then then = close) {
 inline Act says(const std::string& bytes, Then then = close, const std::string& more = "", int pause = 0) {
   return [=](Connection& connection) {
     connection.readRequest();
-    bool takes = connection.send(bytes) && !more.empty();
-    for (; takes && shared->isOn; takes = connection.send(more))
+    for (bool takes = connection.send(bytes) && !more.empty(); takes && shared->isOn; takes = connection.send(more))
       std::this_thread::sleep_for(std::chrono::milliseconds(pause));
     if (then == reset) connection.resetOnClose();
     if (then == silent) connection.waitForPeerToLeave();

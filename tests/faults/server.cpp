@@ -206,10 +206,10 @@ class Life {
 /// The row, then a server that is well, for which a process that the row has stopped starts again.
 void live(Host& host, const Behaviour& row, bool confirmed) {
   shared = new (::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Shared;
-  test::startProcess([&row] {
+  const pid_t server = test::startProcess([&row] {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    const test::RawServer server([&row](Connection& connection) { serve(row, connection); });
-    shared->port = std::stoi(server.port);
+    const test::RawServer listening([&row](Connection& connection) { serve(row, connection); });
+    shared->port = std::stoi(listening.port);
     return ::pause();
   });
   while (shared->port == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -227,9 +227,12 @@ void live(Host& host, const Behaviour& row, bool confirmed) {
   EXPECT_TRUE(row.local >= 0 || process(false) == 0);  // or the name would be remembered from the registration
   const bool hasToStop = !confirmed && row.fate[0] == kStops;
   EXPECT_EQ(process(true), hasToStop ? -SIGABRT : 0);
-  if (!hasToStop) return;
-  EXPECT_NE(bytesOf("/proc/self/fd/2").find("Fatal error: " + row.logged), std::string::npos) << row.logged;
-  EXPECT_EQ(process(false), 0);
+  if (hasToStop) {
+    EXPECT_NE(bytesOf("/proc/self/fd/2").find("Fatal error: " + row.logged), std::string::npos) << row.logged;
+    EXPECT_EQ(process(false), 0);
+  }
+  ::kill(server, SIGKILL);
+  test::endOf(server);
 }
 
 int drive(Driver driver) {
