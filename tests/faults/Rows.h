@@ -55,7 +55,7 @@ inline void run(Driver& driver, const Row& row) {
     ::alarm(static_cast<unsigned>(row.seconds));
     for (const int stream : {STDOUT_FILENO, STDERR_FILENO})
       ::dup2(::open(told.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600), stream);
-    auto* host = new Host;  // at the end its threads may still be at work
+    static auto* const host = new Host;  // at the end its threads may still be at work
     row.body(*host);
     std::exit(testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed() ? 1 : 0);
     return 9;
