@@ -45,6 +45,18 @@ class Entity : public platform::NSManagedObject {
     return records;
   }
 
+  /// Deletes the records of a request, each with a line of the log: `opening` and that integer attribute.
+  static void remove(Context& context, std::string_view failureText, std::string_view opening, int attribute,
+                     const platform::NSFetchRequest& request = {}) {
+    (void)context.claim();  // who was kept out until now sees them again
+    const auto records = fetch(context, failureText, request);
+    if (!records) return;
+    for (const auto& record : *records) {
+      Log::debug(opening, record->integer(attribute));
+      context.deleteObject(record);
+    }
+  }
+
   static platform::Result<std::size_t> count(Context& context, platform::NSFetchRequest request = {}) {
     request.entity = Class::kEntity;
     return context.count(request);

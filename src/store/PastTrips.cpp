@@ -20,6 +20,8 @@ using Operator = platform::NSPredicate::Operator;
 
 namespace {
 
+constexpr std::string_view kRemoved = "LastTrips removeData pasttrip_id ";
+
 struct Coordinate {
   at::Position attribute;
   std::string_view logText;
@@ -78,18 +80,8 @@ std::shared_ptr<PastTrips> PastTrips::addLastTrip(const platform::Dictionary& tr
   return added;
 }
 
-void PastTrips::remove(Context& context, std::string_view failureText, const platform::NSFetchRequest& request) {
-  (void)context.claim();  // who was kept out until now sees them again
-  const auto trips = fetch(context, failureText, request);
-  if (!trips) return;
-  for (const auto& trip : *trips) {
-    Log::debug("LastTrips removeData pasttrip_id ", trip->pasttripID());
-    context.deleteObject(trip);
-  }
-}
-
 void PastTrips::removeTripIfExist(Context& context, std::int64_t pasttripID) {
-  remove(context, "LastTrips removeTripIfExist Unresolved error ",
+  remove(context, "LastTrips removeTripIfExist Unresolved error ", kRemoved, at::pasttrip_id,
          {.predicates = {{"pasttrip_id", Operator::equal, pasttripID}}});
 }
 
@@ -125,7 +117,9 @@ PastTrips::List PastTrips::getLocationHistoryExtraPolated(Context& context, Date
   return std::move(*trips);
 }
 
-void PastTrips::removeData(Context& context) { remove(context, "LastTrips removeData Unresolved error ", {}); }
+void PastTrips::removeData(Context& context) {
+  remove(context, "LastTrips removeData Unresolved error ", kRemoved, at::pasttrip_id);
+}
 
 PastTripRecord PastTrips::record() const {
   PastTripRecord record;

@@ -36,10 +36,6 @@ class PastTrips : public Entity<PastTrips> {
   std::optional<std::int64_t> pasttripID() const;
   /// One line for the log, without the route's text.
   std::string description() const;
-
- private:
-  /// Deletes the trips of the request.
-  static void remove(Context& context, std::string_view failureText, const platform::NSFetchRequest& request);
 };
 
 }  // namespace tarvo

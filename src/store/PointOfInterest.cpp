@@ -58,13 +58,7 @@ PointOfInterest::List PointOfInterest::getPOIs(Context& context) {
 }
 
 void PointOfInterest::removePOIs(Context& context) {
-  (void)context.claim();  // who was kept out until now sees them again
-  const auto pois = fetch(context, "LastTrips removeData Unresolved error ");
-  if (!pois) return;
-  for (const auto& poi : *pois) {
-    Log::debug("removePOIs removeData pasttrip_id ", poi->integer(at::poi_id));
-    context.deleteObject(poi);
-  }
+  remove(context, "LastTrips removeData Unresolved error ", "removePOIs removeData pasttrip_id ", at::poi_id);
 }
 
 PointOfInterestRecord PointOfInterest::record() const {

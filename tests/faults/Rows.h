@@ -50,37 +50,40 @@ struct Row {
   std::function<void(Host&)> body;
   std::string end = "lives";  ///< pattern: that, or the line with which it has to stop
   std::int64_t seconds = 180;
+  bool isQuiet = true;  ///< one that lives says nothing
 };
 
-/// Runs each row in a fresh process and expects its end, without a word if it lives, and a whole store in which each
-/// number was given once, from 0 on.
+/// Runs the row in a fresh process and expects its end, and a whole store in which each number was given once, from 0
+/// on.
+inline void run(Driver& driver, const Row& row) {
+  if (row.name.find(driver.only) == row.name.npos) return;
+  const test::TempDir folder;
+  const fs::path told = folder.path() / "told";
+  const std::string end = endOf(test::startProcess([&] {
+                                  begin(told, row.seconds);
+                                  ::setenv("TMPDIR", folder.path().c_str(), 1);
+                                  static auto* const host = new Host;  // at the end its threads may still be at work
+                                  row.body(*host);
+                                  std::exit(testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed() ? 1 : 0);
+                                  return 9;
+                                }),
+                                told);
+  const bool asExpected = std::regex_search(end, std::regex(row.end), std::regex_constants::match_continuous);
+  const bool isQuiet = end != "lives" || !row.isQuiet || bytesOf(told).empty();
+  driver.expect(asExpected && isQuiet, row.name + ": " + end + (isQuiet ? "" : " and says " + bytesOf(told)));
+  for (const fs::path& file : fs::recursive_directory_iterator(folder.path())) {
+    if (file.filename() != ObjectStore::kFileName) continue;
+    if (ask(file, "SELECT count(*) FROM sqlite_master") == "0") continue;  // its process has come no further
+    // A row without a number owns one: the count that would have given it failed.
+    const std::string wrong = ask(file, R"(SELECT count(DISTINCT "index") || " numbers up to " || max("index") FROM
+        Locations HAVING count("index") > count(DISTINCT "index") OR max("index") >= count(*))");
+    driver.expect(wrong.empty() && ask(file, "PRAGMA quick_check") == "ok", row.name + ": damaged " + wrong);
+  }
+}
+
 inline int run(Driver driver, std::vector<Row> (*rowsOf)(const Driver&)) {
   const std::vector<Row> rows = rowsOf(driver);
-  for (const auto& [name, body, expected, seconds] : rows) {
-    if (name.find(driver.only) == name.npos) continue;
-    const test::TempDir folder;
-    const fs::path told = folder.path() / "told";
-    const std::string end = endOf(test::startProcess([&] {
-                                    begin(told, seconds);
-                                    ::setenv("TMPDIR", folder.path().c_str(), 1);
-                                    auto* host = new Host;  // at the end its threads may still be at work
-                                    body(*host);
-                                    std::exit(testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed() ? 1 : 0);
-                                    return 9;
-                                  }),
-                                  told);
-    const bool asExpected = std::regex_search(end, std::regex(expected), std::regex_constants::match_continuous);
-    const bool isQuiet = end != "lives" || bytesOf(told).empty();
-    driver.expect(asExpected && isQuiet, name + ": " + end + (isQuiet ? "" : " and says " + bytesOf(told)));
-    for (const fs::path& file : fs::recursive_directory_iterator(folder.path())) {
-      if (file.filename() != ObjectStore::kFileName) continue;
-      if (ask(file, "SELECT count(*) FROM sqlite_master") == "0") continue;  // its process has come no further
-      // A row without a number owns one: the count that would have given it failed.
-      const std::string wrong = ask(file, R"(SELECT count(DISTINCT "index") || " numbers up to " || max("index") FROM
-          Locations HAVING count("index") > count(DISTINCT "index") OR max("index") >= count(*))");
-      driver.expect(wrong.empty() && ask(file, "PRAGMA quick_check") == "ok", name + ": damaged " + wrong);
-    }
-  }
+  for (const Row& row : rows) run(driver, row);
   return driver.end(std::ssize(rows));
 }
 

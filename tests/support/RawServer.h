@@ -37,8 +37,9 @@ struct Connection {
   explicit Connection(int descriptor) : socket(descriptor) {}
   virtual ~Connection() = default;
 
-  /// Takes up to that many bytes of what the peer sends.
+  /// Takes up to that many bytes of what the peer sends; or only looks at them.
   virtual ssize_t read(char* to, std::size_t size) { return ::recv(socket, to, size, 0); }
+  virtual ssize_t peek(char* to, std::size_t size) { return ::recv(socket, to, size, MSG_PEEK); }
   /// Answers whether the peer still takes it.
   virtual bool send(const std::string& bytes) {
     return ::send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
@@ -46,7 +47,13 @@ struct Connection {
   /// The request up to the blank line; what there is when the peer leaves before.
   std::string readHead() {
     std::string head;
-    for (char c; !head.ends_with("\r\n\r\n") && read(&c, 1) == 1;) head.push_back(c);
+    char bytes[4096];
+    for (ssize_t n; !head.ends_with("\r\n\r\n") && (n = peek(bytes, sizeof bytes)) > 0;) {
+      const auto known = head.size();
+      head.append(bytes, static_cast<std::size_t>(n));
+      if (const auto end = head.find("\r\n\r\n"); end != head.npos) head.resize(end + 4);
+      read(bytes, head.size() - known);
+    }
     return head;
   }
   /// What follows that head; without it a close resets the connection.

@@ -110,6 +110,7 @@ class TlsConnection final : public Connection {
     SSL_CTX_free(context_);
   }
   ssize_t read(char* to, std::size_t size) override { return SSL_read(tls_, to, static_cast<int>(size)); }
+  ssize_t peek(char* to, std::size_t size) override { return SSL_peek(tls_, to, static_cast<int>(size)); }
   bool send(const std::string& bytes) override {
     return SSL_write(tls_, bytes.data(), static_cast<int>(bytes.size())) > 0;
   }
