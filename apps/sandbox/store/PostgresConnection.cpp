@@ -1,5 +1,7 @@
 #include "sandbox/store/PostgresConnection.h"
 
+#include <poll.h>
+
 #include <algorithm>
 #include <bit>
 #include <charconv>
@@ -160,8 +162,11 @@ Result Connection::run(const std::string& sql, const Parameters& parameters, boo
 }
 
 bool Connection::isReady() {
-  return PQtransactionStatus(connection_.get()) == PQTRANS_IDLE && PQconsumeInput(connection_.get()) == 1 &&
-         PQstatus(connection_.get()) == CONNECTION_OK;
+  // The last words of a server that ends come before the end itself.
+  pollfd socket{PQsocket(connection_.get()), POLLIN, 0};
+  while (PQstatus(connection_.get()) == CONNECTION_OK && ::poll(&socket, 1, 0) > 0)
+    if (PQconsumeInput(connection_.get()) == 0) return false;
+  return PQstatus(connection_.get()) == CONNECTION_OK && PQtransactionStatus(connection_.get()) == PQTRANS_IDLE;
 }
 
 Error Connection::failure(PGresult* result) const {
