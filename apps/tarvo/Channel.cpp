@@ -6,9 +6,12 @@
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <string_view>
 #include <utility>
 
 #include <tarvo/LocationManager.h>
+
+#include "sandbox/live/Guard.h"
 
 namespace tarvo::cli {
 namespace {
@@ -25,6 +28,17 @@ constexpr std::size_t kMostTold = 1000;
 constexpr std::size_t kLargestEvent = 1 << 20;
 
 }  // namespace
+
+std::optional<std::string> Channel::originOf(const std::string& url) {
+  const std::size_t scheme = url.starts_with("https://") ? 8 : url.starts_with("http://") ? 7 : 0;
+  const std::string origin = url.substr(0, url.find_first_of("/?#", scheme));
+  if (scheme == 0 || origin.size() == scheme) return std::nullopt;
+  const std::string_view host = std::string_view(origin).substr(scheme);
+  const std::string_view name =
+      host.starts_with('[') ? host.substr(1, host.find(']') - 1) : host.substr(0, host.find(':'));
+  if (scheme == 7 && !sandbox::live::isLoopback(name)) return std::nullopt;
+  return origin;
+}
 
 Channel::Channel(Host host, Tarvo tarvo)
     : host_(std::move(host)),

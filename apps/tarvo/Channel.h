@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -31,6 +32,10 @@ class Channel {
     std::function<std::string()> health;  ///< a JSON text; on the channel's thread
     std::function<bool()> mayBePushed;    ///< whether the SDK can take a push yet; on the channel's thread
   };
+
+  /// "scheme://host:port" of a sandbox's address. Absent unless it is https, or http to this machine: the account's
+  /// secret goes there.
+  static std::optional<std::string> originOf(const std::string& url);
 
   Channel(Host host, Tarvo tarvo);
   ~Channel();

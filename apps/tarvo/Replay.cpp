@@ -26,6 +26,7 @@
 #include <tarvo/platform/GpxReplay.h>
 #include <tarvo/platform/LocationService.h>
 
+#include "Channel.h"
 #include "Commands.h"
 #include "Console.h"
 #include "Home.h"
@@ -213,8 +214,13 @@ void addReplayCommand(CLI::App& app, Run& run) {
       ->needs(sandbox)
       ->type_name("FILE");
   command
-      ->add_option("--channel", options->channel,
-                   "A sandbox whose page may send pushes here and is told how this host is doing")
+      ->add_option_function<std::string>(
+          "--channel",
+          [options](const std::string& url) {
+            options->channel = Channel::originOf(url);
+            if (!options->channel) throw CLI::ValidationError("--channel", "neither https nor this machine: " + url);
+          },
+          "A sandbox whose page may send pushes here and is told how this host is doing")
       ->excludes(sandbox)
       ->type_name("URL");
   command

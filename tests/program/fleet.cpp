@@ -36,7 +36,7 @@ struct Unit {
         "/api/v1/demo/" + path, {httplib::make_basic_authentication_header(name, secret)}, body.dump(),
         "application/json");
     if (answer && answer->status == 200) return Json::parse(answer->body);
-    fail(path + ": " + (answer ? answer->body : "no answer"));
+    fail(path + ": " + (answer ? answer->body : httplib::to_string(answer.error())));
     return {{"results", {{{"uuid", ""}, {"secretkey", ""}}}}};
   }
 

@@ -13,6 +13,7 @@
 #include "sandbox/live/Texts.h"
 #include "sandbox/store/SqliteStore.h"
 #include "support/TempDir.h"
+#include "support/Tls.h"
 
 namespace tarvo::sandbox::live {
 namespace {
@@ -103,7 +104,7 @@ TEST(Guard, LetsInThisMachineOrWhoHasTheToken) {
   const std::tuple<const Guard*, Visit, int> cases[] = {
       {&open, {"GET", "127.0.0.1:80"}, 0},
       {&open, {"GET", "[::1]:80"}, 0},
-      {&open, {"GET", "evil.example"}, 403},
+      {&open, {"GET", "127.0.0.1.evil.example"}, 403},
       {&open, {"GET", ""}, 403},
       {&open, {"POST", "localhost:80", "http://localhost:80", "", "", "application/json"}, 0},
       {&open, {"POST", "localhost:80", "https://evil.example", "", "", "application/json"}, 403},
@@ -210,6 +211,23 @@ TEST(Live, BoundsItsStreamsAndStops) {
   const auto start = std::chrono::steady_clock::now();
   process.backend.stop();
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
+}
+
+TEST(Live, SpeaksTls) {
+  TempDir dir;
+  const test::Trusted certificate;
+  Backend::Options options;
+  options.certificate = dir.path() / "cert.pem";
+  options.key = dir.path() / "key.pem";
+  certificate.write(options.certificate);
+  certificate.writeKey(options.key);
+  Process process(dir, options);
+  httplib::Client client(process.backend.origin());
+  const auto answer = client.Get("/live/state");
+  ASSERT_TRUE(answer) << httplib::to_string(answer.error());
+  EXPECT_EQ(answer->status, 200);
+  EXPECT_TRUE(process.backend.baseURL().starts_with("https://127.0.0.1:"));
+  EXPECT_FALSE(httplib::Client("127.0.0.1", process.backend.port()).Get("/live/state")) << "plain";
 }
 
 TEST(Live, GivesThePageWithItsPolicyAndTakesTheTokenOnce) {

@@ -6,6 +6,7 @@
 #include <string>
 #include <thread>
 #include <tuple>
+#include <vector>
 
 #include "sandbox/store/Database.h"
 #include "sandbox/store/OpenStore.h"
@@ -209,6 +210,33 @@ TEST_P(PostgresStore, OutlivesItsServerAndTheDaysThatAreDropped) {
   EXPECT_THROW(openStore(server->url() + "&dbname=nowhere", {}), std::runtime_error);
 }
 #endif
+
+TEST_P(Store, KeepsEachPositionOnceWhoeverWritesAtOnce) {
+  constexpr int kUsers = 4, kBatches = 20;
+  std::vector<std::thread> writers;
+  for (int writer = 0; writer < 2 * kUsers; ++writer)
+    writers.emplace_back([&, writer] {
+      sandbox::Store& store = writer % 2 == 0 ? *one : *other;
+      const std::string own = store.identify({"", "device " + std::to_string(writer / 2), "", ""}).uuid;
+      for (int batch = 0; batch < kBatches; ++batch)
+        store.change(own, [&](UserRecords& records) {
+          // What stands there is read, and not changed by another before it is written.
+          const auto rows = records.numbered(Kind::State, 0, 1);
+          records.put(Kind::State, {1, 0, rows.empty() ? 1 : rows[0].to + 1, ""});
+          records.add({position(2 * batch, second(1)), position(2 * batch + writer % 2, second(2))});
+        });
+    });
+  for (std::thread& writer : writers) writer.join();
+
+  const Holdings held = one->holdings();
+  EXPECT_EQ((std::tuple{held.users, held.positions, held.batches, held.missing, held.positions + held.repeats}),
+            (std::tuple{kUsers + 1, kUsers * kBatches * 2, 2 * kUsers * kBatches, 0, 4 * kUsers * kBatches}));
+  for (const Unit& unit : other->units())
+    if (unit.uuid != user)
+      one->look(unit.uuid, [](derive::Records& records) {
+        EXPECT_EQ(records.numbered(Kind::State, 0, 1).at(0).to, 2 * kBatches);
+      });
+}
 
 TEST(SqliteStore, TakesUpAFileOfTheVersionBefore) {
   TempDir dir;

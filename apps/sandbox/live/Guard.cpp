@@ -27,7 +27,9 @@ std::string_view cookieNamed(std::string_view cookies, std::string_view name) {
 }  // namespace
 
 bool isLoopback(std::string_view address) {
-  return address == "localhost" || address == "::1" || address.starts_with("127.");
+  // A name may begin like a number: "127.example".
+  return address == "localhost" || address == "::1" ||
+         (address.starts_with("127.") && address.find_first_not_of("0123456789.") == address.npos);
 }
 
 bool sameSecret(std::string_view one, std::string_view other) {
