@@ -31,7 +31,7 @@ replays() {
   local i
   for ((i = 0; i < homes; i++)); do
     echo "$work/$1-$i" "${origins[i % ${#origins[@]}]}/api"
-  done | xargs -P 2 -L 1 bash -c '"$0" replay "$1" --mode 8 --home "$2" --backend "$3" --api-key demo-key \
+  done | xargs -r -P 2 -L 1 bash -c '"$0" replay "$1" --mode 8 --home "$2" --backend "$3" --api-key demo-key \
     --api-secret demo-secret --deadline 120 --json 2>/dev/null || echo "a replay failed"' \
     "$program" "$source/apps/demo/demo-trip.gpx" |
     sed -E 's/.*"unsent":0,"awaiting":0,"acknowledged":([0-9]+),.*"uuid":"([^"]+)".*/\2=\1/'
