@@ -64,11 +64,8 @@ void sendFailure(const httplib::Request&, httplib::Response& response, std::exce
   }
 }
 
-/// Only this one: the server's own choice would let two backends share a port unnoticed.
-void reuseAddress(int socket) {
-  const int yes = 1;
-  setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-}
+/// How many units may connect in the same moment: the system bounds it too.
+constexpr int kBacklog = 1024;
 
 std::filesystem::path besideArchive(std::filesystem::path archive) {
   const std::string name = archive.stem().string() + "-logs";
@@ -117,7 +114,12 @@ struct Backend::State {
     server->set_keep_alive_timeout(kKeepAliveSeconds);
     server->set_read_timeout(kReadSeconds);
     server->set_tcp_nodelay(true);
-    server->set_socket_options(reuseAddress);
+    // Only this option: the server's own choice would let two backends share a port unnoticed.
+    server->set_socket_options([this](int socket) {
+      const int yes = 1;
+      setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+      listening = socket;
+    });
     server->set_pre_routing_handler(leaveMultipartRaw);
     const auto handler = [this](const httplib::Request& request, httplib::Response& response) {
       handle(request, response);
@@ -171,7 +173,7 @@ struct Backend::State {
   std::unique_ptr<httplib::Server> server;
   std::thread listener;
   std::string baseURL;
-  int port = 0;
+  int port = 0, listening = -1;
 };
 
 thread_local Backend::State::Answered Backend::State::answered;
@@ -194,6 +196,8 @@ void Backend::start(int port) {
   if (state_->port < 0)
     throw std::runtime_error(port == 0 ? "no free port on " + address
                                        : "port " + std::to_string(port) + " of " + address + " is not free");
+  // The server listens with a backlog of 5, beyond which connections are lost.
+  ::listen(state_->listening, kBacklog);
   state_->baseURL = state_->origin() + "/api";
   state_->listener = std::thread([this] { state_->server->listen_after_bind(); });
   // The first answer shows that the server has come up; stopping it earlier would have no effect.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <netdb.h>
+#include <semaphore.h>
 
 #include <array>
 #include <atomic>

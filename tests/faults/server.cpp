@@ -2,7 +2,6 @@
 // a process of its own: the server does what the row says while the host collects, then is well again.
 
 #include <dlfcn.h>
-#include <semaphore.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>

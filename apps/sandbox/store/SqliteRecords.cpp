@@ -5,13 +5,11 @@
 #include <stdexcept>
 #include <utility>
 
+#include "sandbox/store/Identities.h"
 #include "sandbox/wire/Numbers.h"
 
 namespace tarvo::sandbox {
 namespace {
-
-/// A page that was away for longer begins anew.
-constexpr std::int64_t kKeptEvents = 20000, kForgottenAtOnce = 500;
 
 std::string insertPosition() {
   std::string columns = "id,useruuid", values = "?1,?2";
@@ -43,11 +41,6 @@ constexpr const char* kCount =
     "highest=max(highest,excluded.highest),(id,time,lon,lat)=(SELECT id,time,lon,lat FROM "
     "(SELECT units.id,units.time,units.lon,units.lat UNION ALL "
     "SELECT excluded.id,excluded.time,excluded.lon,excluded.lat) ORDER BY time DESC LIMIT 1)";
-
-std::string_view name(derive::Kind kind) {
-  constexpr std::string_view kNames[] = {"stay", "trip", "place", "prediction", "state"};
-  return kNames[static_cast<std::size_t>(kind)];
-}
 
 std::vector<derive::Row> allRows(Execution& select) {
   std::vector<derive::Row> rows;

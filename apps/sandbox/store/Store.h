@@ -96,7 +96,7 @@ class Store {
  public:
   virtual ~Store() = default;
 
-  /// What engine it is: "sqlite".
+  /// What engine it is: "sqlite" or "postgresql".
   virtual std::string_view name() const = 0;
 
   /// The identity of the device, made at its first call; the same each time, whichever process is asked.
@@ -104,7 +104,8 @@ class Store {
   virtual bool knows(const Credentials& user) = 0;
 
   /// Runs the work in one transaction during which nobody else, thread or process, changes this user. It is on the
-  /// disk as a whole when this returns, and undone as a whole when the work throws.
+  /// disk as a whole when this returns, and undone as a whole when the work throws. An engine may undo the work and run
+  /// it again, so it has no other effect than on the records and on what it sets anew each time.
   virtual void change(const std::string& user, const std::function<void(UserRecords&)>& work) = 0;
   /// Runs the work on the state of one moment; it must not write.
   virtual void look(const std::string& user, const std::function<void(derive::Records&)>& work) = 0;
