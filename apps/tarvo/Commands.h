@@ -14,10 +14,7 @@ using Run = std::function<int()>;
 void addReplayCommand(CLI::App& app, Run& run);
 void addReadCommands(CLI::App& app, Run& run);  ///< history, trips, pois, status
 void addEraseCommand(CLI::App& app, Run& run);
-<<<<<<< HEAD
 void addSandboxCommand(CLI::App& app, Run& run);
-=======
 void addSimulateCommand(CLI::App& app, Run& run);
->>>>>>> wt-sim
 
 }  // namespace tarvo::cli

@@ -39,11 +39,8 @@ int main(int argc, char** argv) {
   addReplayCommand(app, run);
   addReadCommands(app, run);
   addEraseCommand(app, run);
-<<<<<<< HEAD
   addSandboxCommand(app, run);
-=======
   addSimulateCommand(app, run);
->>>>>>> wt-sim
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
