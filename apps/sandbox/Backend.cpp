@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "sandbox/Exchanges.h"
+#include "sandbox/Sending.h"
 #include "sandbox/Service.h"
 #include "sandbox/live/Live.h"
 #include "sandbox/live/Texts.h"
@@ -48,19 +49,13 @@ std::string contentType(const httplib::Request& request) {
   return type;
 }
 
-void send(Reply reply, httplib::Response& response) {
-  response.status = reply.status;
-  if (reply.status == 401) response.set_header("WWW-Authenticate", "Basic realm=\"sandbox\"");
-  response.set_content(std::move(reply.body), "application/json");
-}
-
 void sendFailure(const httplib::Request&, httplib::Response& response, std::exception_ptr failure) {
   try {
     std::rethrow_exception(std::move(failure));
   } catch (const std::exception& error) {
-    send(refuse(500, error.what()), response);
+    sendWhole(refuse(500, error.what()), response);
   } catch (...) {
-    send(refuse(500, "unknown failure"), response);
+    sendWhole(refuse(500, "unknown failure"), response);
   }
 }
 
@@ -134,8 +129,8 @@ struct Backend::State {
     if (live::Live::owns(request.path)) return live.answer(request, response);
     const std::string authorization = request.get_header_value("Authorization"), type = contentType(request);
     Reply reply = service.answer({request.method, request.path, authorization, type, request.body, request.params});
-    answered = {reply.user, reply.fault};
-    send(std::move(reply), response);
+    answered = {reply.user, reply.fault, reply.manner == Reply::Manner::drop};
+    send(std::move(reply), service.faults, response);
   }
 
   /// A row for each request of the wire contract, also for those that are refused before they are looked at.
@@ -146,10 +141,12 @@ struct Backend::State {
                    service.isAccount(request.get_header_value("Authorization")) ? "account" : "user", request.body,
                    response.body, response.status, !facts.fault.empty()});
     try {
-      service.store->addRequest({0, live::now(), facts.user, request.method, request.target, response.status,
-                                 static_cast<std::int64_t>(request.body.size()), facts.fault});
+      service.store->addRequest({0, live::now(), facts.user, request.method, request.target,
+                                 facts.drops ? 0 : response.status, static_cast<std::int64_t>(request.body.size()),
+                                 facts.fault});
     } catch (const std::exception&) {  // the answer matters more than its row
     }
+    if (facts.drops) closeConnection(request);
   }
 
   std::string origin() const {
@@ -160,6 +157,7 @@ struct Backend::State {
   /// What the log of requests says beside the answer: the thread that answers writes it down too.
   struct Answered {
     std::string user, fault;
+    bool drops = false;
   };
   static thread_local Answered answered;
 
