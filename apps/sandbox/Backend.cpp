@@ -70,8 +70,9 @@ std::filesystem::path besideArchive(std::filesystem::path archive) {
   return archive.replace_filename(name);
 }
 
-/// Some workers are left to units whatever pages and hosts there are.
-int mostStreams(int workers) { return workers - std::max(8, workers / 4); }
+/// Some workers are left to units whatever pages and hosts there are, and some to people whatever units wait.
+int forUnits(int workers) { return std::max(8, workers / 4); }
+constexpr int kForPeople = 4;
 
 std::unique_ptr<httplib::Server> makeServer(const Backend::Options& options) {
   if (options.certificate.empty()) return std::make_unique<httplib::Server>();
@@ -102,8 +103,9 @@ struct Backend::State {
         logs(std::move(logFolder)),
         service(std::move(account), std::move(store)),
         live(service, {options.address, options.token, options.tiles, !options.certificate.empty(),
-                       mostStreams(options.workers)}),
+                       options.workers - forUnits(options.workers)}),
         server(makeServer(options)) {
+    service.faults.waitAtMost(static_cast<std::size_t>(forUnits(options.workers) - kForPeople));
     server->new_task_queue = [workers = options.workers] {
       return new httplib::ThreadPool(static_cast<std::size_t>(workers));  // the server takes it over
     };
@@ -129,7 +131,7 @@ struct Backend::State {
     if (live::Live::owns(request.path)) return live.answer(request, response);
     const std::string authorization = request.get_header_value("Authorization"), type = contentType(request);
     Reply reply = service.answer({request.method, request.path, authorization, type, request.body, request.params});
-    answered = {reply.user, reply.fault, reply.manner == Reply::Manner::drop};
+    answered = {reply.user, reply.fault, reply.spoilt, reply.manner == Reply::Manner::drop};
     send(std::move(reply), service.faults, response);
   }
 
@@ -139,7 +141,7 @@ struct Backend::State {
     if (live::Live::owns(request.path)) return;
     exchanges.add({request.method, request.target, contentType(request),
                    service.isAccount(request.get_header_value("Authorization")) ? "account" : "user", request.body,
-                   response.body, response.status, !facts.fault.empty()});
+                   response.body, response.status, facts.spoilt});
     try {
       service.store->addRequest({0, live::now(), facts.user, request.method, request.target,
                                  facts.drops ? 0 : response.status, static_cast<std::int64_t>(request.body.size()),
@@ -157,7 +159,7 @@ struct Backend::State {
   /// What the log of requests says beside the answer: the thread that answers writes it down too.
   struct Answered {
     std::string user, fault;
-    bool drops = false;
+    bool spoilt = false, drops = false;
   };
   static thread_local Answered answered;
 

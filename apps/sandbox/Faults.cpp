@@ -78,6 +78,11 @@ bool Faults::waitUntilHanging(std::size_t requests, std::chrono::milliseconds lo
   return changed_.wait_for(lock, longest, [&] { return hanging_ >= requests; });
 }
 
+void Faults::waitAtMost(std::size_t requests) {
+  const std::lock_guard lock(mutex_);
+  mostWaiting_ = requests;
+}
+
 std::optional<Rule> Faults::meet(const std::string& path) {
   std::unique_lock lock(mutex_);
   forget();
@@ -89,20 +94,19 @@ std::optional<Rule> Faults::meet(const std::string& path) {
   }
   if (met == 0) return std::nullopt;
   ++rules_[met].met;
-  const Rule rule = rules_[met].rule;
-  wait(lock, met);
-  if (!closed_) return rule;
-  Rule ended;
-  ended.status = 503;
-  return ended;
+  Rule rule = rules_[met].rule;
+  if (rule.kind != FaultKind::hang && rule.kind != FaultKind::delay) return rule;
+  if (!wait(lock, met)) rule.kind = FaultKind::dropBefore;
+  return closed_ ? Rule() : rule;
 }
 
-void Faults::wait(std::unique_lock<std::mutex>& lock, std::int64_t id) {
+bool Faults::wait(std::unique_lock<std::mutex>& lock, std::int64_t id) {
+  if (waiting_ >= mostWaiting_) return false;
   State& state = rules_[id];
   const bool hangs = state.rule.kind == FaultKind::hang;
-  if (!hangs && state.rule.kind != FaultKind::delay) return;
   const auto end = hangs ? state.end : std::optional(Clock::now() + duration(state.rule.delay.value_or(kDelay)));
   ++state.waiting;
+  ++waiting_;
   hanging_ += hangs ? 1 : 0;
   changed_.notify_all();
   const auto over = [&] { return closed_ || !rules_.contains(id); };
@@ -111,7 +115,9 @@ void Faults::wait(std::unique_lock<std::mutex>& lock, std::int64_t id) {
   else
     changed_.wait(lock, over);
   hanging_ -= hangs ? 1 : 0;
+  --waiting_;
   if (const auto left = rules_.find(id); left != rules_.end()) --left->second.waiting;
+  return true;
 }
 
 void Faults::forget() {
@@ -121,7 +127,11 @@ void Faults::forget() {
 
 bool Faults::pause(double seconds) {
   std::unique_lock lock(mutex_);
-  return !changed_.wait_for(lock, duration(seconds), [&] { return closed_; });
+  if (waiting_ >= mostWaiting_) return false;
+  ++waiting_;
+  changed_.wait_for(lock, duration(seconds), [&] { return closed_; });
+  --waiting_;
+  return !closed_;
 }
 
 void Faults::close() {

@@ -46,9 +46,13 @@ class Faults {
   /// Whether at least that many requests hang, at the latest after `longest`.
   bool waitUntilHanging(std::size_t requests, std::chrono::milliseconds longest);
 
+  /// A request that would be one more to wait is dropped instead: whoever waits occupies a thread of the server, and
+  /// some have to be left to those who end the wait.
+  void waitAtMost(std::size_t requests);
+
   /// Meets the fault for the request at hand, and waits as it says. Nothing when all is well.
   std::optional<Rule> meet(const std::string& path);
-  /// Waits; whether this is still open then.
+  /// Waits; whether the request may go on then.
   bool pause(double seconds);
   /// Ends every wait for good: a request that waited gets status 503.
   void close();
@@ -66,13 +70,14 @@ class Faults {
   };
 
   void forget();
-  void wait(std::unique_lock<std::mutex>& lock, std::int64_t id);
+  /// Whether it has waited.
+  bool wait(std::unique_lock<std::mutex>& lock, std::int64_t id);
 
   std::mutex mutex_;
   std::condition_variable changed_;
   std::map<std::int64_t, State> rules_;  ///< by number
   std::int64_t last_ = 0;
-  std::size_t hanging_ = 0;
+  std::size_t hanging_ = 0, waiting_ = 0, mostWaiting_ = SIZE_MAX;
   bool closed_ = false;
 };
 

@@ -31,6 +31,7 @@ struct Reply {
   std::string user;   ///< who asked; empty for a device that registers, and for strangers
   std::string fault;  ///< the kind of the fault that happened; empty without
   std::vector<std::pair<std::string, std::string>> headers = {};
+  bool spoilt = false;  ///< by the fault: it is not what the backend would say
   Manner manner = Manner::whole;
   double seconds = 0;
 };

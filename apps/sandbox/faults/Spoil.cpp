@@ -58,6 +58,7 @@ bool hasBody(int status) { return status != 204 && status != 304; }
 std::optional<Reply> replyInstead(const Rule& fault) {
   Reply reply;
   reply.fault = nameOf(fault.kind);
+  reply.spoilt = true;
   if (fault.kind == FaultKind::dropBefore) {
     reply.manner = Reply::Manner::drop;
     return reply;
@@ -73,6 +74,7 @@ std::optional<Reply> replyInstead(const Rule& fault) {
 
 void spoil(Reply& reply, const Rule& fault) {
   reply.fault = nameOf(fault.kind);
+  reply.spoilt = fault.kind != FaultKind::delay && fault.kind != FaultKind::hang;
   switch (fault.kind) {
     case FaultKind::dropAfter:
       reply.manner = Reply::Manner::drop;
