@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "sandbox/Exchanges.h"
+#include "sandbox/Sending.h"
 #include "sandbox/Service.h"
 #include "sandbox/live/Live.h"
 #include "sandbox/live/Texts.h"
@@ -48,19 +49,13 @@ std::string contentType(const httplib::Request& request) {
   return type;
 }
 
-void send(Reply reply, httplib::Response& response) {
-  response.status = reply.status;
-  if (reply.status == 401) response.set_header("WWW-Authenticate", "Basic realm=\"sandbox\"");
-  response.set_content(std::move(reply.body), "application/json");
-}
-
 void sendFailure(const httplib::Request&, httplib::Response& response, std::exception_ptr failure) {
   try {
     std::rethrow_exception(std::move(failure));
   } catch (const std::exception& error) {
-    send(refuse(500, error.what()), response);
+    sendWhole(refuse(500, error.what()), response);
   } catch (...) {
-    send(refuse(500, "unknown failure"), response);
+    sendWhole(refuse(500, "unknown failure"), response);
   }
 }
 
@@ -72,8 +67,9 @@ std::filesystem::path besideArchive(std::filesystem::path archive) {
   return archive.replace_filename(name);
 }
 
-/// Some workers are left to units whatever pages and hosts there are.
-int mostStreams(int workers) { return workers - std::max(8, workers / 4); }
+/// Some workers are left to units whatever pages and hosts there are, and some to people whatever units wait.
+int forUnits(int workers) { return std::max(8, workers / 4); }
+constexpr int kForPeople = 4;
 
 std::unique_ptr<httplib::Server> makeServer(const Backend::Options& options) {
   if (options.certificate.empty()) return std::make_unique<httplib::Server>();
@@ -104,8 +100,9 @@ struct Backend::State {
         logs(std::move(logFolder)),
         service(std::move(account), std::move(store)),
         live(service, {options.address, options.token, options.tiles, !options.certificate.empty(),
-                       mostStreams(options.workers)}),
+                       options.workers - forUnits(options.workers)}),
         server(makeServer(options)) {
+    service.faults.waitAtMost(static_cast<std::size_t>(forUnits(options.workers) - kForPeople));
     server->new_task_queue = [workers = options.workers] {
       return new httplib::ThreadPool(static_cast<std::size_t>(workers));  // the server takes it over
     };
@@ -136,8 +133,8 @@ struct Backend::State {
     if (live::Live::owns(request.path)) return live.answer(request, response);
     const std::string authorization = request.get_header_value("Authorization"), type = contentType(request);
     Reply reply = service.answer({request.method, request.path, authorization, type, request.body, request.params});
-    answered = {reply.user, reply.fault};
-    send(std::move(reply), response);
+    answered = {reply.user, reply.fault, reply.spoilt, reply.manner == Reply::Manner::drop};
+    send(std::move(reply), service.faults, response);
   }
 
   /// A row for each request of the wire contract, also for those that are refused before they are looked at.
@@ -146,12 +143,14 @@ struct Backend::State {
     if (live::Live::owns(request.path)) return;
     exchanges.add({request.method, request.target, contentType(request),
                    service.isAccount(request.get_header_value("Authorization")) ? "account" : "user", request.body,
-                   response.body, response.status, !facts.fault.empty() || service.canned.given()});
+                   response.body, response.status, facts.spoilt || service.canned.given()});
     try {
-      service.store->addRequest({0, live::now(), facts.user, request.method, request.target, response.status,
-                                 static_cast<std::int64_t>(request.body.size()), facts.fault});
+      service.store->addRequest({0, live::now(), facts.user, request.method, request.target,
+                                 facts.drops ? 0 : response.status, static_cast<std::int64_t>(request.body.size()),
+                                 facts.fault});
     } catch (const std::exception&) {  // the answer matters more than its row
     }
+    if (facts.drops) closeConnection(request);
   }
 
   std::string origin() const {
@@ -162,6 +161,7 @@ struct Backend::State {
   /// What the log of requests says beside the answer: the thread that answers writes it down too.
   struct Answered {
     std::string user, fault;
+    bool spoilt = false, drops = false;
   };
   static thread_local Answered answered;
 

@@ -56,7 +56,7 @@ class Backend {
   /// Serves when it returns; at most once. Port 0 is any free one; another must not be in use, but may have been a
   /// moment ago.
   void start(int port = 0);
-  /// Requests that hang are answered with 503. A second call does nothing.
+  /// Requests that wait for a fault are answered with 503. A second call does nothing.
   void stop();
 
   /// Answers with canned data from here on, at any time; at first with what is derived.

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "sandbox/derive/Derive.h"
+#include "sandbox/faults/Spoil.h"
 #include "sandbox/wire/Bodies.h"
 #include "sandbox/wire/Logs.h"
 
@@ -58,6 +59,10 @@ const Service::Route Service::kRoutes[] = {
 Service::Service(Account customer, std::unique_ptr<Store> records)
     : account(std::move(customer)), store(std::move(records)), base_("/api/v1/" + account.clientID + "/") {}
 
+bool Service::isEndpoint(std::string_view path) {
+  return std::any_of(std::begin(kRoutes), std::end(kRoutes), [&](const Route& route) { return route.path == path; });
+}
+
 const Service::Route* Service::find(const Call& call) const {
   if (!call.path.starts_with(base_)) return nullptr;
   const std::string_view path = call.path.substr(base_.size());
@@ -70,19 +75,23 @@ const Service::Route* Service::find(const Call& call) const {
 Reply Service::answer(const Call& call) {
   const Route* route = find(call);
   if (route == nullptr) return refuse(404, "no such path");
-  if (auto fault = faults.meet(std::string(route->path)))
-    return {fault->status,
-            fault->body.empty() ? refuse(fault->status, "planned fault").body : std::move(fault->body),
-            {},
-            "status"};
+  const auto fault = faults.meet(std::string(route->path));
+  if (!fault) return handle(call, *route);
+  if (auto reply = replyInstead(*fault)) return *std::move(reply);
+  Reply reply = handle(call, *route);
+  spoil(reply, *fault);
+  return reply;
+}
+
+Reply Service::handle(const Call& call, const Route& route) {
   const auto credentials = readBasicCredentials(call.authorization);
-  if (route->handle == &Service::users) {
+  if (route.handle == &Service::users) {
     if (!isAccount(call.authorization)) return refuse(401, "wrong API key or secret");
   } else if (!credentials || !store->knows(*credentials)) {
     return refuse(401, "unknown user");
   }
-  Reply reply = (this->*route->handle)(call, credentials->name);
-  if (route->handle != &Service::users) reply.user = credentials->name;
+  Reply reply = (this->*route.handle)(call, credentials->name);
+  if (route.handle != &Service::users) reply.user = credentials->name;
   return reply;
 }
 

@@ -6,6 +6,8 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "sandbox/Canned.h"
 #include "sandbox/Faults.h"
@@ -20,16 +22,24 @@ struct Call {
 };
 
 struct Reply {
+  /// How it goes out: dropped, the connection closes without an answer; half, it closes in the middle of the body;
+  /// dripping, the body comes byte by byte and takes `seconds`.
+  enum class Manner { whole, drop, half, drip };
+
   int status = 200;
   std::string body;   ///< JSON
   std::string user;   ///< who asked; empty for a device that registers, and for strangers
   std::string fault;  ///< the kind of the fault that happened; empty without
+  std::vector<std::pair<std::string, std::string>> headers = {};
+  bool spoilt = false;  ///< by the fault: it is not what the backend would say
+  Manner manner = Manner::whole;
+  double seconds = 0;
 };
 
 /// A reply of "success" false and a reason.
 Reply refuse(int status, const std::string& why);
 
-/// What the backend answers: finds the path, lets a planned fault happen, checks who asks, and keeps or looks up.
+/// What the backend answers: finds the path, checks who asks, and keeps or looks up, unless a fault happens to it.
 /// Trips, places and predictions are what is derived from the positions of the user, unless canned data were given;
 /// those are the same for everybody.
 ///
@@ -39,6 +49,8 @@ class Service {
   Service(Account account, std::unique_ptr<Store> store);
 
   Reply answer(const Call& call);
+  /// Whether this is a path behind the client id, "tags/set".
+  static bool isEndpoint(std::string_view path);
 
   /// What units are answered: JSON texts.
   std::string pastTrips(const std::string& user, std::int64_t first, std::int64_t last);
@@ -56,6 +68,7 @@ class Service {
   static const Route kRoutes[];
 
   const Route* find(const Call& call) const;
+  Reply handle(const Call& call, const Route& route);
   std::string derivedText(const std::string& user, const std::function<std::string(derive::Records&)>& read);
 
   Reply users(const Call& call, const std::string& user);

@@ -30,7 +30,7 @@ constexpr int kWorkers = 160;
 struct SandboxOptions {
   int port = 8484;
   sandbox::Backend::Options server;
-  std::optional<std::string> data, canned, secretFile;
+  std::optional<std::string> data, canned, faults, secretFile;
   std::string store;
   std::vector<std::string> tls;
   std::string clientID = "demo", apiKey = "demo-key", apiSecret = "demo-secret";
@@ -94,6 +94,8 @@ int serve(SandboxOptions options) {
     const fs::path data = options.data || !options.store.empty() ? fs::path(options.data.value_or("")) : defaultData();
     backend = std::make_unique<sandbox::Backend>(sandbox::Account{options.clientID, options.apiKey, options.apiSecret},
                                                  sandbox::openStore(options.store, data), options.server);
+    if (options.faults)
+      for (sandbox::Rule& rule : sandbox::readRules(*options.faults)) backend->faults().add(std::move(rule));
     if (options.canned) backend->serve(sandbox::readCanned(*options.canned));
     backend->start(options.port);
     if (options.store.empty()) note("what is sent is kept in " + data.string());
@@ -147,6 +149,8 @@ void addSandboxCommand(CLI::App& app, Run& run) {
   command
       ->add_option("--backend", options->canned,
                    "Prediction, past trips and places to answer with (JSON) [derived from the positions]")
+      ->type_name("FILE");
+  command->add_option("--faults", options->faults, "What goes wrong, a JSON array of rules: docs/sandbox.md")
       ->type_name("FILE");
   command->add_flag("--open", options->open, "Open the page");
   command->callback([options, &run] { run = [options] { return serve(*options); }; });

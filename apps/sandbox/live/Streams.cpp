@@ -57,12 +57,18 @@ std::string PageStream::text(const std::vector<Event>& events) {
 
   std::string said;
   std::set<std::string> units;
+  // They are of this process alone, so another one's tell nothing but that one looks again.
+  bool tellsFaults = false;
   for (const Event& one : events) {
     if (!one.unit.empty()) units.insert(one.unit);
     if (one.kind == "unit") continue;
     if (one.kind == "request") {
-      if (const auto row = requests.find(numberIn(one)); row != requests.end())
-        said += event(one.kind, dump(requestJson(row->second)), one.n);
+      const auto row = requests.find(numberIn(one));
+      if (row == requests.end()) continue;
+      tellsFaults |= !row->second.fault.empty();
+      said += event(one.kind, dump(requestJson(row->second)), one.n);
+    } else if (one.kind == "faults") {
+      tellsFaults = true;
     } else if (one.kind == "push") {
       said += event("push", dump({{"unit", one.unit}, {"push", one.n}, {"state", "sent"}}), one.n);
     } else if (one.kind == "received") {
@@ -71,6 +77,7 @@ std::string PageStream::text(const std::vector<Event>& events) {
       said += event(one.kind, one.json, one.n);
     }
   }
+  if (tellsFaults) said += event("faults", dump(faultsJson(service_.faults)));
   for (const std::string& uuid : units)
     if (const auto unit = service_.store->unit(uuid)) said += event("unit", dump(unitJson(service_, *unit)));
   return said;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 
 #include "sandbox/derive/Derive.h"
 #include "sandbox/wire/BoundedJson.h"
@@ -73,6 +74,18 @@ Json requestJson(const RequestRow& request) {
           {"status", request.status},
           {"bytes", request.bytes},
           {"fault", orNull(request.fault)}};
+}
+
+Json faultsJson(Faults& faults) {
+  Json all = Json::array();
+  for (const Faults::Standing& one : faults.standing()) {
+    Json json = {{"id", one.id}};
+    json.update(ruleJson(one.rule));
+    if (one.left) json["seconds"] = std::round(*one.left * 1000) / 1000;
+    json["met"] = one.met;
+    all.push_back(json);
+  }
+  return all;
 }
 
 Json logLines(std::string_view content, std::int64_t after, std::int64_t limit) {

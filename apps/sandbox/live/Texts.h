@@ -24,6 +24,7 @@ std::optional<Json> readObject(std::string_view text);
 
 Json unitJson(Service& service, const Unit& unit);
 Json requestJson(const RequestRow& request);
+Json faultsJson(Faults& faults);
 
 /// `limit` lines of a log file after the first `after`; see docs/sandbox.md.
 Json logLines(std::string_view content, std::int64_t after, std::int64_t limit);

@@ -9,6 +9,7 @@ namespace {
 
 /// At most this much in one answer, whatever was asked for.
 constexpr std::int64_t kMostPositions = 20000, kMostRequests = 1000, kMostLines = 5000, kMostOfLedger = 1000;
+constexpr std::size_t kMostFaults = 1000;
 
 Reply ok(const Json& json) { return {200, dump(json), {}, {}}; }
 
@@ -51,6 +52,7 @@ Reply Views::answer(const Call& call) {
   if (parts.size() < 2 || parts[0] != "live") return refuse(404, "no such path");
   if (parts.size() == 2 && gets && parts[1] == "state") return state();
   if (parts.size() == 2 && gets && parts[1] == "requests") return requests(call);
+  if (parts[1] == "faults" && parts.size() <= 3) return faults(call, parts.size() == 3 ? parts[2] : "");
   if (parts.size() >= 4 && parts.size() <= 5 && parts[1] == "units")
     return ofUnit(call, parts[2], {parts.begin() + 3, parts.end()});
   return refuse(404, "no such path");
@@ -67,10 +69,30 @@ Reply Views::state() {
   Json units = Json::array();
   for (const Unit& unit : service_.store->units()) units.push_back(unitJson(service_, unit));
   Json json = {
-      {"storage", service_.store->name()}, {"units", units},         {"requests", service_.store->requestCount()},
-      {"faults", Json::array()},           {"kinds", Json::array()}, {"last", last}};
+      {"storage", service_.store->name()},     {"units", units},        {"requests", service_.store->requestCount()},
+      {"faults", faultsJson(service_.faults)}, {"kinds", faultKinds()}, {"last", last}};
   if (!tiles_.empty()) json["tiles"] = tiles_;
   return ok(json);
+}
+
+Reply Views::faults(const Call& call, const std::string& id) {
+  Json answer = Json::object();
+  if (call.method == "POST" && id.empty()) {
+    const auto json = readObject(call.body);
+    if (!json) return refuse(400, "expected a JSON object");
+    if (service_.faults.standing().size() >= kMostFaults) return refuse(409, "there are too many faults");
+    try {
+      answer["id"] = service_.faults.add(readRule(*json));
+    } catch (const std::runtime_error& error) {
+      return refuse(400, error.what());
+    }
+  } else if (call.method == "DELETE" && id.empty()) {
+    service_.faults.clear();
+  } else if (call.method != "DELETE" || !service_.faults.remove(readNumber(id).value_or(0))) {
+    return refuse(404, "no such fault");
+  }
+  service_.store->tell("", "faults", "");
+  return ok(answer);
 }
 
 Reply Views::requests(const Call& call) {

@@ -24,6 +24,7 @@ class Views {
 
  private:
   Reply state();
+  Reply faults(const Call& call, const std::string& id);
   Reply requests(const Call& call);
   Reply ofUnit(const Call& call, const std::string& unit, const std::vector<std::string>& parts);
   Reply push(const Call& call, const Unit& unit);
