@@ -237,6 +237,12 @@ void live(Host& host, const Behaviour& row, bool confirmed) {
   test::endOf(server);
 }
 
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
 int drive(Driver driver) {
   const Certificates made;
   certificates = &made;
