@@ -109,14 +109,14 @@ def switches_a_fault_on(page, sandbox, options):
         options.left_out.append("this sandbox makes no faults by rule")
         return
     page.run("""(() => {
-        const { kind, endpoint, status, times } = document.querySelector('#fault').elements;
-        [kind.value, endpoint.value, times.value] = ['status', 'positions', '2'];
+        const { kind, endpoint, status } = document.querySelector('#fault').elements;
+        [kind.value, endpoint.value] = ['status', 'positions'];
         kind.dispatchEvent(new Event('change'));
         status.value = '503';
         document.querySelector('#fault').requestSubmit();
     })()""")
-    page.wait(f"{text_of('#faults-list')}.includes('positions, status 503, 2 times')")
-    page.wait("[...document.querySelectorAll('#requests-rows .faulty')].filter((row) => /POST positions.*503.*status/.test(row.textContent)).length === 2")
+    page.wait(f"{text_of('#faults-list')}.includes('positions, status 503')")
+    page.wait("[...document.querySelectorAll('#requests-rows .faulty')].filter((row) => /POST positions.*503.*status/.test(row.textContent)).length > 1")
     click(page, "#faults-clear")
     page.wait(f"{text_of('#faults-list')}.includes('no fault is switched on')")
 

@@ -33,16 +33,22 @@ inline std::string endOf(pid_t process, const fs::path& told) {
   return platform::concat(status == -SIGALRM ? "hangs" : "ends", " with ", status, "\n", text.substr(last));
 }
 
-/// A host in a process of its own. What it expects in the way of a test counts for its row. Keeps no line of the log: a
-/// row writes hundreds of megabytes of them.
+/// A host in a process of its own. What it expects in the way of a test counts for its row. A row writes hundreds of
+/// megabytes of the log, so lines are kept only where they are looked at.
 struct Host : test::WholeSdk {
-  Host() {
+  explicit Host(bool keepsLog) {
     SetUp();
-    platform::setSystemLogSink([](std::string_view line) {
-      if (line.starts_with("Fatal error")) std::fprintf(stderr, "%.*s\n", int(line.size()), line.data());
-    });
+    if (keepsLog)
+      diary.onMessage(tellTheEnd);
+    else
+      platform::setSystemLogSink(tellTheEnd);
   }
   void TestBody() override {}
+
+ private:
+  static void tellTheEnd(std::string_view line) {
+    if (line.starts_with("Fatal error")) std::fprintf(stderr, "%.*s\n", int(line.size()), line.data());
+  }
 };
 
 struct Row {
@@ -51,6 +57,7 @@ struct Row {
   std::string end = "lives";  ///< pattern: that, or the line with which it has to stop
   std::int64_t seconds = 180;
   bool isQuiet = true;  ///< one that lives says nothing
+  bool keepsLog = false;
 };
 
 /// Runs the row in a fresh process and expects its end, and a whole store in which each number was given once, from 0
@@ -62,7 +69,8 @@ inline void run(Driver& driver, const Row& row) {
   const std::string end = endOf(test::startProcess([&] {
                                   begin(told, row.seconds);
                                   ::setenv("TMPDIR", folder.path().c_str(), 1);
-                                  static auto* const host = new Host;  // at the end its threads may still be at work
+                                  static auto* const host =
+                                      new Host(row.keepsLog);  // at the end its threads may still be at work
                                   row.body(*host);
                                   std::exit(testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed() ? 1 : 0);
                                   return 9;

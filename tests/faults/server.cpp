@@ -255,7 +255,8 @@ int drive(Driver driver) {
       if (!confirmed || row.endpoint == "positions" || row.fate[1] != row.fate[0])  // else nothing differs
         rows.push_back({.name = row.what + (confirmed ? ", confirmed" : ", by default"),
                         .body = [&row, confirmed](Host& host) { live(host, row, confirmed); },
-                        .isQuiet = confirmed || row.fate[0] != kStops});
+                        .isQuiet = confirmed || row.fate[0] != kStops,
+                        .keepsLog = true});
   driver.expect(rows.size() > 450, "docs/delivery.md has lost rows");
   std::ranges::shuffle(rows, driver.random);
   for (std::int64_t i = 0; i < driver.runs; ++i)
