@@ -18,7 +18,7 @@ namespace tarvo::sandbox {
 ///   POST users                  a device gets the same identity every time
 /// and with user and user secret:
 ///   POST positions              a batch; answered with the counters of what `serve` was given
-///   POST uplog                  a log file, kept in the log folder in place of one of the same name
+///   POST uplog                  a log file, kept in the log folder as USER/NAME in place of one before
 ///   POST tokens, tags/set, tags/unset, subscriptions/register, subscriptions/unregister
 ///                               kept in the archive, without any effect
 ///   GET userconf?uuid=USER      "log_level", when there is one

@@ -83,7 +83,7 @@ TEST_F(BackendWork, ALogFileIsDeletedOnlyWhenTheBackendSaysThatItHoldsIt) {
   }
   push(tarvo);
   EXPECT_FALSE(std::filesystem::exists(log));
-  auto kept = platform::readFile(backend.logs() / log.filename());
+  auto kept = platform::readFile(backend.logs() / *LocationManager::userUUID() / log.filename());
   EXPECT_TRUE(kept && kept->starts_with("[[2024-06-15T10:")) << "without the multipart frame";
 }
 

@@ -287,7 +287,9 @@ class Killer {
       if (const std::string name = entry.path().filename(); name.starts_with("TarvoLog_")) home.logs.insert(name);
     if (isLast) home.logs.erase(std::prev(home.logs.end()));  // today's
     for (const auto& log : home.logs) {
-      const bool isHere = fs::exists(home.copy / log), isThere = fs::exists(home.backend.logs() / log);
+      const auto user =
+          log.substr(std::strlen("TarvoLog_2024-06-15_"), std::strlen("00000000-0000-0000-0000-000000000000"));
+      const bool isHere = fs::exists(home.copy / log), isThere = fs::exists(home.backend.logs() / user / log);
       expect(isLast ? isThere && !isHere : isThere || isHere, concat(isHere ? "not sent: " : "lost: ", log));
     }
   }

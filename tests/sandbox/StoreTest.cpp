@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <fstream>
 #include <limits>
 #include <memory>
 #include <string>
@@ -146,9 +147,12 @@ TEST_P(Store, TakesWhateverBytesThereAre) {
     EXPECT_TRUE(records.add({strange, strange}).empty());
   });
   one->addRequest({0, 7, user, "GET", odd, 200, 0, ""});
+  const std::string another = one->identify({"", "another", "", ""}).uuid;
+  one->change(another, [](UserRecords& records) { records.addLog("day.log", "its own"); });
 
   EXPECT_EQ(other->log(user, "day.log"), odd);
-  EXPECT_EQ(other->logs(user).at(0).bytes, 6);
+  EXPECT_EQ(other->log(another, "day.log"), "its own");
+  EXPECT_EQ(std::tuple(other->logs(user).at(0).bytes, other->logs(user).at(0).received), std::tuple(6, 1));
   EXPECT_EQ(other->log(user, odd), std::nullopt);
   EXPECT_FALSE(other->knows({odd, odd}));
   EXPECT_EQ(other->positions(user, 0, INT64_MAX, INT64_MAX).size(), 1u);
@@ -251,18 +255,23 @@ TEST(SqliteStore, TakesUpAFileOfTheVersionBefore) {
         "TEXT,"
         "terramesh_data_version TEXT,PRIMARY KEY(useruuid,id)) WITHOUT ROWID;"
         "CREATE TABLE requests(n INTEGER PRIMARY KEY,method TEXT,path TEXT,status INTEGER);"
+        "CREATE TABLE logs(file TEXT PRIMARY KEY,useruuid TEXT,bytes INTEGER,received INTEGER DEFAULT 1);"
+        "INSERT INTO logs VALUES('a.txt','u',3,2);"
         "INSERT INTO users(uuid,mobileid,secret) VALUES('u','m','s');INSERT INTO requests VALUES(7,'GET','/x',200);"
         "INSERT INTO positions(useruuid,id,received,date_localisation,lon,lat) VALUES"
         "('u',0,2,'2024-06-15 10:00:00 +0000','11.5','48'),('u',3,1,'text','11.5','48')");
   }
 
-  SqliteStore(dir.path() / "a.sqlite", {});
-  SqliteStore store(dir.path() / "a.sqlite", {});
+  std::ofstream(dir.path() / "a.txt") << "log";
+
+  SqliteStore(dir.path() / "a.sqlite", dir.path());
+  SqliteStore store(dir.path() / "a.sqlite", dir.path());
 
   const Unit unit = store.unit("u").value();
   EXPECT_EQ((std::tuple{unit.positions, unit.repeats, unit.highest, unit.newest->time}),
             (std::tuple{2, 1, 3, 1718445600}));
   EXPECT_EQ(store.requests(100, 10).at(0).path, "/x");
+  EXPECT_EQ(std::tuple(store.logs("u").at(0).received, store.log("u", "a.txt")), std::tuple(2, "log"));
   store.look("u", [](derive::Records& records) { EXPECT_EQ(ids(records.points(0, 2e9)), "0 "); });
 }
 

@@ -33,16 +33,20 @@ void writeThrough(const std::filesystem::path& file, std::string_view content) {
 
 }  // namespace
 
-void LogFolder::keep(std::string_view file, std::string_view content) {
+void LogFolder::keep(const std::string& user, std::string_view file, std::string_view content) {
   const std::lock_guard lock(mutex_);
   if (std::filesystem::create_directories(folder_))
     std::filesystem::permissions(folder_, std::filesystem::perms::owner_all);
-  // No upload can bear such a name. Processes that share the folder do not share this one.
+  std::filesystem::create_directory(folder_ / user);
+  // No user and no upload can bear such a name. Processes that share the folder do not share this one.
   const std::filesystem::path incoming = folder_ / ("..incoming-" + std::to_string(::getpid()));
   writeThrough(incoming, content);
-  std::filesystem::rename(incoming, folder_ / file);
+  std::filesystem::rename(incoming, folder_ / user / file);
 }
 
-std::optional<std::string> LogFolder::read(const std::string& file) const { return readRegularFile(folder_ / file); }
+std::optional<std::string> LogFolder::read(const std::string& user, const std::string& file) const {
+  auto content = readRegularFile(folder_ / user / file);
+  return content ? content : readRegularFile(folder_ / file);
+}
 
 }  // namespace tarvo::sandbox

@@ -8,16 +8,17 @@
 
 namespace tarvo::sandbox {
 
-/// The folder of the logs that were received, one file for each name; made with the first of them.
+/// The folder of the logs that were received, USER/FILE; made with the first of them.
 ///
 /// Threads: any. Errors: std::system_error.
 class LogFolder {
  public:
   explicit LogFolder(std::filesystem::path folder) : folder_(std::move(folder)) {}
 
-  /// On disk when it returns, in place of a file of this name, which is a plain one.
-  void keep(std::string_view file, std::string_view content);
-  std::optional<std::string> read(const std::string& file) const;
+  /// On disk when it returns, in place of the user's file of this name. Both names are plain ones.
+  void keep(const std::string& user, std::string_view file, std::string_view content);
+  /// One that an earlier version has kept lies in the folder itself.
+  std::optional<std::string> read(const std::string& user, const std::string& file) const;
 
   const std::filesystem::path& path() const { return folder_; }
 

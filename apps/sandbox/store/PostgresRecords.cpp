@@ -203,9 +203,9 @@ void Records::addReset(std::string_view call) {
 
 void Records::addLog(std::string_view file, std::string_view content) {
   write(
-      "INSERT INTO logs AS l VALUES($1,$2,$3) ON CONFLICT(file) DO UPDATE SET useruuid=excluded.useruuid,"
+      "INSERT INTO logs AS l VALUES($1,$2,$3) ON CONFLICT(useruuid,file) DO UPDATE SET "
       "content=excluded.content,received=l.received+1",
-      (Parameters() << file << user_).bytes(content));
+      (Parameters() << user_ << file).bytes(content));
 }
 
 void Records::tell(std::string_view kind, std::string_view json) {

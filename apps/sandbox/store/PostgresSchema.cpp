@@ -37,9 +37,8 @@ constexpr const char* kTables[] = {
     "CREATE TABLE subscriptions(n bigint GENERATED ALWAYS AS IDENTITY PRIMARY KEY,useruuid text,call text,"
     "subscription text,envir text,app_id text,notification text)",
     "CREATE TABLE resets(n bigint GENERATED ALWAYS AS IDENTITY PRIMARY KEY,useruuid text,call text)",
-    "CREATE TABLE logs(file text PRIMARY KEY,useruuid text NOT NULL,content bytea NOT NULL,received bigint NOT NULL "
-    "DEFAULT 1)",
-    "CREATE INDEX logs_user ON logs(useruuid)",
+    "CREATE TABLE logs(useruuid text,file text,content bytea NOT NULL,received bigint NOT NULL DEFAULT 1,"
+    "PRIMARY KEY(useruuid,file))",
     "CREATE TABLE requests(n bigint PRIMARY KEY,method text,path text,status bigint,at bigint,useruuid text,"
     "bytes bigint,fault text)",
     "CREATE TABLE derived(useruuid text,kind text,id bigint,begins float8 NOT NULL,ends float8 NOT NULL,"

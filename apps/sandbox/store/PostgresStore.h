@@ -28,7 +28,7 @@ class Pool;
 ///     One row from the first registration on. A transaction that changes the user begins by locking it.
 ///   hosts(useruuid, seen, connected, at, health)
 ///     `seen`, which changes with every request, is here, where nobody holds a lock for long.
-///   logs(file, useruuid, content bytea, received)
+///   logs(useruuid, file, content bytea, received)
 ///   sandbox(version, events, requests)
 ///     One row: the last number of an event and of a request. See Events.
 ///

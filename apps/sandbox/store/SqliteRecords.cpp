@@ -178,11 +178,11 @@ void SqliteRecords::addReset(std::string_view call) {
 }
 
 void SqliteRecords::addLog(std::string_view file, std::string_view content) {
-  if (logs_ != nullptr) logs_->keep(file, content);
+  if (logs_ != nullptr) logs_->keep(user_, file, content);
   const auto statement = writes().database.prepare(
-      "INSERT INTO logs(file,useruuid,bytes) VALUES(?,?,?) ON CONFLICT(file) DO UPDATE SET "
-      "useruuid=excluded.useruuid,bytes=excluded.bytes,received=received+1");
-  Execution(statement).bind(file).bind(user_).bind(static_cast<std::int64_t>(content.size())).step();
+      "INSERT INTO logs(useruuid,file,bytes) VALUES(?,?,?) ON CONFLICT(useruuid,file) DO UPDATE SET "
+      "bytes=excluded.bytes,received=received+1");
+  Execution(statement).bind(user_).bind(file).bind(static_cast<std::int64_t>(content.size())).step();
 }
 
 }  // namespace tarvo::sandbox

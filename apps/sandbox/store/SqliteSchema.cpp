@@ -38,11 +38,14 @@ std::string createPositions() {
   return sql + ",PRIMARY KEY(useruuid,id)) WITHOUT ROWID";
 }
 
-/// What the version after the first tables has added to them.
+/// What the version after the first tables has added to them, and the logs: two users may send one name.
 constexpr const char* kAdded =
     "ALTER TABLE positions ADD COLUMN time REAL;"
     "CREATE INDEX positions_time ON positions(useruuid,time,id) WHERE time IS NOT NULL;"
     "ALTER TABLE requests ADD COLUMN at INTEGER DEFAULT 0;ALTER TABLE requests ADD COLUMN useruuid TEXT DEFAULT '';"
+    "ALTER TABLE logs RENAME TO logs_before;CREATE TABLE logs(useruuid TEXT,file TEXT,bytes INTEGER,"
+    "received INTEGER DEFAULT 1,PRIMARY KEY(useruuid,file)) WITHOUT ROWID;"
+    "INSERT INTO logs SELECT useruuid,file,bytes,received FROM logs_before;DROP TABLE logs_before;"
     "ALTER TABLE requests ADD COLUMN bytes INTEGER DEFAULT 0;ALTER TABLE requests ADD COLUMN fault TEXT DEFAULT ''";
 
 /// For files whose positions were counted on demand; of several newest positions any.

@@ -216,7 +216,7 @@ std::optional<std::string> SqliteStore::log(const std::string& user, const std::
     const auto statement = reader_->database.prepare("SELECT 1 FROM logs WHERE useruuid=? AND file=?");
     if (!Execution(statement).bind(user).bind(file).step()) return std::nullopt;
   }
-  return logs_.read(file);
+  return logs_.read(user, file);
 }
 
 std::int64_t SqliteStore::tell(const std::string& user, std::string_view kind, std::string_view json) {

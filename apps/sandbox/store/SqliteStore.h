@@ -28,8 +28,8 @@ namespace tarvo::sandbox {
 ///     "unset", "register" or "unregister"; what a call does not carry is NULL.
 ///   resets(n INTEGER PRIMARY KEY, useruuid, call)
 ///     `call` is "resetbackend" or "resetgeoprofile".
-///   logs(file PRIMARY KEY, useruuid, bytes, received)
-///     One row for each log file: who sent it last, its size, and how often it came.
+///   logs(useruuid, file, bytes, received, PRIMARY KEY(useruuid, file))
+///     One row for each log file of a user: its size, and how often it came.
 ///   requests(n INTEGER PRIMARY KEY, method, path, status, at, useruuid, bytes, fault)
 ///     One row for each request that was answered, in the order of the answers. `path` is the target as it came, with
 ///     its query; `at` is in milliseconds since 1970.

@@ -82,7 +82,7 @@ class UserRecords : public derive::Records {
   /// `texts` are those of the form's keys, in their order.
   virtual void addCall(const Form& form, const std::vector<std::string>& texts) = 0;
   virtual void addReset(std::string_view call) = 0;
-  /// In place of a file of this name.
+  /// In place of this user's file of this name.
   virtual void addLog(std::string_view file, std::string_view content) = 0;
   /// Tells those who watch, once the transaction holds.
   virtual void tell(std::string_view kind, std::string_view json) = 0;
