@@ -22,7 +22,6 @@ struct Member {
   Vec at;
   double weight = 0;
   int cluster = -1;
-  bool isCore = false;
 };
 
 /// What the stays of a cluster come to.
@@ -73,16 +72,18 @@ int cluster(std::vector<Member>& members) {
   int clusters = 0;
   for (Member& seed : members) {
     if (seed.cluster >= 0) continue;
-    std::vector<std::size_t> open = neighbours(seed);
-    if (weigh(open) < kCoreWeight) continue;
+    if (weigh(neighbours(seed)) < kCoreWeight) continue;
     seed.cluster = clusters++;
+    std::vector<Member*> open = {&seed};
     while (!open.empty()) {
-      Member& next = members[open.back()];
+      const auto around = neighbours(*open.back());
       open.pop_back();
-      if (next.cluster >= 0) continue;
-      next.cluster = seed.cluster;
-      if (const auto around = neighbours(next); weigh(around) >= kCoreWeight)
-        open.insert(open.end(), around.begin(), around.end());
+      if (weigh(around) < kCoreWeight) continue;
+      for (const std::size_t i : around) {
+        if (members[i].cluster >= 0) continue;
+        members[i].cluster = seed.cluster;
+        open.push_back(&members[i]);
+      }
     }
   }
   return clusters;

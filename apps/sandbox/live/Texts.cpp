@@ -51,7 +51,7 @@ Json unitJson(Service& service, const Unit& unit) {
   Json json = {{"uuid", unit.uuid},
                {"name", unit.name},
                {"positions", unit.positions},
-               {"missing", std::max<std::int64_t>(unit.highest + 1 - unit.positions, 0)},
+               {"missing", std::max<std::int64_t>(unit.highest - unit.positions + 1, 0)},
                {"repeats", unit.repeats},
                {"lastSeen", unit.lastSeen},
                {"connected", unit.connectedUntil > now()},

@@ -40,8 +40,9 @@ std::optional<double> readDate(std::string_view text) {
       !take(text, 2, second))
     return std::nullopt;
   if (text.starts_with('.')) {
-    const auto parsed = readDecimal(text.substr(0, text.find(' ')));
-    if (!parsed) return std::nullopt;
+    const std::string_view digits = text.substr(0, text.find(' '));
+    const auto parsed = readDecimal(digits);
+    if (!parsed || digits.find_first_not_of("0123456789", 1) != digits.npos) return std::nullopt;
     fraction = *parsed;
     text.remove_prefix(std::min(text.find(' '), text.size()));
   }
