@@ -104,10 +104,7 @@ def sends_a_push(page, *_):
     page.wait("/Stored\\d+/.test(document.querySelector('#panel-health').textContent)")
 
 
-def switches_a_fault_on(page, sandbox, options):
-    if "status" not in sandbox.state()["kinds"]:
-        options.left_out.append("this sandbox makes no faults by rule")
-        return
+def switches_a_fault_on(page, *_):
     page.run("""(() => {
         const { kind, endpoint, status } = document.querySelector('#fault').elements;
         [kind.value, endpoint.value] = ['status', 'positions'];
@@ -263,7 +260,7 @@ def main():
         print("skipped: no browser is installed")
         return 77
     options = type("Options", (), {"program": sys.argv[1], "source": sys.argv[2]})
-    options.left_out, options.replay = [], None
+    options.replay = None
     with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as options.home:  # a browser ends in its own time
         options.pictures = sys.argv[3] if len(sys.argv) > 3 else options.home
         sandbox = Sandbox(options.program, f"{options.home}/sandbox")
@@ -282,9 +279,7 @@ def main():
             for process in filter(None, (options.replay, sandbox.process)):
                 process.terminate()
                 process.wait(30)
-    if options.left_out:
-        print("skipped:", *options.left_out)
-    return 77 if options.left_out else 0
+    return 0
 
 
 if __name__ == "__main__":

@@ -78,7 +78,7 @@ export class Requests {
 const kEndpoints = ['users', 'positions', 'predictions', 'pasttrips', 'pois', 'userconf', 'uplog', 'tokens', 'tags/set', 'tags/unset',
   'subscriptions/register', 'subscriptions/unregister', 'resetbackend', 'resetgeoprofile'];
 /// What a kind needs to know besides how often and for how long.
-const kNeeds = [[/status/, 'status'], [/delay|slow|drip|skew|hang/, 'delay'], [/status|garbage|body/, 'body']];
+const kNeeds = [[/status/, 'status'], [/delay|drip|skew/, 'delay'], [/status|garbage/, 'body']];
 
 export class Faults {
   constructor() {
