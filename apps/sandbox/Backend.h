@@ -28,12 +28,12 @@ namespace tarvo::sandbox {
 ///   GET resetgeoprofile         likewise its prediction and places
 /// A reset leaves what was received as it is: the archive is the record of a run.
 ///
-/// Wrong credentials are answered with 401, what is malformed with 400, a body above 64 MiB with 413, all other paths
-/// and methods with 404.
+/// Wrong credentials are answered with 401, what is malformed with 400, a body that announces more than 64 MiB with
+/// 413, all other paths and methods with 404.
 ///
 /// Threads: any; requests are served on threads of its own, which `stop` and the destructor wait for (up to about a
-/// second while a client keeps a connection open). Errors: std::runtime_error from the constructor, `start` and
-/// `serve`.
+/// second while a client keeps a connection open, longer while one still sends). Errors: std::runtime_error from the
+/// constructor, `start` and `serve`.
 class Backend {
  public:
   struct Options {

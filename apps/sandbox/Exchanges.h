@@ -10,7 +10,7 @@ namespace tarvo::sandbox {
 /// One request to the contract's paths and its answer, as they went over the wire.
 struct Exchange {
   std::string_view method, target, contentType;
-  std::string_view credentials;  ///< whose they were: "account", "user", or "nobody"
+  std::string_view credentials;  ///< whose they were: "account", or else "user"
   std::string_view body, answer;
   int status = 0;
   bool planned = false;  ///< the answer is what a fault or canned data made it, not what the backend would say

@@ -103,9 +103,10 @@ class Store {
   virtual Identity identify(const Device& device) = 0;
   virtual bool knows(const Credentials& user) = 0;
 
-  /// Runs the work in one transaction during which nobody else, thread or process, changes this user. It is on the
-  /// disk as a whole when this returns, and undone as a whole when the work throws. An engine may undo the work and run
-  /// it again, so it has no other effect than on the records and on what it sets anew each time.
+  /// Runs the work in one transaction during which nobody else, thread or process, changes this user. It holds
+  /// as a whole when this returns, also when the process is killed, and is undone as a whole when the work throws. An
+  /// engine may undo the work and run it again, so it has no other effect than on the records and on what it sets anew
+  /// each time.
   virtual void change(const std::string& user, const std::function<void(UserRecords&)>& work) = 0;
   /// Runs the work on the state of one moment; it must not write.
   virtual void look(const std::string& user, const std::function<void(derive::Records&)>& work) = 0;
