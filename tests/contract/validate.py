@@ -4,7 +4,7 @@
 usage: validate.py OPENAPI FOLDER    every *.jsonl below FOLDER, as the sandbox writes them (sandbox/Exchanges.h)
 
 A request that was accepted and an answer that was not planned by a test must be as the contract says, and may hold no
-key that it does not name. All paths of the contract must have been exchanged. The folder is removed when all is well.
+key that it does not name. All paths of the contract must have been exchanged. The folder is removed.
 """
 import copy
 import json
@@ -107,10 +107,8 @@ def main(openapi, folder):
     if missing:
         print("never exchanged:", ", ".join(missing))
     print(f"{count} exchanges are as the contract says, {len(wrong)} are not")
-    if wrong or missing or not count:
-        return 1
     shutil.rmtree(folder)
-    return 0
+    return 1 if wrong or missing or not count else 0
 
 
 if __name__ == "__main__":

@@ -96,7 +96,9 @@ TEST_P(LeftUpload, RestsInLocalModesAndThenGoesOn) {
   ASSERT_FALSE(platform::writeFileAtomically(file, "line", false));
   {
     platform::TransferJournal left(home.path() / "Library" / "Transfers", Tarvo::backgroundSessionID());
-    for (const int task : {1, 2}) left.putResumed({task, {backend.baseURL() + "/v1/demo/uplog", "POST"}, file});
+    const platform::URLRequest request{
+        backend.baseURL() + "/v1/demo/uplog", "POST", {{"Content-Type", "multipart/form-data;boundary=boundary"}}};
+    for (const int task : {1, 2}) left.putResumed({task, request, file});
     left.putEnded(2, {200, {}, {}});
   }
   backend.faults().answerNext("uplog", 1, 200);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "sandbox/derive/Derive.h"
+#include "simulate/Simulation.h"
 
 namespace tarvo::sandbox::derive {
 namespace {
@@ -223,6 +224,46 @@ TEST(Derive, NamesPlacesAndPredictsTheCommute) {
   EXPECT_LT(next.at("probability"), 1);
   EXPECT_NEAR(next.at("duration").get<double>(), 750, 120);
   EXPECT_EQ(next.at("destination_json").at("features")[0].at("geometry").at("type"), "LineString");
+}
+
+/// Of trips that were and trips that were derived: those that are the same, but for a few minutes at either end.
+double shared(const simulation::Truth& truth, const std::map<std::int64_t, Row>& derived) {
+  constexpr double kMinutes = 300;
+  return static_cast<double>(std::ranges::count_if(truth.trips, [&](const simulation::Truth::Trip& trip) {
+    const double start = static_cast<double>(trip.start) / 1000, arrival = static_cast<double>(trip.arrival) / 1000;
+    return std::ranges::any_of(derived, [&](const auto& row) {
+      return std::abs(row.second.from - start) < kMinutes && std::abs(row.second.to - arrival) < kMinutes;
+    });
+  }));
+}
+
+TEST(Derive, FindsTheTripsAndTheCommutesOfInventedMonths) {
+  for (const std::uint64_t seed : {1, 2, 3}) {
+    const auto month =
+        simulation::simulate({{48.1, 11.5}, {48.13, 11.6}, simulation::Profile::Week, seed, 28, 1715671800000, 0.1});
+    ASSERT_EQ(month.truth.places[1].name, "work");
+    User user;
+    std::size_t commutes = 0, predicted = 0, next = 0;
+    for (const simulation::Truth::Trip& trip : month.truth.trips) {
+      Points batch;
+      for (; next < month.fixes.size() && month.fixes[next].ms < trip.start; ++next) {
+        const simulation::Fix& fix = month.fixes[next];
+        batch.push_back({static_cast<std::int64_t>(next), static_cast<double>(fix.ms) / 1000, fix.at.lon, fix.at.lat,
+                         fix.accuracy, fix.speed});
+      }
+      user.take(batch);
+      if (trip.from != 0 || trip.to != 1 || trip.start < month.truth.trips[0].start + 7 * 86'400'000LL) continue;
+      const Json expected = Json::parse(prediction(user));
+      ++commutes;
+      predicted += expected.value("start_name", "") == "Home" && expected.value("arrival_name", "") == "Work";
+    }
+    const auto& derived = user.kept[Kind::Trip];
+    const double found = shared(month.truth, derived);
+    EXPECT_GE(found / static_cast<double>(month.truth.trips.size() - 1), 0.9) << "recall; the last trip has not ended";
+    EXPECT_GE(found / static_cast<double>(derived.size()), 0.9) << "precision";
+    EXPECT_GE(commutes, 10);
+    EXPECT_GE(static_cast<double>(predicted), 0.9 * static_cast<double>(commutes));
+  }
 }
 
 TEST(Derive, CountersMoveWhenThereIsSomethingNewAndOnlyThen) {
