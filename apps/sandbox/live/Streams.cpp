@@ -91,7 +91,9 @@ HostStream::HostStream(Service& service, Feed& feed, std::optional<std::int64_t>
 
 HostStream::~HostStream() {
   try {
-    service_.store->connected(user_, 0);
+    // A newer stream of the same host may have said since that it is there.
+    const auto unit = service_.store->unit(user_);
+    if (unit && unit->connectedUntil <= told_ + kConnected) service_.store->connected(user_, 0);
     service_.store->tell(user_, "unit", "{}");
   } catch (const std::exception&) {  // it counts as connected for some seconds more
   }
