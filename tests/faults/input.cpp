@@ -6,6 +6,7 @@
 
 #include "engine/EngineParts.h"
 #include "faults/Stress.h"
+#include "log/Log.h"
 #include "platform/foundation/SerialQueue.h"
 #include "records/Positions.h"
 #include "settings/EngineLink.h"
@@ -119,7 +120,8 @@ const std::pair<const char*, void (*)(Tarvo&)> kStops[] = {
     {"the completion handler", [](Tarvo& t) { t.handleEventsForBackgroundURLSession(t.backgroundSessionID(), fail); }},
     {"LocationSource::start threw", [](Tarvo&) { LocationService::shared().setSource(std::make_shared<Thrower>()); }},
     {"a block of the main queue threw an exception\n", [](Tarvo&) { MainQueue::main().async([] { throw 7; }); }},
-    {"the system log's sink threw", [](Tarvo&) { platform::setSystemLogSink([](auto) { fail(); }); }},
+    {"the system log's sink threw",
+     [](Tarvo&) { platform::setSystemLogSink([](auto) { fail(); }), Log::debugLog(6, "line"); }},
     {"there is no document directory",
      [](Tarvo&) { platform::setDocumentDirectories({}), ObjectStore().saveContext(); }},
     {"waiting for idle inside a block", [](Tarvo&) { SerialQueue("q").sync([] { Tarvo::waitUntilIdle(1); }); }},
