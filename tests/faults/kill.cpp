@@ -206,8 +206,9 @@ class Killer {
       if (home.wire) home.wire->isHonest = true;
       start(home, "last", 0, {});
     }
+    const bool isEnough = driver_.runs >= 600 || (driver_.seed == 1 && driver_.runs >= 60);  // with most seeds 60 are
     for (const char* place : {"retention: removed", "erase: done"})
-      driver_.expect(driver_.runs < 60 || places_.contains(place), concat("never reached: ", place));
+      driver_.expect(!isEnough || places_.contains(place), concat("never reached: ", place));
     std::cout << concat(kills_, " kills in ", starts_, " starts, at ", hit_.size(), " of ", places_.size(),
                         " places\n");
     return driver_.end(kills_);
