@@ -3,7 +3,8 @@
 # What a fresh Debian 12 needs, git aside.
 packages=(ca-certificates cmake g++ ninja-build pkg-config
   libsqlite3-dev libcurl4-openssl-dev libicu-dev nlohmann-json3-dev libplist-dev libgeographiclib-dev libpugixml-dev
-  libcli11-dev libcpp-httplib-dev libssl-dev libpq-dev libgtest-dev sqlite3 libjs-leaflet)
+  libcli11-dev libcpp-httplib-dev libssl-dev libpq-dev libgtest-dev sqlite3 libjs-leaflet
+  libgps-dev libsystemd-dev libtomlplusplus-dev)
 
 install_missing() {
   local missing=() package
