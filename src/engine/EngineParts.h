@@ -52,9 +52,9 @@ class EngineParts final : public platform::CLLocationManagerDelegate, public Eng
   /// Starts upload passes until what has been collected is delivered, nothing can be sent, or the real time is up
   /// (Tarvo::flush). Never from inside a callback of the SDK.
   FlushResult flush(platform::Seconds limit);
-  /// Runs the block in the store's queue once all queues that a fix passes have come by what waits there now. Any
-  /// thread; returns at once. The block must be short and must not call the host.
-  void probe(std::function<void()> passed);
+  /// Runs the block, on the main queue or inside one of the store's context, once all queues that a fix passes have come
+  /// by what waits there now. Any thread; returns at once. Only on the main queue it may be the host's.
+  void probe(std::function<void()> passed, bool onMainQueue);
 
   LocationManager& engine;
   platform::CLLocationManager locationManager;

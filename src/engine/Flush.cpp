@@ -34,14 +34,38 @@ void rest(Seconds span) {
     std::this_thread::sleep_for(span);
 }
 
+/// Queues itself from one queue to the next, then runs its block.
+struct Passage {
+  EngineParts& parts;
+  std::function<void()> passed;
+  bool onMainQueue;
+  int queues = 0;  ///< of the engine's that it has come to
+
+  void operator()() {
+    switch (queues++) {
+      case 0:
+        parts.state.serialQueue.async(std::move(*this));
+        break;
+      case 1:
+        parts.state.serialQueueLocation.async(std::move(*this));
+        break;
+      case 2:
+        parts.store.managedObjectContext().perform(std::move(*this));
+        break;
+      default:
+        onMainQueue ? platform::MainQueue::main().async(std::move(passed)) : passed();
+    }
+  }
+};
+
 }  // namespace
 
 FlushResult EngineParts::flush(Seconds limit) {
   const Seconds end = realTime() + platform::boundedRealTime(limit);
   const auto left = [&] { return std::max(end - realTime(), Seconds::zero()); };
   const UploadChannel& channel = Settings::shared().uploadChannel;
-  const auto isCollected = std::make_shared<std::atomic<bool>>(false);
-  probe([isCollected] { *isCollected = true; });
+  const auto isCollected = std::make_shared<std::atomic<std::uint64_t>>(0);
+  probe([isCollected] { *isCollected = 1; }, /*onMainQueue=*/false);
   pipeline.endWait();
   std::optional<std::int64_t> goal;  // so many acknowledged: the oldest go first
   std::int64_t acknowledged = 0;
@@ -50,7 +74,7 @@ FlushResult EngineParts::flush(Seconds limit) {
     const bool isIdle = WorkInFlight::waitUntilIdle(std::min(left(), look));
     const bool timeIsUp = left() <= Seconds::zero();
     look = std::min(2 * look, kLongestLook);
-    if (isIdle || *isCollected) {
+    if (isIdle || *isCollected != 0) {
       const LocationManager::SyncStatus status = engine.syncStatus();
       if (!status.storeAvailable) return FlushResult::storeUnavailable;
       if (!goal) goal = status.stored + status.unsaved;
@@ -79,13 +103,8 @@ FlushResult EngineParts::flush(Seconds limit) {
   }
 }
 
-void EngineParts::probe(std::function<void()> passed) {
-  platform::LocationServiceState::shared().afterDeliveries([this, passed = std::move(passed)]() mutable {
-    state.serialQueue.async([this, passed = std::move(passed)]() mutable {
-      state.serialQueueLocation.async(
-          [this, passed = std::move(passed)]() mutable { store.managedObjectContext().perform(std::move(passed)); });
-    });
-  });
+void EngineParts::probe(std::function<void()> passed, bool onMainQueue) {
+  platform::LocationServiceState::shared().afterDeliveries(Passage{*this, std::move(passed), onMainQueue});
 }
 
 }  // namespace tarvo

@@ -82,6 +82,21 @@ TEST_F(Flush, TakesAlongWhatIsOnItsWayAndNeedsNobodyToPump) {
   EXPECT_EQ(MainQueue::main().runPending(), 1u);
 }
 
+TEST_F(Flush, DoesNotWaitForWhatIsCollectedMeanwhile) {
+  Tarvo tarvo = online();
+  collect(2);
+  diary.onMessage([&](std::string_view line) {
+    if (line.find("Locations:markLocationAsSentUntilIndex [loc] from:0 ") == line.npos) return;
+    backend.faults().hangNext(1);
+    platform::LocationService::shared().deliver({fixAt(10, kStart)});
+  });
+  EXPECT_EQ(Tarvo::flush(10), FlushResult::delivered);
+  backend.faults().release();
+  waitUntilIdle();
+  settle();
+  expectEachIndexOnce(3);
+}
+
 TEST_F(Flush, HasNothingToDoWithoutAStore) {
   std::filesystem::create_directories(home.path() / "Documents" / ObjectStore::kFileName);
   Tarvo tarvo;
