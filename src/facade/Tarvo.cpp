@@ -183,7 +183,7 @@ FlushResult Tarvo::flush(double seconds) {
 }
 
 void Tarvo::probe(std::function<void()> answered) {
-  EngineParts::of(LocationManager::sharedInstance()).probe(std::move(answered), /*onMainQueue=*/true);
+  EngineParts::of(LocationManager::sharedInstance()).probe(std::move(answered));
 }
 
 Tarvo::Core::Core() : locationManager(LocationManager::sharedInstance()), delegate(nullptr) {}
