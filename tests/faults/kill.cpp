@@ -24,7 +24,7 @@ constexpr std::int64_t kDay = 86400, kFirstDay = 1718409600;  // 2024-06-15
 // The host. What it writes down for its killer is true by then: "at PLACE", "fix SECOND" before it delivers one,
 // "stored all" when they are, "ready" once it has started, "arrived" when the backend has everything.
 
-std::string target;
+std::string& target = *new std::string;  // threads of the SDK reach places until the process has ended
 std::atomic<std::int64_t> left = 0;
 
 void report(const std::string& line) { (void)!::write(STDOUT_FILENO, (line + "\n").c_str(), line.size() + 1); }
