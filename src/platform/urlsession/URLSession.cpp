@@ -362,9 +362,9 @@ std::chrono::milliseconds URLSession::State::untilNextDeadline() const {
 
 /// Takes a transfer out of curl's hands before its end.
 void URLSession::State::release(CURL* handle) {
-  inFlight.erase(handle);
-  curl_multi_remove_handle(multi, handle);
+  curl_multi_remove_handle(multi, handle);  // tells of progress once more
   putBack(handle);
+  inFlight.erase(handle);
 }
 
 void URLSession::State::putBack(CURL* handle) {
