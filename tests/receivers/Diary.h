@@ -30,8 +30,8 @@ class Diary final : public receivers::Listener {
     changed_.notify_all();
   }
 
-  bool waitForFixes(std::size_t count) {
-    return waitUntil([=, this] { return fixes_.size() >= count; });
+  bool waitForFixes(std::size_t count, std::chrono::milliseconds patience = std::chrono::seconds(30)) {
+    return waitUntil([=, this] { return fixes_.size() >= count; }, patience);
   }
   /// Until exactly these have been told, one after the other.
   bool waitForConditions(const std::vector<receivers::Condition>& all) {
@@ -41,9 +41,9 @@ class Diary final : public receivers::Listener {
   std::vector<std::string> lines() { return std::lock_guard(mutex_), lines_; }
 
  private:
-  bool waitUntil(const std::function<bool()>& holds) {
+  bool waitUntil(const std::function<bool()>& holds, std::chrono::milliseconds patience = std::chrono::seconds(30)) {
     std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(30), holds);
+    return changed_.wait_for(lock, patience, holds);
   }
 
   std::mutex mutex_;
@@ -57,7 +57,7 @@ class Diary final : public receivers::Listener {
 struct Drive {
   explicit Drive(std::int64_t startSeconds) {
     made =
-        simulation::simulate({.from = {-33.8, -70.6}, .to = {-33.79, -70.61}, .seed = 4, .start = startSeconds * 1000});
+        simulation::simulate({.from = {-33.8, -70.6}, .to = {-33.76, -70.64}, .seed = 4, .start = startSeconds * 1000});
     std::ostringstream out;
     simulation::writeNmea(out, made);
     std::istringstream lines(out.str());

@@ -50,6 +50,7 @@ TEST(Nmea, ReadsARecordingOnceAndKeepsItsDates) {
   EXPECT_EQ(diary.fixes().size(), drive.made.fixes.size());
   expectAsDriven(diary.fixes(), drive, 0);
   receiver->stop();
+  ASSERT_TRUE(diary.waitForConditions({searching, receiving, ended, resting}));
   receiver->start(-1);
   EXPECT_TRUE(diary.waitForConditions({searching, receiving, ended, resting, ended}));
   EXPECT_EQ(diary.fixes().size(), drive.made.fixes.size());
