@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -31,13 +32,15 @@ constexpr const char* kGpsd = "/usr/sbin/gpsd";
 /// A gpsd that reads its receiver from another port, for as long as the object is there.
 class RunningGpsd {
  public:
-  RunningGpsd(const std::string& port, const std::string& receiver) {
-    const std::string from = "tcp://" + receiver;
-    process_ = ::fork();
-    if (process_ != 0) return;
-    ::dup2(::open("/dev/null", O_WRONLY), 2);
-    ::execl(kGpsd, kGpsd, "-N", "-n", "-S", port.c_str(), from.c_str(), nullptr);
-    ::_exit(1);
+  RunningGpsd(std::string port, const std::string& receiver) {
+    std::string words[] = {kGpsd, "-N", "-n", "-S", std::move(port), "tcp://" + receiver};
+    char* arguments[std::size(words) + 1] = {};
+    std::ranges::transform(words, arguments, [](std::string& word) { return word.data(); });
+    posix_spawn_file_actions_t quiet;
+    ::posix_spawn_file_actions_init(&quiet);
+    ::posix_spawn_file_actions_addopen(&quiet, 2, "/dev/null", O_WRONLY, 0);
+    EXPECT_EQ(::posix_spawn(&process_, kGpsd, &quiet, nullptr, arguments, environ), 0);
+    ::posix_spawn_file_actions_destroy(&quiet);
   }
   ~RunningGpsd() {
     ::kill(process_, SIGKILL);
@@ -87,7 +90,7 @@ TEST(Gpsd, ThatIsKilledTwiceGoesOnAndTellsWhatItsReceiverTold) {
   for (std::size_t wanted = 30; wanted <= 90; wanted += 30) {
     const RunningGpsd gpsd(port, antenna.server.host());
     told.push_back(searching);
-    ASSERT_TRUE(diary.waitForConditions(told));
+    ASSERT_TRUE(diary.waitForConditions(told)) << diary.lines().back();
     // A gpsd that has just come looks for the shape of a moment first; what it reports before it is asked to is lost.
     while (!diary.waitForFixes(wanted, 20ms)) ASSERT_TRUE(antenna.sendOne()) << "fixes do not come";
     told.insert(told.end(), {receiving, lost});
