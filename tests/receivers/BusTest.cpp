@@ -132,10 +132,10 @@ TEST_F(GeoClue, GivesWhatIsKnownOfAPlace) {
   const auto at = [](double seconds) { return platform::dateSince1970(seconds); };
   const std::pair<const char*, platform::CLLocation> places[] = {
       {"Latitude=48.5, Longitude=-11.25, Accuracy=7.0, Altitude=520.5, Speed=1.5, Heading=270.0, "
-       "Timestamp=dbus.Struct((1700000000, 250000), signature='tt')",
+       "Timestamp=at(1700000000, 250000)",
        {{48.5, -11.25}, 520.5, 7, -1, 270, 1.5, at(1700000000.25), {}}},
       {"Latitude=-48.0, Longitude=11.0, Accuracy=5000.0, Altitude=-1.7976931348623157e+308, Speed=-1.0, Heading=-1.0, "
-       "Timestamp=dbus.Struct((1600000000, 0), signature='tt')",  // older than the one before: a place remembered
+       "Timestamp=at(1600000000, 0)",  // older than the one before: a place remembered
        {{-48, 11}, 0, 5000, -1, -1, -1, at(1600000000), {}}},
   };
   int number = 1;
@@ -153,7 +153,7 @@ TEST_F(GeoClue, APlaceWithoutATimeIsOfNow) {
   startReceiving();
   const auto before = platform::Clock::current()->now();
 
-  services_->say("fix(2, Latitude=48.0, Longitude=11.0, Accuracy=5.0, Timestamp=dbus.Struct((0, 0), signature='tt'))");
+  services_->say("fix(2, Latitude=48.0, Longitude=11.0, Accuracy=5.0, Timestamp=at(0, 0))");
 
   EXPECT_GE(unit_.fixes.wait().timestamp, before);
 }

@@ -24,6 +24,10 @@ def fix(number, **values):
     objects[CLIENT].EmitSignal(GEOCLUE + '.Client', 'LocationUpdated', 'oo', [dbus.ObjectPath('/'), path])
 
 
+def at(seconds, microseconds):
+    return dbus.Struct((dbus.UInt64(seconds), dbus.UInt64(microseconds)))
+
+
 def change(path, interface, **values):
     objects[path].UpdateProperties(interface, values)
 
