@@ -1,6 +1,7 @@
 #include "unit/Control.h"
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -76,7 +77,8 @@ struct Control::Client {
   std::unique_ptr<Loop::Watch> watch;
   std::string in, out;
   bool waits = false;  ///< for the answer to its request
-  bool ends = false;   ///< nothing more comes from it; it may still wait
+  bool isServed = false;
+  bool ends = false;  ///< nothing more comes from it; it may still wait
 };
 
 Control::Control(Loop& loop, const std::filesystem::path& home, Handler handler)
@@ -84,12 +86,11 @@ Control::Control(Loop& loop, const std::filesystem::path& home, Handler handler)
   const UnixAddress address(home_);
   ::unlink(address.path());
   listening_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  const mode_t before = ::umask(0177);
+  // Nobody can connect before it listens.
   const bool stands = listening_ >= 0 && ::bind(listening_, address.get(), address.size()) == 0 &&
-                      ::listen(listening_, kBacklog) == 0;
-  const int reason = errno;
-  ::umask(before);
+                      ::chmod(address.path(), S_IRUSR | S_IWUSR) == 0 && ::listen(listening_, kBacklog) == 0;
   if (!stands) {
+    const int reason = errno;
     if (listening_ >= 0) ::close(listening_);
     throw std::system_error(reason, std::generic_category(), (home_ / "control").string());
   }
@@ -116,11 +117,16 @@ void Control::accept() {
   if (clients_.size() == kMostClients) clients_.pop_front();
   clients_.push_back(client);
   client->watch = loop_.watch(socket, [this, weak = std::weak_ptr(client)] {
-    if (const auto ready = weak.lock()) serve(ready);
+    const auto ready = weak.lock();
+    if (!ready) return;
+    // Nothing was waited for, so nobody is there any more.
+    if (ready->waits) return drop(ready);
+    serve(ready);
   });
 }
 
 void Control::serve(const std::shared_ptr<Client>& client) {
+  client->isServed = true;
   // Whoever waits for an answer is not read from: its requests lie in the socket, which has its own bound.
   if (!client->waits && client->out.empty() && !client->read()) client->ends = true;
   while (client->write() && client->out.empty() && !client->waits) {
@@ -140,11 +146,13 @@ void Control::serve(const std::shared_ptr<Client>& client) {
       if (!asker) return;
       asker->waits = false;
       asker->out = lineOf(answer);
+      if (asker->isServed) return;
       loop_.post([this, weak] {
         if (const auto still = weak.lock()) serve(still);
       });
     });
   }
+  client->isServed = false;
   if (!client->write() || (client->ends && !client->waits && client->out.empty())) return drop(client);
   client->watch->waitFor(!client->waits && client->out.empty() && !client->ends, !client->out.empty());
 }

@@ -7,6 +7,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <limits>
 #include <system_error>
 #include <utility>
@@ -26,7 +27,7 @@ void check(int result, const char* what) {
 
 /// An event source with its work.
 struct Source {
-  explicit Source(Loop::Work work) : work(std::make_shared<const Loop::Work>(std::move(work))) {}
+  explicit Source(Loop::Work toDo) : work(std::make_shared<const Loop::Work>(std::move(toDo))) {}
   ~Source() { sd_event_source_disable_unref(handle); }
   Source(const Source&) = delete;
   Source& operator=(const Source&) = delete;
@@ -115,7 +116,7 @@ struct Loop::State {
   /// A timer that the kernel ends when the clock is set, and that is due in no lifetime.
   void watchClock() const {
     itimerspec never = {};
-    never.it_value.tv_sec = std::numeric_limits<std::int32_t>::max();
+    never.it_value.tv_sec = std::numeric_limits<time_t>::max();
     ::timerfd_settime(clock, TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &never, nullptr);
   }
 
@@ -169,10 +170,20 @@ void Loop::onClockSet(Work work) {
   });
 }
 
-void Loop::post(Work work) const {
-  MainQueue::main().async([alive = std::weak_ptr<bool>(alive_), work = std::move(work)] {
+void Loop::post(Work work) const { MainQueue::main().async(whileAlive(std::move(work))); }
+
+std::function<void(Loop::Work)> Loop::poster() const {
+  return [alive = std::weak_ptr<bool>(alive_)](Work work) {
+    MainQueue::main().async([alive, work = std::move(work)] {
+      if (!alive.expired()) work();
+    });
+  };
+}
+
+Loop::Work Loop::whileAlive(Work work) const {
+  return [alive = std::weak_ptr<bool>(alive_), work = std::move(work)] {
     if (!alive.expired()) work();
-  });
+  };
 }
 
 int Loop::run() {

@@ -52,6 +52,10 @@ class Loop {
 
   /// Runs the work on the main thread, if the loop still lives by then.
   void post(Work work) const;
+  /// `post` for those who may outlive the loop.
+  std::function<void(Work)> poster() const;
+  /// The work, which does nothing once the loop has gone; for callbacks on the main queue.
+  Work whileAlive(Work work) const;
 
   /// Runs until `end`, whose status it answers.
   int run();

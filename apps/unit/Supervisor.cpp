@@ -28,14 +28,10 @@ void Supervisor::ready() {
 }
 
 void Supervisor::ask() {
-  // On the main thread, which is part of what has to move.
-  Tarvo::probe([this, loop = &loop_, alive = std::weak_ptr<Loop::Timer>()] {
-    static_cast<void>(alive);
-    loop->post([this] {
-      tell("WATCHDOG=1");
-      watchdog_->arm(interval_);
-    });
-  });
+  Tarvo::probe(loop_.whileAlive([this] {
+    tell("WATCHDOG=1");
+    watchdog_->arm(interval_);
+  }));
 }
 
 void Supervisor::reloading() const {
