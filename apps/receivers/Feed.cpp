@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <optional>
 #include <system_error>
@@ -29,6 +30,13 @@ constexpr auto kSilence = 30s;
 /// The messages of one moment follow each other; and so what comes once a second is there when a second's pause is
 /// over.
 constexpr auto kRest = 200ms;
+
+/// The system's texts begin with a capital letter.
+std::string inSentence(std::string text) {
+  if (text.size() > 1 && std::islower(static_cast<unsigned char>(text[1])))
+    text[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(text[0])));
+  return text;
+}
 
 class FeedReceiver final : public Receiver, private Waiting {
  public:
@@ -109,7 +117,7 @@ class FeedReceiver final : public Receiver, private Waiting {
         feed_ = open_(*this);
         if (!feed_) return;
         pace_.emplace(feed_->room());
-        tell(Condition::searching, "connected, no fix yet");
+        tell(Condition::searching, "no fix yet");
       }
       if (feed_->isRecording())
         followRecording();
@@ -117,7 +125,7 @@ class FeedReceiver final : public Receiver, private Waiting {
         followDevice();
     } catch (const Lost& lost) {
       feed_.reset();
-      tell(Condition::lost, std::string(lost.what()) + ", next try in " + std::to_string(pause_ / 1s) + " s");
+      tell(Condition::lost, inSentence(lost.what()) + ", next try in " + std::to_string(pause_ / 1s) + " s");
       wait(-1, 0, Clock::now() + std::exchange(pause_, std::min<std::chrono::seconds>(2 * pause_, kLongestPause)));
     }
   }

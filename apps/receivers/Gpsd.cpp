@@ -1,5 +1,7 @@
 #include "Gpsd.h"
 
+#include <stdexcept>
+
 #ifdef TARVO_WITH_GPS
 #include <gps.h>
 #include <sys/socket.h>
@@ -32,6 +34,8 @@ constexpr std::size_t kRoom = 131072;  ///< a socket's buffer, as Linux makes it
 constexpr Seconds kDeviceSilence{10};
 
 double orInvalid(double value) { return std::isfinite(value) ? value : -1; }
+/// gpsd tells an error of 0 while it has no dilution yet.
+double orAssumed(double metres) { return std::isfinite(metres) && metres > 0 ? metres : kAssumedMetres; }
 
 /// Absent where the report is no fix. `status` says nothing: it is 0 in good ones, too.
 std::optional<CLLocation> fixOf(const gps_data_t& data) {
@@ -41,10 +45,10 @@ std::optional<CLLocation> fixOf(const gps_data_t& data) {
   CLLocation fix;
   fix.coordinate = {from.latitude, from.longitude};
   const double error = std::isfinite(from.eph) ? from.eph : std::hypot(from.epx, from.epy);
-  fix.horizontalAccuracy = std::isfinite(error) ? error : kAssumedMetres;
+  fix.horizontalAccuracy = orAssumed(error);
   if (from.mode >= MODE_3D && std::isfinite(from.altMSL)) {
     fix.altitude = from.altMSL;
-    fix.verticalAccuracy = std::isfinite(from.epv) ? from.epv : kAssumedMetres;
+    fix.verticalAccuracy = orAssumed(from.epv);
   }
   fix.course = orInvalid(from.track);
   fix.speed = orInvalid(from.speed);
