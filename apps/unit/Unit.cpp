@@ -220,7 +220,7 @@ void Unit::applyWhatCanChange() {
 }
 
 void Unit::reload() {
-  supervisor_.reloading();
+  if (isActive_) supervisor_.reloading();
   try {
     UnitOptions fresh = reader_.read();
     std::string kept;
@@ -245,7 +245,7 @@ void Unit::reload() {
   } catch (const OptionError& error) {
     note(std::string(error.what()) + "; the options stay as they were");
   }
-  supervisor_.reloaded();
+  if (isActive_) supervisor_.reloaded();
 }
 
 void Unit::stop() {

@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cmath>
 #include <fstream>
 #include <future>
 #include <thread>
@@ -140,46 +139,54 @@ struct Stuck final : platform::LocationSource {
   std::promise<void> held;
 };
 
-TEST_F(ControlTest, TheWatchdogIsFedOnlyWhileTheEngineMoves) {
-  const int socket = ::socket(AF_UNIX, SOCK_DGRAM, 0);
-  const UnixAddress address(home);
-  ASSERT_EQ(::bind(socket, address.get(), address.size()), 0);
-  ::setenv("NOTIFY_SOCKET", address.path(), 1);
-  ::setenv("WATCHDOG_USEC", "40000", 1);
-  ::setenv("WATCHDOG_PID", std::to_string(::getpid()).c_str(), 1);
-  platform::setHomeDirectory(folder.path());
-  Tarvo tarvo;
-  tarvo.activate(Tarvo::LOCAL_BACKGROUND);
-  Supervisor supervisor(loop);
-  const auto next = [&](double seconds) {
-    const timeval bound = {time_t(seconds), suseconds_t(std::fmod(seconds, 1) * 1e6)};
+/// A service manager that asks for a watchdog each 40 ms.
+struct ServiceManager {
+  explicit ServiceManager(const std::filesystem::path& folder) : address(folder) {
+    EXPECT_EQ(::bind(socket, address.get(), address.size()), 0);
+    ::setenv("NOTIFY_SOCKET", address.path(), 1);
+    ::setenv("WATCHDOG_USEC", "40000", 1);
+    ::setenv("WATCHDOG_PID", std::to_string(::getpid()).c_str(), 1);
+  }
+  ~ServiceManager() { ::close(socket); }
+  /// The next message; empty when none comes within so many seconds.
+  std::string next(int seconds) const {
+    const timeval bound = {seconds, 0};
     ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);
     char text[256];
     const ssize_t count = ::recv(socket, text, sizeof text, 0);
     return count < 0 ? std::string() : std::string(text, size_t(count));
-  };
+  }
+  std::string afterWatchdogs(int seconds) const {
+    std::string told = next(seconds);
+    while (told == "WATCHDOG=1") told = next(seconds);
+    return told;
+  }
+  const UnixAddress address;
+  const int socket = ::socket(AF_UNIX, SOCK_DGRAM, 0);
+};
+
+TEST_F(ControlTest, TheWatchdogIsFedOnlyWhileTheEngineMoves) {
+  const ServiceManager manager(home);
+  platform::setHomeDirectory(folder.path());
+  Tarvo tarvo;
+  tarvo.activate(Tarvo::LOCAL_BACKGROUND);
+  Supervisor supervisor(loop);
   const auto stuck = std::make_shared<Stuck>();
-  std::thread manager([&] {
-    EXPECT_EQ(next(60), "READY=1");
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(next(60), "WATCHDOG=1");
+  std::thread beside([&] {
+    EXPECT_EQ(manager.next(60), "READY=1");
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(manager.next(60), "WATCHDOG=1");
     platform::LocationService::shared().setSource(stuck);
-    // What was asked before is still answered.
-    while (next(1) == "WATCHDOG=1") {
-    }
+    EXPECT_EQ(manager.afterWatchdogs(1), "") << "what was asked before is still answered, and nothing after it";
     stuck->held.set_value();
-    EXPECT_EQ(next(60), "WATCHDOG=1");
+    EXPECT_EQ(manager.next(60), "WATCHDOG=1");
     loop.post([&] { supervisor.status("a line"), supervisor.status("a line"), supervisor.stopping(Seconds(2)); });
-    std::string told;
-    while ((told = next(60)) == "WATCHDOG=1") {
-    }
-    EXPECT_EQ(told, "STATUS=a line");
-    EXPECT_EQ(next(60), "STOPPING=1\nEXTEND_TIMEOUT_USEC=2000000");
+    EXPECT_EQ(manager.afterWatchdogs(60), "STATUS=a line");
+    EXPECT_EQ(manager.afterWatchdogs(60), "STOPPING=1\nEXTEND_TIMEOUT_USEC=2000000");
     loop.post([&] { loop.end(0); });
   });
   supervisor.ready();
   loop.run();
-  manager.join();
-  ::close(socket);
+  beside.join();
 }
 
 }  // namespace
