@@ -24,19 +24,27 @@ std::vector<std::string> namesOf(const std::set<CLI::Option*>& options) {
   return names;
 }
 
-/// "NAME", "NAME:{a,b}" or "NAME:INT in [0 - 9]".
-void readType(const std::string& type, OptionDescription& into) {
-  const std::size_t colon = type.find(':');
-  into.value = type.substr(0, colon);
-  if (colon == std::string::npos) return;
-  const std::string check = type.substr(colon + 1);
-  if (check.starts_with('{') && check.ends_with('}'))
-    into.words = split(check.substr(1, check.size() - 2), ",");
-  else
-    into.range = check;
+/// The type's own name, without what its checks add to it; that becomes words or a range.
+void readType(CLI::Option& option, OptionDescription& into) {
+  into.value = option.get_type_name();
+  for (int i = 0;; ++i) {
+    std::string check;
+    try {
+      check = option.get_validator(i)->get_description();
+    } catch (const CLI::OptionNotFound&) {
+      return;  // nothing else tells how many there are
+    }
+    if (check.empty()) continue;
+    const std::size_t added = into.value.rfind(":" + check);
+    if (added != std::string::npos) into.value.erase(added, check.size() + 1);
+    if (check.starts_with('{') && check.ends_with('}'))
+      into.words = split(check.substr(1, check.size() - 2), ",");
+    else
+      into.range = check;
+  }
 }
 
-OptionDescription describe(const CLI::Option& option) {
+OptionDescription describe(CLI::Option& option) {
   using Kind = OptionDescription::Kind;
   OptionDescription out;
   for (const std::string& name : option.get_snames()) out.names.push_back("-" + name);
@@ -47,16 +55,16 @@ OptionDescription describe(const CLI::Option& option) {
   out.needs = namesOf(option.get_needs());
   out.excludes = namesOf(option.get_excludes());
   out.isRequired = option.get_required();
-  out.isKey = option.get_configurable() && !option.get_lnames().empty();
   if (option.get_expected_max() == 0) return out;
-  readType(option.get_type_name(), out);
+  out.mayLackValue = option.get_expected_min() == 0;
+  readType(option, out);
   if (out.value.empty() || out.isOperand()) out.value = out.isOperand() ? option.get_name(true) : "TEXT";
   const auto says = [&out](const char* word) { return out.value.find(word) != std::string::npos; };
   if (!out.words.empty())
     out.kind = Kind::Words;
   else if (says("DIR"))
     out.kind = Kind::Folder;
-  else if (says("FILE") || says("DEVICE") || out.isOperand())
+  else if (says("FILE") || says("PATH") || out.isOperand())
     out.kind = Kind::File;
   else
     out.kind = Kind::Text;
@@ -89,21 +97,21 @@ void readFooter(const std::string& footer, CommandDescription& into) {
   }
 }
 
-CommandDescription describeCommand(const CLI::App& command) {
+CommandDescription describeCommand(CLI::App& command) {
   CommandDescription out;
   out.name = command.get_name();
   out.meaning = command.get_description();
-  for (const CLI::Option* option : command.get_options()) out.options.push_back(describe(*option));
+  for (CLI::Option* option : command.get_options()) out.options.push_back(describe(*option));
   readFooter(command.get_footer(), out);
   return out;
 }
 
 }  // namespace
 
-ProgramDescription describe(const CLI::App& app) {
+ProgramDescription describe(CLI::App& app) {
   ProgramDescription out;
   out.meaning = app.get_description();
-  for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; }))
+  for (CLI::App* command : app.get_subcommands([](CLI::App*) { return true; }))
     if (!command->get_group().empty()) out.commands.push_back(describeCommand(*command));
   return out;
 }

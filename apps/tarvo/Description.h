@@ -18,7 +18,7 @@ struct OptionDescription {
   std::vector<std::string> words, needs, excludes;
   Kind kind = Kind::Flag;
   bool isRequired = false;
-  bool isKey = false;  ///< may stand in a configuration file
+  bool mayLackValue = false;
 
   bool isOperand() const { return names.empty(); }
 };
@@ -35,8 +35,8 @@ struct ProgramDescription {
   std::vector<CommandDescription> commands;  ///< those that are shown
 };
 
-/// A value whose type says FILE, DEVICE or DIR is a path; one of a set of words is known by its check (CLI::IsMember).
+/// A value whose type says FILE, PATH or DIR is a path; one of a set of words is known by its check (CLI::IsMember).
 /// A footer is notes and, after "Exit status:", the statuses with a semicolon between them.
-ProgramDescription describe(const CLI::App& app);
+ProgramDescription describe(CLI::App& app);
 
 }  // namespace tarvo::cli

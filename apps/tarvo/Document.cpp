@@ -112,7 +112,7 @@ std::string commandPage(const CommandDescription& command) {
   out += section("OPTIONS") + optionEntries(command);
   if (!command.statuses.empty()) out += section("EXIT STATUS");
   for (const auto& [status, meaning] : command.statuses) out += entry(bold(status), meaning + ".");
-  return out + section("SEE ALSO") + ".BR tarvo (1)\n";
+  return out + section("SEE ALSO") + ".BR tarvo (1)" + (command.name == "run" ? ",\n.BR tarvo.toml (5)\n" : "\n");
 }
 
 std::string programPage(const ProgramDescription& program) {
@@ -125,21 +125,27 @@ std::string programPage(const ProgramDescription& program) {
          entry(bold("--version"), "Tells the version and exits.");
 }
 
+/// How a value is written in the daemon's file.
+std::string writtenValue(const OptionDescription& option) {
+  if (option.value.empty()) return "true|false";
+  const bool isBare = option.value == "N" || option.value == "SPAN" || option.value == "BYTES";
+  return isBare ? option.value : '"' + option.value + '"';
+}
+
 /// The page of the daemon's file, whose keys are the options of `run`.
 std::string configurationPage(const CommandDescription& run) {
   std::string out = title("tarvo.toml", "5") + name("tarvo.toml", "configuration of tarvo run") + section("SYNOPSIS") +
                     italic("/etc/tarvo/tarvo.toml") + "\n" + section("DESCRIPTION") +
                     roff(
-                        "The file that a unit started by tarvo.service reads, in the language TOML, without tables. "
-                        "Each key is an option of tarvo-run(1) without its dashes; an option given on the command "
-                        "line wins over the file. Texts stand in quotes, numbers and true or false without. An "
-                        "unknown key or a value of the wrong kind is an error that names file, line and key.") +
+                        "The file that a unit reads, in the language TOML, without tables. Each key is an option of "
+                        "tarvo-run(1), and what the command line gives goes before it. Texts stand in quotes; SPAN "
+                        "and BYTES are a number, or a text with its unit. An unknown key or a value of the wrong "
+                        "kind ends the unit with a message that names file, line and key.") +
                     "\n" + section("KEYS");
-  for (const OptionDescription& option : run.options) {
-    if (!option.isKey) continue;
-    const std::string value = option.value.empty() ? "true|false" : option.value;
-    out += entry(bold(option.names.back().substr(2)) + " = " + italic(value), meaningOf(option, true));
-  }
+  for (const OptionDescription& option : run.options)
+    for (const std::string& one : option.names)
+      if (one.starts_with("--") && one != "--help" && one != "--config" && one != "--no-" + option.names[0].substr(2))
+        out += entry(bold(one.substr(2)) + " = " + italic(writtenValue(option)), meaningOf(option, true));
   return out + section("SEE ALSO") + ".BR tarvo\\-run (1)\n";
 }
 
@@ -156,49 +162,51 @@ std::string joined(const std::vector<std::string>& words) {
   return out;
 }
 
+/// The shell's command for what may follow an option or stands alone; empty where that is anything.
 std::string bashValues(const OptionDescription& option) {
   switch (option.kind) {
     case OptionDescription::Kind::Words:
-      return "words '" + joined(option.words) + "'";
+      return "words '" + joined(option.words) + "'; ";
     case OptionDescription::Kind::File:
-      return "files -f";
+      return "files -f; ";
     case OptionDescription::Kind::Folder:
-      return "files -d";
+      return "files -d; ";
     default:
-      return ":";
+      return "";
   }
 }
 
 std::string bashCompletion(const ProgramDescription& program) {
   std::string names, values, options;
   for (const CommandDescription& command : program.commands) {
-    names += (names.empty() ? "" : " ") + command.name;
-    std::string operand = "words '" + optionNames(command) + "'";
+    names += command.name + " ";
+    const std::string all = "words '" + optionNames(command) + "'";
+    std::string operand;
     for (const OptionDescription& option : command.options) {
-      if (option.isOperand())
-        operand = bashValues(option);
-      else if (!option.value.empty())
-        values += "    '" + command.name + " " + option.names.back() + "') " + bashValues(option) + "; return ;;\n";
+      if (option.isOperand()) operand = bashValues(option);
+      if (option.kind == OptionDescription::Kind::Flag) continue;
+      for (const std::string& one : option.names)
+        values += "    '" + command.name + " " + one + "') " + bashValues(option) + "return ;;\n";
     }
-    options += "    " + command.name + ",-*) words '" + optionNames(command) + "' ;;\n    " + command.name + ",*) " +
-               operand + " ;;\n";
+    if (!operand.empty()) options += "    " + command.name + ",[!-]* | " + command.name + ",) " + operand + ";;\n";
+    options += "    " + command.name + ",*) " + all + " ;;\n";
   }
-  return "# bash completion for tarvo, written by the program itself\n"
-         "_tarvo() {\n"
-         "  local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD-1]} command=${COMP_WORDS[1]}\n"
-         "  words() { mapfile -t COMPREPLY < <(compgen -W \"$1\" -- \"$word\"); }\n"
-         "  files() { compopt -o filenames 2>/dev/null; mapfile -t COMPREPLY < <(compgen \"$1\" -- \"$word\"); }\n"
-         "  COMPREPLY=()\n"
-         "  if [ \"$COMP_CWORD\" = 1 ]; then words '" +
-         names +
-         " --help --version'; return; fi\n"
-         "  # \"--option=value\" comes as three words.\n"
-         "  if [ \"$word\" = = ]; then word=; elif [ \"$before\" = = ]; then before=${COMP_WORDS[COMP_CWORD-2]}; fi\n"
-         "  case \"$command $before\" in\n" +
-         values + "  esac\n  case $command,$word in\n" + options +
-         "  esac\n"
-         "}\n"
-         "complete -F _tarvo tarvo\n";
+  return R"(# bash completion for tarvo, written by the program itself
+_tarvo() {
+  local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD-1]} command=${COMP_WORDS[1]}
+  words() { mapfile -t COMPREPLY < <(compgen -W "$1" -- "$word"); }
+  files() { compopt -o filenames 2>/dev/null; mapfile -t COMPREPLY < <(compgen "$1" -- "$word"); }
+  COMPREPLY=()
+  if [ "$COMP_CWORD" = 1 ]; then words ')" +
+         names + R"(--help --version'; return; fi
+  # "--option=value" comes as three words.
+  if [ "$word" = = ]; then word=; elif [ "$before" = = ]; then before=${COMP_WORDS[COMP_CWORD-2]}; fi
+  case "$command $before" in
+)" + values +
+         "  esac\n  case $command,$word in\n" + options + R"(  esac
+}
+complete -F _tarvo tarvo
+)";
 }
 
 /// Text for a description within single quotes and brackets.
@@ -238,21 +246,25 @@ std::string zshCompletion(const ProgramDescription& program) {
     }
     cases += " ;;\n";
   }
-  return "#compdef tarvo\n"
-         "# zsh completion for tarvo, written by the program itself\n"
-         "_tarvo() {\n"
-         "  if (( CURRENT == 2 )); then\n"
-         "    local -a commands=(\n" +
-         commands +
-         "    )\n"
-         "    _describe command commands\n"
-         "    return\n"
-         "  fi\n"
-         "  local command=$words[2]\n"
-         "  shift words\n"
-         "  (( CURRENT-- ))\n"
-         "  case $command in\n" +
-         cases + "  esac\n}\n_tarvo \"$@\"\n";
+  return R"(#compdef tarvo
+# zsh completion for tarvo, written by the program itself
+_tarvo() {
+  if (( CURRENT == 2 )); then
+    local -a commands=(
+)" + commands +
+         R"(    )
+    _describe command commands
+    return
+  fi
+  local command=$words[2]
+  shift words
+  (( CURRENT-- ))
+  case $command in
+)" + cases +
+         R"(  esac
+}
+_tarvo "$@"
+)";
 }
 
 int document(const fs::path& folder, const ProgramDescription& program) {
