@@ -85,8 +85,8 @@ void readEnvironment(CLI::App& app) {
 void check(const UnitOptions& options) {
   if (options.gpsd.has_value() + options.nmea.has_value() + options.geoclue > 1)
     throw OptionError("one of gpsd, nmea and geoclue can be the receiver");
-  if (options.mode >= 8 && options.backend.empty())
-    throw OptionError("modes 8 and 12 upload: they need --backend, or the key backend");
+  if (options.mode >= 8 && (options.backend.empty() || options.clientID.empty() || options.apiKey.empty()))
+    throw OptionError("modes 8 and 12 upload: they need --backend, --client-id and --api-key, or keys of these names");
 }
 
 }  // namespace

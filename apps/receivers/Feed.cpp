@@ -1,0 +1,201 @@
+#include "Feed.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <cerrno>
+#include <optional>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "Pace.h"
+
+namespace tarvo::receivers {
+namespace {
+
+using namespace std::chrono_literals;
+using Moment = Waiting::Clock::time_point;
+using Outcome = Waiting::Outcome;
+
+constexpr auto kShortestPause = 1s, kLongestPause = 30s;
+/// So long after its last fix a receiver is searching.
+constexpr auto kSilence = 30s;
+/// The messages of one moment follow each other; and so what comes once a second is there when a second's pause is
+/// over.
+constexpr auto kRest = 200ms;
+
+/// The system's texts begin with a capital letter.
+std::string inSentence(std::string text) {
+  if (text.size() > 1 && std::islower(static_cast<unsigned char>(text[1])))
+    text[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(text[0])));
+  return text;
+}
+
+class FeedReceiver final : public Receiver, private Waiting {
+ public:
+  FeedReceiver(std::string name, OpenFeed open, Listener& listener)
+      : name_(std::move(name)), open_(std::move(open)), listener_(listener), wake_(::eventfd(0, EFD_CLOEXEC)) {
+    if (wake_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+    sigset_t all, before;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &before);
+    try {
+      thread_ = std::thread([this] { run(); });
+    } catch (...) {
+      ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+      ::close(wake_);
+      throw;
+    }
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    ::pthread_setname_np(thread_.native_handle(), "tarvo:receiver");
+  }
+  ~FeedReceiver() override {
+    change(State::ending);
+    thread_.join();
+    ::close(wake_);
+  }
+  FeedReceiver(const FeedReceiver&) = delete;
+  FeedReceiver& operator=(const FeedReceiver&) = delete;
+
+  void start(double) override { change(State::wanted); }
+  void stop() override { change(State::resting); }
+
+ private:
+  enum class State { resting, wanted, ending };
+
+  void change(State state) {
+    if (state_.exchange(state) != state) ::eventfd_write(wake_, 1);
+  }
+
+  Outcome wait(int descriptor, short events, Moment until) override {
+    return waitWhile(State::wanted, descriptor, events, until);
+  }
+
+  Outcome waitWhile(State state, int descriptor, short events, Moment until) {
+    while (state_ == state) {
+      pollfd about[] = {{wake_, POLLIN, 0}, {descriptor, events, 0}};  // poll leaves out a negative descriptor
+      timespec left{}, *patience = nullptr;
+      if (until != kForever) {
+        const auto span = std::max(until - Clock::now(), Clock::duration::zero());
+        left.tv_sec = std::chrono::duration_cast<std::chrono::seconds>(span).count();
+        left.tv_nsec = std::chrono::nanoseconds(span % 1s).count();
+        patience = &left;
+      }
+      const int count = ::ppoll(about, 2, patience, nullptr);
+      if (count == 0) return Outcome::late;
+      if (about[0].revents != 0) {
+        eventfd_t ignored;
+        ::eventfd_read(wake_, &ignored);
+      } else if (count > 0) {
+        return Outcome::ready;
+      }
+    }
+    return Outcome::unwanted;
+  }
+
+  void run() {
+    while (state_ != State::ending) {
+      waitWhile(State::resting, -1, 0, kForever);
+      while (state_ == State::wanted) serve();
+      if (feed_ && !feed_->isRecording()) feed_.reset();
+      if (state_ == State::resting) tell(Condition::resting, "rests, nobody needs fixes");
+    }
+    feed_.reset();
+  }
+
+  /// Until the feed is lost or not wanted any more.
+  void serve() {
+    try {
+      if (!feed_) {
+        feed_ = open_(*this);
+        if (!feed_) return;
+        pace_.emplace(feed_->room());
+        tell(Condition::searching, "no fix yet");
+      }
+      if (feed_->isRecording())
+        followRecording();
+      else
+        followDevice();
+    } catch (const Lost& lost) {
+      feed_.reset();
+      tell(Condition::lost, inSentence(lost.what()) + ", next try in " + std::to_string(pause_ / 1s) + " s");
+      wait(-1, 0, Clock::now() + std::exchange(pause_, std::min<std::chrono::seconds>(2 * pause_, kLongestPause)));
+    }
+  }
+
+  void followDevice() {
+    for (;;) {
+      const bool receives = condition_ == Condition::receiving;
+      const Outcome outcome = wait(feed_->descriptor(), POLLIN, receives ? lastFix_ + kSilence : kForever);
+      if (outcome == Outcome::unwanted) return;
+      searchAfterSilence();
+      if (outcome == Outcome::late) continue;
+      if (wait(-1, 0, Clock::now() + kRest) == Outcome::unwanted) return;
+      for (std::size_t bytes = 1; bytes > 0;) {
+        fixes_.clear();
+        bytes = feed_->read(fixes_).bytes;
+        deliver();
+        searchAfterSilence();
+        const platform::Seconds now = Clock::now().time_since_epoch();
+        const auto pause = std::chrono::duration_cast<Clock::duration>(pace_->pauseAfter(fixes_, bytes, now));
+        if (bytes > 0 && wait(-1, 0, Clock::now() + pause) == Outcome::unwanted) return;
+      }
+    }
+  }
+
+  void followRecording() {
+    while (!over_) {
+      if (wait(feed_->descriptor(), POLLIN, kForever) == Outcome::unwanted) return;
+      fixes_.clear();
+      over_ = feed_->read(fixes_).ended;
+      deliver();
+    }
+    tell(Condition::ended, "the recording is over");
+    wait(-1, 0, kForever);
+  }
+
+  void deliver() {
+    if (fixes_.empty()) return;
+    lastFix_ = Clock::now();
+    pause_ = kShortestPause;
+    tell(Condition::receiving, "fixes come");
+    listener_.received(fixes_);
+  }
+  void searchAfterSilence() {
+    if (condition_ == Condition::receiving && Clock::now() - lastFix_ >= kSilence)
+      tell(Condition::searching, "no fix for " + std::to_string(kSilence / 1s) + " s");
+  }
+  void tell(Condition condition, const std::string& what) {
+    if (std::exchange(condition_, condition) != condition) listener_.changed(condition, name_ + ": " + what);
+  }
+
+  const std::string name_;
+  const OpenFeed open_;
+  Listener& listener_;
+  const int wake_;
+  std::atomic<State> state_ = State::resting;
+  // The rest is the thread's.
+  std::unique_ptr<Feed> feed_;
+  std::optional<Pace> pace_;
+  Condition condition_ = Condition::resting;
+  std::chrono::seconds pause_ = kShortestPause;
+  Moment lastFix_;
+  bool over_ = false;
+  std::vector<platform::CLLocation> fixes_;
+  std::thread thread_;
+};
+
+}  // namespace
+
+std::unique_ptr<Receiver> receiverOf(std::string name, OpenFeed open, Listener& listener) {
+  return std::make_unique<FeedReceiver>(std::move(name), std::move(open), listener);
+}
+
+}  // namespace tarvo::receivers
