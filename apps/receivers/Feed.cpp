@@ -24,12 +24,9 @@ using namespace std::chrono_literals;
 using Moment = Waiting::Clock::time_point;
 using Outcome = Waiting::Outcome;
 
-constexpr auto kShortestPause = 1s, kLongestPause = 30s;
-/// So long after its last fix a receiver is searching.
-constexpr auto kSilence = 30s;
 /// The messages of one moment follow each other; and so what comes once a second is there when a second's pause is
 /// over.
-constexpr auto kRest = 200ms;
+constexpr auto kSettle = 200ms;
 
 /// The system's texts begin with a capital letter.
 std::string inSentence(std::string text) {
@@ -40,8 +37,12 @@ std::string inSentence(std::string text) {
 
 class FeedReceiver final : public Receiver, private Waiting {
  public:
-  FeedReceiver(std::string name, OpenFeed open, Listener& listener)
-      : name_(std::move(name)), open_(std::move(open)), listener_(listener), wake_(::eventfd(0, EFD_CLOEXEC)) {
+  FeedReceiver(std::string name, OpenFeed open, Listener& listener, Patience patience)
+      : name_(std::move(name)),
+        open_(std::move(open)),
+        listener_(listener),
+        patience_(patience),
+        wake_(::eventfd(0, EFD_CLOEXEC)) {
     if (wake_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
     sigset_t all, before;
     ::sigfillset(&all);
@@ -126,28 +127,33 @@ class FeedReceiver final : public Receiver, private Waiting {
     } catch (const Lost& lost) {
       feed_.reset();
       tell(Condition::lost, inSentence(lost.what()) + ", next try in " + std::to_string(pause_ / 1s) + " s");
-      wait(-1, 0, Clock::now() + std::exchange(pause_, std::min<std::chrono::seconds>(2 * pause_, kLongestPause)));
+      wait(-1, 0, Clock::now() + std::exchange(pause_, std::min(2 * pause_, patience_.longestPause)));
     }
   }
 
   void followDevice() {
     for (;;) {
       const bool receives = condition_ == Condition::receiving;
-      const Outcome outcome = wait(feed_->descriptor(), POLLIN, receives ? lastFix_ + kSilence : kForever);
+      const Outcome outcome = wait(feed_->descriptor(), POLLIN, receives ? lastFix_ + patience_.silence : kForever);
       if (outcome == Outcome::unwanted) return;
       searchAfterSilence();
       if (outcome == Outcome::late) continue;
-      if (wait(-1, 0, Clock::now() + kRest) == Outcome::unwanted) return;
-      for (std::size_t bytes = 1; bytes > 0;) {
-        fixes_.clear();
-        bytes = feed_->read(fixes_).bytes;
-        deliver();
-        searchAfterSilence();
-        const platform::Seconds now = Clock::now().time_since_epoch();
-        const auto pause = std::chrono::duration_cast<Clock::duration>(pace_->pauseAfter(fixes_, bytes, now));
-        if (bytes > 0 && wait(-1, 0, Clock::now() + pause) == Outcome::unwanted) return;
-      }
+      if (wait(-1, 0, Clock::now() + kSettle) == Outcome::unwanted) return;
+      while (readAndPause()) continue;
+      if (state_ != State::wanted) return;
     }
+  }
+
+  /// False when there was nothing, or nobody wants more.
+  bool readAndPause() {
+    fixes_.clear();
+    const std::size_t bytes = feed_->read(fixes_).bytes;
+    deliver();
+    searchAfterSilence();
+    if (bytes == 0) return false;
+    const Moment now = Clock::now();
+    const auto pause = pace_->pauseAfter(fixes_, bytes, now.time_since_epoch());
+    return wait(-1, 0, now + std::chrono::duration_cast<Clock::duration>(pause)) != Outcome::unwanted;
   }
 
   void followRecording() {
@@ -164,13 +170,13 @@ class FeedReceiver final : public Receiver, private Waiting {
   void deliver() {
     if (fixes_.empty()) return;
     lastFix_ = Clock::now();
-    pause_ = kShortestPause;
+    pause_ = patience_.shortestPause;
     tell(Condition::receiving, "fixes come");
     listener_.received(fixes_);
   }
   void searchAfterSilence() {
-    if (condition_ == Condition::receiving && Clock::now() - lastFix_ >= kSilence)
-      tell(Condition::searching, "no fix for " + std::to_string(kSilence / 1s) + " s");
+    if (condition_ == Condition::receiving && Clock::now() - lastFix_ >= patience_.silence)
+      tell(Condition::searching, "no fix for " + std::to_string(patience_.silence / 1s) + " s");
   }
   void tell(Condition condition, const std::string& what) {
     if (std::exchange(condition_, condition) != condition) listener_.changed(condition, name_ + ": " + what);
@@ -179,13 +185,14 @@ class FeedReceiver final : public Receiver, private Waiting {
   const std::string name_;
   const OpenFeed open_;
   Listener& listener_;
+  const Patience patience_;
   const int wake_;
   std::atomic<State> state_ = State::resting;
   // The rest is the thread's.
   std::unique_ptr<Feed> feed_;
   std::optional<Pace> pace_;
   Condition condition_ = Condition::resting;
-  std::chrono::seconds pause_ = kShortestPause;
+  std::chrono::milliseconds pause_ = patience_.shortestPause;
   Moment lastFix_;
   bool over_ = false;
   std::vector<platform::CLLocation> fixes_;
@@ -194,8 +201,8 @@ class FeedReceiver final : public Receiver, private Waiting {
 
 }  // namespace
 
-std::unique_ptr<Receiver> receiverOf(std::string name, OpenFeed open, Listener& listener) {
-  return std::make_unique<FeedReceiver>(std::move(name), std::move(open), listener);
+std::unique_ptr<Receiver> receiverOf(std::string name, OpenFeed open, Listener& listener, Patience patience) {
+  return std::make_unique<FeedReceiver>(std::move(name), std::move(open), listener, patience);
 }
 
 }  // namespace tarvo::receivers

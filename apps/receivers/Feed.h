@@ -57,8 +57,15 @@ class Feed {
 /// Opens a feed. Gives none back when the wait says that nobody wants it any more. Errors: Lost.
 using OpenFeed = std::function<std::unique_ptr<Feed>(Waiting&)>;
 
+/// Real time; tests have less of it.
+struct Patience {
+  std::chrono::milliseconds shortestPause{1000}, longestPause{30000};  ///< between tries; each is twice the one before
+  /// So long after its last fix a receiver is searching.
+  std::chrono::milliseconds silence{30000};
+};
+
 /// Makes a receiver of a feed: it has the thread, the pauses between tries, the pace and what the listener is told.
-/// `name` begins each line: "gpsd at localhost:2947".
+/// `name` begins each line: "gpsd at localhost:2947". A fix makes the next pause the shortest again.
 ///
 /// Pace: what has come is read once a second, once in five seconds while the fixes show that nothing moves (Pace.h),
 /// and not before something comes; so a second's messages wake the process once. A receiver whose fixes have stayed
@@ -67,6 +74,6 @@ using OpenFeed = std::function<std::unique_ptr<Feed>(Waiting&)>;
 /// Threads: one, which blocks all signals; it is woken by a descriptor, so that stop and the destructor take effect at
 /// once. A feed is closed at a stop, a recording is kept.
 /// Errors: std::system_error where the system has no descriptor or no thread left.
-std::unique_ptr<Receiver> receiverOf(std::string name, OpenFeed open, Listener& listener);
+std::unique_ptr<Receiver> receiverOf(std::string name, OpenFeed open, Listener& listener, Patience patience = {});
 
 }  // namespace tarvo::receivers

@@ -14,16 +14,15 @@ constexpr double kMovingMetresPerSecond = 1;
 Pace::Pace(std::size_t room) : room_(room) {}
 
 Seconds Pace::pauseAfter(const std::vector<platform::CLLocation>& fixes, std::size_t bytes, Seconds now) {
+  if (!lastRead_) lastMoved_ = now;
   for (const auto& fix : fixes) {
-    if (fix.horizontalAccuracy < 0 || !moves(fix)) continue;
+    if (!moves(fix)) continue;
     rest_ = fix;
-    restSince_ = now;
+    lastMoved_ = now;
   }
-  if (fixes.empty()) rest_.reset();
-  Seconds pause = rest_ && now - restSince_ >= kStillFrom ? kStill : kMoving;
-  if (hasRead_ && bytes > 0)
-    pause = std::min(pause, (now - lastRead_) * (static_cast<double>(room_) / 2 / static_cast<double>(bytes)));
-  hasRead_ = true;
+  Seconds pause = now - lastMoved_ >= kStillFrom ? kStill : kMoving;
+  if (lastRead_ && bytes > 0)
+    pause = std::min(pause, (now - *lastRead_) * (static_cast<double>(room_) / 2 / static_cast<double>(bytes)));
   lastRead_ = now;
   return pause;
 }

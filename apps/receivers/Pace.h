@@ -13,7 +13,8 @@ namespace tarvo::receivers {
 /// minute.
 ///
 /// A fix moves whose speed is 1 m/s or more, or which lies farther from where the unit came to rest than the accuracies
-/// of both explain. Nothing is said by fixes that are invalid; a unit without fixes is read once a second.
+/// of both explain. A unit without fixes does not move; fixes keep their times, so that none is worse for being read
+/// late.
 ///
 /// Threads: one at a time. Errors: none.
 class Pace {
@@ -30,8 +31,8 @@ class Pace {
 
   const std::size_t room_;
   std::optional<platform::CLLocation> rest_;  ///< where the unit came to rest
-  platform::Seconds restSince_{0}, lastRead_{0};
-  bool hasRead_ = false;
+  std::optional<platform::Seconds> lastRead_;
+  platform::Seconds lastMoved_{0};
 };
 
 }  // namespace tarvo::receivers

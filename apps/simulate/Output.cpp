@@ -3,11 +3,10 @@
 #include <nlohmann/json.hpp>
 
 #include "Simulation.h"
+#include "Text.h"
 
 namespace tarvo::simulation {
-namespace {
 
-/// No locale and no rounding of its own: the same text everywhere.
 std::string fixed(double value, int decimals) {
   char text[64];
   const auto end = std::to_chars(text, text + sizeof text, value, std::chars_format::fixed, decimals).ptr;
@@ -15,17 +14,9 @@ std::string fixed(double value, int decimals) {
   return whole.find_first_not_of("-0.") == std::string::npos && whole[0] == '-' ? whole.substr(1) : whole;
 }
 
-/// Without zeros at its end.
-std::string brief(double value, int decimals) {
-  std::string text = fixed(value, decimals);
-  text.erase(text.find_last_not_of('0') + 1);
-  if (text.back() == '.') text.pop_back();
-  return text;
-}
-
 std::string twoDigits(std::int64_t number) { return (number < 10 ? "0" : "") + std::to_string(number); }
 
-/// ISO 8601, UTC; the calendar after Hinnant, "chrono-compatible low-level date algorithms".
+/// The calendar after Hinnant, "chrono-compatible low-level date algorithms".
 std::string moment(std::int64_t ms) {
   constexpr std::int64_t kDay = 86'400'000;
   const std::int64_t inDay = ((ms % kDay) + kDay) % kDay;
@@ -41,15 +32,24 @@ std::string moment(std::int64_t ms) {
          (fraction == 0 ? "" : "." + std::to_string(1000 + fraction).substr(1)) + "Z";
 }
 
-std::string pair(Coordinate place) { return brief(place.lat, 6) + "," + brief(place.lon, 6); }
-
-const char* nameOf(Mode mode) { return mode == Mode::Drive ? "drive" : mode == Mode::Bike ? "bike" : "walk"; }
-
-/// A course that is printed lies from 0 to just below 360.
 double turned(double course) {
   const double rounded = std::round(course * 10) / 10;
   return rounded - 360 * std::floor(rounded / 360);
 }
+
+namespace {
+
+/// Without zeros at its end.
+std::string brief(double value, int decimals) {
+  std::string text = fixed(value, decimals);
+  text.erase(text.find_last_not_of('0') + 1);
+  if (text.back() == '.') text.pop_back();
+  return text;
+}
+
+std::string pair(Coordinate place) { return brief(place.lat, 6) + "," + brief(place.lon, 6); }
+
+const char* nameOf(Mode mode) { return mode == Mode::Drive ? "drive" : mode == Mode::Bike ? "bike" : "walk"; }
 
 nlohmann::ordered_json seconds(std::int64_t ms) {
   if (ms % 1000 == 0) return ms / 1000;

@@ -59,6 +59,10 @@ std::string commandOf(const Request& request);
 /// GPX 1.0, whose points have a course and a speed; hdop is a fifth of the accuracy, as a replay reads it.
 void writeGpx(std::ostream& out, const Simulation& simulation);
 
+/// NMEA 0183: RMC, GGA and GST of each fix, times to hundredths; hdop as in the GPX, and GST's errors from the
+/// accuracy. Its first line is no sentence, and names the command.
+void writeNmea(std::ostream& out, const Simulation& simulation);
+
 /// JSON; times are seconds since 1970.
 void writeTruth(std::ostream& out, const Simulation& simulation);
 

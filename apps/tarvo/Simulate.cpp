@@ -21,7 +21,7 @@ using simulation::Profile;
 
 struct SimulateOptions {
   simulation::Request request;
-  std::string profile;
+  std::string profile, format = "gpx";
   std::optional<int> days;
   std::optional<std::string> truth, output;
 };
@@ -59,10 +59,11 @@ int simulate(const SimulateOptions& options) {
     throw Failure{kUsage, error.what()};
   }
   if (options.truth) writeFile(*options.truth, [&](std::ostream& out) { simulation::writeTruth(out, made); });
+  const auto write = options.format == "nmea" ? simulation::writeNmea : simulation::writeGpx;
   if (options.output)
-    writeFile(*options.output, [&](std::ostream& out) { simulation::writeGpx(out, made); });
+    writeFile(*options.output, [&](std::ostream& out) { write(out, made); });
   else
-    simulation::writeGpx(std::cout, made);
+    write(std::cout, made);
   return kDone;
 }
 
@@ -70,7 +71,8 @@ int simulate(const SimulateOptions& options) {
 
 void addSimulateCommand(CLI::App& app, Run& run) {
   const auto options = std::make_shared<SimulateOptions>();
-  CLI::App* command = app.add_subcommand("simulate", "Invents trips and prints them as GPX for a replay");
+  CLI::App* command =
+      app.add_subcommand("simulate", "Invents trips and prints them as GPX for a replay, or as a receiver's NMEA");
   command->footer(
       "The same options give the same bytes on every machine. A day or week is one of a person with home (--from),\n"
       "work (--to) and habits; it begins at the midnight before --start, by the sun at home. docs/replay.md says "
@@ -111,7 +113,10 @@ void addSimulateCommand(CLI::App& app, Run& run) {
   command->add_option("--rate", options->request.rate, "Fixes a second while moving [1]")->type_name("HZ");
   command->add_option("--truth", options->truth, "Gets the places, stays and trips as they were (JSON)")
       ->type_name("FILE");
-  command->add_option("--output", options->output, "Gets the GPX instead of standard output")->type_name("FILE");
+  command->add_option("--output", options->output, "Gets the trips instead of standard output")->type_name("FILE");
+  command->add_option("--format", options->format, "What is printed: gpx, or nmea (RMC, GGA and GST) [gpx]")
+      ->check(CLI::IsMember({"gpx", "nmea"}).description(""))
+      ->type_name("FORMAT");
   command->callback([options, &run] { run = [options] { return simulate(*options); }; });
 }
 
