@@ -37,14 +37,15 @@ make_root() {
 }
 
 # in_root FOLDER COMMAND...: there, with nothing of this environment but the way to the mirror. ROOT_USER: not as root.
-in_root() {
+in_root() { (enter_root "$@"); }
+enter_root() {
   local root=$1 variable
   shift
   local kept=("PATH=/usr/sbin:/usr/bin:/sbin:/bin" LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive HOME=/tmp)
   for variable in http_proxy https_proxy no_proxy DEB_BUILD_OPTIONS; do
     [ -z "${!variable:-}" ] || kept+=("$variable=${!variable}")
   done
-  env -i "${kept[@]}" chroot ${ROOT_USER:+--userspec="$ROOT_USER"} "$root" "$@"
+  exec env -i "${kept[@]}" chroot ${ROOT_USER:+--userspec="$ROOT_USER"} "$root" "$@"
 }
 
 # install_in FOLDER PACKAGE...

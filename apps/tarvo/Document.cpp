@@ -70,7 +70,7 @@ std::string listed(const std::vector<std::string>& names) {
 
 /// The meaning of an option as sentences; `key` leaves out what a configuration file has no use for.
 std::string meaningOf(const OptionDescription& option, bool key) {
-  std::string text = option.meaning + ".";
+  std::string text = option.meaning.empty() ? "See above." : option.meaning + ".";
   if (!option.words.empty()) text += " One of " + listed(option.words) + ".";
   if (!option.range.empty()) text += " " + option.range + ".";
   if (!option.standard.empty()) text += " Default: " + option.standard + ".";
