@@ -1,6 +1,6 @@
 #ifdef TARVO_WITH_SYSTEMD
 
-#include "receivers/Bus.h"
+#include "Bus.h"
 
 #include <poll.h>
 #include <pthread.h>

@@ -1,18 +1,22 @@
-#include "receivers/GeoClue.h"
+#include "GeoClue.h"
 
 #include <stdexcept>
 
 #ifdef TARVO_WITH_SYSTEMD
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <mutex>
+#include <limits>
 #include <optional>
 #include <utility>
 
 #include <tarvo/platform/Clock.h>
 
-#include "receivers/Bus.h"
+#include "Bus.h"
+#include "Pace.h"
 
 namespace tarvo::receivers {
 namespace {
@@ -27,11 +31,14 @@ constexpr const char* kLocationInterface = "org.freedesktop.GeoClue2.Location";
 constexpr const char* kProperties = "org.freedesktop.DBus.Properties";
 
 constexpr std::uint32_t kExact = 8;  // of GClueAccuracyLevel
-constexpr std::uint32_t kLeastSecondsBetweenFixes = 1;
+
+/// GeoClue makes the accuracy of a satellite fix up from its dilution of precision: 0 m for a good one.
+constexpr double kLeastAccuracyMetres = 5;
 
 /// People answer questions later than programs.
 constexpr std::chrono::seconds kOpenAnswer = 10s;
 constexpr std::chrono::seconds kSilence = 60s;
+constexpr std::size_t kNoBytes = std::numeric_limits<std::size_t>::max();  // the bus bounds what waits
 constexpr std::uint64_t kCallMicroseconds = 5'000'000;
 
 /// Absent without a place that can be used.
@@ -44,6 +51,7 @@ std::optional<platform::CLLocation> fixOf(const std::map<std::string, double>& l
   fix.coordinate = {value("Latitude", -90, 999), value("Longitude", -180, 999)};
   fix.horizontalAccuracy = value("Accuracy", 0, -1);
   if (fix.coordinate.latitude > 90 || fix.coordinate.longitude > 180 || fix.horizontalAccuracy < 0) return std::nullopt;
+  fix.horizontalAccuracy = std::max(fix.horizontalAccuracy, kLeastAccuracyMetres);
   fix.altitude = value("Altitude", -1e9, 0);  // the least double stands for an unknown one
   fix.speed = value("Speed", 0, -1);
   fix.course = value("Heading", 0, -1);
@@ -66,8 +74,10 @@ class GeoClue final : public Receiver, private BusLoop::Client {
   void opened(sd_bus* bus) override {
     bus_ = bus;
     clientPath_.clear();
-    step_ = "make a client";
-    // GeoClue answers only when there is an agent of this user, if it takes any agent at all.
+    step_ = Step::client;
+    pace_.emplace(kNoBytes);
+    secondsBetweenFixes_ = 1;
+    // Answered as soon as GeoClue has an agent of this user.
     call(kManager, kManagerInterface, "GetClient", on<&GeoClue::onClient>, UINT64_MAX);
     loop_.limit(kOpenAnswer);
   }
@@ -77,7 +87,7 @@ class GeoClue final : public Receiver, private BusLoop::Client {
     if (const auto error = errorOf(answer)) return giveUp(answer, *error);
     if (sd_bus_message_read(answer, "o", &path) < 0) return loop_.giveUp(false, "GeoClue's answer makes no sense");
     clientPath_ = path;
-    step_ = "start";
+    step_ = Step::start;
     sd_bus_match_signal_async(bus_, nullptr, kService, path, kClientInterface, "LocationUpdated",
                               on<&GeoClue::onLocationUpdated>, nullptr, this);
     sd_bus_match_signal_async(bus_, nullptr, kService, path, kProperties, "PropertiesChanged",
@@ -85,7 +95,7 @@ class GeoClue final : public Receiver, private BusLoop::Client {
     set("DesktopId", "s", desktopId_.c_str());
     set("RequestedAccuracyLevel", "u", kExact);
     set("DistanceThreshold", "u", std::uint32_t{0});
-    set("TimeThreshold", "u", kLeastSecondsBetweenFixes);
+    set("TimeThreshold", "u", secondsBetweenFixes_);
     call(path, kClientInterface, "Start", on<&GeoClue::onStarted>, UINT64_MAX);
     loop_.limit(kOpenAnswer);
   }
@@ -109,6 +119,10 @@ class GeoClue final : public Receiver, private BusLoop::Client {
     loop_.limit(kSilence);
     tell(Condition::receiving, "GeoClue: fixes come");
     listener_.received({*fix});
+    // A fix takes three messages, each of which wakes the thread, so GeoClue is asked for fewer while nothing moves.
+    const auto pause = pace_->pauseAfter({*fix}, 0, platform::Clock::current()->monotonic());
+    const auto seconds = static_cast<std::uint32_t>(pause.count());
+    if (seconds != std::exchange(secondsBetweenFixes_, seconds)) set("TimeThreshold", "u", seconds);
   }
 
   void onPropertiesChanged(sd_bus_message* signal) {
@@ -120,7 +134,7 @@ class GeoClue final : public Receiver, private BusLoop::Client {
   void onClientProperties(sd_bus_message* answer) {
     const auto properties = numbersOf(answer);
     const auto active = properties.find("Active");
-    if (active == properties.end() || step_) return;
+    if (active == properties.end() || step_ != Step::none) return;
     if (active->second != 0 && told_ == Condition::refused) search("GeoClue: allowed again, waiting for a fix");
     if (active->second != 0 || told_ == Condition::refused) return;
     loop_.limit(std::nullopt);
@@ -129,10 +143,14 @@ class GeoClue final : public Receiver, private BusLoop::Client {
   }
 
   void timeUp() override {
-    if (!step_) return tell(Condition::searching, "GeoClue: no fix for a minute");
-    tell(Condition::refused,
-         std::string("GeoClue: no answer to \"") + step_ + "\" for " + desktopId_ +
-             "; it waits for a question on the screen to be answered, or for an agent of this user. " + remedy());
+    if (step_ == Step::none) return tell(Condition::searching, "GeoClue: no fix for a minute");
+    waited_ = true;
+    tell(Condition::refused, step_ == Step::client
+                                 ? "GeoClue: no answer; it waits for an agent of user " + std::to_string(::getuid()) +
+                                       ", which the shells of most desktops and phones are. Where there is none, run " +
+                                       "one as that user, for instance /usr/libexec/geoclue-2.0/demos/agent"
+                                 : "GeoClue: no answer; it waits for its question on the screen, whether " +
+                                       desktopId_ + " may know the location, to be answered");
   }
 
   void closing(sd_bus* bus) override {
@@ -144,23 +162,24 @@ class GeoClue final : public Receiver, private BusLoop::Client {
   }
 
   void failed(bool refused, const std::string& why, std::chrono::seconds nextTry) override {
-    tell(refused ? Condition::refused : Condition::lost,
+    // A GeoClue without agents leaves after a minute and comes back with the next try: no change worth telling.
+    tell(refused || waited_ ? Condition::refused : Condition::lost,
          "GeoClue: " + why + ", next try in " + std::to_string(nextTry.count()) + " s");
   }
 
   void giveUp(sd_bus_message* answer, const std::string& error) {
     const bool refused = sd_bus_message_is_method_error(answer, SD_BUS_ERROR_ACCESS_DENIED) > 0;
-    loop_.giveUp(refused, refused ? "refused (" + error + "). " + remedy() : error);
-  }
-
-  std::string remedy() const {
-    return "Location must be on in the settings of the desktop; without one, /etc/geoclue/geoclue.conf needs an empty "
-           "whitelist in [agent] and a section [" +
-           desktopId_ + "] with allowed=true, system=true and users=";
+    waited_ = false;
+    loop_.giveUp(refused, refused
+                              ? "refused (" + error + "). Location must be on in the settings of the desktop, and " +
+                                    "/etc/geoclue/geoclue.conf may have no section [" + desktopId_ +
+                                    "] with allowed=false or other users"
+                              : error);
   }
 
   void search(const std::string& line) {
-    step_ = nullptr;
+    step_ = Step::none;
+    waited_ = false;
     loop_.settled();
     loop_.limit(std::nullopt);
     tell(Condition::searching, line);
@@ -195,7 +214,10 @@ class GeoClue final : public Receiver, private BusLoop::Client {
   // Of the loop's thread.
   sd_bus* bus_ = nullptr;
   std::string clientPath_;
-  const char* step_ = nullptr;  ///< what GeoClue has not answered yet; null once it has started
+  enum class Step { none, client, start } step_ = Step::none;  ///< what GeoClue has not answered yet
+  bool waited_ = false;                                        ///< for so long that it was told
+  std::optional<Pace> pace_;
+  std::uint32_t secondsBetweenFixes_ = 1;
   Condition told_ = Condition::resting;
   BusLoop loop_{kService, "tarvo:geoclue", *this};  // last: it calls the rest
 };

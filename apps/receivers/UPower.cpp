@@ -1,4 +1,4 @@
-#include "receivers/UPower.h"
+#include "UPower.h"
 
 #include <stdexcept>
 
@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "receivers/Bus.h"
+#include "Bus.h"
 #endif
 
 namespace tarvo::receivers {

@@ -27,7 +27,8 @@ std::string ageOf(platform::Seconds age) {
 std::string statusLine(const std::string& receiver, const Health& health, platform::Date now) {
   const auto& [positions, delivery] = std::tie(health.positions, health.delivery);
   const std::int64_t left = positions.unsent + positions.awaiting;
-  std::string line = receiver + "; " + grouped(positions.stored) + " positions, " + grouped(left) + " unsent";
+  std::string line = receiver + "; " + grouped(positions.stored) +
+                     (positions.stored == 1 ? " position, " : " positions, ") + grouped(left) + " unsent";
   if (positions.unsaved > 0) line += ", " + grouped(positions.unsaved) + " cannot be saved";
   if (delivery.lastAcknowledgement)
     line += "; last acknowledged " + ageOf(now - *delivery.lastAcknowledgement) + " ago";

@@ -10,6 +10,7 @@ namespace {
 
 using platform::Seconds;
 
+/// Of a number with or without its unit; to be asked before what multiplies with the unit, so given after it.
 CLI::Validator notNegative() {
   return {[](const std::string& text) {
             const double number = std::strtod(text.c_str(), nullptr);
@@ -31,7 +32,7 @@ template <class Target>
 CLI::Option* addSpan(CLI::App& command, const std::string& name, Target& target, const std::string& meaning) {
   return addNumber<double>(command, name, target, meaning)
       ->transform(CLI::AsNumberWithUnit(kUnits, CLI::AsNumberWithUnit::CASE_SENSITIVE).description(""))
-      ->check(notNegative())
+      ->transform(notNegative())
       ->type_name("SPAN");
 }
 
@@ -39,7 +40,7 @@ CLI::Option* addBytes(CLI::App& command, const std::string& name, std::optional<
                       const std::string& meaning) {
   return addNumber<std::uint64_t>(command, name, target, meaning)
       ->transform(CLI::AsSizeValue(true).description(""))
-      ->check(notNegative())
+      ->transform(notNegative())
       ->type_name("BYTES");
 }
 

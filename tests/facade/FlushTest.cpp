@@ -1,5 +1,4 @@
 #include <future>
-#include <thread>
 
 #include <tarvo/platform/MainQueue.h>
 
@@ -32,8 +31,13 @@ TEST_F(Flush, GoesOverIntervalsAndFailuresAndTellsWhatKeepsPositionsBack) {
       {"bytes", {.networkIsMetered = true, .meteredBytesPerDay = 0}, {}, kLong, FlushResult::bytesUsedUp, 0},
       {"no time", {}, {}, 0, FlushResult::timeIsUp, 0},
       {"channel", {}, [] { NetworkManager::setCANAL_LOCK(true); }, 0.3, FlushResult::timeIsUp, 0},
-      {"refused", {}, [&] { backend.faults().answerNext(9, 503); }, 2.5, FlushResult::timeIsUp, 2},
-      {"refused, to be confirmed", {.confirmed = true}, {}, 2.5, FlushResult::timeIsUp, 1},
+      {"refused", {}, [&] { backend.faults().answerNext(2, 503); }, 2.5, FlushResult::timeIsUp, 2},
+      {"to be confirmed",
+       {.confirmed = true},
+       [&] { backend.faults().add({.status = 401}); },
+       2.5,
+       FlushResult::timeIsUp,
+       1},
       {"repeats, then what is new",
        {.confirmed = true},
        [&] { backend.faults().clear(); },
@@ -75,11 +79,31 @@ TEST_F(Flush, WaitsForTheChannelOfAFreshDeviceWhileItRunsTheMainQueue) {
 
 TEST_F(Flush, TakesAlongWhatIsOnItsWayAndNeedsNobodyToPump) {
   Tarvo tarvo = online();
+  std::promise<void> moves;
+  EngineParts::of(engine()).state.serialQueueLocation.async([future = moves.get_future().share()] { future.wait(); });
   for (int i = 0; i < 50; ++i) platform::LocationService::shared().deliver({fixAt(40 + 0.01 * i, kStart + i)});
   MainQueue::main().async([] {});
-  std::thread([] { EXPECT_EQ(Tarvo::flush(kLong), FlushResult::delivered); }).join();
+  auto flushed = std::async(std::launch::async, [] { return Tarvo::flush(kLong); });
+  EXPECT_EQ(flushed.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+  moves.set_value();
+  EXPECT_EQ(flushed.get(), FlushResult::delivered);
   expectEachIndexOnce(50);
   EXPECT_EQ(MainQueue::main().runPending(), 1u);
+}
+
+TEST_F(Flush, DoesNotWaitForWhatIsCollectedMeanwhile) {
+  Tarvo tarvo = online();
+  collect(2);
+  diary.onMessage([&](std::string_view line) {
+    if (line.find("Locations:markLocationAsSentUntilIndex [loc] from:0 ") == line.npos) return;
+    backend.faults().hangNext(1);
+    platform::LocationService::shared().deliver({fixAt(10, kStart)});
+  });
+  EXPECT_EQ(Tarvo::flush(10), FlushResult::delivered);
+  backend.faults().release();
+  waitUntilIdle();
+  settle();
+  expectEachIndexOnce(3);
 }
 
 TEST_F(Flush, HasNothingToDoWithoutAStore) {

@@ -131,12 +131,14 @@ TEST_F(GeoClue, GivesWhatIsKnownOfAPlace) {
   startReceiving();
   const auto at = [](double seconds) { return platform::dateSince1970(seconds); };
   const std::pair<const char*, platform::CLLocation> places[] = {
-      {"Latitude=48.5, Longitude=-11.25, Accuracy=7.0, Altitude=520.5, Speed=1.5, Heading=270.0, "
+      {"Latitude=48.5, Longitude=-11.25, Accuracy=7.5, Altitude=520.5, Speed=1.5, Heading=270.0, "
        "Timestamp=at(1700000000, 250000)",
-       {{48.5, -11.25}, 520.5, 7, -1, 270, 1.5, at(1700000000.25), {}}},
+       {{48.5, -11.25}, 520.5, 7.5, -1, 270, 1.5, at(1700000000.25), {}}},
       {"Latitude=-48.0, Longitude=11.0, Accuracy=5000.0, Altitude=-1.7976931348623157e+308, Speed=-1.0, Heading=-1.0, "
        "Timestamp=at(1600000000, 0)",  // older than the one before: a place remembered
        {{-48, 11}, 0, 5000, -1, -1, -1, at(1600000000), {}}},
+      {"Latitude=1.0, Longitude=2.0, Accuracy=0.0, Timestamp=at(1600000001, 0)",  // that of a good satellite fix
+       {{1, 2}, 0, 5, -1, -1, -1, at(1600000001), {}}},
   };
   int number = 1;
   for (const char* invalid :
@@ -180,7 +182,7 @@ TEST_F(GeoClue, TellsWhoCouldAllowItAndTakesUpWhatIsAllowedLater) {
   receiver_->start(-1);
   const auto [condition, line] = unit_.conditions.wait();
   EXPECT_EQ(condition, Condition::refused);
-  EXPECT_NE(line.find("[org.tarvo.unit] with allowed=true"), line.npos) << line;
+  EXPECT_NE(line.find("[org.tarvo.unit] with allowed=false"), line.npos) << line;
 
   services_->say("started = 'pass'");
   EXPECT_EQ(unit_.conditions.wait().first, Condition::searching);
