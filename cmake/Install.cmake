@@ -21,3 +21,8 @@ if(TARGET tarvo)
     install(FILES apps/unit/tarvo.toml DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/tarvo)
   endif()
 endif()
+if(TARGET tarvo_documents)
+  install(DIRECTORY ${PROJECT_BINARY_DIR}/share/man/ DESTINATION ${CMAKE_INSTALL_MANDIR})
+  install(DIRECTORY ${PROJECT_BINARY_DIR}/share/bash-completion ${PROJECT_BINARY_DIR}/share/zsh
+    DESTINATION ${CMAKE_INSTALL_DATADIR})
+endif()

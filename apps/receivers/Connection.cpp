@@ -4,14 +4,18 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <list>
 #include <memory>
 #include <mutex>
 #include <system_error>
+#include <thread>
+#include <utility>
 
 namespace tarvo::receivers {
 namespace {
@@ -23,52 +27,68 @@ constexpr auto kPatience = 10s;
 
 std::string reasonOf(int error) { return std::generic_category().message(error); }
 
-/// A name that is being looked up. What it is made of stays at its place until the C library is done with it.
-struct Lookup {
-  Lookup(const std::string& itsHost, const std::string& itsPort) : host(itsHost), port(itsPort) {
+struct Addresses {
+  Addresses() = default;
+  ~Addresses() {
+    if (first != nullptr) ::freeaddrinfo(first);
+  }
+  Addresses(const Addresses&) = delete;
+  Addresses& operator=(const Addresses&) = delete;
+
+  void find(const std::string& host, const std::string& port, int flags) {
+    addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
-    request.ar_name = host.c_str();
-    request.ar_service = port.c_str();
-    request.ar_request = &hints;
+    hints.ai_flags = flags;
+    error = ::getaddrinfo(host.c_str(), port.c_str(), &hints, &first);
+    if (error != 0) reason = error == EAI_SYSTEM ? reasonOf(errno) : ::gai_strerror(error);
+  }
+
+  addrinfo* first = nullptr;
+  int error = 0;
+  std::string reason;
+};
+
+/// Looks a name up on a thread of its own, which no call can end; the destructor waits for it.
+class Lookup {
+ public:
+  Lookup(std::string host, std::string port) : done_(::eventfd(0, EFD_CLOEXEC)) {
+    if (done_ < 0) throw Lost(reasonOf(errno));
+    try {
+      thread_ = std::thread([this, host = std::move(host), port = std::move(port)] {
+        found_.find(host, port, 0);
+        isDone_ = true;
+        ::eventfd_write(done_, 1);
+      });
+    } catch (const std::system_error& error) {
+      ::close(done_);
+      throw Lost(reasonOf(error.code().value()));
+    }
   }
   ~Lookup() {
-    if (request.ar_result != nullptr) ::freeaddrinfo(request.ar_result);
+    thread_.join();
+    ::close(done_);
   }
   Lookup(const Lookup&) = delete;
   Lookup& operator=(const Lookup&) = delete;
-  bool isUnderWay() { return ::gai_error(&request) == EAI_INPROGRESS; }
 
-  const std::string host, port;
-  addrinfo hints{};
-  gaicb request{};
+  int done() const { return done_; }
+  bool isDone() const { return isDone_; }
+  const Addresses& found() const { return found_; }
+
+ private:
+  const int done_;
+  std::atomic<bool> isDone_ = false;
+  Addresses found_;
+  std::thread thread_;
 };
 
-/// Takes a lookup that nobody waits for any more, and frees those that have ended meanwhile.
+/// Takes a lookup that nobody waits for any more, and ends those that are done meanwhile.
 void abandon(std::unique_ptr<Lookup> lookup) {
   static auto* mutex = new std::mutex;
   static auto* all = new std::list<std::unique_ptr<Lookup>>;
   const std::lock_guard lock(*mutex);
-  all->remove_if([](const auto& one) { return !one->isUnderWay(); });
-  if (::gai_cancel(&lookup->request) == EAI_NOTCANCELED) all->push_back(std::move(lookup));
-}
-
-/// None when it is not wanted any more.
-std::unique_ptr<Lookup> lookUp(const std::string& host, const std::string& port, Waiting& waiting) {
-  auto lookup = std::make_unique<Lookup>(host, port);
-  gaicb* requests[] = {&lookup->request};
-  if (const int error = ::getaddrinfo_a(GAI_NOWAIT, requests, 1, nullptr)) throw Lost(::gai_strerror(error));
-  const auto until = Waiting::Clock::now() + kPatience;
-  // The C library tells of the end by a signal or on another thread only: short looks, each longer than the one before.
-  for (auto look = 1ms; lookup->isUnderWay(); look = std::min<std::chrono::milliseconds>(2 * look, 500ms)) {
-    const bool unwanted = waiting.wait(-1, 0, Waiting::Clock::now() + look) == Outcome::unwanted;
-    if (!unwanted && Waiting::Clock::now() < until) continue;
-    abandon(std::move(lookup));
-    if (unwanted) return nullptr;
-    throw Lost("its name was not found within 10 s");
-  }
-  if (const int error = ::gai_error(&lookup->request))
-    throw Lost(error == EAI_SYSTEM ? reasonOf(errno) : ::gai_strerror(error));
-  return lookup;
+  all->remove_if([](const auto& one) { return one->isDone(); });
+  all->push_back(std::move(lookup));
 }
 
 void keepAlive(int socket) {
@@ -81,13 +101,11 @@ void keepAlive(int socket) {
   set(IPPROTO_TCP, TCP_KEEPCNT, 3);
 }
 
-}  // namespace
-
-int connectTo(const std::string& host, const std::string& port, Waiting& waiting) {
-  const auto found = lookUp(host, port, waiting);
-  if (!found) return -1;
+/// The first address that answers, -1 when nobody wants it any more.
+int connectToOne(const Addresses& addresses, Waiting& waiting) {
+  if (addresses.error != 0) throw Lost(addresses.reason);
   int error = ENOENT;
-  for (const addrinfo* each = found->request.ar_result; each != nullptr; each = each->ai_next) {
+  for (const addrinfo* each = addresses.first; each != nullptr; each = each->ai_next) {
     const int socket = ::socket(each->ai_family, each->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, each->ai_protocol);
     if (socket < 0) {
       error = errno;
@@ -111,6 +129,20 @@ int connectTo(const std::string& host, const std::string& port, Waiting& waiting
     ::close(socket);
   }
   throw Lost(reasonOf(error));
+}
+
+}  // namespace
+
+int connectTo(const std::string& host, const std::string& port, Waiting& waiting) {
+  Addresses number;
+  number.find(host, port, AI_NUMERICHOST);
+  if (number.error == 0) return connectToOne(number, waiting);
+  auto lookup = std::make_unique<Lookup>(host, port);
+  const Outcome outcome = waiting.wait(lookup->done(), POLLIN, Waiting::Clock::now() + kPatience);
+  if (outcome == Outcome::ready) return connectToOne(lookup->found(), waiting);
+  abandon(std::move(lookup));
+  if (outcome == Outcome::late) throw Lost("its name was not found within 10 s");
+  return -1;
 }
 
 }  // namespace tarvo::receivers

@@ -18,5 +18,6 @@ void addReadCommands(CLI::App& app, Run& run);  ///< history, trips, pois, statu
 void addEraseCommand(CLI::App& app, Run& run);
 void addSandboxCommand(CLI::App& app, Run& run);
 void addSimulateCommand(CLI::App& app, Run& run);
+void addDocumentCommand(CLI::App& app, Run& run);  ///< hidden; describes all that is added, also later
 
 }  // namespace tarvo::cli

@@ -46,6 +46,7 @@ int main(int argc, char** argv) {
   addEraseCommand(app, run);
   addSandboxCommand(app, run);
   addSimulateCommand(app, run);
+  addDocumentCommand(app, run);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

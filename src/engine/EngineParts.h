@@ -56,7 +56,7 @@ class EngineParts final : public platform::CLLocationManagerDelegate, public Eng
   FlushResult flush(platform::Seconds limit);
   /// Runs the block, if there is one, on the main queue once all queues that a fix passes on its way to the store have
   /// come by what waits there now. Any thread; returns at once.
-  void probe(std::function<void()> answered);
+  void probe(std::function<void()>&& answered);
 
   LocationManager& engine;
   platform::CLLocationManager locationManager;

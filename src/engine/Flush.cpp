@@ -69,7 +69,7 @@ FlushResult EngineParts::flush(Seconds limit) {
   probe({});
   const std::uint64_t probes = probesBegun_;  // this one among them, and they end in their order
   pipeline.endWait();
-  std::optional<std::int64_t> goal;  // so many acknowledged: the oldest go first
+  std::int64_t goal = -1;  // so many acknowledged, once it is known: the oldest go first
   std::int64_t acknowledged = 0;
   Seconds look = kFirstLook, pause = kFirstPause, nextTry{};
   while (true) {
@@ -79,8 +79,8 @@ FlushResult EngineParts::flush(Seconds limit) {
     if (isIdle || probesEnded_ >= probes) {
       const LocationManager::SyncStatus status = engine.syncStatus();
       if (!status.storeAvailable) return FlushResult::storeUnavailable;
-      if (!goal) goal = status.stored + status.unsaved;
-      if (status.acknowledged >= *goal || status.unsent + status.awaiting + status.unsaved == 0)
+      if (goal < 0) goal = status.stored + status.unsaved;
+      if (status.acknowledged >= goal || status.unsent + status.awaiting + status.unsaved == 0)
         return FlushResult::delivered;
       // A batch under way may still be acknowledged.
       if (const auto obstacle = pipeline.obstacle();
@@ -105,7 +105,7 @@ FlushResult EngineParts::flush(Seconds limit) {
   }
 }
 
-void EngineParts::probe(std::function<void()> answered) {
+void EngineParts::probe(std::function<void()>&& answered) {
   ++probesBegun_;
   platform::LocationServiceState::shared().afterDeliveries(Probe{*this, std::move(answered)});
 }

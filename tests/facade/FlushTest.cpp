@@ -14,7 +14,17 @@ using platform::Seconds;
 /// Bounds what ends much earlier, in real time.
 constexpr double kLong = 60;
 
-struct Flush : test::WholeSdk {};
+struct Flush : test::WholeSdk {
+  /// With the channel free, and an interval that keeps every pass of the SDK's own away.
+  void collectOne(DeliveryOptions options) {
+    collect(1);
+    Tarvo::setACTIVATE_STATUS(Tarvo::BACKEND_BACKGROUND);
+    options.leastPassInterval = Seconds(3600);
+    Tarvo::setDeliveryOptions(options);
+    NetworkManager::setCANAL_TIME_LOCK(clock->now());
+    NetworkManager::setCANAL_LOCK(false);
+  }
+};
 
 TEST_F(Flush, GoesOverIntervalsAndFailuresAndTellsWhatKeepsPositionsBack) {
   Tarvo tarvo = online();
@@ -45,14 +55,9 @@ TEST_F(Flush, GoesOverIntervalsAndFailuresAndTellsWhatKeepsPositionsBack) {
        FlushResult::delivered,
        2},
   };
-  for (auto [what, options, given, seconds, result, posts] : cases) {
+  for (const auto& [what, options, given, seconds, result, posts] : cases) {
     SCOPED_TRACE(what);
-    collect(1);
-    Tarvo::setACTIVATE_STATUS(Tarvo::BACKEND_BACKGROUND);
-    options.leastPassInterval = Seconds(3600);
-    Tarvo::setDeliveryOptions(options);
-    NetworkManager::setCANAL_TIME_LOCK(clock->now());
-    NetworkManager::setCANAL_LOCK(false);
+    collectOne(options);
     const auto before = engine().syncStatus().batchesPosted;
     if (given) given();
     EXPECT_EQ(Tarvo::flush(seconds), result);
