@@ -4,6 +4,7 @@
 #include <time.h>
 
 #include <cstdint>
+#include <utility>
 
 #include <tarvo/Tarvo.h>
 
@@ -16,7 +17,7 @@ void tell(const std::string& message) { sd_notify(0, message.c_str()); }
 
 }  // namespace
 
-Supervisor::Supervisor(Loop& loop) : loop_(loop) {
+Supervisor::Supervisor(Loop& loop, Loop::Work fed) : loop_(loop), fed_(std::move(fed)) {
   std::uint64_t microseconds = 0;
   if (sd_watchdog_enabled(0, &microseconds) > 0) interval_ = Seconds(static_cast<double>(microseconds) / 1e6 / 2);
   watchdog_ = loop_.timer([this] { ask(); });
@@ -31,6 +32,7 @@ void Supervisor::ask() {
   Tarvo::probe(loop_.whileAlive([this] {
     tell("WATCHDOG=1");
     watchdog_->arm(interval_);
+    fed_();
   }));
 }
 

@@ -19,7 +19,8 @@ namespace tarvo::unit {
 /// Threads: main. Errors: none.
 class Supervisor {
  public:
-  explicit Supervisor(Loop& loop);
+  /// `fed` is called after each answer.
+  Supervisor(Loop& loop, Loop::Work fed);
 
   /// The unit does its work: told once it is activated. The watchdog begins.
   void ready();
@@ -35,6 +36,7 @@ class Supervisor {
   void ask();
 
   Loop& loop_;
+  const Loop::Work fed_;
   std::string told_;
   platform::Seconds interval_{0};
   std::unique_ptr<Loop::Timer> watchdog_;

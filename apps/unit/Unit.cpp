@@ -37,7 +37,7 @@ using receivers::Condition;
 
 /// Another process on this home may be about to end, as at a restart.
 constexpr double kOtherProcess = 3;
-constexpr std::chrono::seconds kBetweenStatus{10};
+constexpr Seconds kBetweenStatus{10};
 /// What a flush may wait for beyond its time: another process, a resolver.
 constexpr Seconds kBeyondFlush{15};
 
@@ -100,7 +100,6 @@ class Unit {
   void reload();
   void stop();
 
-  void applyWhatCanChange();
   void changed(Condition condition, const std::string& line);
   void stored();
   void showStatus();
@@ -111,7 +110,8 @@ class Unit {
   const Host& host_;
   UnitOptions options_;
   Loop loop_;
-  Supervisor supervisor_{loop_};
+  Supervisor supervisor_{loop_, [this] { showStatus(); }};
+  const std::unique_ptr<Loop::Timer> laterStatus_ = loop_.timer([this] { showStatus(); });
   std::shared_ptr<DeviceClock> clock_;  ///< where the machine's own cannot be right
   std::optional<Tarvo> tarvo_;
   std::string secret_;
@@ -211,36 +211,21 @@ void Unit::activate() {
   showStatus();
 }
 
-void Unit::applyWhatCanChange() {
-  prints = options_.verbose;
-  Tarvo::setDeliveryOptions(options_.delivery);
-  Tarvo::setStorageLimits(options_.storage);
-  if (options_.logLevel) setLogLevel(*options_.logLevel);
-  if (uploads_) uploads_->setInterval(Seconds(options_.uploadInterval));
-}
-
 void Unit::reload() {
   if (isActive_) supervisor_.reloading();
   try {
-    UnitOptions fresh = reader_.read();
+    const UnitOptions fresh = reader_.read();
     std::string kept;
     for (const std::string& name : needRestart(options_, fresh)) kept += (kept.empty() ? "" : ", ") + name;
-    if (isActive_ && fresh.state != options_.state) setState(fresh.state);
-    // What cannot change now is compared with what the unit runs on at the next reading too.
-    fresh.home = options_.home;
-    for (const std::string& name : needRestart(options_, fresh)) {
-      fresh.given.erase(name);
-      if (const auto old = options_.given.find(name); old != options_.given.end()) fresh.given.insert(*old);
+    const std::string state = std::exchange(options_, reloaded(options_, fresh)).state;
+    prints = options_.verbose;
+    Tarvo::setDeliveryOptions(options_.delivery);
+    Tarvo::setStorageLimits(options_.storage);
+    if (isActive_) {
+      if (options_.state != state) setState(options_.state);
+      if (options_.logLevel) setLogLevel(*options_.logLevel);
+      uploads_->setInterval(Seconds(options_.uploadInterval));
     }
-    options_.delivery = fresh.delivery;
-    options_.storage = fresh.storage;
-    options_.state = fresh.state;
-    options_.logLevel = fresh.logLevel;
-    options_.uploadInterval = fresh.uploadInterval;
-    options_.flushTimeout = fresh.flushTimeout;
-    options_.verbose = fresh.verbose;
-    options_.given = fresh.given;
-    applyWhatCanChange();
     note("the options were read again" + (kept.empty() ? std::string() : "; a new start is needed for " + kept));
   } catch (const OptionError& error) {
     note(std::string(error.what()) + "; the options stay as they were");
@@ -275,7 +260,6 @@ void Unit::changed(Condition condition, const std::string& line) {
   receiverLine_ = line;
   note(line);
   if (condition == Condition::ended) return stop();
-  shown_ = {};
   showStatus();
 }
 
@@ -286,10 +270,12 @@ void Unit::stored() {
   showStatus();
 }
 
+/// At most each ten seconds; what has changed meanwhile is told after them.
 void Unit::showStatus() {
-  const auto now = std::chrono::steady_clock::now();
-  if (isStopping_ || !isActive_ || now - shown_ < kBetweenStatus) return;
-  shown_ = now;
+  if (isStopping_ || !isActive_ || laterStatus_->isArmed()) return;
+  const Seconds passed = std::chrono::steady_clock::now() - shown_;
+  if (passed < kBetweenStatus) return laterStatus_->arm(kBetweenStatus - passed);
+  shown_ = std::chrono::steady_clock::now();
   supervisor_.status(line());
 }
 

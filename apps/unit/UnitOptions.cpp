@@ -22,6 +22,22 @@ CLI::Validator notNegative() {
 /// Seconds, or a number with its unit: "90", "12h", "30d".
 const std::map<std::string, double> kUnits = {{"s", 1}, {"min", 60}, {"h", 3600}, {"d", 86400}};
 
+/// What `reloaded` takes over.
+const std::set<std::string> kLive = {"confirmed",
+                                     "drop-protocol-breaks",
+                                     "least-pass-interval",
+                                     "metered",
+                                     "position-age",
+                                     "metered-bytes-per-day",
+                                     "store-bytes",
+                                     "log-age",
+                                     "log-bytes",
+                                     "log-level",
+                                     "upload-interval",
+                                     "flush-timeout",
+                                     "verbose",
+                                     "state"};
+
 template <class Value, class Target>
 CLI::Option* addNumber(CLI::App& command, const std::string& name, Target& target, const std::string& meaning) {
   return command.add_option_function<Value>(
@@ -142,20 +158,27 @@ std::filesystem::path defaultHome() {
   return first.empty() ? "/var/lib/tarvo" : first;
 }
 
-std::vector<std::string> needRestart(const UnitOptions& before, const UnitOptions& after) {
-  static const std::set<std::string> live = {
-      "confirmed", "drop-protocol-breaks", "least-pass-interval", "metered", "metered-bytes-per-day",
-      "state",     "position-age",         "store-bytes",         "log-age", "log-bytes",
-      "log-level", "upload-interval",      "flush-timeout",       "verbose"};
+std::vector<std::string> needRestart(const UnitOptions& running, const UnitOptions& fresh) {
   std::set<std::string> names;
-  for (const auto* each : {&before, &after})
+  for (const auto* each : {&running, &fresh})
     for (const auto& [name, text] : each->given)
-      if (!live.contains(name)) names.insert(name);
+      if (!kLive.contains(name)) names.insert(name);
   std::erase_if(names, [&](const std::string& name) {
-    const auto old = before.given.find(name), fresh = after.given.find(name);
-    return old != before.given.end() && fresh != after.given.end() && old->second == fresh->second;
+    const auto now = running.given.find(name), then = fresh.given.find(name);
+    return now != running.given.end() && then != fresh.given.end() && now->second == then->second;
   });
   return {names.begin(), names.end()};
+}
+
+UnitOptions reloaded(UnitOptions running, const UnitOptions& fresh) {
+  running.delivery = fresh.delivery;
+  running.storage = fresh.storage;
+  running.state = fresh.state;
+  running.logLevel = fresh.logLevel;
+  running.uploadInterval = fresh.uploadInterval;
+  running.flushTimeout = fresh.flushTimeout;
+  running.verbose = fresh.verbose;
+  return running;
 }
 
 void addUnitOptions(CLI::App& command, UnitOptions& options) {

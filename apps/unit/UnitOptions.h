@@ -50,8 +50,10 @@ struct UnitOptions {
 /// The home of a unit where no option names one: `$STATE_DIRECTORY`, else /var/lib/tarvo.
 std::filesystem::path defaultHome();
 
-/// The options that need a new start of the unit when they change.
-std::vector<std::string> needRestart(const UnitOptions& before, const UnitOptions& after);
+/// What `fresh` has otherwise than `running` and only a new start of the unit can change, by name.
+std::vector<std::string> needRestart(const UnitOptions& running, const UnitOptions& fresh);
+/// `running`, with what `fresh` can change while a unit runs.
+UnitOptions reloaded(UnitOptions running, const UnitOptions& fresh);
 
 /// Gives `command` all options of a unit; parsing it writes into `options`.
 void addUnitOptions(CLI::App& command, UnitOptions& options);

@@ -170,7 +170,7 @@ TEST_F(ControlTest, TheWatchdogIsFedOnlyWhileTheEngineMoves) {
   platform::setHomeDirectory(folder.path());
   Tarvo tarvo;
   tarvo.activate(Tarvo::LOCAL_BACKGROUND);
-  Supervisor supervisor(loop);
+  Supervisor supervisor(loop, [] {});
   const auto stuck = std::make_shared<Stuck>();
   std::thread beside([&] {
     EXPECT_EQ(manager.next(60), "READY=1");
