@@ -128,6 +128,8 @@ std::string programPage(const ProgramDescription& program) {
 /// How a value is written in the daemon's file.
 std::string writtenValue(const OptionDescription& option) {
   if (option.value.empty()) return "true|false";
+  if (option.mayLackValue && option.value.starts_with('['))
+    return '"' + option.value.substr(1, option.value.size() - 2) + "\"|true";
   const bool isBare = option.value == "N" || option.value == "SPAN" || option.value == "BYTES";
   return isBare ? option.value : '"' + option.value + '"';
 }
