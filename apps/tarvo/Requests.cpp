@@ -151,7 +151,7 @@ void addRequestCommands(CLI::App& app, Run& run) {
       ->required()
       ->check(CLI::IsMember({"state", "battery", "log-level"}))
       ->type_name("");
-  command->add_option("VALUE", options->value, "")->required()->type_name("");
+  command->add_option("VALUE", options->value, "What it is from now on")->required()->type_name("");
   command->callback([options, &run] { run = [options] { return set(*options); }; });
 }
 

@@ -64,10 +64,10 @@ struct Control::Client {
     }
     return true;
   }
-  /// The next whole line; a text too long for one is a line too.
-  std::optional<std::string> takeLine() {
+  /// Whether there is a whole line; a text too long for one is a line too.
+  bool hasLine() const { return in.size() > kLargestLine || in.find('\n') != in.npos; }
+  std::string takeLine() {
     const std::size_t end = in.find('\n');
-    if (end == in.npos && in.size() <= kLargestLine) return std::nullopt;
     std::string line = in.substr(0, end);
     in.erase(0, end == in.npos ? end : end + 1);
     return line;
@@ -125,36 +125,45 @@ void Control::accept() {
   });
 }
 
+/// One request at most, so that nobody keeps the loop from its other work.
 void Control::serve(const std::shared_ptr<Client>& client) {
-  client->isServed = true;
   // Whoever waits for an answer is not read from: its requests lie in the socket, which has its own bound.
-  if (!client->waits && client->out.empty() && !client->read()) client->ends = true;
-  while (client->write() && client->out.empty() && !client->waits) {
-    const auto line = client->takeLine();
-    if (!line) break;
-    clients_.remove(client);
-    clients_.push_back(client);
-    const auto request = line->size() <= kLargestLine ? Value::fromJson(*line) : std::nullopt;
-    if (!request || request->asDictionary() == nullptr) {
-      client->out = lineOf({{"error", "a request is one line with a JSON object, of at most 64 KiB"}});
-      client->ends = client->ends || line->size() > kLargestLine;
-      continue;
-    }
-    client->waits = true;
-    handler_(*request->asDictionary(), [this, weak = std::weak_ptr(client)](const Dictionary& answer) {
-      const auto asker = weak.lock();
-      if (!asker) return;
-      asker->waits = false;
-      asker->out = lineOf(answer);
-      if (asker->isServed) return;
-      loop_.post([this, weak] {
-        if (const auto still = weak.lock()) serve(still);
-      });
-    });
+  if (client->waits) return;
+  if (client->out.empty() && !client->hasLine() && !client->read()) client->ends = true;
+  if (client->out.empty() && client->hasLine()) take(client, client->takeLine());
+  if (!client->write()) return drop(client);
+  const bool isFree = !client->waits && client->out.empty(), hasMore = isFree && client->hasLine();
+  if (hasMore) serveLater(client);
+  if (client->ends && isFree && !hasMore) return drop(client);
+  client->watch->waitFor(isFree && !hasMore && !client->ends, !client->out.empty());
+}
+
+void Control::serveLater(const std::weak_ptr<Client>& client) {
+  loop_.post([this, client] {
+    if (const auto still = client.lock()) serve(still);
+  });
+}
+
+void Control::take(const std::shared_ptr<Client>& client, const std::string& line) {
+  clients_.remove(client);
+  clients_.push_back(client);
+  const auto request = line.size() <= kLargestLine ? Value::fromJson(line) : std::nullopt;
+  if (!request || request->asDictionary() == nullptr) {
+    client->out = lineOf({{"error", "a request is one line with a JSON object, of at most 64 KiB"}});
+    if (line.size() <= kLargestLine) return;
+    client->in.clear();
+    client->ends = true;
+    return;
   }
+  client->waits = client->isServed = true;
+  handler_(*request->asDictionary(), [this, weak = std::weak_ptr(client)](const Dictionary& answer) {
+    const auto asker = weak.lock();
+    if (!asker) return;
+    asker->waits = false;
+    asker->out = lineOf(answer);
+    if (!asker->isServed) serveLater(weak);
+  });
   client->isServed = false;
-  if (!client->write() || (client->ends && !client->waits && client->out.empty())) return drop(client);
-  client->watch->waitFor(!client->waits && client->out.empty() && !client->ends, !client->out.empty());
 }
 
 void Control::drop(const std::shared_ptr<Client>& client) { clients_.remove(client); }

@@ -38,6 +38,8 @@ class Control {
   struct Client;
   void accept();
   void serve(const std::shared_ptr<Client>& client);
+  void serveLater(const std::weak_ptr<Client>& client);
+  void take(const std::shared_ptr<Client>& client, const std::string& line);
   void drop(const std::shared_ptr<Client>& client);
 
   Loop& loop_;

@@ -27,6 +27,7 @@
 #include "platform/foundation/WorkInFlight.h"
 #include "platform/urlsession/TransferJournal.h"
 #include "platform/urlsession/URLSession.h"
+#include "receivers/NmeaReader.h"
 #include "records/LatestPrediction.h"
 #include "sandbox/Canned.h"
 #include "settings/Settings.h"
@@ -158,18 +159,34 @@ void journal(Bytes bytes) {
           "a transfer that was journalled again is another");
 }
 
+void requireUsable(const std::vector<CLLocation>& fixes) {
+  for (const CLLocation& fix : fixes) {
+    for (const double value : {fix.altitude, fix.speed, fix.course, secondsSince1970(fix.timestamp)})
+      require(std::isfinite(value), "a fix has a value that is not finite");
+    require(std::abs(fix.coordinate.latitude) <= 90 && std::abs(fix.coordinate.longitude) <= 180 &&
+                fix.horizontalAccuracy > 0 && std::isfinite(fix.horizontalAccuracy),
+            "a fix is off the globe");
+  }
+}
+
 void gpx(Bytes bytes) {
   std::string error;
   const auto trace = GpxTrace::read(written("trip.gpx", bytes), error);
   require(trace ? !trace->fixes.empty() : !error.empty() && error.find('\n') == error.npos, "no trip, and no reason");
   if (!trace) return;
-  for (const CLLocation& fix : trace->fixes) {
-    for (const double value : {fix.altitude, fix.speed, fix.course, secondsSince1970(fix.timestamp)})
-      require(std::isfinite(value), "a fix of a trip has a value that is not finite");
-    require(std::abs(fix.coordinate.latitude) <= 90 && std::abs(fix.coordinate.longitude) <= 180 &&
-                fix.horizontalAccuracy > 0 && std::isfinite(fix.horizontalAccuracy),
-            "a fix of a trip is off the globe");
-  }
+  requireUsable(trace->fixes);
+}
+
+/// In one piece and byte by byte.
+void nmea(Bytes bytes) {
+  receivers::NmeaReader whole, single;
+  std::vector<CLLocation> fixes, others;
+  whole.take(bytes, fixes);
+  whole.finish(fixes);
+  for (const char& byte : bytes) single.take({&byte, 1}, others);
+  single.finish(others);
+  require(fixes == others, "sentences in parts give other fixes");
+  requireUsable(fixes);
 }
 
 /// A base, a line end and where it sends its client, or when.
@@ -324,6 +341,7 @@ const Target kTargets[] = {
     {"plist", propertyList},
     {"journal", journal},
     {"gpx", gpx},
+    {"nmea", nmea},
     {"urls", urls},
     {"ledger", ledger},
     {"script", script},
