@@ -11,7 +11,7 @@ cd "$1"
 own_mounts "$script" "$1"
 work=$(mktemp -d) root=$work/root
 started=()
-trap 'kill "${started[@]}" 2>/dev/null || true; wait || true; remove_root "$root"; remove_root "$work/host"
+trap 'kill -KILL "${started[@]}" 2>/dev/null || true; wait || true; remove_root "$root"; remove_root "$work/host"
   rm -rf "$work"' EXIT
 trap 'exit 1' HUP INT TERM
 fail() { echo "$*"; exit 1; }
@@ -37,7 +37,7 @@ for name in libtarvo0.1 tarvo-tools; do
   cp "$(package $name)" "$root/newer_$name.deb"
   dpkg-deb -f "$(package $name)" Depends | tr ',' '\n' | grep -v libtarvo
 done | paste -sd, >"$work/depends"
-in_root "$root" apt-get satisfy -y -qq --no-install-recommends "$(cat "$work/depends")" </dev/null >"$work/log" 2>&1 ||
+in_root "$root" apt-get satisfy -y -qq --no-install-recommends "$(cat "$work/depends"), systemd, procps" </dev/null >"$work/log" 2>&1 ||
   fail "what the packages depend on is not there: $(tail -n 5 "$work/log")"
 mkdir -p "$root/var/lib/private"
 everything() {
@@ -54,6 +54,7 @@ install_in "$root" /older_libtarvo0.1.deb /older_tarvo-tools.deb
 day=/tmp/day.nmea
 in_root "$root" tarvo simulate --from 48.1,11.5 --to 48.13,11.6 --profile drive --seed 1 --format nmea --output $day
 export ROOT_USER=65534:65534
+: >"$work/sandbox"
 enter_root "$root" tarvo sandbox --port 0 --data /tmp/data >"$work/sandbox" 2>&1 & started+=($!)
 until grep -q '^page' "$work/sandbox"; do kill -0 "${started[0]}" 2>/dev/null || fail "$(cat "$work/sandbox")"; done
 cat >>"$root/etc/tarvo/tarvo.toml" <<END
@@ -78,8 +79,7 @@ install -o 65534 -g 65534 -m 400 "$root/etc/tarvo/api-secret" "$root/tmp/credent
 enter_root "$root" env STATE_DIRECTORY=/var/lib/private/tarvo CREDENTIALS_DIRECTORY=/tmp/credentials tarvo run \
   >"$work/unit" 2>&1 & unit=$!
 started+=("$unit")
-! command -v systemd-analyze >/dev/null ||
-  systemd-analyze verify --man=no --root="$root" tarvo.service >"$work/log" 2>&1 || fail "$(cat "$work/log")"
+in_root "$root" systemd-analyze verify --man=no tarvo.service >"$work/log" 2>&1 || fail "$(cat "$work/log")"
 
 # Meanwhile a host is built against the packages in another new system.
 host() {
