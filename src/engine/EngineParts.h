@@ -1,7 +1,11 @@
 #pragma once
 
+#include <atomic>
+#include <cstdint>
+#include <functional>
 #include <memory>
 
+#include <tarvo/FlushResult.h>
 #include <tarvo/Health.h>
 #include <tarvo/LocationManager.h>
 #include <tarvo/NetworkManager.h>
@@ -47,6 +51,12 @@ class EngineParts final : public platform::CLLocationManagerDelegate, public Eng
   /// Writes what could not be saved before, if there is room again, and what has changed in the ledger, and moves what
   /// the store's log holds into its file.
   void checkpoint();
+  /// Starts upload passes until what has been collected is delivered, nothing can be sent, or the real time is up
+  /// (Tarvo::flush). Never from inside a callback of the SDK.
+  FlushResult flush(platform::Seconds limit);
+  /// Runs the block, if there is one, on the main queue once all queues that a fix passes on its way to the store have
+  /// come by what waits there now. Any thread; returns at once.
+  void probe(std::function<void()>&& answered);
 
   LocationManager& engine;
   platform::CLLocationManager locationManager;
@@ -89,10 +99,13 @@ class EngineParts final : public platform::CLLocationManagerDelegate, public Eng
   void predictionStored() override;
 
  private:
+  struct Probe;
   void subscribeForNotifications();
   void readStoredUser();
   void configureLocationService();
   void probeServices();
+
+  std::atomic<std::uint64_t> probesBegun_{0}, probesEnded_{0};
 };
 
 }  // namespace tarvo

@@ -176,6 +176,16 @@ bool Tarvo::waitUntilIdle(double seconds) {
   return idle;
 }
 
+FlushResult Tarvo::flush(double seconds) {
+  const FlushResult result = EngineParts::of(LocationManager::sharedInstance()).flush(platform::Seconds(seconds));
+  waitUntilIdle(0);
+  return result;
+}
+
+void Tarvo::probe(std::function<void()> answered) {
+  EngineParts::of(LocationManager::sharedInstance()).probe(std::move(answered));
+}
+
 Tarvo::Core::Core() : locationManager(LocationManager::sharedInstance()), delegate(nullptr) {}
 
 void Tarvo::Core::locationManagerDidReceiveNewLocations(LocationManager&,
