@@ -9,8 +9,18 @@ namespace tarvo::unit {
 using platform::LocationService;
 using receivers::Condition;
 
+namespace {
+
+/// A day after the time of satellites begins, 1980-01-06: a receiver that shows an earlier one does not know it.
+constexpr platform::Date kEarliestFix = platform::dateSince1970(315'964'800 + 86'400);
+
+}  // namespace
+
 Intake::Intake(const Loop& loop, std::shared_ptr<DeviceClock> clock, Told told)
-    : post_(loop.poster()), clock_(std::move(clock)), told_(std::make_shared<const Told>(std::move(told))) {}
+    : post_(loop.poster()),
+      clock_(std::move(clock)),
+      told_(std::make_shared<const Told>(std::move(told))),
+      order_(kEarliestFix) {}
 
 receivers::FixOrder::Statistics Intake::statistics() const {
   const std::lock_guard lock(mutex_);
