@@ -75,6 +75,8 @@ class Unit {
 
   /// The whole flow.
   int run() {
+    // Who reads its lines may end before it.
+    ::signal(SIGPIPE, SIG_IGN);
     describeHost();
     holdHome();
     loop_.onSignals({SIGTERM, SIGINT}, [this] { stop(); });
