@@ -20,7 +20,11 @@
 #include "Commands.h"
 #include "Console.h"
 #include "Home.h"
+#include "Requests.h"
 #include "Status.h"
+#ifdef TARVO_WITH_UNIT
+#include "unit/UnitOptions.h"
+#endif
 
 namespace tarvo::cli {
 namespace {
@@ -316,7 +320,15 @@ std::string statusText(const Tarvo& tarvo, const Home& home) {
 
 namespace {
 
-int printStatus(const ListOptions& options) {
+struct StatusOptions : ListOptions {
+  bool watch = false;
+};
+
+int printStatus(const StatusOptions& options) {
+#ifdef TARVO_WITH_UNIT
+  if (options.watch)
+    if (const auto status = watchUnit(options.home, options.json)) return *status;
+#endif
   const Home home = openHome(options);
   const Tarvo tarvo;
   const LocationManager::SyncStatus sync = tarvo.syncStatus();
@@ -345,7 +357,7 @@ int printStatus(const ListOptions& options) {
 }
 
 void addStatus(CLI::App& app, Run& run) {
-  const auto options = std::make_shared<ListOptions>();
+  const auto options = std::make_shared<StatusOptions>();
   CLI::App* command = app.add_subcommand("status", "Tells mode, user, counts and sizes of a home");
   command->footer(
       "unsent: never posted; awaiting: posted, not acknowledged; unsaved: in memory alone; waiting for: since the\n"
@@ -353,7 +365,14 @@ void addStatus(CLI::App& app, Run& run) {
       "answered;\n"
       "gap: more than five minutes without a position, and why (docs/hosting.md).\n"
       "Exit status: 0 told; 1 nothing there; 2 wrong usage; 3 the store cannot be used.");
+#ifdef TARVO_WITH_UNIT
+  options->home = unit::defaultHome();
+  command->add_option("--home", options->home, "The folder of the run or unit [$STATE_DIRECTORY, else /var/lib/tarvo]")
+      ->type_name("DIR");
+  command->add_flag("--watch", options->watch, "Ask the unit that runs there each second, a line or object each");
+#else
   command->add_option("--home", options->home, "The folder of the run")->required()->type_name("DIR");
+#endif
   command->add_flag("--json", options->json, "Print one JSON object");
   command->add_flag("--log", options->log, "Show the SDK's messages on standard error");
   command->callback([options, &run] { run = [options] { return printStatus(*options); }; });

@@ -87,9 +87,9 @@ void addSimulateCommand(CLI::App& app, Run& run) {
   };
   place("--from", options->request.from, "Where the way begins, or home");
   place("--to", options->request.to, "Where it ends, or work");
-  command->add_option("--profile", options->profile, "What is done: drive, bike, walk, outing, day or week")
+  command->add_option("--profile", options->profile, "What is done")
       ->required()
-      ->check(CLI::IsMember({"drive", "bike", "walk", "outing", "day", "week"}).description(""))
+      ->check(CLI::IsMember({"drive", "bike", "walk", "outing", "day", "week"}))
       ->type_name("PROFILE");
   command->add_option("--seed", options->request.seed, "Another number, other trips")
       ->required()

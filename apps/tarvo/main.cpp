@@ -32,15 +32,21 @@ int main(int argc, char** argv) {
     std::cerr << "tarvo: standard output is closed" << std::endl;
     return kUnusable;
   }
-  CLI::App app("Runs recorded trips through the SDK and reads what it holds.", "tarvo");
+  CLI::App app("Collects and delivers the positions of this device; plays recorded trips; reads what was collected.",
+               "tarvo");
   app.set_version_flag("--version", std::string("tarvo ") + tarvo::version());
   app.require_subcommand(1);
   Run run;
+#ifdef TARVO_WITH_UNIT
+  addRunCommand(app, run);
+  addRequestCommands(app, run);
+#endif
   addReplayCommand(app, run);
   addReadCommands(app, run);
   addEraseCommand(app, run);
   addSandboxCommand(app, run);
   addSimulateCommand(app, run);
+  addDocumentCommand(app, run);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
