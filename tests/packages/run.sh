@@ -39,7 +39,7 @@ for name in libtarvo0.1 tarvo-tools; do
 done | paste -sd, >"$work/depends"
 in_root "$root" apt-get satisfy -y -qq --no-install-recommends "$(cat "$work/depends"), systemd, procps" </dev/null >"$work/log" 2>&1 ||
   fail "what the packages depend on is not there: $(tail -n 5 "$work/log")"
-mkdir -p "$root/var/lib/private"
+install -d -m 755 "$root/var/lib/private"  # systemd would show the unit its folder there, and nobody else
 everything() {
   in_root "$root" find / \( -path /proc -o -path /var/lib/dpkg -o -path /var/lib/apt -o -path /var/cache \
     -o -path /var/log -o -path /tmp -o -path '/*.deb' \) -prune -o -printf '%p %y %l\n' | sort
