@@ -180,7 +180,6 @@ class GeoClue final : public Receiver, private BusLoop::Client {
   void search(const std::string& line) {
     step_ = Step::none;
     waited_ = false;
-    loop_.settled();
     loop_.limit(std::nullopt);
     tell(Condition::searching, line);
   }

@@ -21,8 +21,8 @@ namespace tarvo::receivers {
 ///
 /// Fixes keep GeoClue's time, which for the first one after a start may lie long back: GeoClue tells the last place it
 /// knew. A fix without a time has that of the installed clock. An accuracy below 5 m is given as 5 m, since GeoClue
-/// claims 0 m for any good satellite fix. GeoClue knows no accuracy of
-/// an altitude, so a known altitude comes with a vertical accuracy of -1.
+/// claims 0 m for any good satellite fix. It knows no accuracy of an altitude, so a known altitude comes with a
+/// vertical accuracy of -1.
 ///
 /// Errors: std::invalid_argument where the program was built without libsystemd or `desktopId` is empty;
 /// std::system_error where the system has no thread for it.

@@ -14,6 +14,8 @@ month=(simulate --from 48.1,11.5 --to 48.16,11.58 --profile week --days 31 --see
 "$program" "${month[@]}" --truth "$work/truth.json" --output "$work/month.gpx"
 got=$(cat "$work/month.gpx" "$work/truth.json" | cksum)
 [ "$got" = "3294637740 12941063" ] || fail "another month: $got"
+got=$("$program" simulate --from=-33.8,-70.6 --to=-33.79,-70.61 --profile walk --seed 4 --format nmea | cksum)
+[ "$got" = "4073173761 252008" ] || fail "other sentences: $got"
 for place in home work lunch shop gym friend lake; do
   grep -q "\"to\": \"$place\"" "$work/truth.json" || fail "nobody went to: $place"
 done
@@ -30,6 +32,7 @@ refused 2 'latitudes lie within 80 degrees' 90,0 walk 1
 refused 2 '500 m to 500 km' 48.16,11.581 walk 1
 refused 2 'fly not in' 48.1,11.5 fly 1
 refused 2 '--seed' 48.1,11.5 walk -1
+refused 2 'kml not in' 48.1,11.5 walk 1 --format kml
 refused 2 '--days: 1 to 31' 48.1,11.5 week 1 --days 32
 refused 2 '--days belongs to' 48.1,11.5 walk 1 --days 2
 refused 2 'no time: yesterday' 48.1,11.5 walk 1 --start yesterday

@@ -1,13 +1,11 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
-#include <optional>
 #include <stdexcept>
 
 #include <tarvo/platform/Clock.h>
@@ -21,48 +19,47 @@ namespace {
 using namespace std::chrono_literals;
 using platform::UIDeviceBatteryState;
 
-/// A program whose standard output is read and whose standard input is written; it goes with the object.
-class Program {
+/// The services of mock.py; they go with the object, and with the process should that be killed.
+class Services {
  public:
-  explicit Program(std::vector<const char*> command) {
-    int in[2], out[2];
-    if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("no pipes");
-    command.push_back(nullptr);
+  Services() {
+    int ends[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return;
     child_ = ::fork();
     if (child_ == 0) {
-      ::dup2(in[0], STDIN_FILENO);
-      ::dup2(out[1], STDOUT_FILENO);
-      ::execvp(command[0], const_cast<char**>(command.data()));
+      ::dup2(ends[1], STDIN_FILENO);
+      ::dup2(ends[1], STDOUT_FILENO);
+      ::execl("/usr/bin/python3", "python3", TARVO_MOCK, nullptr);
       ::_exit(127);
     }
-    ::close(in[0]);
-    ::close(out[1]);
-    in_ = in[1];
-    out_ = out[0];
+    ::close(ends[1]);
+    channel_ = ends[0];
   }
-  ~Program() {
-    ::kill(child_, SIGKILL);
+  ~Services() {
+    ::close(channel_);
     ::waitpid(child_, nullptr, 0);
-    ::close(in_);
-    ::close(out_);
   }
-  void say(const std::string& line) { ASSERT_GT(::write(in_, (line + "\n").data(), line.size() + 1), 0); }
-  /// Empty at the program's end.
-  std::string line() {
-    std::string text;
-    for (char c = 0; ::read(out_, &c, 1) == 1 && c != '\n';) text += c;
-    return text;
+  void run(const std::string& python) const {
+    const std::string line = python + "\n";
+    ::send(channel_, line.data(), line.size(), MSG_NOSIGNAL);
   }
-  /// Reads up to a line that contains the text; false when there is none.
-  bool says(const std::string& text) {
-    for (std::string heard = line(); !heard.empty(); heard = line())
-      if (heard.find(text) != heard.npos) return true;
-    return false;
+  /// The next line that contains the text; empty when there is none.
+  std::string line(const std::string& text = "") const {
+    std::string heard;
+    for (char c = 0; ::read(channel_, &c, 1) == 1;) {
+      if (c != '\n')
+        heard += c;
+      else if (heard.find(text) != heard.npos)
+        return heard;
+      else
+        heard.clear();
+    }
+    return {};
   }
 
  private:
   pid_t child_ = -1;
-  int in_ = -1, out_ = -1;
+  int channel_ = -1;
 };
 
 /// What was told, in order; `wait` takes the next piece.
@@ -96,30 +93,27 @@ struct Unit : Listener {
   void changed(Condition condition, const std::string& line) override { conditions.add({condition, line}); }
 };
 
-/// GeoClue and UPower of Python on a bus of their own.
 class BusTest : public testing::Test {
  protected:
   void SetUp() override {
-    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", bus_.line().c_str(), 1);
-    startServices();
-    if (!services_->says("ready")) GTEST_SKIP() << "needs dbus-daemon and python3-dbusmock";
+    const std::string address = services_.line();
+    if (address.empty()) GTEST_SKIP() << "needs dbus-daemon and python3-dbusmock";
+    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
     try {
       receiver_ = openGeoClue("org.tarvo.unit", unit_);
     } catch (const std::invalid_argument& error) {
       GTEST_SKIP() << error.what();
     }
   }
-  void startServices() { services_.emplace(std::vector<const char*>{"/usr/bin/python3", TARVO_MOCK}); }
   void startReceiving() {
     receiver_->start(-1);
     ASSERT_EQ(unit_.conditions.wait().first, Condition::searching);
-    services_->say("fix(1, Latitude=48.0, Longitude=11.0, Accuracy=5.0)");
+    services_.run("fix(1, Latitude=48.0, Longitude=11.0, Accuracy=5.0)");
     ASSERT_EQ(unit_.conditions.wait().first, Condition::receiving);
     unit_.fixes.wait();
   }
 
-  Program bus_{{"dbus-daemon", "--session", "--nofork", "--print-address"}};
-  std::optional<Program> services_;
+  Services services_;
   Unit unit_;
   std::unique_ptr<Receiver> receiver_;
 };
@@ -144,19 +138,13 @@ TEST_F(GeoClue, GivesWhatIsKnownOfAPlace) {
   for (const char* invalid :
        {"Latitude=95.0, Longitude=11.0, Accuracy=5.0", "Latitude=48.0, Longitude=11.0, Accuracy=-1.0",
         "Latitude=float('nan'), Longitude=11.0, Accuracy=5.0", "Description=''"})
-    services_->say("fix(" + std::to_string(++number) + ", " + invalid + ")");
+    services_.run("fix(" + std::to_string(++number) + ", " + invalid + ")");
   for (const auto& [values, fix] : places) {
-    services_->say("fix(" + std::to_string(++number) + ", " + values + ")");
+    services_.run("fix(" + std::to_string(++number) + ", " + values + ")");
     EXPECT_EQ(unit_.fixes.wait(), fix) << values;
   }
-}
-
-TEST_F(GeoClue, APlaceWithoutATimeIsOfNow) {
-  startReceiving();
   const auto before = platform::Clock::current()->now();
-
-  services_->say("fix(2, Latitude=48.0, Longitude=11.0, Accuracy=5.0, Timestamp=at(0, 0))");
-
+  services_.run("fix(99, Latitude=48.0, Longitude=11.0, Accuracy=5.0, Timestamp=at(0, 0))");
   EXPECT_GE(unit_.fixes.wait().timestamp, before);
 }
 
@@ -164,48 +152,47 @@ TEST_F(GeoClue, AsksUnderItsNameForTheBestAndLeavesWhenNobodyNeedsFixes) {
   receiver_->start(-1);
   for (const char* step :
        {"GetClient", "DesktopId", "RequestedAccuracyLevel", "DistanceThreshold", "TimeThreshold", "Start"})
-    EXPECT_TRUE(services_->says(step)) << step;
+    EXPECT_NE(services_.line(step), "") << step;
   EXPECT_EQ(unit_.conditions.wait().first, Condition::searching);
-  services_->say("print(*objects[CLIENT].props[GEOCLUE + '.Client'].values(), flush=True)");
-  EXPECT_EQ(services_->line(), "org.tarvo.unit True 0 1 8");
+  services_.run("print(*objects[CLIENT].props[GEOCLUE + '.Client'].values(), flush=True)");
+  EXPECT_EQ(services_.line(), "org.tarvo.unit True 0 1 8");
 
   receiver_->stop();
 
-  EXPECT_TRUE(services_->says("Stop"));
+  EXPECT_NE(services_.line("Stop"), "");
   EXPECT_EQ(unit_.conditions.wait().first, Condition::resting);
 }
 
 TEST_F(GeoClue, TellsWhoCouldAllowItAndTakesUpWhatIsAllowedLater) {
-  services_->say("started = 'raise dbus.DBusException(\"no\", name=\"org.freedesktop.DBus.Error.AccessDenied\")'");
-  services_->say("print('set', flush=True)");
-  EXPECT_TRUE(services_->says("set"));
+  services_.run("started = 'raise dbus.DBusException(\"no\", name=\"org.freedesktop.DBus.Error.AccessDenied\")'");
+  services_.run("print('set', flush=True)");
+  EXPECT_EQ(services_.line("set"), "set");
   receiver_->start(-1);
   const auto [condition, line] = unit_.conditions.wait();
   EXPECT_EQ(condition, Condition::refused);
   EXPECT_NE(line.find("[org.tarvo.unit] with allowed=false"), line.npos) << line;
 
-  services_->say("started = 'pass'");
+  services_.run("started = 'pass'");
   EXPECT_EQ(unit_.conditions.wait().first, Condition::searching);
 
-  services_->say("change(CLIENT, GEOCLUE + '.Client', Active=dbus.Boolean(False))");
+  services_.run("objects[CLIENT].UpdateProperties('', {'Active': dbus.Boolean(False)})");
   EXPECT_EQ(unit_.conditions.wait().first, Condition::refused);
-  services_->say("change(CLIENT, GEOCLUE + '.Client', Active=dbus.Boolean(True))");
+  services_.run("objects[CLIENT].UpdateProperties('', {'Active': dbus.Boolean(True)})");
   EXPECT_EQ(unit_.conditions.wait().first, Condition::searching);
 }
 
 TEST_F(GeoClue, TakesUpAServiceThatVanishedAndEndsAtOnceWithout) {
   startReceiving();
-  services_.reset();
+  services_.run("bus.release_name(GEOCLUE)");
   const auto [condition, line] = unit_.conditions.wait();
   EXPECT_EQ(condition, Condition::lost) << line;
 
-  startServices();
+  services_.run("bus.request_name(GEOCLUE)");
   EXPECT_EQ(unit_.conditions.wait().first, Condition::searching);
-  services_->say("fix(2, Latitude=1.0, Longitude=2.0, Accuracy=3.0)");
+  services_.run("fix(2, Latitude=1.0, Longitude=2.0, Accuracy=3.0)");
   EXPECT_EQ(unit_.fixes.wait().coordinate, (platform::CLLocationCoordinate2D{1, 2}));
 
-  ::setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nowhere", 1);
-  services_.reset();
+  services_.run("exec(END)");
   for (const auto last : {Condition::receiving, Condition::lost}) EXPECT_EQ(unit_.conditions.wait().first, last);
   const auto before = std::chrono::steady_clock::now();
   receiver_.reset();
@@ -217,8 +204,8 @@ TEST_F(UPowerWatch, TellsEachStateAndLevelOnceAndWhenThereIsNoneAnyMore) {
   Diary<std::pair<UIDeviceBatteryState, double>> batteries;
   const auto watch = watchUPower([&](auto state, double level) { batteries.add({state, level}); });
   const auto say = [&](int state, int percent) {
-    services_->say("change(BATTERY, 'org.freedesktop.UPower.Device', IsPresent=dbus.Boolean(True), State=dbus.UInt32(" +
-                   std::to_string(state) + "), Percentage=dbus.Double(" + std::to_string(percent) + "))");
+    services_.run("objects[BATTERY].UpdateProperties('', {'IsPresent': dbus.Boolean(True), 'State': dbus.UInt32(" +
+                  std::to_string(state) + "), 'Percentage': dbus.Double(" + std::to_string(percent) + ")})");
   };
   constexpr std::pair<int, UIDeviceBatteryState> states[] = {
       {1, UIDeviceBatteryState::charging}, {2, UIDeviceBatteryState::unplugged}, {3, UIDeviceBatteryState::unplugged},
@@ -230,7 +217,7 @@ TEST_F(UPowerWatch, TellsEachStateAndLevelOnceAndWhenThereIsNoneAnyMore) {
     say(state, percent);
     EXPECT_EQ(batteries.wait(), std::pair(told, percent / 100.0)) << state;
   }
-  services_.reset();
+  services_.run("bus.release_name('org.freedesktop.UPower')");
   EXPECT_EQ(batteries.wait(), std::pair(UIDeviceBatteryState::unknown, -1.0));
 }
 

@@ -1,6 +1,10 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -73,6 +77,17 @@ struct Drive {
     std::string all;
     for (std::size_t i = from; i < to; ++i) all += sentences.at(i);
     return all;
+  }
+  /// Whether fixes are those of the drive at their times.
+  void expect(const Diary::Fixes& fixes) const {
+    for (const auto& fix : fixes) {
+      const double ms = platform::secondsSince1970(fix.timestamp) * 1000;
+      const auto driven = std::ranges::lower_bound(made.fixes, std::llround(ms), {}, &simulation::Fix::ms);
+      ASSERT_TRUE(driven != made.fixes.end() && driven->ms == std::llround(ms)) << ms;
+      EXPECT_NEAR(fix.coordinate.latitude, driven->at.lat, 1e-6);
+      EXPECT_NEAR(fix.coordinate.longitude, driven->at.lon, 1e-6);
+      EXPECT_NEAR(fix.speed, driven->speed, 0.01);
+    }
   }
   simulation::Simulation made;
   std::vector<std::string> sentences;

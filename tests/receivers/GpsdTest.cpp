@@ -3,22 +3,19 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cmath>
 #include <filesystem>
 #include <fstream>
-#include <map>
-#include <memory>
 
 #include <tarvo/platform/Clock.h>
 
 #include "Diary.h"
 #include "receivers/FixOrder.h"
+#include "receivers/Nmea.h"
 #include "support/RawServer.h"
 
 namespace tarvo::receivers {
@@ -31,45 +28,16 @@ using enum Condition;
 
 constexpr const char* kGpsd = "/usr/sbin/gpsd";
 
-/// A port of the loopback that nobody listens on; with `listen`, one whose queue takes nobody in.
-struct Port {
-  explicit Port(bool listen = false) : socket(::socket(AF_INET, SOCK_STREAM, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    auto* generic = static_cast<sockaddr*>(static_cast<void*>(&address));
-    ::bind(socket, generic, size);
-    ::getsockname(socket, generic, &size);
-    number = ntohs(address.sin_port);
-    if (!listen) return;
-    ::listen(socket, 0);
-    waiting = ::socket(AF_INET, SOCK_STREAM, 0);
-    ::connect(waiting, generic, size);
-  }
-  ~Port() {
-    ::close(socket);
-    ::close(waiting);
-  }
-  std::string address() const { return "127.0.0.1:" + std::to_string(number); }
-  const int socket;
-  int waiting = -1;
-  int number = 0;
-};
-
 /// A gpsd that reads its receiver from another port, for as long as the object is there.
 class RunningGpsd {
  public:
-  RunningGpsd(int port, const std::string& receiver) {
-    std::vector<std::string> words = {kGpsd, "-N", "-n", "-S", std::to_string(port), "tcp://" + receiver};
-    std::vector<char*> arguments;
-    for (auto& word : words) arguments.push_back(word.data());
-    arguments.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    ::posix_spawn_file_actions_init(&actions);
-    ::posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    EXPECT_EQ(::posix_spawn(&process_, kGpsd, &actions, nullptr, arguments.data(), environ), 0);
-    ::posix_spawn_file_actions_destroy(&actions);
+  RunningGpsd(const std::string& port, const std::string& receiver) {
+    const std::string from = "tcp://" + receiver;
+    process_ = ::fork();
+    if (process_ != 0) return;
+    ::dup2(::open("/dev/null", O_WRONLY), 2);
+    ::execl(kGpsd, kGpsd, "-N", "-n", "-S", port.c_str(), from.c_str(), nullptr);
+    ::_exit(1);
   }
   ~RunningGpsd() {
     ::kill(process_, SIGKILL);
@@ -108,13 +76,13 @@ TEST(Gpsd, ThatIsKilledTwiceGoesOnAndTellsWhatItsReceiverTold) {
   if (!std::filesystem::exists(kGpsd)) GTEST_SKIP() << "no gpsd here";
   const Drive drive(static_cast<std::int64_t>(platform::secondsSince1970(platform::Clock::current()->now())) - 3600);
   Antenna antenna(drive);
-  const int port = Port().number;
+  const std::string port = test::RawServer([](test::Connection&) {}).port;  // nobody listens there any more
   Diary diary;
-  const auto receiver = openGpsd("127.0.0.1:" + std::to_string(port), diary);
+  const auto receiver = openGpsd("127.0.0.1:" + port, diary);
   receiver->start(-1);
   std::vector<Condition> told{lost};
   ASSERT_TRUE(diary.waitForConditions(told));
-  EXPECT_EQ(diary.lines()[0], "gpsd at 127.0.0.1:" + std::to_string(port) + ": connection refused, next try in 1 s");
+  EXPECT_EQ(diary.lines()[0], "gpsd at 127.0.0.1:" + port + ": connection refused, next try in 1 s");
 
   for (std::size_t wanted = 30; wanted <= 90; wanted += 30) {
     const RunningGpsd gpsd(port, antenna.server.host());
@@ -125,25 +93,23 @@ TEST(Gpsd, ThatIsKilledTwiceGoesOnAndTellsWhatItsReceiverTold) {
     told.insert(told.end(), {receiving, lost});
   }
 
-  std::map<std::int64_t, simulation::Fix> made;
-  for (const auto& fix : drive.made.fixes) made[fix.ms] = fix;
-  for (const auto& fix : FixOrder().take(diary.fixes())) {
-    const auto& driven = made.at(std::llround(platform::secondsSince1970(fix.timestamp) * 1000));
-    EXPECT_NEAR(fix.coordinate.latitude, driven.at.lat, 1e-6);
-    EXPECT_NEAR(fix.coordinate.longitude, driven.at.lon, 1e-6);
-    EXPECT_NEAR(fix.speed, driven.speed, 0.01);
-    EXPECT_GT(fix.horizontalAccuracy, 0);
-  }
+  drive.expect(FixOrder().take(diary.fixes()));
 }
 
 TEST(Gpsd, ThatNeverAnswersHoldsNobodyUp) {
-  const Port full(true);
+  const int full = ::socket(AF_INET, SOCK_STREAM, 0), waiting = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  socklen_t size = sizeof address;
+  auto* generic = static_cast<sockaddr*>(static_cast<void*>(&address));
+  ASSERT_EQ(::listen(full, 0), 0);  // on a port of the system's choice
+  ::getsockname(full, generic, &size);
+  ASSERT_EQ(::connect(waiting, generic, size), 0);  // takes the only place
   Diary diary;
-  auto receiver = openGpsd(full.address(), diary);
+  auto receiver = openGpsd("127.0.0.1:" + std::to_string(ntohs(address.sin_port)), diary);
   receiver->start(-1);
   const auto isAsking = [&] {  // a connection of ours in the state SYN_SENT
     char peer[32];
-    std::snprintf(peer, sizeof peer, " 0100007F:%04X 02 ", full.number);
+    std::snprintf(peer, sizeof peer, " 0100007F:%04X 02 ", ntohs(address.sin_port));
     std::ifstream table("/proc/net/tcp");
     return std::string(std::istreambuf_iterator<char>(table), {}).find(peer) != std::string::npos;
   };
@@ -154,15 +120,19 @@ TEST(Gpsd, ThatNeverAnswersHoldsNobodyUp) {
   const auto before = std::chrono::steady_clock::now();
   receiver.reset();
   EXPECT_LT(std::chrono::steady_clock::now() - before, 1s);
+  ::close(waiting);
+  ::close(full);
 }
 
-TEST(Gpsd, TakesTheAddressesThatPeopleWrite) {
+TEST(Receivers, TakeWhatPeopleWriteAndRefuseTheRest) {
   Diary diary;
   for (const char* address :
        {"", "localhost", "gps.example:1", "127.0.0.1:65535", "::1", "[::1]", "[::1]:2947", ":2947"})
     EXPECT_NO_THROW(openGpsd(address, diary)) << address;
   for (const char* address : {"host:", "host:0", "host:65536", "host:2947x", "[::1", "[]:2947", "[::1]2947"})
     EXPECT_THROW(openGpsd(address, diary), std::invalid_argument) << address;
+  EXPECT_THROW(openNmea("", {}, diary), std::invalid_argument);
+  EXPECT_THROW(openNmea("/dev/null", {.baudRate = 9601}, diary), std::invalid_argument);
 }
 
 /// What gpsd says, word by word, and what becomes of it.
