@@ -2,13 +2,13 @@
 # The packages are built, and in a new minimal Debian installed, upgraded, used, removed and purged.
 # usage: run.sh SOURCE_DIR
 set -euo pipefail
-script=$(realpath "$0")
-cd "$1"
+script=$(realpath "$0") source=$(realpath "$1")
+cd "$source"
 [ -n "${TARVO_FULL:-}" ] || { echo "only with TARVO_FULL"; exit 77; }
 [ "$(id -u)" = 0 ] && command -v debootstrap >/dev/null && command -v dh >/dev/null ||
   { echo "needs root, debootstrap and debhelper"; exit 77; }
 . scripts/debian-root.sh
-own_mounts "$script" "$1"
+own_mounts "$script" "$source"
 work=$(mktemp -d) root=$work/root
 started=()
 trap 'kill -KILL "${started[@]}" 2>/dev/null || true; wait || true; remove_root "$root"; remove_root "$work/host"
@@ -20,6 +20,7 @@ make_root "$root" & making=$!
 # The program's own tests run elsewhere; what a debugger needs would take time.
 DEB_BUILD_OPTIONS="nocheck noautodbgsym" DEB_CXXFLAGS_STRIP=-g scripts/package --here "$work/packages"
 wait $making || fail "there is no new system"
+version=$(sed -nE '1s/.*\((.*)\).*/\1/p' debian/changelog)
 package() { realpath "$work/packages/$1"_*.deb; }
 
 # The version before: another number, another configuration.
@@ -39,7 +40,7 @@ for name in libtarvo0.1 tarvo-tools; do
 done | paste -sd, >"$work/depends"
 in_root "$root" apt-get satisfy -y -qq --no-install-recommends "$(cat "$work/depends"), systemd, procps" </dev/null >"$work/log" 2>&1 ||
   fail "what the packages depend on is not there: $(tail -n 5 "$work/log")"
-mkdir -p "$root/var/lib/private"
+install -d -m 755 "$root/var/lib/private"  # systemd would show the unit its folder there, and nobody else
 everything() {
   in_root "$root" find / \( -path /proc -o -path /var/lib/dpkg -o -path /var/lib/apt -o -path /var/cache \
     -o -path /var/log -o -path /tmp -o -path '/*.deb' \) -prune -o -printf '%p %y %l\n' | sort
@@ -47,7 +48,7 @@ everything() {
 everything >"$work/before"
 
 install_in "$root" /older_libtarvo0.1.deb /older_tarvo-tools.deb
-[ "$(in_root "$root" tarvo --version)" = "tarvo 0.1.0" ] || fail "the program does not start"
+[ "$(in_root "$root" tarvo --version)" = "tarvo $version" ] || fail "the program does not start"
 [ -z "$(find "$root/etc/systemd" -name tarvo.service)" ] || fail "the service was enabled"
 
 # Somebody fills it in, and the next version comes with another configuration.
@@ -68,7 +69,7 @@ END
 ROOT_USER='' in_root "$root" apt-get install -y -qq --no-install-recommends -o Dpkg::Options::=--force-confold \
   /newer_libtarvo0.1.deb /newer_tarvo-tools.deb </dev/null >"$work/log" 2>&1 ||
   fail "no upgrade: $(tail -n 5 "$work/log")"
-[ "$(in_root "$root" dpkg-query -W -f '${Version}' tarvo-tools)" = 0.1.0 ] || fail "it was not upgraded"
+[ "$(in_root "$root" dpkg-query -W -f '${Version}' tarvo-tools)" = "$version" ] || fail "it was not upgraded"
 grep -q '^client-id = "demo"' "$root/etc/tarvo/tarvo.toml" || fail "the configuration was overwritten"
 [ -f "$root/etc/tarvo/tarvo.toml.dpkg-dist" ] || fail "the new configuration is not offered"
 
