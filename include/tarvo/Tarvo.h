@@ -12,6 +12,7 @@
 #include <tarvo/ActivationMode.h>
 #include <tarvo/DeliveryOptions.h>
 #include <tarvo/Export.h>
+#include <tarvo/FlushResult.h>
 #include <tarvo/Health.h>
 #include <tarvo/LocationManager.h>
 #include <tarvo/LocationsHistory.h>
@@ -212,6 +213,28 @@ class TARVO_API Tarvo {
   /// somebody must pump it). In a callback on a thread of the SDK it stops the process. Answers whether all was done,
   /// which does not mean that all was uploaded: see `syncStatus`.
   static bool waitUntilIdle(double seconds);
+
+  /// Uploads what has been collected before the call, also what is on its way to the store: starts one pass after the
+  /// other until all of it is acknowledged, nothing can be sent, or the (real) time is up; then ends as `waitUntilIdle`
+  /// does. With 0 seconds it only looks. What acknowledges a batch: docs/hosting.md.
+  ///
+  /// It ends the wait after a failure once, as the host's own pass does, and keeps to the waits of what fails after
+  /// that (`DeliveryOptions::confirmed`). From one try without an acknowledgement to the next it lets pass 1 s, and
+  /// each time twice as long, up to a minute. While the upload channel is held (a transfer without an answer; the first
+  /// 180 s of a fresh device) it waits. It needs no interval between batches and keeps to the bound of bytes.
+  ///
+  /// Any thread, several at once: on the main thread it runs the main queue's blocks, elsewhere nobody need pump it. In
+  /// a callback on a thread of the SDK it stops the process. Nothing ends it early, and what a pass itself waits for
+  /// (10 s for another process that writes, the resolver) is not cut short.
+  static FlushResult flush(double seconds);
+
+  /// For a watchdog: calls `answered` on the main queue after the question has gone through the location service's
+  /// delivery queue, the engine's main queue, the queue that writes positions and the store's, behind all that waits
+  /// there. A part that is stuck, or a host's callback that does not return, keeps the answer away for good.
+  ///
+  /// Any thread, also in callbacks, in any mode; returns at once. Questions are answered in their order, each once.
+  /// Nothing is stored or logged. Until it is answered it is work that `waitUntilIdle` waits for.
+  static void probe(std::function<void()> answered);
 
  private:
   class Core;

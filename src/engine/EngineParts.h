@@ -1,7 +1,9 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 
+#include <tarvo/FlushResult.h>
 #include <tarvo/Health.h>
 #include <tarvo/LocationManager.h>
 #include <tarvo/NetworkManager.h>
@@ -47,6 +49,12 @@ class EngineParts final : public platform::CLLocationManagerDelegate, public Eng
   /// Writes what could not be saved before, if there is room again, and what has changed in the ledger, and moves what
   /// the store's log holds into its file.
   void checkpoint();
+  /// Starts upload passes until what has been collected is delivered, nothing can be sent, or the real time is up
+  /// (Tarvo::flush). Never from inside a callback of the SDK.
+  FlushResult flush(platform::Seconds limit);
+  /// Runs the block in the store's queue once all queues that a fix passes have come by what waits there now. Any
+  /// thread; returns at once. The block must be short and must not call the host.
+  void probe(std::function<void()> passed);
 
   LocationManager& engine;
   platform::CLLocationManager locationManager;

@@ -3,6 +3,7 @@
 #include <tarvo/HostKeys.h>
 #include <tarvo/Version.h>
 #include <tarvo/platform/Device.h>
+#include <tarvo/platform/MainQueue.h>
 #include <tarvo/platform/SystemLog.h>
 #include <tarvo/platform/UserDefaults.h>
 
@@ -174,6 +175,18 @@ bool Tarvo::waitUntilIdle(double seconds) {
   EngineParts::of(LocationManager::sharedInstance()).checkpoint();
   platform::faultPoint("end: checkpoint done");
   return idle;
+}
+
+FlushResult Tarvo::flush(double seconds) {
+  const FlushResult result = EngineParts::of(LocationManager::sharedInstance()).flush(platform::Seconds(seconds));
+  waitUntilIdle(0);
+  return result;
+}
+
+void Tarvo::probe(std::function<void()> answered) {
+  EngineParts::of(LocationManager::sharedInstance()).probe([answered = std::move(answered)]() mutable {
+    platform::MainQueue::main().async(std::move(answered));
+  });
 }
 
 Tarvo::Core::Core() : locationManager(LocationManager::sharedInstance()), delegate(nullptr) {}

@@ -61,6 +61,11 @@ UploadChannel::Attempt UploadChannel::tryTake(platform::Date now) {
   return attempt;
 }
 
+bool UploadChannel::isFree(platform::Date now) const {
+  MutexLock lock(mutex_);
+  return !locked_ || (takenAt_ && now - *takenAt_ >= kExpiry);
+}
+
 bool UploadChannel::locked() const {
   MutexLock lock(mutex_);
   return locked_;

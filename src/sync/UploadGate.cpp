@@ -43,11 +43,20 @@ bool UploadGate::admits(Pass pass, const DeliveryOptions& options) {
     failures_ = 0;
     wait_.reset();
   }
-  if (options.networkIsMetered && options.meteredBytesPerDay && startedOver(day_).bytes >= *options.meteredBytesPerDay)
-    return false;
+  if (usesUp(options)) return false;
   if (pass != Pass::event || !lastPost_) return true;
   const Seconds since = now - *lastPost_;  // below zero only after another clock was installed
   return since < Seconds::zero() || !(since < options.leastPassInterval);
+}
+
+bool UploadGate::isUsedUp(const DeliveryOptions& options) const {
+  MutexLock lock(mutex_);
+  return usesUp(options);
+}
+
+bool UploadGate::usesUp(const DeliveryOptions& options) const {
+  return options.networkIsMetered && options.meteredBytesPerDay &&
+         startedOver(day_).bytes >= *options.meteredBytesPerDay;
 }
 
 bool UploadGate::isOver(const Wait& wait) const {

@@ -26,7 +26,7 @@ class UploadGate {
   /// Who starts the pass.
   enum class Pass {
     event,           ///< a fix, the start of the engine, a push message, the acknowledgement of less than a full batch
-    afterFullBatch,  ///< the acknowledgement of a batch that had no room for more
+    afterFullBatch,  ///< the acknowledgement of a batch that had no room for more; a flush: needs no interval
     host             ///< a call of the host: ends the wait and needs no interval, but keeps to the bound of bytes
   };
   static constexpr platform::Seconds kFirstBound{1}, kLongestWait{15 * 60}, kLongestRetryAfter{24 * 60 * 60};
@@ -39,6 +39,8 @@ class UploadGate {
 
   /// Whether the pass may start. A host's call, and a network that has come back since the failure, end the wait here.
   bool admits(Pass pass, const DeliveryOptions& options);
+  /// Whether the bound of bytes holds everything back.
+  bool isUsedUp(const DeliveryOptions& options) const;
   /// A batch is being posted: the interval counts from now. A pass that finds nothing to post leaves it alone, or the
   /// fix that is stored a moment later would wait for it.
   void posted();
@@ -73,6 +75,7 @@ class UploadGate {
     std::uint64_t bytes = 0;
   };
   bool isOver(const Wait& wait) const;
+  bool usesUp(const DeliveryOptions& options) const REQUIRES(mutex_);
   static Day startedOver(const Day& day);
 
   const Draw draw_;

@@ -278,6 +278,15 @@ std::optional<platform::Date> UploadPipeline::nextTry() const {
   return gate_.nextTry(Settings::shared().deliveryOptions.get());
 }
 
+std::optional<FlushResult> UploadPipeline::obstacle() const {
+  const Settings& settings = Settings::shared();
+  if (settings.activateStatus.get() < mode::kBackendBackground) return FlushResult::modeForbids;
+  if (!settings.identity() && settings.apiKeySecret.get().empty()) return FlushResult::notRegistered;
+  if (networkManagerReceivedSessionError) return FlushResult::sessionFailed;
+  if (gate_.isUsedUp(settings.deliveryOptions.get())) return FlushResult::bytesUsedUp;
+  return std::nullopt;
+}
+
 void UploadPipeline::tellAccepted(bool accepted) {
   if (accepted_.exchange(accepted) == accepted) return;
   platform::NSLog(accepted ? "Tarvo : the backend accepts this device again"

@@ -7,6 +7,8 @@
 #include <string_view>
 #include <vector>
 
+#include <tarvo/FlushResult.h>
+
 #include "settings/EngineLink.h"
 #include "store/Ledger.h"
 #include "store/Locations.h"
@@ -60,6 +62,10 @@ class UploadPipeline {
   std::uint64_t positionsPosted() const { return positionsPosted_.load(); }
   /// Sent and received for batches on metered networks, as far as somebody counts.
   std::uint64_t bytesToday() const { return gate_.bytesToday(); }
+  /// Ends the wait after failures, as a pass of the host does.
+  void endWait() { (void)mayStart(UploadGate::Pass::host); }
+  /// What keeps every pass from posting, however long one waits; absent when nothing does. Asks no store.
+  std::optional<FlushResult> obstacle() const;
   /// Until when events wait because of failures; absent when they do not.
   std::optional<platform::Date> nextTry() const;
 

@@ -125,6 +125,7 @@ const std::pair<const char*, void (*)(Tarvo&)> kStops[] = {
     {"there is no document directory",
      [](Tarvo&) { platform::setDocumentDirectories({}), ObjectStore().saveContext(); }},
     {"waiting for idle inside a block", [](Tarvo&) { SerialQueue("q").sync([] { Tarvo::waitUntilIdle(1); }); }},
+    {"waiting for idle inside a block", [](Tarvo&) { SerialQueue("q").sync([] { Tarvo::flush(1); }); }},
 };
 
 void stops(Host& host, void (*provoke)(Tarvo&)) {

@@ -52,6 +52,8 @@ class LocationServiceState {
   void waitForDeliveries() {
     deliveries_.syncReentrant([] {});
   }
+  /// Runs the block on the delivery queue once what was posted before has been told.
+  void afterDeliveries(std::function<void()> block) { deliveries_.async(std::move(block)); }
   void startRequest(const std::shared_ptr<LocationClient>& client);
   void startRegion(std::shared_ptr<LocationClient> client, const CLCircularRegion& region);
   void stopRegion(const CLCircularRegion& region);

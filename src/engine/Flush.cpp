@@ -1,0 +1,91 @@
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <thread>
+
+#include <tarvo/platform/Clock.h>
+#include <tarvo/platform/MainQueue.h>
+
+#include "engine/EngineParts.h"
+#include "platform/foundation/System.h"
+#include "platform/foundation/WorkInFlight.h"
+#include "platform/location/LocationServiceState.h"
+#include "settings/Settings.h"
+
+namespace tarvo {
+
+using platform::Seconds;
+using platform::WorkInFlight;
+
+namespace {
+
+/// From one look to the next while nothing comes to rest, and from one try without an acknowledgement to the next:
+/// twice as long each time.
+constexpr Seconds kFirstLook{0.02}, kLongestLook{1}, kFirstPause{1}, kLongestPause{60};
+
+Seconds realTime() { return std::chrono::steady_clock::now().time_since_epoch(); }
+
+/// Nothing is under way that could wake anybody.
+void rest(Seconds span) {
+  if (platform::isMainThread())
+    platform::MainQueue::main().runFor(span);
+  else
+    std::this_thread::sleep_for(span);
+}
+
+}  // namespace
+
+FlushResult EngineParts::flush(Seconds limit) {
+  const Seconds end = realTime() + platform::boundedRealTime(limit);
+  const auto left = [&] { return std::max(end - realTime(), Seconds::zero()); };
+  const UploadChannel& channel = Settings::shared().uploadChannel;
+  const auto isCollected = std::make_shared<std::atomic<bool>>(false);
+  probe([isCollected] { *isCollected = true; });
+  pipeline.endWait();
+  std::optional<std::int64_t> goal;  // so many acknowledged: the oldest go first
+  std::int64_t acknowledged = 0;
+  Seconds look = kFirstLook, pause = kFirstPause, nextTry{};
+  while (true) {
+    const bool isIdle = WorkInFlight::waitUntilIdle(std::min(left(), look));
+    const bool timeIsUp = left() <= Seconds::zero();
+    look = std::min(2 * look, kLongestLook);
+    if (isIdle || *isCollected) {
+      const LocationManager::SyncStatus status = engine.syncStatus();
+      if (!status.storeAvailable) return FlushResult::storeUnavailable;
+      if (!goal) goal = status.stored + status.unsaved;
+      if (status.acknowledged >= *goal || status.unsent + status.awaiting + status.unsaved == 0)
+        return FlushResult::delivered;
+      // A batch under way may still be acknowledged.
+      if (const auto obstacle = pipeline.obstacle();
+          obstacle && (isIdle || timeIsUp || obstacle == FlushResult::modeForbids))
+        return *obstacle;
+      const Seconds now = realTime();
+      if (status.acknowledged > std::exchange(acknowledged, status.acknowledged)) {
+        pause = kFirstPause;
+        nextTry = now;
+      }
+      if (!timeIsUp && now >= nextTry && channel.isFree(platform::Clock::current()->now()) && !pipeline.nextTry()) {
+        if (status.unsaved > 0) checkpoint();
+        pipeline.startPass(UploadGate::Pass::afterFullBatch);
+        nextTry = now + pause;
+        pause = std::min(2 * pause, kLongestPause);
+        look = kFirstLook;
+        continue;
+      }
+    }
+    if (timeIsUp) return FlushResult::timeIsUp;
+    if (isIdle) rest(std::min(left(), look));
+  }
+}
+
+void EngineParts::probe(std::function<void()> passed) {
+  platform::LocationServiceState::shared().afterDeliveries([this, passed = std::move(passed)]() mutable {
+    state.serialQueue.async([this, passed = std::move(passed)]() mutable {
+      state.serialQueueLocation.async(
+          [this, passed = std::move(passed)]() mutable { store.managedObjectContext().perform(std::move(passed)); });
+    });
+  });
+}
+
+}  // namespace tarvo
