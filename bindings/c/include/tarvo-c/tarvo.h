@@ -242,6 +242,25 @@ TARVO_C_API tarvo_result tarvo_main_run_pending(size_t *count);
  * main queue. TARVO_UNFINISHED when the time was up. */
 TARVO_C_API tarvo_result tarvo_wait_until_idle(tarvo_sdk *sdk, double seconds);
 
+/* How a flush has ended: tarvo/FlushResult.h. */
+typedef enum tarvo_flush_result {
+  TARVO_FLUSH_DELIVERED = 0, /* nothing is left of what had been collected before */
+  TARVO_FLUSH_TIME_IS_UP = 1,
+  TARVO_FLUSH_MODE_FORBIDS = 2,
+  TARVO_FLUSH_NOT_REGISTERED = 3,
+  TARVO_FLUSH_BYTES_USED_UP = 4,
+  TARVO_FLUSH_SESSION_FAILED = 5,
+  TARVO_FLUSH_STORE_UNAVAILABLE = 6
+} tarvo_flush_result;
+/* Uploads what has been collected, up to so many real seconds; see `Tarvo::flush`. TARVO_UNFINISHED for all but
+ * TARVO_FLUSH_DELIVERED; `out` (may be NULL) is written then too. */
+TARVO_C_API tarvo_result tarvo_flush(tarvo_sdk *sdk, double seconds, tarvo_flush_result *out);
+/* For a watchdog: `answered` comes on the main queue once the question has gone through the engine's queues, behind all
+ * that waits there; a part that is stuck keeps it away. `released` (may be NULL) is called once: behind it, or when the
+ * SDK is freed. */
+TARVO_C_API tarvo_result tarvo_probe(tarvo_sdk *sdk, void (*answered)(void *user), void *user,
+                                     void (*released)(void *user));
+
 /* ---- Answers ---- */
 
 /* The stored position with the newest fix time. */
@@ -405,7 +424,7 @@ typedef struct tarvo_delivery_options {
 TARVO_C_API tarvo_result tarvo_get_delivery_options(tarvo_sdk *sdk, tarvo_delivery_options *out);
 TARVO_C_API tarvo_result tarvo_set_delivery_options(tarvo_sdk *sdk, const tarvo_delivery_options *options);
 
-/* See tarvo/StorageLimits.h; negative ages and 0 bytes: no bound. */
+/* See tarvo/StorageLimits.h; 0: no bound. */
 typedef struct tarvo_storage_limits {
   size_t size;
   double position_age, log_age; /* seconds */
