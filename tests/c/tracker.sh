@@ -10,7 +10,7 @@ fail() { echo "$1"; tail -n 20 "$work"/*.log; exit 1; }
 run=()
 if [ -n "$under" ]; then
   command -v valgrind >/dev/null || { echo "skipped: valgrind is not installed"; exit 77; }
-  run=(valgrind -q --leak-check=full --errors-for-leak-kinds=definite,indirect --error-exitcode=99)
+  run=(valgrind -q --leak-check=full --show-leak-kinds=definite,indirect --errors-for-leak-kinds=definite,indirect --error-exitcode=99)
 fi
 strict="-Wall -Wextra -pedantic -Werror -I$source/bindings/c/include"
 example=$source/examples/c/tracker.c
