@@ -23,9 +23,9 @@ class StoredPositions : public PositionSource {
                std::size_t limit) const override {
     std::vector<int> all(at::kAll.size());
     std::iota(all.begin(), all.end(), 0);
-    std::size_t known = place.alike;
+    std::size_t known = place.alike;  // which may have been removed since
     const auto take = [&](const platform::StoredRow& row) {
-      if (known == 0) return visit(recordOf(row));
+      if (known == 0 || row.integer(at::index) != place.index) return visit(recordOf(row));
       --known;
       return true;
     };
