@@ -23,25 +23,25 @@ static long days_since_1970(int year, int month, int day) {
 }
 
 /* "4807.038" and "N" as degrees. */
-static double degrees(const char *text, const char *hemisphere) {
+static double degrees(const char* text, const char* hemisphere) {
   const double value = strtod(text, NULL);
   const double whole = (double)(int)(value / 100);
   const double angle = whole + (value - whole * 100) / 60;
   return *hemisphere == 'S' || *hemisphere == 'W' ? -angle : angle;
 }
 
-static int is_intact(const char *sentence) {
+static int is_intact(const char* sentence) {
   unsigned sum = 0;
-  const char *at = sentence + 1;
+  const char* at = sentence + 1;
   while (*at != '\0' && *at != '*') sum ^= (unsigned char)*at++;
   return *at == '\0' || strtoul(at + 1, NULL, 16) == sum;
 }
 
 /* $GPRMC,time,A,latitude,N,longitude,E,knots,course,date,… */
-static int read_rmc(char *sentence, tarvo_fix *fix) {
-  char *fields[16];
+static int read_rmc(char* sentence, tarvo_fix* fix) {
+  char* fields[16];
   size_t count = 0;
-  char *next = sentence;
+  char* next = sentence;
   int hour, minute, day, month, year;
   double second;
   if (strlen(sentence) < 6 || strncmp(sentence + 3, "RMC", 3) != 0 || !is_intact(sentence)) return 0;
@@ -61,7 +61,7 @@ static int read_rmc(char *sentence, tarvo_fix *fix) {
   return 1;
 }
 
-static int read_line(char *line, tarvo_fix *fix) {
+static int read_line(char* line, tarvo_fix* fix) {
   tarvo_fix_init(fix);
   fix->horizontal_accuracy = 5;
   if (*line == '$') return read_rmc(line, fix);
@@ -71,36 +71,37 @@ static int read_line(char *line, tarvo_fix *fix) {
 
 /* ---- The SDK ---- */
 
-static int succeeded(const char *what, tarvo_result result) {
+static int succeeded(const char* what, tarvo_result result) {
   if (result != TARVO_OK) fprintf(stderr, "tracker: %s: %s\n", what, tarvo_result_text(result));
   return result == TARVO_OK;
 }
 
 /* The SDK tells a lot; the last line before an end is worth a look. */
-static void log_line(void *user, const char *line, size_t length) {
+static void log_line(void* user, const char* line, size_t length) {
   (void)user;
   (void)length;
   if (strncmp(line, "Fatal error", 11) == 0) fprintf(stderr, "%s\n", line);
 }
 
-static void on_locations(void *user, const tarvo_fix *fixes, size_t count) {
+static void on_locations(void* user, const tarvo_fix* fixes, size_t count) {
   (void)fixes;
-  *(size_t *)user += count; /* this runs on one thread of the SDK; main looks after the work has ended */
+  *(size_t*)user += count; /* this runs on one thread of the SDK; main looks after the work has ended */
 }
 
-static int set_up(const char *home, const char *backend, const char *client, const char *key) {
+static int set_up(const char* home, const char* backend, const char* client, const char* key) {
   char info[512];
-  const int length = snprintf(
-      info, sizeof info,
-      "{\"TarvoClientID\": \"%s\", \"TarvoApiKey\": \"%s\", \"CFBundleIdentifier\": \"com.example.tracker\"}", client, key);
+  const int length =
+      snprintf(info, sizeof info,
+               "{\"TarvoClientID\": \"%s\", \"TarvoApiKey\": \"%s\", \"CFBundleIdentifier\": \"com.example.tracker\"}",
+               client, key);
   return length > 0 && (size_t)length < sizeof info && succeeded("log", tarvo_set_log(log_line, NULL, NULL)) &&
          succeeded("home", tarvo_set_home(home)) && succeeded("info", tarvo_set_info(info)) &&
          succeeded("backend", tarvo_set_server(backend, 0));
 }
 
 /* Starts with the first fix, by whose time the clock is set. */
-static tarvo_sdk *start(double time, const char *secret, size_t *told) {
-  tarvo_sdk *sdk = NULL;
+static tarvo_sdk* start(double time, const char* secret, size_t* told) {
+  tarvo_sdk* sdk = NULL;
   tarvo_callbacks callbacks;
   memset(&callbacks, 0, sizeof callbacks);
   callbacks.size = sizeof callbacks;
@@ -116,13 +117,13 @@ static tarvo_sdk *start(double time, const char *secret, size_t *told) {
 }
 
 /* Gives each fix its time, and the SDK as long as it needs for it. */
-static int feed(tarvo_sdk *sdk, const tarvo_fix *fix) {
+static int feed(tarvo_sdk* sdk, const tarvo_fix* fix) {
   return succeeded("clock", tarvo_move_clock(fix->time)) && succeeded("deliver", tarvo_deliver(fix, 1)) &&
          succeeded("wait", tarvo_wait_until_idle(sdk, 60));
 }
 
 /* A new device's channel is free 180 s after its first try; then everything leaves. */
-static int upload(tarvo_sdk *sdk) {
+static int upload(tarvo_sdk* sdk) {
   tarvo_flush_result ended = TARVO_FLUSH_DELIVERED;
   if (!succeeded("clock", tarvo_move_clock(tarvo_now() + 180))) return 0;
   if (tarvo_flush(sdk, 30, &ended) == TARVO_OK) return 1;
@@ -130,9 +131,9 @@ static int upload(tarvo_sdk *sdk) {
   return 0;
 }
 
-static int print_history(tarvo_sdk *sdk) {
-  tarvo_history *history = NULL;
-  char *json = NULL;
+static int print_history(tarvo_sdk* sdk) {
+  tarvo_history* history = NULL;
+  char* json = NULL;
   int printed = 0;
   const double open = strtod("nan", NULL); /* no bound */
   if (!succeeded("history", tarvo_get_history(sdk, TARVO_FORMAT_RAW, open, open, &history))) return 0;
@@ -142,10 +143,10 @@ static int print_history(tarvo_sdk *sdk) {
   return printed;
 }
 
-static int track(FILE *recording, const char *secret) {
+static int track(FILE* recording, const char* secret) {
   char line[256];
   tarvo_fix fix;
-  tarvo_sdk *sdk = NULL;
+  tarvo_sdk* sdk = NULL;
   size_t fixes = 0, told = 0;
   int well = 1;
   while (well && fgets(line, sizeof line, recording) != NULL) {
@@ -161,8 +162,8 @@ static int track(FILE *recording, const char *secret) {
   return well;
 }
 
-int main(int argc, char **argv) {
-  FILE *recording;
+int main(int argc, char** argv) {
+  FILE* recording;
   int well;
   if (argc != 4 && argc != 7) {
     fprintf(stderr, "usage: tracker HOME BACKEND RECORDING [CLIENT-ID API-KEY API-SECRET]\n");

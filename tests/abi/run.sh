@@ -51,16 +51,16 @@ while read -r holds edit; do
   if same tried; then held=yes; else held=no; fi
   [ $held = "$holds" ] || fail "the gate says $held to $edit"
 done <<'ROWS'
-yes s/^TARVO_C_API const char \*tarvo_version\(void\);/&\nTARVO_C_API int tarvo_newer(int level);/
-no s/^TARVO_C_API const char \*tarvo_version\(void\);//
-no s/^TARVO_C_API tarvo_result tarvo_deliver\(const tarvo_fix \*fixes, size_t count\);/TARVO_C_API tarvo_result tarvo_deliver(const tarvo_fix *fixes, int count);/
+yes s/^TARVO_C_API const char\* tarvo_version\(void\);/&\nTARVO_C_API int tarvo_newer(int level);/
+no s/^TARVO_C_API const char\* tarvo_version\(void\);//
+no s/^TARVO_C_API tarvo_result tarvo_deliver\(const tarvo_fix\* fixes, size_t count\);/TARVO_C_API tarvo_result tarvo_deliver(const tarvo_fix* fixes, int count);/
 no s/^  int32_t unsent, sent_without_ack;/  int32_t more, unsent, sent_without_ack;/
 no s/^  double south, west, north, east;.*/  double west, south, north, east;/
 no s/^  int32_t floor, has_floor;/  int64_t floor; int32_t has_floor;/
-no s/^  void \(\*released\)\(void \*user\);//
+no s/^  void \(\*released\)\(void\* user\);//
 no s/TARVO_BAD_HANDLE = -2,/TARVO_BAD_HANDLE = -20,/
 no s/TARVO_HAS_COURSE = 32,/TARVO_HAS_COURSE = 31,/
-no s/^  const char \*route;.*/&\n  const char *name;/
+no s/^  const char\* route;.*/&\n  const char* name;/
 ROWS
 [ $failed = 0 ] && echo "the ABI holds: $(wc -l <<<"$exported") functions"
 exit $failed
