@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
+#include <new>
 
 namespace tarvo::c {
 namespace {
@@ -25,6 +26,20 @@ InsideCallback::InsideCallback(Kind kind) : kind_(kind) { ++(kind_ == Kind::log 
 InsideCallback::~InsideCallback() { --(kind_ == Kind::log ? logLines : callbacks); }
 bool InsideCallback::any() { return callbacks > 0; }
 bool InsideCallback::log() { return logLines > 0; }
+
+tarvo_result run(tarvo_result (*call)(void* body), void* body) noexcept {
+  if (isForked()) return TARVO_FORKED;
+  if (InsideCallback::log()) return TARVO_IN_CALLBACK;
+  try {
+    return call(body);
+  } catch (const Refusal& refusal) {
+    return refusal.result;
+  } catch (const std::bad_alloc&) {
+    return TARVO_NO_MEMORY;
+  } catch (...) {
+    return TARVO_INTERNAL;
+  }
+}
 
 void outsideCallbacks() {
   if (InsideCallback::any()) throw Refusal{TARVO_IN_CALLBACK};

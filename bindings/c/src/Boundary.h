@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
-#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -44,20 +43,13 @@ class InsideCallback {
 
 inline bool isUsable() { return !isForked() && !InsideCallback::log(); }
 
-/// What every function of the interface runs in: nothing leaves it but a result.
+/// Runs a function of the interface: nothing leaves it but a result.
+tarvo_result run(tarvo_result (*call)(void* body), void* body) noexcept;
+
+/// What every function of the interface runs in.
 template <class Body>
-tarvo_result bounded(Body&& body) noexcept {
-  if (isForked()) return TARVO_FORKED;
-  if (InsideCallback::log()) return TARVO_IN_CALLBACK;
-  try {
-    return body();
-  } catch (const Refusal& refusal) {
-    return refusal.result;
-  } catch (const std::bad_alloc&) {
-    return TARVO_NO_MEMORY;
-  } catch (...) {
-    return TARVO_INTERNAL;
-  }
+tarvo_result bounded(Body body) noexcept {
+  return run([](void* called) { return (*static_cast<Body*>(called))(); }, &body);
 }
 
 // Readers of arguments; each refuses what it cannot take.
