@@ -26,7 +26,7 @@ seen() {
   { echo "#include \"$1\""
     gcc -std=c99 -aux-info "$work/$2.prototypes" -fsyntax-only -x c "$1"
     sed -nE 's%^/\*.*\*/ extern (.*tarvo_.*);%\1 { __builtin_trap(); }%p' "$work/$2.prototypes"
-    sed -nE 's/^typedef enum (tarvo_[a-z_]+) \{.*/void knows_\1(\1 value) { (void)value; }/p' "$1"
+    sed -nE 's/^typedef enum (tarvo_[a-z_]+) TARVO_C_INT \{.*/void knows_\1(\1 value) { (void)value; }/p' "$1"
   } >"$work/$2.c"
   gcc -std=gnu11 -w -g -shared -fPIC -Wl,-soname,libtarvo-c.so.0 -o "$work/$2.so" "$work/$2.c"
 }

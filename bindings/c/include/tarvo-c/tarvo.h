@@ -35,9 +35,17 @@ extern "C" {
 #define TARVO_C_API
 #endif
 
+/* Where a language can say so, an enumeration is an int: then a number that it does not list is a mistake to be told,
+ * and not undefined. */
+#if defined(__cplusplus)
+#define TARVO_C_INT : int
+#else
+#define TARVO_C_INT
+#endif
+
 /* ---- Results, versions, memory ---- */
 
-typedef enum tarvo_result {
+typedef enum tarvo_result TARVO_C_INT {
   TARVO_OK = 0,
   TARVO_ABSENT = 1,        /* there is none: no position, no history, the end of a list */
   TARVO_UNFINISHED = 2,    /* the time was up, or the end was not reached: something is left */
@@ -121,7 +129,7 @@ TARVO_C_API tarvo_result tarvo_sdk_new(tarvo_sdk** out);
 TARVO_C_API void tarvo_sdk_free(tarvo_sdk* sdk);
 
 /* What a mode switches on: tarvo/ActivationMode.h. Any integer is a mode. */
-typedef enum tarvo_mode {
+typedef enum tarvo_mode TARVO_C_INT {
   TARVO_DEACTIVATED = -4,
   TARVO_LOCAL_FOREGROUND = 0,
   TARVO_LOCAL_BACKGROUND = 4,
@@ -160,7 +168,7 @@ TARVO_C_API tarvo_result tarvo_deliver(const tarvo_fix* fixes, size_t count);
 /* Positioning itself fails. `code`: 0 no place for now, 1 the receiver may not be used. */
 TARVO_C_API tarvo_result tarvo_report_failure(int64_t code);
 
-typedef enum tarvo_permission {
+typedef enum tarvo_permission TARVO_C_INT {
   TARVO_NOT_DETERMINED = 0,
   TARVO_RESTRICTED = 1,
   TARVO_DENIED = 2,
@@ -171,12 +179,16 @@ TARVO_C_API tarvo_result tarvo_set_permission(tarvo_permission permission);
 TARVO_C_API tarvo_permission tarvo_get_permission(void);
 
 /* To be told on the main thread. */
-typedef enum tarvo_app_state { TARVO_APP_ACTIVE = 0, TARVO_APP_INACTIVE = 1, TARVO_APP_BACKGROUND = 2 } tarvo_app_state;
+typedef enum tarvo_app_state TARVO_C_INT {
+  TARVO_APP_ACTIVE = 0,
+  TARVO_APP_INACTIVE = 1,
+  TARVO_APP_BACKGROUND = 2
+} tarvo_app_state;
 TARVO_C_API tarvo_result tarvo_app_launched(void);
 TARVO_C_API tarvo_result tarvo_set_app_state(tarvo_app_state state);
 TARVO_C_API tarvo_app_state tarvo_get_app_state(void);
 
-typedef enum tarvo_battery {
+typedef enum tarvo_battery TARVO_C_INT {
   TARVO_BATTERY_UNKNOWN = 0,
   TARVO_BATTERY_UNPLUGGED = 1,
   TARVO_BATTERY_CHARGING = 2,
@@ -199,7 +211,10 @@ TARVO_C_API tarvo_result tarvo_background_events(tarvo_sdk* sdk, const char* ide
 
 /* ---- What the host is told ---- */
 
-typedef enum tarvo_permission_request { TARVO_ASK_WHEN_IN_USE = 0, TARVO_ASK_ALWAYS = 1 } tarvo_permission_request;
+typedef enum tarvo_permission_request TARVO_C_INT {
+  TARVO_ASK_WHEN_IN_USE = 0,
+  TARVO_ASK_ALWAYS = 1
+} tarvo_permission_request;
 
 /* Functions of the host; each may be NULL. None may throw a C++ exception or leave by longjmp. In all of them the SDK
  * may be called, but not what would wait for them (TARVO_IN_CALLBACK).
@@ -249,7 +264,7 @@ TARVO_C_API tarvo_result tarvo_main_run_pending(size_t* count);
 TARVO_C_API tarvo_result tarvo_wait_until_idle(tarvo_sdk* sdk, double seconds);
 
 /* How a flush has ended: tarvo/FlushResult.h. */
-typedef enum tarvo_flush_result {
+typedef enum tarvo_flush_result TARVO_C_INT {
   TARVO_FLUSH_DELIVERED = 0, /* nothing is left of what had been collected before */
   TARVO_FLUSH_TIME_IS_UP = 1,
   TARVO_FLUSH_MODE_FORBIDS = 2,
@@ -271,7 +286,7 @@ TARVO_C_API tarvo_result tarvo_probe(tarvo_sdk* sdk, void (*answered)(void* user
 
 /* The stored position with the newest fix time. */
 TARVO_C_API tarvo_result tarvo_current_location(tarvo_sdk* sdk, tarvo_fix* out);
-typedef enum tarvo_format { TARVO_FORMAT_RAW = 1, TARVO_FORMAT_EXTRAPOLATED = 2 } tarvo_format;
+typedef enum tarvo_format TARVO_C_INT { TARVO_FORMAT_RAW = 1, TARVO_FORMAT_EXTRAPOLATED = 2 } tarvo_format;
 /* Positions from mode 4, past trips from mode 8, by the time of storage; both bounds are included, NaN is an open one.
  * `*out` is given back with `tarvo_history_unref`. */
 TARVO_C_API tarvo_result tarvo_get_history(tarvo_sdk* sdk, tarvo_format format, double since, double until,
@@ -306,7 +321,7 @@ TARVO_C_API size_t tarvo_history_positions(tarvo_history* history);
 TARVO_C_API size_t tarvo_history_trips(tarvo_history* history);
 
 /* Which members of a position are there; a text that is not is NULL. */
-typedef enum tarvo_position_has {
+typedef enum tarvo_position_has TARVO_C_INT {
   TARVO_HAS_LATITUDE = 1,
   TARVO_HAS_LONGITUDE = 2,
   TARVO_HAS_ALTITUDE = 4,
@@ -340,7 +355,7 @@ TARVO_C_API tarvo_result tarvo_history_read(tarvo_history* history, tarvo_cursor
 TARVO_C_API tarvo_result tarvo_cursor_next(tarvo_cursor* cursor, tarvo_position* out);
 TARVO_C_API void tarvo_cursor_free(tarvo_cursor* cursor); /* NULL is nothing */
 
-typedef enum tarvo_past_trip_has {
+typedef enum tarvo_past_trip_has TARVO_C_INT {
   TARVO_TRIP_HAS_ID = 1,
   TARVO_TRIP_HAS_DEPARTURE_LATITUDE = 2,
   TARVO_TRIP_HAS_DEPARTURE_LONGITUDE = 4,
@@ -366,7 +381,7 @@ typedef struct tarvo_bounds {
 TARVO_C_API tarvo_result tarvo_history_bounds(tarvo_history* history, tarvo_bounds* out);
 /* Of the first position; 0 and 0 without any. */
 TARVO_C_API tarvo_result tarvo_history_first(tarvo_history* history, double* latitude, double* longitude);
-typedef enum tarvo_geometry { TARVO_LINESTRING = 0, TARVO_MULTIPOINT = 1 } tarvo_geometry;
+typedef enum tarvo_geometry TARVO_C_INT { TARVO_LINESTRING = 0, TARVO_MULTIPOINT = 1 } tarvo_geometry;
 /* A FeatureCollection of the positions, byte for byte that of `LocationsHistory::toGeoJSON`. Give it to `tarvo_free`.
  * `length` (may be NULL) is without the zero byte. */
 TARVO_C_API tarvo_result tarvo_history_geojson(tarvo_history* history, tarvo_geometry geometry, char** json,
@@ -441,7 +456,7 @@ TARVO_C_API tarvo_result tarvo_set_storage_limits(tarvo_sdk* sdk, const tarvo_st
 
 /* Values of the process. A text is given as it is, everything else in JSON: true, 12, ["a"], {"name":"value"}. Those
  * marked * are only read; "-" is ABSENT until there is one. */
-typedef enum tarvo_value {
+typedef enum tarvo_value TARVO_C_INT {
   TARVO_API_KEY = 1,
   TARVO_CLIENT_ID = 2, /* refused unless it can stand in a URL's path */
   TARVO_BUNDLE_ID = 3,
