@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <functional>
 #include <memory>
 
@@ -52,9 +54,9 @@ class EngineParts final : public platform::CLLocationManagerDelegate, public Eng
   /// Starts upload passes until what has been collected is delivered, nothing can be sent, or the real time is up
   /// (Tarvo::flush). Never from inside a callback of the SDK.
   FlushResult flush(platform::Seconds limit);
-  /// Runs the block in the store's queue once all queues that a fix passes have come by what waits there now. Any
-  /// thread; returns at once. The block must be short and must not call the host.
-  void probe(std::function<void()> passed);
+  /// Runs the block, if there is one, on the main queue once all queues that a fix passes on its way to the store have
+  /// come by what waits there now. Any thread; returns at once.
+  void probe(std::function<void()>&& answered);
 
   LocationManager& engine;
   platform::CLLocationManager locationManager;
@@ -97,10 +99,13 @@ class EngineParts final : public platform::CLLocationManagerDelegate, public Eng
   void predictionStored() override;
 
  private:
+  struct Probe;
   void subscribeForNotifications();
   void readStoredUser();
   void configureLocationService();
   void probeServices();
+
+  std::atomic<std::uint64_t> probesBegun_{0}, probesEnded_{0};
 };
 
 }  // namespace tarvo

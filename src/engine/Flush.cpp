@@ -1,7 +1,6 @@
 #include <algorithm>
-#include <atomic>
 #include <chrono>
-#include <memory>
+#include <functional>
 #include <thread>
 
 #include <tarvo/platform/Clock.h>
@@ -31,30 +30,57 @@ void rest(Seconds span) {
   if (platform::isMainThread())
     platform::MainQueue::main().runFor(span);
   else
-    std::this_thread::sleep_for(span);
+    std::this_thread::sleep_for(std::chrono::duration_cast<std::chrono::nanoseconds>(span));
+}
+
+/// Whether a pass would take the channel now.
+bool isFree(const UploadChannel& channel) {
+  return !channel.locked() || platform::Clock::current()->now() - channel.takenAt() >= UploadChannel::kExpiry;
 }
 
 }  // namespace
+
+/// Queues itself from one queue to the next, then answers.
+struct EngineParts::Probe {
+  EngineParts& parts;
+  std::function<void()> answered;
+  int hops = 0;
+
+  void operator()() {
+    if (++hops > 3) {
+      ++parts.probesEnded_;
+      platform::MainQueue::main().async(std::move(answered));
+      return;
+    }
+    const int hop = hops;
+    EngineParts& engine = parts;
+    std::function<void()> next = std::move(*this);
+    if (hop == 3)
+      engine.store.managedObjectContext().perform(std::move(next));
+    else
+      (hop == 1 ? engine.state.serialQueue : engine.state.serialQueueLocation).async(std::move(next));
+  }
+};
 
 FlushResult EngineParts::flush(Seconds limit) {
   const Seconds end = realTime() + platform::boundedRealTime(limit);
   const auto left = [&] { return std::max(end - realTime(), Seconds::zero()); };
   const UploadChannel& channel = Settings::shared().uploadChannel;
-  const auto isCollected = std::make_shared<std::atomic<bool>>(false);
-  probe([isCollected] { *isCollected = true; });
+  probe({});
+  const std::uint64_t probes = probesBegun_;  // this one among them, and they end in their order
   pipeline.endWait();
-  std::optional<std::int64_t> goal;  // so many acknowledged: the oldest go first
+  std::int64_t goal = -1;  // so many acknowledged, once it is known: the oldest go first
   std::int64_t acknowledged = 0;
   Seconds look = kFirstLook, pause = kFirstPause, nextTry{};
   while (true) {
     const bool isIdle = WorkInFlight::waitUntilIdle(std::min(left(), look));
     const bool timeIsUp = left() <= Seconds::zero();
     look = std::min(2 * look, kLongestLook);
-    if (isIdle || *isCollected) {
+    if (isIdle || probesEnded_ >= probes) {
       const LocationManager::SyncStatus status = engine.syncStatus();
       if (!status.storeAvailable) return FlushResult::storeUnavailable;
-      if (!goal) goal = status.stored + status.unsaved;
-      if (status.acknowledged >= *goal || status.unsent + status.awaiting + status.unsaved == 0)
+      if (goal < 0) goal = status.stored + status.unsaved;
+      if (status.acknowledged >= goal || status.unsent + status.awaiting + status.unsaved == 0)
         return FlushResult::delivered;
       // A batch under way may still be acknowledged.
       if (const auto obstacle = pipeline.obstacle();
@@ -65,7 +91,7 @@ FlushResult EngineParts::flush(Seconds limit) {
         pause = kFirstPause;
         nextTry = now;
       }
-      if (!timeIsUp && now >= nextTry && channel.isFree(platform::Clock::current()->now()) && !pipeline.nextTry()) {
+      if (!timeIsUp && now >= nextTry && isFree(channel) && !pipeline.nextTry()) {
         if (status.unsaved > 0) checkpoint();
         pipeline.startPass(UploadGate::Pass::afterFullBatch);
         nextTry = now + pause;
@@ -79,13 +105,9 @@ FlushResult EngineParts::flush(Seconds limit) {
   }
 }
 
-void EngineParts::probe(std::function<void()> passed) {
-  platform::LocationServiceState::shared().afterDeliveries([this, passed = std::move(passed)]() mutable {
-    state.serialQueue.async([this, passed = std::move(passed)]() mutable {
-      state.serialQueueLocation.async(
-          [this, passed = std::move(passed)]() mutable { store.managedObjectContext().perform(std::move(passed)); });
-    });
-  });
+void EngineParts::probe(std::function<void()>&& answered) {
+  ++probesBegun_;
+  platform::LocationServiceState::shared().afterDeliveries(Probe{*this, std::move(answered)});
 }
 
 }  // namespace tarvo

@@ -3,7 +3,6 @@
 #include <tarvo/HostKeys.h>
 #include <tarvo/Version.h>
 #include <tarvo/platform/Device.h>
-#include <tarvo/platform/MainQueue.h>
 #include <tarvo/platform/SystemLog.h>
 #include <tarvo/platform/UserDefaults.h>
 
@@ -184,9 +183,7 @@ FlushResult Tarvo::flush(double seconds) {
 }
 
 void Tarvo::probe(std::function<void()> answered) {
-  EngineParts::of(LocationManager::sharedInstance()).probe([answered = std::move(answered)]() mutable {
-    platform::MainQueue::main().async(std::move(answered));
-  });
+  EngineParts::of(LocationManager::sharedInstance()).probe(std::move(answered));
 }
 
 Tarvo::Core::Core() : locationManager(LocationManager::sharedInstance()), delegate(nullptr) {}

@@ -61,11 +61,6 @@ UploadChannel::Attempt UploadChannel::tryTake(platform::Date now) {
   return attempt;
 }
 
-bool UploadChannel::isFree(platform::Date now) const {
-  MutexLock lock(mutex_);
-  return !locked_ || (takenAt_ && now - *takenAt_ >= kExpiry);
-}
-
 bool UploadChannel::locked() const {
   MutexLock lock(mutex_);
   return locked_;

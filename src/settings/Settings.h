@@ -49,8 +49,6 @@ class UploadChannel {
   };
   /// Takes the channel if it is free or stale.
   Attempt tryTake(platform::Date now);
-  /// Whether it could be taken now.
-  bool isFree(platform::Date now) const;
   void release() { setLocked(false); }
   /// As in a new process.
   void reset();

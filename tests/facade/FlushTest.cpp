@@ -1,5 +1,4 @@
 #include <future>
-#include <thread>
 
 #include <tarvo/platform/MainQueue.h>
 
@@ -15,7 +14,17 @@ using platform::Seconds;
 /// Bounds what ends much earlier, in real time.
 constexpr double kLong = 60;
 
-struct Flush : test::WholeSdk {};
+struct Flush : test::WholeSdk {
+  /// With the channel free, and an interval that keeps every pass of the SDK's own away.
+  void collectOne(DeliveryOptions options) {
+    collect(1);
+    Tarvo::setACTIVATE_STATUS(Tarvo::BACKEND_BACKGROUND);
+    options.leastPassInterval = Seconds(3600);
+    Tarvo::setDeliveryOptions(options);
+    NetworkManager::setCANAL_TIME_LOCK(clock->now());
+    NetworkManager::setCANAL_LOCK(false);
+  }
+};
 
 TEST_F(Flush, GoesOverIntervalsAndFailuresAndTellsWhatKeepsPositionsBack) {
   Tarvo tarvo = online();
@@ -32,8 +41,13 @@ TEST_F(Flush, GoesOverIntervalsAndFailuresAndTellsWhatKeepsPositionsBack) {
       {"bytes", {.networkIsMetered = true, .meteredBytesPerDay = 0}, {}, kLong, FlushResult::bytesUsedUp, 0},
       {"no time", {}, {}, 0, FlushResult::timeIsUp, 0},
       {"channel", {}, [] { NetworkManager::setCANAL_LOCK(true); }, 0.3, FlushResult::timeIsUp, 0},
-      {"refused", {}, [&] { backend.faults().answerNext(9, 503); }, 2.5, FlushResult::timeIsUp, 2},
-      {"refused, to be confirmed", {.confirmed = true}, {}, 2.5, FlushResult::timeIsUp, 1},
+      {"refused", {}, [&] { backend.faults().answerNext(2, 503); }, 2.5, FlushResult::timeIsUp, 2},
+      {"to be confirmed",
+       {.confirmed = true},
+       [&] { backend.faults().add({.status = 401}); },
+       2.5,
+       FlushResult::timeIsUp,
+       1},
       {"repeats, then what is new",
        {.confirmed = true},
        [&] { backend.faults().clear(); },
@@ -41,14 +55,9 @@ TEST_F(Flush, GoesOverIntervalsAndFailuresAndTellsWhatKeepsPositionsBack) {
        FlushResult::delivered,
        2},
   };
-  for (auto [what, options, given, seconds, result, posts] : cases) {
+  for (const auto& [what, options, given, seconds, result, posts] : cases) {
     SCOPED_TRACE(what);
-    collect(1);
-    Tarvo::setACTIVATE_STATUS(Tarvo::BACKEND_BACKGROUND);
-    options.leastPassInterval = Seconds(3600);
-    Tarvo::setDeliveryOptions(options);
-    NetworkManager::setCANAL_TIME_LOCK(clock->now());
-    NetworkManager::setCANAL_LOCK(false);
+    collectOne(options);
     const auto before = engine().syncStatus().batchesPosted;
     if (given) given();
     EXPECT_EQ(Tarvo::flush(seconds), result);
@@ -75,11 +84,31 @@ TEST_F(Flush, WaitsForTheChannelOfAFreshDeviceWhileItRunsTheMainQueue) {
 
 TEST_F(Flush, TakesAlongWhatIsOnItsWayAndNeedsNobodyToPump) {
   Tarvo tarvo = online();
+  std::promise<void> moves;
+  EngineParts::of(engine()).state.serialQueueLocation.async([future = moves.get_future().share()] { future.wait(); });
   for (int i = 0; i < 50; ++i) platform::LocationService::shared().deliver({fixAt(40 + 0.01 * i, kStart + i)});
   MainQueue::main().async([] {});
-  std::thread([] { EXPECT_EQ(Tarvo::flush(kLong), FlushResult::delivered); }).join();
+  auto flushed = std::async(std::launch::async, [] { return Tarvo::flush(kLong); });
+  EXPECT_EQ(flushed.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+  moves.set_value();
+  EXPECT_EQ(flushed.get(), FlushResult::delivered);
   expectEachIndexOnce(50);
   EXPECT_EQ(MainQueue::main().runPending(), 1u);
+}
+
+TEST_F(Flush, DoesNotWaitForWhatIsCollectedMeanwhile) {
+  Tarvo tarvo = online();
+  collect(2);
+  diary.onMessage([&](std::string_view line) {
+    if (line.find("Locations:markLocationAsSentUntilIndex [loc] from:0 ") == line.npos) return;
+    backend.faults().hangNext(1);
+    platform::LocationService::shared().deliver({fixAt(10, kStart)});
+  });
+  EXPECT_EQ(Tarvo::flush(10), FlushResult::delivered);
+  backend.faults().release();
+  waitUntilIdle();
+  settle();
+  expectEachIndexOnce(3);
 }
 
 TEST_F(Flush, HasNothingToDoWithoutAStore) {
