@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include <tarvo/Export.h>
@@ -29,6 +31,16 @@ class TARVO_API LocationRecords {
   bool empty() const { return size() == 0; }
   /// Copies of all of them, some 500 bytes of memory each; `LocationsHistory::toGeoJSON` needs far less.
   std::vector<LocationRecord> toVector() const;
+
+  /// How far a reading in pieces has come; as constructed, before the first position.
+  struct Place {
+    std::size_t read = 0;               ///< positions so far
+    std::optional<std::int64_t> index;  ///< of the last of them
+    std::size_t alike = 0;              ///< how many of them had that index
+  };
+  /// Copies of the positions that follow `place`, at most `count`, and moves it behind them; none at the end. Absent,
+  /// with `place` where it was, when they cannot be read. All pieces together cost about what `toVector` does.
+  std::optional<std::vector<LocationRecord>> next(Place& place, std::size_t count) const;
 
  private:
   friend class PositionSource;  // where the SDK reads them

@@ -1,5 +1,6 @@
 #include <tarvo/LocationRecords.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "records/Positions.h"
@@ -14,9 +15,11 @@ class HeldPositions : public PositionSource {
 
   std::size_t size() const override { return records_.size(); }
 
-  bool forEach(const std::function<bool(LocationRecord&&)>& visit) const override {
-    for (const LocationRecord& record : records_)
-      if (!visit(LocationRecord(record))) break;
+  bool forEach(const std::function<bool(LocationRecord&&)>& visit, const LocationRecords::Place& place,
+               std::size_t limit) const override {
+    const std::size_t end = limit > 0 ? std::min(size(), place.read + limit) : size();
+    for (std::size_t i = place.read; i < end; ++i)
+      if (!visit(LocationRecord(records_[i]))) break;
     return true;
   }
 
@@ -63,6 +66,23 @@ std::vector<LocationRecord> LocationRecords::toVector() const {
     return true;
   });
   if (!isWhole) records.clear();
+  return records;
+}
+
+std::optional<std::vector<LocationRecord>> LocationRecords::next(Place& place, std::size_t count) const {
+  std::vector<LocationRecord> records;
+  count = std::min(count, size() - std::min(size(), place.read));
+  if (count == 0) return records;
+  Place reached = place;
+  const auto take = [&](LocationRecord&& record) {
+    reached.alike = record.index == reached.index ? reached.alike + 1 : 1;
+    reached.index = record.index;
+    ++reached.read;
+    records.push_back(std::move(record));
+    return true;
+  };
+  if (!PositionSource::of(*this).forEach(take, place, count)) return std::nullopt;
+  place = reached;
   return records;
 }
 

@@ -28,8 +28,9 @@ class PositionSource {
 
   virtual ~PositionSource() = default;
   virtual std::size_t size() const = 0;
-  /// Until the visitor answers false.
-  virtual bool forEach(const std::function<bool(LocationRecord&&)>& visit) const = 0;
+  /// From `place` on, until the visitor answers false or has been given `limit` (0: all).
+  virtual bool forEach(const std::function<bool(LocationRecord&&)>& visit, const LocationRecords::Place& place = {},
+                       std::size_t limit = 0) const = 0;
   /// Of the first position, 0 for what it lacks; absent when there is no position or it cannot be read.
   virtual std::optional<platform::CLLocationCoordinate2D> firstCoordinate() const = 0;
   /// Only those positions that have coordinates.

@@ -19,10 +19,17 @@ class StoredPositions : public PositionSource {
 
   std::size_t size() const override { return rows_.count(); }
 
-  bool forEach(const std::function<bool(LocationRecord&&)>& visit) const override {
+  bool forEach(const std::function<bool(LocationRecord&&)>& visit, const LocationRecords::Place& place,
+               std::size_t limit) const override {
     std::vector<int> all(at::kAll.size());
     std::iota(all.begin(), all.end(), 0);
-    return pass(all, [&](const platform::StoredRow& row) { return visit(recordOf(row)); });
+    std::size_t known = place.alike;  // which may have been removed since
+    const auto take = [&](const platform::StoredRow& row) {
+      if (known == 0 || row.integer(at::index) != place.index) return visit(recordOf(row));
+      --known;
+      return true;
+    };
+    return pass(all, take, limit > 0 ? limit + known : 0, place.index);
   }
 
   std::optional<platform::CLLocationCoordinate2D> firstCoordinate() const override {
@@ -46,8 +53,8 @@ class StoredPositions : public PositionSource {
 
  private:
   bool pass(const std::vector<int>& attributes, const std::function<bool(const platform::StoredRow&)>& visit,
-            std::size_t limit = 0) const {
-    const auto error = rows_.forEach(attributes, visit, limit);
+            std::size_t limit = 0, std::optional<std::int64_t> firstIndex = {}) const {
+    const auto error = rows_.forEach(attributes, visit, limit, firstIndex);
     if (error) Log::error("Locations:getLocationHistory Unresolved error ", platform::errorAndUserInfo(*error));
     return !error;
   }

@@ -37,8 +37,9 @@ wrapped 'curl/' src/platform/urlsession
 wrapped 'unicode/|nlohmann/|plist/' src/platform/foundation
 wrapped 'GeographicLib/|pugixml' src/platform/location
 
-# Programs see only the public headers.
-grep -rnE '#include "(platform|settings|log|store|records|net|sync|engine|facade)/' apps && fail "a program looks inside"
+# Programs and bindings see only the public headers.
+grep -rnE '#include "(platform|settings|log|store|records|net|sync|engine|facade)/' apps bindings examples &&
+  fail "a program or a binding looks inside"
 
 while read -r lines file; do
   [ "$file" = total ] || [ "$lines" -le 500 ] || fail "$file has $lines lines"

@@ -10,5 +10,5 @@ tool=$(command -v clang-tidy-14) || { echo "skipped: clang-tidy is not installed
 commands=$(mktemp -d)
 trap 'rm -rf "$commands"' EXIT
 sed -E 's/ -fno-ipa-(sra|cp)//g' "$build/compile_commands.json" >"$commands/compile_commands.json"
-find src apps -name '*.cpp' -print0 |
+find src bindings apps -name '*.cpp' -print0 |
   xargs -0 -n 1 -P "$(nproc)" "$tool" -p "$commands" --quiet --extra-arg=-Wno-unknown-warning-option 2>/dev/null

@@ -28,6 +28,7 @@ namespace at = attribute::locations;
 using test::logged;
 using Context = platform::NSManagedObjectContext;
 using platform::Date;
+using platform::dateSince1970;
 using platform::Seconds;
 
 class StoredPositions : public test::StoreTest {
@@ -137,6 +138,36 @@ TEST_F(StoredPositions, LastIsTheNewestByFixTimeAndHistoryGoesByStorageTime) {
     EXPECT_EQ(all.size(), 4U);
     EXPECT_EQ(all.toVector().back().index, 3) << "what is stored later is not part of a history";
     EXPECT_EQ(all.toVector().at(1).unsent, false);
+  });
+}
+
+TEST_F(StoredPositions, InPiecesAreTheSameAsInOne) {
+  within([&](Context& context) {
+    addAndSave(context, 12);
+    // Numbers that are missing, repeat or belong to another row; the range of the second history is a small one.
+    test::ask(file,
+              "UPDATE Locations SET altitude = _key, eventTimestamp = _key, \"index\" = CASE _key WHEN 2 THEN NULL "
+              "WHEN 5 THEN NULL WHEN 4 THEN 7 WHEN 10 THEN 7 WHEN 6 THEN 1 WHEN 12 THEN 3 ELSE \"index\" END");
+    for (const double until : {12.0, 3.0}) {
+      const auto records = Locations::getLocationHistory(context, dateSince1970(0), dateSince1970(until));
+      std::vector<double> whole;
+      for (const auto& record : records.toVector()) whole.push_back(record.altitude.value());
+      EXPECT_EQ(whole.size(), until);
+      for (const std::size_t count : {1U, 2U, 5U, 20U}) {
+        LocationRecords::Place place;
+        std::vector<double> pieces;
+        for (auto piece = records.next(place, count); piece && !piece->empty(); piece = records.next(place, count))
+          for (const auto& record : *piece) pieces.push_back(record.altitude.value());
+        EXPECT_EQ(pieces, whole) << "in pieces of " << count;
+      }
+    }
+    const auto records = Locations::getLocationHistory(context, dateSince1970(0), dateSince1970(12));
+    LocationRecords::Place place;
+    ASSERT_EQ(records.next(place, 7)->size(), 7U);
+    test::ask(file, "DELETE FROM Locations WHERE altitude < 9");  // what has been read, and some of the rest
+    ASSERT_EQ(records.next(place, 7)->size(), 3U);
+    test::ask(file, "ALTER TABLE Locations RENAME TO Hidden");
+    EXPECT_EQ(LocationRecords(records).next(place = {}, 7), std::nullopt);
   });
 }
 

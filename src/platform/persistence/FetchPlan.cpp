@@ -275,7 +275,11 @@ std::string textOf(const FetchPlan& plan, PlannedRows::Way way, const PlannedRow
   sql += concat(" FROM \"", plan.entity().name, "\"", where);
   std::string_view separator = where.empty() ? " WHERE " : " AND ";
   if (isOther) sql += concat(std::exchange(separator, " AND "), plan.entity().outOfStep());
-  if (reading.lastKey) sql += concat(separator, isOther ? "+" : "", "\"_key\" <= ?");
+  if (reading.lastKey) sql += concat(std::exchange(separator, " AND "), isOther ? "+" : "", "\"_key\" <= ?");
+  if (reading.firstCounter && isMerged && !isOther)  // the counter of a row in step is its key less one
+    sql += concat(separator, "\"_key\" > ? AND ", plan.entity().inStep());
+  else if (reading.firstCounter)
+    sql += concat(separator, isOther ? "" : "+", "\"", plan.column(plan.entity().counter), "\" >= ?");
   sql += plan.orderClause(isMerged && !isOther);
   return reading.limit > 0 && !isMerged ? sql + " LIMIT ?" : sql;
 }
@@ -283,6 +287,7 @@ std::string textOf(const FetchPlan& plan, PlannedRows::Way way, const PlannedRow
 void bindAll(const FetchPlan& plan, const PlannedRows::Reading& reading, bool isMerged, Execution& rows) {
   int next = plan.bind(rows);  // a bare "?" takes the next number
   if (reading.lastKey) rows.bind(next++, *reading.lastKey);
+  if (reading.firstCounter) rows.bind(next++, *reading.firstCounter);
   if (reading.limit > 0 && !isMerged) rows.bind(next, static_cast<std::int64_t>(reading.limit));
 }
 

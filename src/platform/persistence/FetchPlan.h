@@ -94,11 +94,13 @@ class PlannedRows {
   /// How rows are found: by an index of the conditions and then sorted, or all in order, leaving out what does not
   /// match.
   enum class Way { byIndex, inOrder };
-  /// What to read: these attributes, of rows up to that key, at most so many (0: all).
+  /// What to read: these attributes, of rows up to that key, at most so many (0: all), and only those whose counter is
+  /// at least that.
   struct Reading {
     std::vector<int> attributes;
     std::optional<std::int64_t> lastKey;
     std::size_t limit = 0;
+    std::optional<std::int64_t> firstCounter = {};
   };
 
   PlannedRows(Database& database, const FetchPlan& plan, Way way, const Reading& reading);

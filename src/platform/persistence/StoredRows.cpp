@@ -36,7 +36,8 @@ std::optional<std::string_view> StoredRow::string(int column) const {
 }
 
 std::optional<Error> StoredRows::forEach(const std::vector<int>& attributes,
-                                         const std::function<bool(const StoredRow&)>& visit, std::size_t limit) const {
+                                         const std::function<bool(const StoredRow&)>& visit, std::size_t limit,
+                                         std::optional<std::int64_t> firstCounter) const {
   std::optional<Error> failure;
   if (count_ == 0) return failure;
   context_->performAndWait([&] {
@@ -45,7 +46,9 @@ std::optional<Error> StoredRows::forEach(const std::vector<int>& attributes,
       failure = context_->coordinator().whyNoStore("fetch");
       return;
     }
-    PlannedRows rows(store->database(), plan_, way_, {attributes, lastKey_, limit});
+    // What goes on need not find its first row again by an index and sort all that follow.
+    const auto way = firstCounter ? PlannedRows::Way::inOrder : way_;
+    PlannedRows rows(store->database(), plan_, way, {attributes, lastKey_, limit, firstCounter});
     while (rows.step())
       if (!visit(StoredRow(rows.row()))) return;
     if (rows.failed()) failure = rows.error(StoreErrorCode::operation, "The records could not be read");

@@ -45,9 +45,10 @@ class StoredRows {
 
   /// Calls `visit` for each row in the request's order until it answers false. A visitor makes no pass of its own.
   /// `limit` (0: none) ends the pass after so many rows. That is cheaper than a visitor that stops, since SQLite then
-  /// need not sort the rest.
+  /// need not sort the rest. `firstCounter`, for requests in the order of the counter, leaves out rows below it without
+  /// looking at them: a pass can go on where one before it ended.
   std::optional<Error> forEach(const std::vector<int>& attributes, const std::function<bool(const StoredRow&)>& visit,
-                               std::size_t limit = 0) const;
+                               std::size_t limit = 0, std::optional<std::int64_t> firstCounter = {}) const;
 
  private:
   friend class NSManagedObjectContext;

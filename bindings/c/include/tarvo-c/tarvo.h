@@ -1,0 +1,488 @@
+/** @file
+ * The SDK for C, and for whatever can call C. docs/c.md has a first program and all rules on one page; in short:
+ *
+ * What comes through `**out` is the caller's, to be given back with the function named there. `const` pointers are
+ * borrowed. What a function is given it copies. Any thread may call, unless a function says otherwise; for callbacks
+ * see `tarvo_callbacks`. No mistake of a caller ends the process, and no exception leaves a function: a negative result
+ * means that nothing was done and nothing was written to any `out`.
+ *
+ * Set `size` of a record that begins with it to `sizeof`: such records may get more members at their end.
+ *
+ * Texts: UTF-8, ended by a zero byte (paths: bytes). Times: seconds since 1970-01-01 UTC. Truth: 0 and 1. */
+#ifndef TARVO_C_TARVO_H
+#define TARVO_C_TARVO_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#if defined(__GNUC__)
+#define TARVO_C_API __attribute__((visibility("default")))
+#else
+#define TARVO_C_API
+#endif
+
+/** Where a language can say so, an enumeration is an int: then a number that it does not list is a mistake to be told,
+ * and not undefined. */
+#if defined(__cplusplus)
+#define TARVO_C_INT : int
+#else
+#define TARVO_C_INT
+#endif
+
+/* ---- Results, versions, memory ---- */
+
+typedef enum tarvo_result TARVO_C_INT {
+  TARVO_OK = 0,
+  TARVO_ABSENT = 1,        /**< there is none: no position, no history, the end of a list */
+  TARVO_UNFINISHED = 2,    /**< the time was up, or the end was not reached: something is left */
+  TARVO_BAD_ARGUMENT = -1, /**< NULL, no UTF-8, out of range, a `size` that no record has */
+  TARVO_BAD_HANDLE = -2,   /**< given back before, of another kind, or never given */
+  TARVO_BAD_JSON = -3,     /**< no JSON, or not of the shape that is asked for */
+  TARVO_ALREADY = -4,      /**< the process has its SDK; a choice that was made */
+  TARVO_TOO_LATE = -5,     /**< has to be set before the first `tarvo_sdk_new`, and differs from what is in use */
+  TARVO_TOO_EARLY = -6,    /**< a push message before the first fix */
+  TARVO_IN_CALLBACK = -7,  /**< would wait for the callback that it is called from */
+  TARVO_WRONG_THREAD = -8, /**< for the main thread only */
+  TARVO_FORKED = -9,       /**< the process is a child of the one that has the SDK */
+  TARVO_REFUSED = -10,     /**< the SDK refuses it; the log says why */
+  TARVO_NO_MEMORY = -11,
+  TARVO_INTERNAL = -12
+} tarvo_result;
+
+/** The result's name in words; never NULL. */
+TARVO_C_API const char* tarvo_result_text(tarvo_result result);
+/** Of the SDK, as "0.1.0". */
+TARVO_C_API const char* tarvo_version(void);
+/** Gives back a text that a function has given through `char **`; NULL is nothing. */
+TARVO_C_API void tarvo_free(char* text);
+/** How many handles (SDK, histories, trips, cursors, alerts) and tables are in use: 0 where nothing leaks. */
+TARVO_C_API size_t tarvo_live_objects(void);
+
+/* ---- Handles ---- */
+
+typedef struct tarvo_sdk tarvo_sdk;
+typedef struct tarvo_history tarvo_history; /**< immutable and counted */
+typedef struct tarvo_cursor tarvo_cursor;   /**< where a reading of positions has come to */
+typedef struct tarvo_trip tarvo_trip;       /**< a prediction; immutable and counted */
+typedef struct tarvo_alert tarvo_alert;     /**< what is to be shown to the user; counted */
+
+/* ---- Before the SDK ---- */
+
+/** Where store, settings and logs lie. */
+TARVO_C_API tarvo_result tarvo_set_home(const char* directory);
+/** The host in a JSON object: "TarvoApiKey", "TarvoClientID", "CFBundleIdentifier", and options as tarvo/HostKeys.h
+ * names them. */
+TARVO_C_API tarvo_result tarvo_set_info(const char* json);
+/** The same from a property list. */
+TARVO_C_API tarvo_result tarvo_set_info_file(const char* path);
+/** The directories of the store (the last) and of the logs (the first), in place of `Documents` in the home. May be set
+ * at any time; what is open stays where it is. */
+TARVO_C_API tarvo_result tarvo_set_document_directories(const char* const* directories, size_t count);
+/** The backend, as "https://backend.example/api". Plain http leads to this machine only, unless it is allowed.
+ * TARVO_REFUSED for what is no such URL. */
+TARVO_C_API tarvo_result tarvo_set_server(const char* url, int allow_plain_http);
+
+/** See tarvo/platform/TransferOptions.h; NULL or "" leaves a thing as it is without these options. */
+typedef struct tarvo_transfer_options {
+  size_t size;
+  const char* proxy;
+  const char *ca_file, *client_certificate_file, *client_key_file, *client_key_passphrase; /**< PEM */
+  const char* network_interface;
+} tarvo_transfer_options;
+/** Before the first transfer. */
+TARVO_C_API tarvo_result tarvo_set_transfer_options(const tarvo_transfer_options* options);
+
+typedef void (*tarvo_log_line)(void* user, const char* line, size_t length); /**< `line` ends with a zero byte too. */
+/** Takes each line of the system log, which may hold secrets. Called on any thread, several at once, from the midst of
+ * the SDK's work: every function answers TARVO_IN_CALLBACK there. NULL brings back standard error. `released` (may be
+ * NULL) is called once, when no line comes any more: as with `tarvo_callbacks`. May be set before all else and at any
+ * time. */
+TARVO_C_API tarvo_result tarvo_set_log(tarvo_log_line line, void* user, void (*released)(void* user));
+
+/** A clock that stands still until it is moved, for tests and for recordings: positions are stored, and the channel
+ * ages, by it. */
+TARVO_C_API tarvo_result tarvo_set_manual_clock(double start);
+/** Only forwards; an earlier date changes nothing. TARVO_ABSENT without such a clock. */
+TARVO_C_API tarvo_result tarvo_move_clock(double date);
+/** What the clock in use shows. */
+TARVO_C_API double tarvo_now(void);
+
+/* ---- The SDK ---- */
+
+/** One in a process: TARVO_ALREADY while there is one. The first builds the engine, which lives as long as the process.
+ * Unlike in C++, answers that break the protocol do not stop the process: `drops_protocol_breaks` is switched on. */
+TARVO_C_API tarvo_result tarvo_sdk_new(tarvo_sdk** out);
+/** Gives the handle and its callbacks back; NULL is nothing. The engine goes on as it was: activate TARVO_DEACTIVATED
+ * before to stop it. */
+TARVO_C_API void tarvo_sdk_free(tarvo_sdk* sdk);
+
+/** What a mode switches on: tarvo/ActivationMode.h. Any integer is a mode. */
+typedef enum tarvo_mode TARVO_C_INT {
+  TARVO_DEACTIVATED = -4,
+  TARVO_LOCAL_FOREGROUND = 0,
+  TARVO_LOCAL_BACKGROUND = 4,
+  TARVO_BACKEND_BACKGROUND = 8,
+  TARVO_BACKEND_GEOPROFILE = 12
+} tarvo_mode;
+/** Starts collection in that mode, as `Tarvo::activate`. */
+TARVO_C_API tarvo_result tarvo_activate(tarvo_sdk* sdk, int64_t mode);
+TARVO_C_API int64_t tarvo_active_mode(void); /**< TARVO_DEACTIVATED at first. */
+/** The mode alone, for a program that only reads. */
+TARVO_C_API tarvo_result tarvo_set_active_mode(tarvo_sdk* sdk, int64_t mode);
+TARVO_C_API tarvo_result tarvo_service_connect(tarvo_sdk* sdk); /**< As `Tarvo::serviceConnect`. */
+/** Lets new positions reach `locations`. */
+TARVO_C_API tarvo_result tarvo_request_location_update(tarvo_sdk* sdk);
+TARVO_C_API tarvo_result tarvo_stop_location_update(tarvo_sdk* sdk); /**< Keeps them from it; collection goes on. */
+/** Takes the right to write to the home now, waiting up to `seconds` for another process. TARVO_REFUSED with the reason
+ * in `*why` (to be given to `tarvo_free`; `why` may be NULL). */
+TARVO_C_API tarvo_result tarvo_claim_store(tarvo_sdk* sdk, double seconds, char** why);
+
+/* ---- What the host feeds ---- */
+
+/** A fix of a receiver. This record does not grow: arrays of it are given. */
+typedef struct tarvo_fix {
+  double latitude, longitude;                    /**< degrees, WGS 84 */
+  double altitude;                               /**< metres above sea level */
+  double horizontal_accuracy, vertical_accuracy; /**< metres; negative: invalid */
+  double course;                                 /**< degrees clockwise from true north; negative: unknown */
+  double speed;                                  /**< metres per second; negative: unknown */
+  double time;                                   /**< when the receiver made it */
+  int32_t floor, has_floor;                      /**< of a building */
+} tarvo_fix;
+/** A fix of now of which nothing is known but its place, accurate to 0 m. NULL is nothing. */
+TARVO_C_API void tarvo_fix_init(tarvo_fix* fix);
+/** Oldest first; queued. A fix that is not finite, off the globe or outside the years 1970 to 9999 is left out, with a
+ * line in the log and counted in `tarvo_health`. */
+TARVO_C_API tarvo_result tarvo_deliver(const tarvo_fix* fixes, size_t count);
+/** Positioning itself fails. `code`: 0 no place for now, 1 the receiver may not be used. */
+TARVO_C_API tarvo_result tarvo_report_failure(int64_t code);
+
+typedef enum tarvo_permission TARVO_C_INT {
+  TARVO_NOT_DETERMINED = 0,
+  TARVO_RESTRICTED = 1,
+  TARVO_DENIED = 2,
+  TARVO_AUTHORIZED_ALWAYS = 3,
+  TARVO_AUTHORIZED_WHEN_IN_USE = 4
+} tarvo_permission;
+TARVO_C_API tarvo_result tarvo_set_permission(tarvo_permission permission); /**< What the user has decided. */
+TARVO_C_API tarvo_permission tarvo_get_permission(void);                    /**< TARVO_AUTHORIZED_ALWAYS at first. */
+
+/** To be told on the main thread. */
+typedef enum tarvo_app_state TARVO_C_INT {
+  TARVO_APP_ACTIVE = 0,
+  TARVO_APP_INACTIVE = 1,
+  TARVO_APP_BACKGROUND = 2
+} tarvo_app_state;
+TARVO_C_API tarvo_result tarvo_app_launched(void);                   /**< Stores an event. */
+TARVO_C_API tarvo_result tarvo_set_app_state(tarvo_app_state state); /**< Stores an event. */
+TARVO_C_API tarvo_app_state tarvo_get_app_state(void);               /**< TARVO_APP_ACTIVE at first. */
+
+typedef enum tarvo_battery TARVO_C_INT {
+  TARVO_BATTERY_UNKNOWN = 0,
+  TARVO_BATTERY_UNPLUGGED = 1,
+  TARVO_BATTERY_CHARGING = 2,
+  TARVO_BATTERY_FULL = 3
+} tarvo_battery;
+/** `level`: 0 to 1, or -1 when it is unknown. */
+TARVO_C_API tarvo_result tarvo_set_battery(tarvo_battery state, double level);
+
+/** A push message, a JSON object. TARVO_ABSENT when it is for somebody else; TARVO_TOO_EARLY in a mode from 8 before
+ * this process was given a usable fix. */
+TARVO_C_API tarvo_result tarvo_push_received(tarvo_sdk* sdk, const char* json);
+TARVO_C_API tarvo_result tarvo_set_device_token(tarvo_sdk* sdk, const char* token); /**< The token for push messages. */
+/** The secret of the host's API key, before or after `tarvo_activate`. */
+TARVO_C_API tarvo_result tarvo_set_api_key_secret(tarvo_sdk* sdk, const char* secret);
+/** For a process that was started to finish transfers: `done` comes on the main queue, then `released`. Both may be
+ * NULL; a `done` that never came is released with the SDK. TARVO_ABSENT, keeping nothing, unless the identifier is
+ * TARVO_BACKGROUND_SESSION_ID. */
+TARVO_C_API tarvo_result tarvo_background_events(tarvo_sdk* sdk, const char* identifier, void (*done)(void* user),
+                                                 void* user, void (*released)(void* user));
+
+/* ---- What the host is told ---- */
+
+typedef enum tarvo_permission_request TARVO_C_INT {
+  TARVO_ASK_WHEN_IN_USE = 0,
+  TARVO_ASK_ALWAYS = 1
+} tarvo_permission_request;
+
+/** Functions of the host; each may be NULL. None may throw a C++ exception or leave by longjmp. In all of them the SDK
+ * may be called, but not what would wait for them (TARVO_IN_CALLBACK).
+ *
+ * `released` is called exactly once, after which none of this table comes any more: when another table has taken its
+ * place or the SDK was freed, and the last call under way has returned; on the thread on which that was. Where a
+ * function of the receiver stands in the table that is after `receiver_stop`, on its thread. A table that is refused is
+ * not released. */
+typedef struct tarvo_callbacks {
+  size_t size;
+  void* user;
+  void (*released)(void* user);
+  /** On threads of the SDK, one call at a time for each. Arrays and handles are borrowed for the call; a handle may be
+   * kept with `…_ref`. */
+  void (*locations)(void* user, const tarvo_fix* fixes, size_t count);
+  void (*route_matched)(void* user, tarvo_history* history); /**< after `tarvo_request_route_match` */
+  void (*prediction)(void* user, tarvo_trip* trip);          /**< after `tarvo_request_prediction_update` */
+  /** The receiver, switched on (again when the accuracy has changed) and off; on the delivery queue. */
+  void (*receiver_start)(void* user, double accuracy_metres); /**< -1: the best there is */
+  void (*receiver_stop)(void* user);
+  /** On the main queue: inside `tarvo_main_run_pending` and what waits on the main thread. */
+  void (*prompt)(void* user, tarvo_permission_request request); /**< answered by `tarvo_set_permission` */
+  int (*present_alert)(void* user, tarvo_alert* alert);         /**< 0: there is nothing to show it on */
+  void (*open_url)(void* user, const char* url);
+  void (*register_for_push)(void* user); /**< answered by `tarvo_set_device_token` */
+  void (*set_background_fetch_interval)(void* user, double seconds);
+} tarvo_callbacks;
+/** Takes the place of the table before; NULL: none. */
+TARVO_C_API tarvo_result tarvo_set_callbacks(tarvo_sdk* sdk, const tarvo_callbacks* callbacks);
+
+/** The texts live as long as the alert. TARVO_ABSENT behind the last action. */
+TARVO_C_API tarvo_alert* tarvo_alert_ref(tarvo_alert* alert);
+TARVO_C_API void tarvo_alert_unref(tarvo_alert* alert); /**< NULL is nothing. */
+/** What it says. */
+TARVO_C_API tarvo_result tarvo_alert_texts(tarvo_alert* alert, const char** title, const char** message);
+/** A button, from 0 on. */
+TARVO_C_API tarvo_result tarvo_alert_action(tarvo_alert* alert, size_t action, const char** title, int* is_cancel);
+/** The user has chosen; once, on any thread. */
+TARVO_C_API tarvo_result tarvo_alert_choose(tarvo_alert* alert, size_t action);
+
+/* ---- The main queue, and the end ---- */
+
+/** Readable while blocks wait; the SDK's own, not to be closed. -1 on failure. */
+TARVO_C_API int tarvo_main_fd(void);
+/** Runs what waits now; main thread only. `count` (may be NULL) is the number of blocks run. */
+TARVO_C_API tarvo_result tarvo_main_run_pending(size_t* count);
+/** Waits until all queued work and all transfers are done, up to so many real seconds; on the main thread it runs the
+ * main queue. TARVO_UNFINISHED when the time was up. */
+TARVO_C_API tarvo_result tarvo_wait_until_idle(tarvo_sdk* sdk, double seconds);
+
+/** How a flush has ended: tarvo/FlushResult.h. */
+typedef enum tarvo_flush_result TARVO_C_INT {
+  TARVO_FLUSH_DELIVERED = 0, /**< nothing is left of what had been collected before */
+  TARVO_FLUSH_TIME_IS_UP = 1,
+  TARVO_FLUSH_MODE_FORBIDS = 2,
+  TARVO_FLUSH_NOT_REGISTERED = 3,
+  TARVO_FLUSH_BYTES_USED_UP = 4,
+  TARVO_FLUSH_SESSION_FAILED = 5,
+  TARVO_FLUSH_STORE_UNAVAILABLE = 6
+} tarvo_flush_result;
+/** Uploads what has been collected, up to so many real seconds; see `Tarvo::flush`. TARVO_UNFINISHED for all but
+ * TARVO_FLUSH_DELIVERED; `out` (may be NULL) is written then too. */
+TARVO_C_API tarvo_result tarvo_flush(tarvo_sdk* sdk, double seconds, tarvo_flush_result* out);
+/** For a watchdog: `answered` comes on the main queue once the question has gone through the engine's queues, behind
+ * all that waits there; a part that is stuck keeps it away. `released` (may be NULL) is called once: behind it, or when
+ * the SDK is freed. */
+TARVO_C_API tarvo_result tarvo_probe(tarvo_sdk* sdk, void (*answered)(void* user), void* user,
+                                     void (*released)(void* user));
+
+/* ---- Answers ---- */
+
+/** The stored position with the newest fix time. */
+TARVO_C_API tarvo_result tarvo_current_location(tarvo_sdk* sdk, tarvo_fix* out);
+typedef enum tarvo_format TARVO_C_INT { TARVO_FORMAT_RAW = 1, TARVO_FORMAT_EXTRAPOLATED = 2 } tarvo_format;
+/** Positions from mode 4, past trips from mode 8, by the time of storage; both bounds are included, NaN is an open one.
+ * `*out` is given back with `tarvo_history_unref`. */
+TARVO_C_API tarvo_result tarvo_get_history(tarvo_sdk* sdk, tarvo_format format, double since, double until,
+                                           tarvo_history** out);
+/** The latest prediction, from mode 12; to be given to `tarvo_trip_unref`. */
+TARVO_C_API tarvo_result tarvo_next_trip(tarvo_sdk* sdk, tarvo_trip** out);
+/** The same in any mode, and setting it; NULL sets an empty one. */
+TARVO_C_API tarvo_result tarvo_last_prediction(tarvo_sdk* sdk, tarvo_trip** out);
+TARVO_C_API tarvo_result tarvo_set_last_prediction(tarvo_sdk* sdk, tarvo_trip* trip); /**< NULL sets an empty one. */
+/** Calls `each` here and now with the zone of each stored place, GeoJSON. */
+TARVO_C_API tarvo_result tarvo_points_of_interest(tarvo_sdk* sdk, void (*each)(void* user, const char* geojson),
+                                                  void* user);
+
+typedef struct tarvo_sync_status {
+  size_t size;
+  int64_t stored, unsent, awaiting, acknowledged, unsaved;
+  int64_t last_index; /**< -1: none */
+  uint64_t batches_posted, positions_posted;
+  int32_t store_available, reserved;
+} tarvo_sync_status;
+/** Counts in the store, in any mode. */
+TARVO_C_API tarvo_result tarvo_get_sync_status(tarvo_sdk* sdk, tarvo_sync_status* out);
+/** All that `Tarvo::health` tells, a JSON object: docs/c.md. Give `*json` to `tarvo_free`. */
+TARVO_C_API tarvo_result tarvo_health(tarvo_sdk* sdk, char** json);
+
+/* ---- Histories ---- */
+
+/** Another share of the same, to be given back too; NULL for what is no history. */
+TARVO_C_API tarvo_history* tarvo_history_ref(tarvo_history* history);
+TARVO_C_API void tarvo_history_unref(tarvo_history* history); /**< NULL is nothing */
+/** 0 for what is no history. */
+TARVO_C_API size_t tarvo_history_positions(tarvo_history* history);
+TARVO_C_API size_t tarvo_history_trips(tarvo_history* history); /**< The same of its past trips. */
+
+/** Which members of a position are there; a text that is not is NULL. */
+typedef enum tarvo_position_has TARVO_C_INT {
+  TARVO_HAS_LATITUDE = 1,
+  TARVO_HAS_LONGITUDE = 2,
+  TARVO_HAS_ALTITUDE = 4,
+  TARVO_HAS_HORIZONTAL_ACCURACY = 8,
+  TARVO_HAS_VERTICAL_ACCURACY = 16,
+  TARVO_HAS_COURSE = 32,
+  TARVO_HAS_SPEED = 64,
+  TARVO_HAS_FIX_TIME = 128,
+  TARVO_HAS_STORED_TIME = 256,
+  TARVO_HAS_FLOOR = 512,
+  TARVO_HAS_INDEX = 1024,
+  TARVO_HAS_UNSENT = 2048,
+  TARVO_HAS_SENT_WITHOUT_ACK = 4096
+} tarvo_position_has;
+/** A stored position; what is absent is 0 and NULL. See tarvo/Records.h. */
+typedef struct tarvo_position {
+  size_t size;
+  uint64_t has;
+  double latitude, longitude, altitude, horizontal_accuracy, vertical_accuracy, course, speed;
+  double fix_time, stored_time;
+  int64_t floor, index;
+  int32_t unsent, sent_without_ack;
+  const char *service_action, *localisation_method, *user_action;
+  const char *app_name, *app_action, *identifier_for_vendor;
+} tarvo_position;
+/** Reads the positions from the first on, in pieces: a year of them takes no memory. The cursor keeps its history.
+ * One thread at a time; give it to `tarvo_cursor_free`. */
+TARVO_C_API tarvo_result tarvo_history_read(tarvo_history* history, tarvo_cursor** out);
+/** The next position; TARVO_ABSENT behind the last. Its texts live until the next call with this cursor.
+ * TARVO_UNFINISHED when the store cannot be read; the next call tries again. */
+TARVO_C_API tarvo_result tarvo_cursor_next(tarvo_cursor* cursor, tarvo_position* out);
+TARVO_C_API void tarvo_cursor_free(tarvo_cursor* cursor); /**< NULL is nothing */
+
+typedef enum tarvo_past_trip_has TARVO_C_INT {
+  TARVO_TRIP_HAS_ID = 1,
+  TARVO_TRIP_HAS_DEPARTURE_LATITUDE = 2,
+  TARVO_TRIP_HAS_DEPARTURE_LONGITUDE = 4,
+  TARVO_TRIP_HAS_ARRIVAL_LATITUDE = 8,
+  TARVO_TRIP_HAS_ARRIVAL_LONGITUDE = 16,
+  TARVO_TRIP_HAS_START_TIME = 32,
+  TARVO_TRIP_HAS_ARRIVAL_TIME = 64
+} tarvo_past_trip_has;
+typedef struct tarvo_past_trip {
+  size_t size;
+  uint64_t has;
+  int64_t id;
+  double departure_latitude, departure_longitude, arrival_latitude, arrival_longitude;
+  double start_time, arrival_time;
+  const char* route; /**< GeoJSON; lives as long as the history */
+} tarvo_past_trip;
+/** TARVO_ABSENT behind the last. */
+TARVO_C_API tarvo_result tarvo_history_trip(tarvo_history* history, size_t trip, tarvo_past_trip* out);
+
+typedef struct tarvo_bounds {
+  double south, west, north, east; /**< degrees; all -200 when no point can be read */
+} tarvo_bounds;
+/** Of all trips, or else of all positions. */
+TARVO_C_API tarvo_result tarvo_history_bounds(tarvo_history* history, tarvo_bounds* out);
+/** Of the first position; 0 and 0 without any. */
+TARVO_C_API tarvo_result tarvo_history_first(tarvo_history* history, double* latitude, double* longitude);
+typedef enum tarvo_geometry TARVO_C_INT { TARVO_LINESTRING = 0, TARVO_MULTIPOINT = 1 } tarvo_geometry;
+/** A FeatureCollection of the positions, byte for byte that of `LocationsHistory::toGeoJSON`. Give it to `tarvo_free`.
+ * `length` (may be NULL) is without the zero byte. */
+TARVO_C_API tarvo_result tarvo_history_geojson(tarvo_history* history, tarvo_geometry geometry, char** json,
+                                               size_t* length);
+
+/* ---- Predictions ---- */
+
+TARVO_C_API tarvo_trip* tarvo_trip_ref(tarvo_trip* trip); /**< Another share; NULL for what is no trip. */
+TARVO_C_API void tarvo_trip_unref(tarvo_trip* trip);      /**< NULL is nothing. */
+/** The texts live as long as the trip; none is NULL. */
+typedef struct tarvo_trip_info {
+  size_t size;
+  int64_t id;
+  double destination_latitude, destination_longitude; /**< -200: unset */
+  double probability, duration;                       /**< as the backend sent them */
+  const char *start_time, *arrival_time;              /**< the same: 2017-03-02T08:15:30.123+0000 */
+  const char *start_name, *arrival_name;
+} tarvo_trip_info;
+TARVO_C_API tarvo_result tarvo_trip_get(tarvo_trip* trip, tarvo_trip_info* out); /**< All that is a number or a text. */
+/** The start in the zone of the device; to be given to `tarvo_free`. */
+TARVO_C_API tarvo_result tarvo_trip_start_time(tarvo_trip* trip, char** out);
+/** JSON texts, to be given to `tarvo_free`: the predicted route, and the GeoJSON of the next destination. */
+TARVO_C_API tarvo_result tarvo_trip_route(tarvo_trip* trip, char** json);
+TARVO_C_API tarvo_result tarvo_trip_geojson(tarvo_trip* trip, char** json); /**< Of the next destination. */
+/** The points of the route as fixes of now: at most `capacity` of them to `out`, their number to `count`. With capacity
+ * 0 `out` may be NULL. */
+TARVO_C_API tarvo_result tarvo_trip_locations(tarvo_trip* trip, tarvo_fix* out, size_t capacity, size_t* count);
+/** The first point of the route, and the destination. */
+TARVO_C_API tarvo_result tarvo_trip_start(tarvo_trip* trip, tarvo_fix* out);
+/** (-200, -200) while it is unset. */
+TARVO_C_API tarvo_result tarvo_trip_destination(tarvo_trip* trip, tarvo_fix* out);
+
+/* ---- Backend ---- */
+
+/** The host's own upload pass, which waits for nothing. */
+TARVO_C_API tarvo_result tarvo_upload(tarvo_sdk* sdk);
+TARVO_C_API tarvo_result tarvo_request_route_match(tarvo_sdk* sdk); /**< New past trips come to `route_matched`. */
+TARVO_C_API tarvo_result tarvo_stop_route_match(tarvo_sdk* sdk);    /**< No more; the subscription stays. */
+TARVO_C_API tarvo_result tarvo_request_prediction_update(tarvo_sdk* sdk); /**< Predictions come to `prediction`. */
+TARVO_C_API tarvo_result tarvo_stop_prediction_update(tarvo_sdk* sdk);    /**< No more; the subscription stays. */
+/** To push messages. */
+TARVO_C_API tarvo_result tarvo_set_subscription(tarvo_sdk* sdk, const char* name, const char* json);
+TARVO_C_API tarvo_result tarvo_set_unsubscription(tarvo_sdk* sdk, const char* name); /**< From them. */
+/** Of this user, at the backend. */
+TARVO_C_API tarvo_result tarvo_set_tag(tarvo_sdk* sdk, const char* name, const char* value);
+TARVO_C_API tarvo_result tarvo_unset_tag(tarvo_sdk* sdk, const char* name); /**< Removes it. */
+TARVO_C_API tarvo_result tarvo_reset_backend_history(tarvo_sdk* sdk);       /**< Of past trips and profile. */
+TARVO_C_API tarvo_result tarvo_reset_geo_profile_history(tarvo_sdk* sdk);   /**< Of the profile alone. */
+/** Deletes stored past trips and places; positions stay. */
+TARVO_C_API tarvo_result tarvo_reset_local_history(tarvo_sdk* sdk);
+/** For a person's right to be forgotten: see `Tarvo::eraseEverything`. Call nothing else meanwhile. TARVO_UNFINISHED
+ * when not everything could be erased; then call it again, or start anew, and activate nothing before. */
+TARVO_C_API tarvo_result tarvo_erase_everything(tarvo_sdk* sdk);
+
+/* ---- Options and values ---- */
+
+/** See tarvo/DeliveryOptions.h. */
+typedef struct tarvo_delivery_options {
+  size_t size;
+  double least_pass_interval; /**< seconds */
+  int32_t confirmed, network_is_metered, drops_protocol_breaks, has_metered_bytes_per_day;
+  uint64_t metered_bytes_per_day;
+} tarvo_delivery_options;
+TARVO_C_API tarvo_result tarvo_get_delivery_options(tarvo_sdk* sdk, tarvo_delivery_options* out); /**< Those in use. */
+/** At any time. */
+TARVO_C_API tarvo_result tarvo_set_delivery_options(tarvo_sdk* sdk, const tarvo_delivery_options* options);
+
+/** See tarvo/StorageLimits.h; 0: no bound. */
+typedef struct tarvo_storage_limits {
+  size_t size;
+  double position_age, log_age; /**< seconds */
+  uint64_t store_bytes, log_bytes;
+} tarvo_storage_limits;
+TARVO_C_API tarvo_result tarvo_get_storage_limits(tarvo_sdk* sdk, tarvo_storage_limits* out); /**< Those in use. */
+/** At any time. */
+TARVO_C_API tarvo_result tarvo_set_storage_limits(tarvo_sdk* sdk, const tarvo_storage_limits* limits);
+
+/** Values of the process. A text is given as it is, everything else in JSON: true, ["a"], {"name":"value"}. */
+typedef enum tarvo_value TARVO_C_INT {
+  TARVO_API_KEY = 1,
+  TARVO_CLIENT_ID = 2, /**< refused unless it can stand in a URL's path */
+  TARVO_BUNDLE_ID = 3,
+  TARVO_DEVICE_TOKEN = 4,
+  TARVO_TOKEN_SENT = 5,              /**< truth */
+  TARVO_SET_TAGS_LIST = 6,           /**< object of texts */
+  TARVO_UNSET_TAGS_LIST = 7,         /**< list of texts */
+  TARVO_BACKGROUND_SESSION_ID = 8,   /**< only read */
+  TARVO_REMOTE_WEB_SERVER_URL = 9,   /**< only read; `tarvo_set_server` sets it */
+  TARVO_USER_UUID = 10,              /**< only read; TARVO_ABSENT until the device is registered */
+  TARVO_TERRAMESH_DATA_VERSION = 11, /**< only read */
+  TARVO_IDENTIFIER_FOR_VENDOR = 12,  /**< a UUID; "" makes it absent */
+  TARVO_SUBSCRIPTION_LIST = 13,      /**< object of texts */
+  TARVO_UNSUBSCRIPTION_LIST = 14     /**< list of texts */
+} tarvo_value;
+/** Give `*out` to `tarvo_free`. */
+TARVO_C_API tarvo_result tarvo_get_value(tarvo_sdk* sdk, tarvo_value value, char** out);
+/** TARVO_REFUSED, or one of the reading of `text`. */
+TARVO_C_API tarvo_result tarvo_set_value(tarvo_sdk* sdk, tarvo_value value, const char* text);
+/** The settings that outlive the process, such as "tarvologlevel", in JSON; NULL removes one. */
+TARVO_C_API tarvo_result tarvo_get_setting(tarvo_sdk* sdk, const char* key, char** json);
+TARVO_C_API tarvo_result tarvo_set_setting(tarvo_sdk* sdk, const char* key, const char* json); /**< NULL removes it. */
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
