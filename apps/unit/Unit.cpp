@@ -93,6 +93,7 @@ class Unit {
       activate();
     else
       waitForTime();
+    supervisor_.ready();
     return loop_.run();
   }
 
@@ -212,12 +213,11 @@ void Unit::activate() {
   power_.emplace(loop_, [this] { stored(); });
   if (!options_.channel.empty()) channel_ = host_.connect(*tarvo_, options_, secret_);
   uploads_->wake();
-  supervisor_.ready();
   showStatus();
 }
 
 void Unit::reload() {
-  if (isActive_) supervisor_.reloading();
+  if (!isStopping_) supervisor_.reloading();
   try {
     const UnitOptions fresh = reader_.read();
     std::string kept;
@@ -235,7 +235,7 @@ void Unit::reload() {
   } catch (const OptionError& error) {
     note(std::string(error.what()) + "; the options stay as they were");
   }
-  if (isActive_) supervisor_.reloaded();
+  if (!isStopping_) supervisor_.reloaded();
 }
 
 void Unit::stop() {
