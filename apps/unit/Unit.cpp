@@ -3,11 +3,14 @@
 #include <signal.h>
 #include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <optional>
 #include <system_error>
 #include <utility>
@@ -161,6 +164,9 @@ void Unit::describeHost() {
                                {keys::kApiKey, options_.apiKey},
                                {keys::kClientID, options_.clientID}});
   if (!platform::setTransferOptions(options_.transfers)) throw UnitError("there has been a transfer already");
+  for (const auto& file :
+       {options_.transfers.caFile, options_.transfers.clientCertificateFile, options_.transfers.clientKeyFile})
+    if (!file.empty() && ::access(file.c_str(), R_OK) != 0) note(file.string() + ": " + std::strerror(errno));
   Tarvo::setDeliveryOptions(options_.delivery);
   Tarvo::setStorageLimits(options_.storage);
 }
