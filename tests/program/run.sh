@@ -60,7 +60,8 @@ END
 
 # A recording: all of it is delivered, and the unit ends with it.
 sentences 1 <"$work/trip.gpx" >"$work/trip.nmea"
-unit --nmea "$work/trip.nmea" >"$work/recorded.log" 2>&1 || fail "a recording: status $?"
+unit --nmea "$work/trip.nmea" --ca-file "$work/none" >"$work/recorded.log" 2>&1 || fail "a recording: status $?"
+grep -qF "$work/none: No such file" "$work/recorded.log" || fail "the file that is missing is not told"
 grep -qF 'can be read by everybody' "$work/recorded.log" || fail "the secret's mode is not told"
 stored=$(count stored)
 [ "$stored" -gt $((before + 50)) ] && [ "$(count acknowledged)" = "$stored" ] || fail "$before, then $stored stored"
@@ -83,6 +84,13 @@ watch=$("$program" status --watch --json --home "$home" | head -n 1 || true)
 status=0
 unit >"$work/second.log" 2>&1 || status=$?
 [ $status = 3 ] && grep -qF "(process $live)" "$work/second.log" || fail "a second unit: status $status"
+
+awk '{ print 3, $1 }' /proc/uptime >"$work/starts"
+RUNTIME_DIRECTORY=$work "$program" run --config "$work/tarvo.toml" >"$work/pause.log" 2>&1 &
+pids+=($!)
+wait_for "the pause after failed starts" grep -q 'waiting 35 s' "$work/pause.log"
+kill -TERM $!
+wait $! && [ ! -e "$work/starts" ] || fail "the end of a pause: status $?"
 
 echo '{"messageFrom": "tarvo"}' >"$work/push.json"
 stored=$(count stored)
