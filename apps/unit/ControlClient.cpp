@@ -29,7 +29,8 @@ std::optional<ControlClient> ControlClient::connect(const std::filesystem::path&
     if (errno == ENOENT || errno == ECONNREFUSED) error = "none";
     error = error == "none" ? "no unit runs on " + home.string() : "the unit on " + home.string() + ": " + error;
   } catch (const std::system_error& failure) {
-    error = "no unit runs on " + home.string() + ": " + failure.code().message();
+    const bool isMissing = failure.code() == std::errc::no_such_file_or_directory;
+    error = (isMissing ? "no unit runs on " : "the unit on ") + home.string() + ": " + failure.code().message();
   }
   return std::nullopt;
 }

@@ -22,7 +22,7 @@ class Supervisor {
   /// `fed` is called after each answer.
   Supervisor(Loop& loop, Loop::Work fed);
 
-  /// The unit does its work: told once it is activated. The watchdog begins.
+  /// The unit holds its home and goes on by itself, which may still be to wait for the time. The watchdog begins.
   void ready();
   void reloading() const;
   void reloaded() const;

@@ -2,10 +2,12 @@
 
 #include <signal.h>
 #include <sys/stat.h>
+#include <time.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <optional>
 #include <system_error>
 #include <utility>
@@ -21,6 +23,7 @@
 #include "unit/Flushing.h"
 #include "unit/Intake.h"
 #include "unit/Power.h"
+#include "unit/QuickEnds.h"
 #include "unit/Receivers.h"
 #include "unit/Requests.h"
 #include "unit/Secret.h"
@@ -90,6 +93,7 @@ class Unit {
       activate();
     else
       waitForTime();
+    supervisor_.ready();
     return loop_.run();
   }
 
@@ -200,7 +204,7 @@ void Unit::activate() {
   tarvo_->setDelegate(std::make_shared<Listener>([this, post = loop_.poster()] { post([this] { stored(); }); }));
   if (options_.logLevel) setLogLevel(*options_.logLevel);
   if (options_.mode >= Tarvo::BACKEND_BACKGROUND && secret_.empty() && !LocationManager::userUUID())
-    note("without --api-secret-file this new device cannot register, and no position can be sent");
+    note("without the secret of the API key this new device cannot register, and no position can be sent");
   // Only now: known earlier, it would make the engine register before the key has been read.
   NetworkManager::setApiKeySecret(secret_);
   tarvo_->activate(options_.mode);
@@ -209,12 +213,11 @@ void Unit::activate() {
   power_.emplace(loop_, [this] { stored(); });
   if (!options_.channel.empty()) channel_ = host_.connect(*tarvo_, options_, secret_);
   uploads_->wake();
-  supervisor_.ready();
   showStatus();
 }
 
 void Unit::reload() {
-  if (isActive_) supervisor_.reloading();
+  if (!isStopping_) supervisor_.reloading();
   try {
     const UnitOptions fresh = reader_.read();
     std::string kept;
@@ -232,7 +235,7 @@ void Unit::reload() {
   } catch (const OptionError& error) {
     note(std::string(error.what()) + "; the options stay as they were");
   }
-  if (isActive_) supervisor_.reloaded();
+  if (!isStopping_) supervisor_.reloaded();
 }
 
 void Unit::stop() {
@@ -306,11 +309,31 @@ platform::Dictionary Unit::status() const {
           {"status", text.value_or(nullptr)}};
 }
 
+/// Waits if earlier starts have failed. False if a signal has ended it meanwhile.
+bool waitForTurn(const QuickEnds& quickEnds) {
+  timespec now = {};
+  ::clock_gettime(CLOCK_BOOTTIME, &now);
+  const Seconds pause = quickEnds.beforeStart(Seconds(double(now.tv_sec)));
+  if (pause <= Seconds(0)) return true;
+  sigset_t ending;
+  sigemptyset(&ending);
+  for (const int signal : {SIGTERM, SIGINT}) sigaddset(&ending, signal);
+  ::pthread_sigmask(SIG_BLOCK, &ending, nullptr);
+  const auto seconds = static_cast<time_t>(pause.count());
+  note("earlier starts have failed: waiting " + std::to_string(seconds) + " s");
+  const timespec span = {seconds, 0};
+  return ::sigtimedwait(&ending, nullptr, &span) < 0;
+}
+
 }  // namespace
 
 int runUnit(const OptionReader& reader, const Host& host) {
+  const char* const folder = std::getenv("RUNTIME_DIRECTORY");
+  const QuickEnds quickEnds(folder != nullptr ? folder : "");
   try {
-    return Unit(reader, host).run();
+    const int status = waitForTurn(quickEnds) ? Unit(reader, host).run() : 0;
+    quickEnds.endedWell();
+    return status;
   } catch (const std::system_error& error) {
     throw UnitError(error.what());
   }

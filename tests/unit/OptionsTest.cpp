@@ -81,6 +81,9 @@ TEST_F(Options, OfTheCommandLineGoBeforeTheEnvironmentAndThatBeforeTheFile) {
   EXPECT_TRUE(given.delivery.confirmed);
   EXPECT_EQ(given.storage.positionAge, platform::Seconds(90));
   EXPECT_EQ(needRestart(fromFile, given), (std::vector<std::string>{"gpsd", "home", "nmea"}));
+
+  std::ofstream(folder.path() / "api-secret") << "-";
+  EXPECT_EQ(read(toml, {}).apiSecretFile, "");
 }
 
 }  // namespace

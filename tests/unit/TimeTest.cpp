@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include "support/TempDir.h"
 #include "unit/DeviceClock.h"
+#include "unit/QuickEnds.h"
 #include "unit/StatusLine.h"
 #include "unit/Uploads.h"
 
@@ -75,6 +77,40 @@ TEST(Uploads, TryAgainAfterTheIntervalAndNotBeforeAFailureAllows) {
     if (nextTry) health.delivery.nextTry = dateSince1970(*nextTry);
     EXPECT_EQ(nextPass(health, dateSince1970(1000), Seconds(180)), expected) << what;
   }
+}
+
+TEST(QuickEnds, MakeThePausesGrowUntilAStartSucceeds) {
+  const test::TempDir folder;
+  const struct {
+    const char* what;
+    double ranFor, pause;
+    bool well = false;
+  } starts[] = {{"the first", 1, 0},
+                {"failed", 1, 0},
+                {"twice", 1, 5},
+                {"and again", 599, 15},
+                {"after ten minutes", 600, 35},
+                {"that is not quick", 1, 0},
+                {"failed", 1, 0},
+                {"twice, and ends as it should", 1, 5, true},
+                {"anew", 1, 0},
+                {"failed", 1, 0},
+                {"and so on", 1, 5},
+                {"", 1, 15},
+                {"", 1, 35},
+                {"", 1, 75},
+                {"", 1, 155},
+                {"no longer", 1, 300},
+                {"than five minutes", 1, 300}};
+  double now = 100;
+  for (const auto& [what, ranFor, pause, well] : starts) {
+    const QuickEnds process(folder.path());
+    EXPECT_EQ(process.beforeStart(Seconds(now)), Seconds(pause)) << what;
+    now += pause + ranFor;
+    if (well) process.endedWell();
+  }
+  EXPECT_EQ(QuickEnds(folder.path() / "missing").beforeStart(Seconds(1)), Seconds(0));
+  EXPECT_EQ(QuickEnds("").beforeStart(Seconds(1)), Seconds(0));
 }
 
 TEST(StatusLine, TellsAPersonWhatIsLeft) {
