@@ -24,10 +24,14 @@ std::optional<ControlClient> ControlClient::connect(const std::filesystem::path&
   try {
     const UnixAddress address(home);
     ControlClient client(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    // A unit that is stuck takes no client.
+    const timeval patience = {10, 0};
+    ::setsockopt(client.socket_, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     if (client.socket_ >= 0 && ::connect(client.socket_, address.get(), address.size()) == 0) return client;
-    error = std::strerror(errno);
-    if (errno == ENOENT || errno == ECONNREFUSED) error = "none";
-    error = error == "none" ? "no unit runs on " + home.string() : "the unit on " + home.string() + ": " + error;
+    const bool isNone = errno == ENOENT || errno == ECONNREFUSED;
+    error = isNone            ? "no unit runs on " + home.string()
+            : errno == EAGAIN ? "the unit on " + home.string() + " does not answer"
+                              : "the unit on " + home.string() + ": " + std::strerror(errno);
   } catch (const std::system_error& failure) {
     error = "no unit runs on " + home.string() + ": " + failure.code().message();
   }
