@@ -102,7 +102,8 @@ void BusLoop::endConnection() {
 void BusLoop::onOwner(sd_bus_message* message) {
   const char *name = "", *before = "", *now = "";
   if (sd_bus_message_read(message, "sss", &name, &before, &now) < 0) return;
-  if (*before != '\0') giveUp(false, std::string(service_) + " has left the bus");
+  if (*before != '\0') return giveUp(false, std::string(service_) + " has left the bus");
+  client_.appeared();
 }
 
 void BusLoop::process() {

@@ -28,6 +28,8 @@ class BusLoop {
     virtual ~Client() = default;
     /// A connection begins. What is sent before it stands waits in it.
     virtual void opened(sd_bus* bus) = 0;
+    /// The service has come to the bus while the connection stood.
+    virtual void appeared() {}
     /// It is not wanted any more; a last message may be sent, no answer comes. Null where there is none just now.
     virtual void closing(sd_bus* bus) = 0;
     /// It has failed, or was given up; `refused` as `giveUp` said.
