@@ -46,6 +46,10 @@ void note(const std::string& line) {
   std::fwrite(text.data(), 1, text.size(), stderr);
 }
 
+std::string countOf(std::int64_t positions) {
+  return std::to_string(positions) + (positions == 1 ? " position is" : " positions are");
+}
+
 /// Whether the SDK's messages are printed. The last words of a process that has to stop always are.
 std::atomic<bool> prints = false;
 
@@ -267,9 +271,9 @@ void Unit::noteWhatIsLeft(FlushResult result) const {
   const auto left = sync.unsent + sync.awaiting;
   if (!sync.storeAvailable)
     note("the store cannot be used any more; what it holds goes after the next start");
-  else if (result != FlushResult::delivered && left > 0)
-    note(std::to_string(left) + " positions are unsent (" + reasonOf(result) + "); they go after the next start");
-  if (sync.unsaved > 0) note(std::to_string(sync.unsaved) + " positions could not be saved and are lost");
+  else if (result != FlushResult::delivered && result != FlushResult::modeForbids && left > 0)
+    note(countOf(left) + " unsent (" + reasonOf(result) + "); sent after the next start");
+  if (sync.unsaved > 0) note(countOf(sync.unsaved) + " lost: the store could not be written");
 }
 
 void Unit::changed(Condition condition, const std::string& line) {
@@ -307,6 +311,7 @@ std::string Unit::line(const Health& health) const {
       condition_ == Condition::receiving || receiverLine_.empty()
           ? (condition_ == Condition::receiving ? "receiving from " : "waiting for ") + nameOfReceiver(options_)
           : receiverLine_;
+  if (!isActive_) return (isStopping_ ? "ending; " : "waiting for the time; ") + receiver;
   const bool isUnknown = options_.mode >= Tarvo::BACKEND_BACKGROUND && !LocationManager::userUUID();
   return statusLine(receiver, health, platform::Clock::current()->now()) +
          (isUnknown ? "; not registered at the backend" : "");
