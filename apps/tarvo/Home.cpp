@@ -104,8 +104,10 @@ bool Home::hasPropertyList() const {
 }
 
 void Home::requireStore() const {
-  std::error_code ignored;
-  if (!fs::exists(store(), ignored))
+  std::error_code failure;
+  const bool isThere = fs::exists(store(), failure);
+  if (failure) throw Failure{kUnusable, directory_.string() + " cannot be read: " + failure.message()};
+  if (!isThere)
     throw Failure{kLeft, "nothing was collected in " + directory_.string() + ": there is no " + store().string()};
 }
 
