@@ -10,6 +10,8 @@
 #include <string>
 #include <thread>
 
+#include "Wake.h"
+
 /// What the clients of D-Bus share. Included by their sources only, so that no header shows sd-bus.
 namespace tarvo::receivers {
 
@@ -69,7 +71,7 @@ class BusLoop {
 
   const char* const service_;
   Client& client_;
-  const int wake_;
+  const Wake wake_;
   std::atomic<bool> wanted_ = false, ending_ = false;
   // Of the thread.
   std::unique_ptr<sd_bus, Closing> bus_;
@@ -80,7 +82,7 @@ class BusLoop {
   std::optional<Failure> failure_;
   std::optional<Time::time_point> limit_, nextTry_;
   std::chrono::seconds pause_ = kShortestPause;
-  std::thread thread_;
+  std::thread thread_;  // last: it uses the rest
 
   template <auto member, class Object>
   friend int handle(sd_bus_message* message, void* object, sd_bus_error* error);
