@@ -53,7 +53,7 @@ void BusLoop::run() {
     if (failure_) {
       endConnection();
       nextTry_ = Time::now() + pause_;
-      client_.failed(failure_->refused, failure_->why, pause_);
+      client_.failed(failure_->refused, failure_->why);
       pause_ = std::min(pause_ * 2, kLongestPause);
       failure_.reset();
     }

@@ -35,7 +35,7 @@ class BusLoop {
     /// It is not wanted any more; a last message may be sent, no answer comes. Null where there is none just now.
     virtual void closing(sd_bus* bus) = 0;
     /// It has failed, or was given up; `refused` as `giveUp` said.
-    virtual void failed(bool refused, const std::string& why, std::chrono::seconds nextTry) = 0;
+    virtual void failed(bool refused, const std::string& why) = 0;
     /// The time limit is over.
     virtual void timeUp() = 0;
   };

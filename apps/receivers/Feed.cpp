@@ -105,7 +105,7 @@ class FeedReceiver final : public Receiver, private Waiting {
         followDevice();
     } catch (const Lost& lost) {
       feed_.reset();
-      tell(Condition::lost, inSentence(lost.what()) + ", next try in " + std::to_string(pause_ / 1s) + " s");
+      tell(Condition::lost, inSentence(lost.what()) + ", it is tried again");
       wait(-1, 0, Clock::now() + std::exchange(pause_, std::min(2 * pause_, patience_.longestPause)));
     }
   }

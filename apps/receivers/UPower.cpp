@@ -66,7 +66,7 @@ class Watch final : public UPower, private BusLoop::Client {
     loop_.settled();
     tell(batteryOf(numbersOf(answer)));
   }
-  void failed(bool, const std::string&, std::chrono::seconds) override { tell(kNone); }
+  void failed(bool, const std::string&) override { tell(kNone); }
   void closing(sd_bus*) override {}
   void timeUp() override {}
 
