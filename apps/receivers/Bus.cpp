@@ -3,13 +3,8 @@
 #include "Bus.h"
 
 #include <poll.h>
-#include <pthread.h>
-#include <signal.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdint>
 #include <system_error>
 #include <utility>
@@ -17,34 +12,17 @@
 namespace tarvo::receivers {
 
 BusLoop::BusLoop(const char* service, const char* threadName, Client& client)
-    : service_(service), client_(client), wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-  if (wake_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
-  // The program's signals belong to its main thread.
-  sigset_t all, before;
-  sigfillset(&all);
-  ::pthread_sigmask(SIG_SETMASK, &all, &before);
-  try {
-    thread_ = std::thread([this] { run(); });
-  } catch (...) {
-    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    ::close(wake_);
-    throw;
-  }
-  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-  ::pthread_setname_np(thread_.native_handle(), threadName);
-}
+    : service_(service), client_(client), thread_(startThread(threadName, [this] { run(); })) {}
 
 BusLoop::~BusLoop() {
   ending_ = true;
   want(false);
   thread_.join();
-  ::close(wake_);
 }
 
 void BusLoop::want(bool wanted) {
   wanted_ = wanted;
-  const std::uint64_t once = 1;
-  [[maybe_unused]] const auto written = ::write(wake_, &once, sizeof once);  // fails only when it is awake already
+  wake_.give();
 }
 
 void BusLoop::giveUp(bool refused, std::string why) {
@@ -75,7 +53,7 @@ void BusLoop::run() {
     if (failure_) {
       endConnection();
       nextTry_ = Time::now() + pause_;
-      client_.failed(failure_->refused, failure_->why, pause_);
+      client_.failed(failure_->refused, failure_->why);
       pause_ = std::min(pause_ * 2, kLongestPause);
       failure_.reset();
     }
@@ -102,7 +80,8 @@ void BusLoop::endConnection() {
 void BusLoop::onOwner(sd_bus_message* message) {
   const char *name = "", *before = "", *now = "";
   if (sd_bus_message_read(message, "sss", &name, &before, &now) < 0) return;
-  if (*before != '\0') giveUp(false, std::string(service_) + " has left the bus");
+  if (*before != '\0') return giveUp(false, std::string(service_) + " has left the bus");
+  client_.appeared();
 }
 
 void BusLoop::process() {
@@ -112,7 +91,7 @@ void BusLoop::process() {
 }
 
 void BusLoop::wait() {
-  pollfd watched[] = {{wake_, POLLIN, 0}, {-1, 0, 0}};
+  pollfd watched[] = {{wake_.descriptor(), POLLIN, 0}, {-1, 0, 0}};
   std::optional<Time::time_point> until = bus_ ? limit_ : nextTry_;
   if (bus_) {
     watched[1] = {sd_bus_get_fd(bus_.get()), static_cast<short>(std::max(sd_bus_get_events(bus_.get()), 0)), 0};
@@ -129,10 +108,7 @@ void BusLoop::wait() {
     const auto whole = std::chrono::floor<std::chrono::seconds>(left);
     span = {whole.count(), (left - whole).count()};
   }
-  if (::ppoll(watched, 2, until ? &span : nullptr, nullptr) > 0 && watched[0].revents != 0) {
-    std::uint64_t count = 0;
-    [[maybe_unused]] const auto read = ::read(wake_, &count, sizeof count);
-  }
+  if (::ppoll(watched, 2, until ? &span : nullptr, nullptr) > 0 && watched[0].revents != 0) wake_.take();
 }
 
 std::optional<std::string> errorOf(sd_bus_message* answer) {

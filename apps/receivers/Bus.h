@@ -10,6 +10,8 @@
 #include <string>
 #include <thread>
 
+#include "Wake.h"
+
 /// What the clients of D-Bus share. Included by their sources only, so that no header shows sd-bus.
 namespace tarvo::receivers {
 
@@ -28,10 +30,12 @@ class BusLoop {
     virtual ~Client() = default;
     /// A connection begins. What is sent before it stands waits in it.
     virtual void opened(sd_bus* bus) = 0;
+    /// The service has come to the bus while the connection stood.
+    virtual void appeared() {}
     /// It is not wanted any more; a last message may be sent, no answer comes. Null where there is none just now.
     virtual void closing(sd_bus* bus) = 0;
     /// It has failed, or was given up; `refused` as `giveUp` said.
-    virtual void failed(bool refused, const std::string& why, std::chrono::seconds nextTry) = 0;
+    virtual void failed(bool refused, const std::string& why) = 0;
     /// The time limit is over.
     virtual void timeUp() = 0;
   };
@@ -67,7 +71,7 @@ class BusLoop {
 
   const char* const service_;
   Client& client_;
-  const int wake_;
+  const Wake wake_;
   std::atomic<bool> wanted_ = false, ending_ = false;
   // Of the thread.
   std::unique_ptr<sd_bus, Closing> bus_;
@@ -78,7 +82,7 @@ class BusLoop {
   std::optional<Failure> failure_;
   std::optional<Time::time_point> limit_, nextTry_;
   std::chrono::seconds pause_ = kShortestPause;
-  std::thread thread_;
+  std::thread thread_;  // last: it uses the rest
 
   template <auto member, class Object>
   friend int handle(sd_bus_message* message, void* object, sd_bus_error* error);

@@ -4,7 +4,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -16,6 +15,8 @@
 #include <system_error>
 #include <thread>
 #include <utility>
+
+#include "Wake.h"
 
 namespace tarvo::receivers {
 namespace {
@@ -51,36 +52,34 @@ struct Addresses {
 /// Looks a name up on a thread of its own, which no call can end; the destructor waits for it.
 class Lookup {
  public:
-  Lookup(std::string host, std::string port) : done_(::eventfd(0, EFD_CLOEXEC)) {
-    if (done_ < 0) throw Lost(reasonOf(errno));
-    try {
-      thread_ = std::thread([this, host = std::move(host), port = std::move(port)] {
-        found_.find(host, port, 0);
-        isDone_ = true;
-        ::eventfd_write(done_, 1);
-      });
-    } catch (const std::system_error& error) {
-      ::close(done_);
-      throw Lost(reasonOf(error.code().value()));
-    }
-  }
-  ~Lookup() {
-    thread_.join();
-    ::close(done_);
-  }
+  Lookup(std::string host, std::string port)
+      : thread_(startThread("tarvo:lookup", [this, host = std::move(host), port = std::move(port)] {
+          found_.find(host, port, 0);
+          isDone_ = true;
+          done_.give();
+        })) {}
+  ~Lookup() { thread_.join(); }
   Lookup(const Lookup&) = delete;
   Lookup& operator=(const Lookup&) = delete;
 
-  int done() const { return done_; }
+  int done() const { return done_.descriptor(); }
   bool isDone() const { return isDone_; }
   const Addresses& found() const { return found_; }
 
  private:
-  const int done_;
+  const Wake done_;
   std::atomic<bool> isDone_ = false;
   Addresses found_;
-  std::thread thread_;
+  std::thread thread_;  // last: it uses the rest
 };
+
+std::unique_ptr<Lookup> lookUp(const std::string& host, const std::string& port) {
+  try {
+    return std::make_unique<Lookup>(host, port);
+  } catch (const std::system_error& error) {
+    throw Lost(error.code().message());
+  }
+}
 
 /// Takes a lookup that nobody waits for any more, and ends those that are done meanwhile.
 void abandon(std::unique_ptr<Lookup> lookup) {
@@ -137,7 +136,7 @@ int connectTo(const std::string& host, const std::string& port, Waiting& waiting
   Addresses number;
   number.find(host, port, AI_NUMERICHOST);
   if (number.error == 0) return connectToOne(number, waiting);
-  auto lookup = std::make_unique<Lookup>(host, port);
+  auto lookup = lookUp(host, port);
   const Outcome outcome = waiting.wait(lookup->done(), POLLIN, Waiting::Clock::now() + kPatience);
   if (outcome == Outcome::ready) return connectToOne(lookup->found(), waiting);
   abandon(std::move(lookup));

@@ -1,21 +1,16 @@
 #include "Feed.h"
 
 #include <poll.h>
-#include <pthread.h>
-#include <signal.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cctype>
-#include <cerrno>
 #include <optional>
-#include <system_error>
 #include <thread>
 #include <utility>
 
 #include "Pace.h"
+#include "Wake.h"
 
 namespace tarvo::receivers {
 namespace {
@@ -42,25 +37,10 @@ class FeedReceiver final : public Receiver, private Waiting {
         open_(std::move(open)),
         listener_(listener),
         patience_(patience),
-        wake_(::eventfd(0, EFD_CLOEXEC)) {
-    if (wake_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
-    sigset_t all, before;
-    ::sigfillset(&all);
-    ::pthread_sigmask(SIG_SETMASK, &all, &before);
-    try {
-      thread_ = std::thread([this] { run(); });
-    } catch (...) {
-      ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-      ::close(wake_);
-      throw;
-    }
-    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    ::pthread_setname_np(thread_.native_handle(), "tarvo:receiver");
-  }
+        thread_(startThread("tarvo:receiver", [this] { run(); })) {}
   ~FeedReceiver() override {
     change(State::ending);
     thread_.join();
-    ::close(wake_);
   }
   FeedReceiver(const FeedReceiver&) = delete;
   FeedReceiver& operator=(const FeedReceiver&) = delete;
@@ -72,7 +52,7 @@ class FeedReceiver final : public Receiver, private Waiting {
   enum class State { resting, wanted, ending };
 
   void change(State state) {
-    if (state_.exchange(state) != state) ::eventfd_write(wake_, 1);
+    if (state_.exchange(state) != state) wake_.give();
   }
 
   Outcome wait(int descriptor, short events, Moment until) override {
@@ -81,7 +61,8 @@ class FeedReceiver final : public Receiver, private Waiting {
 
   Outcome waitWhile(State state, int descriptor, short events, Moment until) {
     while (state_ == state) {
-      pollfd about[] = {{wake_, POLLIN, 0}, {descriptor, events, 0}};  // poll leaves out a negative descriptor
+      pollfd about[] = {{wake_.descriptor(), POLLIN, 0},
+                        {descriptor, events, 0}};  // poll leaves out a negative descriptor
       timespec left{}, *patience = nullptr;
       if (until != kForever) {
         const auto span = std::max(until - Clock::now(), Clock::duration::zero());
@@ -91,12 +72,10 @@ class FeedReceiver final : public Receiver, private Waiting {
       }
       const int count = ::ppoll(about, 2, patience, nullptr);
       if (count == 0) return Outcome::late;
-      if (about[0].revents != 0) {
-        eventfd_t ignored;
-        ::eventfd_read(wake_, &ignored);
-      } else if (count > 0) {
+      if (about[0].revents != 0)
+        wake_.take();
+      else if (count > 0)
         return Outcome::ready;
-      }
     }
     return Outcome::unwanted;
   }
@@ -126,7 +105,7 @@ class FeedReceiver final : public Receiver, private Waiting {
         followDevice();
     } catch (const Lost& lost) {
       feed_.reset();
-      tell(Condition::lost, inSentence(lost.what()) + ", next try in " + std::to_string(pause_ / 1s) + " s");
+      tell(Condition::lost, inSentence(lost.what()) + ", it is tried again");
       wait(-1, 0, Clock::now() + std::exchange(pause_, std::min(2 * pause_, patience_.longestPause)));
     }
   }
@@ -186,7 +165,7 @@ class FeedReceiver final : public Receiver, private Waiting {
   const OpenFeed open_;
   Listener& listener_;
   const Patience patience_;
-  const int wake_;
+  const Wake wake_;
   std::atomic<State> state_ = State::resting;
   // The rest is the thread's.
   std::unique_ptr<Feed> feed_;
@@ -196,7 +175,7 @@ class FeedReceiver final : public Receiver, private Waiting {
   Moment lastFix_;
   bool over_ = false;
   std::vector<platform::CLLocation> fixes_;
-  std::thread thread_;
+  std::thread thread_;  // last: it uses the rest
 };
 
 }  // namespace

@@ -161,10 +161,9 @@ class GeoClue final : public Receiver, private BusLoop::Client {
     tell(Condition::resting, "GeoClue: not needed");
   }
 
-  void failed(bool refused, const std::string& why, std::chrono::seconds nextTry) override {
+  void failed(bool refused, const std::string& why) override {
     // A GeoClue without agents leaves after a minute and comes back with the next try: no change worth telling.
-    tell(refused || waited_ ? Condition::refused : Condition::lost,
-         "GeoClue: " + why + ", next try in " + std::to_string(nextTry.count()) + " s");
+    tell(refused || waited_ ? Condition::refused : Condition::lost, "GeoClue: " + why + ", it is tried again");
   }
 
   void giveUp(sd_bus_message* answer, const std::string& error) {

@@ -26,8 +26,8 @@ class Listener {
   virtual ~Listener() = default;
   /// Fixes in the order in which the receiver gave them: doubles and steps back in time included, invalid ones not.
   virtual void received(const std::vector<platform::CLLocation>& fixes) = 0;
-  /// `line` is for people, and names what it is about: "gpsd at localhost:2947: connection refused, next try in 8 s".
-  /// Told once for each change, so an outage is told once.
+  /// `line` is for people, and names what it is about: "gpsd at localhost:2947: connection refused, it is tried again".
+  /// Told once for each change, so an outage is told once, and the line holds as long as it lasts.
   virtual void changed(Condition condition, const std::string& line) = 0;
 };
 

@@ -53,17 +53,20 @@ class Watch final : public UPower, private BusLoop::Client {
                               handle<&Watch::onChange, Watch>, nullptr, this);
     onChange(nullptr);
   }
+  void appeared() override { onChange(nullptr); }
   /// The properties are read anew: the signal may leave values out, and anybody on the bus can send one.
   void onChange(sd_bus_message*) {
     sd_bus_call_method_async(bus_, nullptr, kService, kDevice, kProperties, "GetAll", handle<&Watch::onDevice, Watch>,
                              this, "s", "org.freedesktop.UPower.Device");
   }
   void onDevice(sd_bus_message* answer) {
+    // Where there is none the bus tells when one comes; most units never have one.
+    if (sd_bus_message_is_method_error(answer, SD_BUS_ERROR_SERVICE_UNKNOWN) > 0) return;
     if (const auto error = errorOf(answer)) return loop_.giveUp(false, *error);
     loop_.settled();
     tell(batteryOf(numbersOf(answer)));
   }
-  void failed(bool, const std::string&, std::chrono::seconds) override { tell(kNone); }
+  void failed(bool, const std::string&) override { tell(kNone); }
   void closing(sd_bus*) override {}
   void timeUp() override {}
 

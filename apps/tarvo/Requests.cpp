@@ -58,7 +58,8 @@ int flush(const RequestOptions& options) {
       ask(client, {{"request", "flush"}, {"seconds", options.timeout}}, options.timeout + kAnswer);
   const std::int64_t left = platform::findInteger(answer, "left").value_or(0);
   if (left == 0) return kDone;
-  note(std::to_string(left) + " positions are not acknowledged: " + platform::findString(answer, "why").value_or(""));
+  note(std::to_string(left) + (left == 1 ? " position is" : " positions are") +
+       " not acknowledged: " + platform::findString(answer, "why").value_or(""));
   return kLeft;
 }
 

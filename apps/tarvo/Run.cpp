@@ -14,12 +14,15 @@
 namespace tarvo::cli {
 namespace {
 
+void check(const unit::UnitOptions& options) {
+  if (!options.channel.empty() && !Channel::originOf(options.channel))
+    throw unit::OptionError("channel: neither https nor this machine: " + options.channel);
+}
+
 /// Pushes from a sandbox's page, and what its page shows of this unit.
 std::shared_ptr<void> connectTo(const Tarvo& tarvo, const unit::UnitOptions& options, const std::string& secret) {
-  const auto origin = Channel::originOf(options.channel);
-  if (!origin) throw unit::OptionError("channel: neither https nor this machine: " + options.channel);
   return std::make_shared<Channel>(
-      Channel::Host{*origin, options.apiKey, secret,
+      Channel::Host{Channel::originOf(options.channel).value(), options.apiKey, secret,
                     [tarvo, home = Home(options.home)] { return statusText(tarvo, home); },
                     // Breaks of the protocol are dropped, or somebody has decided otherwise.
                     [] { return true; }},
@@ -29,8 +32,9 @@ std::shared_ptr<void> connectTo(const Tarvo& tarvo, const unit::UnitOptions& opt
 int runUnit(const unit::OptionReader& reader) {
   try {
     return unit::runUnit(
-        reader, {[](const Tarvo& tarvo, const std::filesystem::path& home) { return statusText(tarvo, Home(home)); },
-                 connectTo});
+        reader,
+        {check, [](const Tarvo& tarvo, const std::filesystem::path& home) { return statusText(tarvo, Home(home)); },
+         connectTo});
   } catch (const unit::OptionError& error) {
     throw Failure{kUsage, error.what()};
   } catch (const unit::UnitError& error) {

@@ -21,16 +21,21 @@ using platform::Seconds;
 using platform::Value;
 
 std::optional<ControlClient> ControlClient::connect(const std::filesystem::path& home, std::string& error) {
+  const std::string unit = "the unit on " + home.string(), none = "no unit runs on " + home.string();
+  const std::string closed = unit + " answers its own user and root alone";
   try {
     const UnixAddress address(home);
     ControlClient client(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    // A unit that is stuck takes no client.
+    const timeval patience = {10, 0};
+    ::setsockopt(client.socket_, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     if (client.socket_ >= 0 && ::connect(client.socket_, address.get(), address.size()) == 0) return client;
-    error = std::strerror(errno);
-    if (errno == ENOENT || errno == ECONNREFUSED) error = "none";
-    error = error == "none" ? "no unit runs on " + home.string() : "the unit on " + home.string() + ": " + error;
+    error = errno == ENOENT || errno == ECONNREFUSED ? none
+            : errno == EACCES                        ? closed
+            : errno == EAGAIN                        ? unit + " does not answer"
+                                                     : unit + ": " + std::strerror(errno);
   } catch (const std::system_error& failure) {
-    const bool isMissing = failure.code() == std::errc::no_such_file_or_directory;
-    error = (isMissing ? "no unit runs on " : "the unit on ") + home.string() + ": " + failure.code().message();
+    error = failure.code() == std::errc::permission_denied ? closed : none + ": " + failure.code().message();
   }
   return std::nullopt;
 }

@@ -49,10 +49,15 @@ void flushBeside(const Loop& loop, platform::Seconds bound, std::function<void(F
     threads().erase(place);
     done(*result);
   });
-  *place = std::thread([bound, result, ended] {
-    *result = Tarvo::flush(bound.count());
-    platform::MainQueue::main().async(ended);
-  });
+  try {
+    *place = std::thread([bound, result, ended] {
+      *result = Tarvo::flush(bound.count());
+      platform::MainQueue::main().async(ended);
+    });
+  } catch (...) {
+    threads().erase(place);
+    throw;
+  }
 }
 
 }  // namespace tarvo::unit

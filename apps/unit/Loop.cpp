@@ -7,6 +7,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <limits>
 #include <system_error>
@@ -20,6 +21,9 @@ namespace {
 
 using platform::MainQueue;
 using platform::Seconds;
+
+/// Thirty thousand years, whose microseconds have room.
+constexpr Seconds kForever{1e12};
 
 void check(int result, const char* what) {
   if (result < 0) throw std::system_error(-result, std::generic_category(), what);
@@ -79,7 +83,9 @@ class EventTimer final : public Loop::Timer {
     disarm();
   }
   void arm(Seconds span) override {
-    const auto microseconds = [](Seconds time) { return static_cast<std::uint64_t>(time.count() * 1e6); };
+    const auto microseconds = [](Seconds time) {
+      return static_cast<std::uint64_t>(std::min(time, kForever).count() * 1e6);
+    };
     sd_event_source_set_time_accuracy(source_.handle, microseconds(span / 10) + 1);
     sd_event_source_set_time_relative(source_.handle, microseconds(span));
     sd_event_source_set_enabled(source_.handle, SD_EVENT_ONESHOT);

@@ -26,10 +26,10 @@ std::string textOf(const toml::node& node, const CLI::Option& option, const std:
   const std::string described = option.get_type_name(), type = described.substr(0, described.find(':'));
   const bool isFlag = option.get_items_expected_max() == 0, isNumber = type == "N";
   const bool takesNumber = isNumber || type == "SPAN" || type == "BYTES";
-  if (const auto value = node.value_exact<bool>();
-      value && (isFlag || (option.get_items_expected_min() == 0 && *value)))
+  const bool mayLackText = !isFlag && option.get_items_expected_min() == 0;
+  if (const auto value = node.value_exact<bool>(); value && (isFlag || (mayLackText && *value)))
     return *value ? "true" : "false";
-  if (takesNumber && node.is_number()) {
+  if (isNumber ? node.is_integer() : takesNumber && node.is_number()) {
     std::ostringstream text;
     if (const auto whole = node.value_exact<std::int64_t>())
       text << *whole;
@@ -40,8 +40,9 @@ std::string textOf(const toml::node& node, const CLI::Option& option, const std:
   if (const auto value = node.value_exact<std::string>(); value && !isFlag && !isNumber) return *value;
   throw OptionError(where + "has to be " +
                     (isFlag        ? "true or false"
-                     : isNumber    ? "a number"
+                     : isNumber    ? "a whole number"
                      : takesNumber ? "a number, or a text with its unit"
+                     : mayLackText ? "a text, or true"
                                    : "a text"));
 }
 

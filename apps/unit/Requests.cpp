@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <optional>
+#include <system_error>
 #include <utility>
 
 #include <tarvo/HostKeys.h>
@@ -20,6 +21,8 @@ using platform::UIDeviceBatteryState;
 using platform::Value;
 
 constexpr double kLongestFlush = 3600;
+/// Each has a thread, to its end, whether or not its client still waits.
+constexpr int kMostFlushes = 8;
 
 Dictionary failure(const std::string& why) { return {{"error", why}}; }
 
@@ -77,13 +80,24 @@ void Requests::take(const Dictionary& request, const Control::Reply& reply) {
   if (kind == "set")
     return reply(
         set(platform::findString(request, "key").value_or(""), platform::findString(request, "value").value_or("")));
+  flush(request, reply);
+}
+
+void Requests::flush(const Dictionary& request, const Control::Reply& reply) {
   const double seconds = platform::findNumber(request, "seconds").value_or(-1);
   if (!(seconds >= 0 && seconds <= kLongestFlush)) return reply(failure("seconds has to be from 0 to 3600"));
-  flushBeside(loop_, platform::Seconds(seconds), [tarvo = tarvo_, reply](FlushResult result) {
-    const auto sync = tarvo.syncStatus();
-    const std::int64_t left = result == FlushResult::delivered ? 0 : sync.unsent + sync.awaiting + sync.unsaved;
-    reply({{"left", left}, {"why", reasonOf(result)}});
-  });
+  if (flushes_ == kMostFlushes) return reply(failure("eight flushes are under way already"));
+  try {
+    flushBeside(loop_, platform::Seconds(seconds), [this, reply](FlushResult result) {
+      --flushes_;
+      const auto sync = tarvo_.syncStatus();
+      const std::int64_t left = result == FlushResult::delivered ? 0 : sync.unsent + sync.awaiting + sync.unsaved;
+      reply({{"left", left}, {"why", reasonOf(result)}});
+    });
+    ++flushes_;
+  } catch (const std::system_error& error) {
+    reply(failure(error.what()));
+  }
 }
 
 Dictionary Requests::push(const Dictionary& request) {

@@ -28,12 +28,14 @@ class Requests {
   void take(const platform::Dictionary& request, const Control::Reply& reply);
 
  private:
+  void flush(const platform::Dictionary& request, const Control::Reply& reply);
   platform::Dictionary push(const platform::Dictionary& request);
   platform::Dictionary set(const std::string& key, const std::string& value);
 
   Tarvo tarvo_;
   const Loop& loop_;
   const Unit unit_;
+  int flushes_ = 0;  ///< under way
 };
 
 /// Tells the SDK the application's state, "active", "inactive" or "background"; false for another text.

@@ -3,6 +3,7 @@
 #include <systemd/sd-daemon.h>
 #include <time.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <utility>
 
@@ -46,7 +47,8 @@ void Supervisor::reloading() const {
 void Supervisor::reloaded() const { tell("READY=1"); }
 
 void Supervisor::stopping(Seconds bound) const {
-  tell("STOPPING=1\nEXTEND_TIMEOUT_USEC=" + std::to_string(static_cast<std::uint64_t>(bound.count() * 1e6)));
+  const double microseconds = std::min(bound.count(), 1e12) * 1e6;
+  tell("STOPPING=1\nEXTEND_TIMEOUT_USEC=" + std::to_string(static_cast<std::uint64_t>(microseconds)));
 }
 
 void Supervisor::status(const std::string& line) {

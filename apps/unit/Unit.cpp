@@ -52,6 +52,10 @@ void note(const std::string& line) {
   std::fwrite(text.data(), 1, text.size(), stderr);
 }
 
+std::string countOf(std::int64_t positions) {
+  return std::to_string(positions) + (positions == 1 ? " position is" : " positions are");
+}
+
 /// Whether the SDK's messages are printed. The last words of a process that has to stop always are.
 std::atomic<bool> prints = false;
 
@@ -83,10 +87,11 @@ class Unit {
   int run() {
     // Who reads its lines may end before it.
     ::signal(SIGPIPE, SIG_IGN);
+    // Who asks for a reload does not want the end, however early it is; an end may come at once until there is work.
+    loop_.onSignals({SIGHUP}, [this] { reload(); });
     describeHost();
     holdHome();
     loop_.onSignals({SIGTERM, SIGINT}, [this] { stop(); });
-    loop_.onSignals({SIGHUP}, [this] { reload(); });
     requests_.emplace(*tarvo_, loop_,
                       Requests::Unit{[this] { return status(); }, [this] { return isActive_; }, [this] { stored(); }});
     control_.emplace(loop_, options_.home,
@@ -108,11 +113,12 @@ class Unit {
   void activate();
   void reload();
   void stop();
+  void noteWhatIsLeft(FlushResult result) const;
 
   void changed(Condition condition, const std::string& line);
   void stored();
   void showStatus();
-  std::string line() const;
+  std::string line(const Health& health) const;
   platform::Dictionary status() const;
 
   const OptionReader& reader_;
@@ -132,7 +138,7 @@ class Unit {
   std::optional<Control> control_;
   std::shared_ptr<void> channel_;
   std::unique_ptr<Loop::Timer> lastMoment_;
-  bool isActive_ = false, isStopping_ = false;
+  bool isActive_ = false, isStopping_ = false, savingFails_ = false;
   Condition condition_ = Condition::resting;
   std::string receiverLine_;
   std::chrono::steady_clock::time_point shown_;
@@ -140,6 +146,7 @@ class Unit {
 
 /// All that has to be set before the SDK is touched first.
 void Unit::describeHost() {
+  host_.check(options_);
   prints = options_.verbose;
   printMessages();
   ::umask(S_IRWXG | S_IRWXO);
@@ -257,18 +264,31 @@ void Unit::stop() {
   isActive_ = false;
   lastMoment_ = loop_.timer([this] { loop_.end(0); });
   lastMoment_->arm(bound + kBeyondFlush);
-  flushBeside(loop_, bound, [this](FlushResult result) {
-    const auto sync = tarvo_->syncStatus();
-    const auto left = sync.unsent + sync.awaiting;
-    if (result != FlushResult::delivered && left > 0)
-      note(std::to_string(left) + " positions are unsent (" + reasonOf(result) + "); they go after the next start");
+  try {
+    flushBeside(loop_, bound, [this](FlushResult result) {
+      noteWhatIsLeft(result);
+      loop_.end(0);
+    });
+  } catch (const std::system_error& error) {
+    note(std::string("what is unsent goes after the next start: ") + error.what());
     loop_.end(0);
-  });
+  }
+}
+
+void Unit::noteWhatIsLeft(FlushResult result) const {
+  const auto sync = tarvo_->syncStatus();
+  const auto left = sync.unsent + sync.awaiting;
+  if (!sync.storeAvailable)
+    note("the store cannot be used any more; what it holds goes after the next start");
+  else if (result != FlushResult::delivered && result != FlushResult::modeForbids && left > 0)
+    note(countOf(left) + " unsent (" + reasonOf(result) + "); sent after the next start");
+  if (sync.unsaved > 0) note(countOf(sync.unsaved) + " lost: the store could not be written");
 }
 
 void Unit::changed(Condition condition, const std::string& line) {
   condition_ = condition;
   receiverLine_ = line;
+  if (isStopping_) return;
   note(line);
   if (condition == Condition::ended) return stop();
   showStatus();
@@ -287,22 +307,30 @@ void Unit::showStatus() {
   const Seconds passed = std::chrono::steady_clock::now() - shown_;
   if (passed < kBetweenStatus) return laterStatus_->arm(kBetweenStatus - passed);
   shown_ = std::chrono::steady_clock::now();
-  supervisor_.status(line());
+  const Health health = tarvo_->health();
+  const bool savingFails = health.positions.unsaved > 0;
+  if (std::exchange(savingFails_, savingFails) != savingFails)
+    note(savingFails ? "positions cannot be saved: " + health.store.lastError.value_or("")
+                     : "positions are saved again");
+  supervisor_.status(line(health));
 }
 
-std::string Unit::line() const {
+std::string Unit::line(const Health& health) const {
   const std::string receiver =
       condition_ == Condition::receiving || receiverLine_.empty()
           ? (condition_ == Condition::receiving ? "receiving from " : "waiting for ") + nameOfReceiver(options_)
           : receiverLine_;
-  return statusLine(receiver, tarvo_->health(), platform::Clock::current()->now());
+  if (!isActive_) return (isStopping_ ? "ending; " : "waiting for the time; ") + receiver;
+  const bool isUnknown = options_.mode >= Tarvo::BACKEND_BACKGROUND && !LocationManager::userUUID();
+  return statusLine(receiver, health, platform::Clock::current()->now()) +
+         (isUnknown ? "; not registered at the backend" : "");
 }
 
 platform::Dictionary Unit::status() const {
   static constexpr const char* kNames[] = {"resting", "lost", "searching", "receiving", "refused", "ended"};
   const receivers::FixOrder::Statistics fixes = intake_->statistics();
   const auto text = platform::Value::fromJson(host_.status(*tarvo_, options_.home));
-  return {{"line", line()},
+  return {{"line", line(tarvo_->health())},
           {"active", isActive_},
           {"receiver", platform::Dictionary{{"name", nameOfReceiver(options_)},
                                             {"condition", kNames[static_cast<int>(condition_)]},

@@ -18,6 +18,8 @@ struct UnitError : std::runtime_error {
 
 /// What the program around a unit adds to it.
 struct Host {
+  /// Throws OptionError for what `connect` could not use; before anything else happens.
+  std::function<void(const UnitOptions&)> check;
   /// What `tarvo status --json` prints, a JSON object; on the main thread.
   std::function<std::string(const Tarvo&, const std::filesystem::path& home)> status;
   /// Opens the channel to a sandbox, if one was asked for; what it answers is kept to the end of the unit.

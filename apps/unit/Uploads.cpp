@@ -29,6 +29,7 @@ Uploads::Uploads(const Tarvo& tarvo, Loop& loop, Seconds interval)
     : tarvo_(tarvo), interval_(interval), timer_(loop.timer([this] { look(); })) {}
 
 void Uploads::wake() {
+  if (Tarvo::ACTIVATE_STATUS() < Tarvo::BACKEND_BACKGROUND) return;
   if (!timer_->isArmed()) timer_->arm(std::max(interval_, kLeast));
 }
 

@@ -19,7 +19,8 @@ struct NextPass {
 NextPass nextPass(const Health& health, platform::Date now, platform::Seconds interval);
 
 /// The SDK uploads with events alone. This starts a pass where something is unsent although nothing happens: the end of
-/// a trip, a network that has come back. While nothing is unsent there is no timer.
+/// a trip, a network that has come back. While nothing is unsent there is no timer, and none in
+/// modes that upload nothing.
 ///
 /// Threads: main. Errors: none.
 class Uploads {

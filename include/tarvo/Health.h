@@ -34,7 +34,7 @@ enum class GapCause {
   background,     ///< in the background the SDK waited for a significant change or for the border of a region
   standingStill,  ///< fixes came, and none lay further from the last than the distance filter
   refusedFixes,   ///< fixes came, and none could be used
-  receiverSilent  ///< no fix came
+  receiverSilent  ///< no fix came, or none for more than half of the span
 };
 
 /// What a support desk needs to know of a device: where its positions are, what holds them up, and why some are

@@ -32,6 +32,9 @@ bool Gaps::isLong(const Moment& now) const {
 
 GapCause Gaps::cause(const Moment& now) const {
   if (obstacle_) return *obstacle_;
+  // A drive has fixes too near the one before up to the moment in which the receiver falls silent.
+  if (now.fixes.silence - since_.fixes.silence > (now.monotonic - since_.monotonic) / 2)
+    return GapCause::receiverSilent;
   const auto refused = [](const Moment& at) {
     return at.fixes.notFinite + at.fixes.offTheGlobe + at.fixes.impossibleTime;
   };

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The ABI of libtarvo-c is what it was: records, enumerators and functions against bindings/c/abi/ARCHITECTURE.abi, names
-# and versions of the library itself against bindings/c/libtarvo-c0.symbols. Functions may come. A member at the end of
+# and versions of the library itself against debian/libtarvo-c0.symbols. Functions may come. A member at the end of
 # a record that begins with `size` may come too, but somebody has to look at it: then, and only then, "--write".
 # usage: run.sh LIBRARY SOURCE_DIR [--write]; 77 where abidiff is not installed or there is no reference for the machine.
 set -euo pipefail
@@ -13,7 +13,7 @@ failed=0
 fail() { echo "$1"; failed=1; }
 
 # The library's own names, node and soname need no tool.
-listed=$(sed -nE 's/^ (tarvo_[a-z_]+)@TARVO_C_([0-9.]+) .*/\1@@TARVO_C_\2/p' "$source/bindings/c/libtarvo-c0.symbols" | sort)
+listed=$(sed -nE 's/^ (tarvo_[a-z_]+)@TARVO_C_([0-9.]+) .*/\1@@TARVO_C_\2/p' "$source/debian/libtarvo-c0.symbols" | sort)
 exported=$(nm -D --defined-only --with-symbol-versions "$library" | awk '$2 != "A" { print $3 }' | sort)
 diff <(echo "$listed") <(echo "$exported") || fail "the library does not export what its symbols file lists"
 readelf -d "$library" | grep -qF '[libtarvo-c.so.0]' || fail "another soname"

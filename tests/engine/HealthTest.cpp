@@ -30,20 +30,24 @@ TEST_F(HealthOfADevice, TellsWhyThereIsAHole) {
   tarvo.activate(4);
   auto& application = platform::UIApplication::shared();
   const std::function<void()> none;
-  const std::tuple<const char*, std::function<void()>, std::function<void()>> holes[] = {
-      {"receiver_silent", none, none},
-      {"standing_still", [] { deliver(fixAt(*records().back().latitude, kStart)); }, none},
-      {"refused_fixes", [] { deliver(fixAt(91, kStart)); }, none},
-      {"not_permitted", [] { permit(denied); }, [] { permit(authorizedAlways); }},
-      {"background", [&] { application.didEnterBackground(); }, [&] { application.didBecomeActive(); }},
-      {"stopped", [&] { tarvo.activate(-4); }, [&] { tarvo.activate(4); }}};
-  for (const auto& [cause, begin, end] : holes) {
+  const auto stand = [] { deliver(fixAt(*records().back().latitude, kStart)); };
+  const auto lose = [] { deliver(fixAt(91, kStart)); };
+  using Step = std::function<void()>;
+  const std::tuple<const char*, Step, Step, Step> holes[] = {
+      {"receiver_silent", none, none, none},
+      {"receiver_silent", stand, none, none},  // it stood when the receiver fell silent
+      {"standing_still", stand, stand, none},
+      {"refused_fixes", lose, lose, none},
+      {"not_permitted", [] { permit(denied); }, none, [] { permit(authorizedAlways); }},
+      {"background", [&] { application.didEnterBackground(); }, none, [&] { application.didBecomeActive(); }},
+      {"stopped", [&] { tarvo.activate(-4); }, none, [&] { tarvo.activate(4); }}};
+  for (const auto& [cause, begin, during, end] : holes) {
     drive(1);
     const auto since = at(clock->now());
     const std::string before = told(tarvo);
     if (begin) begin();
     waitUntilIdle();
-    clock->advance(Seconds(600));
+    for (int i = 0; i < 3; ++i) clock->advance(Seconds(200)), during ? during() : void();
     EXPECT_EQ(told(tarvo), before + concat(since, "- ", cause, " "));
     if (end) end();
     waitUntilIdle();

@@ -62,7 +62,7 @@ while read -r name; do
     *\*) test=${test%\*} && grep -qE "^TEST.*\(${test%.}" "$folder"/*.cpp ;;
     *) grep -qE "^TEST.*\(${test%.*}, ${test#*.}\)" "$folder"/*.cpp ;;
   esac || fail "a document names a test that is not there: $name"
-done < <(grep -hoE '`(faults|program|consumer|device|engine|facade|foundation|location|log|net|persistence|records|sandbox|settings|store|urlsession)/[A-Za-z.*-]+`' \
+done < <(grep -hoE '`(faults|program|consumer|device|engine|facade|foundation|location|log|net|persistence|receivers|records|sandbox|settings|store|unit|urlsession)/[A-Za-z.*-]+`' \
   docs/porting.md docs/security.md | tr -d '\`' | grep -vE '\.(h|cpp)$' | sort -u)
 [ "$failed" = 0 ] && echo "the layout holds"
 exit "$failed"

@@ -86,12 +86,17 @@ in_root "$root" systemd-analyze verify --man=no tarvo.service >"$work/log" 2>&1 
 host() {
   unset ROOT_USER
   make_root "$work/host"
-  cp "$(package libtarvo0.1)" "$(package libtarvo-dev)" tests/consumer/CMakeLists.txt "$work/host/"
-  install_in "$work/host" g++ cmake make pkg-config "/$(basename "$(package libtarvo0.1)")" \
-    "/$(basename "$(package libtarvo-dev)")"
+  local name files=()
+  for name in libtarvo0.1 libtarvo-dev libtarvo-c0 libtarvo-c-dev; do
+    cp "$(package $name)" "$work/host/"
+    files+=("/$(basename "$(package $name)")")
+  done
+  cp tests/consumer/CMakeLists.txt "$work/host/"
+  install_in "$work/host" g++ cmake make pkg-config "${files[@]}"
   in_root "$work/host" sh -ec 'unit=/usr/share/doc/libtarvo-dev/examples/unit.cpp
     cmake -S / -B /build -DUNIT_SOURCE=$unit -DTARVO_INCLUDE_DIR=/usr/include && make -C /build
     g++ $unit -o /build/unit $(pkg-config --cflags --libs tarvo)
+    gcc /usr/share/doc/libtarvo-c-dev/examples/tracker.c -o /build/tracker $(pkg-config --cflags --libs tarvo-c)
     for host in /build/consumer /build/unit; do
       $host "$(mktemp -d)" http://127.0.0.1:9/api | grep -F "[11,48],[11,48.001],[11 ,48.002]"; done'
 }

@@ -17,33 +17,12 @@ unit() { "$program" run --config "$work/tarvo.toml" "$@"; }
 asked() { "$program" "$1" --home "$home" "${@:2}"; }
 count() { "$program" status --home "$home" --json | sed -n "s/.*\"$1\":\([0-9]*\).*/\1/p"; }
 
-# Of a simulated trip: sentences with fixes, in the order of the file.
-sentences() { awk -v RS='<trkpt ' -v shift="$1" '
-  function put(text,   i, bit, sum, power) {
-    sum = 0
-    for (i = 1; i <= length(text); i++) {
-      byte = at[substr(text, i, 1)]
-      for (bit = 1; bit < 256; bit *= 2) if (int(byte / bit) % 2) flips[bit]++
-    }
-    for (bit = 1; bit < 256; bit *= 2) { sum += (flips[bit] % 2) * bit; flips[bit] = 0 }
-    printf "$%s*%02X\r\n", text, sum
-  }
-  function angle(value, width) { return sprintf("%0" width "d%07.4f", int(value), (value - int(value)) * 60) }
-  BEGIN { for (i = 32; i < 127; i++) at[sprintf("%c", i)] = i }
-  NR > 1 {
-    split($0, part, /"/); time = $0; sub(/.*<time>/, "", time)
-    clock = substr(time, 12, 2) substr(time, 15, 2) substr(time, 18, 2)
-    place = angle(part[2], 2) ",N," angle(part[4], 3) ",E"
-    date = substr(time, 9, 2) substr(time, 6, 2) sprintf("%02d", substr(time, 3, 2) + shift)
-    put("GPRMC," clock ".00,A," place ",10.0,90.0," date ",,,A")
-    put("GPGGA," clock ".00," place ",1,08,1.0,100.0,M,0.0,M,,")
-  }'; }
-
 "$program" sandbox --port 0 --data "$work/sandbox" >"$work/sandbox.log" 2>&1 &
 pids+=($!)
 wait_for "the sandbox" grep -q ^page "$work/sandbox.log"
 backend=$(sed -n 's/^backend *//p' "$work/sandbox.log")
-"$program" simulate --from 48.1,11.5 --to 48.11,11.52 --profile drive --seed 3 --output "$work/trip.gpx"
+trip() { "$program" simulate --from 48.1,11.5 --to 48.11,11.52 --profile drive --seed 3 "$@"; }
+trip --output "$work/trip.gpx"
 # A new device sends its first batch after three minutes, which a replay's clock takes at once.
 "$program" replay "$work/trip.gpx" --home "$home" --backend "$backend" --client-id demo --api-key demo-key \
   --api-secret demo-secret >"$work/replay.log" 2>&1 || fail "the replay"
@@ -59,7 +38,7 @@ nmea = "$work/receiver"
 END
 
 # A recording: all of it is delivered, and the unit ends with it.
-sentences 1 <"$work/trip.gpx" >"$work/trip.nmea"
+trip --format nmea --start 2025-05-14T07:30:00Z --output "$work/trip.nmea"
 unit --nmea "$work/trip.nmea" --ca-file "$work/none" >"$work/recorded.log" 2>&1 || fail "a recording: status $?"
 grep -qF "$work/none: No such file" "$work/recorded.log" || fail "the file that is missing is not told"
 grep -qF 'can be read by everybody' "$work/recorded.log" || fail "the secret's mode is not told"
@@ -73,7 +52,7 @@ mkfifo "$work/receiver"
 live=$!
 pids+=($live)
 exec 8<>"$work/receiver"
-sentences 2 <"$work/trip.gpx" | tail -n 400 >&8
+trip --format nmea --start 2026-05-14T07:30:00Z | tail -n 600 >&8
 stored_more() { [ "$(count stored)" -gt $((stored + $1)) ]; }
 wait_for "positions of the live receiver" stored_more 20
 asked flush --timeout 60 || fail "flush: status $?"

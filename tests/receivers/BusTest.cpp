@@ -219,6 +219,9 @@ TEST_F(UPowerWatch, TellsEachStateAndLevelOnceAndWhenThereIsNoneAnyMore) {
   }
   services_.run("bus.release_name('org.freedesktop.UPower')");
   EXPECT_EQ(batteries.wait(), std::pair(UIDeviceBatteryState::unknown, -1.0));
+  say(4, 100);
+  services_.run("bus.request_name('org.freedesktop.UPower')");
+  EXPECT_EQ(batteries.wait(), std::pair(UIDeviceBatteryState::full, 1.0));
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <stdlib.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -10,6 +8,7 @@
 #include <optional>
 
 #include "Diary.h"
+#include "Line.h"
 #include "receivers/Feed.h"
 #include "receivers/Nmea.h"
 #include "support/TempDir.h"
@@ -20,6 +19,7 @@ namespace {
 using namespace std::chrono_literals;
 using test::Diary;
 using test::Drive;
+using test::Line;
 using enum Condition;
 
 TEST(Nmea, ReadsARecordingOnceAndKeepsItsDates) {
@@ -45,24 +45,6 @@ TEST(Nmea, ReadsARecordingOnceAndKeepsItsDates) {
   EXPECT_EQ(diary.fixes().size(), drive.made.fixes.size());
 }
 
-/// The other end of a serial line, which `path` names.
-struct Line {
-  explicit Line(std::filesystem::path itsPath) : path(std::move(itsPath)), end(::posix_openpt(O_RDWR | O_NOCTTY)) {
-    ::grantpt(end);
-    ::unlockpt(end);
-    std::filesystem::create_symlink(::ptsname(end), path);
-  }
-  ~Line() {
-    std::filesystem::remove(path);
-    ::close(end);
-  }
-  bool send(const std::string& text) const {
-    return ::write(end, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  }
-  const std::filesystem::path path;
-  const int end;
-};
-
 TEST(Nmea, FollowsADeviceThatIsPulledAndPluggedInAgain) {
   const Drive drive(1175860800 + 1024 * 7 * 86400);
   const test::TempDir folder;
@@ -71,7 +53,7 @@ TEST(Nmea, FollowsADeviceThatIsPulledAndPluggedInAgain) {
   const auto receiver = openNmea(device, {.baudRate = 115200}, diary);
   receiver->start(-1);
   ASSERT_TRUE(diary.waitForConditions({lost}));
-  EXPECT_EQ(diary.lines()[0], "NMEA from " + device.string() + ": no such file or directory, next try in 1 s");
+  EXPECT_EQ(diary.lines()[0], "NMEA from " + device.string() + ": no such file or directory, it is tried again");
 
   std::optional<Line> line(device);
   ASSERT_TRUE(diary.waitForConditions({lost, searching}));
@@ -130,7 +112,7 @@ TEST(Feed, IsTriedEverMoreSeldomAndAgainSoonAfterAFix) {
   }
   const int least[] = {100, 200, 400, 800, 1000};
   for (int i = 0; i < 5; ++i) EXPECT_GE(tries[i + 1] - tries[i], std::chrono::milliseconds(least[i])) << i;
-  EXPECT_EQ(diary.lines().back(), "it: gone, next try in 0 s");
+  EXPECT_EQ(diary.lines().back(), "it: gone, it is tried again");
 }
 
 }  // namespace

@@ -114,6 +114,7 @@ class TARVO_API LocationService {
     std::uint64_t received = 0;                                        ///< handed in, the refused ones included
     std::uint64_t notFinite = 0, offTheGlobe = 0, impossibleTime = 0;  ///< refused
     std::uint64_t filteredByDistance = 0;  ///< too near the one before, for standard updates
+    Seconds silence{0};                    ///< pauses after a fix of more than five minutes, with the one that lasts
     bool operator==(const Statistics&) const = default;
   };
   Statistics statistics() const;

@@ -62,6 +62,10 @@ CLAuthorizationStatus storedStatus() {
 
 LocationServiceState& state() { return LocationServiceState::shared(); }
 
+/// The seconds since the latest fix where they are a silence.
+double silence(double latest, double now) { return now - latest > 300 ? now - latest : 0; }
+double monotonicNow() { return Clock::current()->monotonic().count(); }
+
 }  // namespace
 
 LocationService& LocationService::shared() {
@@ -75,6 +79,10 @@ void LocationService::deliver(const std::vector<CLLocation>& fixes) {
     usable.reserve(fixes.size());
     FixCounters& counters = state().counters;
     counters.received += fixes.size();
+    if (!fixes.empty()) {
+      const double now = monotonicNow();
+      counters.silence += silence(counters.latest.exchange(now), now);
+    }
     for (const CLLocation& fix : fixes) {
       const auto [reason, counter] = refusal(fix);
       if (counter == nullptr) {
@@ -106,8 +114,9 @@ void LocationService::setRules(Rules rules) { state().setRules(rules); }
 
 LocationService::Statistics LocationService::statistics() const {
   const FixCounters& counters = state().counters;
-  return {counters.received, counters.notFinite, counters.offTheGlobe, counters.impossibleTime,
-          counters.filteredByDistance};
+  return {counters.received,           counters.notFinite,
+          counters.offTheGlobe,        counters.impossibleTime,
+          counters.filteredByDistance, Seconds(counters.silence + silence(counters.latest, monotonicNow()))};
 }
 
 LocationServiceState& LocationServiceState::shared() {

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -19,6 +20,7 @@ namespace tarvo::platform {
 /// What `LocationService::Statistics` tells. Threads: any.
 struct FixCounters {
   std::atomic<std::uint64_t> received{0}, notFinite{0}, offTheGlobe{0}, impossibleTime{0}, filteredByDistance{0};
+  std::atomic<double> latest{std::numeric_limits<double>::infinity()}, silence{0};  ///< monotonic seconds; seconds
 };
 
 /// The inside of the process's `LocationService`, which the managers share.
