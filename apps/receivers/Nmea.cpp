@@ -76,6 +76,7 @@ class NmeaFeed final : public Feed {
     const int error = count < 0 ? errno : 0;
     got.ended = count == 0 && isRecording_;
     if (count <= 0 && error != EAGAIN && error != EINTR) reader_.finish(fixes);
+    if (error == EAGAIN && got.bytes == 0) reader_.pause(fixes);
     if (!isRecording_)
       for (CLLocation& fix : fixes)
         fix.timestamp = withoutRollover(fix.timestamp, platform::Clock::current()->now(), built_);

@@ -109,6 +109,10 @@ void NmeaReader::take(std::string_view bytes, Fixes& fixes) {
   }
 }
 
+void NmeaReader::pause(Fixes& fixes) {
+  if (moment_.rmc || moment_.gga) give(fixes);
+}
+
 void NmeaReader::finish(Fixes& fixes) {
   if (isInside_) endSentence(fixes);
   begin(milliseconds(-1), fixes);

@@ -15,9 +15,9 @@ namespace tarvo::receivers {
 /// Reads fixes out of NMEA 0183 as it comes from a line: in any parts, between garbage, with any line ends or none.
 ///
 /// It reads RMC, GGA and GST of any talker and joins what has the same time of day. A fix is given once RMC and GGA of
-/// its moment are there (and GST, from a receiver that sends it), else when the next moment begins. Void RMC and a GGA
-/// of quality 0 are no fix, whatever the other says. A GGA without RMC has the day of the last RMC, or the one after or
-/// before it when midnight lies between.
+/// its moment are there (and GST, from a receiver that sends it), else when the next moment begins or nothing comes.
+/// Void RMC and a GGA of quality 0 are no fix, whatever the other says. A GGA without RMC has the day of the last RMC,
+/// or the one after or before it when midnight lies between.
 ///
 /// Two figures are the year of 1980 to 2079. The accuracy is GST's standard errors in both directions together, else
 /// Accuracy.h's.
@@ -36,6 +36,8 @@ class NmeaReader {
 
   /// Appends the fixes that `bytes` complete.
   void take(std::string_view bytes, std::vector<platform::CLLocation>& fixes);
+  /// Nothing comes for a while: appends the fix that waits for its next sentence, which then comes too late for it.
+  void pause(std::vector<platform::CLLocation>& fixes);
   /// Nothing comes any more: appends the fix that waited for its next sentence.
   void finish(std::vector<platform::CLLocation>& fixes);
 
