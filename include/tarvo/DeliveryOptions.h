@@ -16,7 +16,8 @@ struct DeliveryOptions {
   /// between nothing and a bound that starts at 1 s, doubles with each failure and ends at 15 min; at least as long as
   /// "Retry-After" asks, up to a day; 15 min after 401 and 403, which the system log tells once. A success, a network
   /// that has come back and the host's own `LocationManager::sendDataInBatchToRemoteWebServer` end the wait. Nothing
-  /// tries by itself: what has waited goes with the next fix, push message or call.
+  /// tries by itself: what has waited goes with the next fix, push message or call. The disk is made to hold a batch
+  /// before it is posted, so that a power cut takes nothing that the backend may have.
   bool confirmed = false;
   /// The least time from one batch to the next that an event may post. A backlog is not held up by it: after a full
   /// batch the next one follows. Nor is the host's own call.

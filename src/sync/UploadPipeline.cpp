@@ -133,6 +133,7 @@ void UploadPipeline::startPass(UploadGate::Pass pass) {
 
 void UploadPipeline::forget() {
   posted_.clear();
+  keptUpTo_ = -1;
   gate_.forget();
   accepted_ = true;
   networkManagerReceivedSessionError = false;
@@ -169,6 +170,7 @@ void UploadPipeline::sendAllUnsentDataToRemoteWebServer() {
     if (posted_.empty()) return;
     logRange("LocationManager:sendAllUnsentDataToRemoteWebServer [net] from:", posted_);
     batch = batchOf(posted_, *uuid);
+    keep(batch.last);
     identifiers.reserve(posted_.size());
     for (const auto& position : posted_) identifiers.push_back(position->objectID());
   });
@@ -213,6 +215,7 @@ void UploadPipeline::resendAllSentWithoutACKData(const Locations::List& position
   store_.managedObjectContext().performAndWait([&] {
     logRange("LocationManager:resendAllSentWithoutACKData [net] from:", positions);
     batch = batchOf(positions, *uuid);
+    keep(batch.last);
   });
   post(std::move(batch.json), batch.first, batch.last, positions.size());
 }
@@ -235,6 +238,12 @@ void UploadPipeline::resendAllSentWithoutACKData(const std::vector<LocationRecor
     });
   });
   resendAllSentWithoutACKData(awaiting);
+}
+
+void UploadPipeline::keep(std::int64_t last) {
+  if (last <= keptUpTo_ || !Settings::shared().deliveryOptions.get().confirmed) return;
+  // A disk that cannot be flushed holds nothing up: without a power cut all is there.
+  if (!store_.managedObjectContext().coordinator().flush()) keptUpTo_ = last;
 }
 
 void UploadPipeline::post(std::string json, std::int64_t first, std::int64_t last, std::size_t positions) {

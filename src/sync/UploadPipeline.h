@@ -79,6 +79,9 @@ class UploadPipeline {
   Locations::List getSentWithoutACKLocations();
   Locations::List getUnsentLocations();
   void markLocationAsSentWithoutACKWithID(const platform::NSManagedObjectID& locationID);
+  /// With confirmed delivery: what is to be posted, up to this number, is on the disk before; a number that the backend
+  /// has must not go to another position after a power cut either. Inside a block of the context.
+  void keep(std::int64_t last);
   void post(std::string json, std::int64_t first, std::int64_t last, std::size_t positions);
 
   ObjectStore& store_;
@@ -90,6 +93,7 @@ class UploadPipeline {
   /// The batch that was posted last, held so that its marks and its acknowledgement need not read its positions from
   /// the file again. Touched only inside blocks of the context.
   Locations::List posted_;
+  std::int64_t keptUpTo_ = -1;  ///< the highest number that was flushed; touched only inside blocks of the context
   bool acknowledgesFullBatch_ = false;  ///< meanwhile; touched only inside blocks of the context
   std::atomic<std::uint64_t> batchesPosted_{0};
   std::atomic<std::uint64_t> positionsPosted_{0};

@@ -4,6 +4,7 @@
 #include <atomic>
 
 #include "platform/foundation/Text.h"
+#include "support/FaultyDisk.h"
 #include "support/WholeSdk.h"
 
 static std::atomic<int> askedForNames{0};
@@ -146,6 +147,25 @@ TEST_F(Upload, KeepsPositionsUntilTheBackendConfirmsThemAndWaitsInBetween) {
   for (const char* once : {"backend does not accept this device", "backend accepts this device again"})
     EXPECT_EQ(diary.count(once), 1u) << once;
   expectEachIndexOnce(9);
+}
+
+TEST_F(Upload, ToBeConfirmedWaitsUntilItsPositionsAreOnTheDisk) {
+  platform::FaultyDisk::install();
+  Tarvo tarvo = online();
+  settle();
+  int flushes = 0;
+  for (const bool isConfirmed : {false, true, true}) {
+    Tarvo::setDeliveryOptions({.confirmed = isConfirmed});
+    platform::FaultyDisk::fail(platform::FaultyDisk::sync, SQLITE_IOERR);  // and holds nothing up
+    collect(2);
+    EXPECT_EQ(platform::FaultyDisk::failures(), 0) << "stored alone";
+    upload();
+    EXPECT_EQ(platform::FaultyDisk::failures() > 0, isConfirmed);
+    flushes = platform::FaultyDisk::failures();
+    platform::FaultyDisk::heal();
+  }
+  EXPECT_LE(flushes, 2) << "once for each batch";
+  expectEachIndexOnce(6);
 }
 
 TEST_F(Upload, LeavesOnceAnIntervalAndNotBeyondTheBytesOfADay) {

@@ -151,6 +151,14 @@ std::optional<Error> Database::checkpoint() {
   return error(StoreErrorCode::operation, "The write-ahead log could not be moved into the store file");
 }
 
+std::optional<Error> Database::flush() {
+  sqlite3_file* log = nullptr;
+  sqlite3_file_control(handle_, nullptr, SQLITE_FCNTL_JOURNAL_POINTER, &log);  // the write-ahead log, in this mode
+  if (log != nullptr && log->pMethods != nullptr && log->pMethods->xSync(log, SQLITE_SYNC_NORMAL) == SQLITE_OK)
+    return std::nullopt;
+  return error(StoreErrorCode::operation, "The write-ahead log could not be flushed");
+}
+
 bool Database::isReadOnly() const { return sqlite3_db_readonly(handle_, "main") != 0; }
 bool Database::inTransaction() const { return sqlite3_get_autocommit(handle_) == 0; }
 std::int64_t Database::rowsChanged() const { return sqlite3_changes64(handle_); }

@@ -69,6 +69,8 @@ class Database {
   std::optional<Error> runOnce(std::string_view sql, StoreErrorCode code);
   /// Moves the write-ahead log into the file and empties it.
   std::optional<Error> checkpoint();
+  /// Waits until the disk holds what was committed, so that no power cut takes it.
+  std::optional<Error> flush();
 
   /// Whether the open file can still be used: it is there under its name, with all that SQLite has written. Looks only
   /// outside of transactions, and for reading once a millisecond at most. A file that was lost stays lost.

@@ -78,6 +78,10 @@ std::optional<Error> NSPersistentStoreCoordinator::checkpoint() {
   return store() && standing_ == Standing::writes ? store_->database().checkpoint() : std::nullopt;
 }
 
+std::optional<Error> NSPersistentStoreCoordinator::flush() {
+  return store() && standing_ == Standing::writes ? store_->database().flush() : std::nullopt;
+}
+
 std::optional<std::string> NSPersistentStoreCoordinator::obstacle() {
   if (!store_ || hasStore()) return std::nullopt;
   return standing_ == Standing::keptOut ? keptOutBecause_

@@ -52,6 +52,8 @@ class NSPersistentStoreCoordinator {
   const NSManagedObjectModel& model() const { return *model_; }
   /// Moves what the write-ahead log holds into the database file; nothing to do for who does not write.
   std::optional<Error> checkpoint();
+  /// Waits until the disk holds what was saved, so that no power cut takes it; nothing to do for who does not write.
+  std::optional<Error> flush();
 
   /// Why a store that was opened cannot be used now, in words, however often it is asked; absent when it can, and when
   /// none was opened.
