@@ -63,6 +63,16 @@ status=0
 unit >"$work/second.log" 2>&1 || status=$?
 [ $status = 3 ] && grep -qF "(process $live)" "$work/second.log" || fail "a second unit: status $status"
 
+echo wrong >"$work/wrong"
+"$program" run --config "$work/tarvo.toml" --home "$work/other" --nmea "$work/none" --api-secret-file "$work/wrong" --flush-timeout 0 \
+  2>"$work/other.log" & other=$!
+pids+=($other)
+is_refused() { [[ $("$program" status --watch --home "$work/other" 2>&1 | head -n 1 || true) == *'not registered at the backend' ]]; }
+wait_for "word of a secret that is wrong" is_refused
+for ((i = 0; i < 9; ++i)); do timeout 0.1 "$program" flush --home "$work/other" --timeout 99 2>>"$work/flushes" || true; done
+kill -TERM $other
+wait $other || fail "the end of a unit with nothing to tell: status $?"
+
 echo '{"messageFrom": "tarvo"}' >"$work/push.json"
 stored=$(count stored)
 asked push "$work/push.json" || fail "push: status $?"
