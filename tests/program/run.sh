@@ -64,14 +64,12 @@ status=0
 unit >"$work/second.log" 2>&1 || status=$?
 [ $status = 3 ] && grep -qF "(process $live)" "$work/second.log" || fail "a second unit: status $status"
 
-<<<<<<< HEAD
 awk '{ print 3, $1 }' /proc/uptime >"$work/starts"
 RUNTIME_DIRECTORY=$work "$program" run --config "$work/tarvo.toml" >"$work/pause.log" 2>&1 &
 pids+=($!)
 wait_for "the pause after failed starts" grep -q 'waiting 35 s' "$work/pause.log"
 kill -TERM $!
 wait $! && [ ! -e "$work/starts" ] || fail "the end of a pause: status $?"
-=======
 echo wrong >"$work/wrong"
 "$program" run --config "$work/tarvo.toml" --home "$work/other" --nmea "$work/none" --api-secret-file "$work/wrong" --flush-timeout 0 \
   2>"$work/other.log" & other=$!
@@ -81,7 +79,6 @@ wait_for "word of a secret that is wrong" is_refused
 for ((i = 0; i < 9; ++i)); do timeout 0.1 "$program" flush --home "$work/other" --timeout 99 2>>"$work/flushes" || true; done
 kill -TERM $other
 wait $other || fail "the end of a unit with nothing to tell: status $?"
->>>>>>> wt-review14
 
 echo '{"messageFrom": "tarvo"}' >"$work/push.json"
 stored=$(count stored)
