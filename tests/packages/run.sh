@@ -42,7 +42,7 @@ in_root "$root" apt-get satisfy -y -qq --no-install-recommends "$(cat "$work/dep
   fail "what the packages depend on is not there: $(tail -n 5 "$work/log")"
 install -d -m 755 "$root/var/lib/private"  # systemd would show the unit its folder there, and nobody else
 everything() {
-  in_root "$root" find / \( -path /proc -o -path /var/lib/dpkg -o -path /var/lib/apt -o -path /var/cache \
+  in_root "$root" find / \( -path /proc -o -path /run -o -path /var/lib/dpkg -o -path /var/lib/apt -o -path /var/cache \
     -o -path /var/log -o -path /tmp -o -path '/*.deb' \) -prune -o -printf '%p %y %l\n' | sort
 }
 everything >"$work/before"
@@ -80,7 +80,7 @@ install -o 65534 -g 65534 -m 400 "$root/etc/tarvo/api-secret" "$root/tmp/credent
 enter_root "$root" env STATE_DIRECTORY=/var/lib/private/tarvo CREDENTIALS_DIRECTORY=/tmp/credentials tarvo run \
   >"$work/unit" 2>&1 & unit=$!
 started+=("$unit")
-in_root "$root" systemd-analyze verify --man=no tarvo.service >"$work/log" 2>&1 || fail "$(cat "$work/log")"
+ROOT_USER='' in_root "$root" systemd-analyze verify --man=no tarvo.service >"$work/log" 2>&1 || fail "$(cat "$work/log")"
 
 # Meanwhile a host is built against the packages in another new system.
 host() {
