@@ -3,7 +3,6 @@
 CMake calls it (`build_native.py HEADER OUTPUT.c`) and compiles the output; setup.py has cffi do both.
 """
 
-import os
 import pathlib
 import re
 import subprocess
@@ -70,9 +69,8 @@ def builder(header: pathlib.Path) -> FFI:
         "tarvo._native",
         (HERE / "native.c").read_text(encoding="utf-8"),
         include_dirs=[str(header.parent.parent)],
-        library_dirs=[path for path in os.environ.get("TARVO_LIBRARY_PATH", "").split(":") if path],
         libraries=["tarvo-c"],
-        extra_link_args=os.environ.get("TARVO_LINK_ARGUMENTS", "").split(),
+        define_macros=[("Py_LIMITED_API", "0x030A0000")],
         py_limited_api=True,
     )
     return ffi

@@ -222,13 +222,19 @@ def check_seconds(seconds: float) -> float:
     return seconds
 
 
-_process = os.getpid()
+_process: int | None = None  # the one that has the SDK
+
+
+def may_come(process: int) -> None:
+    """From here on threads of the SDK may come in."""
+    global _process
+    _process = process
 
 
 def _end() -> None:
     """The interpreter ends: from here on no thread of the SDK comes in. Calls under way are waited for, as threads of
     Python are."""
-    if os.getpid() != _process:  # a forked child has none of those threads
+    if os.getpid() != _process:  # without an SDK; and a forked child has none of its threads
         return
     while not lib.gate_close(0.1):
         pass

@@ -13,7 +13,7 @@ from datetime import datetime
 from typing import Any, TypeVar
 
 from . import _log
-from ._callbacks import Once, Receiver, Subscribers, Subscription, Table, check_seconds, hold, let_go
+from ._callbacks import Once, Receiver, Subscribers, Subscription, Table, check_seconds, hold, let_go, may_come
 from ._errors import ClosedError, ForkedError, RefusedError, SecondSdkError, TarvoError, check
 from ._history import History, Trip
 from ._native import ffi, lib
@@ -96,6 +96,7 @@ class Sdk(Reading):
         with _lock:
             if _current is not None:
                 raise SecondSdkError("the process has its Sdk: use that one, or close it first")
+            may_come(os.getpid())
             _log.take_over(log)
             check(lib.tarvo_set_home(os.fsencode(home)))
             if info_file is not None:
