@@ -112,7 +112,7 @@ static void gated_table(tarvo_callbacks* table, int with_receiver, int with_prom
 
 /* ---- The log ---- */
 
-enum { LOG_BYTES = 4 << 20 }; /* some thousand fixes, should the interpreter be busy for so long */
+enum { LOG_BYTES = 1 << 20 }; /* of some 1,500 fixes */
 
 static pthread_mutex_t log_mutex = PTHREAD_MUTEX_INITIALIZER;
 static pthread_cond_t log_changed = PTHREAD_COND_INITIALIZER;

@@ -2,7 +2,7 @@
 
 They hold coordinates, the API key and, at registration, the user's secret, so that nobody gets them unasked. A thread of
 Python takes them to the logger: the SDK never waits for it, and lines are dropped, and counted, where it falls behind by
-4 MiB. The line that says why the SDK ends the process goes to standard error at once.
+1 MiB. The line that says why the SDK ends the process goes to standard error at once.
 """
 
 import logging
@@ -45,18 +45,17 @@ def _pump() -> None:
     while lib.log_wait(3600.0, lines, length, dropped):
         taken = ffi.buffer(lines[0], length[0])[:] if length[0] else b""
         lib.log_free(lines[0])
-        try:
-            _write(taken, dropped[0])
-        except Exception as error:  # a filter or a handler of the host's
-            lib.tell_unraisable(id(error), id(_write))
+        for line in taken.split(b"\0")[:-1]:
+            fatal = line.startswith(b"Fatal error")
+            _tell(logging.CRITICAL if fatal else logging.DEBUG, "%s", line.decode(errors="replace"))
+        if dropped[0]:
+            _tell(logging.WARNING, "%d lines of the SDK were dropped", dropped[0])
 
 
-def _write(lines: bytes, dropped: int) -> None:
+def _tell(level: int, text: str, argument: object) -> None:
     logger = _logger
-    if logger is None:
-        return
-    for line in lines.split(b"\0")[:-1]:
-        fatal = line.startswith(b"Fatal error")
-        logger.log(logging.CRITICAL if fatal else logging.DEBUG, "%s", line.decode(errors="replace"))
-    if dropped:
-        logger.log(logging.WARNING, "%d lines of the SDK were dropped", dropped)
+    try:
+        if logger is not None:
+            logger.log(level, text, argument)
+    except Exception as error:  # of a filter or a handler: the next line may pass
+        lib.tell_unraisable(id(error), id(logger))

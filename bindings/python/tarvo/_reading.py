@@ -73,7 +73,7 @@ class Reading:
         places: list[str] = []
         user = hold(places)
         try:
-            check(lib.tarvo_points_of_interest(self._live, lib.gated_place, user))
+            check(lib.tarvo_points_of_interest(self._live, ffi.addressof(lib, "gated_place"), user))
         finally:
             let_go(user)
         return [json.loads(place) for place in places]

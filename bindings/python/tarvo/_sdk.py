@@ -5,6 +5,7 @@ import dataclasses
 import itertools
 import logging
 import os
+import pathlib
 import select
 import threading
 import time
@@ -87,6 +88,7 @@ class Sdk(Reading):
         log: logging.Logger | None = None,
     ) -> None:
         global _current, _process
+        self.home = pathlib.Path(os.fsdecode(home))
         self._handle: Any = None
         if _process not in (None, os.getpid()):
             raise ForkedError("not in a forked child")
@@ -151,7 +153,7 @@ class Sdk(Reading):
 
     def close(self, seconds: float = 5) -> None:
         """Stops collecting, having waited up to so many seconds until what was delivered is written. Then the process
-        may have another Sdk. Inside a callback it waits for nothing."""
+        may have another Sdk. Inside a callback it cannot wait, and what is not yet written is lost."""
         if self._handle is not None:
             self._settle(seconds)
             self._free()
@@ -348,7 +350,7 @@ class Sdk(Reading):
     def _once(self, function: Any, handler: Callable[[], None], *arguments: Any) -> bool:
         user = hold(Once(handler))
         try:
-            accepted = check(function(self._live, *arguments, lib.gated_once, user, lib.gated_released))
+            accepted = check(function(self._live, *arguments, ffi.addressof(lib, "gated_once"), user, ffi.addressof(lib, "gated_released")))
         except BaseException:
             let_go(user)
             raise
