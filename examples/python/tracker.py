@@ -47,12 +47,19 @@ def fix_of_rmc(sentence: str) -> tarvo.Fix | None:
 
 def fix_of_csv(line: str) -> tarvo.Fix | None:
     try:
-        time, latitude, longitude, *more = (float(field) for field in line.split(",")[:6])
+        numbers = [float(field) for field in line.split(",")[:6]]
     except ValueError:
         return None
-    accuracy, speed, course = (*more, *(5.0, None, None)[len(more) :])
-    moment = datetime.fromtimestamp(time, timezone.utc)
-    return tarvo.Fix(latitude, longitude, accuracy, time=moment, speed=speed, course=course)
+    if len(numbers) < 3:
+        return None
+    return tarvo.Fix(
+        numbers[1],
+        numbers[2],
+        numbers[3] if len(numbers) > 3 else 5.0,
+        time=datetime.fromtimestamp(numbers[0], timezone.utc),
+        speed=numbers[4] if len(numbers) > 4 else None,
+        course=numbers[5] if len(numbers) > 5 else None,
+    )
 
 
 def fixes_in(path: str) -> Iterator[tarvo.Fix]:

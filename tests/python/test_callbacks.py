@@ -125,7 +125,8 @@ def test_nothing_is_kept_that_was_given_back(sdk: tarvo.Sdk) -> None:
 
 def test_a_callback_may_close_the_sdk(sdk: tarvo.Sdk) -> None:
     closed = threading.Event()
-    sdk.on_locations(lambda fixes: (sdk.close(), closed.set()))
+    sdk.on_locations(lambda fixes: sdk.close())
+    sdk.on_locations(lambda fixes: closed.set())
     sdk.deliver(fix_at(0))
     assert closed.wait(60)
     with tarvo.Sdk(sdk.home) as other:

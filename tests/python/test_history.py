@@ -28,7 +28,7 @@ def test_a_history_is_read_as_it_is_iterated_over(sdk: tarvo.Sdk, tmp_path: path
     assert next(early) == late[0] and next(early) == late[1]
     assert late[0].fix_time == START and late[0].floor is None and late[0].unsent is True
     assert history.first == (48, 11.5)
-    assert history.bounds == tarvo.Bounds(48, 11.5, pytest.approx(48.599), 11.5)
+    assert history.bounds == tarvo.Bounds(48, 11.5, fix_at(599).latitude, 11.5)
     assert history.geojson("MultiPoint")["features"][0]["geometry"]["type"] == "MultiPoint"
     assert history.__geo_interface__ == json.loads(history.geojson_text())
     middle = sdk.history(START + timedelta(seconds=2), START + timedelta(seconds=4))

@@ -55,7 +55,7 @@ MISTAKES: dict[str, tuple[type[Exception], Any]] = {
     "surrogate": (ValueError, lambda sdk: sdk.set_tag("a\ud800", "c")),
     "bytes": (TypeError, lambda sdk: sdk.set_tag(b"a", "c")),
     "battery": (tarvo.ArgumentError, lambda sdk: sdk.set_battery(Battery.FULL, 1.5)),
-    "geometry": (tarvo.ArgumentError, lambda sdk: told(sdk).geojson("Point")),
+    "geometry": (tarvo.ArgumentError, lambda sdk: told(sdk).geojson("Point")),  # type: ignore[arg-type]
     "no JSON": (tarvo.JsonError, lambda sdk: sdk.push_received("{")),
     "not finite in JSON": (tarvo.JsonError, lambda sdk: sdk.push_received({"a": math.nan})),
     "list for an object": (tarvo.JsonError, lambda sdk: sdk.push_received("[]")),
