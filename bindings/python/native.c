@@ -61,13 +61,13 @@ static int gate_close(double seconds) {
   return empty;
 }
 
-#define GATED(name, parameters, arguments)   \
-  static void host_##name parameters;        \
-  static void gated_##name parameters {      \
-    if (enter()) {                           \
-      host_##name arguments;                 \
-      leave();                               \
-    }                                        \
+#define GATED(name, parameters, arguments) \
+  static void host_##name parameters;      \
+  static void gated_##name parameters {    \
+    if (enter()) {                         \
+      host_##name arguments;               \
+      leave();                             \
+    }                                      \
   }
 GATED(released, (void* user), (user))
 GATED(once, (void* user), (user))

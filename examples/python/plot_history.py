@@ -3,9 +3,10 @@
 
 usage: plot_history.py HOME OUTPUT [--since TIME] [--until TIME] [--recording FILE]
 
-OUTPUT ends with .png, .svg or .pdf, which take matplotlib (GeoJSON is written where it is missing), .geojson or .csv. TIME is ISO 8601, in UTC unless it has a
-zone. A home is read while its unit runs; nothing is written to it. With --recording a receiver's recording (tracker.py
-has its format) is first replayed into HOME, which then is a new one; nothing is uploaded.
+OUTPUT ends with .geojson, .csv, or .png, .svg or .pdf, which take matplotlib (GeoJSON is written where it is missing).
+TIME is ISO 8601, in UTC unless it has a zone. A home may be read while its unit runs; nothing is written to it. With
+--recording a receiver's recording (tracker.py has its format) is first replayed into HOME, which then is a new one;
+nothing is uploaded.
 """
 
 import argparse

@@ -86,9 +86,13 @@ in_root "$root" systemd-analyze verify --man=no tarvo.service >"$work/log" 2>&1 
 host() {
   unset ROOT_USER
   make_root "$work/host"
-  cp "$(package libtarvo0.1)" "$(package libtarvo-dev)" tests/consumer/CMakeLists.txt "$work/host/"
+  cp "$(package libtarvo0.1)" "$(package libtarvo-dev)" "$(package libtarvo-c0)" "$(package python3-tarvo)" \
+    tests/consumer/CMakeLists.txt "$work/host/"
   install_in "$work/host" g++ cmake make pkg-config "/$(basename "$(package libtarvo0.1)")" \
-    "/$(basename "$(package libtarvo-dev)")"
+    "/$(basename "$(package libtarvo-dev)")" "/$(basename "$(package libtarvo-c0)")" \
+    "/$(basename "$(package python3-tarvo)")"
+  sed -n '/^```python$/,/^```$/{/^```/!p;/^```$/q}' docs/python.md >"$work/host/unit.py"
+  in_root "$work/host" sh -ec 'python3 /unit.py "$(mktemp -d)" http://127.0.0.1:9/api | grep -F "[11, 48.002]"'
   in_root "$work/host" sh -ec 'unit=/usr/share/doc/libtarvo-dev/examples/unit.cpp
     cmake -S / -B /build -DUNIT_SOURCE=$unit -DTARVO_INCLUDE_DIR=/usr/include && make -C /build
     g++ $unit -o /build/unit $(pkg-config --cflags --libs tarvo)

@@ -24,7 +24,7 @@ def test_subscribers_are_called_on_a_thread_of_the_sdk(sdk: tarvo.Sdk, monkeypat
     told: list[Any] = []
     refused: list[type[Exception]] = []
     unraisable: list[Any] = []
-    monkeypatch.setattr(sys, "unraisablehook", lambda args: unraisable.append((args.exc_type, args.exc_traceback is None)))
+    monkeypatch.setattr(sys, "unraisablehook", lambda args: unraisable.append((args.exc_type, args.object.func)))
 
     def waits(fixes: tuple[tarvo.Fix, ...]) -> None:
         for call in (lambda: sdk.wait_until_idle(1), lambda: sdk.flush(1), sdk.erase_everything, sdk.run_pending):
@@ -42,7 +42,7 @@ def test_subscribers_are_called_on_a_thread_of_the_sdk(sdk: tarvo.Sdk, monkeypat
     deliver(sdk, 0)
     assert told[0][0] == (fix_at(0),) and told[0][1] != threading.get_ident()
     assert refused == [tarvo.InCallbackError] * 3 + [tarvo.WrongThreadError]
-    assert unraisable == [(KeyboardInterrupt, False)] * 2
+    assert unraisable == [(KeyboardInterrupt, breaks)] * 2
     with subscriptions.pop():
         deliver(sdk, 1)
     for subscription in subscriptions:

@@ -19,7 +19,8 @@ def test_a_history_is_read_as_it_is_iterated_over(sdk: tarvo.Sdk, tmp_path: path
     assert sdk.history() is None and sdk.current_location is None and sdk.next_trip is None
     for block in range(6):  # together more than a cursor holds
         tarvo.move_clock(START + timedelta(seconds=block))
-        sdk.deliver(dataclasses.replace(fix_at(step), speed=float(step)) for step in range(block * 100, block * 100 + 100))
+        steps = range(block * 100, block * 100 + 100)
+        sdk.deliver(dataclasses.replace(fix_at(step), speed=float(step)) for step in steps)
         assert sdk.wait_until_idle(60)
     history = sdk.history()
     assert history and len(history) == 600 and not history.trips
@@ -54,9 +55,8 @@ def test_trips_places_and_predictions_arrive(backend: str, tmp_path: pathlib.Pat
     tarvo.set_manual_clock(START)
     trips: list[tarvo.History] = []
     predictions: list[tarvo.Trip] = []
-    with tarvo.Sdk(
-        tmp_path / "home", server=backend, client_id="demo", api_key="demo-key", api_secret="demo-secret", bundle_id="a.b"
-    ) as sdk:
+    host = dict(client_id="demo", api_key="demo-key", api_secret="demo-secret", bundle_id="a.b")
+    with tarvo.Sdk(tmp_path / "home", server=backend, **host) as sdk:  # type: ignore[arg-type]
         sdk.on_route_matched(trips.append)
         sdk.on_prediction(predictions.append)
         with pytest.raises(tarvo.TooEarlyError):
@@ -132,5 +132,6 @@ def test_the_tracker_uploads_every_position(backend: str, tmp_path: pathlib.Path
     assert counts["stored"] == counts["acknowledged"] > 150
     read = run(SOURCE / "examples/python/plot_history.py", home, tmp_path / "track.csv", "--since", "2024-05-14")
     assert read.returncode == 0 and len((tmp_path / "track.csv").read_text().splitlines()) == counts["stored"] + 1
-    again = run(SOURCE / "examples/python/plot_history.py", tmp_path / "new", tmp_path / "t.geojson", "--recording", recording)
-    assert again.returncode == 0 and "LineString" in (tmp_path / "t.geojson").read_text()
+    plot = [SOURCE / "examples/python/plot_history.py", tmp_path / "new", tmp_path / "t.geojson"]
+    assert run(*plot, "--recording", recording).returncode == 0
+    assert "LineString" in (tmp_path / "t.geojson").read_text()

@@ -16,7 +16,8 @@ from tarvo import Battery, DeliveryOptions, Fix, StorageLimits, Value
 def test_everything_of_the_header_is_there() -> None:
     """No function and no number is forgotten."""
     header = (SOURCE / "bindings/c/include/tarvo-c/tarvo.h").read_text()
-    package = "".join(file.read_text() for file in (SOURCE / "bindings/python").rglob("*") if file.suffix in (".py", ".c"))
+    files = (SOURCE / "bindings/python").rglob("*")
+    package = "".join(file.read_text() for file in files if file.suffix in (".py", ".c"))
     named = set(re.findall(r"\b(tarvo_[a-z_]+)\(", re.sub(r"/\*.*?\*/", "", header, flags=re.S)))
     named |= set(re.findall(r"^  (TARVO_[A-Z_]+) =", header, re.M)) - {"TARVO_ABSENT"}
     assert len(named) > 100
@@ -63,7 +64,7 @@ MISTAKES: dict[str, tuple[type[Exception], Any]] = {
     "client id": (tarvo.RefusedError, lambda sdk: sdk.set_value(Value.CLIENT_ID, "a/b")),
     "span": (tarvo.ArgumentError, lambda sdk: sdk.wait_until_idle(math.inf)),
     "negative span": (tarvo.ArgumentError, lambda sdk: sdk.flush(-1)),
-    "bytes a day": (tarvo.ArgumentError, lambda sdk: setattr(sdk, "delivery_options", DeliveryOptions(metered_bytes_per_day=-1))),
+    "bytes": (tarvo.ArgumentError, lambda sdk: setattr(sdk, "storage_limits", StorageLimits(store_bytes=-1))),
     "subscriber": (TypeError, lambda sdk: sdk.on_locations(None)),
     "server": (tarvo.TooLateError, lambda sdk: set_up_again(sdk, server="https://other.example")),
     "clock": (tarvo.AlreadyError, lambda sdk: tarvo.set_manual_clock(START)),
@@ -103,7 +104,7 @@ def test_options_limits_and_values_come_back(sdk: tarvo.Sdk) -> None:
     limits = StorageLimits(timedelta(days=30), 200_000_000, timedelta(days=7), None)
     sdk.delivery_options, sdk.storage_limits = options, limits
     assert (sdk.delivery_options, sdk.storage_limits) == (options, limits)
-    values = {Value.API_KEY: "k", Value.SET_TAGS_LIST: {"a": "ü"}, Value.UNSET_TAGS_LIST: ["b"], Value.TOKEN_SENT: True}
+    values = {Value.API_KEY: "k", Value.SET_TAGS_LIST: {"a": "ü"}, Value.UNSET_TAGS_LIST: ["b"]}
     for value, content in values.items():
         sdk.set_value(value, content)
     assert {value: sdk.value(value) for value in values} == values

@@ -4,6 +4,7 @@ What leaves a callback goes to sys.unraisablehook; the other subscribers are cal
 """
 
 import atexit
+import functools
 import itertools
 import os
 import threading
@@ -58,9 +59,7 @@ class Subscribers:
         if not callable(function):
             raise TypeError(f"{function!r} cannot be called")
 
-        def entry(*arguments: Any) -> Any:  # the same function may subscribe twice
-            return function(*arguments)
-
+        entry = functools.partial(function)  # the same function may subscribe twice
         with self._lock:
             self._functions[kind] = (*self._functions.get(kind, ()), entry)
 

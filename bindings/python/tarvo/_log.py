@@ -1,8 +1,8 @@
 """The SDK's messages, as records of a logger.
 
-They hold coordinates, the API key and, at registration, the user's secret, so that nobody gets them unasked. A thread of
-Python takes them to the logger: the SDK never waits for it, and lines are dropped, and counted, where it falls behind by
-1 MiB. The line that says why the SDK ends the process goes to standard error at once.
+They hold coordinates, the API key and, at registration, the user's secret, so that nobody gets them unasked. A thread
+of Python takes them to the logger: the SDK never waits for it, and lines are dropped, and counted, where it falls
+behind by 1 MiB. The line that says why the SDK ends the process goes to standard error at once.
 """
 
 import logging

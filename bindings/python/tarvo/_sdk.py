@@ -120,6 +120,7 @@ class Sdk(Reading):
             self._handle = out[0]
             _current, _process = self, os.getpid()
         self._subscribers = Subscribers()
+        self._table_lock = threading.RLock()
         self._receiver: Receiver | None = None
         self._prompt: Callable[[PermissionRequest], None] | None = None
         self._streams: list[Stream[Any]] = []
@@ -155,8 +156,10 @@ class Sdk(Reading):
         """Stops collecting, having waited up to so many seconds until what was delivered is written. Then the process
         may have another Sdk. Inside a callback it cannot wait, and what is not yet written is lost."""
         if self._handle is not None:
-            self._settle(seconds)
-            self._free()
+            try:
+                self._settle(seconds)
+            finally:
+                self._free()
 
     def _settle(self, seconds: float) -> None:
         try:
@@ -194,8 +197,10 @@ class Sdk(Reading):
 
     async def __aexit__(self, *_: object) -> None:
         if self._handle is not None:
-            await asyncio.to_thread(self._settle, 5)
-            self._free()
+            try:
+                await asyncio.to_thread(self._settle, 5)
+            finally:
+                self._free()
 
     # ---- Collecting ----
 
@@ -226,7 +231,7 @@ class Sdk(Reading):
         check(lib.tarvo_stop_location_update(self._live))
 
     def claim_store(self, seconds: float = 0) -> None:
-        """Takes the right to write to the home now, waiting for another process so long; RefusedError has the reason."""
+        """Takes the right to write to the home now, waiting so long for another process; RefusedError says why."""
         why = ffi.new("char **")
         result = lib.tarvo_claim_store(self._live, seconds, why)
         if result == lib.TARVO_REFUSED:
@@ -253,13 +258,15 @@ class Sdk(Reading):
     def set_receiver(self, receiver: Receiver | None) -> None:
         """What the SDK switches on and off, on its delivery queue. The one before is stopped; one that stays is
         stopped and started where the prompt changes."""
-        self._receiver = receiver
-        self._set_table()
+        with self._table_lock:
+            self._receiver = receiver
+            self._set_table()
 
     def set_prompt(self, prompt: Callable[[PermissionRequest], None] | None) -> None:
         """Asks the user; answered by setting `permission`. On the main queue."""
-        self._prompt = prompt
-        self._set_table()
+        with self._table_lock:
+            self._prompt = prompt
+            self._set_table()
 
     @property
     def permission(self) -> Permission:
@@ -350,7 +357,8 @@ class Sdk(Reading):
     def _once(self, function: Any, handler: Callable[[], None], *arguments: Any) -> bool:
         user = hold(Once(handler))
         try:
-            accepted = check(function(self._live, *arguments, ffi.addressof(lib, "gated_once"), user, ffi.addressof(lib, "gated_released")))
+            once, released = ffi.addressof(lib, "gated_once"), ffi.addressof(lib, "gated_released")
+            accepted = check(function(self._live, *arguments, once, user, released))
         except BaseException:
             let_go(user)
             raise
@@ -375,12 +383,14 @@ class Sdk(Reading):
     def run_for(self, seconds: float) -> None:
         """Sleeps, running the main queue meanwhile; main thread only."""
         until = time.monotonic() + check_seconds(seconds)
+        poll = select.poll()
+        poll.register(self, select.POLLIN)
         while True:
             self.run_pending()
             left = until - time.monotonic()
             if left <= 0:
                 return
-            select.select([self], [], [], left)
+            poll.poll(left * 1000)
 
     def pump_in(self, loop: asyncio.AbstractEventLoop) -> bool:
         """Lets an asyncio loop run the main queue, until the Sdk is closed. False where that loop does not run on the
@@ -389,9 +399,13 @@ class Sdk(Reading):
             return False
         if self._loop is not loop:
             self._leave_loop()
-            loop.add_reader(self.fileno(), self.run_pending)
+            loop.add_reader(self.fileno(), self._pump)
             self._loop = loop
         return True
+
+    def _pump(self) -> None:
+        if self._handle is not None:  # another thread may be closing it
+            lib.tarvo_main_run_pending(ffi.NULL)
 
     def _leave_loop(self) -> None:
         loop, self._loop = self._loop, None
