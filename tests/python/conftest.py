@@ -49,6 +49,6 @@ def run(tmp_path: pathlib.Path) -> Run:
 
     def program(*arguments: object) -> "subprocess.CompletedProcess[str]":
         command = [sys.executable, *map(str, arguments)]
-        return subprocess.run(command, capture_output=True, text=True, timeout=120, cwd=tmp_path)
+        return subprocess.run(command, capture_output=True, text=True, timeout=400, cwd=tmp_path)
 
     return program
