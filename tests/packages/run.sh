@@ -87,12 +87,14 @@ host() {
   unset ROOT_USER
   make_root "$work/host"
   local name files=()
-  for name in libtarvo0.1 libtarvo-dev libtarvo-c0 libtarvo-c-dev; do
+  for name in libtarvo0.1 libtarvo-dev libtarvo-c0 libtarvo-c-dev python3-tarvo; do
     cp "$(package $name)" "$work/host/"
     files+=("/$(basename "$(package $name)")")
   done
   cp tests/consumer/CMakeLists.txt "$work/host/"
   install_in "$work/host" g++ cmake make pkg-config "${files[@]}"
+  sed -n '/^```python$/,/^```$/{/^```/!p;/^```$/q}' docs/python.md >"$work/host/unit.py"
+  in_root "$work/host" sh -ec 'python3 /unit.py "$(mktemp -d)" http://127.0.0.1:9/api | grep -F "[11, 48.002]"'
   in_root "$work/host" sh -ec 'unit=/usr/share/doc/libtarvo-dev/examples/unit.cpp
     cmake -S / -B /build -DUNIT_SOURCE=$unit -DTARVO_INCLUDE_DIR=/usr/include && make -C /build
     g++ $unit -o /build/unit $(pkg-config --cflags --libs tarvo)
