@@ -112,6 +112,19 @@ tarvo_result tarvo_engine_history(tarvo_sdk* sdk, tarvo_format format, double si
   });
 }
 
+tarvo_result tarvo_engine_last_trip(tarvo_sdk* sdk, tarvo_history** out) {
+  return bounded([&] {
+    const auto object = at(sdk);
+    required(out);
+    auto last = object->tarvo.locationManager().getLastPastTrip();
+    if (!last) return TARVO_ABSENT;
+    LocationsHistory history;
+    history.pasttrips.push_back(*std::move(last));
+    *out = handleTo<tarvo_history>(std::make_shared<History>(History{std::move(history)}));
+    return TARVO_OK;
+  });
+}
+
 tarvo_result tarvo_engine_places(tarvo_sdk* sdk, char** json) {
   return bounded([&] {
     const auto object = at(sdk);

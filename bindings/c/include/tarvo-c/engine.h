@@ -34,6 +34,8 @@ TARVO_C_API tarvo_result tarvo_engine_last_location(tarvo_sdk* sdk, tarvo_fix* o
 /** As `tarvo_get_history`, but an empty history is one too. Past trips by their times. */
 TARVO_C_API tarvo_result tarvo_engine_history(tarvo_sdk* sdk, tarvo_format format, double since, double until,
                                               tarvo_history** out);
+/** A history of the past trip with the highest identifier alone; TARVO_ABSENT without any. */
+TARVO_C_API tarvo_result tarvo_engine_last_trip(tarvo_sdk* sdk, tarvo_history** out);
 /** The places, highest identifier first, in a JSON list: objects of "poi_id", "latitude", "longitude" and the texts
  * "point_geo_json" and "zone_geo_json", as far as they are there. Give `*json` to `tarvo_free`. */
 TARVO_C_API tarvo_result tarvo_engine_places(tarvo_sdk* sdk, char** json);

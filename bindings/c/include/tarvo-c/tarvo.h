@@ -472,9 +472,8 @@ typedef enum tarvo_value TARVO_C_INT {
   TARVO_IDENTIFIER_FOR_VENDOR = 12,  /**< a UUID; "" makes it absent */
   TARVO_SUBSCRIPTION_LIST = 13,      /**< object of texts */
   TARVO_UNSUBSCRIPTION_LIST = 14,    /**< list of texts */
-  TARVO_API_KEY_SECRET = 15,         /**< setting it only stores it: see `tarvo_set_api_key_secret` */
-  TARVO_CALL_FROM_SERVER_KEY =
-      16, /**< only read, as all that follow: tarvo/LocationManager.h, tarvo/NetworkManager.h */
+  TARVO_API_KEY_SECRET = 15,         /**< only stores it; what follows is only read */
+  TARVO_CALL_FROM_SERVER_KEY = 16,
   TARVO_ENGINE_API_KEY = 17,
   TARVO_STARTED = 18,               /**< truth */
   TARVO_ALREADY_RECEIVED_UUID = 19, /**< truth */
