@@ -263,7 +263,8 @@ static void testReleases(Tarvo* tarvo) {
   for (i = 0; i < 2000; ++i) {
     NSAutoreleasePool* pool = [[NSAutoreleasePool alloc] init];
     TarvoLocationsHistory* history = [[tarvo locationManager] getLocationhistorySince:nil until:nil];
-    CHECK([[history locations] objectAtIndex:(NSUInteger)i % 20] != nil && [[Tarvo LastPrediction] toLocations] != nil);
+    CHECK([[history locations] objectAtIndex:(NSUInteger)i % 20] != nil &&
+          [[Tarvo LastPrediction] getNextDestination] != nil);
     if (i == 1000) CHECK([TarvoHost liveObjects] > before);
     [pool release];
   }

@@ -55,9 +55,54 @@ NSDate* TVDate(double seconds) { return isnan(seconds) ? nil : [NSDate dateWithT
 double TVSeconds(NSDate* date) { return date == nil ? nan("") : [date timeIntervalSince1970]; }
 NSNumber* TVNumber(double number) { return [NSNumber numberWithDouble:number]; }
 
+/* GNUstep takes a value of two doubles for a point, of which its getValue: gives the half. */
+@interface TVCoordinateValue : NSValue {
+ @private
+  CLLocationCoordinate2D _coordinate;
+}
+@end
+
+@implementation TVCoordinateValue
+- (instancetype)initWithBytes:(const void*)bytes objCType:(const char*)type {
+  (void)type;
+  memcpy(&_coordinate, bytes, sizeof _coordinate);
+  return self;
+}
+
+- (void)getValue:(void*)bytes {
+  memcpy(bytes, &_coordinate, sizeof _coordinate);
+}
+
+- (const char*)objCType {
+  return @encode(CLLocationCoordinate2D);
+}
+
+- (BOOL)isEqualToValue:(NSValue*)other {
+  return [other isKindOfClass:[TVCoordinateValue class]] &&
+         memcmp(&_coordinate, &((TVCoordinateValue*)other)->_coordinate, sizeof _coordinate) == 0;
+}
+
+- (BOOL)isEqual:(id)other {
+  return [self isEqualToValue:other];
+}
+
+- (NSUInteger)hash {
+  return (NSUInteger)(long long)(_coordinate.latitude * 1e7 + _coordinate.longitude * 1e3);
+}
+
+- (id)copyWithZone:(NSZone*)zone {
+  (void)zone;
+  return [self retain];
+}
+
+- (NSString*)description {
+  return [NSString stringWithFormat:@"<%+.8f,%+.8f>", _coordinate.latitude, _coordinate.longitude];
+}
+@end
+
 NSValue* TVCoordinate(double latitude, double longitude) {
   const CLLocationCoordinate2D coordinate = CLLocationCoordinate2DMake(latitude, longitude);
-  return [NSValue valueWithBytes:&coordinate objCType:@encode(CLLocationCoordinate2D)];
+  return [[[TVCoordinateValue alloc] initWithBytes:&coordinate objCType:@encode(CLLocationCoordinate2D)] autorelease];
 }
 
 static char* valueOf(tarvo_value value) {

@@ -14,7 +14,7 @@ typedef double CLLocationSpeed;     /**< metres per second; negative: unknown */
 typedef double CLLocationDirection; /**< degrees clockwise from true north; negative: unknown */
 
 /** A point on the WGS 84 ellipsoid; an unset one of the SDK is (-200, -200). */
-typedef struct CLLocationCoordinate2D { /* without a name GNUstep takes its NSValues for points */
+typedef struct CLLocationCoordinate2D {
   CLLocationDegrees latitude, longitude;
 } CLLocationCoordinate2D;
 
