@@ -331,7 +331,12 @@ static void testHost(Tarvo* tarvo, Listener* listener) {
 }
 
 int main(int argc, char** argv) {
+  static const char* const ours[] = {"CLLocation",    "TarvoTrip",     "TarvoLocationsHistory",
+                                     "TarvoPosition", "TarvoPastTrip", "TVPositions",
+                                     "TVHandler",     "Tarvo",         "Listener"};
+  size_t i;
   NSAutoreleasePool* pool = [[NSAutoreleasePool alloc] init];
+  const BOOL wasCounted = GSDebugAllocationActive(YES);
   Listener* listener = [[Listener alloc] init];
   NSDictionary* info =
       [NSDictionary dictionaryWithObjectsAndKeys:@"demo", @"TarvoClientID", @"demo-key", @"TarvoApiKey", nil];
@@ -370,5 +375,14 @@ int main(int argc, char** argv) {
   CHECK([TarvoHost liveObjects] == 0);
   [listener release];
   CHECK(listeners == 0);
+  pool = [[NSAutoreleasePool alloc] init];
+  for (i = 0; i < sizeof ours / sizeof *ours; ++i) {
+    const int left = GSDebugAllocationCount(NSClassFromString([NSString stringWithUTF8String:ours[i]]));
+    if (left == 0) continue;
+    fprintf(stderr, "%d of %s are left\n", left, ours[i]);
+    ++failures;
+  }
+  GSDebugAllocationActive(wasCounted);
+  [pool release];
   return failures > 0;
 }
