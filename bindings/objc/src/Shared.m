@@ -185,10 +185,10 @@ tarvo_sdk* TVSdk(void) {
   if (sdk != NULL || isLogging) return isLogging ? NULL : sdk;
   pthread_mutex_lock(&making);
   if (theSdk == NULL && TVDone(tarvo_sdk_new(&sdk), "the SDK cannot be made")) {
+    __atomic_store_n(&theSdk, sdk, __ATOMIC_RELEASE); /* first: what the table calls need not wait here */
     setTable(sdk, hostDelegate);
     [hostDelegate release];
     hostDelegate = nil;
-    __atomic_store_n(&theSdk, sdk, __ATOMIC_RELEASE);
   }
   sdk = theSdk;
   pthread_mutex_unlock(&making);
