@@ -5,10 +5,11 @@
 # usage: run.sh LIBRARY SOURCE_DIR [--write]; 77 where abidiff is not installed or there is no reference for the machine.
 set -euo pipefail
 library=$1 source=$2
-header=$source/bindings/c/include/tarvo-c/tarvo.h
 reference=$source/bindings/c/abi/$(uname -m).abi
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+header=$work/whole.h  # both headers in one
+cat "$source"/bindings/c/include/tarvo-c/{tarvo,engine}.h | grep -v '^#include <tarvo-c/' >"$header"
 failed=0
 fail() { echo "$1"; failed=1; }
 

@@ -27,6 +27,7 @@ void test_receiver(void);
 void test_main_queue(void);
 void test_log(void);
 void test_fork(void);
+void test_engine(void);
 void test_history(void);
 void test_threads(void);
 

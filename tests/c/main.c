@@ -67,6 +67,7 @@ int main(int argc, char** argv) {
                {"main_queue", test_main_queue},
                {"log", test_log},
                {"fork", test_fork},
+               {"engine", test_engine},
                {"history", test_history},
                {"threads", test_threads}};
   size_t i;

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The example in C: compiled as every C that is promised, replays what a receiver said against a sandbox, which has every
 # position then; what it prints is what the C++ program prints. usage: tracker.sh TARVO_PROGRAM SOURCE_DIR C_LIBRARY [valgrind]
-# With "valgrind" under that; 77 where it is not installed.
+# With "valgrind" under that; 77 where it is not installed. TRACKER names one that was built from another language.
 set -euo pipefail
 program=$1 source=$2 library=$3 under=${4:-}
 work=$(mktemp -d)
@@ -12,6 +12,7 @@ if [ -n "$under" ]; then
   command -v valgrind >/dev/null || { echo "skipped: valgrind is not installed"; exit 77; }
   run=(valgrind -q --leak-check=full --show-leak-kinds=definite,indirect --errors-for-leak-kinds=definite,indirect --error-exitcode=99)
 fi
+if [ -n "${TRACKER:-}" ]; then cp "$TRACKER" "$work/tracker"; else
 strict="-Wall -Wextra -pedantic -Werror -I$source/bindings/c/include"
 example=$source/examples/c/tracker.c
 for compiler in gcc clang; do
@@ -23,6 +24,7 @@ ${CXX:-c++} $strict -x c++ -fsyntax-only - <<<'#include <tarvo-c/tarvo.h>'
 # shellcheck disable=SC2086
 ${CC:-cc} -std=c99 -g $strict ${TRACKER_FLAGS:-} "$example" "$library" -Wl,-rpath,"$(dirname "$library"):$(dirname "$library")/../../src" \
   -Wl,-rpath-link,"$(dirname "$library")/../../src" -o "$work/tracker"
+fi
 
 "$program" sandbox --port 0 --data "$work/backend" >"$work/addresses" 2>"$work/sandbox.log" &
 sandbox=$!

@@ -43,7 +43,7 @@ grep -rnE '#include "(platform|settings|log|store|records|net|sync|engine|facade
 
 while read -r lines file; do
   [ "$file" = total ] || [ "$lines" -le 500 ] || fail "$file has $lines lines"
-done < <(find . \( -name build -o -name .git \) -prune -o \( -name '*.cpp' -o -name '*.h' -o -name '*.sh' -o -name '*.cmake' \
+done < <(find . \( -name build -o -name .git \) -prune -o \( -name '*.cpp' -o -name '*.h' -o -name '*.m' -o -name '*.sh' -o -name '*.cmake' \
   -o -name '*.js' -o -name '*.css' -o -name '*.html' -o -name '*.py' \) \
   -print0 | xargs -0 wc -l)
 # A test reads at one glance.

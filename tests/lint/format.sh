@@ -3,4 +3,4 @@
 set -euo pipefail
 cd "$1"
 tool=$(command -v clang-format-14) || { echo "skipped: clang-format is not installed"; exit 77; }
-find src include bindings examples apps tests bench \( -name '*.h' -o -name '*.cpp' -o -name '*.c' \) -print0 | xargs -0 "$tool" --dry-run -Werror
+find src include bindings examples apps tests bench \( -name '*.h' -o -name '*.cpp' -o -name '*.c' -o -name '*.m' \) -print0 | xargs -0 "$tool" --dry-run -Werror

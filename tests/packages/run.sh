@@ -87,7 +87,7 @@ host() {
   unset ROOT_USER
   make_root "$work/host"
   local name files=()
-  for name in libtarvo0.1 libtarvo-dev libtarvo-c0 libtarvo-c-dev python3-tarvo; do
+  for name in libtarvo0.1 libtarvo-dev libtarvo-c0 libtarvo-c-dev libtarvo-objc0 libtarvo-objc-dev python3-tarvo; do
     cp "$(package $name)" "$work/host/"
     files+=("/$(basename "$(package $name)")")
   done

@@ -32,15 +32,6 @@ static_assert(TARVO_BATTERY_UNPLUGGED == static_cast<int>(UIDeviceBatteryState::
 static_assert(TARVO_BATTERY_CHARGING == static_cast<int>(UIDeviceBatteryState::charging));
 static_assert(TARVO_BATTERY_FULL == static_cast<int>(UIDeviceBatteryState::full));
 
-/// Whether the engine has a position to store for a push message.
-bool canTakePush(Tarvo& tarvo) {
-  const LocationService& service = LocationService::shared();
-  if (service.authorizationStatus() != CLAuthorizationStatus::authorizedAlways)
-    return tarvo.locationManager().getLastLocation().has_value();
-  const auto fixes = service.statistics();
-  return fixes.received > fixes.notFinite + fixes.offTheGlobe + fixes.impossibleTime;
-}
-
 tarvo_result givesText(tarvo_sdk* sdk, void (Tarvo::*operation)(const std::string&), const char* argument) {
   return bounded([&] {
     const auto object = at(sdk);
@@ -57,6 +48,14 @@ tarvo_result givesTexts(tarvo_sdk* sdk, void (Tarvo::*operation)(const std::stri
 }
 
 }  // namespace
+
+bool tarvo::c::canTakePush(Tarvo& tarvo) {
+  const LocationService& service = LocationService::shared();
+  if (service.authorizationStatus() != CLAuthorizationStatus::authorizedAlways)
+    return tarvo.locationManager().getLastLocation().has_value();
+  const auto fixes = service.statistics();
+  return fixes.received > fixes.notFinite + fixes.offTheGlobe + fixes.impossibleTime;
+}
 
 extern "C" {
 

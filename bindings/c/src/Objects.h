@@ -135,6 +135,9 @@ void unrefTo(Handle* handle) noexcept {
   if (!isForked()) Handles::shared().unref(numberOf(handle), Kind<Handle>::number);
 }
 
+/// Whether the engine has a position to store for a push message.
+bool canTakePush(Tarvo& tarvo);
+
 /// Between the C record and the SDK's.
 tarvo_fix fixOf(const platform::CLLocation& fix);
 platform::CLLocation locationOf(const tarvo_fix& fix);

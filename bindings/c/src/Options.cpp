@@ -95,7 +95,7 @@ bool truthOf(const char* text) {
   return *truth;
 }
 
-std::optional<std::string> valueOf(tarvo_value value) {
+std::optional<std::string> valueOf(tarvo_value value, const LocationManager& engine) {
   switch (value) {
     case TARVO_API_KEY:
       return Tarvo::tarvoapiKey();
@@ -125,6 +125,30 @@ std::optional<std::string> valueOf(tarvo_value value) {
       return objectOf(NetworkManager::SUBSCRIPTION_LIST());
     case TARVO_UNSUBSCRIPTION_LIST:
       return listOf(NetworkManager::UNSUBSCRIPTION_LIST());
+    case TARVO_API_KEY_SECRET:
+      return NetworkManager::apiKeySecret();
+    case TARVO_CALL_FROM_SERVER_KEY:
+      return LocationManager::callFromServerNotificationKey();
+    case TARVO_ENGINE_API_KEY:
+      return engine.apiKey();
+    case TARVO_STARTED:
+      return jsonOf(engine.tarvoStarted());
+    case TARVO_ALREADY_RECEIVED_UUID:
+      return jsonOf(engine.alreadyReceivedUUID());
+    case TARVO_RANDOM_ID:
+      return jsonOf(engine.randomID());
+    case TARVO_APP_STATE:
+      return LocationManager::getAppState();
+    case TARVO_SECRET_KEY:
+      return NetworkManager::SECRET_KEY;
+    case TARVO_UUID_SECRET:
+      return NetworkManager::UUID_SECRET_KEY();
+    case TARVO_CHANNEL_IS_HELD:
+      return jsonOf(NetworkManager::CANAL_LOCK());
+    case TARVO_CHANNEL_TAKEN_AT:
+      return jsonOf(platform::secondsSince1970(NetworkManager::CANAL_TIME_LOCK()));
+    case TARVO_LAST_TRIP_ID:
+      return jsonOf(NetworkManager::LAST_TRIP_ID());
   }
   throw Refusal{TARVO_BAD_ARGUMENT};
 }
@@ -150,12 +174,25 @@ bool setValue(tarvo_value value, const char* given) {
       return NetworkManager::setSUBSCRIPTION_LIST(namedTextsOf(given)), true;
     case TARVO_UNSUBSCRIPTION_LIST:
       return NetworkManager::setUNSUBSCRIPTION_LIST(textsOf<std::set<std::string>>(given)), true;
+    case TARVO_API_KEY_SECRET:
+      return NetworkManager::setApiKeySecret(text(given)), true;
     case TARVO_IDENTIFIER_FOR_VENDOR:
       return UIDevice::current().setIdentifierForVendor(text(given));
     case TARVO_BACKGROUND_SESSION_ID:
     case TARVO_REMOTE_WEB_SERVER_URL:
     case TARVO_USER_UUID:
     case TARVO_TERRAMESH_DATA_VERSION:
+    case TARVO_CALL_FROM_SERVER_KEY:
+    case TARVO_ENGINE_API_KEY:
+    case TARVO_STARTED:
+    case TARVO_ALREADY_RECEIVED_UUID:
+    case TARVO_RANDOM_ID:
+    case TARVO_APP_STATE:
+    case TARVO_SECRET_KEY:
+    case TARVO_UUID_SECRET:
+    case TARVO_CHANNEL_IS_HELD:
+    case TARVO_CHANNEL_TAKEN_AT:
+    case TARVO_LAST_TRIP_ID:
       break;
   }
   throw Refusal{TARVO_BAD_ARGUMENT};
@@ -210,9 +247,9 @@ tarvo_result tarvo_set_storage_limits(tarvo_sdk* sdk, const tarvo_storage_limits
 
 tarvo_result tarvo_get_value(tarvo_sdk* sdk, tarvo_value value, char** out) {
   return bounded([&] {
-    at(sdk);
+    const auto object = at(sdk);
     required(out);
-    const auto text = valueOf(value);
+    const auto text = valueOf(value, object->tarvo.locationManager());
     if (!text) return TARVO_ABSENT;
     *out = given(*text);
     return TARVO_OK;

@@ -471,7 +471,19 @@ typedef enum tarvo_value TARVO_C_INT {
   TARVO_TERRAMESH_DATA_VERSION = 11, /**< only read */
   TARVO_IDENTIFIER_FOR_VENDOR = 12,  /**< a UUID; "" makes it absent */
   TARVO_SUBSCRIPTION_LIST = 13,      /**< object of texts */
-  TARVO_UNSUBSCRIPTION_LIST = 14     /**< list of texts */
+  TARVO_UNSUBSCRIPTION_LIST = 14,    /**< list of texts */
+  TARVO_API_KEY_SECRET = 15,         /**< only stores it; what follows is only read */
+  TARVO_CALL_FROM_SERVER_KEY = 16,
+  TARVO_ENGINE_API_KEY = 17,
+  TARVO_STARTED = 18,               /**< truth */
+  TARVO_ALREADY_RECEIVED_UUID = 19, /**< truth */
+  TARVO_RANDOM_ID = 20,
+  TARVO_APP_STATE = 21,
+  TARVO_SECRET_KEY = 22,
+  TARVO_UUID_SECRET = 23,
+  TARVO_CHANNEL_IS_HELD = 24,  /**< truth */
+  TARVO_CHANNEL_TAKEN_AT = 25, /**< a time */
+  TARVO_LAST_TRIP_ID = 26
 } tarvo_value;
 /** Give `*out` to `tarvo_free`. */
 TARVO_C_API tarvo_result tarvo_get_value(tarvo_sdk* sdk, tarvo_value value, char** out);
