@@ -53,12 +53,12 @@ struct EngineParts::Probe {
       return;
     }
     const int hop = hops;
-    EngineParts& engine = parts;
+    EngineParts& owner = parts;  // outlives this, which is moved
     std::function<void()> next = std::move(*this);
     if (hop == 3)
-      engine.store.managedObjectContext().perform(std::move(next));
+      owner.store.managedObjectContext().perform(std::move(next));
     else
-      (hop == 1 ? engine.state.serialQueue : engine.state.serialQueueLocation).async(std::move(next));
+      (hop == 1 ? owner.state.serialQueue : owner.state.serialQueueLocation).async(std::move(next));
   }
 };
 
