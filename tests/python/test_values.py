@@ -108,6 +108,7 @@ def test_options_limits_and_values_come_back(sdk: tarvo.Sdk) -> None:
     for value, content in values.items():
         sdk.set_value(value, content)
     assert {value: sdk.value(value) for value in values} == values
+    assert sdk.value(Value.STARTED) is True and sdk.value(Value.CHANNEL_TAKEN_AT) == START.timestamp()
     sdk.set_setting("a", {"b": [1, None, "c"]})
     assert sdk.setting("a") == {"b": [1, None, "c"]}
     sdk.set_setting("a", None)

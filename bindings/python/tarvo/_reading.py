@@ -122,7 +122,7 @@ class Reading:
     # ---- Values ----
 
     def value(self, value: Value) -> Json:
-        """A text, a truth, a list or a dictionary of texts; None where there is none."""
+        """A text, a truth, a number, a list or a dictionary of texts; None where there is none."""
         read = taken_json if Value(value).is_json else taken_text
         return read(lib.tarvo_get_value, self._live, value)
 

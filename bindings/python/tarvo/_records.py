@@ -90,16 +90,35 @@ class Value(enum.IntEnum):
     IDENTIFIER_FOR_VENDOR = lib.TARVO_IDENTIFIER_FOR_VENDOR
     SUBSCRIPTION_LIST = lib.TARVO_SUBSCRIPTION_LIST
     UNSUBSCRIPTION_LIST = lib.TARVO_UNSUBSCRIPTION_LIST
+    # Of the engine; only read, but for the secret.
+    API_KEY_SECRET = lib.TARVO_API_KEY_SECRET
+    CALL_FROM_SERVER_KEY = lib.TARVO_CALL_FROM_SERVER_KEY
+    ENGINE_API_KEY = lib.TARVO_ENGINE_API_KEY
+    STARTED = lib.TARVO_STARTED
+    ALREADY_RECEIVED_UUID = lib.TARVO_ALREADY_RECEIVED_UUID
+    RANDOM_ID = lib.TARVO_RANDOM_ID
+    APP_STATE = lib.TARVO_APP_STATE
+    SECRET_KEY = lib.TARVO_SECRET_KEY
+    UUID_SECRET = lib.TARVO_UUID_SECRET
+    CHANNEL_IS_HELD = lib.TARVO_CHANNEL_IS_HELD
+    CHANNEL_TAKEN_AT = lib.TARVO_CHANNEL_TAKEN_AT
+    LAST_TRIP_ID = lib.TARVO_LAST_TRIP_ID
 
     @property
     def is_json(self) -> bool:
-        """Whether it is a truth, a list or a dictionary, and no text."""
+        """Whether it is a truth, a number, a list or a dictionary, and no text."""
         return self in (
             Value.TOKEN_SENT,
             Value.SET_TAGS_LIST,
             Value.UNSET_TAGS_LIST,
             Value.SUBSCRIPTION_LIST,
             Value.UNSUBSCRIPTION_LIST,
+            Value.STARTED,
+            Value.ALREADY_RECEIVED_UUID,
+            Value.RANDOM_ID,
+            Value.CHANNEL_IS_HELD,
+            Value.CHANNEL_TAKEN_AT,
+            Value.LAST_TRIP_ID,
         )
 
 
