@@ -94,11 +94,15 @@ host() {
   cp tests/consumer/CMakeLists.txt "$work/host/"
   install_in "$work/host" g++ cmake make pkg-config "${files[@]}"
   sed -n '/^```python$/,/^```$/{/^```/!p;/^```$/q}' docs/python.md >"$work/host/unit.py"
-  in_root "$work/host" sh -ec 'python3 /unit.py "$(mktemp -d)" http://127.0.0.1:9/api | grep -F "[11, 48.002]"'
+  sed -n '/^```objc unit.m$/,/^```$/{/^```/!p}' docs/objc.md >"$work/host/unit.m"
   in_root "$work/host" sh -ec 'unit=/usr/share/doc/libtarvo-dev/examples/unit.cpp
     cmake -S / -B /build -DUNIT_SOURCE=$unit -DTARVO_INCLUDE_DIR=/usr/include && make -C /build
     g++ $unit -o /build/unit $(pkg-config --cflags --libs tarvo)
     gcc /usr/share/doc/libtarvo-c-dev/examples/tracker.c -o /build/tracker $(pkg-config --cflags --libs tarvo-c)
+    gcc $(gnustep-config --objc-flags) -std=gnu11 /unit.m -o /build/unit-objc $(pkg-config --cflags --libs tarvo-objc) \
+      $(gnustep-config --base-libs)
+    /build/unit-objc "$(mktemp -d)" http://127.0.0.1:9/api | grep -F "[11,48],[11,48.001],[11 ,48.002]"
+    python3 /unit.py "$(mktemp -d)" http://127.0.0.1:9/api | grep -F "[11, 48.002]"
     for host in /build/consumer /build/unit; do
       $host "$(mktemp -d)" http://127.0.0.1:9/api | grep -F "[11,48],[11,48.001],[11 ,48.002]"; done'
 }
