@@ -29,7 +29,7 @@ WORK = pathlib.Path(tempfile.mkdtemp(prefix="tarvo-manual-"))
 LANGUAGES = dict.fromkeys(["cmake", "cpp", "ini", "json", "jsonl", "sh", "sql", "text", "toml"])
 LANGUAGES |= {"c": "docs/c.md", "objc": "docs/objc.md", "python": "docs/python.md"}
 # Commands of a system, which the machine that runs this need not have.
-SYSTEM = "cd clang-format-14 createdb dpkg-buildpackage editor export socat systemctl umask".split()
+SYSTEM = "cd clang-format-14 createdb dpkg-buildpackage editor export socat systemctl ulimit umask".split()
 ALL = list(blocks(SOURCE))
 failures: list[str] = []
 
