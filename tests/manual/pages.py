@@ -19,31 +19,24 @@ class Block:
     def __str__(self) -> str:
         return f"{self.page}:{self.line}"
 
-    def is_run_in_order(self) -> bool:
-        return "in order" in self.says
+    def is_in_order(self) -> bool:
+        """Whether it is a part of its page's session: what is run there, what that prints, and the files that it uses."""
+        return "in order" in self.says and (self.language in ("sh", "text") or "file" in self.says)
 
 
 def blocks(source: pathlib.Path) -> typing.Iterator[Block]:
     """Of every page. One with a comment `in order` is a session: each of its blocks says so too."""
-    for page in [*source.glob("*.md"), *source.glob("docs/**/*.md")]:
-        lines = page.read_text().split("\n")
-        before: list[str] = []
-        of_page: dict[str, str] = {}
-        number = 0
+    for path in [*source.glob("*.md"), *source.glob("docs/**/*.md")]:
+        page, lines = str(path.relative_to(source)), path.read_text().split("\n")
+        of_page = dict(re.findall("^<!-- (in order): (.*) -->$", "\n".join(lines), re.M))
+        begins = number = 0  # of the text since the last block
         while number < len(lines):
-            line = lines[number]
-            if fence := re.match(r" *```(.*)", line):
+            if fence := re.match(r" *```(.*)", lines[number]):
                 end = next(i for i in range(number + 1, len(lines)) if lines[i].strip() == "```")
-                says = dict(re.findall(SAYS, "\n".join(before), re.S))
-                text = "\n".join(lines[number + 1 : end]) + "\n"
-                yield Block(str(page.relative_to(source)), number + 2, fence[1], text, {**of_page, **says})
-                number, before = end, []
-            elif line.startswith("    ") and not "\n".join(before).strip():
-                yield Block(str(page.relative_to(source)), number + 1, "indented", line, {})
-            elif line and not line.startswith("<!--") and not (before and "-->" not in before[-1]):
-                before = []
-            else:
-                if line.startswith("<!-- in order:"):
-                    of_page = dict(re.findall(SAYS, line))
-                before.append(line)
+                before = re.search(r"(<!-- ((?!-->).)* -->\s*)*$", "\n".join(lines[begins:number]), re.S)
+                says = dict(re.findall(SAYS, before[0] if before else "", re.S))
+                yield Block(page, number + 2, fence[1], "\n".join(lines[number + 1 : end]) + "\n", {**of_page, **says})
+                begins = number = end
+            elif lines[number].startswith("    ") and not lines[number - 1].strip():
+                yield Block(page, number + 1, "indented", lines[number], {})
             number += 1

@@ -45,7 +45,7 @@ def run(*command: typing.Any, **how: typing.Any) -> subprocess.CompletedProcess[
 
 
 def of(*languages: str) -> list[Block]:
-    return [block for block in ALL if block.language in languages and not block.is_run_in_order()]
+    return [block for block in ALL if block.language in languages and not block.is_in_order()]
 
 
 def labels() -> None:
@@ -54,10 +54,14 @@ def labels() -> None:
             fail(block, f"a block of {block.language or 'no language'}, for which there is no check")
         elif block.page != (LANGUAGES[block.language] or block.page):
             fail(block, f"no test compiles {block.language} of this page")
-        elif block.language == "cmake" and not ("file" in block.says and block.is_run_in_order()):
+        elif block.language == "cmake" and not ("file" in block.says and block.is_in_order()):
             fail(block, "no command uses this file")
         elif block.says.get("check", "truth") not in CHECKS:
             fail(block, f"there is no check of the name {block.says['check']}")
+    told = (SOURCE / "docs/faults.md").read_text()
+    for driver in SOURCE.glob("tests/faults/*.cpp"):
+        if f"| `{driver.stem}` |" not in told:
+            fail("docs/faults.md", f"nothing is said of {driver.name}")
 
 
 def cpp() -> None:
@@ -193,9 +197,10 @@ def shell() -> None:
             parsed = run("bash", "-n", input=block.text)
             if parsed.returncode:
                 fail(block, parsed.stdout)
+                continue
             for number, words in enumerate(commands(block)):
                 known(block, words)
-                if words[0] == "tarvo" and "not run" not in block.says and not block.is_run_in_order():
+                if words[0] == "tarvo" and "not run" not in block.says and not block.is_in_order():
                     folder = WORK / f"{block.page.replace('/', '-')}-{block.line}-{number}"
                     tried.append(pool.submit(tries, folder, block, words))
     for done in tried:
@@ -211,7 +216,7 @@ def in_order() -> None:
     if installed.returncode:
         fail("cmake --install", installed.stdout)
     world()
-    for page in sorted({block.page for block in ALL if block.is_run_in_order()}):
+    for page in sorted({block.page for block in ALL if block.is_in_order()}):
         house = shutil.copytree(WORK / "world", WORK / f"house-{pathlib.Path(page).stem}")
         (house / "tarvo").symlink_to(WORK / "tarvo")
         path = f"{house}/bin:{BUILD}/bin:{os.environ['PATH']}"
@@ -279,7 +284,8 @@ def positions(block: Block, value: typing.Any) -> None:
 def home(block: Block, _: typing.Any) -> None:
     """The files of a home in which all has happened are among those that are listed, and the other way round."""
     day = WORK / "world"
-    replay(day, "--home", "day", "--mode", "12", "--script", "day.jsonl", "--sandbox-data", "backend.json")
+    (day / "push.jsonl").write_text('{"at": 600, "event": "push", "payload": {"messageFrom": "tarvo"}}')  # log files on
+    replay(day, "--home", "day", "--mode", "12", "--script", "push.jsonl", "--sandbox-data", "backend.json")
     real = {str(path.relative_to(day / "day")) for path in (day / "day").rglob("*") if path.is_file()}
     real -= {name for name in real if re.search(r"-(wal|shm)$|^sandbox", name)}
     listed = {re.sub(r"<\w+>|\d{4}-\d\d-\d\d", "*", line.split()[0]) for line in block.text.splitlines()}
@@ -314,7 +320,7 @@ def demo(block: Block, _: typing.Any) -> None:
     prints(block, ended.stdout)
 
 
-def toml(block: Block) -> None:
+def toml(block: Block, _: typing.Any) -> None:
     (WORK / "unit.toml").write_text(block.text)
     (WORK / "secret").write_text("secret")
     try:
@@ -324,7 +330,7 @@ def toml(block: Block) -> None:
         pass
 
 
-def ini(block: Block) -> None:
+def ini(block: Block, _: typing.Any) -> None:
     (WORK / "tarvo.service.d").mkdir()
     shutil.copy(BUILD / "tarvo.service", WORK)
     (WORK / "tarvo.service.d/drop-in.conf").write_text(block.text)
@@ -335,18 +341,15 @@ def ini(block: Block) -> None:
 
 
 def data() -> None:
-    folder = world()
-    assert folder
+    world()
     for block in of("json", "jsonl", "text", "toml", "ini"):
         try:
             value = json.loads(re.sub(r",\s*\.\.\.", "", block.text)) if block.language == "json" else None
-        except ValueError as error:
-            fail(block, str(error))
-            continue
-        if check := block.says.get("check"):
-            CHECKS[check](block, value)
-        elif block.language in ("toml", "ini"):
-            {"toml": toml, "ini": ini}[block.language](block)
+            check = block.says.get("check", block.language)
+            if check in CHECKS:
+                CHECKS[check](block, value)
+        except (OSError, ValueError, LookupError, StopIteration, subprocess.TimeoutExpired) as error:
+            fail(block, repr(error))
 
 
 def sql() -> None:
@@ -372,7 +375,7 @@ def sql() -> None:
     server.wait()
 
 
-CHECKS = {check.__name__: check for check in (demo, faults, home, log, positions, truth)}
+CHECKS = {check.__name__: check for check in (demo, faults, home, ini, log, positions, toml, truth)}
 
 try:
     {each.__name__: each for each in (labels, cpp, shell, in_order, data, sql)}[PART]()
