@@ -20,7 +20,7 @@ class Block:
         return f"{self.page}:{self.line}"
 
     def is_in_order(self) -> bool:
-        """Whether it is a part of its page's session: what is run there, what that prints, and the files that it uses."""
+        """Whether it is a part of its page's session: what is run there, what that prints, and the files it uses."""
         return "in order" in self.says and (self.language in ("sh", "text") or "file" in self.says)
 
 

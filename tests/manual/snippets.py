@@ -84,10 +84,11 @@ def cpp() -> None:
                 print(f"{block}: left out, {package} is not installed")
                 continue
             flags += found.stdout.split()
-        outside, inside, is_outside = [block.says.get("needs", "")], [], False
+        outside, inside, is_outside = [block.says.get("needs", "")], [""], False
         for at, line in enumerate(block.text.split("\n"), block.line):
             numbered = f'#line {at} "{block.page}"\n{line}'
-            is_outside = is_outside or bool(re.match(r"(class|struct|\w[\w:<>*&]*) \**\w+(\(.*\))?.* \{( *//.*)?$", line))
+            begins = re.match(r"(class|struct|\w[\w:<>*&]*) \**\w+(\(.*\))?.* \{( *//.*)?$", line)
+            is_outside = is_outside or begins is not None
             (includes if line.startswith("#include") else outside if is_outside else inside).append(numbered)
             is_outside = is_outside and not line.startswith("}")
         rest += [f"namespace snippet{number} {{", *outside, "int body() {", *inside, "return 0;\n}\n}"]
@@ -99,8 +100,8 @@ def cpp() -> None:
 
 def commands(block: Block) -> typing.Iterator[list[str]]:
     """The words of each command of a block, without redirections and what stands before it."""
-    plain = re.sub(r"\$\([^()]*\)", "WORDS", re.sub(r"\[[^]]*\]", lambda m: m[0].replace("|", ""), block.text))
-    for line in plain.replace("\\\n", " ").split("\n"):
+    plain = re.sub(r"\$\([^()]*\)", "WORDS", block.text.replace("\\\n", " "))
+    for line in re.sub(r"( \[[^]|]*)\|", r"\1", plain).split("\n"):  # a synopsis has alternatives, no pipes
         words = shlex.shlex(line, posix=True, punctuation_chars=True)
         words.whitespace_split = True
         command: list[str] = []
@@ -149,12 +150,12 @@ def tries(folder: pathlib.Path, where: Block, words: list[str]) -> None:
     shutil.copytree(WORK / "world", folder)
     names = {"TRACE.gpx": "trip.gpx", "DAY.jsonl": "day.jsonl", "RULES.json": "rules.json", "DIR": "home", "ID": "demo",
              "KEY": "demo-key", "FILE": "tarvo-secret", "URL": "http://127.0.0.1:9/api"}
-    words = [re.sub("^(/etc|/srv|/var|~)/", lambda m: f"{folder}{m[1].strip('~')}/", names.get(word, word)) for word in words]
+    words = [re.sub("^(?:~|(/etc|/srv|/var))/", rf"{folder}\1/", names.get(word, word)) for word in words]
     if words[1] == "sandbox":
         words += ["--port", "0", "--data", "data"]
     elif words[1] in ("status", "flush", "push", "set") and "--home" not in words:
         words += ["--home", "home"]
-    environment = {**os.environ, "HOME": str(folder), "PATH": f"{folder}/bin:{os.environ['PATH']}", "TARVO_API_SECRET": "secret"}
+    environment = {**os.environ, "HOME": str(folder), "PATH": f"{folder}/bin:{os.environ['PATH']}"}
     try:
         ended = run(TARVO, *words[1:], cwd=folder, env=environment, timeout=4)
         if ended.returncode:
@@ -230,9 +231,10 @@ def in_order() -> None:
             elif block.language == "sh" and "not run" not in block.says:
                 printed = house / f"{block.line}.out"
                 ready = f"until (: </dev/tcp/127.0.0.1/{port}) 2>/dev/null; do sleep 0.1; done"
-                text = re.sub("tarvo sandbox(.*)&$", rf"tarvo sandbox --port {port}\1&\n{ready}", block.text, flags=re.M)
+                text = re.sub("(tarvo sandbox .*)&$", rf"\1 --port {port} &\n{ready}", block.text, flags=re.M)
                 script.append(f"exec >{printed} 2>&1\n" + text.replace("8484", port))
-        ended = run("bash", input="\n".join(script), cwd=house, env={**os.environ, "HOME": str(house), "PATH": path, "CXX": CXX})
+        environment = {**os.environ, "HOME": str(house), "PATH": path, "CXX": CXX}
+        ended = run("bash", input="\n".join(script), cwd=house, env=environment)
         if ended.returncode:
             last = max(house.glob("*.out"), key=lambda each: int(each.stem))
             fail(f"{page}:{last.stem}", last.read_text()[-1000:])
@@ -243,7 +245,8 @@ def in_order() -> None:
 
 def prints(block: Block, printed: str) -> None:
     """Each line of the block is printed, in this order; "..." is anything."""
-    wanted = [re.escape(line).replace(r"\.\.\.", ".*") + "$" for line in block.text.split("\n") if line.strip(". ") and line[:2] != "$ "]
+    lines = [line for line in block.text.split("\n") if line.strip(". ") and not line.startswith("$ ")]
+    wanted = [re.escape(line).replace(r"\.\.\.", ".*") + "$" for line in lines]
     if not re.search("(?s:.*?)".join(wanted), printed, re.M):
         fail(block, f"what is printed is\n{printed}")
 
@@ -256,8 +259,8 @@ def shape(value: typing.Any) -> typing.Any:
 
 def truth(block: Block, value: typing.Any) -> None:
     """Of the command before it."""
-    before = [each for each in of("sh") if each.page == block.page and each.line < block.line and "--truth" in each.text][-1]
-    run("bash", "-ec", before.text.replace("tarvo ", f"{TARVO} "))
+    command = next(each.text for each in of("sh") if each.page == block.page and "--truth" in each.text)
+    run("bash", "-ec", command.replace("tarvo ", f"{TARVO} "))
     real = json.loads((WORK / "truth.json").read_text())
     if shape(value) != shape(real) or value["stays"][0] != real["stays"][0] or value["trips"][0] != real["trips"][0]:
         fail(block, f"really it is {json.dumps(real)[:600]}")
@@ -335,9 +338,9 @@ def ini(block: Block, _: typing.Any) -> None:
     shutil.copy(BUILD / "tarvo.service", WORK)
     (WORK / "tarvo.service.d/drop-in.conf").write_text(block.text)
     if shutil.which("systemd-analyze"):
-        told = [line for line in run("systemd-analyze", "verify", "./tarvo.service").stdout.split("\n") if "drop-in.conf" in line]
-        if told:
-            fail(block, "\n".join(told))
+        told = run("systemd-analyze", "verify", "./tarvo.service").stdout
+        if "drop-in.conf" in told:
+            fail(block, told)
 
 
 def data() -> None:
@@ -354,14 +357,15 @@ def data() -> None:
 
 def sql() -> None:
     """On a store in PostgreSQL in which a trip of that day has been kept."""
-    server = subprocess.Popen([SOURCE / "tests/support/postgres.sh"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+    pipe = subprocess.PIPE
+    server = subprocess.Popen([SOURCE / "tests/support/postgres.sh"], stdin=pipe, stdout=pipe, text=True)
     assert server.stdin and server.stdout
     socket_folder = server.stdout.readline().strip()
     if not socket_folder:
         print("skipped: PostgreSQL is not installed")
         sys.exit(server.wait())
     url = f"postgresql:///postgres?host={socket_folder}&user=postgres"
-    with subprocess.Popen([TARVO, "sandbox", "--port", "0", "--store", url], stdout=subprocess.PIPE, text=True) as sandbox:
+    with subprocess.Popen([TARVO, "sandbox", "--port", "0", "--store", url], stdout=pipe, text=True) as sandbox:
         assert sandbox.stdout
         address = sandbox.stdout.readline().split()[-1]
         options = "--api-key demo-key --api-secret demo-secret --home posted".split()
