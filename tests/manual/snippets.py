@@ -29,7 +29,8 @@ WORK = pathlib.Path(tempfile.mkdtemp(prefix="tarvo-manual-"))
 LANGUAGES = dict.fromkeys(["cmake", "cpp", "ini", "json", "jsonl", "sh", "sql", "text", "toml"])
 LANGUAGES |= {"c": "docs/c.md", "objc": "docs/objc.md", "python": "docs/python.md"}
 # Commands of a system, which the machine that runs this need not have.
-SYSTEM = "cd clang-format-14 createdb dpkg-buildpackage editor export socat systemctl ulimit umask".split()
+SYSTEM = """apt cc cd clang clang-format-14 createdb curl dpkg-buildpackage editor export gcc socat sqlite3 systemctl
+    ulimit umask unshare""".split()
 ALL = list(blocks(SOURCE))
 failures: list[str] = []
 
@@ -210,6 +211,9 @@ def shell() -> None:
 
 def in_order() -> None:
     """Pages that are sessions: their commands in one shell, with an installed copy; each text is what was printed."""
+    if missing := [tool for tool in ("curl", "sqlite3") if not shutil.which(tool)]:
+        print(f"skipped: {missing} not installed")
+        sys.exit(77)
     with socket.socket() as free:
         free.bind(("127.0.0.1", 0))
         port = str(free.getsockname()[1])
