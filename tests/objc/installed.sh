@@ -13,10 +13,10 @@ mv "$work/first" "$work/moved"
 libdir=$(dirname "$(find "$work/moved" -name libtarvo-objc.so)")
 export PKG_CONFIG_PATH=$libdir/pkgconfig LD_LIBRARY_PATH=$libdir LIBRARY_PATH=$libdir
 cd "$work"
-# Each program stands before its command: "unit.m" for gcc, "blocks.m" for clang.
+# Each program stands before its command and under its name: "unit.m" for gcc, "blocks.m" for clang.
 for name in unit blocks; do
-  sed -n "/^\`\`\`objc $name\.m\$/,/^\`\`\`\$/p" "$source/docs/objc.md" | grep -v '^```' >$name.m
-  command=$(grep -E "^    (gcc|clang) .* $name\.m " "$source/docs/objc.md" | sed 's/^    //')
+  sed -n "/^<!-- file: $name\.m -->\$/,/^\`\`\`\$/p" "$source/docs/objc.md" | grep -vE '^(```|<!-- file)' >$name.m
+  command=$(grep -E "^(gcc|clang) .* $name\.m " "$source/docs/objc.md")
   compiler=${command%% *}
   if ! command -v "$compiler" >/dev/null || { [ "$compiler" = clang ] && [ ! -f /usr/include/Block.h ]; }; then
     echo "skipped: $compiler with what it needs is not installed"
