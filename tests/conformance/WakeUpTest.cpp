@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <barrier>
 #include <vector>
 
 #include "Kit.h"
@@ -29,24 +29,29 @@ TEST(WakeUp, IsReadableFromASignalUntilItForgetsThemAll) {
 
 TEST(WakeUp, LosesNoSignalOfAnyThread) {
   static WakeUp wakeUp;
-  constexpr int kThreads = 4, kSignals = 5000;
+  constexpr int kThreads = 4, kRounds = 400;
   const int descriptor = wakeUp.descriptor();
-  std::atomic<int> signals = 0;
+  std::barrier step(kThreads + 1);
   std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i)
-    threads.emplace_back([&] {
-      for (int j = 0; j < kSignals; ++j) {
-        ++signals;
-        wakeUp.signal();
+  for (int own = 0; own < kThreads; ++own)
+    threads.emplace_back([&, own] {
+      for (int round = 0; round < kRounds; ++round) {
+        // One alone, or all at once.
+        if (round / 2 % kThreads == own || round % 2 == 1) wakeUp.signal();
+        step.arrive_and_wait();
+        step.arrive_and_wait();
       }
     });
-  bool isWoken = true;
-  for (int seen = 0; isWoken && seen < kThreads * kSignals; seen = signals) {
-    isWoken = test::isReadable(descriptor, test::kPatience);
+  int woken = 0;
+  for (int round = 0; round < kRounds; ++round) {
+    if (woken == round) woken += test::isReadable(descriptor, test::kPatience);
+    step.arrive_and_wait();
     wakeUp.clear();
+    EXPECT_FALSE(test::isReadable(descriptor));
+    step.arrive_and_wait();
   }
-  EXPECT_TRUE(isWoken);
   for (auto& thread : threads) thread.join();
+  EXPECT_EQ(woken, kRounds);
 }
 
 TEST(WakeUp, WithoutADescriptorHasNoneUntilThereIsOne) {
