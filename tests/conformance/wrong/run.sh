@@ -13,26 +13,27 @@ done <<'FAULTS'
 battery in percent:Battery.IsAbsentOrKeepsWithinItsBounds
 clock goes back:SinceBoot.GoesOnAsFastAsTimeInSmallStepsAndNeverBack
 clock of seconds:SinceBoot.GoesOnAsFastAsTimeInSmallStepsAndNeverBack
-clock stands:SinceBoot.GoesOnAsFastAsTimeInSmallStepsAndNeverBack
-clock twice as fast:SinceBoot.GoesOnAsFastAsTimeInSmallStepsAndNeverBack
 clock of the calendar:SinceBoot.IsOneClockForAllThreadsAndProgramsAndNotTheCalendar
 clock of the process:SinceBoot.IsOneClockForAllThreadsAndProgramsAndNotTheCalendar
+clock stands:SinceBoot.GoesOnAsFastAsTimeInSmallStepsAndNeverBack
+clock twice as fast:SinceBoot.GoesOnAsFastAsTimeInSmallStepsAndNeverBack
 file by its link:Program.HasItsFileWithoutLinksFromAnywhere
 files cut are lost:Files.TellOfThoseThatWereRemovedReplacedOrCut
 files cut unnoticed:Files.TellOfThoseThatWereRemovedReplacedOrCut
-files removed unnoticed:Files.TellOfThoseThatWereRemovedReplacedOrCut
 files inherited:Descriptors.AreClosedAfterUseAndNotInherited
 files lost without descriptor:Files.AreNotLostForWantOfADescriptor
 files moved unnoticed:Files.AreMissedWithinASecondWhenTheyWereMovedAside
 files never looked for again:Files.AreWatchedOnceTheyHaveCome
 files opened:Files.KeepTheLocksThatSqliteHasOnThem
+files removed unnoticed:Files.TellOfThoseThatWereRemovedReplacedOrCut
+files without length:Files.AreWatchedOnceTheyHaveCome
 first thread before the fork:Threads.KnowTheFirstOfTheirProcessAlsoAfterAFork
 interface always up:Routes.OfAnInterfaceAreThereWhileItIsUp
 lock for writers:FileLock.KeepsOtherOpeningsOutUntilItsOwnIsClosedEverywhere
 lock of the process:FileLock.KeepsOtherOpeningsOutUntilItsOwnIsClosedEverywhere
 lock that is shared:FileLock.KeepsOtherOpeningsOutUntilItsOwnIsClosedEverywhere
-lock that waits:FileLock.KeepsOtherOpeningsOutUntilItsOwnIsClosedEverywhere
 lock that stays:FileLock.EndsWithTheLastProcessThatHasIt
+lock that waits:FileLock.KeepsOtherOpeningsOutUntilItsOwnIsClosedEverywhere
 name too long:Threads.TakeTheBeginningOfAnyNameAndKeepThoseOfOthers
 name with folders:Program.HasTheNameUnderWhichItWasStarted
 random of a fork:Random.RepeatsNothingInThreadsNorChildren
@@ -45,17 +46,17 @@ route to others alone:Routes.LeadWhereDatagramsWouldGo
 socket left open:Descriptors.AreClosedAfterUseAndNotInherited
 temporary file for all:TemporaryFile.IsNewAndForThisUserAlone
 temporary file inherited:TemporaryFile.IsNewAndForThisUserAlone
-temporary file without name:TemporaryFile.IsNewAndForThisUserAlone
 temporary file left:TemporaryFile.IsNotMadeWhereItCannotBe
+temporary file without name:TemporaryFile.IsNewAndForThisUserAlone
 thread number of the process:Threads.HaveEachANumberOfTheirOwn
 variable never missing:Program.BelievesTheEnvironmentOfAnOrdinaryUser
+wake-up by one thread:WakeUp.LosesNoSignalOfAnyThread
 wake-up forgets one:WakeUp.IsReadableFromASignalUntilItForgetsThemAll
 wake-up from the start:WakeUp.IsReadableFromASignalUntilItForgetsThemAll
 wake-up full:WakeUp.IsReadableFromASignalUntilItForgetsThemAll
-wake-up waits:WakeUp.IsReadableFromASignalUntilItForgetsThemAll
 wake-up in one process:WakeUp.WorksInAForkedChildWhichNeedNotUseIt
 wake-up inherited:Descriptors.AreClosedAfterUseAndNotInherited
-wake-up by one thread:WakeUp.LosesNoSignalOfAnyThread
+wake-up waits:WakeUp.IsReadableFromASignalUntilItForgetsThemAll
 wake-up without descriptor:WakeUp.WithoutADescriptorHasNoneUntilThereIsOne
 FAULTS
 wait
