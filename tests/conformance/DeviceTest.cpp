@@ -3,10 +3,9 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
+#include <algorithm>
 #include <cstring>
-#include <vector>
 
 #include "Kit.h"
 #include "platform/device/DeviceSystem.h"

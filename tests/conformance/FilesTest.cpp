@@ -4,10 +4,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <fstream>
 #include <set>
-#include <utility>
 
 #include "Kit.h"
 #include "platform/foundation/System.h"

@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <vector>
 
 #include "Kit.h"
 #include "platform/foundation/System.h"

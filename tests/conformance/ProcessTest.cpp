@@ -2,6 +2,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <latch>
 #include <set>
 #include <vector>
