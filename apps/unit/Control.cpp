@@ -21,6 +21,7 @@ using platform::Dictionary;
 using platform::Value;
 
 constexpr int kBacklog = 16;
+constexpr platform::Seconds kPause{1};
 
 bool mayAsk(int socket) {
   ucred peer = {};
@@ -95,10 +96,12 @@ Control::Control(Loop& loop, const std::filesystem::path& home, Handler handler)
     throw std::system_error(reason, std::generic_category(), (home_ / "control").string());
   }
   watch_ = loop_.watch(listening_, [this] { accept(); });
+  pause_ = loop_.timer([this] { watch_->waitFor(true, false); });
 }
 
 Control::~Control() {
   clients_.clear();
+  pause_.reset();
   watch_.reset();
   ::close(listening_);
   std::error_code gone;
@@ -107,7 +110,12 @@ Control::~Control() {
 
 void Control::accept() {
   const int socket = ::accept4(listening_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-  if (socket < 0) return;
+  if (socket < 0) {
+    if (errno != EMFILE && errno != ENFILE && errno != ENOBUFS && errno != ENOMEM) return;
+    // Who has come stays in the queue, which would be ready all the time.
+    watch_->waitFor(false, false);
+    return pause_->arm(kPause);
+  }
   const auto client = std::make_shared<Client>(socket);
   if (!mayAsk(socket)) {
     client->out = lineOf({{"error", "only the unit's own user and root may ask"}});

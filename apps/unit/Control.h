@@ -17,6 +17,7 @@ namespace tarvo::unit {
 ///
 /// Only the unit's own user and root are served. A line has at most 64 KiB and sixteen clients are served at once, the
 /// one that has asked least lately goes for a seventeenth; a client that does not read its answers is not read from.
+/// Whoever comes while the process has no descriptor left waits a second or so for one.
 ///
 /// Threads: main. The folder belongs to this process alone, so a socket that lies there has nobody behind it any more.
 /// Errors: std::system_error where the socket cannot be made.
@@ -47,6 +48,7 @@ class Control {
   const Handler handler_;
   int listening_ = -1;
   std::unique_ptr<Loop::Watch> watch_;
+  std::unique_ptr<Loop::Timer> pause_;
   std::list<std::shared_ptr<Client>> clients_;  ///< who has asked least lately first
 };
 

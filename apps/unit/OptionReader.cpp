@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -53,6 +54,8 @@ void take(CLI::Option& option, const std::vector<std::string>& values) {
 }
 
 void readFile(const std::string& file, CLI::App& app) {
+  std::error_code unknown;
+  if (std::filesystem::is_directory(file, unknown)) throw OptionError(file + ": it is a folder");  // and reads as empty
   toml::table table;
   try {
     table = toml::parse_file(file);

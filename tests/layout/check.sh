@@ -37,6 +37,11 @@ wrapped 'curl/' src/platform/urlsession
 wrapped 'unicode/|nlohmann/|plist/' src/platform/foundation
 wrapped 'GeographicLib/|pugixml' src/platform/location
 
+# What a port runs first knows the headers that it writes for, and no system.
+seam='foundation/(System|Descriptor)|device/DeviceSystem|persistence/StoreFiles|urlsession/(Reachability|RoutesSystem)'
+grep -nE '^#include "platform/|^#include <(linux|sys/(epoll|eventfd|inotify|prctl|syscall|random|file))|/proc|/sys/' tests/conformance/*.{cpp,h} |
+  grep -vE "platform/($seam)\.h\"" && fail "the conformance kit looks beyond the seam"
+
 # Programs and bindings see only the public headers.
 grep -rnE '#include "(platform|settings|log|store|records|net|sync|engine|facade)/' apps bindings examples &&
   fail "a program or a binding looks inside"
@@ -62,7 +67,7 @@ while read -r name; do
     *\*) test=${test%\*} && grep -qE "^TEST.*\(${test%.}" "$folder"/*.cpp ;;
     *) grep -qE "^TEST.*\(${test%.*}, ${test#*.}\)" "$folder"/*.cpp ;;
   esac || fail "a document names a test that is not there: $name"
-done < <(grep -hoE '`(faults|program|consumer|device|engine|facade|foundation|location|log|net|persistence|receivers|records|sandbox|settings|store|unit|urlsession)/[A-Za-z.*-]+`' \
+done < <(grep -hoE '`(conformance|faults|program|consumer|device|engine|facade|foundation|location|log|net|persistence|receivers|records|sandbox|settings|store|unit|urlsession)/[A-Za-z.*-]+`' \
   docs/porting.md docs/security.md | tr -d '\`' | grep -vE '\.(h|cpp)$' | sort -u)
 [ "$failed" = 0 ] && echo "the layout holds"
 exit "$failed"

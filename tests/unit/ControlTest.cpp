@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <fstream>
 #include <future>
 #include <thread>
@@ -15,6 +18,15 @@
 #include "unit/ControlClient.h"
 #include "unit/Supervisor.h"
 #include "unit/UnixAddress.h"
+
+std::atomic<int> accepts = -1;  ///< counted from 0, the first two for want of a descriptor in vain
+
+/// Stands before that of the C library.
+extern "C" int accept4(int socket, sockaddr*, socklen_t*, int flags) {
+  const bool isInVain = accepts >= 0 && ++accepts <= 2;
+  if (isInVain) errno = EMFILE;
+  return isInVain ? -1 : static_cast<int>(::syscall(SYS_accept4, socket, nullptr, nullptr, flags));
+}
 
 namespace tarvo::unit {
 namespace {
@@ -114,6 +126,14 @@ TEST_F(ControlTest, OutlivesClientsThatAreSlowDeadOrTooMany) {
     EXPECT_EQ(client->ask({{"b", 2}}, Seconds(20), error), (Dictionary{{"b", 2}})) << error;
     EXPECT_EQ(waiting->ask({{"c", 3}}, Seconds(20), error), (Dictionary{{"late", true}})) << "the answers keep order";
   });
+}
+
+TEST_F(ControlTest, PausesWhileThereIsNoDescriptorForAClient) {
+  accepts = 0;
+  const auto begin = std::chrono::steady_clock::now();
+  serve([&] { EXPECT_EQ(exchange("{}\n"), "{}\n"); });
+  EXPECT_EQ(accepts, 3);
+  EXPECT_GT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2)) << "a second for each in vain";
 }
 
 TEST_F(ControlTest, LiesInAnyHomeForItsUserAloneInThePlaceOfADeadOne) {

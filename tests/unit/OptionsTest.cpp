@@ -12,10 +12,10 @@ namespace {
 /// A command line and a file, the latter with "FILE" in the place of its own name in messages.
 struct Options : testing::Test {
   UnitOptions read(const std::string& toml, std::vector<std::string> line) {
-    std::ofstream(file) << toml;
+    if (toml != kFolder) std::ofstream(file) << toml;
     CLI::App app;
     const OptionReader reader(app);
-    line.insert(line.end(), {"--config", file});
+    line.insert(line.end(), {"--config", toml == kFolder ? folder.path().string() : file});
     std::reverse(line.begin(), line.end());
     app.parse(line);
     return reader.read();
@@ -30,6 +30,7 @@ struct Options : testing::Test {
     }
   }
 
+  static constexpr const char* kFolder = "a folder";
   const test::TempDir folder;
   const std::string file = (folder.path() / "tarvo.toml").string();
 };
@@ -54,6 +55,7 @@ TEST_F(Options, TellFileLineAndKeyOfWhatCannotBeUsed) {
       {"geoclue = true\nnmea = '-'", "one of gpsd, nmea and geoclue can be the receiver"},
   };
   for (const auto& [toml, expected] : cases) EXPECT_EQ(error(toml, {"--mode", "4"}), expected) << toml;
+  EXPECT_EQ(error(kFolder, {}), folder.path().string() + ": it is a folder");
   EXPECT_NE(error("a = = 1", {}).find("FILE:1: "), std::string::npos);
   EXPECT_NE(error("backend = 'https://b.example/api'\nclient-id = 'c'", {}).find("--api-key"), std::string::npos);
 }

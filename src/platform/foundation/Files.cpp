@@ -183,16 +183,6 @@ void removeAbandonedWrites(const fs::path& directory) {
   }
 }
 
-Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
-  if (this != &other) {
-    if (isOpen()) close();
-    number_ = std::exchange(other.number_, -1);
-  }
-  return *this;
-}
-
-bool Descriptor::close() { return ::close(std::exchange(number_, -1)) == 0; }
-
 bool isPlainFileName(std::string_view name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos &&
          name.find('\0') == std::string_view::npos;

@@ -5,31 +5,11 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 
+#include "platform/foundation/Descriptor.h"
 #include "platform/foundation/Error.h"
 
 namespace tarvo::platform {
-
-/// Owns an open file, socket or the like; closes it at the latest when it goes.
-class Descriptor {
- public:
-  /// -1: nothing is open.
-  explicit Descriptor(int number = -1) : number_(number) {}
-  ~Descriptor() {
-    if (isOpen()) close();
-  }
-  Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
-  Descriptor& operator=(Descriptor&& other) noexcept;
-
-  bool isOpen() const { return number_ >= 0; }
-  int get() const { return number_; }
-  /// Some file systems report a failed write only here.
-  bool close();
-
- private:
-  int number_;
-};
 
 /// Writes all of the bytes, whatever interrupts it; false, and errno, when that fails midway.
 bool writeAll(const Descriptor& file, std::string_view bytes);

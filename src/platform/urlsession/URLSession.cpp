@@ -137,7 +137,8 @@ URLSession::State::State()
         return made;
       }()) {
   curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, long{kMostAtOnce});
-  if (const char* file = ::secure_getenv("SSL_CERT_FILE"); file != nullptr && *file != '\0') environmentCaFile = file;
+  if (const char* file = trustedEnvironment("SSL_CERT_FILE"); file != nullptr && *file != '\0')
+    environmentCaFile = file;
 }
 
 void URLSession::State::submit(std::shared_ptr<Transfer> transfer) {

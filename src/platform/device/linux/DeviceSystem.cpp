@@ -4,10 +4,10 @@
 #include <charconv>
 #include <fstream>
 #include <optional>
+#include <sstream>
 #include <string>
 
 #include "platform/device/linux/SystemFiles.h"
-#include "platform/foundation/Files.h"
 
 namespace tarvo::platform {
 namespace {
@@ -45,8 +45,11 @@ std::optional<double> levelOf(const fs::path& supply) {
 
 /// What the machine's os-release file says; empty without.
 std::string systemReleaseValue(std::string_view key) {
-  for (const char* file : {"/etc/os-release", "/usr/lib/os-release"})
-    if (auto text = readFile(file)) return releaseValue(*text, key).value_or("");
+  for (const char* name : {"/etc/os-release", "/usr/lib/os-release"}) {
+    std::ifstream file(name);
+    std::ostringstream text;
+    if (file && text << file.rdbuf()) return releaseValue(text.view(), key).value_or("");
+  }
   return {};
 }
 

@@ -34,6 +34,8 @@ std::filesystem::path executableFile() {
 
 const char* programName() { return program_invocation_short_name; }
 
+const char* trustedEnvironment(const char* name) { return ::secure_getenv(name); }
+
 // The first thread's number is the process's.
 bool isFirstThread() { return threadNumber() == ::getpid(); }
 std::int64_t threadNumber() { return ::syscall(SYS_gettid); }
@@ -56,17 +58,17 @@ int makeTemporaryFile(std::string& name) { return ::mkostemp(name.data(), O_CLOE
 bool tryLockFile(int descriptor) { return ::flock(descriptor, LOCK_EX | LOCK_NB) == 0; }
 
 int WakeUp::descriptor() {
-  if (descriptor_ < 0) descriptor_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-  return descriptor_;
+  if (ends_[0] < 0) ends_[0] = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+  return ends_[0];
 }
 
 void WakeUp::clear() {
   std::uint64_t signals = 0;
-  [[maybe_unused]] const auto got = ::read(descriptor_, &signals, sizeof signals);
+  [[maybe_unused]] const auto got = ::read(ends_[0], &signals, sizeof signals);
 }
 
 void WakeUp::signal() {
-  const int descriptor = descriptor_;
+  const int descriptor = ends_[0];
   const std::uint64_t one = 1;
   [[maybe_unused]] const auto written = descriptor < 0 ? 0 : ::write(descriptor, &one, sizeof one);
 }

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <string>
 
 namespace tarvo::platform {
@@ -30,48 +31,71 @@ bool isNamed(int handle, std::uint64_t& size) {
 
 }  // namespace
 
-StoreFiles::StoreFiles(const std::filesystem::path& store) : path_(store) {}
+struct StoreFiles::Watched {
+  explicit Watched(const std::filesystem::path& file) : path(file) {}
+  ~Watched() {
+    for (const int handle : {store, log, index})
+      if (handle >= 0) ::close(handle);
+  }
+  Watched(const Watched&) = delete;
+  Watched& operator=(const Watched&) = delete;
 
-StoreFiles::~StoreFiles() {
-  for (const int handle : {store_, log_, index_})
-    if (handle >= 0) ::close(handle);
+  bool isInPlace();
+
+  const std::filesystem::path path;
+  std::uint64_t device = 0, node = 0;              ///< of the store
+  std::chrono::steady_clock::time_point looked{};  ///< at the path, last
+  int store = -1;
+  int log = -1;
+  int index = -1;
+  std::uint64_t indexSize = 0;
+  std::uint64_t logSize = 0;
+};
+
+bool StoreFiles::Watched::isInPlace() {
+  const auto now = std::chrono::steady_clock::now();
+  if (now - looked < kBetweenLooks) return true;
+  looked = now;
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0 && status.st_dev == device && status.st_ino == node;
 }
 
+StoreFiles::StoreFiles(const std::filesystem::path& store) : watched_(std::make_unique<Watched>(store)) {}
+StoreFiles::~StoreFiles() = default;
+
 void StoreFiles::watch() {
-  if (store_ < 0) {
-    store_ = handleOf(path_.native(), 0);
+  Watched& files = *watched_;
+  if (files.store < 0) {
+    files.store = handleOf(files.path.native(), 0);
     struct stat status {};
-    if (store_ >= 0 && ::fstat(store_, &status) == 0) {
-      device_ = status.st_dev;
-      node_ = status.st_ino;
+    if (files.store >= 0 && ::fstat(files.store, &status) == 0) {
+      files.device = status.st_dev;
+      files.node = status.st_ino;
     }
   }
-  if (log_ < 0) log_ = handleOf(path_.native() + "-wal");
-  if (index_ < 0) index_ = handleOf(path_.native() + "-shm");
-  if (log_ >= 0) isNamed(log_, logSize_);
+  if (files.log < 0) files.log = handleOf(files.path.native() + "-wal");
+  if (files.index < 0) files.index = handleOf(files.path.native() + "-shm");
+  if (files.log >= 0) isNamed(files.log, files.logSize);
 }
 
 bool StoreFiles::hasIndex() {
-  if (index_ < 0) return true;
+  Watched& files = *watched_;
+  if (files.index < 0) return true;
   std::uint64_t size = 0;
-  if (!isNamed(index_, size) || size < indexSize_) return false;
-  indexSize_ = size;
+  if (!isNamed(files.index, size) || size < files.indexSize) return false;
+  files.indexSize = size;
   return true;
 }
 
 bool StoreFiles::areNamed() {
+  Watched& files = *watched_;
   std::uint64_t size = 0;
-  if (store_ < 0 || log_ < 0 || index_ < 0) watch();  // there may have been no descriptor
-  if (store_ >= 0 && (!isNamed(store_, size) || !isInPlace())) return false;
-  return log_ < 0 || isNamed(log_, logSize_);
+  if (files.store < 0 || files.log < 0 || files.index < 0) watch();  // there may have been no descriptor
+  if (files.store >= 0 && (!isNamed(files.store, size) || !files.isInPlace())) return false;
+  return files.log < 0 || isNamed(files.log, files.logSize);
 }
 
-bool StoreFiles::isInPlace() {
-  const auto now = std::chrono::steady_clock::now();
-  if (now - looked_ < kBetweenLooks) return true;
-  looked_ = now;
-  struct stat status {};
-  return ::stat(path_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == node_;
-}
+bool StoreFiles::watchesLog() const { return watched_->log >= 0; }
+std::uint64_t StoreFiles::logSize() const { return watched_->logSize; }
 
 }  // namespace tarvo::platform

@@ -1,22 +1,19 @@
-#include "platform/urlsession/Reachability.h"
+#include "platform/urlsession/RoutesSystem.h"
 
 #include <linux/rtnetlink.h>
 #include <net/if.h>
-#include <netdb.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstring>
-#include <map>
-#include <string>
-#include <vector>
+#include <string_view>
 
-#include "platform/foundation/Files.h"
-#include "platform/foundation/Mutex.h"
-#include "platform/urlsession/URLSession.h"
+#include "platform/foundation/Descriptor.h"
+#include "platform/urlsession/Reachability.h"
 
 namespace tarvo::platform {
 namespace {
@@ -145,64 +142,16 @@ std::uint32_t flagsOf(const Route& route) {
   return kSCNetworkReachabilityFlagsReachable | (isCellular(query.ifr_name) ? kSCNetworkReachabilityFlagsIsWWAN : 0);
 }
 
-using Addresses = std::vector<Address>;
-
-/// A program asks for a few names at most.
-constexpr std::size_t kMostNames = 64;
-
-/// What the resolver has said of each name, the latest answer only.
-struct Answers {
-  Mutex mutex;
-  std::map<std::string, Addresses, std::less<>> byName GUARDED_BY(mutex);
-};
-
-Answers& answers() {
-  static auto* answers = new Answers;
-  return *answers;
-}
-
-Addresses lookUp(const std::string& host, int flags) {
-  addrinfo hints{};
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_flags = flags;
-  addrinfo* found = nullptr;
-  if (::getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0) found = nullptr;
-  Addresses addresses;
-  for (const addrinfo* each = found; each != nullptr; each = each->ai_next)
-    if (each->ai_family == AF_INET || each->ai_family == AF_INET6) addresses.emplace_back(*each->ai_addr);
-  if (found != nullptr) ::freeaddrinfo(found);
-  return addresses;
-}
-
-Addresses addressesOf(const std::string& host, NameLookup lookup) {
-  if (auto written = lookUp(host, AI_NUMERICHOST); !written.empty()) return written;
-  std::optional<Addresses> asked;
-  if (lookup == NameLookup::ask) asked = lookUp(host, 0);
-  MutexLock lock(answers().mutex);
-  auto& byName = answers().byName;
-  if (asked && byName.size() == kMostNames) byName.clear();
-  if (asked) byName[host] = *asked;
-  const auto found = byName.find(host);
-  return found == byName.end() ? Addresses() : found->second;
-}
-
 }  // namespace
 
-std::optional<std::uint32_t> SCNetworkReachabilityGetFlags(std::string_view name, NameLookup lookup) {
-  const std::string host = hostToConnectTo(name);
-  const auto isUnusable = [](unsigned char c) { return c <= ' ' || c == 0x7f; };
-  if (host.empty() || std::any_of(host.begin(), host.end(), isUnusable)) return std::nullopt;
-  if (isLoopbackHost(host)) return kSCNetworkReachabilityFlagsReachable | kSCNetworkReachabilityFlagsIsLocalAddress;
+std::uint32_t flagsOfRouteTo(const sockaddr& address) {
+  if (address.sa_family != AF_INET && address.sa_family != AF_INET6) return 0;
+  return flagsOf(routeTo(Address(address)));
+}
 
-  const std::string chosen = transferOptions().networkInterface;
-  const int interface = chosen.empty() ? 0 : static_cast<int>(if_nametoindex(chosen.c_str()));
-  if (!chosen.empty() && interface == 0) return 0;
-  for (const Address& address : addressesOf(host, lookup)) {
-    // Of a packet that must leave by one interface the kernel takes the peer to be there if it knows no route.
-    const Route route = chosen.empty() ? routeTo(address) : Route{RTN_UNICAST, interface};
-    if (const auto flags = flagsOf(route); flags != 0) return flags;
-  }
-  return 0;
+// Of a packet that must leave by one interface the kernel takes the peer to be there if it knows no route.
+std::uint32_t flagsOfInterface(unsigned index) {
+  return index == 0 ? 0 : flagsOf({RTN_UNICAST, static_cast<int>(index)});
 }
 
 }  // namespace tarvo::platform
