@@ -94,7 +94,7 @@ host() {
   cp tests/consumer/CMakeLists.txt "$work/host/"
   install_in "$work/host" g++ cmake make pkg-config "${files[@]}"
   sed -n '/^```python$/,/^```$/{/^```/!p;/^```$/q}' docs/python.md >"$work/host/unit.py"
-  sed -n '/^```objc unit.m$/,/^```$/{/^```/!p}' docs/objc.md >"$work/host/unit.m"
+  sed -n '/^<!-- file: unit.m -->$/,/^```$/p' docs/objc.md | grep -vE '^(```|<!--)' >"$work/host/unit.m"
   in_root "$work/host" sh -ec 'unit=/usr/share/doc/libtarvo-dev/examples/unit.cpp
     cmake -S / -B /build -DUNIT_SOURCE=$unit -DTARVO_INCLUDE_DIR=/usr/include && make -C /build
     g++ $unit -o /build/unit $(pkg-config --cflags --libs tarvo)
