@@ -42,7 +42,7 @@ def target(path):
             return f"reference/{language}/index.html"
         if path.startswith(folder + "/") and path.endswith(".h"):
             # As doxygen names the page of a file.
-            return f"reference/{language}/{pathlib.PurePath(path).stem}_8h.html"
+            return f"reference/{language}/{pathlib.PurePath(path).stem.replace('_', '__')}_8h.html"
     return path
 
 
