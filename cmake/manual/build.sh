@@ -15,7 +15,9 @@ cp "$build/include/tarvo/Version.h" "$work/include/tarvo/"
 MANUAL_VERSION=$(sed -nE 's/.*TARVO_VERSION_STRING "(.*)"/\1/p' "$work/include/tarvo/Version.h")
 export MANUAL_VERSION MANUAL_LAYOUT=$work/layout.xml MANUAL_STRIP=$work/include
 doxygen -l "$MANUAL_LAYOUT"
-sed -i 's|<navindex>|&<tab type="user" url="../../reference.html" title="Manual"/>|' "$MANUAL_LAYOUT"
+# The way back, and what a class or a file is for before the list of its members.
+sed -i 's|<navindex>|&<tab type="user" url="../../reference.html" title="Manual"/>|; /<detaileddescription /d
+  s|<briefdescription .*/>|<detaileddescription title=""/>|' "$MANUAL_LAYOUT"
 
 reference() { # FOLDER HEADERS LANGUAGE PARSER
   local pages=$work/pages/reference/$1 page name
@@ -43,5 +45,4 @@ reference objc tarvo-objc Objective-C Objective-C
 cd "$source"
 PYTHONDONTWRITEBYTECODE=1 MANUAL_PAGES=$work/pages mkdocs build --strict --clean --site-dir "$output" 2>"$work/log" ||
   { grep -v ^INFO "$work/log" >&2; failed=1; }
-find "$output" -name 'sitemap.xml*' -delete  # tells a search engine what there is, and has no address to tell
 exit $failed

@@ -71,25 +71,30 @@ def member(node, owner):
         shown = f"{node.name}: {ast.unparse(node.returns)}"
     else:
         shown = signature(node, node.name)
-    return f"#### {owner}.{node.name.replace('__', chr(92) + '_' * 2)}\n\n{code(shown)}\n{said}\n\n"
+    return f"#### `{owner}.{node.name}`\n\n{code(shown)}\n{said}\n\n"
+
+
+def field(node):
+    """The public name that a line of a class or of its __init__ gives, with its type; None where it gives none."""
+    if not isinstance(node, (ast.Assign, ast.AnnAssign)):
+        return None
+    target = node.target if isinstance(node, ast.AnnAssign) else node.targets[0]
+    name = ast.unparse(target).removeprefix("self.")
+    if name.startswith("_"):
+        return None
+    of_self = isinstance(target, ast.Attribute)
+    value = f" = {ast.unparse(node.value)}" if isinstance(node.value, ast.Constant) and not of_self else ""
+    return f"{name}: {ast.unparse(node.annotation)}{value}" if isinstance(node, ast.AnnAssign) else name
 
 
 def fields(body):
-    """What stands in a record or an enumeration, or what __init__ makes public, each with the text below it."""
+    """The public names of a record, an enumeration or an __init__, each with the text below it."""
     lines = []
     for node, below in zip(body, [*body[1:], None]):
-        if isinstance(node, ast.AnnAssign) and isinstance(node.target, ast.Name) and node.target.id[0] != "_":
-            value = f" = {ast.unparse(node.value)}" if isinstance(node.value, ast.Constant) else ""
-            lines.append(f"{node.target.id}: {ast.unparse(node.annotation)}{value}")
-        elif isinstance(node, ast.Assign) and isinstance(node.targets[0], ast.Name) and node.targets[0].id[0] != "_":
-            lines.append(node.targets[0].id)
-        elif isinstance(node, ast.AnnAssign) and ast.unparse(node.target).startswith("self."):
-            name = node.target.attr
-            if name.startswith("_"):
-                continue
-            lines.append(f"{name}: {ast.unparse(node.annotation)}")
-        else:
+        shown = field(node)
+        if shown is None:
             continue
+        lines.append(shown)
         if isinstance(below, ast.Expr) and isinstance(below.value, ast.Constant) and isinstance(below.value.value, str):
             said = " ".join(below.value.value.split())
             lines.extend(textwrap.wrap(said, 96, initial_indent="    # ", subsequent_indent="    # "))
@@ -123,7 +128,7 @@ def entity(name, node, known):
             if one.args.kwonlyargs:  # made by the host, and not by the SDK
                 one.returns = None
                 text += code(signature(one, name)) + "\n"
-            text += fields([line for line in one.body if not isinstance(line, ast.Assign)])
+            text += fields([line for line in one.body if "self." in ast.unparse(line) or isinstance(line, ast.Expr)])
     for one in with_bases(node, known):
         if isinstance(one, (ast.FunctionDef, ast.AsyncFunctionDef)):
             text += member(one, name)

@@ -3,9 +3,11 @@
 The pages stay readable where a source tree is shown: there their links lead to files of the tree, here to pages.
 """
 
+import json
 import os
 import pathlib
 import re
+import shutil
 
 from mkdocs.structure.files import File
 
@@ -54,3 +56,18 @@ def on_page_markdown(markdown, page, config, files):
         lambda link: "](" + target(link[1].rstrip("/")),
         markdown,
     )
+
+
+def on_post_build(config):
+    """Lets the search work from a disk too, and leaves out what nobody loads."""
+    site = pathlib.Path(config["site_dir"])
+    worker = next((site / "assets/javascripts/workers").glob("search.*.min.js")).read_text(encoding="utf-8")
+    index = (site / "search/search_index.json").read_text(encoding="utf-8")
+    (site / "search/local.js").write_text(
+        f"__search = {{ index: Promise.resolve({index}),\n"
+        f"  worker: URL.createObjectURL(new Blob([{json.dumps(worker)}], {{ type: 'text/javascript' }})) }};\n",
+        encoding="utf-8",
+    )
+    for unused in (*site.rglob("*.map"), *site.glob("sitemap.xml*")):
+        unused.unlink()
+    shutil.rmtree(site / "assets/javascripts/lunr")  # other languages

@@ -14,6 +14,7 @@ check() { python3 -B "$source/tests/manual/check.py" "$2" "$1"; }
 
 make "$source" "$work/site" || { cat "$work/log"; exit 1; }
 check "$source" "$work/site" || fail "the manual has faults"
+python3 -B "$source/tests/manual/look.py" "$work/site" || [ $? = 77 ] || fail "a browser meets faults"
 
 edited=$work/another/place
 mkdir -p "$edited"
