@@ -56,7 +56,7 @@ yes s/^TARVO_C_API const char\* tarvo_version\(void\);/&\nTARVO_C_API int tarvo_
 no s/^TARVO_C_API const char\* tarvo_version\(void\);//
 no s/^TARVO_C_API tarvo_result tarvo_deliver\(const tarvo_fix\* fixes, size_t count\);/TARVO_C_API tarvo_result tarvo_deliver(const tarvo_fix* fixes, int count);/
 no s/^  int32_t unsent;/  int32_t more, unsent;/
-no s/^  double south;/  double east_of_west;/
+no /^  double (south|west);/{s/south/other/;s/west/south/;s/other/west/}
 no s/^  int32_t floor;/  int64_t floor;/
 no s/^  void \(\*released\)\(void\* user\);//
 no s/TARVO_BAD_HANDLE = -2,/TARVO_BAD_HANDLE = -20,/
