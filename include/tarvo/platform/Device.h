@@ -36,8 +36,8 @@ struct AlertAction {
 
 /// What is to be shown to the user, until a button is chosen.
 struct Alert {
-  std::string title;                 ///< one line
-  std::string message;               ///< what is asked, and why
+  std::string title;                 ///< its heading
+  std::string message;               ///< what it says
   std::vector<AlertAction> actions;  ///< the buttons, from the first
 };
 
