@@ -109,10 +109,10 @@ struct Health {
   std::vector<Gap> gaps;
 };
 
-///@{
+/**@{*/
 /// The name in `tarvo status --json` and in the store: that of the enumerator in snake_case.
 TARVO_API const char* nameOf(DeliveryError error);
 TARVO_API const char* nameOf(GapCause cause);
-///@}
+/**@}*/
 
 }  // namespace tarvo

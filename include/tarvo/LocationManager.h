@@ -88,11 +88,11 @@ class TARVO_API LocationManager {
   /// Whether this process has been given the user's identifier by the backend: a later answer stores no second user.
   bool alreadyReceivedUUID() const;
   void setAlreadyReceivedUUID(bool received);  ///< for the SDK's own parts
-  ///@{
+  /**@{*/
   /// A place for an upload timer, which nothing arms or reads: uploads are driven by events alone.
   std::shared_ptr<void> networkTimer() const;
   void setNetworkTimer(std::shared_ptr<void> timer);
-  ///@}
+  /**@}*/
   /// The standard ones.
   platform::UserDefaults& defaults() const;
   /// Tells processes apart: 0 to 999,999,999, drawn once in each.
@@ -157,7 +157,7 @@ class TARVO_API LocationManager {
   std::optional<PastTripRecord> getLastPastTrip();
   /// All stored places, highest identifier first.
   std::vector<PointOfInterestRecord> getPointOfInterest();
-  ///@{
+  /**@{*/
   /// Store past trips and places in the form in which the backend sends them, each with a save of its own, and return
   /// at once; then the newest trip is told to the delegate, as after a download. A trip has the keys of PastTripRecord
   /// (times as in Trip::startTime, the route an object), a place "poi_id", "lat", "lon" and the objects
@@ -165,13 +165,13 @@ class TARVO_API LocationManager {
   /// (see DeliveryOptions::dropsProtocolBreaks).
   void addNewLastTrip(std::vector<platform::Dictionary> trips);
   void addNewPOI(std::vector<platform::Dictionary> pois);
-  ///@}
-  ///@{
+  /**@}*/
+  /**@{*/
   /// Delete all past trips, all places; positions stay. Written with the next save: `Tarvo::resetLocalHistory` does
   /// both and saves.
   void removeData();
   void removePOIs();
-  ///@}
+  /**@}*/
   /// What `Tarvo::handleEventsForBackgroundURLSession` calls, for any identifier.
   void handleEventsForBackgroundURLSession(const std::string& identifier, std::function<void()> completionHandler);
 

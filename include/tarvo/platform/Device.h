@@ -71,22 +71,22 @@ class TARVO_API UIApplication {
   /// active until the host says otherwise.
   UIApplicationState applicationState() const;
 
-  ///@{
+  /**@{*/
   /// Each sets the state (where it changes) and posts the notification of that name on the caller's thread, which
   /// should be the main one; the library has seen it when the call returns.
   void didFinishLaunching();
   void didBecomeActive();
   void willResignActive();
   void didEnterBackground();
-  ///@}
+  /**@}*/
 
-  ///@{
+  /**@{*/
   /// Each asks the host's application for what its operation of that name does, on the main queue, and returns at once.
   void present(Alert alert);
   void openURL(std::string url);
   void registerForRemoteNotifications();
   void setMinimumBackgroundFetchInterval(double seconds);
-  ///@}
+  /**@}*/
 
  private:
   UIApplication() = default;
@@ -94,7 +94,7 @@ class TARVO_API UIApplication {
 
 /// What `HostApplication::openURL` gets for the page of the settings.
 inline constexpr const char* UIApplicationOpenSettingsURLString = "app-settings:";
-///@{
+/**@{*/
 /// Names of the messages inside this layer; a host cannot observe them.
 inline constexpr const char* UIApplicationDidEnterBackgroundNotification =
     "UIApplicationDidEnterBackgroundNotification";
@@ -103,7 +103,7 @@ inline constexpr const char* UIApplicationWillResignActiveNotification = "UIAppl
 inline constexpr const char* UIApplicationDidFinishLaunchingNotification =
     "UIApplicationDidFinishLaunchingNotification";
 inline constexpr const char* UIDeviceBatteryStateDidChangeNotification = "UIDeviceBatteryStateDidChangeNotification";
-///@}
+/**@}*/
 
 /// The device: battery, names, identifiers.
 ///
@@ -125,17 +125,17 @@ class TARVO_API UIDevice {
   /// UIDeviceBatteryStateDidChangeNotification on the caller's thread.
   void setBattery(UIDeviceBatteryState state, double level);
 
-  ///@{
+  /**@{*/
   /// The name of the machine; name and version of its operating system.
   std::string name() const;
   std::string systemName() const;
   std::string systemVersion() const;
-  ///@}
-  ///@{
+  /**@}*/
+  /**@{*/
   /// The level of the phone platform whose features the SDK counts on, 10 at first. For tests of the SDK.
   int platformLevel() const;
   void setPlatformLevel(int level);
-  ///@}
+  /**@}*/
   /// Whether the level is 9 or higher, from which on background fixes must be allowed and a single fix can be asked
   /// for.
   bool hasFeaturesOfLevel9() const;

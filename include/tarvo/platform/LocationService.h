@@ -94,11 +94,11 @@ class TARVO_API LocationService {
     bool deferredUpdates = false;   ///< fixes that wait in the receiver
     bool circularRegions = true;    ///< telling of borders that are crossed
   };
-  ///@{
+  /**@{*/
   /// What the device has, as it was told last.
   Capabilities capabilities() const;
   void setCapabilities(Capabilities capabilities);
-  ///@}
+  /**@}*/
 
   /// When a one-shot request gives up, and what counts as a significant change and as a crossing. Spans are measured by
   /// the installed clock's monotonic time, so that setting the wall clock does not change them.
@@ -115,11 +115,11 @@ class TARVO_API LocationService {
     double regionBorderMetres = 20;
     Seconds regionStay{20};  ///< see `regionBorderMetres`
   };
-  ///@{
+  /**@{*/
   /// The rules in use; a change holds from the next fix or request on.
   Rules rules() const;
   void setRules(Rules rules);
-  ///@}
+  /**@}*/
 
   /// What became of the fixes that were handed in to this process. Who asks while fixes come may see a moment in which
   /// one is counted in one number only.

@@ -29,11 +29,11 @@ using Dictionary = std::map<std::string, Value, std::less<>>;  ///< values by th
 /// Threads: as a std::string (concurrent reads only).
 class TARVO_API Value {
  public:
-  ///@{
+  /**@{*/
   /// Null.
   Value() = default;
   Value(std::nullptr_t) {}
-  ///@}
+  /**@}*/
   /// A Boolean.
   Value(bool value) : data_(value) {}
   /// Any integer; one beyond 64 bits with a sign becomes a double.
@@ -47,14 +47,14 @@ class TARVO_API Value {
   /// A double, also one that is not finite, which no JSON text can hold.
   Value(double value) : data_(value) {}
   Value(const void*) = delete;  ///< else any pointer would be true
-  ///@{
+  /**@{*/
   /// A text, array or dictionary of its own.
   Value(const char* value) : data_(std::string(value)) {}
   Value(std::string value) : data_(std::move(value)) {}
   Value(std::string_view value) : data_(std::string(value)) {}
   Value(Array value) : data_(std::move(value)) {}
   Value(Dictionary value) : data_(std::move(value)) {}
-  ///@}
+  /**@}*/
 
   /// Whether it is null, which is a value too.
   bool isNull() const { return std::holds_alternative<std::nullptr_t>(data_); }
@@ -67,17 +67,17 @@ class TARVO_API Value {
   std::optional<std::int64_t> asInteger() const;
   /// An integer or a double.
   std::optional<double> asDouble() const;
-  ///@{
+  /**@{*/
   /// The content, owned by this value, when it is of just that type, else a null pointer.
   const std::string* asString() const { return std::get_if<std::string>(&data_); }
   const Array* asArray() const { return std::get_if<Array>(&data_); }
   const Dictionary* asDictionary() const { return std::get_if<Dictionary>(&data_); }
-  ///@}
-  ///@{
+  /**@}*/
+  /**@{*/
   /// To take the content out of a value that is not needed any more.
   Array* asArray() { return std::get_if<Array>(&data_); }
   Dictionary* asDictionary() { return std::get_if<Dictionary>(&data_); }
-  ///@}
+  /**@}*/
 
   /// The value of a JSON text, bare values at the top included. Of equal keys the last wins; a whole number beyond 64
   /// bits becomes a double. Absent for what is no JSON in UTF-8, and for texts over 64 MiB, over 2,097,152 values or
@@ -96,12 +96,12 @@ class TARVO_API Value {
 /// The value under `key`, or a null pointer when the key is absent.
 TARVO_API const Value* find(const Dictionary& dictionary, std::string_view key);
 
-///@{
+/**@{*/
 /// The text, integer or number under `key` (as `asString`, `asInteger` and `asDouble` tell); absent when the key is
 /// absent or holds something else.
 TARVO_API std::optional<std::string> findString(const Dictionary& dictionary, std::string_view key);
 TARVO_API std::optional<std::int64_t> findInteger(const Dictionary& dictionary, std::string_view key);
 TARVO_API std::optional<double> findNumber(const Dictionary& dictionary, std::string_view key);
-///@}
+/**@}*/
 
 }  // namespace tarvo::platform
