@@ -64,7 +64,9 @@ def header_path() -> pathlib.Path:
 
 def builder(header: pathlib.Path) -> FFI:
     ffi = FFI()
-    ffi.cdef(declarations(header.read_text(encoding="utf-8")) + OWN)
+    for part in (header, header.with_name("history.h")):  # which the header includes at its end
+        ffi.cdef(declarations(part.read_text(encoding="utf-8")))
+    ffi.cdef(OWN)
     ffi.set_source(
         "tarvo._native",
         (HERE / "native.c").read_text(encoding="utf-8"),

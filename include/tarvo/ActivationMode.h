@@ -1,3 +1,5 @@
+/// @file
+/// The modes of the SDK.
 #pragma once
 
 #include <cstdint>

@@ -1,3 +1,5 @@
+/// @file
+/// How positions reach the backend.
 #pragma once
 
 #include <cstdint>
@@ -35,7 +37,7 @@ struct DeliveryOptions {
   /// and the fault is that of "success".
   bool dropsProtocolBreaks = false;
 
-  bool operator==(const DeliveryOptions&) const = default;
+  bool operator==(const DeliveryOptions&) const = default;  ///< member by member
 };
 
 }  // namespace tarvo

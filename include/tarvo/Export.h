@@ -1,3 +1,5 @@
+/// @file
+/// What the shared library shows.
 #pragma once
 
 /// Marks what the shared library shows; everything else in it is hidden.

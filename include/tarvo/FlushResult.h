@@ -1,3 +1,5 @@
+/// @file
+/// How a flush has ended.
 #pragma once
 
 namespace tarvo {

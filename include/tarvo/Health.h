@@ -1,3 +1,5 @@
+/// @file
+/// Where the positions of a device are, what holds them up, and why some are missing.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +15,7 @@ namespace tarvo {
 
 /// Why the last try to upload positions has failed.
 enum class DeliveryError {
-  none,
+  none,          ///< it has not failed
   offline,       ///< no network, or no way to the host
   unreachable,   ///< the host's name is not known, or nobody answers there
   timedOut,      ///< silence for too long
@@ -43,17 +45,19 @@ enum class GapCause {
 struct Health {
   /// Positions by their numbers, both included.
   struct Range {
-    std::int64_t first = 0, last = 0;
-    bool operator==(const Range&) const = default;
+    std::int64_t first = 0;                         ///< the lowest of them
+    std::int64_t last = 0;                          ///< the highest
+    bool operator==(const Range&) const = default;  ///< member by member
   };
   /// A span without a stored position; `until` is absent while it lasts.
   struct Gap {
-    platform::Date since;
-    std::optional<platform::Date> until;
-    GapCause cause = GapCause::receiverSilent;
-    bool operator==(const Gap&) const = default;
+    platform::Date since;                         ///< the position before, or when the cause began
+    std::optional<platform::Date> until;          ///< the next position, or when the cause ended
+    GapCause cause = GapCause::receiverSilent;    ///< what kept positions away
+    bool operator==(const Gap&) const = default;  ///< member by member
   };
 
+  /// How many positions there are, and how far they have come.
   struct Positions {
     std::int64_t stored = 0;                           ///< in the store's file; the next three are of these
     std::int64_t unsent = 0;                           ///< never posted
@@ -66,30 +70,38 @@ struct Health {
     std::vector<Range> acknowledgedWithoutAnswer;
     std::int64_t removed = 0;                 ///< by `StorageLimits`
     std::optional<std::int64_t> removedUpTo;  ///< the highest number among them
-  } positions;
+  };
+  Positions positions;  ///< of this home
 
+  /// How uploading goes.
   struct Delivery {
-    std::optional<platform::Date> lastTry, lastAcknowledgement;  ///< the latter by an answer
-    DeliveryError lastError = DeliveryError::none;               ///< of the last try; none once one has succeeded
-    std::int64_t triesSince = 0;                                 ///< that failed since the last acknowledgement
+    std::optional<platform::Date> lastTry;              ///< when the last batch was posted
+    std::optional<platform::Date> lastAcknowledgement;  ///< by an answer
+    DeliveryError lastError = DeliveryError::none;      ///< of the last try; none once one has succeeded
+    std::int64_t triesSince = 0;                        ///< that failed since the last acknowledgement
     /// Not before, after a failure. The interval and the bound of `DeliveryOptions` are not told here.
     std::optional<platform::Date> nextTry;
     std::uint64_t bytesToday = 0;  ///< sent and received for batches, counted while the network is metered and bounded
-  } delivery;
+  };
+  Delivery delivery;  ///< of this home
 
   platform::LocationService::Statistics fixes;  ///< of this process
 
+  /// The store's file.
   struct Store {
-    bool available = false;
+    bool available = false;   ///< false also while another process writes and this one wants to
     std::uint64_t bytes = 0;  ///< the file and its write-ahead log
     /// Why it is not available, else that of this process's latest save; absent once one has succeeded.
     std::optional<std::string> lastError;
-  } store;
+  };
+  Store store;  ///< of this home
 
+  /// The log files.
   struct Log {
-    std::uint64_t bytes = 0;
+    std::uint64_t bytes = 0;         ///< of all of them
     std::uint64_t linesDropped = 0;  ///< by this process: no room, no folder, or a file that has gone
-  } log;
+  };
+  Log log;  ///< of this home
 
   /// The latest 32 that are longer than 5 min, oldest first, on the device's clock. Setting that clock makes none. A
   /// silence whose cause changes is several gaps; a cause that lasted for less than 5 min is told as the next one. A
@@ -97,8 +109,10 @@ struct Health {
   std::vector<Gap> gaps;
 };
 
+/**@{*/
 /// The name in `tarvo status --json` and in the store: that of the enumerator in snake_case.
 TARVO_API const char* nameOf(DeliveryError error);
 TARVO_API const char* nameOf(GapCause cause);
+/**@}*/
 
 }  // namespace tarvo

@@ -1,3 +1,5 @@
+/// @file
+/// The names under which a host tells the SDK something.
 #pragma once
 
 /// The names under which a host tells the SDK something.

@@ -1,3 +1,5 @@
+/// @file
+/// The engine behind the facade.
 #pragma once
 
 #include <cstdint>
@@ -74,6 +76,7 @@ class TARVO_API LocationManager {
   /// For the SDK's own parts: takes the place of the `Tarvo` that events reach, whose delegate then hears no more. Held
   /// weakly: the delegate may go before the engine.
   void setDelegate(const std::shared_ptr<LocationManagerDelegate>& delegate);
+  /// The one that was set; empty once it has gone.
   std::shared_ptr<LocationManagerDelegate> delegate() const;
   /// The user's identifier that the last check of the user found, despite its name no key: nothing is authenticated
   /// with it. The key of the host is `Tarvo::tarvoapiKey`.
@@ -85,9 +88,11 @@ class TARVO_API LocationManager {
   /// Whether this process has been given the user's identifier by the backend: a later answer stores no second user.
   bool alreadyReceivedUUID() const;
   void setAlreadyReceivedUUID(bool received);  ///< for the SDK's own parts
-  // A place for an upload timer, which nothing arms or reads: uploads are driven by events alone.
+  /**@{*/
+  /// A place for an upload timer, which nothing arms or reads: uploads are driven by events alone.
   std::shared_ptr<void> networkTimer() const;
   void setNetworkTimer(std::shared_ptr<void> timer);
+  /**@}*/
   /// The standard ones.
   platform::UserDefaults& defaults() const;
   /// Tells processes apart: 0 to 999,999,999, drawn once in each.
@@ -152,27 +157,31 @@ class TARVO_API LocationManager {
   std::optional<PastTripRecord> getLastPastTrip();
   /// All stored places, highest identifier first.
   std::vector<PointOfInterestRecord> getPointOfInterest();
-  // Store past trips and places in the form in which the backend sends them, each with a save of its own, and return
-  // at once; then the newest trip is told to the delegate, as after a download. A trip has the keys of PastTripRecord
-  // (times as in Trip::startTime, the route an object), a place "poi_id", "lat", "lon" and the objects "point_geo_json"
-  // and "zone_geo_json". As in an answer, a "pasttrip_id" that is no integer can stop the process
-  // (see DeliveryOptions::dropsProtocolBreaks).
+  /**@{*/
+  /// Store past trips and places in the form in which the backend sends them, each with a save of its own, and return
+  /// at once; then the newest trip is told to the delegate, as after a download. A trip has the keys of PastTripRecord
+  /// (times as in Trip::startTime, the route an object), a place "poi_id", "lat", "lon" and the objects
+  /// "point_geo_json" and "zone_geo_json". As in an answer, a "pasttrip_id" that is no integer can stop the process
+  /// (see DeliveryOptions::dropsProtocolBreaks).
   void addNewLastTrip(std::vector<platform::Dictionary> trips);
   void addNewPOI(std::vector<platform::Dictionary> pois);
-  // Delete all past trips, all places; positions stay. Written with the next save: `Tarvo::resetLocalHistory` does both
-  // and saves.
+  /**@}*/
+  /**@{*/
+  /// Delete all past trips, all places; positions stay. Written with the next save: `Tarvo::resetLocalHistory` does
+  /// both and saves.
   void removeData();
   void removePOIs();
+  /**@}*/
   /// What `Tarvo::handleEventsForBackgroundURLSession` calls, for any identifier.
   void handleEventsForBackgroundURLSession(const std::string& identifier, std::function<void()> completionHandler);
 
   /// How far the upload has come.
   struct SyncStatus {
-    std::int64_t stored = 0;    ///< positions in the store's file; the next three counts are of these
-    std::int64_t unsent = 0;    ///< never posted
-    std::int64_t awaiting = 0;  ///< posted, not acknowledged
-    std::int64_t acknowledged = 0;
-    std::int64_t unsaved = 0;  ///< in memory alone, since saving failed: not uploaded, lost with the process
+    std::int64_t stored = 0;        ///< positions in the store's file; the next three counts are of these
+    std::int64_t unsent = 0;        ///< never posted
+    std::int64_t awaiting = 0;      ///< posted, not acknowledged
+    std::int64_t acknowledged = 0;  ///< the rest
+    std::int64_t unsaved = 0;       ///< in memory alone, since saving failed: not uploaded, lost with the process
     std::optional<std::int64_t> lastIndex;  ///< of all, also unsaved
     std::uint64_t batchesPosted = 0;        ///< by this process
     std::uint64_t positionsPosted = 0;      ///< by this process, repeats included

@@ -1,3 +1,5 @@
+/// @file
+/// The positions of a history, read from the store as they are asked for.
 #pragma once
 
 #include <cstddef>
@@ -27,7 +29,9 @@ class TARVO_API LocationRecords {
   /// These positions, which need no store.
   LocationRecords(std::vector<LocationRecord> records);
 
+  /// How many there were when the history was made.
   std::size_t size() const;
+  /// Whether there were none.
   bool empty() const { return size() == 0; }
   /// Copies of all of them, some 500 bytes of memory each; `LocationsHistory::toGeoJSON` needs far less.
   std::vector<LocationRecord> toVector() const;

@@ -1,3 +1,5 @@
+/// @file
+/// The positions or past trips of a span of time.
 #pragma once
 
 #include <optional>
@@ -26,6 +28,7 @@ class TARVO_API LocationsHistory {
   /// One fix for each position that has coordinates and a time; empty when the positions cannot be read. Of the other
   /// values a missing altitude is 0, a missing accuracy, course or speed is -1.
   std::vector<platform::CLLocation> toArray() const;
+  /// `firstLocation`.
   platform::CLLocationCoordinate2D getFirstLocation() const { return firstLocation; }
   /// The smallest rectangle around all trips or, if there are none, around all positions: its south-west corner, then
   /// its north-east corner. Both are (-200, -200) when there is no point that can be read. Absent without trips and

@@ -1,3 +1,5 @@
+/// @file
+/// The client of the backend.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +28,9 @@ class NetworkManager;
 class NetworkManagerDelegate {
  public:
   virtual ~NetworkManagerDelegate() = default;
+  /// What the backend has answered to a log upload.
   virtual void networkManagerReceivedSomeData(NetworkManager& manager, const std::string& data) = 0;
+  /// The background session has failed, after which this process uploads nothing more.
   virtual void networkManagerReceivedSessionError(NetworkManager& manager) = 0;
 };
 
@@ -41,38 +45,52 @@ class NetworkManagerDelegate {
 /// process. What an answer or the session tells the engine builds it if there is none yet.
 class TARVO_API NetworkManager {
  public:
+  /**@{*/
   /// Subscriptions that wait to be registered, name to notification value. Read as a copy; set as a whole or one entry.
   static std::map<std::string, std::string> SUBSCRIPTION_LIST();
   static void setSUBSCRIPTION_LIST(std::map<std::string, std::string> list);
   static void setSUBSCRIPTION_LIST(std::string name, std::string value);
+  /**@}*/
+  /**@{*/
   /// Names of subscriptions that wait to be removed. Read as a copy; set as a whole, or one name added.
   static std::set<std::string> UNSUBSCRIPTION_LIST();
   static void setUNSUBSCRIPTION_LIST(std::set<std::string> names);
   static void addUNSUBSCRIPTION_LIST(std::string name);
+  /**@}*/
   /// Key in the user defaults: the version of the points of interest that were asked for last.
   static constexpr const char* LAST_POI_VERSION = "poi_version";
   /// Key in the user defaults: the user's secret.
   static const char* const SECRET_KEY;
+  /**@{*/
   /// The secret of the host's API key, with which the device registers. This only stores it; hosts call
   /// `Tarvo::setApiKeySecret`, which registers the device too.
   static std::string apiKeySecret();
   static void setApiKeySecret(std::string secret);
+  /**@}*/
+  /**@{*/
   /// The secret that the backend has issued to this device's user; absent before the registration. The setter is for
   /// the SDK's own parts: it changes the memory alone, and the next client reads the user defaults again.
   static std::optional<std::string> UUID_SECRET_KEY();
   static void setUUID_SECRET_KEY(std::optional<std::string> secret);
+  /**@}*/
+  /**@{*/
   /// The lock of the upload channel: true while a position batch is under way. The setter is for the SDK's own parts: a
   /// channel that is freed too early sends positions twice.
   static bool CANAL_LOCK();
   static void setCANAL_LOCK(bool locked);
+  /**@}*/
+  /**@{*/
   /// When the channel was taken last; 180 seconds later another batch may take it. The setter is for the SDK's own
   /// parts.
   static platform::Date CANAL_TIME_LOCK();
   static void setCANAL_TIME_LOCK(platform::Date date);
+  /**@}*/
+  /**@{*/
   /// The newest past trip that the backend has announced. The setter is for the SDK's own parts: a trip that is marked
   /// as announced is not downloaded until a newer one is.
   static std::int64_t LAST_TRIP_ID();
   static void setLAST_TRIP_ID(std::int64_t id);
+  /**@}*/
 
   /// Whether a packet can leave towards the host of `url`, over any network or only over another than the cellular one
   /// (`viaWiFi`). Can wait for the resolver.
@@ -86,10 +104,12 @@ class TARVO_API NetworkManager {
   /// Who is told what the background session receives; the client keeps it alive. For the SDK's own parts: only the
   /// delegate of the engine's client is ever told.
   void setDelegate(std::shared_ptr<NetworkManagerDelegate> delegate);
-  std::shared_ptr<NetworkManagerDelegate> delegate() const;
+  std::shared_ptr<NetworkManagerDelegate> delegate() const;  ///< the one that was set; may be empty
+  /**@{*/
   /// Name of the backend's environment, "prod" at first; goes into token, subscription and tag calls.
   std::string envir() const;
   void setEnvir(std::string name);
+  /**@}*/
   /// The standard user defaults.
   platform::UserDefaults& defaults() const;
 
@@ -121,9 +141,11 @@ class TARVO_API NetworkManager {
   /// Ends a subscription. Takes the name from SUBSCRIPTION_LIST at once, from UNSUBSCRIPTION_LIST once the backend has
   /// accepted it.
   void subscriptionUnRegister(const std::string& subscription);
+  /**@{*/
   /// Gives the user a tag, or takes it away. Nothing is repeated when it fails.
   void setTags(const std::string& name, const std::string& value);
   void unsetTags(const std::string& name);
+  /**@}*/
   /// Asks the backend to forget the history that it has stored of the user.
   void resetBackend();
   /// Asks the backend to forget the geographic profile that it has computed from that history.

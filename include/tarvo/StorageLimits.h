@@ -1,3 +1,5 @@
+/// @file
+/// How much of a device's disk is kept.
 #pragma once
 
 #include <cstdint>
@@ -21,7 +23,7 @@ struct StorageLimits {
   /// While the log files hold more bytes together than this, the oldest go; today's takes no more lines at the bound.
   std::optional<std::uint64_t> logBytes{};
 
-  bool operator==(const StorageLimits&) const = default;
+  bool operator==(const StorageLimits&) const = default;  ///< member by member
 };
 
 }  // namespace tarvo

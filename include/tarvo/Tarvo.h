@@ -1,3 +1,5 @@
+/// @file
+/// The facade: the one class that a host drives.
 #pragma once
 
 #include <cstdint>
@@ -23,6 +25,7 @@
 #include <tarvo/platform/UserDefaults.h>
 #include <tarvo/platform/Value.h>
 
+/// The SDK: the facade `Tarvo`, the engine behind it, what both give, and the options of a host.
 namespace tarvo {
 
 class Tarvo;
@@ -56,65 +59,83 @@ class TarvoDelegate {
 /// be read is absent.
 class TARVO_API Tarvo {
  public:
-  using Trip = tarvo::Trip;
-  using LocationsHistory = tarvo::LocationsHistory;
-  using SyncStatus = LocationManager::SyncStatus;
+  using Trip = tarvo::Trip;                          ///< a prediction
+  using LocationsHistory = tarvo::LocationsHistory;  ///< positions, or past trips
+  using SyncStatus = LocationManager::SyncStatus;    ///< how far the upload has come
 
-  static constexpr int TARVO_FORMAT_RAW = 1;
-  static constexpr int TARVO_FORMAT_EXTRAPOLATED = 2;
-  static constexpr const char* GEOJSON_LINESTRING = "LineString";
-  static constexpr const char* GEOJSON_MULTIPOINT = "MultiPoint";
+  static constexpr int TARVO_FORMAT_RAW = 1;                       ///< of histories: positions
+  static constexpr int TARVO_FORMAT_EXTRAPOLATED = 2;              ///< of histories: past trips
+  static constexpr const char* GEOJSON_LINESTRING = "LineString";  ///< a line for each stretch of collection
+  static constexpr const char* GEOJSON_MULTIPOINT = "MultiPoint";  ///< points
 
-  // Modes, told in ActivationMode.h.
+  /**@{*/
+  /// A mode; tarvo/ActivationMode.h tells what each switches on.
   static constexpr std::int64_t LOCAL_FOREGROUND = mode::kLocalForeground;
   static constexpr std::int64_t LOCAL_BACKGROUND = mode::kLocalBackground;
   static constexpr std::int64_t BACKEND_BACKGROUND = mode::kBackendBackground;
   static constexpr std::int64_t BACKEND_GEOPROFILE = mode::kBackendGeoprofile;
   static constexpr std::int64_t DEACTIVE_ALL = mode::kDeactivated;
+  /**@}*/
 
   // Process-wide values, guarded; the getters give copies.
   /// The mode, DEACTIVE_ALL at first.
   static std::int64_t ACTIVATE_STATUS();
   /// Sets the mode alone: what may be read and whether uploads run. For programs that only read; others `activate`.
   static void setACTIVATE_STATUS(std::int64_t mode);
+  /**@{*/
   /// The host's API key and client identifier at the backend. Activating a mode 8 or 12 takes them from what describes
   /// the host (`platform::setInfoDictionary` or the property list); what that lacks stays as it is set here, with
   /// "Failed to load" in the log.
   static std::string tarvoapiKey();
   static void setTarvoapiKey(std::string key);
   static std::string clientID();
+  /**@}*/
   /// Refused (false, with a line in the system log) unless it can stand in a URL's path as it is; "%XX" can.
   static bool setClientID(std::string_view identifier);
+  /**@{*/
   /// The host's bundle identifier, read from the property list with the key.
   static std::string bundleID();
   static void setBundleID(std::string identifier);
+  /**@}*/
+  /**@{*/
   /// The token for push messages, and whether the backend has it; set by
   /// `didRegisterForRemoteNotificationsWithDeviceToken` and the backend's answer.
   static std::string deviceToken();
   static void setDeviceToken(std::string token);
   static bool tokenSent();
   static void setTokenSent(bool sent);
+  /**@}*/
   /// The identifier that `handleEventsForBackgroundURLSession` answers to.
   static const std::string& backgroundSessionID();
+  /**@{*/
   /// Tags that each push message sends to the backend again, name to value, and names that it removes again.
   static std::map<std::string, std::string> SET_TAGS_LIST();
   static void setSET_TAGS_LIST(std::map<std::string, std::string> tags);
   static std::vector<std::string> UNSET_TAGS_LIST();
   static void setUNSET_TAGS_LIST(std::vector<std::string> names);
+  /**@}*/
+  /**@{*/
   /// The prediction that was downloaded last, in any mode; an empty one at first.
   static Trip LastPrediction();
   static void setLastPrediction(Trip prediction);
+  /**@}*/
 
+  /**@{*/
   /// How positions are delivered, and how much is kept. May be set at any time; what is under way ends as it began.
   /// Until they are set they are as the host's description says (tarvo/HostKeys.h), which is read with the first look.
   static DeliveryOptions deliveryOptions();
   static void setDeliveryOptions(DeliveryOptions options);
   static StorageLimits storageLimits();
   static void setStorageLimits(StorageLimits limits);
+  /**@}*/
 
+  /// A new object, which events reach from now on. The first builds the engine.
   Tarvo();
+  /**@{*/
+  /// Another handle of the same object.
   Tarvo(const Tarvo&) = default;
   Tarvo& operator=(const Tarvo&) = default;
+  /**@}*/
   /// Whether both are handles of the same object.
   bool operator==(const Tarvo&) const = default;
 
@@ -122,6 +143,7 @@ class TARVO_API Tarvo {
   LocationManager& locationManager() const;
   /// The standard ones.
   platform::UserDefaults& defaults() const;
+  /// The one that was set last; may be empty.
   std::shared_ptr<TarvoDelegate> delegate() const;
   /// Kept strongly. Events reach this object from now on, unless the pointer is empty.
   void setDelegate(std::shared_ptr<TarvoDelegate> delegate);
@@ -132,9 +154,11 @@ class TARVO_API Tarvo {
   void activate(std::int64_t service);
   /// Starts standard updates and stores the last known position again, in any mode from 0; `activate` has done so.
   void serviceConnect();
+  /**@{*/
   /// Lets new positions reach the delegate, or keeps them from it; collection goes on.
   void requestLocationUpdate();
   void stopLocationUpdate();
+  /**@}*/
 
   /// The stored position with the newest fix time; absent in mode -4 and before the first stored position. Asks for the
   /// permission that the mode needs.
@@ -169,10 +193,12 @@ class TARVO_API Tarvo {
   bool eraseEverything();
   /// Deletes stored past trips and places; positions stay.
   void resetLocalHistory();
-  // Ask the backend to forget what it has derived: past trips and the profile of places and predictions, or the profile
-  // alone. Nothing is sent before this device is registered; what is stored here stays.
+  /**@{*/
+  /// Ask the backend to forget what it has derived: past trips and the profile of places and predictions, or the
+  /// profile alone. Nothing is sent before this device is registered; what is stored here stays.
   void resetBackendHistory();
   void resetGeoProfileHistory();
+  /**@}*/
 
   /// Gives the backend the token for push messages, at once when this device is registered, else with the registration.
   void didRegisterForRemoteNotificationsWithDeviceToken(const std::string& token);
@@ -191,11 +217,13 @@ class TARVO_API Tarvo {
   void requestRouteMatch();
   /// Tells the delegate no more; the subscription stays.
   void stopRouteMatch();
-  /// The same for predictions.
+  /// Subscribes to silent messages about new predictions and tells the delegate of them from now on.
   void requestPredictionUpdate();
+  /// Tells the delegate no more; the subscription stays.
   void stopPredictionUpdate();
   /// Subscribes to push messages: `value` is what the backend is to send, a JSON text.
   void setSubscription(const std::string& name, const std::string& value);
+  /// Ends that subscription.
   void setUnSubscription(const std::string& name);
   /// Sets a tag of this user at the backend, now and with each push message, until the host removes it from
   /// SET_TAGS_LIST.

@@ -1,3 +1,5 @@
+/// @file
+/// A prediction.
 #pragma once
 
 #include <cstdint>
@@ -24,7 +26,8 @@ class TARVO_API Trip {
   double destination_lon = -200;          ///< degrees; -200: unset
   double destination_lat = -200;          ///< degrees; -200: unset
   double probability = 0;                 ///< as the backend sent it
-  std::string start_name, arrival_name;   ///< of the places
+  std::string start_name;                 ///< of the place that it begins at
+  std::string arrival_name;               ///< of the place that it leads to
   double duration = 0;                    ///< as the backend sent it
 
   /// The coordinates of the route's first feature, [longitude, latitude] pairs; absent without a feature.
@@ -43,10 +46,10 @@ class TARVO_API Trip {
   std::optional<std::string> getStartTime() const;
   /// `ArrivalTime`; never absent.
   std::optional<std::string> getArrivalTime() const { return ArrivalTime; }
-  double getProbability() const { return probability; }
-  double getDuration() const { return duration; }
-  std::string getStartName() const { return start_name; }
-  std::string getArrivalName() const { return arrival_name; }
+  double getProbability() const { return probability; }        ///< `probability`
+  double getDuration() const { return duration; }              ///< `duration`
+  std::string getStartName() const { return start_name; }      ///< `start_name`
+  std::string getArrivalName() const { return arrival_name; }  ///< `arrival_name`
 };
 
 }  // namespace tarvo

@@ -8,8 +8,8 @@ library=$1 source=$2
 reference=$source/bindings/c/abi/$(uname -m).abi
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-header=$work/whole.h  # both headers in one
-cat "$source"/bindings/c/include/tarvo-c/{tarvo,engine}.h | grep -v '^#include <tarvo-c/' >"$header"
+header=$work/whole.h  # all headers in one
+cat "$source"/bindings/c/include/tarvo-c/{tarvo,history,engine}.h | grep -v '^#include <tarvo-c/' >"$header"
 failed=0
 fail() { echo "$1"; failed=1; }
 
@@ -55,9 +55,9 @@ done <<'ROWS'
 yes s/^TARVO_C_API const char\* tarvo_version\(void\);/&\nTARVO_C_API int tarvo_newer(int level);/
 no s/^TARVO_C_API const char\* tarvo_version\(void\);//
 no s/^TARVO_C_API tarvo_result tarvo_deliver\(const tarvo_fix\* fixes, size_t count\);/TARVO_C_API tarvo_result tarvo_deliver(const tarvo_fix* fixes, int count);/
-no s/^  int32_t unsent, sent_without_ack;/  int32_t more, unsent, sent_without_ack;/
-no s/^  double south, west, north, east;.*/  double west, south, north, east;/
-no s/^  int32_t floor, has_floor;/  int64_t floor; int32_t has_floor;/
+no s/^  int32_t unsent;/  int32_t more, unsent;/
+no /^  double (south|west);/{s/south/other/;s/west/south/;s/other/west/}
+no s/^  int32_t floor;/  int64_t floor;/
 no s/^  void \(\*released\)\(void\* user\);//
 no s/TARVO_BAD_HANDLE = -2,/TARVO_BAD_HANDLE = -20,/
 no s/TARVO_HAS_COURSE = 32,/TARVO_HAS_COURSE = 31,/

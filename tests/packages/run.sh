@@ -87,12 +87,14 @@ host() {
   unset ROOT_USER
   make_root "$work/host"
   local name files=()
-  for name in libtarvo0.1 libtarvo-dev libtarvo-c0 libtarvo-c-dev libtarvo-objc0 libtarvo-objc-dev python3-tarvo; do
+  for name in libtarvo0.1 libtarvo-dev libtarvo-c0 libtarvo-c-dev libtarvo-objc0 libtarvo-objc-dev libtarvo-doc \
+    python3-tarvo; do
     cp "$(package $name)" "$work/host/"
     files+=("/$(basename "$(package $name)")")
   done
   cp tests/consumer/CMakeLists.txt "$work/host/"
   install_in "$work/host" g++ cmake make pkg-config "${files[@]}"
+  in_root "$work/host" test -f /usr/share/doc/libtarvo-doc/html/reference/c/tarvo_8h.html
   sed -n '/^```python$/,/^```$/{/^```/!p;/^```$/q}' docs/python.md >"$work/host/unit.py"
   sed -n '/^<!-- file: unit.m -->$/,/^```$/p' docs/objc.md | grep -vE '^(```|<!--)' >"$work/host/unit.m"
   in_root "$work/host" sh -ec 'unit=/usr/share/doc/libtarvo-dev/examples/unit.cpp

@@ -1,4 +1,4 @@
-"""docs/python.md says what works, and all of it is typed."""
+"""README.md and docs/python.md say what works, and all of it is typed."""
 
 import pathlib
 import re
@@ -6,7 +6,8 @@ import re
 import pytest
 from conftest import SOURCE, Run
 
-SNIPPETS = re.findall(r"^```python\n(.*?)^```$", (SOURCE / "docs/python.md").read_text(), re.S | re.M)
+PAGES = "".join((SOURCE / page).read_text() for page in ("README.md", "docs/python.md"))
+SNIPPETS = re.findall(r"^```python\n(.*?)^```$", PAGES, re.S | re.M)
 
 @pytest.mark.parametrize("number", range(len(SNIPPETS)))
 def test_a_snippet_runs(backend: str, run: Run, tmp_path: pathlib.Path, number: int) -> None:

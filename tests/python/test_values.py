@@ -15,7 +15,8 @@ from tarvo import Battery, DeliveryOptions, Fix, StorageLimits, Value
 
 def test_everything_of_the_header_is_there() -> None:
     """No function and no number is forgotten."""
-    header = (SOURCE / "bindings/c/include/tarvo-c/tarvo.h").read_text()
+    folder = SOURCE / "bindings/c/include/tarvo-c"
+    header = (folder / "tarvo.h").read_text() + (folder / "history.h").read_text()
     files = (SOURCE / "bindings/python").rglob("*")
     package = "".join(file.read_text() for file in files if file.suffix in (".py", ".c"))
     named = set(re.findall(r"\b(tarvo_[a-z_]+)\(", re.sub(r"/\*.*?\*/", "", header, flags=re.S)))

@@ -27,7 +27,8 @@ class Receiver(Protocol):
     def start(self, accuracy: float | None, /) -> None:
         """On, to so many metres (None: the best there is). Again when that has changed. Later fixes wait meanwhile."""
 
-    def stop(self) -> None: ...
+    def stop(self) -> None:
+        """Off: nobody needs fixes. Only after a start."""
 
 
 class Subscription:
@@ -37,6 +38,7 @@ class Subscription:
         self._cancel: Callable[[], None] | None = cancel
 
     def cancel(self) -> None:
+        """Any thread may; a second call changes nothing."""
         cancel, self._cancel = self._cancel, None
         if cancel is not None:
             cancel()

@@ -50,6 +50,7 @@ class History:
 
     @property
     def trips(self) -> "Trips":
+        """The past trips, by ascending identifier; none in a history of positions."""
         return Trips(self._handle)
 
     @property
@@ -79,6 +80,7 @@ class History:
             lib.tarvo_free(out[0])
 
     def geojson(self, geometry: Geometry | Literal["LineString", "MultiPoint"] = Geometry.LINESTRING) -> dict[str, Any]:
+        """The same as a dictionary."""
         content: dict[str, Any] = json.loads(self.geojson_text(geometry))
         return content
 
@@ -184,6 +186,7 @@ class Trip:
 
     @property
     def arrival_time(self) -> datetime | None:
+        """The same of the arrival."""
         return _date_in(self.arrival_text)
 
     @property
@@ -219,6 +222,7 @@ class Trip:
 
     @property
     def destination_fix(self) -> Fix | None:
+        """The destination, as a fix of now; None while it is unset."""
         return self._fix(lib.tarvo_trip_destination)
 
     def _fix(self, function: Any) -> Fix | None:

@@ -165,13 +165,15 @@ class Reading:
         check(lib.tarvo_request_prediction_update(self._live))
 
     def stop_prediction_update(self) -> None:
+        """No more; the subscription at the backend stays."""
         check(lib.tarvo_stop_prediction_update(self._live))
 
     def subscribe(self, name: str, content: Json) -> None:
-        """To push messages."""
+        """To push messages; `content` says what the backend is to send."""
         check(lib.tarvo_set_subscription(self._live, text_of(name), json_of(content)))
 
     def unsubscribe(self, name: str) -> None:
+        """From them."""
         check(lib.tarvo_set_unsubscription(self._live, text_of(name)))
 
     def set_tag(self, name: str, value: str) -> None:
@@ -179,6 +181,7 @@ class Reading:
         check(lib.tarvo_set_tag(self._live, text_of(name), text_of(value)))
 
     def unset_tag(self, name: str) -> None:
+        """Removes it there."""
         check(lib.tarvo_unset_tag(self._live, text_of(name)))
 
     def push_received(self, message: Mapping[str, Any] | str) -> bool:

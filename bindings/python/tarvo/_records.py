@@ -21,6 +21,8 @@ class Mode(enum.IntEnum):
 
 
 class Permission(enum.IntEnum):
+    """What the user allows; collection needs one of the last two, and in the background the first of them."""
+
     NOT_DETERMINED = lib.TARVO_NOT_DETERMINED
     RESTRICTED = lib.TARVO_RESTRICTED
     DENIED = lib.TARVO_DENIED
@@ -29,17 +31,23 @@ class Permission(enum.IntEnum):
 
 
 class PermissionRequest(enum.IntEnum):
+    """What a prompt is to ask the user for."""
+
     WHEN_IN_USE = lib.TARVO_ASK_WHEN_IN_USE
     ALWAYS = lib.TARVO_ASK_ALWAYS
 
 
 class AppState(enum.IntEnum):
+    """Where the application is: ACTIVE on the screen, and so at first."""
+
     ACTIVE = lib.TARVO_APP_ACTIVE
     INACTIVE = lib.TARVO_APP_INACTIVE
     BACKGROUND = lib.TARVO_APP_BACKGROUND
 
 
 class Battery(enum.IntEnum):
+    """What feeds the device; CHARGING and FULL are mains power."""
+
     UNKNOWN = lib.TARVO_BATTERY_UNKNOWN
     UNPLUGGED = lib.TARVO_BATTERY_UNPLUGGED
     CHARGING = lib.TARVO_BATTERY_CHARGING
@@ -54,6 +62,8 @@ class Format(enum.IntEnum):
 
 
 class Geometry(enum.IntEnum):
+    """Of GeoJSON: one line for each stretch of collection, or points."""
+
     LINESTRING = lib.TARVO_LINESTRING
     MULTIPOINT = lib.TARVO_MULTIPOINT
 
@@ -182,28 +192,47 @@ class Position:
     """A stored position. Its texts are the backend's words: what stored it, and how the place was found."""
 
     latitude: float | None
+    """Degrees, WGS 84."""
     longitude: float | None
     altitude: float | None
+    """Metres above sea level."""
     horizontal_accuracy: float | None
+    """Metres."""
     vertical_accuracy: float | None
     course: float | None
+    """Degrees clockwise from true north."""
     speed: float | None
+    """Metres per second."""
     fix_time: datetime | None
+    """When the receiver made the fix."""
     stored_time: datetime | None
+    """When it was stored."""
     floor: int | None
+    """Of a building, 0 at the ground."""
     index: int | None
+    """Running number from 0; the backend knows it by this."""
     unsent: bool | None
+    """Until the backend has acknowledged it."""
     sent_without_ack: bool | None
+    """Posted, and not acknowledged so far."""
     service_action: str | None
+    """Why it was stored, as "loc_changed"."""
     localisation_method: str | None
+    """How the fix came about, as "sls"."""
     user_action: str | None
+    """The activity of the user, as "walking"."""
     app_name: str | None
+    """With the host's bundle identifier."""
     app_action: str | None
+    """Always "unused"."""
     identifier_for_vendor: str | None
+    """Of the device."""
 
 
 @dataclass(frozen=True, slots=True)
 class PastTrip:
+    """A past trip as the backend rebuilt it; coordinates in degrees."""
+
     id: int | None
     departure_latitude: float | None
     departure_longitude: float | None
@@ -230,14 +259,21 @@ class SyncStatus:
     """Counts in the store, and batches since the process began."""
 
     stored: int
+    """In the store's file; the next three are of these."""
     unsent: int
+    """Never posted."""
     awaiting: int
+    """Posted, not acknowledged."""
     acknowledged: int
     unsaved: int
+    """In memory alone, since saving failed."""
     last_index: int | None
+    """Of all, also unsaved."""
     batches_posted: int
     positions_posted: int
+    """Repeats included."""
     store_available: bool
+    """False also while another process writes and this one wants to."""
 
 
 @dataclass(frozen=True, slots=True)

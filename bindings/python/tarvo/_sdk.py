@@ -211,6 +211,7 @@ class Sdk(Reading):
 
     @property
     def mode(self) -> Mode | int:
+        """DEACTIVATED at first; a plain number where it is none of Mode."""
         mode: int = lib.tarvo_active_mode()
         return Mode(mode) if mode in Mode._value2member_map_ else mode
 
@@ -219,7 +220,7 @@ class Sdk(Reading):
         check(lib.tarvo_set_active_mode(self._live, mode))
 
     def service_connect(self) -> None:
-        """Asks the backend for what has come up for this user."""
+        """Starts standard updates and stores the last known position again; activate has done so."""
         check(lib.tarvo_service_connect(self._live))
 
     def request_location_update(self) -> None:
@@ -313,6 +314,7 @@ class Sdk(Reading):
         return self._subscribers.add("alert", function)
 
     def on_open_url(self, function: Callable[[str], object]) -> Subscription:
+        """For instance the page of the settings."""
         return self._subscribers.add("open_url", function)
 
     def on_register_for_push(self, function: Callable[[], object]) -> Subscription:
@@ -320,6 +322,7 @@ class Sdk(Reading):
         return self._subscribers.add("register_for_push", function)
 
     def on_background_fetch_interval(self, function: Callable[[float], object]) -> Subscription:
+        """The least seconds between two background fetches."""
         return self._subscribers.add("background_fetch_interval", function)
 
     def fixes(self, limit: int = 1000) -> Stream[Fix]:

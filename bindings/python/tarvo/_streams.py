@@ -48,10 +48,11 @@ class Stream(AsyncIterator[T], Generic[T]):
         """How many have gone because nobody took them in time."""
 
     def subscribe(self, add: Callable[[], Subscription]) -> None:
+        """For the Sdk: what fills the stream, and is cancelled at its end."""
         self._subscriptions.append(add())
 
     def put(self, thing: T) -> None:
-        """On any thread."""
+        """For the Sdk, on any thread."""
         with self._lock:
             if self._has_ended:
                 return
@@ -69,6 +70,7 @@ class Stream(AsyncIterator[T], Generic[T]):
 
     @property
     def has_ended(self) -> bool:
+        """Whether nothing more comes; what waits can still be taken."""
         return self._has_ended
 
     def _tell(self) -> None:
@@ -108,4 +110,5 @@ class Stream(AsyncIterator[T], Generic[T]):
         await self.aclose()
 
     async def aclose(self) -> None:
+        """Ends the stream and its subscription; a second call changes nothing."""
         self.end()

@@ -1,3 +1,5 @@
+/// @file
+/// The clock that everything reads, and one that its owner moves.
 #pragma once
 
 #include <memory>
@@ -37,6 +39,7 @@ class TARVO_API Clock {
 /// Threads: any. `advanceTo` returns after the timers that became due have been handed to their queues.
 class TARVO_API ManualClock final : public Clock {
  public:
+  /// Shows `start`; its monotonic time begins at 0.
   explicit ManualClock(Date start);
   ~ManualClock() override;
 

@@ -1,3 +1,5 @@
+/// @file
+/// The application's state, the device's battery and names, and what only the host can do.
 #pragma once
 
 #include <cstdint>
@@ -11,21 +13,32 @@
 
 namespace tarvo::platform {
 
-/// The numbers are the contract.
-enum class UIApplicationState : std::int64_t { active = 0, inactive = 1, background = 2 };
-enum class UIDeviceBatteryState : std::int64_t { unknown = 0, unplugged = 1, charging = 2, full = 3 };
+/// Where the application is. The numbers are the contract.
+enum class UIApplicationState : std::int64_t {
+  active = 0,      ///< on the screen
+  inactive = 1,    ///< on the screen, and about to leave it or just back
+  background = 2,  ///< not on the screen
+};
+/// What feeds the device. The numbers are the contract.
+enum class UIDeviceBatteryState : std::int64_t {
+  unknown = 0,    ///< nobody can tell, or nobody watches
+  unplugged = 1,  ///< the battery
+  charging = 2,   ///< mains power, which charges the battery
+  full = 3,       ///< mains power, and the battery is full
+};
 
 /// One button of an alert; `handler` may be empty. Call it at most once, on any thread.
 struct AlertAction {
-  std::string title;
-  bool isCancel = false;
-  std::function<void()> handler;
+  std::string title;              ///< what stands on it
+  bool isCancel = false;          ///< whether it stands for "no"
+  std::function<void()> handler;  ///< what choosing it does
 };
 
+/// What is to be shown to the user, until a button is chosen.
 struct Alert {
-  std::string title;
-  std::string message;
-  std::vector<AlertAction> actions;
+  std::string title;                 ///< its heading
+  std::string message;               ///< what it says
+  std::vector<AlertAction> actions;  ///< the buttons, from the first
 };
 
 /// What only the host can do for the library. Each operation has a default that does the least.
@@ -52,30 +65,37 @@ TARVO_API void setHostApplication(std::shared_ptr<HostApplication> host);
 /// The application's state as the host tells it. Threads: any, readable without asking the main thread.
 class TARVO_API UIApplication {
  public:
+  /// The one of the process.
   static UIApplication& shared();
 
   /// active until the host says otherwise.
   UIApplicationState applicationState() const;
 
+  /**@{*/
   /// Each sets the state (where it changes) and posts the notification of that name on the caller's thread, which
   /// should be the main one; the library has seen it when the call returns.
   void didFinishLaunching();
   void didBecomeActive();
   void willResignActive();
   void didEnterBackground();
+  /**@}*/
 
+  /**@{*/
   /// Each asks the host's application for what its operation of that name does, on the main queue, and returns at once.
   void present(Alert alert);
   void openURL(std::string url);
   void registerForRemoteNotifications();
   void setMinimumBackgroundFetchInterval(double seconds);
+  /**@}*/
 
  private:
   UIApplication() = default;
 };
 
+/// What `HostApplication::openURL` gets for the page of the settings.
 inline constexpr const char* UIApplicationOpenSettingsURLString = "app-settings:";
-// Names of the messages inside this layer; a host cannot observe them.
+/**@{*/
+/// Names of the messages inside this layer; a host cannot observe them.
 inline constexpr const char* UIApplicationDidEnterBackgroundNotification =
     "UIApplicationDidEnterBackgroundNotification";
 inline constexpr const char* UIApplicationDidBecomeActiveNotification = "UIApplicationDidBecomeActiveNotification";
@@ -83,6 +103,7 @@ inline constexpr const char* UIApplicationWillResignActiveNotification = "UIAppl
 inline constexpr const char* UIApplicationDidFinishLaunchingNotification =
     "UIApplicationDidFinishLaunchingNotification";
 inline constexpr const char* UIDeviceBatteryStateDidChangeNotification = "UIDeviceBatteryStateDidChangeNotification";
+/**@}*/
 
 /// The device: battery, names, identifiers.
 ///
@@ -91,10 +112,12 @@ inline constexpr const char* UIDeviceBatteryStateDidChangeNotification = "UIDevi
 /// Threads: any; no lock is held while observers run. Errors: what cannot be read is unknown or absent.
 class TARVO_API UIDevice {
  public:
+  /// The one of the process.
   static UIDevice& current();
 
   /// Off until it is switched on.
   void setBatteryMonitoringEnabled(bool enabled);
+  /// Unknown while monitoring is off.
   UIDeviceBatteryState batteryState() const;
   /// 0 to 1, or -1 when unknown.
   double batteryLevel() const;
@@ -102,13 +125,17 @@ class TARVO_API UIDevice {
   /// UIDeviceBatteryStateDidChangeNotification on the caller's thread.
   void setBattery(UIDeviceBatteryState state, double level);
 
+  /**@{*/
   /// The name of the machine; name and version of its operating system.
   std::string name() const;
   std::string systemName() const;
   std::string systemVersion() const;
+  /**@}*/
+  /**@{*/
   /// The level of the phone platform whose features the SDK counts on, 10 at first. For tests of the SDK.
   int platformLevel() const;
   void setPlatformLevel(int level);
+  /**@}*/
   /// Whether the level is 9 or higher, from which on background fixes must be allowed and a single fix can be asked
   /// for.
   bool hasFeaturesOfLevel9() const;

@@ -1,3 +1,5 @@
+/// @file
+/// Where a process keeps its files, and what describes it.
 #pragma once
 
 #include <filesystem>
@@ -6,6 +8,7 @@
 #include <tarvo/Export.h>
 #include <tarvo/platform/Value.h>
 
+/// The host's side of what the SDK stands on: its files, clock, device, log, queues and receiver.
 namespace tarvo::platform {
 
 // Where this process keeps its files, and what describes it. Set it before the first `Tarvo`. Where a call can be

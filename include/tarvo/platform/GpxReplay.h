@@ -1,3 +1,5 @@
+/// @file
+/// Recorded trips, and playing them.
 #pragma once
 
 #include <cstddef>
@@ -17,10 +19,10 @@ namespace tarvo::platform {
 /// A recorded trip, read from a GPX file (1.0 or 1.1): its track points in the order of the file, or its route points
 /// if it has no track, or else its waypoints. A plain value; threads as a std::vector.
 struct TARVO_API GpxTrace {
-  std::vector<CLLocation> fixes;
-  std::size_t untimed = 0;     ///< points that were left out because they have no readable time
-  std::size_t outOfRange = 0;  ///< points that were left out because they have no valid coordinates
-  std::size_t backwards = 0;   ///< fixes that are earlier than the one before them; they are kept
+  std::vector<CLLocation> fixes;  ///< in the order of the file
+  std::size_t untimed = 0;        ///< points that were left out because they have no readable time
+  std::size_t outOfRange = 0;     ///< points that were left out because they have no valid coordinates
+  std::size_t backwards = 0;      ///< fixes that are earlier than the one before them; they are kept
 
   /// Reads a file. Absent when it cannot be read, is larger than 256 MiB, is not GPX or has no usable point; `error`
   /// then says why in one line.
@@ -40,6 +42,7 @@ struct TARVO_API GpxTrace {
 /// the play goes on, with a line in the system log.
 class TARVO_API GpxReplay {
  public:
+  /// A play of `trace` that moves `clock`, which has to be the installed one.
   GpxReplay(GpxTrace trace, std::shared_ptr<ManualClock> clock);
   GpxReplay(const GpxReplay&) = delete;
   GpxReplay& operator=(const GpxReplay&) = delete;

@@ -1,3 +1,5 @@
+/// @file
+/// Where a host hands in fixes, and what its user allows.
 #pragma once
 
 #include <cstddef>
@@ -13,16 +15,19 @@ namespace tarvo::platform {
 
 /// What the user allows. The numbers are stored, so they never change.
 enum class CLAuthorizationStatus : std::int64_t {
-  notDetermined = 0,
-  restricted = 1,
-  denied = 2,
-  authorizedAlways = 3,
-  authorizedWhenInUse = 4,
+  notDetermined = 0,        ///< the user has not been asked
+  restricted = 1,           ///< the user may not decide
+  denied = 2,               ///< the user has said no
+  authorizedAlways = 3,     ///< in the background too
+  authorizedWhenInUse = 4,  ///< while the application is in use
 };
 
 /// What a host asks its user for: fixes while the application is in use, or always. The answer goes to
 /// `LocationService::setAuthorizationStatus`.
-enum class AuthorizationRequest { whenInUse, always };
+enum class AuthorizationRequest {
+  whenInUse,  ///< while the application is in use
+  always      ///< in the background too
+};
 
 /// A receiver that the service switches on and off, so that it rests while nobody needs fixes. A host derives from this
 /// class; the receiver hands its fixes to `LocationService::deliver`.
@@ -50,6 +55,7 @@ class TARVO_API LocationSource {
 /// Errors: none; what cannot be used is refused with a line in the system log.
 class TARVO_API LocationService {
  public:
+  /// The one of the process.
   static LocationService& shared();
 
   /// Takes fixes, oldest first. A fix with a value that is not finite, a coordinate that is not on the globe or a time
@@ -65,6 +71,7 @@ class TARVO_API LocationService {
   /// may not be used, which also ends a one-shot request.
   void fail(std::int64_t code);
 
+  /// What the user has decided, as it was told last.
   CLAuthorizationStatus authorizationStatus() const;
   /// Tells what the host's user has decided, unasked or when the prompt asked.
   void setAuthorizationStatus(CLAuthorizationStatus status);
@@ -80,15 +87,18 @@ class TARVO_API LocationService {
 
   /// What the device has. Without location services no fix is passed on, and updates fail as denied.
   struct Capabilities {
-    bool locationServices = true;
-    bool significantChange = true;
-    bool heading = false;
-    bool ranging = false;
-    bool deferredUpdates = false;
-    bool circularRegions = true;
+    bool locationServices = true;   ///< fixes at all
+    bool significantChange = true;  ///< telling of significant changes
+    bool heading = false;           ///< a compass
+    bool ranging = false;           ///< distances to beacons
+    bool deferredUpdates = false;   ///< fixes that wait in the receiver
+    bool circularRegions = true;    ///< telling of borders that are crossed
   };
+  /**@{*/
+  /// What the device has, as it was told last.
   Capabilities capabilities() const;
   void setCapabilities(Capabilities capabilities);
+  /**@}*/
 
   /// When a one-shot request gives up, and what counts as a significant change and as a crossing. Spans are measured by
   /// the installed clock's monotonic time, so that setting the wall clock does not change them.
@@ -97,26 +107,32 @@ class TARVO_API LocationService {
     Seconds requestTimeout{10};
     /// A significant change lies so far from the one before, and comes so much later.
     double significantMetres = 500;
-    Seconds significantInterval{300};
+    Seconds significantInterval{300};  ///< see `significantMetres`
     /// Regions of the whole process; a further one fails, and one of a larger radius.
     std::size_t regionLimit = 20;
-    double maximumRegionMonitoringMetres = 1'000'000;
+    double maximumRegionMonitoringMetres = 1'000'000;  ///< the largest radius
     /// A border is crossed once fixes have lain so far past it (half the radius if that is less) for so long.
     double regionBorderMetres = 20;
-    Seconds regionStay{20};
+    Seconds regionStay{20};  ///< see `regionBorderMetres`
   };
+  /**@{*/
+  /// The rules in use; a change holds from the next fix or request on.
   Rules rules() const;
   void setRules(Rules rules);
+  /**@}*/
 
   /// What became of the fixes that were handed in to this process. Who asks while fixes come may see a moment in which
   /// one is counted in one number only.
   struct Statistics {
-    std::uint64_t received = 0;                                        ///< handed in, the refused ones included
-    std::uint64_t notFinite = 0, offTheGlobe = 0, impossibleTime = 0;  ///< refused
+    std::uint64_t received = 0;            ///< handed in, the refused ones included
+    std::uint64_t notFinite = 0;           ///< refused: a value that is not finite
+    std::uint64_t offTheGlobe = 0;         ///< refused: a coordinate that is nowhere
+    std::uint64_t impossibleTime = 0;      ///< refused: outside the years 1970 to 9999
     std::uint64_t filteredByDistance = 0;  ///< too near the one before, for standard updates
     Seconds silence{0};                    ///< pauses after a fix of more than five minutes, with the one that lasts
-    bool operator==(const Statistics&) const = default;
+    bool operator==(const Statistics&) const = default;  ///< member by member
   };
+  /// The counts so far.
   Statistics statistics() const;
 
  private:

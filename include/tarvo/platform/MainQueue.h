@@ -1,3 +1,5 @@
+/// @file
+/// The queue of the process's first thread.
 #pragma once
 
 #include <cstddef>
@@ -15,6 +17,7 @@ namespace tarvo::platform {
 /// process.
 class TARVO_API MainQueue {
  public:
+  /// The one of the process.
   static MainQueue& main();
 
   /// Puts the block at the end of the queue and returns at once.

@@ -1,3 +1,5 @@
+/// @file
+/// Where messages go.
 #pragma once
 
 #include <functional>

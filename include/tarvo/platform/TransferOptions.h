@@ -1,3 +1,5 @@
+/// @file
+/// The way that transfers take.
 #pragma once
 
 #include <filesystem>
@@ -26,7 +28,7 @@ struct TransferOptions {
   /// Empty: the one that the system's routes choose.
   std::string networkInterface{};
 
-  bool operator==(const TransferOptions&) const = default;
+  bool operator==(const TransferOptions&) const = default;  ///< member by member
 };
 
 /// Sets the options of all transfers of this process; a second call replaces the first. Call it before the first

@@ -1,3 +1,5 @@
+/// @file
+/// Small settings that outlive the process.
 #pragma once
 
 #include <cstdint>
@@ -28,12 +30,14 @@ class TARVO_API UserDefaults {
   /// The process's settings; lives as long as the process.
   static UserDefaults& standard();
 
+  /**@{*/
   /// What is stored under the key, read as that type; `object` gives it as it is.
   std::int64_t integer(std::string_view key) const;
   double number(std::string_view key) const;
   bool boolean(std::string_view key) const;
   std::optional<std::string> string(std::string_view key) const;
   std::optional<Value> object(std::string_view key) const;
+  /**@}*/
 
   /// Stores the value; a null one removes the key.
   void set(std::string_view key, Value value);

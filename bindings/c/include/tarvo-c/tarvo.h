@@ -19,6 +19,7 @@
 extern "C" {
 #endif
 
+/** Marks what the library exports. */
 #if defined(__GNUC__)
 #define TARVO_C_API __attribute__((visibility("default")))
 #else
@@ -35,8 +36,9 @@ extern "C" {
 
 /* ---- Results, versions, memory ---- */
 
+/** How a call has ended: negative is a mistake of the caller, or no memory. */
 typedef enum tarvo_result TARVO_C_INT {
-  TARVO_OK = 0,
+  TARVO_OK = 0,            /**< done */
   TARVO_ABSENT = 1,        /**< there is none: no position, no history, the end of a list */
   TARVO_UNFINISHED = 2,    /**< the time was up, or the end was not reached: something is left */
   TARVO_BAD_ARGUMENT = -1, /**< NULL, no UTF-8, out of range, a `size` that no record has */
@@ -49,8 +51,8 @@ typedef enum tarvo_result TARVO_C_INT {
   TARVO_WRONG_THREAD = -8, /**< for the main thread only */
   TARVO_FORKED = -9,       /**< the process is a child of the one that has the SDK */
   TARVO_REFUSED = -10,     /**< the SDK refuses it; the log says why */
-  TARVO_NO_MEMORY = -11,
-  TARVO_INTERNAL = -12
+  TARVO_NO_MEMORY = -11,   /**< nothing was done */
+  TARVO_INTERNAL = -12     /**< a fault of the SDK */
 } tarvo_result;
 
 /** The result's name in words; never NULL. */
@@ -64,7 +66,7 @@ TARVO_C_API size_t tarvo_live_objects(void);
 
 /* ---- Handles ---- */
 
-typedef struct tarvo_sdk tarvo_sdk;
+typedef struct tarvo_sdk tarvo_sdk;         /**< the SDK; one in a process */
 typedef struct tarvo_history tarvo_history; /**< immutable and counted */
 typedef struct tarvo_cursor tarvo_cursor;   /**< where a reading of positions has come to */
 typedef struct tarvo_trip tarvo_trip;       /**< a prediction; immutable and counted */
@@ -88,10 +90,13 @@ TARVO_C_API tarvo_result tarvo_set_server(const char* url, int allow_plain_http)
 
 /** See tarvo/platform/TransferOptions.h; NULL or "" leaves a thing as it is without these options. */
 typedef struct tarvo_transfer_options {
-  size_t size;
-  const char* proxy;
-  const char *ca_file, *client_certificate_file, *client_key_file, *client_key_passphrase; /**< PEM */
-  const char* network_interface;
+  size_t size;                         /**< sizeof */
+  const char* proxy;                   /**< a URL; else the environment's proxies */
+  const char* ca_file;                 /**< PEM: who may vouch for a server; else the system's authorities */
+  const char* client_certificate_file; /**< PEM: for servers that ask for one */
+  const char* client_key_file;         /**< PEM; else the key is in the file of the certificate */
+  const char* client_key_passphrase;   /**< of a key that is encrypted */
+  const char* network_interface;       /**< as "wwan0"; else the one that the system's routes choose */
 } tarvo_transfer_options;
 /** Before the first transfer. */
 TARVO_C_API tarvo_result tarvo_set_transfer_options(const tarvo_transfer_options* options);
@@ -122,11 +127,11 @@ TARVO_C_API void tarvo_sdk_free(tarvo_sdk* sdk);
 
 /** What a mode switches on: tarvo/ActivationMode.h. Any integer is a mode. */
 typedef enum tarvo_mode TARVO_C_INT {
-  TARVO_DEACTIVATED = -4,
-  TARVO_LOCAL_FOREGROUND = 0,
-  TARVO_LOCAL_BACKGROUND = 4,
-  TARVO_BACKEND_BACKGROUND = 8,
-  TARVO_BACKEND_GEOPROFILE = 12
+  TARVO_DEACTIVATED = -4,       /**< everything stopped */
+  TARVO_LOCAL_FOREGROUND = 0,   /**< collects on the screen only, uploads nothing */
+  TARVO_LOCAL_BACKGROUND = 4,   /**< collects always */
+  TARVO_BACKEND_BACKGROUND = 8, /**< and uploads; past trips, push messages */
+  TARVO_BACKEND_GEOPROFILE = 12 /**< and predictions */
 } tarvo_mode;
 /** Starts collection in that mode, as `Tarvo::activate`. */
 TARVO_C_API tarvo_result tarvo_activate(tarvo_sdk* sdk, int64_t mode);
@@ -145,13 +150,16 @@ TARVO_C_API tarvo_result tarvo_claim_store(tarvo_sdk* sdk, double seconds, char*
 
 /** A fix of a receiver. This record does not grow: arrays of it are given. */
 typedef struct tarvo_fix {
-  double latitude, longitude;                    /**< degrees, WGS 84 */
-  double altitude;                               /**< metres above sea level */
-  double horizontal_accuracy, vertical_accuracy; /**< metres; negative: invalid */
-  double course;                                 /**< degrees clockwise from true north; negative: unknown */
-  double speed;                                  /**< metres per second; negative: unknown */
-  double time;                                   /**< when the receiver made it */
-  int32_t floor, has_floor;                      /**< of a building */
+  double latitude;            /**< degrees north, WGS 84 */
+  double longitude;           /**< degrees east */
+  double altitude;            /**< metres above sea level */
+  double horizontal_accuracy; /**< metres; negative: the place is invalid */
+  double vertical_accuracy;   /**< metres; negative: the altitude is invalid */
+  double course;              /**< degrees clockwise from true north; negative: unknown */
+  double speed;               /**< metres per second; negative: unknown */
+  double time;                /**< when the receiver made it */
+  int32_t floor;              /**< of a building, 0 at the ground */
+  int32_t has_floor;          /**< truth: whether `floor` is known */
 } tarvo_fix;
 /** A fix of now of which nothing is known but its place, accurate to 0 m. NULL is nothing. */
 TARVO_C_API void tarvo_fix_init(tarvo_fix* fix);
@@ -161,31 +169,33 @@ TARVO_C_API tarvo_result tarvo_deliver(const tarvo_fix* fixes, size_t count);
 /** Positioning itself fails. `code`: 0 no place for now, 1 the receiver may not be used. */
 TARVO_C_API tarvo_result tarvo_report_failure(int64_t code);
 
+/** What the user allows. */
 typedef enum tarvo_permission TARVO_C_INT {
-  TARVO_NOT_DETERMINED = 0,
-  TARVO_RESTRICTED = 1,
-  TARVO_DENIED = 2,
-  TARVO_AUTHORIZED_ALWAYS = 3,
-  TARVO_AUTHORIZED_WHEN_IN_USE = 4
+  TARVO_NOT_DETERMINED = 0,        /**< not asked so far */
+  TARVO_RESTRICTED = 1,            /**< the user may not decide */
+  TARVO_DENIED = 2,                /**< no */
+  TARVO_AUTHORIZED_ALWAYS = 3,     /**< in the background too */
+  TARVO_AUTHORIZED_WHEN_IN_USE = 4 /**< while the application is in use */
 } tarvo_permission;
 TARVO_C_API tarvo_result tarvo_set_permission(tarvo_permission permission); /**< What the user has decided. */
 TARVO_C_API tarvo_permission tarvo_get_permission(void);                    /**< TARVO_AUTHORIZED_ALWAYS at first. */
 
-/** To be told on the main thread. */
+/** Where the application is; to be told on the main thread. */
 typedef enum tarvo_app_state TARVO_C_INT {
-  TARVO_APP_ACTIVE = 0,
-  TARVO_APP_INACTIVE = 1,
-  TARVO_APP_BACKGROUND = 2
+  TARVO_APP_ACTIVE = 0,    /**< on the screen */
+  TARVO_APP_INACTIVE = 1,  /**< about to leave it, or just back */
+  TARVO_APP_BACKGROUND = 2 /**< not on the screen */
 } tarvo_app_state;
 TARVO_C_API tarvo_result tarvo_app_launched(void);                   /**< Stores an event. */
 TARVO_C_API tarvo_result tarvo_set_app_state(tarvo_app_state state); /**< Stores an event. */
 TARVO_C_API tarvo_app_state tarvo_get_app_state(void);               /**< TARVO_APP_ACTIVE at first. */
 
+/** What feeds the device. */
 typedef enum tarvo_battery TARVO_C_INT {
-  TARVO_BATTERY_UNKNOWN = 0,
-  TARVO_BATTERY_UNPLUGGED = 1,
-  TARVO_BATTERY_CHARGING = 2,
-  TARVO_BATTERY_FULL = 3
+  TARVO_BATTERY_UNKNOWN = 0,   /**< nobody can tell */
+  TARVO_BATTERY_UNPLUGGED = 1, /**< the battery */
+  TARVO_BATTERY_CHARGING = 2,  /**< mains power */
+  TARVO_BATTERY_FULL = 3       /**< mains power, and the battery is full */
 } tarvo_battery;
 /** `level`: 0 to 1, or -1 when it is unknown. */
 TARVO_C_API tarvo_result tarvo_set_battery(tarvo_battery state, double level);
@@ -204,9 +214,10 @@ TARVO_C_API tarvo_result tarvo_background_events(tarvo_sdk* sdk, const char* ide
 
 /* ---- What the host is told ---- */
 
+/** What to ask the user for. */
 typedef enum tarvo_permission_request TARVO_C_INT {
-  TARVO_ASK_WHEN_IN_USE = 0,
-  TARVO_ASK_ALWAYS = 1
+  TARVO_ASK_WHEN_IN_USE = 0, /**< while the application is in use */
+  TARVO_ASK_ALWAYS = 1       /**< in the background too */
 } tarvo_permission_request;
 
 /** Functions of the host; each may be NULL. None may throw a C++ exception or leave by longjmp. In all of them the SDK
@@ -217,9 +228,9 @@ typedef enum tarvo_permission_request TARVO_C_INT {
  * function of the receiver stands in the table that is after `receiver_stop`, on its thread. A table that is refused is
  * not released. */
 typedef struct tarvo_callbacks {
-  size_t size;
-  void* user;
-  void (*released)(void* user);
+  size_t size;                  /**< sizeof */
+  void* user;                   /**< the host's own, handed to each function */
+  void (*released)(void* user); /**< the last call; `user` may be freed in it */
   /** On threads of the SDK, one call at a time for each. Arrays and handles are borrowed for the call; a handle may be
    * kept with `…_ref`. */
   void (*locations)(void* user, const tarvo_fix* fixes, size_t count);
@@ -227,13 +238,13 @@ typedef struct tarvo_callbacks {
   void (*prediction)(void* user, tarvo_trip* trip);          /**< after `tarvo_request_prediction_update` */
   /** The receiver, switched on (again when the accuracy has changed) and off; on the delivery queue. */
   void (*receiver_start)(void* user, double accuracy_metres); /**< -1: the best there is */
-  void (*receiver_stop)(void* user);
+  void (*receiver_stop)(void* user);                          /**< nobody needs fixes; only after a start */
   /** On the main queue: inside `tarvo_main_run_pending` and what waits on the main thread. */
-  void (*prompt)(void* user, tarvo_permission_request request); /**< answered by `tarvo_set_permission` */
-  int (*present_alert)(void* user, tarvo_alert* alert);         /**< 0: there is nothing to show it on */
-  void (*open_url)(void* user, const char* url);
-  void (*register_for_push)(void* user); /**< answered by `tarvo_set_device_token` */
-  void (*set_background_fetch_interval)(void* user, double seconds);
+  void (*prompt)(void* user, tarvo_permission_request request);      /**< answered by `tarvo_set_permission` */
+  int (*present_alert)(void* user, tarvo_alert* alert);              /**< 0: there is nothing to show it on */
+  void (*open_url)(void* user, const char* url);                     /**< for instance the settings */
+  void (*register_for_push)(void* user);                             /**< answered by `tarvo_set_device_token` */
+  void (*set_background_fetch_interval)(void* user, double seconds); /**< the least between two fetches */
 } tarvo_callbacks;
 /** Takes the place of the table before; NULL: none. */
 TARVO_C_API tarvo_result tarvo_set_callbacks(tarvo_sdk* sdk, const tarvo_callbacks* callbacks);
@@ -260,13 +271,13 @@ TARVO_C_API tarvo_result tarvo_wait_until_idle(tarvo_sdk* sdk, double seconds);
 
 /** How a flush has ended: tarvo/FlushResult.h. */
 typedef enum tarvo_flush_result TARVO_C_INT {
-  TARVO_FLUSH_DELIVERED = 0, /**< nothing is left of what had been collected before */
-  TARVO_FLUSH_TIME_IS_UP = 1,
-  TARVO_FLUSH_MODE_FORBIDS = 2,
-  TARVO_FLUSH_NOT_REGISTERED = 3,
-  TARVO_FLUSH_BYTES_USED_UP = 4,
-  TARVO_FLUSH_SESSION_FAILED = 5,
-  TARVO_FLUSH_STORE_UNAVAILABLE = 6
+  TARVO_FLUSH_DELIVERED = 0,        /**< nothing is left of what had been collected before */
+  TARVO_FLUSH_TIME_IS_UP = 1,       /**< something is left, and goes with a later pass */
+  TARVO_FLUSH_MODE_FORBIDS = 2,     /**< something is left, and the mode is below 8 */
+  TARVO_FLUSH_NOT_REGISTERED = 3,   /**< the same, and the device has no user */
+  TARVO_FLUSH_BYTES_USED_UP = 4,    /**< the same, and the bound of bytes holds it back */
+  TARVO_FLUSH_SESSION_FAILED = 5,   /**< the same, and this process uploads no more */
+  TARVO_FLUSH_STORE_UNAVAILABLE = 6 /**< the store cannot be used by this process */
 } tarvo_flush_result;
 /** Uploads what has been collected, up to so many real seconds; see `Tarvo::flush`. TARVO_UNFINISHED for all but
  * TARVO_FLUSH_DELIVERED; `out` (may be NULL) is written then too. */
@@ -281,7 +292,11 @@ TARVO_C_API tarvo_result tarvo_probe(tarvo_sdk* sdk, void (*answered)(void* user
 
 /** The stored position with the newest fix time. */
 TARVO_C_API tarvo_result tarvo_current_location(tarvo_sdk* sdk, tarvo_fix* out);
-typedef enum tarvo_format TARVO_C_INT { TARVO_FORMAT_RAW = 1, TARVO_FORMAT_EXTRAPOLATED = 2 } tarvo_format;
+/** Of a history. */
+typedef enum tarvo_format TARVO_C_INT {
+  TARVO_FORMAT_RAW = 1,         /**< positions */
+  TARVO_FORMAT_EXTRAPOLATED = 2 /**< past trips */
+} tarvo_format;
 /** Positions from mode 4, past trips from mode 8, by the time of storage; both bounds are included, NaN is an open one.
  * `*out` is given back with `tarvo_history_unref`. */
 TARVO_C_API tarvo_result tarvo_get_history(tarvo_sdk* sdk, tarvo_format format, double since, double until,
@@ -295,121 +310,24 @@ TARVO_C_API tarvo_result tarvo_set_last_prediction(tarvo_sdk* sdk, tarvo_trip* t
 TARVO_C_API tarvo_result tarvo_points_of_interest(tarvo_sdk* sdk, void (*each)(void* user, const char* geojson),
                                                   void* user);
 
+/** How far the upload has come. */
 typedef struct tarvo_sync_status {
-  size_t size;
-  int64_t stored, unsent, awaiting, acknowledged, unsaved;
-  int64_t last_index; /**< -1: none */
-  uint64_t batches_posted, positions_posted;
-  int32_t store_available, reserved;
+  size_t size;               /**< sizeof */
+  int64_t stored;            /**< positions in the store's file; the next three are of these */
+  int64_t unsent;            /**< never posted */
+  int64_t awaiting;          /**< posted, not acknowledged */
+  int64_t acknowledged;      /**< the rest */
+  int64_t unsaved;           /**< in memory alone, since saving failed */
+  int64_t last_index;        /**< of all, also unsaved; -1: none */
+  uint64_t batches_posted;   /**< by this process */
+  uint64_t positions_posted; /**< by this process, repeats included */
+  int32_t store_available;   /**< 0 also while another process writes and this one wants to */
+  int32_t reserved;          /**< nothing */
 } tarvo_sync_status;
 /** Counts in the store, in any mode. */
 TARVO_C_API tarvo_result tarvo_get_sync_status(tarvo_sdk* sdk, tarvo_sync_status* out);
 /** All that `Tarvo::health` tells, a JSON object: docs/c.md. Give `*json` to `tarvo_free`. */
 TARVO_C_API tarvo_result tarvo_health(tarvo_sdk* sdk, char** json);
-
-/* ---- Histories ---- */
-
-/** Another share of the same, to be given back too; NULL for what is no history. */
-TARVO_C_API tarvo_history* tarvo_history_ref(tarvo_history* history);
-TARVO_C_API void tarvo_history_unref(tarvo_history* history); /**< NULL is nothing */
-/** 0 for what is no history. */
-TARVO_C_API size_t tarvo_history_positions(tarvo_history* history);
-TARVO_C_API size_t tarvo_history_trips(tarvo_history* history); /**< The same of its past trips. */
-
-/** Which members of a position are there; a text that is not is NULL. */
-typedef enum tarvo_position_has TARVO_C_INT {
-  TARVO_HAS_LATITUDE = 1,
-  TARVO_HAS_LONGITUDE = 2,
-  TARVO_HAS_ALTITUDE = 4,
-  TARVO_HAS_HORIZONTAL_ACCURACY = 8,
-  TARVO_HAS_VERTICAL_ACCURACY = 16,
-  TARVO_HAS_COURSE = 32,
-  TARVO_HAS_SPEED = 64,
-  TARVO_HAS_FIX_TIME = 128,
-  TARVO_HAS_STORED_TIME = 256,
-  TARVO_HAS_FLOOR = 512,
-  TARVO_HAS_INDEX = 1024,
-  TARVO_HAS_UNSENT = 2048,
-  TARVO_HAS_SENT_WITHOUT_ACK = 4096
-} tarvo_position_has;
-/** A stored position; what is absent is 0 and NULL. See tarvo/Records.h. */
-typedef struct tarvo_position {
-  size_t size;
-  uint64_t has;
-  double latitude, longitude, altitude, horizontal_accuracy, vertical_accuracy, course, speed;
-  double fix_time, stored_time;
-  int64_t floor, index;
-  int32_t unsent, sent_without_ack;
-  const char *service_action, *localisation_method, *user_action;
-  const char *app_name, *app_action, *identifier_for_vendor;
-} tarvo_position;
-/** Reads the positions from the first on, in pieces: a year of them takes no memory. The cursor keeps its history.
- * One thread at a time; give it to `tarvo_cursor_free`. */
-TARVO_C_API tarvo_result tarvo_history_read(tarvo_history* history, tarvo_cursor** out);
-/** The next position; TARVO_ABSENT behind the last. Its texts live until the next call with this cursor.
- * TARVO_UNFINISHED when the store cannot be read; the next call tries again. */
-TARVO_C_API tarvo_result tarvo_cursor_next(tarvo_cursor* cursor, tarvo_position* out);
-TARVO_C_API void tarvo_cursor_free(tarvo_cursor* cursor); /**< NULL is nothing */
-
-typedef enum tarvo_past_trip_has TARVO_C_INT {
-  TARVO_TRIP_HAS_ID = 1,
-  TARVO_TRIP_HAS_DEPARTURE_LATITUDE = 2,
-  TARVO_TRIP_HAS_DEPARTURE_LONGITUDE = 4,
-  TARVO_TRIP_HAS_ARRIVAL_LATITUDE = 8,
-  TARVO_TRIP_HAS_ARRIVAL_LONGITUDE = 16,
-  TARVO_TRIP_HAS_START_TIME = 32,
-  TARVO_TRIP_HAS_ARRIVAL_TIME = 64
-} tarvo_past_trip_has;
-typedef struct tarvo_past_trip {
-  size_t size;
-  uint64_t has;
-  int64_t id;
-  double departure_latitude, departure_longitude, arrival_latitude, arrival_longitude;
-  double start_time, arrival_time;
-  const char* route; /**< GeoJSON; lives as long as the history */
-} tarvo_past_trip;
-/** TARVO_ABSENT behind the last. */
-TARVO_C_API tarvo_result tarvo_history_trip(tarvo_history* history, size_t trip, tarvo_past_trip* out);
-
-typedef struct tarvo_bounds {
-  double south, west, north, east; /**< degrees; all -200 when no point can be read */
-} tarvo_bounds;
-/** Of all trips, or else of all positions. */
-TARVO_C_API tarvo_result tarvo_history_bounds(tarvo_history* history, tarvo_bounds* out);
-/** Of the first position; 0 and 0 without any. */
-TARVO_C_API tarvo_result tarvo_history_first(tarvo_history* history, double* latitude, double* longitude);
-typedef enum tarvo_geometry TARVO_C_INT { TARVO_LINESTRING = 0, TARVO_MULTIPOINT = 1 } tarvo_geometry;
-/** A FeatureCollection of the positions, byte for byte that of `LocationsHistory::toGeoJSON`. Give it to `tarvo_free`.
- * `length` (may be NULL) is without the zero byte. */
-TARVO_C_API tarvo_result tarvo_history_geojson(tarvo_history* history, tarvo_geometry geometry, char** json,
-                                               size_t* length);
-
-/* ---- Predictions ---- */
-
-TARVO_C_API tarvo_trip* tarvo_trip_ref(tarvo_trip* trip); /**< Another share; NULL for what is no trip. */
-TARVO_C_API void tarvo_trip_unref(tarvo_trip* trip);      /**< NULL is nothing. */
-/** The texts live as long as the trip; none is NULL. */
-typedef struct tarvo_trip_info {
-  size_t size;
-  int64_t id;
-  double destination_latitude, destination_longitude; /**< -200: unset */
-  double probability, duration;                       /**< as the backend sent them */
-  const char *start_time, *arrival_time;              /**< the same: 2017-03-02T08:15:30.123+0000 */
-  const char *start_name, *arrival_name;
-} tarvo_trip_info;
-TARVO_C_API tarvo_result tarvo_trip_get(tarvo_trip* trip, tarvo_trip_info* out); /**< All that is a number or a text. */
-/** The start in the zone of the device; to be given to `tarvo_free`. */
-TARVO_C_API tarvo_result tarvo_trip_start_time(tarvo_trip* trip, char** out);
-/** JSON texts, to be given to `tarvo_free`: the predicted route, and the GeoJSON of the next destination. */
-TARVO_C_API tarvo_result tarvo_trip_route(tarvo_trip* trip, char** json);
-TARVO_C_API tarvo_result tarvo_trip_geojson(tarvo_trip* trip, char** json); /**< Of the next destination. */
-/** The points of the route as fixes of now: at most `capacity` of them to `out`, their number to `count`. With capacity
- * 0 `out` may be NULL. */
-TARVO_C_API tarvo_result tarvo_trip_locations(tarvo_trip* trip, tarvo_fix* out, size_t capacity, size_t* count);
-/** The first point of the route, and the destination. */
-TARVO_C_API tarvo_result tarvo_trip_start(tarvo_trip* trip, tarvo_fix* out);
-/** (-200, -200) while it is unset. */
-TARVO_C_API tarvo_result tarvo_trip_destination(tarvo_trip* trip, tarvo_fix* out);
 
 /* ---- Backend ---- */
 
@@ -437,10 +355,13 @@ TARVO_C_API tarvo_result tarvo_erase_everything(tarvo_sdk* sdk);
 
 /** See tarvo/DeliveryOptions.h. */
 typedef struct tarvo_delivery_options {
-  size_t size;
-  double least_pass_interval; /**< seconds */
-  int32_t confirmed, network_is_metered, drops_protocol_breaks, has_metered_bytes_per_day;
-  uint64_t metered_bytes_per_day;
+  size_t size;                       /**< sizeof */
+  double least_pass_interval;        /**< seconds from one batch to the next */
+  int32_t confirmed;                 /**< truth: only an answer acknowledges a batch */
+  int32_t network_is_metered;        /**< truth: what the network in use costs */
+  int32_t drops_protocol_breaks;     /**< truth: 0 lets them stop the process */
+  int32_t has_metered_bytes_per_day; /**< truth: whether there is a bound */
+  uint64_t metered_bytes_per_day;    /**< bytes of a day that batches may take while the network is metered */
 } tarvo_delivery_options;
 TARVO_C_API tarvo_result tarvo_get_delivery_options(tarvo_sdk* sdk, tarvo_delivery_options* out); /**< Those in use. */
 /** At any time. */
@@ -448,9 +369,11 @@ TARVO_C_API tarvo_result tarvo_set_delivery_options(tarvo_sdk* sdk, const tarvo_
 
 /** See tarvo/StorageLimits.h; 0: no bound. */
 typedef struct tarvo_storage_limits {
-  size_t size;
-  double position_age, log_age; /**< seconds */
-  uint64_t store_bytes, log_bytes;
+  size_t size;          /**< sizeof */
+  double position_age;  /**< seconds, of acknowledged positions */
+  double log_age;       /**< seconds, of log files */
+  uint64_t store_bytes; /**< of the store's file */
+  uint64_t log_bytes;   /**< of all log files */
 } tarvo_storage_limits;
 TARVO_C_API tarvo_result tarvo_get_storage_limits(tarvo_sdk* sdk, tarvo_storage_limits* out); /**< Those in use. */
 /** At any time. */
@@ -458,10 +381,10 @@ TARVO_C_API tarvo_result tarvo_set_storage_limits(tarvo_sdk* sdk, const tarvo_st
 
 /** Values of the process. A text is given as it is, everything else in JSON: true, ["a"], {"name":"value"}. */
 typedef enum tarvo_value TARVO_C_INT {
-  TARVO_API_KEY = 1,
-  TARVO_CLIENT_ID = 2, /**< refused unless it can stand in a URL's path */
-  TARVO_BUNDLE_ID = 3,
-  TARVO_DEVICE_TOKEN = 4,
+  TARVO_API_KEY = 1,                 /**< the host's key at the backend */
+  TARVO_CLIENT_ID = 2,               /**< refused unless it can stand in a URL's path */
+  TARVO_BUNDLE_ID = 3,               /**< the host's identifier */
+  TARVO_DEVICE_TOKEN = 4,            /**< for push messages */
   TARVO_TOKEN_SENT = 5,              /**< truth */
   TARVO_SET_TAGS_LIST = 6,           /**< object of texts */
   TARVO_UNSET_TAGS_LIST = 7,         /**< list of texts */
@@ -473,17 +396,17 @@ typedef enum tarvo_value TARVO_C_INT {
   TARVO_SUBSCRIPTION_LIST = 13,      /**< object of texts */
   TARVO_UNSUBSCRIPTION_LIST = 14,    /**< list of texts */
   TARVO_API_KEY_SECRET = 15,         /**< only stores it; what follows is only read */
-  TARVO_CALL_FROM_SERVER_KEY = 16,
-  TARVO_ENGINE_API_KEY = 17,
-  TARVO_STARTED = 18,               /**< truth */
-  TARVO_ALREADY_RECEIVED_UUID = 19, /**< truth */
-  TARVO_RANDOM_ID = 20,
-  TARVO_APP_STATE = 21,
-  TARVO_SECRET_KEY = 22,
-  TARVO_UUID_SECRET = 23,
-  TARVO_CHANNEL_IS_HELD = 24,  /**< truth */
-  TARVO_CHANNEL_TAKEN_AT = 25, /**< a time */
-  TARVO_LAST_TRIP_ID = 26
+  TARVO_CALL_FROM_SERVER_KEY = 16,   /**< a name for notifications */
+  TARVO_ENGINE_API_KEY = 17,         /**< the user that the last check found */
+  TARVO_STARTED = 18,                /**< truth */
+  TARVO_ALREADY_RECEIVED_UUID = 19,  /**< truth */
+  TARVO_RANDOM_ID = 20,              /**< tells processes apart */
+  TARVO_APP_STATE = 21,              /**< "app_inactive", "app_paused" or "app_resumed" */
+  TARVO_SECRET_KEY = 22,             /**< the setting that holds the user's secret */
+  TARVO_UUID_SECRET = 23,            /**< the user's secret */
+  TARVO_CHANNEL_IS_HELD = 24,        /**< truth */
+  TARVO_CHANNEL_TAKEN_AT = 25,       /**< a time */
+  TARVO_LAST_TRIP_ID = 26            /**< the newest past trip that was announced */
 } tarvo_value;
 /** Give `*out` to `tarvo_free`. */
 TARVO_C_API tarvo_result tarvo_get_value(tarvo_sdk* sdk, tarvo_value value, char** out);
@@ -496,5 +419,7 @@ TARVO_C_API tarvo_result tarvo_set_setting(tarvo_sdk* sdk, const char* key, cons
 #ifdef __cplusplus
 }
 #endif
+
+#include <tarvo-c/history.h>
 
 #endif

@@ -15,7 +15,8 @@ typedef double CLLocationDirection; /**< degrees clockwise from true north; nega
 
 /** A point on the WGS 84 ellipsoid; an unset one of the SDK is (-200, -200). */
 typedef struct CLLocationCoordinate2D {
-  CLLocationDegrees latitude, longitude;
+  CLLocationDegrees latitude;  /**< north */
+  CLLocationDegrees longitude; /**< east */
 } CLLocationCoordinate2D;
 
 /** A coordinate of these degrees. */
@@ -29,11 +30,11 @@ static inline CLLocationCoordinate2D CLLocationCoordinate2DMake(CLLocationDegree
 typedef NSInteger CLAuthorizationStatus;
 /** Its values. */
 enum {
-  kCLAuthorizationStatusNotDetermined = 0,
-  kCLAuthorizationStatusRestricted = 1,
-  kCLAuthorizationStatusDenied = 2,
-  kCLAuthorizationStatusAuthorizedAlways = 3,
-  kCLAuthorizationStatusAuthorizedWhenInUse = 4
+  kCLAuthorizationStatusNotDetermined = 0,      /**< not asked so far */
+  kCLAuthorizationStatusRestricted = 1,         /**< the user may not decide */
+  kCLAuthorizationStatusDenied = 2,             /**< no */
+  kCLAuthorizationStatusAuthorizedAlways = 3,   /**< in the background too */
+  kCLAuthorizationStatusAuthorizedWhenInUse = 4 /**< while the application is in use */
 };
 
 /** The storey of a building, 0 at the ground. */

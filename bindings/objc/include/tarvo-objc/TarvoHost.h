@@ -16,12 +16,12 @@ extern NSString* const UIApplicationWillResignActiveNotification;   /**< `applic
 extern NSString* const UIApplicationDidEnterBackgroundNotification; /**< `applicationDidEnterBackground` */
 extern NSString* const UIDeviceBatteryStateDidChangeNotification;   /**< `setBatteryState:level:` with another state */
 
-/** Of the battery. */
+/** What feeds the device. */
 typedef enum {
-  UIDeviceBatteryStateUnknown = 0,
-  UIDeviceBatteryStateUnplugged = 1,
-  UIDeviceBatteryStateCharging = 2,
-  UIDeviceBatteryStateFull = 3
+  UIDeviceBatteryStateUnknown = 0,   /**< nobody can tell */
+  UIDeviceBatteryStateUnplugged = 1, /**< the battery */
+  UIDeviceBatteryStateCharging = 2,  /**< mains power */
+  UIDeviceBatteryStateFull = 3       /**< mains power, and the battery is full */
 } UIDeviceBatteryState;
 
 /** An alert for the user. Immutable. */

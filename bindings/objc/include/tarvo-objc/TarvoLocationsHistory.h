@@ -73,6 +73,7 @@
 - (NSArray*)toGeoJSON;
 @end
 
+/** The class by its name without the prefix. */
 @compatibility_alias LocationsHistory TarvoLocationsHistory;
 
 #endif

@@ -44,6 +44,7 @@
 - (NSString*)getArrivalName; /**< `arrival_name` */
 @end
 
+/** The class by its name without the prefix. */
 @compatibility_alias Trip TarvoTrip;
 
 #endif
