@@ -56,7 +56,7 @@ def test_who_does_not_keep_up_loses_the_oldest(sdk: tarvo.Sdk) -> None:
     sdk.deliver(fix_at(20))
     assert sdk.wait_until_idle(60)
     asyncio.run(asyncio.sleep(0))  # another loop
-    assert sdk.current_location == fix_at(20)
+    assert sdk.current_location == fix_at(20) and all(stream.has_ended for stream in sdk._streams)
 
 
 class Lines(logging.Handler):
