@@ -153,11 +153,15 @@ static void testNames(void) {
 }
 
 static void testMistakes(Tarvo* tarvo) {
+  static const unichar cut[] = {'a', 0, 'b'};
   NSError* error = nil;
   CHECK([[[Tarvo alloc] init] autorelease] == nil); /* there is one */
   CHECK(![TarvoHost setHome:@"/elsewhere" error:&error] && [error code] == -5 && [error localizedDescription] != nil);
   CHECK(![TarvoHost setInfo:nil error:NULL]);
   [tarvo setTagsWithName:nil value:nil];
+  [Tarvo setBundleID:@"whole"];
+  [Tarvo setBundleID:[NSString stringWithCharacters:cut length:3]]; /* not the half of it either */
+  CHECK([[Tarvo bundleID] isEqual:@"whole"]);
   [TarvoHost deliver:[NSArray arrayWithObject:@"no location"]];
   [TarvoHost setBatteryState:9 level:0.5];
   CHECK(![tarvo didReceiveRemoteNotification:[NSDictionary dictionaryWithObject:[NSDate date] forKey:@"no JSON"]]);
@@ -182,6 +186,9 @@ static void testValues(Tarvo* tarvo) {
   CHECK([[tarvo defaults] integerForKey:@"host's own"] == 3);
   [[tarvo defaults] removeObjectForKey:@"host's own"];
   CHECK([[tarvo defaults] objectForKey:@"host's own"] == nil);
+  [[tarvo defaults] setBool:YES forKey:@"host's own"];
+  [[tarvo defaults] setObject:nil forKey:@"host's own"];
+  CHECK([[tarvo defaults] objectForKey:@"host's own"] == nil && [[tarvo defaults] dictionaryRepresentation] != nil);
   CHECK([[fixAt(0) locationOnFloor:[CLFloor floorWithLevel:2]] floor].level == 2 && [fixAt(0) floor] == nil);
   CHECK([fixAt(0) distanceFromLocation:fixAt(1)] > 110 && [fixAt(0) distanceFromLocation:fixAt(1)] < 112);
 }

@@ -10,15 +10,15 @@ struct parts {
 };
 
 #define PARTS ((struct parts*)_impl)
-/* A getter and a setter that copies. */
-#define COPIED(type, name, setter) \
-  -(type*)name {                   \
-    return PARTS->name;            \
-  }                                \
-  -(void)setter : (type*)value {   \
-    type* before = PARTS->name;    \
-    PARTS->name = [value copy];    \
-    [before release];              \
+/* A getter, which outlives the next setter, and that one, which copies. */
+#define COPIED(type, name, setter)             \
+  -(type*)name {                               \
+    return [[PARTS->name retain] autorelease]; \
+  }                                            \
+  -(void)setter : (type*)value {               \
+    type* before = PARTS->name;                \
+    PARTS->name = [value copy];                \
+    [before release];                          \
   }
 
 @implementation TarvoTrip
