@@ -215,8 +215,12 @@ static void testTrips(Tarvo* tarvo, Listener* listener) {
   CHECK(coordinate.latitude == 48.125 && coordinate.longitude == 11.625);
   CHECK([trip getStartTrip].coordinate.latitude == 48.25 && [[trip getStartTime] length] > 0);
 
+  trip.route = [NSDictionary dictionaryWithObject:[NSDate date] forKey:@"no JSON"];
+  trip.id = 8;
+  [Tarvo setLastPrediction:trip];
+  CHECK([Tarvo LastPrediction].id == 7);
+
   [tarvo requestRouteMatch];
-  trip = nil;
   [[tarvo locationManager]
       addNewLastTrip:[NSArray arrayWithObject:[NSDictionary dictionaryWithObjectsAndKeys:[NSNumber numberWithInt:41],
                                                                                          @"pasttrip_id", route,
@@ -293,6 +297,7 @@ static void testGoing(Tarvo* tarvo, Listener* listener) {
   const int before = listener->fixes;
   CHECK(pthread_create(&thread, NULL, deliverMany, NULL) == 0);
   for (i = 0; i < 500; ++i) {
+    [[LocationManager sharedInstance] setDelegate:tarvo]; /* which keeps it no longer than that */
     [tarvo release];
     tarvo = nil;
     while (tarvo == nil) tarvo = [[Tarvo alloc] init]; /* until no callback keeps the old one */
