@@ -72,7 +72,7 @@ class Lines(logging.Handler):
         if record.levelno == logging.WARNING:
             self.dropped.set()
         if len(self.records) == 1:
-            raise ValueError("a handler that breaks")
+            raise SystemExit("a handler that breaks")
 
 
 def test_a_logger_gets_the_messages_and_holds_nothing_up(
