@@ -8,9 +8,10 @@ import subprocess
 from setuptools import setup
 
 cmake = pathlib.Path(__file__).resolve().parents[2] / "CMakeLists.txt"
-if cmake.exists():
-    version = re.search(r"^project\(tarvo VERSION (\S+)", cmake.read_text(encoding="utf-8"), re.M)[1]
-else:
+found = cmake.exists() and re.search(r"^project\(tarvo VERSION (\S+)", cmake.read_text(encoding="utf-8"), re.M)
+if found:
+    version = found[1]
+else:  # away from this tree, maybe in that of another project
     version = subprocess.run(
         ["pkg-config", "--modversion", "tarvo-c"], check=True, capture_output=True, text=True
     ).stdout.strip()

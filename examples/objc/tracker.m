@@ -7,8 +7,8 @@
  * The recording's times drive the SDK's clock, so that an hour takes moments. A program with a receiver at hand leaves
  * the clock alone and gives its fixes as they come.
  *
- *   gcc $(gnustep-config --objc-flags) tracker.m $(pkg-config --cflags --libs tarvo-objc) $(gnustep-config --base-libs)
- * \ -o tracker */
+ *   gcc $(gnustep-config --objc-flags) tracker.m $(pkg-config --cflags --libs tarvo-objc) \
+ *     $(gnustep-config --base-libs) -o tracker */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>

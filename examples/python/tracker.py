@@ -46,10 +46,7 @@ def fix_of_rmc(sentence: str) -> tarvo.Fix | None:
 
 
 def fix_of_csv(line: str) -> tarvo.Fix | None:
-    try:
-        numbers = [float(field) for field in line.split(",")[:6]]
-    except ValueError:
-        return None
+    numbers = [float(field) for field in line.split(",")[:6]]
     if len(numbers) < 3:
         return None
     return tarvo.Fix(
@@ -65,7 +62,10 @@ def fix_of_csv(line: str) -> tarvo.Fix | None:
 def fixes_in(path: str) -> Iterator[tarvo.Fix]:
     with open(path, encoding="ascii", errors="replace") as recording:
         for line in recording:
-            fix = fix_of_rmc(line.strip()) if line.startswith("$") else fix_of_csv(line)
+            try:
+                fix = fix_of_rmc(line.strip()) if line.startswith("$") else fix_of_csv(line)
+            except ValueError:  # a heading, or a damaged line
+                continue
             if fix is not None:
                 yield fix
 

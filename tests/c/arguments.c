@@ -80,7 +80,8 @@ void test_sizes(void) {
   tarvo_delivery_options older;
   tarvo_sync_status status;
   size_t i;
-  static const size_t none[] = {0, 7, 5000, (size_t)-1};
+  static const size_t none[] = {0, 7, sizeof(size_t) + 2, 5000,
+                                (size_t)-1}; /* the third ends in the midst of a member */
   for (i = 0; i < sizeof none / sizeof *none; ++i) {
     newer.known.size = status.size = none[i];
     EXPECT(TARVO_BAD_ARGUMENT, tarvo_set_delivery_options(sdk, &newer.known));

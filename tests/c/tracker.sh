@@ -19,8 +19,8 @@ for compiler in gcc clang; do
   command -v $compiler >/dev/null || continue
   for standard in c99 c11; do $compiler -std=$standard $strict -O2 -fsyntax-only "$example"; done
 done
-# The header is C++ too, and stands alone.
-${CXX:-c++} $strict -x c++ -fsyntax-only - <<<'#include <tarvo-c/tarvo.h>'
+# The headers are C++ too, of every age, and stand alone.
+for standard in c++98 c++20; do ${CXX:-c++} -std=$standard $strict -x c++ -fsyntax-only - <<<'#include <tarvo-c/engine.h>'; done
 # shellcheck disable=SC2086
 ${CC:-cc} -std=c99 -g $strict ${TRACKER_FLAGS:-} "$example" "$library" -Wl,-rpath,"$(dirname "$library"):$(dirname "$library")/../../src" \
   -Wl,-rpath-link,"$(dirname "$library")/../../src" -o "$work/tracker"

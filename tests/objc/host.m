@@ -153,11 +153,15 @@ static void testNames(void) {
 }
 
 static void testMistakes(Tarvo* tarvo) {
+  static const unichar cut[] = {'a', 0, 'b'};
   NSError* error = nil;
   CHECK([[[Tarvo alloc] init] autorelease] == nil); /* there is one */
   CHECK(![TarvoHost setHome:@"/elsewhere" error:&error] && [error code] == -5 && [error localizedDescription] != nil);
   CHECK(![TarvoHost setInfo:nil error:NULL]);
   [tarvo setTagsWithName:nil value:nil];
+  [Tarvo setBundleID:@"whole"];
+  [Tarvo setBundleID:[NSString stringWithCharacters:cut length:3]]; /* not the half of it either */
+  CHECK([[Tarvo bundleID] isEqual:@"whole"]);
   [TarvoHost deliver:[NSArray arrayWithObject:@"no location"]];
   [TarvoHost setBatteryState:9 level:0.5];
   CHECK(![tarvo didReceiveRemoteNotification:[NSDictionary dictionaryWithObject:[NSDate date] forKey:@"no JSON"]]);
@@ -182,6 +186,9 @@ static void testValues(Tarvo* tarvo) {
   CHECK([[tarvo defaults] integerForKey:@"host's own"] == 3);
   [[tarvo defaults] removeObjectForKey:@"host's own"];
   CHECK([[tarvo defaults] objectForKey:@"host's own"] == nil);
+  [[tarvo defaults] setBool:YES forKey:@"host's own"];
+  [[tarvo defaults] setObject:nil forKey:@"host's own"];
+  CHECK([[tarvo defaults] objectForKey:@"host's own"] == nil && [[tarvo defaults] dictionaryRepresentation] != nil);
   CHECK([[fixAt(0) locationOnFloor:[CLFloor floorWithLevel:2]] floor].level == 2 && [fixAt(0) floor] == nil);
   CHECK([fixAt(0) distanceFromLocation:fixAt(1)] > 110 && [fixAt(0) distanceFromLocation:fixAt(1)] < 112);
 }
@@ -208,8 +215,12 @@ static void testTrips(Tarvo* tarvo, Listener* listener) {
   CHECK(coordinate.latitude == 48.125 && coordinate.longitude == 11.625);
   CHECK([trip getStartTrip].coordinate.latitude == 48.25 && [[trip getStartTime] length] > 0);
 
+  trip.route = [NSDictionary dictionaryWithObject:[NSDate date] forKey:@"no JSON"];
+  trip.id = 8;
+  [Tarvo setLastPrediction:trip];
+  CHECK([Tarvo LastPrediction].id == 7);
+
   [tarvo requestRouteMatch];
-  trip = nil;
   [[tarvo locationManager]
       addNewLastTrip:[NSArray arrayWithObject:[NSDictionary dictionaryWithObjectsAndKeys:[NSNumber numberWithInt:41],
                                                                                          @"pasttrip_id", route,
@@ -286,6 +297,7 @@ static void testGoing(Tarvo* tarvo, Listener* listener) {
   const int before = listener->fixes;
   CHECK(pthread_create(&thread, NULL, deliverMany, NULL) == 0);
   for (i = 0; i < 500; ++i) {
+    [[LocationManager sharedInstance] setDelegate:tarvo]; /* which keeps it no longer than that */
     [tarvo release];
     tarvo = nil;
     while (tarvo == nil) tarvo = [[Tarvo alloc] init]; /* until no callback keeps the old one */

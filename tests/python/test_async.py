@@ -56,7 +56,7 @@ def test_who_does_not_keep_up_loses_the_oldest(sdk: tarvo.Sdk) -> None:
     sdk.deliver(fix_at(20))
     assert sdk.wait_until_idle(60)
     asyncio.run(asyncio.sleep(0))  # another loop
-    assert sdk.current_location == fix_at(20)
+    assert sdk.current_location == fix_at(20) and all(stream.has_ended for stream in sdk._streams)
 
 
 class Lines(logging.Handler):
@@ -72,7 +72,7 @@ class Lines(logging.Handler):
         if record.levelno == logging.WARNING:
             self.dropped.set()
         if len(self.records) == 1:
-            raise ValueError("a handler that breaks")
+            raise SystemExit("a handler that breaks")
 
 
 def test_a_logger_gets_the_messages_and_holds_nothing_up(

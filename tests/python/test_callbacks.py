@@ -1,5 +1,6 @@
 """Who is called, where, and how it ends."""
 
+import asyncio
 import gc
 import os
 import signal
@@ -103,11 +104,11 @@ def test_the_main_queue_moves_where_it_is_run(tmp_path: Any) -> None:
             if len(answers) < 2:
                 sdk.run_for(0.05)
         assert sdk.run_pending() == 0 and not sdk.background_events("another", lambda: None)
-        if shown:  # the SDK asks for the permission that it was denied
-            assert shown[0].title and shown[0].actions
-            shown[0].choose(0)
-            with pytest.raises(tarvo.AlreadyError):
-                shown[0].choose(0)
+        sdk.activate(tarvo.Mode.LOCAL_BACKGROUND)  # denied: an alert leads to the settings
+        assert sdk.wait_until_idle(60) and shown[-1].title and len(shown[-1].actions) == 2
+        shown[-1].choose(0)
+        with pytest.raises(tarvo.AlreadyError):
+            shown[-1].choose(0)
 
 
 def test_nothing_is_kept_that_was_given_back(sdk: tarvo.Sdk) -> None:
@@ -133,6 +134,16 @@ def test_a_callback_may_close_the_sdk(sdk: tarvo.Sdk) -> None:
         assert other.wait_until_idle(60) and other.mode == tarvo.Mode.DEACTIVATED
 
 
+def test_an_interrupted_close_ends_collection(sdk: tarvo.Sdk, monkeypatch: pytest.MonkeyPatch) -> None:
+    def interrupted(seconds: float) -> bool:
+        raise KeyboardInterrupt
+
+    monkeypatch.setattr(sdk, "wait_until_idle", interrupted)
+    with pytest.raises(KeyboardInterrupt):
+        sdk.close()
+    assert lib.tarvo_active_mode() == tarvo.Mode.DEACTIVATED
+
+
 def test_a_forked_child_is_refused(sdk: tarvo.Sdk) -> None:
     def is_refused(call: Any) -> bool:
         try:
@@ -141,20 +152,26 @@ def test_a_forked_child_is_refused(sdk: tarvo.Sdk) -> None:
             return True
         return False
 
+    loop = asyncio.new_event_loop()
+    sdk.pump_in(loop)
     sdk.on_locations(lambda fixes: None)
     deliver(sdk, 0)
     child = os.fork()
     if child == 0:
         calls = [lambda: tarvo.Sdk(sdk.home), lambda: sdk.deliver(fix_at(1)), sdk.history, sdk.run_pending]
+        status = 1
         try:
-            well = all(map(is_refused, calls))
+            refused = all(map(is_refused, calls))
             sdk.close()
             _callbacks._end()
+            status = 0 if refused else 2
         finally:
-            os._exit(0 if well else 1)
+            os._exit(status)
     assert os.waitpid(child, 0)[1] == 0
     deliver(sdk, 1)
     assert sdk.current_location == fix_at(1)
+    sdk.close()
+    loop.close()
 
 
 ENDS = {

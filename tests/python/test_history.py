@@ -49,6 +49,8 @@ def test_a_store_that_cannot_be_read_is_no_end(sdk: tarvo.Sdk, tmp_path: pathlib
         file.unlink()
     with pytest.raises(tarvo.StoreError):
         list(history)
+    with pytest.raises(tarvo.StoreError):
+        history.geojson()
 
 
 def test_trips_places_and_predictions_arrive(backend: str, tmp_path: pathlib.Path) -> None:
@@ -72,7 +74,7 @@ def test_trips_places_and_predictions_arrive(backend: str, tmp_path: pathlib.Pat
         assert sdk.flush(60) and sdk.wait_until_idle(60)
         demo = json.loads((SOURCE / "apps/demo/backend.json").read_text())
         history = sdk.history(format=tarvo.Format.EXTRAPOLATED)
-        assert history is not None and len(history) == 0 and history
+        assert history is not None and len(history) == 0 and history and history.geojson()["features"] == []
         assert [trip.id for trip in history.trips] == [trip["pasttrip_id"] for trip in demo["trips"]]
         assert history.trips[-1].route == demo["trips"][-1]["route"] and len(history.trips[:2]) == 2
         with pytest.raises(IndexError):

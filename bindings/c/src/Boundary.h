@@ -89,7 +89,8 @@ inline constexpr std::size_t kLargestRecord = 4096;
 template <class Record>
 std::size_t sizeOf(const Record* record) {
   const std::size_t size = required(record)->size;
-  if (size < sizeof(std::size_t) || size > kLargestRecord) throw Refusal{TARVO_BAD_ARGUMENT};
+  if (size < sizeof(std::size_t) || size > kLargestRecord || size % alignof(Record) != 0)
+    throw Refusal{TARVO_BAD_ARGUMENT};  // or half a pointer would be taken
   return size;
 }
 

@@ -131,7 +131,7 @@ struct Host::Pending {
 
 Host::Host() : pending_(std::make_shared<Pending>()) {}
 
-std::shared_ptr<Table> Host::set(Tarvo& tarvo, std::shared_ptr<Table> table) {
+std::shared_ptr<Table> Host::set(Tarvo& tarvo, std::shared_ptr<Table> table, bool isLast) {
   // What is needed first, so that nothing is half done when memory runs out; what goes, goes after the lock.
   std::shared_ptr<Delegate> delegate;
   std::shared_ptr<Application> application;
@@ -148,6 +148,8 @@ std::shared_ptr<Table> Host::set(Tarvo& tarvo, std::shared_ptr<Table> table) {
       };
   }
   const std::lock_guard lock(hosts());
+  if (isClosed_) throw Refusal{TARVO_BAD_HANDLE};  // freed meanwhile: it must not reach into the next SDK
+  isClosed_ = isLast;
   if (table) table->accept();
   table_.swap(table);
   tarvo.setDelegate(std::move(delegate));
@@ -172,11 +174,9 @@ std::function<void()> Host::once(std::shared_ptr<Once> handler) {
   };
 }
 
-void Host::forget(const std::shared_ptr<Once>& handler) { pending_->take(handler.get()); }
-
 std::vector<std::shared_ptr<Held>> Host::clear(Tarvo& tarvo) {
   std::vector<std::shared_ptr<Held>> dropped;
-  if (auto table = set(tarvo, nullptr)) dropped.push_back(std::move(table));
+  if (auto table = set(tarvo, nullptr, true)) dropped.push_back(std::move(table));
   const std::lock_guard lock(pending_->mutex);
   for (auto& handler : pending_->handlers) dropped.push_back(std::move(handler));
   pending_->handlers.clear();

@@ -54,17 +54,17 @@ struct Once : Held {
 class Host {
  public:
   Host();
-  /// Puts a table, or none, in the place of the one before, which it gives back.
-  std::shared_ptr<Table> set(Tarvo& tarvo, std::shared_ptr<Table> table);
+  /// Puts a table, or none, in the place of the one before, which it gives back. Refused behind the last.
+  std::shared_ptr<Table> set(Tarvo& tarvo, std::shared_ptr<Table> table, bool isLast = false);
   /// A handler for the SDK that calls the function, the first time, and forgets it.
   std::function<void()> once(std::shared_ptr<Once> handler);
-  void forget(const std::shared_ptr<Once>& handler);
   /// Lets go of everything: the SDK calls the host no more. What the answer holds is released with it.
   [[nodiscard]] std::vector<std::shared_ptr<Held>> clear(Tarvo& tarvo);
 
  private:
   struct Pending;
   std::shared_ptr<Table> table_;  ///< under the lock that all hosts share
+  bool isClosed_ = false;         ///< the same
   const std::shared_ptr<Pending> pending_;
 };
 

@@ -58,7 +58,7 @@ void TVReleased(void* object) {
 BOOL TVBackgroundEvents(NSString* identifier, TVHandler* handler) {
   if (handler == nil) return TVDone(TARVO_BAD_ARGUMENT, "handleEventsForBackgroundURLSession");
   /* A share for the SDK, which is released by it, unless it keeps nothing. */
-  if (TVDone(tarvo_background_events(TVSdk(), [identifier UTF8String], TVHandled, [handler retain], TVReleased),
+  if (TVDone(tarvo_background_events(TVSdk(), TVText(identifier), TVHandled, [handler retain], TVReleased),
              "handleEventsForBackgroundURLSession"))
     return YES;
   [handler release];

@@ -51,7 +51,9 @@ static id networkTimer;
   return TVEngineDelegate();
 }
 - (void)setDelegate:(id<LocationManagerDelegate>)delegate {
+  NSAutoreleasePool* pool = [[NSAutoreleasePool alloc] init]; /* the host's would keep the Tarvo */
   TVSetEngineDelegate(delegate == (id)TVTarvo() ? nil : delegate);
+  [pool release];
 }
 - (NSString*)apiKey {
   return TVValue(TARVO_ENGINE_API_KEY);

@@ -76,7 +76,8 @@ BOOL TVBackgroundEvents(NSString* identifier, TVHandler* handler);
 /* ---- Between C and objects; objects are autoreleased, nil and NULL are each other ---- */
 
 NSString* TVString(const char* text);
-NSString* TVTaken(char* text); /* gives it back */
+const char* TVText(NSString* text); /* NULL too for what UTF-8 has not, and with a zero character in it */
+NSString* TVTaken(char* text);      /* gives it back */
 NSData* TVTakenData(char* text, size_t length);
 id TVParsed(const char* json);
 id TVTakenJson(char* json);

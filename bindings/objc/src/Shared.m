@@ -196,15 +196,17 @@ tarvo_sdk* TVSdk(void) {
 }
 
 void TVSetHostDelegate(id<TarvoHostDelegate> delegate) {
+  tarvo_sdk* sdk;
+  id before = nil;
   pthread_mutex_lock(&making);
-  if (theSdk != NULL) {
-    setTable(theSdk, delegate);
-  } else { /* until it is made */
-    id before = hostDelegate;
+  sdk = theSdk;
+  if (sdk == NULL) { /* until it is made */
+    before = hostDelegate;
     hostDelegate = [(id)delegate retain];
-    [before release];
   }
   pthread_mutex_unlock(&making);
+  [before release]; /* what goes is the host's: with no lock */
+  if (sdk != NULL) setTable(sdk, delegate);
 }
 
 void TVSetLogObserver(id<TarvoLogObserver> observer) {

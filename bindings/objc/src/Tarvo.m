@@ -7,9 +7,9 @@
   -(void)selector {                       \
     TVDone(function(TVSdk()), #selector); \
   }
-#define DOES_WITH_TEXT(selector, function)                       \
-  -(void)selector : (NSString*)text {                            \
-    TVDone(function(TVSdk(), [text UTF8String]), #selector ":"); \
+#define DOES_WITH_TEXT(selector, function)                  \
+  -(void)selector : (NSString*)text {                       \
+    TVDone(function(TVSdk(), TVText(text)), #selector ":"); \
   }
 
 @implementation Tarvo
@@ -118,8 +118,8 @@ struct parts {
 
 - (instancetype)init {
   if ((self = [super init]) == nil) return nil;
-  if (TVSdk() != NULL && TVSetTarvo(self)) _impl = calloc(1, sizeof(struct parts));
-  if (_impl == NULL) {
+  _impl = calloc(1, sizeof(struct parts)); /* first: once it is set, callbacks reach it */
+  if (_impl == NULL || TVSdk() == NULL || !TVSetTarvo(self)) {
     NSLog(@"Tarvo: there is one already, or there can be none");
     [self release];
     return nil;
@@ -224,11 +224,11 @@ static void addZone(void* zones, const char* geojson) {
 }
 
 - (void)setSubscription:(NSString*)name:(NSString*)value {
-  TVDone(tarvo_set_subscription(TVSdk(), [name UTF8String], [value UTF8String]), "setSubscription");
+  TVDone(tarvo_set_subscription(TVSdk(), TVText(name), TVText(value)), "setSubscription");
 }
 
 - (void)setTagsWithName:(NSString*)name value:(NSString*)value {
-  TVDone(tarvo_set_tag(TVSdk(), [name UTF8String], [value UTF8String]), "setTags");
+  TVDone(tarvo_set_tag(TVSdk(), TVText(name), TVText(value)), "setTags");
 }
 
 - (BOOL)handleEventsForBackgroundURLSessionWithIdentifier:(NSString*)identifier

@@ -67,7 +67,9 @@ static void told(tarvo_result result, NSString* notification) {
 
 @implementation TarvoHost
 + (BOOL)setHome:(NSString*)directory error:(NSError**)error {
-  return set(directory == nil ? TARVO_BAD_ARGUMENT : tarvo_set_home([directory fileSystemRepresentation]), error);
+  /* fileSystemRepresentation would end at a zero character */
+  return set(TVText(directory) == NULL ? TARVO_BAD_ARGUMENT : tarvo_set_home([directory fileSystemRepresentation]),
+             error);
 }
 
 + (BOOL)setInfo:(NSDictionary*)info error:(NSError**)error {
@@ -75,7 +77,7 @@ static void told(tarvo_result result, NSString* notification) {
 }
 
 + (BOOL)setServer:(NSString*)url allowPlainHTTP:(BOOL)allowed error:(NSError**)error {
-  return set(tarvo_set_server([url UTF8String], allowed), error);
+  return set(tarvo_set_server(TVText(url), allowed), error);
 }
 
 + (BOOL)setManualClock:(NSDate*)start error:(NSError**)error {

@@ -105,11 +105,11 @@ static NSArray* newPastTrips(tarvo_history* handle) {
 }
 
 - (NSArray*)locations {
-  return HISTORY->locations;
+  return [[HISTORY->locations retain] autorelease];
 }
 
 - (NSArray*)pasttrips {
-  return HISTORY->pasttrips;
+  return [[HISTORY->pasttrips retain] autorelease];
 }
 
 - (CLLocationCoordinate2D)firstLocation {

@@ -10,15 +10,15 @@ struct parts {
 };
 
 #define PARTS ((struct parts*)_impl)
-/* A getter and a setter that copies. */
-#define COPIED(type, name, setter) \
-  -(type*)name {                   \
-    return PARTS->name;            \
-  }                                \
-  -(void)setter : (type*)value {   \
-    type* before = PARTS->name;    \
-    PARTS->name = [value copy];    \
-    [before release];              \
+/* A getter, which outlives the next setter, and that one, which copies. */
+#define COPIED(type, name, setter)             \
+  -(type*)name {                               \
+    return [[PARTS->name retain] autorelease]; \
+  }                                            \
+  -(void)setter : (type*)value {               \
+    type* before = PARTS->name;                \
+    PARTS->name = [value copy];                \
+    [before release];                          \
   }
 
 @implementation TarvoTrip
@@ -189,6 +189,12 @@ COPIED(NSNumber, duration, setDuration)
   return trip;
 }
 
+/* "" for what JSON has not, which is refused. */
+static const char* jsonOf(NSDictionary* content) {
+  const char* json = TVJson(content);
+  return json == NULL && content != nil ? "" : json;
+}
+
 - (tarvo_trip*)newHandle {
   tarvo_trip* handle = NULL;
   tarvo_trip_info info = {0};
@@ -202,7 +208,7 @@ COPIED(NSNumber, duration, setDuration)
   info.arrival_time = [[self ArrivalTime] UTF8String];
   info.start_name = [[self start_name] UTF8String];
   info.arrival_name = [[self arrival_name] UTF8String];
-  TVDone(tarvo_trip_new(&info, TVJson([self route]), TVJson([self next_destination]), &handle), "trip");
+  TVDone(tarvo_trip_new(&info, jsonOf([self route]), jsonOf([self next_destination]), &handle), "trip");
   return handle;
 }
 @end

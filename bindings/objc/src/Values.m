@@ -6,6 +6,11 @@
 
 NSString* TVString(const char* text) { return text == NULL ? nil : [NSString stringWithUTF8String:text]; }
 
+const char* TVText(NSString* text) {
+  const char* bytes = [text UTF8String];
+  return bytes != NULL && strlen(bytes) == [text lengthOfBytesUsingEncoding:NSUTF8StringEncoding] ? bytes : NULL;
+}
+
 NSString* TVTaken(char* text) {
   NSString* string = TVString(text);
   tarvo_free(text);
@@ -115,7 +120,7 @@ id TVValue(tarvo_value value) { return TVTaken(valueOf(value)); }
 id TVValueOfJson(tarvo_value value) { return TVTakenJson(valueOf(value)); }
 
 void TVSetText(tarvo_value value, NSString* text, const char* what) {
-  TVDone(tarvo_set_value(TVSdk(), value, [text UTF8String]), what);
+  TVDone(tarvo_set_value(TVSdk(), value, TVText(text)), what);
 }
 
 void TVSetJson(tarvo_value value, id object, const char* what) {
@@ -133,16 +138,16 @@ void TVSetJson(tarvo_value value, id object, const char* what) {
 
 - (id)objectForKey:(NSString*)key {
   char* json = NULL;
-  TVDone(tarvo_get_setting(TVSdk(), [key UTF8String], &json), "settings");
+  TVDone(tarvo_get_setting(TVSdk(), TVText(key), &json), "settings");
   return TVTakenJson(json);
 }
 
 - (void)setObject:(id)object forKey:(NSString*)key {
   const char* json = TVJson(object);
-  if (json == NULL)
+  if (json == NULL && object != nil)
     TVDone(TARVO_BAD_ARGUMENT, "settings");
   else
-    TVDone(tarvo_set_setting(TVSdk(), [key UTF8String], json), "settings");
+    TVDone(tarvo_set_setting(TVSdk(), TVText(key), json), "settings");
 }
 
 - (void)setBool:(BOOL)truth forKey:(NSString*)key {
@@ -150,7 +155,17 @@ void TVSetJson(tarvo_value value, id object, const char* what) {
 }
 
 - (void)removeObjectForKey:(NSString*)key {
-  TVDone(tarvo_set_setting(TVSdk(), [key UTF8String], NULL), "settings");
+  TVDone(tarvo_set_setting(TVSdk(), TVText(key), NULL), "settings");
+}
+
+/* What the class beneath would look for in domains that were never read: the SDK's settings cannot be listed. */
+- (NSDictionary*)dictionaryRepresentation {
+  return [NSDictionary dictionary];
+}
+
+- (void)setPersistentDomain:(NSDictionary*)domain forName:(NSString*)name {
+  (void)domain, (void)name;
+  TVDone(TARVO_BAD_ARGUMENT, "settings");
 }
 
 - (BOOL)synchronize {

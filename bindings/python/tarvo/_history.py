@@ -4,12 +4,14 @@ import json
 import math
 from collections.abc import Iterator, Sequence
 from datetime import datetime
-from typing import Any, Literal, overload
+from typing import Any, Literal, TypeVar, overload
 
 from ._errors import StoreError, check, refuse
 from ._native import ffi, lib
 from ._records import Bounds, Fix, Geometry, PastTrip, Position, fix_of
 from ._values import date_of, record, string, string_or_none, taken_json, taken_text
+
+T = TypeVar("T")
 
 _ABSENT = -200.0
 
@@ -57,7 +59,8 @@ class History:
     def bounds(self) -> Bounds | None:
         """Of all past trips, or else of all positions."""
         out = ffi.new("tarvo_bounds *")
-        check(lib.tarvo_history_bounds(self._handle, out))
+        if not check(lib.tarvo_history_bounds(self._handle, out)):
+            return self._nothing(None)
         return None if out.south == _ABSENT else Bounds(out.south, out.west, out.north, out.east)
 
     @property
@@ -67,13 +70,21 @@ class History:
         check(lib.tarvo_history_first(self._handle, latitude, longitude))
         return (latitude[0], longitude[0]) if len(self) else None
 
+    def _nothing(self, empty: T) -> T:
+        """For an answer that is absent: without positions there is nothing to tell, else they could not be read."""
+        if len(self):
+            raise StoreError("the store cannot be read now, or no position has coordinates")
+        return empty
+
     def geojson_text(self, geometry: Geometry | Literal["LineString", "MultiPoint"] = Geometry.LINESTRING) -> str:
-        """A FeatureCollection of the positions, byte for byte as the SDK and `tarvo history` write it."""
+        """A FeatureCollection of the positions, byte for byte as the SDK and `tarvo history` write it; without features
+        where there is no position. StoreError when the store cannot be read."""
         if isinstance(geometry, str):
             refuse(geometry not in ("LineString", "MultiPoint"), "a geometry other than LineString and MultiPoint")
             geometry = Geometry.LINESTRING if geometry == "LineString" else Geometry.MULTIPOINT
         out, length = ffi.new("char **"), ffi.new("size_t *")
-        check(lib.tarvo_history_geojson(self._handle, geometry, out, length))
+        if not check(lib.tarvo_history_geojson(self._handle, geometry, out, length)):
+            return self._nothing('{"type":"FeatureCollection","features":[]}')
         try:
             return str(ffi.buffer(out[0], length[0])[:].decode())
         finally:

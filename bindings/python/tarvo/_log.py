@@ -57,5 +57,5 @@ def _tell(level: int, text: str, argument: object) -> None:
     try:
         if logger is not None:
             logger.log(level, text, argument)
-    except Exception as error:  # of a filter or a handler: the next line may pass
+    except BaseException as error:  # noqa: B902 - of a filter or a handler: the next line may pass
         lib.tell_unraisable(id(error), id(logger))

@@ -1,6 +1,7 @@
 """The SDK: one in a process."""
 
 import asyncio
+import contextlib
 import dataclasses
 import itertools
 import logging
@@ -32,7 +33,7 @@ from ._records import (
     fill_fix,
 )
 from ._streams import Event, PredictionUpdated, RouteMatched, Stream
-from ._values import json_of, record, seconds_of, string, text_of
+from ._values import json_of, path_of, record, seconds_of, string, text_of
 
 T = TypeVar("T")
 
@@ -100,16 +101,16 @@ class Sdk(Reading):
                 raise SecondSdkError("the process has its Sdk: use that one, or close it first")
             may_come(os.getpid())
             _log.take_over(log)
-            check(lib.tarvo_set_home(os.fsencode(home)))
+            check(lib.tarvo_set_home(path_of(home)))
             if info_file is not None:
-                check(lib.tarvo_set_info_file(os.fsencode(info_file)))
+                check(lib.tarvo_set_info_file(path_of(info_file)))
             if described:
                 check(lib.tarvo_set_info(json_of(described)))
             if server is not None:
                 check(lib.tarvo_set_server(text_of(server), allow_plain_http))
             if transfer is not None:
                 _set_transfer_options(transfer)
-            directories = [ffi.new("char[]", os.fsencode(directory)) for directory in document_directories]
+            directories = [ffi.new("char[]", path_of(directory)) for directory in document_directories]
             if directories:
                 check(lib.tarvo_set_document_directories(ffi.new("char *[]", directories), len(directories)))
             out = ffi.new("tarvo_sdk **")
@@ -162,14 +163,13 @@ class Sdk(Reading):
                 self._free()
 
     def _settle(self, seconds: float) -> None:
-        try:
-            self.wait_until_idle(seconds)
-            if self._is_active:
-                self.activate(Mode.DEACTIVATED)
+        with contextlib.suppress(TarvoError):  # in a callback, or in a child
+            try:
                 self.wait_until_idle(seconds)
-        except TarvoError:  # in a callback, or in a child
-            if self._is_active:
-                lib.tarvo_activate(self._handle, lib.TARVO_DEACTIVATED)
+            finally:  # Ctrl-C ends the wait; collection ends too
+                if self._is_active:
+                    self.activate(Mode.DEACTIVATED)
+                    self.wait_until_idle(seconds)
 
     def _free(self) -> None:
         global _current
@@ -393,7 +393,7 @@ class Sdk(Reading):
             left = until - time.monotonic()
             if left <= 0:
                 return
-            poll.poll(left * 1000)
+            poll.poll(min(left, 86400) * 1000)  # more than some weeks poll cannot take
 
     def pump_in(self, loop: asyncio.AbstractEventLoop) -> bool:
         """Lets an asyncio loop run the main queue, until the Sdk is closed. False where that loop does not run on the
@@ -412,8 +412,8 @@ class Sdk(Reading):
 
     def _leave_loop(self) -> None:
         loop, self._loop = self._loop, None
-        if loop is not None and not loop.is_closed():
-            descriptor = lib.tarvo_main_fd()
+        descriptor = lib.tarvo_main_fd()
+        if descriptor >= 0 and loop is not None and not loop.is_closed():  # a child shares the selector of its parent
             if threading.get_native_id() == os.getpid():
                 loop.remove_reader(descriptor)
             else:

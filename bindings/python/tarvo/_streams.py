@@ -76,12 +76,13 @@ class Stream(AsyncIterator[T], Generic[T]):
     def _tell(self) -> None:
         """Wakes the task: with one call on its way at most, whatever comes."""
         with self._lock:
-            if self._is_told:
+            if self._is_told and not self._loop.is_closed():
                 return
             self._is_told = True
         try:
             self._loop.call_soon_threadsafe(self._wake)
-        except RuntimeError:  # the loop was closed
+        except RuntimeError:  # the loop was closed: nobody takes anything any more
+            self._has_ended = True
             for subscription in self._subscriptions:
                 subscription.cancel()
 

@@ -2,6 +2,7 @@
 
 import json
 import math
+import os
 from datetime import datetime, timedelta, timezone
 from typing import Any
 
@@ -46,6 +47,14 @@ def text_of(text: str) -> bytes:
         return text.encode()
     except UnicodeEncodeError as error:
         raise ArgumentError(str(error)) from None
+
+
+def path_of(path: str | os.PathLike[str]) -> bytes:
+    """The same of a path: bytes, as the system has them."""
+    given = os.fsencode(path)
+    if b"\0" in given:
+        raise ArgumentError("a path with a zero character")
+    return given
 
 
 def json_of(value: Json) -> bytes:

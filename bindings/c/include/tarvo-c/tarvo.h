@@ -28,7 +28,7 @@ extern "C" {
 
 /** Where a language can say so, an enumeration is an int: then a number that it does not list is a mistake to be told,
  * and not undefined. */
-#if defined(__cplusplus)
+#if defined(__cplusplus) && __cplusplus >= 201103L
 #define TARVO_C_INT : int
 #else
 #define TARVO_C_INT
