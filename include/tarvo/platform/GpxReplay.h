@@ -36,7 +36,8 @@ struct TARVO_API GpxTrace {
 /// Plays a trace into the location service and moves the installed clock along with it.
 ///
 /// Install the clock and set it to the time of the first fix, or before it, ahead of the play. The clock moves only
-/// forward, and only while all queued work and all transfers are done, so that each play of a trace gives the same.
+/// forward, and only while all queued work and all transfers are done, so that plays of a trace give the same. In the
+/// background they may differ by a few positions: what several queues make of one fix is not ordered.
 /// Threads: `play` blocks its caller, which must not be on a queue of the library; on the main thread it runs the
 /// blocks of the main queue meanwhile. Errors: work that does not end is waited for 65 s of real time at each fix, then
 /// the play goes on, with a line in the system log.
