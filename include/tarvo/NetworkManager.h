@@ -30,7 +30,8 @@ class NetworkManagerDelegate {
   virtual ~NetworkManagerDelegate() = default;
   /// What the backend has answered to a log upload.
   virtual void networkManagerReceivedSomeData(NetworkManager& manager, const std::string& data) = 0;
-  /// The background session has failed, after which this process uploads nothing more.
+  /// The background session has failed: from then on the engine posts no batch in this process. The SDK does not call
+  /// it: a log upload that fails is only logged.
   virtual void networkManagerReceivedSessionError(NetworkManager& manager) = 0;
 };
 
@@ -110,7 +111,7 @@ class TARVO_API NetworkManager {
   std::string envir() const;
   void setEnvir(std::string name);
   /**@}*/
-  /// The standard user defaults.
+  /// `platform::UserDefaults::standard()`.
   platform::UserDefaults& defaults() const;
 
   /// Posts a batch of positions. For the SDK's own parts, which take the upload channel before. `first` and `last` are
