@@ -75,14 +75,14 @@ class TARVO_API NetworkManager {
   static void setUUID_SECRET_KEY(std::optional<std::string> secret);
   /**@}*/
   /**@{*/
-  /// The lock of the upload channel: true while a position batch is under way. The setter is for the SDK's own parts: a
-  /// channel that is freed too early sends positions twice.
+  /// The lock of the upload channel: true while a position batch is under way, and from the pass of a device without a
+  /// user on. The setter is for the SDK's own parts: a channel that is freed too early sends positions twice.
   static bool CANAL_LOCK();
   static void setCANAL_LOCK(bool locked);
   /**@}*/
   /**@{*/
-  /// When the channel was taken last; 180 seconds later another batch may take it. The setter is for the SDK's own
-  /// parts.
+  /// When the channel was taken last, or first looked at; 180 seconds later another batch may take it. The setter is
+  /// for the SDK's own parts.
   static platform::Date CANAL_TIME_LOCK();
   static void setCANAL_TIME_LOCK(platform::Date date);
   /**@}*/

@@ -98,8 +98,8 @@ class TARVO_API Tarvo {
   static void setBundleID(std::string identifier);
   /**@}*/
   /**@{*/
-  /// The token for push messages, and whether the backend has it; set by
-  /// `didRegisterForRemoteNotificationsWithDeviceToken` and the backend's answer.
+  /// The token for push messages, as `didRegisterForRemoteNotificationsWithDeviceToken` has set it, and whether a
+  /// registration of this process has offered it to the backend; what became of that is only logged.
   static std::string deviceToken();
   static void setDeviceToken(std::string token);
   static bool tokenSent();

@@ -54,7 +54,7 @@ typedef struct tarvo_position {
   int32_t sent_without_ack;          /**< truth: posted, and not acknowledged so far */
   const char* service_action;        /**< why it was stored, as "loc_changed" */
   const char* localisation_method;   /**< how the fix came about, as "sls" */
-  const char* user_action;           /**< the activity of the user, as "walking" */
+  const char* user_action;           /**< always "unknown" */
   const char* app_name;              /**< with the host's bundle identifier */
   const char* app_action;            /**< always "unused" */
   const char* identifier_for_vendor; /**< of the device */
@@ -77,7 +77,7 @@ typedef enum tarvo_past_trip_has TARVO_C_INT {
   TARVO_TRIP_HAS_START_TIME = 32,         /**< `start_time` */
   TARVO_TRIP_HAS_ARRIVAL_TIME = 64        /**< `arrival_time` */
 } tarvo_past_trip_has;
-/** A past trip as the backend rebuilt it; what is absent is 0 and NULL. */
+/** A past trip as the backend rebuilt it; what is absent, or was lacking in its answer, is 0 and NULL. */
 typedef struct tarvo_past_trip {
   size_t size;                /**< sizeof */
   uint64_t has;               /**< bits of tarvo_past_trip_has */

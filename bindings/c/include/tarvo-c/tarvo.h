@@ -104,9 +104,9 @@ TARVO_C_API tarvo_result tarvo_set_transfer_options(const tarvo_transfer_options
 
 typedef void (*tarvo_log_line)(void* user, const char* line, size_t length); /**< `line` ends with a zero byte too. */
 /** Takes each line of the system log, which may hold secrets. Called on any thread, several at once, from the midst of
- * the SDK's work: every function answers TARVO_IN_CALLBACK there. NULL brings back standard error. `released` (may be
- * NULL) is called once, when no line comes any more: as with `tarvo_callbacks`. May be set before all else and at any
- * time. */
+ * the SDK's work: every function answers TARVO_IN_CALLBACK there. NULL brings back standard error and releases nothing
+ * of its own. `released` (may be NULL) is called once, when no line comes any more: as with `tarvo_callbacks`. May be
+ * set before all else and at any time. */
 TARVO_C_API tarvo_result tarvo_set_log(tarvo_log_line line, void* user, void (*released)(void* user));
 
 /** A clock that stands still until it is moved, for tests and for recordings: positions are stored, and the channel
@@ -199,7 +199,7 @@ TARVO_C_API tarvo_app_state tarvo_get_app_state(void); /**< TARVO_APP_ACTIVE at 
 typedef enum tarvo_battery TARVO_C_INT {
   TARVO_BATTERY_UNKNOWN = 0,   /**< nobody can tell */
   TARVO_BATTERY_UNPLUGGED = 1, /**< the battery */
-  TARVO_BATTERY_CHARGING = 2,  /**< mains power */
+  TARVO_BATTERY_CHARGING = 2,  /**< mains power, and the battery is not full */
   TARVO_BATTERY_FULL = 3       /**< mains power, and the battery is full */
 } tarvo_battery;
 /** The host knows better than the system, from now on. `level`: 0 to 1, or -1 when it is unknown. */
@@ -398,7 +398,7 @@ typedef enum tarvo_value TARVO_C_INT {
   TARVO_CLIENT_ID = 2,               /**< refused unless it can stand in a URL's path */
   TARVO_BUNDLE_ID = 3,               /**< the host's identifier */
   TARVO_DEVICE_TOKEN = 4,            /**< for push messages */
-  TARVO_TOKEN_SENT = 5,              /**< truth */
+  TARVO_TOKEN_SENT = 5,              /**< truth: a registration of this process has offered it */
   TARVO_SET_TAGS_LIST = 6,           /**< object of texts */
   TARVO_UNSET_TAGS_LIST = 7,         /**< list of texts */
   TARVO_BACKGROUND_SESSION_ID = 8,   /**< only read */

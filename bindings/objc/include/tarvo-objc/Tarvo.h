@@ -57,7 +57,7 @@
 + (void)setBundleID:(NSString*)identifier;            /**< Activating takes it from TarvoHost's info. */
 + (NSString*)deviceToken;                             /**< For push messages. */
 + (void)setDeviceToken:(NSString*)token;              /**< Tells the backend nothing. */
-+ (BOOL)tokenSent;                                    /**< Whether the backend has it. */
++ (BOOL)tokenSent;                                    /**< Whether a registration of this process offered it. */
 + (void)setTokenSent:(BOOL)sent;                      /**< Tells the backend nothing. */
 + (NSDictionary*)SET_TAGS_LIST;                       /**< Tags that each push message repeats, name to value. */
 + (void)setSET_TAGS_LIST:(NSDictionary*)tags;         /**< As a whole. */

@@ -20,7 +20,7 @@ extern NSString* const UIDeviceBatteryStateDidChangeNotification;   /**< `setBat
 typedef enum {
   UIDeviceBatteryStateUnknown = 0,   /**< nobody can tell */
   UIDeviceBatteryStateUnplugged = 1, /**< the battery */
-  UIDeviceBatteryStateCharging = 2,  /**< mains power */
+  UIDeviceBatteryStateCharging = 2,  /**< mains power, and the battery is not full */
   UIDeviceBatteryStateFull = 3       /**< mains power, and the battery is full */
 } UIDeviceBatteryState;
 
@@ -32,7 +32,7 @@ typedef enum {
 @property(nonatomic, readonly) NSString* title;   /**< its title; autoreleased */
 @property(nonatomic, readonly) NSString* message; /**< what it says; autoreleased */
 @property(nonatomic, readonly) NSArray* actions;  /**< NSString, the buttons from the first; autoreleased */
-/** The user has chosen; once, on any thread. */
+/** The user has chosen; on any thread. NO, with a line, the second time, and without a line for no such button. */
 - (BOOL)chooseAction:(NSUInteger)action;
 @end
 

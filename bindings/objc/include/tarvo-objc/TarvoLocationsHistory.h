@@ -23,7 +23,7 @@
 @property(nonatomic, readonly) NSNumber* index;               /**< running number from 0 */
 @property(nonatomic, readonly) NSString* serviceAction;       /**< why it was stored, as "loc_changed" */
 @property(nonatomic, readonly) NSString* localisationMethod;  /**< how the fix came about, as "sls" */
-@property(nonatomic, readonly) NSString* userAction;          /**< the activity of the user, as "walking" */
+@property(nonatomic, readonly) NSString* userAction;          /**< always "unknown" */
 @property(nonatomic, readonly) NSString* appName;             /**< with the host's bundle identifier */
 @property(nonatomic, readonly) NSString* appAction;           /**< always "unused" */
 @property(nonatomic, readonly) NSString* identifierForVendor; /**< of the device */
