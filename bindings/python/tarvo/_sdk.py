@@ -282,7 +282,8 @@ class Sdk(Reading):
 
     @property
     def app_state(self) -> AppState:
-        """To be set on the main thread. While collection is on, all but INACTIVE store the last position again."""
+        """To be set on the main thread. While collection is on, all but INACTIVE store the last position again.
+        What each changes: docs/phone.md."""
         return AppState(lib.tarvo_get_app_state())
 
     @app_state.setter
@@ -290,7 +291,8 @@ class Sdk(Reading):
         check(lib.tarvo_set_app_state(state))
 
     def app_launched(self) -> None:
-        """It has started, to be told once after activate: stores the last position again."""
+        """It has started; once, after activate. Stores the last position again, and goes by the battery as in the
+        background until app_state is set to ACTIVE."""
         check(lib.tarvo_app_launched())
 
     def set_battery(self, state: Battery, level: float | None = None) -> None:

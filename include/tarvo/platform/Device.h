@@ -73,7 +73,7 @@ class TARVO_API UIApplication {
 
   /**@{*/
   /// Each sets the state (where it changes) and posts the notification of that name on the caller's thread, which
-  /// should be the main one; the library has seen it when the call returns.
+  /// should be the main one; the library has seen it when the call returns. What each changes: docs/phone.md.
   void didFinishLaunching();
   void didBecomeActive();
   void willResignActive();

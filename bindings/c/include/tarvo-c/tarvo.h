@@ -188,10 +188,11 @@ typedef enum tarvo_app_state TARVO_C_INT {
   TARVO_APP_INACTIVE = 1,  /**< about to leave it, or just back */
   TARVO_APP_BACKGROUND = 2 /**< not on the screen */
 } tarvo_app_state;
-/** While collection is on, stores the last position again, as an event. Once, after `tarvo_activate`. */
+/** It has started; once, after `tarvo_activate`. While collection is on, stores the last position again, as an event,
+ * and goes by the battery as in the background, until TARVO_APP_ACTIVE is set. */
 TARVO_C_API tarvo_result tarvo_app_launched(void);
-/** The same, except for TARVO_APP_INACTIVE, which stores nothing. In mode TARVO_LOCAL_FOREGROUND the background ends
- * collection. */
+/** Stores such an event too, except for TARVO_APP_INACTIVE. What each changes: docs/phone.md. In mode
+ * TARVO_LOCAL_FOREGROUND the background ends collection. */
 TARVO_C_API tarvo_result tarvo_set_app_state(tarvo_app_state state);
 TARVO_C_API tarvo_app_state tarvo_get_app_state(void); /**< TARVO_APP_ACTIVE at first. */
 

@@ -77,7 +77,8 @@ typedef enum {
 + (void)setAuthorizationStatus:(CLAuthorizationStatus)status;            /**< What the user has decided. */
 + (CLAuthorizationStatus)authorizationStatus;                            /**< Authorized always, at first. */
 + (void)setBatteryState:(UIDeviceBatteryState)state level:(double)level; /**< 0 to 1, or -1 when it is unknown. */
-/* On the main thread. While collection is on, each but `applicationWillResignActive` stores the last position again. */
+/* On the main thread. While collection is on, each but `applicationWillResignActive` stores the last position again.
+ * What each changes: docs/phone.md. */
 + (void)applicationDidFinishLaunching; /**< It has started; after activating. */
 + (void)applicationDidBecomeActive;    /**< It is on the screen. */
 + (void)applicationWillResignActive;   /**< It is about not to be. */
