@@ -37,7 +37,7 @@ struct DeliveryOptions {
   /// and the fault is that of "success".
   bool dropsProtocolBreaks = false;
 
-  bool operator==(const DeliveryOptions&) const = default;  ///< member by member
+  bool operator==(const DeliveryOptions&) const = default;
 };
 
 }  // namespace tarvo

@@ -45,16 +45,16 @@ enum class GapCause {
 struct Health {
   /// Positions by their numbers, both included.
   struct Range {
-    std::int64_t first = 0;                         ///< the lowest of them
-    std::int64_t last = 0;                          ///< the highest
-    bool operator==(const Range&) const = default;  ///< member by member
+    std::int64_t first = 0;  ///< the lowest of them
+    std::int64_t last = 0;   ///< the highest
+    bool operator==(const Range&) const = default;
   };
   /// A span without a stored position; `until` is absent while it lasts.
   struct Gap {
-    platform::Date since;                         ///< the position before, or when the cause began
-    std::optional<platform::Date> until;          ///< the next position, or when the cause ended
-    GapCause cause = GapCause::receiverSilent;    ///< what kept positions away
-    bool operator==(const Gap&) const = default;  ///< member by member
+    platform::Date since;                       ///< the position before, or when the cause began
+    std::optional<platform::Date> until;        ///< the next position, or when the cause ended
+    GapCause cause = GapCause::receiverSilent;  ///< what kept positions away
+    bool operator==(const Gap&) const = default;
   };
 
   /// How many positions there are, and how far they have come.

@@ -76,7 +76,7 @@ class TARVO_API LocationManager {
   /// For the SDK's own parts: takes the place of the `Tarvo` that events reach, whose delegate then hears no more. Held
   /// weakly: the delegate may go before the engine.
   void setDelegate(const std::shared_ptr<LocationManagerDelegate>& delegate);
-  /// The one that was set; empty once it has gone.
+  /// Whom events reach now; empty once it has gone.
   std::shared_ptr<LocationManagerDelegate> delegate() const;
   /// The user's identifier that the last check of the user found, despite its name no key: nothing is authenticated
   /// with it. The key of the host is `Tarvo::tarvoapiKey`.
@@ -93,7 +93,7 @@ class TARVO_API LocationManager {
   std::shared_ptr<void> networkTimer() const;
   void setNetworkTimer(std::shared_ptr<void> timer);
   /**@}*/
-  /// The standard ones.
+  /// `platform::UserDefaults::standard()`.
   platform::UserDefaults& defaults() const;
   /// Tells processes apart: 0 to 999,999,999, drawn once in each.
   std::uint32_t randomID() const;
@@ -113,9 +113,11 @@ class TARVO_API LocationManager {
   platform::CLAuthorizationStatus checkAndRequestLocationAuthorization(std::int64_t status);
   /// Shows the user an alert that leads to the settings, where a permission that was denied can be given.
   void requestAgainLocationAuthorization();
-  /// The stored position with the newest fix time; absent without one, or when it lacks a value.
+  /// The stored position with the newest fix time; absent without one, or when it lacks a value. Asks for the
+  /// permission that the mode needs.
   std::optional<platform::CLLocation> getLastLocation();
-  /// Runs the location service as on the screen: standard updates each 20 m. Queued; returns at once.
+  /// Runs the location service as on the screen, unless it does: standard updates each 20 m, and on the screen nothing
+  /// else. Queued; returns at once.
   void foregroundMode();
   /// "app_inactive", "app_paused" or "app_resumed".
   static std::string getAppState();
@@ -150,7 +152,7 @@ class TARVO_API LocationManager {
 
   /// Stored positions, in any mode. Absent bounds are open; by the time of storage. Empty histories are objects too.
   LocationsHistory getLocationhistory(std::optional<platform::Date> since, std::optional<platform::Date> until);
-  /// Past trips that the backend has rebuilt, in any mode; by their times.
+  /// Past trips that the backend has rebuilt, in any mode; by their start, so that one without a time is left out.
   LocationsHistory getLocationhistoryExtraPolated(std::optional<platform::Date> since,
                                                   std::optional<platform::Date> until);
   /// The past trip with the highest identifier.

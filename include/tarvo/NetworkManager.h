@@ -30,7 +30,8 @@ class NetworkManagerDelegate {
   virtual ~NetworkManagerDelegate() = default;
   /// What the backend has answered to a log upload.
   virtual void networkManagerReceivedSomeData(NetworkManager& manager, const std::string& data) = 0;
-  /// The background session has failed, after which this process uploads nothing more.
+  /// The background session has failed: from then on the engine posts no batch in this process. The SDK does not call
+  /// it: a log upload that fails is only logged.
   virtual void networkManagerReceivedSessionError(NetworkManager& manager) = 0;
 };
 
@@ -74,14 +75,14 @@ class TARVO_API NetworkManager {
   static void setUUID_SECRET_KEY(std::optional<std::string> secret);
   /**@}*/
   /**@{*/
-  /// The lock of the upload channel: true while a position batch is under way. The setter is for the SDK's own parts: a
-  /// channel that is freed too early sends positions twice.
+  /// The lock of the upload channel: true while a position batch is under way, and from the pass of a device without a
+  /// user on. The setter is for the SDK's own parts: a channel that is freed too early sends positions twice.
   static bool CANAL_LOCK();
   static void setCANAL_LOCK(bool locked);
   /**@}*/
   /**@{*/
-  /// When the channel was taken last; 180 seconds later another batch may take it. The setter is for the SDK's own
-  /// parts.
+  /// When the channel was taken last, or first looked at; 180 seconds later another batch may take it. The setter is
+  /// for the SDK's own parts.
   static platform::Date CANAL_TIME_LOCK();
   static void setCANAL_TIME_LOCK(platform::Date date);
   /**@}*/
@@ -110,7 +111,7 @@ class TARVO_API NetworkManager {
   std::string envir() const;
   void setEnvir(std::string name);
   /**@}*/
-  /// The standard user defaults.
+  /// `platform::UserDefaults::standard()`.
   platform::UserDefaults& defaults() const;
 
   /// Posts a batch of positions. For the SDK's own parts, which take the upload channel before. `first` and `last` are

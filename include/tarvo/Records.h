@@ -26,7 +26,7 @@ struct LocationRecord {
   std::optional<std::int64_t> index;                ///< running number from 0; the backend knows it by this
   std::optional<std::string> serviceAction;         ///< why it was stored, as "loc_changed"
   std::optional<std::string> localisationMethod;    ///< how the fix came about, as "sls"
-  std::optional<std::string> userAction;            ///< the activity of the user, as "walking"
+  std::optional<std::string> userAction;            ///< always "unknown"
   std::optional<std::string> appName;               ///< "ios:" and the host's bundle identifier
   std::optional<std::string> appAction;             ///< always "unused"
   std::optional<std::string> identifierForVendor;   ///< of the device
@@ -34,7 +34,7 @@ struct LocationRecord {
   std::optional<bool> sentWithoutACK;               ///< posted, and not acknowledged so far
 };
 
-/// A past trip as the backend rebuilt it.
+/// A past trip as the backend rebuilt it. A coordinate that its answer lacked is 0.
 struct PastTripRecord {
   std::optional<std::int64_t> pasttrip_id;     ///< the backend's number of the trip
   std::optional<double> departure_lat;         ///< degrees

@@ -23,7 +23,7 @@ struct StorageLimits {
   /// While the log files hold more bytes together than this, the oldest go; today's takes no more lines at the bound.
   std::optional<std::uint64_t> logBytes{};
 
-  bool operator==(const StorageLimits&) const = default;  ///< member by member
+  bool operator==(const StorageLimits&) const = default;
 };
 
 }  // namespace tarvo

@@ -83,9 +83,9 @@ class TARVO_API Tarvo {
   /// Sets the mode alone: what may be read and whether uploads run. For programs that only read; others `activate`.
   static void setACTIVATE_STATUS(std::int64_t mode);
   /**@{*/
-  /// The host's API key and client identifier at the backend. Activating a mode 8 or 12 takes them from what describes
-  /// the host (`platform::setInfoDictionary` or the property list); what that lacks stays as it is set here, with
-  /// "Failed to load" in the log.
+  /// The host's API key and client identifier at the backend. Activating a mode 8 or 12 takes them (and each new object
+  /// the client identifier) from what describes the host (`platform::setInfoDictionary` or the property list); what
+  /// that lacks stays as it is set here, with "Failed to load" in the log.
   static std::string tarvoapiKey();
   static void setTarvoapiKey(std::string key);
   static std::string clientID();
@@ -98,8 +98,8 @@ class TARVO_API Tarvo {
   static void setBundleID(std::string identifier);
   /**@}*/
   /**@{*/
-  /// The token for push messages, and whether the backend has it; set by
-  /// `didRegisterForRemoteNotificationsWithDeviceToken` and the backend's answer.
+  /// The token for push messages, as `didRegisterForRemoteNotificationsWithDeviceToken` has set it, and whether a
+  /// registration of this process has offered it to the backend; what became of that is only logged.
   static std::string deviceToken();
   static void setDeviceToken(std::string token);
   static bool tokenSent();
@@ -136,12 +136,11 @@ class TARVO_API Tarvo {
   Tarvo(const Tarvo&) = default;
   Tarvo& operator=(const Tarvo&) = default;
   /**@}*/
-  /// Whether both are handles of the same object.
-  bool operator==(const Tarvo&) const = default;
+  bool operator==(const Tarvo&) const = default;  ///< whether both are handles of the same object
 
   /// The engine.
   LocationManager& locationManager() const;
-  /// The standard ones.
+  /// `platform::UserDefaults::standard()`.
   platform::UserDefaults& defaults() const;
   /// The one that was set last; may be empty.
   std::shared_ptr<TarvoDelegate> delegate() const;
@@ -155,16 +154,17 @@ class TARVO_API Tarvo {
   /// Starts standard updates and stores the last known position again, in any mode from 0; `activate` has done so.
   void serviceConnect();
   /**@{*/
-  /// Lets new positions reach the delegate, or keeps them from it; collection goes on.
+  /// Lets new positions reach the delegate (nothing in mode DEACTIVE_ALL), or keeps them from it; collection goes on.
   void requestLocationUpdate();
   void stopLocationUpdate();
   /**@}*/
 
-  /// The stored position with the newest fix time; absent in mode -4 and before the first stored position. Asks for the
-  /// permission that the mode needs.
+  /// The stored position with the newest fix time; absent in mode -4, before the first stored position, and when it
+  /// lacks a value. Asks for the permission that the mode needs.
   std::optional<platform::CLLocation> getCurrentLocation();
   /// Raw positions from mode 4, past trips from mode 8; absent below, when there are none, and for other formats.
-  /// Absent bounds are open; both are included and, for positions, compared with the time of storage.
+  /// Absent bounds are open; both are included and, for positions, compared with the time of storage, for trips with
+  /// their start.
   std::optional<LocationsHistory> getLocationHistory(int format, std::optional<platform::Date> since,
                                                      std::optional<platform::Date> until);
   /// The latest prediction, possibly an empty one, from mode 12.

@@ -30,15 +30,15 @@ class TARVO_API Trip {
   std::string arrival_name;               ///< of the place that it leads to
   double duration = 0;                    ///< as the backend sent it
 
-  /// The coordinates of the route's first feature, [longitude, latitude] pairs; absent without a feature.
+  /// The coordinates of the route's first feature, [longitude, latitude] pairs; absent without a list of them.
   std::optional<platform::Array> tripToArray() const;
   /// The same as fixes of the present moment; absent when one of the coordinates is not a pair of numbers.
   std::optional<std::vector<platform::CLLocation>> toLocations() const;
-  /// The same as coordinates.
+  /// The same as coordinates; absent as those.
   std::optional<std::vector<platform::CLLocationCoordinate2D>> toLocationCoordinate2D() const;
   /// `next_destination`; never absent.
   std::optional<platform::Dictionary> toGeoJson() const { return next_destination; }
-  /// The first point of the route, as a fix of the present moment; absent without one.
+  /// The first point of the route, as a fix of the present moment; absent when that is no pair of numbers.
   std::optional<platform::CLLocation> getStartTrip() const;
   /// The destination, as a fix of the present moment; never absent: (-200, -200) while it is unset.
   std::optional<platform::CLLocation> getNextDestination() const;

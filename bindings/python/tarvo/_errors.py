@@ -1,4 +1,4 @@
-"""What the SDK refuses, as exceptions. Nothing was done where one is raised."""
+"""What the SDK refuses, as exceptions. Nothing was done where one is raised, but for what Sdk.deliver says."""
 
 from typing import Any
 
@@ -34,7 +34,7 @@ class TooLateError(TarvoError):
 
 
 class TooEarlyError(TarvoError):
-    """A push message before the first fix."""
+    """A push message while there is no position: see Sdk.push_received."""
 
 
 class InCallbackError(TarvoError):

@@ -57,7 +57,8 @@ class History:
 
     @property
     def bounds(self) -> Bounds | None:
-        """Of all past trips, or else of all positions."""
+        """Of all past trips, or else of all positions; None when there is no point. StoreError when the positions
+        cannot be read."""
         out = ffi.new("tarvo_bounds *")
         if not check(lib.tarvo_history_bounds(self._handle, out)):
             return self._nothing(None)
@@ -78,7 +79,7 @@ class History:
 
     def geojson_text(self, geometry: Geometry | Literal["LineString", "MultiPoint"] = Geometry.LINESTRING) -> str:
         """A FeatureCollection of the positions, byte for byte as the SDK and `tarvo history` write it; without features
-        where there is no position. StoreError when the store cannot be read."""
+        where there is no position. StoreError when the store cannot be read, or no position has coordinates."""
         if isinstance(geometry, str):
             refuse(geometry not in ("LineString", "MultiPoint"), "a geometry other than LineString and MultiPoint")
             geometry = Geometry.LINESTRING if geometry == "LineString" else Geometry.MULTIPOINT
@@ -202,7 +203,7 @@ class Trip:
 
     @property
     def local_start_time(self) -> str | None:
-        """The start as the backend sent it, in the zone of the device."""
+        """The start in the zone of the device, as a text of the backend's form; None where it cannot be read."""
         return taken_text(lib.tarvo_trip_start_time, self._handle)
 
     @property
@@ -212,13 +213,13 @@ class Trip:
         return content
 
     def geojson(self) -> dict[str, Any] | None:
-        """Of the next destination."""
+        """GeoJSON of the next destination."""
         content: dict[str, Any] | None = taken_json(lib.tarvo_trip_geojson, self._handle)
         return content
 
     @property
     def locations(self) -> tuple[Fix, ...] | None:
-        """The points of the route, as fixes of now."""
+        """The points of the route, as fixes of now; None without a route."""
         count = ffi.new("size_t *")
         if not check(lib.tarvo_trip_locations(self._handle, ffi.NULL, 0, count)):
             return None
@@ -228,7 +229,7 @@ class Trip:
 
     @property
     def start(self) -> Fix | None:
-        """The first point of the route."""
+        """The first point of the route, as a fix of now; None without one."""
         return self._fix(lib.tarvo_trip_start)
 
     @property

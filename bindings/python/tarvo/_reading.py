@@ -37,22 +37,23 @@ class Reading:
 
     @property
     def current_location(self) -> Fix | None:
-        """The stored position with the newest fix time."""
+        """The stored position with the newest fix time; None in mode DEACTIVATED and without one. Asks for the
+        permission that the mode needs."""
         out = ffi.new("tarvo_fix *")
         return fix_of(out) if check(lib.tarvo_current_location(self._live, out)) else None
 
     def history(
         self, since: datetime | None = None, until: datetime | None = None, format: Format = Format.RAW
     ) -> History | None:
-        """Positions from mode 4, past trips from mode 8, by the time of storage; both bounds are included. None in
-        lower modes, and where there is nothing."""
+        """Positions from mode 4, by the time of storage, past trips from mode 8, by their start; both bounds are
+        included. None in lower modes, and where there is nothing."""
         out = ffi.new("tarvo_history **")
         found = check(lib.tarvo_get_history(self._live, format, bound_of(since), bound_of(until), out))
         return History(out[0]) if found else None
 
     @property
     def next_trip(self) -> Trip | None:
-        """The latest prediction, from mode 12."""
+        """The latest prediction, maybe an empty one; None below mode 12."""
         return self._trip(lib.tarvo_next_trip)
 
     @property
@@ -69,7 +70,7 @@ class Reading:
         return Trip(out[0]) if check(function(self._live, out)) else None
 
     def points_of_interest(self) -> list[dict[str, Any]]:
-        """The zone of each stored place, GeoJSON."""
+        """The zone of each stored place, GeoJSON, highest identifier first; in any mode."""
         places: list[str] = []
         user = hold(places)
         try:
@@ -127,7 +128,7 @@ class Reading:
         return read(lib.tarvo_get_value, self._live, value)
 
     def set_value(self, value: Value, content: Json) -> None:
-        """RefusedError for what cannot be set so."""
+        """RefusedError for an identifier that cannot be one, ArgumentError for a value that is only read."""
         given = (json_of if Value(value).is_json else text_of)(content)
         check(lib.tarvo_set_value(self._live, value, given))
 
@@ -149,7 +150,7 @@ class Reading:
     # ---- The backend ----
 
     def upload(self) -> None:
-        """An upload pass of the host's own; waits for nothing."""
+        """Starts an upload pass, in modes from 8: it neither waits after a failure nor keeps an interval."""
         check(lib.tarvo_upload(self._live))
 
     def request_route_match(self) -> None:
@@ -169,28 +170,29 @@ class Reading:
         check(lib.tarvo_stop_prediction_update(self._live))
 
     def subscribe(self, name: str, content: Json) -> None:
-        """To push messages; `content` says what the backend is to send."""
+        """Subscribes to push messages; `content` says what the backend is to send."""
         check(lib.tarvo_set_subscription(self._live, text_of(name), json_of(content)))
 
     def unsubscribe(self, name: str) -> None:
-        """From them."""
+        """Ends that subscription."""
         check(lib.tarvo_set_unsubscription(self._live, text_of(name)))
 
     def set_tag(self, name: str, value: str) -> None:
-        """Of this user, at the backend."""
+        """Sets a tag of this user at the backend, now and with each push message."""
         check(lib.tarvo_set_tag(self._live, text_of(name), text_of(value)))
 
     def unset_tag(self, name: str) -> None:
-        """Removes it there."""
+        """Removes it there, now and with each push message."""
         check(lib.tarvo_unset_tag(self._live, text_of(name)))
 
     def push_received(self, message: Mapping[str, Any] | str) -> bool:
-        """A push message. Whether it was for the SDK. TooEarlyError before the first fix in a mode from 8."""
+        """A push message. Whether it was for the SDK. In a mode from 8 TooEarlyError before this process was given a
+        usable fix or, without the permission "always", while there is no stored position."""
         given = message if isinstance(message, str) else dict(message)
         return check(lib.tarvo_push_received(self._live, json_of(given)))
 
     def set_device_token(self, token: str) -> None:
-        """The token for push messages."""
+        """Gives the backend the token for push messages, at the latest with the registration."""
         check(lib.tarvo_set_device_token(self._live, text_of(token)))
 
     def set_api_key_secret(self, secret: str) -> None:
@@ -198,11 +200,11 @@ class Reading:
         check(lib.tarvo_set_api_key_secret(self._live, text_of(secret)))
 
     def reset_backend_history(self) -> None:
-        """Of past trips and profile, at the backend."""
+        """Asks the backend to forget past trips and profile; what is stored here stays."""
         check(lib.tarvo_reset_backend_history(self._live))
 
     def reset_geo_profile_history(self) -> None:
-        """Of the profile alone, at the backend."""
+        """The same of the profile alone."""
         check(lib.tarvo_reset_geo_profile_history(self._live))
 
     def reset_local_history(self) -> None:

@@ -220,7 +220,7 @@ class Position:
     localisation_method: str | None
     """How the fix came about, as "sls"."""
     user_action: str | None
-    """The activity of the user, as "walking"."""
+    """Always "unknown"."""
     app_name: str | None
     """With the host's bundle identifier."""
     app_action: str | None

@@ -56,7 +56,7 @@ def move_clock(to: datetime) -> bool:
 
 
 def version() -> str:
-    """Of the SDK, as "0.1.0"."""
+    """The SDK's version, as "0.1.0"."""
     return string(lib.tarvo_version())
 
 
@@ -154,8 +154,9 @@ class Sdk(Reading):
     # ---- The end ----
 
     def close(self, seconds: float = 5) -> None:
-        """Stops collecting, having waited up to so many seconds until what was delivered is written. Then the process
-        may have another Sdk. Inside a callback it cannot wait, and what is not yet written is lost."""
+        """Stops collecting, having waited up to so many seconds until what was delivered is written; its end is waited
+        for as long at most. Then the process may have another Sdk. Inside a callback it cannot wait, and what is not
+        yet written is lost."""
         if self._handle is not None:
             try:
                 self._settle(seconds)
@@ -224,7 +225,7 @@ class Sdk(Reading):
         check(lib.tarvo_service_connect(self._live))
 
     def request_location_update(self) -> None:
-        """Lets new positions reach on_locations and fixes()."""
+        """Lets new positions reach on_locations and fixes(); nothing in mode DEACTIVATED."""
         check(lib.tarvo_request_location_update(self._live))
 
     def stop_location_update(self) -> None:
@@ -242,8 +243,9 @@ class Sdk(Reading):
         check(result)
 
     def deliver(self, fixes: Fix | Iterable[Fix]) -> None:
-        """What a receiver gave, oldest first; queued. One that is off the globe or of an impossible time is left out,
-        and counted in health()."""
+        """What a receiver gave, oldest first; queued. One that is not finite, off the globe or of an impossible time is
+        left out, and counted in health(). What cannot be taken (a naive time, no Fix) raises; of those before it, whole
+        pieces of 256 have been delivered."""
         self._live
         rest = iter((fixes,) if isinstance(fixes, Fix) else fixes)
         while piece := list(itertools.islice(rest, _PIECE)):
@@ -280,7 +282,8 @@ class Sdk(Reading):
 
     @property
     def app_state(self) -> AppState:
-        """To be set on the main thread; each change stores an event."""
+        """To be set on the main thread. While collection is on, all but INACTIVE store the last position again.
+        What each changes: docs/phone.md."""
         return AppState(lib.tarvo_get_app_state())
 
     @app_state.setter
@@ -288,11 +291,12 @@ class Sdk(Reading):
         check(lib.tarvo_set_app_state(state))
 
     def app_launched(self) -> None:
-        """Stores an event."""
+        """It has started; once, after activate. Stores the last position again, and goes by the battery as in the
+        background until app_state is set to ACTIVE."""
         check(lib.tarvo_app_launched())
 
     def set_battery(self, state: Battery, level: float | None = None) -> None:
-        """`level`: 0 to 1."""
+        """The host knows better than the system, from now on. `level`: 0 to 1, or None when it is unknown."""
         check(lib.tarvo_set_battery(state, -1 if level is None else level))
 
     # ---- Being told ----
@@ -420,7 +424,8 @@ class Sdk(Reading):
                 loop.call_soon_threadsafe(loop.remove_reader, descriptor)
 
     def wait_until_idle(self, seconds: float) -> bool:
-        """Until all queued work and all transfers are done. False when the time was up. Signals are heard meanwhile."""
+        """Until all queued work and all transfers are done; on the main thread it runs the main queue. False when the
+        time was up. Signals are heard meanwhile."""
         until = time.monotonic() + check_seconds(seconds)
         while True:
             left = max(0.0, until - time.monotonic())
@@ -430,8 +435,8 @@ class Sdk(Reading):
                 return False
 
     def flush(self, seconds: float) -> FlushResult:
-        """Uploads what has been collected. A handler of a signal runs once it has ended; to hear signals, or not to
-        hold up a loop, call it on a thread of its own (asyncio.to_thread)."""
+        """Uploads what has been collected, up to so many seconds. A handler of a signal runs once it has ended; to hear
+        signals, or not to hold up a loop, call it on a thread of its own (asyncio.to_thread)."""
         out = ffi.new("tarvo_flush_result *")
         check(lib.tarvo_flush(self._live, check_seconds(seconds), out))
         return FlushResult(out[0])

@@ -12,9 +12,9 @@ namespace tarvo::platform {
 
 /// A point on the WGS 84 ellipsoid. Values are taken as they are: an unset coordinate of the SDK is (-200, -200).
 struct CLLocationCoordinate2D {
-  double latitude = 0;                                             ///< degrees north, -90 to 90
-  double longitude = 0;                                            ///< degrees east, -180 to 180
-  bool operator==(const CLLocationCoordinate2D&) const = default;  ///< member by member
+  double latitude = 0;   ///< degrees north, -90 to 90
+  double longitude = 0;  ///< degrees east, -180 to 180
+  bool operator==(const CLLocationCoordinate2D&) const = default;
 };
 
 /// One fix of a receiver. A plain value; threads as a double.
@@ -34,7 +34,7 @@ struct TARVO_API CLLocation {
   /// `<+48.13750000,+11.57550000> +/- 5.00m (speed 1.20 mps / course 90.00) @ 4/1/09, 12:40:22 PM …`
   std::string description() const;
 
-  bool operator==(const CLLocation&) const = default;  ///< member by member
+  bool operator==(const CLLocation&) const = default;
 };
 
 }  // namespace tarvo::platform

@@ -23,7 +23,7 @@ enum class UIApplicationState : std::int64_t {
 enum class UIDeviceBatteryState : std::int64_t {
   unknown = 0,    ///< nobody can tell, or nobody watches
   unplugged = 1,  ///< the battery
-  charging = 2,   ///< mains power, which charges the battery
+  charging = 2,   ///< mains power, and the battery is not full
   full = 3,       ///< mains power, and the battery is full
 };
 
@@ -73,7 +73,7 @@ class TARVO_API UIApplication {
 
   /**@{*/
   /// Each sets the state (where it changes) and posts the notification of that name on the caller's thread, which
-  /// should be the main one; the library has seen it when the call returns.
+  /// should be the main one; the library has seen it when the call returns. What each changes: docs/phone.md.
   void didFinishLaunching();
   void didBecomeActive();
   void willResignActive();
@@ -126,7 +126,7 @@ class TARVO_API UIDevice {
   void setBattery(UIDeviceBatteryState state, double level);
 
   /**@{*/
-  /// The name of the machine; name and version of its operating system.
+  /// The name of the machine; name and version of its operating system; empty where nobody tells.
   std::string name() const;
   std::string systemName() const;
   std::string systemVersion() const;

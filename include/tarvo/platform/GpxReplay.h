@@ -39,8 +39,8 @@ struct TARVO_API GpxTrace {
 /// forward, and only while all queued work and all transfers are done, so that plays of a trace give the same. In the
 /// background they may differ by a few positions: what several queues make of one fix is not ordered.
 /// Threads: `play` blocks its caller, which must not be on a queue of the library; on the main thread it runs the
-/// blocks of the main queue meanwhile. Errors: work that does not end is waited for 65 s of real time at each fix, then
-/// the play goes on, with a line in the system log.
+/// blocks of the main queue meanwhile. Errors: work that does not end is waited for 65 s of real time, up to three
+/// times at each fix; then the play goes on, with a line in the system log.
 class TARVO_API GpxReplay {
  public:
   /// A play of `trace` that moves `clock`, which has to be the installed one.

@@ -71,7 +71,7 @@ class TARVO_API LocationService {
   /// may not be used, which also ends a one-shot request.
   void fail(std::int64_t code);
 
-  /// What the user has decided, as it was told last.
+  /// What the user has decided, as it was told last, also in an earlier process.
   CLAuthorizationStatus authorizationStatus() const;
   /// Tells what the host's user has decided, unasked or when the prompt asked.
   void setAuthorizationStatus(CLAuthorizationStatus status);
@@ -126,11 +126,11 @@ class TARVO_API LocationService {
   struct Statistics {
     std::uint64_t received = 0;            ///< handed in, the refused ones included
     std::uint64_t notFinite = 0;           ///< refused: a value that is not finite
-    std::uint64_t offTheGlobe = 0;         ///< refused: a coordinate that is nowhere
+    std::uint64_t offTheGlobe = 0;         ///< refused: beyond 90 degrees north or south, or 180 east or west
     std::uint64_t impossibleTime = 0;      ///< refused: outside the years 1970 to 9999
     std::uint64_t filteredByDistance = 0;  ///< too near the one before, for standard updates
     Seconds silence{0};                    ///< pauses after a fix of more than five minutes, with the one that lasts
-    bool operator==(const Statistics&) const = default;  ///< member by member
+    bool operator==(const Statistics&) const = default;
   };
   /// The counts so far.
   Statistics statistics() const;

@@ -18,8 +18,9 @@ using SystemLogSink = std::function<void(std::string_view message)>;
 /// Threads: any; set it before the library is used, a call in flight may still reach the old one.
 TARVO_API void setSystemLogSink(SystemLogSink sink);
 
-/// Writes one line to the console: local time, program, process and thread, then the message as it is.
-/// Threads: any; lines are never interleaved. Empty messages are dropped.
+/// Gives the message to the sink or, without one, writes a line to the console: local time, program, process and
+/// thread, then the message as it is. Threads: any; lines of the console are never interleaved. Empty messages are
+/// dropped.
 TARVO_API void NSLog(std::string_view message);
 
 }  // namespace tarvo::platform

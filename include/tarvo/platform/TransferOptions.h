@@ -28,7 +28,7 @@ struct TransferOptions {
   /// Empty: the one that the system's routes choose.
   std::string networkInterface{};
 
-  bool operator==(const TransferOptions&) const = default;  ///< member by member
+  bool operator==(const TransferOptions&) const = default;
 };
 
 /// Sets the options of all transfers of this process; a second call replaces the first. Call it before the first

@@ -87,7 +87,7 @@ class TARVO_API Value {
   /// number not finite, and for what `fromJson` would refuse as too deep or too large.
   std::optional<std::string> toJson() const;
 
-  bool operator==(const Value&) const = default;  ///< member by member
+  bool operator==(const Value&) const = default;  ///< whether kind and content are the same: 1 is not 1.0
 
  private:
   std::variant<std::nullptr_t, bool, std::int64_t, double, std::string, Array, Dictionary> data_ = nullptr;

@@ -13,13 +13,15 @@ extern "C" {
 
 /* ---- Collection ---- */
 
-/** What a mode's collection consists of, without setting a mode; from mode 0. */
+/** Starts collection without setting a mode, in modes from 0: standard updates, and the last position once more. From
+ * mode 8 goes on with the log uploads of an earlier process. */
 TARVO_C_API tarvo_result tarvo_engine_start(tarvo_sdk* sdk);
 /** Takes no more fixes; regions and significant changes stay on. */
 TARVO_C_API tarvo_result tarvo_engine_stop(tarvo_sdk* sdk);
 /** As on the screen: standard updates each 20 m. Queued. */
 TARVO_C_API tarvo_result tarvo_engine_foreground(tarvo_sdk* sdk);
-/** Stores the newest fix again, as for a push message, and starts an upload pass. TARVO_TOO_EARLY without any. */
+/** Stores the newest fix again or, without the permission "always", the last position, as for a push message, and
+ * starts an upload pass. TARVO_TOO_EARLY without any. */
 TARVO_C_API tarvo_result tarvo_engine_refresh(tarvo_sdk* sdk);
 /** Asks for the permission that a mode needs, unless it is given, and waits for nothing. `before` (may be NULL) is what
  * was given before. */
@@ -29,9 +31,9 @@ TARVO_C_API tarvo_result tarvo_engine_ask_again(tarvo_sdk* sdk);
 
 /* ---- What is stored, in any mode ---- */
 
-/** As `tarvo_current_location`; asks for nothing. */
+/** As `tarvo_current_location`, also in mode TARVO_DEACTIVATED. */
 TARVO_C_API tarvo_result tarvo_engine_last_location(tarvo_sdk* sdk, tarvo_fix* out);
-/** As `tarvo_get_history`, but an empty history is one too. Past trips by their times. */
+/** As `tarvo_get_history`, but an empty history is one too. */
 TARVO_C_API tarvo_result tarvo_engine_history(tarvo_sdk* sdk, tarvo_format format, double since, double until,
                                               tarvo_history** out);
 /** A history of the past trip with the highest identifier alone; TARVO_ABSENT without any. */

@@ -15,9 +15,9 @@ extern "C" {
 /** Another share of the same, to be given back too; NULL for what is no history. */
 TARVO_C_API tarvo_history* tarvo_history_ref(tarvo_history* history);
 TARVO_C_API void tarvo_history_unref(tarvo_history* history); /**< NULL is nothing */
-/** 0 for what is no history. */
+/** How many positions it has; 0 for what is no history. */
 TARVO_C_API size_t tarvo_history_positions(tarvo_history* history);
-TARVO_C_API size_t tarvo_history_trips(tarvo_history* history); /**< The same of its past trips. */
+TARVO_C_API size_t tarvo_history_trips(tarvo_history* history); /**< How many past trips. */
 
 /** Which members of a position are there; a text that is not is NULL. */
 typedef enum tarvo_position_has TARVO_C_INT {
@@ -54,7 +54,7 @@ typedef struct tarvo_position {
   int32_t sent_without_ack;          /**< truth: posted, and not acknowledged so far */
   const char* service_action;        /**< why it was stored, as "loc_changed" */
   const char* localisation_method;   /**< how the fix came about, as "sls" */
-  const char* user_action;           /**< the activity of the user, as "walking" */
+  const char* user_action;           /**< always "unknown" */
   const char* app_name;              /**< with the host's bundle identifier */
   const char* app_action;            /**< always "unused" */
   const char* identifier_for_vendor; /**< of the device */
@@ -77,7 +77,7 @@ typedef enum tarvo_past_trip_has TARVO_C_INT {
   TARVO_TRIP_HAS_START_TIME = 32,         /**< `start_time` */
   TARVO_TRIP_HAS_ARRIVAL_TIME = 64        /**< `arrival_time` */
 } tarvo_past_trip_has;
-/** A past trip as the backend rebuilt it; what is absent is 0 and NULL. */
+/** A past trip as the backend rebuilt it; what is absent, or was lacking in its answer, is 0 and NULL. */
 typedef struct tarvo_past_trip {
   size_t size;                /**< sizeof */
   uint64_t has;               /**< bits of tarvo_past_trip_has */
@@ -90,7 +90,7 @@ typedef struct tarvo_past_trip {
   double arrival_time;        /**< when it ended */
   const char* route;          /**< GeoJSON; lives as long as the history */
 } tarvo_past_trip;
-/** TARVO_ABSENT behind the last. */
+/** A past trip, from 0 on, by ascending identifier; TARVO_ABSENT behind the last. */
 TARVO_C_API tarvo_result tarvo_history_trip(tarvo_history* history, size_t trip, tarvo_past_trip* out);
 
 /** The smallest rectangle around points, in degrees; all -200 when no point can be read. This record does not grow. */
@@ -100,7 +100,7 @@ typedef struct tarvo_bounds {
   double north; /**< the highest latitude */
   double east;  /**< the highest longitude */
 } tarvo_bounds;
-/** Of all trips, or else of all positions. */
+/** Of all trips, or else of all positions; TARVO_ABSENT without any, and when the positions cannot be read. */
 TARVO_C_API tarvo_result tarvo_history_bounds(tarvo_history* history, tarvo_bounds* out);
 /** Of the first position; 0 and 0 without any. */
 TARVO_C_API tarvo_result tarvo_history_first(tarvo_history* history, double* latitude, double* longitude);
@@ -110,7 +110,8 @@ typedef enum tarvo_geometry TARVO_C_INT {
   TARVO_MULTIPOINT = 1  /**< points */
 } tarvo_geometry;
 /** A FeatureCollection of the positions, byte for byte that of `LocationsHistory::toGeoJSON`. Give it to `tarvo_free`.
- * `length` (may be NULL) is without the zero byte. */
+ * `length` (may be NULL) is without the zero byte. TARVO_ABSENT when no position has coordinates, and when they cannot
+ * be read. */
 TARVO_C_API tarvo_result tarvo_history_geojson(tarvo_history* history, tarvo_geometry geometry, char** json,
                                                size_t* length);
 
@@ -126,23 +127,24 @@ typedef struct tarvo_trip_info {
   double destination_longitude; /**< degrees; -200: unset */
   double probability;           /**< as the backend sent it */
   double duration;              /**< as the backend sent it */
-  const char* start_time;       /**< the same: 2017-03-02T08:15:30.123+0000 */
+  const char* start_time;       /**< as the backend sent it: 2017-03-02T08:15:30.123+0000 */
   const char* arrival_time;     /**< in the same form */
   const char* start_name;       /**< of the place that it begins at */
   const char* arrival_name;     /**< of the place that it leads to */
 } tarvo_trip_info;
 TARVO_C_API tarvo_result tarvo_trip_get(tarvo_trip* trip, tarvo_trip_info* out); /**< All that is a number or a text. */
-/** The start in the zone of the device; to be given to `tarvo_free`. */
+/** The start in the zone of the device; to be given to `tarvo_free`. TARVO_ABSENT when it cannot be read. */
 TARVO_C_API tarvo_result tarvo_trip_start_time(tarvo_trip* trip, char** out);
-/** JSON texts, to be given to `tarvo_free`: the predicted route, and the GeoJSON of the next destination. */
+/** GeoJSON of the predicted route; to be given to `tarvo_free`. */
 TARVO_C_API tarvo_result tarvo_trip_route(tarvo_trip* trip, char** json);
-TARVO_C_API tarvo_result tarvo_trip_geojson(tarvo_trip* trip, char** json); /**< Of the next destination. */
-/** The points of the route as fixes of now: at most `capacity` of them to `out`, their number to `count`. With capacity
- * 0 `out` may be NULL. */
+/** GeoJSON of the next destination, where the operations find the route; to be given to `tarvo_free`. */
+TARVO_C_API tarvo_result tarvo_trip_geojson(tarvo_trip* trip, char** json);
+/** The points of the route as fixes of now: at most `capacity` of them to `out`, the number of all to `count`. With
+ * capacity 0 `out` may be NULL. TARVO_ABSENT without a route, and when one of its points is not a pair of numbers. */
 TARVO_C_API tarvo_result tarvo_trip_locations(tarvo_trip* trip, tarvo_fix* out, size_t capacity, size_t* count);
-/** The first point of the route, and the destination. */
+/** The first point of the route, as a fix of now; TARVO_ABSENT without one. */
 TARVO_C_API tarvo_result tarvo_trip_start(tarvo_trip* trip, tarvo_fix* out);
-/** (-200, -200) while it is unset. */
+/** The destination, as a fix of now: (-200, -200) while it is unset. */
 TARVO_C_API tarvo_result tarvo_trip_destination(tarvo_trip* trip, tarvo_fix* out);
 
 #ifdef __cplusplus

@@ -46,7 +46,7 @@ typedef enum tarvo_result TARVO_C_INT {
   TARVO_BAD_JSON = -3,     /**< no JSON, or not of the shape that is asked for */
   TARVO_ALREADY = -4,      /**< the process has its SDK; a choice that was made */
   TARVO_TOO_LATE = -5,     /**< has to be set before the first `tarvo_sdk_new`, and differs from what is in use */
-  TARVO_TOO_EARLY = -6,    /**< a push message before the first fix */
+  TARVO_TOO_EARLY = -6,    /**< a position is needed, and there is none yet: see `tarvo_push_received` */
   TARVO_IN_CALLBACK = -7,  /**< would wait for the callback that it is called from */
   TARVO_WRONG_THREAD = -8, /**< for the main thread only */
   TARVO_FORKED = -9,       /**< the process is a child of the one that has the SDK */
@@ -57,27 +57,28 @@ typedef enum tarvo_result TARVO_C_INT {
 
 /** The result's name in words; never NULL. */
 TARVO_C_API const char* tarvo_result_text(tarvo_result result);
-/** Of the SDK, as "0.1.0". */
+/** The SDK's version, as "0.1.0". */
 TARVO_C_API const char* tarvo_version(void);
 /** Gives back a text that a function has given through `char **`; NULL is nothing. */
 TARVO_C_API void tarvo_free(char* text);
-/** How many handles (SDK, histories, trips, cursors, alerts) and tables are in use: 0 where nothing leaks. */
+/** How many handles (SDK, histories, trips, cursors, alerts) are in use, and how much whose `released` is still to come
+ * (tables, handlers, a log function): 0 where nothing leaks. */
 TARVO_C_API size_t tarvo_live_objects(void);
 
 /* ---- Handles ---- */
 
 typedef struct tarvo_sdk tarvo_sdk;         /**< the SDK; one in a process */
-typedef struct tarvo_history tarvo_history; /**< immutable and counted */
+typedef struct tarvo_history tarvo_history; /**< positions or past trips; immutable and counted */
 typedef struct tarvo_cursor tarvo_cursor;   /**< where a reading of positions has come to */
 typedef struct tarvo_trip tarvo_trip;       /**< a prediction; immutable and counted */
 typedef struct tarvo_alert tarvo_alert;     /**< what is to be shown to the user; counted */
 
 /* ---- Before the SDK ---- */
 
-/** Where store, settings and logs lie. */
+/** Where store, settings and logs lie. TARVO_TOO_LATE once another home has been asked for. */
 TARVO_C_API tarvo_result tarvo_set_home(const char* directory);
 /** The host in a JSON object: "TarvoApiKey", "TarvoClientID", "CFBundleIdentifier", and options as tarvo/HostKeys.h
- * names them. */
+ * names them. TARVO_TOO_LATE once another description has been read. */
 TARVO_C_API tarvo_result tarvo_set_info(const char* json);
 /** The same from a property list. */
 TARVO_C_API tarvo_result tarvo_set_info_file(const char* path);
@@ -85,7 +86,7 @@ TARVO_C_API tarvo_result tarvo_set_info_file(const char* path);
  * at any time; what is open stays where it is. */
 TARVO_C_API tarvo_result tarvo_set_document_directories(const char* const* directories, size_t count);
 /** The backend, as "https://backend.example/api". Plain http leads to this machine only, unless it is allowed.
- * TARVO_REFUSED for what is no such URL. */
+ * TARVO_REFUSED for what is no such URL, TARVO_TOO_LATE after the first `tarvo_sdk_new` for any but the one in use. */
 TARVO_C_API tarvo_result tarvo_set_server(const char* url, int allow_plain_http);
 
 /** See tarvo/platform/TransferOptions.h; NULL or "" leaves a thing as it is without these options. */
@@ -98,22 +99,22 @@ typedef struct tarvo_transfer_options {
   const char* client_key_passphrase;   /**< of a key that is encrypted */
   const char* network_interface;       /**< as "wwan0"; else the one that the system's routes choose */
 } tarvo_transfer_options;
-/** Before the first transfer. */
+/** Before the first transfer; TARVO_TOO_LATE after it. */
 TARVO_C_API tarvo_result tarvo_set_transfer_options(const tarvo_transfer_options* options);
 
 typedef void (*tarvo_log_line)(void* user, const char* line, size_t length); /**< `line` ends with a zero byte too. */
 /** Takes each line of the system log, which may hold secrets. Called on any thread, several at once, from the midst of
- * the SDK's work: every function answers TARVO_IN_CALLBACK there. NULL brings back standard error. `released` (may be
- * NULL) is called once, when no line comes any more: as with `tarvo_callbacks`. May be set before all else and at any
- * time. */
+ * the SDK's work: every function answers TARVO_IN_CALLBACK there. NULL brings back standard error and releases nothing
+ * of its own. `released` (may be NULL) is called once, when no line comes any more: as with `tarvo_callbacks`. May be
+ * set before all else and at any time. */
 TARVO_C_API tarvo_result tarvo_set_log(tarvo_log_line line, void* user, void (*released)(void* user));
 
 /** A clock that stands still until it is moved, for tests and for recordings: positions are stored, and the channel
- * ages, by it. */
+ * ages, by it. TARVO_ALREADY the second time, TARVO_TOO_LATE after the first `tarvo_sdk_new`. */
 TARVO_C_API tarvo_result tarvo_set_manual_clock(double start);
 /** Only forwards; an earlier date changes nothing. TARVO_ABSENT without such a clock. */
 TARVO_C_API tarvo_result tarvo_move_clock(double date);
-/** What the clock in use shows. */
+/** What the clock in use shows; NaN inside a log function and in a forked child. */
 TARVO_C_API double tarvo_now(void);
 
 /* ---- The SDK ---- */
@@ -139,7 +140,7 @@ TARVO_C_API int64_t tarvo_active_mode(void); /**< TARVO_DEACTIVATED at first. */
 /** The mode alone, for a program that only reads. */
 TARVO_C_API tarvo_result tarvo_set_active_mode(tarvo_sdk* sdk, int64_t mode);
 TARVO_C_API tarvo_result tarvo_service_connect(tarvo_sdk* sdk); /**< As `Tarvo::serviceConnect`. */
-/** Lets new positions reach `locations`. */
+/** Lets new positions reach `locations`; nothing in mode TARVO_DEACTIVATED. */
 TARVO_C_API tarvo_result tarvo_request_location_update(tarvo_sdk* sdk);
 TARVO_C_API tarvo_result tarvo_stop_location_update(tarvo_sdk* sdk); /**< Keeps them from it; collection goes on. */
 /** Takes the right to write to the home now, waiting up to `seconds` for another process. TARVO_REFUSED with the reason
@@ -177,8 +178,9 @@ typedef enum tarvo_permission TARVO_C_INT {
   TARVO_AUTHORIZED_ALWAYS = 3,     /**< in the background too */
   TARVO_AUTHORIZED_WHEN_IN_USE = 4 /**< while the application is in use */
 } tarvo_permission;
-TARVO_C_API tarvo_result tarvo_set_permission(tarvo_permission permission); /**< What the user has decided. */
-TARVO_C_API tarvo_permission tarvo_get_permission(void);                    /**< TARVO_AUTHORIZED_ALWAYS at first. */
+/** Tells what the user has decided, which is kept in the home. */
+TARVO_C_API tarvo_result tarvo_set_permission(tarvo_permission permission);
+TARVO_C_API tarvo_permission tarvo_get_permission(void); /**< TARVO_AUTHORIZED_ALWAYS at first. */
 
 /** Where the application is; to be told on the main thread. */
 typedef enum tarvo_app_state TARVO_C_INT {
@@ -186,22 +188,26 @@ typedef enum tarvo_app_state TARVO_C_INT {
   TARVO_APP_INACTIVE = 1,  /**< about to leave it, or just back */
   TARVO_APP_BACKGROUND = 2 /**< not on the screen */
 } tarvo_app_state;
-TARVO_C_API tarvo_result tarvo_app_launched(void);                   /**< Stores an event. */
-TARVO_C_API tarvo_result tarvo_set_app_state(tarvo_app_state state); /**< Stores an event. */
-TARVO_C_API tarvo_app_state tarvo_get_app_state(void);               /**< TARVO_APP_ACTIVE at first. */
+/** It has started; once, after `tarvo_activate`. While collection is on, stores the last position again, as an event,
+ * and goes by the battery as in the background, until TARVO_APP_ACTIVE is set. */
+TARVO_C_API tarvo_result tarvo_app_launched(void);
+/** Stores such an event too, except for TARVO_APP_INACTIVE. What each changes: docs/phone.md. In mode
+ * TARVO_LOCAL_FOREGROUND the background ends collection. */
+TARVO_C_API tarvo_result tarvo_set_app_state(tarvo_app_state state);
+TARVO_C_API tarvo_app_state tarvo_get_app_state(void); /**< TARVO_APP_ACTIVE at first. */
 
 /** What feeds the device. */
 typedef enum tarvo_battery TARVO_C_INT {
   TARVO_BATTERY_UNKNOWN = 0,   /**< nobody can tell */
   TARVO_BATTERY_UNPLUGGED = 1, /**< the battery */
-  TARVO_BATTERY_CHARGING = 2,  /**< mains power */
+  TARVO_BATTERY_CHARGING = 2,  /**< mains power, and the battery is not full */
   TARVO_BATTERY_FULL = 3       /**< mains power, and the battery is full */
 } tarvo_battery;
-/** `level`: 0 to 1, or -1 when it is unknown. */
+/** The host knows better than the system, from now on. `level`: 0 to 1, or -1 when it is unknown. */
 TARVO_C_API tarvo_result tarvo_set_battery(tarvo_battery state, double level);
 
 /** A push message, a JSON object. TARVO_ABSENT when it is for somebody else; TARVO_TOO_EARLY in a mode from 8 before
- * this process was given a usable fix. */
+ * this process was given a usable fix or, without the permission "always", while there is no stored position. */
 TARVO_C_API tarvo_result tarvo_push_received(tarvo_sdk* sdk, const char* json);
 TARVO_C_API tarvo_result tarvo_set_device_token(tarvo_sdk* sdk, const char* token); /**< The token for push messages. */
 /** The secret of the host's API key, before or after `tarvo_activate`. */
@@ -249,14 +255,14 @@ typedef struct tarvo_callbacks {
 /** Takes the place of the table before; NULL: none. */
 TARVO_C_API tarvo_result tarvo_set_callbacks(tarvo_sdk* sdk, const tarvo_callbacks* callbacks);
 
-/** The texts live as long as the alert. TARVO_ABSENT behind the last action. */
+/** Another share, to be given back with `tarvo_alert_unref`; NULL for what is no alert. */
 TARVO_C_API tarvo_alert* tarvo_alert_ref(tarvo_alert* alert);
 TARVO_C_API void tarvo_alert_unref(tarvo_alert* alert); /**< NULL is nothing. */
-/** What it says. */
+/** What it says; the texts live as long as the alert. */
 TARVO_C_API tarvo_result tarvo_alert_texts(tarvo_alert* alert, const char** title, const char** message);
-/** A button, from 0 on. */
+/** A button, from 0 on; TARVO_ABSENT behind the last. Its text lives as long as the alert. */
 TARVO_C_API tarvo_result tarvo_alert_action(tarvo_alert* alert, size_t action, const char** title, int* is_cancel);
-/** The user has chosen; once, on any thread. */
+/** The user has chosen; once, on any thread: TARVO_ALREADY after that, TARVO_ABSENT behind the last button. */
 TARVO_C_API tarvo_result tarvo_alert_choose(tarvo_alert* alert, size_t action);
 
 /* ---- The main queue, and the end ---- */
@@ -266,7 +272,8 @@ TARVO_C_API int tarvo_main_fd(void);
 /** Runs what waits now; main thread only. `count` (may be NULL) is the number of blocks run. */
 TARVO_C_API tarvo_result tarvo_main_run_pending(size_t* count);
 /** Waits until all queued work and all transfers are done, up to so many real seconds; on the main thread it runs the
- * main queue. TARVO_UNFINISHED when the time was up. */
+ * main queue, elsewhere somebody must. Then writes what could not be saved before. TARVO_UNFINISHED when the time was
+ * up. */
 TARVO_C_API tarvo_result tarvo_wait_until_idle(tarvo_sdk* sdk, double seconds);
 
 /** How a flush has ended: tarvo/FlushResult.h. */
@@ -274,7 +281,7 @@ typedef enum tarvo_flush_result TARVO_C_INT {
   TARVO_FLUSH_DELIVERED = 0,        /**< nothing is left of what had been collected before */
   TARVO_FLUSH_TIME_IS_UP = 1,       /**< something is left, and goes with a later pass */
   TARVO_FLUSH_MODE_FORBIDS = 2,     /**< something is left, and the mode is below 8 */
-  TARVO_FLUSH_NOT_REGISTERED = 3,   /**< the same, and the device has no user */
+  TARVO_FLUSH_NOT_REGISTERED = 3,   /**< the same, without a user and a secret to get one */
   TARVO_FLUSH_BYTES_USED_UP = 4,    /**< the same, and the bound of bytes holds it back */
   TARVO_FLUSH_SESSION_FAILED = 5,   /**< the same, and this process uploads no more */
   TARVO_FLUSH_STORE_UNAVAILABLE = 6 /**< the store cannot be used by this process */
@@ -290,23 +297,26 @@ TARVO_C_API tarvo_result tarvo_probe(tarvo_sdk* sdk, void (*answered)(void* user
 
 /* ---- Answers ---- */
 
-/** The stored position with the newest fix time. */
+/** The stored position with the newest fix time; TARVO_ABSENT in mode TARVO_DEACTIVATED, without one, and when it lacks
+ * a value. Asks for the permission that the mode needs. */
 TARVO_C_API tarvo_result tarvo_current_location(tarvo_sdk* sdk, tarvo_fix* out);
-/** Of a history. */
+/** What a history consists of. */
 typedef enum tarvo_format TARVO_C_INT {
   TARVO_FORMAT_RAW = 1,         /**< positions */
   TARVO_FORMAT_EXTRAPOLATED = 2 /**< past trips */
 } tarvo_format;
-/** Positions from mode 4, past trips from mode 8, by the time of storage; both bounds are included, NaN is an open one.
- * `*out` is given back with `tarvo_history_unref`. */
+/** Positions from mode 4, by the time of storage, past trips from mode 8, by their start; both bounds are included, NaN
+ * is an open one. TARVO_ABSENT in lower modes, and when there are none. `*out` is given back with
+ * `tarvo_history_unref`. */
 TARVO_C_API tarvo_result tarvo_get_history(tarvo_sdk* sdk, tarvo_format format, double since, double until,
                                            tarvo_history** out);
-/** The latest prediction, from mode 12; to be given to `tarvo_trip_unref`. */
+/** The latest prediction, maybe an empty one; to be given to `tarvo_trip_unref`. TARVO_ABSENT below mode 12. */
 TARVO_C_API tarvo_result tarvo_next_trip(tarvo_sdk* sdk, tarvo_trip** out);
-/** The same in any mode, and setting it; NULL sets an empty one. */
+/** The same in any mode. */
 TARVO_C_API tarvo_result tarvo_last_prediction(tarvo_sdk* sdk, tarvo_trip** out);
 TARVO_C_API tarvo_result tarvo_set_last_prediction(tarvo_sdk* sdk, tarvo_trip* trip); /**< NULL sets an empty one. */
-/** Calls `each` here and now with the zone of each stored place, GeoJSON. */
+/** Calls `each` here and now with the zone of each stored place, GeoJSON, highest identifier first; the text is
+ * borrowed for the call. TARVO_ABSENT without any. */
 TARVO_C_API tarvo_result tarvo_points_of_interest(tarvo_sdk* sdk, void (*each)(void* user, const char* geojson),
                                                   void* user);
 
@@ -326,25 +336,29 @@ typedef struct tarvo_sync_status {
 } tarvo_sync_status;
 /** Counts in the store, in any mode. */
 TARVO_C_API tarvo_result tarvo_get_sync_status(tarvo_sdk* sdk, tarvo_sync_status* out);
-/** All that `Tarvo::health` tells, a JSON object: docs/c.md. Give `*json` to `tarvo_free`. */
+/** What `Tarvo::health` tells, but for the length of silences, as JSON: docs/c.md. Give `*json` to `tarvo_free`. */
 TARVO_C_API tarvo_result tarvo_health(tarvo_sdk* sdk, char** json);
 
 /* ---- Backend ---- */
 
-/** The host's own upload pass, which waits for nothing. */
+/** Starts the host's own upload pass, in modes from 8: it neither waits after a failure nor keeps an interval, but does
+ * not go beyond the bound of bytes. */
 TARVO_C_API tarvo_result tarvo_upload(tarvo_sdk* sdk);
 TARVO_C_API tarvo_result tarvo_request_route_match(tarvo_sdk* sdk); /**< New past trips come to `route_matched`. */
 TARVO_C_API tarvo_result tarvo_stop_route_match(tarvo_sdk* sdk);    /**< No more; the subscription stays. */
 TARVO_C_API tarvo_result tarvo_request_prediction_update(tarvo_sdk* sdk); /**< Predictions come to `prediction`. */
 TARVO_C_API tarvo_result tarvo_stop_prediction_update(tarvo_sdk* sdk);    /**< No more; the subscription stays. */
-/** To push messages. */
+/** Subscribes to push messages: `json` is what the backend is to send. */
 TARVO_C_API tarvo_result tarvo_set_subscription(tarvo_sdk* sdk, const char* name, const char* json);
-TARVO_C_API tarvo_result tarvo_set_unsubscription(tarvo_sdk* sdk, const char* name); /**< From them. */
-/** Of this user, at the backend. */
+TARVO_C_API tarvo_result tarvo_set_unsubscription(tarvo_sdk* sdk, const char* name); /**< Ends that subscription. */
+/** Sets a tag of this user at the backend, now and with each push message. */
 TARVO_C_API tarvo_result tarvo_set_tag(tarvo_sdk* sdk, const char* name, const char* value);
-TARVO_C_API tarvo_result tarvo_unset_tag(tarvo_sdk* sdk, const char* name); /**< Removes it. */
-TARVO_C_API tarvo_result tarvo_reset_backend_history(tarvo_sdk* sdk);       /**< Of past trips and profile. */
-TARVO_C_API tarvo_result tarvo_reset_geo_profile_history(tarvo_sdk* sdk);   /**< Of the profile alone. */
+/** Removes a tag there, now and with each push message. */
+TARVO_C_API tarvo_result tarvo_unset_tag(tarvo_sdk* sdk, const char* name);
+/** Asks the backend to forget past trips and the profile; what is stored here stays. Nothing is sent before this device
+ * is registered. */
+TARVO_C_API tarvo_result tarvo_reset_backend_history(tarvo_sdk* sdk);
+TARVO_C_API tarvo_result tarvo_reset_geo_profile_history(tarvo_sdk* sdk); /**< The profile alone. */
 /** Deletes stored past trips and places; positions stay. */
 TARVO_C_API tarvo_result tarvo_reset_local_history(tarvo_sdk* sdk);
 /** For a person's right to be forgotten: see `Tarvo::eraseEverything`. Call nothing else meanwhile. TARVO_UNFINISHED
@@ -364,7 +378,7 @@ typedef struct tarvo_delivery_options {
   uint64_t metered_bytes_per_day;    /**< bytes of a day that batches may take while the network is metered */
 } tarvo_delivery_options;
 TARVO_C_API tarvo_result tarvo_get_delivery_options(tarvo_sdk* sdk, tarvo_delivery_options* out); /**< Those in use. */
-/** At any time. */
+/** At any time; what is under way ends as it began. */
 TARVO_C_API tarvo_result tarvo_set_delivery_options(tarvo_sdk* sdk, const tarvo_delivery_options* options);
 
 /** See tarvo/StorageLimits.h; 0: no bound. */
@@ -376,7 +390,7 @@ typedef struct tarvo_storage_limits {
   uint64_t log_bytes;   /**< of all log files */
 } tarvo_storage_limits;
 TARVO_C_API tarvo_result tarvo_get_storage_limits(tarvo_sdk* sdk, tarvo_storage_limits* out); /**< Those in use. */
-/** At any time. */
+/** At any time; what is under way ends as it began. */
 TARVO_C_API tarvo_result tarvo_set_storage_limits(tarvo_sdk* sdk, const tarvo_storage_limits* limits);
 
 /** Values of the process. A text is given as it is, everything else in JSON: true, ["a"], {"name":"value"}. */
@@ -385,7 +399,7 @@ typedef enum tarvo_value TARVO_C_INT {
   TARVO_CLIENT_ID = 2,               /**< refused unless it can stand in a URL's path */
   TARVO_BUNDLE_ID = 3,               /**< the host's identifier */
   TARVO_DEVICE_TOKEN = 4,            /**< for push messages */
-  TARVO_TOKEN_SENT = 5,              /**< truth */
+  TARVO_TOKEN_SENT = 5,              /**< truth: a registration of this process has offered it */
   TARVO_SET_TAGS_LIST = 6,           /**< object of texts */
   TARVO_UNSET_TAGS_LIST = 7,         /**< list of texts */
   TARVO_BACKGROUND_SESSION_ID = 8,   /**< only read */
@@ -408,11 +422,13 @@ typedef enum tarvo_value TARVO_C_INT {
   TARVO_CHANNEL_TAKEN_AT = 25,       /**< a time */
   TARVO_LAST_TRIP_ID = 26            /**< the newest past trip that was announced */
 } tarvo_value;
-/** Give `*out` to `tarvo_free`. */
+/** Give `*out` to `tarvo_free`. TARVO_ABSENT for an identifier or secret that there is not (yet). */
 TARVO_C_API tarvo_result tarvo_get_value(tarvo_sdk* sdk, tarvo_value value, char** out);
-/** TARVO_REFUSED, or one of the reading of `text`. */
+/** TARVO_REFUSED for an identifier that cannot be one, TARVO_BAD_JSON for another shape, TARVO_BAD_ARGUMENT for what is
+ * only read. */
 TARVO_C_API tarvo_result tarvo_set_value(tarvo_sdk* sdk, tarvo_value value, const char* text);
-/** The settings that outlive the process, such as "tarvologlevel", in JSON; NULL removes one. */
+/** A setting that outlives the process, such as "tarvologlevel", in JSON; TARVO_ABSENT without one. Give `*json` to
+ * `tarvo_free`. */
 TARVO_C_API tarvo_result tarvo_get_setting(tarvo_sdk* sdk, const char* key, char** json);
 TARVO_C_API tarvo_result tarvo_set_setting(tarvo_sdk* sdk, const char* key, const char* json); /**< NULL removes it. */
 

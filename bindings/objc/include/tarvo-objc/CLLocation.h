@@ -6,8 +6,7 @@
 
 #import <Foundation/Foundation.h>
 
-/** Degrees, metres, metres per second. */
-typedef double CLLocationDegrees;
+typedef double CLLocationDegrees;   /**< degrees, north or east */
 typedef double CLLocationDistance;  /**< metres */
 typedef double CLLocationAccuracy;  /**< metres; negative: invalid */
 typedef double CLLocationSpeed;     /**< metres per second; negative: unknown */
@@ -60,7 +59,7 @@ enum {
                 horizontalAccuracy:(CLLocationAccuracy)horizontalAccuracy
                   verticalAccuracy:(CLLocationAccuracy)verticalAccuracy
                          timestamp:(NSDate*)timestamp;
-/** A fix of all but the floor. A nil date is now. */
+/** A fix on no floor. A nil date is now. */
 - (instancetype)initWithCoordinate:(CLLocationCoordinate2D)coordinate
                           altitude:(CLLocationDistance)altitude
                 horizontalAccuracy:(CLLocationAccuracy)horizontalAccuracy
@@ -72,7 +71,7 @@ enum {
 - (CLLocation*)locationOnFloor:(CLFloor*)floor;
 
 @property(nonatomic, readonly) CLLocationCoordinate2D coordinate;     /**< WGS 84 */
-@property(nonatomic, readonly) CLLocationDistance altitude;           /**< above sea level */
+@property(nonatomic, readonly) CLLocationDistance altitude;           /**< metres above sea level */
 @property(nonatomic, readonly) CLLocationAccuracy horizontalAccuracy; /**< negative: the coordinate is invalid */
 @property(nonatomic, readonly) CLLocationAccuracy verticalAccuracy;   /**< negative: the altitude is invalid */
 @property(nonatomic, readonly) CLLocationDirection course;            /**< negative: unknown */
@@ -80,7 +79,8 @@ enum {
 @property(nonatomic, readonly) NSDate* timestamp;                     /**< when the receiver made it; autoreleased */
 @property(nonatomic, readonly) CLFloor* floor;                        /**< nil: unknown; autoreleased */
 
-/** The way to the other fix, along the shortest line on the ellipsoid; -1 when one of them is off the globe. */
+/** The way to the other fix, in metres, along the shortest line on the ellipsoid; -1 for nil, and when one of
+ * them is off the globe. */
 - (CLLocationDistance)distanceFromLocation:(CLLocation*)location;
 @end
 

@@ -34,9 +34,9 @@ DEFINE_BLOCK_TYPE_NO_ARGS(TarvoCompletionHandler, void);
 /** The engine: one for the process, which turns fixes into stored positions and uploads them. A host works with
  * `Tarvo`, which calls it.
  *
- * Threads: any; `start` … `requestLocationUpdate` wait for the engine's main queue, reads for the object store.
- * Nothing is thrown: what cannot be done is logged and has no effect, what is absent is nil. What the engine's parts
- * alone may call is not here; docs/objc.md lists it. */
+ * Threads: any; `stop`, `stopLocationUpdate` and `requestLocationUpdate` wait for the engine's main queue, reads for
+ * the object store. Nothing is thrown: what cannot be done is logged and has no effect, what is absent is nil. What the
+ * engine's parts alone may call is not here; docs/objc.md lists it. */
 @interface LocationManager : NSObject <CLLocationManagerDelegate>
 + (instancetype)sharedInstance;             /**< The engine; the first call builds it. */
 + (NSString*)terrameshDataVersion;          /**< Version of the form in which positions are sent. */
@@ -55,28 +55,31 @@ DEFINE_BLOCK_TYPE_NO_ARGS(TarvoCompletionHandler, void);
 @property(readonly) NSUserDefaults* defaults; /**< The SDK's settings, not those of the program. */
 @property(readonly) uint32_t randomID;        /**< Tells processes apart. */
 
-- (void)start;                             /**< Standard updates, in modes from 0. */
+- (void)start;                             /**< Standard updates and the last position again, in modes from 0. */
 - (void)stop;                              /**< Takes no more fixes; regions stay on. */
 - (void)stopLocationUpdate;                /**< Keeps new positions from the delegate. */
-- (void)requestLocationUpdate;             /**< Lets them reach it. */
+- (void)requestLocationUpdate;             /**< Lets them reach it; nothing in mode -4. */
 - (void)requestAgainLocationAuthorization; /**< Shows the alert that leads to the settings. */
-- (CLLocation*)getLastLocation;            /**< The stored position with the newest fix time. */
+/** The stored position with the newest fix time; nil without one. Asks for the permission that the mode needs. */
+- (CLLocation*)getLastLocation;
 /** Asks for the permission that this mode needs and does not wait; gives what was given before. */
 - (CLAuthorizationStatus)checkAndRequestLocationAuthorizationWithStatus:(NSInteger)status;
 - (void)foregroundMode;   /**< Standard updates each 20 m, as on the screen; queued. */
 + (NSString*)getAppState; /**< "app_inactive", "app_paused" or "app_resumed" */
-- (void)refreshLoc;       /**< Stores the newest fix again and starts an upload pass. */
+/** Stores the newest fix again (without the permission "always" the last position) and starts an upload pass; does
+ * nothing but write a line while there is none. */
+- (void)refreshLoc;
 
-/** Starts an upload pass, in modes from 8. */
+/** Starts an upload pass, in modes from 8: it neither waits after a failure nor keeps an interval. */
 - (void)sendDataInBatchToRemoteWebServer;
-/** The one stored user; without one the device is registered if there is a secret. */
+/** The one stored user; nil without one, and then the device is registered if there is a secret. */
 - (NSString*)checkAndRegisterUser;
 - (void)registerUserToRemoteWebServer; /**< Asks the backend for an identity in any case. */
 - (NSArray*)getUser;                   /**< NSDictionary of "uuid" and "timestamp", all of them */
 
 /** Stored positions in any mode; nil bounds are open. */
 - (TarvoLocationsHistory*)getLocationhistorySince:(NSDate*)since until:(NSDate*)until;
-/** Past trips in any mode. */
+/** Past trips in any mode, by their start. */
 - (TarvoLocationsHistory*)getLocationhistoryExtraPolatedSince:(NSDate*)since until:(NSDate*)until;
 - (TarvoPastTrip*)getLastPastTrip; /**< The one with the highest identifier. */
 /** NSDictionary of "poi_id", "latitude", "longitude", "point_geo_json" and "zone_geo_json", highest identifier first.

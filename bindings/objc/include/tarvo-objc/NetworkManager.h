@@ -10,7 +10,8 @@
 /** Told of what the background session receives. The session is the engine's, and so is its delegate: the protocol is
  * there for hosts that name it, and none of theirs is told. */
 @protocol NetworkManagerDelegate
-- (void)networkManagerReceivedSomeData:(NetworkManager*)manager didReceiveData:(NSString*)data; /**< A reply. */
+/** The reply to a log upload. */
+- (void)networkManagerReceivedSomeData:(NetworkManager*)manager didReceiveData:(NSString*)data;
 - (void)networkManagerReceivedSessionError:(NetworkManager*)manager; /**< The session has failed. */
 @end
 

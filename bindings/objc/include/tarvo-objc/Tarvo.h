@@ -41,7 +41,7 @@
 + (NSString*)GEOJSON_LINESTRING;        /**< of GeoJSON: "LineString" */
 + (NSString*)GEOJSON_MULTIPOINT;        /**< "MultiPoint" */
 + (NSInteger)LOCAL_FOREGROUND;          /**< mode 0 */
-+ (NSInteger)LOCAL_BACKGROUND;          /**< mode 4: history */
++ (NSInteger)LOCAL_BACKGROUND;          /**< mode 4: in the background too; histories */
 + (NSInteger)BACKEND_BACKGROUND;        /**< mode 8: uploads too */
 + (NSInteger)BACKEND_GEOPROFILE;        /**< mode 12: predictions too */
 + (NSInteger)DEACTIVE_ALL;              /**< mode -4 */
@@ -51,14 +51,14 @@
 + (void)setACTIVATE_STATUS:(NSInteger)mode;           /**< The mode alone, for programs that only read. */
 + (NSString*)tarvoapiKey;                             /**< The host's key at the backend. */
 + (void)setTarvoapiKey:(NSString*)key;                /**< Activating takes it from TarvoHost's info. */
-+ (NSString*)clientID;                                /**< The host's client at the backend. */
++ (NSString*)clientID;                                /**< The host's client at the backend; activating takes it too. */
 + (void)setClientID:(NSString*)identifier;            /**< Refused unless it can stand in a URL's path. */
 + (NSString*)bundleID;                                /**< The host's bundle identifier. */
-+ (void)setBundleID:(NSString*)identifier;            /**< The same. */
++ (void)setBundleID:(NSString*)identifier;            /**< Activating takes it from TarvoHost's info. */
 + (NSString*)deviceToken;                             /**< For push messages. */
 + (void)setDeviceToken:(NSString*)token;              /**< Tells the backend nothing. */
-+ (BOOL)tokenSent;                                    /**< Whether the backend has it. */
-+ (void)setTokenSent:(BOOL)sent;                      /**< The same. */
++ (BOOL)tokenSent;                                    /**< Whether a registration of this process offered it. */
++ (void)setTokenSent:(BOOL)sent;                      /**< Tells the backend nothing. */
 + (NSDictionary*)SET_TAGS_LIST;                       /**< Tags that each push message repeats, name to value. */
 + (void)setSET_TAGS_LIST:(NSDictionary*)tags;         /**< As a whole. */
 + (NSArray*)UNSET_TAGS_LIST;                          /**< Names that each push message removes again. */
@@ -76,19 +76,22 @@
 
 /** Sets the mode, asks for the permission that it needs and starts collection; DEACTIVE_ALL stops it. */
 - (void)activateWithService:(NSInteger)service;
-- (void)serviceConnect;            /**< Starts standard updates; activating has done so. */
-- (void)requestLocationUpdate;     /**< Lets new positions reach the delegate. */
-- (void)stopLocationUpdate;        /**< Keeps them from it; collection goes on. */
-- (CLLocation*)getCurrentLocation; /**< The stored position with the newest fix time; nil in mode -4. */
-/** Raw positions from mode 4, past trips from mode 8; nil below and when there are none. nil bounds are open. */
+- (void)serviceConnect;        /**< Starts standard updates; activating has done so. */
+- (void)requestLocationUpdate; /**< Lets new positions reach the delegate; nothing in mode -4. */
+- (void)stopLocationUpdate;    /**< Keeps them from it; collection goes on. */
+/** The stored position with the newest fix time; nil in mode -4 and without one. Asks for the permission that the mode
+ * needs. */
+- (CLLocation*)getCurrentLocation;
+/** Raw positions from mode 4, past trips from mode 8; nil below and when there are none. nil bounds are open;
+ * positions go by the time of storage, trips by their start. */
 - (TarvoLocationsHistory*)getLocationHistoryWithFormat:(NSInteger)format since:(NSDate*)since until:(NSDate*)until;
-- (TarvoTrip*)getNextTrip;       /**< The latest prediction, from mode 12. */
+- (TarvoTrip*)getNextTrip;       /**< The latest prediction, maybe an empty one; nil below mode 12. */
 - (NSArray*)getPointOfInterests; /**< The zones of the stored places, NSData of GeoJSON. */
 - (void)resetLocalHistory;       /**< Deletes stored past trips and places. */
-- (void)resetBackendHistory;     /**< The backend's past trips and profile. */
-- (void)resetGeoProfileHistory;  /**< The profile alone. */
+- (void)resetBackendHistory;     /**< Asks the backend to forget past trips and profile. */
+- (void)resetGeoProfileHistory;  /**< The same of the profile alone. */
 
-/** A push message; YES when it was for this SDK. */
+/** A push message; YES when it was for this SDK. NO with a line, in a mode from 8, before this process had a fix. */
 - (BOOL)didReceiveRemoteNotification:(NSDictionary*)userInfo;
 /** Gives the backend the token for push messages. */
 - (void)didRegisterForRemoteNotificationsWithDeviceTokenWithToken:(NSString*)token;
@@ -98,11 +101,11 @@
 - (void)requestPredictionUpdate;           /**< Tells the delegate of predictions from now on. */
 - (void)stopPredictionUpdate;              /**< No more; the subscription stays. */
 // clang-format off
-- (void)setSubscription:(NSString*)name :(NSString*)value; /**< To push messages; `value` is a JSON text. */
+- (void)setSubscription:(NSString*)name :(NSString*)value; /**< Subscribes to push messages; `value`: JSON. */
 // clang-format on
-- (void)setUnSubscription:(NSString*)name;                      /**< Ends it. */
-- (void)setTagsWithName:(NSString*)name value:(NSString*)value; /**< Of this user, at the backend. */
-- (void)unsetTagsWithName:(NSString*)name;                      /**< Removes it. */
+- (void)setUnSubscription:(NSString*)name;                      /**< Ends that subscription. */
+- (void)setTagsWithName:(NSString*)name value:(NSString*)value; /**< Sets a tag of this user at the backend. */
+- (void)unsetTagsWithName:(NSString*)name;                      /**< Removes a tag there. */
 /** For a process that was started to finish transfers: the block is called on the main queue. NO, keeping nothing,
  * unless the identifier is `backgroundSessionID`. For hosts that clang compiles; the block is copied. */
 - (BOOL)handleEventsForBackgroundURLSessionWithIdentifier:(NSString*)identifier

@@ -20,7 +20,7 @@ extern NSString* const UIDeviceBatteryStateDidChangeNotification;   /**< `setBat
 typedef enum {
   UIDeviceBatteryStateUnknown = 0,   /**< nobody can tell */
   UIDeviceBatteryStateUnplugged = 1, /**< the battery */
-  UIDeviceBatteryStateCharging = 2,  /**< mains power */
+  UIDeviceBatteryStateCharging = 2,  /**< mains power, and the battery is not full */
   UIDeviceBatteryStateFull = 3       /**< mains power, and the battery is full */
 } UIDeviceBatteryState;
 
@@ -32,7 +32,7 @@ typedef enum {
 @property(nonatomic, readonly) NSString* title;   /**< its title; autoreleased */
 @property(nonatomic, readonly) NSString* message; /**< what it says; autoreleased */
 @property(nonatomic, readonly) NSArray* actions;  /**< NSString, the buttons from the first; autoreleased */
-/** The user has chosen; once, on any thread. */
+/** The user has chosen; on any thread. NO, with a line, the second time, and without a line for no such button. */
 - (BOOL)chooseAction:(NSUInteger)action;
 @end
 
@@ -68,33 +68,35 @@ typedef enum {
 /** A clock that stands still until it is moved, for tests and recordings. */
 + (BOOL)setManualClock:(NSDate*)start error:(NSError**)error;
 
-+ (BOOL)moveClock:(NSDate*)date;                       /**< Only forwards. */
++ (BOOL)moveClock:(NSDate*)date;                       /**< Only forwards. NO without such a clock. */
 + (NSDate*)now;                                        /**< What the clock in use shows. */
 + (void)setDelegate:(id<TarvoHostDelegate>)delegate;   /**< Retained; nil: none. */
 + (void)setLogObserver:(id<TarvoLogObserver>)observer; /**< Retained; nil: standard error. At any time. */
 
 + (void)deliver:(NSArray*)locations;                                     /**< CLLocation, oldest first; queued. */
 + (void)setAuthorizationStatus:(CLAuthorizationStatus)status;            /**< What the user has decided. */
-+ (CLAuthorizationStatus)authorizationStatus;                            /**< Always, at first. */
++ (CLAuthorizationStatus)authorizationStatus;                            /**< Authorized always, at first. */
 + (void)setBatteryState:(UIDeviceBatteryState)state level:(double)level; /**< 0 to 1, or -1 when it is unknown. */
-/* On the main thread; each stores an event. */
-+ (void)applicationDidFinishLaunching; /**< It has started. */
+/* On the main thread. While collection is on, each but `applicationWillResignActive` stores the last position again.
+ * What each changes: docs/phone.md. */
++ (void)applicationDidFinishLaunching; /**< It has started; after activating. */
 + (void)applicationDidBecomeActive;    /**< It is on the screen. */
 + (void)applicationWillResignActive;   /**< It is about not to be. */
-+ (void)applicationDidEnterBackground; /**< It is not. */
++ (void)applicationDidEnterBackground; /**< It is not; ends collection in mode 0. */
 
 /** Runs the SDK's main queue in this mode of the main thread's run loop too; main thread only. Tarvo does so in the
  * default mode. */
 + (void)attachMainQueueForMode:(NSString*)mode;
 + (void)detachMainQueueForMode:(NSString*)mode; /**< The opposite; main thread only. */
-/** Waits until all queued work and all transfers are done, up to so many real seconds; not in a callback. */
+/** Waits until all queued work and all transfers are done, up to so many real seconds; NO: the time was up. Not in a
+ * callback. */
 + (BOOL)waitUntilIdle:(NSTimeInterval)seconds;
 /** Uploads what has been collected, up to so many real seconds; NO: something is left. Not in a callback. */
 + (BOOL)flush:(NSTimeInterval)seconds;
 /** For a watchdog: sends the target a message without arguments on the main queue once the question has gone through
  * the engine's queues. The target is retained until then. */
 + (BOOL)probeWithTarget:(id)target selector:(SEL)selector;
-+ (NSDictionary*)health; /**< All that can be told of positions and uploads: docs/c.md. */
++ (NSDictionary*)health; /**< Where positions are, and what holds them up: docs/c.md. */
 /** Erases everything, from the disk too; NO: not everything, call it again. Not in a callback. */
 + (BOOL)eraseEverything;
 /** How many of the SDK's objects the host keeps; 0 where nothing leaks. */

@@ -15,7 +15,7 @@
 @property(nonatomic, readonly) NSNumber* altitude;            /**< metres above sea level */
 @property(nonatomic, readonly) NSNumber* horizontalAccuracy;  /**< metres; negative: invalid */
 @property(nonatomic, readonly) NSNumber* verticalAccuracy;    /**< metres; negative: invalid */
-@property(nonatomic, readonly) NSNumber* course;              /**< degrees from true north; negative: unknown */
+@property(nonatomic, readonly) NSNumber* course;              /**< degrees clockwise from north; negative: unknown */
 @property(nonatomic, readonly) NSNumber* speed;               /**< metres per second; negative: unknown */
 @property(nonatomic, readonly) NSNumber* floor;               /**< of a building, 0 at the ground */
 @property(nonatomic, readonly) NSDate* locationTimestamp;     /**< when the fix was made */
@@ -23,7 +23,7 @@
 @property(nonatomic, readonly) NSNumber* index;               /**< running number from 0 */
 @property(nonatomic, readonly) NSString* serviceAction;       /**< why it was stored, as "loc_changed" */
 @property(nonatomic, readonly) NSString* localisationMethod;  /**< how the fix came about, as "sls" */
-@property(nonatomic, readonly) NSString* userAction;          /**< the activity of the user, as "walking" */
+@property(nonatomic, readonly) NSString* userAction;          /**< always "unknown" */
 @property(nonatomic, readonly) NSString* appName;             /**< with the host's bundle identifier */
 @property(nonatomic, readonly) NSString* appAction;           /**< always "unused" */
 @property(nonatomic, readonly) NSString* identifierForVendor; /**< of the device */
@@ -41,8 +41,8 @@
 @property(nonatomic, readonly) NSNumber* departure_lon; /**< degrees */
 @property(nonatomic, readonly) NSNumber* arrival_lat;   /**< degrees */
 @property(nonatomic, readonly) NSNumber* arrival_lon;   /**< degrees */
-@property(nonatomic, readonly) NSDate* start_time;      /**< of the trip */
-@property(nonatomic, readonly) NSDate* arrival_time;    /**< of the trip */
+@property(nonatomic, readonly) NSDate* start_time;      /**< when it began */
+@property(nonatomic, readonly) NSDate* arrival_time;    /**< when it ended */
 @property(nonatomic, readonly) NSString* route;         /**< GeoJSON */
 @end
 
@@ -54,7 +54,7 @@
 }
 /** TarvoPosition, by ascending index. They stay in the SDK's store until they are asked for, and the array keeps 256
  * of them: going through a year takes little memory if each piece of the way has an autorelease pool. `count` is fixed;
- * what was deleted since is a position without attributes. Threads: any. */
+ * what was deleted since, or cannot be read, is a position without attributes. Threads: any. */
 @property(nonatomic, readonly) NSArray* locations;
 @property(nonatomic, readonly) NSArray* pasttrips;                   /**< TarvoPastTrip, by ascending identifier */
 @property(nonatomic, readonly) CLLocationCoordinate2D firstLocation; /**< of `locations`; (0, 0) without any */
@@ -64,9 +64,10 @@
 - (NSArray*)toArray;
 - (CLLocationCoordinate2D)getFirstLocation; /**< `firstLocation` */
 /** South-west and north-east corner, NSValues of CLLocationCoordinate2D; both (-200, -200) when no point can be read.
- * nil without trips and positions. */
+ * nil without trips and positions, and when the positions cannot be read. */
 - (NSArray*)getBoundingBox;
-/** A GeoJSON FeatureCollection of the positions in UTF-8; nil when none has coordinates.
+/** A GeoJSON FeatureCollection of the positions in UTF-8; nil when none has coordinates, and when they cannot be
+ * read.
  * `geometry`: [Tarvo GEOJSON_LINESTRING] or [Tarvo GEOJSON_MULTIPOINT], nil for all else. */
 - (NSData*)toGeoJSONWithGeometry:(NSString*)geometry;
 /** The routes of the past trips that have one, NSData of GeoJSON. */

@@ -19,11 +19,11 @@
 @property(nonatomic, copy) NSNumber* destination_lon;      /**< degrees; -200: unset */
 @property(nonatomic, copy) NSNumber* destination_lat;      /**< degrees; -200: unset */
 @property(nonatomic, copy) NSNumber* probability;          /**< as it was sent */
-@property(nonatomic, copy) NSString* start_name;           /**< of the place */
-@property(nonatomic, copy) NSString* arrival_name;         /**< of the place */
+@property(nonatomic, copy) NSString* start_name;           /**< of the place that it begins at */
+@property(nonatomic, copy) NSString* arrival_name;         /**< of the place that it leads to */
 @property(nonatomic, copy) NSNumber* duration;             /**< as it was sent */
 
-/** The coordinates of the route's first feature, [longitude, latitude] pairs; nil without a feature. */
+/** The coordinates of the route's first feature, [longitude, latitude] pairs; nil without a list of them. */
 - (NSArray*)tripToArray;
 /** The same as fixes (CLLocation) of the present moment; nil when one of them is not a pair of numbers. */
 - (NSArray*)toLocations;
@@ -31,9 +31,9 @@
 - (NSArray*)toLocationCoordinate2D;
 /** `next_destination`. */
 - (NSDictionary*)toGeoJson;
-/** The first point of the route; nil without one. */
+/** The first point of the route, as a fix of the present moment; nil when that is no pair of numbers. */
 - (CLLocation*)getStartTrip;
-/** The destination: (-200, -200) while it is unset. */
+/** The destination, as a fix of the present moment: (-200, -200) while it is unset. */
 - (CLLocation*)getNextDestination;
 /** The start time in the zone of the device; nil when it cannot be read. */
 - (NSString*)getStartTime;
