@@ -103,7 +103,8 @@ host() {
     gcc /usr/share/doc/libtarvo-c-dev/examples/tracker.c -o /build/tracker $(pkg-config --cflags --libs tarvo-c)
     gcc $(gnustep-config --objc-flags) -std=gnu11 /unit.m -o /build/unit-objc $(pkg-config --cflags --libs tarvo-objc) \
       $(gnustep-config --base-libs)
-    /build/unit-objc "$(mktemp -d)" http://127.0.0.1:9/api | grep -F "[11,48],[11,48.001],[11 ,48.002]"
+    [ ! -e /proc/self ] || # without it GNUstep has no arguments
+      /build/unit-objc "$(mktemp -d)" http://127.0.0.1:9/api | grep -F "[11,48],[11,48.001],[11 ,48.002]"
     python3 /unit.py "$(mktemp -d)" http://127.0.0.1:9/api | grep -F "[11, 48.002]"
     for host in /build/consumer /build/unit; do
       $host "$(mktemp -d)" http://127.0.0.1:9/api | grep -F "[11,48],[11,48.001],[11 ,48.002]"; done'
