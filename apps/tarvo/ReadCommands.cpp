@@ -311,6 +311,7 @@ std::string statusText(const Tarvo& tarvo, const Home& home) {
       {"fixes_off_the_globe", health.fixes.offTheGlobe},
       {"fixes_impossible_time", health.fixes.impossibleTime},
       {"fixes_filtered_by_distance", health.fixes.filteredByDistance},
+      {"silence_seconds", health.fixes.silence.count()},
       {"store_error", orNull(health.store.lastError)},
       {"log_lines_dropped", health.log.linesDropped},
       {"gaps", spans(health.gaps)},

@@ -65,7 +65,8 @@ void test_history(void) {
   EXPECT(TARVO_OK, tarvo_get_sync_status(sdk, &status));
   CHECK(status.stored == kPositions && status.unsent == kPositions && status.last_index == kPositions - 1);
   EXPECT(TARVO_OK, tarvo_health(sdk, &json));
-  CHECK(strstr(json, "\"fixes_received\":600,") != NULL && strstr(json, "\"gaps\":[") != NULL);
+  CHECK(strstr(json, "\"fixes_received\":600,") != NULL && strstr(json, "\"silence_seconds\":0,\"store_") != NULL &&
+        strstr(json, "\"gaps\":[") != NULL);
   tarvo_free(json);
   /* A cursor holds its history; a newer caller gets zeros; nothing is left of the handle. */
   EXPECT(TARVO_OK, tarvo_history_read(history, &cursor));

@@ -30,8 +30,8 @@ build|docs/hosting.md|s/](threading.md)/](threads.md)/|threads.md
 build|mkdocs.yml|s/: daemon.md/: demon.md/|demon.md
 build|include/tarvo/Tarvo.h|/^  \/\/\/ The engine\.$/d|Member locationManager
 build|bindings/c/include/tarvo-c/history.h|s,/\*\*< the lowest latitude \*/,,|Member south
-build|bindings/objc/include/tarvo-objc/TarvoHost.h|s,/\*\*< Only forwards. \*/,,|moveClock
-build|bindings/python/tarvo/_sdk.py|/"""Stores an event."""/d|Sdk.app_launched
+build|bindings/objc/include/tarvo-objc/TarvoHost.h|s,/\*\*< Only forwards.*\*/,,|moveClock
+build|bindings/python/tarvo/_sdk.py|/"""Readable while run_pending/d|Sdk.fileno
 check|docs/c.md|s/hosting.md#what-stops-the-process/hosting.md#what-stops-it/|hosting.html#what-stops-it, and the page has no such place
 check|docs/sandbox.md|$a <img src="https://host.invalid/x.png">|loads https://host.invalid/x.png
 check|docs/delivery.md|$a <style>@import "//host.invalid/x.css";</style>|loads //host.invalid/x.css

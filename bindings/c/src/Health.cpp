@@ -57,6 +57,7 @@ platform::Dictionary dictionaryOf(const Health& health) {
       {"fixes_off_the_globe", fixes.offTheGlobe},
       {"fixes_impossible_time", fixes.impossibleTime},
       {"fixes_filtered_by_distance", fixes.filteredByDistance},
+      {"silence_seconds", fixes.silence.count()},
       {"store_available", store.available},
       {"store_bytes", store.bytes},
       {"store_error", orNull(store.lastError)},

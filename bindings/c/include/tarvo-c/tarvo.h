@@ -336,7 +336,7 @@ typedef struct tarvo_sync_status {
 } tarvo_sync_status;
 /** Counts in the store, in any mode. */
 TARVO_C_API tarvo_result tarvo_get_sync_status(tarvo_sdk* sdk, tarvo_sync_status* out);
-/** What `Tarvo::health` tells, but for the length of silences, as JSON: docs/c.md. Give `*json` to `tarvo_free`. */
+/** What `Tarvo::health` tells, as JSON: docs/c.md. Give `*json` to `tarvo_free`. */
 TARVO_C_API tarvo_result tarvo_health(tarvo_sdk* sdk, char** json);
 
 /* ---- Backend ---- */
