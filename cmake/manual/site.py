@@ -48,8 +48,19 @@ def target(path):
     return path
 
 
+def titles(nav):
+    """The pages of a navigation, and what it calls them."""
+    for title, entry in (item for entry in nav for item in entry.items()):
+        if isinstance(entry, list):
+            yield from titles(entry)
+        else:
+            yield entry, title
+
+
 def on_page_markdown(markdown, page, config, files):
-    """Links to files of the tree lead to pages."""
+    """Links to files of the tree lead to pages, and those that only name a page have its title."""
+    called = dict(titles(config["nav"]))
+    markdown = re.sub(r"\[(?:docs/)?([\w-]+\.md)\](?=\()", lambda text: f"[{called.get(text[1], text[1])}]", markdown)
     up = "" if page.file.src_path in PAGES else r"\.\./"
     return re.sub(
         rf"\]\({up}((?:docs|include|bindings)/[^)#\s]*|[A-Z]+\.md)(?=[)#])",
