@@ -22,7 +22,7 @@ find_package(tarvo REQUIRED COMPONENTS c)
 add_executable(unit-cmake unit.c)
 target_link_libraries(unit-cmake PRIVATE tarvo::tarvo_c)
 END
-{ cmake -S "$work" -B "$work/build" -DCMAKE_PREFIX_PATH="$work/moved" && cmake --build "$work/build"; } >"$work/build.log" 2>&1 ||
+{ cmake -S "$work" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$work/moved" && cmake --build "$work/build"; } >"$work/build.log" 2>&1 ||
   { cat "$work/build.log"; exit 1; }
 for unit in "$work/unit-pc" "$work/build/unit-cmake"; do
   timeout 60 "$unit" "$work/home-${unit##*/}" http://127.0.0.1:9/api | grep -qF '[[11,48],[11,48.001],[11 ,48.002]]' ||

@@ -10,8 +10,8 @@ cp -r "$1"/{cmake,include} "$folder"
 cp -r "$1/src/platform" "$folder/src"
 cp -r "$1"/tests/{conformance,support} "$folder/tests"
 configure() {
-  "$cmake" -S "$folder/tests/conformance" -B "$folder/build" -DTARVO_PLATFORM=newos -DCMAKE_CXX_COMPILER="$compiler" \
-    -DCMAKE_CXX_COMPILER_LAUNCHER="$launcher" >"$folder/told" 2>&1
+  "$cmake" -S "$folder/tests/conformance" -B "$folder/build" -G Ninja -DTARVO_PLATFORM=newos \
+    -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_CXX_COMPILER_LAUNCHER="$launcher" >"$folder/told" 2>&1
 }
 for part in device foundation persistence urlsession; do
   ! configure || { echo "configured without $part/newos"; exit 1; }

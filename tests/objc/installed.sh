@@ -37,7 +37,7 @@ add_executable(unit unit.m)
 target_compile_options(unit PRIVATE ${flags})
 target_link_libraries(unit PRIVATE tarvo::tarvo_objc gnustep-base objc)
 END
-{ OBJC=gcc cmake -S cmake -B cmake/build -DCMAKE_PREFIX_PATH="$work/moved" && cmake --build cmake/build; } >cmake.log 2>&1 ||
+{ OBJC=gcc cmake -S cmake -B cmake/build -G Ninja -DCMAKE_PREFIX_PATH="$work/moved" && cmake --build cmake/build; } >cmake.log 2>&1 ||
   { cat cmake.log; exit 1; }
 timeout 60 cmake/build/unit "$work/home-cmake" http://127.0.0.1:9/api 2>>cmake.log | cmp - unit.txt || { tail cmake.log; exit 1; }
 # Each object file of a host finds its classes, and nothing else of the library shows.

@@ -52,7 +52,7 @@ struct ControlTest : testing::Test {
   /// What comes back for these bytes until the other side has no more to say.
   std::string exchange(const std::string& bytes) const {
     const int socket = connected();
-    EXPECT_EQ(::send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL), ssize_t(bytes.size()));
+    EXPECT_GT(::send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL), 0);  // not all, where the other side ends early
     ::shutdown(socket, SHUT_WR);
     std::string all;
     char buffer[4096];
