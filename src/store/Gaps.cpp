@@ -1,6 +1,17 @@
 #include "store/Gaps.h"
 
 namespace tarvo {
+namespace {
+
+/// More than a clock that is being slewed gains or loses in a silence.
+constexpr platform::Seconds kSet{60};
+
+}  // namespace
+
+platform::Date Gaps::Moment::wallOf(const Moment& earlier) const {
+  const platform::Date expected = wall - (monotonic - earlier.monotonic);
+  return expected - earlier.wall > kSet || earlier.wall - expected > kSet ? expected : earlier.wall;
+}
 
 void append(Gaps::List& gaps, Health::Gap gap) {
   if (gaps.size() == Gaps::kMost) gaps.erase(gaps.begin());
@@ -23,12 +34,10 @@ bool Gaps::didStore(std::optional<GapCause> obstacle, const Moment& now) {
 
 std::optional<Health::Gap> Gaps::open(const Moment& now) const {
   if (!isLong(now)) return std::nullopt;
-  return Health::Gap{since_.wall, std::nullopt, cause(now)};
+  return Health::Gap{now.wallOf(since_), std::nullopt, cause(now)};
 }
 
-bool Gaps::isLong(const Moment& now) const {
-  return now.wall - since_.wall > kLongest && now.monotonic - since_.monotonic > kLongest;
-}
+bool Gaps::isLong(const Moment& now) const { return now.monotonic - since_.monotonic > kLongest; }
 
 GapCause Gaps::cause(const Moment& now) const {
   if (obstacle_) return *obstacle_;
@@ -43,7 +52,7 @@ GapCause Gaps::cause(const Moment& now) const {
 }
 
 void Gaps::end(const Moment& now) {
-  append(ended_, {since_.wall, now.wall, cause(now)});
+  append(ended_, {now.wallOf(since_), now.wall, cause(now)});
   since_ = now;
 }
 

@@ -13,8 +13,8 @@ namespace tarvo {
 /// Finds the spans in which this process has stored no position, and why.
 ///
 /// Such a span ends with the next position, or when what keeps positions away changes; if it was longer than kLongest
-/// it is a gap then. A shorter one that ends by a change goes on under its new cause. Where it lies, wall time says;
-/// monotonic time has to agree that it was so long, so that setting the clock makes no gap, nor a negative one.
+/// it is a gap then. A shorter one that ends by a change goes on under its new cause. How long it was, monotonic time
+/// says, and wall time where it ended: setting the clock makes no gap, hides none, and turns none around.
 /// Threads: one at a time.
 class Gaps {
  public:
@@ -27,6 +27,9 @@ class Gaps {
     platform::Date wall;
     platform::Seconds monotonic{0};
     platform::LocationService::Statistics fixes;
+
+    /// The wall time of an earlier moment, by the clock as it is now if that was set in between.
+    platform::Date wallOf(const Moment& earlier) const;
   };
 
   /// The process starts, and nothing collects yet.

@@ -85,7 +85,7 @@ void Ledger::forget() {
   gaps_ = Gaps(now);
   known_ = {};
   nextTry_.reset();
-  earlierEnd_.reset();
+  seen_.clear();
   written_.reset();
   removedInFile_ = 0;
   isDue_ = false;
@@ -100,11 +100,14 @@ void Ledger::read(Context& context) {
   auto text = context.metadata(LedgerText::kName);
   if (!text) return;
   LedgerText inFile;
-  std::optional<Date> end = Locations::latestStorage(context);
+  const Gaps::Moment now = momentNow();
+  std::vector<Date> seen;
+  for (const Date until : {now.wall, platform::distantFuture()})
+    if (const auto latest = Locations::latestStorage(context, until)) seen.push_back(*latest);
   if (const std::optional<std::string> found = *text) {
     if (auto readable = LedgerText::read(*found)) {
       inFile = std::move(*readable);
-      end = std::max(end.value_or(inFile.written), inFile.written);
+      seen.push_back(inFile.written);
       if (!inFile.gaps.empty() && !inFile.gaps.back().until)
         inFile.gaps.back().until = Locations::firstStorageAfter(context, inFile.written);
     } else if (!std::exchange(isUnreadableTold_, true)) {
@@ -122,9 +125,9 @@ void Ledger::read(Context& context) {
     inFile.triesSince = known_.triesSince;
   }
   known_ = std::move(inFile);
-  earlierEnd_ = end;
+  seen_ = std::move(seen);
   isRead_ = context.coordinator().writes();
-  if (isRead_ && wasAway()) isDue_ = true;
+  if (isRead_ && absence(now)) isDue_ = true;
 }
 
 void Ledger::willSave(Context& context) {
@@ -163,15 +166,34 @@ LedgerText Ledger::kept(const Gaps::Moment& now) const {
   return text;
 }
 
-bool Ledger::wasAway() const { return earlierEnd_ && start_.wall - *earlierEnd_ > Gaps::kLongest; }
+std::optional<Date> Ledger::earlierEnd(const Gaps::Moment& now) const {
+  std::optional<Date> end;
+  for (const Date seen : seen_)
+    if (seen <= now.wallOf(start_) && (!end || seen > *end)) end = seen;
+  return end;
+}
+
+std::optional<Health::Gap> Ledger::absence(const Gaps::Moment& now) const {
+  const auto end = earlierEnd(now);
+  const Date start = now.wallOf(start_);
+  if (!end || start - *end <= Gaps::kLongest) return std::nullopt;
+  return Health::Gap{*end, start, GapCause::notRunning};
+}
 
 Gaps::List Ledger::allGaps(const Gaps::Moment& now) const {
   Gaps::List all = known_.gaps;
-  if (!all.empty() && !all.back().until) all.back().until = earlierEnd_;
-  if (wasAway()) append(all, {*earlierEnd_, start_.wall, GapCause::notRunning});
+  if (!all.empty() && !all.back().until) all.back().until = std::max(all.back().since, earlierEnd(now).value_or(start_.wall));
+  if (const auto absent = absence(now)) append(all, *absent);
   for (const Health::Gap& gap : gaps_.ended()) append(all, gap);
   if (const auto open = gaps_.open(now)) append(all, *open);
   return all;
+}
+
+std::optional<std::vector<Health::Range>> Ledger::givenUp(Context& context) {
+  read(context);
+  MutexLock lock(mutex_);
+  if (!isRead_) return std::nullopt;
+  return known_.acknowledgedWithoutAnswer;
 }
 
 Health::Positions Ledger::positions() const {

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <vector>
 
 #include <tarvo/Health.h>
 
@@ -45,6 +46,10 @@ class Ledger {
   /// For a checkpoint: puts what has changed into the metadata, for the caller to save; false when that is nothing.
   bool refresh(Context& context);
 
+  /// Positions that were acknowledged without an answer, and what stands for them, ascending; absent while what the file
+  /// knows of them cannot be read.
+  std::optional<std::vector<Health::Range>> givenUp(Context& context);
+
   Health::Positions positions() const;  ///< what is not counted in the store
   Health::Delivery delivery() const;
   /// `obstacle` as it is now.
@@ -53,7 +58,10 @@ class Ledger {
  private:
   LedgerText kept(const Gaps::Moment& now) const REQUIRES(mutex_);
   Gaps::List allGaps(const Gaps::Moment& now) const REQUIRES(mutex_);
-  bool wasAway() const REQUIRES(mutex_);
+  /// When an earlier process was last seen, as far as that agrees with the start of this one.
+  std::optional<platform::Date> earlierEnd(const Gaps::Moment& now) const REQUIRES(mutex_);
+  /// Since then, until this process started; absent for what is no gap.
+  std::optional<Health::Gap> absence(const Gaps::Moment& now) const REQUIRES(mutex_);
   void put(Context& context, LedgerText text) REQUIRES(mutex_);
 
   mutable platform::Mutex mutex_;
@@ -68,7 +76,8 @@ class Ledger {
   // Of the file.
   bool isRead_ GUARDED_BY(mutex_) = false;  ///< for good
   std::int64_t removedInFile_ GUARDED_BY(mutex_) = 0;
-  std::optional<platform::Date> earlierEnd_ GUARDED_BY(mutex_);  ///< when an earlier process was last seen
+  /// When an earlier process was seen; some of these are to come where a clock was wrong, now or then.
+  std::vector<platform::Date> seen_ GUARDED_BY(mutex_);
   std::optional<LedgerText> written_ GUARDED_BY(mutex_);         ///< by this process
   bool isUnreadableTold_ = false;                                ///< touched in blocks of the context only
 };

@@ -49,7 +49,7 @@ class Locations : public Entity<Locations> {
   };
   static Counts counts(Context& context);
   // When a position of the file was stored; absent when there is none, or no store.
-  static std::optional<platform::Date> latestStorage(Context& context);
+  static std::optional<platform::Date> latestStorage(Context& context, platform::Date until);
   static std::optional<platform::Date> firstStorageAfter(Context& context, platform::Date moment);
   /// Of the lowest number among the new ones, or among those that await their acknowledgement if that is earlier.
   static std::optional<platform::Date> oldestUnacknowledgedStorage(Context& context);

@@ -150,8 +150,8 @@ std::optional<Date> storageOfFirst(Locations::Context& context, std::vector<NSPr
 
 }  // namespace
 
-std::optional<Date> Locations::latestStorage(Context& context) {
-  return storageOfFirst(context, {}, {"eventTimestamp", false});
+std::optional<Date> Locations::latestStorage(Context& context, Date until) {
+  return storageOfFirst(context, {{"eventTimestamp", NSPredicate::Operator::atMost, until}}, {"eventTimestamp", false});
 }
 
 std::optional<Date> Locations::firstStorageAfter(Context& context, Date moment) {

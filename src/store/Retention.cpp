@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <tarvo/platform/Clock.h>
 
 #include "log/Log.h"
 #include "settings/Settings.h"
+#include "store/Attributes.h"
 #include "store/Ledger.h"
 #include "store/Locations.h"
 #include "store/ObjectStore.h"
@@ -16,6 +18,7 @@ namespace tarvo {
 
 using platform::NSPredicate;
 using platform::Seconds;
+using Operator = NSPredicate::Operator;
 
 namespace {
 
@@ -53,39 +56,61 @@ void Retention::didSave() {
   if (!newest || !last) return;
   if (limits.positionAge) {
     const auto oldest = platform::Clock::current()->now() - std::max(*limits.positionAge, Seconds(0));
-    remove({.predicates = {{"eventTimestamp", NSPredicate::Operator::atMost, oldest}},
-            .sortDescriptors = {{"eventTimestamp", true}}},
-           kMostAtOnce);
+    if (const auto end = lastStoredUntil(oldest)) remove({{"eventTimestamp", Operator::atMost, oldest}}, *end, kMostAtOnce);
   }
-  if (limits.storeBytes) keepStoreSmall(*limits.storeBytes);
+  const auto highest = last->empty() ? std::nullopt : last->front()->integer(attribute::locations::index);
+  if (limits.storeBytes && highest) keepStoreSmall(*limits.storeBytes, *highest);
 }
 
-void Retention::keepStoreSmall(std::uint64_t bound) {
+void Retention::keepStoreSmall(std::uint64_t bound, std::int64_t last) {
   auto& context = store_.managedObjectContext();
   auto bytes = context.storeBytes();
   auto rows = context.count({.entity = std::string(Locations::kEntity)});
   if (!bytes || !rows || *bytes <= bound) return;
   const double excess = static_cast<double>(*bytes - bound) / static_cast<double>(*bytes);
   const double needed = excess * static_cast<double>(*rows) + 1;
-  remove({.sortDescriptors = {{"index", true}}},
-         static_cast<std::size_t>(std::min(needed, static_cast<double>(kMostAtOnce))));
+  remove({}, last, static_cast<std::size_t>(std::min(needed, static_cast<double>(kMostAtOnce))));
 }
 
-void Retention::remove(platform::NSFetchRequest request, std::size_t most) {
-  request.entity = Locations::kEntity;
-  request.fetchLimit = kMostLookedAt;
-  const std::vector<NSPredicate> acknowledged = {{"unsent", NSPredicate::Operator::equal, false},
-                                                 {"sentWithoutACK", NSPredicate::Operator::equal, false}};
-  auto removal = store_.managedObjectContext().removeRows(request, acknowledged, most);
-  if (!removal) {
-    Log::error("Unresolved error ", platform::errorAndUserInfo(removal.error()));
-    return;
+/// Numbers rise with the time of storage, but where the clock was set.
+std::optional<std::int64_t> Retention::lastStoredUntil(platform::Date moment) {
+  auto found = store_.managedObjectContext().fetch({.entity = std::string(Locations::kEntity),
+                                                    .predicates = {{"eventTimestamp", Operator::atMost, moment}},
+                                                    .sortDescriptors = {{"eventTimestamp", false}},
+                                                    .fetchLimit = 1});
+  if (!found || found->empty()) return std::nullopt;
+  return found->front()->integer(attribute::locations::index);
+}
+
+void Retention::remove(const std::vector<NSPredicate>& old, std::int64_t last, std::size_t most) {
+  auto kept = ledger_.givenUp(store_.managedObjectContext());
+  if (!kept) return;
+  kept->push_back({last + 1, last + 1});
+  std::size_t left = most;
+  std::int64_t next = 0;
+  for (const Health::Range& range : *kept) {
+    const std::int64_t end = std::min(range.first - 1, last);
+    if (left > 0 && next <= end) left -= removeAmong({next, end}, old, left);
+    next = std::min(range.last, last) + 1;
   }
-  if (removal->rows == 0) return;
-  isMoreLeft_ = isMoreLeft_ || removal->rows == most;
+  isMoreLeft_ = isMoreLeft_ || left == 0;
+}
+
+std::size_t Retention::removeAmong(platform::NSManagedObjectContext::Numbers numbers,
+                                   const std::vector<NSPredicate>& old, std::size_t most) {
+  const platform::NSFetchRequest request{.entity = std::string(Locations::kEntity),
+                                         .predicates = old,
+                                         .sortDescriptors = {{"index", true}},
+                                         .fetchLimit = kMostLookedAt};
+  const std::vector<NSPredicate> acknowledged = {{"unsent", Operator::equal, false},
+                                                 {"sentWithoutACK", Operator::equal, false}};
+  auto removal = store_.managedObjectContext().removeRows(request, numbers, acknowledged, most);
+  if (!removal) Log::error("Unresolved error ", platform::errorAndUserInfo(removal.error()));
+  if (!removal || removal->rows == 0) return 0;
   const std::int64_t upTo = removal->highest.value_or(0);
   ledger_.didRemove(static_cast<std::int64_t>(removal->rows), upTo);
   Log::debug("Locations:remove [loc] ", removal->rows, " to:", upTo, " mainThread:", mainThread());
+  return removal->rows;
 }
 
 }  // namespace tarvo

@@ -1,4 +1,5 @@
 #include "support/FreshProcess.h"
+#include "support/SetClock.h"
 #include "support/WholeSdk.h"
 
 #include <cmath>
@@ -70,16 +71,22 @@ TEST_F(HealthOfADevice, LastsOverRestartsAndKills) {
     auto& context = EngineParts::of(engine()).store.managedObjectContext();
     context.performAndWait([&] { context.setMetadata("ledger", "[]"), (void)context.save(); });
   };
-  const std::tuple<double, std::function<void(Tarvo&)>, const char*> processes[] = {
-      {0, fallSilent, "1..2 1-1002 receiver_silent "},
-      {1500, [](Tarvo&) {}, "1..2 1-1002 receiver_silent "},  // has not collected: tells what the file has
-      {2000, damage, "1..2 1-1002 receiver_silent 1002-2000 not_running "},
-      {6000, collect, "2001-6000 not_running "}};
-  for (const auto& [start, work, expected] : processes) {
+  const std::tuple<double, double, std::function<void(Tarvo&)>, const char*> processes[] = {
+      {0, 0, fallSilent, "1..2 1-1002 receiver_silent "},
+      {1500, 0, [](Tarvo&) {}, "1..2 1-1002 receiver_silent "},  // has not collected: tells what the file has
+      {2000, 0, damage, "1..2 1-1002 receiver_silent 1002-2000 not_running "},
+      {6000, 0, collect, "2001-6000 not_running "},
+      {7000, 1e7, collect, "2001-6000 not_running 6001-7000 not_running "},  // its position is of a time to come
+      {9000, -kStart, collect, "2001-6000 not_running 6001-7000 not_running 7001-9000 not_running "}};
+  for (const auto& [start, wrongBy, work, expected] : processes) {
     const auto inChild = [&] {
       clock->advanceTo(platform::dateSince1970(kStart + start));
+      const auto set = test::SetClock::installed(clock);
+      set->offset = wrongBy;
       Tarvo tarvo;
       work(tarvo);
+      set->offset = 0;
+      if (wrongBy > 0) EngineParts::of(engine()).checkpoint();
       EXPECT_EQ(told(tarvo), expected);
       EXPECT_EQ(diary.count("Ledger: "), start == 6000 ? 1u : 0u);
       return HasFailure() ? 1 : 0;

@@ -273,7 +273,7 @@ Result<StoredRows> NSManagedObjectContext::rows(const NSFetchRequest& request) {
   return rows;
 }
 
-Result<NSManagedObjectContext::Removal> NSManagedObjectContext::removeRows(const NSFetchRequest& request,
+Result<NSManagedObjectContext::Removal> NSManagedObjectContext::removeRows(const NSFetchRequest& request, Numbers among,
                                                                            const std::vector<NSPredicate>& matching,
                                                                            std::size_t most) {
   auto compiledRequest = compiled(request, "delete");
@@ -282,25 +282,24 @@ Result<NSManagedObjectContext::Removal> NSManagedObjectContext::removeRows(const
   auto condition = FetchPlan::compile(entity, {.entity = request.entity, .predicates = matching});
   if (!condition) return condition.error();
   Removal removal;
-  if (plan.isEmpty() || condition->isEmpty() || hasChanges()) return removal;
+  if (plan.isEmpty() || condition->isEmpty() || entity.counter < 0 || hasChanges()) return removal;
   if (auto refusal = claim()) return *refusal;
 
   const EntityObjects& objects = state_->objects(entity);
   std::vector<std::int64_t> keys;
   {
-    const auto way = plan.hasConditions() ? PlannedRows::Way::byIndex : PlannedRows::Way::inOrder;
-    const std::vector<int> counter(entity.counter >= 0 ? 1 : 0, entity.counter);
-    PlannedRows rows(store.database(), plan, way, {.attributes = counter, .limit = request.fetchLimit});
+    PlannedRows rows(store.database(), plan, PlannedRows::Way::inOrder,
+                     {{entity.counter}, /*lastKey=*/among.last + 1, request.fetchLimit, /*firstCounter=*/among.first});
     while (keys.size() < most && rows.step()) {
-      const std::int64_t key = rows.row().integer(static_cast<int>(counter.size()));
-      if (objects.registered(key)) continue;
+      const std::int64_t number = rows.row().integer(0), key = rows.row().integer(1);
+      if (number > among.last || objects.registered(key)) continue;
       if (condition->hasConditions()) {
         auto matches = store.rowMatches(entity, *condition, key);
         if (!matches) return matches.error();
         if (!*matches) continue;
       }
       keys.push_back(key);
-      if (!counter.empty()) removal.highest = std::max(removal.highest.value_or(0), rows.row().integer(0));
+      removal.highest = std::max(removal.highest.value_or(0), number);
     }
     if (rows.failed()) return rows.error(StoreErrorCode::operation, "The records could not be read");
   }

@@ -47,10 +47,16 @@ class NSManagedObjectContext {
     std::size_t rows = 0;
     std::optional<std::int64_t> highest;  ///< of the counters of these rows
   };
-  /// Looks at the rows of a request, `fetchLimit` of them in its order, and removes those which match `matching` and
-  /// which nobody holds an object of, `most` at the most, in one transaction of its own that makes no objects. Nothing
-  /// is removed while anything is unsaved. What is removed stays counted: see `removedRows`.
-  Result<Removal> removeRows(const NSFetchRequest& request, const std::vector<NSPredicate>& matching, std::size_t most);
+  /// The first and the last of numbers that follow each other.
+  struct Numbers {
+    std::int64_t first, last;
+  };
+  /// Looks at the rows of a request for an entity that counts, those of the numbers `among`, `fetchLimit` of them in its
+  /// order, and removes those which match `matching` and which nobody holds an object of, `most` at the most, in one
+  /// transaction of its own that makes no objects. Nothing is removed while anything is unsaved. What is removed stays
+  /// counted: see `removedRows`.
+  Result<Removal> removeRows(const NSFetchRequest& request, Numbers among, const std::vector<NSPredicate>& matching,
+                             std::size_t most);
   /// How many rows of an entity `removeRows` has taken since the store was made. A number that counts on is that of the
   /// rows and these together.
   Result<std::int64_t> removedRows(std::string_view entity);
