@@ -77,7 +77,14 @@ FlushResult EngineParts::flush(Seconds limit) {
     const bool timeIsUp = left() <= Seconds::zero();
     look = std::min(2 * look, kLongestLook);
     if (isIdle || probesEnded_ >= probes) {
-      const LocationManager::SyncStatus status = engine.syncStatus();
+      LocationManager::SyncStatus status;
+      store.managedObjectContext().performAndWait([&] {
+        status = engine.syncStatus();
+        // What limits take meanwhile was acknowledged.
+        const std::int64_t removed = ledger.positions().removed;
+        status.stored += removed;
+        status.acknowledged += removed;
+      });
       if (!status.storeAvailable) return FlushResult::storeUnavailable;
       if (goal < 0) goal = status.stored + status.unsaved;
       if (status.acknowledged >= goal || status.unsent + status.awaiting + status.unsaved == 0)

@@ -61,10 +61,17 @@ TEST_F(Erasure, LeavesNothingOnTheDiskNorInMemoryAndTheNextUserBeginsAtZero) {
   EXPECT_NE(filesIn(home.path(), marks).find(".jsonl"), std::string::npos);
   EXPECT_EQ(filesIn(home.path(), {">secret<", " secret", "\"secret\"", "a2V5OnNlY3JldA"}), "") << "of the API key";
 
+  const test::TempDir links;  // what will be removed, as the disk has it; settings are replaced once more before
+  int n = 0;
+  for (const auto& entry : fs::recursive_directory_iterator(home.path()))
+    if (entry.is_regular_file() && entry.path().extension() != ".plist")
+      fs::create_hard_link(entry, links.path() / std::to_string(n++));
+
   EXPECT_TRUE(tarvo.eraseEverything());
   backend.faults().release();
   waitUntilIdle();
   EXPECT_EQ(filesIn(home.path(), marks), "");
+  EXPECT_EQ(filesIn(links.path(), marks), "") << "overwritten";
   const auto after = tarvo.syncStatus();
   EXPECT_TRUE(after.stored + after.unsaved == 0 && after.storeAvailable && history.locations.toVector().empty());
   EXPECT_FALSE(LocationManager::userUUID() || NetworkManager::UUID_SECRET_KEY() || tarvo.getNextTrip());

@@ -69,10 +69,12 @@ std::optional<Error> Database::checkpointOnClose() {
   return std::nullopt;
 }
 
+void Database::keepLogOnClose() { sqlite3_db_config(handle_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr); }
+
 Database::~Database() {
   if (forks_ != FileLock::forks()) return;  // closing it would touch what is the parent's
   for (auto& [sql, prepared] : statements_) sqlite3_finalize(prepared.statement);
-  if (handle_ && !isUsable(true)) sqlite3_db_config(handle_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+  if (handle_ && !isUsable(true)) keepLogOnClose();
   sqlite3_close_v2(handle_);
 }
 

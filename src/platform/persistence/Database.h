@@ -63,6 +63,8 @@ class Database {
   /// connection closes, or has grown long. An error if the file cannot be written; somebody who holds SQLite's own lock
   /// for the moment does not count.
   std::optional<Error> checkpointOnClose();
+  /// The write-ahead log stays beside the file, as it is, when the connection closes.
+  void keepLogOnClose();
   /// Runs a statement that gives no rows or whose rows do not matter.
   std::optional<Error> run(std::string_view sql, StoreErrorCode code);
   /// The same for a text that does not come again: its statement is not kept.

@@ -57,6 +57,7 @@ std::optional<Error> NSPersistentStoreCoordinator::claim(std::optional<WriteRigh
 std::optional<Error> NSPersistentStoreCoordinator::renewStore(const std::function<std::optional<Error>()>& between) {
   if (auto refusal = claim()) return refusal;
   const std::filesystem::path file = store_->database().file();
+  store_->database().keepLogOnClose();  // else SQLite would free its blocks with what they hold
   store_.reset();
   auto failure = between();
   auto renewed = Store::open(file, *model_->configuration(configuration_), model_->version(), /*hasRight=*/true);
