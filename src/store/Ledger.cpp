@@ -182,7 +182,8 @@ std::optional<Health::Gap> Ledger::absence(const Gaps::Moment& now) const {
 
 Gaps::List Ledger::allGaps(const Gaps::Moment& now) const {
   Gaps::List all = known_.gaps;
-  if (!all.empty() && !all.back().until) all.back().until = std::max(all.back().since, earlierEnd(now).value_or(start_.wall));
+  if (!all.empty() && !all.back().until)
+    all.back().until = std::max(all.back().since, earlierEnd(now).value_or(start_.wall));
   if (const auto absent = absence(now)) append(all, *absent);
   for (const Health::Gap& gap : gaps_.ended()) append(all, gap);
   if (const auto open = gaps_.open(now)) append(all, *open);

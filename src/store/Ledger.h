@@ -46,8 +46,8 @@ class Ledger {
   /// For a checkpoint: puts what has changed into the metadata, for the caller to save; false when that is nothing.
   bool refresh(Context& context);
 
-  /// Positions that were acknowledged without an answer, and what stands for them, ascending; absent while what the file
-  /// knows of them cannot be read.
+  /// Positions that were acknowledged without an answer, and what stands for them, ascending; absent while what the
+  /// file knows of them cannot be read.
   std::optional<std::vector<Health::Range>> givenUp(Context& context);
 
   Health::Positions positions() const;  ///< what is not counted in the store
@@ -78,8 +78,8 @@ class Ledger {
   std::int64_t removedInFile_ GUARDED_BY(mutex_) = 0;
   /// When an earlier process was seen; some of these are to come where a clock was wrong, now or then.
   std::vector<platform::Date> seen_ GUARDED_BY(mutex_);
-  std::optional<LedgerText> written_ GUARDED_BY(mutex_);         ///< by this process
-  bool isUnreadableTold_ = false;                                ///< touched in blocks of the context only
+  std::optional<LedgerText> written_ GUARDED_BY(mutex_);  ///< by this process
+  bool isUnreadableTold_ = false;                         ///< touched in blocks of the context only
 };
 
 }  // namespace tarvo

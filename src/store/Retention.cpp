@@ -56,7 +56,8 @@ void Retention::didSave() {
   if (!newest || !last) return;
   if (limits.positionAge) {
     const auto oldest = platform::Clock::current()->now() - std::max(*limits.positionAge, Seconds(0));
-    if (const auto end = lastStoredUntil(oldest)) remove({{"eventTimestamp", Operator::atMost, oldest}}, *end, kMostAtOnce);
+    if (const auto end = lastStoredUntil(oldest))
+      remove({{"eventTimestamp", Operator::atMost, oldest}}, *end, kMostAtOnce);
   }
   const auto highest = last->empty() ? std::nullopt : last->front()->integer(attribute::locations::index);
   if (limits.storeBytes && highest) keepStoreSmall(*limits.storeBytes, *highest);

@@ -61,10 +61,10 @@ TEST_F(Erasure, LeavesNothingOnTheDiskNorInMemoryAndTheNextUserBeginsAtZero) {
   EXPECT_NE(filesIn(home.path(), marks).find(".jsonl"), std::string::npos);
   EXPECT_EQ(filesIn(home.path(), {">secret<", " secret", "\"secret\"", "a2V5OnNlY3JldA"}), "") << "of the API key";
 
-  const test::TempDir links;  // what will be removed, as the disk has it; settings are replaced once more before
+  const test::TempDir links;  // what will be removed, as the disk has it
   int n = 0;
   for (const auto& entry : fs::recursive_directory_iterator(home.path()))
-    if (entry.is_regular_file() && entry.path().extension() != ".plist")
+    if (entry.is_regular_file() && !entry.path().filename().native().starts_with("sandbox"))
       fs::create_hard_link(entry, links.path() / std::to_string(n++));
 
   EXPECT_TRUE(tarvo.eraseEverything());

@@ -27,7 +27,7 @@ TEST(Gaps, AreSilencesOverFiveMinutesWhateverTheClockShowsCutWhereTheirCauseChan
       {9000, 310, true, {}, ""},  // the clock was set forward, then back
       {1000, 400, true, {}, ""},
       {900, 4000, true, {}, "-2700-900 receiver_silent "},  // long, and the clock was set back
-      {1100, 4200, false, stopped, ""},  // takes over the short time before
+      {1100, 4200, false, stopped, ""},                     // takes over the short time before
       {1500, 4600, false, background, "900-1500 stopped "},
       {1900, 5000, false, {}, "1500-1900 background "},
       {2300, 5400, true, {}, "1900-2300 receiver_silent "}};

@@ -51,10 +51,10 @@ class NSManagedObjectContext {
   struct Numbers {
     std::int64_t first, last;
   };
-  /// Looks at the rows of a request for an entity that counts, those of the numbers `among`, `fetchLimit` of them in its
-  /// order, and removes those which match `matching` and which nobody holds an object of, `most` at the most, in one
-  /// transaction of its own that makes no objects. Nothing is removed while anything is unsaved. What is removed stays
-  /// counted: see `removedRows`.
+  /// Looks at the rows of a request for an entity that counts, those of the numbers `among`, `fetchLimit` of them in
+  /// its order, and removes those which match `matching` and which nobody holds an object of, `most` at the most, in
+  /// one transaction of its own that makes no objects. Nothing is removed while anything is unsaved. What is removed
+  /// stays counted: see `removedRows`.
   Result<Removal> removeRows(const NSFetchRequest& request, Numbers among, const std::vector<NSPredicate>& matching,
                              std::size_t most);
   /// How many rows of an entity `removeRows` has taken since the store was made. A number that counts on is that of the
