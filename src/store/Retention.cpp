@@ -8,6 +8,7 @@
 #include <tarvo/platform/Clock.h>
 
 #include "log/Log.h"
+#include "log/LogFolder.h"
 #include "settings/Settings.h"
 #include "store/Attributes.h"
 #include "store/Ledger.h"
@@ -47,6 +48,7 @@ bool Retention::isDue(const StorageLimits& limits) {
 
 void Retention::didSave() {
   const StorageLimits limits = Settings::shared().storageLimits.get();
+  if (limits.logAge || limits.logBytes) lookAtLogs();
   if (!isDue(limits)) return;
   auto& context = store_.managedObjectContext();
   // Rows whose objects are in use stay.
@@ -61,6 +63,13 @@ void Retention::didSave() {
   }
   const auto highest = last->empty() ? std::nullopt : last->front()->integer(attribute::locations::index);
   if (limits.storeBytes && highest) keepStoreSmall(*limits.storeBytes, *highest);
+}
+
+/// The log looks at its folder when it writes, which it may have stopped to do.
+void Retention::lookAtLogs() {
+  const Seconds now = platform::Clock::current()->monotonic();
+  if (logsLookedAt_ && now - *logsLookedAt_ < kBetweenLooks) return;
+  if (Log::serialQueue().async([] { LogFolder::shared().admits({}, 0); })) logsLookedAt_ = now;
 }
 
 void Retention::keepStoreSmall(std::uint64_t bound, std::int64_t last) {

@@ -15,7 +15,7 @@ class Ledger;
 class ObjectStore;
 
 /// Keeps the stored positions within the limits that the host has set: takes acknowledged ones, the oldest first, and
-/// tells the ledger.
+/// tells the ledger. Has the log files looked at, too.
 ///
 /// Always stay: what awaits its upload, what the end of a transfer has acknowledged without an answer (the backend may
 /// not have it), the newest position by fix time, which events and push messages store again, and the one with the
@@ -32,6 +32,7 @@ class Retention {
 
  private:
   bool isDue(const StorageLimits& limits);
+  void lookAtLogs();
   std::optional<std::int64_t> lastStoredUntil(platform::Date moment);
   void keepStoreSmall(std::uint64_t bound, std::int64_t last);
   /// Those that match `old`, up to number `last`.
@@ -42,7 +43,7 @@ class Retention {
   ObjectStore& store_;
   Ledger& ledger_;
   StorageLimits limits_;  ///< of the latest look
-  std::optional<platform::Seconds> lookedAt_;
+  std::optional<platform::Seconds> lookedAt_, logsLookedAt_;
   int saves_ = 0;  ///< since then
   bool isMoreLeft_ = false;
 };

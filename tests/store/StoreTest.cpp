@@ -8,6 +8,7 @@
 #include <tarvo/platform/Device.h>
 #include <tarvo/platform/SystemLog.h>
 
+#include "log/Log.h"
 #include "persistence/TestStore.h"
 #include "platform/foundation/Json.h"
 #include "platform/foundation/Text.h"
@@ -43,6 +44,8 @@ using UploadBody = StoredPositions;
 using Acknowledgement = StoredPositions;
 
 TEST_F(StoredPositions, LoseWhatIsAcknowledgedAndOldAndNumbersGoOnBehindTheHighestEverGiven) {
+  const auto log = file.parent_path() / "TarvoLog_2016-01-01_U-1_IOS.txt";
+  std::ofstream(log) << "nothing is logged any more";
   Ledger ledger;
   Retention retention(store, ledger);
   store.setAfterSave([&] { retention.didSave(); });
@@ -56,7 +59,7 @@ TEST_F(StoredPositions, LoseWhatIsAcknowledgedAndOldAndNumbersGoOnBehindTheHighe
     clock->advance(Seconds(3600));
     collect(100, 100);
     ledger.didAcknowledge({10, 19}, /*answered=*/false, clock->now());
-    Settings::shared().storageLimits.set({.positionAge = Seconds(1800)});
+    Settings::shared().storageLimits.set({.positionAge = Seconds(1800), .logAge = Seconds(86400)});
     const auto held = Locations::getAllLocations(context).back();  // 600, in use
     for (const std::int64_t stored : {601, 413, 414}) {
       collect(1, 0);
@@ -68,6 +71,8 @@ TEST_F(StoredPositions, LoseWhatIsAcknowledgedAndOldAndNumbersGoOnBehindTheHighe
     EXPECT_EQ(Locations::counts(context).lastIndex, 1602);
   });
   EXPECT_EQ(test::ask(file, "SELECT value FROM _metadata WHERE name = 'Locations.keys'"), "1602 1189 1189");
+  Log::serialQueue().sync([] {});
+  EXPECT_FALSE(std::filesystem::exists(log));
 }
 
 TEST_F(StoredPositions, OfABoundedStoreTakeTheRoomOfTheOldestOnesAlsoInLaterProcesses) {
