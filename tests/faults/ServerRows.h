@@ -57,8 +57,9 @@ inline constexpr Call kCalls[] = {
      R"({"success":true,"prediction_id":8,"start_time":"s","arrival_time":"a","probability":1,"destination_lon":2.5,)"
      R"("destination_lat":48,"route":{"r":1},"destination_json":{"d":2},"start_name":"Home","arrival_name":"Work",)"
      R"("duration":12.5})"},
-    {"pasttrips", R"({"success":true,"trips":[{"pasttrip_id":7,"departure_lat":48,"departure_lon":11,"arrival_lat":48,)"
-                  R"("arrival_lon":11,"start_time":"2024-06-15T10:00:00.000+0000","route":{"type":"LineString"}}]})"},
+    {"pasttrips",
+     R"({"success":true,"trips":[{"pasttrip_id":7,"departure_lat":48,"departure_lon":11,"arrival_lat":48,)"
+     R"("arrival_lon":11,"start_time":"2024-06-15T10:00:00.000+0000","arrival_time":"","route":{"type":"LineString"}}]})"},
     {"pois", R"({"success":true,"pois":[{"poi_id":3,"lat":48,"lon":11,"point_geo_json":{},"zone_geo_json":{"z":1}}]})"},
     {"userconf", R"({"success":true,"results":[{"log_level":10}]})"},
     {"uplog", R"({"success":true,"results":"uploaded","file":"TarvoLog_2024-06-01_u_IOS.txt"})"},

@@ -48,7 +48,11 @@ inline Operations operations(Host& host, bool user, bool outside) {
       [](auto& t, auto n) { t.setDelegate(n % 2 ? t.delegate() : std::make_shared<test::DiaryDelegate>()); },
       [](auto& t, auto) { t.setUNSET_TAGS_LIST({}), t.setSET_TAGS_LIST(t.SET_TAGS_LIST()); },
       [](auto&, auto) { NetworkManager::setSUBSCRIPTION_LIST(NetworkManager::SUBSCRIPTION_LIST()); },
-      [](auto& t, auto) { t.setDeliveryOptions(t.deliveryOptions()), t.setStorageLimits(t.storageLimits()); },
+      [](auto& t, auto n) { t.setDeliveryOptions({.confirmed = n % 2 == 0, .dropsProtocolBreaks = n % 3 == 0}); },
+      [](auto& t, auto n) {
+        t.setStorageLimits(n % 2 ? t.storageLimits() : StorageLimits{Seconds(1e9), 1 << 30, {}, n});
+      },
+      [](auto& t, auto) { t.probe([] {}); },
       [](auto& t, auto) { t.setClientID(t.clientID()), t.setBundleID(t.bundleID()); },
       [](auto& t, auto) { t.setDeviceToken(t.deviceToken()), t.setLastPrediction(t.LastPrediction()); },
       [](auto&, auto) { engine().foregroundMode(), engine().refreshLoc(), engine().claimStore(0.01); },
@@ -76,7 +80,8 @@ inline Operations operations(Host& host, bool user, bool outside) {
   };
   if (user) all.push_back([](auto&, auto) { NetworkManager().getNextTrip(), NetworkManager().getPOI(); });
   if (user) all.push_back([](auto&, auto) { NetworkManager().getLocationHistoryEXTRAPOLATED(); });
-  if (outside) all.push_back([](auto&, auto) { Tarvo::waitUntilIdle(0.01); });
+  if (outside)
+    all.push_back([](auto&, auto n) { n % 2 ? void(Tarvo::waitUntilIdle(0.01)) : void(Tarvo::flush(0.01)); });
   return all;
 }
 

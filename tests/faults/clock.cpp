@@ -29,7 +29,9 @@ void timer(double seconds) {
 
 /// What is under way while the wall clock is set, and then set right, or while the machine sleeps and all clocks go on.
 /// It begins some seconds before midnight, which comes in the second stage.
-void stages(Host& host, double seconds, bool isAsleep) {
+/// By default, or confirmed and with limits on what is stored.
+void stages(Host& host, double seconds, bool isAsleep, bool hasOptions = false) {
+  Tarvo::setDeliveryOptions({.confirmed = hasOptions});
   host.clock->advance(Seconds(14 * 3600 - 180.25 - 5));
   const auto clock = test::SetClock::installed(host.clock);
   host.startBackend();
@@ -70,10 +72,13 @@ void stages(Host& host, double seconds, bool isAsleep) {
   clock->offset = 0;
   host.clock->advance(Seconds(180));
   std::int64_t stored = tarvo.syncStatus().stored;
+  bool isMostRemoved = false;
   for (const auto& [stage, begin, stores] : all) {
     SCOPED_TRACE(stage);
     host.collect(2);
     begin();
+    // A new limit is looked at with the next position, whatever the clock shows then.
+    if (hasOptions) Tarvo::setStorageLimits({.positionAge = Seconds(1800.0 + stored), .logAge = Seconds(86400)});
     LocationService::shared().deliver({Host::fixAt(-1.0 * stored, Host::kStart)});
     faults.release();
     host.waitUntilIdle();
@@ -81,12 +86,15 @@ void stages(Host& host, double seconds, bool isAsleep) {
     host.drive(1);
     host.settle();
     stored += 2 + stores + 2;
-    EXPECT_EQ(tarvo.syncStatus().stored, stored);
+    const auto removed = tarvo.health().positions.removed;
+    EXPECT_EQ(tarvo.syncStatus().stored + removed, stored);
+    isMostRemoved = removed > 2;
     const auto holdings = host.backend.holdings();
     EXPECT_TRUE(holdings.positions == stored && holdings.missing == 0);
     // A clock that leaps takes a channel in use for a stale one: what awaits its answer is posted once more.
     EXPECT_LE(holdings.repeats, seconds >= 180 ? holdings.positions : 0);
   }
+  EXPECT_EQ(isMostRemoved, hasOptions && seconds > 1800) << "with a clock that is ahead";
   EXPECT_FALSE(fs::exists(log));
   EXPECT_GE(host.backend.holdings().logs, 1);
   for (const auto& entry : fs::directory_iterator(log.parent_path())) {
@@ -102,6 +110,8 @@ std::vector<Row> rows(const Driver&) {
   for (const double by : {1., -1., 3600., -3600., 86400., -86400., 3652 * 86400., -3652 * 86400.}) {
     all.push_back({platform::concat("timer, clock set by ", by, " s"), [=](Host&) { timer(by); }});
     all.push_back({platform::concat("stages, clock set by ", by, " s"), [=](Host& host) { stages(host, by, false); }});
+    all.push_back({platform::concat("stages, confirmed and limited, clock set by ", by, " s"),
+                   [=](Host& host) { stages(host, by, false, true); }});
   }
   return all;
 }

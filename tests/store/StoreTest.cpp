@@ -1,5 +1,7 @@
 #include "store/Locations.h"
 
+#include <algorithm>
+#include <cstring>
 #include <fstream>
 #include <numeric>
 #include <tuple>
@@ -73,6 +75,32 @@ TEST_F(StoredPositions, LoseWhatIsAcknowledgedAndOldAndNumbersGoOnBehindTheHighe
   EXPECT_EQ(test::ask(file, "SELECT value FROM _metadata WHERE name = 'Locations.keys'"), "1602 1189 1189");
   Log::serialQueue().sync([] {});
   EXPECT_FALSE(std::filesystem::exists(log));
+}
+
+TEST_F(StoredPositions, ThatGoAreOverwrittenInTheFile) {
+  Ledger ledger;
+  Retention retention(store, ledger);
+  store.setAfterSave([&] { retention.didSave(); });
+  const double latitude = 12.3456789;
+  std::string bytes(sizeof latitude, '\0');  // the first one last
+  std::memcpy(bytes.data(), &latitude, sizeof latitude);
+  std::reverse(bytes.begin(), bytes.end());
+  within([&](Context& context) {
+    const auto isInFile = [&] {
+      EXPECT_FALSE(context.coordinator().checkpoint());
+      return platform::readFile(file)->find(bytes) != std::string::npos;
+    };
+    add(context, latitude)->setBoolean(at::unsent, false);
+    add(context);
+    store.saveContext();
+    EXPECT_TRUE(isInFile());
+    Settings::shared().storageLimits.set({.positionAge = Seconds(0)});
+    clock->advance(Seconds(1));
+    add(context);
+    store.saveContext();
+    EXPECT_EQ(ledger.positions().removed, 1);
+    EXPECT_FALSE(isInFile());
+  });
 }
 
 TEST_F(StoredPositions, OfABoundedStoreTakeTheRoomOfTheOldestOnesAlsoInLaterProcesses) {
