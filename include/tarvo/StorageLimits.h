@@ -13,7 +13,7 @@ namespace tarvo {
 struct StorageLimits {
   /// Positions that the backend has acknowledged and that were stored longer ago than this go. Numbering goes on behind
   /// the highest number ever given. By the installed clock; the newest by fix time, the one with the highest number and
-  /// `Health::Positions::acknowledgedWithoutAnswer` always stay. With DeliveryOptions::confirmed there are none of those.
+  /// what was acknowledged without an answer (see Health) always stay; with DeliveryOptions::confirmed nothing is.
   std::optional<platform::Seconds> positionAge{};
   /// While the store's file holds more bytes than this, free pages apart (it does not shrink), the oldest positions
   /// that the backend has acknowledged go. What awaits its upload, or was acknowledged without an answer, always stays,

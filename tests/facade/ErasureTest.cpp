@@ -27,6 +27,14 @@ std::string filesIn(const fs::path& home, const std::vector<std::string>& texts)
   return found;
 }
 
+/// What is removed stays there as the disk has it.
+void linkFiles(const fs::path& home, const fs::path& links) {
+  int number = 0;
+  for (const auto& entry : fs::recursive_directory_iterator(home))
+    if (entry.is_regular_file() && !entry.path().filename().native().starts_with("sandbox"))
+      fs::create_hard_link(entry, links / std::to_string(number++));
+}
+
 struct Erasure : test::WholeSdk {
   /// Positions, a trip, a place, settings, an identifier, a log file and an upload of one in the journal.
   void fill(Tarvo& tarvo) {
@@ -61,12 +69,8 @@ TEST_F(Erasure, LeavesNothingOnTheDiskNorInMemoryAndTheNextUserBeginsAtZero) {
   EXPECT_NE(filesIn(home.path(), marks).find(".jsonl"), std::string::npos);
   EXPECT_EQ(filesIn(home.path(), {">secret<", " secret", "\"secret\"", "a2V5OnNlY3JldA"}), "") << "of the API key";
 
-  const test::TempDir links;  // what will be removed, as the disk has it
-  int n = 0;
-  for (const auto& entry : fs::recursive_directory_iterator(home.path()))
-    if (entry.is_regular_file() && !entry.path().filename().native().starts_with("sandbox"))
-      fs::create_hard_link(entry, links.path() / std::to_string(n++));
-
+  const test::TempDir links;
+  linkFiles(home.path(), links.path());
   EXPECT_TRUE(tarvo.eraseEverything());
   backend.faults().release();
   waitUntilIdle();
