@@ -11,10 +11,7 @@ constexpr std::chrono::milliseconds kPause{100};
 
 Feed::Feed(Store& store) : store_(store), thread_([this] { poll(); }) {}
 
-Feed::~Feed() {
-  stop();
-  thread_.join();
-}
+Feed::~Feed() { stop(); }
 
 std::optional<std::int64_t> Feed::waitBeyond(std::int64_t after, std::chrono::milliseconds longest) {
   std::unique_lock lock(mutex_);
@@ -26,10 +23,13 @@ std::optional<std::int64_t> Feed::waitBeyond(std::int64_t after, std::chrono::mi
 }
 
 void Feed::stop() {
-  const std::lock_guard lock(mutex_);
-  stopped_ = true;
-  changed_.notify_all();
-  wanted_.notify_all();
+  {
+    const std::lock_guard lock(mutex_);
+    stopped_ = true;
+    changed_.notify_all();
+    wanted_.notify_all();
+  }
+  if (thread_.joinable()) thread_.join();
 }
 
 void Feed::poll() {

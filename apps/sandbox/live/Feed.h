@@ -25,7 +25,7 @@ class Feed {
   /// Waits for an event with a higher number, at most `longest`. Returns the newest that is known, or nothing once the
   /// feed has been stopped.
   std::optional<std::int64_t> waitBeyond(std::int64_t after, std::chrono::milliseconds longest);
-  /// Ends every wait, for good.
+  /// Ends every wait and the asking, for good. One thread at a time.
   void stop();
 
  private:
